@@ -1,0 +1,23 @@
+# Every compiler flag that can change a bit of a result, with its reason. Nothing outside this file
+# may set one; tests/python/test_repository.py and tests/cpp/numerics_test.cc fail when one is lost.
+
+add_library(bitfold_numerics INTERFACE)
+
+target_compile_options(
+  bitfold_numerics
+  INTERFACE
+    # A product and a sum are two roundings, also where the machine has a fused instruction.
+    -ffp-contract=off
+    # Undoes a -ffast-math that came in through CXXFLAGS: it would reorder sums, turn divisions into
+    # multiplications, drop NaN and the sign of zero, and link code that flushes subnormals.
+    -fno-fast-math
+    # Rounding to nearest is what the compiler may assume when it folds constants; the ops set that
+    # mode before they compute.
+    -fno-rounding-math
+    # Nothing relies on signed overflow; were some left, it must not depend on the optimiser.
+    -fwrapv)
+
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(i[3-6]86)$")
+  # The x87 unit keeps excess precision.
+  target_compile_options(bitfold_numerics INTERFACE -msse2 -mfpmath=sse)
+endif()

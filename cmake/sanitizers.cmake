@@ -1,0 +1,15 @@
+# Sanitizers over everything in the build, as a list such as "address;undefined".
+
+set(BITFOLD_SANITIZE
+    ""
+    CACHE STRING "Sanitizers to build with")
+
+if(BITFOLD_SANITIZE)
+  string(REPLACE ";" "," names "${BITFOLD_SANITIZE}")
+  add_compile_options(-fsanitize=${names} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${names})
+  if("undefined" IN_LIST BITFOLD_SANITIZE)
+    # -fwrapv would make signed overflow defined and so hide it; it must not occur at all.
+    add_compile_options(-fsanitize=signed-integer-overflow,float-cast-overflow)
+  endif()
+endif()

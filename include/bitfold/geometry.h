@@ -1,0 +1,111 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The geometry of a convolution's window along one axis (rules G1 to G3 of docs/arithmetic.md).
+// All arithmetic is 32-bit two's complement and division truncates toward zero, so that absurd
+// strides and dilations are defined too. Strides must not be 0.
+
+#ifndef BITFOLD_GEOMETRY_H_
+#define BITFOLD_GEOMETRY_H_
+
+#include <cstdint>
+
+#include "bitfold/host_device.h"
+#include "bitfold/int32_arithmetic.h"
+
+namespace bitfold {
+
+// Same values as the runtime's enumeration, which this header does not include.
+enum class Padding : int { kValid = 1, kSame = 2 };
+
+// Indices of the filter's dimensions: [height, width, in channels, out channels], one further on
+// when `more_than_four_dimensions` is 1 (a leading dimension that selects a filter per image).
+BITFOLD_HOST_DEVICE constexpr int get_filter_dim_height(int more_than_four_dimensions) {
+  return more_than_four_dimensions;
+}
+BITFOLD_HOST_DEVICE constexpr int get_filter_dim_width(int more_than_four_dimensions) {
+  return more_than_four_dimensions + 1;
+}
+BITFOLD_HOST_DEVICE constexpr int get_filter_dim_in_channels(int more_than_four_dimensions) {
+  return more_than_four_dimensions + 2;
+}
+BITFOLD_HOST_DEVICE constexpr int get_filter_dim_out_channels(int more_than_four_dimensions) {
+  return more_than_four_dimensions + 3;
+}
+
+// The extent of a filter whose taps lie `dilation` apart.
+BITFOLD_HOST_DEVICE constexpr int EffectiveFilterSize(int filter, int dilation) {
+  return WrapAdd(WrapMultiply(WrapSubtract(filter, 1), WrapSubtract(dilation, 1)), filter);
+}
+
+// The number of outputs. VALID with a window larger than the input can still give 1, because the
+// division truncates; below 0 the caller refuses.
+BITFOLD_HOST_DEVICE constexpr int getOutputSize(int input, int filter, int stride, int dilation,
+                                                Padding padding) {
+  const int span = padding == Padding::kValid
+                       ? WrapSubtract(input, EffectiveFilterSize(filter, dilation))
+                       : WrapSubtract(input, 1);
+  return WrapAdd(WrapDivide(span, stride), 1);
+}
+
+// The input coordinate of the centre of the first output's window; its first tap lies
+// EffectiveFilterSize / 2 before it.
+//
+// The second rule for SAME is the accelerator's and wins even where the third would give a
+// positive start: an input of 9 with a filter of 5 at stride 3 pads 2 in all, and starts at 0, not
+// at 1.
+BITFOLD_HOST_DEVICE constexpr int getInputStartIndex(int input, int filter, int stride,
+                                                     int dilation, Padding padding) {
+  const int effective = EffectiveFilterSize(filter, dilation);
+  const int half = effective / 2;
+  if (padding == Padding::kValid) return half;
+  const int outputs = getOutputSize(input, filter, stride, dilation, padding);
+  const int pad_total =
+      WrapAdd(WrapSubtract(WrapMultiply(WrapSubtract(outputs, 1), stride), input), effective);
+  if (pad_total % 2 == 0 && effective % 2 != 0) return 0;
+  if (pad_total < 0) return 0;
+  return WrapSubtract(half, pad_total / 2);
+}
+
+// The windows of one axis, ready for the loops.
+struct WindowAxis {
+  int32_t input;     // extent of the input
+  int32_t taps;      // extent of the filter
+  int32_t outputs;   // getOutputSize
+  int32_t first;     // input coordinate of tap 0 of output 0
+  int32_t half;      // distance of the centre tap from tap 0
+  int32_t stride;
+  int32_t dilation;
+
+  BITFOLD_HOST_DEVICE constexpr WindowAxis(int32_t input_size, int32_t filter_size,
+                                           int32_t stride_value, int32_t dilation_value,
+                                           Padding padding)
+      : input(input_size),
+        taps(filter_size),
+        outputs(getOutputSize(input_size, filter_size, stride_value, dilation_value, padding)),
+        first(WrapSubtract(
+            getInputStartIndex(input_size, filter_size, stride_value, dilation_value, padding),
+            EffectiveFilterSize(filter_size, dilation_value) / 2)),
+        half(EffectiveFilterSize(filter_size, dilation_value) / 2),
+        stride(stride_value),
+        dilation(dilation_value) {}
+
+  // The input coordinate of a tap; it may lie outside the input.
+  BITFOLD_HOST_DEVICE constexpr int32_t Coordinate(int32_t output, int32_t tap) const {
+    return WrapAdd(WrapAdd(first, WrapMultiply(output, stride)), WrapMultiply(tap, dilation));
+  }
+
+  BITFOLD_HOST_DEVICE constexpr bool Contains(int32_t coordinate) const {
+    return 0 <= coordinate && coordinate < input;
+  }
+
+  // True for exactly one tap when the filter's extent is odd or its dilation is 1. Never for an
+  // even extent with a dilation above 1: no tap lies in the middle then.
+  BITFOLD_HOST_DEVICE constexpr bool IsCentre(int32_t tap) const {
+    return WrapMultiply(tap, dilation) == half;
+  }
+};
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_GEOMETRY_H_

@@ -1,0 +1,88 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The feed repeat: a scaled operand is added into the accumulator as often as the feed says (rules
+// R1 to R3 of docs/arithmetic.md).
+
+#ifndef BITFOLD_REPEATED_ADDITION_H_
+#define BITFOLD_REPEATED_ADDITION_H_
+
+#include <cstdint>
+
+#include "bitfold/datapath.h"
+
+namespace bitfold {
+
+// The largest feed repeat that the ops accept: 2^31.
+inline constexpr float kMaxFeedRepeat = 2147483648.0f;
+
+// The number of passes of the feed: none when feed_repeat <= 0, else the smallest k >= 1 with
+// (float)k >= feed_repeat. Up to 2^24 that is the ceiling; above, (float)k rounds, so fewer passes
+// than feed_repeat can do.
+// Requires feed_repeat <= kMaxFeedRepeat, which NaN and +infinity are not.
+inline int64_t FeedRepeatCount(float feed_repeat) {
+  if (0.0f >= feed_repeat) return 0;
+  // (float)k never falls as k grows, and (float)2^31 >= feed_repeat: bisect.
+  int64_t low = 1;
+  int64_t high = int64_t{1} << 31;
+  while (low < high) {
+    const int64_t middle = low + (high - low) / 2;
+    if (static_cast<float>(middle) >= feed_repeat) {
+      high = middle;
+    } else {
+      low = middle + 1;
+    }
+  }
+  return low;
+}
+
+// The definition: every pass is made.
+struct EveryPass {
+  template <typename T>
+  T operator()(const Datapath<T>& datapath, T acc, T addend, int64_t passes) const {
+    for (int64_t k = 0; k < passes; ++k) acc = datapath.Accumulate(acc, addend);
+    return acc;
+  }
+};
+
+// The same bits without the passes that can be proven: what the kernels use. Floats make every
+// pass, since each may print a line.
+//
+// Integers: let P = max - min + 1 be the accumulator's period. If acc is in range and |addend| <= P,
+// one wrap after each addition brings acc back into range, congruent to the plain sum modulo P
+// (theorem 1 of docs/arithmetic.md). So from the first pass that starts in range, the rest is the
+// one value of [min, max] congruent to acc + passes * addend.
+struct ProvenPasses {
+  float operator()(const Datapath<float>& datapath, float acc, float addend,
+                   int64_t passes) const {
+    return EveryPass{}(datapath, acc, addend, passes);
+  }
+
+  // Requires passes <= 2^31, so that passes * addend stays within +-2^62.
+  int32_t operator()(const Datapath<int32_t>& datapath, int32_t acc, int32_t addend,
+                     int64_t passes) const {
+    const int64_t min = datapath.limits().min;
+    const int64_t max = datapath.limits().max;
+    const int64_t period = max - min + 1;
+    for (; passes > 0; --passes) {
+      const bool proven = min <= acc && acc <= max && -period <= addend && addend <= period;
+      if (proven && passes > 1) break;
+      acc = datapath.Accumulate(acc, addend);
+    }
+    if (passes == 0) return acc;
+    const int64_t offset = (acc + passes * addend - min) % period;
+    return static_cast<int32_t>(min + (offset < 0 ? offset + period : offset));
+  }
+};
+
+// One output element of an addition op: `product` scaled by the shift and added `passes` times to
+// `value`, which half-precision mode quantises first.
+template <typename T, typename Passes>
+T AddRepeatedly(const Datapath<T>& datapath, T value, T product, int64_t passes,
+                Passes add_passes) {
+  return add_passes(datapath, datapath.InitialValue(value), datapath.ScaleProduct(product), passes);
+}
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_REPEATED_ADDITION_H_

@@ -1,0 +1,24 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Bit-exact accelerator arithmetic as TensorFlow operations.
+
+Importing the package loads the op library once. ``bitfold.ops`` holds the ops as people know them
+from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
+those of the registered operations.
+
+Example:
+    >>> import bitfold
+    >>> value, operand = [[100]], [[50]]
+    >>> bitfold.ops.add(value, operand, accumulator_size=8).numpy()  # 150 wraps at 8 bits
+    array([[-106]], dtype=int32)
+"""
+
+from bitfold import _library
+from bitfold._build_info import VERSION as __version__
+from bitfold._library import include_dir, library_path
+
+raw_ops = _library.load()
+
+from bitfold import ops  # noqa: E402  (needs the library)
+
+__all__ = ["__version__", "include_dir", "library_path", "ops", "raw_ops"]

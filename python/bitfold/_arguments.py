@@ -1,0 +1,126 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Turns what callers pass into the tensors that the ops take, losing nothing silently."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from typing import Any
+
+import numpy as np
+import tensorflow as tf
+
+# Narrower types that the ops' two element types hold exactly.
+_WIDENED = {
+    tf.int8: tf.int32,
+    tf.uint8: tf.int32,
+    tf.int16: tf.int32,
+    tf.uint16: tf.int32,
+    tf.bool: tf.int32,
+    tf.float16: tf.float32,
+    tf.bfloat16: tf.float32,
+}
+_ELEMENT_TYPES = (tf.float32, tf.int32)
+
+
+def element_tensor(x: Any, name: str, dtype: tf.DType | None = None) -> tf.Tensor:
+    """Return `x` as a tensor of an element type of the ops.
+
+    Args:
+        x: a tensor, variable, numpy array, nested list or number.
+        name: the argument's name, for errors.
+        dtype: the element type it must get; by default the one that `x` has or widens to.
+
+    Returns:
+        A float32 or int32 tensor. Narrower types widen; int64 data narrows where every value fits.
+
+    Raises:
+        TypeError: for other types, and where `x` cannot become `dtype` exactly.
+        ValueError: for int64 data with values that no int32 holds.
+    """
+    if not tf.is_tensor(x):
+        x = _host_array(x, name, dtype)
+    tensor = tf.convert_to_tensor(x)
+    if tensor.dtype in _WIDENED:
+        tensor = tf.cast(tensor, _WIDENED[tensor.dtype])
+    wanted = _ELEMENT_TYPES if dtype is None else (dtype,)
+    if tensor.dtype not in wanted:
+        raise TypeError(
+            f"{name} must be {' or '.join(t.name for t in wanted)}, got {tensor.dtype.name}; "
+            "convert it first (tf.cast or numpy's astype)"
+        )
+    return tensor
+
+
+def _host_array(x: Any, name: str, dtype: tf.DType | None) -> Any:
+    """Convert lists, numbers and int64 arrays as far as no value changes."""
+    array = np.asarray(x)
+    listed = not isinstance(x, (np.ndarray, np.generic))
+    if array.dtype == np.int64 or (array.size == 0 and listed):
+        if array.size and (array.min() < -(2**31) or array.max() >= 2**31):
+            raise ValueError(f"{name} holds int64 values that no int32 holds")
+        array = array.astype(np.int32)
+    if listed and array.dtype == np.float64:
+        array = array.astype(np.float32)
+    if listed and dtype == tf.float32 and array.dtype == np.int32:
+        as_float = array.astype(np.float32)
+        if (as_float.astype(np.int64) != array).any():
+            raise TypeError(f"{name} holds integers that no float32 holds")
+        return as_float
+    return array
+
+
+def scalar_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
+    """Return a scalar input of an op: a tensor passes, a number becomes one exactly.
+
+    Raises:
+        TypeError: for a tensor of another type and for a number that is no integer where one is
+            needed.
+        ValueError: for a number outside the type's range.
+    """
+    if tf.is_tensor(x):
+        if x.dtype != dtype:
+            raise TypeError(f"{name} must be {dtype.name}, got {x.dtype.name}")
+        return x
+    if not dtype.is_integer:
+        return tf.convert_to_tensor(np.asarray(x, np.float32), dtype)
+    value = np.asarray(x)
+    if value.dtype.kind not in "iub" and not (value == np.floor(value)).all():
+        raise TypeError(f"{name} must be an integer, got {x}")
+    if (value < dtype.min).any() or (value > dtype.max).any():
+        raise ValueError(f"{name} must lie in [{dtype.min}, {dtype.max}], got {x}")
+    return tf.convert_to_tensor(value.astype(dtype.as_numpy_dtype))
+
+
+def spatial_values(value: int | Sequence[int], name: str) -> list[int]:
+    """Return strides or dilations as the four values of an NHWC attribute.
+
+    Args:
+        value: one number for both axes, [height, width], or [1, height, width, 1].
+        name: the argument's name, for errors.
+
+    Raises:
+        ValueError: for another count, or values other than 1 for batch and channels.
+    """
+    values = [int(v) for v in np.atleast_1d(value)]
+    if len(values) == 1:
+        values *= 2
+    if len(values) == 2:
+        values = [1, *values, 1]
+    if len(values) != 4 or values[0] != 1 or values[3] != 1:
+        raise ValueError(
+            f"{name} must be one number, [height, width] or [1, height, width, 1], got {value}"
+        )
+    return values
+
+
+def padding_name(padding: str) -> str:
+    """Return "SAME" or "VALID" for either in any case.
+
+    Raises:
+        ValueError: for any other text.
+    """
+    name = str(padding).upper()
+    if name not in ("SAME", "VALID"):
+        raise ValueError(f'padding must be "SAME" or "VALID", got {padding!r}')
+    return name

@@ -1,0 +1,91 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// What every op does around its arithmetic, written once: reading the shared attributes, checking
+// that the inputs hold what will be read, and zero-filling what stays unwritten. Refusals read
+// "Need <what is needed>, got <what came>".
+
+#ifndef BITFOLD_SRC_OP_FRAME_H_
+#define BITFOLD_SRC_OP_FRAME_H_
+
+#include <cstdint>
+#include <initializer_list>
+#include <type_traits>
+
+#include "absl/status/status.h"
+#include "absl/strings/str_cat.h"
+#include "absl/strings/string_view.h"
+#include "bitfold/accumulator.h"
+#include "tensorflow/core/framework/op_kernel.h"
+#include "tensorflow/core/framework/tensor.h"
+
+namespace bitfold {
+
+using CPUDevice = Eigen::ThreadPoolDevice;
+using GPUDevice = Eigen::GpuDevice;
+using int32 = int32_t;  // kernels are registered under names like "HAddOp<CPUDevice, int32>"
+
+// An op with an accumulator. The constructor reads `accumulator_size` and refuses negative ones,
+// and for int32 data those above 32, which no int32 sum can model. A derived constructor goes on
+// only while context->status() is ok.
+template <typename T>
+class AccumulatorOp : public tensorflow::OpKernel {
+ public:
+  explicit AccumulatorOp(tensorflow::OpKernelConstruction* context) : OpKernel(context) {
+    OP_REQUIRES_OK(context, context->GetAttr("accumulator_size", &accumulator_size_));
+    OP_REQUIRES(context, accumulator_size_ >= 0,
+                absl::InvalidArgumentError(
+                    absl::StrCat("Need accumulator_size >= 0, got ", accumulator_size_)));
+    if constexpr (std::is_same_v<T, int32_t>) {
+      OP_REQUIRES(context, accumulator_size_ <= kMaxInt32AccumulatorSize,
+                  absl::InvalidArgumentError(
+                      absl::StrCat("Need accumulator_size <= ", kMaxInt32AccumulatorSize,
+                                   " for int32 data, got ", accumulator_size_)));
+    }
+  }
+
+ protected:
+  int32_t accumulator_size_ = 0;
+};
+
+// An addition op: an accumulator and whether it is the half-precision one.
+template <typename T>
+class AdditionOp : public AccumulatorOp<T> {
+ public:
+  explicit AdditionOp(tensorflow::OpKernelConstruction* context) : AccumulatorOp<T>(context) {
+    if (!context->status().ok()) return;
+    OP_REQUIRES_OK(context, context->GetAttr("use_fp16_acc", &use_fp16_acc_));
+  }
+
+ protected:
+  bool use_fp16_acc_ = false;
+};
+
+// Requires that `tensor` hold at least `needed` elements, `what` saying what they are.
+absl::Status RequireElements(const char* input, const tensorflow::Tensor& tensor, int64_t needed,
+                             absl::string_view what);
+
+// Requires an element 0, which is all that is read of a scalar input.
+absl::Status RequireScalar(const char* input, const tensorflow::Tensor& tensor);
+
+// Requires a feed repeat for which the repeat loop ends: not NaN and at most 2^31. The tensor must
+// have an element 0 in host memory.
+absl::Status RequireFeedRepeat(const char* input, const tensorflow::Tensor& tensor);
+
+// Requires every dimension to be at most 2^31 - 1, as the arithmetic takes them.
+absl::Status RequireInt32Dimensions(const char* input, const tensorflow::Tensor& tensor);
+
+// The product of sizes >= 0; INT64_MAX where it would overflow.
+int64_t SaturatingProduct(std::initializer_list<int64_t> sizes);
+
+// The product of the first `rank` dimensions in 32-bit arithmetic, as the additions count their
+// elements. Requires at least `rank` dimensions.
+int32_t ElementCount(const tensorflow::Tensor& tensor, int rank);
+
+// Zeroes the elements from `first` on, so that what an op leaves unwritten shows no stale memory.
+// `first` may be negative or beyond the end.
+void ZeroFill(tensorflow::Tensor* tensor, int64_t first);
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_OP_FRAME_H_
