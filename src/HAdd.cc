@@ -51,10 +51,9 @@ struct HAddElementwise4dFunctor<CPUDevice, T> {
                   const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
                   int d0, int d1, int d2, int d3, int accumulator_size, const int8_t* mult_shift,
                   bool use_fp16_acc) const {
-    HAddElementwise2DFunctor<CPUDevice, T>()(device, value, elementwise, elementwise_factor,
-                                             elementwise_feed_repeat, output,
-                                             WrapMultiply(d0, d1), WrapMultiply(d2, d3),
-                                             accumulator_size, mult_shift, use_fp16_acc);
+    HAddElementwise2DFunctor<CPUDevice, T>()(
+        device, value, elementwise, elementwise_factor, elementwise_feed_repeat, output,
+        WrapMultiply(d0, d1), WrapMultiply(d2, d3), accumulator_size, mult_shift, use_fp16_acc);
   }
 };
 
@@ -120,11 +119,9 @@ class HAddOp : public AdditionOp<T> {
 };
 
 // Kernels of other devices register here, before the CPU's.
-REGISTER_KERNEL_BUILDER(
-    Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-    HAddOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HAddOp<CPUDevice, int32>);
+REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+                        HAddOp<CPUDevice, float>);
+REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+                        HAddOp<CPUDevice, int32>);
 
 }  // namespace bitfold

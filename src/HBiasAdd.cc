@@ -97,9 +97,8 @@ class HBiasAddOp : public AdditionOp<T> {
 };
 
 // Kernels of other devices register here, before the CPU's.
-REGISTER_KERNEL_BUILDER(
-    Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-    HBiasAddOp<CPUDevice, float>);
+REGISTER_KERNEL_BUILDER(Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+                        HBiasAddOp<CPUDevice, float>);
 REGISTER_KERNEL_BUILDER(
     Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
     HBiasAddOp<CPUDevice, int32>);

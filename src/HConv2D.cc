@@ -70,14 +70,13 @@ absl::Status DepthwiseConv2DNativeShapeLocalImpl(InferenceContext* c) {
   TF_RETURN_IF_ERROR(c->GetAttr("dilations", &dilations));
   TF_RETURN_IF_ERROR(c->GetAttr("strides", &strides));
   if (strides.size() != 4) {
-    return absl::InvalidArgumentError(absl::StrCat(
-        "DepthwiseConv2D requires the stride attribute to contain 4 values, but got: ",
-        strides.size()));
+    return absl::InvalidArgumentError(
+        absl::StrCat("DepthwiseConv2D requires the stride attribute to contain 4 values, but got: ",
+                     strides.size()));
   }
   if (dilations.size() != 4) {
     return absl::InvalidArgumentError(absl::StrCat(
-        "Conv2D requires the dilation attribute to contain 4 values, but got: ",
-        dilations.size()));
+        "Conv2D requires the dilation attribute to contain 4 values, but got: ", dilations.size()));
   }
 
   tensorflow::TensorFormat format;
@@ -155,9 +154,9 @@ class HConv2dOp : public AccumulatorOp<T> {
     OP_REQUIRES_OK(context, RequireSpatialValues("strides", strides_));
     OP_REQUIRES_OK(context, RequireSpatialValues("dilations", dilations_));
     OP_REQUIRES(context, strides_[1] != 0 && strides_[2] != 0,
-                absl::InvalidArgumentError(
-                    absl::StrCat("Need strides other than 0, got ", strides_[1],
-                                 " along the height and ", strides_[2], " along the width")));
+                absl::InvalidArgumentError(absl::StrCat("Need strides other than 0, got ",
+                                                        strides_[1], " along the height and ",
+                                                        strides_[2], " along the width")));
   }
 
   void Compute(OpKernelContext* context) override {
@@ -203,8 +202,8 @@ class HConv2dOp : public AccumulatorOp<T> {
           absl::StrCat("Need input of rank 4, got shape ", input.shape().DebugString()));
     }
     if (filter.dims() < 4) {
-      return absl::InvalidArgumentError(absl::StrCat("Need filter of rank 4 or above, got shape ",
-                                                     filter.shape().DebugString()));
+      return absl::InvalidArgumentError(
+          absl::StrCat("Need filter of rank 4 or above, got shape ", filter.shape().DebugString()));
     }
     TF_RETURN_IF_ERROR(RequireInt32Dimensions("input", input));
     TF_RETURN_IF_ERROR(RequireInt32Dimensions("filter", filter));
@@ -216,9 +215,9 @@ class HConv2dOp : public AccumulatorOp<T> {
   // The input's channels count, not the filter's own: one with more of them is read in part.
   static absl::Status CheckOrdinaryChannels(const Tensor& input, const Tensor& filter,
                                             int leading) {
-    return RequireElements("filter", filter, FilterElements(filter, leading, input.dim_size(3)),
-                           absl::StrCat("height x width x ", input.dim_size(3),
-                                        " input channels x output channels"));
+    return RequireElements(
+        "filter", filter, FilterElements(filter, leading, input.dim_size(3)),
+        absl::StrCat("height x width x ", input.dim_size(3), " input channels x output channels"));
   }
 
   static absl::Status CheckDepthwiseChannels(const Tensor& input, const Tensor& filter,
@@ -255,11 +254,11 @@ class HConv2dOp : public AccumulatorOp<T> {
       const int32_t outputs =
           getOutputSize(input, window, strides_[axis], dilations_[axis], padding_);
       if (outputs < 0) {
-        return absl::InvalidArgumentError(absl::StrCat(
-            "Need an output ", axis == 1 ? "height" : "width", " of at least 0, got ", outputs,
-            " from an input of ", input, ", a filter of ", window, ", a stride of ",
-            strides_[axis], ", a dilation of ", dilations_[axis], " and ",
-            padding_ == Padding::kValid ? "VALID" : "SAME", " padding"));
+        return absl::InvalidArgumentError(
+            absl::StrCat("Need an output ", axis == 1 ? "height" : "width", " of at least 0, got ",
+                         outputs, " from an input of ", input, ", a filter of ", window,
+                         ", a stride of ", strides_[axis], ", a dilation of ", dilations_[axis],
+                         " and ", padding_ == Padding::kValid ? "VALID" : "SAME", " padding"));
       }
       TF_RETURN_IF_ERROR(shape->SetDimWithStatus(axis, outputs));
     }
@@ -274,12 +273,10 @@ class HConv2dOp : public AccumulatorOp<T> {
 };
 
 // Kernels of other devices register here, for HConv2d alone and before the CPU's.
-REGISTER_KERNEL_BUILDER(
-    Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-    HConv2dOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HConv2dOp<CPUDevice, int32>);
+REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+                        HConv2dOp<CPUDevice, float>);
+REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+                        HConv2dOp<CPUDevice, int32>);
 REGISTER_KERNEL_BUILDER(
     Name("HConv2dDilation").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
     HConv2dOp<CPUDevice, float>);

@@ -55,14 +55,18 @@ void convolve4DTensorSlow(const T* input, const T* filter, const T* elementwise,
     std::array<bool, kImageThreads> started{};
     for (int slot = 0; slot < group; ++slot) {
       const int32_t image = first + slot;
-      records[slot] = {input,        filter,        elementwise,  output,
-                       batch,        in_height,     in_width,     in_channels,
-                       filter_height, filter_width, out_channels, accumulator_size,
-                       strides[1],   strides[2],    dilations[1], dilations[2],
-                       padding,      mult_shift,    use_fp16_acc, is_depthwise,
-                       image,        more_than_four_dimensions != 0 ? image : 0};
-      started[slot] =
-          create(&threads[slot], nullptr, convolveOneImage<T>, &records[slot]) == 0;
+      records[slot] = {input,         filter,
+                       elementwise,   output,
+                       batch,         in_height,
+                       in_width,      in_channels,
+                       filter_height, filter_width,
+                       out_channels,  accumulator_size,
+                       strides[1],    strides[2],
+                       dilations[1],  dilations[2],
+                       padding,       mult_shift,
+                       use_fp16_acc,  is_depthwise,
+                       image,         more_than_four_dimensions != 0 ? image : 0};
+      started[slot] = create(&threads[slot], nullptr, convolveOneImage<T>, &records[slot]) == 0;
       if (!started[slot]) ConvolveImage(records[slot]);
     }
     for (int slot = 0; slot < group; ++slot) {

@@ -29,17 +29,17 @@ absl::Status RequireScalar(const char* input, const Tensor& tensor) {
 absl::Status RequireFeedRepeat(const char* input, const Tensor& tensor) {
   const float feed_repeat = tensor.flat<float>()(0);
   if (feed_repeat <= kMaxFeedRepeat) return absl::OkStatus();  // false for NaN
-  return absl::InvalidArgumentError(absl::StrCat(
-      "Need ", input, " to be a number of repeats of at most 2^31 = 2147483648, got ",
-      feed_repeat));
+  return absl::InvalidArgumentError(
+      absl::StrCat("Need ", input, " to be a number of repeats of at most 2^31 = 2147483648, got ",
+                   feed_repeat));
 }
 
 absl::Status RequireInt32Dimensions(const char* input, const Tensor& tensor) {
   for (const int64_t size : tensor.shape().dim_sizes()) {
     if (size > std::numeric_limits<int32_t>::max()) {
-      return absl::InvalidArgumentError(
-          absl::StrCat("Need every dimension of ", input,
-                       " to be at most 2147483647, got shape ", tensor.shape().DebugString()));
+      return absl::InvalidArgumentError(absl::StrCat("Need every dimension of ", input,
+                                                     " to be at most 2147483647, got shape ",
+                                                     tensor.shape().DebugString()));
     }
   }
   return absl::OkStatus();

@@ -18,8 +18,7 @@ namespace bitfold {
 // it with ProvenPasses.
 template <typename T, typename Passes>
 void HBiasAddElements(const Datapath<T>& datapath, const T* value, const T* bias, T factor,
-                      int64_t passes, int64_t count, int64_t channels, T* out,
-                      Passes add_passes) {
+                      int64_t passes, int64_t count, int64_t channels, T* out, Passes add_passes) {
   for (int64_t i = 0; i < count; ++i) {
     const T product = datapath.Multiply(bias[i % channels], factor);
     out[i] = AddRepeatedly(datapath, value[i], product, passes, add_passes);

@@ -132,9 +132,7 @@ class ImageConvolution {
     return datapath_.Accumulate(acc, datapath_.ScaleProduct(datapath_.Multiply(weight, value)));
   }
 
-  int64_t FilterTap(int32_t kh, int32_t kw) const {
-    return int64_t{kh} * work_.filter_width + kw;
-  }
+  int64_t FilterTap(int32_t kh, int32_t kw) const { return int64_t{kh} * work_.filter_width + kw; }
 
   int64_t InputIndex(int32_t ih, int32_t iw, int32_t ic) const {
     const int64_t row = int64_t{work_.image} * work_.in_height + ih;

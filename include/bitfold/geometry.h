@@ -69,11 +69,11 @@ BITFOLD_HOST_DEVICE constexpr int getInputStartIndex(int input, int filter, int 
 
 // The windows of one axis, ready for the loops.
 struct WindowAxis {
-  int32_t input;     // extent of the input
-  int32_t taps;      // extent of the filter
-  int32_t outputs;   // getOutputSize
-  int32_t first;     // input coordinate of tap 0 of output 0
-  int32_t half;      // distance of the centre tap from tap 0
+  int32_t input;    // extent of the input
+  int32_t taps;     // extent of the filter
+  int32_t outputs;  // getOutputSize
+  int32_t first;    // input coordinate of tap 0 of output 0
+  int32_t half;     // distance of the centre tap from tap 0
   int32_t stride;
   int32_t dilation;
 

@@ -48,13 +48,12 @@ struct EveryPass {
 // The same bits without the passes that can be proven: what the kernels use. Floats make every
 // pass, since each may print a line.
 //
-// Integers: let P = max - min + 1 be the accumulator's period. If acc is in range and |addend| <= P,
-// one wrap after each addition brings acc back into range, congruent to the plain sum modulo P
+// Integers: let P = max - min + 1 be the accumulator's period. If acc is in range and |addend| <=
+// P, one wrap after each addition brings acc back into range, congruent to the plain sum modulo P
 // (theorem 1 of docs/arithmetic.md). So from the first pass that starts in range, the rest is the
 // one value of [min, max] congruent to acc + passes * addend.
 struct ProvenPasses {
-  float operator()(const Datapath<float>& datapath, float acc, float addend,
-                   int64_t passes) const {
+  float operator()(const Datapath<float>& datapath, float acc, float addend, int64_t passes) const {
     return EveryPass{}(datapath, acc, addend, passes);
   }
 

@@ -26,8 +26,8 @@ BITFOLD_HOST_DEVICE inline bool IsOutOfWarningRange(float sum) {
 
 // One line; `sum` is printed as the double it widens to.
 BITFOLD_HOST_DEVICE inline void PrintAccumulatorWarning(float sum) {
-  printf("@@@ WARNING: acc %f is out of bounds <%d,%d>\n", static_cast<double>(sum),
-         -kWarningLimit, kWarningLimit);
+  printf("@@@ WARNING: acc %f is out of bounds <%d,%d>\n", static_cast<double>(sum), -kWarningLimit,
+         kWarningLimit);
 }
 
 // One red line, written whole so that lines of several image threads do not mix.

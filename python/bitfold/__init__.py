@@ -13,10 +13,10 @@ Example:
     array([[-106]], dtype=int32)
 """
 
-from bitfold import _library
-from bitfold._build_info import VERSION as __version__
+from bitfold import _build_info, _library
 from bitfold._library import include_dir, library_path
 
+__version__ = _build_info.VERSION
 raw_ops = _library.load()
 
 from bitfold import ops  # noqa: E402  (needs the library)

@@ -1,0 +1,47 @@
+# The front door. Every goal sets up what it needs; a second run starts in seconds.
+
+PYTHON := .venv/bin/python
+export TF_CPP_MIN_LOG_LEVEL ?= 2
+
+.PHONY: help setup demo test bench wheel format lint clean constraints
+
+help: ## list the goals
+	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
+
+setup: ## virtual environment in .venv with the package built and installed
+	@scripts/setup.sh build
+	@scripts/install_package.sh
+
+demo: setup ## the accumulator study on handwritten digits: table, plot, numbers
+	@$(PYTHON) examples/digits/run.py --output-dir build/demo
+
+test: ## every test: C++, sanitizers, fuzz, Python, doctests
+	@scripts/setup.sh tests
+	@scripts/install_package.sh
+	@$(PYTHON) scripts/run_tests.py
+
+bench: ## ratios to the stock ops and to the plain scalar loop: table and JSON
+	@scripts/setup.sh bench
+	@scripts/install_package.sh
+	@$(PYTHON) bench/run.py --output build/bench/bench.json
+
+wheel: setup ## a wheel for the TensorFlow of .venv in dist/
+	@PATH=$(CURDIR)/.venv/bin:$$PATH $(PYTHON) -m pip wheel -q --no-build-isolation --no-deps \
+	    -Cbuild-dir=build/package -w dist . && ls dist
+
+format: ## clang-format and ruff, in place
+	git ls-files '*.h' '*.cc' '*.c' | xargs clang-format -i
+	.venv/bin/ruff format . && .venv/bin/ruff check --fix .
+
+lint: ## clang-format, clang-tidy and ruff, checking only
+	git ls-files '*.h' '*.cc' '*.c' | xargs clang-format --dry-run -Werror
+	cmake --preset tests >/dev/null
+	git ls-files 'src/single_step.cc' 'tests/cpp/*.cc' | xargs clang-tidy -p build/tests --quiet
+	.venv/bin/ruff format --check . && .venv/bin/ruff check .
+
+constraints: setup ## renew requirements/constraints.txt from .venv
+	@(echo "# The versions that the project is built and tested with. Renew: make constraints"; \
+	  $(PYTHON) -m pip freeze --exclude bitfold) > requirements/constraints.txt
+
+clean: ## remove everything built, but not the virtual environment
+	rm -rf build dist

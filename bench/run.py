@@ -1,0 +1,241 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Times the ops against the stock ones and the plain scalar definitions, in one run on one thread.
+
+    .venv/bin/python bench/run.py --output build/bench/bench.json
+
+Each row is a case: the definition's time comes from the C++ benchmark of the same name, ours and
+the stock op's from the runtime. Nothing is asserted; a ratio above 1 means that ours is faster.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import pathlib
+import platform
+import subprocess
+import time
+from collections.abc import Callable
+from dataclasses import asdict, dataclass
+
+os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2")
+
+import numpy as np
+import tensorflow as tf
+from rich.console import Console
+from rich.table import Table
+
+import bitfold
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+
+
+@dataclass
+class Case:
+    """One row: what runs, and how many additions or multiply-adds it makes."""
+
+    name: str
+    shape: str
+    operations: int
+    ours: Callable[[], tf.Tensor]
+    stock: Callable[[], tf.Tensor]
+
+
+@dataclass
+class Row:
+    """One measured row; times in seconds a call, rates in operations a second."""
+
+    name: str
+    shape: str
+    path: str
+    definition_seconds: float
+    ours_seconds: float
+    stock_seconds: float
+    ours_rate: float
+    speed_to_definition: float
+    speed_to_stock: float
+
+
+def integers(shape: tuple[int, ...], low: int, high: int, dtype: tf.DType) -> tf.Tensor:
+    """Return whole numbers in [low, high], the same in every run."""
+    values = np.random.default_rng(2026).integers(low, high + 1, shape)
+    return tf.constant(values.astype(dtype.as_numpy_dtype))
+
+
+def addition_cases() -> list[Case]:
+    """Return the additions on 1 x 112 x 112 x 64."""
+    shape = (1, 112, 112, 64)
+    cases = []
+    for dtype, type_name in ((tf.int32, "int32"), (tf.float32, "float")):
+        value = integers(shape, -1000, 1000, dtype)
+        operand = integers(shape, -128, 127, dtype)
+        bias = integers(shape[-1:], -128, 127, dtype)
+        for shift, suffix in ((0, "plain"), (2, "shift 2")):
+            options = dict(accumulator_size=24, factor=3, mult_shift=shift)
+            cases += [
+                Case(
+                    f"HAdd/{type_name}/{suffix}",
+                    "1x112x112x64",
+                    value.shape.num_elements(),
+                    lambda v=value, o=operand, k=options: bitfold.ops.add(v, o, **k),
+                    lambda v=value, o=operand: tf.add(v, o),
+                ),
+                Case(
+                    f"HBiasAdd/{type_name}/{suffix}",
+                    "1x112x112x64",
+                    value.shape.num_elements(),
+                    lambda v=value, b=bias, k=options: bitfold.ops.bias_add(v, b, **k),
+                    lambda v=value, b=bias: tf.nn.bias_add(v, b),
+                ),
+            ]
+    return cases
+
+
+def convolution_cases() -> list[Case]:
+    """Return the convolutions on 28 x 28; the stock ones take floats alone."""
+    cases = []
+    variants = (
+        (tf.int32, "int32/plain", {}),
+        (tf.int32, "int32/shift 4", {"mult_shift": 4}),
+        (tf.float32, "float/plain", {}),
+        (tf.float32, "float/shift 4", {"mult_shift": 4}),
+        (tf.float32, "float/half precision", {"use_fp16_acc": True}),
+    )
+    for dtype, name, options in variants:
+        x, w = integers((1, 28, 28, 64), 0, 15, dtype), integers((3, 3, 64, 64), -8, 7, dtype)
+        xf, wf = tf.cast(x, tf.float32), tf.cast(w, tf.float32)
+        cases.append(
+            Case(
+                f"HConv2d/{name}",
+                "1x28x28x64 to 64, 3x3",
+                28 * 28 * 64 * 64 * 9,
+                lambda x=x, w=w, k=options: bitfold.ops.conv2d(x, w, accumulator_size=24, **k),
+                lambda x=xf, w=wf: tf.nn.conv2d(x, w, 1, "SAME"),
+            )
+        )
+    for dtype, name in ((tf.int32, "int32/plain"), (tf.float32, "float/plain")):
+        x, w = integers((1, 28, 28, 128), 0, 15, dtype), integers((3, 3, 128, 1), -8, 7, dtype)
+        xf, wf = tf.cast(x, tf.float32), tf.cast(w, tf.float32)
+        cases.append(
+            Case(
+                f"HDepthWise/{name}",
+                "1x28x28x128, 3x3",
+                28 * 28 * 128 * 9,
+                lambda x=x, w=w: bitfold.ops.depthwise_conv2d(x, w, accumulator_size=24),
+                lambda x=xf, w=wf: tf.nn.depthwise_conv2d(x, w, [1, 1, 1, 1], "SAME"),
+            )
+        )
+    return cases
+
+
+def seconds(call: Callable[[], tf.Tensor], budget: float) -> float:
+    """Return the median time of a call, over at least 3 and about `budget` seconds of them."""
+    call().numpy()
+    times: list[float] = []
+    while len(times) < 3 or sum(times) < budget:
+        start = time.perf_counter()
+        call().numpy()
+        times.append(time.perf_counter() - start)
+    return float(np.median(times))
+
+
+def definition_seconds(budget: float) -> dict[str, float]:
+    """Build and run the C++ benchmarks; return seconds a call by name."""
+    for command in (["cmake", "--preset", "bench"], ["cmake", "--build", "--preset", "bench"]):
+        subprocess.run(command, cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
+    output = subprocess.run(
+        [
+            ROOT / "build/bench/bench/bitfold_bench",
+            "--benchmark_format=json",
+            f"--benchmark_min_time={budget}",
+        ],
+        check=True,
+        capture_output=True,
+        text=True,
+    ).stdout
+    scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3}
+    rows = json.loads(output)["benchmarks"]
+    return {row["name"]: row["real_time"] * scale[row["time_unit"]] for row in rows}
+
+
+def measure(cases: list[Case], budget: float, console: Console) -> list[Row]:
+    """Time every case."""
+    console.print("Timing the scalar definitions (C++)...")
+    definitions = definition_seconds(budget)
+    rows = []
+    for case in cases:
+        console.print(f"Timing {case.name}...")
+        ours, stock = seconds(case.ours, budget), seconds(case.stock, budget)
+        definition = definitions[case.name]
+        rows.append(
+            Row(
+                name=case.name,
+                shape=case.shape,
+                path="scalar",  # the one path so far
+                definition_seconds=definition,
+                ours_seconds=ours,
+                stock_seconds=stock,
+                ours_rate=case.operations / ours,
+                speed_to_definition=definition / ours,
+                speed_to_stock=stock / ours,
+            )
+        )
+    return rows
+
+
+def machine() -> dict[str, str]:
+    """Return what the figures depend on."""
+    cpu = next(
+        (
+            line.split(":", 1)[1].strip()
+            for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+            if line.startswith("model name")
+        ),
+        platform.processor(),
+    )
+    return {"cpu": cpu, "tensorflow": tf.__version__, "bitfold": bitfold.__version__}
+
+
+def print_table(rows: list[Row], console: Console) -> None:
+    """Print the rows; times in milliseconds."""
+    table = Table(title="one thread; ratios above 1: ours is faster")
+    for column in ("op", "shape", "path"):
+        table.add_column(column)
+    for column in ("definition ms", "ours ms", "stock ms", "M ops/s", "to definition", "to stock"):
+        table.add_column(column, justify="right")
+    for r in rows:
+        times = (r.definition_seconds, r.ours_seconds, r.stock_seconds)
+        table.add_row(
+            r.name,
+            r.shape,
+            r.path,
+            *(f"{1e3 * t:.2f}" for t in times),
+            f"{r.ours_rate / 1e6:.0f}",
+            f"{r.speed_to_definition:.2f}",
+            f"{r.speed_to_stock:.4f}",
+        )
+    console.print(table)
+
+
+def main() -> None:
+    """Measure, print the table, write the JSON."""
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--output", type=pathlib.Path, default=ROOT / "build/bench/bench.json")
+    parser.add_argument("--seconds", type=float, default=0.3, help="time spent on each figure")
+    options = parser.parse_args()
+    tf.config.threading.set_intra_op_parallelism_threads(1)
+    tf.config.threading.set_inter_op_parallelism_threads(1)
+
+    console = Console(width=None if os.isatty(1) else 140)
+    rows = measure(addition_cases() + convolution_cases(), options.seconds, console)
+    print_table(rows, console)
+    options.output.parent.mkdir(parents=True, exist_ok=True)
+    result = {"machine": machine(), "rows": [asdict(row) for row in rows]}
+    options.output.write_text(json.dumps(result, indent=2) + "\n")
+    console.print(f"Machine: {machine()['cpu']}. Figures: {options.output}")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+#
+# Builds the package against the TensorFlow of .venv and installs it there, as a user would, where
+# a source has changed since the last time. The build tree build/package is kept, so only what
+# changed compiles.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+venv=$PWD/.venv
+stamp=build/package/.installed
+
+sources() {
+  find CMakeLists.txt pyproject.toml README.md LICENSE cmake include src python \
+    -type f ! -name '*.pyc' -print0
+}
+
+# The time of the last change could lie before a checkout of other sources: compare contents.
+now=$(sources | sort -z | xargs -0 sha256sum | sha256sum | cut -d' ' -f1)
+if [ "$(cat $stamp 2>/dev/null)" = "$now" ] && [ -e "$venv/.requirements" ]; then
+  exit 0
+fi
+printf '\033[1m[build]\033[0m Building the op library and installing the package (a minute).\n'
+PATH=$venv/bin:$PATH "$venv/bin/python" -m pip install --quiet --disable-pip-version-check \
+  --no-build-isolation --no-deps --force-reinstall \
+  -Cbuild-dir=build/package -Ccmake.define.BITFOLD_WARNINGS_AS_ERRORS=ON .
+echo "$now" >$stamp

@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+#
+# Prepares a machine: installs the system packages that a goal needs and that are missing (by apt,
+# where that is allowed), and makes the virtual environment .venv with the pinned Python packages.
+#
+#   scripts/setup.sh build    what building the package and the demo needs
+#   scripts/setup.sh tests    that, and what the C++ tests need
+#   scripts/setup.sh bench    that, and what the C++ benchmarks need
+#
+# Running it again changes nothing and takes a moment.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+goal=${1:-build}
+venv=.venv
+
+say() { printf '\033[1m[setup]\033[0m %s\n' "$*"; }
+fail() {
+  printf '\033[1;31m[setup]\033[0m %s\n' "$@" >&2
+  exit 1
+}
+
+# --- system packages ------------------------------------------------------------------------------
+
+# Debian's package for each thing that is missing, in $missing.
+missing=()
+need() { # need PACKAGE COMMAND...: PACKAGE is missing unless COMMAND succeeds
+  local package=$1
+  shift
+  "$@" >/dev/null 2>&1 || missing+=("$package")
+}
+
+has_header() { echo "#include <$1>" | c++ -x c++ -fsyntax-only -; }
+cmake_is_recent() { cmake --version | awk 'NR == 1 { split($3, v, "."); exit !(v[1] > 3 || (v[1] == 3 && v[2] >= 25)) }'; }
+
+find_missing() {
+  missing=()
+  need python3-venv python3 -c 'import venv, ensurepip'
+  need g++ c++ --version
+  need cmake cmake_is_recent
+  if [ "$goal" = tests ]; then need libgtest-dev has_header gtest/gtest.h; fi
+  if [ "$goal" = bench ]; then need libbenchmark-dev has_header benchmark/benchmark.h; fi
+}
+
+as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo -n "$@"; fi; }
+
+install_missing() {
+  if ! command -v apt-get >/dev/null; then
+    fail "Missing: ${missing[*]} (Debian's names), and there is no apt-get here." \
+      "Install them with your system's package manager, then run this again."
+  fi
+  if ! as_root true 2>/dev/null; then
+    fail "Missing: ${missing[*]}. Installing them needs root; run:" \
+      "  sudo apt-get update && sudo apt-get install -y ${missing[*]}" \
+      "then run this again."
+  fi
+  say "Installing ${missing[*]} with apt."
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}" >/dev/null
+}
+
+python3 -c 'import sys; sys.exit(not (3, 11) <= sys.version_info[:2] <= (3, 13))' ||
+  fail "Need python3 of version 3.11 to 3.13, which TensorFlow 2.21 supports; got $(python3 --version)."
+
+find_missing
+if [ ${#missing[@]} -gt 0 ]; then
+  install_missing
+  find_missing
+  [ ${#missing[@]} -eq 0 ] ||
+    fail "Still missing after apt's run: ${missing[*]} (cmake must be 3.25 or newer)."
+fi
+
+# --- Python packages ------------------------------------------------------------------------------
+
+wanted=$(cat requirements/*.txt | sha256sum | cut -d' ' -f1)
+if [ "$(cat $venv/.requirements 2>/dev/null)" != "$wanted" ]; then
+  say "Making the virtual environment $venv (TensorFlow and its company, some 300 MB; minutes)."
+  [ -x $venv/bin/python ] || python3 -m venv $venv
+  # The bar shows progress on a terminal; in a log it would only fill lines.
+  bar=off
+  [ -t 1 ] && bar=on
+  $venv/bin/python -m pip install --quiet --disable-pip-version-check --progress-bar $bar \
+    -r requirements/dev.txt -c requirements/constraints.txt
+  echo "$wanted" >$venv/.requirements
+fi
