@@ -27,7 +27,7 @@ bench: ## ratios to the stock ops and to the plain scalar loop: table and JSON
 
 wheel: setup ## a wheel for the TensorFlow of .venv in dist/
 	@PATH=$(CURDIR)/.venv/bin:$$PATH $(PYTHON) -m pip wheel -q --no-build-isolation --no-deps \
-	    -Cbuild-dir=build/package -w dist . && ls dist
+	    --config-settings=build-dir=build/package -w dist . && ls dist
 
 format: ## clang-format and ruff, in place
 	git ls-files '*.h' '*.cc' '*.c' | xargs clang-format -i

@@ -23,5 +23,5 @@ fi
 printf '\033[1m[build]\033[0m Building the op library and installing the package (a minute).\n'
 PATH=$venv/bin:$PATH "$venv/bin/python" -m pip install --quiet --disable-pip-version-check \
   --no-build-isolation --no-deps --force-reinstall \
-  -Cbuild-dir=build/package -Ccmake.define.BITFOLD_WARNINGS_AS_ERRORS=ON .
+  --config-settings=build-dir=build/package --config-settings=cmake.define.BITFOLD_WARNINGS_AS_ERRORS=ON .
 echo "$now" >$stamp
