@@ -45,6 +45,12 @@ absl::Status RequireInt32Dimensions(const char* input, const Tensor& tensor) {
   return absl::OkStatus();
 }
 
+absl::Status RequireInt32Elements(const char* input, const Tensor& tensor) {
+  if (tensor.NumElements() <= std::numeric_limits<int32_t>::max()) return absl::OkStatus();
+  return absl::InvalidArgumentError(absl::StrCat(
+      "Need ", input, " to hold at most 2147483647 elements, got ", tensor.NumElements()));
+}
+
 int64_t SaturatingProduct(std::initializer_list<int64_t> sizes) {
   if (std::find(sizes.begin(), sizes.end(), 0) != sizes.end()) return 0;
   int64_t product = 1;

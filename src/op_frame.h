@@ -75,6 +75,9 @@ absl::Status RequireFeedRepeat(const char* input, const tensorflow::Tensor& tens
 // Requires every dimension to be at most 2^31 - 1, as the arithmetic takes them.
 absl::Status RequireInt32Dimensions(const char* input, const tensorflow::Tensor& tensor);
 
+// Requires at most 2^31 - 1 elements, as the units that count them in 32 bits take them.
+absl::Status RequireInt32Elements(const char* input, const tensorflow::Tensor& tensor);
+
 // The product of sizes >= 0; INT64_MAX where it would overflow.
 int64_t SaturatingProduct(std::initializer_list<int64_t> sizes);
 

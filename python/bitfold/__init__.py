@@ -19,6 +19,6 @@ from bitfold._library import include_dir, library_path
 __version__ = _build_info.VERSION
 raw_ops = _library.load()
 
-from bitfold import ops  # noqa: E402  (needs the library)
+from bitfold import fpx, ops  # noqa: E402  (need the library)
 
-__all__ = ["__version__", "include_dir", "library_path", "ops", "raw_ops"]
+__all__ = ["__version__", "fpx", "include_dir", "library_path", "ops", "raw_ops"]

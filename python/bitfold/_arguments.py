@@ -70,6 +70,29 @@ def _host_array(x: Any, name: str, dtype: tf.DType | None) -> Any:
     return array
 
 
+def fixed_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
+    """Return `x` as a tensor of an op's fixed integer type, widening what fits it.
+
+    Args:
+        x: a tensor, variable, numpy array, nested list or number.
+        name: the argument's name, for errors.
+        dtype: the integer type.
+
+    Raises:
+        TypeError: for data that is not of an integer type, or a tensor that `dtype` does not hold.
+        ValueError: for numbers outside the type's range.
+    """
+    if tf.is_tensor(x):
+        tensor = tf.convert_to_tensor(x)
+        if tensor.dtype == dtype:
+            return tensor
+        fits = tensor.dtype.is_integer and dtype.min <= tensor.dtype.min
+        if not fits or tensor.dtype.max > dtype.max:
+            raise TypeError(f"{name} must be {dtype.name}, got {tensor.dtype.name}")
+        return tf.cast(tensor, dtype)
+    return scalar_tensor(x, name, dtype)
+
+
 def scalar_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
     """Return a scalar input of an op: a tensor passes, a number becomes one exactly.
 

@@ -1,0 +1,231 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// HLayernorm: the layer normalisation unit's definition in fixed point (rules L1 to L9 of
+// docs/arithmetic.md): the sums of a vector, its mean and variance terms, the inverse square root
+// by table, the scaling of each element and the activation stage.
+
+#ifndef BITFOLD_HLAYERNORM_H_
+#define BITFOLD_HLAYERNORM_H_
+
+#include <cstdint>
+
+#include "bitfold/assertion.h"
+#include "bitfold/int32_arithmetic.h"
+#include "bitfold/int64_arithmetic.h"
+
+#define BITFOLD_LAYERNORM_ASSERT(condition, expression, function) \
+  BITFOLD_ASSERT(condition, expression, "src/HLayernorm", function)
+
+namespace bitfold {
+
+inline constexpr int LUT_DEPTH = 256;
+inline constexpr int MAX_VECTOR_SIZE = 4096;
+inline constexpr int MAX_NUM_VECTORS_IN_BATCH = 1048576;
+inline constexpr int N_SUM_SQUARES_BITS = 56;
+inline constexpr int kVarianceBits = 58;
+
+// What configures the unit; each field is filled from the op's input of the same name.
+struct LayerNormParams {
+  uint16_t zero_point;            // subtracted from every element
+  uint8_t exponent_sub_value;     // base of the normalising shift
+  uint16_t sum_of_x_mult;         // multiplier of the rounded sum: the mean term
+  uint8_t sum_of_x_shift;         // shift of the sum
+  uint8_t sum_of_x_mult_n_shift;  // shift of the mean term
+  uint16_t x_squared_mult;        // factor of the sum of squares, as a rule the vector's length
+  uint8_t sum_of_x_squares_shift;
+  uint32_t epsilon;             // added to the variance term
+  uint16_t mul_act_man;         // activation stage: multiplier,
+  uint8_t mul_act_exp;          //   shift,
+  uint32_t mul_act_bias;        //   bias,
+  bool activation_output_mode;  //   16-bit output instead of 8-bit,
+  bool activation_ebias_mode;   //   the larger shift
+  bool rms_mode_enable;         // the mean counts as 0
+};
+
+// value / 2^shift_amount rounded half to even, after its bits below round_bits fraction bits have
+// been dropped. 1 < round_bits <= 64, shift_amount <= 64; in practice round_bits <= 31, since the
+// masks are formed in 32 bits. Shift counts are modulo 64.
+inline int64_t right_shift_bankers_rounding(int64_t value, uint8_t shift_amount,
+                                            uint8_t round_bits) {
+  constexpr char kFunction[] = "int64_t right_shift_bankers_rounding(int64_t, uint8_t, uint8_t)";
+  BITFOLD_LAYERNORM_ASSERT(shift_amount <= 64, "shift_amount <= 64", kFunction);
+  BITFOLD_LAYERNORM_ASSERT(round_bits <= 64, "round_bits <= 64", kFunction);
+  BITFOLD_LAYERNORM_ASSERT(round_bits > 1, "round_bits > 1", kFunction);
+  const int64_t fixed = ShiftRight64(ShiftLeft64(value, round_bits), shift_amount);
+  const int64_t fraction = fixed & int64_t{WrapSubtract(ShiftLeft(1, round_bits), 1)};
+  const int64_t half = int64_t{ShiftLeft(1, round_bits - 1)};
+  const int64_t quotient = ShiftRight64(fixed, round_bits);
+  const bool odd = (ShiftRight64(fixed, round_bits) & 1) != 0;
+  const bool up = fraction > half || (fraction == half && odd);
+  return up ? WrapAdd64(quotient, 1) : quotient;
+}
+
+// Limits to output_bits <= 64 bits; the limits are formed in 32-bit arithmetic and sign-extended,
+// so 32 unsigned bits allow 0 alone.
+inline int64_t signed_clip(int64_t value, uint8_t output_bits, bool is_signed) {
+  BITFOLD_LAYERNORM_ASSERT(output_bits <= 64, "output_bits <= 64",
+                           "int64_t signed_clip(int64_t, uint8_t, bool)");
+  const int32_t span = ShiftLeft(1, is_signed ? output_bits - 1 : output_bits);
+  const int64_t high = int64_t{WrapSubtract(span, 1)};
+  const int64_t low = is_signed ? int64_t{WrapSubtract(0, span)} : 0;
+  if (value > high) return high;
+  return value > low ? value : low;
+}
+
+// An element as the unit reads it: truncated, minus the zero point.
+inline int32_t LayerNormElement(float x, uint16_t zero_point) {
+  return WrapSubtract(TruncateToInt32(x), zero_point);
+}
+
+// The sum of n elements modulo 2^32, in any order.
+inline int32_t get_sum_of_x_minus_zp(const float* x, uint16_t n, uint16_t zero_point) {
+  int32_t sum = 0;
+  for (int i = 0; i < n; ++i) sum = WrapAdd(sum, LayerNormElement(x[i], zero_point));
+  return sum;
+}
+
+inline uint64_t CheckedSumOfSquares(uint64_t sum) {
+  BITFOLD_LAYERNORM_ASSERT(
+      sum < (uint64_t{1} << N_SUM_SQUARES_BITS),
+      "sum_squares_of_x_minus_zp_times_n < ((uint64_t)1 << N_SUM_SQUARES_BITS)",
+      "uint64_t get_sum_squares_of_x_minus_zp_times_n(const float*, uint16_t, uint16_t, uint16_t)");
+  return sum;
+}
+
+// The sum of mult * element^2 modulo 2^64, which must lie below 2^56. Elements are truncated to 64
+// bits here, to 32 in the sum.
+inline uint64_t get_sum_squares_of_x_minus_zp_times_n(const float* x, uint16_t n,
+                                                      uint16_t zero_point, uint16_t mult) {
+  uint64_t sum = 0;
+  for (int i = 0; i < n; ++i) {
+    const uint64_t element =
+        static_cast<uint64_t>(TruncateToInt64(x[i])) - static_cast<uint64_t>(zero_point);
+    sum += element * element * mult;
+  }
+  return CheckedSumOfSquares(sum);
+}
+
+// The index of the highest set bit below input_bit_length <= 64. One must be set; without one the
+// result is 0.
+inline uint8_t get_leading_one_index(uint64_t value, uint8_t input_bit_length) {
+  BITFOLD_LAYERNORM_ASSERT(input_bit_length <= 64, "input_bit_length <= 64",
+                           "uint8_t get_leading_one_index(uint64_t, uint8_t)");
+  for (int index = input_bit_length - 1; index > 0; --index) {
+    if ((ShiftRightUnsigned64(value, index) & 1u) != 0) return static_cast<uint8_t>(index);
+  }
+  return 0;
+}
+
+// The word_bits bits from the leading one down, left-aligned; lower bits are truncated.
+inline uint64_t get_leading_one_indexed_word(uint64_t value, uint8_t leading_one_index,
+                                             uint8_t word_bits) {
+  const uint64_t mask = ShiftLeftUnsigned64(1, word_bits) - 1;
+  const int length = leading_one_index + 1;
+  return (word_bits >= length ? ShiftLeftUnsigned64(value, word_bits - length)
+                              : ShiftRightUnsigned64(value, length - word_bits)) &
+         mask;
+}
+
+// The activation stage's first shift, an 8-bit value.
+inline uint8_t LayerNormActivationShift(uint8_t mul_act_exp, bool activation_ebias_mode) {
+  return static_cast<uint8_t>(mul_act_exp + (activation_ebias_mode ? 11 : 6));
+}
+
+// Multiply, shift, bias and clip: 0..32767 in 16-bit mode, 0..255 in 8-bit mode. Rounding is done
+// on the magnitude.
+inline int64_t layernorm_activation_unit(int64_t value, uint16_t mul_act_man, uint8_t mul_act_exp,
+                                         uint32_t mul_act_bias, bool activation_output_mode,
+                                         bool activation_ebias_mode) {
+  const int64_t product = WrapMultiply64(mul_act_man, value);
+  const uint8_t shift = LayerNormActivationShift(mul_act_exp, activation_ebias_mode);
+  int64_t scaled = right_shift_bankers_rounding(WrapAbsolute64(product), shift, 6);
+  if (product < 0) scaled = WrapSubtract64(0, scaled);
+  const int64_t biased = signed_clip(WrapAdd64(mul_act_bias, scaled), 19, false);
+  // Not negative after the clip, so its magnitude is itself.
+  const uint8_t out_shift = activation_output_mode ? 3 : 10;
+  return signed_clip(right_shift_bankers_rounding(biased, out_shift, out_shift),
+                     activation_output_mode ? 15 : 8, false);
+}
+
+// What a vector's sums come to: how each of its elements is scaled.
+struct LayerNormScale {
+  int64_t mean;    // the mean term, 16 bits signed
+  int64_t factor;  // the inverse square root, 16 bits unsigned
+  int8_t shift;    // left by it, right where negative
+};
+
+// The inverse square root of a variance term below 2^58 and not 0: its leading 16 bits index the
+// table, whose entry is lowered by its slope.
+inline void SetInverseSquareRoot(uint64_t variance, const float* lut, uint8_t exponent_sub_value,
+                                 LayerNormScale* scale) {
+  const uint8_t leading = get_leading_one_index(variance, kVarianceBits);
+  const uint64_t word = get_leading_one_indexed_word(variance, leading, 16);
+  scale->shift = static_cast<int8_t>(exponent_sub_value - (leading + 2) / 2);
+  // An even exponent halves the word: the square root halves exponents.
+  const int32_t index = static_cast<int32_t>(leading % 2 == 0 ? word >> 1 : word);
+  const int32_t entry = TruncateToInt32(lut[(index >> 8) & 255]);
+  const int32_t slope = (entry >> 16) & 255;
+  scale->factor = WrapSubtract(entry, slope * (index & 255)) & 65535;
+}
+
+// What the elements of a vector are scaled by, from the sum of the vector, which counts as 0 in RMS
+// mode, and its checked sum of squares. lut holds 256 entries. A variance whose 58 bits are all
+// zero ends the process as a variance of zero does: no leading one could be found.
+inline LayerNormScale GetLayerNormScale(int32_t sum, uint64_t sum_of_squares, const float* lut,
+                                        const LayerNormParams& params) {
+  const int64_t rounded_sum =
+      signed_clip(static_cast<int32_t>(static_cast<uint32_t>(right_shift_bankers_rounding(
+                      params.rms_mode_enable ? 0 : sum, params.sum_of_x_shift, 3))),
+                  20, true);
+  LayerNormScale scale;
+  scale.mean = signed_clip(right_shift_bankers_rounding(params.sum_of_x_mult * rounded_sum,
+                                                        params.sum_of_x_mult_n_shift, 3),
+                           16, true);
+  // The rounded sum is squared, not the mean term.
+  const int64_t variance = right_shift_bankers_rounding(static_cast<int64_t>(sum_of_squares),
+                                                        params.sum_of_x_squares_shift, 3) +
+                           int64_t{params.epsilon} - rounded_sum * rounded_sum;
+  const uint64_t bits = static_cast<uint64_t>(variance) & ((uint64_t{1} << kVarianceBits) - 1);
+  BITFOLD_LAYERNORM_ASSERT(
+      bits != 0, "variance > 0",
+      "void normalize_vector(const float*, float*, int32_t, const float*, const LayerNormParams&)");
+  SetInverseSquareRoot(bits, lut, params.exponent_sub_value, &scale);
+  return scale;
+}
+
+// One element: minus the mean, times the factor, shifted, clipped, through the activation stage.
+inline float NormalizeElement(float x, const LayerNormScale& scale, const LayerNormParams& params) {
+  const int64_t centred = int64_t{LayerNormElement(x, params.zero_point)} - scale.mean;
+  const int64_t product = centred * scale.factor;
+  const int64_t shifted = scale.shift >= 0 ? ShiftLeft64(product, scale.shift)
+                                           : ShiftRight64(product, -int64_t{scale.shift});
+  const int64_t activated = layernorm_activation_unit(
+      signed_clip(shifted, 31, true), params.mul_act_man, params.mul_act_exp, params.mul_act_bias,
+      params.activation_output_mode, params.activation_ebias_mode);
+  return static_cast<float>(static_cast<uint16_t>(activated));
+}
+
+// One vector of n elements; the definition. The sums are formed for n = 0 too.
+inline void normalize_vector(const float* x, float* out, int32_t n, const float* lut,
+                             const LayerNormParams& params) {
+  const uint16_t count = static_cast<uint16_t>(n);
+  const LayerNormScale scale = GetLayerNormScale(
+      get_sum_of_x_minus_zp(x, count, params.zero_point),
+      get_sum_squares_of_x_minus_zp_times_n(x, count, params.zero_point, params.x_squared_mult),
+      lut, params);
+  for (int32_t i = 0; i < n; ++i) out[i] = NormalizeElement(x[i], scale, params);
+}
+
+// Every vector of a [batch, height, width, vector_size] tensor, in the order of memory.
+inline void run_layernorm(const float* in, float* out, int vector_size, int width, int height,
+                          int batch, const float* lut, const LayerNormParams& params) {
+  const int64_t vectors = int64_t{batch} * height * width;
+  for (int64_t v = 0; v < vectors; ++v) {
+    normalize_vector(in + v * vector_size, out + v * vector_size, vector_size, lut, params);
+  }
+}
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_HLAYERNORM_H_
