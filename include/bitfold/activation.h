@@ -75,9 +75,11 @@ inline int64_t activate(int32_t x, int32_t offset, int32_t slope_m, int32_t slop
   int64_t shifted;
   if (mode.is_16bit_precision_mode || mode.is_velquin) {
     shifted = ShiftRight64(product, shift);
-  } else {  // of the magnitude
-    shifted = ShiftRight64(WrapAbsolute64(product), shift);
-    if (product < 0) shifted = WrapSubtract64(0, shifted);
+  } else {  // of the magnitude, which for -2^63 only an unsigned word holds
+    const uint64_t bits = static_cast<uint64_t>(product);
+    const uint64_t magnitude =
+        ShiftRightUnsigned64(product < 0 ? 0 - bits : bits, static_cast<int32_t>(shift & 63));
+    shifted = static_cast<int64_t>(product < 0 ? 0 - magnitude : magnitude);
   }
   const int64_t rounded = bankers_round(shifted, kActivationFractionBits);
   const int64_t clip = mode.clip_bits;

@@ -2,9 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """The accelerator's narrow floating-point format on numpy arrays.
 
-A value has a sign, a biased exponent of ``exp_len`` bits (3 or 4) and a mantissa of ``man_len`` bits
-(1 to 24) with an explicit leading one. Arrays of it have the type `DTYPE`, whose layout is that of
-the C structure in ``bitfold/fpx.h``; all arithmetic is the library's.
+A value has a sign, a biased exponent of ``exp_len`` bits (3 or 4) and a mantissa of ``man_len``
+bits (1 to 24) with an explicit leading one. Arrays of it have the type `DTYPE`, whose layout is
+that of the C structure in ``bitfold/fpx.h``; all arithmetic is the library's.
 
 Example:
     >>> from bitfold import fpx
@@ -42,7 +42,7 @@ class Counters(NamedTuple):
 
 
 class _Value(ctypes.Structure):
-    """The C structure; its bit-field as a whole byte, since ctypes passes no bit-fields by value."""
+    """The C structure; its bit-field as a byte, since ctypes passes no bit-fields by value."""
 
     _fields_ = (
         ("exp_len", ctypes.c_uint8),
