@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 
+#include "absl/strings/str_format.h"
 #include "bitfold/int32_arithmetic.h"
 #include "bitfold/repeated_addition.h"
 
@@ -30,8 +31,8 @@ absl::Status RequireFeedRepeat(const char* input, const Tensor& tensor) {
   const float feed_repeat = tensor.flat<float>()(0);
   if (feed_repeat <= kMaxFeedRepeat) return absl::OkStatus();  // false for NaN
   return absl::InvalidArgumentError(
-      absl::StrCat("Need ", input, " to be a number of repeats of at most 2^31 = 2147483648, got ",
-                   feed_repeat));
+      absl::StrFormat("Need %s to be a number of repeats of at most 2^31 = 2147483648, got %.9g",
+                      input, feed_repeat));
 }
 
 absl::Status RequireInt32Dimensions(const char* input, const Tensor& tensor) {

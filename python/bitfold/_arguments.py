@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import operator
 from collections.abc import Sequence
 from typing import Any
 
@@ -53,7 +54,7 @@ def element_tensor(x: Any, name: str, dtype: tf.DType | None = None) -> tf.Tenso
 
 
 def _host_array(x: Any, name: str, dtype: tf.DType | None) -> Any:
-    """Convert lists, numbers and int64 arrays as far as no value changes."""
+    """Convert lists, numbers and int64 arrays as far as no value changes beyond rounding."""
     array = np.asarray(x)
     listed = not isinstance(x, (np.ndarray, np.generic))
     if array.dtype == np.int64 or (array.size == 0 and listed):
@@ -61,13 +62,21 @@ def _host_array(x: Any, name: str, dtype: tf.DType | None) -> Any:
             raise ValueError(f"{name} holds int64 values that no int32 holds")
         array = array.astype(np.int32)
     if listed and array.dtype == np.float64:
-        array = array.astype(np.float32)
+        return _float32(array, name)
     if listed and dtype == tf.float32 and array.dtype == np.int32:
-        as_float = array.astype(np.float32)
-        if (as_float.astype(np.int64) != array).any():
-            raise TypeError(f"{name} holds integers that no float32 holds")
-        return as_float
+        return _float32(array, name)
     return array
+
+
+def _float32(array: np.ndarray, name: str) -> np.ndarray:
+    """Round floats to float32, as written numbers are; integers must be exact, and all finite."""
+    with np.errstate(over="ignore"):
+        result = array.astype(np.float32)
+    if array.dtype.kind in "iu" and (result.astype(np.float64) != array).any():
+        raise ValueError(f"{name} holds integers that no float32 holds")
+    if (np.isinf(result) & np.isfinite(array)).any():
+        raise ValueError(f"{name} holds numbers beyond float32's range")
+    return result
 
 
 def fixed_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
@@ -94,25 +103,39 @@ def fixed_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
 
 
 def scalar_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
-    """Return a scalar input of an op: a tensor passes, a number becomes one exactly.
+    """Return a scalar input of an op: a tensor passes, a number becomes one of its type.
 
     Raises:
-        TypeError: for a tensor of another type and for a number that is no integer where one is
-            needed.
-        ValueError: for a number outside the type's range.
+        TypeError: for a tensor of another type, for what is no number, and for a number that is
+            no integer where one is needed.
+        ValueError: for a number that the type does not hold.
     """
     if tf.is_tensor(x):
         if x.dtype != dtype:
             raise TypeError(f"{name} must be {dtype.name}, got {x.dtype.name}")
         return x
-    if not dtype.is_integer:
-        return tf.convert_to_tensor(np.asarray(x, np.float32), dtype)
     value = np.asarray(x)
-    if value.dtype.kind not in "iub" and not (value == np.floor(value)).all():
+    if value.dtype.kind not in "iubf":
+        raise TypeError(f"{name} must be a number, got {x!r}")
+    if not dtype.is_integer:
+        return tf.convert_to_tensor(_float32(value, name), dtype)
+    if value.dtype.kind == "f" and not (value == np.floor(value)).all():
         raise TypeError(f"{name} must be an integer, got {x}")
     if (value < dtype.min).any() or (value > dtype.max).any():
         raise ValueError(f"{name} must lie in [{dtype.min}, {dtype.max}], got {x}")
     return tf.convert_to_tensor(value.astype(dtype.as_numpy_dtype))
+
+
+def integer(x: Any, name: str) -> int:
+    """Return an attribute that is an integer.
+
+    Raises:
+        TypeError: for anything else, fractions included.
+    """
+    try:
+        return operator.index(x)
+    except TypeError:
+        raise TypeError(f"{name} must be an integer, got {x!r}") from None
 
 
 def spatial_values(value: int | Sequence[int], name: str) -> list[int]:
@@ -123,16 +146,21 @@ def spatial_values(value: int | Sequence[int], name: str) -> list[int]:
         name: the argument's name, for errors.
 
     Raises:
-        ValueError: for another count, or values other than 1 for batch and channels.
+        ValueError: for anything else: another count, fractions, nested lists, or values other
+            than 1 for batch and channels.
     """
-    values = [int(v) for v in np.atleast_1d(value)]
+    try:
+        values = [operator.index(v) for v in (value if np.iterable(value) else [value])]
+    except TypeError:
+        values = []
     if len(values) == 1:
         values *= 2
     if len(values) == 2:
         values = [1, *values, 1]
     if len(values) != 4 or values[0] != 1 or values[3] != 1:
         raise ValueError(
-            f"{name} must be one number, [height, width] or [1, height, width, 1], got {value}"
+            f"{name} must be one number, [height, width] or [1, height, width, 1], all integers, "
+            f"got {value!r}"
         )
     return values
 

@@ -16,7 +16,9 @@ by it, halves to even; float products are divided by the value itself (by 4, not
 rounded, halves to even. 0 leaves products alone.
 
 Printed lines. A float sum outside [-8388607, 8388607) prints
-``@@@ WARNING: acc <sum> is out of bounds <-8388607,8388607>`` to C's standard output.
+``@@@ WARNING: acc <sum> is out of bounds <-8388607,8388607>`` to C's standard output, each time an
+op runs. Inside ``tf.function`` the runtime's graph optimiser may run an op once where it was called
+twice with the same inputs, or once for all where they are constants; call eagerly to count lines.
 
 Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take the tables that
 ``bitfold.tables`` makes.
@@ -24,7 +26,8 @@ Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take
 Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
-``tf.function`` they may be partly unknown. Errors found in the data raise
+``tf.function`` their shapes may be partly unknown, and strides and dilations must be positive (the
+runtime's rule). Errors found in the data raise
 ``tf.errors.InvalidArgumentError``, which says what is needed and what came.
 """
 
@@ -39,6 +42,7 @@ from bitfold import raw_ops
 from bitfold._arguments import (
     element_tensor,
     fixed_tensor,
+    integer,
     padding_name,
     scalar_tensor,
     spatial_values,
@@ -111,7 +115,7 @@ def add(
         elementwise_factor=scalar_tensor(factor, "factor", value.dtype),
         elementwise_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
         mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=accumulator_size,
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
         use_fp16_acc=use_fp16_acc,
         name=name,
     )
@@ -170,7 +174,7 @@ def bias_add(
         bias_factor=scalar_tensor(factor, "factor", value.dtype),
         bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
         mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=accumulator_size,
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
         use_fp16_acc=use_fp16_acc,
         name=name,
     )
@@ -340,9 +344,10 @@ def depthwise_conv2d(
         >>> bitfold.ops.depthwise_conv2d(image, weights).numpy().ravel()
         array([ 10, -40], dtype=int32)
     """
-    tensor = element_tensor(filter, "filter")
+    input = element_tensor(input, "input")
+    filter = element_tensor(filter, "filter", input.dtype)
     return _convolve(
-        raw_ops.h_depth_wise, input, _one_input_channel(tensor), strides, padding, dilations,
+        raw_ops.h_depth_wise, input, _one_input_channel(filter), strides, padding, dilations,
         elementwise, accumulator_size, mult_shift, use_fp16_acc, name,
     )  # fmt: skip
 
@@ -562,22 +567,26 @@ def activation(
 
 def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
     """Return [..., C, 1] as [..., 1, C], the same memory; [..., 1, C] as it is."""
-    rank = filter.shape.rank
-    if rank is None or rank < 4:
-        return filter  # the kernel checks
-    channels, multiplier = filter.shape[-2:]
-    if channels is not None and multiplier is not None and channels > 1 and multiplier > 1:
-        raise ValueError(
-            "filter must be [height, width, C, 1] or [height, width, 1, C], got shape "
-            f"{filter.shape}: there is no channel multiplier"
-        )
-    if channels == 1:
-        return filter
+    static = filter.shape
+    forms = "filter must be [height, width, C, 1] or [height, width, 1, C], got shape"
+    last = static[-2:] if static.rank is not None else [None, None]
+    if static.rank is not None and static.rank < 4:
+        return filter  # the kernel refuses
+    if None not in last and min(last) > 1:
+        raise ValueError(f"{forms} {static}: there is no channel multiplier")
     shape = tf.shape(filter)
-    merged = tf.concat([shape[:-2], [1, shape[-2] * shape[-1]]], 0)
+    checks = []
+    if None in last and 1 not in last:
+        one = tf.reduce_min(shape[-2:]) <= 1
+        checks = [
+            tf.debugging.Assert(one, [f"{forms} ", shape, ": there is no channel multiplier"])
+        ]
+    with tf.control_dependencies(checks):
+        merged = tf.concat([shape[:-2], [1], [tf.reduce_prod(shape[-2:])]], 0)
     result = tf.reshape(filter, merged)
-    count = channels if multiplier == 1 else None
-    result.set_shape([*filter.shape[:-2], 1, count])
+    if static.rank is not None:
+        count = None if None in last else last[0] * last[1]
+        result.set_shape([*static[:-2], 1, count])
     return result
 
 
@@ -594,14 +603,14 @@ def _convolve(
     if elementwise is None:
         elementwise = tf.zeros([0], input.dtype)
     output = raw_op(
-        input=input,
+        input=_without_static_shape(input),
         filter=_without_static_shape(filters),
         elementwise=element_tensor(elementwise, "elementwise", input.dtype),
         mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
         strides=strides,
         dilations=dilations,
         padding=padding,
-        accumulator_size=accumulator_size,
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
         use_fp16_acc=use_fp16_acc,
         name=name,
     )
@@ -610,16 +619,17 @@ def _convolve(
     return output
 
 
-def _without_static_shape(filters: tf.Tensor) -> tf.Tensor:
-    """Hide the filter's shape from shape inference, which has rules that the kernels have not.
+def _without_static_shape(tensor: tf.Tensor) -> tf.Tensor:
+    """Hide a shape from the runtime's shape inference, which has rules that the kernels have not.
 
     The depthwise rule multiplies the filter's two channel dimensions and wants the first to be the
-    input's, so it refuses [height, width, 1, C]; the ordinary one refuses a fifth dimension and
-    infers 0 outputs where the kernels' truncating division gives 1.
+    input's, so it refuses [height, width, 1, C]; the ordinary one refuses a fifth dimension; both
+    infer 0 outputs for images without pixels and for windows larger than the image, where the
+    kernels' truncating division can give 1.
     """
     if tf.executing_eagerly():
-        return filters
-    return tf.raw_ops.PlaceholderWithDefault(input=filters, shape=tf.TensorShape(None))
+        return tensor
+    return tf.raw_ops.PlaceholderWithDefault(input=tensor, shape=tf.TensorShape(None))
 
 
 def _static_shape(

@@ -1,0 +1,49 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Fixtures: the oracle, captured file descriptors, comparison on bits.
+
+All are of session scope, so that property tests may use them.
+"""
+
+import os
+
+# Before TensorFlow is imported: no chatter below error severity, but the errors, which are tested.
+if os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2") not in ("0", "1", "2"):
+    os.environ["TF_CPP_MIN_LOG_LEVEL"] = "2"
+
+import hypothesis
+import pytest
+import support
+
+hypothesis.settings.register_profile(
+    "bitfold",
+    max_examples=60,
+    deadline=None,
+    derandomize=True,
+    database=None,
+)
+hypothesis.settings.load_profile("bitfold")
+
+
+@pytest.fixture(scope="session")
+def reference(tmp_path_factory) -> support.Reference:
+    """The oracle; see `support.Reference`."""
+    return support.Reference(support.find_reference(tmp_path_factory.mktemp("reference")))
+
+
+@pytest.fixture(scope="session")
+def printed():
+    """A context manager that captures what is written to both; see `support.printed`."""
+    return support.printed
+
+
+@pytest.fixture(scope="session")
+def assert_bits():
+    """Compares arrays on bits; see `support.assert_bits`."""
+    return support.assert_bits
+
+
+@pytest.fixture(scope="session")
+def assert_lines():
+    """Compares printed text; see `support.assert_lines`."""
+    return support.assert_lines

@@ -1,0 +1,619 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""The wrappers of `bitfold.ops`: what they take, where they run, what they refuse."""
+
+from __future__ import annotations
+
+import inspect
+import re
+
+import keras
+import numpy as np
+import pytest
+import raw
+import support
+import tensorflow as tf
+
+import bitfold
+from bitfold import ops
+
+RNG = np.random.default_rng(11)
+
+
+def _integers(*shape, low=-20, high=21):
+    return RNG.integers(low, high, shape).astype(np.int32)
+
+
+# Each wrapper with two integer operands, its arguments, and the generated op on the same data.
+CALLS = {
+    "add": (
+        (_integers(2, 3, 3, 2), _integers(2, 3, 3, 2)),
+        {"accumulator_size": 6, "factor": 3, "feed_repeat": 2.5, "mult_shift": 1},
+        raw.add,
+        {},
+    ),
+    "bias_add": (
+        (_integers(2, 3, 3, 2), _integers(2)),
+        {"accumulator_size": 6, "factor": 3, "feed_repeat": 2.5, "mult_shift": 1},
+        raw.bias_add,
+        {},
+    ),
+    "conv2d": (
+        (_integers(2, 5, 4, 2), _integers(3, 3, 2, 4)),
+        {"strides": (2, 1), "padding": "VALID", "accumulator_size": 9, "mult_shift": 1},
+        raw.convolve,
+        {},
+    ),
+    "dilated_conv2d": (
+        (_integers(2, 5, 4, 2), _integers(3, 3, 2, 4)),
+        {"dilations": (2, 1), "accumulator_size": 9, "mult_shift": 2},
+        raw.convolve,
+        {"op": "h_conv2d_dilation"},
+    ),
+    "depthwise_conv2d": (
+        (_integers(2, 5, 4, 2), _integers(3, 3, 1, 2)),
+        {"strides": (2, 1), "padding": "VALID", "accumulator_size": 9, "mult_shift": 1},
+        raw.convolve,
+        {"op": "h_depth_wise"},
+    ),
+}
+NAMES = tuple(CALLS)
+
+
+def _wrapper(name, /, **changes):
+    """Return the wrapper as a function of its two operands."""
+    return lambda x, y: getattr(ops, name)(x, y, **{**CALLS[name][1], **changes})
+
+
+def _expected(name, dtype=np.int32):
+    (x, y), arguments, call, options = CALLS[name]
+    return call(x.astype(dtype), y.astype(dtype), **arguments, **options).numpy()
+
+
+# ---- What is taken -----------------------------------------------------------------------------
+
+FORMS = {
+    "numpy": lambda x: x,
+    "list": lambda x: x.tolist(),
+    "tensor": tf.constant,
+    "variable": tf.Variable,
+    "int64 array": lambda x: x.astype(np.int64),
+    "strided array": lambda x: np.repeat(x, 2, axis=-1)[..., ::2],
+    "Fortran order": np.asfortranarray,
+    "big-endian array": lambda x: x.astype(">i4"),
+    "read-only array": lambda x: np.frombuffer(x.tobytes(), np.int32).reshape(x.shape),
+}
+
+
+@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("form", FORMS)
+def test_forms_of_integers(name, form, assert_bits):
+    """Arrays, lists, tensors and variables give the generated op's bits."""
+    x, y = map(FORMS[form], CALLS[name][0])
+    assert_bits(_wrapper(name)(x, y), _expected(name))
+
+
+@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("form", ["numpy", "list", "tensor", "variable"])
+def test_forms_of_floats(name, form, assert_bits):
+    """The same in floats; of two lists the second may hold integers."""
+    x, y = CALLS[name][0]
+    operands = FORMS[form](x.astype(np.float32)), FORMS[form](y.astype(np.float32))
+    assert_bits(_wrapper(name)(*operands), _expected(name, np.float32))
+    if form == "list":
+        assert_bits(_wrapper(name)(operands[0], y.tolist()), _expected(name, np.float32))
+
+
+@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize(
+    ("narrow", "wide"),
+    [
+        (np.int8, np.int32),
+        (np.int16, np.int32),
+        (np.float16, np.float32),
+    ],
+)
+@pytest.mark.parametrize("form", ["numpy", "tensor", "mixed"])
+def test_narrower_types_widen(name, narrow, wide, form, assert_bits):
+    """Both operands, or either."""
+    x, y = (a.astype(narrow) for a in CALLS[name][0])
+    if form == "tensor":
+        x, y = tf.constant(x), tf.constant(y)
+    elif form == "mixed":
+        y = y.astype(wide)
+    assert_bits(_wrapper(name)(x, y), _expected(name, wide))
+
+
+@pytest.mark.parametrize("dtype", [tf.uint8, tf.uint16, tf.bool])
+def test_unsigned_types_widen(dtype, assert_bits):
+    """Unsigned data of fewer than 32 bits is positive int32 data."""
+    value = tf.cast(tf.constant([[1, 0, dtype.max if dtype != tf.bool else 1]]), dtype)
+    expected = 2 * tf.cast(value, tf.int32).numpy()
+    assert_bits(ops.add(value, value), expected)
+    assert_bits(ops.add(value.numpy(), value.numpy()), expected)
+
+
+def test_bfloat16_widens(assert_bits):
+    """Every bfloat16 is a float32."""
+    value = tf.constant([[1.5, -2.0]], tf.bfloat16)
+    assert_bits(ops.add(value, value), np.array([[3.0, -4.0]], np.float32))
+
+
+def test_int64_arrays_narrow_where_every_value_fits(assert_bits):
+    """What numpy and lists give by default narrows; a value that does not fit is an error."""
+    ends = np.array([[-(2**31), 2**31 - 1]], np.int64)
+    assert_bits(ops.add(ends, [[0, 0]]), ends.astype(np.int32))
+    for value in (2**31, -(2**31) - 1, 2**62):
+        for form in (np.array([[value]], np.int64), [[value]]):
+            with pytest.raises(ValueError, match="value holds int64 values that no int32 holds"):
+                ops.add(form, [[1]])
+
+
+@pytest.mark.parametrize(
+    "value",
+    [
+        np.ones([1, 1], np.float64),
+        np.ones([1, 1], np.uint32),
+        np.ones([1, 1], np.uint64),
+        tf.ones([1, 1], tf.int64),
+        tf.ones([1, 1], tf.float64),
+        np.ones([1, 1], np.complex64),
+        [["1"]],
+    ],
+    ids=lambda v: f"{type(v).__name__}-{getattr(v, 'dtype', '')}",
+)
+def test_other_types_are_refused(value):
+    """Types that would lose something; the error names the argument and the type."""
+    with pytest.raises(TypeError, match="value must be float32 or int32, got"):
+        ops.add(value, value)
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_types_that_differ_are_refused(name):
+    """Both operands have one type; the error names the second argument as the function does."""
+    x, y = CALLS[name][0]
+    second = list(inspect.signature(getattr(ops, name)).parameters)[1]
+    for a, b, wanted, got in (
+        (x, y.astype(np.float32), "int32", "float32"),
+        (x.astype(np.float32), y, "float32", "int32"),
+        (x, tf.constant(y, tf.float32), "int32", "float32"),
+    ):
+        with pytest.raises(TypeError, match=f"{second} must be {wanted}, got {got}"):
+            _wrapper(name)(a, b)
+
+
+def test_lists_that_floats_do_not_hold_are_refused():
+    """A list of integers meets float data only where no value changes."""
+    with pytest.raises(ValueError, match="elementwise holds integers that no float32 holds"):
+        ops.add([[1.0]], [[2**24 + 1]])
+
+
+def test_empty_lists_take_the_other_operands_type():
+    """An empty list has no type of its own."""
+    assert ops.add([[]], [[]]).dtype == tf.int32
+    assert ops.add(np.zeros([1, 0], np.float32), [[]]).dtype == tf.float32
+
+
+# ---- Scalars -----------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize(
+    "shift",
+    [2, 2.0, np.int8(2), np.int64(2), np.array([2]), *(tf.constant(x, tf.int8) for x in (2, [2]))],
+    ids=repr,
+)
+def test_scalars_may_be_numbers_and_tensors(shift, assert_bits):
+    """A shift as any kind of integer."""
+    assert_bits(ops.add([[0]], [[10]], mult_shift=shift), np.array([[2]], np.int32))
+
+
+def test_scalars_may_be_computed(assert_bits):
+    """Factor, feed repeat and shift may be tensors of a graph."""
+
+    @tf.function
+    def scaled(factor, feed_repeat, shift):
+        return ops.add([[1]], [[5]], factor=factor, feed_repeat=feed_repeat, mult_shift=shift)
+
+    result = scaled(tf.constant(3), tf.constant(2.0), tf.constant(1, tf.int8))
+    assert_bits(result, np.array([[17]], np.int32))
+
+
+@pytest.mark.parametrize(
+    ("arguments", "error", "text"),
+    [
+        ({"mult_shift": 128}, ValueError, "mult_shift must lie in [-128, 127], got 128"),
+        ({"mult_shift": -129}, ValueError, "mult_shift must lie in [-128, 127], got -129"),
+        ({"mult_shift": 1.5}, TypeError, "mult_shift must be an integer, got 1.5"),
+        ({"mult_shift": np.nan}, TypeError, "mult_shift must be an integer, got nan"),
+        ({"mult_shift": tf.constant(1)}, TypeError, "mult_shift must be int8, got int32"),
+        ({"factor": 2.5}, TypeError, "factor must be an integer, got 2.5"),
+        (
+            {"factor": 2**31},
+            ValueError,
+            "factor must lie in [-2147483648, 2147483647], got 2147483648",
+        ),
+        ({"factor": tf.constant(1.0)}, TypeError, "factor must be int32, got float32"),
+        (
+            {"feed_repeat": tf.constant(1.0, tf.float64)},
+            TypeError,
+            "feed_repeat must be float32, got float64",
+        ),
+        ({"accumulator_size": -1}, tf.errors.InvalidArgumentError, "Need accumulator_size >= 0"),
+        ({"accumulator_size": 33}, tf.errors.InvalidArgumentError, "Need accumulator_size <= 32"),
+        ({"feed_repeat": np.nan}, tf.errors.InvalidArgumentError, "got nan"),
+    ],
+)
+@pytest.mark.parametrize("name", ["add", "bias_add"])
+def test_scalars_out_of_range_are_refused(name, arguments, error, text):
+    """Numbers that their type does not hold, and tensors of another type."""
+    with pytest.raises(error, match=re.escape(text)):
+        getattr(ops, name)([[1, 1]], [[1, 1]] if name == "add" else [1, 1], **arguments)
+
+
+@pytest.mark.filterwarnings("ignore:overflow encountered")
+@pytest.mark.parametrize("name", ["add", "bias_add"])
+@pytest.mark.parametrize("number", [1e40, -1e40])
+def test_float_scalars_out_of_range_are_refused(name, number):
+    """A finite factor that no float32 holds must not become infinite."""
+    operands = ([[1.0]], [[1.0]] if name == "add" else [1.0])
+    with pytest.raises(ValueError, match="factor"):
+        getattr(ops, name)(*operands, factor=number)
+
+
+@pytest.mark.filterwarnings("ignore:overflow encountered")
+def test_float_lists_out_of_range_are_refused():
+    """A finite number in a list that no float32 holds must not become infinite."""
+    with pytest.raises((ValueError, TypeError), match="value"):
+        ops.add([[1e40]], [[1.0]])
+
+
+@pytest.mark.parametrize("accumulator_size", [8.5, "8", None])
+@pytest.mark.parametrize("name", NAMES)
+def test_widths_that_are_no_integers_are_refused(name, accumulator_size):
+    """Half a bit must not be dropped silently."""
+    with pytest.raises((TypeError, ValueError)):
+        _wrapper(name, accumulator_size=accumulator_size)(*CALLS[name][0])
+
+
+# ---- Convolution attributes --------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("argument", ["strides", "dilations"])
+@pytest.mark.parametrize(
+    ("value", "spatial"),
+    [
+        (2, (2, 2)),
+        (np.int64(2), (2, 2)),
+        ([2], (2, 2)),
+        ((3, 2), (3, 2)),
+        (np.array([3, 2]), (3, 2)),
+        ([1, 3, 2, 1], (3, 2)),
+    ],
+    ids=repr,
+)
+def test_forms_of_strides(argument, value, spatial, assert_bits):
+    """One number, height and width, or all four."""
+    pixels, weights = _integers(1, 9, 8, 2), _integers(2, 3, 2, 2)
+    expected = raw.convolve(pixels, weights, **{argument: spatial}).numpy()
+    assert_bits(ops.conv2d(pixels, weights, **{argument: value}), expected)
+    if argument == "dilations":
+        assert_bits(ops.dilated_conv2d(pixels, weights, dilations=value), expected)
+
+
+@pytest.mark.parametrize("argument", ["strides", "dilations"])
+@pytest.mark.parametrize("name", NAMES[2:])
+@pytest.mark.parametrize("value", [[], [1, 2, 3], [2, 1, 1, 1], [1, 1, 1, 2], [1] * 5, [[1, 2]]])
+def test_malformed_strides_are_refused(name, argument, value):
+    """Other counts, and other values than 1 for batch and channels."""
+    text = f"{argument} must be one number, [height, width] or [1, height, width, 1]"
+    with pytest.raises((TypeError, ValueError), match=re.escape(text)):
+        _wrapper(name, **{argument: value})(*CALLS[name][0])
+
+
+@pytest.mark.parametrize("argument", ["strides", "dilations"])
+@pytest.mark.parametrize("value", [1.5, [2, 1.5], "2", np.nan])
+def test_strides_that_are_no_integers_are_refused(argument, value):
+    """A fraction must not be dropped silently."""
+    with pytest.raises((TypeError, ValueError), match=argument):
+        _wrapper("conv2d", **{argument: value})(*CALLS["conv2d"][0])
+
+
+def test_dilated_convolution_needs_dilations():
+    """The one argument without a default."""
+    with pytest.raises(TypeError, match="dilations"):
+        ops.dilated_conv2d(*CALLS["dilated_conv2d"][0])
+
+
+@pytest.mark.parametrize("name", NAMES[2:])
+@pytest.mark.parametrize("padding", ["valid", "Valid", "VALID"])
+def test_padding_in_any_case(name, padding, assert_bits):
+    """As tf.keras and tf.nn write it."""
+    operands = CALLS[name][0]
+    expected = _wrapper(name, padding="VALID")(*operands).numpy()
+    assert_bits(_wrapper(name, padding=padding)(*operands), expected)
+
+
+@pytest.mark.parametrize("padding", ["FULL", "", None, "EXPLICIT", 0, [[0, 0]] * 4])
+def test_other_paddings_are_refused(padding):
+    """The error says what there is."""
+    with pytest.raises(ValueError, match='padding must be "SAME" or "VALID", got'):
+        _wrapper("conv2d", padding=padding)(*CALLS["conv2d"][0])
+
+
+@pytest.mark.parametrize("name", NAMES[2:])
+def test_elementwise_operand(name, assert_bits):
+    """The operand in any form; None leaves it out."""
+    (x, y), arguments, call, options = CALLS[name]
+    plain = _wrapper(name)(x, y)
+    assert_bits(_wrapper(name, elementwise=None)(x, y), plain.numpy())
+    operand = _integers(*plain.shape)
+    expected = call(x, y, operand, **arguments, **options).numpy()
+    for form in ("numpy", "list", "tensor", "int64 array"):
+        assert_bits(_wrapper(name, elementwise=FORMS[form](operand))(x, y), expected)
+    with pytest.raises(TypeError, match="elementwise must be int32, got float32"):
+        _wrapper(name, elementwise=operand.astype(np.float32))(x, y)
+
+
+@pytest.mark.parametrize("name", NAMES[2:])
+def test_malformed_operands_are_left_to_the_kernel(name):
+    """Ranks are refused with the kernel's text."""
+    weights = np.ones([1, 1, 1, 1], np.int32)
+    with pytest.raises(tf.errors.InvalidArgumentError, match="Need input of rank 4"):
+        _wrapper(name)(np.ones([1, 1, 1], np.int32), weights)
+    with pytest.raises(tf.errors.InvalidArgumentError, match="Need filter of rank 4 or above"):
+        _wrapper(name)(weights, np.ones([1, 1, 1], np.int32))
+
+
+# ---- Depthwise filters -------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("leading", [(), (2,)])
+@pytest.mark.parametrize("dtype", [np.int32, np.float32])
+def test_both_forms_of_a_depthwise_filter(leading, dtype, assert_bits):
+    """[height, width, C, 1] is [height, width, 1, C]."""
+    pixels = _integers(2, 5, 4, 3).astype(dtype)
+    weights = _integers(*leading, 3, 2, 1, 3, low=-50, high=51).astype(dtype)
+    expected = raw.convolve(pixels, weights, op="h_depth_wise", accumulator_size=12).numpy()
+    for form in (weights, weights.swapaxes(-1, -2)):
+        assert_bits(ops.depthwise_conv2d(pixels, form, accumulator_size=12), expected)
+        tensor = tf.constant(np.ascontiguousarray(form))
+        assert_bits(ops.depthwise_conv2d(pixels, tensor, accumulator_size=12), expected)
+
+
+@pytest.mark.parametrize("leading", [(), (2,)])
+@pytest.mark.parametrize("known", [True, False])
+def test_channel_multipliers_are_refused(leading, known):
+    """[height, width, C, M] has no meaning, whether or not the dimensions are known beforehand."""
+    pixels, weights = _integers(2, 5, 4, 6), _integers(*leading, 3, 2, 2, 3)
+    error, text = ValueError, "filter must be [height, width, C, 1] or [height, width, 1, C], got"
+    call = ops.depthwise_conv2d
+    if not known:
+        specs = [tf.TensorSpec([None] * a.ndim, tf.int32) for a in (pixels, weights)]
+        call = tf.function(lambda x, f: ops.depthwise_conv2d(x, f), input_signature=specs)
+        error, text = tf.errors.InvalidArgumentError, "filter"
+    with pytest.raises(error, match=re.escape(text)):
+        call(pixels, weights)
+
+
+def test_a_list_of_integers_is_a_depthwise_filter_of_floats(assert_bits):
+    """As for the ordinary convolution."""
+    pixels = np.ones([1, 1, 1, 1], np.float32)
+    assert_bits(ops.conv2d(pixels, [[[[2]]]]), 2 * pixels)
+    assert_bits(ops.depthwise_conv2d(pixels, [[[[2]]]]), 2 * pixels)
+
+
+# ---- Functions and saved models ----------------------------------------------------------------
+
+
+@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("dtype", [np.int32, np.float32])
+def test_in_functions(name, dtype, assert_bits):
+    """The same bits traced on constants, on arguments, and with dimensions unknown."""
+    x, y = (a.astype(dtype) for a in CALLS[name][0])
+    call = _wrapper(name)
+    expected = _expected(name, dtype)
+    assert_bits(tf.function(lambda: call(x, y), autograph=False)(), expected)
+    assert_bits(tf.function(call, autograph=False)(x, y), expected)
+    for shapes in (
+        ([None] * x.ndim, [None] * y.ndim),
+        ([None, *x.shape[1:]], y.shape),
+        (None, y.shape),
+    ):
+        specs = [tf.TensorSpec(shape, dtype) for shape in shapes]
+        function = tf.function(call, autograph=False).get_concrete_function(*specs)
+        assert_bits(function(tf.constant(x), tf.constant(y)), expected)
+
+
+def test_names_reach_the_graph():
+    """`name` names the node."""
+    with tf.Graph().as_default() as graph:
+        for name in NAMES:
+            _wrapper(name, name=f"my_{name}")(*CALLS[name][0])
+    assert {f"my_{name}" for name in NAMES} <= {op.name for op in graph.get_operations()}
+
+
+_LOAD = """
+import sys
+import bitfold
+import numpy as np
+import tensorflow as tf
+folder = sys.argv[1]
+model = tf.saved_model.load(folder + "/model")
+data = np.load(folder + "/data.npz")
+for name in sys.argv[2:]:
+    result = getattr(model, name)(data[name + "_x"], data[name + "_y"]).numpy()
+    assert result.dtype == data[name].dtype
+    assert result.tobytes() == data[name].tobytes(), name
+import keras
+layers = keras.models.load_model(folder + "/layers.keras")
+assert layers.predict(data["pixels"], verbose=0).tobytes() == data["predicted"].tobytes()
+print("same")
+"""
+
+
+def test_saved_models_in_a_fresh_process(tmp_path):
+    """A saved model, and a saved Keras model, need nothing but `import bitfold` to be loaded."""
+    module = tf.Module()
+    data = {}
+    for name in NAMES:
+        x, y = CALLS[name][0]
+        specs = [tf.TensorSpec([None] * a.ndim, tf.int32) for a in (x, y)]
+        function = tf.function(_wrapper(name), input_signature=specs, autograph=False)
+        setattr(module, name, function)
+        data |= {f"{name}_x": x, f"{name}_y": y, name: _expected(name)}
+    tf.saved_model.save(module, str(tmp_path / "model"))
+    layers = _network()
+    data["pixels"] = _integers(3, 5, 5, 2)
+    data["predicted"] = layers.predict(data["pixels"], verbose=0)
+    layers.save(tmp_path / "layers.keras")
+    np.savez(tmp_path / "data.npz", **data)
+    output = support.passes(support.run_python(_LOAD, str(tmp_path), *NAMES))
+    assert output.splitlines()[-1] == "same"
+
+
+# ---- Keras -------------------------------------------------------------------------------------
+
+_WEIGHTS = {
+    "conv2d": _integers(3, 3, 2, 4),
+    "bias_add": _integers(4),
+    "dilated_conv2d": _integers(2, 2, 4, 4),
+    "depthwise_conv2d": _integers(3, 3, 1, 4),
+}
+
+
+def _forward(x):
+    """A network that uses every wrapper; on arrays, tensors or symbolic tensors."""
+    x = ops.conv2d(x, _WEIGHTS["conv2d"], accumulator_size=10, mult_shift=1)
+    y = ops.bias_add(x, _WEIGHTS["bias_add"], accumulator_size=10, feed_repeat=2.0)
+    y = ops.dilated_conv2d(y, _WEIGHTS["dilated_conv2d"], dilations=2, accumulator_size=12)
+    y = ops.depthwise_conv2d(y, _WEIGHTS["depthwise_conv2d"], elementwise=x, accumulator_size=14)
+    return ops.add(x, y, accumulator_size=11, factor=3)
+
+
+def _network() -> keras.Model:
+    pixels = keras.Input([5, 5, 2], dtype="int32")
+    return keras.Model(pixels, _forward(pixels))
+
+
+def test_functional_model(assert_bits):
+    """Symbolic tensors build layers; calling and predicting give the eager bits."""
+    model = _network()
+    pixels = _integers(6, 5, 5, 2)
+    expected = _forward(pixels).numpy()
+    assert model.output_shape == (None, 5, 5, 4)
+    assert_bits(model(pixels), expected)
+    assert_bits(model.predict(pixels, batch_size=4, verbose=0), expected)
+    layers = [layer for layer in model.layers if not isinstance(layer, keras.layers.InputLayer)]
+    assert len(layers) == 5
+    assert not any(layer.supports_jit for layer in layers)
+    assert not model.trainable_variables
+
+
+def test_functional_model_in_floats(assert_bits):
+    """The float datapath in a model, after a stock layer."""
+    pixels = keras.Input([5, 5, 2])
+    weights = _WEIGHTS["conv2d"].astype(np.float32)
+    result = ops.conv2d(keras.layers.ReLU()(pixels), weights, accumulator_size=8, mult_shift=3)
+    data = _integers(2, 5, 5, 2).astype(np.float32)
+    expected = ops.conv2d(np.maximum(data, 0), weights, accumulator_size=8, mult_shift=3)
+    assert_bits(keras.Model(pixels, result).predict(data, verbose=0), expected.numpy())
+
+
+def test_functional_model_survives_saving(tmp_path, assert_bits):
+    """A .keras file holds the layers with their constants, types and names included."""
+    pixels = keras.Input([5, 5, 2], dtype="int32")
+    model = keras.Model(pixels, ops.conv2d(pixels, _WEIGHTS["conv2d"], name="first"))
+    model.save(tmp_path / "model.keras")
+    loaded = keras.models.load_model(tmp_path / "model.keras")
+    data = _integers(2, 5, 5, 2)
+    assert loaded.layers[-1].name == "first"
+    assert loaded.layers[-1].supports_jit is False
+    assert_bits(loaded.predict(data, verbose=0), model.predict(data, verbose=0))
+
+
+@pytest.mark.filterwarnings("ignore:__array__ implementation:DeprecationWarning")
+@pytest.mark.parametrize("constant", ["numpy", "list", "tensor", "variable", "int64 array"])
+def test_layers_save_any_constant(constant, tmp_path, assert_bits):
+    """Whatever form a constant was given in, the loaded model has its bits."""
+    pixels = keras.Input([5, 5, 2], dtype="int32")
+    weights = FORMS[constant](_WEIGHTS["conv2d"])
+    keras.Model(pixels, ops.conv2d(pixels, weights)).save(tmp_path / "model.keras")
+    loaded = keras.models.load_model(tmp_path / "model.keras")
+    data = _integers(2, 5, 5, 2)
+    assert_bits(loaded(data), ops.conv2d(data, _WEIGHTS["conv2d"]).numpy())
+
+
+def test_layers_keep_float_constants(tmp_path, assert_bits):
+    """Float constants come back bit for bit, subnormals, infinities and NaN included."""
+    values = keras.Input([support.FLOAT_BOUNDARY.size])
+    model = keras.Model(values, ops.bias_add(values, support.FLOAT_BOUNDARY, factor=0.1))
+    model.save(tmp_path / "model.keras")
+    loaded = keras.models.load_model(tmp_path / "model.keras")
+    zeros = np.zeros([1, support.FLOAT_BOUNDARY.size], np.float32)
+    expected = ops.bias_add(zeros, support.FLOAT_BOUNDARY, factor=0.1).numpy()
+    assert_bits(loaded(zeros), expected)
+
+
+def test_symbolic_tensors_by_keyword(assert_bits):
+    """Operands may be named, and any of them symbolic."""
+    pixels = keras.Input([3, 3, 2], dtype="int32")
+    addend = keras.Input([3, 3, 4], dtype="int32")
+    result = ops.conv2d(input=pixels, filters=_WEIGHTS["conv2d"], elementwise=addend)
+    model = keras.Model([pixels, addend], result)
+    data = _integers(2, 3, 3, 2), _integers(2, 3, 3, 4)
+    expected = ops.conv2d(data[0], _WEIGHTS["conv2d"], elementwise=data[1]).numpy()
+    assert_bits(model.predict(data, verbose=0), expected)
+
+
+@pytest.mark.parametrize("policy", ["mixed_float16", "mixed_bfloat16", "float16"])
+def test_mixed_precision_does_not_change_bits(policy, assert_bits):
+    """The policy of the stock layers must not cast what the ops get."""
+    data = support.random_values(np.random.default_rng(5), np.float32, (2, 3, 3, 2))
+    weights = support.random_values(np.random.default_rng(6), np.float32, (3, 3, 2, 4))
+    expected = ops.conv2d(data, weights, accumulator_size=24).numpy()
+    before = keras.mixed_precision.global_policy()
+    keras.mixed_precision.set_global_policy(policy)
+    try:
+        pixels = keras.Input([3, 3, 2], dtype="float32")
+        result = ops.conv2d(pixels, weights, accumulator_size=24)
+        assert result.dtype == "float32"
+        assert_bits(keras.Model(pixels, result)(tf.constant(data)), expected)
+        assert_bits(ops.conv2d(data, weights, accumulator_size=24), expected)
+    finally:
+        keras.mixed_precision.set_global_policy(before)
+
+
+def test_errors_while_building_a_model():
+    """Malformed arguments are refused when the layer is built, not when it runs."""
+    pixels = keras.Input([5, 5, 2], dtype="int32")
+    with pytest.raises(ValueError, match="padding must be"):
+        ops.conv2d(pixels, _WEIGHTS["conv2d"], padding="FULL")
+    with pytest.raises(TypeError, match="unexpected keyword argument"):
+        ops.conv2d(pixels, _WEIGHTS["conv2d"], no_such_argument=1)
+
+
+# ---- Gradients, XLA ----------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_gradients_are_undefined(name):
+    """A silent zero would be worse than the runtime's error."""
+    x, y = (tf.constant(a, tf.float32) for a in CALLS[name][0])
+    with tf.GradientTape() as tape:
+        tape.watch(x)
+        result = _wrapper(name)(x, y)
+    with pytest.raises(LookupError, match="gradient registry has no entry"):
+        tape.gradient(result, x)
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_xla_is_refused(name):
+    """There are no XLA kernels; the runtime says so."""
+    function = tf.function(_wrapper(name), jit_compile=True, autograph=False)
+    with pytest.raises(tf.errors.OpError, match=r"(?i)unsupported|jit|compil|XLA"):
+        function(*map(tf.constant, CALLS[name][0]))
+
+
+def test_everything_public_is_tested():
+    """Every wrapper appears in the cases above."""
+    assert sorted(bitfold.ops.__all__) == sorted(NAMES)

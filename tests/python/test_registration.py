@@ -1,0 +1,251 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What loading the library adds to the runtime: op definitions, kernels, symbols, no more."""
+
+from __future__ import annotations
+
+import json
+import pathlib
+import shutil
+import subprocess
+
+import numpy as np
+import pytest
+import support
+import tensorflow as tf
+from tensorflow.core.framework import kernel_def_pb2, op_def_pb2
+
+import bitfold
+
+_ELEMENT_TYPE = "T: {float, int32}"
+_DATA_FORMAT = 'data_format: {"NHWC", "NCHW"} = "NHWC"'
+
+
+def _addition(operand: str) -> dict[str, list[str]]:
+    return {
+        "inputs": [
+            "value: T",
+            f"{operand}: T",
+            f"{operand}_factor: T",
+            f"{operand}_feed_repeat: float",
+            "mult_shift: int8",
+        ],
+        "attributes": [
+            _ELEMENT_TYPE,
+            _DATA_FORMAT,
+            "accumulator_size: int",
+            "use_fp16_acc: bool = false",
+        ],
+        "outputs": ["output: T"],
+    }
+
+
+def _convolution(is_depthwise: str) -> dict[str, list[str]]:
+    return {
+        "inputs": ["input: T", "filter: T", "elementwise: T", "mult_shift: int8"],
+        "attributes": [
+            _ELEMENT_TYPE,
+            "strides: list(int)",
+            "dilations: list(int)",
+            "use_cudnn_on_gpu: bool = true",
+            'padding: {"SAME", "VALID"}',
+            _DATA_FORMAT,
+            "accumulator_size: int",
+            "use_fp16_acc: bool = false",
+            f"is_depthwise: bool = {is_depthwise}",
+        ],
+        "outputs": ["output: T"],
+    }
+
+
+# Every op in registration order, and its kernels as (device, element type) -> printable name.
+OPS = {
+    "HAdd": _addition("elementwise"),
+    "HBiasAdd": _addition("bias"),
+    "HDepthWise": _convolution("true"),
+    "HConv2d": _convolution("false"),
+    "HConv2dDilation": _convolution("false"),
+}
+KERNEL_CLASSES = {
+    "HAdd": "HAddOp",
+    "HBiasAdd": "HBiasAddOp",
+    "HDepthWise": "HConv2dOp",
+    "HConv2d": "HConv2dOp",
+    "HConv2dDilation": "HConv2dOp",
+}
+SYMBOLS = {
+    "accumulator_fp16_verification",
+    "accumulator_int_verification",
+    "multiplier_verification",
+    "shifter_fp16_acc_verification",
+    "shifter_int_acc_verification",
+}
+
+# Loads the library twice by path, without importing bitfold, and reports what that changed.
+_LOAD = """
+import json, os, sys
+os.environ["TF_CPP_MIN_LOG_LEVEL"] = "3"
+import tensorflow as tf
+from tensorflow.core.framework import op_def_pb2
+from tensorflow.python.client import pywrap_tf_session
+from tensorflow.python.framework import c_api_util, kernels
+
+def all_kernels():
+    found = kernels.get_all_registered_kernels().kernel
+    return sorted(k.SerializeToString(deterministic=True).hex() for k in found)
+
+def all_ops():
+    buffer = pywrap_tf_session.TF_GetAllOpList()
+    found = op_def_pb2.OpList()
+    found.ParseFromString(pywrap_tf_session.TF_GetBuffer(buffer))
+    return sorted(o.name for o in found.op)
+
+path = sys.argv[1]
+report = {"kernels before": all_kernels(), "ops before": all_ops()}
+for time in ("first", "second"):
+    handle = pywrap_tf_session.TF_LoadLibrary(path)
+    report[time] = pywrap_tf_session.TF_GetOpList(handle).hex()
+module = tf.load_op_library(path)
+assert tf.load_op_library(path) is module
+report["kernels after"] = all_kernels()
+report["ops after"] = all_ops()
+report["sum"] = module.h_add([[100]], [[50]], [1], [1.0], [0], accumulator_size=8).numpy().tolist()
+report["imported"] = "bitfold" in sys.modules
+print(json.dumps(report))
+"""
+
+
+@pytest.fixture(scope="module")
+def loaded() -> dict:
+    """What a process finds that loads the library by its path alone."""
+    output = support.passes(support.run_python(_LOAD, bitfold.library_path()))
+    return json.loads(output.splitlines()[-1])
+
+
+def _type_name(number: int) -> str:
+    return {tf.float32: "float"}.get(tf.as_dtype(number), tf.as_dtype(number).name)
+
+
+def _argument(argument: op_def_pb2.OpDef.ArgDef) -> str:
+    assert not argument.number_attr
+    assert not argument.type_list_attr
+    assert not argument.is_ref
+    return f"{argument.name}: {argument.type_attr or _type_name(argument.type)}"
+
+
+def _attribute(attribute: op_def_pb2.OpDef.AttrDef) -> str:
+    kind = attribute.type
+    if attribute.HasField("allowed_values"):
+        values = attribute.allowed_values.list
+        names = [_type_name(t) for t in values.type] + [f'"{s.decode()}"' for s in values.s]
+        kind = "{" + ", ".join(names) + "}"
+    text = f"{attribute.name}: {kind}"
+    assert not attribute.has_minimum
+    if attribute.HasField("default_value"):
+        default = attribute.default_value
+        shown = f'"{default.s.decode()}"' if default.HasField("s") else str(default.b).lower()
+        text += f" = {shown}"
+    return text
+
+
+def _definitions(serialised: str) -> op_def_pb2.OpList:
+    definitions = op_def_pb2.OpList()
+    definitions.ParseFromString(bytes.fromhex(serialised))
+    return definitions
+
+
+def test_ops_in_registration_order(loaded):
+    """The ops of the library, in the order of the source files, and nothing else."""
+    assert [op.name for op in _definitions(loaded["first"]).op] == list(OPS)
+    assert set(loaded["ops after"]) - set(loaded["ops before"]) == set(OPS)
+
+
+@pytest.mark.parametrize("name", OPS)
+def test_definition(name, loaded):
+    """Names and order of inputs, attributes with types, defaults and allowed values, outputs."""
+    (op,) = [op for op in _definitions(loaded["first"]).op if op.name == name]
+    assert {
+        "inputs": [_argument(a) for a in op.input_arg],
+        "attributes": [_attribute(a) for a in op.attr],
+        "outputs": [_argument(a) for a in op.output_arg],
+    } == OPS[name]
+    flags = (op.is_stateful, op.is_commutative, op.is_aggregate, op.allows_uninitialized_input)
+    assert not any(flags)
+
+
+def test_kernels(loaded):
+    """A kernel for each op, device and element type, nothing in host memory, and no more."""
+    added = set(loaded["kernels after"]) - set(loaded["kernels before"])
+    assert len(loaded["kernels after"]) - len(loaded["kernels before"]) == len(added)
+    found = []
+    for serialised in added:
+        kernel = kernel_def_pb2.KernelDef()
+        kernel.ParseFromString(bytes.fromhex(serialised))
+        (constraint,) = kernel.constraint
+        assert constraint.name == "T"
+        (dtype,) = constraint.allowed_values.list.type
+        assert not kernel.host_memory_arg
+        assert not kernel.label
+        assert kernel.priority == 0
+        found.append((kernel.op, kernel.device_type, _type_name(dtype)))
+    assert sorted(found) == sorted((op, "CPU", t) for op in OPS for t in ("float", "int32"))
+
+
+@pytest.mark.parametrize(
+    "name",
+    sorted({f"{c}<CPUDevice, {t}>" for c in KERNEL_CLASSES.values() for t in ("float", "int32")}),
+)
+def test_kernel_names(name):
+    """Kernels are registered under their printable names."""
+    assert name.encode() + b"\0" in pathlib.Path(bitfold.library_path()).read_bytes()
+
+
+def test_loads_without_the_package(loaded):
+    """The library is an ordinary op library: it needs nothing of the Python package."""
+    assert loaded["imported"] is False
+    assert loaded["sum"] == [[-106]]
+
+
+def test_loading_twice_is_harmless(loaded):
+    """A second load finds what the first did and registers nothing again."""
+    assert loaded["second"] == loaded["first"]
+
+
+@pytest.mark.parametrize(
+    "dtype",
+    ["int8", "uint8", "int16", "uint16", "int64", "float16", "bfloat16", "float64", "bool"],
+)
+def test_other_element_types_are_refused(dtype):
+    """Float and int32 are the element types; for any other there is no kernel."""
+    one = tf.cast(tf.ones([1, 1, 1, 1]), dtype)
+    float_one, int8_one = np.ones([1], np.float32), np.ones([1], np.int8)
+    refused = pytest.raises(
+        (tf.errors.InvalidArgumentError, tf.errors.NotFoundError),
+        match=r"(?i)allowed values|kernel",
+    )
+    with refused:
+        bitfold.raw_ops.h_add(one, one, one, float_one, int8_one, accumulator_size=8)
+    with refused:
+        bitfold.raw_ops.h_bias_add(one, one[0, 0, 0], one, float_one, int8_one, accumulator_size=8)
+    for op in ("h_conv2d", "h_conv2d_dilation", "h_depth_wise"):
+        with refused:
+            getattr(bitfold.raw_ops, op)(
+                one, one, one, int8_one, strides=[1] * 4, dilations=[1] * 4, padding="SAME",
+                accumulator_size=8,
+            )  # fmt: skip
+
+
+def test_exported_symbols():
+    """The library exports its C functions and hides everything else."""
+    nm = shutil.which("nm")
+    if nm is None:
+        pytest.skip("nm (binutils) is not installed")
+    listing = subprocess.run(
+        [nm, "-D", "--defined-only", bitfold.library_path()],
+        capture_output=True,
+        text=True,
+        check=True,
+    ).stdout
+    symbols = {line.split()[-1]: line.split()[-2] for line in listing.splitlines()}
+    assert set(symbols) == SYMBOLS
+    assert set(symbols.values()) == {"T"}

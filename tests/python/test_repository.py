@@ -1,0 +1,323 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Rules that hold for the whole checkout. Each failure says what to do."""
+
+from __future__ import annotations
+
+import functools
+import inspect
+import json
+import pathlib
+import re
+import shlex
+import subprocess
+
+import pytest
+import support
+
+import bitfold
+
+ROOT = support.ROOT
+SOURCES = {".h", ".cc", ".c", ".cpp", ".cu", ".cuh", ".py"}
+
+
+@functools.cache
+def files() -> tuple[pathlib.Path, ...]:
+    """Return the files of the checkout, without what git ignores."""
+    try:
+        listing = subprocess.run(
+            ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+            cwd=ROOT,
+            capture_output=True,
+            text=True,
+            check=True,
+        ).stdout.split("\0")
+    except (OSError, subprocess.CalledProcessError):
+        pytest.skip("the checkout's files are listed by git, which cannot be run here")
+    return tuple(sorted(ROOT / name for name in listing if name and (ROOT / name).is_file()))
+
+
+def text(path: pathlib.Path) -> str:
+    """Return a file's text; nothing for a binary one."""
+    try:
+        return path.read_text()
+    except UnicodeDecodeError:
+        return ""
+
+
+def where(path: pathlib.Path) -> str:
+    """Return a path as the checkout's own."""
+    return path.relative_to(ROOT).as_posix()
+
+
+# ---- Flags that can change a bit ---------------------------------------------------------------
+
+# Spelled in two parts, so that this file does not find itself.
+_NUMERIC_FLAGS = [
+    "-f" + flag
+    for flag in (
+        "fp-contract",
+        "fast-math",
+        "no-fast-math",
+        "unsafe-math-optimizations",
+        "associative-math",
+        "reciprocal-math",
+        "finite-math-only",
+        "no-signed-zeros",
+        "no-signaling-nans",
+        "rounding-math",
+        "no-rounding-math",
+        "excess-precision",
+        "float-store",
+        "fp-model",
+        "denormal-fp-math",
+        "no-trapping-math",
+        "wrapv",
+        "no-wrapv",
+    )
+] + ["-O" + "fast", "-m" + "arch=", "-m" + "cpu=", "-m" + "tune=", "-m" + "fma", "-m" + "avx"]
+_NUMERIC_FLAGS += ["-m" + "fpmath", "--use_" + "fast_math", "-ft" + "z", "--f" + "mad"]  # fmt: skip
+_PRAGMAS = ["pragma GCC " + "optimize", "STDC FP_" + "CONTRACT", "float_" + "control"]
+_PRAGMAS += ["__attribute__((" + "optimize", "__attribute__((" + "target"]
+_FLAG = re.compile(
+    "|".join(rf"(?<![\w-]){re.escape(f)}" for f in _NUMERIC_FLAGS)
+    + "|"
+    + "|".join(map(re.escape, _PRAGMAS))
+)
+
+
+def _without_comments(path: pathlib.Path) -> str:
+    content = text(path)
+    if path.suffix in {".h", ".cc", ".c", ".cpp", ".cu", ".cuh"}:
+        return re.sub(r"//.*", "", re.sub(r"/\*.*?\*/", "", content, flags=re.DOTALL))
+    return re.sub(r"(?m)(^|\s)#(?!\s*pragma).*$", "", content)
+
+
+def test_flags_that_change_bits_have_one_address():
+    """Only cmake/numerics.cmake sets a flag that can change a bit of a result."""
+    # The second one checks that the flags arrived, and names those that must not.
+    allowed = {"cmake/numerics.cmake", "tests/cpp/numerics_test.cc"}
+    found = []
+    for path in files():
+        if where(path) in allowed or path.suffix == ".md":
+            continue
+        for match in _FLAG.finditer(_without_comments(path)):
+            found.append(f"{where(path)}: {match.group()}")
+    assert not found, (
+        "these flags can change a bit of a result; set them in cmake/numerics.cmake, with the "
+        "reason, or not at all:\n" + "\n".join(found)
+    )
+
+
+def test_numerics_flags_are_complete():
+    """The flags that the results rest on are set, each of them always."""
+    needed = ["-f" + f for f in ("fp-contract=off", "no-fast-math", "no-rounding-math", "wrapv")]
+    missing = set(needed) - set(support.numerics_flags())
+    assert not missing, f"cmake/numerics.cmake no longer sets {sorted(missing)}"
+
+
+def test_every_translation_unit_has_the_flags():
+    """Each command of the package's build carries each flag of cmake/numerics.cmake."""
+    database = ROOT / "build" / "package" / "compile_commands.json"
+    if not database.exists():
+        pytest.skip("build/package/compile_commands.json is absent: build the package there first")
+    commands = json.loads(database.read_text())
+    assert commands, f"{where(database)} is empty"
+    bad = []
+    for command in commands:
+        words = command.get("arguments") or shlex.split(command["command"])
+        source = pathlib.Path(command["file"]).name
+        bad += [f"{source} lacks {f}" for f in support.numerics_flags() if f not in words]
+        others = [w for w in words if _FLAG.match(w) and w not in support.numerics_flags()]
+        bad += [f"{source} has {w}" for w in others]
+    assert not bad, (
+        "link the target to bitfold_arithmetic (which brings bitfold_numerics), and set no other "
+        "numeric flag:\n" + "\n".join(bad)
+    )
+
+
+# ---- What belongs to an op ---------------------------------------------------------------------
+
+OP_SOURCES = sorted(p.stem for p in (ROOT / "src").glob("H*.cc"))
+
+
+@pytest.mark.parametrize("stem", OP_SOURCES)
+@pytest.mark.parametrize(
+    ("path", "what"),
+    [
+        ("include/bitfold/{}.h", "its arithmetic, apart from the runtime"),
+        ("tests/cpp/{}_test.cc", "the arithmetic against the oracle"),
+        ("tests/python/test_{}.py", "the op through the runtime"),
+        ("bench/{}_bench.cc", "how fast it is"),
+    ],
+)
+def test_op_has_its_files(stem, path, what):
+    """An op comes with a header, tests and a benchmark."""
+    path = path.format(stem)
+    assert (ROOT / path).is_file(), f"write {path} ({what}); docs/adding-an-op.md tells how"
+
+
+@pytest.mark.parametrize("stem", OP_SOURCES)
+def test_op_is_documented(stem):
+    """An op's rules have a section in docs/arithmetic.md."""
+    document = ROOT / "docs" / "arithmetic.md"
+    assert document.is_file(), "docs/arithmetic.md is missing"
+    assert re.search(rf"(?m)^## {re.escape(stem)}\b", document.read_text()), (
+        f'write a section "## {stem}" in docs/arithmetic.md: the rules that src/{stem}.cc follows'
+    )
+
+
+def _registered(stem: str) -> list[str]:
+    """Return the ops that a source file registers, in its order."""
+    content = (ROOT / "src" / f"{stem}.cc").read_text()
+    return re.findall(r'(?m)^(?:REGISTER_OP|BITFOLD_REGISTER_\w+)\("(\w+)"', content)
+
+
+def _cmake_ops() -> list[str]:
+    content = (ROOT / "src" / "CMakeLists.txt").read_text()
+    (block,) = re.findall(r"# ops\n(.*?)# shared\n", content, flags=re.DOTALL)
+    return [pathlib.Path(name).stem for name in block.split()]
+
+
+def test_cmake_lists_every_op():
+    """Each op's source file is built."""
+    assert sorted(_cmake_ops()) == OP_SOURCES, (
+        "list every src/H*.cc under '# ops' in src/CMakeLists.txt"
+    )
+
+
+def test_cmake_order_is_registration_order():
+    """Static initialisers run in link order, so the ops register as CMake lists their files."""
+    from tensorflow.core.framework import op_def_pb2
+    from tensorflow.python.client import pywrap_tf_session
+
+    assert _cmake_ops() == sorted(_cmake_ops()), (
+        "keep the ops of src/CMakeLists.txt in the order of their names: that is the order in "
+        "which they register"
+    )
+    operations = op_def_pb2.OpList()
+    handle = pywrap_tf_session.TF_LoadLibrary(bitfold.library_path())
+    operations.ParseFromString(pywrap_tf_session.TF_GetOpList(handle))
+    listed = [name for stem in _cmake_ops() for name in _registered(stem)]
+    assert [op.name for op in operations.op] == listed, (
+        "the library registers its ops in another order than src/CMakeLists.txt lists their files"
+    )
+
+
+# ---- Exports -----------------------------------------------------------------------------------
+
+
+def test_exports_are_the_installed_functions():
+    """cmake/exports.map names exactly what the installed headers declare."""
+    exports = re.sub(r"/\*.*?\*/|#.*", "", (ROOT / "cmake" / "exports.map").read_text())
+    names = re.findall(r"(?m)^\s*(\w+);", exports.split("local:")[0])
+    declared = []
+    for header in sorted((pathlib.Path(bitfold.include_dir()) / "bitfold").glob("*.h")):
+        content = re.sub(r"/\*.*?\*/|//.*", "", header.read_text(), flags=re.DOTALL)
+        declared += re.findall(r"\b(\w+)\s*\([^()]*\)\s*;", content)
+    assert sorted(names) == sorted(declared), (
+        "cmake/exports.map and the installed headers must name the same functions; reinstall the "
+        "package if the headers are newer"
+    )
+    assert len(set(names)) == len(names)
+
+
+def test_installed_headers_are_current():
+    """The installed headers are the checkout's."""
+    for header in (pathlib.Path(bitfold.include_dir()) / "bitfold").glob("*.h"):
+        source = ROOT / "include" / "bitfold" / header.name
+        assert header.read_bytes() == source.read_bytes(), (
+            f"include/bitfold/{header.name} changed since the package was installed: install it "
+            "again"
+        )
+
+
+def test_installed_modules_are_current():
+    """The installed modules are the checkout's, so that the tests test what one reads."""
+    package = pathlib.Path(bitfold.__file__).parent
+    for source in sorted((ROOT / "python" / "bitfold").glob("*.py")):
+        assert (package / source.name).read_bytes() == source.read_bytes(), (
+            f"python/bitfold/{source.name} changed since the package was installed: install it "
+            "again"
+        )
+
+
+# ---- Texts -------------------------------------------------------------------------------------
+
+
+def test_copyright_headers():
+    """Every source file begins with the copyright and licence lines."""
+    bad = []
+    for path in files():
+        if path.suffix not in SOURCES:
+            continue
+        head = [line for line in text(path).splitlines()[:4] if not line.startswith("#!")]
+        plain = [line.lstrip("/*# ").rstrip() for line in head]
+        expected = ["Copyright 2026 The Bitfold Authors.", "SPDX-License-Identifier: Apache-2.0"]
+        if plain[:2] != expected:
+            bad.append(where(path))
+    assert not bad, (
+        "begin these files with the two lines 'Copyright 2026 The Bitfold Authors.' and "
+        "'SPDX-License-Identifier: Apache-2.0', as comments:\n" + "\n".join(bad)
+    )
+
+
+# Spelled in parts, so that this file does not find itself.
+_TOLERANCES = [
+    "all" + "close", "is" + "close", "r" + "tol", "a" + "tol", "app" + "rox", "_NE" + "AR",
+    "FLOAT_" + "EQ", "DOUBLE_" + "EQ", "almost_" + "equal", "Almost" + "Equal", "FloatNe" + "ar",
+]  # fmt: skip
+_TOLERANCE = re.compile("|".join(rf"(?:\b|(?<=_)|(?=_)){re.escape(w)}" for w in _TOLERANCES))
+
+
+def test_no_tolerances():
+    """Results compare as bits: no test allows a difference."""
+    found = []
+    for path in files():
+        if where(path).startswith(("tests/", "bench/")) and path.suffix in SOURCES:
+            for number, line in enumerate(text(path).splitlines(), 1):
+                found += [f"{where(path)}:{number}: {m}" for m in _TOLERANCE.findall(line)]
+    assert not found, (
+        "compare bits (assert_bits in Python; the bit comparison of tests/cpp/support in C++), "
+        "not with a tolerance:\n" + "\n".join(found)
+    )
+
+
+def test_no_paths_of_a_machine():
+    """No file names a folder of the machine it was written on."""
+    folders = "|".join(("ho" + "me", "wo" + "rk", "ro" + "ot"))
+    pattern = re.compile(rf"(?<![\w.$])/(?:{folders})/\w")
+    found = [where(p) for p in files() if pattern.search(text(p))]
+    assert not found, "write paths relative to the checkout:\n" + "\n".join(found)
+
+
+# ---- Documentation of the package --------------------------------------------------------------
+
+
+@pytest.mark.parametrize("name", bitfold.ops.__all__)
+def test_docstrings_have_every_section(name):
+    """A public op says what it takes, gives and refuses, and shows itself at work."""
+    function = getattr(bitfold.ops, name)
+    document = inspect.getdoc(function) or ""
+    for section in ("Args", "Returns", "Raises", "Example"):
+        assert re.search(rf"(?m)^{section}:$", document), (
+            f"give bitfold.ops.{name} a docstring section '{section}:'"
+        )
+    example = document.split("\nExample:\n")[1]
+    assert ">>> " in example, f"the example of bitfold.ops.{name} must run as a doctest"
+    arguments = document.split("\nArgs:\n")[1].split("\nReturns:\n")[0]
+    described = re.findall(r"(?m)^    (\w+): ", arguments)
+    assert described == list(inspect.signature(function).parameters), (
+        f"describe each parameter of bitfold.ops.{name}, in order, under 'Args:'"
+    )
+
+
+def test_public_functions_are_all_listed():
+    """What is public in bitfold.ops is what `__all__` says."""
+    public = {
+        name
+        for name, value in vars(bitfold.ops).items()
+        if inspect.isfunction(value) and not name.startswith("_")
+        and value.__module__ == "bitfold.ops"
+    }  # fmt: skip
+    assert public == set(bitfold.ops.__all__)

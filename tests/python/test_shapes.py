@@ -1,0 +1,341 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Shapes that are known before anything runs: the ops' own rules, and the wrappers' true ones."""
+
+from __future__ import annotations
+
+import re
+
+import numpy as np
+import pytest
+import raw
+import tensorflow as tf
+
+import bitfold
+
+CONVOLUTIONS = ("h_conv2d", "h_conv2d_dilation", "h_depth_wise")
+
+
+def _placeholder(shape, dtype=tf.int32):
+    return tf.compat.v1.placeholder(dtype, shape)
+
+
+# ---- The generated ops -------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("shape", [[2, 3], [None, 3], [1, 2, 3, 4], [None, None, 3], [], None])
+def test_add_keeps_the_shape(shape):
+    """HAdd has the shape of its value, whatever the operand's."""
+    with tf.Graph().as_default():
+        result = raw.add(_placeholder(shape), _placeholder([7]))
+    assert result.shape.as_list() == shape if shape is not None else result.shape.rank is None
+
+
+@pytest.mark.parametrize(
+    ("value", "bias", "expected"),
+    [
+        ([2, 3], [3], [2, 3]),
+        ([None, None], [3], [None, 3]),
+        ([5, 4, 4, None], [3], [5, 4, 4, 3]),
+        ([5, 4, 4, 3], [None], [5, 4, 4, 3]),
+        ([2, 2, 3], [3], [2, 2, 3]),
+        (None, [3], None),
+    ],
+)
+def test_bias_add_merges_the_channels(value, bias, expected):
+    """HBiasAdd has the shape of its value, the bias telling the channels where they are unknown."""
+    with tf.Graph().as_default():
+        result = raw.bias_add(_placeholder(value), _placeholder(bias))
+    assert (result.shape.as_list() if result.shape.rank is not None else None) == expected
+
+
+@pytest.mark.parametrize(
+    ("value", "bias", "text"),
+    [
+        ([2, 3], [4], "Dimensions must be equal, but are 3 and 4"),
+        ([2, 3], [1, 3], "Shape must be rank 1 but is rank 2"),
+        ([3], [3], "Shape must be at least rank 2 but is rank 1"),
+    ],
+)
+def test_bias_add_refuses(value, bias, text):
+    """The runtime's own rule for a bias."""
+    with tf.Graph().as_default(), pytest.raises(ValueError, match=re.escape(text)):
+        raw.bias_add(_placeholder(value), _placeholder(bias))
+
+
+def _infer(op, input, filter, **arguments):
+    with tf.Graph().as_default():
+        shape = raw.convolve(_placeholder(input), _placeholder(filter), op=op, **arguments).shape
+    return shape.as_list() if shape.rank is not None else None
+
+
+@pytest.mark.parametrize("op", CONVOLUTIONS[:2])
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "expected"),
+    [
+        ([2, 7, 9, 3], [3, 3, 3, 5], {}, [2, 7, 9, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"padding": "VALID"}, [2, 5, 7, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"padding": "VALID", "strides": (2, 3)}, [2, 3, 3, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"strides": (2, 2)}, [2, 4, 5, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"padding": "VALID", "dilations": (2, 1)}, [2, 3, 7, 5]),
+        ([None, 7, None, 3], [3, 3, None, 5], {"padding": "VALID"}, [None, 5, None, 5]),
+        ([2, 3, 7, 9], [3, 3, 3, 5], {"data_format": "NCHW"}, [2, 5, 7, 9]),
+        (None, [3, 3, 3, 5], {}, [None, None, None, 5]),
+        ([2, 7, 9, 3], None, {}, [2, 7, 9, None]),
+    ],
+)
+def test_convolution(op, input, filter, arguments, expected):
+    """The ordinary ops have the runtime's rule for a convolution."""
+    assert _infer(op, input, filter, **arguments) == expected
+
+
+@pytest.mark.parametrize("op", CONVOLUTIONS[:2])
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "text"),
+    [
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"strides": (1, 1, 1)}, "stride attribute to contain 4"),
+        ([2, 7, 9], [3, 3, 3, 5], {}, "Shape must be rank 4 but is rank 3"),
+        ([2, 7, 9, 3], [1, 3, 3, 3, 5], {}, "Shape must be rank 4 but is rank 5"),
+    ],
+)
+def test_convolution_refuses(op, input, filter, arguments, text):
+    """The counts and ranks that the runtime's rule refuses."""
+    with pytest.raises(ValueError, match=re.escape(text)):
+        _infer(op, input, filter, **arguments)
+
+
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "expected"),
+    [
+        ([2, 7, 9, 3], [3, 3, 3, 1], {}, [2, 7, 9, 3]),
+        # Inferred: the channels times the filter's last dimension.
+        ([2, 7, 9, 3], [3, 3, 3, 2], {}, [2, 7, 9, 6]),
+        ([2, 7, 9, 1], [3, 3, 1, 2], {"padding": "VALID"}, [2, 5, 7, 2]),
+        ([2, 7, 9, 3], [3, 3, 3, 1], {"strides": (2, 3)}, [2, 4, 3, 3]),
+        ([2, 7, 9, 3], [3, 5, 3, 1], {"padding": "VALID", "dilations": (3, 2)}, [2, 1, 1, 3]),
+        # With a filter for each image every dimension lies one further on.
+        ([2, 7, 9, 3], [2, 3, 5, 3, 4], {"padding": "VALID"}, [2, 5, 5, 12]),
+        ([2, 7, 9, 3], [None] * 5, {}, [2, 7, 9, None]),
+        # The format tells the places of the input's dimensions and of the strides.
+        ([2, 3, 7, 9], [3, 3, 3, 1], {"data_format": "NCHW"}, [2, 3, 7, 9]),
+        (
+            [2, 3, 7, 9],
+            [3, 3, 3, 2],
+            {"data_format": "NCHW", "padding": "VALID", "strides": (1, 1, 2, 3)},
+            [2, 6, 3, 3],
+        ),
+        (
+            [2, 3, 7, 9],
+            [3, 3, 3, 1],
+            {"data_format": "NCHW", "padding": "VALID", "dilations": (1, 1, 3, 4)},
+            [2, 3, 1, 1],
+        ),
+        # Partly unknown.
+        ([None, 7, 9, 3], [3, 3, 3, 1], {"padding": "VALID"}, [None, 5, 7, 3]),
+        ([2, None, 9, 3], [3, 3, 3, 1], {"padding": "VALID"}, [2, None, 7, 3]),
+        ([2, 7, 9, None], [3, 3, 3, 1], {}, [2, 7, 9, 3]),
+        ([2, 7, 9, 3], [3, 3, None, 2], {}, [2, 7, 9, 6]),
+        ([2, 7, 9, 3], [3, 3, 3, None], {}, [2, 7, 9, None]),
+        ([2, 7, 9, 3], [None, 3, 3, 1], {"padding": "VALID"}, [2, None, 7, 3]),
+        ([2, 7, 9, 3], None, {}, [2, 7, 9, None]),
+        (None, [3, 3, 3, 2], {}, [None, None, None, 6]),
+        (None, None, {"padding": "VALID"}, [None] * 4),
+    ],
+)
+def test_depthwise(input, filter, arguments, expected):
+    """The depthwise op has a rule of its own: depth in times the filter's last dimension."""
+    assert _infer("h_depth_wise", input, filter, **arguments) == expected
+
+
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "text"),
+    [
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"strides": (1, 1, 1)},
+            "DepthwiseConv2D requires the stride attribute to contain 4 values, but got: 3",
+        ),
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"strides": (1, 1, 1, 1, 1)},
+            "DepthwiseConv2D requires the stride attribute to contain 4 values, but got: 5",
+        ),
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"dilations": (1,)},
+            "Conv2D requires the dilation attribute to contain 4 values, but got: 1",
+        ),
+        # The strides are looked at first.
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"strides": (1, 1, 1), "dilations": (1,)},
+            "DepthwiseConv2D requires the stride attribute to contain 4 values, but got: 3",
+        ),
+        ([2, 7, 9], [3, 3, 3, 1], {}, "Shape must be rank 4 but is rank 3"),
+        ([2, 7, 9, 3], [3, 3, 1], {}, "Shape must be at least rank 4 but is rank 3"),
+        # The kernel computes this filter; the rule does not know it.
+        ([2, 7, 9, 3], [3, 3, 1, 3], {}, "Dimensions must be equal, but are 3 and 1"),
+        ([2, 7, 9, 3], [2, 3, 3, 1, 3], {}, "Dimensions must be equal, but are 3 and 1"),
+        ([2, 3, 7, 9], [3, 3, 1, 1], {"data_format": "NCHW"}, "Dimensions must be equal"),
+    ],
+)
+def test_depthwise_refuses(input, filter, arguments, text):
+    """Counts of strides and dilations, ranks, and channels that do not match."""
+    with pytest.raises(ValueError, match=re.escape(text)):
+        _infer("h_depth_wise", input, filter, **arguments)
+
+
+# ---- The wrappers ------------------------------------------------------------------------------
+
+# (function, input, filter, arguments, result)
+WRAPPED = [
+    ("conv2d", [2, 7, 9, 3], [3, 3, 3, 4], {}, [2, 7, 9, 4]),
+    ("conv2d", [2, 7, 9, 3], [3, 3, 3, 4], {"strides": 2}, [2, 4, 5, 4]),
+    ("conv2d", [2, 7, 9, 3], [3, 5, 3, 4], {"padding": "VALID", "strides": [2, 3]}, [2, 3, 2, 4]),
+    ("conv2d", [2, 7, 9, 3], [3, 3, 3, 4], {"padding": "VALID", "dilations": 2}, [2, 3, 5, 4]),
+    # A window larger than the image gives one output at a stride that divides toward zero.
+    ("conv2d", [1, 4, 3, 1], [5, 5, 1, 2], {"padding": "VALID", "strides": 3}, [1, 1, 1, 2]),
+    ("conv2d", [1, 4, 4, 1], [5, 5, 1, 2], {"padding": "VALID"}, [1, 0, 0, 2]),
+    ("conv2d", [1, 0, 5, 1], [3, 3, 1, 2], {"strides": 2}, [1, 1, 3, 2]),
+    ("conv2d", [1, 0, 5, 1], [3, 3, 1, 2], {}, [1, 0, 5, 2]),
+    ("conv2d", [0, 4, 4, 1], [3, 3, 1, 2], {}, [0, 4, 4, 2]),
+    # The image's channels count, not the filter's.
+    ("conv2d", [1, 4, 4, 2], [3, 3, 3, 2], {}, [1, 4, 4, 2]),
+    ("conv2d", [2, 7, 9, 3], [2, 3, 5, 3, 4], {"padding": "VALID"}, [2, 5, 5, 4]),
+    ("dilated_conv2d", [2, 7, 9, 3], [3, 3, 3, 4], {"dilations": [2, 3]}, [2, 7, 9, 4]),
+    (
+        "dilated_conv2d",
+        [2, 7, 9, 3],
+        [3, 3, 3, 4],
+        {"dilations": [2, 3], "padding": "VALID"},
+        [2, 3, 3, 4],
+    ),
+    ("depthwise_conv2d", [2, 7, 9, 3], [3, 3, 3, 1], {}, [2, 7, 9, 3]),
+    ("depthwise_conv2d", [2, 7, 9, 3], [3, 3, 1, 3], {"strides": 2}, [2, 4, 5, 3]),
+    ("depthwise_conv2d", [2, 7, 9, 3], [3, 3, 1, 2], {"padding": "VALID"}, [2, 5, 7, 2]),
+    ("depthwise_conv2d", [2, 7, 9, 3], [3, 3, 2, 1], {"padding": "VALID"}, [2, 5, 7, 2]),
+    ("depthwise_conv2d", [2, 7, 9, 1], [3, 3, 1, 1], {"dilations": 2}, [2, 7, 9, 1]),
+    ("depthwise_conv2d", [2, 7, 9, 3], [2, 3, 3, 3, 1], {"padding": "VALID"}, [2, 5, 7, 3]),
+    ("depthwise_conv2d", [2, 7, 9, 3], [2, 3, 3, 1, 3], {"padding": "VALID"}, [2, 5, 7, 3]),
+]
+_IDS = [f"{name}-{x}-{f}-{a}" for name, x, f, a, _ in WRAPPED]
+
+
+def _function(name, input, filter, arguments):
+    """Return a function of a wrapper, its static shape, and what it finds the shape to be."""
+    signature = [tf.TensorSpec(input, tf.int32), tf.TensorSpec(filter, tf.int32)]
+    call = getattr(bitfold.ops, name)
+
+    def body(x, f):
+        result = call(x, f, **arguments)
+        return result, tf.shape(result)
+
+    function = tf.function(body, autograph=False).get_concrete_function(*signature)
+    return function, function.output_shapes[0]
+
+
+def _check(function, arrays, eager, assert_bits):
+    """Run a function and compare it, and the shape as its graph sees it, with the eager result."""
+    result, shape = function(*map(tf.constant, arrays))
+    assert_bits(result, eager)
+    assert shape.numpy().tolist() == list(eager.shape)
+
+
+@pytest.mark.parametrize(("name", "input", "filter", "arguments", "expected"), WRAPPED, ids=_IDS)
+def test_wrappers_know_the_shape(name, input, filter, arguments, expected, assert_bits):
+    """The static shape is the true one: what runs eagerly, and in the function itself."""
+    rng = np.random.default_rng(1)
+    arrays = [rng.integers(-9, 9, shape).astype(np.int32) for shape in (input, filter)]
+    eager = getattr(bitfold.ops, name)(*arrays, **arguments)
+    assert eager.shape.as_list() == expected
+    function, shape = _function(name, input, filter, arguments)
+    assert shape.as_list() == expected
+    _check(function, arrays, eager.numpy(), assert_bits)
+
+
+@pytest.mark.parametrize(("name", "input", "filter", "arguments", "expected"), WRAPPED, ids=_IDS)
+def test_wrappers_with_unknown_dimensions(name, input, filter, arguments, expected, assert_bits):
+    """What is not known is left open, what is known is kept, and the bits are the same."""
+    rng = np.random.default_rng(1)
+    arrays = [rng.integers(-9, 9, shape).astype(np.int32) for shape in (input, filter)]
+    eager = getattr(bitfold.ops, name)(*arrays, **arguments).numpy()
+    batch, _, _, channels = expected
+    rank = len(filter)
+    same = arguments.get("padding", "SAME") == "SAME"
+    unknown = {
+        "batch": ([None, *input[1:]], filter, [None, *expected[1:]]),
+        "image": ([input[0], None, None, input[3]], filter, [batch, None, None, channels]),
+        "channels": ([*input[:3], None], filter, expected),
+        "dimensions": ([None] * 4, filter, [None, None, None, channels]),
+        "window": (
+            input,
+            [*filter[: rank - 4], None, None, *filter[-2:]],
+            expected if same else [batch, None, None, channels],
+        ),
+    }
+    for what, (x, f, result) in unknown.items():
+        function, shape = _function(name, x, f, arguments)
+        assert shape.as_list() == result, what
+        _check(function, arrays, eager, assert_bits)
+
+
+@pytest.mark.parametrize(("name", "input", "filter", "arguments", "expected"), WRAPPED, ids=_IDS)
+@pytest.mark.parametrize(
+    "unknown", ["filter dimensions", "filter rank", "input rank", "both ranks"]
+)
+def test_wrappers_with_unknown_ranks(
+    name, input, filter, arguments, expected, unknown, assert_bits
+):
+    """With next to nothing known, the shape says no wrong thing and the bits are the same."""
+    rng = np.random.default_rng(1)
+    arrays = [rng.integers(-9, 9, shape).astype(np.int32) for shape in (input, filter)]
+    eager = getattr(bitfold.ops, name)(*arrays, **arguments).numpy()
+    x = None if unknown in ("input rank", "both ranks") else input
+    f = {"filter dimensions": [None] * len(filter), "input rank": filter}.get(unknown)
+    function, shape = _function(name, x, f, arguments)
+    assert shape.is_compatible_with(expected)
+    assert shape.rank == 4
+    _check(function, arrays, eager, assert_bits)
+
+
+@pytest.mark.parametrize("name", ["conv2d", "depthwise_conv2d"])
+def test_wrappers_leave_negative_sizes_to_the_kernel(name):
+    """A size that the kernel will refuse is no static shape, and no error while tracing."""
+    function, shape = _function(name, [1, 2, 2, 1], [5, 5, 1, 1], {"padding": "VALID"})
+    assert shape.as_list() == [1, None, None, 1]
+    pixels, weights = tf.zeros([1, 2, 2, 1], tf.int32), tf.zeros([5, 5, 1, 1], tf.int32)
+    with pytest.raises(tf.errors.InvalidArgumentError, match="Need an output height of at least 0"):
+        function(pixels, weights)
+
+
+@pytest.mark.parametrize(
+    ("arguments", "text"),
+    [
+        ({"strides": -1}, "Stride must be > 0, but got -1"),
+        ({"dilations": -1}, "Dilation rate must be >= 1, but got -1"),
+        ({"dilations": 0}, "Dilation rate must be >= 1, but got 0"),
+    ],
+)
+@pytest.mark.parametrize("name", ["conv2d", "depthwise_conv2d"])
+def test_absurd_strides_are_refused_in_functions(name, arguments, text):
+    """The kernels compute these; the runtime's shape rules refuse them, in a function only."""
+    pixels, weights = np.ones([1, 1, 1, 1], np.int32), np.ones([1, 1, 1, 1], np.int32)
+    assert getattr(bitfold.ops, name)(pixels, weights, **arguments).shape == [1, 1, 1, 1]
+    with pytest.raises(ValueError, match=re.escape(text)):
+        _function(name, [1, 1, 1, 1], [1, 1, 1, 1], arguments)
+
+
+@pytest.mark.parametrize("shape", [[2, 3], [None, 3], [None, None, None, 3], None])
+@pytest.mark.parametrize("name", ["add", "bias_add"])
+def test_additions_keep_the_shape(name, shape):
+    """The additions have the shape of their value."""
+    operand = shape if name == "add" else [3]
+    _, found = _function(name, shape, operand, {})
+    expected = shape
+    if shape is not None and name == "bias_add":
+        expected = [*shape[:-1], 3]
+    assert (found.as_list() if found.rank is not None else None) == expected
