@@ -13,9 +13,10 @@ target_compile_options(
     -fno-fast-math
     # Rounding to nearest is what the compiler may assume when it folds constants; the ops set that
     # mode before they compute.
-    -fno-rounding-math
-    # Nothing relies on signed overflow; were some left, it must not depend on the optimiser.
-    -fwrapv)
+    -fno-rounding-math)
+
+# Not -fwrapv: integer wrap is written in unsigned arithmetic, and the sanitizers must see any that
+# is not.
 
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(i[3-6]86)$")
   # The x87 unit keeps excess precision.

@@ -1,0 +1,312 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The feed repeat. The count of passes against a literal loop and against what defines it; every
+// pass made against the oracle; passes that are proven instead of made against every pass made,
+// and against modular arithmetic where nobody can wait for every pass.
+
+#include "bitfold/repeated_addition.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <set>
+#include <vector>
+
+#include "reference.h"
+#include "support/capture.h"
+#include "support/compare.h"
+#include "support/ledger.h"
+#include "support/random.h"
+#include "support/scale.h"
+#include "support/tables.h"
+
+namespace bitfold {
+namespace {
+
+using testing::Describe;
+using testing::Path;
+using testing::Ran;
+using testing::Same;
+
+// ---- The count of passes -----------------------------------------------------------------------
+
+// The feed as the hardware counts it.
+int64_t CountLiterally(float r) {
+  if (0.0f >= r) return 0;
+  int64_t k = 0;
+  do {
+    k = k + 1;
+  } while (!(static_cast<float>(k) >= r));
+  return k;
+}
+
+TEST(FeedRepeatCount, Examples) {
+  EXPECT_EQ(FeedRepeatCount(0.0f), 0);
+  EXPECT_EQ(FeedRepeatCount(-0.0f), 0);
+  EXPECT_EQ(FeedRepeatCount(-3.0f), 0);
+  EXPECT_EQ(FeedRepeatCount(-std::numeric_limits<float>::infinity()), 0);
+  EXPECT_EQ(FeedRepeatCount(1e-45f), 1);
+  EXPECT_EQ(FeedRepeatCount(1.0f), 1);
+  EXPECT_EQ(FeedRepeatCount(2.5f), 3);
+  EXPECT_EQ(FeedRepeatCount(16777216.0f), 16777216);
+  // 2^24 + 1 is a tie between floats and rounds to the even 2^24: not enough.
+  EXPECT_EQ(FeedRepeatCount(16777218.0f), 16777218);
+  // 2^24 + 3 is a tie as well, and rounds to the even 2^24 + 4: one pass fewer.
+  EXPECT_EQ(FeedRepeatCount(16777220.0f), 16777219);
+  // 2^31 - 64 is a tie between 2^31 - 128 and 2^31, of which 2^31 is even.
+  EXPECT_EQ(FeedRepeatCount(kMaxFeedRepeat), 2147483584);
+}
+
+TEST(FeedRepeatCount, AgainstLiteralLoop) {
+  std::vector<float> repeats;
+  for (int exponent = 0; exponent <= (testing::kSanitized ? 20 : 25); ++exponent) {
+    const float power = std::ldexp(1.0f, exponent);
+    float below = power;
+    float above = power;
+    for (int i = 0; i < (exponent > 22 ? 5 : 12); ++i) {
+      repeats.push_back(below);
+      repeats.push_back(above);
+      below = std::nextafter(below, 0.0f);
+      above = std::nextafter(above, 1e30f);
+    }
+  }
+  testing::Random random(0xc0de);
+  for (int i = 0; i < 500; ++i) {
+    repeats.push_back(static_cast<float>(random.Between(0, 1 << 20)) / 64.0f);
+  }
+  for (const float r : repeats) {
+    ASSERT_EQ(FeedRepeatCount(r), CountLiterally(r)) << Describe("r", r);
+  }
+}
+
+// The smallest n >= 1 with (float)n >= r.
+TEST(FeedRepeatCount, SatisfiesItsDefinition) {
+  std::vector<float> repeats;
+  for (int exponent = -3; exponent <= 31; ++exponent) {
+    float below = std::ldexp(1.0f, exponent);
+    float above = below;
+    for (int i = 0; i < 300; ++i) {
+      repeats.push_back(below);
+      if (above <= kMaxFeedRepeat) repeats.push_back(above);
+      below = std::nextafter(below, 0.0f);
+      above = std::nextafter(above, 1e30f);
+    }
+  }
+  testing::Random random(0xfeed);
+  while (repeats.size() < 60000) {
+    const float r = testing::FloatOf(random.Bits() & 0x7fffffffu);
+    if (r > 0.0f && r <= kMaxFeedRepeat) repeats.push_back(r);
+  }
+  for (const float r : repeats) {
+    const int64_t n = FeedRepeatCount(r);
+    ASSERT_GE(n, 1) << Describe("r", r);
+    ASSERT_LE(n, int64_t{1} << 31) << Describe("r", r);
+    ASSERT_GE(static_cast<float>(n), r) << Describe("r", r, "n", n);
+    ASSERT_TRUE(n == 1 || static_cast<float>(n - 1) < r) << Describe("r", r, "n", n);
+  }
+}
+
+// ---- Every pass against the oracle -------------------------------------------------------------
+
+template <typename T>
+void EveryPassAgainstOracle(const std::vector<int32_t>& widths, bool use_fp16_acc) {
+  for (const int32_t width : widths) {
+    const Datapath<T> datapath(width, 0, use_fp16_acc);
+    for (const T acc : testing::Corners<T>()) {
+      for (const T addend : testing::Corners<T>()) {
+        for (const int64_t passes : {0, 1, 2, 3, 17}) {
+          // The oracle quantises the initial value in half precision; so do we.
+          T expected;
+          std::string lines;
+          reference::Add<T>(&acc, &addend, T{1}, static_cast<float>(passes), 0, width, use_fp16_acc,
+                            1, &expected, &lines);
+          T actual{};
+          const std::string printed = testing::PrintedBy(
+              [&] { actual = EveryPass{}(datapath, datapath.InitialValue(acc), addend, passes); });
+          const auto inputs = Describe("acc", acc, "addend", addend, "width", width, "passes",
+                                       passes, "fp16", use_fp16_acc);
+          ASSERT_TRUE(Same(expected, actual, "EveryPass", inputs));
+          ASSERT_TRUE(testing::SameText(lines, printed, "EveryPass " + inputs));
+        }
+      }
+    }
+  }
+}
+
+TEST(EveryPass, Int32AgainstOracle) {
+  EveryPassAgainstOracle<int32_t>({0, 1, 8, 24, 31, 32}, false);
+  EveryPassAgainstOracle<int32_t>({16}, true);
+  Ran(Path::kInt32EveryPass);
+}
+
+TEST(EveryPass, FloatAgainstOracle) {
+  EveryPassAgainstOracle<float>({0, 8, 24, 32, 130}, false);
+  EveryPassAgainstOracle<float>({16}, true);
+  Ran(Path::kFloatEveryPass);
+}
+
+// ---- Proven passes against every pass ----------------------------------------------------------
+
+::testing::AssertionResult ProvenSameAsEvery(const Datapath<int32_t>& datapath, int32_t acc,
+                                             int32_t addend, int64_t passes) {
+  const int32_t every = EveryPass{}(datapath, acc, addend, passes);
+  const int32_t proven = ProvenPasses{}(datapath, acc, addend, passes);
+  if (every == proven) return ::testing::AssertionSuccess();
+  return Same(every, proven, "ProvenPasses",
+              Describe("acc", acc, "addend", addend, "passes", passes, "min", datapath.limits().min,
+                       "max", datapath.limits().max));
+}
+
+// The corners of any width and those of this one: the range's ends, and the period and its half
+// with their neighbours on both sides.
+std::vector<int32_t> CornersOfWidth(const Datapath<int32_t>& datapath) {
+  std::set<int32_t> values = {INT32_MIN, -8388608, -300, -1, 0, 1, 5, 300, 8388607, INT32_MAX};
+  const int64_t min = datapath.limits().min;
+  const int64_t max = datapath.limits().max;
+  const int64_t period = max - min + 1;
+  for (const int64_t centre : {min, max, period, -period, 2 * period, -2 * period}) {
+    for (int64_t delta = -2; delta <= 2; ++delta) {
+      const int64_t x = centre + delta;
+      if (x >= INT32_MIN && x <= INT32_MAX) values.insert(static_cast<int32_t>(x));
+    }
+  }
+  return {values.begin(), values.end()};
+}
+
+// Which way the proof went, by its own statement: in range with |addend| <= period.
+void RecordPath(const Datapath<int32_t>& datapath, int32_t acc, int32_t addend, int64_t passes) {
+  if (passes < 3) return;
+  const int64_t min = datapath.limits().min;
+  const int64_t max = datapath.limits().max;
+  const int64_t size = addend < 0 ? -int64_t{addend} : int64_t{addend};
+  if (size > max - min + 1) {
+    Ran(Path::kInt32NeverProven);
+  } else if (min <= acc && acc <= max) {
+    Ran(Path::kInt32ProvenAtOnce);
+  } else {
+    const int32_t next = EveryPass{}(datapath, acc, addend, 1);
+    if (min <= next && next <= max) Ran(Path::kInt32ProvenAfterSteps);
+  }
+}
+
+TEST(ProvenPasses, Int32AgainstEveryPassOnEveryWidth) {
+  for (int32_t width = 0; width <= kMaxInt32AccumulatorSize; ++width) {
+    const Datapath<int32_t> datapath(width, 0, false);
+    const auto values = CornersOfWidth(datapath);
+    for (const int32_t acc : values) {
+      for (const int32_t addend : values) {
+        for (const int64_t passes : {0, 1, 2, 3, 17, 100}) {
+          ASSERT_TRUE(ProvenSameAsEvery(datapath, acc, addend, passes)) << "width " << width;
+          RecordPath(datapath, acc, addend, passes);
+        }
+      }
+    }
+  }
+}
+
+TEST(ProvenPasses, Int32AgainstEveryPassAtRandom) {
+  testing::Random random(0x9a55e5);
+  for (int i = 0; i < 200000 / testing::Step(10); ++i) {
+    const Datapath<int32_t> datapath(random.Between(0, 32), 0, false);
+    const int shift = random.Between(0, 31);
+    const int32_t acc = static_cast<int32_t>(random.Bits()) >> shift;
+    const int32_t addend = static_cast<int32_t>(random.Bits()) >> random.Between(0, 31);
+    ASSERT_TRUE(ProvenSameAsEvery(datapath, acc, addend, random.Between(0, 300)));
+  }
+}
+
+// Every accumulator and addend of the small widths, out of range on both sides as well.
+TEST(ProvenPasses, Int32SmallWidthsExhaustively) {
+  for (int32_t width = 0; width <= 4; ++width) {
+    const Datapath<int32_t> datapath(width, 0, false);
+    for (int32_t acc = -40; acc <= 40; acc += testing::Step(3)) {
+      for (int32_t addend = -40; addend <= 40; ++addend) {
+        for (int64_t passes = 0; passes <= 35; ++passes) {
+          ASSERT_TRUE(ProvenSameAsEvery(datapath, acc, addend, passes)) << "width " << width;
+        }
+      }
+    }
+  }
+}
+
+// |addend| of exactly the period is proven, and leaves an accumulator in range where it is; one
+// more is not, and drifts out of range with the passes.
+TEST(ProvenPasses, BoundaryOfTheProof) {
+  const Datapath<int32_t> datapath(8, 0, false);
+  for (const int32_t acc : {-128, -1, 0, 127}) {
+    for (const int64_t passes : {2, 3, 1000, 100000}) {
+      for (const int32_t sign : {1, -1}) {
+        EXPECT_EQ(ProvenPasses{}(datapath, acc, sign * 256, passes), acc);
+        EXPECT_TRUE(ProvenSameAsEvery(datapath, acc, sign * 256, passes));
+        EXPECT_TRUE(ProvenSameAsEvery(datapath, acc, sign * 257, passes));
+      }
+    }
+  }
+  // 127 + 257 = 384, - 256 = 128; 385, - 256 = 129; and so on.
+  EXPECT_EQ(ProvenPasses{}(datapath, 127, 257, 1000), 1127);
+}
+
+// The value of [min, max] congruent to acc + passes * addend, in 128 bits.
+int32_t Congruent(const Datapath<int32_t>& datapath, int32_t acc, int32_t addend, int64_t passes) {
+  const __int128 min = datapath.limits().min;
+  const __int128 period = static_cast<__int128>(datapath.limits().max) - min + 1;
+  __int128 rest = (static_cast<__int128>(passes) * addend + acc - min) % period;
+  if (rest < 0) rest += period;
+  return static_cast<int32_t>(min + rest);
+}
+
+TEST(ProvenPasses, HugeCountsAgainstModularArithmetic) {
+  for (int32_t width = 0; width <= kMaxInt32AccumulatorSize; ++width) {
+    const Datapath<int32_t> datapath(width, 0, false);
+    const int64_t min = datapath.limits().min;
+    const int64_t max = datapath.limits().max;
+    const int64_t period = max - min + 1;
+    for (const int32_t acc : CornersOfWidth(datapath)) {
+      if (acc < min || acc > max) continue;
+      for (const int32_t addend : CornersOfWidth(datapath)) {
+        if (addend < -period || addend > period) continue;
+        for (const int64_t passes : {int64_t{16777219}, (int64_t{1} << 31) - 1, int64_t{1} << 31}) {
+          ASSERT_TRUE(
+              Same(Congruent(datapath, acc, addend, passes),
+                   ProvenPasses{}(datapath, acc, addend, passes), "huge count",
+                   Describe("acc", acc, "addend", addend, "passes", passes, "width", width)));
+        }
+      }
+    }
+  }
+}
+
+// One long chain made in full, so that the modular arithmetic above is not alone.
+TEST(ProvenPasses, LongChainAgainstEveryPass) {
+  const int64_t passes = (int64_t{1} << 24) / testing::Step(16);
+  const Datapath<int32_t> datapath(23, 0, false);
+  EXPECT_TRUE(ProvenSameAsEvery(datapath, -4194304, 8388607, passes));
+  EXPECT_TRUE(ProvenSameAsEvery(datapath, INT32_MAX, -7654321, passes));
+}
+
+// Floats make every pass and print every line.
+TEST(ProvenPasses, FloatIsEveryPass) {
+  for (const bool use_fp16_acc : {false, true}) {
+    const Datapath<float> datapath(24, 0, use_fp16_acc);
+    for (const float acc : testing::Corners<float>()) {
+      for (const float addend : testing::Corners<float>()) {
+        float every = 0.0f;
+        float proven = 0.0f;
+        const auto inputs = Describe("acc", acc, "addend", addend, "fp16", use_fp16_acc);
+        const auto expected =
+            testing::PrintedBy([&] { every = EveryPass{}(datapath, acc, addend, 3); });
+        const auto actual =
+            testing::PrintedBy([&] { proven = ProvenPasses{}(datapath, acc, addend, 3); });
+        ASSERT_TRUE(Same(every, proven, "ProvenPasses, float", inputs));
+        ASSERT_TRUE(testing::SameText(expected, actual, inputs));
+      }
+    }
+  }
+  Ran(Path::kFloatProven);
+}
+
+}  // namespace
+}  // namespace bitfold

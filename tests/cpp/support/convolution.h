@@ -1,0 +1,196 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The convolution as its tests see it: one case, computed by the oracle, by the definition image by
+// image, and by the threads.
+
+#ifndef BITFOLD_TESTS_CPP_SUPPORT_CONVOLUTION_H_
+#define BITFOLD_TESTS_CPP_SUPPORT_CONVOLUTION_H_
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "convolve.h"
+#include "reference.h"
+#include "support/bits.h"
+#include "support/buffer.h"
+#include "support/capture.h"
+#include "support/compare.h"
+#include "support/random.h"
+#include "support/tables.h"
+
+namespace bitfold::testing {
+
+inline int64_t OutHeight(const reference::Convolution& c) {
+  return std::max(
+      0, reference::OutputSize(c.in_height, c.filter_height, c.stride_h, c.dilation_h, c.same));
+}
+
+inline int64_t OutWidth(const reference::Convolution& c) {
+  return std::max(
+      0, reference::OutputSize(c.in_width, c.filter_width, c.stride_w, c.dilation_w, c.same));
+}
+
+inline int64_t OutputCount(const reference::Convolution& c) {
+  return c.batch * OutHeight(c) * OutWidth(c) * c.out_channels;
+}
+
+inline int64_t InputCount(const reference::Convolution& c) {
+  return int64_t{c.batch} * c.in_height * c.in_width * c.in_channels;
+}
+
+inline int64_t FilterCount(const reference::Convolution& c) {
+  const int64_t channels = c.is_depthwise ? 1 : c.in_channels;
+  const int64_t filters = c.filter_per_image ? c.batch : 1;
+  return filters * std::max(0, c.filter_height) * std::max(0, c.filter_width) * channels *
+         c.out_channels;
+}
+
+// Strides, dilations and widths that change nothing; the shapes are the caller's.
+inline reference::Convolution Plain(int32_t height, int32_t width, int32_t in_channels,
+                                    int32_t filter_height, int32_t filter_width,
+                                    int32_t out_channels) {
+  reference::Convolution c = {};
+  c.batch = 1;
+  c.in_height = height;
+  c.in_width = width;
+  c.in_channels = in_channels;
+  c.filter_height = filter_height;
+  c.filter_width = filter_width;
+  c.out_channels = out_channels;
+  c.accumulator_size = 32;
+  c.stride_h = c.stride_w = c.dilation_h = c.dilation_w = 1;
+  return c;
+}
+
+inline std::string Describe(const reference::Convolution& c) {
+  return Describe("batch", c.batch, "height", c.in_height, "width", c.in_width, "channels",
+                  c.in_channels, "filter_height", c.filter_height, "filter_width", c.filter_width,
+                  "out_channels", c.out_channels, "accumulator", c.accumulator_size) +
+         "\n  " +
+         Describe("stride_h", c.stride_h, "stride_w", c.stride_w, "dilation_h", c.dilation_h,
+                  "dilation_w", c.dilation_w, "same", c.same, "shift", c.mult_shift, "fp16",
+                  c.use_fp16_acc, "depthwise", c.is_depthwise, "per_image", c.filter_per_image);
+}
+
+template <typename T>
+struct ConvolutionData {
+  std::vector<T> input;
+  std::vector<T> filter;
+  std::vector<T> elementwise;  // empty: none
+};
+
+template <typename T>
+ConvolutionData<T> DrawConvolution(Random* random, const reference::Convolution& c, Data data,
+                                   bool elementwise) {
+  return {DrawMany<T>(random, data, InputCount(c)), DrawMany<T>(random, data, FilterCount(c)),
+          DrawMany<T>(random, data, elementwise ? OutputCount(c) : 0)};
+}
+
+template <typename T>
+struct ConvolutionOutput {
+  ExactBuffer<T> values;
+  std::string lines;
+};
+
+template <typename T>
+ConvolutionOutput<T> OracleConvolution(const reference::Convolution& c,
+                                       const ConvolutionData<T>& data) {
+  ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c)), ""};
+  reference::Convolve<T>(c, data.input.data(), data.filter.data(),
+                         data.elementwise.empty() ? nullptr : data.elementwise.data(),
+                         out.values.data(), &out.lines);
+  return out;
+}
+
+template <typename T>
+ConvolutionImage<T> ImageOf(const reference::Convolution& c, const T* input, const T* filter,
+                            const T* elementwise, T* output, int32_t image) {
+  return {input,
+          filter,
+          elementwise,
+          output,
+          c.batch,
+          c.in_height,
+          c.in_width,
+          c.in_channels,
+          c.filter_height,
+          c.filter_width,
+          c.out_channels,
+          c.accumulator_size,
+          c.stride_h,
+          c.stride_w,
+          c.dilation_h,
+          c.dilation_w,
+          c.same ? Padding::kSame : Padding::kValid,
+          c.mult_shift,
+          c.use_fp16_acc,
+          c.is_depthwise,
+          image,
+          c.filter_per_image ? image : 0};
+}
+
+// The definition, image after image on this thread; `offset` misaligns the buffers.
+template <typename T>
+ConvolutionOutput<T> DefinedConvolution(const reference::Convolution& c,
+                                        const ConvolutionData<T>& data, int offset = 0) {
+  const ExactBuffer<T> input(data.input, offset);
+  const ExactBuffer<T> filter(data.filter, (offset + 1) % 4);
+  const ExactBuffer<T> elementwise(data.elementwise, (offset + 2) % 4);
+  ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c), (offset + 3) % 4), ""};
+  const T* addend = data.elementwise.empty() ? nullptr : elementwise.data();
+  out.lines = PrintedBy([&] {
+    for (int32_t image = 0; image < c.batch; ++image) {
+      ConvolveImage(ImageOf(c, input.data(), filter.data(), addend, out.values.data(), image));
+    }
+  });
+  return out;
+}
+
+template <typename T>
+ConvolutionOutput<T> ThreadedConvolution(const reference::Convolution& c,
+                                         const ConvolutionData<T>& data, CreateThread create) {
+  ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c)), ""};
+  out.lines = PrintedBy([&] {
+    convolve4DTensorSlow<T>(data.input.data(), data.filter.data(),
+                            data.elementwise.empty() ? nullptr : data.elementwise.data(),
+                            out.values.data(), c.batch, c.in_height, c.in_width, c.in_channels,
+                            c.filter_height, c.filter_width, c.out_channels, c.accumulator_size,
+                            {1, c.stride_h, c.stride_w, 1}, {1, c.dilation_h, c.dilation_w, 1},
+                            c.same ? Padding::kSame : Padding::kValid, c.mult_shift, c.use_fp16_acc,
+                            c.is_depthwise, c.filter_per_image ? 1 : 0, create);
+  });
+  return out;
+}
+
+template <typename T>
+::testing::AssertionResult SameConvolutions(const reference::Convolution& c, const T* expected,
+                                            const T* actual, const std::string& path) {
+  return SameArrays(expected, actual, OutputCount(c), path, [&c](int64_t i) {
+    const int64_t column = i / c.out_channels;
+    const int64_t row = column / OutWidth(c);
+    return Describe("image", row / OutHeight(c), "row", row % OutHeight(c), "column",
+                    column % OutWidth(c), "channel", i % c.out_channels) +
+           "\n  " + Describe(c);
+  });
+}
+
+// The definition against the oracle: values and printed text.
+template <typename T>
+::testing::AssertionResult CheckConvolution(const reference::Convolution& c,
+                                            const ConvolutionData<T>& data, int offset = 0) {
+  const ConvolutionOutput<T> expected = OracleConvolution(c, data);
+  const ConvolutionOutput<T> actual = DefinedConvolution(c, data, offset);
+  const auto values =
+      SameConvolutions(c, expected.values.data(), actual.values.data(), "ConvolveImage");
+  if (!values) return values;
+  return SameText(expected.lines, actual.lines, "ConvolveImage " + Describe(c));
+}
+
+}  // namespace bitfold::testing
+
+#endif  // BITFOLD_TESTS_CPP_SUPPORT_CONVOLUTION_H_
