@@ -11,9 +11,15 @@ target_compile_options(
     # Undoes a -ffast-math that came in through CXXFLAGS: it would reorder sums, turn divisions into
     # multiplications, drop NaN and the sign of zero, and link code that flushes subnormals.
     -fno-fast-math
+    # The part of it that has a switch of its own.
+    -fno-unsafe-math-optimizations
     # Rounding to nearest is what the compiler may assume when it folds constants; the ops set that
     # mode before they compute.
     -fno-rounding-math)
+
+# When linking, too: otherwise such a flag adds start-up code that makes the thread which loads the
+# library flush subnormals.
+target_link_options(bitfold_numerics INTERFACE -fno-fast-math -fno-unsafe-math-optimizations)
 
 # Not -fwrapv: integer wrap is written in unsigned arithmetic, and the sanitizers must see any that
 # is not.

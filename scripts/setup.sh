@@ -78,10 +78,10 @@ wanted=$(cat requirements/*.txt | sha256sum | cut -d' ' -f1)
 if [ "$(cat $venv/.requirements 2>/dev/null)" != "$wanted" ]; then
   say "Making the virtual environment $venv (TensorFlow and its company, some 300 MB; minutes)."
   [ -x $venv/bin/python ] || python3 -m venv $venv
-  # The bar shows progress on a terminal; in a log it would only fill lines.
-  bar=off
-  [ -t 1 ] && bar=on
-  $venv/bin/python -m pip install --quiet --disable-pip-version-check --progress-bar $bar \
+  # Progress bars on a terminal; in a log they would only fill lines.
+  quiet=--quiet
+  [ -t 1 ] && quiet=
+  $venv/bin/python -m pip install $quiet --disable-pip-version-check \
     -r requirements/dev.txt -c requirements/constraints.txt
   echo "$wanted" >$venv/.requirements
 fi

@@ -23,7 +23,8 @@ template <typename T>
 class WeightSign {
  public:
   BITFOLD_HOST_DEVICE explicit WeightSign(int32_t accumulator_size) {
-    const int32_t max = TruncateToInt32(exp2(static_cast<double>(accumulator_size / 2 - 1)) - 1.0);
+    const int32_t weight_bits = accumulator_size / 2;
+    const int32_t max = TruncateToInt32(exp2(static_cast<double>(weight_bits - 1)) - 1.0);
     max_ = static_cast<T>(max);
     period_ = static_cast<T>(WrapAdd(WrapMultiply(2, max), 2));
   }

@@ -88,7 +88,7 @@ int CreateWatched(pthread_t* thread, const pthread_attr_t* attributes, void* (*e
   if (error != 0) {
     --watch.running;
   } else {
-    start.release();
+    static_cast<void>(start.release());  // the thread owns it now
   }
   ++watch.created;
   return error;

@@ -104,7 +104,7 @@ TEST(Numerics, SumsAreNotReordered) {
 }
 
 #ifdef BITFOLD_TEST_TRAPS_UNDEFINED
-// The flags define signed overflow; this build must trap it all the same.
+// Integer wrap is written in unsigned arithmetic; this build traps any that is not.
 TEST(Numerics, SanitizerTrapsSignedOverflow) {
   volatile int32_t largest = INT32_MAX;
   EXPECT_DEATH(

@@ -412,9 +412,8 @@ template <typename T>
 T Fold(const Convolution& c, const std::vector<Addend<T>>& addends, std::string* lines) {
   T acc = T(0);
   for (const Addend<T>& addend : addends) {
-    const T step = addend.is_elementwise
-                       ? addend.first
-                       : ScaledProduct(addend.second, addend.first, c.mult_shift);
+    const T step = addend.is_elementwise ? addend.first
+                                         : ScaledProduct(addend.second, addend.first, c.mult_shift);
     acc = Accumulate(acc, step, c.accumulator_size, c.use_fp16_acc, lines);
   }
   return acc;
@@ -517,8 +516,8 @@ int32_t StartIndex(int32_t input, int32_t filter, int32_t stride, int32_t dilati
 }
 
 template <typename T>
-void Convolve(const Convolution& convolution, const T* input, const T* filter,
-              const T* elementwise, T* output, std::string* lines) {
+void Convolve(const Convolution& convolution, const T* input, const T* filter, const T* elementwise,
+              T* output, std::string* lines) {
   const Convolution& c = convolution;
   const int32_t out_height =
       OutputSize(c.in_height, c.filter_height, c.stride_h, c.dilation_h, c.same);

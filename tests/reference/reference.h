@@ -92,8 +92,8 @@ struct Convolution {
 // batch x OutputSize(height) x OutputSize(width) x out_channels. The lines of one image are its
 // accumulator warnings in output order, then the depthwise weight warning when it was needed.
 template <typename T>
-void Convolve(const Convolution& convolution, const T* input, const T* filter,
-              const T* elementwise, T* output, std::string* lines);
+void Convolve(const Convolution& convolution, const T* input, const T* filter, const T* elementwise,
+              T* output, std::string* lines);
 
 }  // namespace reference
 

@@ -69,8 +69,8 @@ int64_t AddText(const T* value, const T* elementwise, T factor, float feed_repea
 
 template <typename T>
 int64_t BiasAddText(const T* value, const T* bias, T factor, float feed_repeat, int32_t mult_shift,
-                    int32_t accumulator_size, int32_t use_fp16_acc, int64_t count,
-                    int64_t channels, T* out, char* text, int64_t capacity) {
+                    int32_t accumulator_size, int32_t use_fp16_acc, int64_t count, int64_t channels,
+                    T* out, char* text, int64_t capacity) {
   std::string lines;
   reference::BiasAdd<T>(value, bias, factor, feed_repeat, mult_shift, accumulator_size,
                         use_fp16_acc != 0, count, channels, out, &lines);
@@ -148,15 +148,15 @@ int64_t reference_bias_add_int32(const int32_t* value, const int32_t* bias, int3
                               use_fp16_acc, count, channels, out, text, capacity);
 }
 
-int64_t reference_convolve_float(const int32_t* parameters, const float* input,
-                                 const float* filter, const float* elementwise, float* output,
-                                 char* text, int64_t capacity) {
+int64_t reference_convolve_float(const int32_t* parameters, const float* input, const float* filter,
+                                 const float* elementwise, float* output, char* text,
+                                 int64_t capacity) {
   return ConvolveText<float>(parameters, input, filter, elementwise, output, text, capacity);
 }
 
 int64_t reference_convolve_int32(const int32_t* parameters, const int32_t* input,
-                                 const int32_t* filter, const int32_t* elementwise,
-                                 int32_t* output, char* text, int64_t capacity) {
+                                 const int32_t* filter, const int32_t* elementwise, int32_t* output,
+                                 char* text, int64_t capacity) {
   return ConvolveText<int32_t>(parameters, input, filter, elementwise, output, text, capacity);
 }
 

@@ -154,14 +154,13 @@ void CheckAdd() {
   std::string lines;
   Expect("add no pass", AddOne<int32_t>(100, 50, 1, 0.0F, 0, 8, false, &lines), 100);
   Expect("add negative passes", AddOne<int32_t>(100, 50, 1, -3.0F, 0, 8, false, &lines), 100);
-  Expect("add -infinity passes",
-         AddOne<float>(7.0F, 1.0F, 1.0F, -std::numeric_limits<float>::infinity(), 0, 8, false,
-                       &lines),
-         7.0F);
+  Expect(
+      "add -infinity passes",
+      AddOne<float>(7.0F, 1.0F, 1.0F, -std::numeric_limits<float>::infinity(), 0, 8, false, &lines),
+      7.0F);
   Expect("add no pass, half", AddOne<float>(40000.0F, 1.0F, 1.0F, 0.0F, 0, 8, true, &lines),
          -20000.0F);
-  Expect("add no pass, half, int", AddOne<int32_t>(40000, 1, 1, 0.0F, 0, 24, true, &lines),
-         -20000);
+  Expect("add no pass, half, int", AddOne<int32_t>(40000, 1, 1, 0.0F, 0, 24, true, &lines), -20000);
   Expect("add 2.5 passes", AddOne<int32_t>(0, 7, 1, 2.5F, 0, 16, false, &lines), 21);
   Expect("add 2.5 passes, float", AddOne<float>(0.0F, 7.0F, 1.0F, 2.5F, 0, 16, false, &lines),
          21.0F);
@@ -184,10 +183,10 @@ void CheckAdd() {
   Expect("add width 0 above", AddOne<int32_t>(3, 2, 1, 1.0F, 0, 0, false, nullptr), 4);
   Expect("add width 0, float", AddOne<float>(0.0F, 0.0F, 1.0F, 1.0F, 0, 0, false, nullptr), -1.0F);
   // From 26 bits on the upper float bound is the half span itself, which therefore stays.
-  Expect("add 2^25 in 26 bits",
-         AddOne<float>(33554432.0F, 0.0F, 1.0F, 1.0F, 0, 26, false, nullptr), 33554432.0F);
-  Expect("add 2^24 in 25 bits",
-         AddOne<float>(16777216.0F, 0.0F, 1.0F, 1.0F, 0, 25, false, nullptr), -16777216.0F);
+  Expect("add 2^25 in 26 bits", AddOne<float>(33554432.0F, 0.0F, 1.0F, 1.0F, 0, 26, false, nullptr),
+         33554432.0F);
+  Expect("add 2^24 in 25 bits", AddOne<float>(16777216.0F, 0.0F, 1.0F, 1.0F, 0, 25, false, nullptr),
+         -16777216.0F);
 }
 
 void CheckBiasAdd() {
@@ -263,8 +262,8 @@ void CheckConvolution() {
          126);
   const int32_t products[4][2] = {{3, 2}, {5, 2}, {-3, -2}, {-1, 0}};
   for (const auto& pair : products) {
-    Expect("conv shift 1",
-           ConvolveOne<int32_t>(Column(1, 16, 1), {1}, {pair[0]}, nullptr, &lines), pair[1]);
+    Expect("conv shift 1", ConvolveOne<int32_t>(Column(1, 16, 1), {1}, {pair[0]}, nullptr, &lines),
+           pair[1]);
   }
   Expect("conv 10 over 4", ConvolveOne<float>(Column(1, 16, 4), {5.0F}, {2.0F}, nullptr, &lines),
          2.0F);

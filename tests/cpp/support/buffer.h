@@ -26,7 +26,7 @@ class ExactBuffer {
     std::fill(begin_, begin_ + count, T{});
   }
 
-  ExactBuffer(const std::vector<T>& values, int offset = 0)
+  explicit ExactBuffer(const std::vector<T>& values, int offset = 0)
       : ExactBuffer(static_cast<int64_t>(values.size()), offset) {
     std::copy(values.begin(), values.end(), begin_);
   }
