@@ -3,10 +3,10 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo test bench wheel format lint clean constraints
+.PHONY: help setup demo demo-numeric test bench wheel format lint clean constraints
 
 help: ## list the goals
-	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
+	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
 
 setup: ## virtual environment in .venv with the package built and installed
 	@scripts/setup.sh build
@@ -14,6 +14,9 @@ setup: ## virtual environment in .venv with the package built and installed
 
 demo: setup ## the accumulator study on handwritten digits: table, plot, numbers
 	@$(PYTHON) examples/digits/run.py --output-dir build/demo
+
+demo-numeric: setup ## softmax, layer norm and activation units in a transformer: errors and curves
+	@$(PYTHON) examples/numeric/run.py --output-dir build/demo-numeric
 
 test: ## every test: C++, sanitizers, fuzz, Python, doctests
 	@scripts/setup.sh tests

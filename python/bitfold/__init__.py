@@ -4,7 +4,8 @@
 
 Importing the package loads the op library once. ``bitfold.ops`` holds the ops as people know them
 from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
-those of the registered operations.
+those of the registered operations; ``bitfold.tables`` fits the table-driven units to functions;
+``bitfold.fpx`` the accelerator's narrow floats.
 
 Example:
     >>> import bitfold
@@ -19,6 +20,6 @@ from bitfold._library import include_dir, library_path
 __version__ = _build_info.VERSION
 raw_ops = _library.load()
 
-from bitfold import fpx, ops  # noqa: E402  (need the library)
+from bitfold import fpx, ops, tables  # noqa: E402  (need the library)
 
-__all__ = ["__version__", "fpx", "include_dir", "library_path", "ops", "raw_ops"]
+__all__ = ["__version__", "fpx", "include_dir", "library_path", "ops", "raw_ops", "tables"]

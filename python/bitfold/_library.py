@@ -26,7 +26,9 @@ def library_path() -> str:
 
 
 def include_dir() -> str:
-    """Return the folder to compile C and C++ callers with: it holds ``bitfold/single_step.h``.
+    """Return the folder to compile C and C++ callers with.
+
+    It holds ``bitfold/single_step.h`` and ``bitfold/fpx.h``.
 
     Example:
         >>> import bitfold, os

@@ -412,14 +412,14 @@ def layer_norm(
 
     Example:
         >>> import bitfold, numpy as np
-        >>> lut = np.zeros(256, np.float32)
-        >>> lut[64:] = 65535 * np.sqrt(64 / np.arange(64, 256)) // 1
-        >>> x = np.array([1, 2, 3, 4], np.float32).reshape(1, 1, 1, 4)
-        >>> bitfold.ops.layer_norm(
-        ...     x, lut, exponent_sub_value=2, sum_of_x_mult=1, sum_of_x_mult_n_shift=2,
-        ...     x_squared_mult=4, mul_act_man=1, mul_act_exp=0, mul_act_bias=131072,
-        ... ).numpy().ravel()
-        array([  0.,   0., 128., 255.], dtype=float32)
+        >>> from bitfold import tables
+        >>> table = tables.layer_norm(4, output_scale=1 / 64)
+        >>> x = np.float32([10, 20, 30, 40]).reshape(1, 1, 1, 4)
+        >>> result = bitfold.ops.layer_norm(x, **table.keywords).numpy().ravel()
+        >>> result
+        array([ 42.,  99., 157., 214.], dtype=float32)
+        >>> table.dequantise(result).round(2)  # mean 25, deviation 11.2
+        array([-1.34, -0.45,  0.45,  1.34])
     """
     scalars = dict(
         zero_point=zero_point,
@@ -475,11 +475,11 @@ def softmax(
 
     Example:
         >>> import bitfold, numpy as np
-        >>> rows = np.zeros([256, 2], np.uint32)
-        >>> rows[0, 0] = 40000  # exponential of distance 0
-        >>> rows[:, 1] = 255 << 8  # reciprocal 255 for every sum
-        >>> bitfold.ops.softmax(np.float32([[7, 3]]), rows).numpy()
-        array([[156.,   0.]], dtype=float32)
+        >>> from bitfold import tables
+        >>> table = tables.softmax(1 / 16)
+        >>> bitfold.ops.softmax(np.float32([[32, 16, 0]]), **table.keywords).numpy()
+        array([[170.,  63.,  23.]], dtype=float32)
+        >>> # These are steps of 1/255; the softmax of 2, 1, 0 is 0.665, 0.245, 0.090.
     """
     return raw_ops.h_softmax(
         value=element_tensor(value, "value", tf.float32),
@@ -539,10 +539,16 @@ def activation(
 
     Example:
         >>> import bitfold, numpy as np
+        >>> from bitfold import tables
         >>> x = np.array([-64, -1, 0, 64]).reshape(1, 1, 1, 4)
         >>> # Below 0 a slope of 0, from 0 on a slope of 32 / 2^6.
         >>> bitfold.ops.activation(x, [[0]], [[0, 0]], [[0, 32]], [[6, 6]]).numpy().ravel()
         array([ 0,  0,  0, 32], dtype=int32)
+        >>> table = tables.activation(
+        ...     "gelu", input_scale=1 / 16, output_scale=1 / 16, output_zero_point=0
+        ... )
+        >>> bitfold.ops.activation(x, **table.keywords).numpy().ravel()
+        array([ 0,  0,  0, 64], dtype=int32)
     """
     value = fixed_tensor(value, "value", tf.int64)
     if size_splits is None:

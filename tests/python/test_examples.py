@@ -32,3 +32,14 @@ def test_digits_study(tmp_path):
     widest, narrowest = results["widths"][-1], results["widths"][0]
     assert not any(widest["differing"].values())
     assert all(narrowest["differing"].values())
+
+
+def test_numeric_units(tmp_path):
+    """Every unit's error stays within the bound that its table states."""
+    program = EXAMPLES / "numeric" / "run.py"
+    text = _run(program, tmp_path, "--images", "50", "--epochs", "1")
+    picture, numbers = tmp_path / "transfer_curves.png", tmp_path / "results.json"
+    assert picture.read_bytes().startswith(b"\x89PNG")
+    assert str(picture) in text
+    assert str(numbers) in text
+    assert json.loads(numbers.read_text())
