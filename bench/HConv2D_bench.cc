@@ -48,20 +48,22 @@ void HConv2DDefinition(benchmark::State& state, int channels, int mult_shift, bo
   state.SetItemsProcessed(state.iterations() * pixels * channels * chain);
 }
 
-BENCHMARK_CAPTURE(HConv2DDefinition<int32_t>, plain, 64, 0, false, false)
-    ->Name("HConv2d/int32/plain");
-BENCHMARK_CAPTURE(HConv2DDefinition<int32_t>, shift, 64, 4, false, false)
-    ->Name("HConv2d/int32/shift 4");
-BENCHMARK_CAPTURE(HConv2DDefinition<float>, plain, 64, 0, false, false)
-    ->Name("HConv2d/float/plain");
-BENCHMARK_CAPTURE(HConv2DDefinition<float>, shift, 64, 4, false, false)
-    ->Name("HConv2d/float/shift 4");
-BENCHMARK_CAPTURE(HConv2DDefinition<float>, half, 64, 0, true, false)
-    ->Name("HConv2d/float/half precision");
-BENCHMARK_CAPTURE(HConv2DDefinition<int32_t>, plain, 128, 0, false, true)
-    ->Name("HDepthWise/int32/plain");
-BENCHMARK_CAPTURE(HConv2DDefinition<float>, plain, 128, 0, false, true)
-    ->Name("HDepthWise/float/plain");
+[[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
+    benchmark::RegisterBenchmark("HConv2d/int32/plain", HConv2DDefinition<int32_t>, 64, 0, false,
+                                 false),
+    benchmark::RegisterBenchmark("HConv2d/int32/shift 4", HConv2DDefinition<int32_t>, 64, 4, false,
+                                 false),
+    benchmark::RegisterBenchmark("HConv2d/float/plain", HConv2DDefinition<float>, 64, 0, false,
+                                 false),
+    benchmark::RegisterBenchmark("HConv2d/float/shift 4", HConv2DDefinition<float>, 64, 4, false,
+                                 false),
+    benchmark::RegisterBenchmark("HConv2d/float/half precision", HConv2DDefinition<float>, 64, 0,
+                                 true, false),
+    benchmark::RegisterBenchmark("HDepthWise/int32/plain", HConv2DDefinition<int32_t>, 128, 0,
+                                 false, true),
+    benchmark::RegisterBenchmark("HDepthWise/float/plain", HConv2DDefinition<float>, 128, 0, false,
+                                 true),
+};
 
 }  // namespace
 }  // namespace bitfold

@@ -60,6 +60,7 @@ struct ProvenPasses {
   // Requires passes <= 2^31, so that passes * addend stays within +-2^62.
   int32_t operator()(const Datapath<int32_t>& datapath, int32_t acc, int32_t addend,
                      int64_t passes) const {
+    if (passes == 1) return datapath.Accumulate(acc, addend);  // the rule, and nothing to skip
     const int64_t min = datapath.limits().min;
     const int64_t max = datapath.limits().max;
     const int64_t period = max - min + 1;

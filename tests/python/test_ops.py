@@ -468,7 +468,7 @@ def test_saved_models_in_a_fresh_process(tmp_path):
     layers.save(tmp_path / "layers.keras")
     np.savez(tmp_path / "data.npz", **data)
     output = support.passes(support.run_python(_LOAD, str(tmp_path), *NAMES))
-    assert output.splitlines()[-1] == "same"
+    assert "same" in output.splitlines()  # C prints its own lines when the process ends
 
 
 # ---- Keras -------------------------------------------------------------------------------------
