@@ -41,6 +41,7 @@ class Case:
     operations: int
     ours: Callable[[], tf.Tensor]
     stock: Callable[[], tf.Tensor]
+    path: str = "scalar"
 
 
 @dataclass
@@ -130,6 +131,73 @@ def convolution_cases() -> list[Case]:
     return cases
 
 
+def vector_target() -> str:
+    """Return the instruction set that the vector loops take on this machine."""
+    features = set()
+    for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines():
+        if line.startswith("flags"):
+            features = set(line.split())
+            break
+    if {"avx512f", "avx512bw", "avx512dq", "avx512vl"} <= features:
+        return "AVX-512"
+    return "AVX2" if "avx2" in features else "portable"
+
+
+def numeric_cases() -> list[Case]:
+    """Return the numeric units, against the stock ops on float data of the same shape."""
+    target = vector_target()
+    k = np.arange(256, dtype=np.uint32)
+    rows = np.stack([60000 // (k + 1), (255 - k) | k << 8], 1)
+    table = tf.constant(rows.astype(np.uint32))
+    distances = integers((128, 256), -255, 0, tf.float32)
+
+    lut = np.zeros(256, np.float32)
+    lut[64:] = 65535 - 128 * np.arange(192)
+    scalars = dict(
+        exponent_sub_value=14, sum_of_x_mult=170, sum_of_x_mult_n_shift=17, x_squared_mult=768,
+        mul_act_man=91, mul_act_exp=4, mul_act_bias=131072,
+    )  # fmt: skip
+    scalars = {name: tf.constant(value, tf.uint32) for name, value in scalars.items()}
+    vectors = integers((1, 1, 196, 768), -128, 127, tf.float32)
+    lut_tensor = tf.constant(lut)
+    stock_norm = tf.keras.layers.LayerNormalization()
+    stock_norm.build(vectors.shape)
+    stock_function = tf.function(lambda x: stock_norm(x, training=False))
+
+    inp = integers((1, 56, 56, 64), -2000, 2000, tf.int64)
+    pieces = [
+        tf.constant(row[np.newaxis], tf.int64)
+        for row in (500 * (np.arange(7) - 3), np.full(8, 3), np.arange(-32, 32, 8), np.full(8, 10))
+    ]
+    data = tf.cast(inp, tf.float32) / 250
+    return [
+        Case(
+            "HSoftmax/float/128x256",
+            "128x256",
+            128 * 256,
+            lambda: bitfold.ops.softmax(distances, table, is_velquin=True),
+            lambda: tf.nn.softmax(distances),
+            target,
+        ),
+        Case(
+            "HLayernorm/float/196x768",
+            "1x1x196x768",
+            196 * 768,
+            lambda: bitfold.ops.layer_norm(vectors, lut_tensor, **scalars),
+            lambda: stock_function(vectors),
+            target,
+        ),
+        Case(
+            "HActivation/int64/56x56x64, 7 breakpoints",
+            "1x56x56x64",
+            56 * 56 * 64,
+            lambda: bitfold.ops.activation(inp, *pieces),
+            lambda: tf.keras.activations.gelu(data),
+            target,
+        ),
+    ]
+
+
 def seconds(call: Callable[[], tf.Tensor], budget: float) -> float:
     """Return the median time of a call, over at least 3 and about `budget` seconds of them."""
     call().numpy()
@@ -173,7 +241,7 @@ def measure(cases: list[Case], budget: float, console: Console) -> list[Row]:
             Row(
                 name=case.name,
                 shape=case.shape,
-                path="scalar",  # the one path so far
+                path=case.path,
                 definition_seconds=definition,
                 ours_seconds=ours,
                 stock_seconds=stock,
@@ -229,7 +297,9 @@ def main() -> None:
     tf.config.threading.set_inter_op_parallelism_threads(1)
 
     console = Console(width=None if os.isatty(1) else 140)
-    rows = measure(addition_cases() + convolution_cases(), options.seconds, console)
+    rows = measure(
+        addition_cases() + convolution_cases() + numeric_cases(), options.seconds, console
+    )
     print_table(rows, console)
     options.output.parent.mkdir(parents=True, exist_ok=True)
     result = {"machine": machine(), "rows": [asdict(row) for row in rows]}

@@ -77,8 +77,10 @@ void CheckNormalised(const FPX& x, const char* operation) {
 }
 
 FPX* NewArray(int n) {
-  FPX* array = new (std::nothrow) FPX[n > 0 ? n : 0]();  // no stale memory in the unused bits
+  const size_t count = n > 0 ? static_cast<size_t>(n) : 0;
+  FPX* array = new (std::nothrow) FPX[count];
   if (array == nullptr) throw std::bad_array_new_length();
+  std::memset(array, 0, count * sizeof(FPX));  // no stale memory in the bits beside the sign
   return array;
 }
 

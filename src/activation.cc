@@ -5,6 +5,10 @@
 
 #include "bitfold/activation.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
 #include "activate_channels.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -37,7 +41,8 @@ REGISTER_OP("HActivation")
 template <typename Device>
 class Activation : public tensorflow::OpKernel {
  public:
-  // Unlike the other kernels this one throws the status of an attribute that cannot be read.
+  // Unlike the other kernels' this constructor throws the status of an attribute that cannot be
+  // read.
   explicit Activation(OpKernelConstruction* context) : OpKernel(context) {
     Read(context, "is_8bit_to_16bit_mode", &mode_.is_8bit_to_16bit_mode);
     Read(context, "is_velquin", &mode_.is_velquin);
@@ -61,7 +66,7 @@ class Activation : public tensorflow::OpKernel {
 
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, context->input(0).shape(), &output));
-    ZeroFill(output, 0);
+    if (UsedChannels(context->input(5)) < channels) ZeroFill(output, 0);
     const ActivationTables tables = {{x_points.data(), x_points.dimension(1)},
                                      {offsets.data(), offsets.dimension(1)},
                                      {slopes_m.data(), slopes_m.dimension(1)},
@@ -78,22 +83,28 @@ class Activation : public tensorflow::OpKernel {
     if (!status.ok()) throw status;
   }
 
+  // The channels that the groups take, at most INT64_MAX.
+  static int64_t UsedChannels(const Tensor& size_splits) {
+    int64_t used = 0;
+    for (int64_t g = 0; g < size_splits.NumElements(); ++g) {
+      const int64_t size = std::max<int64_t>(size_splits.vec<int64_t>()(g), 0);
+      if (__builtin_add_overflow(used, size, &used)) return std::numeric_limits<int64_t>::max();
+    }
+    return used;
+  }
+
   // The groups must fit the channels, and each table must have a row for every group that has
   // channels, with an entry for each piece.
   static absl::Status Check(OpKernelContext* context, int64_t channels) {
     const Tensor& splits = context->input(5);
-    int64_t rows = 0;
-    int64_t used = 0;
+    if (UsedChannels(splits) > channels) {
+      return absl::InvalidArgumentError(absl::StrCat("Need size_splits to sum to at most the ",
+                                                     channels, " channels of inp, got ",
+                                                     UsedChannels(splits)));
+    }
+    int64_t rows = 0;  // up to the last group with channels
     for (int64_t g = 0; g < splits.NumElements(); ++g) {
-      const int64_t size = splits.vec<int64_t>()(g);
-      if (size <= 0) continue;
-      rows = g + 1;
-      if (size > channels - used) {
-        return absl::InvalidArgumentError(absl::StrCat("Need size_splits to sum to at most the ",
-                                                       channels,
-                                                       " channels of inp, got more at group ", g));
-      }
-      used += size;
+      if (splits.vec<int64_t>()(g) > 0) rows = g + 1;
     }
     const int64_t pieces = context->input(1).dim_size(1) + 1;
     TF_RETURN_IF_ERROR(RequireTable("x_points", context->input(1), rows, 0));
@@ -115,6 +126,19 @@ class Activation : public tensorflow::OpKernel {
   ActivationMode mode_ = {};
 };
 
-REGISTER_KERNEL_BUILDER(Name("HActivation").Device(tensorflow::DEVICE_CPU), Activation<CPUDevice>);
+// The factory reports what the constructor throws as the node's failure: nothing above it catches a
+// status, and a process that ran into it would end.
+tensorflow::OpKernel* CreateActivation(OpKernelConstruction* context) {
+  try {
+    return new Activation<CPUDevice>(context);
+  } catch (const absl::Status& status) {
+    context->CtxFailure(__FILE__, __LINE__, status);
+    return nullptr;
+  }
+}
+
+const tensorflow::kernel_factory::OpKernelRegistrar kActivationRegistrar(
+    tensorflow::register_kernel::Name("HActivation").Device(tensorflow::DEVICE_CPU).Build(),
+    "Activation<CPUDevice>", CreateActivation);
 
 }  // namespace bitfold

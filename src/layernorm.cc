@@ -73,10 +73,11 @@ void RunLayernorm(const float* in, float* out, int vector_size, int width, int h
       normalize_vector(x, y, vector_size, lut, params);
       continue;
     }
+    const int64_t rounded_sum =
+        RoundedSum(static_cast<int32_t>(static_cast<uint32_t>(sum)), params);
     // Modulo 2^64 the multiplier may follow the sum.
-    const LayerNormScale scale =
-        GetLayerNormScale(static_cast<int32_t>(static_cast<uint32_t>(sum)),
-                          CheckedSumOfSquares(squares * params.x_squared_mult), lut, params);
+    const uint64_t scaled_squares = CheckedSumOfSquares(squares * params.x_squared_mult);
+    const LayerNormScale scale = GetLayerNormScale(rounded_sum, scaled_squares, lut, params);
     const ElementScaling scaling = MakeScaling(scale, params);
     (scale.shift >= 0 ? loops.scale_left : loops.scale_right)(elements.data(), vector_size, scaling,
                                                               y);

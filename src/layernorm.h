@@ -8,7 +8,8 @@
 
 namespace bitfold {
 
-// The bits and the assertions of run_layernorm, whose contract it shares, by vector loops.
+// The bits and the assertions of run_layernorm, whose contract it shares, by vector loops. Requires
+// vector_size <= MAX_VECTOR_SIZE.
 void RunLayernorm(const float* in, float* out, int vector_size, int width, int height, int batch,
                   const float* lut, const LayerNormParams& params);
 

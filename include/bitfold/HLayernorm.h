@@ -169,23 +169,26 @@ inline void SetInverseSquareRoot(uint64_t variance, const float* lut, uint8_t ex
   scale->factor = WrapSubtract(entry, slope * (index & 255)) & 65535;
 }
 
-// What the elements of a vector are scaled by, from the sum of the vector, which counts as 0 in RMS
-// mode, and its checked sum of squares. lut holds 256 entries. A variance whose 58 bits are all
-// zero ends the process as a variance of zero does: no leading one could be found.
-inline LayerNormScale GetLayerNormScale(int32_t sum, uint64_t sum_of_squares, const float* lut,
-                                        const LayerNormParams& params) {
-  const int64_t rounded_sum =
-      signed_clip(static_cast<int32_t>(static_cast<uint32_t>(right_shift_bankers_rounding(
-                      params.rms_mode_enable ? 0 : sum, params.sum_of_x_shift, 3))),
-                  20, true);
+// The rounded sum of a vector: 20 bits, signed. In RMS mode the sum counts as 0.
+inline int64_t RoundedSum(int32_t sum, const LayerNormParams& params) {
+  const int64_t shifted =
+      right_shift_bankers_rounding(params.rms_mode_enable ? 0 : sum, params.sum_of_x_shift, 3);
+  return signed_clip(static_cast<int32_t>(static_cast<uint32_t>(shifted)), 20, true);
+}
+
+// What the elements of a vector are scaled by, from its rounded sum and its checked sum of squares.
+// lut holds 256 entries. A variance whose 58 bits are all zero ends the process as a variance of
+// zero does: no leading one could be found.
+inline LayerNormScale GetLayerNormScale(int64_t rounded_sum, uint64_t sum_of_squares,
+                                        const float* lut, const LayerNormParams& params) {
+  const int64_t squares = right_shift_bankers_rounding(static_cast<int64_t>(sum_of_squares),
+                                                       params.sum_of_x_squares_shift, 3);
   LayerNormScale scale;
   scale.mean = signed_clip(right_shift_bankers_rounding(params.sum_of_x_mult * rounded_sum,
                                                         params.sum_of_x_mult_n_shift, 3),
                            16, true);
   // The rounded sum is squared, not the mean term.
-  const int64_t variance = right_shift_bankers_rounding(static_cast<int64_t>(sum_of_squares),
-                                                        params.sum_of_x_squares_shift, 3) +
-                           int64_t{params.epsilon} - rounded_sum * rounded_sum;
+  const int64_t variance = squares + int64_t{params.epsilon} - rounded_sum * rounded_sum;
   const uint64_t bits = static_cast<uint64_t>(variance) & ((uint64_t{1} << kVarianceBits) - 1);
   BITFOLD_LAYERNORM_ASSERT(
       bits != 0, "variance > 0",
@@ -210,10 +213,11 @@ inline float NormalizeElement(float x, const LayerNormScale& scale, const LayerN
 inline void normalize_vector(const float* x, float* out, int32_t n, const float* lut,
                              const LayerNormParams& params) {
   const uint16_t count = static_cast<uint16_t>(n);
-  const LayerNormScale scale = GetLayerNormScale(
-      get_sum_of_x_minus_zp(x, count, params.zero_point),
-      get_sum_squares_of_x_minus_zp_times_n(x, count, params.zero_point, params.x_squared_mult),
-      lut, params);
+  const int64_t rounded_sum =
+      RoundedSum(get_sum_of_x_minus_zp(x, count, params.zero_point), params);
+  const uint64_t squares =
+      get_sum_squares_of_x_minus_zp_times_n(x, count, params.zero_point, params.x_squared_mult);
+  const LayerNormScale scale = GetLayerNormScale(rounded_sum, squares, lut, params);
   for (int32_t i = 0; i < n; ++i) out[i] = NormalizeElement(x[i], scale, params);
 }
 

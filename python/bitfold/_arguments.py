@@ -127,15 +127,19 @@ def scalar_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
 
 
 def integer(x: Any, name: str) -> int:
-    """Return an attribute that is an integer.
+    """Return an attribute that is a 32-bit integer.
 
     Raises:
-        TypeError: for anything else, fractions included.
+        TypeError: for anything but an integer, fractions included.
+        ValueError: for one beyond 32 bits.
     """
     try:
-        return operator.index(x)
+        value = operator.index(x)
     except TypeError:
         raise TypeError(f"{name} must be an integer, got {x!r}") from None
+    if not -(2**31) <= value < 2**31:
+        raise ValueError(f"{name} must lie in [{-(2**31)}, {2**31 - 1}], got {value}")
+    return value
 
 
 def spatial_values(value: int | Sequence[int], name: str) -> list[int]:

@@ -20,15 +20,19 @@ from typing import Any, NamedTuple
 
 import numpy as np
 
+from bitfold._arguments import integer
 from bitfold._library import library_path
 
+# Aligned as the C structure is, so that numpy keeps the layout when it joins arrays.
 DTYPE = np.dtype(
-    {
-        "names": ["exp_len", "man_len", "mantissa", "exponent", "sign"],
-        "formats": ["u1", "u1", "<u4", "<u2", "u1"],
-        "offsets": [0, 1, 4, 8, 10],
-        "itemsize": 12,
-    }
+    [
+        ("exp_len", "u1"),
+        ("man_len", "u1"),
+        ("mantissa", "u4"),
+        ("exponent", "u2"),
+        ("sign", "u1"),
+    ],
+    align=True,
 )
 
 
@@ -182,6 +186,7 @@ def counters() -> Counters:
 
 
 def _check_widths(exp_len: int, man_len: int) -> None:
+    exp_len, man_len = integer(exp_len, "exp_len"), integer(man_len, "man_len")
     if exp_len not in (3, 4) or not 1 <= man_len <= 24:
         raise ValueError(
             "Need exp_len of 3 or 4 and man_len of 1 to 24, "

@@ -9,6 +9,7 @@ import pathlib
 import shutil
 import subprocess
 
+import numeric
 import numpy as np
 import pytest
 import support
@@ -65,6 +66,42 @@ OPS = {
     "HDepthWise": _convolution("true"),
     "HConv2d": _convolution("false"),
     "HConv2dDilation": _convolution("false"),
+    "HLayernorm": {
+        "inputs": ["value: float", *(f"{name}: uint32" for name in numeric.SCALARS), "lut: float"],
+        "attributes": [],
+        "outputs": ["output: float"],
+    },
+    "HSoftmax": {
+        "inputs": ["value: float", "lut_table: uint32"],
+        "attributes": ["is_velquin: bool"],
+        "outputs": ["output: float"],
+    },
+    "HActivation": {
+        "inputs": [
+            "inp: int64",
+            "x_points: int64",
+            "offsets: int64",
+            "slopes_m: int64",
+            "slopes_e: int64",
+            "size_splits: int64",
+        ],
+        "attributes": [
+            "is_8bit_to_16bit_mode: bool",
+            "is_velquin: bool",
+            "ebias: int",
+            "clip_bits: int",
+            "beta: int",
+            "is_16bit_precision_mode: bool",
+            "is_signed_output: bool",
+        ],
+        "outputs": ["output: int32"],
+    },
+}
+# One kernel each, without a type constraint.
+UNTYPED_KERNELS = {
+    "HLayernorm": "HLayernormOp<CPUDevice>",
+    "HSoftmax": "HSoftmaxOp<CPUDevice>",
+    "HActivation": "Activation<CPUDevice>",
 }
 KERNEL_CLASSES = {
     "HAdd": "HAddOp",
@@ -79,7 +116,22 @@ SYMBOLS = {
     "multiplier_verification",
     "shifter_fp16_acc_verification",
     "shifter_int_acc_verification",
+    "get_bias",
+    "float32_toX",
+    "floatX_to32",
+    "ResizeX",
+    "align_floatX",
+    "add_sub_floatX",
+    "mul_floatX",
+    "int2bin",
+    "FPX_to_BitString",
+    "CreateFPXArray_fromFloat32",
+    "CreateFPXArray_initZero",
+    "ReplaceFPXArray_fromFPXArray",
+    "OverrideFloatArray_fromFPX",
+    "DeleteInputFPX",
 }
+COUNTERS = {"g_32toX_of", "g_32toX_uf", "g_resizeX_of", "g_resizeX_uf"}
 
 # Loads the library twice by path, without importing bitfold, and reports what that changed.
 _LOAD = """
@@ -181,19 +233,27 @@ def test_kernels(loaded):
     for serialised in added:
         kernel = kernel_def_pb2.KernelDef()
         kernel.ParseFromString(bytes.fromhex(serialised))
-        (constraint,) = kernel.constraint
-        assert constraint.name == "T"
-        (dtype,) = constraint.allowed_values.list.type
+        if kernel.op in UNTYPED_KERNELS:
+            assert not kernel.constraint
+            type_name = ""
+        else:
+            (constraint,) = kernel.constraint
+            assert constraint.name == "T"
+            (dtype,) = constraint.allowed_values.list.type
+            type_name = _type_name(dtype)
         assert not kernel.host_memory_arg
         assert not kernel.label
         assert kernel.priority == 0
-        found.append((kernel.op, kernel.device_type, _type_name(dtype)))
-    assert sorted(found) == sorted((op, "CPU", t) for op in OPS for t in ("float", "int32"))
+        found.append((kernel.op, kernel.device_type, type_name))
+    expected = [(op, "CPU", t) for op in KERNEL_CLASSES for t in ("float", "int32")]
+    expected += [(op, "CPU", "") for op in UNTYPED_KERNELS]
+    assert sorted(found) == sorted(expected)
 
 
 @pytest.mark.parametrize(
     "name",
-    sorted({f"{c}<CPUDevice, {t}>" for c in KERNEL_CLASSES.values() for t in ("float", "int32")}),
+    sorted({f"{c}<CPUDevice, {t}>" for c in KERNEL_CLASSES.values() for t in ("float", "int32")})
+    + list(UNTYPED_KERNELS.values()),
 )
 def test_kernel_names(name):
     """Kernels are registered under their printable names."""
@@ -247,5 +307,6 @@ def test_exported_symbols():
         check=True,
     ).stdout
     symbols = {line.split()[-1]: line.split()[-2] for line in listing.splitlines()}
-    assert set(symbols) == SYMBOLS
-    assert set(symbols.values()) == {"T"}
+    assert {name for name, kind in symbols.items() if kind == "T"} == SYMBOLS
+    assert {name for name, kind in symbols.items() if kind in "BD"} == COUNTERS
+    assert set(symbols) == SYMBOLS | COUNTERS
