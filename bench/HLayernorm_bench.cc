@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bitfold/HLayernorm.h"
+#include "layernorm.h"
 #include "scalar_bench.h"
 
 namespace bitfold {
@@ -19,7 +20,7 @@ std::vector<float> MakeLut() {
   return lut;
 }
 
-void HLayernormDefinition(benchmark::State& state) {
+void HLayernormUnit(benchmark::State& state, decltype(run_layernorm)* run) {
   const std::vector<float> in = RandomIntegers<float>(kVectors * kSize, -128, 127);
   const std::vector<float> lut = MakeLut();
   std::vector<float> out(in.size());
@@ -33,13 +34,17 @@ void HLayernormDefinition(benchmark::State& state) {
   params.mul_act_exp = 4;
   params.mul_act_bias = 131072;
   for (auto _ : state) {
-    run_layernorm(in.data(), out.data(), kSize, kVectors, 1, 1, lut.data(), params);
+    run(in.data(), out.data(), kSize, kVectors, 1, 1, lut.data(), params);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * kVectors * kSize);
 }
 
-BENCHMARK(HLayernormDefinition)->Name("HLayernorm/float/196x768");
+// The definition and the vector loops on the machine's widest target.
+[[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
+    benchmark::RegisterBenchmark("HLayernorm/float/196x768", HLayernormUnit, run_layernorm),
+    benchmark::RegisterBenchmark("HLayernorm/float/196x768 loops", HLayernormUnit, RunLayernorm),
+};
 
 }  // namespace
 }  // namespace bitfold
