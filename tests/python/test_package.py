@@ -38,12 +38,15 @@ def test_public_names():
     """What `import bitfold` offers."""
     assert sorted(bitfold.__all__) == [
         "__version__",
+        "fpx",
         "include_dir",
         "library_path",
         "ops",
         "raw_ops",
+        "tables",
     ]
     raw_names = {"h_add", "h_bias_add", "h_depth_wise", "h_conv2d", "h_conv2d_dilation"}
+    raw_names |= {"h_activation", "h_layernorm", "h_softmax"}
     assert raw_names <= set(dir(bitfold.raw_ops))
 
 
