@@ -108,13 +108,8 @@ class HAddOp : public AdditionOp<T> {
     constexpr char kWhat[] = "the product of the dimensions of value that are computed";
     TF_RETURN_IF_ERROR(RequireElements("value", value, count, kWhat));
     TF_RETURN_IF_ERROR(RequireElements("elementwise", elementwise, count, kWhat));
-    TF_RETURN_IF_ERROR(RequireScalar("elementwise_factor", factor));
-    TF_RETURN_IF_ERROR(RequireScalar("elementwise_feed_repeat", feed_repeat));
-    TF_RETURN_IF_ERROR(RequireScalar("mult_shift", mult_shift));
-    if constexpr (std::is_same_v<Device, CPUDevice>) {
-      TF_RETURN_IF_ERROR(RequireFeedRepeat("elementwise_feed_repeat", feed_repeat));
-    }
-    return absl::OkStatus();
+    return RequireAdditionScalars<Device>("elementwise_factor", factor, "elementwise_feed_repeat",
+                                          feed_repeat, mult_shift);
   }
 };
 

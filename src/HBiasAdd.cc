@@ -86,13 +86,8 @@ class HBiasAddOp : public AdditionOp<T> {
     TF_RETURN_IF_ERROR(RequireInt32Dimensions("value", value));
     TF_RETURN_IF_ERROR(RequireElements("bias", bias, value.dim_size(value.dims() - 1),
                                        "one for each channel of value"));
-    TF_RETURN_IF_ERROR(RequireScalar("bias_factor", factor));
-    TF_RETURN_IF_ERROR(RequireScalar("bias_feed_repeat", feed_repeat));
-    TF_RETURN_IF_ERROR(RequireScalar("mult_shift", mult_shift));
-    if constexpr (std::is_same_v<Device, CPUDevice>) {
-      TF_RETURN_IF_ERROR(RequireFeedRepeat("bias_feed_repeat", feed_repeat));
-    }
-    return absl::OkStatus();
+    return RequireAdditionScalars<Device>("bias_factor", factor, "bias_feed_repeat", feed_repeat,
+                                          mult_shift);
   }
 };
 

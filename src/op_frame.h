@@ -72,6 +72,22 @@ absl::Status RequireScalar(const char* input, const tensorflow::Tensor& tensor);
 // have an element 0 in host memory.
 absl::Status RequireFeedRepeat(const char* input, const tensorflow::Tensor& tensor);
 
+// What the scalars of an addition require: element 0 of each, and on the CPU, where it can be read,
+// a feed repeat that ends.
+template <typename Device>
+absl::Status RequireAdditionScalars(const char* factor_name, const tensorflow::Tensor& factor,
+                                    const char* feed_repeat_name,
+                                    const tensorflow::Tensor& feed_repeat,
+                                    const tensorflow::Tensor& mult_shift) {
+  TF_RETURN_IF_ERROR(RequireScalar(factor_name, factor));
+  TF_RETURN_IF_ERROR(RequireScalar(feed_repeat_name, feed_repeat));
+  TF_RETURN_IF_ERROR(RequireScalar("mult_shift", mult_shift));
+  if constexpr (std::is_same_v<Device, CPUDevice>) {
+    TF_RETURN_IF_ERROR(RequireFeedRepeat(feed_repeat_name, feed_repeat));
+  }
+  return absl::OkStatus();
+}
+
 // Requires every dimension to be at most 2^31 - 1, as the arithmetic takes them.
 absl::Status RequireInt32Dimensions(const char* input, const tensorflow::Tensor& tensor);
 

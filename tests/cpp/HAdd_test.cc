@@ -13,16 +13,13 @@
 #include <vector>
 
 #include "support/addition.h"
-#include "support/ledger.h"
-#include "support/scale.h"
+#include "support/addition_suite.h"
 
 namespace bitfold {
 namespace {
 
 using testing::Addition;
 using testing::HAddCall;
-using testing::Path;
-using testing::Ran;
 using testing::Same;
 
 // One element through the kernels' passes, without printed text.
@@ -89,55 +86,12 @@ TEST(HAdd, LongestFeed) {
   EXPECT_TRUE(Gives<int32_t>(-64, 0, 1, 1, kMaxFeedRepeat, 0, 8));
 }
 
-// ---- Against the oracle and the definition -----------------------------------------------------
-
-TEST(HAdd, Int32AttributesCrossed) {
-  auto repeats = testing::FeedRepeats();
-  repeats.push_back(3.0f);
-  repeats.push_back(17.0f);
-  testing::CrossAttributes<HAddCall, int32_t>(false, repeats, 24);
-  testing::CrossAttributes<HAddCall, int32_t>(true, {0.0f, 1.0f, 17.0f}, 24);
-  testing::CrossCorners<HAddCall, int32_t>(false);
-  testing::CrossCorners<HAddCall, int32_t>(true);
-  Ran(Path::kHAddInt32);
-}
-
-TEST(HAdd, FloatAttributesCrossed) {
-  testing::CrossAttributes<HAddCall, float>(false, testing::FeedRepeats(), 12);
-  testing::CrossAttributes<HAddCall, float>(false, {17.0f}, 2);
-  testing::CrossCorners<HAddCall, float>(false);
-  Ran(Path::kHAddFloat);
-}
-
-TEST(HAdd, HalfPrecisionAttributesCrossed) {
-  testing::CrossAttributes<HAddCall, float>(true, testing::FeedRepeats(), 12);
-  testing::CrossAttributes<HAddCall, float>(true, {17.0f}, 2);
-  testing::CrossCorners<HAddCall, float>(true);
-  Ran(Path::kHAddHalf);
-}
-
-TEST(HAdd, SizesAndMisalignments) {
-  testing::CrossSizes<HAddCall, int32_t>();
-  testing::CrossSizes<HAddCall, float>();
-}
-
-// Long feeds, which the kernels prove instead of making.
-TEST(HAdd, LongFeeds) {
-  testing::Random random(0x10f9);
-  for (const int width : {8, 16, 24, 32}) {
-    for (const float repeat : {1000.0f, 65536.5f}) {
-      Addition<int32_t> c;
-      const int64_t count = testing::kSanitized ? 2 : 8;
-      c.value = testing::DrawMany<int32_t>(&random, testing::Data::kFull, count);
-      c.operand = testing::DrawMany<int32_t>(&random, testing::Data::kSmall, count);
-      c.factor = 7;
-      c.feed_repeat = repeat;
-      c.mult_shift = 2;
-      c.accumulator_size = width;
-      ASSERT_TRUE(testing::CheckAddition<HAddCall>(c));
-    }
-  }
-}
-
 }  // namespace
+
+namespace testing {
+
+// Against the oracle and the definition.
+INSTANTIATE_TYPED_TEST_SUITE_P(HAdd, AdditionSuite, HAddCall);
+
+}  // namespace testing
 }  // namespace bitfold

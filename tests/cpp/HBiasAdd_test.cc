@@ -13,16 +13,13 @@
 #include <vector>
 
 #include "support/addition.h"
-#include "support/ledger.h"
-#include "support/scale.h"
+#include "support/addition_suite.h"
 
 namespace bitfold {
 namespace {
 
 using testing::Addition;
 using testing::HBiasAddCall;
-using testing::Path;
-using testing::Ran;
 using testing::Same;
 
 TEST(HBiasAdd, ChannelsRepeatWithTheFlatIndex) {
@@ -62,55 +59,12 @@ TEST(HBiasAdd, FloatWarnsInElementOrder) {
             "@@@ WARNING: acc -8388609.000000 is out of bounds <-8388607,8388607>\n");
 }
 
-// ---- Against the oracle and the definition -----------------------------------------------------
-
-TEST(HBiasAdd, Int32AttributesCrossed) {
-  auto repeats = testing::FeedRepeats();
-  repeats.push_back(3.0f);
-  repeats.push_back(17.0f);
-  testing::CrossAttributes<HBiasAddCall, int32_t>(false, repeats, 24);
-  testing::CrossAttributes<HBiasAddCall, int32_t>(true, {0.0f, 1.0f, 17.0f}, 24);
-  testing::CrossCorners<HBiasAddCall, int32_t>(false);
-  testing::CrossCorners<HBiasAddCall, int32_t>(true);
-  Ran(Path::kHBiasAddInt32);
-}
-
-TEST(HBiasAdd, FloatAttributesCrossed) {
-  testing::CrossAttributes<HBiasAddCall, float>(false, testing::FeedRepeats(), 12);
-  testing::CrossAttributes<HBiasAddCall, float>(false, {17.0f}, 2);
-  testing::CrossCorners<HBiasAddCall, float>(false);
-  Ran(Path::kHBiasAddFloat);
-}
-
-TEST(HBiasAdd, HalfPrecisionAttributesCrossed) {
-  testing::CrossAttributes<HBiasAddCall, float>(true, testing::FeedRepeats(), 12);
-  testing::CrossAttributes<HBiasAddCall, float>(true, {17.0f}, 2);
-  testing::CrossCorners<HBiasAddCall, float>(true);
-  Ran(Path::kHBiasAddHalf);
-}
-
-TEST(HBiasAdd, SizesAndMisalignments) {
-  testing::CrossSizes<HBiasAddCall, int32_t>();
-  testing::CrossSizes<HBiasAddCall, float>();
-}
-
-// Long feeds, which the kernels prove instead of making.
-TEST(HBiasAdd, LongFeeds) {
-  testing::Random random(0x10f9);
-  for (const int width : {8, 16, 24, 32}) {
-    for (const float repeat : {1000.0f, 65536.5f}) {
-      Addition<int32_t> c;
-      const int64_t count = testing::kSanitized ? 2 : 8;
-      c.value = testing::DrawMany<int32_t>(&random, testing::Data::kFull, count);
-      c.operand = testing::DrawMany<int32_t>(&random, testing::Data::kSmall, count);
-      c.factor = 7;
-      c.feed_repeat = repeat;
-      c.mult_shift = 2;
-      c.accumulator_size = width;
-      ASSERT_TRUE(testing::CheckAddition<HBiasAddCall>(c));
-    }
-  }
-}
-
 }  // namespace
+
+namespace testing {
+
+// Against the oracle and the definition.
+INSTANTIATE_TYPED_TEST_SUITE_P(HBiasAdd, AdditionSuite, HBiasAddCall);
+
+}  // namespace testing
 }  // namespace bitfold

@@ -21,6 +21,7 @@
 #include "support/buffer.h"
 #include "support/capture.h"
 #include "support/compare.h"
+#include "support/ledger.h"
 #include "support/random.h"
 #include "support/tables.h"
 
@@ -58,6 +59,9 @@ struct Output {
 struct HAddCall {
   static constexpr bool kPerChannel = false;
   static constexpr const char* kName = "HAdd";
+  static constexpr Path kInt32Path = Path::kHAddInt32;
+  static constexpr Path kFloatPath = Path::kHAddFloat;
+  static constexpr Path kHalfPath = Path::kHAddHalf;
 
   template <typename T>
   static void Oracle(const Addition<T>& c, T* out, std::string* lines) {
@@ -75,6 +79,9 @@ struct HAddCall {
 struct HBiasAddCall {
   static constexpr bool kPerChannel = true;
   static constexpr const char* kName = "HBiasAdd";
+  static constexpr Path kInt32Path = Path::kHBiasAddInt32;
+  static constexpr Path kFloatPath = Path::kHBiasAddFloat;
+  static constexpr Path kHalfPath = Path::kHBiasAddHalf;
 
   template <typename T>
   static void Oracle(const Addition<T>& c, T* out, std::string* lines) {
