@@ -36,7 +36,7 @@ struct ActivationLoops {
 #define BITFOLD_LOOPS "activation_loops.inc"
 #define BITFOLD_LOOP_TABLE \
   ActivationLoops { Activate<true>, Activate<false> }
-#include "vector_loops.h"
+#include "vector_loops.inc"
 
 // False when the group needs the definition: its breakpoints do not ascend, so that the first one
 // above x is not found by counting, there are too many, or the clip's bounds cross.

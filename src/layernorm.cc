@@ -34,7 +34,7 @@ struct LayerNormLoops {
 #define BITFOLD_LOOPS "layernorm_loops.inc"
 #define BITFOLD_LOOP_TABLE \
   LayerNormLoops { Gather, ScaleLeft, ScaleRight }
-#include "vector_loops.h"
+#include "vector_loops.inc"
 
 ElementScaling MakeScaling(const LayerNormScale& scale, const LayerNormParams& params) {
   const bool wide = params.activation_output_mode;

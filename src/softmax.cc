@@ -22,7 +22,7 @@ struct SoftmaxLoops {
 #define BITFOLD_LOOPS "softmax_loops.inc"
 #define BITFOLD_LOOP_TABLE \
   SoftmaxLoops { Maximum, LookUp, Scale }
-#include "vector_loops.h"
+#include "vector_loops.inc"
 
 // Up to here every whole number is exact in single precision.
 constexpr int64_t kExactFloat = int64_t{1} << 24;

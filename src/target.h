@@ -3,7 +3,7 @@
 //
 // Which instruction set the vector loops use. The binary is built once and runs on any x86-64; the
 // choice is made when a loop is called. Loops are plain C++ that the compiler vectorises, compiled
-// once for each target (see vector_loops.h), so all targets share their text.
+// once for each target (see vector_loops.inc), so all targets share their text.
 
 #ifndef BITFOLD_SRC_TARGET_H_
 #define BITFOLD_SRC_TARGET_H_

@@ -31,7 +31,7 @@ struct SoftmaxSum {
 // w1 * 2^32 + w0: the exponential in bits 0 to 15, the sum in 16 to 39, its reciprocal in 40 to 47.
 inline void parse_lut_table(const uint32_t* lut_table, size_t /*size*/, uint16_t* exp_lut,
                             SoftmaxSum* sums) {
-  for (int k = 0; k < kSoftmaxRows; ++k) {
+  for (size_t k = 0; k < kSoftmaxRows; ++k) {
     const uint32_t low = lut_table[2 * k];
     const uint32_t high = lut_table[2 * k + 1];
     exp_lut[k] = static_cast<uint16_t>(low);
