@@ -6,57 +6,10 @@
 from __future__ import annotations
 
 import argparse
-import os
 import sys
 import time
-from pathlib import Path
 
-# Both must precede TensorFlow's import; the second also silences a notice.
-os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "3")
-os.environ.setdefault("TF_ENABLE_ONEDNN_OPTS", "0")
-
-
-def positive(text: str) -> int:
-    """Parse a whole number above zero."""
-    value = int(text)
-    if value < 1:
-        raise argparse.ArgumentTypeError(f"{value} is not above zero")
-    return value
-
-
-def parse_arguments(arguments: list[str] | None = None) -> argparse.Namespace:
-    """Parse the command line."""
-    parser = argparse.ArgumentParser(
-        description=__doc__,
-        epilog="Writes accumulator_width.png and results.json to the output directory.",
-    )
-    parser.add_argument(
-        "--output-dir", type=Path, default=Path("build/demo"),
-        help="directory for the results, created where missing (default: %(default)s)",
-    )  # fmt: skip
-    parser.add_argument(
-        "--seed", type=int, default=0, help="seed of the training (default: %(default)s)"
-    )
-    parser.add_argument(
-        "--epochs", type=positive, default=50,
-        help="epochs of the training (default: %(default)s)",
-    )  # fmt: skip
-    parser.add_argument(
-        "--images", type=positive, metavar="N",
-        help="use only the first N images of the test split (default: all)",
-    )  # fmt: skip
-    return parser.parse_args(arguments)
-
-
-def missing_bitfold() -> str | None:
-    """Try to import bitfold; say what went wrong, or None if nothing did."""
-    import tensorflow as tf
-
-    try:
-        import bitfold.ops  # noqa: F401
-    except (ImportError, OSError, AttributeError, tf.errors.OpError) as error:
-        return f"cannot import bitfold: {error}\nBuild and install the package first."
-    return None
+import command
 
 
 def run(options: argparse.Namespace) -> None:
@@ -106,16 +59,9 @@ def run(options: argparse.Namespace) -> None:
     )
 
 
-def main() -> int:
-    """Entry point; returns the exit code."""
-    options = parse_arguments()
-    problem = missing_bitfold()
-    if problem:
-        print(f"error: {problem}", file=sys.stderr)
-        return 1
-    run(options)
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(
+        command.start(
+            run, command.parse_arguments(__doc__, "build/demo", 50, "accumulator_width.png")
+        )
+    )

@@ -6,50 +6,14 @@
 from __future__ import annotations
 
 import argparse
-import importlib.util
 import sys
 import time
 from pathlib import Path
-from types import ModuleType
 
-DIGITS = Path(__file__).resolve().parent.parent / "digits"
-"""The other example, which has the data, the console and the checks."""
+# The data, the reports and the command line are those of the other example.
+sys.path.append(str(Path(__file__).resolve().parent.parent / "digits"))
 
-
-def load_digits_command() -> ModuleType:
-    """Load the other example's run.py, whose name is also this file's.
-
-    It sets what must be set before TensorFlow is imported.
-    """
-    sys.path.append(str(DIGITS))
-    spec = importlib.util.spec_from_file_location("digits_command", DIGITS / "run.py")
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
-
-
-def parse_arguments(digits: ModuleType, arguments: list[str] | None = None) -> argparse.Namespace:
-    """Parse the command line."""
-    parser = argparse.ArgumentParser(
-        description=__doc__,
-        epilog="Writes transfer_curves.png and results.json to the output directory.",
-    )
-    parser.add_argument(
-        "--output-dir", type=Path, default=Path("build/demo-numeric"),
-        help="directory for the results, created where missing (default: %(default)s)",
-    )  # fmt: skip
-    parser.add_argument(
-        "--seed", type=int, default=0, help="seed of the training (default: %(default)s)"
-    )
-    parser.add_argument(
-        "--epochs", type=digits.positive, default=40,
-        help="epochs of the training (default: %(default)s)",
-    )  # fmt: skip
-    parser.add_argument(
-        "--images", type=digits.positive, metavar="N",
-        help="use only the first N images of the test split (default: all)",
-    )  # fmt: skip
-    return parser.parse_args(arguments)
+import command
 
 
 def run(options: argparse.Namespace) -> None:
@@ -102,17 +66,9 @@ def run(options: argparse.Namespace) -> None:
     )
 
 
-def main() -> int:
-    """Entry point; returns the exit code."""
-    digits = load_digits_command()
-    options = parse_arguments(digits)
-    problem = digits.missing_bitfold()
-    if problem:
-        print(f"error: {problem}", file=sys.stderr)
-        return 1
-    run(options)
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(
+        command.start(
+            run, command.parse_arguments(__doc__, "build/demo-numeric", 40, "transfer_curves.png")
+        )
+    )

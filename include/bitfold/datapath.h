@@ -80,8 +80,6 @@ class Datapath<float> {
     return use_fp16_acc_ ? AccumulateHalf(acc, addend) : WrapOnce(sum, limits_);
   }
 
-  const AccumulatorLimits<float>& limits() const { return limits_; }
-
  private:
   AccumulatorLimits<float> limits_;
   int32_t mult_shift_;
