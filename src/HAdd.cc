@@ -5,6 +5,7 @@
 
 #include "bitfold/HAdd.h"
 
+#include "additions.h"
 #include "floating_point_scope.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -38,9 +39,8 @@ struct HAddElementwise2DFunctor<CPUDevice, T> {
                   int d0, int d1, int accumulator_size, const int8_t* mult_shift,
                   bool use_fp16_acc) const {
     const Datapath<T> datapath(accumulator_size, mult_shift[0], use_fp16_acc);
-    HAddElements(datapath, value, elementwise, elementwise_factor[0],
-                 FeedRepeatCount(elementwise_feed_repeat[0]), WrapMultiply(d0, d1), output,
-                 ProvenPasses{});
+    AddElementwise(datapath, value, elementwise, elementwise_factor[0],
+                   FeedRepeatCount(elementwise_feed_repeat[0]), WrapMultiply(d0, d1), output);
   }
 };
 

@@ -5,6 +5,7 @@
 
 #include "bitfold/HBiasAdd.h"
 
+#include "additions.h"
 #include "floating_point_scope.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -39,8 +40,8 @@ struct HAddBias4DFunctor<CPUDevice, T> {
                   int accumulator_size, const int8_t* mult_shift, bool use_fp16_acc) const {
     const Datapath<T> datapath(accumulator_size, mult_shift[0], use_fp16_acc);
     const int32_t count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
-    HBiasAddElements(datapath, value, bias, bias_factor[0], FeedRepeatCount(bias_feed_repeat[0]),
-                     count, d3, output, ProvenPasses{});
+    AddBias(datapath, value, bias, bias_factor[0], FeedRepeatCount(bias_feed_repeat[0]), count, d3,
+            output);
   }
 };
 

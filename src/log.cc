@@ -3,10 +3,15 @@
 
 #include "log.h"
 
+#include "absl/log/globals.h"
 #include "tensorflow/core/platform/logging.h"
 
 namespace bitfold {
 
 void LogError(const std::string& text) { LOG(ERROR) << text; }
+
+bool InformationLogIsOn() { return absl::MinLogLevel() <= absl::LogSeverityAtLeast::kInfo; }
+
+void LogInformation(const std::string& text) { LOG(INFO) << text; }
 
 }  // namespace bitfold

@@ -11,8 +11,14 @@
 
 namespace bitfold {
 
-// Writes a line at error severity.
+// Writes a message at error severity.
 void LogError(const std::string& text);
+
+// Whether messages at information severity are written. Ask before formatting one.
+bool InformationLogIsOn();
+
+// Writes a message at information severity.
+void LogInformation(const std::string& text);
 
 }  // namespace bitfold
 

@@ -15,6 +15,13 @@ namespace bitfold {
 
 using tensorflow::Tensor;
 
+absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size) {
+  if (accumulator_size <= kMaxInt32AccumulatorSize) return absl::OkStatus();
+  return absl::InvalidArgumentError(
+      absl::StrCat("Need accumulator_size <= ", kMaxInt32AccumulatorSize, " for int32 data, got ",
+                   accumulator_size));
+}
+
 absl::Status RequireElements(const char* input, const Tensor& tensor, int64_t needed,
                              absl::string_view what) {
   if (tensor.NumElements() >= needed) return absl::OkStatus();

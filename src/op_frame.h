@@ -25,6 +25,9 @@ using CPUDevice = Eigen::ThreadPoolDevice;
 using GPUDevice = Eigen::GpuDevice;
 using int32 = int32_t;  // kernels are registered under names like "HAddOp<CPUDevice, int32>"
 
+// Requires a width that int32 sums can model.
+absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size);
+
 // An op with an accumulator. The constructor reads `accumulator_size` and refuses negative ones,
 // and for int32 data those above 32, which no int32 sum can model. A derived constructor goes on
 // only while context->status() is ok.
@@ -37,10 +40,7 @@ class AccumulatorOp : public tensorflow::OpKernel {
                 absl::InvalidArgumentError(
                     absl::StrCat("Need accumulator_size >= 0, got ", accumulator_size_)));
     if constexpr (std::is_same_v<T, int32_t>) {
-      OP_REQUIRES(context, accumulator_size_ <= kMaxInt32AccumulatorSize,
-                  absl::InvalidArgumentError(
-                      absl::StrCat("Need accumulator_size <= ", kMaxInt32AccumulatorSize,
-                                   " for int32 data, got ", accumulator_size_)));
+      OP_REQUIRES_OK(context, RequireInt32AccumulatorSize(accumulator_size_));
     }
   }
 

@@ -13,12 +13,12 @@
 namespace bitfold {
 
 // out[i] = value[i] with factor * elementwise[i], scaled, added `passes` times, for
-// 0 <= i < count. All three buffers hold at least count elements. With EveryPass this loop is the
-// op's definition; the kernel runs it with ProvenPasses.
+// first <= i < first + count. All three buffers hold those elements. With EveryPass this loop is
+// the op's definition.
 template <typename T, typename Passes>
 void HAddElements(const Datapath<T>& datapath, const T* value, const T* elementwise, T factor,
-                  int64_t passes, int64_t count, T* out, Passes add_passes) {
-  for (int64_t i = 0; i < count; ++i) {
+                  int64_t passes, int64_t first, int64_t count, T* out, Passes add_passes) {
+  for (int64_t i = first; i < first + count; ++i) {
     const T product = datapath.Multiply(factor, elementwise[i]);
     out[i] = AddRepeatedly(datapath, value[i], product, passes, add_passes);
   }

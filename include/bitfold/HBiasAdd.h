@@ -13,13 +13,13 @@
 namespace bitfold {
 
 // out[i] = value[i] with bias[i mod channels] * factor, scaled, added `passes` times, for
-// 0 <= i < count. `value` and `out` hold at least count elements, `bias` at least channels;
-// channels >= 1 where count >= 1. With EveryPass this loop is the op's definition; the kernel runs
-// it with ProvenPasses.
+// first <= i < first + count. `value` and `out` hold those elements, `bias` at least channels;
+// channels >= 1 where count >= 1. With EveryPass this loop is the op's definition.
 template <typename T, typename Passes>
 void HBiasAddElements(const Datapath<T>& datapath, const T* value, const T* bias, T factor,
-                      int64_t passes, int64_t count, int64_t channels, T* out, Passes add_passes) {
-  for (int64_t i = 0; i < count; ++i) {
+                      int64_t passes, int64_t first, int64_t count, int64_t channels, T* out,
+                      Passes add_passes) {
+  for (int64_t i = first; i < first + count; ++i) {
     const T product = datapath.Multiply(bias[i % channels], factor);
     out[i] = AddRepeatedly(datapath, value[i], product, passes, add_passes);
   }

@@ -29,22 +29,25 @@ BITFOLD_HOST_DEVICE inline float AccumulatorMagnitude(int32_t accumulator_size) 
 template <typename T>
 struct AccumulatorLimits;
 
-// Requires 0 <= accumulator_size <= 32. Formed in double and truncated, so that a width of 32
-// gives the whole of int32 and a width of 0 the single value 0.
+// Requires accumulator_size <= 32. Formed in double and truncated, so that a width of 32 gives the
+// whole of int32 and a width of 0 the single value 0; so do negative widths, until M underflows to
+// 0 and max is -1, where a wrap changes nothing.
 template <>
 struct AccumulatorLimits<int32_t> {
   int32_t min;
   int32_t max;
+  int32_t period;  // max - min + 1 modulo 2^32: 0 at a width of 32
 
   BITFOLD_HOST_DEVICE explicit AccumulatorLimits(int32_t accumulator_size) {
     const double magnitude = AccumulatorMagnitude(accumulator_size);
     min = TruncateToInt32(-magnitude);
     max = TruncateToInt32(magnitude - 1.0);
+    period = WrapAdd(WrapSubtract(max, min), 1);
   }
 };
 
-// Requires accumulator_size >= 0. Formed in single precision: from a width of 26 on, M - 1 rounds
-// to M, so a sum of exactly M does not wrap there.
+// Any width. Formed in single precision: from a width of 26 on, M - 1 rounds to M, so a sum of
+// exactly M does not wrap there.
 template <>
 struct AccumulatorLimits<float> {
   float min;
@@ -59,24 +62,22 @@ struct AccumulatorLimits<float> {
   }
 };
 
-// One integer addition. Prints nothing.
+// One integer addition. Prints nothing. One addition of what is selected, so that loops of it
+// vectorise.
 BITFOLD_HOST_DEVICE inline int32_t Accumulate(int32_t acc, int32_t addend,
                                               const AccumulatorLimits<int32_t>& limits) {
   const int32_t sum = WrapAdd(acc, addend);
-  if (sum > limits.max) {
-    return WrapSubtract(WrapAdd(limits.min, WrapSubtract(sum, limits.max)), 1);
-  }
-  if (sum < limits.min) {
-    return WrapAdd(WrapAdd(limits.max, WrapSubtract(sum, limits.min)), 1);
-  }
-  return sum;
+  const int32_t below = sum < limits.min ? limits.period : 0;
+  const int32_t correction = sum > limits.max ? WrapSubtract(0, limits.period) : below;
+  return WrapAdd(sum, correction);
 }
 
-// The wrap of one float sum. NaN passes.
+// The wrap of one float sum. NaN passes. One addition of what is selected, so that loops of it
+// vectorise; adding -0 changes no sum, also not one of -0 or +0.
 BITFOLD_HOST_DEVICE inline float WrapOnce(float sum, const AccumulatorLimits<float>& limits) {
-  if (sum > limits.max) return sum - limits.period;
-  if (sum < limits.min) return sum + limits.period;
-  return sum;
+  const float below = sum < limits.min ? limits.period : -0.0f;
+  const float correction = sum > limits.max ? -limits.period : below;
+  return sum + correction;
 }
 
 }  // namespace bitfold

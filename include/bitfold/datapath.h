@@ -24,7 +24,7 @@ class Datapath;
 
 // Integer data: products wrap at 32 bits, the shift rounds half to even, the accumulator wraps
 // once per addition. In half-precision mode only an initial value is quantised; the additions stay
-// integer. Prints nothing. Requires 0 <= accumulator_size <= 32.
+// integer. Prints nothing. Requires accumulator_size <= 32.
 template <>
 class Datapath<int32_t> {
  public:
@@ -47,6 +47,7 @@ class Datapath<int32_t> {
   }
 
   const AccumulatorLimits<int32_t>& limits() const { return limits_; }
+  bool use_fp16_acc() const { return use_fp16_acc_; }
 
  private:
   AccumulatorLimits<int32_t> limits_;
@@ -56,8 +57,8 @@ class Datapath<int32_t> {
 
 // Float data: products round to single precision, the shift is a division by its value, every sum
 // is checked against the warning range, and the accumulator wraps once or, in half-precision
-// mode, is quantised instead. The warning tests the unquantised sum. Requires
-// accumulator_size >= 0, round-to-nearest and no flush to zero.
+// mode, is quantised instead. The warning tests the unquantised sum. Requires round-to-nearest and
+// no flush to zero.
 template <>
 class Datapath<float> {
  public:
@@ -80,10 +81,39 @@ class Datapath<float> {
     return use_fp16_acc_ ? AccumulateHalf(acc, addend) : WrapOnce(sum, limits_);
   }
 
+  const AccumulatorLimits<float>& limits() const { return limits_; }
+  bool use_fp16_acc() const { return use_fp16_acc_; }
+
  private:
   AccumulatorLimits<float> limits_;
   int32_t mult_shift_;
   bool use_fp16_acc_;
+};
+
+// The datapath of the matrix product, the resampler and the box decoders. Integer data: the same.
+template <typename T>
+class ReciprocalDatapath : public Datapath<T> {
+ public:
+  using Datapath<T>::Datapath;
+};
+
+// Float data: products are multiplied by the reciprocal of the shift, not divided by the shift.
+template <>
+class ReciprocalDatapath<float> : public Datapath<float> {
+ public:
+  BITFOLD_HOST_DEVICE ReciprocalDatapath(int32_t accumulator_size, int32_t mult_shift,
+                                         bool use_fp16_acc)
+      : Datapath<float>(accumulator_size, mult_shift, use_fp16_acc),
+        mult_shift_(mult_shift),
+        reciprocal_(ShiftReciprocal(mult_shift)) {}
+
+  BITFOLD_HOST_DEVICE float ScaleProduct(float product) const {
+    return MultiplyRoundHalfToEven(product, mult_shift_, reciprocal_);
+  }
+
+ private:
+  int32_t mult_shift_;
+  float reciprocal_;
 };
 
 }  // namespace bitfold

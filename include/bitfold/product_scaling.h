@@ -1,9 +1,10 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// How `mult_shift` scales a product before it reaches the accumulator (rules S1 and S2 of
-// docs/arithmetic.md). The integer and the float rule differ on purpose: the integer datapath
-// shifts by the value, the float one divides by the value itself, not by 2 to its power.
+// How `mult_shift` scales a product before it reaches the accumulator (rules S1 to S3 of
+// docs/arithmetic.md). The integer and the float rules differ on purpose: the integer datapath
+// shifts by the value, the float ones divide by the value itself, not by 2 to its power. Some units
+// have no divider and multiply by the reciprocal instead, which can differ in the last bit.
 
 #ifndef BITFOLD_PRODUCT_SCALING_H_
 #define BITFOLD_PRODUCT_SCALING_H_
@@ -42,6 +43,19 @@ BITFOLD_HOST_DEVICE inline int32_t ShiftRoundHalfToEven(int32_t x, int32_t shift
 BITFOLD_HOST_DEVICE inline float DivideRoundHalfToEven(float x, int32_t shift) {
   if (shift == 0) return x;
   return rintf(x / static_cast<float>(shift));
+}
+
+// The reciprocal of a shift, correctly rounded; a shift of 0, which scales nothing, has 0.
+BITFOLD_HOST_DEVICE inline float ShiftReciprocal(int32_t shift) {
+  return shift == 0 ? 0.0f : 1.0f / static_cast<float>(shift);
+}
+
+// x * reciprocal rounded to the nearest integer with halves to even, where
+// reciprocal = ShiftReciprocal(shift); a shift of 0 returns x. Two roundings before the last: 75 at
+// a shift of 30 gives 3 where the quotient, 2.5, gives 2.
+BITFOLD_HOST_DEVICE inline float MultiplyRoundHalfToEven(float x, int32_t shift, float reciprocal) {
+  if (shift == 0) return x;
+  return rintf(x * reciprocal);
 }
 
 }  // namespace bitfold

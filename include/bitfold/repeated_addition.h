@@ -43,6 +43,15 @@ struct EveryPass {
     for (int64_t k = 0; k < passes; ++k) acc = datapath.Accumulate(acc, addend);
     return acc;
   }
+
+  // Two addends a pass, each with its own wrap: one after the first feeds the second.
+  template <typename T>
+  T operator()(const Datapath<T>& datapath, T acc, T first, T second, int64_t passes) const {
+    for (int64_t k = 0; k < passes; ++k) {
+      acc = datapath.Accumulate(datapath.Accumulate(acc, first), second);
+    }
+    return acc;
+  }
 };
 
 // The same bits without the passes that can be proven: what the kernels use. Floats make every
@@ -51,26 +60,51 @@ struct EveryPass {
 // Integers: let P = max - min + 1 be the accumulator's period. If acc is in range and |addend| <=
 // P, one wrap after each addition brings acc back into range, congruent to the plain sum modulo P
 // (theorem 1 of docs/arithmetic.md). So from the first pass that starts in range, the rest is the
-// one value of [min, max] congruent to acc + passes * addend.
+// one value of [min, max] congruent to acc + passes * addend. Two addends a pass are the same with
+// their sum, if each obeys the bound.
 struct ProvenPasses {
-  float operator()(const Datapath<float>& datapath, float acc, float addend, int64_t passes) const {
-    return EveryPass{}(datapath, acc, addend, passes);
+  template <typename... Addends>
+  float operator()(const Datapath<float>& datapath, float acc, float addend,
+                   Addends... passes) const {
+    return EveryPass{}(datapath, acc, addend, passes...);
   }
 
-  // Requires passes <= 2^31, so that passes * addend stays within +-2^62.
   int32_t operator()(const Datapath<int32_t>& datapath, int32_t acc, int32_t addend,
                      int64_t passes) const {
-    if (passes == 1) return datapath.Accumulate(acc, addend);  // the rule, and nothing to skip
-    const int64_t min = datapath.limits().min;
-    const int64_t max = datapath.limits().max;
-    const int64_t period = max - min + 1;
-    for (; passes > 0; --passes) {
-      const bool proven = min <= acc && acc <= max && -period <= addend && addend <= period;
-      if (proven && passes > 1) break;
+    while (passes > 0 && !(passes > 1 && IsProven(datapath, acc, addend))) {
       acc = datapath.Accumulate(acc, addend);
+      --passes;
     }
-    if (passes == 0) return acc;
-    const int64_t offset = (acc + passes * addend - min) % period;
+    return passes == 0 ? acc : Congruent(datapath, acc, addend, passes);
+  }
+
+  int32_t operator()(const Datapath<int32_t>& datapath, int32_t acc, int32_t first, int32_t second,
+                     int64_t passes) const {
+    while (passes > 0 &&
+           !(passes > 1 && IsProven(datapath, acc, first) && IsProven(datapath, acc, second))) {
+      acc = datapath.Accumulate(datapath.Accumulate(acc, first), second);
+      --passes;
+    }
+    return passes == 0 ? acc : Congruent(datapath, acc, int64_t{first} + second, passes);
+  }
+
+ private:
+  static int64_t Period(const Datapath<int32_t>& datapath) {
+    return int64_t{datapath.limits().max} - datapath.limits().min + 1;
+  }
+
+  static bool IsProven(const Datapath<int32_t>& datapath, int32_t acc, int64_t addend) {
+    const int64_t period = Period(datapath);
+    return datapath.limits().min <= acc && acc <= datapath.limits().max && -period <= addend &&
+           addend <= period;
+  }
+
+  // Requires 0 < passes <= 2^31: with the remainder below 2^32 the product fits 63 bits.
+  static int32_t Congruent(const Datapath<int32_t>& datapath, int64_t acc, int64_t addends,
+                           int64_t passes) {
+    const int64_t period = Period(datapath);
+    const int64_t min = datapath.limits().min;
+    const int64_t offset = (passes * (addends % period) % period + acc - min) % period;
     return static_cast<int32_t>(min + (offset < 0 ? offset + period : offset));
   }
 };

@@ -19,9 +19,12 @@ namespace bitfold {
 // one is not.
 inline constexpr int kWarningLimit = 8388607;
 
-// True for NaN. `negated comparison` on purpose: "not at least the lower bound".
+// True for NaN. `negated comparison` on purpose: "not at least the lower bound". Both comparisons
+// are made, so that loops of it vectorise.
 BITFOLD_HOST_DEVICE inline bool IsOutOfWarningRange(float sum) {
-  return sum >= static_cast<float>(kWarningLimit) || !(sum >= static_cast<float>(-kWarningLimit));
+  const bool above = sum >= static_cast<float>(kWarningLimit);
+  const bool below = !(sum >= static_cast<float>(-kWarningLimit));
+  return above | below;
 }
 
 // One line; `sum` is printed as the double it widens to.
@@ -30,11 +33,20 @@ BITFOLD_HOST_DEVICE inline void PrintAccumulatorWarning(float sum) {
          kWarningLimit);
 }
 
-// One red line, written whole so that lines of several image threads do not mix.
+// One red line each, written whole so that lines of several image threads do not mix.
 inline void PrintDepthwiseWeightWarning() {
   std::fputs(
       "\033[1;31m"
       "weights should be uint8 for DW, check predecessor has signed output, could cause degradation"
+      "\033[0m\n",
+      stdout);
+}
+
+inline void PrintMatMulWeightWarning() {
+  std::fputs(
+      "\033[1;31m"
+      "weights should be uint8 for matmul, check predecessor has signed output, could cause "
+      "degradation"
       "\033[0m\n",
       stdout);
 }
