@@ -5,18 +5,10 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
-#include <string>
-
 #include "bitfold/fpx.h"
-#include "log.h"
 #include "scalar_bench.h"
 
 namespace bitfold {
-
-// Nothing here logs.
-void LogError(const std::string&) { std::abort(); }
-
 namespace {
 
 constexpr int kCount = 65536;

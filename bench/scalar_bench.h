@@ -7,9 +7,14 @@
 #ifndef BITFOLD_BENCH_SCALAR_BENCH_H_
 #define BITFOLD_BENCH_SCALAR_BENCH_H_
 
+#include <benchmark/benchmark.h>
+
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
+
+#include "bitfold/datapath.h"
 
 namespace bitfold {
 
@@ -21,6 +26,39 @@ std::vector<T> RandomIntegers(int64_t count, int low, int high) {
   std::vector<T> values(static_cast<size_t>(count));
   for (T& value : values) value = static_cast<T>(distribution(generator));
   return values;
+}
+
+inline constexpr int64_t kAdditionChannels = 64;
+inline constexpr int64_t kAdditionCount = 112 * 112 * kAdditionChannels;
+
+// An addition on 1 x 112 x 112 x 64: Case<T> has Define(datapath, passes) and Run(the same).
+template <typename T, typename Case>
+void Addition(benchmark::State& state, int mult_shift, bool use_fp16_acc, bool by_loops) {
+  Case data;
+  const Datapath<T> datapath(24, mult_shift, use_fp16_acc);
+  const volatile int64_t read_from_a_tensor = 1;
+  const int64_t passes = read_from_a_tensor;
+  for (auto _ : state) {
+    by_loops ? data.Run(datapath, passes) : data.Define(datapath, passes);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * kAdditionCount);
+}
+
+template <template <typename> class Case>
+bool RegisterAddition(const std::string& op) {
+  for (const bool by_loops : {false, true}) {
+    const auto add = [&](const std::string& name, auto* run, int shift, bool half) {
+      benchmark::RegisterBenchmark((op + name + (by_loops ? " loops" : "")).c_str(), run, shift,
+                                   half, by_loops);
+    };
+    add("/int32/plain", Addition<int32_t, Case<int32_t>>, 0, false);
+    add("/int32/shift 2", Addition<int32_t, Case<int32_t>>, 2, false);
+    add("/float/plain", Addition<float, Case<float>>, 0, false);
+    add("/float/shift 2", Addition<float, Case<float>>, 2, false);
+    add("/float/half precision", Addition<float, Case<float>>, 0, true);
+  }
+  return true;
 }
 
 }  // namespace bitfold

@@ -1,0 +1,36 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#include <benchmark/benchmark.h>
+
+#include "additions.h"
+#include "bitfold/HStandaloneElementwiseAdd.h"
+#include "scalar_bench.h"
+
+namespace bitfold {
+namespace {
+
+// Added once: the op has no feed repeat.
+template <typename T>
+struct HStandaloneElementwiseAddCase {
+  std::vector<T> value = RandomIntegers<T>(kAdditionCount, -128, 127);
+  std::vector<T> operand = RandomIntegers<T>(kAdditionCount, -128, 127);
+  std::vector<T> weights = RandomIntegers<T>(2 * kAdditionChannels, -8, 7);
+  std::vector<T> out = std::vector<T>(kAdditionCount);
+
+  void Define(const Datapath<T>& datapath, int64_t) {
+    HStandaloneElementwiseAddElements(datapath, value.data(), operand.data(), weights.data(), 0,
+                                      kAdditionCount, kAdditionChannels, out.data());
+  }
+
+  void Run(const Datapath<T>& datapath, int64_t) {
+    AddWeighted(datapath, value.data(), operand.data(), weights.data(), kAdditionCount,
+                kAdditionChannels, out.data());
+  }
+};
+
+[[maybe_unused]] const bool registered =
+    RegisterAddition<HStandaloneElementwiseAddCase>("HStandaloneElementwiseAdd");
+
+}  // namespace
+}  // namespace bitfold
