@@ -23,16 +23,23 @@ bool ShouldProve(int64_t passes) {
   return std::is_same_v<T, int32_t> && passes >= kManyPasses;
 }
 
-// A block of `value` into out as the accumulators start, then the addends of every pass, until one
-// would print a line: that many passes of a block that the definition then computes anew.
+// A block of `value` with the addends of every pass added in turn, until one may print a line: the
+// definition then computes the block anew.
 template <typename T>
 bool AddPasses(const Datapath<T>& datapath, const T* value, std::initializer_list<const T*> addends,
                int64_t passes, int n, T* out) {
   const auto& loops = LoopsOf(datapath);
-  loops.initial_values(datapath, value, n, out);
+  const T* acc = value;
+  if (datapath.use_fp16_acc() || passes == 0) {
+    loops.initial_values(datapath, value, n, out);
+    acc = out;
+  }
   bool warned = false;
   for (int64_t k = 0; k < passes && !warned; ++k) {
-    for (const T* addend : addends) warned |= loops.accumulate(datapath, out, addend, n, out);
+    for (const T* addend : addends) {
+      warned |= loops.accumulate(datapath, acc, addend, n, out);
+      acc = out;
+    }
   }
   return warned;
 }
@@ -80,13 +87,8 @@ void AddBias(const Datapath<T>& datapath, const T* value, const T* bias, T facto
   };
   if (count <= 0 || ShouldProve<T>(passes)) return define(0, count);
   const PeriodicArray<T> addends = ScaledPerChannel(datapath, bias, factor, channels);
-  const auto& loops = LoopsOf(datapath);
   const auto fast = [&](int64_t i, int n) {
-    const T* addend = addends.From(i);
-    if (passes == 1 && !datapath.use_fp16_acc()) {
-      return loops.accumulate(datapath, value + i, addend, n, out + i);
-    }
-    return AddPasses<T>(datapath, value + i, {addend}, passes, n, out + i);
+    return AddPasses<T>(datapath, value + i, {addends.From(i)}, passes, n, out + i);
   };
   ForEachBlock(count, fast, define);
 }

@@ -10,46 +10,53 @@
 namespace bitfold {
 namespace {
 
-constexpr int kAnchorsInBlock = kBlock / 4;
+constexpr int kAnchorsInBlock = kBlock / 2;
 
-// Four factors for each anchor, in the order of the corners.
+// A pair of factors for each anchor.
 template <typename T>
-PeriodicArray<T> FactorsOfCorners(const T* y_min, const T* x_min, const T* y_max, const T* x_max,
-                                  int64_t anchors) {
-  std::vector<T> factors;
-  for (int64_t j = 0; j < anchors; ++j) {
-    factors.insert(factors.end(), {y_min[j], x_min[j], y_max[j], x_max[j]});
+PeriodicArray<T> FactorPairs(const T* first, const T* second, int64_t anchors) {
+  std::vector<T> pairs;
+  for (int64_t j = 0; j < anchors; ++j) pairs.insert(pairs.end(), {first[j], second[j]});
+  return PeriodicArray<T>(pairs.data(), 2 * anchors);
+}
+
+// The pairs of centres of `count` anchors as those of the minimum and of the maximum corners: their
+// first and their second numbers, in place `place` of a pair whose other place stays as it is.
+template <typename T>
+void SplitCentres(const T* pairs, int64_t count, int place, T* min, T* max) {
+  for (int64_t i = 0; i < count; ++i) {
+    min[2 * i + place] = pairs[2 * i];
+    max[2 * i + place] = pairs[2 * i + 1];
   }
-  return PeriodicArray<T>(factors.data(), 4 * anchors);
 }
 
-// The numbers of `count` pairs in every second place from `first` on, 0 in the others.
-template <typename T>
-std::vector<T> CentreParts(const T* pairs, int64_t count, int64_t first) {
-  std::vector<T> parts(static_cast<size_t>(4 * count));
-  for (int64_t i = 0; i < 2 * count; ++i) parts[first + 2 * i] = pairs[i];
-  return parts;
-}
-
-// Decodes row after row, a block of anchors at a time. corners(factors, at, first, count, out)
-// computes those of a block into out, with the centres of `factors`; its detections start at
-// element `at`, its anchors are first to first + count - 1 of the row. It returns whether a line
-// may have been printed; the definition then computes the block anew.
+// Decodes row after row, a block of anchors at a time. corners(factors, first, count, out) computes
+// those of anchors first to first + count - 1 of a row, given their detections and centres in
+// `factors`. It returns whether a line may have been printed; the definition then computes the
+// block anew. In the pairs y stands first or, with x_first, x.
 template <typename T, typename Inputs, typename Corners>
 void DecodeInBlocks(const ReciprocalDatapath<T>& datapath, const Inputs& in, int32_t n, int32_t h,
-                    int32_t w, int32_t anchors, T* out, Corners corners) {
+                    int32_t w, int32_t anchors, bool x_first, T* out, Corners corners) {
   const int64_t all = int64_t{w} * anchors;
-  const std::vector<T> x = CentreParts(in.x_centers, all, 1);
-  PeriodicArray<T> y(4 * int64_t{anchors});
+  std::vector<T> x_min(static_cast<size_t>(2 * all));
+  std::vector<T> x_max(x_min.size());
+  SplitCentres(in.x_centers, all, x_first ? 0 : 1, x_min.data(), x_max.data());
+  PeriodicArray<T> y_min(2 * int64_t{anchors});
+  PeriodicArray<T> y_max(2 * int64_t{anchors});
   ForEachDetectionRow(n, h, w, anchors, [&](const DetectionRow& row) {
-    y.Fill(CentreParts(in.y_centers + row.y, row.anchors, 0).data());
+    SplitCentres(in.y_centers + row.y, anchors, x_first ? 1 : 0, y_min.FirstPeriod(),
+                 y_max.FirstPeriod());
+    y_min.Continue();
+    y_max.Continue();
     for (int64_t first = 0; first < all; first += kAnchorsInBlock) {
       const int count = static_cast<int>(std::min<int64_t>(kAnchorsInBlock, all - first));
       const int64_t at = row.pairs + 2 * first;
-      CornerFactors<T> factors{};
-      factors.y = y.From(4 * first);
-      factors.x = x.data() + 4 * first;
-      if (corners(factors, at, first, count, out + 2 * at)) {
+      const CornerFactors<T> factors{in.detection_centers + at,
+                                     in.detection_w_h + at,
+                                     {},
+                                     {y_min.From(2 * first), y_max.From(2 * first)},
+                                     {x_min.data() + 2 * first, x_max.data() + 2 * first}};
+      if (corners(factors, first, count, out + 2 * at)) {
         DecodeBoxes(datapath, in, row, first, count, out);
       }
     }
@@ -62,46 +69,44 @@ template <typename T>
 void DecodeAllBoxes(const ReciprocalDatapath<T>& datapath, const BoxDecoderInputs<T>& in, int32_t n,
                     int32_t h, int32_t w, int32_t anchors, T* out) {
   if (n < 1 || h < 1 || w < 1 || anchors < 1) return;
-  const PeriodicArray<T> centre_factors = FactorsOfCorners(
-      in.anchors_heights, in.anchors_widths, in.anchors_heights, in.anchors_widths, anchors);
-  const PeriodicArray<T> size_factors =
-      FactorsOfCorners(in.anchors_heights_minus_div_2, in.anchors_widths_minus_div_2,
-                       in.anchors_heights_div_2, in.anchors_widths_div_2, anchors);
+  const PeriodicArray<T> factor_pairs[3] = {
+      FactorPairs(in.anchors_heights, in.anchors_widths, anchors),
+      FactorPairs(in.anchors_heights_minus_div_2, in.anchors_widths_minus_div_2, anchors),
+      FactorPairs(in.anchors_heights_div_2, in.anchors_widths_div_2, anchors)};
   const auto& loops = LoopsOf(datapath);
   const auto& pairs = CurrentPairLoops<T>();
-  const auto corners = [&](CornerFactors<T> factors, int64_t at, int64_t first, int count,
-                           T* result) {
-    T centers[kBlock];
-    T sizes[kBlock];
-    pairs.repeat(in.detection_centers + at, count, centers);
-    pairs.repeat(in.detection_w_h + at, count, sizes);
-    factors.detections[0] = centers;
-    factors.factors[0] = centre_factors.From(4 * first);
-    factors.detections[1] = sizes;
-    factors.factors[1] = size_factors.From(4 * first);
-    return loops.corners_of_two_products(datapath, factors, 4 * count, result);
+  const auto corners = [&](CornerFactors<T> factors, int64_t first, int count, T* result) {
+    for (int k = 0; k < 3; ++k) factors.factors[k] = factor_pairs[k].From(2 * first);
+    T min[kBlock];
+    T max[kBlock];
+    const bool warned = loops.corners_of_two_products(datapath, factors, 2 * count, min, max);
+    pairs.join(min, max, count, result);
+    return warned;
   };
-  DecodeInBlocks(datapath, in, n, h, w, anchors, out, corners);
+  DecodeInBlocks(datapath, in, n, h, w, anchors, false, out, corners);
 }
 
+// The x corners take the first number of a detection pair and the y corners the second, so the
+// pairs are computed as (x, y) and swapped at the end.
 template <typename T>
 void DecodeAllBoxes(const ReciprocalDatapath<T>& datapath, const SingleWeightDecoderInputs<T>& in,
                     int32_t n, int32_t h, int32_t w, int32_t anchors, T* out) {
   if (n < 1 || h < 1 || w < 1 || anchors < 1) return;
-  const PeriodicArray<T> scale_factors =
-      FactorsOfCorners(in.anchors_height_scale_factor_minus, in.anchors_width_scale_factor_minus,
-                       in.anchors_height_scale_factor, in.anchors_width_scale_factor, anchors);
+  const PeriodicArray<T> factor_pairs[2] = {
+      FactorPairs(in.anchors_width_scale_factor_minus, in.anchors_height_scale_factor_minus,
+                  anchors),
+      FactorPairs(in.anchors_width_scale_factor, in.anchors_height_scale_factor, anchors)};
   const auto& loops = LoopsOf(datapath);
   const auto& pairs = CurrentPairLoops<T>();
-  const auto corners = [&](CornerFactors<T> factors, int64_t at, int64_t first, int count,
-                           T* result) {
-    T detections[kBlock];
-    pairs.swap(in.detection_centers + at, in.detection_w_h + at, count, detections);
-    factors.detections[0] = detections;
-    factors.factors[0] = scale_factors.From(4 * first);
-    return loops.corners_of_one_product(datapath, factors, 4 * count, result);
+  const auto corners = [&](CornerFactors<T> factors, int64_t first, int count, T* result) {
+    for (int k = 0; k < 2; ++k) factors.factors[k] = factor_pairs[k].From(2 * first);
+    T min[kBlock];
+    T max[kBlock];
+    const bool warned = loops.corners_of_one_product(datapath, factors, 2 * count, min, max);
+    pairs.join_swap(min, max, count, result);
+    return warned;
   };
-  DecodeInBlocks(datapath, in, n, h, w, anchors, out, corners);
+  DecodeInBlocks(datapath, in, n, h, w, anchors, true, out, corners);
 }
 
 #define BITFOLD_INSTANTIATE(T)                                                                    \

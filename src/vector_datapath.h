@@ -20,14 +20,16 @@ namespace bitfold {
 // Elements that go through all steps of an op together: few enough for the nearest cache.
 inline constexpr int kBlock = 512;
 
-// What the corners of detection boxes are made of, four numbers for each anchor: one or two
-// products and a centre, whose y and x parts have 0 in each other's places.
+// What the corners of detection boxes are made of, a pair for each anchor: the detections, the
+// factors of the products, and the centres of the minimum and of the maximum corner, each as a y
+// part and an x part that have 0 in each other's places.
 template <typename T>
 struct CornerFactors {
-  const T* detections[2];
-  const T* factors[2];
-  const T* y;
-  const T* x;
+  const T* centers;
+  const T* sizes;
+  const T* factors[3];
+  const T* y[2];
+  const T* x[2];
 };
 
 // The steps for one kind of datapath D over 0 <= n <= kBlock elements; out may be acc. All but the
@@ -42,10 +44,13 @@ struct DatapathLoops {
   bool (*accumulate)(const D&, const T* acc, const T* x, int n, T* out);
   // Accumulate(acc, ScaleProduct(x * y))
   bool (*accumulate_products)(const D&, const T* acc, const T* x, const T* y, int n, T* out);
-  // Accumulate(product 0, centre)
-  bool (*corners_of_one_product)(const D&, const CornerFactors<T>&, int n, T* out);
-  // Accumulate(Accumulate(product 0, product 1), centre)
-  bool (*corners_of_two_products)(const D&, const CornerFactors<T>&, int n, T* out);
+  // min = Accumulate(ScaleProduct(centers * factors[0]), centre 0) and
+  // max = Accumulate(ScaleProduct(sizes * factors[1]), centre 1)
+  bool (*corners_of_one_product)(const D&, const CornerFactors<T>&, int n, T* min, T* max);
+  // min = Accumulate(Accumulate(P, ScaleProduct(sizes * factors[1])), centre 0) and
+  // max = Accumulate(Accumulate(P, ScaleProduct(sizes * factors[2])), centre 1) with
+  // P = ScaleProduct(centers * factors[0])
+  bool (*corners_of_two_products)(const D&, const CornerFactors<T>&, int n, T* min, T* max);
 };
 
 // The loops for the target in use.
@@ -53,11 +58,11 @@ const DatapathLoops<Datapath<int32_t>, int32_t>& LoopsOf(const Datapath<int32_t>
 const DatapathLoops<Datapath<float>, float>& LoopsOf(const Datapath<float>&);
 const DatapathLoops<ReciprocalDatapath<float>, float>& LoopsOf(const ReciprocalDatapath<float>&);
 
-// n pairs become n groups of four, for the box decoders.
+// n pairs each of x and y become n groups of four, for the box decoders.
 template <typename T>
 struct PairLoops {
-  void (*repeat)(const T* x, int n, T* out);            // (x0, x1, x0, x1)
-  void (*swap)(const T* x, const T* y, int n, T* out);  // (x1, x0, y1, y0)
+  void (*join)(const T* x, const T* y, int n, T* out);       // (x0, x1, y0, y1)
+  void (*join_swap)(const T* x, const T* y, int n, T* out);  // (x1, x0, y1, y0)
 };
 template <typename T>
 const PairLoops<T>& CurrentPairLoops();
@@ -77,14 +82,19 @@ void ForEachBlock(int64_t count, Fast fast, Define define) {
 template <typename T>
 class PeriodicArray {
  public:
+  // Of zeros.
   explicit PeriodicArray(int64_t period)
       : period_(period), elements_(static_cast<size_t>(period) + kBlock) {}
 
-  PeriodicArray(const T* elements, int64_t period) : PeriodicArray(period) { Fill(elements); }
+  PeriodicArray(const T* elements, int64_t period) : PeriodicArray(period) {
+    std::copy_n(elements, period, FirstPeriod());
+    Continue();
+  }
 
-  // Takes other elements, as many.
-  void Fill(const T* elements) {
-    std::copy_n(elements, period_, elements_.begin());
+  // To be written, and then continued.
+  T* FirstPeriod() { return elements_.data(); }
+
+  void Continue() {
     for (int64_t filled = period_; filled < period_ + kBlock;) {
       const int64_t count = std::min(filled, period_ + kBlock - filled);
       std::copy_n(elements_.begin(), count, elements_.begin() + filled);
