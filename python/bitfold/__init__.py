@@ -5,7 +5,8 @@
 Importing the package loads the op library once. ``bitfold.ops`` holds the ops as people know them
 from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
 those of the registered operations; ``bitfold.tables`` fits the table-driven units to functions;
-``bitfold.fpx`` the accelerator's narrow floats.
+``bitfold.detection`` and ``bitfold.resize`` prepare the inputs of the box decoders, of suppression
+and of the resampler; ``bitfold.fpx`` holds the accelerator's narrow floats.
 
 Example:
     >>> import bitfold
@@ -20,6 +21,16 @@ from bitfold._library import include_dir, library_path
 __version__ = _build_info.VERSION
 raw_ops = _library.load()
 
-from bitfold import fpx, ops, tables  # noqa: E402  (need the library)
+from bitfold import detection, fpx, ops, resize, tables  # noqa: E402  (need the library)
 
-__all__ = ["__version__", "fpx", "include_dir", "library_path", "ops", "raw_ops", "tables"]
+__all__ = [
+    "__version__",
+    "detection",
+    "fpx",
+    "include_dir",
+    "library_path",
+    "ops",
+    "raw_ops",
+    "resize",
+    "tables",
+]

@@ -142,6 +142,19 @@ def integer(x: Any, name: str) -> int:
     return value
 
 
+def float_attribute(x: Any, name: str) -> float:
+    """Return an attribute that is a float32 number.
+
+    Raises:
+        TypeError: for what is no single number.
+        ValueError: for a finite number beyond float32's range, or an integer that it does not hold.
+    """
+    value = np.asarray(x)
+    if value.dtype.kind not in "iubf" or value.ndim != 0:
+        raise TypeError(f"{name} must be a number, got {x!r}")
+    return _float32(value, name).item()
+
+
 def spatial_values(value: int | Sequence[int], name: str) -> list[int]:
     """Return strides or dilations as the four values of an NHWC attribute.
 

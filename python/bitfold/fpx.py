@@ -37,7 +37,7 @@ DTYPE = np.dtype(
 
 
 class Counters(NamedTuple):
-    """What was lost since the library was loaded; the library never resets them."""
+    """What was lost since the library was loaded; an `HMatmul` resets them when it runs."""
 
     to_overflow: int
     to_underflow: int

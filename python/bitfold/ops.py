@@ -13,7 +13,9 @@ data is accumulated in half precision instead; integer additions only quantise t
 
 The shift. ``mult_shift`` scales every product before it is added: int32 products are shifted right
 by it, halves to even; float products are divided by the value itself (by 4, not by 2^4), then
-rounded, halves to even. 0 leaves products alone.
+rounded, halves to even. 0 leaves products alone. ``matmul``, ``bilinear`` and the box decoders
+multiply float products by the float32 reciprocal of the value instead, which can differ from the
+quotient in the last bit.
 
 Printed lines. A float sum outside [-8388607, 8388607) prints
 ``@@@ WARNING: acc <sum> is out of bounds <-8388607,8388607>`` to C's standard output, each time an
@@ -21,7 +23,8 @@ op runs. Inside ``tf.function`` the runtime's graph optimiser may run an op once
 twice with the same inputs, or once for all where they are constants; call eagerly to count lines.
 
 Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take the tables that
-``bitfold.tables`` makes.
+``bitfold.tables`` makes. ``bitfold.resize`` makes the inputs of ``bilinear``, ``bitfold.detection``
+those of the box decoders and of ``non_max_suppression``.
 
 Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
 
@@ -42,6 +45,7 @@ from bitfold import raw_ops
 from bitfold._arguments import (
     element_tensor,
     fixed_tensor,
+    float_attribute,
     integer,
     padding_name,
     scalar_tensor,
@@ -53,11 +57,18 @@ __all__ = [
     "activation",
     "add",
     "bias_add",
+    "bilinear",
     "conv2d",
+    "decode_boxes",
+    "decode_boxes_single_weight",
+    "decomposed_bias_add",
     "depthwise_conv2d",
     "dilated_conv2d",
     "layer_norm",
+    "matmul",
+    "non_max_suppression",
     "softmax",
+    "weighted_add",
 ]
 
 
@@ -173,6 +184,131 @@ def bias_add(
         bias=element_tensor(bias, "bias", value.dtype),
         bias_factor=scalar_tensor(factor, "factor", value.dtype),
         bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
+        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        use_fp16_acc=use_fp16_acc,
+        name=name,
+    )
+
+
+@accepts_symbolic
+def decomposed_bias_add(
+    value: Any,
+    bias_a: Any,
+    bias_b: Any,
+    *,
+    accumulator_size: int = 32,
+    factor_a: Any = 1,
+    factor_b: Any = 1,
+    feed_repeat: Any = 1.0,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Add a bias per channel that comes in two parts into a tensor of accumulator values.
+
+    Each element becomes ``value`` with ``bias_a[channel] * factor_a`` and then
+    ``bias_b[channel] * factor_b``, both scaled by ``mult_shift``, added ceil(``feed_repeat``)
+    times, wrapping after each addition.
+
+    Args:
+        value: the accumulators, float32 or int32, [N, H, W, C] or [N, C]. For other ranks an error
+            is logged and the result is 0.
+        bias_a: the first part, one value per channel, [C], of the type of `value`.
+        bias_b: the second part, likewise.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        factor_a: the multiplier of `bias_a`, a number of `value`'s type.
+        factor_b: the multiplier of `bias_b`, likewise.
+        feed_repeat: how many times both parts are added; 0 and below add nothing.
+        mult_shift: the shift or divisor of both products, -128 to 127.
+        use_fp16_acc: accumulate in half precision.
+        name: the node's name.
+
+    Returns:
+        A tensor of the shape and type of `value`.
+
+    Raises:
+        TypeError: for other element types, or types that differ.
+        ValueError: for numbers that their type does not hold; in a graph also for a `bias_a` whose
+            shape is not [C].
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
+            fewer than C biases; a feed repeat that is NaN or above 2^31.
+
+    Example:
+        >>> import bitfold
+        >>> # 100 + 50 wraps to -106, and -106 - 50 wraps back to 100.
+        >>> bitfold.ops.decomposed_bias_add(
+        ...     [[100, 100]], [50, 50], [-50, -10], accumulator_size=8
+        ... ).numpy()
+        array([[ 100, -116]], dtype=int32)
+        >>> # A bias of 1000 from two parts of 8 bits: 3 * 256 + 232.
+        >>> bitfold.ops.decomposed_bias_add([[0]], [3], [232], factor_a=256).numpy()
+        array([[1000]], dtype=int32)
+    """
+    value = element_tensor(value, "value")
+    return raw_ops.h_decomposed_bias_add(
+        value=value,
+        bias_a=element_tensor(bias_a, "bias_a", value.dtype),
+        bias_b=element_tensor(bias_b, "bias_b", value.dtype),
+        bias_a_factor=scalar_tensor(factor_a, "factor_a", value.dtype),
+        bias_b_factor=scalar_tensor(factor_b, "factor_b", value.dtype),
+        bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
+        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        use_fp16_acc=use_fp16_acc,
+        name=name,
+    )
+
+
+@accepts_symbolic
+def weighted_add(
+    value: Any,
+    elementwise: Any,
+    weights: Any,
+    *,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Add two tensors, each multiplied by a weight per channel.
+
+    Each element is ``weights[0, channel] * value + weights[1, channel] * elementwise``, each
+    product scaled by ``mult_shift``, in one addition that wraps once.
+
+    Args:
+        value: the first operand, float32 or int32, [N, H, W, C] or [N, C]. Of other ranks only the
+            first d0 * d1 elements are computed, with d1 channels, and the rest is 0.
+        elementwise: the second operand, of the type and as many elements as `value`.
+        weights: [2, C] or 2 * C elements, of the type of `value`: the weights of `value`, then
+            those of `elementwise`.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift or divisor of both products, -128 to 127.
+        use_fp16_acc: round the second product and the sum to half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        A tensor of the shape and type of `value`.
+
+    Raises:
+        TypeError: for other element types, or types that differ.
+        ValueError: for numbers that their type does not hold.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
+            a rank below 2; an `elementwise` or `weights` that is too small.
+
+    Example:
+        >>> import bitfold
+        >>> bitfold.ops.weighted_add([[1, 2]], [[3, 4]], [[10, 10], [1, -1]]).numpy()
+        array([[13, 16]], dtype=int32)
+        >>> # One wrap only: 400 - 256 is still outside 8 bits.
+        >>> bitfold.ops.weighted_add([[300]], [[100]], [[1], [1]], accumulator_size=8).numpy()
+        array([[144]], dtype=int32)
+    """
+    value = element_tensor(value, "value")
+    return raw_ops.h_standalone_elementwise_add(
+        value=value,
+        elementwise=element_tensor(elementwise, "elementwise", value.dtype),
+        weights=element_tensor(weights, "weights", value.dtype),
         mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
         accumulator_size=integer(accumulator_size, "accumulator_size"),
         use_fp16_acc=use_fp16_acc,
@@ -571,6 +707,406 @@ def activation(
     )
 
 
+@accepts_symbolic
+def matmul(
+    a: Any,
+    b: Any,
+    *,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Multiply matrices through a limited accumulator.
+
+    Each element starts at 0 and adds its products one by one, each scaled by ``mult_shift``.
+
+    The unit takes signed weights in w/2 bits, w = ``accumulator_size``: an element of `b` above
+    2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line on C's standard output says so once per
+    matrix.
+
+    Args:
+        a: the data, float32 or int32, [rows, inner] or [batch, rows, inner]. Of further leading
+            dimensions only the first `batch` matrices are computed and the rest is 0.
+        b: the weights, of the type of `a`: [inner, cols], for a batch [batch, inner, cols]; no
+            broadcasting.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
+            -128 to 127.
+        use_fp16_acc: accumulate in half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        A tensor of the shape and type of `a`, with `b`'s last dimension in the place that it has
+        in `b`: the last place where both have one rank. Where the inner dimensions differ, an
+        error is logged and the result is 0.
+
+    Raises:
+        TypeError: for other element types, or types that differ.
+        ValueError: for numbers that their type does not hold.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
+            ranks below 2, or a rank of `b` above that of `a`; a `b` with fewer matrices than the
+            batch; ranks that differ where the result's shape does not hold the product.
+
+    Example:
+        >>> import bitfold
+        >>> bitfold.ops.matmul([[1, 2], [3, 4]], [[10, 20], [30, 40]]).numpy()
+        array([[ 70, 100],
+               [150, 220]], dtype=int32)
+        >>> # 7 * 30 = 210 wraps at 8 bits; -7 is a weight that 4 bits hold.
+        >>> bitfold.ops.matmul([[30]], [[7, -7]], accumulator_size=8).numpy()
+        array([[-46,  46]], dtype=int32)
+    """
+    a = element_tensor(a, "a")
+    b = element_tensor(b, "b", a.dtype)
+    product = raw_ops.h_matmul(
+        a=_without_static_shape(a),
+        b=_without_static_shape(b),
+        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        use_fp16_acc=use_fp16_acc,
+        name=name,
+    )
+    if not tf.executing_eagerly():
+        # With unknown ranks the runtime infers a matrix, whatever will come.
+        product = _without_static_shape(product)
+        product.set_shape(_product_shape(a.shape, b.shape))
+    return product
+
+
+@accepts_symbolic
+def bilinear(
+    upper_left: Any,
+    upper_right: Any,
+    bottom_left: Any,
+    bottom_right: Any,
+    weight_upper_left: Any,
+    weight_upper_right: Any,
+    weight_bottom_left: Any,
+    weight_bottom_right: Any,
+    *,
+    bias: Any = 0.0,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    float_accumulator: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Weigh the four neighbours of each output of a bilinear resize and add them to a bias.
+
+    Each element starts at ``bias`` and adds its four products in the order of the arguments, each
+    scaled by ``mult_shift``, wrapping after each addition. ``bitfold.resize`` gathers neighbours
+    and weights from images.
+
+    Args:
+        upper_left: the neighbours, float32 or int32, [N, ...], N at least 1.
+        upper_right: of the type and as many elements as `upper_left`, like the next two.
+        bottom_left: the next row.
+        bottom_right: the next row and column.
+        weight_upper_left: the weights, of the type of `upper_left`, one for each element of an
+            item of the batch, shared by all items.
+        weight_upper_right: likewise, as the next two.
+        weight_bottom_left: of the next row.
+        weight_bottom_right: of the next row and column.
+        bias: a float number; for int32 data truncated.
+        accumulator_size: the accumulator's width in bits; negative ones are defined, if of no use.
+        mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
+            -128 to 127.
+        float_accumulator: only add, in float32 or in int32 that wraps at 32 bits: no shift, no
+            width, no printed line.
+        name: the node's name.
+
+    Returns:
+        A tensor of the shape and type of `upper_left`.
+
+    Raises:
+        TypeError: for other element types, or types that differ.
+        ValueError: for numbers that their type does not hold.
+        tf.errors.InvalidArgumentError: for a batch of 0; neighbours or weights that are too few;
+            a width above 32 with int32 data, unless `float_accumulator`.
+
+    Example:
+        >>> import bitfold
+        >>> # Half way between 10 and 21, in weights of 1/16: (8 * 10 + 8 * 21) / 16, each rounded.
+        >>> bitfold.ops.bilinear([10], [21], [0], [0], [8], [8], [0], [0], mult_shift=4).numpy()
+        array([15], dtype=int32)
+        >>> bitfold.ops.bilinear(
+        ...     [10.0], [21.0], [0.0], [0.0], [0.5], [0.5], [0.0], [0.0], float_accumulator=True
+        ... ).numpy()
+        array([15.5], dtype=float32)
+    """
+    upper_left = element_tensor(upper_left, "upper_left")
+    dtype = upper_left.dtype
+    return raw_ops.h_bilinear(
+        im_out_upper_left=upper_left,
+        im_out_upper_right=element_tensor(upper_right, "upper_right", dtype),
+        im_out_bottom_left=element_tensor(bottom_left, "bottom_left", dtype),
+        im_out_bottom_right=element_tensor(bottom_right, "bottom_right", dtype),
+        one_m_rx_one_m_ry=element_tensor(weight_upper_left, "weight_upper_left", dtype),
+        rx_one_m_ry=element_tensor(weight_upper_right, "weight_upper_right", dtype),
+        ry_one_m_rx=element_tensor(weight_bottom_left, "weight_bottom_left", dtype),
+        rx_ry=element_tensor(weight_bottom_right, "weight_bottom_right", dtype),
+        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+        bias=scalar_tensor(bias, "bias", tf.float32),
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        float_accumulator=float_accumulator,
+        name=name,
+    )
+
+
+@accepts_symbolic
+def decode_boxes(
+    detection_centers: Any,
+    detection_sizes: Any,
+    y_centers: Any,
+    x_centers: Any,
+    anchors_heights: Any,
+    anchors_heights_div_2: Any,
+    anchors_heights_minus_div_2: Any,
+    anchors_widths: Any,
+    anchors_widths_div_2: Any,
+    anchors_widths_minus_div_2: Any,
+    *,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Decode the corners of boxes from a centre, a size and six constants per anchor.
+
+    For an anchor with the pairs (cy, cx) and (sy, sx), y_min is ``anchors_heights * cy`` plus
+    ``anchors_heights_minus_div_2 * sy`` plus the row's centre, y_max the same with
+    ``anchors_heights_div_2``, and x likewise with the widths: each product scaled by
+    ``mult_shift``, wrapping after each of the two additions. ``bitfold.detection.box_decoder``
+    makes the inputs.
+
+    Args:
+        detection_centers: float32 or int32 [N, H, W, 2 * A], a (cy, cx) pair for each of A
+            anchors. An odd last dimension loses its last element.
+        detection_sizes: as many (sy, sx) pairs, of the same type, like all that follow.
+        y_centers: [H, 2 * A], for each anchor of each row the centre for y_min and for y_max.
+        x_centers: [W, 2 * A], for each anchor of each column the centre for x_min and for x_max.
+        anchors_heights: [A], the multiplier of cy.
+        anchors_heights_div_2: [A], that of sy for y_max.
+        anchors_heights_minus_div_2: [A], that of sy for y_min.
+        anchors_widths: [A], the multiplier of cx.
+        anchors_widths_div_2: [A], that of sx for x_max.
+        anchors_widths_minus_div_2: [A], that of sx for x_min.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
+            -128 to 127.
+        use_fp16_acc: accumulate in half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        A tensor [N, H, W, twice the last dimension] of the same type: y_min, x_min, y_max, x_max
+        for each anchor. For ranks above 4 an error is logged and the result is 0.
+
+    Raises:
+        TypeError: for other element types, or types that differ.
+        ValueError: for numbers that their type does not hold; in a graph also for other ranks.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
+            a rank below 4; inputs that are too small.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> pair = lambda *numbers: np.int32(numbers).reshape(1, 1, 1, 2)
+        >>> # Centred 2 below and 3 left of (50, 60), 20 high and 8 wide.
+        >>> bitfold.ops.decode_boxes(
+        ...     pair(2, -3), pair(20, 8), [[50, 50]], [[60, 60]], [2], [1], [-1], [2], [1], [-1],
+        ...     mult_shift=1,
+        ... ).numpy()
+        array([[[[42, 53, 62, 61]]]], dtype=int32)
+    """
+    return _decode(
+        raw_ops.h_bbox_decoder, detection_centers, detection_sizes, y_centers, x_centers,
+        {
+            "anchors_heights": anchors_heights,
+            "anchors_heights_div_2": anchors_heights_div_2,
+            "anchors_heights_minus_div_2": anchors_heights_minus_div_2,
+            "anchors_widths": anchors_widths,
+            "anchors_widths_div_2": anchors_widths_div_2,
+            "anchors_widths_minus_div_2": anchors_widths_minus_div_2,
+        },
+        accumulator_size, mult_shift, use_fp16_acc, name,
+    )  # fmt: skip
+
+
+@accepts_symbolic
+def decode_boxes_single_weight(
+    detection_centers: Any,
+    detection_sizes: Any,
+    y_centers: Any,
+    x_centers: Any,
+    heights_scale: Any,
+    heights_scale_minus: Any,
+    widths_scale: Any,
+    widths_scale_minus: Any,
+    *,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Decode the corners of boxes with one product and one addition each.
+
+    The pairing is crosswise. For an anchor with the pairs (c0, c1) and (s0, s1):
+
+        y_min = heights_scale_minus * c1 + centre    y_max = heights_scale * s1 + centre
+        x_min = widths_scale_minus * c0 + centre     x_max = widths_scale * s0 + centre
+
+    Each product is scaled by ``mult_shift``, each sum wraps once.
+    ``bitfold.detection.single_weight_box_decoder`` makes the inputs.
+
+    Args:
+        detection_centers: float32 or int32 [N, H, W, 2 * A], what gives the minimum corners, a
+            pair for each of A anchors. An odd last dimension loses its last element.
+        detection_sizes: as many pairs, what gives the maximum corners, of the same type, like all
+            that follow.
+        y_centers: [H, 2 * A], for each anchor of each row the centre for y_min and for y_max.
+        x_centers: [W, 2 * A], for each anchor of each column the centre for x_min and for x_max.
+        heights_scale: [A], the multiplier for y_max.
+        heights_scale_minus: [A], that for y_min.
+        widths_scale: [A], that for x_max.
+        widths_scale_minus: [A], that for x_min.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
+            -128 to 127.
+        use_fp16_acc: accumulate in half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        As `decode_boxes`.
+
+    Raises:
+        TypeError: as for `decode_boxes`.
+        ValueError: as for `decode_boxes`.
+        tf.errors.InvalidArgumentError: as for `decode_boxes`.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> pair = lambda *numbers: np.int32(numbers).reshape(1, 1, 1, 2)
+        >>> # From (50, 60) up 8 and left 5, down 12 and right 7.
+        >>> bitfold.ops.decode_boxes_single_weight(
+        ...     pair(5, 8), pair(7, 12), [[50, 50]], [[60, 60]], [1], [-1], [1], [-1]
+        ... ).numpy()
+        array([[[[42, 55, 62, 67]]]], dtype=int32)
+    """
+    return _decode(
+        raw_ops.h_single_weight_per_proposal_bbox_decoder, detection_centers, detection_sizes,
+        y_centers, x_centers,
+        {
+            "heights_scale": heights_scale,
+            "heights_scale_minus": heights_scale_minus,
+            "widths_scale": widths_scale,
+            "widths_scale_minus": widths_scale_minus,
+        },
+        accumulator_size, mult_shift, use_fp16_acc, name,
+    )  # fmt: skip
+
+
+@accepts_symbolic
+def non_max_suppression(
+    value: Any,
+    scores_threshold: Any,
+    *,
+    iou_threshold: float,
+    max_output_size: int,
+    classes: int = 1,
+    debug_precise_numeric: bool = False,
+    is_velquin: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Keep the best boxes of each class and suppress those that overlap them.
+
+    Class by class, the box of the greatest score is taken and every box that overlaps it by more
+    than ``iou_threshold`` of their union dropped, until no box is left. The comparison is one of
+    whole numbers: the threshold in steps of 1/65536, its product with the union and the overlap
+    truncated. Boxes with the same corners are always suppressed. Every step is logged at
+    information level, which costs time unless TF_CPP_MIN_LOG_LEVEL filters it.
+    ``bitfold.detection`` packs boxes and unpacks the result.
+
+    Args:
+        value: float32 [B, classes * n, 5, 1], the n boxes of each class: y_min, x_min, y_max,
+            x_max, score. The corners are inclusive pixels: a box is y_max - y_min + 1 high.
+        scores_threshold: boxes of at most this score, or with `is_velquin` below it, are dropped.
+        iou_threshold: the share of the union that boxes may overlap.
+        max_output_size: the number of rows of each result, at least 1.
+        classes: the number of classes, at least 1.
+        debug_precise_numeric: shrink the second box by a pixel where the overlap is measured.
+        is_velquin: the behaviour of one variant of the unit: of equal scores the last wins instead
+            of the first, a negative score never does, and a best box with a maximum below its
+            minimum leaves no row of zeros.
+        name: the node's name.
+
+    Returns:
+        A float32 tensor [B, classes, max_output_size, 5], the boxes taken in that order, then rows
+        of zeros. The first row is of zeros as well where the best box of all had a maximum below
+        its minimum.
+
+    Raises:
+        TypeError: for a `value` that is not float32; numbers that are no integers.
+        ValueError: for numbers that float32 does not hold.
+        tf.errors.InvalidArgumentError: for a `value` of rank 4 but another shape, or an empty
+            batch; `classes` or `max_output_size` below 1.
+        tf.errors.ResourceExhaustedError: where the rows need more memory than there is.
+
+    The process ends with an assertion where the classes do not divide the boxes, and where a class
+    has none unless `is_velquin`. For a `value` of another rank an error is logged and there is no
+    result: an empty tensor, and in a graph a tf.errors.InternalError.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> boxes = np.float32([[0, 0, 9, 9, 0.9], [0, 0, 9, 8, 0.8], [0, 0, 9, 4, 0.7]])
+        >>> # The second overlaps the first by 90 of 100 pixels, the third by 50.
+        >>> bitfold.ops.non_max_suppression(
+        ...     boxes.reshape(1, 3, 5, 1), 0.5, iou_threshold=0.5, max_output_size=3
+        ... ).numpy()[0, 0]
+        array([[0. , 0. , 9. , 9. , 0.9],
+               [0. , 0. , 9. , 4. , 0.7],
+               [0. , 0. , 0. , 0. , 0. ]], dtype=float32)
+    """
+    value = element_tensor(value, "value", tf.float32)
+    classes = integer(classes, "classes")
+    max_output_size = integer(max_output_size, "max_output_size")
+    output = raw_ops.hnms(
+        value=_without_static_shape(value),
+        scores_threshold=scalar_tensor(scores_threshold, "scores_threshold", tf.float32),
+        iou_threshold=float_attribute(iou_threshold, "iou_threshold"),
+        max_output_size=float_attribute(max_output_size, "max_output_size"),
+        classes=float_attribute(classes, "classes"),
+        debug_precise_numeric=debug_precise_numeric,
+        is_velquin=is_velquin,
+        name=name,
+    )
+    if not tf.executing_eagerly():
+        batch = value.shape[0] if value.shape.rank == 4 else None
+        sizes = [size if size > 0 else None for size in (classes, max_output_size)]
+        output.set_shape([batch, *sizes, 5])
+    return output
+
+
+def _decode(
+    raw_op, detection_centers, detection_sizes, y_centers, x_centers, anchors, accumulator_size,
+    mult_shift, use_fp16_acc, name,
+) -> tf.Tensor:  # fmt: skip
+    """Call one of the two box decoders; `anchors` are its inputs for each anchor, in order."""
+    detection_centers = element_tensor(detection_centers, "detection_centers")
+    others = {
+        "detection_sizes": detection_sizes,
+        "y_centers": y_centers,
+        "x_centers": x_centers,
+        **anchors,
+    }
+    return raw_op(
+        detection_centers,
+        *(element_tensor(x, key, detection_centers.dtype) for key, x in others.items()),
+        scalar_tensor(mult_shift, "mult_shift", tf.int8),
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        use_fp16_acc=use_fp16_acc,
+        name=name,
+    )
+
+
 def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
     """Return [..., C, 1] as [..., 1, C], the same memory; [..., 1, C] as it is."""
     static = filter.shape
@@ -628,6 +1164,9 @@ def _convolve(
 def _without_static_shape(tensor: tf.Tensor) -> tf.Tensor:
     """Hide a shape from the runtime's shape inference, which has rules that the kernels have not.
 
+    The matrix product's rules refuse inner dimensions or batches that differ and take a tensor of
+    unknown rank for a matrix; the suppression's says that boxes come out as they went in.
+
     The depthwise rule multiplies the filter's two channel dimensions and wants the first to be the
     input's, so it refuses [height, width, 1, C]; the ordinary one refuses a fifth dimension; both
     infer 0 outputs for images without pixels and for windows larger than the image, where the
@@ -636,6 +1175,19 @@ def _without_static_shape(tensor: tf.Tensor) -> tf.Tensor:
     if tf.executing_eagerly():
         return tensor
     return tf.raw_ops.PlaceholderWithDefault(input=tensor, shape=tf.TensorShape(None))
+
+
+def _product_shape(a: tf.TensorShape, b: tf.TensorShape) -> tf.TensorShape:
+    """Return the shape that the matrix product's kernel will allocate, as far as it is known."""
+    if a.rank is None or a.rank < 2:
+        return tf.TensorShape(None)
+    if b.rank is None:  # b has no more dimensions than a, but which of a's it replaces is open
+        return tf.TensorShape([a[0], *[None] * (a.rank - 1)])
+    if not 2 <= b.rank <= a.rank:
+        return tf.TensorShape(None)  # the kernel refuses
+    sizes = list(a)
+    sizes[b.rank - 1] = b[-1]
+    return tf.TensorShape(sizes)
 
 
 def _static_shape(

@@ -38,11 +38,13 @@ def test_public_names():
     """What `import bitfold` offers."""
     assert sorted(bitfold.__all__) == [
         "__version__",
+        "detection",
         "fpx",
         "include_dir",
         "library_path",
         "ops",
         "raw_ops",
+        "resize",
         "tables",
     ]
     raw_names = {"h_add", "h_bias_add", "h_depth_wise", "h_conv2d", "h_conv2d_dilation"}
