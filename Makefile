@@ -3,10 +3,11 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 # What clang-tidy can read without the runtime's headers.
-RUNTIME_FREE := src/HFloat.cc src/activate_channels.cc src/layernorm.cc src/single_step.cc \
-    src/softmax.cc src/target.cc
+RUNTIME_FREE := src/HFloat.cc src/activate_channels.cc src/additions.cc src/bilinear.cc \
+    src/decode_boxes.cc src/layernorm.cc src/matmul.cc src/nms.cc src/nms_quietly.cc \
+    src/single_step.cc src/softmax.cc src/target.cc src/vector_datapath.cc
 
-.PHONY: help setup demo demo-numeric test bench wheel format lint clean constraints
+.PHONY: help setup demo demo-numeric demo-detect test bench wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -20,6 +21,9 @@ demo: setup ## the accumulator study on handwritten digits: table, plot, numbers
 
 demo-numeric: setup ## softmax, layer norm and activation units in a transformer: errors and curves
 	@$(PYTHON) examples/numeric/run.py --output-dir build/demo-numeric
+
+demo-detect: setup ## faces in a photograph, a cascade of networks in integers: boxes and agreement
+	@$(PYTHON) examples/detect/run.py --output-dir build/demo-detect
 
 test: ## every test: C++, sanitizers, fuzz, Python, doctests
 	@scripts/setup.sh tests

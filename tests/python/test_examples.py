@@ -43,3 +43,19 @@ def test_numeric_units(tmp_path):
     assert str(picture) in text
     assert str(numbers) in text
     assert json.loads(numbers.read_text())
+
+
+def test_detector(tmp_path):
+    """The face is found in float and emulated, and 20-bit accumulators change nothing."""
+    program = EXAMPLES / "detect" / "run.py"
+    text = _run(program, tmp_path, "--smallest-face", "60")
+    picture, numbers = tmp_path / "detect_boxes.png", tmp_path / "results.json"
+    assert picture.read_bytes().startswith(b"\x89PNG")
+    assert str(picture) in text
+    assert str(numbers) in text
+    results = json.loads(numbers.read_text())
+    assert [row["width"] for row in results["widths"]] == [32, *range(20, 11, -1)]
+    for row in results["widths"][:2]:
+        assert row["faces"]["boxes"] == row["faces"]["float_boxes"] == row["faces"]["matched"] == 1
+        assert not any(row["differing"].values())
+    assert all(results["widths"][-1]["differing"].values())
