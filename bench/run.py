@@ -15,6 +15,7 @@ import json
 import os
 import pathlib
 import platform
+import re
 import subprocess
 import time
 from collections.abc import Callable
@@ -69,28 +70,57 @@ def integers(shape: tuple[int, ...], low: int, high: int, dtype: tf.DType) -> tf
 def addition_cases() -> list[Case]:
     """Return the additions on 1 x 112 x 112 x 64."""
     shape = (1, 112, 112, 64)
+    ops, target = bitfold.ops, vector_target()
     cases = []
     for dtype, type_name in ((tf.int32, "int32"), (tf.float32, "float")):
         value = integers(shape, -1000, 1000, dtype)
         operand = integers(shape, -128, 127, dtype)
         bias = integers(shape[-1:], -128, 127, dtype)
-        for shift, suffix in ((0, "plain"), (2, "shift 2")):
-            options = dict(accumulator_size=24, factor=3, mult_shift=shift)
+        weights = integers((2, shape[-1]), -8, 7, dtype)
+        variants = [("plain", {}), ("shift 2", {"mult_shift": 2})]
+        if dtype == tf.float32:
+            variants.append(("half precision", {"use_fp16_acc": True}))
+        for suffix, options in variants:
+            k = dict(accumulator_size=24, **options)
+            pairs = {
+                "HAdd": (
+                    in_graph(lambda v, o, k=k: ops.add(v, o, factor=3, **k), value, operand),
+                    in_graph(tf.add, value, operand),
+                ),
+                "HBiasAdd": (
+                    in_graph(lambda v, b, k=k: ops.bias_add(v, b, factor=3, **k), value, bias),
+                    in_graph(tf.nn.bias_add, value, bias),
+                ),
+                "HDecomposedBiasAdd": (
+                    in_graph(
+                        lambda v, b, k=k: ops.decomposed_bias_add(
+                            v, b, b, factor_a=3, factor_b=5, **k
+                        ),
+                        value,
+                        bias,
+                    ),
+                    in_graph(tf.nn.bias_add, value, bias),
+                ),
+                "HStandaloneElementwiseAdd": (
+                    in_graph(
+                        lambda v, o, w, k=k: ops.weighted_add(v, o, w, **k),
+                        value,
+                        operand,
+                        weights,
+                    ),
+                    in_graph(tf.add, value, operand),
+                ),
+            }
             cases += [
                 Case(
-                    f"HAdd/{type_name}/{suffix}",
+                    f"{op}/{type_name}/{suffix}",
                     "1x112x112x64",
                     value.shape.num_elements(),
-                    lambda v=value, o=operand, k=options: bitfold.ops.add(v, o, **k),
-                    lambda v=value, o=operand: tf.add(v, o),
-                ),
-                Case(
-                    f"HBiasAdd/{type_name}/{suffix}",
-                    "1x112x112x64",
-                    value.shape.num_elements(),
-                    lambda v=value, b=bias, k=options: bitfold.ops.bias_add(v, b, **k),
-                    lambda v=value, b=bias: tf.nn.bias_add(v, b),
-                ),
+                    ours,
+                    stock,
+                    target,
+                )
+                for op, (ours, stock) in pairs.items()
             ]
     return cases
 
@@ -132,6 +162,130 @@ def convolution_cases() -> list[Case]:
     return cases
 
 
+def matmul_cases() -> list[Case]:
+    """Return a matrix product of 32 x 256 and 256 x 256; the stock one takes floats."""
+    cases = []
+    for dtype, name, options in (
+        (tf.int32, "int32/plain", {}),
+        (tf.int32, "int32/shift 4", {"mult_shift": 4}),
+        (tf.float32, "float/plain", {}),
+        (tf.float32, "float/shift 4", {"mult_shift": 4}),
+        (tf.float32, "float/half precision", {"use_fp16_acc": True}),
+    ):
+        a, b = integers((32, 256), 0, 15, dtype), integers((256, 256), -8, 7, dtype)
+        af, bf = tf.cast(a, tf.float32), tf.cast(b, tf.float32)
+        cases.append(
+            Case(
+                f"HMatmul/{name}",
+                "32x256 by 256x256",
+                32 * 256 * 256,
+                lambda a=a, b=b, k=options: bitfold.ops.matmul(a, b, accumulator_size=24, **k),
+                lambda a=af, b=bf: tf.matmul(a, b),
+            )
+        )
+    return cases
+
+
+def bilinear_cases() -> list[Case]:
+    """Return the resampler on 1 x 112 x 112 x 64, beside the same sum of stock products."""
+    shape = (1, 112, 112, 64)
+    cases = []
+    for dtype, name, options in (
+        (tf.int32, "int32/plain", {}),
+        (tf.int32, "int32/shift 7", {"mult_shift": 7}),
+        (tf.float32, "float/plain", {}),
+        (tf.float32, "float/shift 7", {"mult_shift": 7}),
+        (tf.float32, "float/float mode", {"float_accumulator": True}),
+    ):
+        inputs = [integers(shape, -128 if i < 4 else 0, 127, dtype) for i in range(8)]
+        k = dict(accumulator_size=24, **options)
+        cases.append(
+            Case(
+                f"HBilinear/{name}",
+                "1x112x112x64",
+                inputs[0].shape.num_elements(),
+                in_graph(lambda *x, k=k: bitfold.ops.bilinear(*x, **k), *inputs),
+                in_graph(lambda *x: tf.add_n([x[i] * x[i + 4] for i in range(4)]), *inputs),
+                vector_target(),
+            )
+        )
+    return cases
+
+
+def stock_decoder(centers, sizes, y, x, heights, widths):
+    """Decode boxes with the stock ops: centre plus and minus half a size."""
+    shape = tf.shape(centers)
+    anchors = shape[-1] // 2
+    pairs = tf.concat([shape[:3], [anchors, 2]], 0)
+    scale = tf.stack([heights, widths], -1)
+    at = tf.reshape(centers, pairs) * scale
+    half = tf.reshape(sizes, pairs) * scale
+    grid = tf.stack(
+        [
+            tf.broadcast_to(tf.reshape(y, [-1, 1, anchors, 2])[..., 0], pairs[1:4]),
+            tf.broadcast_to(tf.reshape(x, [1, -1, anchors, 2])[..., 0], pairs[1:4]),
+        ],
+        -1,
+    )
+    return tf.reshape(tf.concat([grid + at - half, grid + at + half], -1), [1, 64, 64, -1])
+
+
+def decoder_cases() -> list[Case]:
+    """Return the box decoders on 64 x 64 positions of 9 anchors."""
+    cases = []
+    for dtype, name, options in (
+        (tf.int32, "int32/plain", {}),
+        (tf.int32, "int32/shift 6", {"mult_shift": 6}),
+        (tf.float32, "float/plain", {}),
+        (tf.float32, "float/shift 6", {"mult_shift": 6}),
+        (tf.float32, "float/half precision", {"mult_shift": 6, "use_fp16_acc": True}),
+    ):
+        centers, sizes = (integers((1, 64, 64, 18), low, 127, dtype) for low in (-128, 0))
+        grid = integers((64, 18), 0, 511, dtype)
+        anchors = [integers((9,), -128, 127, dtype) for _ in range(6)]
+        k = dict(accumulator_size=24, **options)
+        detections = (centers, sizes, grid, grid)
+        stock = in_graph(stock_decoder, *detections, anchors[0], anchors[3])
+        for op, function, count in (
+            ("HBboxDecoder", bitfold.ops.decode_boxes, 6),
+            ("HSingleWeightPerProposalBboxDecoder", bitfold.ops.decode_boxes_single_weight, 4),
+        ):
+            ours = in_graph(lambda *x, f=function, k=k: f(*x, **k), *detections, *anchors[:count])
+            cases.append(
+                Case(
+                    f"{op}/{name}",
+                    "1x64x64x(2x9)",
+                    2 * centers.shape.num_elements(),
+                    ours,
+                    stock,
+                    vector_target(),
+                )
+            )
+    return cases
+
+
+def suppression_cases() -> list[Case]:
+    """Return non-maximum suppression of 2,000 boxes of one class, 200 of which may stay."""
+    unit = np.random.default_rng(2026).random((2000, 5), np.float32)
+    minima = 900 * unit[:, :2]
+    boxes = np.concatenate([minima, minima + 100 * unit[:, 2:4], unit[:, 4:]], 1)
+    value = tf.constant(boxes[np.newaxis, :, :, np.newaxis])
+    threshold = tf.constant([0.1])
+    corners, scores = tf.constant(boxes[:, :4]), tf.constant(boxes[:, 4])
+    return [
+        Case(
+            "HNMS/float/2000 boxes",
+            "1x2000x5x1",
+            2000,
+            lambda: bitfold.ops.non_max_suppression(
+                value, threshold, iou_threshold=0.5, max_output_size=200
+            ),
+            lambda: tf.image.non_max_suppression(corners, scores, 200, 0.5, 0.1),
+            vector_target(),
+        )
+    ]
+
+
 def vector_target() -> str:
     """Return the instruction set that the vector loops take on this machine."""
     features = set()
@@ -144,10 +298,11 @@ def vector_target() -> str:
     return "AVX2" if "avx2" in features else "portable"
 
 
-def in_graph(function: Callable[[tf.Tensor], tf.Tensor], x: tf.Tensor) -> Callable[[], tf.Tensor]:
-    """Return a call of the function on `x`, compiled by tf.function, as models run."""
-    compiled = tf.function(function, input_signature=[tf.TensorSpec(x.shape, x.dtype)])
-    return lambda: compiled(x)
+def in_graph(function: Callable[..., tf.Tensor], *tensors: tf.Tensor) -> Callable[[], tf.Tensor]:
+    """Return a call of the function on the tensors, compiled by tf.function, as models run."""
+    signature = [tf.TensorSpec(x.shape, x.dtype) for x in tensors]
+    compiled = tf.function(function, input_signature=signature)
+    return lambda: compiled(*tensors)
 
 
 def numeric_cases() -> list[Case]:
@@ -215,8 +370,8 @@ def seconds(call: Callable[[], tf.Tensor], budget: float) -> float:
     return float(np.median(times))
 
 
-def definition_seconds(budget: float) -> dict[str, float]:
-    """Build and run the C++ benchmarks; return seconds a call by name."""
+def definition_seconds(budget: float, pattern: str) -> dict[str, float]:
+    """Build and run the C++ benchmarks that match; return seconds a call by name."""
     for command in (["cmake", "--preset", "bench"], ["cmake", "--build", "--preset", "bench"]):
         subprocess.run(command, cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     output = subprocess.run(
@@ -224,6 +379,7 @@ def definition_seconds(budget: float) -> dict[str, float]:
             ROOT / "build/bench/bench/bitfold_bench",
             "--benchmark_format=json",
             f"--benchmark_min_time={budget}",
+            f"--benchmark_filter={pattern}",
         ],
         check=True,
         capture_output=True,
@@ -234,12 +390,14 @@ def definition_seconds(budget: float) -> dict[str, float]:
     return {row["name"]: row["real_time"] * scale[row["time_unit"]] for row in rows}
 
 
-def measure(cases: list[Case], budget: float, console: Console) -> list[Row]:
-    """Time every case."""
+def measure(cases: list[Case], budget: float, pattern: str, console: Console) -> list[Row]:
+    """Time every case whose name the pattern finds something in."""
     console.print("Timing the scalar definitions (C++)...")
-    definitions = definition_seconds(budget)
+    definitions = definition_seconds(budget, pattern)
     rows = []
     for case in cases:
+        if not re.search(pattern, case.name):
+            continue
         console.print(f"Timing {case.name}...")
         ours, stock = seconds(case.ours, budget), seconds(case.stock, budget)
         definition = definitions[case.name]
@@ -308,14 +466,22 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--output", type=pathlib.Path, default=ROOT / "build/bench/bench.json")
     parser.add_argument("--seconds", type=float, default=0.3, help="time spent on each figure")
+    parser.add_argument("--filter", default=".", help="a regular expression: the cases to time")
     options = parser.parse_args()
     tf.config.threading.set_intra_op_parallelism_threads(1)
     tf.config.threading.set_inter_op_parallelism_threads(1)
 
     console = Console(width=None if os.isatty(1) else 170)
-    rows = measure(
-        addition_cases() + convolution_cases() + numeric_cases(), options.seconds, console
-    )
+    cases = [
+        *addition_cases(),
+        *convolution_cases(),
+        *matmul_cases(),
+        *bilinear_cases(),
+        *decoder_cases(),
+        *suppression_cases(),
+        *numeric_cases(),
+    ]
+    rows = measure(cases, options.seconds, options.filter, console)
     print_table(rows, console)
     options.output.parent.mkdir(parents=True, exist_ok=True)
     result = {"machine": machine(), "rows": [asdict(row) for row in rows]}
