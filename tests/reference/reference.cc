@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -92,19 +93,6 @@ float Quotient(float a, float b) { return Round(static_cast<double>(a) / static_
 
 // An int32 is exact in double precision.
 float ToFloat(int32_t value) { return Round(static_cast<double>(value)); }
-
-// Nearest integer, halves to even. Floats of magnitude 2^23 and above are integers already. A zero
-// result keeps the sign of the argument.
-float RoundToInteger(float value) {
-  const double exact = static_cast<double>(value);
-  if (!(exact > -8388608.0 && exact < 8388608.0)) return value;
-  const int64_t down = static_cast<int64_t>(std::floor(exact));
-  const double fraction = exact - static_cast<double>(down);
-  const bool is_odd = FloorModulo(down, 2) == 1;
-  const bool up = fraction > 0.5 || (fraction == 0.5 && is_odd);
-  const double rounded = static_cast<double>(up ? down + 1 : down);
-  return Round(std::copysign(rounded, exact));
-}
 
 // ---- Text --------------------------------------------------------------------------------------
 
@@ -210,54 +198,18 @@ float InitialAccumulator(float value, bool use_fp16_acc) {
   return use_fp16_acc ? QuantiseHalf(value) : value;
 }
 
-// A product as it enters the accumulator. The integer shifter divides by a power of two, the
-// floating-point one by the shift value itself.
-int32_t ScaledProduct(int32_t a, int32_t b, int32_t mult_shift) {
-  return ShiftInt(Multiply(a, b), mult_shift);
-}
-
-float ScaledProduct(float a, float b, int32_t mult_shift) {
-  const float product = Product(a, b);
-  if (mult_shift == 0) return product;
-  return RoundToInteger(Quotient(product, ToFloat(mult_shift)));
-}
-
-// One addition into the integer accumulator: at most one correction by the span, no half
-// precision and no warning.
-int32_t Accumulate(int32_t acc, int32_t addend, int32_t width, bool /*use_fp16_acc*/,
-                   std::string* /*lines*/) {
-  const double half_span = static_cast<double>(HalfSpan(width));
-  const int64_t highest = ToInt32(half_span - 1.0);
-  const int64_t lowest = ToInt32(-half_span);
-  const int64_t sum = Wrap32(static_cast<Wide>(acc) + addend);
-  if (sum > highest) return Wrap32(lowest + (sum - highest) - 1);
-  if (sum < lowest) return Wrap32(highest + (sum - lowest) + 1);
-  return Wrap32(sum);
-}
-
-// One addition into the floating-point accumulator. The bounds are single precision: from 26 bits
-// on the highest value rounds up to the half span itself.
-float Accumulate(float acc, float addend, int32_t width, bool use_fp16_acc, std::string* lines) {
-  const float sum = Sum(acc, addend);
-  WarnIfOutOfBounds(sum, lines);
-  if (use_fp16_acc) return QuantiseHalf(Sum(acc, QuantiseHalf(addend)));
-  const float half_span = HalfSpan(width);
-  const float span = Sum(half_span, half_span);
-  if (sum > Difference(half_span, 1.0F)) return Difference(sum, span);
-  if (sum < -half_span) return Sum(sum, span);
-  return sum;
-}
-
-// One element of the addition operations. The count of passes is compared as a float.
+// One element of the addition operations. Each pass adds all addends in order; the count of passes
+// is compared as a float.
 template <typename T>
-T AddRepeated(T value, T a, T b, float feed_repeat, int mult_shift, int accumulator_size,
+T AddRepeated(T value, std::initializer_list<T> addends, float feed_repeat, int accumulator_size,
               bool use_fp16_acc, std::string* lines) {
   T acc = InitialAccumulator(value, use_fp16_acc);
-  const T addend = ScaledProduct(a, b, mult_shift);
   if (feed_repeat <= 0.0F) return acc;
   int64_t passes = 0;
   do {
-    acc = Accumulate(acc, addend, accumulator_size, use_fp16_acc, lines);
+    for (const T addend : addends) {
+      acc = Accumulate(acc, addend, accumulator_size, use_fp16_acc, lines);
+    }
     passes += 1;
   } while (Round(static_cast<double>(passes)) < feed_repeat);
   return acc;
@@ -307,19 +259,6 @@ struct Addend {
 int32_t WeightLimit(int32_t width) { return ToInt32(PowerOfTwo(width / 2 - 1) - 1.0); }
 
 int32_t WeightSpan(int32_t width) { return Wrap32(2 * static_cast<Wide>(WeightLimit(width)) + 2); }
-
-// Corrects a weight in place and returns whether that was needed.
-bool CorrectWeight(int32_t width, int32_t* weight) {
-  if (*weight <= WeightLimit(width)) return false;
-  *weight = Wrap32(static_cast<Wide>(*weight) - WeightSpan(width));
-  return true;
-}
-
-bool CorrectWeight(int32_t width, float* weight) {
-  if (!(*weight > ToFloat(WeightLimit(width)))) return false;
-  *weight = Difference(*weight, ToFloat(WeightSpan(width)));
-  return true;
-}
 
 // One image of a convolution and the place of the output element being computed.
 template <typename T>
@@ -484,11 +423,79 @@ float QuantiseHalf(float x) {
   return negative ? -result : result;
 }
 
+float RoundToInteger(float value) {
+  const double exact = static_cast<double>(value);
+  if (!(exact > -8388608.0 && exact < 8388608.0)) return value;
+  const int64_t down = static_cast<int64_t>(std::floor(exact));
+  const double fraction = exact - static_cast<double>(down);
+  const bool is_odd = FloorModulo(down, 2) == 1;
+  const bool up = fraction > 0.5 || (fraction == 0.5 && is_odd);
+  const double rounded = static_cast<double>(up ? down + 1 : down);
+  return Round(std::copysign(rounded, exact));
+}
+
+int32_t ScaledProduct(int32_t a, int32_t b, int32_t mult_shift) {
+  return ShiftInt(Multiply(a, b), mult_shift);
+}
+
+float ScaledProduct(float a, float b, int32_t mult_shift) {
+  const float product = Product(a, b);
+  if (mult_shift == 0) return product;
+  return RoundToInteger(Quotient(product, ToFloat(mult_shift)));
+}
+
+int32_t ReciprocalProduct(int32_t a, int32_t b, int32_t mult_shift) {
+  return ScaledProduct(a, b, mult_shift);
+}
+
+float ReciprocalProduct(float a, float b, int32_t mult_shift) {
+  const float product = Product(a, b);
+  if (mult_shift == 0) return product;
+  return RoundToInteger(Product(product, Quotient(1.0F, ToFloat(mult_shift))));
+}
+
+// At most one correction by the span, no half precision and no warning.
+int32_t Accumulate(int32_t acc, int32_t addend, int32_t width, bool /*use_fp16_acc*/,
+                   std::string* /*lines*/) {
+  const double half_span = static_cast<double>(HalfSpan(width));
+  const int64_t highest = ToInt32(half_span - 1.0);
+  const int64_t lowest = ToInt32(-half_span);
+  const int64_t sum = Wrap32(static_cast<Wide>(acc) + addend);
+  if (sum > highest) return Wrap32(lowest + (sum - highest) - 1);
+  if (sum < lowest) return Wrap32(highest + (sum - lowest) + 1);
+  return Wrap32(sum);
+}
+
+// The bounds are single precision: from 26 bits on the highest value rounds up to the half span
+// itself.
+float Accumulate(float acc, float addend, int32_t width, bool use_fp16_acc, std::string* lines) {
+  const float sum = Sum(acc, addend);
+  WarnIfOutOfBounds(sum, lines);
+  if (use_fp16_acc) return QuantiseHalf(Sum(acc, QuantiseHalf(addend)));
+  const float half_span = HalfSpan(width);
+  const float span = Sum(half_span, half_span);
+  if (sum > Difference(half_span, 1.0F)) return Difference(sum, span);
+  if (sum < -half_span) return Sum(sum, span);
+  return sum;
+}
+
+bool CorrectWeight(int32_t width, int32_t* weight) {
+  if (*weight <= WeightLimit(width)) return false;
+  *weight = Wrap32(static_cast<Wide>(*weight) - WeightSpan(width));
+  return true;
+}
+
+bool CorrectWeight(int32_t width, float* weight) {
+  if (!(*weight > ToFloat(WeightLimit(width)))) return false;
+  *weight = Difference(*weight, ToFloat(WeightSpan(width)));
+  return true;
+}
+
 template <typename T>
 void Add(const T* value, const T* elementwise, T factor, float feed_repeat, int mult_shift,
          int accumulator_size, bool use_fp16_acc, int64_t count, T* out, std::string* lines) {
   for (int64_t i = 0; i < count; ++i) {
-    out[i] = AddRepeated(value[i], factor, elementwise[i], feed_repeat, mult_shift,
+    out[i] = AddRepeated(value[i], {ScaledProduct(factor, elementwise[i], mult_shift)}, feed_repeat,
                          accumulator_size, use_fp16_acc, lines);
   }
 }
@@ -498,8 +505,32 @@ void BiasAdd(const T* value, const T* bias, T factor, float feed_repeat, int mul
              int accumulator_size, bool use_fp16_acc, int64_t count, int64_t channels, T* out,
              std::string* lines) {
   for (int64_t i = 0; i < count; ++i) {
-    out[i] = AddRepeated(value[i], bias[i % channels], factor, feed_repeat, mult_shift,
-                         accumulator_size, use_fp16_acc, lines);
+    out[i] = AddRepeated(value[i], {ScaledProduct(bias[i % channels], factor, mult_shift)},
+                         feed_repeat, accumulator_size, use_fp16_acc, lines);
+  }
+}
+
+template <typename T>
+void DecomposedBiasAdd(const T* value, const T* bias_a, const T* bias_b, T factor_a, T factor_b,
+                       float feed_repeat, int mult_shift, int accumulator_size, bool use_fp16_acc,
+                       int64_t count, int64_t channels, T* out, std::string* lines) {
+  for (int64_t i = 0; i < count; ++i) {
+    const T addend_a = ScaledProduct(factor_a, bias_a[i % channels], mult_shift);
+    const T addend_b = ScaledProduct(factor_b, bias_b[i % channels], mult_shift);
+    out[i] = AddRepeated(value[i], {addend_a, addend_b}, feed_repeat, accumulator_size,
+                         use_fp16_acc, lines);
+  }
+}
+
+template <typename T>
+void StandaloneAdd(const T* value, const T* elementwise, const T* weights, int mult_shift,
+                   int accumulator_size, bool use_fp16_acc, int64_t count, int64_t channels, T* out,
+                   std::string* lines) {
+  for (int64_t i = 0; i < count; ++i) {
+    const int64_t channel = i % channels;
+    const T first = ScaledProduct(weights[channel], value[i], mult_shift);
+    const T second = ScaledProduct(weights[channels + channel], elementwise[i], mult_shift);
+    out[i] = Accumulate(first, second, accumulator_size, use_fp16_acc, lines);
   }
 }
 
@@ -548,6 +579,16 @@ template void BiasAdd<int32_t>(const int32_t*, const int32_t*, int32_t, float, i
                                int64_t, int64_t, int32_t*, std::string*);
 template void BiasAdd<float>(const float*, const float*, float, float, int, int, bool, int64_t,
                              int64_t, float*, std::string*);
+template void DecomposedBiasAdd<int32_t>(const int32_t*, const int32_t*, const int32_t*, int32_t,
+                                         int32_t, float, int, int, bool, int64_t, int64_t, int32_t*,
+                                         std::string*);
+template void DecomposedBiasAdd<float>(const float*, const float*, const float*, float, float,
+                                       float, int, int, bool, int64_t, int64_t, float*,
+                                       std::string*);
+template void StandaloneAdd<int32_t>(const int32_t*, const int32_t*, const int32_t*, int, int, bool,
+                                     int64_t, int64_t, int32_t*, std::string*);
+template void StandaloneAdd<float>(const float*, const float*, const float*, int, int, bool,
+                                   int64_t, int64_t, float*, std::string*);
 template void Convolve<int32_t>(const Convolution&, const int32_t*, const int32_t*, const int32_t*,
                                 int32_t*, std::string*);
 template void Convolve<float>(const Convolution&, const float*, const float*, const float*, float*,

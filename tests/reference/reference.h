@@ -2,10 +2,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The test oracle of the addition and convolution operations: an arithmetic model that the tests
-// compare with the library on bits. It is slow and plain on purpose and shares no code with the
-// library: integers are computed exactly in a wide type and reduced modulo 2^32 by arithmetic,
-// single precision is computed in double precision and rounded once, and a convolution is a list
-// of addends per output element that is folded in order.
+// compare with the library on bits, and the steps that the other accumulating oracles take from it.
+// It is slow and plain on purpose and shares no code with the library: integers are computed
+// exactly in a wide type and reduced modulo 2^32 by arithmetic, single precision is computed in
+// double precision and rounded once, and a convolution is a list of addends per output element that
+// is folded in order.
 //
 // Comparing results: -0 and +0 are different, any NaN equals any other NaN. A line that reports a
 // NaN shows the sign the processor gave that NaN ("nan" or "-nan"), which carries no meaning.
@@ -44,6 +45,34 @@ float ShiftHalf(int32_t x);
 // Quantisation of a float to what a half-precision accumulator holds.
 float QuantiseHalf(float x);
 
+// The steps that the oracles of the other operations share.
+
+// Nearest integer, halves to even. Floats of magnitude 2^23 and above are integers already. A zero
+// result keeps the sign of the argument.
+float RoundToInteger(float value);
+
+// A product as it enters the accumulator. The integer shifter divides by a power of two, the
+// floating-point one by the shift value itself. A shift of 0 leaves the product as it is.
+int32_t ScaledProduct(int32_t a, int32_t b, int32_t mult_shift);
+float ScaledProduct(float a, float b, int32_t mult_shift);
+
+// The same in the units that hold the reciprocal of the shift value as a float and multiply by it;
+// integers are shifted there too.
+int32_t ReciprocalProduct(int32_t a, int32_t b, int32_t mult_shift);
+float ReciprocalProduct(float a, float b, int32_t mult_shift);
+
+// One addition into the accumulator. Floats in half-precision mode quantise the addend and the sum,
+// otherwise the sum is corrected once by the span; either way a sum out of bounds is reported.
+// Integers are always corrected by the span and never reported.
+int32_t Accumulate(int32_t acc, int32_t addend, int32_t width, bool use_fp16_acc,
+                   std::string* lines);
+float Accumulate(float acc, float addend, int32_t width, bool use_fp16_acc, std::string* lines);
+
+// Corrects a weight above the signed range of half the accumulator's width in place, and returns
+// whether that was needed.
+bool CorrectWeight(int32_t width, int32_t* weight);
+bool CorrectWeight(int32_t width, float* weight);
+
 // Elementwise addition over `count` elements:
 // out[i] = value[i] plus feed_repeat times the shifted (factor * elementwise[i]).
 // feed_repeat must not be NaN or +infinity; zero and below add nothing.
@@ -56,6 +85,20 @@ template <typename T>
 void BiasAdd(const T* value, const T* bias, T factor, float feed_repeat, int mult_shift,
              int accumulator_size, bool use_fp16_acc, int64_t count, int64_t channels, T* out,
              std::string* lines);
+
+// The same with a bias in two parts: every pass adds the part of `bias_a`, then that of `bias_b`.
+template <typename T>
+void DecomposedBiasAdd(const T* value, const T* bias_a, const T* bias_b, T factor_a, T factor_b,
+                       float feed_repeat, int mult_shift, int accumulator_size, bool use_fp16_acc,
+                       int64_t count, int64_t channels, T* out, std::string* lines);
+
+// The stand-alone adder: both operands have a weight per channel, those of `elementwise` at
+// weights[channels] and up. One addition; in half-precision mode only the second operand is
+// quantised before it.
+template <typename T>
+void StandaloneAdd(const T* value, const T* elementwise, const T* weights, int mult_shift,
+                   int accumulator_size, bool use_fp16_acc, int64_t count, int64_t channels, T* out,
+                   std::string* lines);
 
 // Number of output positions along one axis. 32-bit wrapping arithmetic, truncating division;
 // the stride must not be 0.
