@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // HAdd: worked examples; the definition against the oracle over every attribute, printed text
-// included; and the kernels' passes against the definition.
+// included; and the kernel on every target against the definition.
 
 #include "bitfold/HAdd.h"
 
@@ -22,7 +22,7 @@ using testing::Addition;
 using testing::HAddCall;
 using testing::Same;
 
-// One element through the kernels' passes, without printed text.
+// One element as the kernel computes it, without printed text.
 template <typename T>
 ::testing::AssertionResult Gives(T expected, T value, T operand, T factor, float repeat, int shift,
                                  int width, bool use_fp16_acc = false) {
@@ -92,6 +92,7 @@ namespace testing {
 
 // Against the oracle and the definition.
 INSTANTIATE_TYPED_TEST_SUITE_P(HAdd, AdditionSuite, HAddCall);
+INSTANTIATE_TYPED_TEST_SUITE_P(HAdd, FeedSuite, HAddCall);
 
 }  // namespace testing
 }  // namespace bitfold

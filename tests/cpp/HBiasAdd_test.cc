@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // HBiasAdd: worked examples; the definition against the oracle over every attribute, printed text
-// included; and the kernels' passes against the definition.
+// included; and the kernel on every target against the definition.
 
 #include "bitfold/HBiasAdd.h"
 
@@ -27,7 +27,7 @@ TEST(HBiasAdd, ChannelsRepeatWithTheFlatIndex) {
   c.value.assign(15, 1000);  // a dense result of 3 rows and 5 features
   c.operand = {1, 2, 3, 4, 5};
   c.factor = 10;
-  const auto out = testing::RunAddition<HBiasAddCall>(c, ProvenPasses{});
+  const auto out = testing::RunAddition<HBiasAddCall>(c);
   for (int i = 0; i < 15; ++i) EXPECT_EQ(out.values[i], 1000 + 10 * (i % 5 + 1)) << i;
 }
 
@@ -53,7 +53,7 @@ TEST(HBiasAdd, FloatWarnsInElementOrder) {
   Addition<float> c;
   c.value = {8388607.0f, 0.0f, -8388610.0f, 8388606.0f};
   c.operand = {1.0f, -1.0f};
-  const auto out = testing::RunAddition<HBiasAddCall>(c, ProvenPasses{});
+  const auto out = testing::RunAddition<HBiasAddCall>(c);
   EXPECT_EQ(out.lines,
             "@@@ WARNING: acc 8388608.000000 is out of bounds <-8388607,8388607>\n"
             "@@@ WARNING: acc -8388609.000000 is out of bounds <-8388607,8388607>\n");
@@ -65,6 +65,7 @@ namespace testing {
 
 // Against the oracle and the definition.
 INSTANTIATE_TYPED_TEST_SUITE_P(HBiasAdd, AdditionSuite, HBiasAddCall);
+INSTANTIATE_TYPED_TEST_SUITE_P(HBiasAdd, FeedSuite, HBiasAddCall);
 
 }  // namespace testing
 }  // namespace bitfold

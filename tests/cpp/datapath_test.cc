@@ -74,6 +74,42 @@ TYPED_TEST(DatapathTest, OnePass) {
   }
 }
 
+// Multiplied, scaled by the reciprocal and accumulated.
+TYPED_TEST(DatapathTest, OnePassByTheReciprocal) {
+  using T = TypeParam;
+  for (const bool use_fp16_acc : {false, true}) {
+    for (const int32_t width : {8, 24, 32}) {
+      for (const int32_t shift : {0, 1, 2, 3, 7, 30, 31, 127, -3}) {
+        const ReciprocalDatapath<T> datapath(width, shift, use_fp16_acc);
+        for (const T acc : testing::Corners<T>()) {
+          for (const T x : testing::Corners<T>()) {
+            const T product = reference::ReciprocalProduct(x, T{3}, shift);
+            std::string lines;
+            const T expected = reference::Accumulate(acc, product, width, use_fp16_acc, &lines);
+            const auto inputs =
+                Describe("acc", acc, "x", x, "width", width, "shift", shift, "fp16", use_fp16_acc);
+            const T scaled = datapath.ScaleProduct(datapath.Multiply(x, T{3}));
+            ASSERT_TRUE(Same(product, scaled, "the product", inputs));
+            T actual{};
+            const std::string printed =
+                testing::PrintedBy([&] { actual = datapath.Accumulate(acc, scaled); });
+            ASSERT_TRUE(Same(expected, actual, "the sum", inputs));
+            ASSERT_TRUE(testing::SameText(lines, printed, inputs));
+          }
+        }
+      }
+    }
+  }
+}
+
+// 75 / 30 is a tie, which goes to 2; the rounded reciprocal takes it above.
+TEST(Datapath, ReciprocalDiffersFromTheDivision) {
+  EXPECT_TRUE(Same(2.0f, Datapath<float>(16, 30, false).ScaleProduct(75.0f), "divided", ""));
+  EXPECT_TRUE(
+      Same(3.0f, ReciprocalDatapath<float>(16, 30, false).ScaleProduct(75.0f), "multiplied", ""));
+  EXPECT_EQ(ReciprocalDatapath<int32_t>(16, 2, false).ScaleProduct(5), 1);  // shifted, as ever
+}
+
 TEST(Datapath, Int32NeverPrints) {
   const Datapath<int32_t> datapath(32, 0, false);
   EXPECT_EQ(testing::PrintedBy([&] { datapath.Accumulate(8388607, 1); }), "");

@@ -1,8 +1,8 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// The two scalings of a product, against the oracle: every int16 and the int32 boundaries under
-// every int8 shift; float boundaries over every int8 divisor.
+// The scalings of a product, against the oracle: every int16 and the int32 boundaries under every
+// int8 shift; float boundaries over every int8 divisor, and times its reciprocal.
 
 #include "bitfold/product_scaling.h"
 
@@ -136,6 +136,66 @@ TEST(ProductScaling, FloatTiesOfEveryDivisor) {
       }
     }
   }
+}
+
+// ---- Times the reciprocal ----------------------------------------------------------------------
+
+TEST(ProductScaling, ReciprocalOfEveryShift) {
+  EXPECT_TRUE(Same(0.0f, ShiftReciprocal(0), "reciprocal", ""));
+  for (int32_t shift = -128; shift <= 127; ++shift) {
+    if (shift == 0) continue;
+    // A quotient of doubles has twice the digits and more: rounding it once more is exact.
+    EXPECT_TRUE(Same(static_cast<float>(1.0 / shift), ShiftReciprocal(shift), "reciprocal",
+                     Describe("shift", shift)));
+  }
+}
+
+::testing::AssertionResult ReciprocalSameAsOracle(float x, int32_t shift) {
+  return Same(reference::ReciprocalProduct(x, 1.0f, shift),
+              MultiplyRoundHalfToEven(x, shift, ShiftReciprocal(shift)), "MultiplyRoundHalfToEven",
+              Describe("x", x, "shift", shift));
+}
+
+TEST(ProductScaling, ReciprocalExamples) {
+  const auto multiply = [](float x, int32_t by, float expected) {
+    return Same(expected, MultiplyRoundHalfToEven(x, by, ShiftReciprocal(by)), "multiply",
+                Describe("x", x, "by", by));
+  };
+  EXPECT_TRUE(multiply(5.0f, 2, 2.0f));  // 2.5 is a tie, to 2
+  EXPECT_TRUE(multiply(7.5f, 3, 2.0f));  // times 0.33333334 gives 2.5
+  EXPECT_TRUE(multiply(-1.0f, 4, -0.0f));
+  EXPECT_TRUE(multiply(1.0f, -4, -0.0f));
+  EXPECT_TRUE(multiply(2.5f, 0, 2.5f));  // not even rounded
+  EXPECT_TRUE(multiply(2.5f, 1, 2.0f));
+  EXPECT_TRUE(multiply(16777219.0f, 1, 16777220.0f));
+  // The reciprocal of 30 lies above a thirtieth: no tie any more.
+  EXPECT_TRUE(multiply(75.0f, 30, 3.0f));
+  EXPECT_TRUE(Same(2.0f, DivideRoundHalfToEven(75.0f, 30), "divide", ""));
+}
+
+TEST(ProductScaling, FloatBoundariesTimesEveryReciprocal) {
+  for (int32_t shift = -128; shift <= 127; ++shift) {
+    for (const float x : testing::FloatBoundaries()) ASSERT_TRUE(ReciprocalSameAsOracle(x, shift));
+  }
+}
+
+// Ties of the quotient and the floats next to them; some go another way than the division.
+TEST(ProductScaling, FloatTiesTimesEveryReciprocal) {
+  testing::Random random(0x4ec1);
+  int others = 0;
+  for (int32_t shift = -128; shift <= 127; ++shift) {
+    for (int i = 0; i < 100; ++i) {
+      const float tie = static_cast<float>(random.Between(-300, 300)) + 0.5f;
+      std::vector<float> around;
+      testing::InsertWithNeighbours(tie * static_cast<float>(shift), &around);
+      for (const float x : around) {
+        ASSERT_TRUE(ReciprocalSameAsOracle(x, shift));
+        others += MultiplyRoundHalfToEven(x, shift, ShiftReciprocal(shift)) !=
+                  DivideRoundHalfToEven(x, shift);
+      }
+    }
+  }
+  EXPECT_GT(others, 0);
 }
 
 }  // namespace

@@ -250,7 +250,7 @@ TEST(ProvenPasses, BoundaryOfTheProof) {
 }
 
 // The value of [min, max] congruent to acc + passes * addend, in 128 bits.
-int32_t Congruent(const Datapath<int32_t>& datapath, int32_t acc, int32_t addend, int64_t passes) {
+int32_t Congruent(const Datapath<int32_t>& datapath, int32_t acc, int64_t addend, int64_t passes) {
   const __int128 min = datapath.limits().min;
   const __int128 period = static_cast<__int128>(datapath.limits().max) - min + 1;
   __int128 rest = (static_cast<__int128>(passes) * addend + acc - min) % period;
@@ -287,6 +287,117 @@ TEST(ProvenPasses, LongChainAgainstEveryPass) {
   EXPECT_TRUE(ProvenSameAsEvery(datapath, INT32_MAX, -7654321, passes));
 }
 
+// ---- Two addends a pass ------------------------------------------------------------------------
+
+::testing::AssertionResult TwoProvenSameAsEvery(const Datapath<int32_t>& datapath, int32_t acc,
+                                                int32_t first, int32_t second, int64_t passes) {
+  const int32_t every = EveryPass{}(datapath, acc, first, second, passes);
+  const int32_t proven = ProvenPasses{}(datapath, acc, first, second, passes);
+  if (every == proven) return ::testing::AssertionSuccess();
+  return Same(every, proven, "ProvenPasses",
+              Describe("acc", acc, "first", first, "second", second, "passes", passes, "min",
+                       datapath.limits().min, "max", datapath.limits().max));
+}
+
+// A pass is one addition after the other.
+TEST(EveryPass, TwoAddends) {
+  const Datapath<int32_t> integers(8, 0, false);
+  EXPECT_EQ(EveryPass{}(integers, 100, 50, -50, 1), 100);  // -106, then back
+  EXPECT_EQ(EveryPass{}(integers, 100, 50, -10, 1), -116);
+  const Datapath<float> floats(40, 0, false);
+  float sum = 0.0f;
+  EXPECT_EQ(testing::PrintedBy([&] { sum = EveryPass{}(floats, 8388606.0f, 2.0f, -3.0f, 2); }),
+            "@@@ WARNING: acc 8388608.000000 is out of bounds <-8388607,8388607>\n"
+            "@@@ WARNING: acc 8388607.000000 is out of bounds <-8388607,8388607>\n");
+  EXPECT_TRUE(Same(8388604.0f, sum, "two addends", ""));
+}
+
+TEST(ProvenPasses, TwoAddendsAgainstEveryPassOnEveryWidth) {
+  for (int32_t width = 0; width <= kMaxInt32AccumulatorSize; width += testing::Step(3)) {
+    const Datapath<int32_t> datapath(width, 0, false);
+    const auto values = CornersOfWidth(datapath);
+    for (const int32_t acc : values) {
+      for (const int32_t first : values) {
+        for (const int32_t second : values) {
+          for (const int64_t passes : {0, 1, 2, 3, 17}) {
+            ASSERT_TRUE(TwoProvenSameAsEvery(datapath, acc, first, second, passes))
+                << "width " << width;
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(ProvenPasses, TwoAddendsAgainstEveryPassAtRandom) {
+  testing::Random random(0x9a55e6);
+  for (int i = 0; i < 200000 / testing::Step(10); ++i) {
+    const Datapath<int32_t> datapath(random.Between(0, 32), 0, false);
+    const int32_t acc = static_cast<int32_t>(random.Bits()) >> random.Between(0, 31);
+    const int32_t first = static_cast<int32_t>(random.Bits()) >> random.Between(0, 31);
+    const int32_t second = static_cast<int32_t>(random.Bits()) >> random.Between(0, 31);
+    ASSERT_TRUE(TwoProvenSameAsEvery(datapath, acc, first, second, random.Between(0, 300)));
+  }
+}
+
+TEST(ProvenPasses, TwoAddendsOfSmallWidthsExhaustively) {
+  for (int32_t width = 0; width <= 3; ++width) {
+    const Datapath<int32_t> datapath(width, 0, false);
+    for (int32_t acc = -12; acc <= 12; acc += testing::Step(3)) {
+      for (int32_t first = -18; first <= 18; ++first) {
+        for (int32_t second = -18; second <= 18; ++second) {
+          for (int64_t passes = 0; passes <= 9; ++passes) {
+            ASSERT_TRUE(TwoProvenSameAsEvery(datapath, acc, first, second, passes))
+                << "width " << width;
+          }
+        }
+      }
+    }
+  }
+}
+
+// One addend of the period and one above it: nothing is proven, and the accumulator drifts.
+TEST(ProvenPasses, BothAddendsMustObeyTheBound) {
+  const Datapath<int32_t> datapath(8, 0, false);
+  for (const int32_t acc : {-128, -1, 0, 127}) {
+    for (const int64_t passes : {2, 3, 1000}) {
+      for (const int32_t sign : {1, -1}) {
+        EXPECT_EQ(ProvenPasses{}(datapath, acc, sign * 256, -sign * 256, passes), acc);
+        EXPECT_EQ(ProvenPasses{}(datapath, acc, sign * 256, sign * 256, passes), acc);
+        EXPECT_TRUE(TwoProvenSameAsEvery(datapath, acc, sign * 256, sign * 257, passes));
+        EXPECT_TRUE(TwoProvenSameAsEvery(datapath, acc, sign * 257, sign * 256, passes));
+      }
+    }
+  }
+}
+
+TEST(ProvenPasses, HugeCountsOfTwoAddendsAgainstModularArithmetic) {
+  for (int32_t width = 0; width <= kMaxInt32AccumulatorSize; ++width) {
+    const Datapath<int32_t> datapath(width, 0, false);
+    const int64_t min = datapath.limits().min;
+    const int64_t max = datapath.limits().max;
+    const int64_t period = max - min + 1;
+    const auto obeys = [period](int32_t x) { return -period <= x && x <= period; };
+    for (const int32_t acc : CornersOfWidth(datapath)) {
+      if (acc < min || acc > max) continue;
+      for (const int32_t first : CornersOfWidth(datapath)) {
+        for (const int32_t second : CornersOfWidth(datapath)) {
+          if (!obeys(first) || !obeys(second)) continue;
+          for (const int64_t passes : {int64_t{16777219}, int64_t{1} << 31}) {
+            ASSERT_TRUE(Same(Congruent(datapath, acc, int64_t{first} + second, passes),
+                             ProvenPasses{}(datapath, acc, first, second, passes), "huge count",
+                             Describe("acc", acc, "first", first, "second", second, "passes",
+                                      passes, "width", width)));
+          }
+        }
+      }
+    }
+  }
+  Ran(Path::kInt32ProvenOfTwoAddends);
+}
+
+// ---- Floats ------------------------------------------------------------------------------------
+
 // Floats make every pass and print every line.
 TEST(ProvenPasses, FloatIsEveryPass) {
   for (const bool use_fp16_acc : {false, true}) {
@@ -302,6 +413,12 @@ TEST(ProvenPasses, FloatIsEveryPass) {
             testing::PrintedBy([&] { proven = ProvenPasses{}(datapath, acc, addend, 3); });
         ASSERT_TRUE(Same(every, proven, "ProvenPasses, float", inputs));
         ASSERT_TRUE(testing::SameText(expected, actual, inputs));
+        const auto expected_of_two =
+            testing::PrintedBy([&] { every = EveryPass{}(datapath, acc, addend, 2.0f, 3); });
+        const auto actual_of_two =
+            testing::PrintedBy([&] { proven = ProvenPasses{}(datapath, acc, addend, 2.0f, 3); });
+        ASSERT_TRUE(Same(every, proven, "ProvenPasses, two addends", inputs));
+        ASSERT_TRUE(testing::SameText(expected_of_two, actual_of_two, inputs));
       }
     }
   }

@@ -67,5 +67,11 @@ TEST(Warning, DepthwiseWeightLine) {
             "cause degradation\x1b[0m\n");
 }
 
+TEST(Warning, MatMulWeightLine) {
+  EXPECT_EQ(PrintedBy(PrintMatMulWeightWarning),
+            "\x1b[1;31mweights should be uint8 for matmul, check predecessor has signed output, "
+            "could cause degradation\x1b[0m\n");
+}
+
 }  // namespace
 }  // namespace bitfold

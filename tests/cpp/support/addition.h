@@ -1,33 +1,34 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// The two additions as their tests see them: one case, computed by the oracle, by the definition
-// and by what the kernels run.
+// The four additions as their tests see them: one case, computed by the oracle, by the definition
+// (every pass made) and by the kernel's function of src/additions.h.
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_ADDITION_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_ADDITION_H_
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
+#include <limits>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "bitfold/HAdd.h"
 #include "bitfold/HBiasAdd.h"
+#include "bitfold/HDecomposedBiasAdd.h"
+#include "bitfold/HStandaloneElementwiseAdd.h"
 #include "reference.h"
+#include "src/additions.h"
 #include "support/bits.h"
-#include "support/buffer.h"
-#include "support/capture.h"
-#include "support/compare.h"
 #include "support/ledger.h"
+#include "support/op_case.h"
 #include "support/random.h"
 #include "support/tables.h"
 
 namespace bitfold::testing {
 
-// `operand` holds an element per value (HAdd), or one per channel (HBiasAdd).
+// `operand` and `second` hold what the op's Call says.
 template <typename T>
 struct Addition {
   std::vector<T> value;
@@ -37,27 +38,35 @@ struct Addition {
   int mult_shift = 0;
   int accumulator_size = 32;
   bool use_fp16_acc = false;
+  std::vector<T> second;
+  T second_factor = T{1};
 
   int64_t count() const { return static_cast<int64_t>(value.size()); }
-  int64_t channels() const { return static_cast<int64_t>(operand.size()); }
-
-  std::string Inputs(int64_t i, bool per_channel) const {
-    const auto at = static_cast<size_t>(per_channel ? i % channels() : i);
-    return Describe("value", value[static_cast<size_t>(i)], "operand", operand[at], "factor",
-                    factor, "repeat", feed_repeat, "shift", mult_shift, "width", accumulator_size,
-                    "fp16", use_fp16_acc);
-  }
+  Datapath<T> datapath() const { return {accumulator_size, mult_shift, use_fp16_acc}; }
+  int64_t passes() const { return FeedRepeatCount(feed_repeat); }
 };
 
 template <typename T>
-struct Output {
-  ExactBuffer<T> values;
-  std::string lines;
+struct AdditionInputs {
+  const T* value;
+  const T* operand;
+  const T* second;
 };
 
-// How an op is called; kPerChannel tells the two apart.
-struct HAddCall {
-  static constexpr bool kPerChannel = false;
+// What the four ops have in common, and where they differ.
+struct AdditionCall {
+  static constexpr bool kPerChannel = false;  // `operand` holds an element per channel, not value
+  static constexpr int kSecondSets = 0;       // elements per channel in `second`
+  static constexpr bool kRepeats = true;      // factors and a feed repeat
+
+  template <typename T>
+  static int64_t Channels(const Addition<T>& c) {
+    return static_cast<int64_t>(c.operand.size());
+  }
+};
+
+// `operand` is the elementwise tensor.
+struct HAddCall : AdditionCall {
   static constexpr const char* kName = "HAdd";
   static constexpr Path kInt32Path = Path::kHAddInt32;
   static constexpr Path kFloatPath = Path::kHAddFloat;
@@ -68,17 +77,21 @@ struct HAddCall {
     reference::Add<T>(c.value.data(), c.operand.data(), c.factor, c.feed_repeat, c.mult_shift,
                       c.accumulator_size, c.use_fp16_acc, c.count(), out, lines);
   }
-
-  template <typename T, typename Passes>
-  static void Run(const Addition<T>& c, const T* value, const T* operand, T* out, Passes passes) {
-    HAddElements(Datapath<T>(c.accumulator_size, c.mult_shift, c.use_fp16_acc), value, operand,
-                 c.factor, FeedRepeatCount(c.feed_repeat), c.count(), out, passes);
+  template <typename T>
+  static void Define(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    HAddElements(c.datapath(), in.value, in.operand, c.factor, c.passes(), 0, c.count(), out,
+                 EveryPass{});
+  }
+  template <typename T>
+  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    AddElementwise(c.datapath(), in.value, in.operand, c.factor, c.passes(), c.count(), out);
   }
 };
 
-struct HBiasAddCall {
-  static constexpr bool kPerChannel = true;
+// `operand` is the bias.
+struct HBiasAddCall : AdditionCall {
   static constexpr const char* kName = "HBiasAdd";
+  static constexpr bool kPerChannel = true;
   static constexpr Path kInt32Path = Path::kHBiasAddInt32;
   static constexpr Path kFloatPath = Path::kHBiasAddFloat;
   static constexpr Path kHalfPath = Path::kHBiasAddHalf;
@@ -86,64 +99,140 @@ struct HBiasAddCall {
   template <typename T>
   static void Oracle(const Addition<T>& c, T* out, std::string* lines) {
     reference::BiasAdd<T>(c.value.data(), c.operand.data(), c.factor, c.feed_repeat, c.mult_shift,
-                          c.accumulator_size, c.use_fp16_acc, c.count(), c.channels(), out, lines);
+                          c.accumulator_size, c.use_fp16_acc, c.count(), Channels(c), out, lines);
   }
-
-  template <typename T, typename Passes>
-  static void Run(const Addition<T>& c, const T* value, const T* operand, T* out, Passes passes) {
-    HBiasAddElements(Datapath<T>(c.accumulator_size, c.mult_shift, c.use_fp16_acc), value, operand,
-                     c.factor, FeedRepeatCount(c.feed_repeat), c.count(), c.channels(), out,
-                     passes);
+  template <typename T>
+  static void Define(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    HBiasAddElements(c.datapath(), in.value, in.operand, c.factor, c.passes(), 0, c.count(),
+                     Channels(c), out, EveryPass{});
+  }
+  template <typename T>
+  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    AddBias(c.datapath(), in.value, in.operand, c.factor, c.passes(), c.count(), Channels(c), out);
   }
 };
 
-// `offset` misaligns the three buffers, each differently.
-template <typename Call, typename T, typename Passes>
-Output<T> RunAddition(const Addition<T>& c, Passes passes, int offset = 0) {
-  const ExactBuffer<T> value(c.value, offset);
-  const ExactBuffer<T> operand(c.operand, (offset + 1) % 4);
-  Output<T> output{ExactBuffer<T>(c.count(), (offset + 2) % 4), ""};
-  output.lines =
-      PrintedBy([&] { Call::Run(c, value.data(), operand.data(), output.values.data(), passes); });
-  return output;
-}
+// `operand` and `second` are the two parts of the bias.
+struct HDecomposedBiasAddCall : AdditionCall {
+  static constexpr const char* kName = "HDecomposedBiasAdd";
+  static constexpr bool kPerChannel = true;
+  static constexpr int kSecondSets = 1;
+  static constexpr Path kInt32Path = Path::kHDecomposedBiasAddInt32;
+  static constexpr Path kFloatPath = Path::kHDecomposedBiasAddFloat;
+  static constexpr Path kHalfPath = Path::kHDecomposedBiasAddHalf;
 
+  template <typename T>
+  static void Oracle(const Addition<T>& c, T* out, std::string* lines) {
+    reference::DecomposedBiasAdd<T>(
+        c.value.data(), c.operand.data(), c.second.data(), c.factor, c.second_factor, c.feed_repeat,
+        c.mult_shift, c.accumulator_size, c.use_fp16_acc, c.count(), Channels(c), out, lines);
+  }
+  template <typename T>
+  static void Define(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    HDecomposedBiasAddElements(c.datapath(), in.value, in.operand, in.second, c.factor,
+                               c.second_factor, c.passes(), 0, c.count(), Channels(c), out,
+                               EveryPass{});
+  }
+  template <typename T>
+  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    AddDecomposedBias(c.datapath(), in.value, in.operand, in.second, c.factor, c.second_factor,
+                      c.passes(), c.count(), Channels(c), out);
+  }
+};
+
+// `operand` is the elementwise tensor, `second` the weights of both operands. One pass, no factor.
+struct HStandaloneElementwiseAddCall : AdditionCall {
+  static constexpr const char* kName = "HStandaloneElementwiseAdd";
+  static constexpr int kSecondSets = 2;
+  static constexpr bool kRepeats = false;
+  static constexpr Path kInt32Path = Path::kHStandaloneElementwiseAddInt32;
+  static constexpr Path kFloatPath = Path::kHStandaloneElementwiseAddFloat;
+  static constexpr Path kHalfPath = Path::kHStandaloneElementwiseAddHalf;
+
+  template <typename T>
+  static int64_t Channels(const Addition<T>& c) {
+    return static_cast<int64_t>(c.second.size()) / 2;
+  }
+  template <typename T>
+  static void Oracle(const Addition<T>& c, T* out, std::string* lines) {
+    reference::StandaloneAdd<T>(c.value.data(), c.operand.data(), c.second.data(), c.mult_shift,
+                                c.accumulator_size, c.use_fp16_acc, c.count(), Channels(c), out,
+                                lines);
+  }
+  template <typename T>
+  static void Define(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    HStandaloneElementwiseAddElements(c.datapath(), in.value, in.operand, in.second, 0, c.count(),
+                                      Channels(c), out);
+  }
+  template <typename T>
+  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
+    AddWeighted(c.datapath(), in.value, in.operand, in.second, c.count(), Channels(c), out);
+  }
+};
+
+// An addition with the op that makes it, for op_case.h.
 template <typename Call, typename T>
-Output<T> OracleAddition(const Addition<T>& c) {
-  Output<T> output{ExactBuffer<T>(c.count()), ""};
-  Call::Oracle(c, output.values.data(), &output.lines);
-  return output;
-}
+struct AdditionCase {
+  using Element = T;
+  static constexpr const char* kName = Call::kName;
+  const Addition<T>& c;
 
-template <typename Call, typename T>
-::testing::AssertionResult SameOutputs(const Addition<T>& c, const Output<T>& expected,
-                                       const Output<T>& actual, const std::string& path) {
-  const auto describe = [&c](int64_t i) { return c.Inputs(i, Call::kPerChannel); };
-  const auto values = SameArrays(expected.values.data(), actual.values.data(), c.count(),
-                                 std::string(Call::kName) + " " + path, describe);
-  if (!values) return values;
-  return SameText(expected.lines, actual.lines,
-                  std::string(Call::kName) + " " + path + (c.count() > 0 ? " " + describe(0) : ""));
-}
+  int64_t count() const { return c.count(); }
+  std::optional<NumericPath> Loops() const { return NumericPath::kDatapathPortable; }
 
-// The two comparisons, each on its own: the definition against the oracle, and what the kernels
-// run against the definition.
+  std::string Inputs(int64_t i) const {
+    const auto channel = static_cast<size_t>(i % std::max<int64_t>(1, Call::Channels(c)));
+    const auto at = static_cast<size_t>(i);
+    std::string text =
+        Describe("value", c.value[at], "operand", c.operand[Call::kPerChannel ? channel : at]);
+    for (size_t k = 0; k < Call::kSecondSets; ++k) {
+      const size_t set = k * static_cast<size_t>(Call::Channels(c));
+      text += Describe("second", c.second[set + channel]);
+    }
+    return text + Describe("factor", c.factor, "second factor", c.second_factor, "repeat",
+                           c.feed_repeat, "shift", c.mult_shift, "width", c.accumulator_size,
+                           "fp16", c.use_fp16_acc);
+  }
+
+  void Oracle(T* out, std::string* lines) const { Call::Oracle(c, out, lines); }
+  void Define(int offset, T* out) const { With(offset, Call::template Define<T>, out); }
+  void Run(int offset, T* out) const { With(offset, Call::template Run<T>, out); }
+
+ private:
+  template <typename How>
+  void With(int offset, How how, T* out) const {
+    const auto in = Misaligned<T>({&c.value, &c.operand, &c.second}, offset);
+    how(c, AdditionInputs<T>{in[0].data(), in[1].data(), in[2].data()}, out);
+  }
+};
+
+// Both comparisons.
 template <typename Call, typename T>
 ::testing::AssertionResult CheckAddition(const Addition<T>& c, int offset = 0) {
-  const Output<T> definition = RunAddition<Call>(c, EveryPass{}, offset);
-  const auto oracle = SameOutputs<Call>(c, OracleAddition<Call>(c), definition, "EveryPass");
-  if (!oracle) return oracle;
-  return SameOutputs<Call>(c, definition, RunAddition<Call>(c, ProvenPasses{}, offset),
-                           "ProvenPasses");
+  return CheckCase(AdditionCase<Call, T>{c}, offset);
 }
 
-// One element, as the kernels compute it.
+template <typename Call, typename T>
+Output<T> RunAddition(const Addition<T>& c) {
+  return KernelOf(AdditionCase<Call, T>{c});
+}
+
+// One element of an op without a second operand, as the kernels compute it.
 template <typename Call, typename T>
 Output<T> AddOne(T value, T operand, T factor, float feed_repeat, int mult_shift, int width,
                  bool use_fp16_acc = false) {
-  return RunAddition<Call>(
-      Addition<T>{{value}, {operand}, factor, feed_repeat, mult_shift, width, use_fp16_acc},
-      ProvenPasses{});
+  return RunAddition<Call>(Addition<T>{
+      {value}, {operand}, factor, feed_repeat, mult_shift, width, use_fp16_acc, {}, T{1}});
+}
+
+// An addition of drawn data, one pass, unlimited.
+template <typename Call, typename T>
+Addition<T> DrawAddition(Random* random, Data data, int64_t count, int64_t channels) {
+  Addition<T> c;
+  c.value = DrawMany<T>(random, data, count);
+  c.operand = DrawMany<T>(random, data, Call::kPerChannel ? channels : count);
+  c.second = DrawMany<T>(random, data, Call::kSecondSets * channels);
+  return c;
 }
 
 template <typename T>
@@ -155,18 +244,21 @@ std::vector<int> Widths() {
   }
 }
 
+inline std::vector<int> Shifts() {
+  return {0, 1, 2, 5, 30, 31, 32, 33, 127, -1, -3, -31, -32, -128};
+}
+
 // Crosses the attributes and scalars; each meets drawn data of all kinds.
 template <typename Call, typename T>
 void CrossAttributes(bool use_fp16_acc, const std::vector<float>& repeats, int64_t count) {
   Random random(0xadd + (use_fp16_acc ? 1 : 0));
   for (const int width : Widths<T>()) {
-    for (const int shift : {0, 1, 2, 5, 30, 31, 32, 33, 127, -1, -3, -31, -32, -128}) {
-      for (const float repeat : repeats) {
+    for (const int shift : Shifts()) {
+      for (const float repeat : Call::kRepeats ? repeats : std::vector<float>{1.0f}) {
         for (const Data data : {Data::kSmall, Data::kCorners, Data::kFull}) {
-          Addition<T> c;
-          c.value = DrawMany<T>(&random, data, count);
-          c.operand = DrawMany<T>(&random, data, Call::kPerChannel ? 5 : count);
+          Addition<T> c = DrawAddition<Call, T>(&random, data, count, 5);
           c.factor = random.Flag() ? T{1} : Draw<T>(&random, data);
+          c.second_factor = random.Flag() ? T{1} : Draw<T>(&random, data);
           c.feed_repeat = repeat;
           c.mult_shift = shift;
           c.accumulator_size = width;
@@ -181,6 +273,7 @@ void CrossAttributes(bool use_fp16_acc, const std::vector<float>& repeats, int64
 // Every corner as the accumulator with every corner as the operand.
 template <typename Call, typename T>
 void CrossCorners(bool use_fp16_acc) {
+  Random random(0xc04e5);
   const std::vector<T> corners = Corners<T>();
   for (const int width : Widths<T>()) {
     for (const int shift : {0, 1, 3}) {
@@ -188,7 +281,7 @@ void CrossCorners(bool use_fp16_acc) {
         Addition<T> c;
         c.value = corners;
         c.operand.assign(Call::kPerChannel ? 1 : corners.size(), operand);
-        c.factor = T{1};
+        c.second.assign(Call::kSecondSets, Call::kRepeats ? random.Pick(corners) : T{1});
         c.feed_repeat = 2.0f;
         c.mult_shift = shift;
         c.accumulator_size = width;
@@ -197,39 +290,6 @@ void CrossCorners(bool use_fp16_acc) {
       }
     }
   }
-}
-
-// Counts around every lane and tile width, at every misalignment; nothing behind the last element
-// may be read (the buffers are exact) or written.
-template <typename Call, typename T>
-void CrossSizes() {
-  Random random(0x512e5);
-  for (const int64_t count : {0, 1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 31, 32, 33, 63, 64, 65}) {
-    for (int offset = 0; offset < 4; ++offset) {
-      for (const int64_t channels : {1, 2, 3, 4, 5, 8, 17}) {
-        Addition<T> c;
-        c.value = DrawMany<T>(&random, Data::kSmall, count);
-        c.operand = DrawMany<T>(&random, Data::kSmall, Call::kPerChannel ? channels : count);
-        c.factor = T{3};
-        c.feed_repeat = 3.0f;
-        c.mult_shift = 1;
-        c.accumulator_size = 8;
-        ASSERT_TRUE(CheckAddition<Call>(c, offset)) << "count " << count << " offset " << offset;
-
-        std::vector<T> guarded(static_cast<size_t>(count) + 64, T{77});
-        Call::Run(c, c.value.data(), c.operand.data(), guarded.data(), ProvenPasses{});
-        for (size_t i = static_cast<size_t>(count); i < guarded.size(); ++i) {
-          ASSERT_TRUE(SameBits(guarded[i], T{77})) << "wrote element " << i << " of " << count;
-        }
-        if (!Call::kPerChannel) break;
-      }
-    }
-  }
-}
-
-// Repeat counts that are not numbers of passes yet: none, fractions, the smallest.
-inline std::vector<float> FeedRepeats() {
-  return {-std::numeric_limits<float>::infinity(), -1.0f, -0.0f, 0.0f, 1e-45f, 0.5f, 1.0f, 2.5f};
 }
 
 }  // namespace bitfold::testing

@@ -61,11 +61,14 @@ std::string Describe(const char* name, T value, Rest... rest) {
 }
 
 // The sign of a NaN is the processor's and means nothing: its lines are compared without it.
-inline std::string WithoutNanSigns(std::string text) {
-  for (size_t at = text.find("-nan"); at != std::string::npos; at = text.find("-nan", at)) {
-    text.erase(at, 1);
+inline std::string WithoutNanSigns(const std::string& text) {
+  std::string without;
+  size_t from = 0;
+  for (size_t at = text.find("-nan"); at != std::string::npos; at = text.find("-nan", from)) {
+    without.append(text, from, at - from);
+    from = at + 1;
   }
-  return text;
+  return without.append(text, from);
 }
 
 }  // namespace bitfold::testing

@@ -11,11 +11,13 @@ namespace bitfold::testing {
 
 enum class Path {
   kQuantiserAllPrefixes,
+  kVectorQuantiserAllPrefixes,
   kInt32EveryPass,
   kFloatEveryPass,
   kInt32ProvenAtOnce,      // in range from the start, at least two passes skipped
   kInt32ProvenAfterSteps,  // out of range first, proven later
   kInt32NeverProven,       // an addend above the period
+  kInt32ProvenOfTwoAddends,
   kFloatProven,
   kHAddInt32,
   kHAddFloat,
@@ -23,6 +25,33 @@ enum class Path {
   kHBiasAddInt32,
   kHBiasAddFloat,
   kHBiasAddHalf,
+  kHDecomposedBiasAddInt32,
+  kHDecomposedBiasAddFloat,
+  kHDecomposedBiasAddHalf,
+  kHStandaloneElementwiseAddInt32,
+  kHStandaloneElementwiseAddFloat,
+  kHStandaloneElementwiseAddHalf,
+  kReplayInsideABlock,  // a block computed anew by the definition, which prints
+  kReplayOfThePartialBlock,
+  kReplayOfSeveralBlocks,
+  kManyPassesProven,  // by the kernels of the additions, instead of blocks
+  kMatMulInt32,
+  kMatMulFloat,
+  kMatMulHalf,
+  kMatMulWarning,
+  kBilinearInt32,
+  kBilinearFloat,
+  kBilinearUnlimitedInt32,
+  kBilinearUnlimitedFloat,
+  kBboxDecoderInt32,
+  kBboxDecoderFloat,
+  kBboxDecoderHalf,
+  kSingleWeightDecoderInt32,
+  kSingleWeightDecoderFloat,
+  kSingleWeightDecoderHalf,
+  kNmsLogged,
+  kNmsQuiet,
+  kNmsQuietLeftToTheDefinition,
   kConvolutionInt32,
   kConvolutionFloat,
   kConvolutionHalf,

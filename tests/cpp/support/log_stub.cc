@@ -7,15 +7,37 @@
 
 namespace bitfold {
 namespace testing {
+namespace {
+
+bool information_is_on = false;
+
+}  // namespace
 
 std::string& LoggedLines() {
   static std::string lines;
   return lines;
 }
 
+std::vector<std::string>& LoggedInformation() {
+  static std::vector<std::string> messages;
+  return messages;
+}
+
+InformationLog::InformationLog(bool on) : before_(information_is_on) {
+  information_is_on = on;
+  LoggedInformation().clear();
+}
+
+InformationLog::~InformationLog() { information_is_on = before_; }
+
 }  // namespace testing
 
 // In place of the runtime's.
 void LogError(const std::string& text) { testing::LoggedLines() += text + "\n"; }
+
+bool InformationLogIsOn() { return testing::information_is_on; }
+
+// Kept also while the log is off: whoever logs asks first.
+void LogInformation(const std::string& text) { testing::LoggedInformation().push_back(text); }
 
 }  // namespace bitfold

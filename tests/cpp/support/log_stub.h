@@ -7,11 +7,28 @@
 #define BITFOLD_TESTS_CPP_SUPPORT_LOG_STUB_H_
 
 #include <string>
+#include <vector>
 
 namespace bitfold::testing {
 
-// What was logged since the text was cleared, each line with an end of line.
+// What was logged as errors since the text was cleared, each line with an end of line.
 std::string& LoggedLines();
+
+// The messages at information severity since the list was cleared, as they came.
+std::vector<std::string>& LoggedInformation();
+
+// Turns information messages on, or off, for the life of the object and clears the list. They are
+// off otherwise.
+class InformationLog {
+ public:
+  explicit InformationLog(bool on);
+  ~InformationLog();
+  InformationLog(const InformationLog&) = delete;
+  InformationLog& operator=(const InformationLog&) = delete;
+
+ private:
+  bool before_;
+};
 
 }  // namespace bitfold::testing
 

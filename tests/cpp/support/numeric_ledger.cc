@@ -46,6 +46,15 @@ constexpr const char* kPathNames[] = {
     "activation, up to 8 breakpoints",
     "activation, up to 32 breakpoints",
     "activation, left to the definition",
+    "datapath, portable loops",
+    "datapath, AVX2 loops",
+    "datapath, AVX-512 loops",
+    "bilinear float mode, portable loops",
+    "bilinear float mode, AVX2 loops",
+    "bilinear float mode, AVX-512 loops",
+    "suppression, portable loops",
+    "suppression, AVX2 loops",
+    "suppression, AVX-512 loops",
 };
 static_assert(sizeof(kPathNames) / sizeof(kPathNames[0]) == kPaths);
 

@@ -7,6 +7,8 @@
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_NUMERIC_LEDGER_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_NUMERIC_LEDGER_H_
 
+#include "target.h"
+
 namespace bitfold::testing {
 
 enum class NumericPath {
@@ -29,10 +31,24 @@ enum class NumericPath {
   kActivationFewPoints,
   kActivationManyPoints,
   kActivationByDefinition,
+  kDatapathPortable,
+  kDatapathAvx2,
+  kDatapathAvx512,
+  kBilinearPortable,
+  kBilinearAvx2,
+  kBilinearAvx512,
+  kNmsPortable,
+  kNmsAvx2,
+  kNmsAvx512,
   kCount
 };
 
 void Ran(NumericPath path);
+
+// The form of the portable loops on a target.
+constexpr NumericPath OnTarget(NumericPath portable, Target target) {
+  return static_cast<NumericPath>(static_cast<int>(portable) + static_cast<int>(target));
+}
 
 }  // namespace bitfold::testing
 

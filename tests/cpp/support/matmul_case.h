@@ -1,0 +1,84 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The matrix product as its tests see it: all entries of a batch.
+
+#ifndef BITFOLD_TESTS_CPP_SUPPORT_MATMUL_CASE_H_
+#define BITFOLD_TESTS_CPP_SUPPORT_MATMUL_CASE_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bitfold/HMatMul.h"
+#include "reference/matmul.h"
+#include "support/bits.h"
+#include "support/op_case.h"
+
+namespace bitfold::testing {
+
+template <typename T>
+struct MatMulCase {
+  using Element = T;
+  static constexpr const char* kName = "HMatMul";
+
+  int32_t batch = 1;
+  int32_t rows = 1;
+  int32_t inner = 1;
+  int32_t cols = 1;
+  std::vector<T> a;  // [batch, rows, inner]
+  std::vector<T> b;  // [batch, inner, cols]
+  int32_t accumulator_size = 32;
+  int32_t mult_shift = 0;
+  bool use_fp16_acc = false;
+
+  int64_t a_count() const { return int64_t{batch} * rows * inner; }
+  int64_t b_count() const { return int64_t{batch} * inner * cols; }
+  int64_t count() const { return int64_t{batch} * rows * cols; }
+  std::optional<NumericPath> Loops() const { return std::nullopt; }
+
+  std::string Inputs(int64_t i) const {
+    const int64_t row = i / cols;
+    std::string text = Describe("rows", rows, "inner", inner, "cols", cols, "shift", mult_shift,
+                                "width", accumulator_size, "fp16", use_fp16_acc);
+    for (int64_t k = 0; k < inner && k < 8; ++k) {
+      const int64_t weight = (row / rows * inner + k) * cols + i % cols;
+      text += Describe("a", a[static_cast<size_t>(row * inner + k)], "b",
+                       b[static_cast<size_t>(weight)]);
+    }
+    return text;
+  }
+
+  void Oracle(T* out, std::string* lines) const {
+    for (int32_t i = 0; i < batch; ++i) {
+      reference::MatMul<T>(a.data(), b.data(), inner, rows, cols, inner, i, accumulator_size,
+                           mult_shift, use_fp16_acc, out, lines, nullptr);
+    }
+  }
+
+  void Define(int offset, T* out) const {
+    const auto in = Misaligned<T>({&a, &b}, offset);
+    const ReciprocalDatapath<T> datapath(accumulator_size, mult_shift, use_fp16_acc);
+    const WeightSign<T> weight_sign(accumulator_size);
+    for (int64_t i = 0; i < batch; ++i) {
+      if (MultiplyMatrices(datapath, weight_sign, in[0].data() + i * rows * inner,
+                           in[1].data() + i * inner * cols, inner, rows, cols,
+                           out + i * rows * cols)) {
+        PrintMatMulWeightWarning();
+      }
+    }
+  }
+
+  void Run(int offset, T* out) const {
+    const auto in = Misaligned<T>({&a, &b}, offset);
+    for (int32_t i = 0; i < batch; ++i) {
+      MatrixMultiplication(in[0].data(), out, in[1].data(), inner, rows, cols, inner, i,
+                           accumulator_size, mult_shift, use_fp16_acc);
+    }
+  }
+};
+
+}  // namespace bitfold::testing
+
+#endif  // BITFOLD_TESTS_CPP_SUPPORT_MATMUL_CASE_H_
