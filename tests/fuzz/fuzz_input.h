@@ -6,6 +6,8 @@
 #ifndef BITFOLD_TESTS_FUZZ_FUZZ_INPUT_H_
 #define BITFOLD_TESTS_FUZZ_FUZZ_INPUT_H_
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -53,6 +55,17 @@ class FuzzInput {
     }
   }
 
+  // The attributes of an accumulator, as their ops allow them for the element type.
+  template <typename T>
+  int Width() {
+    return Between(0, std::is_same_v<T, float> ? 140 : 32);
+  }
+
+  int Shift() { return Flag() ? Between(0, 8) : static_cast<int8_t>(Byte()); }
+
+  // A number of elements: mostly few, sometimes around the kernels' blocks of 512.
+  int Count() { return Between(0, 15) == 0 ? 490 + Between(0, 60) : Between(0, 40); }
+
   template <typename T>
   std::vector<T> Values(int64_t count) {
     small_ = Flag();
@@ -72,6 +85,10 @@ class FuzzInput {
 [[noreturn]] inline void Fail(const std::string& report) {
   std::fprintf(stderr, "%s\n", report.c_str());
   std::abort();
+}
+
+inline void Require(const ::testing::AssertionResult& result) {
+  if (!result) Fail(result.message());
 }
 
 template <typename T, typename DescribeIndex>
