@@ -13,7 +13,11 @@ if os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2") not in ("0", "1", "2"):
 
 import hypothesis
 import pytest
-import support
+
+pytest.register_assert_rewrite("checks", "decoders", "numeric", "support")
+
+import oracle  # noqa: E402  (after the line above)
+import support  # noqa: E402
 
 hypothesis.settings.register_profile(
     "bitfold",
@@ -26,9 +30,9 @@ hypothesis.settings.load_profile("bitfold")
 
 
 @pytest.fixture(scope="session")
-def reference(tmp_path_factory) -> support.Reference:
-    """The oracle; see `support.Reference`."""
-    return support.Reference(support.find_reference(tmp_path_factory.mktemp("reference")))
+def reference() -> oracle.Reference:
+    """The oracle; see `oracle.Reference`."""
+    return oracle.Reference()
 
 
 @pytest.fixture(scope="session")

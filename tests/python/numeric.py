@@ -6,14 +6,12 @@ from __future__ import annotations
 
 import ctypes
 import functools
-import os
 import pathlib
 import re
-import subprocess
-import tempfile
 from typing import Any
 
 import numpy as np
+import oracle
 import support
 import tensorflow as tf
 
@@ -55,43 +53,8 @@ OVERFLOW_LINE = "Warning, the softmax sum has overflowed.\n"
 # ---- The oracle --------------------------------------------------------------------------------
 
 
-def _find_library(folder: pathlib.Path) -> pathlib.Path:
-    """Return a library with the numeric oracles: the given one, CMake's, or one built now."""
-    source = support.ROOT / "tests" / "reference"
-    newest = max(p.stat().st_mtime for p in source.iterdir())
-    given = os.environ.get("BITFOLD_REFERENCE_LIBRARY")
-    built = sorted((support.ROOT / "build" / "tests").glob("**/libbitfold_reference.so"))
-    for path in [pathlib.Path(given)] if given else built:
-        current = given or path.stat().st_mtime >= newest
-        if current and hasattr(ctypes.CDLL(str(path)), "reference_softmax"):
-            return path
-    path = folder / "libnumeric_reference.so"
-    names = ("activation", "fpx", "layernorm", "softmax", "numeric_c")
-    command = [os.environ.get("CXX", "c++"), "-std=c++17", "-O2", "-fPIC", "-shared"]
-    command += [*support.numerics_flags(), "-o", str(path)]
-    subprocess.run([*command, *(str(source / f"{n}.cc") for n in names)], check=True)
-    return path
-
-
-class Reference:
+class Reference(oracle.Oracle):
     """The models of tests/reference for the numeric units; text is what must be printed."""
-
-    def __init__(self) -> None:
-        """Load the oracle's shared library."""
-        self._folder = tempfile.TemporaryDirectory()
-        self._library = ctypes.CDLL(str(_find_library(pathlib.Path(self._folder.name))))
-        self._text = ctypes.create_string_buffer(1 << 18)
-        for name in ("bias", "from_float", "to_float", "resize", "add", "multiply", "bits"):
-            getattr(self._library, f"reference_fpx_{name}").restype = ctypes.c_int64
-        self._library.reference_softmax.restype = ctypes.c_int64
-
-    def _lines(self, name: str, *arguments: Any) -> str:
-        function = getattr(self._library, name)
-        length = function(*arguments, self._text, ctypes.c_int64(len(self._text)))
-        if length >= len(self._text):
-            self._text = ctypes.create_string_buffer(2 * length)
-            function(*arguments, self._text, ctypes.c_int64(len(self._text)))
-        return self._text.value.decode()
 
     def layer_norm(self, value: np.ndarray, lut: np.ndarray, **scalars: int) -> np.ndarray | int:
         """HLayernorm; the failure's number where the unit ends the process."""

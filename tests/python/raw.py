@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable, Sequence
 from typing import Any
 
 import numpy as np
@@ -12,57 +13,114 @@ import tensorflow as tf
 from bitfold import raw_ops
 
 
-def _scalars(dtype: Any, factor: float, feed_repeat: float, mult_shift: int) -> tuple:
-    return (
-        np.array([factor], dtype),
-        np.array([feed_repeat], np.float32),
-        np.array([mult_shift], np.int8),
-    )
-
-
-def add(
-    value: Any,
-    elementwise: Any,
+def _unit(
+    op: Callable,
+    operands: Sequence[Any],
+    scalars: Sequence[Any] = (),
     *,
-    factor: float = 1,
-    feed_repeat: float = 1.0,
     mult_shift: int = 0,
     accumulator_size: int = 32,
-    use_fp16_acc: bool = False,
+    **attributes: Any,
 ) -> tf.Tensor:
+    """Call an op whose inputs are its operands, its other scalars and the shift."""
+    shift = np.array([mult_shift], np.int8)
+    return op(*operands, *scalars, shift, accumulator_size=accumulator_size, **attributes)
+
+
+def _addition(
+    op: Callable,
+    operands: Sequence[Any],
+    factors: Sequence[float],
+    *,
+    feed_repeat: float = 1.0,
+    **arguments: Any,
+) -> tf.Tensor:
+    dtype = tf.as_dtype(operands[0].dtype).as_numpy_dtype
+    scalars = [np.array([factor], dtype) for factor in factors]
+    return _unit(op, operands, [*scalars, np.array([feed_repeat], np.float32)], **arguments)
+
+
+def add(value: Any, elementwise: Any, *, factor: float = 1, **arguments: Any) -> tf.Tensor:
     """HAdd."""
-    f, r, s = _scalars(tf.as_dtype(value.dtype).as_numpy_dtype, factor, feed_repeat, mult_shift)
-    return raw_ops.h_add(
-        value,
-        elementwise,
-        f,
-        r,
-        s,
+    return _addition(raw_ops.h_add, (value, elementwise), (factor,), **arguments)
+
+
+def bias_add(value: Any, bias: Any, *, factor: float = 1, **arguments: Any) -> tf.Tensor:
+    """HBiasAdd."""
+    return _addition(raw_ops.h_bias_add, (value, bias), (factor,), **arguments)
+
+
+def decomposed_bias_add(
+    value: Any,
+    bias_a: Any,
+    bias_b: Any,
+    *,
+    factor_a: float = 1,
+    factor_b: float = 1,
+    **arguments: Any,
+) -> tf.Tensor:
+    """HDecomposedBiasAdd."""
+    operands, factors = (value, bias_a, bias_b), (factor_a, factor_b)
+    return _addition(raw_ops.h_decomposed_bias_add, operands, factors, **arguments)
+
+
+def weighted_add(value: Any, elementwise: Any, weights: Any, **arguments: Any) -> tf.Tensor:
+    """HStandaloneElementwiseAdd."""
+    operands = (value, elementwise, weights)
+    return _unit(raw_ops.h_standalone_elementwise_add, operands, **arguments)
+
+
+def matmul(a: Any, b: Any, **arguments: Any) -> tf.Tensor:
+    """HMatmul."""
+    return _unit(raw_ops.h_matmul, (a, b), **arguments)
+
+
+def decode_boxes(*inputs: Any, **arguments: Any) -> tf.Tensor:
+    """HBboxDecoder."""
+    return _unit(raw_ops.h_bbox_decoder, inputs, **arguments)
+
+
+def decode_boxes_single_weight(*inputs: Any, **arguments: Any) -> tf.Tensor:
+    """HSingleWeightPerProposalBboxDecoder."""
+    return _unit(raw_ops.h_single_weight_per_proposal_bbox_decoder, inputs, **arguments)
+
+
+def bilinear(
+    *inputs: Any,
+    bias: float = 0.0,
+    mult_shift: int = 0,
+    accumulator_size: int = 32,
+    float_accumulator: bool = False,
+) -> tf.Tensor:
+    """HBilinear."""
+    return raw_ops.h_bilinear(
+        *inputs,
+        np.array([mult_shift], np.int8),
+        np.array([bias], np.float32),
         accumulator_size=accumulator_size,
-        use_fp16_acc=use_fp16_acc,
+        float_accumulator=float_accumulator,
     )
 
 
-def bias_add(
+def nms(
     value: Any,
-    bias: Any,
+    scores_threshold: float,
     *,
-    factor: float = 1,
-    feed_repeat: float = 1.0,
-    mult_shift: int = 0,
-    accumulator_size: int = 32,
-    use_fp16_acc: bool = False,
+    iou_threshold: float,
+    max_output_size: float,
+    classes: float = 1,
+    debug_precise_numeric: bool = False,
+    is_velquin: bool = False,
 ) -> tf.Tensor:
-    """HBiasAdd."""
-    f, r, s = _scalars(tf.as_dtype(value.dtype).as_numpy_dtype, factor, feed_repeat, mult_shift)
-    return raw_ops.h_bias_add(
+    """HNMS."""
+    return raw_ops.hnms(
         value,
-        bias,
-        f,
-        r,
-        s,
-        accumulator_size=accumulator_size,
-        use_fp16_acc=use_fp16_acc,
+        np.array([scores_threshold], np.float32),
+        iou_threshold=iou_threshold,
+        max_output_size=max_output_size,
+        classes=classes,
+        debug_precise_numeric=debug_precise_numeric,
+        is_velquin=is_velquin,
     )
 
 

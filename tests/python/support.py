@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""What the tests share: the oracle, captured output, comparison on bits, values worth trying.
+"""What the tests share: captured output, comparison on bits, values worth trying.
 
 The fixtures of conftest.py hand these out; tests import the constants and the small helpers.
 """
@@ -36,6 +36,7 @@ RED_LINE = (
     "\033[1;31mweights should be uint8 for DW, check predecessor has signed output, "
     "could cause degradation\033[0m\n"
 )
+MATMUL_RED_LINE = RED_LINE.replace("DW", "matmul")
 
 
 def warning(text: str) -> str:
@@ -275,171 +276,3 @@ def numerics_flags() -> list[str]:
     for call in re.findall(r"target_compile_options\(([^)]*)\)", unconditional):
         flags += [word for word in call.split() if word.startswith("-")]
     return flags
-
-
-# ---- The oracle ------------------------------------------------------------------------------
-
-_SUFFIX = {np.dtype(np.int32): "int32", np.dtype(np.float32): "float"}
-_C_TYPE = {np.dtype(np.int32): ctypes.c_int32, np.dtype(np.float32): ctypes.c_float}
-
-
-class Reference:
-    """The arithmetic model of tests/reference, on numpy arrays.
-
-    Results come as (output, lines): an array, and the text that the library must print.
-    """
-
-    def __init__(self, path: os.PathLike | str):
-        """Load the oracle's shared library."""
-        self._library = ctypes.CDLL(str(path))
-        self._text = ctypes.create_string_buffer(1 << 18)
-        library = self._library
-        i32, i64, f32 = ctypes.c_int32, ctypes.c_int64, ctypes.c_float
-        pointer, text = ctypes.c_void_p, [ctypes.c_char_p, ctypes.c_int64]
-        for dtype, suffix in _SUFFIX.items():
-            t = _C_TYPE[dtype]
-            add = [pointer, pointer, t, f32, i32, i32, i32, i64]
-            self._declare(f"reference_add_{suffix}", i64, [*add, pointer, *text])
-            self._declare(f"reference_bias_add_{suffix}", i64, [*add, i64, pointer, *text])
-            self._declare(f"reference_convolve_{suffix}", i64, [pointer] * 5 + text)
-        self._declare("reference_accumulator_int", i64, [i32, i32, i32, pointer, *text])
-        self._declare("reference_accumulator_half", f32, [f32, f32])
-        self._declare("reference_multiply", i32, [i32, i32])
-        self._declare("reference_shift_int", i32, [i32, i32])
-        self._declare("reference_shift_half", f32, [i32])
-        self._declare("reference_output_size", i32, [i32] * 5)
-        self.accumulator_half = library.reference_accumulator_half
-        self.multiply = library.reference_multiply
-        self.shift_int = library.reference_shift_int
-        self.shift_half = library.reference_shift_half
-
-    def _declare(self, name: str, result: type, arguments: list) -> None:
-        function = getattr(self._library, name)
-        function.restype = result
-        function.argtypes = arguments
-
-    def _lines(self, name: str, *arguments: Any) -> str:
-        """Call a function that reports lines, with a buffer that holds them all."""
-        function = getattr(self._library, name)
-        length = function(*arguments, self._text, len(self._text))
-        if length >= len(self._text):
-            self._text = ctypes.create_string_buffer(2 * length)
-            function(*arguments, self._text, len(self._text))
-        return self._text.value.decode()
-
-    def accumulator_int(self, a: int, b: int, width: int) -> tuple[int, str]:
-        """One addition into an integer accumulator."""
-        result = ctypes.c_int32()
-        lines = self._lines("reference_accumulator_int", a, b, width, ctypes.addressof(result))
-        return result.value, lines
-
-    def add(
-        self,
-        value: np.ndarray,
-        elementwise: np.ndarray,
-        *,
-        factor: float = 1,
-        feed_repeat: float = 1.0,
-        mult_shift: int = 0,
-        accumulator_size: int = 32,
-        use_fp16_acc: bool = False,
-        count: int | None = None,
-    ) -> tuple[np.ndarray, str]:
-        """HAdd over the first `count` elements, all by default; the rest is 0."""
-        value, elementwise = np.ascontiguousarray(value), np.ascontiguousarray(elementwise)
-        out = np.zeros_like(value)
-        lines = self._lines(
-            f"reference_add_{_SUFFIX[value.dtype]}",
-            value.ctypes.data, elementwise.ctypes.data, factor, feed_repeat, mult_shift,
-            accumulator_size, use_fp16_acc, value.size if count is None else count,
-            out.ctypes.data,
-        )  # fmt: skip
-        return out, lines
-
-    def bias_add(
-        self,
-        value: np.ndarray,
-        bias: np.ndarray,
-        *,
-        factor: float = 1,
-        feed_repeat: float = 1.0,
-        mult_shift: int = 0,
-        accumulator_size: int = 32,
-        use_fp16_acc: bool = False,
-    ) -> tuple[np.ndarray, str]:
-        """HBiasAdd, channels last."""
-        value, bias = np.ascontiguousarray(value), np.ascontiguousarray(bias)
-        out = np.zeros_like(value)
-        lines = self._lines(
-            f"reference_bias_add_{_SUFFIX[value.dtype]}",
-            value.ctypes.data, bias.ctypes.data, factor, feed_repeat, mult_shift,
-            accumulator_size, use_fp16_acc, value.size, value.shape[-1], out.ctypes.data,
-        )  # fmt: skip
-        return out, lines
-
-    def output_size(self, input: int, filter: int, stride: int, dilation: int, padding: str) -> int:
-        """Return the number of outputs along one axis; below 0 the ops refuse."""
-        same = padding == "SAME"
-        return self._library.reference_output_size(input, filter, stride, dilation, same)
-
-    def convolve(
-        self,
-        input: np.ndarray,
-        filter: np.ndarray,
-        elementwise: np.ndarray | None = None,
-        *,
-        strides: tuple[int, int] = (1, 1),
-        dilations: tuple[int, int] = (1, 1),
-        padding: str = "SAME",
-        mult_shift: int = 0,
-        accumulator_size: int = 32,
-        use_fp16_acc: bool = False,
-        is_depthwise: bool = False,
-    ) -> tuple[np.ndarray, str]:
-        """Any of the convolutions; an `elementwise` of another size than the output is ignored."""
-        input, filter = np.ascontiguousarray(input), np.ascontiguousarray(filter)
-        leading = 1 if filter.ndim > 4 else 0
-        rows, columns, _, outputs = filter.shape[leading : leading + 4]
-        shape = (
-            input.shape[0],
-            self.output_size(input.shape[1], rows, strides[0], dilations[0], padding),
-            self.output_size(input.shape[2], columns, strides[1], dilations[1], padding),
-            outputs,
-        )
-        out = np.zeros(shape, input.dtype)
-        pointer = None
-        if elementwise is not None and elementwise.size == out.size:
-            elementwise = np.ascontiguousarray(elementwise)
-            pointer = elementwise.ctypes.data
-        parameters = np.array(
-            [
-                *input.shape, rows, columns, outputs, accumulator_size, *strides, *dilations,
-                padding == "SAME", mult_shift, use_fp16_acc, is_depthwise, leading,
-            ],
-            np.int32,
-        )  # fmt: skip
-        lines = self._lines(
-            f"reference_convolve_{_SUFFIX[input.dtype]}",
-            parameters.ctypes.data, input.ctypes.data, filter.ctypes.data, pointer,
-            out.ctypes.data,
-        )  # fmt: skip
-        return out, lines
-
-
-def find_reference(folder: pathlib.Path) -> pathlib.Path:
-    """Return the oracle's library: the given one, one built by CMake, or one built in `folder`."""
-    given = os.environ.get("BITFOLD_REFERENCE_LIBRARY")
-    if given:
-        return pathlib.Path(given)
-    source = ROOT / "tests" / "reference"
-    files = [source / "reference.cc", source / "reference_c.cc"]
-    newest = max(p.stat().st_mtime for p in source.iterdir())
-    built = sorted((ROOT / "build" / "tests").glob("**/libbitfold_reference.so"))
-    for path in built:
-        if path.stat().st_mtime >= newest:
-            return path
-    path = folder / "libbitfold_reference.so"
-    compiler = os.environ.get("CXX", "c++")
-    command = [compiler, "-std=c++17", "-O2", "-fPIC", "-shared", *numerics_flags()]
-    subprocess.run([*command, "-o", str(path), *map(str, files)], check=True)
-    return path

@@ -5,11 +5,10 @@
 from __future__ import annotations
 
 import itertools
-import re
 import time
 
+import checks
 import hypothesis
-import hypothesis.extra.numpy
 import hypothesis.strategies as st
 import numpy as np
 import pytest
@@ -17,20 +16,16 @@ import raw
 import support
 import tensorflow as tf
 
-TYPES = (np.int32, np.float32)
+TYPES = checks.TYPES
 
 
 @pytest.fixture(scope="session")
-def check(reference, printed, assert_bits, assert_lines):
+def check(reference):
     """Run HAdd and the oracle on the same data and compare bits and printed lines."""
 
     def run(value, elementwise, **arguments):
-        with printed() as text:
-            actual = raw.add(value, elementwise, **arguments).numpy()
-        expected, lines = reference.add(value, elementwise, **arguments)
-        inputs = {"value": value, "elementwise": elementwise, **arguments}
-        assert_bits(actual, expected, **inputs)
-        assert_lines(text.out, lines, **inputs)
+        inputs = {"value": value, "elementwise": elementwise}
+        checks.compare(raw.add, reference.add, inputs, **arguments)
 
     return run
 
@@ -203,11 +198,8 @@ def test_boundaries(dtype, accumulator_size, check):
         )
 
 
-SHAPES = [(1, 1), (3, 5), (0, 3), (2, 0), (1, 1, 1, 1), (2, 3, 5, 7), (1, 17, 1, 3), (2, 0, 3, 4)]
-
-
 @pytest.mark.parametrize("dtype", TYPES)
-@pytest.mark.parametrize("shape", SHAPES, ids=str)
+@pytest.mark.parametrize("shape", checks.SHAPES, ids=str)
 def test_random(dtype, shape, check):
     """Random data of every magnitude, random settings."""
     rng = np.random.default_rng([17, *shape])
@@ -217,50 +209,18 @@ def test_random(dtype, shape, check):
             support.random_values(rng, dtype, shape),
             factor=support.random_values(rng, dtype, (1,)).item(),
             feed_repeat=rng.choice(support.FEED_REPEATS).item(),
-            mult_shift=int(rng.integers(-128, 128)),
-            accumulator_size=int(rng.choice(support.WIDTHS[dtype])),
-            use_fp16_acc=bool(rng.integers(2)),
+            **checks.random_settings(rng, dtype),
         )
 
 
-def _arrays(dtype):
-    elements = st.floats(width=32) if dtype is np.float32 else None
-    shapes = hypothesis.extra.numpy.array_shapes(min_dims=2, max_dims=2, max_side=4)
-    return shapes.flatmap(
-        lambda shape: st.tuples(
-            hypothesis.extra.numpy.arrays(dtype, shape, elements=elements),
-            hypothesis.extra.numpy.arrays(dtype, shape, elements=elements),
-        )
-    )
-
-
-def _settings(highest_width):
-    return {
-        "feed_repeat": st.floats(-2, 20, width=32),
-        "mult_shift": st.integers(-128, 127),
-        "accumulator_size": st.integers(0, highest_width),
-        "use_fp16_acc": st.booleans(),
-    }
-
-
-@hypothesis.given(
-    arrays=_arrays(np.int32),
-    factor=st.integers(support.INT32_MIN, support.INT32_MAX),
-    arguments=st.fixed_dictionaries(_settings(32)),
-)
-def test_integer_property(arrays, factor, arguments, check):
-    """Any integers under any settings."""
-    check(*arrays, factor=factor, **arguments)
-
-
-@hypothesis.given(
-    arrays=_arrays(np.float32),
-    factor=st.floats(width=32),
-    arguments=st.fixed_dictionaries(_settings(200)),
-)
-def test_float_property(arrays, factor, arguments, check):
-    """Any floats under any settings."""
-    check(*arrays, factor=factor, **arguments)
+@pytest.mark.parametrize("dtype", TYPES)
+@hypothesis.given(data=st.data())
+def test_property(dtype, data, check):
+    """Any numbers under any settings."""
+    shape = data.draw(checks.shapes(2, max_side=4))
+    arrays = data.draw(checks.arrays(dtype, shape, shape))
+    factor, feed_repeat = checks.numbers(dtype), checks.feed_repeats()
+    check(*arrays, **data.draw(checks.settings(dtype, factor=factor, feed_repeat=feed_repeat)))
 
 
 # ---- Long feeds --------------------------------------------------------------------------------
@@ -307,13 +267,6 @@ def test_long_integer_repeats_match_the_loop(accumulator_size, check):
 # ---- Ranks -------------------------------------------------------------------------------------
 
 
-def leave_dirty_memory(shape, dtype) -> None:
-    """Free blocks of the size of a tensor, full of ones, for the allocator to hand out again."""
-    full = tf.constant(np.full(shape, 1, dtype))
-    blocks = [full + i for i in range(16)]
-    del blocks
-
-
 @pytest.mark.parametrize("dtype", TYPES)
 @pytest.mark.parametrize(
     "shape", [(2, 3, 4), (2, 3, 2, 3, 2), (5, 7, 64), (1, 1, 4096), (0, 3, 2), (2, 3, 1, 1, 1)]
@@ -326,7 +279,7 @@ def test_other_ranks_compute_the_first_two_dimensions(dtype, shape, reference, a
     count = shape[0] * shape[1]
     expected, _ = reference.add(value, elementwise, count=count, accumulator_size=16)
     for operand in (elementwise, elementwise.reshape(-1)[:count], elementwise.reshape(-1)):
-        leave_dirty_memory(shape, dtype)
+        checks.leave_dirty_memory(shape, dtype)
         actual = raw.add(value, operand, accumulator_size=16)
         assert_bits(actual, expected, value=value)
     assert not actual.numpy().reshape(-1)[count:].any()
@@ -365,23 +318,14 @@ def test_scalars_read_element_0(assert_bits):
 _OF_VALUE = "the product of the dimensions of value that are computed"
 
 
-def _empty(shape):
-    """Return a tensor without elements; its dimensions may exceed what numpy's do."""
-    return tf.reshape(tf.zeros([0], tf.int32), tf.constant(shape, tf.int64))
-
-
 def _call(value=(1, 1), elementwise=(1, 1), factor=(1,), feed_repeat=(1,), mult_shift=(1,)):
     """HAdd on ones of the given shapes, which may be tensors instead."""
-
-    def tensor(x, dtype):
-        return x if tf.is_tensor(x) else np.ones(x, dtype)
-
     return raw.raw_ops.h_add(
-        tensor(value, np.int32),
-        tensor(elementwise, np.int32),
-        tensor(factor, np.int32),
-        tensor(feed_repeat, np.float32),
-        tensor(mult_shift, np.int8),
+        checks.ones(value, np.int32),
+        checks.ones(elementwise, np.int32),
+        checks.ones(factor, np.int32),
+        checks.ones(feed_repeat, np.float32),
+        checks.ones(mult_shift, np.int8),
         accumulator_size=16,
     )
 
@@ -391,103 +335,56 @@ def _call(value=(1, 1), elementwise=(1, 1), factor=(1,), feed_repeat=(1,), mult_
     [
         ({"value": ()}, "Need value of rank 2 or above, got rank 0"),
         ({"value": (5,)}, "Need value of rank 2 or above, got rank 1"),
-        (
-            {"value": (2, 3, 0, 1, 1)},
-            f"Need value to hold at least 6 elements ({_OF_VALUE}), got 0 in shape [2,3,0,1,1]",
-        ),
-        (
-            {"value": (1, 1, 0)},
-            f"Need value to hold at least 1 element ({_OF_VALUE}), got 0 in shape [1,1,0]",
-        ),
+        ({"value": (2, 3, 0, 1, 1)}, checks.too_small("value", 6, _OF_VALUE, (2, 3, 0, 1, 1))),
+        ({"value": (1, 1, 0)}, checks.too_small("value", 1, _OF_VALUE, (1, 1, 0))),
         (
             {"value": (2, 3), "elementwise": (5,)},
-            f"Need elementwise to hold at least 6 elements ({_OF_VALUE}), got 5 in shape [5]",
+            checks.too_small("elementwise", 6, _OF_VALUE, (5,)),
         ),
         (
             {"value": (2, 3, 4), "elementwise": (5,)},
-            f"Need elementwise to hold at least 6 elements ({_OF_VALUE}), got 5 in shape [5]",
+            checks.too_small("elementwise", 6, _OF_VALUE, (5,)),
         ),
         (
             {"value": (2, 1, 3, 2), "elementwise": (1, 11)},
             f"Need elementwise to hold at least 12 elements ({_OF_VALUE}), got 11 in shape [1,11]",
         ),
-        (
-            {"factor": (0,)},
-            "Need elementwise_factor to hold at least 1 element (its element 0 is read), "
-            "got 0 in shape [0]",
-        ),
-        (
-            {"feed_repeat": (2, 0)},
-            "Need elementwise_feed_repeat to hold at least 1 element (its element 0 is read), "
-            "got 0 in shape [2,0]",
-        ),
-        (
-            {"mult_shift": (0,)},
-            "Need mult_shift to hold at least 1 element (its element 0 is read), "
-            "got 0 in shape [0]",
-        ),
+        ({"factor": (0,)}, checks.empty_scalar("elementwise_factor")),
+        ({"feed_repeat": (2, 0)}, checks.empty_scalar("elementwise_feed_repeat", (2, 0))),
+        ({"mult_shift": (0,)}, checks.empty_scalar("mult_shift")),
         # Also where nothing would be computed.
-        (
-            {"value": (0, 2), "mult_shift": (0,)},
-            "Need mult_shift to hold at least 1 element (its element 0 is read), "
-            "got 0 in shape [0]",
-        ),
+        ({"value": (0, 2), "mult_shift": (0,)}, checks.empty_scalar("mult_shift")),
     ],
-    ids=lambda x: "-".join(f"{k}{list(v)}" for k, v in x.items()) if isinstance(x, dict) else "",
+    ids=checks.case_name,
 )
 def test_small_inputs_are_refused(inputs, text):
     """Each input must hold what is read of it; the error names it, what it needs and has."""
-    with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
+    with checks.refused(text):
         _call(**inputs)
 
 
 @pytest.mark.parametrize("shape", [(2**31, 0), (0, 2**31), (1, 2**31, 0, 1), (2, 0, 2**32 + 1)])
 def test_dimensions_beyond_32_bits_are_refused(shape):
     """Dimensions are 32-bit; one that is not must not be cut to fit, elements or none."""
-    text = (
-        "Need every dimension of value to be at most 2147483647, got shape "
-        f"[{','.join(map(str, shape))}]"
-    )
-    with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
-        _call(value=_empty(shape))
+    with checks.refused(checks.too_long("value", shape)):
+        _call(value=checks.empty(shape))
 
 
-@pytest.mark.parametrize(
-    ("feed_repeat", "got"),
-    [
-        (np.nan, "nan"),
-        (np.inf, "inf"),
-        (2.0**31 + 256, "2.1474839e+09"),
-        (2.0**127, "1.70141183e+38"),
-    ],
-)
+@pytest.mark.parametrize(("feed_repeat", "got"), checks.ENDLESS_REPEATS)
 @pytest.mark.parametrize("shape", [(1, 1), (1, 1, 1, 1), (2, 3, 4), (0, 2)])
 def test_endless_feed_repeats_are_refused(feed_repeat, got, shape):
     """NaN, +infinity and what a 32-bit count never reaches; before anything is computed."""
-    text = (
-        "Need elementwise_feed_repeat to be a number of repeats of at most 2^31 = 2147483648, "
-        f"got {got}"
-    )
-    with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
+    with checks.refused(checks.endless("elementwise_feed_repeat", got)):
         _call(value=shape, elementwise=shape, feed_repeat=tf.constant([feed_repeat, 1.0]))
 
 
-@pytest.mark.parametrize(
-    ("dtype", "width", "text"),
-    [
-        (np.int32, -1, "Need accumulator_size >= 0, got -1"),
-        (np.float32, -1, "Need accumulator_size >= 0, got -1"),
-        (np.int32, -(2**31), "Need accumulator_size >= 0, got -2147483648"),
-        (np.int32, 33, "Need accumulator_size <= 32 for int32 data, got 33"),
-        (np.int32, 2**31 - 1, "Need accumulator_size <= 32 for int32 data, got 2147483647"),
-    ],
-)
+@pytest.mark.parametrize(("dtype", "width", "text"), checks.WIDTHS_REFUSED)
 def test_widths_are_refused_at_construction(dtype, width, text):
     """Negative widths, and for integers those above 32."""
-    with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
+    with checks.refused(text):
         one(1, 1, dtype, accumulator_size=width)
     # Before the inputs are looked at.
-    with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
+    with checks.refused(text):
         raw.add(np.zeros([], dtype), np.zeros([], dtype), accumulator_size=width)
 
 
@@ -505,5 +402,5 @@ def test_in_a_graph(assert_bits):
 
     ones = np.ones([2, 3], np.int32)
     assert_bits(add(100 * ones, 50 * ones), -106 * ones)
-    with pytest.raises(tf.errors.InvalidArgumentError, match="Need value of rank 2 or above"):
+    with checks.refused("Need value of rank 2 or above"):
         add(ones[0], ones[0])

@@ -24,7 +24,10 @@ def _integers(*shape, low=-20, high=21):
     return RNG.integers(low, high, shape).astype(np.int32)
 
 
-# Each wrapper with two integer operands, its arguments, and the generated op on the same data.
+_ANCHORS = [_integers(3) for _ in range(6)]
+_PAIRS = [_integers(*shape) for shape in ((2, 4, 5, 6), (2, 4, 5, 6), (4, 6), (5, 6))]
+
+# Each wrapper with integer operands, its arguments, and the generated op on the same data.
 CALLS = {
     "add": (
         (_integers(2, 3, 3, 2), _integers(2, 3, 3, 2)),
@@ -36,6 +39,42 @@ CALLS = {
         (_integers(2, 3, 3, 2), _integers(2)),
         {"accumulator_size": 6, "factor": 3, "feed_repeat": 2.5, "mult_shift": 1},
         raw.bias_add,
+        {},
+    ),
+    "decomposed_bias_add": (
+        (_integers(2, 3, 3, 2), _integers(2), _integers(2)),
+        {"accumulator_size": 6, "factor_a": 3, "factor_b": -2, "feed_repeat": 2.5},
+        raw.decomposed_bias_add,
+        {},
+    ),
+    "weighted_add": (
+        (_integers(2, 3, 3, 2), _integers(2, 3, 3, 2), _integers(4)),
+        {"accumulator_size": 7, "mult_shift": 1},
+        raw.weighted_add,
+        {},
+    ),
+    "matmul": (
+        (_integers(2, 3, 4), _integers(2, 4, 5)),
+        {"accumulator_size": 8, "mult_shift": 2},
+        raw.matmul,
+        {},
+    ),
+    "bilinear": (
+        (*(_integers(2, 3, 4, 2) for _ in range(4)), *(_integers(3, 4, 2) for _ in range(4))),
+        {"accumulator_size": 7, "mult_shift": 2, "bias": 5.0},
+        raw.bilinear,
+        {},
+    ),
+    "decode_boxes": (
+        (*_PAIRS, *_ANCHORS),
+        {"accumulator_size": 8, "mult_shift": 1},
+        raw.decode_boxes,
+        {},
+    ),
+    "decode_boxes_single_weight": (
+        (*_PAIRS, *_ANCHORS[:4]),
+        {"accumulator_size": 8, "mult_shift": 1},
+        raw.decode_boxes_single_weight,
         {},
     ),
     "conv2d": (
@@ -58,16 +97,17 @@ CALLS = {
     ),
 }
 NAMES = tuple(CALLS)
+CONVOLUTIONS = tuple(name for name in NAMES if name.endswith("conv2d"))
 
 
 def _wrapper(name, /, **changes):
-    """Return the wrapper as a function of its two operands."""
-    return lambda x, y: getattr(ops, name)(x, y, **{**CALLS[name][1], **changes})
+    """Return the wrapper as a function of its operands."""
+    return lambda *operands: getattr(ops, name)(*operands, **{**CALLS[name][1], **changes})
 
 
 def _expected(name, dtype=np.int32):
-    (x, y), arguments, call, options = CALLS[name]
-    return call(x.astype(dtype), y.astype(dtype), **arguments, **options).numpy()
+    operands, arguments, call, options = CALLS[name]
+    return call(*(x.astype(dtype) for x in operands), **arguments, **options).numpy()
 
 
 # ---- What is taken -----------------------------------------------------------------------------
@@ -89,19 +129,19 @@ FORMS = {
 @pytest.mark.parametrize("form", FORMS)
 def test_forms_of_integers(name, form, assert_bits):
     """Arrays, lists, tensors and variables give the generated op's bits."""
-    x, y = map(FORMS[form], CALLS[name][0])
-    assert_bits(_wrapper(name)(x, y), _expected(name))
+    assert_bits(_wrapper(name)(*map(FORMS[form], CALLS[name][0])), _expected(name))
 
 
 @pytest.mark.parametrize("name", NAMES)
 @pytest.mark.parametrize("form", ["numpy", "list", "tensor", "variable"])
 def test_forms_of_floats(name, form, assert_bits):
-    """The same in floats; of two lists the second may hold integers."""
-    x, y = CALLS[name][0]
-    operands = FORMS[form](x.astype(np.float32)), FORMS[form](y.astype(np.float32))
+    """The same in floats; of several lists all but the first may hold integers."""
+    first, *others = CALLS[name][0]
+    operands = [FORMS[form](x.astype(np.float32)) for x in (first, *others)]
     assert_bits(_wrapper(name)(*operands), _expected(name, np.float32))
     if form == "list":
-        assert_bits(_wrapper(name)(operands[0], y.tolist()), _expected(name, np.float32))
+        lists = [x.tolist() for x in others]
+        assert_bits(_wrapper(name)(operands[0], *lists), _expected(name, np.float32))
 
 
 @pytest.mark.parametrize("name", NAMES)
@@ -115,13 +155,13 @@ def test_forms_of_floats(name, form, assert_bits):
 )
 @pytest.mark.parametrize("form", ["numpy", "tensor", "mixed"])
 def test_narrower_types_widen(name, narrow, wide, form, assert_bits):
-    """Both operands, or either."""
-    x, y = (a.astype(narrow) for a in CALLS[name][0])
+    """All operands, or the first."""
+    first, *others = (x.astype(narrow) for x in CALLS[name][0])
     if form == "tensor":
-        x, y = tf.constant(x), tf.constant(y)
+        first, *others = map(tf.constant, (first, *others))
     elif form == "mixed":
-        y = y.astype(wide)
-    assert_bits(_wrapper(name)(x, y), _expected(name, wide))
+        others = [x.astype(wide) for x in others]
+    assert_bits(_wrapper(name)(first, *others), _expected(name, wide))
 
 
 @pytest.mark.parametrize("dtype", [tf.uint8, tf.uint16, tf.bool])
@@ -170,16 +210,18 @@ def test_other_types_are_refused(value):
 
 @pytest.mark.parametrize("name", NAMES)
 def test_types_that_differ_are_refused(name):
-    """Both operands have one type; the error names the second argument as the function does."""
-    x, y = CALLS[name][0]
-    second = list(inspect.signature(getattr(ops, name)).parameters)[1]
-    for a, b, wanted, got in (
-        (x, y.astype(np.float32), "int32", "float32"),
-        (x.astype(np.float32), y, "float32", "int32"),
-        (x, tf.constant(y, tf.float32), "int32", "float32"),
-    ):
-        with pytest.raises(TypeError, match=f"{second} must be {wanted}, got {got}"):
-            _wrapper(name)(a, b)
+    """All operands have one type; the error names the argument as the function does."""
+    operands = CALLS[name][0]
+    parameters = list(inspect.signature(getattr(ops, name)).parameters)
+    for at in range(1, len(operands)):
+        for own, other, form in (
+            ("int32", "float32", np.array),
+            ("float32", "int32", np.array),
+            ("int32", "float32", tf.constant),
+        ):
+            mixed = [form(x, other if i == at else own) for i, x in enumerate(operands)]
+            with pytest.raises(TypeError, match=f"{parameters[at]} must be {own}, got {other}"):
+                _wrapper(name)(*mixed)
 
 
 def test_lists_that_floats_do_not_hold_are_refused():
@@ -301,7 +343,7 @@ def test_forms_of_strides(argument, value, spatial, assert_bits):
 
 
 @pytest.mark.parametrize("argument", ["strides", "dilations"])
-@pytest.mark.parametrize("name", NAMES[2:])
+@pytest.mark.parametrize("name", CONVOLUTIONS)
 @pytest.mark.parametrize("value", [[], [1, 2, 3], [2, 1, 1, 1], [1, 1, 1, 2], [1] * 5, [[1, 2]]])
 def test_malformed_strides_are_refused(name, argument, value):
     """Other counts, and other values than 1 for batch and channels."""
@@ -324,7 +366,7 @@ def test_dilated_convolution_needs_dilations():
         ops.dilated_conv2d(*CALLS["dilated_conv2d"][0])
 
 
-@pytest.mark.parametrize("name", NAMES[2:])
+@pytest.mark.parametrize("name", CONVOLUTIONS)
 @pytest.mark.parametrize("padding", ["valid", "Valid", "VALID"])
 def test_padding_in_any_case(name, padding, assert_bits):
     """As tf.keras and tf.nn write it."""
@@ -340,7 +382,7 @@ def test_other_paddings_are_refused(padding):
         _wrapper("conv2d", padding=padding)(*CALLS["conv2d"][0])
 
 
-@pytest.mark.parametrize("name", NAMES[2:])
+@pytest.mark.parametrize("name", CONVOLUTIONS)
 def test_elementwise_operand(name, assert_bits):
     """The operand in any form; None leaves it out."""
     (x, y), arguments, call, options = CALLS[name]
@@ -354,7 +396,7 @@ def test_elementwise_operand(name, assert_bits):
         _wrapper(name, elementwise=operand.astype(np.float32))(x, y)
 
 
-@pytest.mark.parametrize("name", NAMES[2:])
+@pytest.mark.parametrize("name", CONVOLUTIONS)
 def test_malformed_operands_are_left_to_the_kernel(name):
     """Ranks are refused with the kernel's text."""
     weights = np.ones([1, 1, 1, 1], np.int32)
@@ -409,19 +451,21 @@ def test_a_list_of_integers_is_a_depthwise_filter_of_floats(assert_bits):
 @pytest.mark.parametrize("dtype", [np.int32, np.float32])
 def test_in_functions(name, dtype, assert_bits):
     """The same bits traced on constants, on arguments, and with dimensions unknown."""
-    x, y = (a.astype(dtype) for a in CALLS[name][0])
+    operands = [x.astype(dtype) for x in CALLS[name][0]]
     call = _wrapper(name)
     expected = _expected(name, dtype)
-    assert_bits(tf.function(lambda: call(x, y), autograph=False)(), expected)
-    assert_bits(tf.function(call, autograph=False)(x, y), expected)
-    for shapes in (
-        ([None] * x.ndim, [None] * y.ndim),
-        ([None, *x.shape[1:]], y.shape),
-        (None, y.shape),
+    assert_bits(tf.function(lambda: call(*operands), autograph=False)(), expected)
+    assert_bits(tf.function(call, autograph=False)(*operands), expected)
+    shapes = [x.shape for x in operands]
+    for unknown in (
+        [[None] * len(shape) for shape in shapes],
+        [[None, *shapes[0][1:]], *shapes[1:]],
+        [None, *shapes[1:]],
+        [None] * len(shapes),
     ):
-        specs = [tf.TensorSpec(shape, dtype) for shape in shapes]
+        specs = [tf.TensorSpec(shape, dtype) for shape in unknown]
         function = tf.function(call, autograph=False).get_concrete_function(*specs)
-        assert_bits(function(tf.constant(x), tf.constant(y)), expected)
+        assert_bits(function(*map(tf.constant, operands)), expected)
 
 
 def test_names_reach_the_graph():
@@ -441,7 +485,8 @@ folder = sys.argv[1]
 model = tf.saved_model.load(folder + "/model")
 data = np.load(folder + "/data.npz")
 for name in sys.argv[2:]:
-    result = getattr(model, name)(data[name + "_x"], data[name + "_y"]).numpy()
+    operands = [data[key] for key in data.files if key.startswith(name + ":")]
+    result = getattr(model, name)(*operands).numpy()
     assert result.dtype == data[name].dtype
     assert result.tobytes() == data[name].tobytes(), name
 import keras
@@ -456,11 +501,11 @@ def test_saved_models_in_a_fresh_process(tmp_path):
     module = tf.Module()
     data = {}
     for name in NAMES:
-        x, y = CALLS[name][0]
-        specs = [tf.TensorSpec([None] * a.ndim, tf.int32) for a in (x, y)]
+        operands = CALLS[name][0]
+        specs = [tf.TensorSpec([None] * x.ndim, tf.int32) for x in operands]
         function = tf.function(_wrapper(name), input_signature=specs, autograph=False)
         setattr(module, name, function)
-        data |= {f"{name}_x": x, f"{name}_y": y, name: _expected(name)}
+        data |= {f"{name}:{i}": x for i, x in enumerate(operands)} | {name: _expected(name)}
     tf.saved_model.save(module, str(tmp_path / "model"))
     layers = _network()
     data["pixels"] = _integers(3, 5, 5, 2)
@@ -482,7 +527,7 @@ _WEIGHTS = {
 
 
 def _forward(x):
-    """A network that uses every wrapper; on arrays, tensors or symbolic tensors."""
+    """A network of several wrappers; on arrays, tensors or symbolic tensors."""
     x = ops.conv2d(x, _WEIGHTS["conv2d"], accumulator_size=10, mult_shift=1)
     y = ops.bias_add(x, _WEIGHTS["bias_add"], accumulator_size=10, feed_repeat=2.0)
     y = ops.dilated_conv2d(y, _WEIGHTS["dilated_conv2d"], dilations=2, accumulator_size=12)
@@ -507,6 +552,17 @@ def test_functional_model(assert_bits):
     assert len(layers) == 5
     assert not any(layer.supports_jit for layer in layers)
     assert not model.trainable_variables
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_each_wrapper_is_a_layer(name, tmp_path, assert_bits):
+    """The first operand symbolic, the others the layer's constants, which a file keeps."""
+    first, *others = CALLS[name][0]
+    symbolic = keras.Input(batch_shape=first.shape, dtype="int32")
+    model = keras.Model(symbolic, _wrapper(name)(symbolic, *others))
+    assert_bits(model(first), _expected(name))
+    model.save(tmp_path / "model.keras")
+    assert_bits(keras.models.load_model(tmp_path / "model.keras")(first), _expected(name))
 
 
 def test_functional_model_in_floats(assert_bits):
@@ -598,12 +654,12 @@ def test_errors_while_building_a_model():
 @pytest.mark.parametrize("name", NAMES)
 def test_gradients_are_undefined(name):
     """A silent zero would be worse than the runtime's error."""
-    x, y = (tf.constant(a, tf.float32) for a in CALLS[name][0])
+    operands = [tf.constant(x, tf.float32) for x in CALLS[name][0]]
     with tf.GradientTape() as tape:
-        tape.watch(x)
-        result = _wrapper(name)(x, y)
+        tape.watch(operands)
+        result = _wrapper(name)(*operands)
     with pytest.raises(LookupError, match="gradient registry has no entry"):
-        tape.gradient(result, x)
+        tape.gradient(result, operands)
 
 
 @pytest.mark.parametrize("name", NAMES)
@@ -616,5 +672,5 @@ def test_xla_is_refused(name):
 
 def test_everything_public_is_tested():
     """Every wrapper appears in the cases above, or has a file of its own."""
-    units = ("activation", "layer_norm", "softmax")
+    units = ("activation", "layer_norm", "non_max_suppression", "softmax")
     assert sorted(bitfold.ops.__all__) == sorted([*NAMES, *units])

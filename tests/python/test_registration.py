@@ -6,6 +6,7 @@ from __future__ import annotations
 
 import json
 import pathlib
+import re
 import shutil
 import subprocess
 
@@ -22,14 +23,10 @@ _ELEMENT_TYPE = "T: {float, int32}"
 _DATA_FORMAT = 'data_format: {"NHWC", "NCHW"} = "NHWC"'
 
 
-def _addition(operand: str) -> dict[str, list[str]]:
+def _accumulation(*inputs: str) -> dict[str, list[str]]:
     return {
         "inputs": [
-            "value: T",
-            f"{operand}: T",
-            f"{operand}_factor: T",
-            f"{operand}_feed_repeat: float",
-            "mult_shift: int8",
+            name if ": " in name else f"{name}: T" for name in (*inputs, "mult_shift: int8")
         ],
         "attributes": [
             _ELEMENT_TYPE,
@@ -61,21 +58,94 @@ def _convolution(is_depthwise: str) -> dict[str, list[str]]:
 
 # Every op in registration order, and its kernels as (device, element type) -> printable name.
 OPS = {
-    "HAdd": _addition("elementwise"),
-    "HBiasAdd": _addition("bias"),
+    "HAdd": _accumulation(
+        "value", "elementwise", "elementwise_factor", "elementwise_feed_repeat: float"
+    ),
+    "HBboxDecoder": _accumulation(
+        "detection_centers",
+        "detection_w_h",
+        "y_centers",
+        "x_centers",
+        "anchors_heights",
+        "anchors_heights_div_2",
+        "anchors_heights_minus_div_2",
+        "anchors_widths",
+        "anchors_widths_div_2",
+        "anchors_widths_minus_div_2",
+    ),
+    "HBiasAdd": _accumulation("value", "bias", "bias_factor", "bias_feed_repeat: float"),
+    "HBilinear": {
+        "inputs": [
+            "im_out_upper_left: T",
+            "im_out_upper_right: T",
+            "im_out_bottom_left: T",
+            "im_out_bottom_right: T",
+            "one_m_rx_one_m_ry: T",
+            "rx_one_m_ry: T",
+            "ry_one_m_rx: T",
+            "rx_ry: T",
+            "mult_shift: int8",
+            "bias: float",
+        ],
+        "attributes": [_ELEMENT_TYPE, "accumulator_size: int", "float_accumulator: bool"],
+        "outputs": ["output: T"],
+    },
     "HDepthWise": _convolution("true"),
     "HConv2d": _convolution("false"),
     "HConv2dDilation": _convolution("false"),
+    "HDecomposedBiasAdd": _accumulation(
+        "value",
+        "bias_a",
+        "bias_b",
+        "bias_a_factor",
+        "bias_b_factor",
+        "bias_feed_repeat: float",
+    ),
     "HLayernorm": {
         "inputs": ["value: float", *(f"{name}: uint32" for name in numeric.SCALARS), "lut: float"],
         "attributes": [],
         "outputs": ["output: float"],
     },
+    "HMatmul": {
+        "inputs": ["a: T", "b: T", "mult_shift: int8"],
+        "attributes": [
+            "transpose_a: bool = false",
+            "transpose_b: bool = false",
+            "accumulator_size: int",
+            _ELEMENT_TYPE,
+            "use_fp16_acc: bool = false",
+            "adj_x: bool = false",
+            "adj_y: bool = false",
+        ],
+        "outputs": ["product: T"],
+    },
+    "HNMS": {
+        "inputs": ["value: float", "scores_threshold: float"],
+        "attributes": [
+            "iou_threshold: float",
+            "max_output_size: float",
+            "classes: float",
+            "debug_precise_numeric: bool",
+            "is_velquin: bool",
+        ],
+        "outputs": ["output: float"],
+    },
+    "HSingleWeightPerProposalBboxDecoder": _accumulation(
+        "detection_centers",
+        "detection_w_h",
+        "y_centers",
+        "x_centers",
+        "anchors_height_scale_factor",
+        "anchors_height_scale_factor_minus",
+        "anchors_width_scale_factor",
+        "anchors_width_scale_factor_minus",
+    ),
     "HSoftmax": {
         "inputs": ["value: float", "lut_table: uint32"],
         "attributes": ["is_velquin: bool"],
         "outputs": ["output: float"],
     },
+    "HStandaloneElementwiseAdd": _accumulation("value", "elementwise", "weights"),
     "HActivation": {
         "inputs": [
             "inp: int64",
@@ -100,16 +170,29 @@ OPS = {
 # One kernel each, without a type constraint.
 UNTYPED_KERNELS = {
     "HLayernorm": "HLayernormOp<CPUDevice>",
+    "HNMS": "HNMSOp<CPUDevice>",
     "HSoftmax": "HSoftmaxOp<CPUDevice>",
     "HActivation": "Activation<CPUDevice>",
 }
+# Two kernels each, float and int32; the class without its template arguments.
 KERNEL_CLASSES = {
     "HAdd": "HAddOp",
+    "HBboxDecoder": "HBboxDecoderOp",
     "HBiasAdd": "HBiasAddOp",
+    "HBilinear": "HBilinearOp",
     "HDepthWise": "HConv2dOp",
     "HConv2d": "HConv2dOp",
     "HConv2dDilation": "HConv2dOp",
+    "HDecomposedBiasAdd": "HDecomposedBiasAddOp",
+    "HMatmul": "HMatMulOp",
+    "HSingleWeightPerProposalBboxDecoder": "HSingleWeightPerProposalBboxDecoderOp",
+    "HStandaloneElementwiseAdd": "HStandaloneElementwiseAddOp",
 }
+KERNEL_NAMES = [
+    f"{c}<{t}>" if c == "HMatMulOp" else f"{c}<CPUDevice, {t}>"
+    for c in sorted(set(KERNEL_CLASSES.values()))
+    for t in ("float", "int32")
+]
 SYMBOLS = {
     "accumulator_fp16_verification",
     "accumulator_int_verification",
@@ -250,11 +333,7 @@ def test_kernels(loaded):
     assert sorted(found) == sorted(expected)
 
 
-@pytest.mark.parametrize(
-    "name",
-    sorted({f"{c}<CPUDevice, {t}>" for c in KERNEL_CLASSES.values() for t in ("float", "int32")})
-    + list(UNTYPED_KERNELS.values()),
-)
+@pytest.mark.parametrize("name", KERNEL_NAMES + list(UNTYPED_KERNELS.values()))
 def test_kernel_names(name):
     """Kernels are registered under their printable names."""
     assert name.encode() + b"\0" in pathlib.Path(bitfold.library_path()).read_bytes()
@@ -271,28 +350,35 @@ def test_loading_twice_is_harmless(loaded):
     assert loaded["second"] == loaded["first"]
 
 
+@pytest.mark.parametrize("name", KERNEL_CLASSES)
 @pytest.mark.parametrize(
     "dtype",
     ["int8", "uint8", "int16", "uint16", "int64", "float16", "bfloat16", "float64", "bool"],
 )
-def test_other_element_types_are_refused(dtype):
+def test_other_element_types_are_refused(name, dtype):
     """Float and int32 are the element types; for any other there is no kernel."""
-    one = tf.cast(tf.ones([1, 1, 1, 1]), dtype)
-    float_one, int8_one = np.ones([1], np.float32), np.ones([1], np.int8)
-    refused = pytest.raises(
+    inputs = {
+        "T": tf.cast(tf.ones([1, 1, 1, 1]), dtype),
+        "float": np.ones([1], np.float32),
+        "int8": np.ones([1], np.int8),
+    }
+    attributes = {
+        "strides": [1] * 4,
+        "dilations": [1] * 4,
+        "padding": "SAME",
+        "accumulator_size": 8,
+        "float_accumulator": False,
+    }
+    names = [attribute.split(":")[0] for attribute in OPS[name]["attributes"]]
+    call = getattr(bitfold.raw_ops, re.sub(r"(?<!^)(?=[A-Z])", "_", name).lower())
+    with pytest.raises(
         (tf.errors.InvalidArgumentError, tf.errors.NotFoundError),
         match=r"(?i)allowed values|kernel",
-    )
-    with refused:
-        bitfold.raw_ops.h_add(one, one, one, float_one, int8_one, accumulator_size=8)
-    with refused:
-        bitfold.raw_ops.h_bias_add(one, one[0, 0, 0], one, float_one, int8_one, accumulator_size=8)
-    for op in ("h_conv2d", "h_conv2d_dilation", "h_depth_wise"):
-        with refused:
-            getattr(bitfold.raw_ops, op)(
-                one, one, one, int8_one, strides=[1] * 4, dilations=[1] * 4, padding="SAME",
-                accumulator_size=8,
-            )  # fmt: skip
+    ):
+        call(
+            *(inputs[argument.split(": ")[1]] for argument in OPS[name]["inputs"]),
+            **{key: value for key, value in attributes.items() if key in names},
+        )
 
 
 def test_exported_symbols():

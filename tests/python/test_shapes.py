@@ -23,12 +23,17 @@ def _placeholder(shape, dtype=tf.int32):
 # ---- The generated ops -------------------------------------------------------------------------
 
 
+def _sizes(shape):
+    return shape.as_list() if shape.rank is not None else None
+
+
 @pytest.mark.parametrize("shape", [[2, 3], [None, 3], [1, 2, 3, 4], [None, None, 3], [], None])
-def test_add_keeps_the_shape(shape):
-    """HAdd has the shape of its value, whatever the operand's."""
+@pytest.mark.parametrize(("op", "others"), [(raw.add, 1), (raw.weighted_add, 2), (raw.bilinear, 7)])
+def test_shapes_kept(op, others, shape):
+    """HAdd, HStandaloneElementwiseAdd and HBilinear have the shape of their first input."""
     with tf.Graph().as_default():
-        result = raw.add(_placeholder(shape), _placeholder([7]))
-    assert result.shape.as_list() == shape if shape is not None else result.shape.rank is None
+        result = op(_placeholder(shape), *(_placeholder([7]) for _ in range(others)))
+    assert _sizes(result.shape) == shape
 
 
 @pytest.mark.parametrize(
@@ -42,11 +47,13 @@ def test_add_keeps_the_shape(shape):
         (None, [3], None),
     ],
 )
-def test_bias_add_merges_the_channels(value, bias, expected):
-    """HBiasAdd has the shape of its value, the bias telling the channels where they are unknown."""
+def test_bias_additions_merge_the_channels(value, bias, expected):
+    """A value's shape; the bias, or its first part, tells the channels where they are unknown."""
     with tf.Graph().as_default():
         result = raw.bias_add(_placeholder(value), _placeholder(bias))
-    assert (result.shape.as_list() if result.shape.rank is not None else None) == expected
+        parts = raw.decomposed_bias_add(_placeholder(value), _placeholder(bias), _placeholder([7]))
+    assert _sizes(result.shape) == expected
+    assert _sizes(parts.shape) == expected
 
 
 @pytest.mark.parametrize(
@@ -57,10 +64,82 @@ def test_bias_add_merges_the_channels(value, bias, expected):
         ([3], [3], "Shape must be at least rank 2 but is rank 1"),
     ],
 )
-def test_bias_add_refuses(value, bias, text):
+def test_bias_additions_refuse(value, bias, text):
     """The runtime's own rule for a bias."""
     with tf.Graph().as_default(), pytest.raises(ValueError, match=re.escape(text)):
         raw.bias_add(_placeholder(value), _placeholder(bias))
+    with tf.Graph().as_default(), pytest.raises(ValueError, match=re.escape(text)):
+        raw.decomposed_bias_add(_placeholder(value), _placeholder(bias), _placeholder([7]))
+
+
+@pytest.mark.parametrize(
+    ("a", "b", "attributes", "expected"),
+    [
+        ([2, 3], [3, 5], {}, [2, 5]),
+        ([None, 3], [3, None], {}, [None, None]),
+        ([2, 3], None, {}, [2, None]),
+        ([3, 2], [3, 5], {"transpose_a": True}, [2, 5]),
+        ([2, 3], [5, 3], {"transpose_b": True}, [2, 5]),
+        # Any other rank of a: a batch of matrices.
+        ([4, 2, 3], [4, 3, 5], {}, [4, 2, 5]),
+        ([None, 2, None], [4, 3, 5], {}, [4, 2, 5]),
+        ([4, 3, 2], [4, 3, 5], {"adj_x": True}, [4, 2, 5]),
+        ([4, 2, 3], [4, 5, 3], {"adj_y": True}, [4, 2, 5]),
+        ([7, 4, 2, 3], [7, 4, 3, 5], {}, [7, 4, 2, 5]),
+    ],
+)
+def test_matmul(a, b, attributes, expected):
+    """The runtime's rules for a product of matrices, or of batches of them."""
+    with tf.Graph().as_default():
+        result = raw.matmul(_placeholder(a), _placeholder(b), **attributes)
+    assert _sizes(result.shape) == expected
+
+
+@pytest.mark.parametrize(
+    ("a", "b", "text"),
+    [
+        ([2, 3], [4, 5], "Dimensions must be equal, but are 3 and 4"),
+        ([2, 3], [1, 3, 5], "Shape must be rank 2 but is rank 3"),
+        ([4, 2, 3], [4, 2, 5], "Dimensions must be equal, but are 3 and 2"),
+        ([4, 2, 3], [3, 5], "Shapes must be equal rank"),
+        ([4, 2, 3], [1, 3, 5], "Dimension 0 in both shapes must be equal, but are 4 and 1"),
+        ([4, 2, 3], [5], "Shape must be at least rank 2 but is rank 1"),
+        ([3], [3, 5], "Shape must be at least rank 2 but is rank 1"),
+    ],
+)
+def test_matmul_refuses(a, b, text):
+    """Inner dimensions that differ, and ranks."""
+    with tf.Graph().as_default(), pytest.raises(ValueError, match=re.escape(text)):
+        raw.matmul(_placeholder(a), _placeholder(b))
+
+
+_DECODERS = [(raw.decode_boxes, 9), (raw.decode_boxes_single_weight, 7)]
+
+
+@pytest.mark.parametrize(
+    ("shape", "expected"),
+    [
+        ([2, 3, 5, 6], [2, 3, 5, 12]),
+        ([2, 3, 5, 7], [2, 3, 5, 14]),
+        ([None, 3, None, None], [None, 3, None, None]),
+        (None, [None] * 4),
+    ],
+)
+@pytest.mark.parametrize(("op", "others"), _DECODERS)
+def test_decoders_double_the_last_dimension(op, others, shape, expected):
+    """Two numbers in, four corners out."""
+    with tf.Graph().as_default():
+        result = op(_placeholder(shape), *(_placeholder(None) for _ in range(others)))
+    assert _sizes(result.shape) == expected
+
+
+@pytest.mark.parametrize("rank", [0, 3, 5])
+@pytest.mark.parametrize(("op", "others"), _DECODERS)
+def test_decoders_refuse(op, others, rank):
+    """The rule knows rank 4 alone."""
+    text = f"Shape must be rank 4 but is rank {rank}"
+    with tf.Graph().as_default(), pytest.raises(ValueError, match=re.escape(text)):
+        op(_placeholder([1] * rank), *(_placeholder(None) for _ in range(others)))
 
 
 def _infer(op, input, filter, **arguments):
