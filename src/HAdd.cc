@@ -6,6 +6,7 @@
 #include "bitfold/HAdd.h"
 
 #include "additions.h"
+#include "device_launchers.h"
 #include "floating_point_scope.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -57,6 +58,34 @@ struct HAddElementwise4dFunctor<CPUDevice, T> {
   }
 };
 
+#ifdef BITFOLD_GPU
+
+template <typename T>
+struct HAddElementwise2DFunctor<GPUDevice, T> {
+  void operator()(const GPUDevice& device, const T* value, const T* elementwise,
+                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
+                  int d0, int d1, int accumulator_size, const int8_t* mult_shift,
+                  bool use_fp16_acc) const {
+    LaunchAddEwFeedRepeat2D(device.stream, value, elementwise, elementwise_factor,
+                            elementwise_feed_repeat, output, d0, d1, accumulator_size, mult_shift,
+                            use_fp16_acc);
+  }
+};
+
+template <typename T>
+struct HAddElementwise4dFunctor<GPUDevice, T> {
+  void operator()(const GPUDevice& device, const T* value, const T* elementwise,
+                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
+                  int d0, int d1, int d2, int d3, int accumulator_size, const int8_t* mult_shift,
+                  bool use_fp16_acc) const {
+    LaunchAddEwFeedRepeat4D(device.stream, value, elementwise, elementwise_factor,
+                            elementwise_feed_repeat, output, d0, d1, d2, d3, accumulator_size,
+                            mult_shift, use_fp16_acc);
+  }
+};
+
+#endif
+
 template <typename Device, typename T>
 class HAddOp : public AdditionOp<T> {
  public:
@@ -72,12 +101,12 @@ class HAddOp : public AdditionOp<T> {
     const int rank = value.dims() == 4 ? 4 : 2;
     OP_REQUIRES_OK(context, Check(rank, value, elementwise, factor, feed_repeat, mult_shift));
 
+    const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
-    ZeroFill(output, ElementCount(value, rank));
+    OP_REQUIRES_OK(context, ZeroFill(device, output, ElementCount(value, rank)));
 
     const DefaultFloatingPointScope scope;
-    const Device& device = context->eigen_device<Device>();
     const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
     const T* x = value.flat<T>().data();
     const T* y = elementwise.flat<T>().data();
@@ -113,7 +142,12 @@ class HAddOp : public AdditionOp<T> {
   }
 };
 
-// Kernels of other devices register here, before the CPU's.
+#ifdef BITFOLD_GPU
+REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+                        HAddOp<GPUDevice, float>);
+REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+                        HAddOp<GPUDevice, int32>);
+#endif
 REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
                         HAddOp<CPUDevice, float>);
 REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),

@@ -6,6 +6,7 @@
 #include "bitfold/HBiasAdd.h"
 
 #include "additions.h"
+#include "device_launchers.h"
 #include "floating_point_scope.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -45,6 +46,20 @@ struct HAddBias4DFunctor<CPUDevice, T> {
   }
 };
 
+#ifdef BITFOLD_GPU
+
+template <typename T>
+struct HAddBias4DFunctor<GPUDevice, T> {
+  void operator()(const GPUDevice& device, const T* value, const T* bias, const T* bias_factor,
+                  const float* bias_feed_repeat, T* output, int d0, int d1, int d2, int d3,
+                  int accumulator_size, const int8_t* mult_shift, bool use_fp16_acc) const {
+    LaunchAddFeedRepeat(device.stream, value, bias, bias_factor, bias_feed_repeat, output, d0, d1,
+                        d2, d3, accumulator_size, mult_shift, use_fp16_acc);
+  }
+};
+
+#endif
+
 template <typename Device, typename T>
 class HBiasAddOp : public AdditionOp<T> {
  public:
@@ -62,22 +77,23 @@ class HBiasAddOp : public AdditionOp<T> {
       OP_REQUIRES_OK(context, Check(value, bias, factor, feed_repeat, mult_shift));
     }
 
+    const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
     if (!supported) {
-      ZeroFill(output, 0);
+      OP_REQUIRES_OK(context, ZeroFill(device, output, 0));
       LOG(ERROR) << "HBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)";
       return;
     }
-    ZeroFill(output, ElementCount(value, rank));
+    OP_REQUIRES_OK(context, ZeroFill(device, output, ElementCount(value, rank)));
 
     const DefaultFloatingPointScope scope;
     const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
-    HAddBias4DFunctor<Device, T>()(
-        context->eigen_device<Device>(), value.flat<T>().data(), bias.flat<T>().data(),
-        factor.flat<T>().data(), feed_repeat.flat<float>().data(), output->flat<T>().data(),
-        size(0), rank == 4 ? size(1) : 1, rank == 4 ? size(2) : 1, size(rank - 1),
-        this->accumulator_size_, mult_shift.flat<int8_t>().data(), this->use_fp16_acc_);
+    HAddBias4DFunctor<Device, T>()(device, value.flat<T>().data(), bias.flat<T>().data(),
+                                   factor.flat<T>().data(), feed_repeat.flat<float>().data(),
+                                   output->flat<T>().data(), size(0), rank == 4 ? size(1) : 1,
+                                   rank == 4 ? size(2) : 1, size(rank - 1), this->accumulator_size_,
+                                   mult_shift.flat<int8_t>().data(), this->use_fp16_acc_);
   }
 
  private:
@@ -92,7 +108,13 @@ class HBiasAddOp : public AdditionOp<T> {
   }
 };
 
-// Kernels of other devices register here, before the CPU's.
+#ifdef BITFOLD_GPU
+REGISTER_KERNEL_BUILDER(Name("HBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+                        HBiasAddOp<GPUDevice, float>);
+REGISTER_KERNEL_BUILDER(
+    Name("HBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+    HBiasAddOp<GPUDevice, int32>);
+#endif
 REGISTER_KERNEL_BUILDER(Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
                         HBiasAddOp<CPUDevice, float>);
 REGISTER_KERNEL_BUILDER(

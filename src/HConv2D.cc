@@ -5,12 +5,15 @@
 
 #include "bitfold/HConv2D.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "convolve.h"
+#include "device_launchers.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -139,6 +142,95 @@ BITFOLD_REGISTER_CONVOLUTION("HConv2dDilation", "false", tensorflow::shape_infer
 
 #undef BITFOLD_REGISTER_CONVOLUTION
 
+// A whole convolution on a device. The pointers are to its memory; elementwise may be null.
+template <typename Device, typename T>
+struct HConv2dFunctor;
+
+template <typename T>
+struct HConv2dFunctor<CPUDevice, T> {
+  void operator()(OpKernelContext*, const CPUDevice&, const T* input, const T* filter,
+                  const T* elementwise, T* output, int32_t batch, int32_t in_h, int32_t in_w,
+                  int32_t in_c, int32_t fh, int32_t fw, int32_t out_c, int32_t accumulator_size,
+                  const std::vector<int32_t>& strides, const std::vector<int32_t>& dilations,
+                  Padding padding, const int8_t* mult_shift, bool use_fp16_acc, bool is_depthwise,
+                  bool more_than_four_dimensions) const {
+    convolve4DTensorSlow<T>(input, filter, elementwise, output, batch, in_h, in_w, in_c, fh, fw,
+                            out_c, accumulator_size, strides, dilations, padding, mult_shift[0],
+                            use_fp16_acc, is_depthwise, more_than_four_dimensions ? 1 : 0);
+  }
+};
+
+#ifdef BITFOLD_GPU
+
+// Always the ordinary convolution with the first filter, whatever the last two arguments say. A
+// failure is left in the context.
+template <typename T>
+struct HConv2dFunctor<GPUDevice, T> {
+  void operator()(OpKernelContext* context, const GPUDevice& device, const T* input,
+                  const T* filter, const T* elementwise, T* output, int32_t batch, int32_t in_h,
+                  int32_t in_w, int32_t in_c, int32_t fh, int32_t fw, int32_t out_c,
+                  int32_t accumulator_size, const std::vector<int32_t>& strides,
+                  const std::vector<int32_t>& dilations, Padding padding, const int8_t* mult_shift,
+                  bool use_fp16_acc, bool /*is_depthwise*/,
+                  bool /*more_than_four_dimensions*/) const {
+    const DeviceConvolution sizes{batch,
+                                  in_c,
+                                  out_c,
+                                  {in_h, fh, strides[1], dilations[1], padding},
+                                  {in_w, fw, strides[2], dilations[2], padding}};
+    if (!sizes.HasOutputs()) return;
+    OP_REQUIRES_OK(context, Check(sizes));
+    Tensor rows;
+    OP_REQUIRES_OK(context, Allocate(context, sizes.row_elements(), &rows));
+    LaunchKer2Row(device.stream, sizes, filter, rows.flat<T>().data());
+    Tensor columns;
+    OP_REQUIRES_OK(context, Allocate(context, sizes.column_elements(), &columns));
+    if (sizes.positions() < sizes.outputs()) OP_REQUIRES_OK(context, ZeroFill(device, &columns, 0));
+    LaunchImages(device.stream, sizes, input, rows.flat<T>().data(), elementwise,
+                 columns.flat<T>().data(), output, accumulator_size, mult_shift, use_fp16_acc);
+  }
+
+ private:
+  static absl::Status Allocate(OpKernelContext* context, int64_t elements, Tensor* tensor) {
+    return context->allocate_temp(tensorflow::DataTypeToEnum<T>::value, TensorShape({elements}),
+                                  tensor);
+  }
+
+  // The kernels count in 32 bits, and where taps lie apart fewer positions are unfolded than SAME
+  // keeps, down to none.
+  static absl::Status Check(const DeviceConvolution& sizes) {
+    for (const auto* axis : {&sizes.rows, &sizes.columns}) {
+      if (axis->positions > 0) continue;
+      return absl::InvalidArgumentError(absl::StrCat(
+          "Need a dilation that leaves the GPU at least 1 position of the filter along the ",
+          axis == &sizes.rows ? "height" : "width", ", got ", axis->positions, " from an input of ",
+          axis->input, ", a filter of ", axis->taps, ", a stride of ", axis->stride,
+          " and a dilation of ", axis->dilation));
+    }
+    const int32_t taps_h = sizes.rows.taps;
+    const int32_t taps_w = sizes.columns.taps;
+    const int64_t window = SaturatingProduct({taps_h, taps_w, sizes.in_channels});
+    TF_RETURN_IF_ERROR(
+        RequireCounted("the filter", SaturatingProduct({window, sizes.out_channels})));
+    TF_RETURN_IF_ERROR(
+        RequireCounted("an unfolded image",
+                       SaturatingProduct({window, std::max(sizes.outputs(), sizes.positions())})));
+    TF_RETURN_IF_ERROR(RequireCounted(
+        "an image of the input",
+        SaturatingProduct({sizes.rows.input, sizes.columns.input, sizes.in_channels})));
+    return RequireCounted("an image of the output",
+                          SaturatingProduct({sizes.outputs(), sizes.out_channels}));
+  }
+
+  static absl::Status RequireCounted(const char* what, int64_t elements) {
+    if (elements <= std::numeric_limits<int32_t>::max()) return absl::OkStatus();
+    return absl::InvalidArgumentError(
+        absl::StrCat("Need at most 2147483647 elements in ", what, " on a GPU, got ", elements));
+  }
+};
+
+#endif
+
 template <typename Device, typename T>
 class HConv2dOp : public AccumulatorOp<T> {
  public:
@@ -173,13 +265,14 @@ class HConv2dOp : public AccumulatorOp<T> {
     OP_REQUIRES_OK(context, context->allocate_output(0, shape, &output));
 
     const bool has_elementwise = elementwise.NumElements() == output->NumElements();
-    convolve4DTensorSlow<T>(
-        input.flat<T>().data(), filter.flat<T>().data(),
+    HConv2dFunctor<Device, T>()(
+        context, DeviceOf<Device>(context), input.flat<T>().data(), filter.flat<T>().data(),
         has_elementwise ? elementwise.flat<T>().data() : nullptr, output->flat<T>().data(),
         Size(input, 0), Size(input, 1), Size(input, 2), Size(input, 3),
         Size(filter, get_filter_dim_height(leading)), Size(filter, get_filter_dim_width(leading)),
         Size(filter, get_filter_dim_out_channels(leading)), this->accumulator_size_, strides_,
-        dilations_, padding_, mult_shift.flat<int8_t>()(0), use_fp16_acc_, is_depthwise_, leading);
+        dilations_, padding_, mult_shift.flat<int8_t>().data(), use_fp16_acc_, is_depthwise_,
+        leading == 1);
   }
 
  private:
@@ -208,8 +301,9 @@ class HConv2dOp : public AccumulatorOp<T> {
     TF_RETURN_IF_ERROR(RequireInt32Dimensions("input", input));
     TF_RETURN_IF_ERROR(RequireInt32Dimensions("filter", filter));
     TF_RETURN_IF_ERROR(RequireScalar("mult_shift", mult_shift));
-    return is_depthwise_ ? CheckDepthwiseChannels(input, filter, leading)
-                         : CheckOrdinaryChannels(input, filter, leading);
+    constexpr bool kKnowsDepthwise = std::is_same_v<Device, CPUDevice>;
+    return is_depthwise_ && kKnowsDepthwise ? CheckDepthwiseChannels(input, filter, leading)
+                                            : CheckOrdinaryChannels(input, filter, leading);
   }
 
   // The input's channels count, not the filter's own: one with more of them is read in part.
@@ -272,7 +366,12 @@ class HConv2dOp : public AccumulatorOp<T> {
   bool is_depthwise_ = false;
 };
 
-// Kernels of other devices register here, for HConv2d alone and before the CPU's.
+#ifdef BITFOLD_GPU
+REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+                        HConv2dOp<GPUDevice, float>);
+REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+                        HConv2dOp<GPUDevice, int32>);
+#endif
 REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
                         HConv2dOp<CPUDevice, float>);
 REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),

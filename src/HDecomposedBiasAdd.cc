@@ -6,6 +6,7 @@
 #include "bitfold/HDecomposedBiasAdd.h"
 
 #include "additions.h"
+#include "device_launchers.h"
 #include "floating_point_scope.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -48,6 +49,22 @@ struct HAddDecomposedBias4DFunctor<CPUDevice, T> {
   }
 };
 
+#ifdef BITFOLD_GPU
+
+template <typename T>
+struct HAddDecomposedBias4DFunctor<GPUDevice, T> {
+  void operator()(const GPUDevice& device, const T* value, const T* bias_a, const T* bias_b,
+                  const T* bias_a_factor, const T* bias_b_factor, const float* bias_feed_repeat,
+                  T* output, int d0, int d1, int d2, int d3, int accumulator_size,
+                  const int8_t* mult_shift, bool use_fp16_acc) const {
+    LaunchAddDecomposedFeedRepeat(device.stream, value, bias_a, bias_b, bias_a_factor,
+                                  bias_b_factor, bias_feed_repeat, output, d0, d1, d2, d3,
+                                  accumulator_size, mult_shift, use_fp16_acc);
+  }
+};
+
+#endif
+
 template <typename Device, typename T>
 class HDecomposedBiasAddOp : public AdditionOp<T> {
  public:
@@ -59,23 +76,24 @@ class HDecomposedBiasAddOp : public AdditionOp<T> {
     const bool supported = rank == 4 || rank == 2;
     if (supported) OP_REQUIRES_OK(context, Check(context));
 
+    const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
     if (!supported) {
-      ZeroFill(output, 0);
+      OP_REQUIRES_OK(context, ZeroFill(device, output, 0));
       LOG(ERROR) << "HDecomposedBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)";
       return;
     }
-    ZeroFill(output, ElementCount(value, rank));
+    OP_REQUIRES_OK(context, ZeroFill(device, output, ElementCount(value, rank)));
 
     const DefaultFloatingPointScope scope;
     const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
     HAddDecomposedBias4DFunctor<Device, T>()(
-        context->eigen_device<Device>(), data(0), data(1), data(2), data(3), data(4),
-        context->input(5).flat<float>().data(), output->flat<T>().data(), size(0),
-        rank == 4 ? size(1) : 1, rank == 4 ? size(2) : 1, size(rank - 1), this->accumulator_size_,
-        context->input(6).flat<int8_t>().data(), this->use_fp16_acc_);
+        device, data(0), data(1), data(2), data(3), data(4), context->input(5).flat<float>().data(),
+        output->flat<T>().data(), size(0), rank == 4 ? size(1) : 1, rank == 4 ? size(2) : 1,
+        size(rank - 1), this->accumulator_size_, context->input(6).flat<int8_t>().data(),
+        this->use_fp16_acc_);
   }
 
  private:
@@ -93,7 +111,14 @@ class HDecomposedBiasAddOp : public AdditionOp<T> {
   }
 };
 
-// Kernels of other devices register here, before the CPU's.
+#ifdef BITFOLD_GPU
+REGISTER_KERNEL_BUILDER(
+    Name("HDecomposedBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+    HDecomposedBiasAddOp<GPUDevice, float>);
+REGISTER_KERNEL_BUILDER(
+    Name("HDecomposedBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+    HDecomposedBiasAddOp<GPUDevice, int32>);
+#endif
 REGISTER_KERNEL_BUILDER(
     Name("HDecomposedBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
     HDecomposedBiasAddOp<CPUDevice, float>);

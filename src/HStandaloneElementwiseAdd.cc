@@ -6,6 +6,7 @@
 #include "bitfold/HStandaloneElementwiseAdd.h"
 
 #include "additions.h"
+#include "device_launchers.h"
 #include "floating_point_scope.h"
 #include "op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -42,6 +43,20 @@ struct HStandaloneElementwiseAdd4DFunctor<CPUDevice, T> {
   }
 };
 
+#ifdef BITFOLD_GPU
+
+template <typename T>
+struct HStandaloneElementwiseAdd4DFunctor<GPUDevice, T> {
+  void operator()(const GPUDevice& device, const T* value, const T* elementwise, const T* weights,
+                  T* output, int d0, int d1, int d2, int d3, int accumulator_size,
+                  const int8_t* mult_shift, bool use_fp16_acc) const {
+    LaunchAddStandaloneEw(device.stream, value, elementwise, weights, output, d0, d1, d2, d3,
+                          accumulator_size, mult_shift, use_fp16_acc);
+  }
+};
+
+#endif
+
 template <typename Device, typename T>
 class HStandaloneElementwiseAddOp : public AdditionOp<T> {
  public:
@@ -56,17 +71,18 @@ class HStandaloneElementwiseAddOp : public AdditionOp<T> {
     const int rank = value.dims() == 4 ? 4 : 2;
     OP_REQUIRES_OK(context, Check(rank, value, elementwise, weights, mult_shift));
 
+    const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
-    ZeroFill(output, ElementCount(value, rank));
+    OP_REQUIRES_OK(context, ZeroFill(device, output, ElementCount(value, rank)));
 
     const DefaultFloatingPointScope scope;
     const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
     HStandaloneElementwiseAdd4DFunctor<Device, T>()(
-        context->eigen_device<Device>(), value.flat<T>().data(), elementwise.flat<T>().data(),
-        weights.flat<T>().data(), output->flat<T>().data(), size(0), rank == 4 ? size(1) : 1,
-        rank == 4 ? size(2) : 1, size(rank - 1), this->accumulator_size_,
-        mult_shift.flat<int8_t>().data(), this->use_fp16_acc_);
+        device, value.flat<T>().data(), elementwise.flat<T>().data(), weights.flat<T>().data(),
+        output->flat<T>().data(), size(0), rank == 4 ? size(1) : 1, rank == 4 ? size(2) : 1,
+        size(rank - 1), this->accumulator_size_, mult_shift.flat<int8_t>().data(),
+        this->use_fp16_acc_);
   }
 
  private:
@@ -87,7 +103,14 @@ class HStandaloneElementwiseAddOp : public AdditionOp<T> {
   }
 };
 
-// Kernels of other devices register here, before the CPU's.
+#ifdef BITFOLD_GPU
+REGISTER_KERNEL_BUILDER(
+    Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+    HStandaloneElementwiseAddOp<GPUDevice, float>);
+REGISTER_KERNEL_BUILDER(
+    Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+    HStandaloneElementwiseAddOp<GPUDevice, int32>);
+#endif
 REGISTER_KERNEL_BUILDER(
     Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
     HStandaloneElementwiseAddOp<CPUDevice, float>);

@@ -11,9 +11,33 @@
 #include "bitfold/int32_arithmetic.h"
 #include "bitfold/repeated_addition.h"
 
+#ifdef BITFOLD_GPU
+#include "device_launchers.h"
+#include "tensorflow/core/framework/device_base.h"
+#include "xla/stream_executor/stream.h"
+#endif
+
 namespace bitfold {
 
 using tensorflow::Tensor;
+
+namespace {
+
+// The memory of a tensor from element `first` on, which may be negative or beyond the end.
+struct BytesFrom {
+  char* data = nullptr;
+  size_t count = 0;
+
+  BytesFrom(Tensor* tensor, int64_t first) {
+    first = std::max<int64_t>(first, 0);
+    if (first >= tensor->NumElements()) return;
+    const size_t element = tensor->TotalBytes() / static_cast<size_t>(tensor->NumElements());
+    data = static_cast<char*>(tensor->data()) + static_cast<size_t>(first) * element;
+    count = tensor->TotalBytes() - static_cast<size_t>(first) * element;
+  }
+};
+
+}  // namespace
 
 absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size) {
   if (accumulator_size <= kMaxInt32AccumulatorSize) return absl::OkStatus();
@@ -79,11 +103,31 @@ int32_t ElementCount(const Tensor& tensor, int rank) {
 }
 
 void ZeroFill(Tensor* tensor, int64_t first) {
-  first = std::max<int64_t>(first, 0);
-  if (first >= tensor->NumElements()) return;
-  const size_t element = tensor->TotalBytes() / static_cast<size_t>(tensor->NumElements());
-  char* data = static_cast<char*>(tensor->data());
-  std::memset(data + first * element, 0, tensor->TotalBytes() - first * element);
+  const BytesFrom rest(tensor, first);
+  if (rest.count > 0) std::memset(rest.data, 0, rest.count);
 }
+
+absl::Status ZeroFill(const CPUDevice&, Tensor* tensor, int64_t first) {
+  ZeroFill(tensor, first);
+  return absl::OkStatus();
+}
+
+#ifdef BITFOLD_GPU
+
+absl::Status ZeroFill(const GPUDevice& device, Tensor* tensor, int64_t first) {
+  const BytesFrom rest(tensor, first);
+  if (rest.count == 0) return absl::OkStatus();
+  const char* error = ZeroDeviceMemory(device.stream, rest.data, rest.count);
+  if (error == nullptr) return absl::OkStatus();
+  return absl::InternalError(
+      absl::StrCat("Could not zero ", rest.count, " bytes of device memory: ", error));
+}
+
+template <>
+GPUDevice DeviceOf<GPUDevice>(tensorflow::OpKernelContext* context) {
+  return {context->op_device_context()->stream()->platform_specific_handle().stream};
+}
+
+#endif
 
 }  // namespace bitfold

@@ -22,8 +22,20 @@
 namespace bitfold {
 
 using CPUDevice = Eigen::ThreadPoolDevice;
-using GPUDevice = Eigen::GpuDevice;
 using int32 = int32_t;  // kernels are registered under names like "HAddOp<CPUDevice, int32>"
+
+// The device of the GPU kernels as their functors need it: the op's stream, a cudaStream_t.
+struct GPUDevice {
+  void* stream;
+};
+
+// The device that a call runs on.
+template <typename Device>
+Device DeviceOf(tensorflow::OpKernelContext* context) {
+  return context->eigen_device<Device>();
+}
+template <>
+GPUDevice DeviceOf<GPUDevice>(tensorflow::OpKernelContext* context);
 
 // Requires a width that int32 sums can model.
 absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size);
@@ -104,6 +116,10 @@ int32_t ElementCount(const tensorflow::Tensor& tensor, int rank);
 // Zeroes the elements from `first` on, so that what an op leaves unwritten shows no stale memory.
 // `first` may be negative or beyond the end.
 void ZeroFill(tensorflow::Tensor* tensor, int64_t first);
+
+// The same where the tensor is a device's; on a GPU after what its stream holds.
+absl::Status ZeroFill(const CPUDevice& device, tensorflow::Tensor* tensor, int64_t first);
+absl::Status ZeroFill(const GPUDevice& device, tensorflow::Tensor* tensor, int64_t first);
 
 }  // namespace bitfold
 

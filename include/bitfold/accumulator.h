@@ -44,6 +44,9 @@ struct AccumulatorLimits<int32_t> {
     max = TruncateToInt32(magnitude - 1.0);
     period = WrapAdd(WrapSubtract(max, min), 1);
   }
+
+  BITFOLD_HOST_DEVICE AccumulatorLimits(int32_t lower, int32_t upper)
+      : min(lower), max(upper), period(WrapAdd(WrapSubtract(upper, lower), 1)) {}
 };
 
 // Any width. Formed in single precision: from a width of 26 on, M - 1 rounds to M, so a sum of

@@ -6,7 +6,7 @@
 #ifndef BITFOLD_HOST_DEVICE_H_
 #define BITFOLD_HOST_DEVICE_H_
 
-#ifdef __CUDACC__
+#if defined(__CUDACC__) || defined(__CUDA__)
 #define BITFOLD_HOST_DEVICE __host__ __device__
 #else
 #define BITFOLD_HOST_DEVICE

@@ -10,7 +10,6 @@
 #define BITFOLD_INT32_ARITHMETIC_H_
 
 #include <cstdint>
-#include <limits>
 
 #include "bitfold/host_device.h"
 
@@ -51,7 +50,7 @@ BITFOLD_HOST_DEVICE constexpr int32_t WrapDivide(int32_t a, int32_t b) {
 BITFOLD_HOST_DEVICE constexpr int32_t TruncateToInt32(double x) {
   // Both bounds are exact in double; the comparisons are false for NaN.
   return (x > -2147483649.0 && x < 2147483648.0) ? static_cast<int32_t>(x)
-                                                 : std::numeric_limits<int32_t>::min();
+                                                 : INT32_MIN;
 }
 
 }  // namespace bitfold

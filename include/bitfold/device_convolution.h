@@ -1,0 +1,76 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The sizes of a convolution on a GPU, where it is a matrix product: a row for each output channel
+// times the unfolded image (rules D5 and D6 of docs/arithmetic.md). Worked out and checked on the
+// host before anything is launched.
+
+#ifndef BITFOLD_DEVICE_CONVOLUTION_H_
+#define BITFOLD_DEVICE_CONVOLUTION_H_
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "bitfold/geometry.h"
+
+namespace bitfold {
+
+// One axis of the window as the device places it: tap 0 of output 0 lies pad_before outside the
+// input, whatever the stride, where the CPU's window is placed by its centre (WindowAxis). Both
+// agree for odd filters at stride 1. `positions` ignores that SAME keeps the size also where
+// taps lie apart: with a dilation above 1 it is less than `outputs`.
+struct DeviceWindowAxis {
+  int32_t input;
+  int32_t taps;
+  int32_t stride;
+  int32_t dilation;
+  int32_t outputs;  // getOutputSize
+  int32_t pad_before;
+  int32_t positions;  // what is unfolded
+
+  DeviceWindowAxis(int32_t input_size, int32_t filter_size, int32_t stride_value,
+                   int32_t dilation_value, Padding padding)
+      : input(input_size),
+        taps(filter_size),
+        stride(stride_value),
+        dilation(dilation_value),
+        outputs(getOutputSize(input_size, filter_size, stride_value, dilation_value, padding)),
+        pad_before(padding == Padding::kSame ? WrapSubtract(filter_size, 1) / 2 : 0),
+        positions(Positions(input_size, filter_size, stride_value, dilation_value, padding)) {}
+
+ private:
+  static int32_t Positions(int32_t input, int32_t filter, int32_t stride, int32_t dilation,
+                           Padding padding) {
+    const int32_t before_last_tap = WrapSubtract(filter, 1);
+    const int32_t pad = padding == Padding::kSame ? before_last_tap : 0;
+    const int32_t extent = WrapAdd(WrapMultiply(before_last_tap, dilation), 1);
+    return WrapAdd(WrapDivide(WrapSubtract(WrapAdd(pad, input), extent), stride), 1);
+  }
+};
+
+// Requires strides other than 0.
+struct DeviceConvolution {
+  int32_t batch;
+  int32_t in_channels;
+  int32_t out_channels;
+  DeviceWindowAxis rows;
+  DeviceWindowAxis columns;
+
+  int64_t window() const { return int64_t{rows.taps} * columns.taps * in_channels; }
+  int64_t outputs() const { return int64_t{rows.outputs} * columns.outputs; }
+  int64_t positions() const { return int64_t{rows.positions} * columns.positions; }
+  int64_t unfolded() const { return positions() * in_channels; }
+  int64_t row_elements() const { return window() * out_channels; }
+
+  // Room for what the product reads and for what is unfolded, which can be more (a dilation below
+  // 1 with SAME).
+  int64_t column_elements() const { return window() * std::max(outputs(), positions()); }
+
+  // Whether there is anything to compute.
+  bool HasOutputs() const { return batch > 0 && outputs() > 0 && out_channels > 0; }
+};
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_DEVICE_CONVOLUTION_H_

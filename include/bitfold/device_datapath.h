@@ -1,0 +1,116 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The datapath as the kernels of a GPU compute it (rules D1 to D4 of docs/arithmetic.md). Products,
+// their scaling, the quantiser and the integer accumulator are the host's rules; what differs, on
+// purpose, stands here and has a name of its own. Plain functions, so that the host computes the
+// same bits where it must.
+
+#ifndef BITFOLD_DEVICE_DATAPATH_H_
+#define BITFOLD_DEVICE_DATAPATH_H_
+
+#include <cstdint>
+
+#include "bitfold/accumulator.h"
+#include "bitfold/half_accumulator.h"
+#include "bitfold/host_device.h"
+#include "bitfold/int32_arithmetic.h"
+#include "bitfold/product_scaling.h"
+#include "bitfold/warning.h"
+
+namespace bitfold {
+
+// A device's loop of passes ends here, whatever the feed repeat: an infinite one must not hang it.
+inline constexpr uint32_t kMaxDevicePasses = uint32_t{1} << 31;
+
+// Unlike IsOutOfWarningRange, false for NaN: a device prints no line for it.
+BITFOLD_HOST_DEVICE inline bool IsOutOfDeviceWarningRange(float sum) {
+  return sum >= static_cast<float>(kWarningLimit) || sum < static_cast<float>(-kWarningLimit);
+}
+
+// Unlike WrapOnce, the integer formula in single precision, rounded after each of its steps: for
+// large sums and bounds the last bit can differ. NaN passes.
+BITFOLD_HOST_DEVICE inline float WrapOnDevice(float sum, float min, float max) {
+  if (sum > max) return ((sum - max) + -1.0f) + min;
+  if (sum < min) return ((sum - min) + 1.0f) + max;
+  return sum;
+}
+
+// The multiplier, the shifter and the accumulator in a row, as a kernel gets them: the bounds are
+// AccumulatorLimits of the width, formed on the host.
+template <typename T>
+class DeviceDatapath;
+
+// The host's Datapath<int32_t> but for the bounds, which come as they are.
+template <>
+class DeviceDatapath<int32_t> {
+ public:
+  BITFOLD_HOST_DEVICE DeviceDatapath(int32_t acc_min, int32_t acc_max, int32_t mult_shift,
+                                     bool use_fp16_acc)
+      : limits_(acc_min, acc_max), mult_shift_(mult_shift), use_fp16_acc_(use_fp16_acc) {}
+
+  BITFOLD_HOST_DEVICE int32_t InitialValue(int32_t value) const {
+    if (!use_fp16_acc_) return value;
+    return TruncateToInt32(f32_to_hf16(static_cast<float>(value)));
+  }
+
+  BITFOLD_HOST_DEVICE int32_t Product(int32_t a, int32_t b) const {
+    return ShiftRoundHalfToEven(WrapMultiply(a, b), mult_shift_);
+  }
+
+  BITFOLD_HOST_DEVICE int32_t Accumulate(int32_t acc, int32_t addend) const {
+    return bitfold::Accumulate(acc, addend, limits_);
+  }
+
+ private:
+  AccumulatorLimits<int32_t> limits_;
+  int32_t mult_shift_;
+  bool use_fp16_acc_;
+};
+
+// Lines are printed by whichever thread comes first.
+template <>
+class DeviceDatapath<float> {
+ public:
+  BITFOLD_HOST_DEVICE DeviceDatapath(float acc_min, float acc_max, int32_t mult_shift,
+                                     bool use_fp16_acc)
+      : min_(acc_min), max_(acc_max), mult_shift_(mult_shift), use_fp16_acc_(use_fp16_acc) {}
+
+  BITFOLD_HOST_DEVICE float InitialValue(float value) const {
+    return use_fp16_acc_ ? f32_to_hf16(value) : value;
+  }
+
+  BITFOLD_HOST_DEVICE float Product(float a, float b) const {
+    return DivideRoundHalfToEven(a * b, mult_shift_);
+  }
+
+  BITFOLD_HOST_DEVICE float Accumulate(float acc, float addend) const {
+    const float sum = acc + addend;
+    if (IsOutOfDeviceWarningRange(sum)) PrintAccumulatorWarning(sum);
+    return use_fp16_acc_ ? AccumulateHalf(acc, addend) : WrapOnDevice(sum, min_, max_);
+  }
+
+ private:
+  float min_;
+  float max_;
+  int32_t mult_shift_;
+  bool use_fp16_acc_;
+};
+
+// The passes of a feed: each adds the addends, which are scaled products, one after the other. A
+// feed repeat that is NaN, like one that is not positive, adds nothing.
+template <typename T, typename... Addends>
+BITFOLD_HOST_DEVICE T AddRepeatedlyOnDevice(const DeviceDatapath<T>& datapath, T acc,
+                                            float feed_repeat, Addends... addends) {
+  if (!(feed_repeat > 0.0f)) return acc;
+  uint32_t k = 0;
+  do {
+    ((acc = datapath.Accumulate(acc, addends)), ...);
+    ++k;
+  } while (k < kMaxDevicePasses && feed_repeat > static_cast<float>(k));
+  return acc;
+}
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_DEVICE_DATAPATH_H_
