@@ -21,6 +21,25 @@ target_compile_options(
 # library flush subnormals.
 target_link_options(bitfold_numerics INTERFACE -fno-fast-math -fno-unsafe-math-optimizations)
 
+# Device code gets the flags above for its host side (clang takes them for the device, too), and for
+# the device these.
+set(BITFOLD_DEVICE_NUMERICS_CLANG
+    # A subnormal stays what it is.
+    -fno-gpu-flush-denormals-to-zero
+    # No approximations for functions of the library.
+    -fno-gpu-approx-transcendentals)
+# Clang divides with correct rounding unless unsafe optimisations are on. No flag makes its sqrtf on
+# the device more than an approximation: __fsqrt_rn or __builtin_sqrtf is.
+
+set(BITFOLD_DEVICE_NUMERICS_NVCC
+    # A product and a sum are two roundings.
+    --fmad=false
+    # Quotients and roots are correctly rounded,
+    --prec-div=true
+    --prec-sqrt=true
+    # and a subnormal stays what it is.
+    --ftz=false)
+
 # Not -fwrapv: integer wrap is written in unsigned arithmetic, and the sanitizers must see any that
 # is not.
 

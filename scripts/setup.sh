@@ -3,16 +3,19 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # Prepares a machine: installs the system packages that a goal needs and that are missing (by apt,
-# where that is allowed), and makes the virtual environment .venv with the pinned Python packages.
+# where that is allowed), makes the virtual environment .venv with the pinned Python packages, and
+# lays out what compiles device code in .cuda.
 #
 #   scripts/setup.sh build    what building the package and the demo needs
 #   scripts/setup.sh tests    that, and what the C++ tests need
 #   scripts/setup.sh bench    that, and what the C++ benchmarks need
 #
-# Running it again changes nothing and takes a moment.
+# BITFOLD_GPU=OFF in the environment leaves out what device code needs. Running it again changes
+# nothing and takes a moment.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 goal=${1:-build}
+gpu=${BITFOLD_GPU:-AUTO}
 venv=.venv
 
 say() { printf '\033[1m[setup]\033[0m %s\n' "$*"; }
@@ -39,6 +42,7 @@ find_missing() {
   need python3-venv python3 -c 'import venv, ensurepip'
   need g++ c++ --version
   need cmake cmake_is_recent
+  if [ "$gpu" != OFF ]; then need clang-19 clang++-19 --version; fi
   if [ "$goal" = tests ]; then need libgtest-dev has_header gtest/gtest.h; fi
   if [ "$goal" = bench ]; then need libbenchmark-dev has_header benchmark/benchmark.h; fi
 }
@@ -58,7 +62,9 @@ install_missing() {
   say "Installing ${missing[*]} with apt."
   as_root apt-get update -qq
   as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}" >/dev/null
+    "${missing[@]}" >/dev/null ||
+    fail "apt could not install ${missing[*]}. (clang-19 is for device code alone; BITFOLD_GPU=OFF" \
+      "in the environment does without.)"
 }
 
 python3 -c 'import sys; sys.exit(not (3, 11) <= sys.version_info[:2] <= (3, 13))' ||
@@ -74,7 +80,7 @@ fi
 
 # --- Python packages ------------------------------------------------------------------------------
 
-wanted=$(cat requirements/*.txt | sha256sum | cut -d' ' -f1)
+wanted=$(cat requirements/constraints.txt requirements/dev.txt | sha256sum | cut -d' ' -f1)
 if [ "$(cat $venv/.requirements 2>/dev/null)" != "$wanted" ]; then
   say "Making the virtual environment $venv (TensorFlow and its company, some 300 MB; minutes)."
   [ -x $venv/bin/python ] || python3 -m venv $venv
@@ -85,3 +91,7 @@ if [ "$(cat $venv/.requirements 2>/dev/null)" != "$wanted" ]; then
     -r requirements/dev.txt -c requirements/constraints.txt
   echo "$wanted" >$venv/.requirements
 fi
+
+# --- the device toolchain -------------------------------------------------------------------------
+
+if [ "$gpu" != OFF ]; then scripts/cuda_toolchain.sh; fi

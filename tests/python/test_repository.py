@@ -74,9 +74,23 @@ _NUMERIC_FLAGS = [
         "no-trapping-math",
         "wrapv",
         "no-wrapv",
+        "gpu-flush-denormals-to-zero",
+        "no-gpu-flush-denormals-to-zero",
+        "cuda-flush-denormals-to-zero",
+        "no-cuda-flush-denormals-to-zero",
+        "gpu-app" + "rox-transcendentals",
+        "no-gpu-app" + "rox-transcendentals",
+        "cuda-app" + "rox-transcendentals",
+        "no-cuda-app" + "rox-transcendentals",
     )
 ] + ["-O" + "fast", "-m" + "arch=", "-m" + "cpu=", "-m" + "tune=", "-m" + "fma", "-m" + "avx"]
-_NUMERIC_FLAGS += ["-m" + "fpmath", "--use_" + "fast_math", "-ft" + "z", "--f" + "mad"]  # fmt: skip
+_NUMERIC_FLAGS += ["-m" + "fpmath", "-nv" + "ptx"]
+# The device compiler takes each with one dash or two.
+_NUMERIC_FLAGS += [
+    dashes + flag
+    for dashes in ("-", "--")
+    for flag in ("use_" + "fast_math", "ft" + "z", "f" + "mad", "prec-" + "div", "prec-" + "sqrt")
+]
 _PRAGMAS = ["pragma GCC " + "optimize", "STDC FP_" + "CONTRACT", "float_" + "control"]
 _PRAGMAS += ["__attribute__((" + "optimize", "__attribute__((" + "target"]
 _FLAG = re.compile(
@@ -109,11 +123,22 @@ def test_flags_that_change_bits_have_one_address():
     )
 
 
+def _device_numerics(compiler: str) -> list[str]:
+    """Return the flags of cmake/numerics.cmake for the device alone."""
+    content = re.sub(r"#.*", "", (ROOT / "cmake" / "numerics.cmake").read_text())
+    blocks = re.findall(rf"set\(BITFOLD_DEVICE_NUMERICS_{compiler}\s([^)]*)\)", content)
+    return " ".join(blocks).split()
+
+
 def test_numerics_flags_are_complete():
     """The flags that the results rest on are set, each of them always."""
     names = ("fp-contract=off", "no-fast-math", "no-unsafe-math-optimizations", "no-rounding-math")
     needed = ["-f" + name for name in names]
     missing = set(needed) - set(support.numerics_flags())
+    names = ("no-gpu-flush-denormals-to-zero", "no-gpu-app" + "rox-transcendentals")
+    missing |= {"-f" + name for name in names} - set(_device_numerics("CLANG"))
+    names = ("f" + "mad=false", "prec-" + "div=true", "prec-" + "sqrt=true", "ft" + "z=false")
+    missing |= {"--" + name for name in names} - set(_device_numerics("NVCC"))
     assert not missing, f"cmake/numerics.cmake no longer sets {sorted(missing)}"
 
 
@@ -134,6 +159,51 @@ def test_every_translation_unit_has_the_flags():
     assert not bad, (
         "link the target to bitfold_arithmetic (which brings bitfold_numerics), and set no other "
         "numeric flag:\n" + "\n".join(bad)
+    )
+
+
+def test_every_device_compilation_has_the_flags():
+    """Each compilation of device code carries the flags of cmake/numerics.cmake, and no others."""
+    rules = ROOT / "build" / "package" / "build.ninja"
+    if not rules.exists():
+        pytest.skip("build/package/build.ninja is absent: build the package there first")
+    commands = re.findall(r"(?m)^  COMMAND = (.* -c \S+\.cu .*)$", rules.read_text())
+    if not commands:
+        pytest.skip("the package was built without device code")
+    bad = []
+    for command in commands:
+        words = shlex.split(command)
+        source = pathlib.Path(words[words.index("-c") + 1]).name
+        for_nvcc = "-ccbin" in words
+        needed = [("-Xcompiler=" if for_nvcc else "") + f for f in support.numerics_flags()]
+        needed += _device_numerics("NVCC" if for_nvcc else "CLANG")
+        bad += [f"{source} lacks {f}" for f in needed if f not in words]
+        bad += [f"{source} has {w}" for w in words if _FLAG.search(w) and w not in needed]
+    assert not bad, (
+        "bitfold_add_device_sources of cmake/cuda.cmake must give each device compilation the "
+        "flags of cmake/numerics.cmake, and no other numeric flag:\n" + "\n".join(bad)
+    )
+
+
+# What is not one correctly rounded operation, or leaves the assembler free to fuse it.
+_LOOSE = re.compile(
+    rb"\S*\bfma\.\S+|\S+\.app" + rb"rox\S*|\S+\.ftz\S*|div\.full\S*"
+    rb"|\S*\b(?:add|sub|mul)(?:\.sat)?\.f(?:16x2|16|32|64)\b"
+)
+
+
+def test_device_code_rounds_every_operation():
+    """The library's device code has only operations that round once, correctly, to nearest."""
+    library = pathlib.Path(bitfold.library_path()).read_bytes()
+    texts = re.findall(rb"\.version \d+\.\d+\s+\.target sm_[^\0]*", library)
+    if not texts:
+        pytest.skip("the package was built without device code")
+    found = {match.decode() for code in texts for match in _LOOSE.findall(code)}
+    assert not found, (
+        "the device code has operations that are fused, inexact, flush subnormals or may be "
+        "fused later. Find the function of the device library behind each and use the rounded one "
+        "(__fsqrt_rn for sqrtf), or restore the flag in cmake/numerics.cmake:\n"
+        + "\n".join(sorted(found))
     )
 
 
