@@ -40,11 +40,11 @@ wheel: setup ## a wheel for the TensorFlow of .venv in dist/
 	    --config-settings=build-dir=build/package -w dist . && ls dist
 
 format: ## clang-format and ruff, in place
-	git ls-files '*.h' '*.cc' '*.c' '*.inc' | xargs clang-format -i
+	git ls-files '*.h' '*.cc' '*.cu' '*.c' '*.inc' | xargs clang-format -i
 	.venv/bin/ruff format . && .venv/bin/ruff check --fix .
 
 lint: ## clang-format, clang-tidy and ruff, checking only
-	git ls-files '*.h' '*.cc' '*.c' '*.inc' | xargs clang-format --dry-run -Werror
+	git ls-files '*.h' '*.cc' '*.cu' '*.c' '*.inc' | xargs clang-format --dry-run -Werror
 	cmake --preset tests >/dev/null
 	git ls-files $(RUNTIME_FREE) 'tests/cpp/*.cc' | xargs clang-tidy -p build/tests --quiet
 	.venv/bin/ruff format --check . && .venv/bin/ruff check .
