@@ -188,11 +188,13 @@ KERNEL_CLASSES = {
     "HSingleWeightPerProposalBboxDecoder": "HSingleWeightPerProposalBboxDecoderOp",
     "HStandaloneElementwiseAdd": "HStandaloneElementwiseAddOp",
 }
+# These run on a GPU, too.
+GPU_OPS = ("HAdd", "HBiasAdd", "HConv2d", "HDecomposedBiasAdd", "HStandaloneElementwiseAdd")
 KERNEL_NAMES = [
     f"{c}<{t}>" if c == "HMatMulOp" else f"{c}<CPUDevice, {t}>"
     for c in sorted(set(KERNEL_CLASSES.values()))
     for t in ("float", "int32")
-]
+] + [f"{KERNEL_CLASSES[op]}<GPUDevice, {t}>" for op in GPU_OPS for t in ("float", "int32")]
 SYMBOLS = {
     "accumulator_fp16_verification",
     "accumulator_int_verification",
@@ -329,6 +331,7 @@ def test_kernels(loaded):
         assert kernel.priority == 0
         found.append((kernel.op, kernel.device_type, type_name))
     expected = [(op, "CPU", t) for op in KERNEL_CLASSES for t in ("float", "int32")]
+    expected += [(op, "GPU", t) for op in GPU_OPS for t in ("float", "int32")]
     expected += [(op, "CPU", "") for op in UNTYPED_KERNELS]
     assert sorted(found) == sorted(expected)
 
