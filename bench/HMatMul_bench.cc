@@ -17,9 +17,10 @@ void HMatMulDefinition(benchmark::State& state, int mult_shift, bool use_fp16_ac
   const std::vector<T> a = RandomIntegers<T>(kRows * kSize, 0, 15);
   const std::vector<T> b = RandomIntegers<T>(kSize * kSize, -8, 7);
   std::vector<T> out(kRows * kSize);
+  const ReciprocalDatapath<T> datapath(24, mult_shift, use_fp16_acc);
+  const WeightSign<T> weight_sign(24);
   for (auto _ : state) {
-    MatrixMultiplication(a.data(), out.data(), b.data(), kSize, kRows, kSize, kSize, 0, 24,
-                         mult_shift, use_fp16_acc);
+    MultiplyMatrices(datapath, weight_sign, a.data(), b.data(), kSize, kRows, kSize, out.data());
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * kRows * kSize * kSize);

@@ -12,6 +12,7 @@
 
 #include "convolve.h"
 #include "op_frame.h"
+#include "op_scratch.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -173,13 +174,15 @@ class HConv2dOp : public AccumulatorOp<T> {
     OP_REQUIRES_OK(context, context->allocate_output(0, shape, &output));
 
     const bool has_elementwise = elementwise.NumElements() == output->NumElements();
+    OpScratch scratch(context);
     convolve4DTensorSlow<T>(
         input.flat<T>().data(), filter.flat<T>().data(),
         has_elementwise ? elementwise.flat<T>().data() : nullptr, output->flat<T>().data(),
         Size(input, 0), Size(input, 1), Size(input, 2), Size(input, 3),
         Size(filter, get_filter_dim_height(leading)), Size(filter, get_filter_dim_width(leading)),
         Size(filter, get_filter_dim_out_channels(leading)), this->accumulator_size_, strides_,
-        dilations_, padding_, mult_shift.flat<int8_t>()(0), use_fp16_acc_, is_depthwise_, leading);
+        dilations_, padding_, mult_shift.flat<int8_t>()(0), use_fp16_acc_, is_depthwise_, leading,
+        &scratch);
   }
 
  private:
