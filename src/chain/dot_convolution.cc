@@ -188,12 +188,9 @@ void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T*
         std::copy_n(initial_sums_ + panel * kPanel, lanes, sums + p * lanes);
       }
       kernel(tile);
-      for (int32_t p = 0; p < pixels; ++p) {
-        const int64_t o =
-            (int64_t{row} * columns_.outputs + column + p) * out_channels_ + panel * kPanel;
-        FinishSums(sums + p * lanes, elementwise == nullptr ? nullptr : elementwise + o, channels,
-                   plan_.bits, output + o);
-      }
+      const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + panel * kPanel;
+      FinishSums(TileSums{sums, pixels, lanes, channels, 0, plan_.bits},
+                 elementwise == nullptr ? nullptr : elementwise + o, out_channels_, output + o);
     }
   }
 }

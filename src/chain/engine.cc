@@ -51,6 +51,12 @@ ChainCall<T> WithUsedInputs(ChainCall<T> call, int32_t centre) {
   return call;
 }
 
+// Windows that do not go forward are none: the definition computes them.
+template <typename T>
+WindowAxis ColumnsOf(const ChainCall<T>& call) {
+  return GoesForward(call.columns) ? call.columns : WindowAxis(0, 1, 1, 1, Padding::kValid);
+}
+
 template <typename D>
 constexpr bool kDivides = std::is_same_v<D, Datapath<float>>;
 
@@ -62,7 +68,7 @@ ChainEngine<D, T>::ChainEngine(const D& datapath, const ChainCall<T>& call, int 
     : datapath_(datapath),
       centre_(GoesForward(call.rows) ? CentreTap(call.rows) : -1),
       call_(WithUsedInputs(call, centre_)),
-      windows_(call.rows, call.columns, call.in_channels, std::max(kPanel, call.out_channels),
+      windows_(call.rows, ColumnsOf(call), call.in_channels, std::max(kPanel, call.out_channels),
                call.is_depthwise) {
   if (!GoesForward(call.rows) || !GoesForward(call.columns)) return;
   if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
@@ -84,6 +90,7 @@ ChainFacts ChainEngine<D, T>::LookAt() const {
   facts.mult_shift = datapath_.mult_shift();
   facts.use_fp16_acc = datapath_.use_fp16_acc();
   facts.divides = kDivides<D>;
+  facts.is_depthwise = call_.is_depthwise;
   facts.weight_sum = [](const void* engine) {
     return static_cast<const ChainEngine*>(engine)->WeightSum();
   };
@@ -117,14 +124,14 @@ int64_t ChainEngine<D, T>::WeightSum() const {
 template <typename D, typename T>
 bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
   const bool is_dot = plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts;
-  if (is_dot && !call_.is_depthwise) {
+  if (is_dot) {
     dot_.emplace(call_.rows, call_.columns, call_.in_channels, call_.out_channels, *plan_);
     if (dot_->ImageElements() <= kMostPadding * call_.InputElements() + kAlwaysPadded) {
       return dot_->Prepare(call_.filter, slots, scratch);
     }
     dot_.reset();
+    plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
   }
-  if (is_dot) plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
   return plan_->path == ChainPath::kRounded ? PrepareRounded(slots, scratch)
                                             : PrepareLanes(scratch);
 }
@@ -185,8 +192,8 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
   }
 }
 
-// The paths whose sums are only reduced at the end. add(place, tile) adds a tile's products to its
-// sums, each of which is `excess` too large.
+// The paths whose sums are only reduced at the end. add(place, tile, sums) adds a tile's products
+// to its sums, each of them `excess` too large.
 template <typename D, typename T>
 template <typename X, typename Add>
 void ChainEngine<D, T>::RunSums(int32_t image, const X* input, const X* filter, uint32_t excess,
@@ -197,38 +204,55 @@ void ChainEngine<D, T>::RunSums(int32_t image, const X* input, const X* filter, 
   for (int32_t row = 0; row < call_.rows.outputs; ++row) {
     const TapRange rows = TapsInside(call_.rows, row);
     windows_.ForEachTile([&](const LanePlace& place) {
-      X acc[kTilePixels * kTileLanes] = {};
+      int32_t acc[kTilePixels * kTileLanes] = {};
       const uint32_t products =
           static_cast<uint32_t>(rows.count) * static_cast<uint32_t>(place.taps.count) * channels_in;
       if (rows.count > 0 && place.taps.count > 0) {
-        add(place, windows_.TileOf(place, row, rows, input, filter, acc, nullptr));
+        add(place, windows_.TileOf(place, row, rows, input, filter), acc);
       }
-      int32_t sums[kTilePixels * kTileLanes];
-      std::memcpy(sums, acc, sizeof sums);
       const int32_t lanes = place.panels * kPanel;
-      for (int32_t i = 0; excess != 0 && i < place.pixels * lanes; ++i) {
-        sums[i] = WrapSubtract(sums[i], static_cast<int32_t>(products * excess));
-      }
       const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
-      for (int32_t p = 0; p < place.pixels; ++p) {
-        const int64_t o = OutputIndex(row, place.column + p, place.channel);
-        FinishSums(sums + p * lanes, elementwise == nullptr ? nullptr : elementwise + o, channels,
-                   plan_->bits, output + o);
-      }
+      const int64_t o = OutputIndex(row, place.column, place.channel);
+      FinishSums(TileSums{acc, place.pixels, lanes, channels,
+                          static_cast<int32_t>(products * excess), plan_->bits},
+                 elementwise == nullptr ? nullptr : elementwise + o, call_.out_channels,
+                 output + o);
     });
   }
 }
 
 template <typename D, typename T>
 void ChainEngine<D, T>::RunModular(int32_t image) const {
+  if (datapath_.mult_shift() == 0) return RunPlainSums(image);
   if constexpr (std::is_same_v<T, int32_t>) {
     const ModularDatapath datapath(datapath_.mult_shift());
     const auto& kernels = LaneKernelsOf<ModularDatapath, int32_t>();
     const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
     RunSums(image, InputOf(image), lane_filter_ + FilterOf(image) * lane_filter_elements_, 0,
-            [&](const LanePlace& place, const LaneTile<int32_t>& tile) {
+            [&](const LanePlace& place, LaneTile<int32_t> tile, int32_t* sums) {
+              tile.acc = sums;
               table[place.pixels == kTilePixels][place.panels == kTilePanels](datapath, tile);
             });
+  }
+}
+
+template <typename D, typename T>
+void ChainEngine<D, T>::RunPlainSums(int32_t image) const {
+  const SumKernels<T>& kernels = CurrentSumKernels<T>();
+  const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
+  const T* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
+  const T* elementwise = ElementwiseOf(image);
+  for (int32_t row = 0; row < call_.rows.outputs; ++row) {
+    const TapRange rows = TapsInside(call_.rows, row);
+    windows_.ForEachTile([&](const LanePlace& place) {
+      const int64_t o = OutputIndex(row, place.column, place.channel);
+      const int32_t lanes = place.panels * kPanel;
+      const SumOutput<T> output{elementwise == nullptr ? nullptr : elementwise + o,
+                                OutputOf(image) + o, call_.out_channels,
+                                std::min(lanes, call_.out_channels - place.channel), plan_->bits};
+      const auto kernel = table[place.pixels == kTilePixels][place.panels == kTilePanels];
+      kernel(windows_.TileOf(place, row, rows, InputOf(image), filter), output);
+    });
   }
 }
 
@@ -245,7 +269,8 @@ void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
   const RoundedKernels& kernels = CurrentRoundedKernels();
   const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
   RunSums(image, input, rounded_filter_ + FilterOf(image) * lane_filter_elements_, kRoundingBits,
-          [&](const LanePlace& place, const LaneTile<float>& tile) {
+          [&](const LanePlace& place, LaneTile<float> tile, int32_t* sums) {
+            tile.sums = sums;
             table[place.pixels == kTilePixels][place.panels == kTilePanels](rounded_, tile);
           });
 }
@@ -281,8 +306,11 @@ bool ChainEngine<D, T>::RunStepwiseTile(int32_t image, int32_t row, const LanePl
   const T* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
   const auto add_rows = [&](int32_t first, int32_t end) {
     if (first >= end || place.taps.count == 0) return;
-    kernel(datapath_, windows_.TileOf(place, row, TapRange{first, end - first}, InputOf(image),
-                                      filter, acc, largest));
+    LaneTile<T> tile =
+        windows_.TileOf(place, row, TapRange{first, end - first}, InputOf(image), filter);
+    tile.acc = acc;
+    tile.largest = largest;
+    kernel(datapath_, tile);
   };
 
   const int32_t lanes = place.panels * kPanel;

@@ -72,6 +72,7 @@ class ChainEngine {
   bool PrepareRounded(int slots, Scratch* scratch);
 
   void RunModular(int32_t image) const;
+  void RunPlainSums(int32_t image) const;
   void RunRounded(int32_t image, int slot) const;
   void RunStepwise(int32_t image, const DefineOutput& define) const;
   bool RunStepwiseTile(int32_t image, int32_t row, const LanePlace& place,

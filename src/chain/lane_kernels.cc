@@ -26,6 +26,8 @@ struct AllKernels {
   LaneKernels<Datapath<float>, float> dividing;
   LaneKernels<ReciprocalDatapath<float>, float> multiplying;
   RoundedKernels rounded;
+  SumKernels<int32_t> integer_sums;
+  SumKernels<float> float_sums;
 };
 
 #define BITFOLD_LOOPS "chain/lane_loops.inc"
@@ -33,7 +35,7 @@ struct AllKernels {
   AllKernels {                                                                                    \
     kLaneKernelsOf<Datapath<int32_t>, int32_t>, kLaneKernelsOf<ModularDatapath, int32_t>,         \
         kLaneKernelsOf<Datapath<float>, float>, kLaneKernelsOf<ReciprocalDatapath<float>, float>, \
-        kRoundedKernels                                                                           \
+        kRoundedKernels, kSumKernelsOf<int32_t>, kSumKernelsOf<float>                             \
   }
 #include "vector_loops.inc"
 
@@ -54,6 +56,15 @@ const LaneKernels<Datapath<float>, float>& LaneKernelsOf() {
 template <>
 const LaneKernels<ReciprocalDatapath<float>, float>& LaneKernelsOf() {
   return CurrentLoops().multiplying;
+}
+
+template <>
+const SumKernels<int32_t>& CurrentSumKernels() {
+  return CurrentLoops().integer_sums;
+}
+template <>
+const SumKernels<float>& CurrentSumKernels() {
+  return CurrentLoops().float_sums;
 }
 
 const RoundedKernels& CurrentRoundedKernels() { return CurrentLoops().rounded; }

@@ -36,6 +36,7 @@ struct LaneTile {
   int32_t taps;
   T* acc;            // [columns][lanes]
   int32_t* largest;  // floats: [columns][lanes], the largest magnitude of the sums so far, as bits
+  int32_t* sums;     // RoundedKernel, in place of these: [columns][lanes]
 };
 
 // What a sum does that needs no wrap: modulo 2^32. The proofs of the plan say when that is enough.
@@ -65,6 +66,28 @@ struct LaneKernels {
 template <typename D, typename T>
 const LaneKernels<D, T>& LaneKernelsOf();
 
+// Where a tile of plain sums goes: the low `bits` bits of each, plus its elementwise value, as a
+// number with a sign. Columns lie `stride` apart; elementwise may be null.
+template <typename T>
+struct SumOutput {
+  const T* elementwise;
+  T* out;
+  int64_t stride;
+  int32_t channels;  // of the tile's lanes, those that exist
+  int32_t bits;      // 1 to 32
+};
+
+// Sums of products that need no scaling: int32 modulo 2^32, floats of whole numbers that stay
+// within 2^24. tile.acc is not looked at. By the same indices.
+template <typename T>
+struct SumKernels {
+  using Kernel = void (*)(const LaneTile<T>&, const SumOutput<T>&);
+  Kernel ordinary[2][2];
+  Kernel depthwise[2][2];
+};
+template <typename T>
+const SumKernels<T>& CurrentSumKernels();
+
 // Products that are scaled to whole numbers and only summed, modulo 2^32: floats that carry
 // integers, p = w * x exact. By adding 1.5 * 2^23 they round half to even, and their bits, that
 // number's apart, are the integers.
@@ -81,7 +104,7 @@ struct RoundedSums {
 // Of the bits of 1.5 * 2^23, which each product adds to a sum besides its own value.
 inline constexpr uint32_t kRoundingBits = 0x4b400000;
 
-// acc holds int32 sums as the bits of floats; `largest` is not touched. By the same indices.
+// Adds to tile.sums. By the same indices as LaneKernels.
 using RoundedKernel = void (*)(const RoundedSums&, const LaneTile<float>&);
 struct RoundedKernels {
   RoundedKernel ordinary[2][2];

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include "bitfold/geometry.h"
 #include "chain/lane_tile.h"
@@ -48,7 +49,7 @@ struct LanePlace {
 };
 
 // The tiles of an image with out_channels output channels, of which filters have filter_channels:
-// as many, but at least a panel.
+// as many, but at least a panel. Requires windows that go forward.
 class LaneWindows {
  public:
   LaneWindows(const WindowAxis& rows, const WindowAxis& columns, int32_t in_channels,
@@ -57,33 +58,42 @@ class LaneWindows {
         columns_(columns),
         in_channels_(in_channels),
         filter_channels_(filter_channels),
-        is_depthwise_(is_depthwise) {}
+        is_depthwise_(is_depthwise),
+        runs_(RunsOf(columns)) {}
 
   bool is_depthwise() const { return is_depthwise_; }
 
   // Calls visit(place) until the row of outputs is covered; tiles may overlap, so that whole ones
-  // do.
+  // do. What is used again stays in the cache: the weights of a few channels, or, depthwise, the
+  // inputs of a few columns.
   template <typename Visit>
   void ForEachTile(Visit visit) const {
-    for (int32_t channel = 0; channel < filter_channels_;) {
-      const int32_t left = filter_channels_ - channel;
-      const int32_t panels =
-          left > kPanel && filter_channels_ >= kTilePanels * kPanel ? kTilePanels : 1;
-      const int32_t from = std::min(channel, filter_channels_ - panels * kPanel);
-      ForEachRun(from, panels, visit);
-      channel = from + panels * kPanel;
+    if (is_depthwise_) {
+      ForEachColumns([&](int32_t column, int32_t pixels, const TapRange& taps) {
+        ForEachChannels([&](int32_t channel, int32_t panels) {
+          visit(LanePlace{column, pixels, channel, panels, taps});
+        });
+      });
+    } else {
+      ForEachChannels([&](int32_t channel, int32_t panels) {
+        ForEachColumns([&](int32_t column, int32_t pixels, const TapRange& taps) {
+          visit(LanePlace{column, pixels, channel, panels, taps});
+        });
+      });
     }
   }
 
-  // The rows of taps `rows` of a tile at output row `row`.
+  // The rows of taps `rows` of a tile at output row `row`; where there are no taps it has no rows.
+  // Where its results go is left to the caller.
   template <typename X>
   LaneTile<X> TileOf(const LanePlace& place, int32_t row, const TapRange& rows, const X* image,
-                     const X* filter, X* acc, int32_t* largest) const {
+                     const X* filter) const {
     const int64_t channels = is_depthwise_ ? 1 : in_channels_;
     const int64_t in_row = int64_t{columns_.input} * in_channels_;
     const int64_t y = rows_.Coordinate(row, rows.first);
     const int64_t x = columns_.Coordinate(place.column, place.taps.first);
-    LaneTile<X> tile;
+    LaneTile<X> tile{};
+    if (rows.count == 0 || place.taps.count == 0) return tile;
     tile.x = image + y * in_row + x * in_channels_ + (is_depthwise_ ? place.channel : 0);
     tile.x_pixel = int64_t{columns_.stride} * in_channels_;
     tile.x_row = rows_.dilation * in_row;
@@ -95,28 +105,48 @@ class LaneWindows {
     tile.rows = rows.count;
     tile.channels = static_cast<int32_t>(channels);
     tile.taps = place.taps.count;
-    tile.acc = acc;
-    tile.largest = largest;
     return tile;
   }
 
  private:
-  // Columns with the same taps, in tiles.
+  // Columns [first, end) that have the same taps.
+  struct Run {
+    int32_t first;
+    int32_t end;
+    TapRange taps;
+  };
+
+  static std::vector<Run> RunsOf(const WindowAxis& columns) {
+    std::vector<Run> runs;
+    for (int32_t column = 0; column < columns.outputs; ++column) {
+      const TapRange taps = TapsInside(columns, column);
+      const bool is_next = runs.empty() || runs.back().taps.first != taps.first ||
+                           runs.back().taps.count != taps.count;
+      if (is_next) runs.push_back({column, column, taps});
+      runs.back().end = column + 1;
+    }
+    return runs;
+  }
+
   template <typename Visit>
-  void ForEachRun(int32_t channel, int32_t panels, Visit visit) const {
-    for (int32_t column = 0; column < columns_.outputs;) {
-      const TapRange taps = TapsInside(columns_, column);
-      int32_t end = column + 1;
-      while (end < columns_.outputs) {
-        const TapRange next = TapsInside(columns_, end);
-        if (next.first != taps.first || next.count != taps.count) break;
-        ++end;
+  void ForEachColumns(Visit visit) const {
+    for (const Run& run : runs_) {
+      const int32_t pixels = run.end - run.first >= kTilePixels ? kTilePixels : 1;
+      for (int32_t column = run.first; column < run.end; column += pixels) {
+        visit(std::min(column, run.end - pixels), pixels, run.taps);
       }
-      const int32_t pixels = end - column >= kTilePixels ? kTilePixels : 1;
-      for (; column < end; column += pixels) {
-        visit(LanePlace{std::min(column, end - pixels), pixels, channel, panels, taps});
-      }
-      column = end;
+    }
+  }
+
+  template <typename Visit>
+  void ForEachChannels(Visit visit) const {
+    for (int32_t channel = 0; channel < filter_channels_;) {
+      const int32_t left = filter_channels_ - channel;
+      const bool has_two = left > kPanel && filter_channels_ >= kTilePanels * kPanel;
+      const int32_t panels = has_two ? kTilePanels : 1;
+      const int32_t from = std::min(channel, filter_channels_ - panels * kPanel);
+      visit(from, panels);
+      channel = from + panels * kPanel;
     }
   }
 
@@ -125,6 +155,7 @@ class LaneWindows {
   const int32_t in_channels_;
   const int32_t filter_channels_;
   const bool is_depthwise_;
+  const std::vector<Run> runs_;
 };
 
 }  // namespace bitfold

@@ -17,7 +17,7 @@ struct PackLoops {
   void (*weight_bytes)(const T* const*, int32_t*);
   void (*weight_shorts)(const T* const*, int32_t*);
   void (*magnitudes)(const T*, int64_t, int64_t*);
-  void (*finish[2])(const int32_t*, const T*, int, int32_t, T*);
+  void (*finish[2])(const TileSums&, const T*, int64_t, T*);
 };
 
 struct AllLoops {
@@ -69,8 +69,8 @@ void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
 }
 
 template <typename T>
-void FinishSums(const int32_t* sums, const T* elementwise, int count, int32_t bits, T* out) {
-  LoopsOf<T>().finish[elementwise != nullptr](sums, elementwise, count, bits, out);
+void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* out) {
+  LoopsOf<T>().finish[elementwise != nullptr](tile, elementwise, stride, out);
 }
 
 #define BITFOLD_INSTANTIATE(T)                                   \
@@ -79,7 +79,7 @@ void FinishSums(const int32_t* sums, const T* elementwise, int count, int32_t bi
   template void PackWeightBytes(const T* const*, int32_t*);      \
   template void PackWeightShorts(const T* const*, int32_t*);     \
   template void AddMagnitudes(const T*, int64_t, int64_t*);      \
-  template void FinishSums(const int32_t*, const T*, int, int32_t, T*);
+  template void FinishSums(const TileSums&, const T*, int64_t, T*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)
 #undef BITFOLD_INSTANTIATE

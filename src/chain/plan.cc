@@ -28,6 +28,7 @@ int64_t LargestProduct(const ChainFacts& facts) {
 
 // The narrowest dot products that hold the numbers, or `otherwise`.
 ChainPlan Narrowest(const ChainFacts& facts, bool has_bytes, int32_t bits, ChainPath otherwise) {
+  if (facts.is_depthwise) return {otherwise, 0, bits};
   if (has_bytes && facts.weights.LieIn(INT8_MIN, INT8_MAX)) {
     if (facts.input.LieIn(0, UINT8_MAX)) return {ChainPath::kDotBytes, 0, bits};
     if (facts.input.LieIn(INT8_MIN, INT8_MAX)) return {ChainPath::kDotBytes, 128, bits};
@@ -76,13 +77,19 @@ ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
   const bool by_theorem_2 = w <= 23 && addend <= 2 * magnitude &&
                             addend <= kExactFloat - magnitude &&
                             magnitude + addend <= kSilentSum + 1;
-  const auto by_theorem_3 = [&] {
-    const int64_t sum = facts.input.Magnitude() * facts.weight_sum(facts.context);
-    return sum + facts.elementwise.Magnitude() <= std::min(magnitude - 1, kSilentSum);
+  const auto largest_sum = [&] {
+    return facts.input.Magnitude() * facts.weight_sum(facts.context) +
+           facts.elementwise.Magnitude();
   };
-  if (!by_theorem_2 && !by_theorem_3()) return kStepwise;
+  const bool is_proven = by_theorem_2 || largest_sum() <= std::min(magnitude - 1, kSilentSum);
+  if (!is_proven) return kStepwise;
   const int32_t s = facts.mult_shift;
-  if (s == 0) return Narrowest(facts, has_bytes, bits, ChainPath::kStepwise);
+  if (s == 0) {
+    ChainPlan plan = Narrowest(facts, has_bytes, bits, ChainPath::kStepwise);
+    const bool needs_lanes = plan.path == ChainPath::kStepwise;
+    if (needs_lanes && largest_sum() <= kExactFloat) plan.path = ChainPath::kModular;
+    return plan;
+  }
   const bool is_exact = IsPowerOfTwo(s);
   const bool is_rounded =
       is_exact ? product / std::abs(s) < kRoundable : facts.divides && product < kRoundableQuotient;

@@ -15,7 +15,7 @@ namespace bitfold {
 
 enum class ChainPath {
   kStepwise,   // every step in the defined order, in lanes
-  kModular,    // int32: sums modulo 2^32 in lanes
+  kModular,    // sums in lanes that wrap at the end: of int32 modulo 2^32, of floats exact
   kRounded,    // sums modulo 2^32 of scaled products, formed as floats, in lanes
   kDotShorts,  // dot products of 16-bit numbers
   kDotBytes,   // dot products of 8-bit numbers
@@ -26,7 +26,8 @@ struct ChainFacts {
   int32_t accumulator_size;
   int32_t mult_shift;
   bool use_fp16_acc;
-  bool divides;  // floats: by the shift, not multiplied by its reciprocal
+  bool divides;       // floats: by the shift, not multiplied by its reciprocal
+  bool is_depthwise;  // has no dot products
   Facts input;
   Facts weights;      // with their signs corrected
   Facts elementwise;  // all 0 where there is none
