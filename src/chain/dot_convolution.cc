@@ -107,7 +107,7 @@ void DotConvolution<T>::SumPanel(int32_t panel) {
 template <typename T>
 void DotConvolution<T>::PackImage(const T* image, int32_t* words) const {
   // What lies outside has the bytes of 0.
-  const int32_t zero = IsBytes() ? plan_.input_offset * 0x01010101 : 0;
+  const int32_t zero = IsBytes() ? WrapMultiply(plan_.input_offset, 0x01010101) : 0;
   const int64_t padded_row = int64_t{padded_columns_.size} * words_;
   const int64_t used = int64_t{columns_.input} * words_;
   const int64_t before = int64_t{padded_columns_.before} * words_;

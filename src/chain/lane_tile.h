@@ -35,7 +35,9 @@ struct LaneTile {
   int32_t channels;
   int32_t taps;
   T* acc;            // [columns][lanes]
-  int32_t* largest;  // floats: [columns][lanes], the largest magnitude of the sums so far, as bits
+  // Floats: [columns][lanes], the largest magnitude of the sums so far, as bits; in half precision
+  // where one of the tile may print a line.
+  int32_t* largest;
   int32_t* sums;     // RoundedKernel, in place of these: [columns][lanes]
 };
 
