@@ -81,6 +81,12 @@ struct MatMulCase {
   }
 };
 
+// Its dot products differ on all of them.
+template <typename T>
+std::vector<NamedTarget> TargetsOf(const MatMulCase<T>&) {
+  return AllTargets();
+}
+
 }  // namespace bitfold::testing
 
 #endif  // BITFOLD_TESTS_CPP_SUPPORT_MATMUL_CASE_H_
