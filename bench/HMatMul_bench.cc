@@ -3,35 +3,64 @@
 
 #include <benchmark/benchmark.h>
 
+#include <string>
+
 #include "bitfold/HMatMul.h"
-#include "scalar_bench.h"
+#include "chain/scratch.h"
+#include "chain_bench.h"
 
 namespace bitfold {
 namespace {
 
-constexpr int kRows = 32;
-constexpr int kSize = 256;
-
 template <typename T>
-void HMatMulDefinition(benchmark::State& state, int mult_shift, bool use_fp16_acc) {
-  const std::vector<T> a = RandomIntegers<T>(kRows * kSize, 0, 15);
-  const std::vector<T> b = RandomIntegers<T>(kSize * kSize, -8, 7);
-  std::vector<T> out(kRows * kSize);
+void Multiply(benchmark::State& state, int rows, int inner, int cols, ChainNumbers numbers,
+              bool is_definition) {
+  const std::vector<T> a =
+      ChainInput<T>(int64_t{rows} * inner, numbers.low, numbers.high, numbers.unit);
+  const std::vector<T> b =
+      ChainInput<T>(int64_t{inner} * cols, numbers.weight_low, numbers.weight_high, numbers.unit);
+  std::vector<T> out(static_cast<size_t>(rows) * static_cast<size_t>(cols));
+  const int width = numbers.accumulator_size;
+  const ReciprocalDatapath<T> datapath(width, numbers.mult_shift, numbers.use_fp16_acc);
+  const WeightSign<T> weight_sign(width);
   for (auto _ : state) {
-    MatrixMultiplication(a.data(), out.data(), b.data(), kSize, kRows, kSize, kSize, 0, 24,
-                         mult_shift, use_fp16_acc);
+    if (is_definition) {
+      MultiplyMatrices(datapath, weight_sign, a.data(), b.data(), inner, rows, cols, out.data());
+    } else {
+      HeapScratch scratch;
+      MatrixMultiplication(a.data(), out.data(), b.data(), inner, rows, cols, inner, 0, width,
+                           numbers.mult_shift, numbers.use_fp16_acc, &scratch);
+    }
     benchmark::ClobberMemory();
   }
-  state.SetItemsProcessed(state.iterations() * kRows * kSize * kSize);
+  state.SetItemsProcessed(state.iterations() * rows * inner * cols);
 }
 
-[[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
-    benchmark::RegisterBenchmark("HMatmul/int32/plain", HMatMulDefinition<int32_t>, 0, false),
-    benchmark::RegisterBenchmark("HMatmul/int32/shift 4", HMatMulDefinition<int32_t>, 4, false),
-    benchmark::RegisterBenchmark("HMatmul/float/plain", HMatMulDefinition<float>, 0, false),
-    benchmark::RegisterBenchmark("HMatmul/float/shift 4", HMatMulDefinition<float>, 4, false),
-    benchmark::RegisterBenchmark("HMatmul/float/half precision", HMatMulDefinition<float>, 0, true),
-};
+template <typename T>
+void Register(const std::string& type, int rows, int inner, int cols, const ChainNumbers& numbers) {
+  const std::string name = "HMatmul/" + type + "/" + std::to_string(rows) + "x" +
+                           std::to_string(inner) + " by " + std::to_string(inner) + "x" +
+                           std::to_string(cols) + ", " + numbers.name;
+  const auto add = [&](const std::string& suffix, bool is_definition) {
+    benchmark::RegisterBenchmark((name + suffix).c_str(), Multiply<T>, rows, inner, cols, numbers,
+                                 is_definition);
+  };
+  add("", true);
+  add(" loops", false);
+}
+
+bool RegisterAll() {
+  Register<int32_t>("int32", 128, 768, 768, kBytes);
+  Register<float>("float", 128, 768, 768, kFloatBytes);
+  Register<int32_t>("int32", 1, 1024, 1000, kBytes);
+  Register<float>("float", 1, 1024, 1000, kFloatBytes);
+  for (const size_t other : {1u, 3u}) {
+    Register<float>("float", 128, 768, 768, kFloatNumbers[other]);
+  }
+  return true;
+}
+
+[[maybe_unused]] const bool kRegistered = RegisterAll();
 
 }  // namespace
 }  // namespace bitfold

@@ -125,64 +125,115 @@ def addition_cases() -> list[Case]:
     return cases
 
 
+# Numbers of a kind, as in bench/chain_bench.h: the inputs' range, the weights', what floats are
+# multiplied by, and the settings.
+BYTES = ("bytes", (0, 255), (-128, 127), 1, {"accumulator_size": 24})
+FLOAT_BYTES = (*BYTES[:4], {"accumulator_size": 22})
+_WORD = 2**31 - 1
+INT32_NUMBERS = (
+    BYTES,
+    ("shorts", (-32768, 32767), (-32768, 32767), 1, {"accumulator_size": 32}),
+    ("words", (-_WORD, _WORD), (-_WORD, _WORD), 1, {"accumulator_size": 32}),
+    ("bytes, 12 bits", (0, 255), (-128, 127), 1, {"accumulator_size": 12}),
+    ("bytes, shift 4", (0, 255), (-128, 127), 1, {"accumulator_size": 24, "mult_shift": 4}),
+    (
+        "shorts, shift 4",
+        (-32768, 32767),
+        (-32768, 32767),
+        1,
+        {"accumulator_size": 32, "mult_shift": 4},
+    ),
+)
+FLOAT_NUMBERS = (
+    FLOAT_BYTES,
+    ("fractions, 12 bits", (-128, 127), (-128, 127), 0.15625, {"accumulator_size": 12}),
+    ("bytes, shift 4", (0, 255), (-128, 127), 1, {"accumulator_size": 22, "mult_shift": 4}),
+    (
+        "half precision",
+        (-128, 127),
+        (-128, 127),
+        0.015625,
+        {"accumulator_size": 22, "use_fp16_acc": True},
+    ),
+)
+
+
+def chain_input(shape: tuple[int, ...], limits: tuple, unit: float, dtype: tf.DType) -> tf.Tensor:
+    """Return numbers of a kind."""
+    values = integers(shape, *limits, dtype)
+    return values if unit == 1 else values * unit
+
+
 def convolution_cases() -> list[Case]:
-    """Return the convolutions on 28 x 28; the stock ones take floats alone."""
-    cases = []
-    variants = (
-        (tf.int32, "int32/plain", {}),
-        (tf.int32, "int32/shift 4", {"mult_shift": 4}),
-        (tf.float32, "float/plain", {}),
-        (tf.float32, "float/shift 4", {"mult_shift": 4}),
-        (tf.float32, "float/half precision", {"use_fp16_acc": True}),
+    """Return the convolutions; the stock ones take floats alone."""
+    layer = ("56x56x64 to 64, 3x3", 56, 64, 64, 3)
+    others = (
+        ("28x28x128 to 128, 3x3", 28, 128, 128, 3),
+        ("14x14x256 to 256, 3x3", 14, 256, 256, 3),
+        ("7x7x512 to 512, 3x3", 7, 512, 512, 3),
+        ("56x56x64 to 256, 1x1", 56, 64, 256, 1),
     )
-    for dtype, name, options in variants:
-        x, w = integers((1, 28, 28, 64), 0, 15, dtype), integers((3, 3, 64, 64), -8, 7, dtype)
-        xf, wf = tf.cast(x, tf.float32), tf.cast(w, tf.float32)
-        cases.append(
-            Case(
-                f"HConv2d/{name}",
-                "1x28x28x64 to 64, 3x3",
-                28 * 28 * 64 * 64 * 9,
-                lambda x=x, w=w, k=options: bitfold.ops.conv2d(x, w, accumulator_size=24, **k),
-                lambda x=xf, w=wf: tf.nn.conv2d(x, w, 1, "SAME"),
+    depthwise = ("56x56x128, 3x3", 56, 128, 0, 3)
+    cases = []
+
+    def add(dtype, layer, numbers):
+        shape, side, channels, out, taps = layer
+        name, limits, weight_limits, unit, k = numbers
+        x = chain_input((1, side, side, channels), limits, unit, dtype)
+        window = (taps, taps, channels, out or 1)
+        w = chain_input(window, weight_limits, unit, dtype)
+        if out:
+            op, ours = "HConv2d", lambda x, w: bitfold.ops.conv2d(x, w, **k)
+            stock = in_graph(lambda x, w: tf.nn.conv2d(x, w, 1, "SAME"), *as_floats(x, w))
+        else:
+            op, ours = "HDepthWise", lambda x, w: bitfold.ops.depthwise_conv2d(x, w, **k)
+            stock = in_graph(
+                lambda x, w: tf.nn.depthwise_conv2d(x, w, [1] * 4, "SAME"), *as_floats(x, w)
             )
-        )
-    for dtype, name in ((tf.int32, "int32/plain"), (tf.float32, "float/plain")):
-        x, w = integers((1, 28, 28, 128), 0, 15, dtype), integers((3, 3, 128, 1), -8, 7, dtype)
-        xf, wf = tf.cast(x, tf.float32), tf.cast(w, tf.float32)
-        cases.append(
-            Case(
-                f"HDepthWise/{name}",
-                "1x28x28x128, 3x3",
-                28 * 28 * 128 * 9,
-                lambda x=x, w=w: bitfold.ops.depthwise_conv2d(x, w, accumulator_size=24),
-                lambda x=xf, w=wf: tf.nn.depthwise_conv2d(x, w, [1, 1, 1, 1], "SAME"),
-            )
-        )
+        products = side * side * taps * taps * channels * (out or 1)
+        row = f"{op}/{'float' if dtype == tf.float32 else 'int32'}/{shape}, {name}"
+        cases.append(Case(row, shape, products, in_graph(ours, x, w), stock))
+
+    for numbers in INT32_NUMBERS:
+        add(tf.int32, layer, numbers)
+    for numbers in FLOAT_NUMBERS:
+        add(tf.float32, layer, numbers)
+    for other in (*others, depthwise):
+        add(tf.int32, other, BYTES)
+        add(tf.float32, other, FLOAT_BYTES)
     return cases
 
 
+def as_floats(*tensors: tf.Tensor) -> list[tf.Tensor]:
+    """Return tensors as float32, for the stock ops."""
+    return [tf.cast(x, tf.float32) for x in tensors]
+
+
 def matmul_cases() -> list[Case]:
-    """Return a matrix product of 32 x 256 and 256 x 256; the stock one takes floats."""
+    """Return the matrix products; the stock one takes floats."""
     cases = []
-    for dtype, name, options in (
-        (tf.int32, "int32/plain", {}),
-        (tf.int32, "int32/shift 4", {"mult_shift": 4}),
-        (tf.float32, "float/plain", {}),
-        (tf.float32, "float/shift 4", {"mult_shift": 4}),
-        (tf.float32, "float/half precision", {"use_fp16_acc": True}),
-    ):
-        a, b = integers((32, 256), 0, 15, dtype), integers((256, 256), -8, 7, dtype)
-        af, bf = tf.cast(a, tf.float32), tf.cast(b, tf.float32)
+
+    def add(dtype, shape, numbers):
+        rows, inner, cols = shape
+        name, limits, weight_limits, unit, k = numbers
+        a = chain_input((rows, inner), limits, unit, dtype)
+        b = chain_input((inner, cols), weight_limits, unit, dtype)
+        text = f"{rows}x{inner} by {inner}x{cols}"
         cases.append(
             Case(
-                f"HMatmul/{name}",
-                "32x256 by 256x256",
-                32 * 256 * 256,
-                lambda a=a, b=b, k=options: bitfold.ops.matmul(a, b, accumulator_size=24, **k),
-                lambda a=af, b=bf: tf.matmul(a, b),
+                f"HMatmul/{'float' if dtype == tf.float32 else 'int32'}/{text}, {name}",
+                text,
+                rows * inner * cols,
+                in_graph(lambda a, b: bitfold.ops.matmul(a, b, **k), a, b),
+                in_graph(tf.matmul, *as_floats(a, b)),
             )
         )
+
+    for shape in ((128, 768, 768), (1, 1024, 1000)):
+        add(tf.int32, shape, BYTES)
+        add(tf.float32, shape, FLOAT_BYTES)
+    for numbers in (FLOAT_NUMBERS[1], FLOAT_NUMBERS[3]):
+        add(tf.float32, (128, 768, 768), numbers)
     return cases
 
 
@@ -370,8 +421,8 @@ def seconds(call: Callable[[], tf.Tensor], budget: float) -> float:
     return float(np.median(times))
 
 
-def definition_seconds(budget: float, pattern: str) -> dict[str, float]:
-    """Build and run the C++ benchmarks that match; return seconds a call by name."""
+def definition_seconds(budget: float, pattern: str) -> dict[str, tuple[float, str]]:
+    """Build and run the C++ benchmarks that match; return seconds a call and a label by name."""
     for command in (["cmake", "--preset", "bench"], ["cmake", "--build", "--preset", "bench"]):
         subprocess.run(command, cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     output = subprocess.run(
@@ -387,7 +438,10 @@ def definition_seconds(budget: float, pattern: str) -> dict[str, float]:
     ).stdout
     scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3}
     rows = json.loads(output)["benchmarks"]
-    return {row["name"]: row["real_time"] * scale[row["time_unit"]] for row in rows}
+    return {
+        row["name"]: (row["real_time"] * scale[row["time_unit"]], row.get("label", ""))
+        for row in rows
+    }
 
 
 def measure(cases: list[Case], budget: float, pattern: str, console: Console) -> list[Row]:
@@ -400,13 +454,13 @@ def measure(cases: list[Case], budget: float, pattern: str, console: Console) ->
             continue
         console.print(f"Timing {case.name}...")
         ours, stock = seconds(case.ours, budget), seconds(case.stock, budget)
-        definition = definitions[case.name]
-        loops = definitions.get(f"{case.name} loops")
+        definition, _ = definitions[case.name]
+        loops, path = definitions.get(f"{case.name} loops", (None, ""))
         rows.append(
             Row(
                 name=case.name,
                 shape=case.shape,
-                path=case.path,
+                path=path or case.path,
                 definition_seconds=definition,
                 loops_seconds=loops,
                 ours_seconds=ours,

@@ -15,6 +15,7 @@
 #include "convolve.h"
 #include "device_launchers.h"
 #include "op_frame.h"
+#include "op_scratch.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -148,15 +149,17 @@ struct HConv2dFunctor;
 
 template <typename T>
 struct HConv2dFunctor<CPUDevice, T> {
-  void operator()(OpKernelContext*, const CPUDevice&, const T* input, const T* filter,
+  void operator()(OpKernelContext* context, const CPUDevice&, const T* input, const T* filter,
                   const T* elementwise, T* output, int32_t batch, int32_t in_h, int32_t in_w,
                   int32_t in_c, int32_t fh, int32_t fw, int32_t out_c, int32_t accumulator_size,
                   const std::vector<int32_t>& strides, const std::vector<int32_t>& dilations,
                   Padding padding, const int8_t* mult_shift, bool use_fp16_acc, bool is_depthwise,
                   bool more_than_four_dimensions) const {
+    OpScratch scratch(context);
     convolve4DTensorSlow<T>(input, filter, elementwise, output, batch, in_h, in_w, in_c, fh, fw,
                             out_c, accumulator_size, strides, dilations, padding, mult_shift[0],
-                            use_fp16_acc, is_depthwise, more_than_four_dimensions ? 1 : 0);
+                            use_fp16_acc, is_depthwise, more_than_four_dimensions ? 1 : 0,
+                            &scratch);
   }
 };
 

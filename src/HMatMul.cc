@@ -8,6 +8,7 @@
 #include "bitfold/fpx.h"
 #include "floating_point_scope.h"
 #include "op_frame.h"
+#include "op_scratch.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -79,11 +80,12 @@ class HMatMulOp : public AdditionOp<T> {
     ZeroFill(product, inner == b_rows ? batch * rows * cols : 0);
     const DefaultFloatingPointScope scope;
     for (int64_t i = 0; i < batch; ++i) {
+      OpScratch scratch(context);
       MatrixMultiplication(a.flat<T>().data(), product->flat<T>().data(), b.flat<T>().data(),
                            static_cast<int32_t>(inner), static_cast<int32_t>(rows),
                            static_cast<int32_t>(cols), static_cast<int32_t>(b_rows),
                            static_cast<int32_t>(i), this->accumulator_size_,
-                           mult_shift.flat<int8_t>()(0), this->use_fp16_acc_);
+                           mult_shift.flat<int8_t>()(0), this->use_fp16_acc_, &scratch);
     }
   }
 

@@ -9,12 +9,13 @@
 
 #include <pthread.h>
 
-#include <array>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "bitfold/HConv2D.h"
-#include "floating_point_scope.h"
+#include "chain/engine.h"
+#include "chain/scratch.h"
 
 namespace bitfold {
 
@@ -23,18 +24,31 @@ inline constexpr int kImageThreads = 20;
 // pthread_create's signature; tests pass one that fails.
 using CreateThread = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 
+// The definition of one image's convolution.
 template <typename T>
-void ConvolveImage(const ConvolutionImage<T>& work) {
-  DefaultFloatingPointScope scope;
-  ImageConvolution<T>(work).Run();
-}
+void ConvolveImage(const ConvolutionImage<T>& work);
 
-// Thread entry; `work` points to a ConvolutionImage<T>.
+// The convolutions of a call, as fast as its numbers allow.
 template <typename T>
-void* convolveOneImage(void* work) {
-  ConvolveImage(*static_cast<const ConvolutionImage<T>*>(work));
-  pthread_exit(nullptr);
-}
+class BatchConvolution {
+ public:
+  // Of the call that `work` is an image of. Up to kImageThreads images run at the same time.
+  BatchConvolution(const ConvolutionImage<T>& work, int32_t filter_images, Scratch* scratch);
+
+  // Computes and writes the outputs of an image and prints its lines.
+  void Run(const ConvolutionImage<T>& work) const;
+
+  // How; empty where by the definition.
+  std::optional<ChainPlan> plan() const { return engine_ ? engine_->plan() : std::nullopt; }
+
+ private:
+  using Engine = ChainEngine<Datapath<T>, T>;
+
+  const T* CorrectedFilter(const ConvolutionImage<T>& work, int64_t elements, Scratch* scratch);
+  bool NeedsWarning(const ConvolutionImage<T>& work) const;
+
+  std::unique_ptr<Engine> engine_;
+};
 
 // A fixed table of 20 records and threads: image i uses slot i mod 20, and the table is reused
 // once all its threads have been joined. An image whose thread cannot be created is computed on
@@ -47,33 +61,8 @@ void convolve4DTensorSlow(const T* input, const T* filter, const T* elementwise,
                           int32_t accumulator_size, const std::vector<int32_t>& strides,
                           const std::vector<int32_t>& dilations, Padding padding,
                           int32_t mult_shift, bool use_fp16_acc, bool is_depthwise,
-                          int more_than_four_dimensions, CreateThread create = pthread_create) {
-  std::array<ConvolutionImage<T>, kImageThreads> records;
-  std::array<pthread_t, kImageThreads> threads;
-  for (int32_t first = 0; first < batch; first += kImageThreads) {
-    const int group = batch - first < kImageThreads ? batch - first : kImageThreads;
-    std::array<bool, kImageThreads> started{};
-    for (int slot = 0; slot < group; ++slot) {
-      const int32_t image = first + slot;
-      records[slot] = {input,         filter,
-                       elementwise,   output,
-                       batch,         in_height,
-                       in_width,      in_channels,
-                       filter_height, filter_width,
-                       out_channels,  accumulator_size,
-                       strides[1],    strides[2],
-                       dilations[1],  dilations[2],
-                       padding,       mult_shift,
-                       use_fp16_acc,  is_depthwise,
-                       image,         more_than_four_dimensions != 0 ? image : 0};
-      started[slot] = create(&threads[slot], nullptr, convolveOneImage<T>, &records[slot]) == 0;
-      if (!started[slot]) ConvolveImage(records[slot]);
-    }
-    for (int slot = 0; slot < group; ++slot) {
-      if (started[slot]) pthread_join(threads[slot], nullptr);
-    }
-  }
-}
+                          int more_than_four_dimensions, Scratch* scratch,
+                          CreateThread create = pthread_create);
 
 }  // namespace bitfold
 

@@ -9,7 +9,7 @@ namespace {
 std::optional<Target> forced;
 
 Target WidestTarget() {
-  for (const Target target : {Target::kAvx512, Target::kAvx2}) {
+  for (const Target target : {Target::kAvx512Vnni, Target::kAvx512, Target::kAvx2}) {
     if (IsSupported(target)) return target;
   }
   return Target::kPortable;
@@ -27,6 +27,8 @@ bool IsSupported(Target target) {
     case Target::kAvx512:
       return __builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512bw") != 0 &&
              __builtin_cpu_supports("avx512dq") != 0 && __builtin_cpu_supports("avx512vl") != 0;
+    case Target::kAvx512Vnni:
+      return IsSupported(Target::kAvx512) && __builtin_cpu_supports("avx512vnni") != 0;
   }
 #endif
   return target == Target::kPortable;

@@ -12,8 +12,9 @@
 
 namespace bitfold {
 
-enum class Target { kPortable, kAvx2, kAvx512 };
-inline constexpr int kTargets = 3;
+// The last has dot products besides; loops are the same for it as for kAvx512.
+enum class Target { kPortable, kAvx2, kAvx512, kAvx512Vnni };
+inline constexpr int kTargets = 4;
 
 // Whether this machine has the target's instructions.
 bool IsSupported(Target target);

@@ -70,12 +70,17 @@ class ImageConvolution {
     for (int32_t row = 0; row < rows_.outputs; ++row) {
       for (int32_t column = 0; column < columns_.outputs; ++column) {
         for (int32_t channel = 0; channel < work_.out_channels; ++channel) {
-          const int64_t o = OutputIndex(row, column, channel);
-          work_.output[o] = OutputElement(row, column, channel, o);
+          DefineOutput(row, column, channel);
         }
       }
     }
     if (weight_corrected_) PrintDepthwiseWeightWarning();
+  }
+
+  // Computes and writes one output element.
+  void DefineOutput(int32_t row, int32_t column, int32_t channel) {
+    const int64_t o = OutputIndex(row, column, channel);
+    work_.output[o] = OutputElement(row, column, channel, o);
   }
 
  private:

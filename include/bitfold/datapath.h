@@ -29,7 +29,10 @@ template <>
 class Datapath<int32_t> {
  public:
   BITFOLD_HOST_DEVICE Datapath(int32_t accumulator_size, int32_t mult_shift, bool use_fp16_acc)
-      : limits_(accumulator_size), mult_shift_(mult_shift), use_fp16_acc_(use_fp16_acc) {}
+      : limits_(accumulator_size),
+        accumulator_size_(accumulator_size),
+        mult_shift_(mult_shift),
+        use_fp16_acc_(use_fp16_acc) {}
 
   BITFOLD_HOST_DEVICE int32_t InitialValue(int32_t value) const {
     if (!use_fp16_acc_) return value;
@@ -47,10 +50,13 @@ class Datapath<int32_t> {
   }
 
   const AccumulatorLimits<int32_t>& limits() const { return limits_; }
+  int32_t accumulator_size() const { return accumulator_size_; }
+  int32_t mult_shift() const { return mult_shift_; }
   bool use_fp16_acc() const { return use_fp16_acc_; }
 
  private:
   AccumulatorLimits<int32_t> limits_;
+  int32_t accumulator_size_;
   int32_t mult_shift_;
   bool use_fp16_acc_;
 };
@@ -63,7 +69,10 @@ template <>
 class Datapath<float> {
  public:
   BITFOLD_HOST_DEVICE Datapath(int32_t accumulator_size, int32_t mult_shift, bool use_fp16_acc)
-      : limits_(accumulator_size), mult_shift_(mult_shift), use_fp16_acc_(use_fp16_acc) {}
+      : limits_(accumulator_size),
+        accumulator_size_(accumulator_size),
+        mult_shift_(mult_shift),
+        use_fp16_acc_(use_fp16_acc) {}
 
   BITFOLD_HOST_DEVICE float InitialValue(float value) const {
     return use_fp16_acc_ ? f32_to_hf16(value) : value;
@@ -82,10 +91,13 @@ class Datapath<float> {
   }
 
   const AccumulatorLimits<float>& limits() const { return limits_; }
+  int32_t accumulator_size() const { return accumulator_size_; }
+  int32_t mult_shift() const { return mult_shift_; }
   bool use_fp16_acc() const { return use_fp16_acc_; }
 
  private:
   AccumulatorLimits<float> limits_;
+  int32_t accumulator_size_;
   int32_t mult_shift_;
   bool use_fp16_acc_;
 };

@@ -144,8 +144,9 @@ TEST(HMatMul, MismatchIsLoggedAndLeavesTheOutput) {
   const std::vector<float> b(20, 1.0f);
   std::vector<float> out(10, 77.0f);
   testing::LoggedLines().clear();
-  const std::string printed = testing::PrintedBy(
-      [&] { MatrixMultiplication(a.data(), out.data(), b.data(), 3, 2, 5, 4, 0, 16, 0, false); });
+  const std::string printed = testing::PrintedBy([&] {
+    MatrixMultiplication(a.data(), out.data(), b.data(), 3, 2, 5, 4, 0, 16, 0, false, nullptr);
+  });
   const std::string text =
       "input and kernel dimensions does not match for matrix mul. dataSizeX=3\tkernelSizeY=4\n";
   EXPECT_EQ(testing::LoggedLines(), text);
@@ -158,7 +159,8 @@ TEST(HMatMul, MismatchIsLoggedAndLeavesTheOutput) {
   // For each entry of a batch.
   const std::vector<int32_t> words(20, 1);
   std::vector<int32_t> product(10, 77);
-  MatrixMultiplication(words.data(), product.data(), words.data(), 3, 2, 5, 4, 1, 16, 0, false);
+  MatrixMultiplication(words.data(), product.data(), words.data(), 3, 2, 5, 4, 1, 16, 0, false,
+                       nullptr);
   EXPECT_EQ(testing::LoggedLines(), text + text);
   EXPECT_EQ(product, std::vector<int32_t>(10, 77));
 }

@@ -100,9 +100,10 @@ std::vector<float> Convolve(CreateThread create, int32_t shift) {
                                     0.1f,       FloatOf(1),          0.7f};
   const std::vector<float> filter = {1.0f, 0.3f};
   std::vector<float> output(3, 99.0f);
+  HeapScratch scratch;
   convolve4DTensorSlow<float>(input.data(), filter.data(), nullptr, output.data(), 3, 1, 2, 1, 1, 2,
                               1, 24, {1, 1, 1, 1}, {1, 1, 1, 1}, Padding::kValid, shift, false,
-                              false, 0, create);
+                              false, 0, &scratch, create);
   return output;
 }
 

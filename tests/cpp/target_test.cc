@@ -20,13 +20,13 @@ namespace {
 TEST(Target, PortableIsAlwaysThere) { EXPECT_TRUE(IsSupported(Target::kPortable)); }
 
 TEST(Target, TheWidestIsTheDefault) {
-  const auto targets = testing::SupportedTargets();
+  const auto targets = testing::AllTargets();
   EXPECT_EQ(CurrentTarget(), targets.back().target);
 }
 
 TEST(Target, ForcedUntilLifted) {
   const Target widest = CurrentTarget();
-  for (const auto& [target, name] : testing::SupportedTargets()) {
+  for (const auto& [target, name] : testing::AllTargets()) {
     ForceTarget(target);
     EXPECT_EQ(CurrentTarget(), target) << name;
   }
@@ -49,8 +49,10 @@ TEST(Target, MatchesTheSystem) {
     return features.find(" " + feature + " ") != std::string::npos;
   };
   EXPECT_EQ(IsSupported(Target::kAvx2), has("avx2"));
-  EXPECT_EQ(IsSupported(Target::kAvx512),
-            has("avx512f") && has("avx512bw") && has("avx512dq") && has("avx512vl"));
+  const bool has_avx512 =
+      has("avx512f") && has("avx512bw") && has("avx512dq") && has("avx512vl");
+  EXPECT_EQ(IsSupported(Target::kAvx512), has_avx512);
+  EXPECT_EQ(IsSupported(Target::kAvx512Vnni), has_avx512 && has("avx512_vnni"));
 }
 
 }  // namespace

@@ -155,6 +155,7 @@ template <typename T>
 ConvolutionOutput<T> ThreadedConvolution(const reference::Convolution& c,
                                          const ConvolutionData<T>& data, CreateThread create) {
   ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c)), ""};
+  HeapScratch scratch;
   out.lines = PrintedBy([&] {
     convolve4DTensorSlow<T>(data.input.data(), data.filter.data(),
                             data.elementwise.empty() ? nullptr : data.elementwise.data(),
@@ -162,7 +163,7 @@ ConvolutionOutput<T> ThreadedConvolution(const reference::Convolution& c,
                             c.filter_height, c.filter_width, c.out_channels, c.accumulator_size,
                             {1, c.stride_h, c.stride_w, 1}, {1, c.dilation_h, c.dilation_w, 1},
                             c.same ? Padding::kSame : Padding::kValid, c.mult_shift, c.use_fp16_acc,
-                            c.is_depthwise, c.filter_per_image ? 1 : 0, create);
+                            c.is_depthwise, c.filter_per_image ? 1 : 0, &scratch, create);
   });
   return out;
 }

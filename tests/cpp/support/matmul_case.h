@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bitfold/HMatMul.h"
+#include "chain/scratch.h"
 #include "reference/matmul.h"
 #include "support/bits.h"
 #include "support/op_case.h"
@@ -72,12 +73,19 @@ struct MatMulCase {
 
   void Run(int offset, T* out) const {
     const auto in = Misaligned<T>({&a, &b}, offset);
+    HeapScratch scratch;
     for (int32_t i = 0; i < batch; ++i) {
       MatrixMultiplication(in[0].data(), out, in[1].data(), inner, rows, cols, inner, i,
-                           accumulator_size, mult_shift, use_fp16_acc);
+                           accumulator_size, mult_shift, use_fp16_acc, &scratch);
     }
   }
 };
+
+// Its dot products differ on all of them.
+template <typename T>
+std::vector<NamedTarget> TargetsOf(const MatMulCase<T>&) {
+  return AllTargets();
+}
 
 }  // namespace bitfold::testing
 

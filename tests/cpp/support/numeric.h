@@ -69,13 +69,21 @@ struct NamedTarget {
 };
 
 // The targets that this machine has.
-inline std::vector<NamedTarget> SupportedTargets() {
+inline std::vector<NamedTarget> AllTargets() {
   std::vector<NamedTarget> targets;
   for (const NamedTarget t :
        {NamedTarget{Target::kPortable, "portable"}, NamedTarget{Target::kAvx2, "AVX2"},
-        NamedTarget{Target::kAvx512, "AVX-512"}}) {
+        NamedTarget{Target::kAvx512, "AVX-512"},
+        NamedTarget{Target::kAvx512Vnni, "AVX-512 VNNI"}}) {
     if (IsSupported(t.target)) targets.push_back(t);
   }
+  return targets;
+}
+
+// Those of them whose vector loops differ: the last target has but other dot products.
+inline std::vector<NamedTarget> SupportedTargets() {
+  std::vector<NamedTarget> targets = AllTargets();
+  if (targets.back().target == Target::kAvx512Vnni) targets.pop_back();
   return targets;
 }
 

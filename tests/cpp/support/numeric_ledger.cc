@@ -55,13 +55,59 @@ constexpr const char* kPathNames[] = {
     "suppression, portable loops",
     "suppression, AVX2 loops",
     "suppression, AVX-512 loops",
+    "chains, outputs computed anew",
+    "chains, outputs of overlapping tiles computed anew",
+    "chains, half precision in range, AVX-512",
+    "chains, half precision out of range, AVX-512",
+    "chains, no memory",
+    "chains, slots",
 };
 static_assert(sizeof(kPathNames) / sizeof(kPathNames[0]) == kPaths);
 
 std::atomic<bool> ran[kPaths];
 
+// Each in the order of its enumeration.
+constexpr const char* kChainPaths[] = {"stepwise", "modular", "rounded", "shorts", "bytes"};
+constexpr const char* kChainNumbers[] = {"int32", "float", "half precision"};
+constexpr const char* kChainForms[] = {"ordinary", "depthwise", "matrices"};
+constexpr const char* kChainTargets[] = {"portable", "AVX2", "AVX-512", "AVX-512 VNNI"};
+static_assert(sizeof(kChainTargets) / sizeof(kChainTargets[0]) == kTargets);
+
+std::atomic<bool> chain_ran[5][3][3][kTargets];
+
+// "chains, bytes, float, ordinary, AVX-512 VNNI"
+std::string ChainName(int path, int numbers, int form, int target) {
+  return std::string("chains, ") + kChainPaths[path] + ", " + kChainNumbers[numbers] + ", " +
+         kChainForms[form] + ", " + kChainTargets[target];
+}
+
+// Calls visit(path, numbers, form, target) for each that the engine can take on a machine with all
+// targets.
+template <typename Visit>
+void ForEachChain(Visit visit) {
+  for (int p = 0; p < 5; ++p) {
+    for (int n = 0; n < 3; ++n) {
+      for (int f = 0; f < 3; ++f) {
+        for (int t = 0; t < kTargets; ++t) {
+          const auto path = static_cast<ChainPath>(p);
+          const auto numbers = static_cast<ChainNumbers>(n);
+          const bool is_dot = path == ChainPath::kDotBytes || path == ChainPath::kDotShorts;
+          if (numbers == ChainNumbers::kHalf && path != ChainPath::kStepwise) continue;
+          if (path == ChainPath::kModular && numbers != ChainNumbers::kInt32) continue;
+          if (is_dot && static_cast<ChainForm>(f) == ChainForm::kDepthwise) continue;
+          if (path == ChainPath::kDotBytes && static_cast<Target>(t) != Target::kAvx512Vnni) {
+            continue;
+          }
+          visit(p, n, f, t);
+        }
+      }
+    }
+  }
+}
+
 // Whether this machine can take a path.
 bool CanRun(const std::string& name) {
+  if (name.find("VNNI") != std::string::npos) return IsSupported(Target::kAvx512Vnni);
   if (name.find("AVX-512") != std::string::npos) return IsSupported(Target::kAvx512);
   return name.find("AVX2") == std::string::npos || IsSupported(Target::kAvx2);
 }
@@ -71,16 +117,20 @@ std::set<std::string> OwnMarks() {
   for (int i = 0; i < kPaths; ++i) {
     if (ran[i]) marks.insert(std::string("numeric path ") + kPathNames[i]);
   }
+  ForEachChain([&marks](int p, int n, int f, int t) {
+    if (chain_ran[p][n][f][t]) marks.insert("numeric path " + ChainName(p, n, f, t));
+  });
   return marks;
 }
 
 void Judge(const std::set<std::string>& marks) {
-  for (const char* name : kPathNames) {
-    if (!CanRun(name)) continue;
-    if (marks.count(std::string("numeric path ") + name) == 0) {
+  const auto expect = [&marks](const std::string& name) {
+    if (CanRun(name) && marks.count("numeric path " + name) == 0) {
       ADD_FAILURE() << "never ran: " << name;
     }
-  }
+  };
+  for (const char* name : kPathNames) expect(name);
+  ForEachChain([&expect](int p, int n, int f, int t) { expect(ChainName(p, n, f, t)); });
 }
 
 class NumericMarks : public ::testing::Environment {
@@ -122,5 +172,10 @@ TEST(NumericLedger, EveryPathRan) {
 }  // namespace
 
 void Ran(NumericPath path) { ran[static_cast<int>(path)] = true; }
+
+void Ran(ChainPath path, ChainNumbers numbers, ChainForm form, Target target) {
+  chain_ran[static_cast<int>(path)][static_cast<int>(numbers)][static_cast<int>(form)]
+           [static_cast<int>(target)] = true;
+}
 
 }  // namespace bitfold::testing

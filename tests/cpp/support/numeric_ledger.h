@@ -7,6 +7,7 @@
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_NUMERIC_LEDGER_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_NUMERIC_LEDGER_H_
 
+#include "chain/plan.h"
 #include "target.h"
 
 namespace bitfold::testing {
@@ -40,10 +41,22 @@ enum class NumericPath {
   kNmsPortable,
   kNmsAvx2,
   kNmsAvx512,
+  kChainReplay,           // outputs in lanes that may print, computed anew
+  kChainReplayInOverlap,  // such an output in two tiles
+  kChainHalfInRange,      // the half-precision quantiser of AVX-512
+  kChainHalfOverflow,     // where it gives up
+  kChainNoMemory,         // left to the definition
+  kChainSlots,            // images that run at the same time
   kCount
 };
 
 void Ran(NumericPath path);
+
+// What the chain engine can take: a path for a kind of numbers and of call, on a target.
+enum class ChainNumbers { kInt32, kFloat, kHalf };
+enum class ChainForm { kOrdinary, kDepthwise, kMatrices };
+
+void Ran(ChainPath path, ChainNumbers numbers, ChainForm form, Target target);
 
 // The form of the portable loops on a target.
 constexpr NumericPath OnTarget(NumericPath portable, Target target) {

@@ -1,0 +1,201 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#include "chain/dot_convolution.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "bitfold/int32_arithmetic.h"
+#include "chain/lane_tile.h"
+#include "chain/pack.h"
+
+namespace bitfold {
+namespace {
+
+// Room for a whole register of words behind the last one read.
+constexpr int64_t kSpareWords = 16;
+
+// A row of outputs is one long one where each output has one tap of its own: tiles are whole then.
+WindowAxis WholeImage(const WindowAxis& rows, const WindowAxis& columns, bool of_rows) {
+  const auto is_plain = [](const WindowAxis& a) {
+    return a.taps == 1 && a.stride == 1 && a.first == 0 && a.outputs == a.input;
+  };
+  const int64_t size = int64_t{rows.input} * columns.input;
+  if (!is_plain(rows) || !is_plain(columns) || size > INT32_MAX) return of_rows ? rows : columns;
+  const int32_t input = of_rows ? 1 : static_cast<int32_t>(size);
+  return WindowAxis(input, 1, 1, 1, Padding::kValid);
+}
+
+}  // namespace
+
+template <typename T>
+DotConvolution<T>::PaddedAxis::PaddedAxis(const WindowAxis& axis) {
+  before = std::max(0, -axis.first);
+  const int32_t last = axis.Coordinate(axis.outputs - 1, axis.taps - 1);
+  size = before + std::max(axis.input, last + 1);
+}
+
+template <typename T>
+DotConvolution<T>::DotConvolution(const WindowAxis& rows, const WindowAxis& columns,
+                                  int32_t in_channels, int32_t out_channels, const ChainPlan& plan)
+    : rows_(WholeImage(rows, columns, true)),
+      columns_(WholeImage(rows, columns, false)),
+      in_channels_(in_channels),
+      out_channels_(out_channels),
+      plan_(plan),
+      padded_rows_(rows_),
+      padded_columns_(columns_),
+      words_((in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
+      panels_((out_channels + kPanel - 1) / kPanel) {}
+
+template <typename T>
+bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
+  const auto words = [scratch](int64_t count) {
+    return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
+  };
+  images_ = words(slots * (ImageWords() + kSpareWords));
+  weights_ = words(panels_ * PanelWords());
+  initial_sums_ = words(panels_ * kPanel);
+  T* numbers = reinterpret_cast<T*>(words(int64_t{4} * kPanel));
+  if (images_ == nullptr || weights_ == nullptr || initial_sums_ == nullptr || numbers == nullptr) {
+    return false;
+  }
+  for (int32_t panel = 0; panel < panels_; ++panel) {
+    PackPanel(filter, panel, numbers);
+    SumPanel(panel);
+  }
+  return true;
+}
+
+// Rows of the filter are read in place but in the last panel, which `numbers` fills up with zeros.
+template <typename T>
+void DotConvolution<T>::PackPanel(const T* filter, int32_t panel, T* numbers) const {
+  const int32_t lanes = std::min(kPanel, out_channels_ - panel * kPanel);
+  const int32_t each = NumbersInAWord();
+  int32_t* out = weights_ + panel * PanelWords();
+  const int64_t taps = int64_t{rows_.taps} * columns_.taps;
+  for (int64_t tap = 0; tap < taps; ++tap) {
+    for (int32_t word = 0; word < words_; ++word, out += kPanel) {
+      const T* rows[4] = {};
+      for (int32_t k = 0; k < each && word * each + k < in_channels_; ++k) {
+        rows[k] = filter + (tap * in_channels_ + word * each + k) * out_channels_ + panel * kPanel;
+        if (lanes == kPanel) continue;
+        std::fill_n(std::copy_n(rows[k], lanes, numbers + k * kPanel), kPanel - lanes, T{0});
+        rows[k] = numbers + k * kPanel;
+      }
+      IsBytes() ? PackWeightBytes(rows, out) : PackWeightShorts(rows, out);
+    }
+  }
+}
+
+// Minus the offset times the weights of a lane, which the padding has, too.
+template <typename T>
+void DotConvolution<T>::SumPanel(int32_t panel) {
+  int32_t* sums = initial_sums_ + panel * kPanel;
+  std::fill_n(sums, kPanel, 0);
+  if (plan_.input_offset == 0) return;
+  const int32_t* weights = weights_ + panel * PanelWords();
+  for (int64_t i = 0; i < PanelWords(); ++i) {
+    int8_t bytes[4];
+    std::memcpy(bytes, weights + i, sizeof bytes);
+    const int32_t sum = bytes[0] + bytes[1] + bytes[2] + bytes[3];
+    sums[i % kPanel] = WrapSubtract(sums[i % kPanel], WrapMultiply(plan_.input_offset, sum));
+  }
+}
+
+template <typename T>
+void DotConvolution<T>::PackImage(const T* image, int32_t* words) const {
+  // What lies outside has the bytes of 0.
+  const int32_t zero = IsBytes() ? WrapMultiply(plan_.input_offset, 0x01010101) : 0;
+  const int64_t padded_row = int64_t{padded_columns_.size} * words_;
+  const int64_t used = int64_t{columns_.input} * words_;
+  const int64_t before = int64_t{padded_columns_.before} * words_;
+  std::fill_n(words, padded_rows_.before * padded_row, zero);
+  words += padded_rows_.before * padded_row;
+  for (int32_t row = 0; row < rows_.input; ++row, words += padded_row) {
+    std::fill_n(words, before, zero);
+    PackRow(image + int64_t{row} * columns_.input * in_channels_, words + before);
+    std::fill_n(words + before + used, padded_row - before - used, zero);
+  }
+  const int32_t after = padded_rows_.size - padded_rows_.before - rows_.input;
+  std::fill_n(words, after * padded_row + kSpareWords, zero);
+}
+
+// Channels are filled up to whole words: what they meet is 0 in the weights.
+template <typename T>
+void DotConvolution<T>::PackRow(const T* row, int32_t* words) const {
+  const auto pack = [this](const T* x, int64_t count, int32_t* out) {
+    if (IsBytes()) {
+      PackBytes(x, count, plan_.input_offset, reinterpret_cast<uint8_t*>(out));
+    } else {
+      PackShorts(x, count, reinterpret_cast<int16_t*>(out));
+    }
+  };
+  if (in_channels_ % NumbersInAWord() == 0) {
+    return pack(row, int64_t{columns_.input} * in_channels_, words);
+  }
+  for (int32_t column = 0; column < columns_.input; ++column) {
+    words[(column + 1) * words_ - 1] = 0;
+    pack(row + int64_t{column} * in_channels_, in_channels_, words + column * words_);
+  }
+}
+
+template <typename T>
+void DotConvolution<T>::Run(const T* image, const T* elementwise, T* output, int slot) const {
+  int32_t* words = images_ + slot * (ImageWords() + kSpareWords);
+  PackImage(image, words);
+  const DotKernels& kernels = CurrentDotKernels();
+  for (int32_t panel = 0; panel < panels_;) {
+    int index = 0;
+    while (kernels.panels[index] > panels_ - panel) ++index;
+    RunPanels(words, elementwise, output, panel, kernels.panels[index], index);
+    panel += kernels.panels[index];
+  }
+}
+
+// All outputs of `panels` panels: their weights stay in the cache while the image goes by. The last
+// tile of a row may overlap the one before it.
+template <typename T>
+void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T* output,
+                                  int32_t panel, int32_t panels, int index) const {
+  const DotKernels& kernels = CurrentDotKernels();
+  int size = 0;
+  while (kernels.pixels[size] > columns_.outputs) ++size;
+  const int32_t pixels = kernels.pixels[size];
+  const DotKernel kernel = IsBytes() ? kernels.bytes[size][index] : kernels.shorts[size][index];
+  const int32_t lanes = panels * kPanel;
+  const int32_t channels = std::min(lanes, out_channels_ - panel * kPanel);
+
+  alignas(64) int32_t sums[kMaxDotPixels * kMaxDotPanels * kPanel];
+  DotTile tile;
+  tile.w = weights_ + panel * PanelWords();
+  tile.x_pixel = int64_t{columns_.stride} * words_;
+  tile.x_tap = int64_t{columns_.dilation} * words_;
+  tile.x_row = int64_t{rows_.dilation} * padded_columns_.size * words_;
+  tile.w_panel = PanelWords();
+  tile.rows = rows_.taps;
+  tile.taps = columns_.taps;
+  tile.words = words_;
+  tile.acc = sums;
+  for (int32_t row = 0; row < rows_.outputs; ++row) {
+    const int64_t y = rows_.Coordinate(row, 0) + padded_rows_.before;
+    for (int32_t next = 0; next < columns_.outputs; next += pixels) {
+      const int32_t column = std::min(next, columns_.outputs - pixels);
+      const int64_t x = columns_.Coordinate(column, 0) + padded_columns_.before;
+      tile.x = words + (y * padded_columns_.size + x) * words_;
+      for (int32_t p = 0; p < pixels; ++p) {
+        std::copy_n(initial_sums_ + panel * kPanel, lanes, sums + p * lanes);
+      }
+      kernel(tile);
+      const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + panel * kPanel;
+      FinishSums(TileSums{sums, pixels, lanes, channels, 0, plan_.bits},
+                 elementwise == nullptr ? nullptr : elementwise + o, out_channels_, output + o);
+    }
+  }
+}
+
+template class DotConvolution<int32_t>;
+template class DotConvolution<float>;
+
+}  // namespace bitfold

@@ -1,0 +1,353 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#include "chain/engine.h"
+
+#include <algorithm>
+#include <cstring>
+#include <type_traits>
+#include <vector>
+
+#include "chain/pack.h"
+#include "quantise_half.h"
+
+namespace bitfold {
+namespace {
+
+#include "vector_steps.inc"
+
+constexpr int kTileLanes = kTilePanels * kPanel;
+
+// A padded image of more than this many times the image, and more than this, is not made.
+constexpr int64_t kMostPadding = 4;
+constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
+
+// The numbers of each output channel, filled up to `lanes` channels with zeros.
+template <typename T, typename Out, typename Convert>
+void FillUpChannels(const T* filter, int64_t rows, int32_t channels, int32_t lanes, Out* out,
+                    Convert convert) {
+  for (int64_t row = 0; row < rows; ++row, filter += channels, out += lanes) {
+    std::transform(filter, filter + channels, out, convert);
+    std::fill(out + channels, out + lanes, Out{0});
+  }
+}
+
+template <typename T>
+T* AllocateFor(Scratch* scratch, int64_t count) {
+  return static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
+}
+
+bool GoesForward(const WindowAxis& axis) {
+  const int64_t extent = int64_t{axis.taps} * axis.dilation;
+  const int64_t reach = int64_t{axis.outputs} * axis.stride;
+  return axis.stride >= 1 && axis.dilation >= 1 && axis.taps >= 1 && axis.outputs >= 1 &&
+         extent + reach + axis.input < INT32_MAX / 2;
+}
+
+// The elementwise values come after the centre row: without one they do not come.
+template <typename T>
+ChainCall<T> WithUsedInputs(ChainCall<T> call, int32_t centre) {
+  if (centre < 0) call.elementwise = nullptr;
+  return call;
+}
+
+// Windows that do not go forward are none: the definition computes them.
+template <typename T>
+WindowAxis ColumnsOf(const ChainCall<T>& call) {
+  return GoesForward(call.columns) ? call.columns : WindowAxis(0, 1, 1, 1, Padding::kValid);
+}
+
+template <typename D>
+constexpr bool kDivides = std::is_same_v<D, Datapath<float>>;
+
+}  // namespace
+
+template <typename D, typename T>
+ChainEngine<D, T>::ChainEngine(const D& datapath, const ChainCall<T>& call, int slots,
+                               Scratch* scratch)
+    : datapath_(datapath),
+      centre_(GoesForward(call.rows) ? CentreTap(call.rows) : -1),
+      call_(WithUsedInputs(call, centre_)),
+      windows_(call.rows, ColumnsOf(call), call.in_channels, std::max(kPanel, call.out_channels),
+               call.is_depthwise) {
+  if (!GoesForward(call.rows) || !GoesForward(call.columns)) return;
+  if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
+  if (call.is_depthwise && call.out_channels < kPanel) return;
+  const bool has_bytes = CurrentDotKernels().HasBytes();
+  const ChainFacts facts = LookAt();
+  if constexpr (std::is_same_v<T, float>) {
+    plan_ = PlanFloat(facts, has_bytes);
+  } else {
+    plan_ = PlanInt32(facts, has_bytes);
+  }
+  if (!Prepare(slots, scratch)) plan_.reset();
+}
+
+template <typename D, typename T>
+ChainFacts ChainEngine<D, T>::LookAt() const {
+  ChainFacts facts{};
+  facts.accumulator_size = datapath_.accumulator_size();
+  facts.mult_shift = datapath_.mult_shift();
+  facts.use_fp16_acc = datapath_.use_fp16_acc();
+  facts.divides = kDivides<D>;
+  facts.is_depthwise = call_.is_depthwise;
+  facts.weight_sum = [](const void* engine) {
+    return static_cast<const ChainEngine*>(engine)->WeightSum();
+  };
+  facts.context = this;
+  if (std::is_same_v<T, float> && facts.use_fp16_acc) return facts;  // stepwise, whatever comes
+  facts.weights = FactsOf(call_.filter, call_.filter_images * call_.FilterElements());
+  if (!facts.weights.is_whole) return facts;
+  facts.input = FactsOf(call_.input, call_.batch * call_.InputElements());
+  if (call_.elementwise != nullptr && facts.input.is_whole) {
+    facts.elementwise = FactsOf(call_.elementwise, call_.batch * call_.OutputElements());
+  }
+  return facts;
+}
+
+template <typename D, typename T>
+int64_t ChainEngine<D, T>::WeightSum() const {
+  std::vector<int64_t> sums(static_cast<size_t>(call_.out_channels));
+  const int64_t rows = call_.FilterElements() / call_.out_channels;
+  int64_t largest = 0;
+  const T* filter = call_.filter;
+  for (int32_t image = 0; image < call_.filter_images; ++image) {
+    std::fill(sums.begin(), sums.end(), 0);
+    for (int64_t row = 0; row < rows; ++row, filter += call_.out_channels) {
+      AddMagnitudes(filter, call_.out_channels, sums.data());
+    }
+    largest = std::max(largest, *std::max_element(sums.begin(), sums.end()));
+  }
+  return largest;
+}
+
+template <typename D, typename T>
+bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
+  const bool is_dot = plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts;
+  if (is_dot) {
+    dot_.emplace(call_.rows, call_.columns, call_.in_channels, call_.out_channels, *plan_);
+    if (dot_->ImageElements() <= kMostPadding * call_.InputElements() + kAlwaysPadded) {
+      return dot_->Prepare(call_.filter, slots, scratch);
+    }
+    dot_.reset();
+    plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
+  }
+  return plan_->path == ChainPath::kRounded ? PrepareRounded(slots, scratch)
+                                            : PrepareLanes(scratch);
+}
+
+template <typename D, typename T>
+bool ChainEngine<D, T>::PrepareLanes(Scratch* scratch) {
+  lane_filter_ = call_.filter;
+  lane_filter_elements_ = call_.FilterElements();
+  if (call_.out_channels >= kPanel) return true;
+  const int64_t rows = lane_filter_elements_ / call_.out_channels;
+  lane_filter_elements_ = rows * kPanel;
+  T* filter = AllocateFor<T>(scratch, lane_filter_elements_);
+  if (filter == nullptr) return false;
+  FillUpChannels(call_.filter, rows, call_.out_channels, kPanel, filter, [](T x) { return x; });
+  lane_filter_ = filter;
+  return true;
+}
+
+// Divisors that are powers of two go into the weights: their products stay exact.
+template <typename D, typename T>
+bool ChainEngine<D, T>::PrepareRounded(int slots, Scratch* scratch) {
+  const int32_t s = datapath_.mult_shift();
+  float scale = 1.0f;
+  rounded_ = {true, 0.0f, 0.0f};
+  if (std::is_same_v<T, int32_t>) {
+    scale = exp2f(static_cast<float>(-s));
+  } else if (IsPowerOfTwo(s)) {
+    scale = ShiftReciprocal(s);
+  } else {
+    constexpr double kNear = 1.0 / (1 << 21);
+    rounded_ = {false, static_cast<float>((1.0 - kNear) / s),
+                static_cast<float>((1.0 + kNear) / s)};
+  }
+  const int32_t lanes = std::max(kPanel, call_.out_channels);
+  const int64_t rows = call_.FilterElements() / call_.out_channels * call_.filter_images;
+  lane_filter_elements_ = call_.FilterElements() / call_.out_channels * lanes;
+  rounded_filter_ = AllocateFor<float>(scratch, rows * lanes);
+  if (rounded_filter_ == nullptr) return false;
+  FillUpChannels(call_.filter, rows, call_.out_channels, lanes, rounded_filter_,
+                 [scale](T x) { return static_cast<float>(x) * scale; });
+  if (std::is_same_v<T, float>) return true;
+  rounded_images_ = AllocateFor<float>(scratch, slots * call_.InputElements());
+  return rounded_images_ != nullptr;
+}
+
+template <typename D, typename T>
+void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define) const {
+  switch (plan_->path) {
+    case ChainPath::kDotBytes:
+    case ChainPath::kDotShorts:
+      return dot_->Run(InputOf(image), ElementwiseOf(image), OutputOf(image), slot);
+    case ChainPath::kModular:
+      return RunModular(image);
+    case ChainPath::kRounded:
+      return RunRounded(image, slot);
+    case ChainPath::kStepwise:
+      return RunStepwise(image, define);
+  }
+}
+
+// The paths whose sums are only reduced at the end. add(place, tile, sums) adds a tile's products
+// to its sums, each of them `excess` too large.
+template <typename D, typename T>
+template <typename X, typename Add>
+void ChainEngine<D, T>::RunSums(int32_t image, const X* input, const X* filter, uint32_t excess,
+                                Add add) const {
+  const T* elementwise = ElementwiseOf(image);
+  T* output = OutputOf(image);
+  const uint32_t channels_in = call_.is_depthwise ? 1 : static_cast<uint32_t>(call_.in_channels);
+  for (int32_t row = 0; row < call_.rows.outputs; ++row) {
+    const TapRange rows = TapsInside(call_.rows, row);
+    windows_.ForEachTile([&](const LanePlace& place) {
+      int32_t acc[kTilePixels * kTileLanes] = {};
+      const uint32_t products =
+          static_cast<uint32_t>(rows.count) * static_cast<uint32_t>(place.taps.count) * channels_in;
+      if (rows.count > 0 && place.taps.count > 0) {
+        add(place, windows_.TileOf(place, row, rows, input, filter), acc);
+      }
+      const int32_t lanes = place.panels * kPanel;
+      const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
+      const int64_t o = OutputIndex(row, place.column, place.channel);
+      FinishSums(TileSums{acc, place.pixels, lanes, channels,
+                          static_cast<int32_t>(products * excess), plan_->bits},
+                 elementwise == nullptr ? nullptr : elementwise + o, call_.out_channels,
+                 output + o);
+    });
+  }
+}
+
+template <typename D, typename T>
+void ChainEngine<D, T>::RunModular(int32_t image) const {
+  if (datapath_.mult_shift() == 0) return RunPlainSums(image);
+  if constexpr (std::is_same_v<T, int32_t>) {
+    const ModularDatapath datapath(datapath_.mult_shift());
+    const auto& kernels = LaneKernelsOf<ModularDatapath, int32_t>();
+    const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
+    RunSums(image, InputOf(image), lane_filter_ + FilterOf(image) * lane_filter_elements_, 0,
+            [&](const LanePlace& place, LaneTile<int32_t> tile, int32_t* sums) {
+              tile.acc = sums;
+              table[place.pixels == kTilePixels][place.panels == kTilePanels](datapath, tile);
+            });
+  }
+}
+
+template <typename D, typename T>
+void ChainEngine<D, T>::RunPlainSums(int32_t image) const {
+  const SumKernels<T>& kernels = CurrentSumKernels<T>();
+  const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
+  const T* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
+  const T* elementwise = ElementwiseOf(image);
+  for (int32_t row = 0; row < call_.rows.outputs; ++row) {
+    const TapRange rows = TapsInside(call_.rows, row);
+    windows_.ForEachTile([&](const LanePlace& place) {
+      const int64_t o = OutputIndex(row, place.column, place.channel);
+      const int32_t lanes = place.panels * kPanel;
+      const SumOutput<T> output{elementwise == nullptr ? nullptr : elementwise + o,
+                                OutputOf(image) + o, call_.out_channels,
+                                std::min(lanes, call_.out_channels - place.channel), plan_->bits};
+      const auto kernel = table[place.pixels == kTilePixels][place.panels == kTilePanels];
+      kernel(windows_.TileOf(place, row, rows, InputOf(image), filter), output);
+    });
+  }
+}
+
+template <typename D, typename T>
+void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
+  const float* input = nullptr;
+  if constexpr (std::is_same_v<T, float>) {
+    input = InputOf(image);
+  } else {
+    float* copy = rounded_images_ + slot * call_.InputElements();
+    std::copy_n(InputOf(image), call_.InputElements(), copy);
+    input = copy;
+  }
+  const RoundedKernels& kernels = CurrentRoundedKernels();
+  const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
+  RunSums(image, input, rounded_filter_ + FilterOf(image) * lane_filter_elements_, kRoundingBits,
+          [&](const LanePlace& place, LaneTile<float> tile, int32_t* sums) {
+            tile.sums = sums;
+            table[place.pixels == kTilePixels][place.panels == kTilePanels](rounded_, tile);
+          });
+}
+
+template <typename D, typename T>
+void ChainEngine<D, T>::RunStepwise(int32_t image, const DefineOutput& define) const {
+  const int64_t in_a_row = int64_t{call_.columns.outputs} * call_.out_channels;
+  std::vector<char> may_print(std::is_same_v<T, float> ? static_cast<size_t>(in_a_row) : 0);
+  for (int32_t row = 0; row < call_.rows.outputs; ++row) {
+    bool any = false;
+    windows_.ForEachTile(
+        [&](const LanePlace& place) { any |= RunStepwiseTile(image, row, place, &may_print); });
+    if (!any) continue;
+    for (int32_t column = 0; column < call_.columns.outputs; ++column) {
+      for (int32_t channel = 0; channel < call_.out_channels; ++channel) {
+        char& mark = may_print[static_cast<size_t>(OutputIndex(0, column, channel))];
+        if (mark != 0) define(row, column, channel);
+        mark = 0;
+      }
+    }
+  }
+}
+
+// Marks the outputs that may print a line; true where there are any.
+template <typename D, typename T>
+bool ChainEngine<D, T>::RunStepwiseTile(int32_t image, int32_t row, const LanePlace& place,
+                                        std::vector<char>* may_print) const {
+  T acc[kTilePixels * kTileLanes] = {};
+  int32_t largest[kTilePixels * kTileLanes] = {};
+  const auto& kernels = LaneKernelsOf<D, T>();
+  const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
+  const auto kernel = table[place.pixels == kTilePixels][place.panels == kTilePanels];
+  const T* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
+  const auto add_rows = [&](int32_t first, int32_t end) {
+    if (first >= end || place.taps.count == 0) return;
+    LaneTile<T> tile =
+        windows_.TileOf(place, row, TapRange{first, end - first}, InputOf(image), filter);
+    tile.acc = acc;
+    tile.largest = largest;
+    kernel(datapath_, tile);
+  };
+
+  const int32_t lanes = place.panels * kPanel;
+  const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
+  const T* elementwise = ElementwiseOf(image);
+  const TapRange rows = TapsInside(call_.rows, row);
+  const int32_t end = rows.first + rows.count;
+  const bool has_addend = elementwise != nullptr;
+  const int32_t middle = has_addend ? std::min(end, centre_ + 1) : end;
+  add_rows(rows.first, middle);
+  for (int32_t p = 0; has_addend && p < place.pixels; ++p) {
+    const T* addends = elementwise + OutputIndex(row, place.column + p, place.channel);
+    for (int32_t i = p * lanes; i < p * lanes + channels; ++i) {
+      acc[i] = datapath_.use_fp16_acc()
+                   ? Accumulate<true>(datapath_, acc[i], addends[i - p * lanes], &largest[i])
+                   : Accumulate<false>(datapath_, acc[i], addends[i - p * lanes], &largest[i]);
+    }
+  }
+  add_rows(std::max(rows.first, middle), end);
+
+  bool any = false;
+  for (int32_t p = 0; p < place.pixels; ++p) {
+    const int64_t o = OutputIndex(row, place.column + p, place.channel);
+    std::copy_n(acc + p * lanes, channels, OutputOf(image) + o);
+    if (std::is_same_v<T, int32_t>) continue;
+    char* marks = may_print->data() + OutputIndex(0, place.column + p, place.channel);
+    for (int32_t l = 0; l < channels; ++l) {
+      const bool may = MayWarn(largest[p * lanes + l]);
+      marks[l] = may ? 1 : 0;
+      any |= may;
+    }
+  }
+  return any;
+}
+
+template class ChainEngine<Datapath<int32_t>, int32_t>;
+template class ChainEngine<Datapath<float>, float>;
+template class ChainEngine<ReciprocalDatapath<float>, float>;
+
+}  // namespace bitfold

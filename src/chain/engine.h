@@ -1,0 +1,110 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The long chains of convolution and matrix product, faster than one step after the other and with
+// the same bits and printed lines. An object is a call: it looks at all numbers once, decides on a
+// path (chain/plan.h), packs the weights, and then computes image after image, on several threads
+// where the caller has them.
+
+#ifndef BITFOLD_SRC_CHAIN_ENGINE_H_
+#define BITFOLD_SRC_CHAIN_ENGINE_H_
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "bitfold/datapath.h"
+#include "bitfold/geometry.h"
+#include "chain/dot_convolution.h"
+#include "chain/lane_windows.h"
+#include "chain/plan.h"
+#include "chain/scratch.h"
+
+namespace bitfold {
+
+// What the chains run over. Requires what ConvolutionImage requires; a matrix product is a
+// convolution of one row by one tap.
+template <typename T>
+struct ChainCall {
+  WindowAxis rows;
+  WindowAxis columns;
+  int32_t batch;
+  int32_t in_channels;
+  int32_t out_channels;
+  bool is_depthwise;
+  const T* input;
+  const T* filter;        // with the signs corrected
+  int32_t filter_images;  // depthwise: 1 or batch, a filter for each image
+  const T* elementwise;   // or null
+  T* output;
+
+  int64_t InputElements() const { return int64_t{rows.input} * columns.input * in_channels; }
+  int64_t OutputElements() const { return int64_t{rows.outputs} * columns.outputs * out_channels; }
+  int64_t FilterElements() const {
+    return int64_t{rows.taps} * columns.taps * (is_depthwise ? 1 : in_channels) * out_channels;
+  }
+};
+
+// Computes one output by the definition and writes it.
+using DefineOutput = std::function<void(int32_t row, int32_t column, int32_t channel)>;
+
+template <typename D, typename T>
+class ChainEngine {
+ public:
+  // Up to `slots` images are computed at the same time. What `call` points to stays.
+  ChainEngine(const D& datapath, const ChainCall<T>& call, int slots, Scratch* scratch);
+
+  // Empty where the definition must do: windows that do not go forward, depthwise filters of less
+  // than a panel, no memory.
+  const std::optional<ChainPlan>& plan() const { return plan_; }
+
+  // Computes and writes the outputs of an image. Those that may print a line are computed by
+  // `define`, in the order of the definition. `slot` < slots tells apart what runs at the same
+  // time. Requires plan().
+  void Run(int32_t image, int slot, const DefineOutput& define) const;
+
+ private:
+  ChainFacts LookAt() const;
+  int64_t WeightSum() const;
+  bool Prepare(int slots, Scratch* scratch);
+  bool PrepareLanes(Scratch* scratch);
+  bool PrepareRounded(int slots, Scratch* scratch);
+
+  void RunModular(int32_t image) const;
+  void RunPlainSums(int32_t image) const;
+  void RunRounded(int32_t image, int slot) const;
+  void RunStepwise(int32_t image, const DefineOutput& define) const;
+  bool RunStepwiseTile(int32_t image, int32_t row, const LanePlace& place,
+                       std::vector<char>* may_print) const;
+  template <typename X, typename Add>
+  void RunSums(int32_t image, const X* input, const X* filter, uint32_t excess, Add add) const;
+
+  const T* InputOf(int32_t image) const { return call_.input + image * call_.InputElements(); }
+  T* OutputOf(int32_t image) const { return call_.output + image * call_.OutputElements(); }
+  const T* ElementwiseOf(int32_t image) const {
+    return call_.elementwise == nullptr ? nullptr
+                                        : call_.elementwise + image * call_.OutputElements();
+  }
+  // Where the filter of an image begins among those of all, in filters.
+  int32_t FilterOf(int32_t image) const { return call_.filter_images > 1 ? image : 0; }
+  int64_t OutputIndex(int32_t row, int32_t column, int32_t channel) const {
+    return (int64_t{row} * call_.columns.outputs + column) * call_.out_channels + channel;
+  }
+
+  const D datapath_;
+  const int32_t centre_;  // the row of taps after which the elementwise values come, or -1
+  const ChainCall<T> call_;
+  const LaneWindows windows_;
+  std::optional<ChainPlan> plan_;
+  std::optional<DotConvolution<T>> dot_;
+  const T* lane_filter_ = nullptr;  // its output channels filled up to a panel
+  int64_t lane_filter_elements_ = 0;
+  RoundedSums rounded_{};
+  float* rounded_filter_ = nullptr;
+  float* rounded_images_ = nullptr;  // int32: the images of the slots as floats
+};
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_CHAIN_ENGINE_H_

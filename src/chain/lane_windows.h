@@ -1,0 +1,163 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The outputs of an image cut into tiles of lanes, and the taps of each that lie inside the image.
+
+#ifndef BITFOLD_SRC_CHAIN_LANE_WINDOWS_H_
+#define BITFOLD_SRC_CHAIN_LANE_WINDOWS_H_
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "bitfold/geometry.h"
+#include "chain/lane_tile.h"
+
+namespace bitfold {
+
+struct TapRange {
+  int32_t first;
+  int32_t count;
+};
+
+// The taps of an output that lie inside the input; they follow one another. Requires a stride and a
+// dilation of at least 1, and coordinates that fit 32 bits.
+inline TapRange TapsInside(const WindowAxis& axis, int32_t output) {
+  const int32_t start = axis.Coordinate(output, 0);
+  const int32_t first = start < 0 ? (-start + axis.dilation - 1) / axis.dilation : 0;
+  const int32_t room = axis.input - start;
+  const int32_t end = room <= 0 ? 0 : std::min(axis.taps, (room - 1) / axis.dilation + 1);
+  return {first, std::max(0, end - first)};
+}
+
+// Of a window of any size, the tap after whose row the elementwise value comes, or -1.
+inline int32_t CentreTap(const WindowAxis& axis) {
+  for (int32_t tap = 0; tap < axis.taps; ++tap) {
+    if (axis.IsCentre(tap)) return tap;
+  }
+  return -1;
+}
+
+// `pixels` columns of outputs from `column` on that have the same taps, by `panels` panels of
+// output channels from `channel` on.
+struct LanePlace {
+  int32_t column;
+  int32_t pixels;
+  int32_t channel;
+  int32_t panels;
+  TapRange taps;
+};
+
+// The tiles of an image with out_channels output channels, of which filters have filter_channels:
+// as many, but at least a panel. Requires windows that go forward.
+class LaneWindows {
+ public:
+  LaneWindows(const WindowAxis& rows, const WindowAxis& columns, int32_t in_channels,
+              int32_t filter_channels, bool is_depthwise)
+      : rows_(rows),
+        columns_(columns),
+        in_channels_(in_channels),
+        filter_channels_(filter_channels),
+        is_depthwise_(is_depthwise),
+        runs_(RunsOf(columns)) {}
+
+  bool is_depthwise() const { return is_depthwise_; }
+
+  // Calls visit(place) until the row of outputs is covered; tiles may overlap, so that whole ones
+  // do. What is used again stays in the cache: the weights of a few channels, or, depthwise, the
+  // inputs of a few columns.
+  template <typename Visit>
+  void ForEachTile(Visit visit) const {
+    if (is_depthwise_) {
+      ForEachColumns([&](int32_t column, int32_t pixels, const TapRange& taps) {
+        ForEachChannels([&](int32_t channel, int32_t panels) {
+          visit(LanePlace{column, pixels, channel, panels, taps});
+        });
+      });
+    } else {
+      ForEachChannels([&](int32_t channel, int32_t panels) {
+        ForEachColumns([&](int32_t column, int32_t pixels, const TapRange& taps) {
+          visit(LanePlace{column, pixels, channel, panels, taps});
+        });
+      });
+    }
+  }
+
+  // The rows of taps `rows` of a tile at output row `row`; where there are no taps it has no rows.
+  // Where its results go is left to the caller.
+  template <typename X>
+  LaneTile<X> TileOf(const LanePlace& place, int32_t row, const TapRange& rows, const X* image,
+                     const X* filter) const {
+    const int64_t channels = is_depthwise_ ? 1 : in_channels_;
+    const int64_t in_row = int64_t{columns_.input} * in_channels_;
+    const int64_t y = rows_.Coordinate(row, rows.first);
+    const int64_t x = columns_.Coordinate(place.column, place.taps.first);
+    LaneTile<X> tile{};
+    if (rows.count == 0 || place.taps.count == 0) return tile;
+    tile.x = image + y * in_row + x * in_channels_ + (is_depthwise_ ? place.channel : 0);
+    tile.x_pixel = int64_t{columns_.stride} * in_channels_;
+    tile.x_row = rows_.dilation * in_row;
+    tile.x_tap = int64_t{columns_.dilation} * in_channels_;
+    tile.w_channel = filter_channels_;
+    tile.w_tap = channels * filter_channels_;
+    tile.w_row = columns_.taps * tile.w_tap;
+    tile.w = filter + rows.first * tile.w_row + place.taps.first * tile.w_tap + place.channel;
+    tile.rows = rows.count;
+    tile.channels = static_cast<int32_t>(channels);
+    tile.taps = place.taps.count;
+    return tile;
+  }
+
+ private:
+  // Columns [first, end) that have the same taps.
+  struct Run {
+    int32_t first;
+    int32_t end;
+    TapRange taps;
+  };
+
+  static std::vector<Run> RunsOf(const WindowAxis& columns) {
+    std::vector<Run> runs;
+    for (int32_t column = 0; column < columns.outputs; ++column) {
+      const TapRange taps = TapsInside(columns, column);
+      const bool is_next = runs.empty() || runs.back().taps.first != taps.first ||
+                           runs.back().taps.count != taps.count;
+      if (is_next) runs.push_back({column, column, taps});
+      runs.back().end = column + 1;
+    }
+    return runs;
+  }
+
+  template <typename Visit>
+  void ForEachColumns(Visit visit) const {
+    for (const Run& run : runs_) {
+      const int32_t pixels = run.end - run.first >= kTilePixels ? kTilePixels : 1;
+      for (int32_t column = run.first; column < run.end; column += pixels) {
+        visit(std::min(column, run.end - pixels), pixels, run.taps);
+      }
+    }
+  }
+
+  template <typename Visit>
+  void ForEachChannels(Visit visit) const {
+    for (int32_t channel = 0; channel < filter_channels_;) {
+      const int32_t left = filter_channels_ - channel;
+      const bool has_two = left > kPanel && filter_channels_ >= kTilePanels * kPanel;
+      const int32_t panels = has_two ? kTilePanels : 1;
+      const int32_t from = std::min(channel, filter_channels_ - panels * kPanel);
+      visit(from, panels);
+      channel = from + panels * kPanel;
+    }
+  }
+
+  const WindowAxis rows_;
+  const WindowAxis columns_;
+  const int32_t in_channels_;
+  const int32_t filter_channels_;
+  const bool is_depthwise_;
+  const std::vector<Run> runs_;
+};
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_CHAIN_LANE_WINDOWS_H_

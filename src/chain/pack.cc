@@ -1,0 +1,87 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#include "chain/pack.h"
+
+#include "bitfold/int32_arithmetic.h"
+#include "chain/lane_tile.h"
+#include "target.h"
+
+namespace bitfold {
+namespace {
+
+template <typename T>
+struct PackLoops {
+  void (*bytes)(const T*, int64_t, int32_t, uint8_t*);
+  void (*shorts)(const T*, int64_t, int16_t*);
+  void (*weight_bytes)(const T* const*, int32_t*);
+  void (*weight_shorts)(const T* const*, int32_t*);
+  void (*magnitudes)(const T*, int64_t, int64_t*);
+  void (*finish[2])(const TileSums&, const T*, int64_t, T*);
+};
+
+struct AllLoops {
+  PackLoops<int32_t> integers;
+  PackLoops<float> floats;
+};
+
+#define BITFOLD_LOOPS "chain/pack_loops.inc"
+#define BITFOLD_LOOP_TABLE \
+  AllLoops { kPackLoopsOf<int32_t>, kPackLoopsOf<float> }
+#include "vector_loops.inc"
+
+template <typename T>
+const PackLoops<T>& LoopsOf();
+template <>
+const PackLoops<int32_t>& LoopsOf() {
+  return CurrentLoops().integers;
+}
+template <>
+const PackLoops<float>& LoopsOf() {
+  return CurrentLoops().floats;
+}
+
+}  // namespace
+
+template <typename T>
+void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out) {
+  LoopsOf<T>().bytes(x, count, offset, out);
+}
+
+template <typename T>
+void PackShorts(const T* x, int64_t count, int16_t* out) {
+  LoopsOf<T>().shorts(x, count, out);
+}
+
+template <typename T>
+void PackWeightBytes(const T* const* rows, int32_t* out) {
+  LoopsOf<T>().weight_bytes(rows, out);
+}
+
+template <typename T>
+void PackWeightShorts(const T* const* rows, int32_t* out) {
+  LoopsOf<T>().weight_shorts(rows, out);
+}
+
+template <typename T>
+void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
+  LoopsOf<T>().magnitudes(x, count, sums);
+}
+
+template <typename T>
+void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* out) {
+  LoopsOf<T>().finish[elementwise != nullptr](tile, elementwise, stride, out);
+}
+
+#define BITFOLD_INSTANTIATE(T)                                   \
+  template void PackBytes(const T*, int64_t, int32_t, uint8_t*); \
+  template void PackShorts(const T*, int64_t, int16_t*);         \
+  template void PackWeightBytes(const T* const*, int32_t*);      \
+  template void PackWeightShorts(const T* const*, int32_t*);     \
+  template void AddMagnitudes(const T*, int64_t, int64_t*);      \
+  template void FinishSums(const TileSums&, const T*, int64_t, T*);
+BITFOLD_INSTANTIATE(int32_t)
+BITFOLD_INSTANTIATE(float)
+#undef BITFOLD_INSTANTIATE
+
+}  // namespace bitfold

@@ -1,0 +1,49 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// Inputs and weights in the form that the dot products read: words of four bytes or two shorts, one
+// number for each channel, channels filled up with zeros.
+
+#ifndef BITFOLD_SRC_CHAIN_PACK_H_
+#define BITFOLD_SRC_CHAIN_PACK_H_
+
+#include <cstdint>
+
+namespace bitfold {
+
+// Packs `count` whole numbers, each with `offset` added, as bytes or as shorts. For the target in
+// use. T is int32_t or float.
+template <typename T>
+void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out);
+template <typename T>
+void PackShorts(const T* x, int64_t count, int16_t* out);
+
+// One word for each of 16 lanes, of rows[0..4) or rows[0..2), each of 16 whole numbers. A null row
+// has zeros.
+template <typename T>
+void PackWeightBytes(const T* const* rows, int32_t* out);
+template <typename T>
+void PackWeightShorts(const T* const* rows, int32_t* out);
+
+// sums[i] += |x[i]| of whole numbers.
+template <typename T>
+void AddMagnitudes(const T* x, int64_t count, int64_t* sums);
+
+// The sums of a tile of outputs: `pixels` columns of `lanes` channels, of which `channels` exist.
+struct TileSums {
+  const int32_t* sums;  // [pixels][lanes]
+  int32_t pixels;
+  int32_t lanes;
+  int32_t channels;
+  int32_t excess;  // what each of them is too large by, modulo 2^32
+  int32_t bits;    // 1 to 32
+};
+
+// Writes the low `bits` bits of each sum plus its elementwise value as a number with a sign.
+// Columns lie `stride` apart in out and in elementwise, which may be null.
+template <typename T>
+void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* out);
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_CHAIN_PACK_H_

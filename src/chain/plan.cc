@@ -1,0 +1,99 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#include "chain/plan.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace bitfold {
+namespace {
+
+constexpr ChainPlan kStepwise = {ChainPath::kStepwise, 0, 32};
+
+// Sums are exact modulo 2^32 and their warnings cannot come: a float holds every whole number up to
+// 2^24, and lines are printed from 2^23 - 1 on.
+constexpr int64_t kExactFloat = int64_t{1} << 24;
+constexpr int64_t kSilentSum = (int64_t{1} << 23) - 2;
+
+// A product that rounding by the addition of 1.5 * 2^23 takes, and one whose quotient by a number
+// that is no power of two is rounded right (RoundedSums).
+constexpr int64_t kRoundable = int64_t{1} << 22;
+constexpr int64_t kRoundableQuotient = int64_t{1} << 19;
+
+// The largest |w * x|. Facts of int32 keep it below 2^63.
+int64_t LargestProduct(const ChainFacts& facts) {
+  return facts.input.Magnitude() * facts.weights.Magnitude();
+}
+
+// The narrowest dot products that hold the numbers, or `otherwise`.
+ChainPlan Narrowest(const ChainFacts& facts, bool has_bytes, int32_t bits, ChainPath otherwise) {
+  if (facts.is_depthwise) return {otherwise, 0, bits};
+  if (has_bytes && facts.weights.LieIn(INT8_MIN, INT8_MAX)) {
+    if (facts.input.LieIn(0, UINT8_MAX)) return {ChainPath::kDotBytes, 0, bits};
+    if (facts.input.LieIn(INT8_MIN, INT8_MAX)) return {ChainPath::kDotBytes, 128, bits};
+  }
+  if (facts.weights.LieIn(INT16_MIN, INT16_MAX) && facts.input.LieIn(INT16_MIN, INT16_MAX)) {
+    return {ChainPath::kDotShorts, 0, bits};
+  }
+  return {otherwise, 0, bits};
+}
+
+}  // namespace
+
+bool IsPowerOfTwo(int32_t divisor) {
+  const int32_t magnitude = std::abs(divisor);
+  return magnitude != 0 && (magnitude & (magnitude - 1)) == 0;
+}
+
+// Theorem 1. From a width of 31 on every int32 addend obeys it. Scaling by a shift makes no product
+// larger in magnitude, but for 0 and 1 at most 1.
+ChainPlan PlanInt32(const ChainFacts& facts, bool has_bytes) {
+  const int32_t w = facts.accumulator_size;
+  if (w < 1) return kStepwise;
+  const int64_t period = int64_t{1} << w;
+  const int64_t product = LargestProduct(facts);
+  if (w < 31 && (product > period || facts.elementwise.Magnitude() > period)) return kStepwise;
+  const int32_t s = facts.mult_shift;
+  if (s == 0) return Narrowest(facts, has_bytes, w, ChainPath::kModular);
+  const bool is_float = product <= kExactFloat && facts.input.Magnitude() <= kExactFloat &&
+                        facts.weights.Magnitude() <= kExactFloat;
+  if (1 <= s && s <= 24 && is_float && product >> s < kRoundable)
+    return {ChainPath::kRounded, 0, w};
+  return {ChainPath::kModular, 0, w};
+}
+
+// Theorems 2 and 3, in whole numbers. Scaling makes no product larger in magnitude.
+ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
+  const int32_t w = facts.accumulator_size;
+  const bool is_whole =
+      facts.input.is_whole && facts.weights.is_whole && facts.elementwise.is_whole;
+  if (facts.use_fp16_acc || !is_whole || w < 1) return kStepwise;
+  const int64_t product = LargestProduct(facts);
+  if (product > kExactFloat) return kStepwise;
+  const int64_t addend = std::max(product, facts.elementwise.Magnitude());
+  const int32_t bits = std::min(w, 32);
+  const int64_t magnitude = int64_t{1} << (bits - 1);  // M, or less
+  const bool by_theorem_2 = w <= 23 && addend <= 2 * magnitude &&
+                            addend <= kExactFloat - magnitude &&
+                            magnitude + addend <= kSilentSum + 1;
+  const auto largest_sum = [&] {
+    return facts.input.Magnitude() * facts.weight_sum(facts.context) +
+           facts.elementwise.Magnitude();
+  };
+  const bool is_proven = by_theorem_2 || largest_sum() <= std::min(magnitude - 1, kSilentSum);
+  if (!is_proven) return kStepwise;
+  const int32_t s = facts.mult_shift;
+  if (s == 0) {
+    ChainPlan plan = Narrowest(facts, has_bytes, bits, ChainPath::kStepwise);
+    const bool needs_lanes = plan.path == ChainPath::kStepwise;
+    if (needs_lanes && largest_sum() <= kExactFloat) plan.path = ChainPath::kModular;
+    return plan;
+  }
+  const bool is_exact = IsPowerOfTwo(s);
+  const bool is_rounded =
+      is_exact ? product / std::abs(s) < kRoundable : facts.divides && product < kRoundableQuotient;
+  return is_rounded ? ChainPlan{ChainPath::kRounded, 0, bits} : kStepwise;
+}
+
+}  // namespace bitfold

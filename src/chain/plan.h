@@ -1,0 +1,56 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// How the chains of a call may be computed without changing a bit, decided from facts about its
+// numbers (theorems 1 to 3 of docs/arithmetic.md).
+
+#ifndef BITFOLD_SRC_CHAIN_PLAN_H_
+#define BITFOLD_SRC_CHAIN_PLAN_H_
+
+#include <cstdint>
+
+#include "chain/facts.h"
+
+namespace bitfold {
+
+enum class ChainPath {
+  kStepwise,   // every step in the defined order, in lanes
+  kModular,    // sums in lanes that wrap at the end: of int32 modulo 2^32, of floats exact
+  kRounded,    // sums modulo 2^32 of scaled products, formed as floats, in lanes
+  kDotShorts,  // dot products of 16-bit numbers
+  kDotBytes,   // dot products of 8-bit numbers
+};
+
+// What a call is, as far as the plan asks.
+struct ChainFacts {
+  int32_t accumulator_size;
+  int32_t mult_shift;
+  bool use_fp16_acc;
+  bool divides;       // floats: by the shift, not multiplied by its reciprocal
+  bool is_depthwise;  // has no dot products
+  Facts input;
+  Facts weights;      // with their signs corrected
+  Facts elementwise;  // all 0 where there is none
+  // The largest sum of magnitudes of the weights of one output. Asked for only where it decides.
+  int64_t (*weight_sum)(const void* context);
+  const void* context;
+};
+
+struct ChainPlan {
+  ChainPath path;
+  // kDotBytes: input numbers are stored with this added, so that they are unsigned.
+  int32_t input_offset;
+  // All paths but the first: the sums are sign-extended from this many bits, 1 to 32.
+  int32_t bits;
+};
+
+// Of an instruction set with or without dot products of bytes.
+ChainPlan PlanInt32(const ChainFacts& facts, bool has_bytes);
+ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes);
+
+// Whether 1 / divisor is exact: it is a power of two or a negative one.
+bool IsPowerOfTwo(int32_t divisor);
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_CHAIN_PLAN_H_
