@@ -9,7 +9,7 @@ RUNTIME_FREE := src/HFloat.cc src/activate_channels.cc src/additions.cc src/bili
     src/decode_boxes.cc src/layernorm.cc src/matmul.cc src/nms.cc src/nms_quietly.cc \
     src/single_step.cc src/softmax.cc src/target.cc src/vector_datapath.cc
 
-.PHONY: help setup demo demo-numeric demo-detect test bench wheel format lint clean constraints
+.PHONY: help setup demo demo-numeric demo-detect test device-test bench wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -31,6 +31,9 @@ test: ## every test: C++, sanitizers, fuzz, Python, doctests
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
+
+device-test: ## the device kernels on this machine's GPU; needs a CUDA toolkit, nothing else
+	@scripts/device_test.sh
 
 bench: ## ratios to the stock ops and to the plain scalar loop: table and JSON
 	@scripts/setup.sh bench

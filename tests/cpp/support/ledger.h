@@ -66,6 +66,28 @@ enum class Path {
   kThreadFallbackAll,
   kThreadFallbackSome,
   kFlushedCaller,
+  kDeviceAdd4DInt32,
+  kDeviceAdd4DFloat,
+  kDeviceAdd4DHalf,
+  kDeviceAdd2DInt32,
+  kDeviceAdd2DFloat,
+  kDeviceAdd2DHalf,
+  kDeviceBiasInt32,
+  kDeviceBiasFloat,
+  kDeviceBiasHalf,
+  kDeviceDecomposedBiasInt32,
+  kDeviceDecomposedBiasFloat,
+  kDeviceDecomposedBiasHalf,
+  kDeviceStandaloneInt32,
+  kDeviceStandaloneFloat,
+  kDeviceStandaloneHalf,
+  kDeviceConvolutionInt32,
+  kDeviceConvolutionFloat,
+  kDeviceConvolutionHalf,
+  kDeviceTilesOverDirtyMemory,       // shared memory that holds something before every block
+  kDeviceFewerPositionsThanColumns,  // unfolded, where taps lie apart
+  kDeviceFeedEnds,
+  kDeviceLaunchFailed,
   kCount
 };
 
