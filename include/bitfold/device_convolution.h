@@ -68,7 +68,9 @@ struct DeviceConvolution {
   int64_t column_elements() const { return window() * std::max(outputs(), positions()); }
 
   // Whether there is anything to compute.
-  bool HasOutputs() const { return batch > 0 && outputs() > 0 && out_channels > 0; }
+  bool HasOutputs() const {
+    return batch > 0 && rows.outputs > 0 && columns.outputs > 0 && out_channels > 0;
+  }
 };
 
 }  // namespace bitfold
