@@ -27,20 +27,20 @@ template <typename T>
 using ChainDatapath =
     std::conditional_t<std::is_same_v<T, float>, ReciprocalDatapath<float>, Datapath<int32_t>>;
 
-// Signs corrected; null where there is no memory.
+// The weights with their signs corrected: b itself where none needs it, null where there is no
+// memory.
 template <typename T>
 const T* CorrectWeights(const WeightSign<T>& sign, const Matrices<T>& m, Scratch* scratch,
                         bool* corrected) {
   const int64_t count = int64_t{m.inner} * m.cols;
+  int needed = 0;
+  for (int64_t i = 0; i < count; ++i) needed |= sign.NeedsCorrection(m.b[i]) ? 1 : 0;
+  *corrected = needed != 0;
+  if (!*corrected) return m.b;
   T* weights = static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
   if (weights == nullptr) return nullptr;
-  bool any = false;
-  for (int64_t i = 0; i < count; ++i) {
-    const bool needs = sign.NeedsCorrection(m.b[i]);
-    weights[i] = needs ? sign.Correct(m.b[i]) : m.b[i];
-    any |= needs;
-  }
-  *corrected = any;
+  std::transform(m.b, m.b + count, weights,
+                 [&sign](T x) { return sign.NeedsCorrection(x) ? sign.Correct(x) : x; });
   return weights;
 }
 

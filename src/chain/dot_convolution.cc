@@ -57,7 +57,7 @@ bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
   images_ = words(slots * (ImageWords() + kSpareWords));
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
-  T* numbers = reinterpret_cast<T*>(words(int64_t{4} * kPanel));
+  T* numbers = reinterpret_cast<T*>(words(int64_t{in_channels_} * kPanel));
   if (images_ == nullptr || weights_ == nullptr || initial_sums_ == nullptr || numbers == nullptr) {
     return false;
   }
@@ -68,24 +68,26 @@ bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
   return true;
 }
 
-// Rows of the filter are read in place but in the last panel, which `numbers` fills up with zeros.
+// The filter is read in place but for a panel that is not full: `numbers` fills it up with zeros, a
+// tap at a time.
 template <typename T>
 void DotConvolution<T>::PackPanel(const T* filter, int32_t panel, T* numbers) const {
   const int32_t lanes = std::min(kPanel, out_channels_ - panel * kPanel);
-  const int32_t each = NumbersInAWord();
   int32_t* out = weights_ + panel * PanelWords();
   const int64_t taps = int64_t{rows_.taps} * columns_.taps;
-  for (int64_t tap = 0; tap < taps; ++tap) {
-    for (int32_t word = 0; word < words_; ++word, out += kPanel) {
-      const T* rows[4] = {};
-      for (int32_t k = 0; k < each && word * each + k < in_channels_; ++k) {
-        rows[k] = filter + (tap * in_channels_ + word * each + k) * out_channels_ + panel * kPanel;
-        if (lanes == kPanel) continue;
-        std::fill_n(std::copy_n(rows[k], lanes, numbers + k * kPanel), kPanel - lanes, T{0});
-        rows[k] = numbers + k * kPanel;
+  for (int64_t tap = 0; tap < taps; ++tap, out += int64_t{words_} * kPanel) {
+    const T* weights = filter + tap * in_channels_ * out_channels_ + panel * kPanel;
+    int64_t stride = out_channels_;
+    if (lanes < kPanel) {
+      for (int32_t c = 0; c < in_channels_; ++c) {
+        T* row = std::copy_n(weights + c * stride, lanes, numbers + c * kPanel);
+        std::fill_n(row, kPanel - lanes, T{0});
       }
-      IsBytes() ? PackWeightBytes(rows, out) : PackWeightShorts(rows, out);
+      weights = numbers;
+      stride = kPanel;
     }
+    IsBytes() ? PackWeightBytes(weights, in_channels_, stride, out)
+              : PackWeightShorts(weights, in_channels_, stride, out);
   }
 }
 

@@ -18,6 +18,9 @@ namespace {
 
 constexpr int kTileLanes = kTilePanels * kPanel;
 
+// To pack the weights costs about as much as this many outputs of each channel in lanes.
+constexpr int64_t kOutputsWorthPacking = 6;
+
 // A padded image of more than this many times the image, and more than this, is not made.
 constexpr int64_t kMostPadding = 4;
 constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
@@ -90,7 +93,8 @@ ChainFacts ChainEngine<D, T>::LookAt() const {
   facts.mult_shift = datapath_.mult_shift();
   facts.use_fp16_acc = datapath_.use_fp16_acc();
   facts.divides = kDivides<D>;
-  facts.is_depthwise = call_.is_depthwise;
+  const int64_t outputs = int64_t{call_.batch} * call_.rows.outputs * call_.columns.outputs;
+  facts.packs = !call_.is_depthwise && outputs >= kOutputsWorthPacking;
   facts.weight_sum = [](const void* engine) {
     return static_cast<const ChainEngine*>(engine)->WeightSum();
   };

@@ -34,11 +34,11 @@ struct LaneTile {
   int32_t rows;
   int32_t channels;
   int32_t taps;
-  T* acc;            // [columns][lanes]
+  T* acc;  // [columns][lanes]
   // Floats: [columns][lanes], the largest magnitude of the sums so far, as bits; in half precision
   // where one of the tile may print a line.
   int32_t* largest;
-  int32_t* sums;     // RoundedKernel, in place of these: [columns][lanes]
+  int32_t* sums;  // RoundedKernel, in place of these: [columns][lanes]
 };
 
 // What a sum does that needs no wrap: modulo 2^32. The proofs of the plan say when that is enough.

@@ -14,8 +14,8 @@ template <typename T>
 struct PackLoops {
   void (*bytes)(const T*, int64_t, int32_t, uint8_t*);
   void (*shorts)(const T*, int64_t, int16_t*);
-  void (*weight_bytes)(const T* const*, int32_t*);
-  void (*weight_shorts)(const T* const*, int32_t*);
+  void (*weight_bytes)(const T*, int32_t, int64_t, int32_t*);
+  void (*weight_shorts)(const T*, int32_t, int64_t, int32_t*);
   void (*magnitudes)(const T*, int64_t, int64_t*);
   void (*finish[2])(const TileSums&, const T*, int64_t, T*);
 };
@@ -54,13 +54,13 @@ void PackShorts(const T* x, int64_t count, int16_t* out) {
 }
 
 template <typename T>
-void PackWeightBytes(const T* const* rows, int32_t* out) {
-  LoopsOf<T>().weight_bytes(rows, out);
+void PackWeightBytes(const T* weights, int32_t rows, int64_t stride, int32_t* out) {
+  LoopsOf<T>().weight_bytes(weights, rows, stride, out);
 }
 
 template <typename T>
-void PackWeightShorts(const T* const* rows, int32_t* out) {
-  LoopsOf<T>().weight_shorts(rows, out);
+void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* out) {
+  LoopsOf<T>().weight_shorts(weights, rows, stride, out);
 }
 
 template <typename T>
@@ -73,12 +73,12 @@ void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* o
   LoopsOf<T>().finish[elementwise != nullptr](tile, elementwise, stride, out);
 }
 
-#define BITFOLD_INSTANTIATE(T)                                   \
-  template void PackBytes(const T*, int64_t, int32_t, uint8_t*); \
-  template void PackShorts(const T*, int64_t, int16_t*);         \
-  template void PackWeightBytes(const T* const*, int32_t*);      \
-  template void PackWeightShorts(const T* const*, int32_t*);     \
-  template void AddMagnitudes(const T*, int64_t, int64_t*);      \
+#define BITFOLD_INSTANTIATE(T)                                          \
+  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);        \
+  template void PackShorts(const T*, int64_t, int16_t*);                \
+  template void PackWeightBytes(const T*, int32_t, int64_t, int32_t*);  \
+  template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*); \
+  template void AddMagnitudes(const T*, int64_t, int64_t*);             \
   template void FinishSums(const TileSums&, const T*, int64_t, T*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)

@@ -18,12 +18,13 @@ void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out);
 template <typename T>
 void PackShorts(const T* x, int64_t count, int16_t* out);
 
-// One word for each of 16 lanes, of rows[0..4) or rows[0..2), each of 16 whole numbers. A null row
-// has zeros.
+// Packs 16 columns of `rows` rows of whole numbers, which lie `stride` apart, as words of four
+// bytes or two shorts: one word of each column for the first rows, one for the next, and so on.
+// Rows are filled up with zeros to whole words.
 template <typename T>
-void PackWeightBytes(const T* const* rows, int32_t* out);
+void PackWeightBytes(const T* weights, int32_t rows, int64_t stride, int32_t* out);
 template <typename T>
-void PackWeightShorts(const T* const* rows, int32_t* out);
+void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* out);
 
 // sums[i] += |x[i]| of whole numbers.
 template <typename T>

@@ -28,7 +28,7 @@ int64_t LargestProduct(const ChainFacts& facts) {
 
 // The narrowest dot products that hold the numbers, or `otherwise`.
 ChainPlan Narrowest(const ChainFacts& facts, bool has_bytes, int32_t bits, ChainPath otherwise) {
-  if (facts.is_depthwise) return {otherwise, 0, bits};
+  if (!facts.packs) return {otherwise, 0, bits};
   if (has_bytes && facts.weights.LieIn(INT8_MIN, INT8_MAX)) {
     if (facts.input.LieIn(0, UINT8_MAX)) return {ChainPath::kDotBytes, 0, bits};
     if (facts.input.LieIn(INT8_MIN, INT8_MAX)) return {ChainPath::kDotBytes, 128, bits};

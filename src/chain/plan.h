@@ -26,8 +26,8 @@ struct ChainFacts {
   int32_t accumulator_size;
   int32_t mult_shift;
   bool use_fp16_acc;
-  bool divides;       // floats: by the shift, not multiplied by its reciprocal
-  bool is_depthwise;  // has no dot products
+  bool divides;  // floats: by the shift, not multiplied by its reciprocal
+  bool packs;    // dot products are worth packing for: there are outputs enough
   Facts input;
   Facts weights;      // with their signs corrected
   Facts elementwise;  // all 0 where there is none
