@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "convolve.h"
+#include "support/chain_convolution.h"
 #include "support/compare.h"
 #include "support/ledger.h"
 
@@ -129,6 +130,28 @@ TEST(FloatingPointScope, ImagesDoNotDependOnTheCallersModes) {
   // The check can see: the first image, 3 * 2^-149 + 0.3 * 2^-127, is subnormal itself.
   EXPECT_TRUE(Same(FloatOf(3 + 1258291), Convolve(pthread_create, 0)[0], "image 0", ""));
   testing::Ran(testing::Path::kFlushedCaller);
+}
+
+// Whatever path the chains of floats take.
+TEST(FloatingPointScope, ChainsDoNotDependOnTheCallersModes) {
+  testing::Random random(0xf0de);
+  for (const testing::ChainRecipe& recipe : testing::ChainRecipes<float>()) {
+    for (const bool is_depthwise : {false, true}) {
+      reference::Convolution c = testing::Plain(2, 5, is_depthwise ? 20 : 3, 2, 2, 20);
+      c.is_depthwise = is_depthwise;
+      const auto data = testing::DrawRecipe<float>(&random, recipe, true, &c);
+      const auto defined = testing::DefinedConvolution(c, data);
+      for (const auto& [target, name] : testing::AllTargets()) {
+        const testing::ForcedTarget forced(target);
+        HeapScratch scratch;
+        const auto actual = [&] {
+          const ForeignModes modes;
+          return testing::ChainConvolution(c, data, 1, &scratch);
+        }();
+        ASSERT_TRUE(testing::SameAsDefined(c, defined, actual, name)) << recipe.name;
+      }
+    }
+  }
 }
 
 }  // namespace

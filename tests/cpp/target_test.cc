@@ -49,8 +49,7 @@ TEST(Target, MatchesTheSystem) {
     return features.find(" " + feature + " ") != std::string::npos;
   };
   EXPECT_EQ(IsSupported(Target::kAvx2), has("avx2"));
-  const bool has_avx512 =
-      has("avx512f") && has("avx512bw") && has("avx512dq") && has("avx512vl");
+  const bool has_avx512 = has("avx512f") && has("avx512bw") && has("avx512dq") && has("avx512vl");
   EXPECT_EQ(IsSupported(Target::kAvx512), has_avx512);
   EXPECT_EQ(IsSupported(Target::kAvx512Vnni), has_avx512 && has("avx512_vnni"));
 }

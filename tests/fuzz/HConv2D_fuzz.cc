@@ -1,16 +1,18 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// Fuzzes the convolution's definition, and its threads, against the oracle.
+// Fuzzes the convolution's definition, and its threads, against the oracle, and the convolutions of
+// a call on every target against the definition.
 
 #include <pthread.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <type_traits>
 
 #include "fuzz_input.h"
-#include "support/convolution.h"
+#include "support/chain_convolution.h"
 
 namespace bitfold::testing {
 namespace {
@@ -28,6 +30,11 @@ reference::Convolution ReadConvolution(FuzzInput* input, bool is_float) {
   c.same = input->Flag();
   c.is_depthwise = input->Flag();
   c.out_channels = input->Between(1, c.is_depthwise ? c.in_channels : 4);
+  if (input->Between(0, 3) == 0) {
+    c.out_channels = input->Between(14, 70);  // around the lanes of the tiles
+    if (c.is_depthwise) c.in_channels = c.out_channels + input->Between(0, 1);
+    c.in_width = input->Between(0, 12);
+  }
   c.filter_per_image = input->Flag();
   c.accumulator_size = input->Between(0, is_float ? 140 : 32);
   c.mult_shift = input->Flag() ? input->Between(0, 8) : static_cast<int8_t>(input->Byte());
@@ -52,6 +59,10 @@ void FuzzConvolution(FuzzInput* input) {
   RequireSame(oracle.values.data(), defined.values.data(), OutputCount(c), "ConvolveImage",
               describe);
   RequireSameText(oracle.lines, defined.lines, "ConvolveImage", Describe(c));
+  const auto any = [](const std::optional<ChainPlan>&, Target) {
+    return ::testing::AssertionSuccess();
+  };
+  Require(CompareChains(c, data, offset, any));
   // The threads' lines come in any order.
   const auto threaded = ThreadedConvolution(c, data, pthread_create);
   RequireSame(defined.values.data(), threaded.values.data(), OutputCount(c), "image threads",

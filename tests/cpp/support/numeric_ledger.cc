@@ -93,7 +93,6 @@ void ForEachChain(Visit visit) {
           const auto numbers = static_cast<ChainNumbers>(n);
           const bool is_dot = path == ChainPath::kDotBytes || path == ChainPath::kDotShorts;
           if (numbers == ChainNumbers::kHalf && path != ChainPath::kStepwise) continue;
-          if (path == ChainPath::kModular && numbers != ChainNumbers::kInt32) continue;
           if (is_dot && static_cast<ChainForm>(f) == ChainForm::kDepthwise) continue;
           if (path == ChainPath::kDotBytes && static_cast<Target>(t) != Target::kAvx512Vnni) {
             continue;

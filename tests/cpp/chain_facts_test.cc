@@ -1,0 +1,341 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// What an array is known to be, and the packed forms of whole numbers: on every target against
+// plain loops, at the sizes and misalignments at which vector loops turn.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "chain/facts.h"
+#include "chain/pack.h"
+#include "support/buffer.h"
+#include "support/compare.h"
+#include "support/numeric.h"
+#include "support/random.h"
+#include "support/tables.h"
+
+namespace bitfold {
+namespace {
+
+using testing::Describe;
+using testing::ExactBuffer;
+using testing::Random;
+
+constexpr float kTwoTo24 = 16777216.0f;
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+
+// Around every lane width and the step at which fractions are looked for.
+std::vector<int> FactsSizes() {
+  std::vector<int> sizes = testing::LaneSizes();
+  sizes.insert(sizes.end(), {4095, 4096, 4097, 8191, 8192, 8193});
+  return sizes;
+}
+
+// Places in an array at which a number is easily missed.
+std::vector<int> Places(int size) {
+  std::vector<int> places;
+  for (const int i :
+       {0, 1, 7, 8, 15, 16, 31, 32, 63, 64, 4094, 4095, 4096, 4097, size / 2, size - 2, size - 1}) {
+    if (0 <= i && i < size) places.push_back(i);
+  }
+  return places;
+}
+
+// Everything by itself, as the definition of the facts says.
+bool IsWhole(float x) { return std::fabs(x) <= kTwoTo24 && x == std::trunc(x); }
+bool IsWhole(int32_t) { return true; }
+
+template <typename T>
+Facts Expected(const ExactBuffer<T>& x) {
+  Facts facts;
+  for (int64_t i = 0; i < x.count(); ++i) {
+    if (!IsWhole(x[i])) return {false, 0, 0};
+    facts.min = std::min(facts.min, static_cast<int64_t>(x[i]));
+    facts.max = std::max(facts.max, static_cast<int64_t>(x[i]));
+  }
+  return facts;
+}
+
+// The bounds mean nothing where not all are whole.
+::testing::AssertionResult SameFacts(const Facts& expected, const Facts& actual) {
+  if (expected.is_whole == actual.is_whole && expected.min == actual.min &&
+      expected.max == actual.max) {
+    return ::testing::AssertionSuccess();
+  }
+  if (!expected.is_whole && !actual.is_whole) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << "expected " << expected.is_whole << " [" << expected.min << ", " << expected.max
+         << "], got " << actual.is_whole << " [" << actual.min << ", " << actual.max << "]";
+}
+
+template <typename T>
+::testing::AssertionResult CheckFacts(const ExactBuffer<T>& x) {
+  const Facts expected = Expected(x);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    auto same = SameFacts(expected, FactsOf(x.data(), x.count()));
+    if (!same) return same << ", " << name << ", of " << x.count();
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// ---- Facts -------------------------------------------------------------------------------------
+
+TEST(ChainFacts, Bounds) {
+  const Facts facts = {true, -5, 3};
+  EXPECT_EQ(facts.Magnitude(), 5);
+  EXPECT_EQ((Facts{true, -5, 6}).Magnitude(), 6);
+  EXPECT_EQ((Facts{true, INT32_MIN, INT32_MAX}).Magnitude(), int64_t{1} << 31);
+  EXPECT_TRUE(facts.LieIn(-5, 3));
+  EXPECT_FALSE(facts.LieIn(-4, 3));
+  EXPECT_FALSE(facts.LieIn(-5, 2));
+  EXPECT_EQ(Facts{}.Magnitude(), 0);
+}
+
+TEST(ChainFacts, ZeroIsTakenIn) {
+  const std::vector<int32_t> words = {5, 9};
+  const Facts facts = FactsOf(words.data(), 2);
+  EXPECT_EQ(facts.min, 0);
+  EXPECT_EQ(facts.max, 9);
+  const std::vector<float> floats = {-5.0f, -9.0f};
+  EXPECT_EQ(FactsOf(floats.data(), 2).max, 0);
+  EXPECT_EQ(FactsOf(floats.data(), 2).min, -9);
+}
+
+// One number alone among zeros, anywhere.
+template <typename T>
+void FindsEverywhere(const std::vector<T>& numbers) {
+  for (const int size : FactsSizes()) {
+    for (const int place : Places(size)) {
+      for (const T number : numbers) {
+        ExactBuffer<T> x(size, place % 4);
+        x[place] = number;
+        ASSERT_TRUE(CheckFacts(x)) << testing::Show(number) << " at " << place;
+      }
+    }
+  }
+}
+
+TEST(ChainFacts, ExtremesAnywhere) {
+  FindsEverywhere<int32_t>({1, -1, INT32_MAX, INT32_MIN});
+  FindsEverywhere<float>({-0.0f, -1.0f, kTwoTo24, -kTwoTo24, kTwoTo24 - 1.0f});
+}
+
+TEST(ChainFacts, FractionsAnywhere) {
+  FindsEverywhere<float>({0.5f, -8388607.5f, 1e-45f, kTwoTo24 + 2.0f, -kInfinity, kNan, -kNan});
+}
+
+// Each alone, so that a large one does not hide another.
+TEST(ChainFacts, BoundariesAlone) {
+  std::vector<float> numbers = testing::FloatBoundaries();
+  for (const float x : testing::FloatBoundaries()) numbers.push_back(std::trunc(x));
+  for (const float x : numbers) {
+    ExactBuffer<float> alone(std::vector<float>{x});
+    ASSERT_TRUE(CheckFacts(alone)) << testing::Show(x);
+    ExactBuffer<float> among(std::vector<float>(40, x), 1);
+    ASSERT_TRUE(CheckFacts(among)) << testing::Show(x);
+  }
+  for (const int32_t x : testing::Int32Boundaries()) {
+    ASSERT_TRUE(CheckFacts(ExactBuffer<int32_t>(std::vector<int32_t>(17, x), 3)));
+  }
+}
+
+TEST(ChainFacts, DrawnNumbers) {
+  Random random(0xfac7);
+  for (const int size : FactsSizes()) {
+    for (int offset = 0; offset < 4; ++offset) {
+      std::vector<int32_t> words;
+      std::vector<float> whole;
+      for (int i = 0; i < size; ++i) {
+        words.push_back(static_cast<int32_t>(random.Bits()));
+        whole.push_back(static_cast<float>(random.Between(-(1 << 24), 1 << 24)));
+      }
+      ASSERT_TRUE(CheckFacts(ExactBuffer<int32_t>(words, offset)));
+      ASSERT_TRUE(CheckFacts(ExactBuffer<float>(whole, offset)));
+    }
+  }
+}
+
+// ---- Packed forms ------------------------------------------------------------------------------
+
+// Numbers of a range, its ends first.
+template <typename T>
+std::vector<T> Numbers(Random* random, int64_t count, int32_t low, int32_t high) {
+  std::vector<T> numbers;
+  for (int64_t i = 0; i < count; ++i) {
+    const int32_t x = i == 0 ? low : i == 1 ? high : random->Between(low, high);
+    numbers.push_back(static_cast<T>(x));
+  }
+  return numbers;
+}
+
+template <typename T>
+void CheckPackBytes(Random* random, int size, int offset, int32_t added) {
+  const ExactBuffer<T> x(Numbers<T>(random, size, -added, 255 - added), offset);
+  ExactBuffer<uint8_t> out(size, offset + 1);
+  PackBytes(x.data(), size, added, out.data());
+  for (int i = 0; i < size; ++i) {
+    ASSERT_EQ(static_cast<int32_t>(out[i]), static_cast<int32_t>(x[i]) + added)
+        << i << " of " << size;
+  }
+}
+
+template <typename T>
+void CheckPackShorts(Random* random, int size, int offset) {
+  const ExactBuffer<T> x(Numbers<T>(random, size, INT16_MIN, INT16_MAX), offset);
+  ExactBuffer<int16_t> out(size, offset + 1);
+  PackShorts(x.data(), size, out.data());
+  for (int i = 0; i < size; ++i) {
+    ASSERT_EQ(static_cast<int32_t>(out[i]), static_cast<int32_t>(x[i])) << i << " of " << size;
+  }
+}
+
+template <typename T>
+void CheckPacks() {
+  Random random(0x9ac);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    for (const int size : testing::LaneSizes()) {
+      for (int offset = 0; offset < 4; ++offset) {
+        ASSERT_NO_FATAL_FAILURE(CheckPackBytes<T>(&random, size, offset, 0)) << name;
+        ASSERT_NO_FATAL_FAILURE(CheckPackBytes<T>(&random, size, offset, 128)) << name;
+        ASSERT_NO_FATAL_FAILURE(CheckPackShorts<T>(&random, size, offset)) << name;
+      }
+    }
+  }
+}
+
+TEST(ChainPack, Images) {
+  CheckPacks<int32_t>();
+  CheckPacks<float>();
+}
+
+// Each number of a word by itself; rows of other columns behind, and the last word is not full.
+template <typename T, typename Each, typename Pack>
+void CheckWeights(int32_t low, int32_t high, Pack pack) {
+  constexpr int kEach = sizeof(int32_t) / sizeof(Each);
+  Random random(0x3e1);
+  for (int32_t rows = 1; rows <= 3 * kEach + 1; ++rows) {
+    const int64_t stride = 16 + random.Between(0, 5);
+    const ExactBuffer<T> weights(Numbers<T>(&random, (rows - 1) * stride + 16, low, high),
+                                 random.Between(0, 3));
+    const int32_t words = (rows + kEach - 1) / kEach;
+    ExactBuffer<int32_t> out(int64_t{words} * 16, random.Between(0, 3));
+    pack(weights.data(), rows, stride, out.data());
+    for (int32_t i = 0; i < words * 16 * kEach; ++i) {
+      Each numbers[kEach];
+      std::memcpy(numbers, out.data() + i / kEach, sizeof numbers);
+      const int32_t lane = i / kEach % 16;
+      const int32_t row = i / kEach / 16 * kEach + i % kEach;
+      const int32_t expected = row < rows ? static_cast<int32_t>(weights[row * stride + lane]) : 0;
+      ASSERT_EQ(static_cast<int32_t>(numbers[i % kEach]), expected)
+          << "row " << row << " of " << rows << ", lane " << lane;
+    }
+  }
+}
+
+TEST(ChainPack, Weights) {
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    CheckWeights<int32_t, int8_t>(INT8_MIN, INT8_MAX, PackWeightBytes<int32_t>);
+    CheckWeights<float, int8_t>(INT8_MIN, INT8_MAX, PackWeightBytes<float>);
+    CheckWeights<int32_t, int16_t>(INT16_MIN, INT16_MAX, PackWeightShorts<int32_t>);
+    CheckWeights<float, int16_t>(INT16_MIN, INT16_MAX, PackWeightShorts<float>);
+  }
+}
+
+template <typename T>
+void CheckMagnitudes(int32_t low, int32_t high) {
+  Random random(0x3a6);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    for (const int size : testing::LaneSizes()) {
+      const ExactBuffer<T> x(Numbers<T>(&random, size, low, high), size % 4);
+      ExactBuffer<int64_t> sums(size, size % 3);
+      std::vector<int64_t> expected;
+      for (int i = 0; i < size; ++i) {
+        sums[i] = int64_t{1} << 40;
+        expected.push_back(sums[i] + std::abs(static_cast<int64_t>(x[i])));
+      }
+      AddMagnitudes(x.data(), size, sums.data());
+      for (int i = 0; i < size; ++i) {
+        ASSERT_EQ(sums[i], expected[static_cast<size_t>(i)]) << name << ", " << i << " of " << size;
+      }
+    }
+  }
+}
+
+TEST(ChainPack, Magnitudes) {
+  CheckMagnitudes<int32_t>(INT32_MIN, INT32_MAX);
+  CheckMagnitudes<float>(-(1 << 24), 1 << 24);
+}
+
+// The low bits of a sum with their sign, in wide numbers.
+int32_t LowBits(int64_t sum, int32_t bits) {
+  const int64_t period = int64_t{1} << bits;
+  const int64_t low = ((sum % period) + period) % period;
+  return static_cast<int32_t>(low < period / 2 ? low : low - period);
+}
+
+// What a tile of sums becomes. Outputs lie `stride` apart; what lies between stays as it is.
+template <typename T>
+void CheckFinish(Random* random, TileSums tile, bool has_elementwise, const char* target) {
+  const auto words = testing::Int32Boundaries();
+  const int64_t stride = tile.channels + random->Between(0, 3);
+  const int64_t count = (tile.pixels - 1) * stride + tile.channels;
+  const int32_t most = std::is_same_v<T, float> ? 1 << 24 : INT32_MAX;
+  ExactBuffer<int32_t> sums((tile.pixels - 1) * tile.lanes + tile.channels, random->Between(0, 3));
+  for (int64_t i = 0; i < sums.count(); ++i) {
+    sums[i] = random->Flag() ? random->Pick(words) : static_cast<int32_t>(random->Bits());
+  }
+  ExactBuffer<T> elementwise(Numbers<T>(random, count, -most, most), random->Between(0, 3));
+  if (count > 2) elementwise[2] = T{0} * T{-1};  // of floats: -0
+  ExactBuffer<T> out(std::vector<T>(static_cast<size_t>(count), T{77}), random->Between(0, 3));
+  tile.sums = sums.data();
+  FinishSums(tile, has_elementwise ? elementwise.data() : nullptr, stride, out.data());
+  for (int64_t i = 0; i < count; ++i) {
+    const int64_t pixel = i / stride;
+    const int64_t lane = i % stride;
+    T expected{77};
+    int64_t sum = 0;
+    if (lane < tile.channels) {
+      sum = int64_t{sums[pixel * tile.lanes + lane]} - tile.excess;
+      if (has_elementwise) sum += static_cast<int64_t>(elementwise[i]);
+      expected = static_cast<T>(LowBits(sum, tile.bits));
+    }
+    ASSERT_TRUE(testing::Same(expected, out[i], target,
+                              Describe("sum", sum, "bits", tile.bits, "lane", lane, "channels",
+                                       tile.channels, "elementwise", has_elementwise)));
+  }
+}
+
+TEST(ChainPack, FinishedSums) {
+  Random random(0xf15);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    for (int32_t bits = 1; bits <= 32; ++bits) {
+      for (const int32_t channels : {1, 7, 15, 16, 17, 31, 32, 63, 64}) {
+        for (const bool has_elementwise : {false, true}) {
+          const int32_t excess = random.Flag() ? 0 : static_cast<int32_t>(random.Bits());
+          const TileSums tile = {
+              nullptr, random.Between(1, 7), (channels + 15) / 16 * 16, channels, excess, bits};
+          ASSERT_NO_FATAL_FAILURE(CheckFinish<int32_t>(&random, tile, has_elementwise, name));
+          ASSERT_NO_FATAL_FAILURE(CheckFinish<float>(&random, tile, has_elementwise, name));
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace bitfold

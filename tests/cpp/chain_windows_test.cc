@@ -1,0 +1,97 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The taps that lie inside the image, and the tiles that cover its outputs.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "chain/lane_windows.h"
+#include "support/bits.h"
+
+namespace bitfold {
+namespace {
+
+// Calls visit(axis, inputs) for windows of all kinds, larger than the input too.
+template <typename Visit>
+void ForEachAxis(Visit visit) {
+  for (int32_t input = 1; input <= 20; ++input) {
+    for (int32_t taps = 1; taps <= 6; ++taps) {
+      for (int32_t stride = 1; stride <= 4; ++stride) {
+        for (int32_t dilation = 1; dilation <= 4; ++dilation) {
+          for (const Padding padding : {Padding::kValid, Padding::kSame}) {
+            visit(WindowAxis(input, taps, stride, dilation, padding),
+                  testing::Describe("input", input, "taps", taps, "stride", stride, "dilation",
+                                    dilation, "same", padding == Padding::kSame));
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(ChainWindows, TapsInside) {
+  ForEachAxis([](const WindowAxis& axis, const std::string& inputs) {
+    for (int32_t output = 0; output < axis.outputs; ++output) {
+      const TapRange range = TapsInside(axis, output);
+      ASSERT_GE(range.count, 0) << inputs;
+      for (int32_t tap = 0; tap < axis.taps; ++tap) {
+        const bool is_in = range.first <= tap && tap < range.first + range.count;
+        ASSERT_EQ(is_in, axis.Contains(axis.Coordinate(output, tap)))
+            << inputs << "output=" << output << " tap=" << tap;
+      }
+    }
+  });
+}
+
+TEST(ChainWindows, CentreTap) {
+  ForEachAxis([](const WindowAxis& axis, const std::string& inputs) {
+    const int32_t centre = CentreTap(axis);
+    for (int32_t tap = 0; tap < axis.taps; ++tap) {
+      ASSERT_EQ(axis.IsCentre(tap), tap == centre) << inputs << "tap=" << tap;
+    }
+  });
+}
+
+// Every output is in a tile, none outside, and a tile's columns have its taps.
+void CheckTiles(const WindowAxis& axis, int32_t channels, bool is_depthwise,
+                const std::string& inputs) {
+  const WindowAxis rows(1, 1, 1, 1, Padding::kValid);
+  const LaneWindows windows(rows, axis, channels, channels, is_depthwise);
+  std::vector<int> covered(static_cast<size_t>(axis.outputs * channels));
+  windows.ForEachTile([&](const LanePlace& place) {
+    ASSERT_TRUE(place.pixels == 1 || place.pixels == kTilePixels) << inputs;
+    ASSERT_TRUE(place.panels == 1 || place.panels == kTilePanels) << inputs;
+    ASSERT_GE(place.column, 0);
+    ASSERT_LE(place.column + place.pixels, axis.outputs) << inputs;
+    ASSERT_GE(place.channel, 0);
+    ASSERT_LE(place.channel + place.panels * kPanel, channels) << inputs;
+    for (int32_t p = place.column; p < place.column + place.pixels; ++p) {
+      const TapRange taps = TapsInside(axis, p);
+      ASSERT_EQ(taps.count, place.taps.count) << inputs;
+      ASSERT_EQ(taps.first, place.taps.first) << inputs;
+      for (int32_t c = place.channel; c < place.channel + place.panels * kPanel; ++c) {
+        ++covered[static_cast<size_t>(p * channels + c)];
+      }
+    }
+  });
+  for (size_t i = 0; i < covered.size(); ++i) {
+    ASSERT_GE(covered[i], 1) << inputs << "output " << i << " of " << channels << " channels";
+  }
+}
+
+TEST(ChainWindows, TilesCoverEveryOutput) {
+  ForEachAxis([](const WindowAxis& axis, const std::string& inputs) {
+    if (axis.outputs < 1) return;
+    for (const int32_t channels : {16, 17, 31, 32, 33, 47, 48, 49, 63, 64, 65, 80, 129}) {
+      if (channels > 49 && axis.input % 5 != 0) continue;
+      ASSERT_NO_FATAL_FAILURE(CheckTiles(axis, channels, channels % 2 == 0, inputs));
+    }
+  });
+}
+
+}  // namespace
+}  // namespace bitfold
