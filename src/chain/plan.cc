@@ -74,9 +74,8 @@ ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
   const int64_t addend = std::max(product, facts.elementwise.Magnitude());
   const int32_t bits = std::min(w, 32);
   const int64_t magnitude = int64_t{1} << (bits - 1);  // M, or less
-  const bool by_theorem_2 = w <= 23 && addend <= 2 * magnitude &&
-                            addend <= kExactFloat - magnitude &&
-                            magnitude + addend <= kSilentSum + 1;
+  const bool by_theorem_2 =
+      w <= 23 && addend <= 2 * magnitude && magnitude + addend <= kSilentSum + 1;
   const auto largest_sum = [&] {
     return facts.input.Magnitude() * facts.weight_sum(facts.context) +
            facts.elementwise.Magnitude();
