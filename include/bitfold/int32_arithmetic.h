@@ -49,8 +49,7 @@ BITFOLD_HOST_DEVICE constexpr int32_t WrapDivide(int32_t a, int32_t b) {
 // A float widens to double exactly, so one helper serves both.
 BITFOLD_HOST_DEVICE constexpr int32_t TruncateToInt32(double x) {
   // Both bounds are exact in double; the comparisons are false for NaN.
-  return (x > -2147483649.0 && x < 2147483648.0) ? static_cast<int32_t>(x)
-                                                 : INT32_MIN;
+  return (x > -2147483649.0 && x < 2147483648.0) ? static_cast<int32_t>(x) : INT32_MIN;
 }
 
 }  // namespace bitfold

@@ -29,18 +29,9 @@
 #include "matmul.h"
 #include "nms.h"
 #include "reference.h"
+#include "return_text.h"
 
 namespace {
-
-int64_t ReturnText(const std::string& lines, char* text, int64_t capacity) {
-  const int64_t length = static_cast<int64_t>(lines.size());
-  if (text != nullptr && capacity > 0) {
-    const int64_t copied = length < capacity ? length : capacity - 1;
-    std::memcpy(text, lines.data(), static_cast<size_t>(copied));
-    text[copied] = '\0';
-  }
-  return length;
-}
 
 int64_t ReturnLog(const std::vector<std::string>& log, char* text, int64_t capacity) {
   std::string messages;

@@ -20,61 +20,24 @@
 #include "matmul.h"
 #include "nms.h"
 #include "reference.h"
+#include "selftest.h"
 
 namespace {
 
 using reference::Nms;
 using reference::NmsBox;
 using reference::NmsResult;
+using selftest::checks;
+using selftest::Expect;
+using selftest::ExpectAll;
+using selftest::ExpectFloat;
+using selftest::ExpectText;
 
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 // 0.3 in a half-precision accumulator: 307 / 1024.
 const float kThreeTenths = 0.2998046875F;
-
-int checks = 0;
-
-void Expect(const char* what, int64_t actual, int64_t expected) {
-  ++checks;
-  if (actual == expected) return;
-  std::printf("detection reference: %s: got %lld, expected %lld\n", what,
-              static_cast<long long>(actual), static_cast<long long>(expected));
-  std::exit(1);
-}
-
-// On bits; any NaN equals any other.
-void ExpectFloat(const char* what, float actual, float expected) {
-  ++checks;
-  uint32_t actual_bits = 0;
-  uint32_t expected_bits = 0;
-  std::memcpy(&actual_bits, &actual, sizeof(actual_bits));
-  std::memcpy(&expected_bits, &expected, sizeof(expected_bits));
-  if (actual_bits == expected_bits || (std::isnan(actual) && std::isnan(expected))) return;
-  std::printf("detection reference: %s: got %.9g, expected %.9g\n", what, double{actual},
-              double{expected});
-  std::exit(1);
-}
-
-void ExpectText(const char* what, const std::string& actual, const std::string& expected) {
-  ++checks;
-  if (actual == expected) return;
-  std::printf("detection reference: %s: got \"%s\", expected \"%s\"\n", what, actual.c_str(),
-              expected.c_str());
-  std::exit(1);
-}
-
-void ExpectAll(const char* what, const std::vector<int32_t>& actual,
-               const std::vector<int32_t>& expected) {
-  Expect(what, static_cast<int64_t>(actual.size()), static_cast<int64_t>(expected.size()));
-  for (size_t i = 0; i < actual.size(); ++i) Expect(what, actual[i], expected[i]);
-}
-
-void ExpectAll(const char* what, const std::vector<float>& actual,
-               const std::vector<float>& expected) {
-  Expect(what, static_cast<int64_t>(actual.size()), static_cast<int64_t>(expected.size()));
-  for (size_t i = 0; i < actual.size(); ++i) ExpectFloat(what, actual[i], expected[i]);
-}
 
 std::string Warning(const char* sum) {
   return std::string("@@@ WARNING: acc ") + sum + " is out of bounds <-8388607,8388607>\n";

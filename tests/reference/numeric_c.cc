@@ -39,21 +39,12 @@
 #include "exact.h"
 #include "fpx.h"
 #include "layernorm.h"
+#include "return_text.h"
 #include "softmax.h"
 
 using reference::Fpx;
 
 namespace {
-
-int64_t ReturnText(const std::string& lines, char* text, int64_t capacity) {
-  const int64_t length = static_cast<int64_t>(lines.size());
-  if (text != nullptr && capacity > 0) {
-    const int64_t copied = length < capacity ? length : capacity - 1;
-    std::memcpy(text, lines.data(), static_cast<size_t>(copied));
-    text[copied] = '\0';
-  }
-  return length;
-}
 
 int64_t ReturnRecord(const reference::FpxRecord& record, int32_t* counters, char* text,
                      int64_t capacity) {

@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -18,6 +17,7 @@
 #include "exact.h"
 #include "fpx.h"
 #include "layernorm.h"
+#include "selftest.h"
 #include "softmax.h"
 
 namespace {
@@ -26,43 +26,16 @@ using reference::Fpx;
 using reference::FpxRecord;
 using reference::LayernormParams;
 using reference::LayernormStatus;
+using selftest::checks;
+using selftest::Expect;
+using selftest::ExpectFloat;
+using selftest::ExpectText;
 
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-int checks = 0;
-
-void Expect(const char* what, int64_t actual, int64_t expected) {
-  ++checks;
-  if (actual == expected) return;
-  std::printf("numeric reference: %s: got %lld, expected %lld\n", what,
-              static_cast<long long>(actual), static_cast<long long>(expected));
-  std::exit(1);
-}
-
 void ExpectStatus(const char* what, LayernormStatus actual, LayernormStatus expected) {
   Expect(what, static_cast<int64_t>(actual), static_cast<int64_t>(expected));
-}
-
-// On bits; any NaN equals any other.
-void ExpectFloat(const char* what, float actual, float expected) {
-  ++checks;
-  uint32_t actual_bits = 0;
-  uint32_t expected_bits = 0;
-  std::memcpy(&actual_bits, &actual, sizeof(actual_bits));
-  std::memcpy(&expected_bits, &expected, sizeof(expected_bits));
-  if (actual_bits == expected_bits || (std::isnan(actual) && std::isnan(expected))) return;
-  std::printf("numeric reference: %s: got %.9g, expected %.9g\n", what, double{actual},
-              double{expected});
-  std::exit(1);
-}
-
-void ExpectText(const char* what, const std::string& actual, const std::string& expected) {
-  ++checks;
-  if (actual == expected) return;
-  std::printf("numeric reference: %s: got \"%s\", expected \"%s\"\n", what, actual.c_str(),
-              expected.c_str());
-  std::exit(1);
 }
 
 // ---- Narrow floats -----------------------------------------------------------------------------

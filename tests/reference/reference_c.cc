@@ -22,18 +22,9 @@
 #include <string>
 
 #include "reference.h"
+#include "return_text.h"
 
 namespace {
-
-int64_t ReturnText(const std::string& lines, char* text, int64_t capacity) {
-  const int64_t length = static_cast<int64_t>(lines.size());
-  if (text != nullptr && capacity > 0) {
-    const int64_t copied = length < capacity ? length : capacity - 1;
-    std::memcpy(text, lines.data(), static_cast<size_t>(copied));
-    text[copied] = '\0';
-  }
-  return length;
-}
 
 reference::Convolution ReadParameters(const int32_t* p) {
   reference::Convolution c;
