@@ -39,6 +39,7 @@ bench: ## ratios to the stock ops and to the plain scalar loop: table and JSON
 	@scripts/setup.sh bench
 	@scripts/install_package.sh
 	@$(PYTHON) bench/run.py --output build/bench/bench.json
+	@$(PYTHON) bench/growth.py
 
 wheel: setup ## a wheel for the TensorFlow of .venv in dist/
 	@PATH=$(CURDIR)/.venv/bin:$$PATH $(PYTHON) -m pip wheel -q --no-build-isolation --no-deps \
