@@ -5,7 +5,8 @@
     .venv/bin/python bench/growth.py
 
 The images of a batch have a thread each, in groups of 20, and share the machine's cores. The first
-table should show the same time for a multiply-add in every row but the smallest, or less. The second compares a stack of the size of an 18-layer residual network, in integers of 8 bits, with the
+table should show the same time for a multiply-add in every row but the smallest, or less. The
+second compares a stack of the size of an 18-layer residual network, in integers of 8 bits, with the
 stock float convolutions of the same shapes.
 """
 
