@@ -226,6 +226,7 @@ def matmul_cases() -> list[Case]:
                 rows * inner * cols,
                 in_graph(lambda a, b: bitfold.ops.matmul(a, b, **k), a, b),
                 in_graph(tf.matmul, *as_floats(a, b)),
+                "chain engine",
             )
         )
 
