@@ -177,11 +177,10 @@ TEST(ChainConvolution, RealisticWideFloatLayers) {
 // Ties and their neighbours under every divisor: a pixel's product with each of 16 weights.
 TEST(ChainConvolution, EveryDivisorOverTies) {
   Random random(0xd17);
-  const ChainRecipe recipe = {"ties", ChainPath::kRounded, 20, 0, {}, {}, {}};
   for (int32_t divisor = -128; divisor <= 127; divisor += testing::Step(5)) {
     if (divisor == 0) continue;
     Convolution c = Plain(1, 600, 1, 1, 1, 16);
-    c.accumulator_size = recipe.width;
+    c.accumulator_size = 20;
     c.mult_shift = divisor;
     ConvolutionData<float> data;
     const int32_t half = std::abs(divisor);  // of twice the product
@@ -194,7 +193,6 @@ TEST(ChainConvolution, EveryDivisorOverTies) {
       }
     }
     for (int i = 0; i < 16; ++i) data.filter.push_back(i % 3 == 0 ? -1.0f : 1.0f);
-    // Divisors that are powers of two need the products below 2^22 only; all are.
     ASSERT_TRUE(CheckChains(c, data, 0,
                             [](Target) { return std::optional<ChainPath>(ChainPath::kRounded); }));
   }
@@ -296,10 +294,9 @@ ConvolutionData<float> Ones(const Convolution& c) {
   const auto ones = [](int64_t count) {
     return std::vector<float>(static_cast<size_t>(count), 1.0f);
   };
-  // Twos whose sum the proofs do not allow for.
   ConvolutionData<float> data = {ones(testing::InputCount(c)), ones(testing::FilterCount(c)),
                                  ones(testing::OutputCount(c))};
-  data.elementwise[0] = 0.5f;
+  data.elementwise[0] = 0.5f;  // a fraction, with which nothing is proven
   return data;
 }
 
