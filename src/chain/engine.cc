@@ -165,9 +165,7 @@ bool ChainEngine<D, T>::PrepareRounded(int slots, Scratch* scratch) {
   } else if (IsPowerOfTwo(s)) {
     scale = ShiftReciprocal(s);
   } else {
-    constexpr double kNear = 1.0 / (1 << 21);
-    rounded_ = {false, static_cast<float>((1.0 - kNear) / s),
-                static_cast<float>((1.0 + kNear) / s)};
+    rounded_ = RoundedSums::ByQuotient(s);
   }
   const int32_t lanes = std::max(kPanel, call_.out_channels);
   const int64_t rows = call_.FilterElements() / call_.out_channels * call_.filter_images;

@@ -101,6 +101,13 @@ struct RoundedSums {
   // agree but for ties, where the even one counts. Requires |p| < 2^19.
   float low;
   float high;
+
+  // Of a divisor other than 0.
+  static RoundedSums ByQuotient(int32_t divisor) {
+    constexpr double kNear = 1.0 / (1 << 21);
+    return {false, static_cast<float>((1.0 - kNear) / divisor),
+            static_cast<float>((1.0 + kNear) / divisor)};
+  }
 };
 
 // Of the bits of 1.5 * 2^23, which each product adds to a sum besides its own value.

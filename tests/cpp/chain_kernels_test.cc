@@ -459,9 +459,7 @@ TEST(ChainHalfPrecision, OverflowOfSums) {
 // As the engine forms them: divisors that are powers of two are in the weights.
 RoundedSums RoundedBy(int32_t divisor) {
   if ((std::abs(divisor) & (std::abs(divisor) - 1)) == 0) return {true, 0.0f, 0.0f};
-  constexpr double kNear = 1.0 / (1 << 21);
-  return {false, static_cast<float>((1.0 - kNear) / divisor),
-          static_cast<float>((1.0 + kNear) / divisor)};
+  return RoundedSums::ByQuotient(divisor);
 }
 
 float WeightScale(int32_t divisor) {
