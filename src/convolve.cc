@@ -7,6 +7,7 @@
 #include <array>
 
 #include "bitfold/weight_sign.h"
+#include "chain/corrected_weights.h"
 #include "floating_point_scope.h"
 
 namespace bitfold {
@@ -63,24 +64,14 @@ BatchConvolution<T>::BatchConvolution(const ConvolutionImage<T>& work, int32_t f
                     work.elementwise, work.output};
   if (work.is_depthwise) {
     call.filter_images = filter_images;
-    call.filter = CorrectedFilter(work, filter_images * call.FilterElements(), scratch);
+    bool corrected = false;
+    call.filter = CorrectedWeights(WeightSign<T>(work.accumulator_size), work.filter,
+                                   filter_images * call.FilterElements(), scratch, &corrected);
     if (call.filter == nullptr) return;
   }
   const Datapath<T> datapath(work.accumulator_size, work.mult_shift, work.use_fp16_acc);
   engine_ = std::make_unique<Engine>(datapath, call, std::min(work.batch, kImageThreads), scratch);
   if (!engine_->plan()) engine_.reset();
-}
-
-// Null where there is no memory for it.
-template <typename T>
-const T* BatchConvolution<T>::CorrectedFilter(const ConvolutionImage<T>& work, int64_t elements,
-                                              Scratch* scratch) {
-  T* filter = static_cast<T*>(scratch->Allocate(static_cast<size_t>(elements) * sizeof(T)));
-  if (filter == nullptr) return nullptr;
-  const WeightSign<T> sign(work.accumulator_size);
-  std::transform(work.filter, work.filter + elements, filter,
-                 [&sign](T x) { return sign.NeedsCorrection(x) ? sign.Correct(x) : x; });
-  return filter;
 }
 
 // Weights that meet no input are not seen.

@@ -44,7 +44,6 @@ class BatchConvolution {
  private:
   using Engine = ChainEngine<Datapath<T>, T>;
 
-  const T* CorrectedFilter(const ConvolutionImage<T>& work, int64_t elements, Scratch* scratch);
   bool NeedsWarning(const ConvolutionImage<T>& work) const;
 
   std::unique_ptr<Engine> engine_;

@@ -1,10 +1,11 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 
-#include <algorithm>
 #include <sstream>
+#include <type_traits>
 
 #include "bitfold/HMatMul.h"
+#include "chain/corrected_weights.h"
 #include "chain/engine.h"
 #include "chain/scratch.h"
 #include "log.h"
@@ -27,30 +28,13 @@ template <typename T>
 using ChainDatapath =
     std::conditional_t<std::is_same_v<T, float>, ReciprocalDatapath<float>, Datapath<int32_t>>;
 
-// The weights with their signs corrected: b itself where none needs it, null where there is no
-// memory.
-template <typename T>
-const T* CorrectWeights(const WeightSign<T>& sign, const Matrices<T>& m, Scratch* scratch,
-                        bool* corrected) {
-  const int64_t count = int64_t{m.inner} * m.cols;
-  int needed = 0;
-  for (int64_t i = 0; i < count; ++i) needed |= sign.NeedsCorrection(m.b[i]) ? 1 : 0;
-  *corrected = needed != 0;
-  if (!*corrected) return m.b;
-  T* weights = static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
-  if (weights == nullptr) return nullptr;
-  std::transform(m.b, m.b + count, weights,
-                 [&sign](T x) { return sign.NeedsCorrection(x) ? sign.Correct(x) : x; });
-  return weights;
-}
-
 // A row of the image for the rows of a, of which each has one tap. False where the definition must
 // do; *corrected as there.
 template <typename T>
 bool MultiplyByEngine(const ReciprocalDatapath<T>& datapath, const WeightSign<T>& sign,
                       const Matrices<T>& m, Scratch* scratch, bool* corrected) {
   if (m.rows < 1 || m.cols < 1 || m.inner < 1) return false;
-  const T* weights = CorrectWeights(sign, m, scratch, corrected);
+  const T* weights = CorrectedWeights(sign, m.b, int64_t{m.inner} * m.cols, scratch, corrected);
   if (weights == nullptr) return false;
   const WindowAxis one(1, 1, 1, 1, Padding::kValid);
   const WindowAxis rows(m.rows, 1, 1, 1, Padding::kValid);

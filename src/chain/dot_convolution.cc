@@ -13,9 +13,6 @@
 namespace bitfold {
 namespace {
 
-// Room for a whole register of words behind the last one read.
-constexpr int64_t kSpareWords = 16;
-
 // A row of outputs is one long one where each output has one tap of its own: tiles are whole then.
 WindowAxis WholeImage(const WindowAxis& rows, const WindowAxis& columns, bool of_rows) {
   const auto is_plain = [](const WindowAxis& a) {
@@ -54,7 +51,7 @@ bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
   };
-  images_ = words(slots * (ImageWords() + kSpareWords));
+  images_ = words(slots * ImageWords());
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
   T* numbers = reinterpret_cast<T*>(words(int64_t{in_channels_} * kPanel));
@@ -121,7 +118,7 @@ void DotConvolution<T>::PackImage(const T* image, int32_t* words) const {
     std::fill_n(words + before + used, padded_row - before - used, zero);
   }
   const int32_t after = padded_rows_.size - padded_rows_.before - rows_.input;
-  std::fill_n(words, after * padded_row + kSpareWords, zero);
+  std::fill_n(words, after * padded_row, zero);
 }
 
 // Channels are filled up to whole words: what they meet is 0 in the weights.
@@ -145,7 +142,7 @@ void DotConvolution<T>::PackRow(const T* row, int32_t* words) const {
 
 template <typename T>
 void DotConvolution<T>::Run(const T* image, const T* elementwise, T* output, int slot) const {
-  int32_t* words = images_ + slot * (ImageWords() + kSpareWords);
+  int32_t* words = images_ + slot * ImageWords();
   PackImage(image, words);
   const DotKernels& kernels = CurrentDotKernels();
   for (int32_t panel = 0; panel < panels_;) {

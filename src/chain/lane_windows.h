@@ -61,8 +61,6 @@ class LaneWindows {
         is_depthwise_(is_depthwise),
         runs_(RunsOf(columns)) {}
 
-  bool is_depthwise() const { return is_depthwise_; }
-
   // Calls visit(place) until the row of outputs is covered; tiles may overlap, so that whole ones
   // do. What is used again stays in the cache: the weights of a few channels, or, depthwise, the
   // inputs of a few columns.
