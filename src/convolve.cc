@@ -64,10 +64,12 @@ BatchConvolution<T>::BatchConvolution(const ConvolutionImage<T>& work, int32_t f
                     work.elementwise, work.output};
   if (work.is_depthwise) {
     call.filter_images = filter_images;
-    bool corrected = false;
-    call.filter = CorrectedWeights(WeightSign<T>(work.accumulator_size), work.filter,
-                                   filter_images * call.FilterElements(), scratch, &corrected);
-    if (call.filter == nullptr) return;
+    const auto filter = CorrectWeights(WeightSign<T>(work.accumulator_size), work.filter,
+                                       filter_images * call.FilterElements(), scratch);
+    if (filter.weights == nullptr) return;
+    call.filter = filter.weights;
+    call.filter_facts = filter.facts;
+    corrects_ = filter.corrected;
   }
   const Datapath<T> datapath(work.accumulator_size, work.mult_shift, work.use_fp16_acc);
   engine_ = std::make_unique<Engine>(datapath, call, std::min(work.batch, kImageThreads), scratch);
@@ -77,7 +79,7 @@ BatchConvolution<T>::BatchConvolution(const ConvolutionImage<T>& work, int32_t f
 // Weights that meet no input are not seen.
 template <typename T>
 bool BatchConvolution<T>::NeedsWarning(const ConvolutionImage<T>& work) const {
-  if (!work.is_depthwise) return false;
+  if (!corrects_) return false;
   const WeightSign<T> sign(work.accumulator_size);
   const WindowAxis rows = RowsOf(work);
   const WindowAxis columns = ColumnsOf(work);

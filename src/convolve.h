@@ -47,6 +47,7 @@ class BatchConvolution {
   bool NeedsWarning(const ConvolutionImage<T>& work) const;
 
   std::unique_ptr<Engine> engine_;
+  bool corrects_ = false;  // depthwise: whether the sign of some weight is corrected
 };
 
 // A fixed table of 20 records and threads: image i uses slot i mod 20, and the table is reused

@@ -34,11 +34,13 @@ template <typename T>
 bool MultiplyByEngine(const ReciprocalDatapath<T>& datapath, const WeightSign<T>& sign,
                       const Matrices<T>& m, Scratch* scratch, bool* corrected) {
   if (m.rows < 1 || m.cols < 1 || m.inner < 1) return false;
-  const T* weights = CorrectedWeights(sign, m.b, int64_t{m.inner} * m.cols, scratch, corrected);
-  if (weights == nullptr) return false;
+  const auto b = CorrectWeights(sign, m.b, int64_t{m.inner} * m.cols, scratch);
+  *corrected = b.corrected;
+  if (b.weights == nullptr) return false;
   const WindowAxis one(1, 1, 1, 1, Padding::kValid);
   const WindowAxis rows(m.rows, 1, 1, 1, Padding::kValid);
-  const ChainCall<T> call{one, rows, 1, m.inner, m.cols, false, m.a, weights, 1, nullptr, m.out};
+  const ChainCall<T> call{one, rows,      1, m.inner, m.cols, false,
+                          m.a, b.weights, 1, nullptr, m.out,  b.facts};
   const ChainEngine<ChainDatapath<T>, T> engine(datapath, call, 1, scratch);
   if (!engine.plan()) return false;
   engine.Run(0, 0, [&](int32_t, int32_t row, int32_t column) {

@@ -10,24 +10,32 @@
 #include <cstdint>
 
 #include "bitfold/weight_sign.h"
+#include "chain/facts.h"
 #include "chain/scratch.h"
 
 namespace bitfold {
 
-// The weights with their signs corrected: `weights` itself where none needs it, null where there is
-// no memory. *corrected tells whether one needed it.
 template <typename T>
-const T* CorrectedWeights(const WeightSign<T>& sign, const T* weights, int64_t count,
-                          Scratch* scratch, bool* corrected) {
-  int needed = 0;
-  for (int64_t i = 0; i < count; ++i) needed |= sign.NeedsCorrection(weights[i]) ? 1 : 0;
-  *corrected = needed != 0;
-  if (!*corrected) return weights;
+struct CorrectedWeights {
+  const T* weights;  // null where there was no memory
+  bool corrected;    // whether one needed it
+  Facts facts;
+};
+
+// The weights with their signs corrected, copied only where one needs it. They are looked at once
+// where they are whole numbers and none does.
+template <typename T>
+CorrectedWeights<T> CorrectWeights(const WeightSign<T>& sign, const T* weights, int64_t count,
+                                   Scratch* scratch) {
+  const Facts facts = FactsOf(weights, count);
+  const auto needs = [&sign](T x) { return sign.NeedsCorrection(x); };
+  if (facts.is_whole && !needs(static_cast<T>(facts.max))) return {weights, false, facts};
+  if (std::none_of(weights, weights + count, needs)) return {weights, false, facts};
   T* copy = static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
-  if (copy == nullptr) return nullptr;
+  if (copy == nullptr) return {nullptr, true, facts};
   std::transform(weights, weights + count, copy,
                  [&sign](T x) { return sign.NeedsCorrection(x) ? sign.Correct(x) : x; });
-  return copy;
+  return {copy, true, FactsOf(copy, count)};
 }
 
 }  // namespace bitfold

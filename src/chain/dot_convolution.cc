@@ -4,10 +4,8 @@
 #include "chain/dot_convolution.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "bitfold/int32_arithmetic.h"
-#include "chain/lane_tile.h"
 #include "chain/pack.h"
 
 namespace bitfold {
@@ -96,10 +94,8 @@ void DotConvolution<T>::SumPanel(int32_t panel) {
   if (plan_.input_offset == 0) return;
   const int32_t* weights = weights_ + panel * PanelWords();
   for (int64_t i = 0; i < PanelWords(); ++i) {
-    int8_t bytes[4];
-    std::memcpy(bytes, weights + i, sizeof bytes);
-    const int32_t sum = bytes[0] + bytes[1] + bytes[2] + bytes[3];
-    sums[i % kPanel] = WrapSubtract(sums[i % kPanel], WrapMultiply(plan_.input_offset, sum));
+    int32_t& sum = sums[i % kPanel];
+    sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
   }
 }
 
@@ -144,7 +140,7 @@ template <typename T>
 void DotConvolution<T>::Run(const T* image, const T* elementwise, T* output, int slot) const {
   int32_t* words = images_ + slot * ImageWords();
   PackImage(image, words);
-  const DotKernels& kernels = CurrentDotKernels();
+  const DotKernels<T>& kernels = CurrentDotKernels<T>();
   for (int32_t panel = 0; panel < panels_;) {
     int index = 0;
     while (kernels.panels[index] > panels_ - panel) ++index;
@@ -158,17 +154,17 @@ void DotConvolution<T>::Run(const T* image, const T* elementwise, T* output, int
 template <typename T>
 void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T* output,
                                   int32_t panel, int32_t panels, int index) const {
-  const DotKernels& kernels = CurrentDotKernels();
+  const DotKernels<T>& kernels = CurrentDotKernels<T>();
   int size = 0;
   while (kernels.pixels[size] > columns_.outputs) ++size;
   const int32_t pixels = kernels.pixels[size];
-  const DotKernel kernel = IsBytes() ? kernels.bytes[size][index] : kernels.shorts[size][index];
+  const auto kernel = IsBytes() ? kernels.bytes[size][index] : kernels.shorts[size][index];
   const int32_t lanes = panels * kPanel;
   const int32_t channels = std::min(lanes, out_channels_ - panel * kPanel);
 
-  alignas(64) int32_t sums[kMaxDotPixels * kMaxDotPanels * kPanel];
   DotTile tile;
   tile.w = weights_ + panel * PanelWords();
+  tile.initial = initial_sums_ + panel * kPanel;
   tile.x_pixel = int64_t{columns_.stride} * words_;
   tile.x_tap = int64_t{columns_.dilation} * words_;
   tile.x_row = int64_t{rows_.dilation} * padded_columns_.size * words_;
@@ -176,20 +172,15 @@ void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T*
   tile.rows = rows_.taps;
   tile.taps = columns_.taps;
   tile.words = words_;
-  tile.acc = sums;
   for (int32_t row = 0; row < rows_.outputs; ++row) {
     const int64_t y = rows_.Coordinate(row, 0) + padded_rows_.before;
     for (int32_t next = 0; next < columns_.outputs; next += pixels) {
       const int32_t column = std::min(next, columns_.outputs - pixels);
       const int64_t x = columns_.Coordinate(column, 0) + padded_columns_.before;
       tile.x = words + (y * padded_columns_.size + x) * words_;
-      for (int32_t p = 0; p < pixels; ++p) {
-        std::copy_n(initial_sums_ + panel * kPanel, lanes, sums + p * lanes);
-      }
-      kernel(tile);
       const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + panel * kPanel;
-      FinishSums(TileSums{sums, pixels, lanes, channels, 0, plan_.bits},
-                 elementwise == nullptr ? nullptr : elementwise + o, out_channels_, output + o);
+      kernel(tile, SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o,
+                                out_channels_, channels, plan_.bits});
     }
   }
 }

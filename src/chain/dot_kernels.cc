@@ -1,6 +1,8 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 
+#include <algorithm>
+
 #include "chain/dot_tile.h"
 #include "target.h"
 
@@ -32,8 +34,16 @@ namespace portable {
 using Vector = __m128i;
 constexpr int kVectors = 4;
 inline Vector Load(const int32_t* x) { return _mm_loadu_si128(reinterpret_cast<const Vector*>(x)); }
-inline void Store(int32_t* x, Vector v) { _mm_storeu_si128(reinterpret_cast<Vector*>(x), v); }
+inline Vector LoadWhole(const int32_t* x) { return Load(x); }
+inline Vector LoadWhole(const float* x) { return _mm_cvttps_epi32(_mm_loadu_ps(x)); }
+inline void StoreWhole(int32_t* x, Vector v) { _mm_storeu_si128(reinterpret_cast<Vector*>(x), v); }
+inline void StoreWhole(float* x, Vector v) { _mm_storeu_ps(x, _mm_cvtepi32_ps(v)); }
 inline Vector Same(int32_t x) { return _mm_set1_epi32(x); }
+inline Vector Add(Vector a, Vector b) { return _mm_add_epi32(a, b); }
+inline Vector SignExtend(Vector v, int32_t unused) {
+  const __m128i count = _mm_cvtsi32_si128(unused);
+  return _mm_sra_epi32(_mm_sll_epi32(v, count), count);
+}
 inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   return _mm_add_epi32(acc, _mm_madd_epi16(x, w));
 }
@@ -41,8 +51,15 @@ inline Vector DotShorts(Vector acc, Vector x, Vector w) {
 using Vector = int32_t;
 constexpr int kVectors = 16;
 inline Vector Load(const int32_t* x) { return *x; }
-inline void Store(int32_t* x, Vector v) { *x = v; }
+inline Vector LoadWhole(const int32_t* x) { return *x; }
+inline Vector LoadWhole(const float* x) { return static_cast<Vector>(*x); }
+inline void StoreWhole(int32_t* x, Vector v) { *x = v; }
+inline void StoreWhole(float* x, Vector v) { *x = static_cast<float>(v); }
 inline Vector Same(int32_t x) { return x; }
+inline Vector Add(Vector a, Vector b) { return WrapAdd(a, b); }
+inline Vector SignExtend(Vector v, int32_t unused) {
+  return ShiftRight(ShiftLeft(v, unused), unused);
+}
 inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   const int32_t low = WrapMultiply(static_cast<int16_t>(x), static_cast<int16_t>(w));
   return WrapAdd(acc, WrapAdd(low, WrapMultiply(x >> 16, w >> 16)));
@@ -52,7 +69,9 @@ inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
 
-const DotKernels kKernels = {{2, 1}, {1}, {}, {{Dot<2, 1, false>}, {Dot<1, 1, false>}}};
+template <typename T>
+constexpr DotKernels<T> kKernels = {
+    {2, 1}, {1}, {}, {{Dot<2, 1, false, T>}, {Dot<1, 1, false, T>}}, nullptr, Row<2, false, T>};
 
 }  // namespace portable
 
@@ -67,8 +86,18 @@ constexpr int kVectors = 2;
 inline Vector Load(const int32_t* x) {
   return _mm256_loadu_si256(reinterpret_cast<const Vector*>(x));
 }
-inline void Store(int32_t* x, Vector v) { _mm256_storeu_si256(reinterpret_cast<Vector*>(x), v); }
+inline Vector LoadWhole(const int32_t* x) { return Load(x); }
+inline Vector LoadWhole(const float* x) { return _mm256_cvttps_epi32(_mm256_loadu_ps(x)); }
+inline void StoreWhole(int32_t* x, Vector v) {
+  _mm256_storeu_si256(reinterpret_cast<Vector*>(x), v);
+}
+inline void StoreWhole(float* x, Vector v) { _mm256_storeu_ps(x, _mm256_cvtepi32_ps(v)); }
 inline Vector Same(int32_t x) { return _mm256_set1_epi32(x); }
+inline Vector Add(Vector a, Vector b) { return _mm256_add_epi32(a, b); }
+inline Vector SignExtend(Vector v, int32_t unused) {
+  const __m128i count = _mm_cvtsi32_si128(unused);
+  return _mm256_sra_epi32(_mm256_sll_epi32(v, count), count);
+}
 inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   return _mm256_add_epi32(acc, _mm256_madd_epi16(x, w));
 }
@@ -76,18 +105,21 @@ inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
 
-const DotKernels kKernels = {
+template <typename T>
+constexpr DotKernels<T> kKernels = {
     {6, 4, 2, 1},
     {1},
     {},
-    {{Dot<6, 1, false>}, {Dot<4, 1, false>}, {Dot<2, 1, false>}, {Dot<1, 1, false>}}};
+    {{Dot<6, 1, false, T>}, {Dot<4, 1, false, T>}, {Dot<2, 1, false, T>}, {Dot<1, 1, false, T>}},
+    nullptr,
+    Row<4, false, T>};
 
 }  // namespace avx2
 #pragma GCC pop_options
 
 // The tables of both AVX-512 targets: 7 columns of 4 panels are 28 registers, 4 hold weights.
 #define BITFOLD_DOT_ROW(pixels, bytes) \
-  { Dot<pixels, 4, bytes>, Dot<pixels, 2, bytes>, Dot<pixels, 1, bytes> }
+  { Dot<pixels, 4, bytes, T>, Dot<pixels, 2, bytes, T>, Dot<pixels, 1, bytes, T> }
 #define BITFOLD_DOT_TABLE(bytes)                                                     \
   {                                                                                  \
     BITFOLD_DOT_ROW(7, bytes), BITFOLD_DOT_ROW(4, bytes), BITFOLD_DOT_ROW(2, bytes), \
@@ -101,8 +133,16 @@ namespace avx512 {
 using Vector = __m512i;
 constexpr int kVectors = 1;
 inline Vector Load(const int32_t* x) { return _mm512_loadu_si512(x); }
-inline void Store(int32_t* x, Vector v) { _mm512_storeu_si512(x, v); }
+inline Vector LoadWhole(const int32_t* x) { return Load(x); }
+inline Vector LoadWhole(const float* x) { return _mm512_cvttps_epi32(_mm512_loadu_ps(x)); }
+inline void StoreWhole(int32_t* x, Vector v) { _mm512_storeu_si512(x, v); }
+inline void StoreWhole(float* x, Vector v) { _mm512_storeu_ps(x, _mm512_cvtepi32_ps(v)); }
 inline Vector Same(int32_t x) { return _mm512_set1_epi32(x); }
+inline Vector Add(Vector a, Vector b) { return _mm512_add_epi32(a, b); }
+inline Vector SignExtend(Vector v, int32_t unused) {
+  const __m128i count = _mm_cvtsi32_si128(unused);
+  return _mm512_sra_epi32(_mm512_sll_epi32(v, count), count);
+}
 inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   return _mm512_add_epi32(acc, _mm512_madd_epi16(x, w));
 }
@@ -110,7 +150,9 @@ inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
 
-const DotKernels kKernels = {{7, 4, 2, 1}, {4, 2, 1}, {}, BITFOLD_DOT_TABLE(false)};
+template <typename T>
+constexpr DotKernels<T> kKernels = {{7, 4, 2, 1}, {4, 2, 1},       {}, BITFOLD_DOT_TABLE(false),
+                                    nullptr,      Row<4, false, T>};
 
 }  // namespace avx512
 #pragma GCC pop_options
@@ -122,15 +164,25 @@ namespace avx512_vnni {
 using Vector = __m512i;
 constexpr int kVectors = 1;
 inline Vector Load(const int32_t* x) { return _mm512_loadu_si512(x); }
-inline void Store(int32_t* x, Vector v) { _mm512_storeu_si512(x, v); }
+inline Vector LoadWhole(const int32_t* x) { return Load(x); }
+inline Vector LoadWhole(const float* x) { return _mm512_cvttps_epi32(_mm512_loadu_ps(x)); }
+inline void StoreWhole(int32_t* x, Vector v) { _mm512_storeu_si512(x, v); }
+inline void StoreWhole(float* x, Vector v) { _mm512_storeu_ps(x, _mm512_cvtepi32_ps(v)); }
 inline Vector Same(int32_t x) { return _mm512_set1_epi32(x); }
+inline Vector Add(Vector a, Vector b) { return _mm512_add_epi32(a, b); }
+inline Vector SignExtend(Vector v, int32_t unused) {
+  const __m128i count = _mm_cvtsi32_si128(unused);
+  return _mm512_sra_epi32(_mm512_sll_epi32(v, count), count);
+}
 inline Vector DotShorts(Vector acc, Vector x, Vector w) { return _mm512_dpwssd_epi32(acc, x, w); }
 inline Vector DotBytes(Vector acc, Vector x, Vector w) { return _mm512_dpbusd_epi32(acc, x, w); }
 
 #include "chain/dot_loops.inc"
 
-const DotKernels kKernels = {
-    {7, 4, 2, 1}, {4, 2, 1}, BITFOLD_DOT_TABLE(true), BITFOLD_DOT_TABLE(false)};
+template <typename T>
+constexpr DotKernels<T> kKernels = {
+    {7, 4, 2, 1},    {4, 2, 1},       BITFOLD_DOT_TABLE(true), BITFOLD_DOT_TABLE(false),
+    Row<4, true, T>, Row<4, false, T>};
 
 }  // namespace avx512_vnni
 #pragma GCC pop_options
@@ -142,20 +194,24 @@ const DotKernels kKernels = {
 
 }  // namespace
 
-const DotKernels& CurrentDotKernels() {
+template <typename T>
+const DotKernels<T>& CurrentDotKernels() {
 #ifdef BITFOLD_HAS_TARGETS
   switch (CurrentTarget()) {
     case Target::kAvx512Vnni:
-      return avx512_vnni::kKernels;
+      return avx512_vnni::kKernels<T>;
     case Target::kAvx512:
-      return avx512::kKernels;
+      return avx512::kKernels<T>;
     case Target::kAvx2:
-      return avx2::kKernels;
+      return avx2::kKernels<T>;
     case Target::kPortable:
       break;
   }
 #endif
-  return portable::kKernels;
+  return portable::kKernels<T>;
 }
+
+template const DotKernels<int32_t>& CurrentDotKernels();
+template const DotKernels<float>& CurrentDotKernels();
 
 }  // namespace bitfold

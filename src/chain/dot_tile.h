@@ -1,21 +1,25 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// A tile of outputs as dot products modulo 2^32: of bytes, four in a word, or of shorts, two in a
-// word. Every output of the tile has all taps, so the image is padded.
+// Outputs as dot products modulo 2^32: of bytes, four in a word, or of shorts, two in a word. Every
+// output of a tile has all taps of a row of them, so the image is padded.
 
 #ifndef BITFOLD_SRC_CHAIN_DOT_TILE_H_
 #define BITFOLD_SRC_CHAIN_DOT_TILE_H_
 
 #include <cstdint>
 
+#include "chain/sum_output.h"
+
 namespace bitfold {
 
-// acc[p][n * 16 + lane] += the dot products of x and w over rows, taps and words, where x is one
-// word for all lanes of a column p and w one word for each lane of a panel n. Strides in words.
+// The sum of lane l of panel n in column p is
+//   initial[n * 16 + l] + the dot products of x and w over rows, taps and words,
+// where x is one word for all lanes of a column and w one word for each lane. Strides in words.
 struct DotTile {
   const int32_t* x;  // of column 0
   const int32_t* w;  // [row][tap][word][lane] of panel 0
+  const int32_t* initial;
   int64_t x_pixel;
   int64_t x_row;
   int64_t x_tap;
@@ -23,25 +27,39 @@ struct DotTile {
   int32_t rows;
   int32_t taps;
   int32_t words;  // for each tap
-  int32_t* acc;   // [columns][lanes]
 };
 
-using DotKernel = void (*)(const DotTile&);
-
-inline constexpr int kMaxDotPixels = 7;
-inline constexpr int kMaxDotPanels = 4;
+// Depthwise, a row of outputs. The sum of output i, of `length`, is
+//   initial[i % period] + the dot products over k < words of x[k][i] and w[k][i % period].
+// Requires 16 <= period <= length. Where length is no multiple of period, lanes repeat themselves
+// within one so that those of the last `period` outputs begin with the first.
+struct DotRow {
+  const int32_t* const* x;
+  const int32_t* w;  // [word][lane], lane < period
+  const int32_t* initial;
+  int64_t length;
+  int32_t period;
+  int32_t words;
+};
 
 // The kernels of a target by the number of columns and of panels, largest first; 0 ends a list.
+// Where there are no dot products of bytes theirs are null.
+template <typename T>
 struct DotKernels {
+  using Kernel = void (*)(const DotTile&, const SumOutput<T>&);
+  using RowKernel = void (*)(const DotRow&, const SumOutput<T>&);  // whose channels do not count
   int pixels[5];
   int panels[4];
-  DotKernel bytes[4][3];   // of unsigned x and signed w; null where the target has none
-  DotKernel shorts[4][3];  // of signed x and w
-  bool HasBytes() const { return bytes[0][0] != nullptr; }
+  Kernel bytes[4][3];   // of unsigned x and signed w
+  Kernel shorts[4][3];  // of signed x and w
+  RowKernel row_of_bytes;
+  RowKernel row_of_shorts;
+  bool HasBytes() const { return row_of_bytes != nullptr; }
 };
 
 // For the target in use.
-const DotKernels& CurrentDotKernels();
+template <typename T>
+const DotKernels<T>& CurrentDotKernels();
 
 }  // namespace bitfold
 

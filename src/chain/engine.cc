@@ -18,8 +18,10 @@ namespace {
 
 constexpr int kTileLanes = kTilePanels * kPanel;
 
-// To pack the weights costs about as much as this many outputs of each channel in lanes.
-constexpr int64_t kOutputsWorthPacking = 6;
+// To pack the weights costs about as much as this many outputs of each channel in lanes; floats
+// need another look at the weights for these.
+template <typename T>
+constexpr int64_t kOutputsWorthPacking = std::is_same_v<T, float> ? 1 : 6;
 
 // A padded image of more than this many times the image, and more than this, is not made.
 constexpr int64_t kMostPadding = 4;
@@ -75,8 +77,7 @@ ChainEngine<D, T>::ChainEngine(const D& datapath, const ChainCall<T>& call, int 
                call.is_depthwise) {
   if (!GoesForward(call.rows) || !GoesForward(call.columns)) return;
   if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
-  if (call.is_depthwise && call.out_channels < kPanel) return;
-  const bool has_bytes = CurrentDotKernels().HasBytes();
+  const bool has_bytes = CurrentDotKernels<T>().HasBytes();
   const ChainFacts facts = LookAt();
   if constexpr (std::is_same_v<T, float>) {
     plan_ = PlanFloat(facts, has_bytes);
@@ -94,13 +95,15 @@ ChainFacts ChainEngine<D, T>::LookAt() const {
   facts.use_fp16_acc = datapath_.use_fp16_acc();
   facts.divides = kDivides<D>;
   const int64_t outputs = int64_t{call_.batch} * call_.rows.outputs * call_.columns.outputs;
-  facts.packs = !call_.is_depthwise && outputs >= kOutputsWorthPacking;
+  facts.packs = call_.is_depthwise || outputs >= kOutputsWorthPacking<T>;
   facts.weight_sum = [](const void* engine) {
     return static_cast<const ChainEngine*>(engine)->WeightSum();
   };
   facts.context = this;
   if (std::is_same_v<T, float> && facts.use_fp16_acc) return facts;  // stepwise, whatever comes
-  facts.weights = FactsOf(call_.filter, call_.filter_images * call_.FilterElements());
+  facts.weights = call_.filter_facts
+                      ? *call_.filter_facts
+                      : FactsOf(call_.filter, call_.filter_images * call_.FilterElements());
   if (!facts.weights.is_whole) return facts;
   facts.input = FactsOf(call_.input, call_.batch * call_.InputElements());
   if (call_.elementwise != nullptr && facts.input.is_whole) {
@@ -127,15 +130,23 @@ int64_t ChainEngine<D, T>::WeightSum() const {
 
 template <typename D, typename T>
 bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
-  const bool is_dot = plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts;
-  if (is_dot) {
-    dot_.emplace(call_.rows, call_.columns, call_.in_channels, call_.out_channels, *plan_);
-    if (dot_->ImageElements() <= kMostPadding * call_.InputElements() + kAlwaysPadded) {
-      return dot_->Prepare(call_.filter, slots, scratch);
+  if (plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts) {
+    const auto fits = [this](int64_t copied) {
+      return copied <= kMostPadding * call_.InputElements() + kAlwaysPadded;
+    };
+    if (call_.is_depthwise) {
+      dot_depthwise_.emplace(call_.rows, call_.columns, call_.in_channels, call_.out_channels,
+                             *plan_);
+      if (dot_depthwise_->HasWholePeriods() && fits(dot_depthwise_->KeptWords())) {
+        return dot_depthwise_->Prepare(call_.filter, call_.filter_images, slots, scratch);
+      }
+    } else {
+      dot_.emplace(call_.rows, call_.columns, call_.in_channels, call_.out_channels, *plan_);
+      if (fits(dot_->ImageElements())) return dot_->Prepare(call_.filter, slots, scratch);
     }
-    dot_.reset();
     plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
   }
+  if (call_.is_depthwise && call_.out_channels < kPanel) return false;
   return plan_->path == ChainPath::kRounded ? PrepareRounded(slots, scratch)
                                             : PrepareLanes(scratch);
 }
@@ -175,8 +186,8 @@ bool ChainEngine<D, T>::PrepareRounded(int slots, Scratch* scratch) {
   FillUpChannels(call_.filter, rows, call_.out_channels, lanes, rounded_filter_,
                  [scale](T x) { return static_cast<float>(x) * scale; });
   if (std::is_same_v<T, float>) return true;
-  rounded_images_ = AllocateFor<float>(scratch, slots * call_.InputElements());
-  return rounded_images_ != nullptr;
+  rounded_rows_ = AllocateFor<float>(scratch, slots * WindowElements());
+  return rounded_rows_ != nullptr;
 }
 
 template <typename D, typename T>
@@ -184,6 +195,10 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
   switch (plan_->path) {
     case ChainPath::kDotBytes:
     case ChainPath::kDotShorts:
+      if (call_.is_depthwise) {
+        return dot_depthwise_->Run(InputOf(image), FilterOf(image), ElementwiseOf(image),
+                                   OutputOf(image), slot);
+      }
       return dot_->Run(InputOf(image), ElementwiseOf(image), OutputOf(image), slot);
     case ChainPath::kModular:
       return RunModular(image);
@@ -194,24 +209,23 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
   }
 }
 
-// The paths whose sums are only reduced at the end. add(place, tile, sums) adds a tile's products
-// to its sums, each of them `excess` too large.
+// The paths whose sums are only reduced at the end. begin(row, rows) comes before the tiles of a
+// row of outputs, of which add(row, rows, place, sums) adds the products to the sums of a tile,
+// each of them `excess` too large.
 template <typename D, typename T>
-template <typename X, typename Add>
-void ChainEngine<D, T>::RunSums(int32_t image, const X* input, const X* filter, uint32_t excess,
-                                Add add) const {
+template <typename Begin, typename Add>
+void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add add) const {
   const T* elementwise = ElementwiseOf(image);
   T* output = OutputOf(image);
   const uint32_t channels_in = call_.is_depthwise ? 1 : static_cast<uint32_t>(call_.in_channels);
   for (int32_t row = 0; row < call_.rows.outputs; ++row) {
     const TapRange rows = TapsInside(call_.rows, row);
+    begin(row, rows);
     windows_.ForEachTile([&](const LanePlace& place) {
       int32_t acc[kTilePixels * kTileLanes] = {};
       const uint32_t products =
           static_cast<uint32_t>(rows.count) * static_cast<uint32_t>(place.taps.count) * channels_in;
-      if (rows.count > 0 && place.taps.count > 0) {
-        add(place, windows_.TileOf(place, row, rows, input, filter), acc);
-      }
+      if (products > 0) add(row, rows, place, acc);
       const int32_t lanes = place.panels * kPanel;
       const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
       const int64_t o = OutputIndex(row, place.column, place.channel);
@@ -223,6 +237,7 @@ void ChainEngine<D, T>::RunSums(int32_t image, const X* input, const X* filter, 
   }
 }
 
+// Int32 with a shift.
 template <typename D, typename T>
 void ChainEngine<D, T>::RunModular(int32_t image) const {
   if (datapath_.mult_shift() == 0) return RunPlainSums(image);
@@ -230,48 +245,70 @@ void ChainEngine<D, T>::RunModular(int32_t image) const {
     const ModularDatapath datapath(datapath_.mult_shift());
     const auto& kernels = LaneKernelsOf<ModularDatapath, int32_t>();
     const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
-    RunSums(image, InputOf(image), lane_filter_ + FilterOf(image) * lane_filter_elements_, 0,
-            [&](const LanePlace& place, LaneTile<int32_t> tile, int32_t* sums) {
-              tile.acc = sums;
-              table[place.pixels == kTilePixels][place.panels == kTilePanels](datapath, tile);
-            });
+    const int32_t* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
+    RunSums(
+        image, 0, [](int32_t, const TapRange&) {},
+        [&](int32_t row, const TapRange& rows, const LanePlace& place, int32_t* sums) {
+          LaneTile<int32_t> tile = windows_.TileOf(place, row, rows, InputOf(image), filter);
+          tile.acc = sums;
+          table[place.pixels == kTilePixels][place.panels == kTilePanels](datapath, tile);
+        });
   }
 }
 
 template <typename D, typename T>
 void ChainEngine<D, T>::RunPlainSums(int32_t image) const {
   const SumKernels<T>& kernels = CurrentSumKernels<T>();
-  const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
   const T* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
   const T* elementwise = ElementwiseOf(image);
   for (int32_t row = 0; row < call_.rows.outputs; ++row) {
     const TapRange rows = TapsInside(call_.rows, row);
-    windows_.ForEachTile([&](const LanePlace& place) {
+    const auto run = [&](typename SumKernels<T>::Kernel kernel, const LanePlace& place,
+                         int32_t channels) {
       const int64_t o = OutputIndex(row, place.column, place.channel);
-      const int32_t lanes = place.panels * kPanel;
-      const SumOutput<T> output{elementwise == nullptr ? nullptr : elementwise + o,
-                                OutputOf(image) + o, call_.out_channels,
-                                std::min(lanes, call_.out_channels - place.channel), plan_->bits};
-      const auto kernel = table[place.pixels == kTilePixels][place.panels == kTilePanels];
-      kernel(windows_.TileOf(place, row, rows, InputOf(image), filter), output);
+      kernel(windows_.TileOf(place, row, rows, InputOf(image), filter),
+             SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, OutputOf(image) + o,
+                          call_.out_channels, channels, plan_->bits});
+    };
+    if (call_.is_depthwise) {
+      windows_.ForEachColumns(kDepthwisePixels, [&](int32_t column, int32_t pixels, TapRange taps) {
+        run(kernels.depthwise[pixels == kDepthwisePixels], LanePlace{column, pixels, 0, 0, taps},
+            call_.out_channels);
+      });
+      continue;
+    }
+    windows_.ForEachTile([&](const LanePlace& place) {
+      run(kernels.ordinary[place.pixels == kTilePixels][place.panels == kTilePanels], place,
+          std::min(place.panels * kPanel, call_.out_channels - place.channel));
     });
   }
 }
 
+// Of integers the rows that a row of outputs meets are converted for it.
 template <typename D, typename T>
 void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
-  const float* input = nullptr;
-  if constexpr (std::is_same_v<T, float>) {
-    input = InputOf(image);
-  } else {
-    float* copy = rounded_images_ + slot * call_.InputElements();
-    std::copy_n(InputOf(image), call_.InputElements(), copy);
-    input = copy;
-  }
   const RoundedKernels& kernels = CurrentRoundedKernels();
   const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
-  RunSums(image, input, rounded_filter_ + FilterOf(image) * lane_filter_elements_, kRoundingBits,
-          [&](const LanePlace& place, LaneTile<float> tile, int32_t* sums) {
+  const float* filter = rounded_filter_ + FilterOf(image) * lane_filter_elements_;
+  const int64_t in_row = windows_.InRow();
+  const float* first = nullptr;
+  const auto begin = [&](int32_t row, const TapRange& rows) {
+    if (rows.count == 0) return;
+    const T* input = InputOf(image) + call_.rows.Coordinate(row, rows.first) * in_row;
+    const int64_t next = call_.rows.dilation * in_row;
+    if constexpr (std::is_same_v<T, float>) {
+      first = input;
+    } else {
+      float* copy = rounded_rows_ + slot * WindowElements();
+      for (int32_t r = 0; r < rows.count; ++r)
+        std::copy_n(input + r * next, in_row, copy + r * in_row);
+      first = copy;
+    }
+  };
+  const int64_t x_row = std::is_same_v<T, float> ? call_.rows.dilation * in_row : in_row;
+  RunSums(image, kRoundingBits, begin,
+          [&](int32_t, const TapRange& rows, const LanePlace& place, int32_t* sums) {
+            LaneTile<float> tile = windows_.TileOfRows(place, rows, first, x_row, filter);
             tile.sums = sums;
             table[place.pixels == kTilePixels][place.panels == kTilePanels](rounded_, tile);
           });

@@ -17,6 +17,7 @@
 #include "bitfold/datapath.h"
 #include "bitfold/geometry.h"
 #include "chain/dot_convolution.h"
+#include "chain/dot_depthwise.h"
 #include "chain/lane_windows.h"
 #include "chain/plan.h"
 #include "chain/scratch.h"
@@ -38,6 +39,7 @@ struct ChainCall {
   int32_t filter_images;  // depthwise: 1 or batch, a filter for each image
   const T* elementwise;   // or null
   T* output;
+  std::optional<Facts> filter_facts = {};  // where they are known
 
   int64_t InputElements() const { return int64_t{rows.input} * columns.input * in_channels; }
   int64_t OutputElements() const { return int64_t{rows.outputs} * columns.outputs * out_channels; }
@@ -56,7 +58,7 @@ class ChainEngine {
   ChainEngine(const D& datapath, const ChainCall<T>& call, int slots, Scratch* scratch);
 
   // Empty where the definition must do: windows that do not go forward, depthwise filters of less
-  // than a panel, no memory.
+  // than a panel whose numbers are not narrow, no memory.
   const std::optional<ChainPlan>& plan() const { return plan_; }
 
   // Computes and writes the outputs of an image. Those that may print a line are computed by
@@ -77,8 +79,8 @@ class ChainEngine {
   void RunStepwise(int32_t image, const DefineOutput& define) const;
   bool RunStepwiseTile(int32_t image, int32_t row, const LanePlace& place,
                        std::vector<char>* may_print) const;
-  template <typename X, typename Add>
-  void RunSums(int32_t image, const X* input, const X* filter, uint32_t excess, Add add) const;
+  template <typename Begin, typename Add>
+  void RunSums(int32_t image, uint32_t excess, Begin begin, Add add) const;
 
   const T* InputOf(int32_t image) const { return call_.input + image * call_.InputElements(); }
   T* OutputOf(int32_t image) const { return call_.output + image * call_.OutputElements(); }
@@ -86,6 +88,8 @@ class ChainEngine {
     return call_.elementwise == nullptr ? nullptr
                                         : call_.elementwise + image * call_.OutputElements();
   }
+  // The numbers that a row of outputs meets.
+  int64_t WindowElements() const { return call_.rows.taps * windows_.InRow(); }
   // Where the filter of an image begins among those of all, in filters.
   int32_t FilterOf(int32_t image) const { return call_.filter_images > 1 ? image : 0; }
   int64_t OutputIndex(int32_t row, int32_t column, int32_t channel) const {
@@ -98,11 +102,12 @@ class ChainEngine {
   const LaneWindows windows_;
   std::optional<ChainPlan> plan_;
   std::optional<DotConvolution<T>> dot_;
+  std::optional<DotDepthwise<T>> dot_depthwise_;
   const T* lane_filter_ = nullptr;  // its output channels filled up to a panel
   int64_t lane_filter_elements_ = 0;
   RoundedSums rounded_{};
   float* rounded_filter_ = nullptr;
-  float* rounded_images_ = nullptr;  // int32: the images of the slots as floats
+  float* rounded_rows_ = nullptr;  // int32: what the slots have of an image as floats
 };
 
 }  // namespace bitfold

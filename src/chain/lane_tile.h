@@ -10,11 +10,12 @@
 #include <cstdint>
 
 #include "bitfold/datapath.h"
+#include "chain/sum_output.h"
 
 namespace bitfold {
 
-inline constexpr int kPanel = 16;      // lanes that are computed together at least
 inline constexpr int kTilePixels = 4;  // columns of outputs in a tile, or 1
+inline constexpr int kDepthwisePixels = 6;
 inline constexpr int kTilePanels = 2;  // panels in a tile, or 1
 
 // Part of the chains of a tile: for each row, for each channel, for each tap
@@ -68,24 +69,13 @@ struct LaneKernels {
 template <typename D, typename T>
 const LaneKernels<D, T>& LaneKernelsOf();
 
-// Where a tile of plain sums goes: the low `bits` bits of each, plus its elementwise value, as a
-// number with a sign. Columns lie `stride` apart; elementwise may be null.
-template <typename T>
-struct SumOutput {
-  const T* elementwise;
-  T* out;
-  int64_t stride;
-  int32_t channels;  // of the tile's lanes, those that exist
-  int32_t bits;      // 1 to 32
-};
-
 // Sums of products that need no scaling: int32 modulo 2^32, floats of whole numbers that stay
 // within 2^24. tile.acc is not looked at. By the same indices.
 template <typename T>
 struct SumKernels {
   using Kernel = void (*)(const LaneTile<T>&, const SumOutput<T>&);
   Kernel ordinary[2][2];
-  Kernel depthwise[2][2];
+  Kernel depthwise[2];  // by [columns == kTilePixels], all output.channels >= kPanel of them
 };
 template <typename T>
 const SumKernels<T>& CurrentSumKernels();

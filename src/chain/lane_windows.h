@@ -67,34 +67,54 @@ class LaneWindows {
   template <typename Visit>
   void ForEachTile(Visit visit) const {
     if (is_depthwise_) {
-      ForEachColumns([&](int32_t column, int32_t pixels, const TapRange& taps) {
+      ForEachColumns(kTilePixels, [&](int32_t column, int32_t pixels, const TapRange& taps) {
         ForEachChannels([&](int32_t channel, int32_t panels) {
           visit(LanePlace{column, pixels, channel, panels, taps});
         });
       });
     } else {
       ForEachChannels([&](int32_t channel, int32_t panels) {
-        ForEachColumns([&](int32_t column, int32_t pixels, const TapRange& taps) {
+        ForEachColumns(kTilePixels, [&](int32_t column, int32_t pixels, const TapRange& taps) {
           visit(LanePlace{column, pixels, channel, panels, taps});
         });
       });
     }
   }
 
+  template <typename Visit>
+  void ForEachColumns(int32_t most, Visit visit) const {
+    for (const Run& run : runs_) {
+      const int32_t pixels = run.end - run.first >= most ? most : 1;
+      for (int32_t column = run.first; column < run.end; column += pixels) {
+        visit(std::min(column, run.end - pixels), pixels, run.taps);
+      }
+    }
+  }
+
+  // The numbers of an image's row.
+  int64_t InRow() const { return int64_t{columns_.input} * in_channels_; }
+
   // The rows of taps `rows` of a tile at output row `row`; where there are no taps it has no rows.
   // Where its results go is left to the caller.
   template <typename X>
   LaneTile<X> TileOf(const LanePlace& place, int32_t row, const TapRange& rows, const X* image,
                      const X* filter) const {
-    const int64_t channels = is_depthwise_ ? 1 : in_channels_;
-    const int64_t in_row = int64_t{columns_.input} * in_channels_;
+    if (rows.count == 0) return {};
     const int64_t y = rows_.Coordinate(row, rows.first);
+    return TileOfRows(place, rows, image + y * InRow(), rows_.dilation * InRow(), filter);
+  }
+
+  // The same of image rows that lie `x_row` apart, the first of them at `first`; there are some.
+  template <typename X>
+  LaneTile<X> TileOfRows(const LanePlace& place, const TapRange& rows, const X* first,
+                         int64_t x_row, const X* filter) const {
+    const int64_t channels = is_depthwise_ ? 1 : in_channels_;
     const int64_t x = columns_.Coordinate(place.column, place.taps.first);
     LaneTile<X> tile{};
-    if (rows.count == 0 || place.taps.count == 0) return tile;
-    tile.x = image + y * in_row + x * in_channels_ + (is_depthwise_ ? place.channel : 0);
+    if (place.taps.count == 0) return tile;
+    tile.x = first + x * in_channels_ + (is_depthwise_ ? place.channel : 0);
     tile.x_pixel = int64_t{columns_.stride} * in_channels_;
-    tile.x_row = rows_.dilation * in_row;
+    tile.x_row = x_row;
     tile.x_tap = int64_t{columns_.dilation} * in_channels_;
     tile.w_channel = filter_channels_;
     tile.w_tap = channels * filter_channels_;
@@ -124,16 +144,6 @@ class LaneWindows {
       runs.back().end = column + 1;
     }
     return runs;
-  }
-
-  template <typename Visit>
-  void ForEachColumns(Visit visit) const {
-    for (const Run& run : runs_) {
-      const int32_t pixels = run.end - run.first >= kTilePixels ? kTilePixels : 1;
-      for (int32_t column = run.first; column < run.end; column += pixels) {
-        visit(std::min(column, run.end - pixels), pixels, run.taps);
-      }
-    }
   }
 
   template <typename Visit>

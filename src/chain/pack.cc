@@ -3,6 +3,8 @@
 
 #include "chain/pack.h"
 
+#include <algorithm>
+
 #include "bitfold/int32_arithmetic.h"
 #include "chain/lane_tile.h"
 #include "target.h"
@@ -16,6 +18,8 @@ struct PackLoops {
   void (*shorts)(const T*, int64_t, int16_t*);
   void (*weight_bytes)(const T*, int32_t, int64_t, int32_t*);
   void (*weight_shorts)(const T*, int32_t, int64_t, int32_t*);
+  void (*tap_bytes[4])(const T* const*, int64_t, int32_t, int32_t*);
+  void (*tap_shorts[2])(const T* const*, int64_t, int32_t*);
   void (*magnitudes)(const T*, int64_t, int64_t*);
   void (*finish[2])(const TileSums&, const T*, int64_t, T*);
 };
@@ -64,6 +68,16 @@ void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* o
 }
 
 template <typename T>
+void PackTapBytes(const T* const* x, int32_t taps, int64_t count, int32_t offset, int32_t* out) {
+  LoopsOf<T>().tap_bytes[taps - 1](x, count, offset, out);
+}
+
+template <typename T>
+void PackTapShorts(const T* const* x, int32_t taps, int64_t count, int32_t* out) {
+  LoopsOf<T>().tap_shorts[taps - 1](x, count, out);
+}
+
+template <typename T>
 void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
   LoopsOf<T>().magnitudes(x, count, sums);
 }
@@ -73,12 +87,14 @@ void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* o
   LoopsOf<T>().finish[elementwise != nullptr](tile, elementwise, stride, out);
 }
 
-#define BITFOLD_INSTANTIATE(T)                                          \
-  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);        \
-  template void PackShorts(const T*, int64_t, int16_t*);                \
-  template void PackWeightBytes(const T*, int32_t, int64_t, int32_t*);  \
-  template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*); \
-  template void AddMagnitudes(const T*, int64_t, int64_t*);             \
+#define BITFOLD_INSTANTIATE(T)                                                      \
+  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);                    \
+  template void PackShorts(const T*, int64_t, int16_t*);                            \
+  template void PackWeightBytes(const T*, int32_t, int64_t, int32_t*);              \
+  template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*);             \
+  template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t, int32_t*); \
+  template void PackTapShorts(const T* const*, int32_t, int64_t, int32_t*);         \
+  template void AddMagnitudes(const T*, int64_t, int64_t*);                         \
   template void FinishSums(const TileSums&, const T*, int64_t, T*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)

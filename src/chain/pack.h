@@ -8,6 +8,7 @@
 #define BITFOLD_SRC_CHAIN_PACK_H_
 
 #include <cstdint>
+#include <cstring>
 
 namespace bitfold {
 
@@ -25,6 +26,20 @@ template <typename T>
 void PackWeightBytes(const T* weights, int32_t rows, int64_t stride, int32_t* out);
 template <typename T>
 void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* out);
+
+// out[i] holds the whole numbers x[0][i], x[1][i], ... of `taps` arrays: up to four of 0 to 255
+// where each has had `offset` added, or up to two shorts.
+template <typename T>
+void PackTapBytes(const T* const* x, int32_t taps, int64_t count, int32_t offset, int32_t* out);
+template <typename T>
+void PackTapShorts(const T* const* x, int32_t taps, int64_t count, int32_t* out);
+
+// Of the signed bytes of a word.
+inline int32_t SumOfBytes(int32_t word) {
+  int8_t bytes[4];
+  std::memcpy(bytes, &word, sizeof bytes);
+  return bytes[0] + bytes[1] + bytes[2] + bytes[3];
+}
 
 // sums[i] += |x[i]| of whole numbers.
 template <typename T>

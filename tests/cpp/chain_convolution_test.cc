@@ -218,19 +218,22 @@ TEST(ChainConvolution, HugePadding) {
 }
 
 // What the engine leaves to the definition: windows that do not go forward, filters of no tap, few
-// depthwise channels.
+// depthwise channels where a row of outputs does not fill a panel or numbers are large.
 TEST(ChainConvolution, LeftToTheDefinition) {
   Random random(0x1ef7);
-  const ChainRecipe recipe = {"bytes", {}, 20, 0, {0, 255}, {-128, 127}, {0, 9}};
-  std::vector<Convolution> cases(6, Plain(4, 5, 2, 2, 3, 20));
+  ChainRecipe recipe = {"bytes", {}, 20, 0, {0, 255}, {-128, 127}, {0, 9}};
+  std::vector<Convolution> cases(7, Plain(4, 5, 2, 2, 3, 20));
   cases[0].stride_h = -1;
   cases[1].stride_w = -2;
   cases[2].dilation_h = 0;
   cases[3].dilation_w = -1;
   cases[4].filter_height = 0;
   cases[5].is_depthwise = true;
-  cases[5].in_channels = cases[5].out_channels = 15;
+  cases[5].in_channels = cases[5].out_channels = 5;
+  cases[6].is_depthwise = true;
+  cases[6].in_channels = cases[6].out_channels = 15;
   for (Convolution& c : cases) {
+    if (&c == &cases[6]) recipe.input = {0, 65536};
     const auto data = testing::DrawRecipe<int32_t>(&random, recipe, true, &c);
     ASSERT_TRUE(CheckChains(c, data));
     HeapScratch scratch;
@@ -463,6 +466,31 @@ TEST(ChainConvolution, RedLineOfEachImage) {
     EXPECT_NE(lines.find("DW"), std::string::npos);
   }
 }
+
+// Filters of fewer channels than a panel, in narrow numbers: several outputs fill one.
+template <typename T>
+void CrossFewChannels(uint64_t seed) {
+  Random random(seed);
+  for (const ChainRecipe& recipe : ChainRecipes<T>()) {
+    if (recipe.path != ChainPath::kDotBytes && recipe.path != ChainPath::kDotShorts) continue;
+    for (const int32_t channels : {1, 2, 3, 5, 8, 15}) {
+      Convolution c =
+          DrawWindow(&random, random.Between(1, 40), channels + random.Between(0, 2), channels);
+      c.is_depthwise = true;
+      c.filter_per_image = random.Flag();
+      const int32_t in_a_panel = (15 + channels) / channels;
+      const auto data = testing::DrawRecipe<T>(&random, recipe, random.Flag(), &c);
+      const bool is_known = testing::HasRecipe(c);
+      ASSERT_TRUE(CheckChains(c, data, random.Between(0, 3), [&](Target target) {
+        if (!is_known || testing::OutWidth(c) < in_a_panel) return std::optional<ChainPath>();
+        return testing::PathOn<T>(recipe, true, 0, target);
+      })) << recipe.name;
+    }
+  }
+}
+
+TEST(ChainConvolution, FewDepthwiseInt32Channels) { CrossFewChannels<int32_t>(0xfe31); }
+TEST(ChainConvolution, FewDepthwiseFloatChannels) { CrossFewChannels<float>(0xfe32); }
 
 template <typename T>
 void CrossDepthwise(uint64_t seed) {

@@ -5,12 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include "chain/dot_tile.h"
-#include "chain/lane_tile.h"
 #include "support/buffer.h"
 #include "support/compare.h"
 #include "support/numeric.h"
@@ -55,57 +56,120 @@ int64_t DotOf(int32_t x, int32_t w, bool of_bytes) {
   return sum;
 }
 
-template <typename DrawFrom>
-void CheckDot(const DotShape& s, bool of_bytes, DotKernel kernel, Random* random, DrawFrom draw) {
-  const int64_t stride = random->Between(1, 3) * s.words;
-  const int64_t dilation = random->Between(1, 3) * s.words;
-  const int64_t row = random->Between(0, 3) + (s.pixels - 1) * stride + s.taps * dilation;
-  const int64_t panel = int64_t{s.rows} * s.taps * s.words * 16;
-  DotTile tile;
-  tile.x_pixel = stride;
-  tile.x_tap = dilation;
-  tile.x_row = row;
-  tile.w_panel = panel + random->Between(0, 2) * 16;
-  tile.rows = s.rows;
-  tile.taps = s.taps;
-  tile.words = s.words;
-  ExactBuffer<int32_t> x(
-      (s.rows - 1) * row + (s.taps - 1) * dilation + (s.pixels - 1) * stride + s.words,
-      random->Between(0, 3));
-  ExactBuffer<int32_t> w((s.panels - 1) * tile.w_panel + panel, random->Between(0, 3));
-  ExactBuffer<int32_t> acc(s.pixels * s.lanes(), random->Between(0, 3));
-  for (int64_t i = 0; i < x.count(); ++i) x[i] = draw();
-  for (int64_t i = 0; i < w.count(); ++i) w[i] = draw();
-  for (int64_t i = 0; i < acc.count(); ++i) acc[i] = static_cast<int32_t>(random->Bits());
-  tile.x = x.data();
-  tile.w = w.data();
-  tile.acc = acc.data();
-  std::vector<int32_t> expected;
+// What a sum becomes: of int32 any, of floats the elementwise values are whole.
+template <typename T>
+T Finished(int64_t sum, const T* elementwise, int64_t at, int32_t bits) {
+  if (elementwise != nullptr) sum += static_cast<int64_t>(elementwise[at]);
+  return static_cast<T>(testing::LowBits(sum, bits));
+}
+
+template <typename T>
+ExactBuffer<T> DrawElementwise(Random* random, int64_t count) {
+  ExactBuffer<T> numbers(count, random->Between(0, 3));
+  for (int64_t i = 0; i < count; ++i) {
+    numbers[i] = static_cast<T>(random->Between(-(1 << 24), 1 << 24));
+  }
+  return numbers;
+}
+
+// All of them `word` where there is one.
+using Word = std::optional<uint32_t>;
+ExactBuffer<int32_t> DrawWords(Random* random, int64_t count, Word word = {}) {
+  ExactBuffer<int32_t> words(count, random->Between(0, 3));
+  for (int64_t i = 0; i < count; ++i) {
+    words[i] = word ? static_cast<int32_t>(*word) : DrawWord(random);
+  }
+  return words;
+}
+
+// Of the panels' lanes `channels` exist. Columns lie `stride` apart; what lies between stays.
+template <typename T>
+void CheckDot(const DotShape& s, bool of_bytes, typename DotKernels<T>::Kernel kernel,
+              Random* random, Word word = {}) {
+  const int64_t x_pixel = random->Between(1, 3) * s.words;
+  const int64_t x_tap = random->Between(1, 3) * s.words;
+  const int64_t x_row = random->Between(0, 3) + (s.pixels - 1) * x_pixel + s.taps * x_tap;
+  const int64_t panel = int64_t{s.rows} * s.taps * s.words * kPanel;
+  const int64_t w_panel = panel + random->Between(0, 2) * kPanel;
+  const auto x = DrawWords(
+      random, (s.rows - 1) * x_row + (s.taps - 1) * x_tap + (s.pixels - 1) * x_pixel + s.words,
+      word);
+  const auto w = DrawWords(random, (s.panels - 1) * w_panel + panel, word);
+  const auto initial = DrawWords(random, s.lanes());
+  const int32_t channels = random->Pick<int32_t>({1, s.lanes() - 1, s.lanes(), s.lanes()});
+  const int64_t stride = channels + random->Between(0, 3);
+  const int64_t count = (s.pixels - 1) * stride + channels;
+  const auto elementwise = DrawElementwise<T>(random, count);
+  const T* addends = random->Flag() ? elementwise.data() : nullptr;
+  const int32_t bits = random->Between(1, 32);
+  std::vector<T> expected(static_cast<size_t>(count), T{77});
   for (int p = 0; p < s.pixels; ++p) {
-    for (int l = 0; l < s.lanes(); ++l) {
-      int64_t sum = acc[p * s.lanes() + l];
-      for (int64_t k = 0; k < panel / 16; ++k) {
+    for (int32_t l = 0; l < channels; ++l) {
+      int64_t sum = initial[l];
+      for (int64_t k = 0; k < panel / kPanel; ++k) {
         const int64_t tap = k / s.words;
-        const int64_t at = tap / s.taps * row + tap % s.taps * dilation + k % s.words;
-        sum += DotOf(x[at + p * stride], w[l / 16 * tile.w_panel + k * 16 + l % 16], of_bytes);
+        const int64_t at = tap / s.taps * x_row + tap % s.taps * x_tap + k % s.words;
+        sum +=
+            DotOf(x[at + p * x_pixel], w[l / kPanel * w_panel + k * kPanel + l % kPanel], of_bytes);
       }
-      expected.push_back(static_cast<int32_t>(static_cast<uint32_t>(sum)));
+      const int64_t at = p * stride + l;
+      expected[static_cast<size_t>(at)] = Finished(sum, addends, at, bits);
     }
   }
-  kernel(tile);
-  ASSERT_TRUE(testing::SameArrays(expected.data(), acc.data(), acc.count(),
-                                  of_bytes ? "bytes" : "shorts", [&](int64_t) {
-                                    return Describe("pixels", s.pixels, "panels", s.panels, "rows",
-                                                    s.rows, "taps", s.taps, "words", s.words);
-                                  }));
+  ExactBuffer<T> out(std::vector<T>(static_cast<size_t>(count), T{77}), random->Between(0, 3));
+  kernel(DotTile{x.data(), w.data(), initial.data(), x_pixel, x_row, x_tap, w_panel, s.rows, s.taps,
+                 s.words},
+         SumOutput<T>{addends, out.data(), stride, channels, bits});
+  ASSERT_TRUE(testing::SameArrays(
+      expected.data(), out.data(), count, of_bytes ? "bytes" : "shorts", [&](int64_t) {
+        return Describe("pixels", s.pixels, "panels", s.panels, "rows", s.rows, "taps", s.taps,
+                        "words", s.words, "channels", channels, "bits", bits);
+      }));
+}
+
+// A row of `outputs` of a depthwise convolution of few channels or many.
+template <typename T>
+void CheckRow(int32_t channels, int32_t outputs, int32_t words, bool of_bytes,
+              typename DotKernels<T>::RowKernel kernel, Random* random, Word word = {}) {
+  const int32_t period = (kPanel + channels - 1) / channels * channels;
+  const int64_t length = std::max(period, channels * outputs);
+  std::vector<ExactBuffer<int32_t>> rows;
+  std::vector<const int32_t*> x;
+  for (int32_t k = 0; k < words; ++k) {
+    rows.push_back(DrawWords(random, length, word));
+    x.push_back(rows.back().data());
+  }
+  auto w = DrawWords(random, int64_t{words} * period, word);
+  auto initial = DrawWords(random, period);
+  for (int32_t i = channels; i < period; ++i) {
+    initial[i] = initial[i - channels];
+    for (int32_t k = 0; k < words; ++k) w[k * period + i] = w[k * period + i - channels];
+  }
+  const auto elementwise = DrawElementwise<T>(random, length);
+  const T* addends = random->Flag() ? elementwise.data() : nullptr;
+  const int32_t bits = random->Between(1, 32);
+  std::vector<T> expected;
+  for (int64_t i = 0; i < length; ++i) {
+    int64_t sum = initial[i % channels];
+    for (int32_t k = 0; k < words; ++k) {
+      sum += DotOf(rows[static_cast<size_t>(k)][i], w[k * period + i % channels], of_bytes);
+    }
+    expected.push_back(Finished(sum, addends, i, bits));
+  }
+  ExactBuffer<T> out(length, random->Between(0, 3));
+  kernel(DotRow{x.data(), w.data(), initial.data(), length, period, words},
+         SumOutput<T>{addends, out.data(), 0, 0, bits});
+  ASSERT_TRUE(testing::SameArrays(
+      expected.data(), out.data(), length, of_bytes ? "row of bytes" : "row of shorts",
+      [&](int64_t) { return Describe("channels", channels, "words", words, "bits", bits); }));
 }
 
 // Calls check(of_bytes, kernel, pixels, panels) for each kernel of every target.
-template <typename Check>
+template <typename T, typename Check>
 void ForEachDotKernel(Check check) {
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    const DotKernels& kernels = CurrentDotKernels();
+    const DotKernels<T>& kernels = CurrentDotKernels<T>();
     for (int i = 0; kernels.pixels[i] != 0; ++i) {
       for (int k = 0; kernels.panels[k] != 0; ++k) {
         ASSERT_NO_FATAL_FAILURE(
@@ -123,17 +187,17 @@ void ForEachDotKernel(Check check) {
 TEST(ChainDots, OnlyTheLastTargetHasBytes) {
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    EXPECT_EQ(CurrentDotKernels().HasBytes(), target == Target::kAvx512Vnni) << name;
+    EXPECT_EQ(CurrentDotKernels<int32_t>().HasBytes(), target == Target::kAvx512Vnni) << name;
+    EXPECT_EQ(CurrentDotKernels<float>().HasBytes(), target == Target::kAvx512Vnni) << name;
   }
 }
 
-// Sizes fall to 1, so that every image and every filter is covered, and fit the engine's room.
-TEST(ChainDots, SizesEndWithOne) {
+// Sizes fall to 1, so that every image and every filter is covered.
+template <typename T>
+void CheckSizes() {
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    const DotKernels& kernels = CurrentDotKernels();
-    EXPECT_LE(kernels.pixels[0], kMaxDotPixels);
-    EXPECT_LE(kernels.panels[0], kMaxDotPanels);
+    const DotKernels<T>& kernels = CurrentDotKernels<T>();
     const auto falls_to_one = [](const int* sizes) {
       while (sizes[1] != 0 && sizes[1] < sizes[0]) ++sizes;
       return sizes[0] == 1 && sizes[1] == 0;
@@ -143,31 +207,69 @@ TEST(ChainDots, SizesEndWithOne) {
   }
 }
 
-TEST(ChainDots, Shapes) {
+TEST(ChainDots, SizesEndWithOne) {
+  CheckSizes<int32_t>();
+  CheckSizes<float>();
+}
+
+template <typename T>
+void CrossDotShapes() {
   Random random(0xd07);
-  ForEachDotKernel([&](bool of_bytes, DotKernel kernel, int pixels, int panels) {
+  using Kernel = typename DotKernels<T>::Kernel;
+  ForEachDotKernel<T>([&](bool of_bytes, Kernel kernel, int pixels, int panels) {
     for (const int rows : {1, 2, 3}) {
       for (const int taps : {1, 2, 5}) {
         for (const int words : {1, 2, 3, 16}) {
           const DotShape shape = {pixels, panels, rows, taps, words};
-          ASSERT_NO_FATAL_FAILURE(
-              CheckDot(shape, of_bytes, kernel, &random, [&] { return DrawWord(&random); }));
+          ASSERT_NO_FATAL_FAILURE(CheckDot<T>(shape, of_bytes, kernel, &random));
         }
       }
     }
   });
 }
 
+TEST(ChainDots, Int32Shapes) { CrossDotShapes<int32_t>(); }
+TEST(ChainDots, FloatShapes) { CrossDotShapes<float>(); }
+
+// Rows of one period, of several and of parts of one.
+template <typename T>
+void CrossRows() {
+  Random random(0xd08);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    const DotKernels<T>& kernels = CurrentDotKernels<T>();
+    for (const int32_t channels : {1, 2, 3, 5, 8, 15, 16, 17, 31, 32, 33, 100}) {
+      for (const int32_t outputs : {1, 2, 3, 4, 5, 8, 9, 23}) {
+        for (const int32_t words : {0, 1, 2, 3, 9}) {
+          ASSERT_NO_FATAL_FAILURE(
+              CheckRow<T>(channels, outputs, words, false, kernels.row_of_shorts, &random))
+              << name;
+          if (!kernels.HasBytes()) continue;
+          ASSERT_NO_FATAL_FAILURE(
+              CheckRow<T>(channels, outputs, words, true, kernels.row_of_bytes, &random))
+              << name;
+        }
+      }
+    }
+  }
+}
+
+TEST(ChainDots, Int32Rows) { CrossRows<int32_t>(); }
+TEST(ChainDots, FloatRows) { CrossRows<float>(); }
+
 // Of shorts, both products of a word are 2^30; of bytes, all four are 255 * -128: nothing
 // saturates.
 TEST(ChainDots, LargestProducts) {
   Random random(0xb16);
+  using Kernel = DotKernels<int32_t>::Kernel;
   for (const uint32_t word : {0x80008000u, 0x7fff7fffu, 0x80808080u, 0xffffffffu, 0x7f7f7f7fu}) {
-    ForEachDotKernel([&](bool of_bytes, DotKernel kernel, int pixels, int panels) {
+    ForEachDotKernel<int32_t>([&](bool of_bytes, Kernel kernel, int pixels, int panels) {
       for (const int words : {1, 2, 7}) {
         const DotShape shape = {pixels, panels, 1, 1, words};
-        ASSERT_NO_FATAL_FAILURE(
-            CheckDot(shape, of_bytes, kernel, &random, [&] { return static_cast<int32_t>(word); }));
+        ASSERT_NO_FATAL_FAILURE(CheckDot<int32_t>(shape, of_bytes, kernel, &random, word));
+        const DotKernels<int32_t>& kernels = CurrentDotKernels<int32_t>();
+        const auto row = of_bytes ? kernels.row_of_bytes : kernels.row_of_shorts;
+        ASSERT_NO_FATAL_FAILURE(CheckRow<int32_t>(20, 5, words, of_bytes, row, &random, word));
       }
     });
   }

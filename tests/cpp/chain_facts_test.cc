@@ -15,6 +15,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "bitfold/int32_arithmetic.h"
 #include "chain/facts.h"
 #include "chain/pack.h"
 #include "support/buffer.h"
@@ -220,6 +221,62 @@ TEST(ChainPack, Images) {
   CheckPacks<float>();
 }
 
+// `taps` arrays side by side in words, each number by itself; a word's others are 0.
+template <typename T, typename Each>
+void CheckTaps(Random* random, int32_t taps, int size, int32_t added) {
+  constexpr bool kIsShort = sizeof(Each) == 2;
+  const int32_t low = kIsShort ? INT16_MIN : -added;
+  std::vector<ExactBuffer<T>> arrays;
+  std::vector<const T*> x;
+  for (int32_t k = 0; k < taps; ++k) {
+    arrays.emplace_back(Numbers<T>(random, size, low, kIsShort ? INT16_MAX : 255 - added), k);
+    x.push_back(arrays.back().data());
+  }
+  ExactBuffer<int32_t> out(size, random->Between(0, 3));
+  if constexpr (kIsShort) {
+    PackTapShorts(x.data(), taps, size, out.data());
+  } else {
+    PackTapBytes(x.data(), taps, size, added, out.data());
+  }
+  for (int i = 0; i < size; ++i) {
+    Each numbers[4 / sizeof(Each)];
+    std::memcpy(numbers, out.data() + i, sizeof numbers);
+    for (size_t k = 0; k < 4 / sizeof(Each); ++k) {
+      const bool is_tap = static_cast<int32_t>(k) < taps;
+      const int32_t expected = is_tap ? static_cast<int32_t>(arrays[k][i]) + added : 0;
+      ASSERT_EQ(static_cast<int32_t>(numbers[k]), expected) << i << " of " << size << ", tap " << k;
+    }
+  }
+}
+
+template <typename T>
+void CrossTaps() {
+  Random random(0x7a9);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    for (const int size : testing::LaneSizes()) {
+      for (int32_t taps = 1; taps <= 4; ++taps) {
+        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, uint8_t>(&random, taps, size, 0))) << name;
+        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, uint8_t>(&random, taps, size, 128))) << name;
+        if (taps > 2) continue;
+        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, int16_t>(&random, taps, size, 0))) << name;
+      }
+    }
+  }
+}
+
+TEST(ChainPack, Taps) {
+  CrossTaps<int32_t>();
+  CrossTaps<float>();
+}
+
+TEST(ChainPack, SumsOfBytes) {
+  EXPECT_EQ(SumOfBytes(0), 0);
+  EXPECT_EQ(SumOfBytes(0x7f7f7f7f), 4 * 127);
+  EXPECT_EQ(SumOfBytes(WrapMultiply(0x01010101, 128)), 4 * -128);
+  EXPECT_EQ(SumOfBytes(0x0102fd7f), 1 + 2 - 3 + 127);
+}
+
 // Each number of a word by itself; rows of other columns behind, and the last word is not full.
 template <typename T, typename Each, typename Pack>
 void CheckWeights(int32_t low, int32_t high, Pack pack) {
@@ -280,13 +337,6 @@ TEST(ChainPack, Magnitudes) {
   CheckMagnitudes<float>(-(1 << 24), 1 << 24);
 }
 
-// The low bits of a sum with their sign, in wide numbers.
-int32_t LowBits(int64_t sum, int32_t bits) {
-  const int64_t period = int64_t{1} << bits;
-  const int64_t low = ((sum % period) + period) % period;
-  return static_cast<int32_t>(low < period / 2 ? low : low - period);
-}
-
 // What a tile of sums becomes. Outputs lie `stride` apart; what lies between stays as it is.
 template <typename T>
 void CheckFinish(Random* random, TileSums tile, bool has_elementwise, const char* target) {
@@ -311,7 +361,7 @@ void CheckFinish(Random* random, TileSums tile, bool has_elementwise, const char
     if (lane < tile.channels) {
       sum = int64_t{sums[pixel * tile.lanes + lane]} - tile.excess;
       if (has_elementwise) sum += static_cast<int64_t>(elementwise[i]);
-      expected = static_cast<T>(LowBits(sum, tile.bits));
+      expected = static_cast<T>(testing::LowBits(sum, tile.bits));
     }
     ASSERT_TRUE(testing::Same(expected, out[i], target,
                               Describe("sum", sum, "bits", tile.bits, "lane", lane, "channels",

@@ -558,13 +558,6 @@ TEST(ChainRoundedSums, PowersOfTwo) {
 
 // ---- Plain sums --------------------------------------------------------------------------------
 
-// The low bits of a sum with their sign, in wide numbers.
-int32_t LowBits(int64_t sum, int32_t bits) {
-  const int64_t period = int64_t{1} << bits;
-  const int64_t low = ((sum % period) + period) % period;
-  return static_cast<int32_t>(low < period / 2 ? low : low - period);
-}
-
 // A tile's outputs with a gap between columns, of which `channels` of each are written.
 template <typename T>
 void CheckSums(const TileNumbers<T>& in, int32_t channels, int32_t bits, bool has_elementwise,
@@ -585,21 +578,34 @@ void CheckSums(const TileNumbers<T>& in, int32_t channels, int32_t bits, bool ha
       const int64_t at = p * stride + l;
       const int64_t addend = has_elementwise ? static_cast<int64_t>(elementwise[at]) : 0;
       const int64_t sum = sums[static_cast<size_t>(p * s.lanes() + l)] + addend;
-      expected[at] = static_cast<T>(LowBits(sum, bits));
+      expected[at] = static_cast<T>(testing::LowBits(sum, bits));
     }
   }
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
     const SumKernels<T>& kernels = CurrentSumKernels<T>();
-    const auto& table = s.is_depthwise ? kernels.depthwise : kernels.ordinary;
+    const auto kernel = s.is_depthwise
+                            ? kernels.depthwise[s.pixels == kDepthwisePixels]
+                            : kernels.ordinary[s.pixels == kTilePixels][s.panels == kTilePanels];
     ExactBuffer<T> out(std::vector<T>(static_cast<size_t>(count), T{77}), random->Between(0, 3));
     const SumOutput<T> output = {has_elementwise ? elementwise.data() : nullptr, out.data(), stride,
                                  channels, bits};
-    table[s.pixels == kTilePixels][s.panels == kTilePanels](in.Tile(nullptr, nullptr), output);
+    kernel(in.Tile(nullptr, nullptr), output);
     ASSERT_TRUE(testing::SameArrays(expected.data(), out.data(), count, name, [&](int64_t) {
       return s.Text() + Describe("channels", channels, "bits", bits, "with", has_elementwise);
     }));
   }
+}
+
+// The shape with each size of the kernels of plain sums; those of depthwise take any panels, also
+// one that overlaps another.
+std::vector<TileShape> OfEverySumKernel(const TileShape& drawn) {
+  std::vector<TileShape> shapes = OfEveryKernel(drawn);
+  for (TileShape& shape : shapes) {
+    if (shape.is_depthwise && shape.pixels == kTilePixels) shape.pixels = kDepthwisePixels;
+    if (shape.is_depthwise && shape.panels == kTilePanels) shape.panels = 3;
+  }
+  return shapes;
 }
 
 // Floats are whole and their sums within 2^24.
@@ -613,8 +619,9 @@ void CrossSums() {
     drawn.channels = random.Between(1, 5);
     drawn.stride = random.Between(1, 3);
     drawn.dilation = random.Between(1, 3);
-    for (const TileShape& shape : OfEveryKernel(drawn)) {
+    for (const TileShape& shape : OfEverySumKernel(drawn)) {
       for (const int32_t channels : {1, shape.lanes() - 1, shape.lanes()}) {
+        if (shape.is_depthwise && channels < kPanel) continue;
         const auto draw = [&] {
           if (std::is_same_v<T, float>) return static_cast<T>(random.Between(-500, 500));
           return static_cast<T>(random.Bits());
@@ -656,7 +663,7 @@ TEST(ChainSums, LargestFloats) {
   drawn.rows = 1;
   drawn.channels = 1;
   drawn.taps = 4;
-  for (const TileShape& shape : OfEveryKernel(drawn)) {
+  for (const TileShape& shape : OfEverySumKernel(drawn)) {
     for (const float x : {2048.0f, -2048.0f}) {
       TileNumbers<float> in(shape, 1, [&] { return x; });
       for (int64_t i = 0; i < in.w.count(); ++i) in.w[i] = 2048.0f;

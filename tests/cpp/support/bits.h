@@ -29,6 +29,13 @@ inline float FloatOf(uint32_t bits) {
   return x;
 }
 
+// The low bits of a sum with their sign, in wide numbers.
+inline int32_t LowBits(int64_t sum, int32_t bits) {
+  const int64_t period = int64_t{1} << bits;
+  const int64_t low = ((sum % period) + period) % period;
+  return static_cast<int32_t>(low < period / 2 ? low : low - period);
+}
+
 // Decided on the bits, so that no floating-point mode can interfere.
 inline bool IsNan(float x) { return (BitsOf(x) & 0x7fffffffu) > 0x7f800000u; }
 

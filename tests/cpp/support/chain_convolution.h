@@ -121,10 +121,9 @@ ConvolutionData<T> DrawRecipe(Random* random, const ChainRecipe& recipe, bool ha
           DrawRange<T>(random, has_elementwise ? OutputCount(*c) : 0, recipe.elementwise, recipe)};
 }
 
-// Whether the engine takes a call and its numbers have the ends of the recipe's ranges.
-inline bool TakesRecipe(const reference::Convolution& c) {
-  return OutputCount(c) > 0 && InputCount(c) > 1 && FilterCount(c) > 1 &&
-         (!c.is_depthwise || c.out_channels >= 16);
+// Whether a call has outputs and its numbers have the ends of the recipe's ranges.
+inline bool HasRecipe(const reference::Convolution& c) {
+  return OutputCount(c) > 0 && InputCount(c) > 1 && FilterCount(c) > 1;
 }
 
 template <typename T>
@@ -133,7 +132,8 @@ template <typename T>
   const auto data = DrawRecipe<T>(random, recipe, has_elementwise, &c);
   const auto path_on = [&](Target target) {
     const int64_t outputs = OutputCount(c) / c.out_channels;
-    return TakesRecipe(c) ? PathOn<T>(recipe, c.is_depthwise, outputs, target) : std::nullopt;
+    const bool is_taken = HasRecipe(c) && (!c.is_depthwise || c.out_channels >= 16);
+    return is_taken ? PathOn<T>(recipe, c.is_depthwise, outputs, target) : std::nullopt;
   };
   auto same = CheckChains(c, data, random->Between(0, 3), path_on);
   if (!same) same << "\n  recipe: " << recipe.name;

@@ -188,13 +188,8 @@ template <typename T>
 std::optional<ChainPath> PathOn(const ChainRecipe& recipe, bool is_depthwise, int64_t outputs,
                                 Target target) {
   const bool is_dot = recipe.path == ChainPath::kDotBytes || recipe.path == ChainPath::kDotShorts;
-  if (is_dot && is_depthwise) {
-    // Of floats the sums must be small enough.
-    if (std::is_same_v<T, float>) return std::nullopt;
-    return ChainPath::kModular;
-  }
   constexpr int64_t kManyOutputs = 16;
-  if (is_dot && outputs < kManyOutputs) return std::nullopt;
+  if (is_dot && !is_depthwise && outputs < kManyOutputs) return std::nullopt;
   if (recipe.path == ChainPath::kDotBytes && target != Target::kAvx512Vnni) {
     return ChainPath::kDotShorts;
   }

@@ -91,9 +91,7 @@ void ForEachChain(Visit visit) {
         for (int t = 0; t < kTargets; ++t) {
           const auto path = static_cast<ChainPath>(p);
           const auto numbers = static_cast<ChainNumbers>(n);
-          const bool is_dot = path == ChainPath::kDotBytes || path == ChainPath::kDotShorts;
           if (numbers == ChainNumbers::kHalf && path != ChainPath::kStepwise) continue;
-          if (is_dot && static_cast<ChainForm>(f) == ChainForm::kDepthwise) continue;
           if (path == ChainPath::kDotBytes && static_cast<Target>(t) != Target::kAvx512Vnni) {
             continue;
           }

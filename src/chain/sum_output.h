@@ -1,0 +1,28 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where the sums of a tile of outputs go.
+
+#ifndef BITFOLD_SRC_CHAIN_SUM_OUTPUT_H_
+#define BITFOLD_SRC_CHAIN_SUM_OUTPUT_H_
+
+#include <cstdint>
+
+namespace bitfold {
+
+inline constexpr int kPanel = 16;  // lanes that are computed together at least
+
+// The low `bits` bits of each sum, plus its elementwise value, as a number with a sign. Columns lie
+// `stride` apart; elementwise may be null.
+template <typename T>
+struct SumOutput {
+  const T* elementwise;
+  T* out;
+  int64_t stride;
+  int32_t channels;  // of the tile's lanes, those that exist
+  int32_t bits;      // 1 to 32
+};
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_CHAIN_SUM_OUTPUT_H_
