@@ -2,12 +2,19 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "bitfold/HConv2D.h"
 #include "chain_bench.h"
 #include "convolve.h"
+#include "target.h"
 
 namespace bitfold {
 namespace {
@@ -26,58 +33,127 @@ const std::vector<Layer> kOtherLayers = {{"28x28x128 to 128, 3x3", 28, 128, 128,
                                          {"7x7x512 to 512, 3x3", 7, 512, 512, 3, false},
                                          {"56x56x64 to 256, 1x1", 56, 64, 256, 1, false}};
 
+// An image and what is made of it. Sums start with `elementwise` where there is any.
 template <typename T>
-void Convolve(benchmark::State& state, Layer layer, ChainNumbers numbers, bool is_definition) {
-  const int64_t pixels = int64_t{layer.side} * layer.side;
-  const int64_t chain =
-      int64_t{layer.taps} * layer.taps * (layer.is_depthwise ? 1 : layer.in_channels);
-  const std::vector<T> input =
-      ChainInput<T>(pixels * layer.in_channels, numbers.low, numbers.high, numbers.unit);
-  const std::vector<T> filter = ChainInput<T>(chain * layer.out_channels, numbers.weight_low,
-                                              numbers.weight_high, numbers.unit);
-  std::vector<T> output(static_cast<size_t>(pixels * layer.out_channels));
-  const ConvolutionImage<T> work = {input.data(),
-                                    filter.data(),
-                                    nullptr,
-                                    output.data(),
-                                    1,
-                                    layer.side,
-                                    layer.side,
-                                    layer.in_channels,
-                                    layer.taps,
-                                    layer.taps,
-                                    layer.out_channels,
-                                    numbers.accumulator_size,
-                                    1,
-                                    1,
-                                    1,
-                                    1,
-                                    Padding::kSame,
-                                    numbers.mult_shift,
-                                    numbers.use_fp16_acc,
-                                    layer.is_depthwise,
-                                    0,
-                                    0};
+struct Numbers {
+  std::vector<T> input;
+  std::vector<T> filter;
+  std::vector<T> elementwise;
+  std::vector<T> output;
+
+  Numbers(const Layer& layer, const ChainNumbers& numbers)
+      : input(ChainInput<T>(Pixels(layer) * layer.in_channels, numbers.low, numbers.high,
+                            numbers.unit)),
+        filter(ChainInput<T>(Chain(layer) * layer.out_channels, numbers.weight_low,
+                             numbers.weight_high, numbers.unit)),
+        output(static_cast<size_t>(Pixels(layer) * layer.out_channels)) {}
+
+  static int64_t Pixels(const Layer& layer) { return int64_t{layer.side} * layer.side; }
+  static int64_t Chain(const Layer& layer) {
+    return int64_t{layer.taps} * layer.taps * (layer.is_depthwise ? 1 : layer.in_channels);
+  }
+  static int64_t Products(const Layer& layer) {
+    return Pixels(layer) * layer.out_channels * Chain(layer);
+  }
+
+  ConvolutionImage<T> Work(const Layer& layer, const ChainNumbers& numbers) {
+    return {input.data(),
+            filter.data(),
+            elementwise.empty() ? nullptr : elementwise.data(),
+            output.data(),
+            1,
+            layer.side,
+            layer.side,
+            layer.in_channels,
+            layer.taps,
+            layer.taps,
+            layer.out_channels,
+            numbers.accumulator_size,
+            1,
+            1,
+            1,
+            1,
+            Padding::kSame,
+            numbers.mult_shift,
+            numbers.use_fp16_acc,
+            layer.is_depthwise,
+            0,
+            0};
+  }
+};
+
+template <typename T>
+void Define(benchmark::State& state, Layer layer, ChainNumbers numbers) {
+  Numbers<T> data(layer, numbers);
   for (auto _ : state) {
-    if (is_definition) {
-      ImageConvolution<T>(work).Run();
-    } else {
-      HeapScratch scratch;
-      const BatchConvolution<T> convolution(work, 1, &scratch);
-      convolution.Run(work);
-      if (const auto plan = convolution.plan()) state.SetLabel(PathName(*plan));
-    }
+    ImageConvolution<T>(data.Work(layer, numbers)).Run();
     benchmark::ClobberMemory();
   }
-  state.SetItemsProcessed(state.iterations() * pixels * layer.out_channels * chain);
+  state.SetItemsProcessed(state.iterations() * data.Products(layer));
+}
+
+template <typename T>
+void ByEngine(benchmark::State& state, const Layer& layer, const ChainNumbers& numbers,
+              Numbers<T>* data) {
+  const ConvolutionImage<T> work = data->Work(layer, numbers);
+  for (auto _ : state) {
+    HeapScratch scratch;
+    const BatchConvolution<T> convolution(work, 1, &scratch);
+    convolution.Run(work);
+    if (const auto plan = convolution.plan()) state.SetLabel(PathName(*plan));
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * data->Products(layer));
+}
+
+template <typename T>
+void Convolve(benchmark::State& state, Layer layer, ChainNumbers numbers,
+              std::optional<Target> target) {
+  ForceTarget(target);
+  Numbers<T> data(layer, numbers);
+  ByEngine(state, layer, numbers, &data);
+  ForceTarget({});
+}
+
+// Steps of fractions where `in_a_million` outputs of a million leave the accumulator once and print
+// a line. Lines go to the null device.
+void ConvolveWithLines(benchmark::State& state, Layer layer, int in_a_million) {
+  const ChainNumbers fractions = {"", -128, 127, -128, 127, 0.15625f, 24, 0, false};
+  Numbers<float> data(layer, fractions);
+  data.elementwise.assign(data.output.size(), 0.0f);
+  if (in_a_million > 0) {
+    const auto step = static_cast<size_t>(1000000 / in_a_million);
+    // Wraps to a sum that the products behind it keep in range.
+    for (size_t i = 0; i < data.elementwise.size(); i += step) data.elementwise[i] = 8438608.0f;
+  }
+  std::fflush(stdout);
+  const int out = dup(STDOUT_FILENO);
+  const int null = open("/dev/null", O_WRONLY);
+  dup2(null, STDOUT_FILENO);
+  ByEngine(state, layer, fractions, &data);
+  std::fflush(stdout);
+  dup2(out, STDOUT_FILENO);
+  close(null);
+  close(out);
+}
+
+std::string NameOf(const std::string& type, const Layer& layer, const std::string& numbers) {
+  const std::string op = layer.is_depthwise ? "HDepthWise/" : "HConv2d/";
+  return op + type + "/" + layer.name + ", " + numbers;
 }
 
 template <typename T>
 void Register(const std::string& type, const Layer& layer, const ChainNumbers& numbers) {
-  const std::string op = layer.is_depthwise ? "HDepthWise/" : "HConv2d/";
-  const std::string name = op + type + "/" + layer.name + ", " + numbers.name;
-  benchmark::RegisterBenchmark(name.c_str(), Convolve<T>, layer, numbers, true);
-  benchmark::RegisterBenchmark((name + " loops").c_str(), Convolve<T>, layer, numbers, false);
+  const std::string name = NameOf(type, layer, numbers.name);
+  benchmark::RegisterBenchmark(name.c_str(), Define<T>, layer, numbers);
+  benchmark::RegisterBenchmark((name + " loops").c_str(), Convolve<T>, layer, numbers,
+                               std::nullopt);
+}
+
+void RegisterAvx2(const Layer& layer) {
+  if (!IsSupported(Target::kAvx2)) return;
+  const std::string name = NameOf("int32", layer, kBytes.name) + " loops, AVX2";
+  benchmark::RegisterBenchmark(name.c_str(), Convolve<int32_t>, layer, kBytes, Target::kAvx2);
 }
 
 bool RegisterAll() {
@@ -89,6 +165,13 @@ bool RegisterAll() {
   }
   Register<int32_t>("int32", kDepthwise, kBytes);
   Register<float>("float", kDepthwise, kFloatBytes);
+  RegisterAvx2(kLayer);
+  RegisterAvx2(kDepthwise);
+  for (const Layer& layer : kOtherLayers) RegisterAvx2(layer);
+  for (const auto& [name, in_a_million] : {std::pair{"no lines", 0}, std::pair{"lines", 100}}) {
+    benchmark::RegisterBenchmark(NameOf("float", kLayer, name).c_str(), ConvolveWithLines, kLayer,
+                                 in_a_million);
+  }
   return true;
 }
 

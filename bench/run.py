@@ -17,11 +17,9 @@ import pathlib
 import platform
 import re
 import subprocess
-import time
+import sys
 from collections.abc import Callable
 from dataclasses import asdict, dataclass
-
-os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2")
 
 import numpy as np
 import tensorflow as tf
@@ -29,8 +27,14 @@ from rich.console import Console
 from rich.table import Table
 
 import bitfold
+from chains import LAYER, OTHERS, Chain, chain_cases, mobile_seconds
+from timing import LAYERS, in_graph, integers, seconds, use_one_thread
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
+
+
+# Seconds a call and a label, by the names of the C++ benchmarks.
+Definitions = dict[str, tuple[float, str]]
 
 
 @dataclass
@@ -59,12 +63,10 @@ class Row:
     ours_rate: float
     speed_to_definition: float
     speed_to_stock: float
-
-
-def integers(shape: tuple[int, ...], low: int, high: int, dtype: tf.DType) -> tf.Tensor:
-    """Return whole numbers in [low, high], the same in every run."""
-    values = np.random.default_rng(2026).integers(low, high + 1, shape)
-    return tf.constant(values.astype(dtype.as_numpy_dtype))
+    # Long chains, one of several layers in a graph, and in the mobile runtime's 8-bit integers.
+    our_layer_seconds: float | None = None
+    stock_layer_seconds: float | None = None
+    mobile_layer_seconds: float | None = None
 
 
 def addition_cases() -> list[Case]:
@@ -122,119 +124,6 @@ def addition_cases() -> list[Case]:
                 )
                 for op, (ours, stock) in pairs.items()
             ]
-    return cases
-
-
-# Numbers of a kind, as in bench/chain_bench.h: the inputs' range, the weights', what floats are
-# multiplied by, and the settings.
-BYTES = ("bytes", (0, 255), (-128, 127), 1, {"accumulator_size": 24})
-FLOAT_BYTES = (*BYTES[:4], {"accumulator_size": 22})
-_WORD = 2**31 - 1
-INT32_NUMBERS = (
-    BYTES,
-    ("shorts", (-32768, 32767), (-32768, 32767), 1, {"accumulator_size": 32}),
-    ("words", (-_WORD, _WORD), (-_WORD, _WORD), 1, {"accumulator_size": 32}),
-    ("bytes, 12 bits", (0, 255), (-128, 127), 1, {"accumulator_size": 12}),
-    ("bytes, shift 4", (0, 255), (-128, 127), 1, {"accumulator_size": 24, "mult_shift": 4}),
-    (
-        "shorts, shift 4",
-        (-32768, 32767),
-        (-32768, 32767),
-        1,
-        {"accumulator_size": 32, "mult_shift": 4},
-    ),
-)
-FLOAT_NUMBERS = (
-    FLOAT_BYTES,
-    ("fractions, 12 bits", (-128, 127), (-128, 127), 0.15625, {"accumulator_size": 12}),
-    ("bytes, shift 4", (0, 255), (-128, 127), 1, {"accumulator_size": 22, "mult_shift": 4}),
-    (
-        "half precision",
-        (-128, 127),
-        (-128, 127),
-        0.015625,
-        {"accumulator_size": 22, "use_fp16_acc": True},
-    ),
-)
-
-
-def chain_input(shape: tuple[int, ...], limits: tuple, unit: float, dtype: tf.DType) -> tf.Tensor:
-    """Return numbers of a kind."""
-    values = integers(shape, *limits, dtype)
-    return values if unit == 1 else values * unit
-
-
-def convolution_cases() -> list[Case]:
-    """Return the convolutions; the stock ones take floats alone."""
-    layer = ("56x56x64 to 64, 3x3", 56, 64, 64, 3)
-    others = (
-        ("28x28x128 to 128, 3x3", 28, 128, 128, 3),
-        ("14x14x256 to 256, 3x3", 14, 256, 256, 3),
-        ("7x7x512 to 512, 3x3", 7, 512, 512, 3),
-        ("56x56x64 to 256, 1x1", 56, 64, 256, 1),
-    )
-    depthwise = ("56x56x128, 3x3", 56, 128, 0, 3)
-    cases = []
-
-    def add(dtype, layer, numbers):
-        shape, side, channels, out, taps = layer
-        name, limits, weight_limits, unit, k = numbers
-        x = chain_input((1, side, side, channels), limits, unit, dtype)
-        window = (taps, taps, channels, out or 1)
-        w = chain_input(window, weight_limits, unit, dtype)
-        if out:
-            op, ours = "HConv2d", lambda x, w: bitfold.ops.conv2d(x, w, **k)
-            stock = in_graph(lambda x, w: tf.nn.conv2d(x, w, 1, "SAME"), *as_floats(x, w))
-        else:
-            op, ours = "HDepthWise", lambda x, w: bitfold.ops.depthwise_conv2d(x, w, **k)
-            stock = in_graph(
-                lambda x, w: tf.nn.depthwise_conv2d(x, w, [1] * 4, "SAME"), *as_floats(x, w)
-            )
-        products = side * side * taps * taps * channels * (out or 1)
-        row = f"{op}/{'float' if dtype == tf.float32 else 'int32'}/{shape}, {name}"
-        cases.append(Case(row, shape, products, in_graph(ours, x, w), stock))
-
-    for numbers in INT32_NUMBERS:
-        add(tf.int32, layer, numbers)
-    for numbers in FLOAT_NUMBERS:
-        add(tf.float32, layer, numbers)
-    for other in (*others, depthwise):
-        add(tf.int32, other, BYTES)
-        add(tf.float32, other, FLOAT_BYTES)
-    return cases
-
-
-def as_floats(*tensors: tf.Tensor) -> list[tf.Tensor]:
-    """Return tensors as float32, for the stock ops."""
-    return [tf.cast(x, tf.float32) for x in tensors]
-
-
-def matmul_cases() -> list[Case]:
-    """Return the matrix products; the stock one takes floats."""
-    cases = []
-
-    def add(dtype, shape, numbers):
-        rows, inner, cols = shape
-        name, limits, weight_limits, unit, k = numbers
-        a = chain_input((rows, inner), limits, unit, dtype)
-        b = chain_input((inner, cols), weight_limits, unit, dtype)
-        text = f"{rows}x{inner} by {inner}x{cols}"
-        cases.append(
-            Case(
-                f"HMatmul/{'float' if dtype == tf.float32 else 'int32'}/{text}, {name}",
-                text,
-                rows * inner * cols,
-                in_graph(lambda a, b: bitfold.ops.matmul(a, b, **k), a, b),
-                in_graph(tf.matmul, *as_floats(a, b)),
-                "chain engine",
-            )
-        )
-
-    for shape in ((128, 768, 768), (1, 1024, 1000)):
-        add(tf.int32, shape, BYTES)
-        add(tf.float32, shape, FLOAT_BYTES)
-    for numbers in (FLOAT_NUMBERS[1], FLOAT_NUMBERS[3]):
-        add(tf.float32, (128, 768, 768), numbers)
     return cases
 
 
@@ -350,13 +239,6 @@ def vector_target() -> str:
     return "AVX2" if "avx2" in features else "portable"
 
 
-def in_graph(function: Callable[..., tf.Tensor], *tensors: tf.Tensor) -> Callable[[], tf.Tensor]:
-    """Return a call of the function on the tensors, compiled by tf.function, as models run."""
-    signature = [tf.TensorSpec(x.shape, x.dtype) for x in tensors]
-    compiled = tf.function(function, input_signature=signature)
-    return lambda: compiled(*tensors)
-
-
 def numeric_cases() -> list[Case]:
     """Return the numeric units, against the stock ops on float data of the same shape."""
     target = vector_target()
@@ -411,21 +293,7 @@ def numeric_cases() -> list[Case]:
     ]
 
 
-def seconds(call: Callable[[], tf.Tensor], budget: float) -> float:
-    """Return the median time of a call, over at least 3 and about `budget` seconds of them.
-
-    A call on the CPU returns when it has computed.
-    """
-    call()
-    times: list[float] = []
-    while len(times) < 3 or sum(times) < budget:
-        start = time.perf_counter()
-        call()
-        times.append(time.perf_counter() - start)
-    return float(np.median(times))
-
-
-def definition_seconds(budget: float, pattern: str) -> dict[str, tuple[float, str]]:
+def definition_seconds(budget: float, pattern: str) -> Definitions:
     """Build and run the C++ benchmarks that match; return seconds a call and a label by name."""
     for command in (["cmake", "--preset", "bench"], ["cmake", "--build", "--preset", "bench"]):
         subprocess.run(command, cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
@@ -448,32 +316,73 @@ def definition_seconds(budget: float, pattern: str) -> dict[str, tuple[float, st
     }
 
 
-def measure(cases: list[Case], budget: float, pattern: str, console: Console) -> list[Row]:
-    """Time every case whose name the pattern finds something in."""
-    console.print("Timing the scalar definitions (C++)...")
-    definitions = definition_seconds(budget, pattern)
+def measure(
+    cases: list[Case | Chain], definitions: Definitions, budget: float, console: Console
+) -> list[Row]:
+    """Time every case."""
     rows = []
     for case in cases:
-        if not re.search(pattern, case.name):
-            continue
         console.print(f"Timing {case.name}...")
         ours, stock = seconds(case.ours, budget), seconds(case.stock, budget)
         definition, _ = definitions[case.name]
         loops, path = definitions.get(f"{case.name} loops", (None, ""))
-        rows.append(
-            Row(
-                name=case.name,
-                shape=case.shape,
-                path=path or case.path,
-                definition_seconds=definition,
-                loops_seconds=loops,
-                ours_seconds=ours,
-                stock_seconds=stock,
-                ours_rate=case.operations / ours,
-                speed_to_definition=definition / (loops or ours),
-                speed_to_stock=stock / ours,
-            )
+        row = Row(
+            name=case.name,
+            shape=case.shape,
+            path=path or case.path,
+            definition_seconds=definition,
+            loops_seconds=loops,
+            ours_seconds=ours,
+            stock_seconds=stock,
+            ours_rate=case.operations / ours,
+            speed_to_definition=definition / (loops or ours),
+            speed_to_stock=stock / ours,
         )
+        if isinstance(case, Chain):
+            row.our_layer_seconds = seconds(case.our_layers, budget) / LAYERS
+            row.stock_layer_seconds = seconds(case.stock_layers, budget) / LAYERS
+            row.mobile_layer_seconds = case.layer and mobile_seconds(case.layer, budget)
+        rows.append(row)
+    return rows
+
+
+def measure_lines(definitions: Definitions) -> dict[str, float]:
+    """Return the seconds of the steps where one output in ten thousand prints, and none does."""
+    found = {}
+    for name, (time, _) in definitions.items():
+        if match := re.fullmatch(r"HConv2d/float/.*, (lines|no lines)", name):
+            found[match[1]] = time
+    return found
+
+
+def measure_avx2(definitions: Definitions) -> list[dict[str, object]]:
+    """Return the layers' times with AVX2 alone: ours from C++, the stock op's in another process.
+
+    The stock op reads its limit when it is loaded.
+    """
+    ours = {n: t for n, (t, _) in definitions.items() if n.endswith(", AVX2")}
+    if not ours:
+        return []
+    output = subprocess.run(
+        [sys.executable, ROOT / "bench/chains.py"],
+        check=True,
+        capture_output=True,
+        text=True,
+        env=os.environ | {"ONEDNN_MAX_CPU_ISA": "AVX2"},
+    ).stdout
+    stock = json.loads(output.splitlines()[-1])
+    rows = []
+    for layer in (LAYER, *OTHERS):
+        time = ours.get(f"{layer.op}/int32/{layer.name}, bytes loops, AVX2")
+        if time:
+            rows.append(
+                {
+                    "name": layer.name,
+                    "loops_seconds": time,
+                    "stock_layer_seconds": stock[layer.name],
+                    "speed_to_stock": stock[layer.name] / time,
+                }
+            )
     return rows
 
 
@@ -511,7 +420,7 @@ def print_table(rows: list[Row], console: Console) -> None:
             r.name,
             r.shape,
             r.path,
-            *("-" if t is None else f"{1e3 * t:.2f}" for t in times),
+            *(milliseconds(t) for t in times),
             f"{r.ours_rate / 1e6:.0f}",
             f"{r.speed_to_definition:.2f}",
             f"{r.speed_to_stock:.4f}",
@@ -519,30 +428,82 @@ def print_table(rows: list[Row], console: Console) -> None:
     console.print(table)
 
 
+def milliseconds(time: float | None) -> str:
+    """Return a time for a table."""
+    return "-" if time is None else f"{1e3 * time:.2f}"
+
+
+def print_layers(rows: list[Row], console: Console) -> None:
+    """Print the layers in a graph; times in milliseconds."""
+    table = Table(title=f"a layer among {LAYERS} in a graph")
+    table.add_column("op")
+    columns = ("ours ms", "stock float ms", "to stock", "mobile 8-bit ms", "to mobile")
+    for column in columns:
+        table.add_column(column, justify="right")
+    for r in rows:
+        if r.our_layer_seconds is None:
+            continue
+        mobile = r.mobile_layer_seconds
+        table.add_row(
+            r.name,
+            milliseconds(r.our_layer_seconds),
+            milliseconds(r.stock_layer_seconds),
+            f"{r.stock_layer_seconds / r.our_layer_seconds:.2f}",
+            milliseconds(mobile),
+            f"{mobile / r.our_layer_seconds:.2f}" if mobile else "-",
+        )
+    console.print(table)
+
+
+def print_avx2(rows: list[dict[str, object]], console: Console) -> None:
+    """Print the layers with AVX2 alone."""
+    table = Table(title="bytes with AVX2 alone")
+    table.add_column("layer")
+    for column in ("ours ms", "stock float ms", "to stock"):
+        table.add_column(column, justify="right")
+    for r in rows:
+        times = (milliseconds(r["loops_seconds"]), milliseconds(r["stock_layer_seconds"]))
+        table.add_row(r["name"], *times, f"{r['speed_to_stock']:.2f}")
+    console.print(table)
+
+
 def main() -> None:
-    """Measure, print the table, write the JSON."""
+    """Measure, print the tables, write the JSON."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--output", type=pathlib.Path, default=ROOT / "build/bench/bench.json")
     parser.add_argument("--seconds", type=float, default=0.3, help="time spent on each figure")
     parser.add_argument("--filter", default=".", help="a regular expression: the cases to time")
     options = parser.parse_args()
-    tf.config.threading.set_intra_op_parallelism_threads(1)
-    tf.config.threading.set_inter_op_parallelism_threads(1)
+    use_one_thread()
 
     console = Console(width=None if os.isatty(1) else 170)
     cases = [
         *addition_cases(),
-        *convolution_cases(),
-        *matmul_cases(),
+        *chain_cases(),
         *bilinear_cases(),
         *decoder_cases(),
         *suppression_cases(),
         *numeric_cases(),
     ]
-    rows = measure(cases, options.seconds, options.filter, console)
+    console.print("Timing the scalar definitions (C++)...")
+    definitions = definition_seconds(options.seconds, options.filter)
+    cases = [case for case in cases if re.search(options.filter, case.name)]
+    rows = measure(cases, definitions, options.seconds, console)
+    lines, avx2 = measure_lines(definitions), measure_avx2(definitions)
     print_table(rows, console)
+    if any(row.our_layer_seconds for row in rows):
+        print_layers(rows, console)
+    if avx2:
+        print_avx2(avx2, console)
+    for name, time in lines.items():
+        console.print(f"Float steps, {name}: {milliseconds(time)} ms")
     options.output.parent.mkdir(parents=True, exist_ok=True)
-    result = {"machine": machine(), "rows": [asdict(row) for row in rows]}
+    result = {
+        "machine": machine(),
+        "rows": [asdict(row) for row in rows],
+        "lines": lines,
+        "avx2": avx2,
+    }
     options.output.write_text(json.dumps(result, indent=2) + "\n")
     console.print(f"Machine: {machine()['cpu']}. Figures: {options.output}")
 
