@@ -71,11 +71,14 @@ void DotDepthwise<T>::PackWeights(const T* row, int32_t* words) const {
   const uint32_t mask = UINT32_MAX >> (32 - bits);
   std::fill_n(words, WeightRow(), 0);
   for (int32_t tap = 0; tap < columns_.taps; ++tap, row += channels_) {
-    int32_t* group = words + tap / numbers * period_;
-    for (int32_t lane = 0; lane < period_; ++lane) {
-      const auto weight = static_cast<uint32_t>(static_cast<int32_t>(row[lane % channels_]));
-      group[lane] |= ShiftLeft(static_cast<int32_t>(weight & mask), tap % numbers * bits);
+    int32_t* group = words + tap / numbers * int64_t{period_};
+    for (int32_t c = 0; c < channels_; ++c) {
+      const auto weight = static_cast<uint32_t>(static_cast<int32_t>(row[c]));
+      group[c] |= ShiftLeft(static_cast<int32_t>(weight & mask), tap % numbers * bits);
     }
+  }
+  for (int32_t g = 0; g < groups_; ++g, words += period_) {
+    for (int32_t lane = channels_; lane < period_; ++lane) words[lane] = words[lane - channels_];
   }
 }
 
@@ -85,9 +88,11 @@ template <typename T>
 void DotDepthwise<T>::CorrectRow(const int32_t* weights, int32_t* sums) const {
   std::fill_n(sums, period_, 0);
   if (plan_.input_offset == 0) return;
-  for (int64_t i = 0; i < WeightRow(); ++i) {
-    int32_t& sum = sums[i % period_];
-    sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
+  for (int32_t g = 0; g < groups_; ++g, weights += period_) {
+    for (int32_t lane = 0; lane < period_; ++lane) {
+      const int32_t weight = WrapMultiply(plan_.input_offset, SumOfBytes(weights[lane]));
+      sums[lane] = WrapSubtract(sums[lane], weight);
+    }
   }
 }
 
@@ -123,7 +128,7 @@ void DotDepthwise<T>::PackGroup(const T* row, int32_t group, int32_t* out) const
 template <typename T>
 const int32_t* DotDepthwise<T>::KeepRow(const T* image, int32_t row, const Slot& slot) const {
   const int32_t place = row % kept_rows_;
-  int32_t* words = slot.words + place * groups_ * RowWords();
+  int32_t* words = slot.words + place * (groups_ * RowWords());
   if (slot.held[place] == row) return words;
   slot.held[place] = row;
   const T* numbers = image + int64_t{row} * columns_.input * in_channels_;

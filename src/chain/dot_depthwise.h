@@ -30,7 +30,7 @@ class DotDepthwise {
   bool HasWholePeriods() const { return RowWords() >= period_; }
 
   // The words of the rows that are kept.
-  int64_t KeptWords() const { return kept_rows_ * groups_ * RowWords(); }
+  int64_t KeptWords() const { return kept_rows_ * (groups_ * RowWords()); }
 
   // Packs the weights of all filters and makes room for the rows of each slot; false where there is
   // no memory.
@@ -41,8 +41,8 @@ class DotDepthwise {
   void Run(const T* image, int32_t filter, const T* elementwise, T* output, int slot) const;
 
  private:
-  // What an image needs: the rows that are kept, which ones these are, the words of
-  // a row of outputs and its initial sums.
+  // What an image needs: the rows that are kept, which ones these are, the words that a row of
+  // outputs meets and its initial sums.
   struct Slot {
     int32_t* words;
     int32_t* held;
