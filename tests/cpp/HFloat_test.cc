@@ -21,8 +21,8 @@
 #include "bitfold/fpx.h"
 #include "reference/fpx.h"
 #include "support/compare.h"
+#include "support/ledger.h"
 #include "support/log_stub.h"
-#include "support/numeric_ledger.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
@@ -33,7 +33,7 @@ namespace {
 using testing::Describe;
 using testing::FloatOf;
 using testing::LoggedLines;
-using testing::NumericPath;
+using testing::Path;
 using testing::Ran;
 using testing::Random;
 
@@ -403,7 +403,7 @@ TEST(HFloat, EveryPairOfUpToSevenMantissaBits) {
   for (const Widths widths : Formats()) {
     if (widths.man_len < 8) CheckEveryPair(widths);
   }
-  Ran(NumericPath::kFpxPairs);
+  Ran(Path::kFpxPairs);
 }
 
 TEST(HFloat, EveryPairOfEightMantissaBits) {
@@ -490,7 +490,7 @@ TEST(HFloat, OtherWidths) {
     const float value = boundary ? random.Pick(floats) : FloatOf(random.Bits());
     ASSERT_TRUE(CheckFromFloat(value, widths));
   }
-  Ran(NumericPath::kFpxOtherWidths);
+  Ran(Path::kFpxOtherWidths);
 }
 
 // Operands in place of the result are copies.

@@ -17,8 +17,8 @@
 #include "support/assertion_text.h"
 #include "support/compare.h"
 #include "support/layernorm_case.h"
+#include "support/ledger.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
@@ -30,7 +30,7 @@ using reference::LayernormStatus;
 using testing::Describe;
 using testing::ExactBuffer;
 using testing::LayerNormCase;
-using testing::NumericPath;
+using testing::Path;
 using testing::Ran;
 using testing::Random;
 using testing::SameInt64;
@@ -313,17 +313,17 @@ LayerNormCase DrawCase(Random* random, Elements elements, int size, int width, i
                              [&c](int64_t i) { return c.Inputs(i); });
 }
 
-NumericPath PathOf(Target target) {
-  return target == Target::kPortable ? NumericPath::kLayerNormPortable
-         : target == Target::kAvx2   ? NumericPath::kLayerNormAvx2
-                                     : NumericPath::kLayerNormAvx512;
+Path PathOf(Target target) {
+  return target == Target::kPortable ? Path::kLayerNormPortable
+         : target == Target::kAvx2   ? Path::kLayerNormAvx2
+                                     : Path::kLayerNormAvx512;
 }
 
 // What the vector loops do with each vector of a case.
 void MarkPaths(const LayerNormCase& c, Target target) {
   const LayerNormParams& p = c.params;
   if (LayerNormActivationShift(p.mul_act_exp, p.activation_ebias_mode) >= 64) {
-    return Ran(NumericPath::kLayerNormShiftByDefinition);
+    return Ran(Path::kLayerNormShiftByDefinition);
   }
   for (int64_t first = 0; first < c.count(); first += c.vector_size) {
     const float* x = c.in.data() + first;
@@ -331,7 +331,7 @@ void MarkPaths(const LayerNormCase& c, Target target) {
     bool outside = false;
     for (int i = 0; i < c.vector_size; ++i) outside |= !(std::fabs(x[i]) < 0x1p30f);
     if (outside) {
-      Ran(NumericPath::kLayerNormElementsByDefinition);
+      Ran(Path::kLayerNormElementsByDefinition);
       continue;
     }
     Ran(PathOf(target));
@@ -339,7 +339,7 @@ void MarkPaths(const LayerNormCase& c, Target target) {
         get_sum_of_x_minus_zp(x, n, p.zero_point),
         get_sum_squares_of_x_minus_zp_times_n(x, n, p.zero_point, p.x_squared_mult), c.lut.data(),
         p);
-    Ran(scale.shift >= 0 ? NumericPath::kLayerNormShiftsLeft : NumericPath::kLayerNormShiftsRight);
+    Ran(scale.shift >= 0 ? Path::kLayerNormShiftsLeft : Path::kLayerNormShiftsRight);
   }
 }
 

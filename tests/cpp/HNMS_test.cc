@@ -23,7 +23,6 @@
 #include "support/nms_boxes.h"
 #include "support/nms_case.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 #include "support/random.h"
 #include "support/scale.h"
 
@@ -454,7 +453,7 @@ TEST(HNMS, ExtremeNumbersAnywhere) {
     const auto same = testing::SameFrames(
         expected, {frame}, std::string("SuppressClassQuietly, ") + name + " " + c.Text());
     if (!same) return same;
-    Ran(testing::OnTarget(testing::NumericPath::kNmsPortable, target));
+    Ran(testing::OnTarget(testing::Path::kNmsPortable, target));
   }
   return ::testing::AssertionSuccess();
 }

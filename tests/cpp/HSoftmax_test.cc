@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "support/compare.h"
+#include "support/ledger.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/softmax_case.h"
@@ -26,7 +26,7 @@
 namespace bitfold {
 namespace {
 
-using testing::NumericPath;
+using testing::Path;
 using testing::Ran;
 using testing::Random;
 using testing::SoftmaxCase;
@@ -45,10 +45,10 @@ constexpr float kInfinity = std::numeric_limits<float>::infinity();
   return testing::SameText(expected.lines, actual.lines, "HSoftmax " + path + " " + c.Inputs(0));
 }
 
-NumericPath PathOf(Target target) {
-  return target == Target::kPortable ? NumericPath::kSoftmaxPortable
-         : target == Target::kAvx2   ? NumericPath::kSoftmaxAvx2
-                                     : NumericPath::kSoftmaxAvx512;
+Path PathOf(Target target) {
+  return target == Target::kPortable ? Path::kSoftmaxPortable
+         : target == Target::kAvx2   ? Path::kSoftmaxAvx2
+                                     : Path::kSoftmaxAvx512;
 }
 
 // The two comparisons, each on its own: the definition against the oracle, and the vector loops of
@@ -64,7 +64,7 @@ NumericPath PathOf(Target target) {
         SameOutputs(c, definition, testing::RunSoftmaxBy(c, RunSoftmax, offset), name);
     if (!same) return same;
     Ran(PathOf(target));
-    if (in_order) Ran(NumericPath::kSoftmaxSumInOrder);
+    if (in_order) Ran(Path::kSoftmaxSumInOrder);
   }
   return ::testing::AssertionSuccess();
 }

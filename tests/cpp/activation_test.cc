@@ -16,8 +16,8 @@
 
 #include "support/activation_case.h"
 #include "support/compare.h"
+#include "support/ledger.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
@@ -28,7 +28,7 @@ namespace {
 using testing::ActivationCase;
 using testing::Describe;
 using testing::ExactBuffer;
-using testing::NumericPath;
+using testing::Path;
 using testing::Ran;
 using testing::Random;
 using testing::SameInt64;
@@ -152,21 +152,21 @@ TEST(Activation, OneElement) {
 
 // ---- Whole tensors -----------------------------------------------------------------------------
 
-NumericPath PathOf(Target target) {
-  return target == Target::kPortable ? NumericPath::kActivationPortable
-         : target == Target::kAvx2   ? NumericPath::kActivationAvx2
-                                     : NumericPath::kActivationAvx512;
+Path PathOf(Target target) {
+  return target == Target::kPortable ? Path::kActivationPortable
+         : target == Target::kAvx2   ? Path::kActivationAvx2
+                                     : Path::kActivationAvx512;
 }
 
 void MarkPaths(const ActivationCase& c, Target target) {
   for (int64_t g = 0; g < c.groups(); ++g) {
     if (c.size_splits[static_cast<size_t>(g)] <= 0 || c.positions == 0) continue;
     if (testing::GroupNeedsDefinition(c, g)) {
-      Ran(NumericPath::kActivationByDefinition);
+      Ran(Path::kActivationByDefinition);
       continue;
     }
     Ran(PathOf(target));
-    Ran(c.points <= 8 ? NumericPath::kActivationFewPoints : NumericPath::kActivationManyPoints);
+    Ran(c.points <= 8 ? Path::kActivationFewPoints : Path::kActivationManyPoints);
   }
 }
 

@@ -26,7 +26,7 @@ using testing::ChainRecipes;
 using testing::CheckChains;
 using testing::CheckRecipe;
 using testing::ConvolutionData;
-using testing::NumericPath;
+using testing::Path;
 using testing::Plain;
 using testing::Ran;
 using testing::Random;
@@ -270,7 +270,7 @@ TEST(ChainConvolution, SlotsOfThreads) {
       ASSERT_NO_FATAL_FAILURE(CheckThreads<float>(recipe, &random)) << name;
     }
   }
-  Ran(NumericPath::kChainSlots);
+  Ran(Path::kChainSlots);
 }
 
 // ---- Lines from inside tiles -------------------------------------------------------------------
@@ -338,8 +338,8 @@ TEST(ChainConvolution, LinesOfOneOutput) {
       }
     }
   }
-  Ran(NumericPath::kChainReplay);
-  Ran(NumericPath::kChainReplayInOverlap);
+  Ran(Path::kChainReplay);
+  Ran(Path::kChainReplayInOverlap);
 }
 
 // In the order of the definition, which is not that of the tiles.
@@ -544,7 +544,7 @@ void CheckFailuresOfEveryRecipe() {
       }
     }
   }
-  Ran(NumericPath::kChainNoMemory);
+  Ran(Path::kChainNoMemory);
 }
 
 TEST(ChainConvolution, Int32WithoutMemory) { CheckFailuresOfEveryRecipe<int32_t>(); }

@@ -19,8 +19,8 @@
 #include "support/addition.h"
 #include "support/buffer.h"
 #include "support/compare.h"
+#include "support/ledger.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
@@ -31,7 +31,7 @@ namespace {
 using testing::Data;
 using testing::Describe;
 using testing::ExactBuffer;
-using testing::NumericPath;
+using testing::Path;
 using testing::Ran;
 using testing::Random;
 
@@ -396,7 +396,7 @@ TEST(ChainHalfPrecision, QuantisesEveryUpperPattern) {
       }
     }
   }
-  Ran(NumericPath::kChainHalfInRange);
+  Ran(Path::kChainHalfInRange);
 }
 
 // The floor's and the rounding's steps of each exponent, and between them.
@@ -432,7 +432,7 @@ TEST(ChainHalfPrecision, OverflowInAnyLane) {
       }
     }
   }
-  Ran(NumericPath::kChainHalfOverflow);
+  Ran(Path::kChainHalfOverflow);
 }
 
 // Sums that overflow although no addend does, at each step of a chain; and the largest in range.

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "convolve.h"
+#include "support/compare.h"
 #include "support/convolution.h"
 #include "support/ledger.h"
 
@@ -126,17 +127,6 @@ ConvolutionData<int32_t> DrawDepthwise(const Convolution& c, testing::Random* ra
   return data;
 }
 
-std::vector<std::string> SortedLines(const std::string& text) {
-  std::vector<std::string> lines;
-  for (size_t at = 0; at < text.size();) {
-    const size_t end = text.find('\n', at);
-    lines.push_back(testing::WithoutNanSigns(text.substr(at, end - at)));
-    at = end == std::string::npos ? text.size() : end + 1;
-  }
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
-
 // Lines of different images may come in any order, but whole.
 template <typename T>
 void ExpectSameAsOracle(const Convolution& c, const ConvolutionData<T>& data, CreateThread create,
@@ -144,7 +134,7 @@ void ExpectSameAsOracle(const Convolution& c, const ConvolutionData<T>& data, Cr
   const auto expected = testing::OracleConvolution(c, data);
   const auto actual = testing::ThreadedConvolution(c, data, create);
   EXPECT_TRUE(testing::SameConvolutions(c, expected.values.data(), actual.values.data(), path));
-  EXPECT_EQ(SortedLines(expected.lines), SortedLines(actual.lines)) << path;
+  EXPECT_TRUE(testing::SameLines(expected.lines, actual.lines, path));
 }
 
 const int32_t kBatches[] = {0, 1, 2, 19, 20, 21, 40, 45};
@@ -216,7 +206,7 @@ TEST(ConvolveThreads, OneRedLinePerImageThatNeedsIt) {
     const auto data = DrawDepthwise(c, &random);
     ExpectSameAsOracle(c, data, pthread_create, "depthwise threads");
     const auto printed = testing::ThreadedConvolution(c, data, pthread_create).lines;
-    EXPECT_EQ(SortedLines(printed).size(), static_cast<size_t>((batch + 1) / 3)) << batch;
+    EXPECT_EQ(testing::SortedLines(printed).size(), static_cast<size_t>((batch + 1) / 3)) << batch;
   }
 }
 
@@ -228,7 +218,9 @@ TEST(ConvolveThreads, OneFilterForAllImages) {
   auto data = testing::DrawConvolution<int32_t>(&random, c, testing::Data::kSmall, false);
   for (int32_t& weight : data.filter) weight = 40;  // 12 bits: above 31
   ExpectSameAsOracle(c, data, pthread_create, "depthwise threads");
-  EXPECT_EQ(SortedLines(testing::ThreadedConvolution(c, data, pthread_create).lines).size(), 21u);
+  EXPECT_EQ(
+      testing::SortedLines(testing::ThreadedConvolution(c, data, pthread_create).lines).size(),
+      21u);
 }
 
 }  // namespace

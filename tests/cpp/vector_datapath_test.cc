@@ -19,8 +19,8 @@
 #include "support/buffer.h"
 #include "support/capture.h"
 #include "support/compare.h"
+#include "support/ledger.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 #include "support/random.h"
 #include "support/tables.h"
 
@@ -154,7 +154,7 @@ void CheckStepsOfEveryTarget(const D& d, const Arrays<T>& in, int n,
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
     ASSERT_NO_FATAL_FAILURE(CheckSteps(d, in, n, expected, attributes)) << name;
-    testing::Ran(testing::OnTarget(testing::NumericPath::kDatapathPortable, target));
+    testing::Ran(testing::OnTarget(testing::Path::kDatapathPortable, target));
   }
 }
 

@@ -178,7 +178,7 @@ struct AdditionCase {
   const Addition<T>& c;
 
   int64_t count() const { return c.count(); }
-  std::optional<NumericPath> Loops() const { return NumericPath::kDatapathPortable; }
+  std::optional<Path> Loops() const { return Path::kDatapathPortable; }
 
   std::string Inputs(int64_t i) const {
     const auto channel = static_cast<size_t>(i % std::max<int64_t>(1, Call::Channels(c)));

@@ -35,8 +35,8 @@ struct BilinearCase {
   unsigned size() const { return static_cast<unsigned>(weights[0].size()); }
   int64_t count() const { return int64_t{items} * size(); }
 
-  std::optional<NumericPath> Loops() const {
-    return float_accumulator ? NumericPath::kBilinearPortable : NumericPath::kDatapathPortable;
+  std::optional<Path> Loops() const {
+    return float_accumulator ? Path::kBilinearPortable : Path::kDatapathPortable;
   }
 
   std::string Inputs(int64_t i) const {

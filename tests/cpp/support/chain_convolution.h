@@ -16,8 +16,8 @@
 #include "convolve.h"
 #include "support/chain_recipes.h"
 #include "support/convolution.h"
+#include "support/ledger.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 #include "support/scale.h"
 
 namespace bitfold::testing {

@@ -15,7 +15,7 @@
 
 #include "chain/plan.h"
 #include "chain/scratch.h"
-#include "support/numeric_ledger.h"
+#include "support/ledger.h"
 #include "support/random.h"
 
 namespace bitfold::testing {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "support/bits.h"
 
@@ -69,6 +70,33 @@ inline ::testing::AssertionResult SameText(const std::string& expected, const st
   return ::testing::AssertionFailure()
          << path << ": the printed text differs in line " << lines_before + 1
          << "\n  expected: " << quote(want) << "\n  actual:   " << quote(got);
+}
+
+// Of different threads the lines come in any order, but whole.
+inline std::vector<std::string> SortedLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find('\n', at), text.size());
+    lines.push_back(WithoutNanSigns(text.substr(at, end - at)));
+    at = end + 1;
+  }
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+// The same lines as often, in any order.
+inline ::testing::AssertionResult SameLines(const std::string& expected, const std::string& actual,
+                                            const std::string& path) {
+  const std::vector<std::string> want = SortedLines(expected);
+  const std::vector<std::string> got = SortedLines(actual);
+  if (want == got) return ::testing::AssertionSuccess();
+  auto report = ::testing::AssertionFailure();
+  report << path << ": " << got.size() << " printed lines, expected " << want.size();
+  size_t at = 0;
+  while (at < want.size() && at < got.size() && want[at] == got[at]) ++at;
+  if (at < want.size()) report << "\n  expected: " << want[at];
+  if (at < got.size()) report << "\n  actual:   " << got[at];
+  return report;
 }
 
 }  // namespace bitfold::testing

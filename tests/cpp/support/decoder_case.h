@@ -86,7 +86,7 @@ struct DecoderCase {
                     : a;
   }
 
-  std::optional<NumericPath> Loops() const { return NumericPath::kDatapathPortable; }
+  std::optional<Path> Loops() const { return Path::kDatapathPortable; }
 
   std::string Inputs(int64_t i) const {
     const int64_t anchor = i / 4 % anchors;

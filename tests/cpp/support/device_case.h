@@ -9,11 +9,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "support/bits.h"
+#include "support/compare.h"
 #include "support/device_emulation.h"
 
 namespace bitfold::testing {
@@ -34,32 +33,6 @@ inline std::vector<DeviceRun> DeviceRuns() {
   return {{"on the device", {}, true},
           {"on the device, reversed", reversed, false},
           {"on the device, one block", one_block, false}};
-}
-
-inline std::vector<std::string> SortedLines(const std::string& text) {
-  std::vector<std::string> lines;
-  for (size_t at = 0; at < text.size();) {
-    const size_t end = std::min(text.find('\n', at), text.size());
-    lines.push_back(WithoutNanSigns(text.substr(at, end - at)));
-    at = end + 1;
-  }
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
-
-// The same lines as often, in any order.
-inline ::testing::AssertionResult SameLines(const std::string& expected, const std::string& actual,
-                                            const std::string& path) {
-  const std::vector<std::string> want = SortedLines(expected);
-  const std::vector<std::string> got = SortedLines(actual);
-  if (want == got) return ::testing::AssertionSuccess();
-  auto report = ::testing::AssertionFailure();
-  report << path << ": " << got.size() << " printed lines, expected " << want.size();
-  size_t at = 0;
-  while (at < want.size() && at < got.size() && want[at] == got[at]) ++at;
-  if (at < want.size()) report << "\n  expected: " << want[at];
-  if (at < got.size()) report << "\n  actual:   " << got[at];
-  return report;
 }
 
 // The emulation's record of a launch, for comparison.

@@ -37,7 +37,7 @@ struct MatMulCase {
   int64_t a_count() const { return int64_t{batch} * rows * inner; }
   int64_t b_count() const { return int64_t{batch} * inner * cols; }
   int64_t count() const { return int64_t{batch} * rows * cols; }
-  std::optional<NumericPath> Loops() const { return std::nullopt; }
+  std::optional<Path> Loops() const { return std::nullopt; }
 
   std::string Inputs(int64_t i) const {
     const int64_t row = i / cols;

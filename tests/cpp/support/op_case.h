@@ -27,8 +27,8 @@
 #include "support/buffer.h"
 #include "support/capture.h"
 #include "support/compare.h"
+#include "support/ledger.h"
 #include "support/numeric.h"
-#include "support/numeric_ledger.h"
 
 namespace bitfold::testing {
 
@@ -132,7 +132,7 @@ template <typename Case>
 template <typename Case>
 ::testing::AssertionResult CheckCase(const Case& c, int offset = 0) {
   const auto same = CompareCase(c, offset);
-  const std::optional<NumericPath> loops = c.Loops();
+  const std::optional<Path> loops = c.Loops();
   if (!same || !loops || c.count() == 0) return same;
   for (const auto& [target, name] : SupportedTargets()) Ran(OnTarget(*loops, target));
   return same;
