@@ -225,7 +225,7 @@ void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add
       int32_t acc[kTilePixels * kTileLanes] = {};
       const uint32_t products =
           static_cast<uint32_t>(rows.count) * static_cast<uint32_t>(place.taps.count) * channels_in;
-      if (products > 0) add(row, rows, place, acc);
+      if (rows.count > 0 && place.taps.count > 0) add(row, rows, place, acc);
       const int32_t lanes = place.panels * kPanel;
       const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
       const int64_t o = OutputIndex(row, place.column, place.channel);
@@ -256,6 +256,7 @@ void ChainEngine<D, T>::RunModular(int32_t image) const {
   }
 }
 
+// Products that need no scaling.
 template <typename D, typename T>
 void ChainEngine<D, T>::RunPlainSums(int32_t image) const {
   const SumKernels<T>& kernels = CurrentSumKernels<T>();
@@ -300,8 +301,9 @@ void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
       first = input;
     } else {
       float* copy = rounded_rows_ + slot * WindowElements();
-      for (int32_t r = 0; r < rows.count; ++r)
+      for (int32_t r = 0; r < rows.count; ++r) {
         std::copy_n(input + r * next, in_row, copy + r * in_row);
+      }
       first = copy;
     }
   };

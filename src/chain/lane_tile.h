@@ -14,9 +14,9 @@
 
 namespace bitfold {
 
-inline constexpr int kTilePixels = 4;  // columns of outputs in a tile, or 1
-inline constexpr int kDepthwisePixels = 6;
-inline constexpr int kTilePanels = 2;  // panels in a tile, or 1
+inline constexpr int kTilePixels = 4;       // columns of outputs in a tile, or 1
+inline constexpr int kTilePanels = 2;       // panels in a tile, or 1
+inline constexpr int kDepthwisePixels = 6;  // columns of plain depthwise sums, or 1
 
 // Part of the chains of a tile: for each row, for each channel, for each tap
 //   acc[p][lane] = Accumulate(acc[p][lane], ScaleProduct(w * x))
@@ -75,7 +75,7 @@ template <typename T>
 struct SumKernels {
   using Kernel = void (*)(const LaneTile<T>&, const SumOutput<T>&);
   Kernel ordinary[2][2];
-  Kernel depthwise[2];  // by [columns == kTilePixels], all output.channels >= kPanel of them
+  Kernel depthwise[2];  // by [columns == kDepthwisePixels], all of output.channels >= kPanel
 };
 template <typename T>
 const SumKernels<T>& CurrentSumKernels();

@@ -81,6 +81,7 @@ class LaneWindows {
     }
   }
 
+  // Calls visit(column, pixels, taps) for the columns of a row, `most` at a time or one.
   template <typename Visit>
   void ForEachColumns(int32_t most, Visit visit) const {
     for (const Run& run : runs_) {
