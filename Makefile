@@ -35,10 +35,11 @@ test: ## every test: C++, sanitizers, fuzz, Python, doctests
 device-test: ## the device kernels on this machine's GPU; needs a CUDA toolkit, nothing else
 	@scripts/device_test.sh
 
-bench: ## ratios to the stock ops and to the plain scalar loop: table and JSON
+bench: ## ratios to the stock ops and to the plain scalar loop: tables, JSON and a picture
 	@scripts/setup.sh bench
 	@scripts/install_package.sh
 	@$(PYTHON) bench/run.py --output build/bench/bench.json
+	@$(PYTHON) bench/plot.py build/bench/bench.json build/bench/layers.png
 	@$(PYTHON) bench/growth.py
 
 wheel: setup ## a wheel for the TensorFlow of .venv in dist/
