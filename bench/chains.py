@@ -24,7 +24,7 @@ import numpy as np
 import tensorflow as tf
 
 import bitfold
-from timing import LAYERS, in_graph, integers, layers_in_graph, seconds, use_one_thread
+from timing import LAYERS, Case, in_graph, integers, layers_in_graph, seconds, use_one_thread
 
 BUDGET = 0.3
 
@@ -134,19 +134,13 @@ OTHERS = (
 )
 
 
-@dataclass(frozen=True)
-class Chain:
-    """A case of run.py: the name of its row, its shape, its calls."""
+@dataclass(kw_only=True)
+class Chain(Case):
+    """A case whose calls in a graph of several are timed, too."""
 
-    name: str
-    shape: str
-    operations: int
-    ours: Callable[[], tf.Tensor]
-    stock: Callable[[], tf.Tensor]
     our_layers: Callable[[], tf.Tensor]
     stock_layers: Callable[[], tf.Tensor]
-    layer: Layer | None  # of bytes: what the mobile runtime computes
-    path: str = "chain engine"
+    layer: Layer | None = None  # of bytes: what the mobile runtime computes
 
 
 def chain_cases() -> list[Chain]:
@@ -169,14 +163,14 @@ def _convolution(layer: Layer, dtype: tf.DType, numbers: Numbers) -> Chain:
     floats = (tf.cast(x, tf.float32), tf.cast(w, tf.float32))
     ours = layer.ours(numbers)
     return Chain(
-        f"{layer.op}/{_type_name(dtype)}/{layer.name}, {numbers.name}",
-        layer.name,
-        layer.products,
-        in_graph(ours, x, w),
-        in_graph(layer.stock, *floats),
-        layers_in_graph(ours, x, w),
-        layers_in_graph(layer.stock, *floats),
-        layer if numbers in (BYTES, FLOAT_BYTES) else None,
+        name=f"{layer.op}/{_type_name(dtype)}/{layer.name}, {numbers.name}",
+        shape=layer.name,
+        operations=layer.products,
+        ours=in_graph(ours, x, w),
+        stock=in_graph(layer.stock, *floats),
+        our_layers=layers_in_graph(ours, x, w),
+        stock_layers=layers_in_graph(layer.stock, *floats),
+        layer=layer if numbers in (BYTES, FLOAT_BYTES) else None,
     )
 
 
@@ -200,14 +194,14 @@ def _matrix_product(shape: tuple[int, int, int], dtype: tf.DType, numbers: Numbe
         return bitfold.ops.matmul(a, b, **numbers.options)
 
     return Chain(
-        f"HMatmul/{_type_name(dtype)}/{text}, {numbers.name}",
-        text,
-        rows * inner * columns,
-        in_graph(ours, a, b),
-        in_graph(tf.matmul, *floats),
-        layers_in_graph(ours, a, b),
-        layers_in_graph(tf.matmul, *floats),
-        None,
+        name=f"HMatmul/{_type_name(dtype)}/{text}, {numbers.name}",
+        shape=text,
+        operations=rows * inner * columns,
+        ours=in_graph(ours, a, b),
+        stock=in_graph(tf.matmul, *floats),
+        path="chain engine",
+        our_layers=layers_in_graph(ours, a, b),
+        stock_layers=layers_in_graph(tf.matmul, *floats),
     )
 
 

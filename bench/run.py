@@ -18,7 +18,6 @@ import platform
 import re
 import subprocess
 import sys
-from collections.abc import Callable
 from dataclasses import asdict, dataclass
 
 import numpy as np
@@ -28,25 +27,13 @@ from rich.table import Table
 
 import bitfold
 from chains import LAYER, OTHERS, Chain, chain_cases, mobile_seconds
-from timing import LAYERS, in_graph, integers, seconds, use_one_thread
+from timing import LAYERS, Case, in_graph, integers, seconds, use_one_thread
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 
 
 # Seconds a call and a label, by the names of the C++ benchmarks.
 Definitions = dict[str, tuple[float, str]]
-
-
-@dataclass
-class Case:
-    """One row: what runs, and how many additions or multiply-adds it makes."""
-
-    name: str
-    shape: str
-    operations: int
-    ours: Callable[[], tf.Tensor]
-    stock: Callable[[], tf.Tensor]
-    path: str = "scalar"
 
 
 @dataclass
@@ -317,7 +304,7 @@ def definition_seconds(budget: float, pattern: str) -> Definitions:
 
 
 def measure(
-    cases: list[Case | Chain], definitions: Definitions, budget: float, console: Console
+    cases: list[Case], definitions: Definitions, budget: float, console: Console
 ) -> list[Row]:
     """Time every case."""
     rows = []

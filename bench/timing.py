@@ -7,6 +7,7 @@ from __future__ import annotations
 import os
 import time
 from collections.abc import Callable
+from dataclasses import dataclass
 
 os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2")
 
@@ -15,6 +16,18 @@ import tensorflow as tf
 
 # Enough layers in a graph that the call of the graph hardly counts.
 LAYERS = 16
+
+
+@dataclass
+class Case:
+    """One row: what runs, and how many additions or multiply-adds it makes."""
+
+    name: str
+    shape: str
+    operations: int
+    ours: Callable[[], tf.Tensor]
+    stock: Callable[[], tf.Tensor]
+    path: str = "scalar"
 
 
 def use_one_thread() -> None:
