@@ -11,6 +11,9 @@
 namespace bitfold {
 namespace {
 
+// Whole words of any kind.
+constexpr int32_t kChannelsTogether = 16;
+
 // A row of outputs is one long one where each output has one tap of its own: tiles are whole then.
 WindowAxis WholeImage(const WindowAxis& rows, const WindowAxis& columns, bool of_rows) {
   const auto is_plain = [](const WindowAxis& a) {
@@ -52,37 +55,39 @@ bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
   images_ = words(slots * ImageWords());
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
-  T* numbers = reinterpret_cast<T*>(words(int64_t{in_channels_} * kPanel));
-  if (images_ == nullptr || weights_ == nullptr || initial_sums_ == nullptr || numbers == nullptr) {
-    return false;
-  }
-  for (int32_t panel = 0; panel < panels_; ++panel) {
-    PackPanel(filter, panel, numbers);
-    SumPanel(panel);
-  }
+  if (images_ == nullptr || weights_ == nullptr || initial_sums_ == nullptr) return false;
+  const int64_t taps = int64_t{rows_.taps} * columns_.taps;
+  for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
+  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel);
   return true;
 }
 
-// The filter is read in place but for a panel that is not full: `numbers` fills it up with zeros, a
-// tap at a time.
+// A few input channels of all panels at a time, which lie near each other: twice as fast for a
+// layer of 512 to 512 channels as panel by panel. The filter is read in place but for a panel that
+// is not full, which zeros fill up.
 template <typename T>
-void DotConvolution<T>::PackPanel(const T* filter, int32_t panel, T* numbers) const {
-  const int32_t lanes = std::min(kPanel, out_channels_ - panel * kPanel);
-  int32_t* out = weights_ + panel * PanelWords();
-  const int64_t taps = int64_t{rows_.taps} * columns_.taps;
-  for (int64_t tap = 0; tap < taps; ++tap, out += int64_t{words_} * kPanel) {
-    const T* weights = filter + tap * in_channels_ * out_channels_ + panel * kPanel;
-    int64_t stride = out_channels_;
-    if (lanes < kPanel) {
-      for (int32_t c = 0; c < in_channels_; ++c) {
-        T* row = std::copy_n(weights + c * stride, lanes, numbers + c * kPanel);
-        std::fill_n(row, kPanel - lanes, T{0});
+void DotConvolution<T>::PackTap(const T* filter, int64_t tap) {
+  T filled[kChannelsTogether * kPanel];
+  for (int32_t first = 0; first < in_channels_; first += kChannelsTogether) {
+    const int32_t channels = std::min(kChannelsTogether, in_channels_ - first);
+    const T* rows = filter + (tap * in_channels_ + first) * out_channels_;
+    int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
+    for (int32_t panel = 0; panel < panels_; ++panel) {
+      const T* weights = rows + panel * kPanel;
+      int32_t* out = words + panel * PanelWords();
+      int64_t stride = out_channels_;
+      const int32_t lanes = std::min(kPanel, out_channels_ - panel * kPanel);
+      if (lanes < kPanel) {
+        for (int32_t c = 0; c < channels; ++c) {
+          T* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
+          std::fill_n(end, kPanel - lanes, T{0});
+        }
+        weights = filled;
+        stride = kPanel;
       }
-      weights = numbers;
-      stride = kPanel;
+      IsBytes() ? PackWeightBytes(weights, channels, stride, out)
+                : PackWeightShorts(weights, channels, stride, out);
     }
-    IsBytes() ? PackWeightBytes(weights, in_channels_, stride, out)
-              : PackWeightShorts(weights, in_channels_, stride, out);
   }
 }
 
@@ -172,6 +177,12 @@ void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T*
   tile.rows = rows_.taps;
   tile.taps = columns_.taps;
   tile.words = words_;
+  // Taps that follow one another are one long one.
+  const int64_t words_in_a_row = int64_t{columns_.taps} * words_;
+  if (columns_.dilation == 1 && words_in_a_row <= INT32_MAX) {
+    tile.taps = 1;
+    tile.words = static_cast<int32_t>(words_in_a_row);
+  }
   for (int32_t row = 0; row < rows_.outputs; ++row) {
     const int64_t y = rows_.Coordinate(row, 0) + padded_rows_.before;
     for (int32_t next = 0; next < columns_.outputs; next += pixels) {

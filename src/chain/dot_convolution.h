@@ -46,7 +46,7 @@ class DotConvolution {
   int64_t ImageWords() const { return int64_t{padded_rows_.size} * padded_columns_.size * words_; }
   int64_t PanelWords() const { return int64_t{rows_.taps} * columns_.taps * words_ * 16; }
 
-  void PackPanel(const T* filter, int32_t panel, T* numbers) const;
+  void PackTap(const T* filter, int64_t tap);
   void SumPanel(int32_t panel);
   void PackImage(const T* image, int32_t* words) const;
   void PackRow(const T* row, int32_t* words) const;

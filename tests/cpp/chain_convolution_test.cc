@@ -61,7 +61,7 @@ void CheckShape(Random* random, const ChainRecipe& recipe, int32_t width, int32_
   ASSERT_TRUE(CheckRecipe<T>(random, recipe, random->Flag(), c));
 }
 
-const std::vector<int32_t> kInChannels = {1, 2, 3, 4, 5, 8, 9};
+const std::vector<int32_t> kInChannels = {1, 2, 3, 4, 5, 8, 9, 17, 34};
 
 template <typename T>
 void CrossOutChannels(uint64_t seed) {
