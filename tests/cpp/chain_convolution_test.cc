@@ -217,6 +217,19 @@ TEST(ChainConvolution, HugePadding) {
       }));
 }
 
+// Of a wide depthwise filter every number of the image would stand in many words: it is not packed.
+TEST(ChainConvolution, WideDepthwiseFilters) {
+  Random random(0x31de);
+  Convolution c = Plain(1, 2100, 16, 1, 150, 16);
+  c.same = true;
+  c.is_depthwise = true;
+  const ChainRecipe recipe = {"bytes", {}, 20, 0, {0, 255}, {-128, 127}, {0, 9}};
+  ASSERT_TRUE(CheckChains(c, testing::DrawRecipe<int32_t>(&random, recipe, true, &c), 0,
+                          [](Target) { return std::optional<ChainPath>(ChainPath::kModular); }));
+  ASSERT_TRUE(CheckChains(c, testing::DrawRecipe<float>(&random, recipe, true, &c), 0,
+                          [](Target) { return std::optional<ChainPath>(ChainPath::kStepwise); }));
+}
+
 // What the engine leaves to the definition: windows that do not go forward, filters of no tap, few
 // depthwise channels where a row of outputs does not fill a panel or numbers are large.
 TEST(ChainConvolution, LeftToTheDefinition) {
