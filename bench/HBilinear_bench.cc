@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "bilinear.h"
 #include "bitfold/HBilinear.h"
+#include "cpu/bilinear.h"
 #include "scalar_bench.h"
 
 namespace bitfold {

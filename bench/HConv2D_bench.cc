@@ -13,8 +13,8 @@
 
 #include "bitfold/HConv2D.h"
 #include "chain_bench.h"
-#include "convolve.h"
-#include "target.h"
+#include "cpu/convolution.h"
+#include "vector/target.h"
 
 namespace bitfold {
 namespace {

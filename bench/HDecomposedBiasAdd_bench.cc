@@ -3,8 +3,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "additions.h"
 #include "bitfold/HDecomposedBiasAdd.h"
+#include "cpu/additions.h"
 #include "scalar_bench.h"
 
 namespace bitfold {

@@ -4,7 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bitfold/HLayernorm.h"
-#include "layernorm.h"
+#include "cpu/layernorm.h"
 #include "scalar_bench.h"
 
 namespace bitfold {

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "bitfold/HMatMul.h"
-#include "chain/scratch.h"
 #include "chain_bench.h"
+#include "frame/scratch.h"
 
 namespace bitfold {
 namespace {

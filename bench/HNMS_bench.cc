@@ -3,7 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "nms.h"
+#include "cpu/nms.h"
 #include "scalar_bench.h"
 
 namespace bitfold {

@@ -4,8 +4,8 @@
 #include <benchmark/benchmark.h>
 
 #include "bitfold/HSoftmax.h"
+#include "cpu/softmax.h"
 #include "scalar_bench.h"
-#include "softmax.h"
 
 namespace bitfold {
 namespace {

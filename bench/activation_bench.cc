@@ -3,8 +3,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "activate_channels.h"
 #include "bitfold/activation.h"
+#include "cpu/activation.h"
 #include "scalar_bench.h"
 
 namespace bitfold {

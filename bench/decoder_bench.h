@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "decode_boxes.h"
+#include "cpu/box_decoders.h"
 #include "scalar_bench.h"
 
 namespace bitfold {

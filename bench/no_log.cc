@@ -3,7 +3,7 @@
 
 // The log of the benchmarks, which have no runtime: off, and errors dropped.
 
-#include "log.h"
+#include "frame/log.h"
 
 namespace bitfold {
 

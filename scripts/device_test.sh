@@ -60,7 +60,7 @@ for flag in $host_flags; do compile+=("-Xcompiler=$flag"); done
 
 # --- the program ----------------------------------------------------------------------------------
 
-sources=(src/*.cu)
+sources=(src/device/*.cu)
 for source in tests/device/*.cc; do
   case $source in
     */compute_capability.cc | *_emulated.cc) ;;

@@ -11,7 +11,7 @@
 
 #include "bitfold/weight_sign.h"
 #include "chain/facts.h"
-#include "chain/scratch.h"
+#include "frame/scratch.h"
 
 namespace bitfold {
 

@@ -14,7 +14,7 @@
 #include "bitfold/geometry.h"
 #include "chain/dot_tile.h"
 #include "chain/plan.h"
-#include "chain/scratch.h"
+#include "frame/scratch.h"
 
 namespace bitfold {
 

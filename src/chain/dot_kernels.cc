@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "chain/dot_tile.h"
-#include "target.h"
+#include "vector/target.h"
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 #define BITFOLD_HAS_TARGETS

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "chain/pack.h"
-#include "quantise_half.h"
+#include "vector/quantise_half.h"
 
 namespace bitfold {
 namespace {
 
-#include "vector_steps.inc"
+#include "vector/vector_steps.inc"
 
 constexpr int kTileLanes = kTilePanels * kPanel;
 

@@ -20,7 +20,7 @@
 #include "chain/dot_depthwise.h"
 #include "chain/lane_windows.h"
 #include "chain/plan.h"
-#include "chain/scratch.h"
+#include "frame/scratch.h"
 
 namespace bitfold {
 

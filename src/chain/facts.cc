@@ -3,8 +3,8 @@
 
 #include "chain/facts.h"
 
-#include "quantise_half.h"
-#include "target.h"
+#include "vector/quantise_half.h"
+#include "vector/target.h"
 
 namespace bitfold {
 namespace {
@@ -19,7 +19,7 @@ struct FactsLoops {
 #define BITFOLD_LOOPS "chain/facts_loops.inc"
 #define BITFOLD_LOOP_TABLE \
   FactsLoops { Widen, WidenByWhole }
-#include "vector_loops.inc"
+#include "vector/vector_loops.inc"
 
 // So many at a time: fractions are seen before all of a large array has been read.
 constexpr int64_t kStep = 4096;

@@ -6,8 +6,8 @@
 #include <type_traits>
 
 #include "chain/lane_tile.h"
-#include "quantise_half.h"
-#include "target.h"
+#include "vector/quantise_half.h"
+#include "vector/target.h"
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 #include <immintrin.h>
@@ -37,7 +37,7 @@ struct AllKernels {
         kLaneKernelsOf<Datapath<float>, float>, kLaneKernelsOf<ReciprocalDatapath<float>, float>, \
         kRoundedKernels, kSumKernelsOf<int32_t>, kSumKernelsOf<float>                             \
   }
-#include "vector_loops.inc"
+#include "vector/vector_loops.inc"
 
 }  // namespace
 

@@ -7,7 +7,7 @@
 
 #include "bitfold/int32_arithmetic.h"
 #include "chain/lane_tile.h"
-#include "target.h"
+#include "vector/target.h"
 
 namespace bitfold {
 namespace {
@@ -32,7 +32,7 @@ struct AllLoops {
 #define BITFOLD_LOOPS "chain/pack_loops.inc"
 #define BITFOLD_LOOP_TABLE \
   AllLoops { kPackLoopsOf<int32_t>, kPackLoopsOf<float> }
-#include "vector_loops.inc"
+#include "vector/vector_loops.inc"
 
 template <typename T>
 const PackLoops<T>& LoopsOf();

@@ -15,13 +15,13 @@
 #include <type_traits>
 #include <vector>
 
+#include "cpu/vector_datapath.h"
 #include "support/addition.h"
 #include "support/bilinear_case.h"
 #include "support/ledger.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
-#include "vector_datapath.h"
 
 namespace bitfold {
 namespace {

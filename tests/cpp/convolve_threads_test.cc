@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "convolve.h"
+#include "cpu/convolution.h"
 #include "support/compare.h"
 #include "support/convolution.h"
 #include "support/ledger.h"

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "device_launchers.h"
+#include "device/launchers.h"
 #include "reference/device.h"
 #include "support/addition.h"
 #include "support/device_case.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "device_launchers.h"
+#include "device/launchers.h"
 #include "reference/device.h"
 #include "support/convolution.h"
 #include "support/device_case.h"

@@ -4,7 +4,7 @@
 // A caller whose thread flushes subnormals and rounds upward gets the same bits as any other, and
 // its own modes back.
 
-#include "floating_point_scope.h"
+#include "frame/floating_point_scope.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "convolve.h"
+#include "cpu/convolution.h"
 #include "support/chain_convolution.h"
 #include "support/compare.h"
 #include "support/ledger.h"

@@ -4,7 +4,7 @@
 // The quantiser of the vector loops against the definition: every pattern of the upper 16 bits
 // with the lower bits at which a floor or a rounding turns.
 
-#include "src/quantise_half.h"
+#include "vector/quantise_half.h"
 
 #include <gtest/gtest.h>
 

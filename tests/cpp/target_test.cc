@@ -3,7 +3,7 @@
 //
 // Which target the vector loops take.
 
-#include "target.h"
+#include "vector/target.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 // The datapath over arrays: each step's loop on every target against the scalar datapath, of which
 // there are three; and the helpers that cut arrays into blocks.
 
-#include "src/vector_datapath.h"
+#include "cpu/vector_datapath.h"
 
 #include <gtest/gtest.h>
 

@@ -15,7 +15,7 @@
 
 #include "bitfold/accumulator.h"
 #include "bitfold/device_datapath.h"
-#include "device_launchers.h"
+#include "device/launchers.h"
 #include "device_runtime.h"
 #include "support/bits.h"
 #include "values.h"

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "bitfold/device_convolution.h"
-#include "device_launchers.h"
+#include "device/launchers.h"
 #include "device_runtime.h"
 #include "groups.h"
 

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "bitfold/activation.h"
+#include "cpu/activation.h"
 #include "reference/activation.h"
-#include "src/activate_channels.h"
 #include "support/bits.h"
 #include "support/buffer.h"
 

@@ -15,10 +15,10 @@
 #include <limits>
 #include <vector>
 
+#include "cpu/vector_datapath.h"
 #include "support/addition.h"
 #include "support/ledger.h"
 #include "support/scale.h"
-#include "vector_datapath.h"
 
 namespace bitfold::testing {
 

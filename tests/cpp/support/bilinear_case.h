@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "bitfold/HBilinear.h"
+#include "cpu/bilinear.h"
 #include "reference/bilinear.h"
-#include "src/bilinear.h"
 #include "support/bits.h"
 #include "support/op_case.h"
 

@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "convolve.h"
+#include "cpu/convolution.h"
 #include "support/chain_recipes.h"
 #include "support/convolution.h"
 #include "support/ledger.h"

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "chain/plan.h"
-#include "chain/scratch.h"
+#include "frame/scratch.h"
 #include "support/ledger.h"
 #include "support/random.h"
 

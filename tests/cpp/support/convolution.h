@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "convolve.h"
+#include "cpu/convolution.h"
 #include "reference.h"
 #include "support/bits.h"
 #include "support/buffer.h"

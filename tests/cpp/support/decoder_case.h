@@ -15,8 +15,8 @@
 
 #include "bitfold/HBboxDecoder.h"
 #include "bitfold/HSingleWeightPerProposalBboxDecoder.h"
+#include "cpu/box_decoders.h"
 #include "reference/decoder.h"
-#include "src/decode_boxes.h"
 #include "support/bits.h"
 #include "support/ledger.h"
 #include "support/op_case.h"

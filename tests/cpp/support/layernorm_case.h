@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "bitfold/HLayernorm.h"
+#include "cpu/layernorm.h"
 #include "reference/layernorm.h"
-#include "src/layernorm.h"
 #include "support/bits.h"
 #include "support/buffer.h"
 

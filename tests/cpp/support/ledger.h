@@ -9,7 +9,7 @@
 #define BITFOLD_TESTS_CPP_SUPPORT_LEDGER_H_
 
 #include "chain/plan.h"
-#include "target.h"
+#include "vector/target.h"
 
 namespace bitfold::testing {
 

@@ -3,7 +3,7 @@
 
 #include "support/log_stub.h"
 
-#include "log.h"
+#include "frame/log.h"
 
 namespace bitfold {
 namespace testing {

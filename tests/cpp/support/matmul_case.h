@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "bitfold/HMatMul.h"
-#include "chain/scratch.h"
+#include "frame/scratch.h"
 #include "reference/matmul.h"
 #include "support/bits.h"
 #include "support/op_case.h"

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "bitfold/HNMS.h"
+#include "cpu/nms.h"
 #include "reference/nms.h"
-#include "src/nms.h"
 #include "support/bits.h"
 #include "support/buffer.h"
 #include "support/log_stub.h"

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "support/random.h"
-#include "target.h"
+#include "vector/target.h"
 
 namespace bitfold::testing {
 

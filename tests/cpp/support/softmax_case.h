@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "bitfold/HSoftmax.h"
+#include "cpu/softmax.h"
 #include "reference/softmax.h"
-#include "src/softmax.h"
 #include "support/bits.h"
 #include "support/buffer.h"
 #include "support/capture.h"

@@ -1,0 +1,17 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef BITFOLD_SRC_CPU_SOFTMAX_H_
+#define BITFOLD_SRC_CPU_SOFTMAX_H_
+
+#include <cstdint>
+
+namespace bitfold {
+
+// The bits and the printed lines of run_softmax, whose contract it shares, by vector loops.
+void RunSoftmax(const float* in, float* out, int total, int num_vectors, const uint32_t* lut_table,
+                bool is_velquin);
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_CPU_SOFTMAX_H_

@@ -1,0 +1,43 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// HStandaloneElementwiseAdd on a GPU.
+
+#include "bitfold/device_datapath.h"
+#include "device/device.h"
+#include "device/launchers.h"
+
+namespace bitfold {
+
+template <typename T>
+__global__ void AddStandaloneEw(const T* value, const T* elementwise, const T* weights, T* output,
+                                int d0, int d1, int d2, int d3, int /*accumulator_size*/,
+                                const int8_t* mult_shift, bool use_fp16_acc, T acc_min, T acc_max) {
+  const DeviceDatapath<T> datapath(acc_min, acc_max, mult_shift[0], use_fp16_acc);
+  const int count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
+  const uint32_t channels = static_cast<uint32_t>(d3);
+  for (uint32_t i = GridStride::first(); i < GridStride::end(count); i += GridStride::step()) {
+    const uint32_t channel = i % channels;
+    output[i] = datapath.Accumulate(datapath.Product(value[i], weights[channel]),
+                                    datapath.Product(elementwise[i], weights[channels + channel]));
+  }
+}
+
+template <typename T>
+void LaunchAddStandaloneEw(void* stream, const T* value, const T* elementwise, const T* weights,
+                           T* output, int d0, int d1, int d2, int d3, int accumulator_size,
+                           const int8_t* mult_shift, bool use_fp16_acc) {
+  const int count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
+  const AccumulatorLimits<T> limits(accumulator_size);
+  BITFOLD_LAUNCH(AddStandaloneEw<T>, BlocksFor(count, kBlockThreads), kBlockThreads, stream, value,
+                 elementwise, weights, output, d0, d1, d2, d3, accumulator_size, mult_shift,
+                 use_fp16_acc, limits.min, limits.max);
+  RequireLaunched("src/HStandaloneElementwiseAdd", 43);
+}
+
+template void LaunchAddStandaloneEw(void*, const float*, const float*, const float*, float*, int,
+                                    int, int, int, int, const int8_t*, bool);
+template void LaunchAddStandaloneEw(void*, const int32_t*, const int32_t*, const int32_t*, int32_t*,
+                                    int, int, int, int, int, const int8_t*, bool);
+
+}  // namespace bitfold

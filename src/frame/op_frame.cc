@@ -1,0 +1,99 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#include "frame/op_frame.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "absl/strings/str_format.h"
+#include "bitfold/int32_arithmetic.h"
+#include "bitfold/repeated_addition.h"
+
+namespace bitfold {
+
+using tensorflow::Tensor;
+
+BytesFrom::BytesFrom(Tensor* tensor, int64_t first) {
+  first = std::max<int64_t>(first, 0);
+  if (first >= tensor->NumElements()) return;
+  const size_t element = tensor->TotalBytes() / static_cast<size_t>(tensor->NumElements());
+  data = static_cast<char*>(tensor->data()) + static_cast<size_t>(first) * element;
+  count = tensor->TotalBytes() - static_cast<size_t>(first) * element;
+}
+
+absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size) {
+  if (accumulator_size <= kMaxInt32AccumulatorSize) return absl::OkStatus();
+  return absl::InvalidArgumentError(
+      absl::StrCat("Need accumulator_size <= ", kMaxInt32AccumulatorSize, " for int32 data, got ",
+                   accumulator_size));
+}
+
+absl::Status RequireElements(const char* input, const Tensor& tensor, int64_t needed,
+                             absl::string_view what) {
+  if (tensor.NumElements() >= needed) return absl::OkStatus();
+  return absl::InvalidArgumentError(absl::StrCat(
+      "Need ", input, " to hold at least ", needed, needed == 1 ? " element (" : " elements (",
+      what, "), got ", tensor.NumElements(), " in shape ", tensor.shape().DebugString()));
+}
+
+absl::Status RequireScalar(const char* input, const Tensor& tensor) {
+  return RequireElements(input, tensor, 1, "its element 0 is read");
+}
+
+absl::Status RequireFeedRepeat(const char* input, const Tensor& tensor) {
+  const float feed_repeat = tensor.flat<float>()(0);
+  if (feed_repeat <= kMaxFeedRepeat) return absl::OkStatus();  // false for NaN
+  return absl::InvalidArgumentError(
+      absl::StrFormat("Need %s to be a number of repeats of at most 2^31 = 2147483648, got %.9g",
+                      input, feed_repeat));
+}
+
+absl::Status RequireInt32Dimensions(const char* input, const Tensor& tensor) {
+  for (const int64_t size : tensor.shape().dim_sizes()) {
+    if (size > std::numeric_limits<int32_t>::max()) {
+      return absl::InvalidArgumentError(absl::StrCat("Need every dimension of ", input,
+                                                     " to be at most 2147483647, got shape ",
+                                                     tensor.shape().DebugString()));
+    }
+  }
+  return absl::OkStatus();
+}
+
+absl::Status RequireInt32Elements(const char* input, const Tensor& tensor) {
+  if (tensor.NumElements() <= std::numeric_limits<int32_t>::max()) return absl::OkStatus();
+  return absl::InvalidArgumentError(absl::StrCat(
+      "Need ", input, " to hold at most 2147483647 elements, got ", tensor.NumElements()));
+}
+
+int64_t SaturatingProduct(std::initializer_list<int64_t> sizes) {
+  if (std::find(sizes.begin(), sizes.end(), 0) != sizes.end()) return 0;
+  int64_t product = 1;
+  for (const int64_t size : sizes) {
+    if (__builtin_mul_overflow(product, size, &product)) {
+      return std::numeric_limits<int64_t>::max();
+    }
+  }
+  return product;
+}
+
+int32_t ElementCount(const Tensor& tensor, int rank) {
+  int32_t count = 1;
+  for (int i = 0; i < rank; ++i) {
+    count = WrapMultiply(count, static_cast<int32_t>(tensor.dim_size(i)));
+  }
+  return count;
+}
+
+void ZeroFill(Tensor* tensor, int64_t first) {
+  const BytesFrom rest(tensor, first);
+  if (rest.count > 0) std::memset(rest.data, 0, rest.count);
+}
+
+absl::Status ZeroFill(const CPUDevice&, Tensor* tensor, int64_t first) {
+  ZeroFill(tensor, first);
+  return absl::OkStatus();
+}
+
+}  // namespace bitfold

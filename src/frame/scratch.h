@@ -1,0 +1,45 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// Memory for the length of a call, from whoever owns the call.
+
+#ifndef BITFOLD_SRC_FRAME_SCRATCH_H_
+#define BITFOLD_SRC_FRAME_SCRATCH_H_
+
+#include <cstddef>
+#include <new>
+#include <vector>
+
+namespace bitfold {
+
+class Scratch {
+ public:
+  virtual ~Scratch() = default;
+
+  // Memory for `bytes` bytes, aligned for any number, until the object ends; null where there is
+  // none.
+  virtual void* Allocate(size_t bytes) = 0;
+};
+
+// From the heap.
+class HeapScratch : public Scratch {
+ public:
+  void* Allocate(size_t bytes) override {
+    try {
+      blocks_.emplace_back(bytes / sizeof(Unit) + 1);
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+    return blocks_.back().data();
+  }
+
+ private:
+  struct alignas(64) Unit {
+    char bytes[64];
+  };
+  std::vector<std::vector<Unit>> blocks_;
+};
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_FRAME_SCRATCH_H_

@@ -1,0 +1,109 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#define EIGEN_USE_THREADS
+
+#include "bitfold/HMatMul.h"
+
+#include "bitfold/fpx.h"
+#include "frame/floating_point_scope.h"
+#include "frame/op_frame.h"
+#include "frame/op_scratch.h"
+#include "tensorflow/core/framework/common_shape_fns.h"
+#include "tensorflow/core/framework/op.h"
+#include "tensorflow/core/framework/op_kernel.h"
+
+namespace bitfold {
+
+using tensorflow::OpKernelConstruction;
+using tensorflow::OpKernelContext;
+using tensorflow::Tensor;
+using tensorflow::shape_inference::InferenceContext;
+using tensorflow::shape_inference::ShapeHandle;
+
+REGISTER_OP("HMatmul")
+    .Input("a: T")
+    .Input("b: T")
+    .Input("mult_shift: int8")
+    .Output("product: T")
+    .Attr("transpose_a: bool = false")
+    .Attr("transpose_b: bool = false")
+    .Attr("accumulator_size: int")
+    .Attr("T: {float, int32}")
+    .Attr("use_fp16_acc: bool = false")
+    .Attr("adj_x: bool = false")
+    .Attr("adj_y: bool = false")
+    .SetShapeFn([](InferenceContext* c) {
+      ShapeHandle a;
+      return c->WithRank(c->input(0), 2, &a).ok()
+                 ? tensorflow::shape_inference::MatMulShape(c)
+                 : tensorflow::shape_inference::BatchMatMulShape(c);
+    });
+
+// The transpositions exist for the shape functions alone: the kernel never reads them.
+template <typename T>
+class HMatMulOp : public AdditionOp<T> {
+ public:
+  explicit HMatMulOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
+
+  void Compute(OpKernelContext* context) override {
+    g_resizeX_uf = 0;
+    g_resizeX_of = 0;
+    g_32toX_uf = 0;
+    g_32toX_of = 0;
+    const Tensor& a = context->input(0);
+    const Tensor& b = context->input(1);
+    const Tensor& mult_shift = context->input(2);
+    OP_REQUIRES_OK(context, CheckRanks(a, b));
+    OP_REQUIRES_OK(context, RequireScalar("mult_shift", mult_shift));
+    const int64_t inner = a.dim_size(a.dims() - 1);
+    const int64_t rows = a.dim_size(a.dims() - 2);
+    const int64_t cols = b.dim_size(b.dims() - 1);
+    const int64_t b_rows = b.dim_size(b.dims() - 2);
+    // Of the leading dimensions the first alone counts.
+    const int64_t batch = a.dims() == 2 ? 1 : a.dim_size(0);
+    tensorflow::TensorShape shape = a.shape();
+    shape.set_dim(b.dims() - 1, cols);
+    if (inner == b_rows) {
+      OP_REQUIRES_OK(context, RequireElements("b", b, SaturatingProduct({batch, inner, cols}),
+                                              "a matrix for each entry of the batch"));
+      OP_REQUIRES(
+          context, shape.num_elements() >= SaturatingProduct({batch, rows, cols}),
+          absl::InvalidArgumentError(absl::StrCat(
+              "Need a and b of ranks that let the product hold ", batch, " matrices of ", rows,
+              " x ", cols, ", got shapes ", a.shape().DebugString(), " and ",
+              b.shape().DebugString(), ", whose product has the shape ", shape.DebugString())));
+    }
+
+    Tensor* product = nullptr;
+    OP_REQUIRES_OK(context, context->allocate_output(0, shape, &product));
+    ZeroFill(product, inner == b_rows ? batch * rows * cols : 0);
+    const DefaultFloatingPointScope scope;
+    for (int64_t i = 0; i < batch; ++i) {
+      OpScratch scratch(context);
+      MatrixMultiplication(a.flat<T>().data(), product->flat<T>().data(), b.flat<T>().data(),
+                           static_cast<int32_t>(inner), static_cast<int32_t>(rows),
+                           static_cast<int32_t>(cols), static_cast<int32_t>(b_rows),
+                           static_cast<int32_t>(i), this->accumulator_size_,
+                           mult_shift.flat<int8_t>()(0), this->use_fp16_acc_, &scratch);
+    }
+  }
+
+ private:
+  static absl::Status CheckRanks(const Tensor& a, const Tensor& b) {
+    if (a.dims() < 2 || b.dims() < 2 || b.dims() > a.dims()) {
+      return absl::InvalidArgumentError(
+          absl::StrCat("Need a and b of rank 2 or above, b of no more than a, got ranks ", a.dims(),
+                       " and ", b.dims()));
+    }
+    TF_RETURN_IF_ERROR(RequireInt32Dimensions("a", a));
+    return RequireInt32Dimensions("b", b);
+  }
+};
+
+REGISTER_KERNEL_BUILDER(Name("HMatmul").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+                        HMatMulOp<float>);
+REGISTER_KERNEL_BUILDER(Name("HMatmul").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+                        HMatMulOp<int32>);
+
+}  // namespace bitfold

@@ -1,0 +1,56 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The half-precision quantiser without calls, for the vector loops: the bits of f32_to_hf16.
+
+#ifndef BITFOLD_SRC_VECTOR_QUANTISE_HALF_H_
+#define BITFOLD_SRC_VECTOR_QUANTISE_HALF_H_
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+namespace bitfold {
+
+inline float FloatOf(int32_t bits) {
+  float x;
+  std::memcpy(&x, &bits, sizeof x);
+  return x;
+}
+
+inline int32_t BitsOf(float x) {
+  int32_t bits;
+  std::memcpy(&bits, &x, sizeof bits);
+  return bits;
+}
+
+// With x = m * 2^e, 0.5 <= |m| < 1, and e' = max(e, 2):
+//   rint(floor(x * 2^(18 - e')) / 64) * 2^(e' - 12)
+// and from e' = 16 on the sign flips and 2^(15 - 12) scales. Every product is by a power of two and
+// exact: x * 2^(18 - e') is below 2^18, so an int32 holds its floor, and 18 bits its float. Zero
+// and subnormals have an e smaller than 2 anyway; NaN and infinities come back as they are.
+//
+// Written without a branch and without a selected float, of which the compiler makes a branch:
+// loops of floorf and of those do not vectorise. Powers of two are formed as bits, exponent + 127
+// at bit 23; all of them are normal numbers.
+inline float QuantiseHalf(float x) {
+  const int32_t bits = BitsOf(x);
+  const int32_t field = (bits >> 23) & 0xff;
+  const int32_t finite = (field - 255) >> 31;  // a mask
+  const int32_t e = (field & finite) - 126;
+  const int32_t floor_exponent = e < 2 ? 2 : e;
+  const int32_t held_exponent = floor_exponent < 15 ? floor_exponent : 15;
+  const int32_t flip = (15 - floor_exponent) & INT32_MIN;
+
+  const float scaled = FloatOf(bits & finite) * FloatOf((18 - floor_exponent + 127) << 23);
+  const int32_t truncated = static_cast<int32_t>(scaled);
+  const int32_t floored = truncated - (static_cast<float>(truncated) > scaled ? 1 : 0);
+  const float rounded = rintf(static_cast<float>(floored) * 0.015625f);
+  const int32_t with_sign = BitsOf(rounded) | (bits & INT32_MIN);  // which a floor of -0 lost
+  const float result = FloatOf(with_sign) * FloatOf(flip | (held_exponent - 12 + 127) << 23);
+  return FloatOf((BitsOf(result) & finite) | (bits & ~finite));
+}
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_VECTOR_QUANTISE_HALF_H_

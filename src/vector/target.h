@@ -1,0 +1,30 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// Which instruction set the vector loops use. The binary is built once and runs on any x86-64; the
+// choice is made when a loop is called. Loops are plain C++ that the compiler vectorises, compiled
+// once for each target (see vector_loops.inc), so all targets share their text.
+
+#ifndef BITFOLD_SRC_VECTOR_TARGET_H_
+#define BITFOLD_SRC_VECTOR_TARGET_H_
+
+#include <optional>
+
+namespace bitfold {
+
+// The last has dot products besides; loops are the same for it as for kAvx512.
+enum class Target { kPortable, kAvx2, kAvx512, kAvx512Vnni };
+inline constexpr int kTargets = 4;
+
+// Whether this machine has the target's instructions.
+bool IsSupported(Target target);
+
+// The widest supported target, or the one that a test has forced.
+Target CurrentTarget();
+
+// For tests: forces a target, which must be supported; none lifts it. Not while ops run.
+void ForceTarget(std::optional<Target> target);
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_VECTOR_TARGET_H_
