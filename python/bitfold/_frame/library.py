@@ -163,4 +163,11 @@ def load():
         ) from error
     check_versions(tf.__version__)
     check_only_copy(library_path())
-    return tf.load_op_library(library_path())
+    module = tf.load_op_library(library_path())
+    if not hasattr(module, "h_add"):
+        raise ImportError(
+            f"bitfold {VERSION} finds no ops in {library_path()}: the process loaded this file "
+            "before under another name, and the runtime lists a library's ops once. Give "
+            "tf.load_op_library bitfold.library_path(), and no link to it."
+        )
+    return module
