@@ -15,13 +15,12 @@ Example:
     array([[-106]], dtype=int32)
 """
 
-from bitfold import _build_info, _library
-from bitfold._library import include_dir, library_path
+from bitfold._frame.library import VERSION, include_dir, library_path
+from bitfold._frame.loaded import raw_ops
 
-__version__ = _build_info.VERSION
-raw_ops = _library.load()
+__version__ = VERSION
 
-from bitfold import detection, fpx, ops, resize, tables  # noqa: E402  (need the library)
+from bitfold import detection, fpx, ops, resize, tables
 
 __all__ = [
     "__version__",

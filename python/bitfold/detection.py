@@ -44,6 +44,8 @@ from typing import Any
 
 import numpy as np
 
+from bitfold._frame.checks import require
+
 __all__ = [
     "BoxDecoder",
     "Detections",
@@ -153,8 +155,8 @@ def grid_centers(count: int, stride: float, *, offset: float = 0.5) -> np.ndarra
         >>> detection.grid_centers(3, 8)
         array([ 4., 12., 20.])
     """
-    _check(count >= 0, "count must not be negative", count)
-    _check(stride > 0, "stride must be above 0", stride)
+    require(count >= 0, "count must not be negative", count)
+    require(stride > 0, "stride must be above 0", stride)
     return (np.arange(count) + offset) * float(stride)
 
 
@@ -368,8 +370,8 @@ def size_terms(
         >>> detection.size_terms(np.int8([-32, 0, 16]), code_scale=1 / 32, size_scale=1 / 64)
         array([ 24,  64, 106], dtype=int32)
     """
-    _check(code_scale > 0, "code_scale must be above 0", code_scale)
-    _check(size_scale > 0, "size_scale must be above 0", size_scale)
+    require(code_scale > 0, "code_scale must be above 0", code_scale)
+    require(size_scale > 0, "size_scale must be above 0", size_scale)
     logarithms = code_scale * np.asarray(codes, np.float64)
     # Limited before the exponential, which would overflow.
     logarithms = np.minimum(logarithms, math.log(size_scale * (largest_code + 1)))
@@ -397,15 +399,15 @@ def _fit(
     Returns:
         The coefficients in the order of `products`, and the fields of `_Decoder`.
     """
-    _check(largest_code > 0, "largest_code must be above 0", largest_code)
-    _check(np.dtype(dtype) in (np.int32, np.float32), "dtype must be int32 or float32", dtype)
+    require(largest_code > 0, "largest_code must be above 0", largest_code)
+    require(np.dtype(dtype) in (np.int32, np.float32), "dtype must be int32 or float32", dtype)
     if np.dtype(dtype) == np.float32:
         steps, shift = 1, 0
         error = largest_code * sum(products) + _per_anchor([np.abs(r) for r in references])
         error *= _FLOAT_ERROR
         reach = largest_code * sum(products) + error
     else:
-        _check(0 <= fraction_bits <= 24, "fraction_bits must lie in [0, 24]", fraction_bits)
+        require(0 <= fraction_bits <= 24, "fraction_bits must lie in [0, 24]", fraction_bits)
         steps = 2**fraction_bits
         exact, targets = ([steps * x for x in group] for group in (products, references))
         shift = _longest_shift(max(c.max() for c in exact), coefficient_bits, largest_code)
@@ -420,7 +422,7 @@ def _fit(
     largest = reach + _per_anchor([np.abs(r) for r in references])
     error += np.where(error > 0, _HOST_ERROR * largest, 0)
     bits = _accumulator_bits(reach, references)
-    _check(
+    require(
         np.dtype(dtype) == np.float32 or bits <= 32,
         "boxes must fit an accumulator of 32 bits; lower fraction_bits",
         f"{bits} bits",
@@ -438,9 +440,9 @@ def _fit(
 
 def _longest_shift(largest: float, bits: int, largest_code: float) -> int:
     """Return the largest shift with which the largest coefficient fits, and its product."""
-    _check(2 <= bits <= 32, "coefficient_bits must lie in [2, 32]", bits)
+    require(2 <= bits <= 32, "coefficient_bits must lie in [2, 32]", bits)
     limit = min(2 ** (bits - 1) - 1, _INT32_MAX // largest_code)
-    _check(
+    require(
         np.rint(largest) <= limit,
         f"coefficients must be at most {limit} steps; lower fraction_bits or largest_code, or "
         "raise coefficient_bits",
@@ -465,19 +467,19 @@ def _per_anchor(values: list[np.ndarray]) -> np.ndarray:
 
 def _anchors(anchors: Any) -> np.ndarray:
     anchors = np.asarray(anchors, np.float64)
-    _check(
+    require(
         anchors.ndim == 2 and anchors.shape[1] == 2 and len(anchors) > 0,
         "anchors must be [A, 2], heights and widths",
         list(anchors.shape),
     )
-    _check((anchors > 0).all() and np.isfinite(anchors).all(), "anchors must be above 0", anchors)
+    require((anchors > 0).all() and np.isfinite(anchors).all(), "anchors must be above 0", anchors)
     return anchors
 
 
 def _pair(scale: float | Sequence[float], name: str) -> np.ndarray:
     pair = np.atleast_1d(np.asarray(scale, np.float64))
     right = pair.shape in ((1,), (2,)) and (pair > 0).all() and np.isfinite(pair).all()
-    _check(right, f"{name} must be one number above 0 or two, (y, x)", scale)
+    require(right, f"{name} must be one number above 0 or two, (y, x)", scale)
     return pair
 
 
@@ -486,7 +488,7 @@ def _references(values: Any, anchors: int, name: str, offsets: Any) -> np.ndarra
     centers = np.asarray(values, np.float64)
     if centers.ndim == 1:
         centers = np.repeat(centers[:, np.newaxis], anchors, axis=1)
-    _check(
+    require(
         centers.ndim == 2 and centers.shape[1] == anchors and np.isfinite(centers).all(),
         f"{name} must be one finite number per cell, or [cells, {anchors}], one per anchor too",
         list(centers.shape),
@@ -541,9 +543,9 @@ def pack_boxes(boxes: Any, scores: Any, *, scale: float = 1.0) -> np.ndarray:
     boxes, scores = np.asarray(boxes), np.asarray(scores, np.float32)
     if boxes.ndim == 3:
         boxes = boxes[:, :, np.newaxis]
-    _check(scores.ndim == 3, "scores must be [B, n, K]; add the missing dimension", scores.shape)
+    require(scores.ndim == 3, "scores must be [B, n, K]; add the missing dimension", scores.shape)
     batch, count, classes = scores.shape
-    _check(
+    require(
         boxes.shape in ((batch, count, 1, 4), (batch, count, classes, 4)),
         f"boxes must be [{batch}, {count}, 4] or [{batch}, {count}, {classes}, 4] beside scores of "
         "that size",
@@ -578,7 +580,7 @@ def unpack_frames(frames: Any) -> list[list[Detections]]:
         array([0.75], dtype=float32)
     """
     frames = np.asarray(frames, np.float32)
-    _check(
+    require(
         frames.ndim == 4 and frames.shape[3] == 5, "frames must be [B, K, rows, 5]", frames.shape
     )
     return [[_detections(rows[rows.any(axis=1)]) for rows in image] for image in frames]
@@ -586,8 +588,3 @@ def unpack_frames(frames: Any) -> list[list[Detections]]:
 
 def _detections(rows: np.ndarray) -> Detections:
     return Detections(rows[:, :4], rows[:, 4])
-
-
-def _check(holds: bool, what: str, value: Any) -> None:
-    if not holds:
-        raise ValueError(f"{what}, got {value}")

@@ -20,8 +20,8 @@ from typing import Any, NamedTuple
 
 import numpy as np
 
-from bitfold._arguments import integer
-from bitfold._library import library_path
+from bitfold._frame.arguments import integer
+from bitfold._frame.library import library_path
 
 # Aligned as the C structure is, so that numpy keeps the layout when it joins arrays.
 DTYPE = np.dtype(

@@ -25,7 +25,8 @@ import numpy as np
 import tensorflow as tf
 
 from bitfold import ops
-from bitfold._arguments import element_tensor, integer
+from bitfold._frame.arguments import element_tensor, integer
+from bitfold._frame.checks import require
 
 __all__ = ["BilinearInputs", "bilinear", "bilinear_inputs"]
 
@@ -209,22 +210,22 @@ def bilinear_inputs(
         array([  7,  57, 107], dtype=int32)
     """
     tensor = element_tensor(images, "images")
-    _check(tensor.shape.rank == 4, "images must be [N, height, width, C]", tensor.shape)
-    _check(
+    require(tensor.shape.rank == 4, "images must be [N, height, width, C]", tensor.shape)
+    require(
         all(tensor.shape[1:]),
         "images need known height, width and channels, none of them 0 (set_shape gives them)",
         tensor.shape,
     )
     if half_pixel_centers is None:
         half_pixel_centers = not align_corners
-    _check(
+    require(
         not (align_corners and half_pixel_centers),
         "align_corners and half_pixel_centers exclude each other; set one of them to False",
         "both",
     )
-    _check(np.shape(size) == (2,), "size must be [height, width]", size)
+    require(np.shape(size) == (2,), "size must be [height, width]", size)
     sides = [integer(side, "size") for side in size]
-    _check(min(sides) >= 1, "size must be at least 1 on each axis", size)
+    require(min(sides) >= 1, "size must be at least 1 on each axis", size)
 
     places = [
         _places(*pair, align_corners, half_pixel_centers)
@@ -294,21 +295,16 @@ def _tensors(weights: np.ndarray, channels: int, dtype: type) -> list[tf.Tensor]
 def _check_fraction(tensor: tf.Tensor, bits: int, output_bits: int) -> None:
     """Refuse fractions whose products an int32 does not hold, as far as the values are known."""
     bits = integer(bits, "fraction_bits")
-    _check(0 <= bits <= 14, "fraction_bits must lie in [0, 14]", bits)
+    require(0 <= bits <= 14, "fraction_bits must lie in [0, 14]", bits)
     limit = 2 * bits
     what = f"output_fraction_bits must lie in [0, {limit}], twice fraction_bits"
-    _check(0 <= integer(output_bits, "output_fraction_bits") <= limit, what, output_bits)
+    require(0 <= integer(output_bits, "output_fraction_bits") <= limit, what, output_bits)
     values = tf.get_static_value(tensor)
     if values is None or not values.size:
         return
     largest = max(int(values.max()), -int(values.min()))
-    _check(
+    require(
         largest <= _INT32_MAX >> limit,
         f"values must be at most {_INT32_MAX >> limit} with {bits} fraction_bits; lower these",
         largest,
     )
-
-
-def _check(holds: bool, what: str, value: Any) -> None:
-    if not holds:
-        raise ValueError(f"{what}, got {value}")

@@ -26,6 +26,8 @@ from typing import Any, NamedTuple
 
 import numpy as np
 
+from bitfold._frame.checks import require
+
 __all__ = [
     "FUNCTIONS",
     "ActivationTable",
@@ -243,27 +245,27 @@ def layer_norm(
     output_zero_point = (top + 1) // 2 if output_zero_point is None else output_zero_point
     reach = max(abs(end - zero_point) for end in input_range)
     largest_mean = reach if largest_mean is None else largest_mean
-    _check(1 <= vector_size <= _MAX_VECTOR_SIZE, "vector_size must lie in [1, 4096]", vector_size)
-    _check(0 <= zero_point <= 65535, "zero_point must lie in [0, 65535]", zero_point)
-    _check(reach <= _ELEMENT_LIMIT, "inputs must lie within 32767 of the zero point", input_range)
-    _check(0 <= largest_mean <= reach, f"largest_mean must lie in [0, {reach}]", largest_mean)
-    _check(epsilon >= 0, "epsilon must not be negative", epsilon)
+    require(1 <= vector_size <= _MAX_VECTOR_SIZE, "vector_size must lie in [1, 4096]", vector_size)
+    require(0 <= zero_point <= 65535, "zero_point must lie in [0, 65535]", zero_point)
+    require(reach <= _ELEMENT_LIMIT, "inputs must lie within 32767 of the zero point", input_range)
+    require(0 <= largest_mean <= reach, f"largest_mean must lie in [0, {reach}]", largest_mean)
+    require(epsilon >= 0, "epsilon must not be negative", epsilon)
     for name, value in (
         ("gain", gain),
         ("input_scale", input_scale),
         ("output_scale", output_scale),
     ):
-        _check(value > 0, f"{name} must be above 0", value)
+        require(value > 0, f"{name} must be above 0", value)
 
     real_epsilon = epsilon / input_scale**2
     shift = _sum_shift(vector_size, 0 if is_rms else largest_mean, real_epsilon)
     unit = _output_unit(is_16bit_output)
     act_bias = round(unit * (output_zero_point + bias / output_scale))
-    _check(0 <= act_bias < _BIASED_LIMIT, "the output must be able to hold its bias", act_bias)
+    require(0 <= act_bias < _BIASED_LIMIT, "the output must be able to hold its bias", act_bias)
     reach_out = output_scale * max(output_zero_point, top - output_zero_point) + abs(bias)
     largest = min(math.sqrt(vector_size), reach_out / gain)
     exponent = math.floor(math.log2(_SCALED_LIMIT * vector_size / (largest * _UNITY)) - shift)
-    _check(exponent >= 0, "the output's steps are too wide for this gain", output_scale)
+    require(exponent >= 0, "the output's steps are too wide for this gain", output_scale)
     element = _UNITY * 2.0 ** (exponent + shift) / vector_size  # that of a normalised 1
     slope = unit * gain / (output_scale * element)
     man, exp = _mantissa(slope, 6, 64)
@@ -292,11 +294,6 @@ def layer_norm(
     )  # fmt: skip
 
 
-def _check(holds: bool, what: str, value: Any) -> None:
-    if not holds:
-        raise ValueError(f"{what}, got {value}")
-
-
 def _output_top(is_16bit: bool) -> int:
     """Return the largest result of the layer normalisation unit."""
     return 32767 if is_16bit else 255
@@ -313,7 +310,7 @@ def _mantissa(value: float, low: int, high: int) -> tuple[int, int]:
     mantissa = round(value * 2.0**exponent)
     if mantissa == 65536:
         mantissa, exponent = 32768, exponent - 1
-    _check(exponent >= low and mantissa > 0, "the scales are too far apart for 16 bits", value)
+    require(exponent >= low and mantissa > 0, "the scales are too far apart for 16 bits", value)
     return mantissa, exponent
 
 
@@ -331,7 +328,7 @@ def _sum_shift(size: int, largest_mean: float, real_epsilon: float) -> int:
         or _integer_epsilon(real_epsilon, size, shift) >= 2**32
     ):
         shift += 1
-    _check(shift <= 32, "epsilon is too large for this input_scale", real_epsilon)
+    require(shift <= 32, "epsilon is too large for this input_scale", real_epsilon)
     return shift
 
 
@@ -466,8 +463,8 @@ def softmax(
         >>> table.largest_vector, tables.softmax(1 / 16, vector_size=1000).largest_vector
         (256, 1000)
     """
-    _check(input_scale > 0, "input_scale must be above 0", input_scale)
-    _check(
+    require(input_scale > 0, "input_scale must be above 0", input_scale)
+    require(
         1 <= vector_size <= _LARGEST_SUM // 255, "vector_size must lie in [1, 65793]", vector_size
     )
     largest = _LARGEST_EXPONENTIAL
@@ -646,11 +643,11 @@ def activation(
         [-1.0, -0.76, 0.0, 0.76]
     """
     for name, (low, high) in (("input_range", input_range), ("output_range", output_range)):
-        _check(0 < high - low < 65536, f"{name} must hold 2 to 65536 values", (low, high))
-        _check(low > -65536 and high < 65536, f"{name} must lie within 65535 of 0", (low, high))
-    _check(input_scale > 0, "input_scale must be above 0", input_scale)
-    _check(breakpoints >= 0, "breakpoints must not be negative", breakpoints)
-    _check(2 <= slope_bits <= 32, "slope_bits must lie in [2, 32]", slope_bits)
+        require(0 < high - low < 65536, f"{name} must hold 2 to 65536 values", (low, high))
+        require(low > -65536 and high < 65536, f"{name} must lie within 65535 of 0", (low, high))
+    require(input_scale > 0, "input_scale must be above 0", input_scale)
+    require(breakpoints >= 0, "breakpoints must not be negative", breakpoints)
+    require(2 <= slope_bits <= 32, "slope_bits must lie in [2, 32]", slope_bits)
 
     x = np.arange(input_range[0], input_range[1] + 1, dtype=np.float64)
     real = _evaluate(function, input_scale * (x - input_zero_point))
@@ -688,13 +685,13 @@ def activation(
 def _evaluate(function: Any, x: np.ndarray) -> np.ndarray:
     """Return the values of a function given by name or as one."""
     if not callable(function):
-        _check(function in FUNCTIONS, f"function must be one of {', '.join(FUNCTIONS)}", function)
+        require(function in FUNCTIONS, f"function must be one of {', '.join(FUNCTIONS)}", function)
         function = FUNCTIONS[function]
     values = np.asarray(function(x), np.float64)
-    _check(values.shape == x.shape, "the function must return an array of its argument's shape",
-           values.shape)  # fmt: skip
-    _check(bool(np.isfinite(values).all()), "the function must be finite over the inputs", "NaN or "
-           "infinity")  # fmt: skip
+    what = "the function must return an array of its argument's shape"
+    require(values.shape == x.shape, what, values.shape)
+    what = "the function must be finite over the inputs"
+    require(bool(np.isfinite(values).all()), what, "NaN or infinity")
     return values
 
 
@@ -707,11 +704,11 @@ def _output_steps(
         if zero_point is None:
             scale = (high - low) / (limits[1] - limits[0])
         else:
-            _check(limits[0] < zero_point < limits[1], "output_zero_point must lie within "
+            require(limits[0] < zero_point < limits[1], "output_zero_point must lie within "
                    "output_range where output_scale is not given", zero_point)  # fmt: skip
             scale = max(high / (limits[1] - zero_point), low / (limits[0] - zero_point))
         scale = scale or 1.0  # the function is 0
-    _check(scale > 0, "output_scale must be above 0", scale)
+    require(scale > 0, "output_scale must be above 0", scale)
     if zero_point is None:
         zero_point = min(max(round(limits[0] - low / scale), limits[0]), limits[1])
     return float(scale), int(zero_point)

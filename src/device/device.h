@@ -33,8 +33,9 @@ inline constexpr int kBlockThreads = 512;
 // get one block, whose threads find nothing to do. So do counts that wrapped to below 0.
 inline int BlocksFor(int count, int threads) { return count < 1 ? 1 : (count - 1) / threads + 1; }
 
-// A launch that failed ends the process: the emulated contract. `file` and `line` are what it
-// prints, not where the call stands.
+// A launch that failed ends the process: what was enqueued before it cannot be taken back, so
+// nothing computed after it could be trusted. `file` and `line` are what it prints, not where the
+// call stands.
 inline void RequireLaunched(const char* file, int line) {
   const cudaError_t code = cudaPeekAtLastError();
   if (code == cudaSuccess) return;

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import inspect
+import pickle
 import re
 
 import keras
@@ -15,7 +16,7 @@ import support
 import tensorflow as tf
 
 import bitfold
-from bitfold import ops
+from bitfold import ops, tables
 
 RNG = np.random.default_rng(11)
 
@@ -575,6 +576,16 @@ def test_functional_model_in_floats(assert_bits):
     assert_bits(keras.Model(pixels, result).predict(data, verbose=0), expected.numpy())
 
 
+def test_models_hold_the_registered_name():
+    """What a file says of a layer: older files must find it in this and in later versions."""
+    pixels = keras.Input([5, 5, 2], dtype="int32")
+    model = keras.Model(pixels, ops.conv2d(pixels, _WEIGHTS["conv2d"]))
+    saved = keras.saving.serialize_keras_object(model.layers[-1])
+    assert saved["registered_name"] == "bitfold>OpLayer"
+    assert saved["config"]["op"] == "conv2d"
+    assert set(saved["config"]) >= {"name", "dtype", "op", "constants"}
+
+
 def test_functional_model_survives_saving(tmp_path, assert_bits):
     """A .keras file holds the layers with their constants, types and names included."""
     pixels = keras.Input([5, 5, 2], dtype="int32")
@@ -668,6 +679,25 @@ def test_xla_is_refused(name):
     function = tf.function(_wrapper(name), jit_compile=True, autograph=False)
     with pytest.raises(tf.errors.OpError, match=r"(?i)unsupported|jit|compil|XLA"):
         function(*map(tf.constant, CALLS[name][0]))
+
+
+# ---- One order, one address --------------------------------------------------------------------
+
+
+def test_the_layer_norm_s_scalars_have_one_order():
+    """The wrapper's arguments and the tables' keywords stand as the op registers its inputs."""
+    _, *scalars, lut, name = inspect.signature(bitfold.raw_ops.h_layernorm).parameters
+    assert (len(scalars), lut, name) == (14, "lut", "name")
+    assert list(inspect.signature(ops.layer_norm).parameters) == ["value", lut, *scalars, name]
+    assert list(tables.layer_norm(4).scalars) == scalars
+
+
+@pytest.mark.parametrize("name", ops.__all__)
+def test_functions_have_their_public_address(name):
+    """Help, tracebacks and pickles name bitfold.ops, wherever a function's text lies."""
+    function = getattr(ops, name)
+    assert (function.__module__, function.__qualname__) == ("bitfold.ops", name)
+    assert pickle.loads(pickle.dumps(function)) is function
 
 
 def test_everything_public_is_tested():

@@ -16,7 +16,8 @@ import pytest
 import support
 
 import bitfold
-from bitfold import _build_info, _library
+from bitfold._frame import build_info
+from bitfold._frame.library import check_versions
 
 # ---- Files and versions ------------------------------------------------------------------------
 
@@ -71,7 +72,7 @@ def test_pinned_runtime():
     extras = project["project"]["optional-dependencies"]
     pins = [p for p in project["build-system"]["requires"] if p.startswith("tensorflow")]
     for pin in (*pins, *extras["cpu"], *extras["gpu"]):
-        assert pin.split("==")[1] == _build_info.TENSORFLOW_VERSION
+        assert pin.split("==")[1] == build_info.TENSORFLOW_VERSION
 
 
 # ---- The version check -------------------------------------------------------------------------
@@ -79,13 +80,13 @@ def test_pinned_runtime():
 
 def test_matching_versions_pass():
     """Nothing is raised where both are the same."""
-    assert _library.check_versions("2.21.0", "2.21.0") is None
+    assert check_versions("2.21.0", "2.21.0") is None
 
 
 def test_other_versions_are_refused():
     """The error names both versions and both remedies."""
     with pytest.raises(ImportError) as error:
-        _library.check_versions("2.20.1", "2.21.0")
+        check_versions("2.20.1", "2.21.0")
     text = str(error.value)
     assert f"bitfold {bitfold.__version__} was built for TensorFlow 2.21.0" in text
     assert "TensorFlow 2.20.1 is running" in text
@@ -103,7 +104,7 @@ def test_import_beside_another_version(tmp_path):
     assert result.returncode == 1
     last = result.stderr.rstrip().splitlines()[-1]
     assert last.startswith("ImportError: bitfold ")
-    assert f"was built for TensorFlow {_build_info.TENSORFLOW_VERSION}" in last
+    assert f"was built for TensorFlow {build_info.TENSORFLOW_VERSION}" in last
     assert "TensorFlow 1.2.3 is running" in last
     assert "pip install" in last
 
@@ -113,7 +114,7 @@ def test_import_without_the_runtime():
     result = support.run_python("import sys; sys.modules['tensorflow'] = None; import bitfold")
     assert result.returncode == 1
     last = result.stderr.rstrip().splitlines()[-1]
-    version = _build_info.TENSORFLOW_VERSION
+    version = build_info.TENSORFLOW_VERSION
     assert last.startswith("ImportError: bitfold ")
     assert f"needs TensorFlow {version}" in last
     assert f"pip install tensorflow-cpu=={version}" in last

@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import ast
 import functools
 import inspect
 import json
@@ -18,7 +19,8 @@ import support
 import bitfold
 
 ROOT = support.ROOT
-SOURCES = {".h", ".cc", ".c", ".cpp", ".cu", ".cuh", ".py"}
+CODE = {".h", ".cc", ".c", ".cpp", ".cu", ".cuh", ".inc"}  # C++ and what is like it
+SOURCES = CODE | {".py"}
 
 
 @functools.cache
@@ -102,7 +104,7 @@ _FLAG = re.compile(
 
 def _without_comments(path: pathlib.Path) -> str:
     content = text(path)
-    if path.suffix in {".h", ".cc", ".c", ".cpp", ".cu", ".cuh"}:
+    if path.suffix in CODE:
         return re.sub(r"//.*", "", re.sub(r"/\*.*?\*/", "", content, flags=re.DOTALL))
     return re.sub(r"(?m)(^|\s)#(?!\s*pragma).*$", "", content)
 
@@ -209,9 +211,12 @@ def test_device_code_rounds_every_operation():
 
 # ---- What belongs to an op ---------------------------------------------------------------------
 
-OP_SOURCES = sorted(
-    p.stem for p in (ROOT / "src").glob("*.cc") if re.search(r"(?m)^\w*REGISTER_\w+\(", text(p))
-)
+# The files that register ops, in the order of their names.
+OP_SOURCES = [
+    path.stem
+    for path in sorted((ROOT / "src" / "ops").glob("*.cc"))
+    if re.search(r"(?m)^\w*REGISTER_\w+\(", text(path))
+]
 # What is exported to C but registers no op has the same company; its header has the format's name.
 UNITS = [*OP_SOURCES, "HFloat"]
 HEADERS = {"HFloat": "fpx"}
@@ -221,16 +226,55 @@ HEADERS = {"HFloat": "fpx"}
 @pytest.mark.parametrize(
     ("path", "what"),
     [
-        ("include/bitfold/{}.h", "its arithmetic, apart from the runtime"),
-        ("tests/cpp/{}_test.cc", "the arithmetic against the oracle"),
+        ("include/bitfold/{}.h", "its definition, apart from the runtime"),
+        ("tests/cpp/{}_test.cc", "the definition against the oracle"),
+        ("tests/fuzz/{}_fuzz.cc", "the same on what a fuzzer makes up"),
         ("tests/python/test_{}.py", "the op through the runtime"),
-        ("bench/{}_bench.cc", "how fast it is"),
+        ("bench/{}_bench.cc", "how fast the definition is"),
     ],
 )
 def test_op_has_its_files(stem, path, what):
-    """An op comes with a header, tests and a benchmark."""
+    """An op comes with a header, tests, a fuzz target and a benchmark."""
     path = path.format(HEADERS.get(stem, stem) if path.startswith("include") else stem)
     assert (ROOT / path).is_file(), f"write {path} ({what}); docs/adding-an-op.md tells how"
+
+
+def _included(path: pathlib.Path) -> set[str]:
+    """Return the headers of tests/ that a file of them includes, by way of others too."""
+    tests = ROOT / "tests"
+    folders = tests, tests / "cpp", tests / "reference", path.parent
+    found: set[str] = set()
+    waiting = [path]
+    while waiting:
+        for name in re.findall(r'(?m)^#include "([^"]+)"', text(waiting.pop())):
+            header = next((f / name for f in folders if (f / name).is_file()), None)
+            if header is not None and where(header) not in found:
+                found.add(where(header))
+                waiting.append(header)
+    return found
+
+
+@pytest.mark.parametrize("stem", UNITS)
+@pytest.mark.parametrize("path", ["tests/cpp/{}_test.cc", "tests/fuzz/{}_fuzz.cc"])
+def test_op_is_compared_with_the_oracle(stem, path):
+    """The C++ test and the fuzz target of an op know the oracle."""
+    path = path.format(stem)
+    headers = _included(ROOT / path)
+    assert any(header.startswith("tests/reference/") for header in headers), (
+        f"compare with the oracle in {path}: write the op's model in tests/reference, without "
+        "looking at the code, and include its header"
+    )
+
+
+@pytest.mark.parametrize("stem", OP_SOURCES)
+def test_op_is_compared_with_the_oracle_in_python(stem):
+    """So does the test through the runtime, itself or by a module that it shares with others."""
+    path = ROOT / "tests" / "python" / f"test_{stem}.py"
+    shared = [path.with_name(f"{m}.py") for m in re.findall(r"(?m)^import (\w+)$", text(path))]
+    assert any(re.search(r"\breference\b", text(p)) for p in (path, *shared) if p.is_file()), (
+        f"compare with the oracle in {where(path)}: give the model a C interface in "
+        "tests/reference/*_c.cc and the fixture `reference` a method that calls it"
+    )
 
 
 @pytest.mark.parametrize("stem", UNITS)
@@ -239,44 +283,69 @@ def test_op_is_documented(stem):
     document = ROOT / "docs" / "arithmetic.md"
     assert document.is_file(), "docs/arithmetic.md is missing"
     assert re.search(rf"(?m)^## {re.escape(stem)}\b", document.read_text()), (
-        f'write a section "## {stem}" in docs/arithmetic.md: the rules that src/{stem}.cc follows'
+        f'write a section "## {stem}" in docs/arithmetic.md: the rules that the op follows'
     )
 
 
 def _registered(stem: str) -> list[str]:
     """Return the ops that a source file registers, in its order."""
-    content = (ROOT / "src" / f"{stem}.cc").read_text()
+    content = (ROOT / "src" / "ops" / f"{stem}.cc").read_text()
     return re.findall(r'(?m)^(?:REGISTER_OP|BITFOLD_REGISTER_\w+)\("(\w+)"', content)
 
 
-def _cmake_ops() -> list[str]:
-    content = (ROOT / "src" / "CMakeLists.txt").read_text()
-    (block,) = re.findall(r"# ops\n(.*?)# shared\n", content, flags=re.DOTALL)
-    return [pathlib.Path(name).stem for name in block.split()]
+REGISTERED = [name for stem in OP_SOURCES for name in _registered(stem)]
 
 
-def test_cmake_lists_every_op():
-    """Each op's source file is built."""
-    assert sorted(_cmake_ops()) == OP_SOURCES, (
-        "list every source that registers an op under '# ops' in src/CMakeLists.txt"
+@functools.cache
+def _wrappers() -> dict[str, str]:
+    """Return which function of bitfold.ops calls a generated op, by its name without _."""
+    wrappers = {}
+    for path in sorted((ROOT / "python" / "bitfold" / "ops").glob("*.py")):
+        for function in ast.parse(path.read_text()).body:
+            for node in ast.walk(function):
+                if isinstance(node, ast.Attribute) and ast.unparse(node.value) == "raw_ops":
+                    wrappers[node.attr.replace("_", "")] = getattr(function, "name", "")
+    return wrappers
+
+
+@pytest.mark.parametrize("name", REGISTERED)
+def test_op_has_its_wrapper(name):
+    """An op is called by a public function of bitfold.ops."""
+    wrapper = _wrappers().get(name.lower())
+    assert wrapper in bitfold.ops.__all__, (
+        f"write a function that calls the generated op of {name} in a module of python/bitfold/ops "
+        "and list it in the package's __all__"
     )
 
 
-def test_cmake_order_is_registration_order():
-    """Static initialisers run in link order, so the ops register as CMake lists their files."""
+@pytest.mark.parametrize("stem", OP_SOURCES)
+def test_op_is_timed_beside_the_stock_op(stem):
+    """`make bench` has a case that calls a wrapper of each file's ops."""
+    cases = "".join(text(ROOT / "bench" / name) for name in ("run.py", "chains.py"))
+    wrappers = [_wrappers().get(name.lower(), "") for name in _registered(stem)]
+    assert any(re.search(rf"\bops\.{wrapper}\b", cases) for wrapper in wrappers if wrapper), (
+        f"add a case to bench/run.py that calls {' or '.join(wrappers)} of bitfold.ops beside what "
+        "the stock ops offer"
+    )
+
+
+@pytest.mark.parametrize("name", REGISTERED)
+def test_op_is_in_the_changelog(name):
+    """Users read there what came."""
+    assert f"`{name}`" in (ROOT / "CHANGELOG.md").read_text(), f"name `{name}` in CHANGELOG.md"
+
+
+def test_registration_order_is_the_files_order():
+    """Static initialisers run in link order, which is that of the names of the ops' files."""
     from tensorflow.core.framework import op_def_pb2
     from tensorflow.python.client import pywrap_tf_session
 
-    assert _cmake_ops() == sorted(_cmake_ops()), (
-        "keep the ops of src/CMakeLists.txt in the order of their names: that is the order in "
-        "which they register"
-    )
     operations = op_def_pb2.OpList()
     handle = pywrap_tf_session.TF_LoadLibrary(bitfold.library_path())
     operations.ParseFromString(pywrap_tf_session.TF_GetOpList(handle))
-    listed = [name for stem in _cmake_ops() for name in _registered(stem)]
-    assert [op.name for op in operations.op] == listed, (
-        "the library registers its ops in another order than src/CMakeLists.txt lists their files"
+    assert [op.name for op in operations.op] == REGISTERED, (
+        "the library registers its ops in another order than src/ops has files: link these in the "
+        "order of their names, in src/CMakeLists.txt, or install the package again"
     )
 
 
@@ -312,11 +381,19 @@ def test_installed_headers_are_current():
 def test_installed_modules_are_current():
     """The installed modules are the checkout's, so that the tests test what one reads."""
     package = pathlib.Path(bitfold.__file__).parent
-    for source in sorted((ROOT / "python" / "bitfold").glob("*.py")):
-        assert (package / source.name).read_bytes() == source.read_bytes(), (
-            f"python/bitfold/{source.name} changed since the package was installed: install it "
-            "again"
+    sources = ROOT / "python" / "bitfold"
+    for source in sorted(sources.rglob("*.py")):
+        name = source.relative_to(sources)
+        installed = package / name
+        current = installed.read_bytes() if installed.is_file() else None
+        assert current == source.read_bytes(), (
+            f"python/bitfold/{name} changed since the package was installed: install it again"
         )
+    extra = {path.relative_to(package) for path in package.rglob("*.py")}
+    extra -= {path.relative_to(sources) for path in sources.rglob("*.py")}
+    assert extra == {pathlib.Path("_frame/build_info.py")}, (
+        "modules are installed that the checkout no longer has: install the package again"
+    )
 
 
 # ---- Texts -------------------------------------------------------------------------------------
@@ -357,6 +434,25 @@ def test_no_tolerances():
     assert not found, (
         "compare bits (assert_bits in Python; the bit comparison of tests/cpp/support in C++), "
         "not with a tolerance:\n" + "\n".join(found)
+    )
+
+
+# Spelled in parts, as above.
+_POINTERS = re.compile(
+    "|".join((r"\bthe con" + r"tracts?\b", r"\bemulated con" + "tract", r"\bthe sp" + r"ec\b")),
+    re.IGNORECASE,
+)
+
+
+def test_texts_give_reasons():
+    """No comment or document points to something that its reader cannot see."""
+    found = []
+    for path in files():
+        for number, line in enumerate(text(path).splitlines(), 1):
+            found += [f"{where(path)}:{number}: {m}" for m in _POINTERS.findall(line)]
+    assert not found, (
+        "the reader has this checkout and nothing else: write what holds and why, or name the rule "
+        "of docs/arithmetic.md:\n" + "\n".join(found)
     )
 
 

@@ -12,6 +12,7 @@ import raw
 import tensorflow as tf
 
 import bitfold
+from bitfold._frame import shapes
 
 CONVOLUTIONS = ("h_conv2d", "h_conv2d_dilation", "h_depth_wise")
 
@@ -302,6 +303,47 @@ WRAPPED = [
     ("depthwise_conv2d", [2, 7, 9, 3], [2, 3, 3, 1, 3], {"padding": "VALID"}, [2, 5, 7, 3]),
 ]
 _IDS = [f"{name}-{x}-{f}-{a}" for name, x, f, a, _ in WRAPPED]
+
+
+@pytest.mark.parametrize("padding", ["SAME", "VALID"])
+@pytest.mark.parametrize("dilation", [1, 2, 3, -1])
+@pytest.mark.parametrize("stride", [1, 2, 3, 5, -1, -2])
+def test_output_sizes_are_the_kernels(padding, stride, dilation):
+    """The one rule of geometry that Python states again gives what the kernel allocates."""
+    for size in range(7):
+        for window in range(1, 5):
+            pixels = np.zeros([1, size, 1, 1], np.int32)
+            weights = np.zeros([window, 1, 1, 1], np.int32)
+            arguments = {"strides": [stride, 1], "dilations": [dilation, 1], "padding": padding}
+            try:
+                expected = bitfold.ops.conv2d(pixels, weights, **arguments).shape[1]
+            except tf.errors.InvalidArgumentError:
+                expected = None
+            found = shapes.output_size(size, window, stride, dilation, padding)
+            assert found == expected, (size, window)
+
+
+@pytest.mark.parametrize(
+    ("a", "b"),
+    [
+        ([2, 3], [3, 5]),
+        ([4, 2, 3], [4, 3, 5]),
+        ([4, 2, 3], [3, 5]),  # b's columns replace the place that they have in b
+        ([2, 0], [0, 3]),
+        ([2, 2, 2, 3], [2, 3, 5]),
+        ([2, 2, 2, 3], [3, 5]),
+        ([3], [3, 5]),
+        ([2, 3], [2, 3, 5]),
+    ],
+)
+def test_product_shapes_are_the_kernels(a, b):
+    """The matrix product's rule likewise; a shape that is refused is not known."""
+    found = shapes.product_shape(tf.TensorShape(a), tf.TensorShape(b))
+    try:
+        expected = bitfold.ops.matmul(np.zeros(a, np.int32), np.zeros(b, np.int32)).shape
+    except tf.errors.InvalidArgumentError:
+        return
+    assert found.as_list() == expected.as_list()
 
 
 def _function(name, input, filter, arguments):

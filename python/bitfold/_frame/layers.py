@@ -11,9 +11,16 @@ from typing import Any
 
 import keras
 
+# What a layer calls, by the name that a saved model holds.
+_OPS: dict[str, Callable] = {}
+
 
 def accepts_symbolic(op: Callable) -> Callable:
-    """Decorate an op so that a call with a symbolic tensor builds an `OpLayer` instead."""
+    """Decorate an op so that a call with a symbolic tensor builds an `OpLayer` instead.
+
+    The op is entered under its name, by which saved models find it again: two ops of one name
+    would take each other's layers.
+    """
     signature = inspect.signature(op)
 
     @functools.wraps(op)
@@ -26,6 +33,7 @@ def accepts_symbolic(op: Callable) -> Callable:
         name = constants.pop("name", None)
         return OpLayer(op.__name__, constants, name=name)(symbolic)
 
+    _OPS[op.__name__] = call
     return call
 
 
@@ -48,9 +56,7 @@ class OpLayer(keras.layers.Layer):
 
     def call(self, tensors):
         """Run the op on its tensor arguments, a dictionary by argument name."""
-        from bitfold import ops
-
-        return getattr(ops, self.op)(**tensors, **self.constants)
+        return _OPS[self.op](**tensors, **self.constants)
 
     def get_config(self):
         """Return what `from_config` needs to build the layer again."""

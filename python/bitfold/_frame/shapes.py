@@ -1,0 +1,77 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Shapes that a graph knows before anything runs, where the runtime's own inference is wrong.
+
+The rules are the kernels': every result's shape is computed there, in C++, from
+``bitfold/geometry.h`` and by the matrix product's op. A graph asks for shapes before a kernel
+exists, and the runtime's answer for the stock ops differs from what the kernels allocate, so this
+module states the rules a second time, for shapes with unknown dimensions, and nothing else in
+Python does. Eager results have the kernel's shape; tests/python/test_shapes.py compares both.
+"""
+
+from __future__ import annotations
+
+import tensorflow as tf
+
+
+def without_static_shape(tensor: tf.Tensor) -> tf.Tensor:
+    """Hide a shape from the runtime's shape inference, which has rules that the kernels have not.
+
+    The matrix product's rules refuse inner dimensions or batches that differ and take a tensor of
+    unknown rank for a matrix; the suppression's says that boxes come out as they went in.
+
+    The depthwise rule multiplies the filter's two channel dimensions and wants the first to be the
+    input's, so it refuses [height, width, 1, C]; the ordinary one refuses a fifth dimension; both
+    infer 0 outputs for images without pixels and for windows larger than the image, where the
+    kernels' truncating division can give 1.
+    """
+    if tf.executing_eagerly():
+        return tensor
+    return tf.raw_ops.PlaceholderWithDefault(input=tensor, shape=tf.TensorShape(None))
+
+
+def product_shape(a: tf.TensorShape, b: tf.TensorShape) -> tf.TensorShape:
+    """Return the shape that the matrix product's kernel will allocate, as far as it is known."""
+    if a.rank is None or a.rank < 2:
+        return tf.TensorShape(None)
+    if b.rank is None:  # b has no more dimensions than a, but which of a's it replaces is open
+        return tf.TensorShape([a[0], *[None] * (a.rank - 1)])
+    if not 2 <= b.rank <= a.rank:
+        return tf.TensorShape(None)  # the kernel refuses
+    sizes = list(a)
+    sizes[b.rank - 1] = b[-1]
+    return tf.TensorShape(sizes)
+
+
+def convolution_shape(
+    input: tf.TensorShape,
+    filters: tf.TensorShape,
+    strides: list[int],
+    dilations: list[int],
+    padding: str,
+) -> tf.TensorShape:
+    """Return the shape that the kernel will allocate, as far as it is known."""
+    if input.rank not in (None, 4):
+        return tf.TensorShape(None)  # the kernel refuses
+    if filters.rank is None or filters.rank < 4:
+        return tf.TensorShape([input[0] if input.rank else None, None, None, None])
+    batch, height, width, _ = input if input.rank else [None] * 4
+    leading = 1 if filters.rank > 4 else 0
+    rows, columns, outputs = filters[leading], filters[leading + 1], filters[leading + 3]
+    sizes = [
+        output_size(size, window, strides[axis], dilations[axis], padding)
+        for axis, size, window in ((1, height, rows), (2, width, columns))
+    ]
+    return tf.TensorShape([batch, *sizes, outputs])
+
+
+def output_size(
+    size: int | None, window: int | None, stride: int, dilation: int, padding: str
+) -> int | None:
+    """Return the number of outputs along one axis; None where unknown or refused by the kernel."""
+    if size is None or (padding == "VALID" and window is None) or stride == 0:
+        return None
+    span = size - 1 if padding == "SAME" else size - ((window - 1) * dilation + 1)
+    quotient = abs(span) // abs(stride)  # truncates toward zero, as the kernels divide
+    outputs = (quotient if (span < 0) == (stride < 0) else -quotient) + 1
+    return outputs if outputs >= 0 else None

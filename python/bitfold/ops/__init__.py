@@ -1,0 +1,64 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""The emulated operations, named as in ``tf`` and ``tf.nn``: data first, then keywords.
+
+What holds for all of them:
+
+Element types. int32 carries integer-quantised data; float32 carries the same integers in floats,
+or anything else. Narrower types widen. Results have the type of the first operand.
+
+The accumulator. ``accumulator_size`` bits, w for short, hold [-2^(w-1), 2^(w-1) - 1]; a sum that
+leaves the range is wrapped once by 2^w. int32 data needs 0 <= w <= 32. With ``use_fp16_acc`` float
+data is accumulated in half precision instead; integer additions only quantise the initial value.
+
+The shift. ``mult_shift`` scales every product before it is added: int32 products are shifted right
+by it, halves to even; float products are divided by the value itself (by 4, not by 2^4), then
+rounded, halves to even. 0 leaves products alone. ``matmul``, ``bilinear`` and the box decoders
+multiply float products by the float32 reciprocal of the value instead, which can differ from the
+quotient in the last bit.
+
+Printed lines. A float sum outside [-8388607, 8388607) prints
+``@@@ WARNING: acc <sum> is out of bounds <-8388607,8388607>`` to C's standard output, each time an
+op runs. Inside ``tf.function`` the runtime's graph optimiser may run an op once where it was called
+twice with the same inputs, or once for all where they are constants; call eagerly to count lines.
+
+Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take the tables that
+``bitfold.tables`` makes. ``bitfold.resize`` makes the inputs of ``bilinear``, ``bitfold.detection``
+those of the box decoders and of ``non_max_suppression``.
+
+Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
+
+Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
+``tf.function`` their shapes may be partly unknown, and strides and dilations must be positive (the
+runtime's rule). Errors found in the data raise
+``tf.errors.InvalidArgumentError``, which says what is needed and what came.
+"""
+
+from bitfold.ops._additions import add, bias_add, decomposed_bias_add, weighted_add
+from bitfold.ops._bilinear import bilinear
+from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
+from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
+from bitfold.ops._matmul import matmul
+from bitfold.ops._units import activation, layer_norm, softmax
+
+__all__ = [
+    "activation",
+    "add",
+    "bias_add",
+    "bilinear",
+    "conv2d",
+    "decode_boxes",
+    "decode_boxes_single_weight",
+    "decomposed_bias_add",
+    "depthwise_conv2d",
+    "dilated_conv2d",
+    "layer_norm",
+    "matmul",
+    "non_max_suppression",
+    "softmax",
+    "weighted_add",
+]
+
+# Whoever asks a function where it lives (help, a traceback, a pickle) hears the public address.
+for _name in __all__:
+    globals()[_name].__module__ = __name__

@@ -1,0 +1,247 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""The three convolutions."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from typing import Any
+
+import tensorflow as tf
+
+from bitfold._frame.arguments import (
+    element_tensor,
+    integer,
+    padding_name,
+    scalar_tensor,
+    spatial_values,
+)
+from bitfold._frame.layers import accepts_symbolic
+from bitfold._frame.loaded import raw_ops
+from bitfold._frame.shapes import convolution_shape, without_static_shape
+
+
+@accepts_symbolic
+def conv2d(
+    input: Any,
+    filters: Any,
+    *,
+    strides: int | Sequence[int] = 1,
+    padding: str = "SAME",
+    dilations: int | Sequence[int] = 1,
+    elementwise: Any = None,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Convolve images with filters through a limited accumulator.
+
+    Each output starts at 0 and adds its products one by one, each scaled by ``mult_shift``, filter
+    row by filter row, in each row input channel by input channel, in each channel column by
+    column; taps outside the image are skipped.
+
+    Args:
+        input: images, float32 or int32, [N, H, W, C].
+        filters: [height, width, C, outputs], of the type of `input`. Of a filter with a leading
+            dimension before these the first is used.
+        strides: one number, [height, width] or [1, height, width, 1]; not 0.
+        padding: "SAME" or "VALID". Where SAME pads by an even total and the window is odd, the
+            first window is centred on the first pixel, also at strides where ``tf.nn.conv2d``
+            places it further in (9 pixels, a window of 5, a stride of 3).
+        dilations: the distance of the filter's taps, in the same forms as `strides`.
+        elementwise: None, or a tensor of the type of `input` and as many elements as the result,
+            added unscaled after the centre row of the filter. With another count it is ignored;
+            so it is when an even filter height meets a dilation above 1.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift or divisor of each product, -128 to 127.
+        use_fp16_acc: accumulate in half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        A tensor [N, out_height, out_width, outputs] of the type of `input`.
+
+    Raises:
+        TypeError: for other element types, or types that differ.
+        ValueError: for malformed strides, dilations, padding or numbers.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
+            strides of 0; ranks other than 4; a filter with fewer input channels than the images;
+            an output that would have a negative size.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> image = np.full([1, 3, 3, 1], 10, np.int32)
+        >>> ones = np.ones([3, 3, 1, 1], np.int32)
+        >>> bitfold.ops.conv2d(image, ones, padding="VALID").numpy().item()
+        90
+        >>> # 10 x 9 wraps at 7 bits: 90 - 128.
+        >>> bitfold.ops.conv2d(image, ones, padding="VALID", accumulator_size=7).numpy().item()
+        -38
+    """
+    return _convolve(
+        raw_ops.h_conv2d, input, filters, strides, padding, dilations, elementwise,
+        accumulator_size, mult_shift, use_fp16_acc, name,
+    )  # fmt: skip
+
+
+@accepts_symbolic
+def dilated_conv2d(
+    input: Any,
+    filters: Any,
+    *,
+    dilations: int | Sequence[int],
+    strides: int | Sequence[int] = 1,
+    padding: str = "SAME",
+    elementwise: Any = None,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Convolve as `conv2d` does, under the accelerator's own name for dilated convolution.
+
+    Args:
+        input: images, float32 or int32, [N, H, W, C].
+        filters: [height, width, C, outputs], of the type of `input`.
+        dilations: the distance of the filter's taps: one number, [height, width] or
+            [1, height, width, 1].
+        strides: in the same forms; not 0.
+        padding: "SAME" or "VALID", as for `conv2d`.
+        elementwise: as for `conv2d`.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift or divisor of each product, -128 to 127.
+        use_fp16_acc: accumulate in half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        A tensor [N, out_height, out_width, outputs] of the type of `input`.
+
+    Raises:
+        TypeError: as for `conv2d`.
+        ValueError: as for `conv2d`.
+        tf.errors.InvalidArgumentError: as for `conv2d`.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> image = np.arange(25, dtype=np.int32).reshape(1, 5, 5, 1)
+        >>> ones = np.ones([3, 3, 1, 1], np.int32)
+        >>> bitfold.ops.dilated_conv2d(image, ones, dilations=2, padding="VALID").numpy().item()
+        108
+    """
+    return _convolve(
+        raw_ops.h_conv2d_dilation, input, filters, strides, padding, dilations, elementwise,
+        accumulator_size, mult_shift, use_fp16_acc, name,
+    )  # fmt: skip
+
+
+@accepts_symbolic
+def depthwise_conv2d(
+    input: Any,
+    filter: Any,
+    *,
+    strides: int | Sequence[int] = 1,
+    padding: str = "SAME",
+    dilations: int | Sequence[int] = 1,
+    elementwise: Any = None,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Convolve each channel with its own filter through a limited accumulator.
+
+    The unit takes signed weights in w/2 bits, w = ``accumulator_size``: a weight above
+    2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line says so once per image.
+
+    Args:
+        input: images, float32 or int32, [N, H, W, C].
+        filter: one filter per channel, [height, width, C, 1] as in ``tf.nn`` or
+            [height, width, 1, C] as the accelerator stores it, of the type of `input`; with a
+            leading dimension of at least N, one such filter per image. The second form may have
+            fewer than C channels: the result has as many.
+        strides: one number, [height, width] or [1, height, width, 1]; not 0.
+        padding: "SAME" or "VALID", as for `conv2d`.
+        dilations: the distance of the filter's taps, in the same forms as `strides`.
+        elementwise: as for `conv2d`.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift or divisor of each product, -128 to 127.
+        use_fp16_acc: accumulate in half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        A tensor [N, out_height, out_width, C] of the type of `input`.
+
+    Raises:
+        TypeError: as for `conv2d`.
+        ValueError: as for `conv2d`, and for a filter with both channel dimensions above 1: there
+            is no channel multiplier.
+        tf.errors.InvalidArgumentError: as for `conv2d`, and for a filter of more channels than
+            the images or of fewer images than the batch.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> image = np.arange(1, 3, dtype=np.int32).reshape(1, 1, 1, 2)
+        >>> weights = np.array([10, -20], np.int32).reshape(1, 1, 2, 1)
+        >>> bitfold.ops.depthwise_conv2d(image, weights).numpy().ravel()
+        array([ 10, -40], dtype=int32)
+    """
+    input = element_tensor(input, "input")
+    filter = element_tensor(filter, "filter", input.dtype)
+    return _convolve(
+        raw_ops.h_depth_wise, input, _one_input_channel(filter), strides, padding, dilations,
+        elementwise, accumulator_size, mult_shift, use_fp16_acc, name,
+    )  # fmt: skip
+
+
+def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
+    """Return [..., C, 1] as [..., 1, C], the same memory; [..., 1, C] as it is."""
+    static = filter.shape
+    forms = "filter must be [height, width, C, 1] or [height, width, 1, C], got shape"
+    last = static[-2:] if static.rank is not None else [None, None]
+    if static.rank is not None and static.rank < 4:
+        return filter  # the kernel refuses
+    if None not in last and min(last) > 1:
+        raise ValueError(f"{forms} {static}: there is no channel multiplier")
+    shape = tf.shape(filter)
+    checks = []
+    if None in last and 1 not in last:
+        one = tf.reduce_min(shape[-2:]) <= 1
+        checks = [
+            tf.debugging.Assert(one, [f"{forms} ", shape, ": there is no channel multiplier"])
+        ]
+    with tf.control_dependencies(checks):
+        merged = tf.concat([shape[:-2], [1], [tf.reduce_prod(shape[-2:])]], 0)
+    result = tf.reshape(filter, merged)
+    if static.rank is not None:
+        count = None if None in last else last[0] * last[1]
+        result.set_shape([*static[:-2], 1, count])
+    return result
+
+
+def _convolve(
+    raw_op, input, filters, strides, padding, dilations, elementwise, accumulator_size,
+    mult_shift, use_fp16_acc, name,
+) -> tf.Tensor:  # fmt: skip
+    """Call one of the three convolution ops, with the result's true static shape in a graph."""
+    input = element_tensor(input, "input")
+    filters = element_tensor(filters, "filters", input.dtype)
+    strides = spatial_values(strides, "strides")
+    dilations = spatial_values(dilations, "dilations")
+    padding = padding_name(padding)
+    if elementwise is None:
+        elementwise = tf.zeros([0], input.dtype)
+    output = raw_op(
+        input=without_static_shape(input),
+        filter=without_static_shape(filters),
+        elementwise=element_tensor(elementwise, "elementwise", input.dtype),
+        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+        strides=strides,
+        dilations=dilations,
+        padding=padding,
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        use_fp16_acc=use_fp16_acc,
+        name=name,
+    )
+    if not tf.executing_eagerly():
+        output.set_shape(convolution_shape(input.shape, filters.shape, strides, dilations, padding))
+    return output

@@ -1,0 +1,81 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""The matrix product."""
+
+from __future__ import annotations
+
+from typing import Any
+
+import tensorflow as tf
+
+from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
+from bitfold._frame.layers import accepts_symbolic
+from bitfold._frame.loaded import raw_ops
+from bitfold._frame.shapes import product_shape, without_static_shape
+
+
+@accepts_symbolic
+def matmul(
+    a: Any,
+    b: Any,
+    *,
+    accumulator_size: int = 32,
+    mult_shift: Any = 0,
+    use_fp16_acc: bool = False,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Multiply matrices through a limited accumulator.
+
+    Each element starts at 0 and adds its products one by one, each scaled by ``mult_shift``.
+
+    The unit takes signed weights in w/2 bits, w = ``accumulator_size``: an element of `b` above
+    2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line on C's standard output says so once per
+    matrix.
+
+    Args:
+        a: the data, float32 or int32, [rows, inner] or [batch, rows, inner]. Of further leading
+            dimensions only the first `batch` matrices are computed and the rest is 0.
+        b: the weights, of the type of `a`: [inner, cols], for a batch [batch, inner, cols]; no
+            broadcasting.
+        accumulator_size: the accumulator's width in bits, at least 0.
+        mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
+            -128 to 127.
+        use_fp16_acc: accumulate in half precision (float32 data only).
+        name: the node's name.
+
+    Returns:
+        A tensor of the shape and type of `a`, with `b`'s last dimension in the place that it has
+        in `b`: the last place where both have one rank. Where the inner dimensions differ, an
+        error is logged and the result is 0.
+
+    Raises:
+        TypeError: for other element types, or types that differ.
+        ValueError: for numbers that their type does not hold.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
+            ranks below 2, or a rank of `b` above that of `a`; a `b` with fewer matrices than the
+            batch; ranks that differ where the result's shape does not hold the product.
+
+    Example:
+        >>> import bitfold
+        >>> bitfold.ops.matmul([[1, 2], [3, 4]], [[10, 20], [30, 40]]).numpy()
+        array([[ 70, 100],
+               [150, 220]], dtype=int32)
+        >>> # 7 * 30 = 210 wraps at 8 bits; -7 is a weight that 4 bits hold.
+        >>> bitfold.ops.matmul([[30]], [[7, -7]], accumulator_size=8).numpy()
+        array([[-46,  46]], dtype=int32)
+    """
+    a = element_tensor(a, "a")
+    b = element_tensor(b, "b", a.dtype)
+    product = raw_ops.h_matmul(
+        a=without_static_shape(a),
+        b=without_static_shape(b),
+        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        use_fp16_acc=use_fp16_acc,
+        name=name,
+    )
+    if not tf.executing_eagerly():
+        # With unknown ranks the runtime infers a matrix, whatever will come.
+        product = without_static_shape(product)
+        product.set_shape(product_shape(a.shape, b.shape))
+    return product

@@ -1,0 +1,135 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What `import bitfold` refuses: a damaged library, a second copy, sources that are not built.
+
+Each case is a process of its own, with a copy of the installed package to damage.
+"""
+
+from __future__ import annotations
+
+import os
+import pathlib
+import shutil
+
+import pytest
+import support
+
+import bitfold
+from bitfold._frame import build_info
+from bitfold._frame.library import check_file
+
+PACKAGE = pathlib.Path(bitfold.__file__).parent
+_ADD = "import bitfold; print(bitfold.ops.add([[1]], [[2]]).numpy().item())"
+
+
+@pytest.fixture
+def copy(tmp_path) -> pathlib.Path:
+    """A copy of the package, which PYTHONPATH puts before the installed one."""
+    shutil.copytree(PACKAGE, tmp_path / "bitfold")
+    # Where the library looks for the runtime: beside the package.
+    (tmp_path / "tensorflow").symlink_to(PACKAGE.parent / "tensorflow")
+    return tmp_path / "bitfold"
+
+
+def _refusal(code: str, *arguments: str, python_path: pathlib.Path | None = None) -> str:
+    """Return the last line of a process that must have ended with an ImportError of ours."""
+    path = str(python_path) if python_path else None
+    result = support.run_python(code, *arguments, python_path=path)
+    assert result.returncode == 1, f"status {result.returncode}\n{result.stdout}\n{result.stderr}"
+    last = result.stderr.rstrip().splitlines()[-1]
+    assert last.startswith("ImportError: bitfold "), result.stderr
+    assert "circular" not in result.stderr
+    return last
+
+
+# ---- The file ----------------------------------------------------------------------------------
+
+
+def test_a_copy_works_by_itself(copy):
+    """What the cases below damage runs as long as nothing is damaged."""
+    output = support.passes(support.run_python(_ADD, python_path=str(copy.parent)))
+    assert output.strip() == "3"
+
+
+def test_the_size_is_that_of_the_installed_library():
+    """The build writes it after the last step that changes the file."""
+    assert os.path.getsize(bitfold.library_path()) == build_info.LIBRARY_SIZE
+    assert check_file(bitfold.library_path()) is None
+
+
+@pytest.mark.parametrize("size", [0, 100, 0.5, -1, 1.5])
+def test_a_library_of_another_size_is_refused(copy, size):
+    """Cut short or with something behind it: an error instead of a signal, and what to do."""
+    library = copy / "libbitfold.so"
+    whole = library.stat().st_size
+    wrong = whole + size if size < 0 else int(size * whole) if size % 1 else size
+    os.truncate(library, wrong)
+    last = _refusal(_ADD, python_path=copy.parent)
+    assert f"{library} has {wrong} bytes where {whole} were installed" in last
+    assert "pip install --force-reinstall" in last
+
+
+def test_a_missing_library_is_refused(copy):
+    """The same for no file at all."""
+    (copy / "libbitfold.so").unlink()
+    last = _refusal(_ADD, python_path=copy.parent)
+    assert f"{copy / 'libbitfold.so'} cannot be read (No such file or directory)" in last
+    assert "pip install --force-reinstall" in last
+
+
+# ---- A second copy -----------------------------------------------------------------------------
+
+_LOAD_THEN_IMPORT = """
+import os, sys
+os.environ["TF_CPP_MIN_LOG_LEVEL"] = "3"
+import tensorflow as tf
+tf.load_op_library(sys.argv[1])
+"""
+
+
+@pytest.mark.parametrize("name", ["libbitfold.so", "other name.so"])
+def test_a_copy_that_was_loaded_before_is_named(copy, name):
+    """Both files, before the second load makes every op fail."""
+    other = (copy / "libbitfold.so").rename(copy / name)
+    last = _refusal(_LOAD_THEN_IMPORT + _ADD, str(other))
+    assert f"cannot load {bitfold.library_path()}: " in last
+    assert f"has loaded another copy of the library, {other}," in last
+
+
+def test_a_second_package_is_refused(copy):
+    """Two packages in one process, as after a change of sys.path and a fresh import."""
+    code = (
+        "import sys, bitfold\n"
+        "for name in [n for n in sys.modules if n.partition('.')[0] == 'bitfold']:\n"
+        "    del sys.modules[name]\n"
+        "sys.path.insert(0, sys.argv[1])\n" + _ADD
+    )
+    last = _refusal(code, str(copy.parent))
+    assert f"cannot load {copy / 'libbitfold.so'}: " in last
+    assert f"another copy of the library, {bitfold.library_path()}," in last
+
+
+def test_the_package_s_own_library_may_be_loaded_before():
+    """That is no second copy."""
+    code = _LOAD_THEN_IMPORT + _ADD
+    output = support.passes(support.run_python(code, bitfold.library_path()))
+    assert output.strip() == "3"
+
+
+def test_a_link_to_the_library_that_was_loaded_before_is_refused(tmp_path):
+    """The runtime would give a module without ops; the error says how it came to that."""
+    link = tmp_path / "link.so"
+    link.symlink_to(bitfold.library_path())
+    last = _refusal(_LOAD_THEN_IMPORT + _ADD, str(link))
+    assert f"finds no ops in {bitfold.library_path()}" in last
+    assert "loaded this file before under another name" in last
+
+
+# ---- Sources -----------------------------------------------------------------------------------
+
+
+def test_sources_that_are_not_built():
+    """PYTHONPATH at the checkout's own folder: what to run, and no word of circular imports."""
+    last = _refusal(_ADD, python_path=support.ROOT / "python")
+    assert f"bitfold is not built in {support.ROOT / 'python' / 'bitfold'}" in last
+    assert "make setup" in last
