@@ -22,7 +22,7 @@
 #include "support/log_stub.h"
 #include "support/nms_boxes.h"
 #include "support/nms_case.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 #include "support/random.h"
 #include "support/scale.h"
 

@@ -17,7 +17,7 @@
 
 #include "support/compare.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/softmax_case.h"

@@ -9,7 +9,7 @@
 
 #include "fuzz_input.h"
 #include "support/layernorm_case.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 namespace {

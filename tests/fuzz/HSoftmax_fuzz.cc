@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "fuzz_input.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 #include "support/softmax_case.h"
 
 namespace bitfold::testing {

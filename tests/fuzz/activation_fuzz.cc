@@ -10,7 +10,7 @@
 
 #include "fuzz_input.h"
 #include "support/activation_case.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 namespace {

@@ -20,7 +20,7 @@
 #include "support/bits.h"
 #include "support/buffer.h"
 #include "support/log_stub.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 
