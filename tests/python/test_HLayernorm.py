@@ -232,7 +232,7 @@ def test_assertions_end_the_process(code, function, expression):
     """The C library's message, under the unit's name, in the release build."""
     setup = "value, lut = np.ones([1, 1, 1, 4], 'f4'), units.plain_lut()\n"
     setup += "scalars = units.plain_scalars(4)\n"
-    call = "\nnumeric.layer_norm(value, lut, **scalars)"
+    call = "\nunits.layer_norm(value, lut, **scalars)"
     units.ends_with(setup + code + call, SOURCE, function, expression)
 
 

@@ -295,7 +295,7 @@ inp, splits = np.ones([1, 1, 1, 1], 'i8'), np.ones([1], 'i8')
 tables = {n: np.zeros([1, 1 + (n != "x_points")], 'i8') for n in units.ACTIVATION_TABLES}
 """
     result = support.run_python(
-        units._PRELUDE + setup + code + "\nnumeric.activation(inp, tables, splits)",
+        units._PRELUDE + setup + code + "\nunits.activation(inp, tables, splits)",
         units._folder(),
     )
     assert result.returncode == -6, result.stderr
