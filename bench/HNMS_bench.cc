@@ -28,21 +28,21 @@ constexpr SuppressionOptions kOptions{0.1f, 0.5f, 200.0f, false, false};
 
 void Define(benchmark::State& state) {
   const std::vector<Box> boxes = RandomBoxes();
-  for (auto _ : state) benchmark::DoNotOptimize(SuppressClass(boxes, kOptions));
+  for (auto _ : state) benchmark::DoNotOptimize(DefineClassNMS(boxes, kOptions, nullptr));
 }
 
-void Quietly(benchmark::State& state) {
+void Compute(benchmark::State& state) {
   const std::vector<Box> boxes = RandomBoxes();
   Frame frame;
   for (auto _ : state) {
-    SuppressClassQuietly(boxes, kOptions, &frame);
+    ComputeClassNMS(boxes, kOptions, &frame);
     benchmark::ClobberMemory();
   }
 }
 
 [[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
     benchmark::RegisterBenchmark("HNMS/float/2000 boxes", Define),
-    benchmark::RegisterBenchmark("HNMS/float/2000 boxes loops", Quietly),
+    benchmark::RegisterBenchmark("HNMS/float/2000 boxes loops", Compute),
 };
 
 }  // namespace

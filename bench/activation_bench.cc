@@ -14,22 +14,24 @@ constexpr int64_t kPositions = 56 * 56;
 constexpr int64_t kChannels = 64;
 constexpr int kPoints = 7;
 
-void HActivationUnit(benchmark::State& state, decltype(ActivateChannelsByDefinition)* run) {
+void HActivationUnit(benchmark::State& state, decltype(DefineActivation)* run) {
   const std::vector<int64_t> in = RandomIntegers<int64_t>(kPositions * kChannels, -2000, 2000);
   std::vector<int64_t> x_points;
   for (int p = 0; p < kPoints; ++p) x_points.push_back(500 * (p - kPoints / 2));
   const std::vector<int64_t> offsets(kPoints + 1, 3);
   const std::vector<int64_t> slopes_m = RandomIntegers<int64_t>(kPoints + 1, -64, 64);
   const std::vector<int64_t> slopes_e(kPoints + 1, 10);
-  const ActivationTables tables = {{x_points.data(), kPoints},
+  const ActivationGroups groups = {{x_points.data(), kPoints},
                                    {offsets.data(), kPoints + 1},
                                    {slopes_m.data(), kPoints + 1},
-                                   {slopes_e.data(), kPoints + 1}};
+                                   {slopes_e.data(), kPoints + 1},
+                                   &kChannels,
+                                   1};
   ActivationMode mode = {};
   mode.clip_bits = 127;
   std::vector<int32_t> out(in.size());
   for (auto _ : state) {
-    run(in.data(), kPositions, kChannels, tables, &kChannels, 1, mode, out.data());
+    run(in.data(), {kPositions, kChannels}, groups, mode, out.data());
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * kPositions * kChannels);
@@ -38,9 +40,9 @@ void HActivationUnit(benchmark::State& state, decltype(ActivateChannelsByDefinit
 // The definition and the vector loops on the machine's widest target.
 [[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, 7 breakpoints", HActivationUnit,
-                                 ActivateChannelsByDefinition),
+                                 DefineActivation),
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, 7 breakpoints loops", HActivationUnit,
-                                 ActivateChannels),
+                                 ComputeActivation),
 };
 
 }  // namespace

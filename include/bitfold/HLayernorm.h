@@ -23,9 +23,29 @@ inline constexpr int LUT_DEPTH = 256;
 inline constexpr int MAX_VECTOR_SIZE = 4096;
 inline constexpr int MAX_NUM_VECTORS_IN_BATCH = 1048576;
 inline constexpr int N_SUM_SQUARES_BITS = 56;
-inline constexpr int kVarianceBits = 58;
 
-// What configures the unit; each field is filled from the op's input of the same name.
+// The widths of the unit's numbers in bits.
+inline constexpr uint8_t kLayerNormSumBits = 20;         // the rounded sum, signed
+inline constexpr uint8_t kLayerNormMeanBits = 16;        // the mean term, signed
+inline constexpr uint8_t kLayerNormVarianceBits = 58;    // the variance term, unsigned
+inline constexpr uint8_t kLayerNormWordBits = 16;        // what indexes the table
+inline constexpr uint8_t kLayerNormNormalizedBits = 31;  // an element before the stage, signed
+inline constexpr uint8_t kLayerNormBiasedBits = 19;      // with the stage's bias, unsigned
+
+// The fraction bits that the rounding shifts of the sums and of the activation stage look at.
+inline constexpr uint8_t kLayerNormSumRoundBits = 3;
+inline constexpr uint8_t kLayerNormActivationRoundBits = 6;
+
+// The activation stage's last step: a rounding shift of all its fraction bits, and a clip.
+struct LayerNormOutput {
+  uint8_t shift;
+  uint8_t bits;  // unsigned
+};
+inline constexpr LayerNormOutput kLayerNormOutput8 = {10, 8};
+inline constexpr LayerNormOutput kLayerNormOutput16 = {3, 15};
+
+// What configures the unit; each field is filled from the op's input of the same name, in the order
+// of the inputs.
 struct LayerNormParams {
   uint16_t zero_point;            // subtracted from every element
   uint8_t exponent_sub_value;     // base of the normalising shift
@@ -37,10 +57,10 @@ struct LayerNormParams {
   uint32_t epsilon;             // added to the variance term
   uint16_t mul_act_man;         // activation stage: multiplier,
   uint8_t mul_act_exp;          //   shift,
-  uint32_t mul_act_bias;        //   bias,
-  bool activation_output_mode;  //   16-bit output instead of 8-bit,
-  bool activation_ebias_mode;   //   the larger shift
+  uint32_t mul_act_bias;        //   bias
   bool rms_mode_enable;         // the mean counts as 0
+  bool activation_ebias_mode;   // activation stage: the larger shift,
+  bool activation_output_mode;  //   16-bit output instead of 8-bit
 };
 
 // value / 2^shift_amount rounded half to even, after its bits below round_bits fraction bits have
@@ -139,13 +159,14 @@ inline int64_t layernorm_activation_unit(int64_t value, uint16_t mul_act_man, ui
                                          bool activation_ebias_mode) {
   const int64_t product = WrapMultiply64(mul_act_man, value);
   const uint8_t shift = LayerNormActivationShift(mul_act_exp, activation_ebias_mode);
-  int64_t scaled = right_shift_bankers_rounding(WrapAbsolute64(product), shift, 6);
+  int64_t scaled =
+      right_shift_bankers_rounding(WrapAbsolute64(product), shift, kLayerNormActivationRoundBits);
   if (product < 0) scaled = WrapSubtract64(0, scaled);
-  const int64_t biased = signed_clip(WrapAdd64(mul_act_bias, scaled), 19, false);
+  const int64_t biased = signed_clip(WrapAdd64(mul_act_bias, scaled), kLayerNormBiasedBits, false);
   // Not negative after the clip, so its magnitude is itself.
-  const uint8_t out_shift = activation_output_mode ? 3 : 10;
-  return signed_clip(right_shift_bankers_rounding(biased, out_shift, out_shift),
-                     activation_output_mode ? 15 : 8, false);
+  const LayerNormOutput output = activation_output_mode ? kLayerNormOutput16 : kLayerNormOutput8;
+  return signed_clip(right_shift_bankers_rounding(biased, output.shift, output.shift), output.bits,
+                     false);
 }
 
 // What a vector's sums come to: how each of its elements is scaled.
@@ -159,8 +180,8 @@ struct LayerNormScale {
 // table, whose entry is lowered by its slope.
 inline void SetInverseSquareRoot(uint64_t variance, const float* lut, uint8_t exponent_sub_value,
                                  LayerNormScale* scale) {
-  const uint8_t leading = get_leading_one_index(variance, kVarianceBits);
-  const uint64_t word = get_leading_one_indexed_word(variance, leading, 16);
+  const uint8_t leading = get_leading_one_index(variance, kLayerNormVarianceBits);
+  const uint64_t word = get_leading_one_indexed_word(variance, leading, kLayerNormWordBits);
   scale->shift = static_cast<int8_t>(exponent_sub_value - (leading + 2) / 2);
   // An even exponent halves the word: the square root halves exponents.
   const int32_t index = static_cast<int32_t>(leading % 2 == 0 ? word >> 1 : word);
@@ -171,9 +192,9 @@ inline void SetInverseSquareRoot(uint64_t variance, const float* lut, uint8_t ex
 
 // The rounded sum of a vector: 20 bits, signed. In RMS mode the sum counts as 0.
 inline int64_t RoundedSum(int32_t sum, const LayerNormParams& params) {
-  const int64_t shifted =
-      right_shift_bankers_rounding(params.rms_mode_enable ? 0 : sum, params.sum_of_x_shift, 3);
-  return signed_clip(static_cast<int32_t>(static_cast<uint32_t>(shifted)), 20, true);
+  const int64_t shifted = right_shift_bankers_rounding(
+      params.rms_mode_enable ? 0 : sum, params.sum_of_x_shift, kLayerNormSumRoundBits);
+  return signed_clip(static_cast<int32_t>(static_cast<uint32_t>(shifted)), kLayerNormSumBits, true);
 }
 
 // What the elements of a vector are scaled by, from its rounded sum and its checked sum of squares.
@@ -181,15 +202,17 @@ inline int64_t RoundedSum(int32_t sum, const LayerNormParams& params) {
 // zero does: no leading one could be found.
 inline LayerNormScale GetLayerNormScale(int64_t rounded_sum, uint64_t sum_of_squares,
                                         const float* lut, const LayerNormParams& params) {
-  const int64_t squares = right_shift_bankers_rounding(static_cast<int64_t>(sum_of_squares),
-                                                       params.sum_of_x_squares_shift, 3);
+  const int64_t squares = right_shift_bankers_rounding(
+      static_cast<int64_t>(sum_of_squares), params.sum_of_x_squares_shift, kLayerNormSumRoundBits);
   LayerNormScale scale;
-  scale.mean = signed_clip(right_shift_bankers_rounding(params.sum_of_x_mult * rounded_sum,
-                                                        params.sum_of_x_mult_n_shift, 3),
-                           16, true);
+  scale.mean = signed_clip(
+      right_shift_bankers_rounding(params.sum_of_x_mult * rounded_sum, params.sum_of_x_mult_n_shift,
+                                   kLayerNormSumRoundBits),
+      kLayerNormMeanBits, true);
   // The rounded sum is squared, not the mean term.
   const int64_t variance = squares + int64_t{params.epsilon} - rounded_sum * rounded_sum;
-  const uint64_t bits = static_cast<uint64_t>(variance) & ((uint64_t{1} << kVarianceBits) - 1);
+  const uint64_t bits =
+      static_cast<uint64_t>(variance) & ((uint64_t{1} << kLayerNormVarianceBits) - 1);
   BITFOLD_LAYERNORM_ASSERT(
       bits != 0, "variance > 0",
       "void normalize_vector(const float*, float*, int32_t, const float*, const LayerNormParams&)");
@@ -204,8 +227,8 @@ inline float NormalizeElement(float x, const LayerNormScale& scale, const LayerN
   const int64_t shifted = scale.shift >= 0 ? ShiftLeft64(product, scale.shift)
                                            : ShiftRight64(product, -int64_t{scale.shift});
   const int64_t activated = layernorm_activation_unit(
-      signed_clip(shifted, 31, true), params.mul_act_man, params.mul_act_exp, params.mul_act_bias,
-      params.activation_output_mode, params.activation_ebias_mode);
+      signed_clip(shifted, kLayerNormNormalizedBits, true), params.mul_act_man, params.mul_act_exp,
+      params.mul_act_bias, params.activation_output_mode, params.activation_ebias_mode);
   return static_cast<float>(static_cast<uint16_t>(activated));
 }
 
@@ -221,12 +244,22 @@ inline void normalize_vector(const float* x, float* out, int32_t n, const float*
   for (int32_t i = 0; i < n; ++i) out[i] = NormalizeElement(x[i], scale, params);
 }
 
-// Every vector of a [batch, height, width, vector_size] tensor, in the order of memory.
-inline void run_layernorm(const float* in, float* out, int vector_size, int width, int height,
-                          int batch, const float* lut, const LayerNormParams& params) {
-  const int64_t vectors = int64_t{batch} * height * width;
-  for (int64_t v = 0; v < vectors; ++v) {
-    normalize_vector(in + v * vector_size, out + v * vector_size, vector_size, lut, params);
+// Of a tensor [batch, height, width, vector_size].
+struct LayerNormShape {
+  int vector_size;
+  int width;
+  int height;
+  int batch;
+
+  int64_t vectors() const { return int64_t{batch} * height * width; }
+};
+
+// Every vector of the tensor, in the order of memory.
+inline void run_layernorm(const float* in, float* out, const LayerNormShape& shape,
+                          const float* lut, const LayerNormParams& params) {
+  const int64_t size = shape.vector_size;
+  for (int64_t v = 0; v < shape.vectors(); ++v) {
+    normalize_vector(in + v * size, out + v * size, shape.vector_size, lut, params);
   }
 }
 

@@ -33,7 +33,7 @@ struct ActivationMode {
   bool is_8bit_to_16bit_mode;
   bool is_velquin;
   int32_t ebias;
-  int32_t clip_bits;
+  int32_t clip_bits;  // the limit of the clip itself, not a number of bits: 127, not 7
   int32_t beta;
   bool is_16bit_precision_mode;
   bool is_signed_output;
@@ -87,38 +87,46 @@ inline int64_t activate(int32_t x, int32_t offset, int32_t slope_m, int32_t slop
   return (rounded < clip ? rounded : clip) + offset;
 }
 
-// The tables of all groups, a row each.
-struct ActivationTables {
+// The groups of channels. Group g takes the next size_splits[g] channels, none where that is not
+// positive, and has row g of each table.
+struct ActivationGroups {
   Table64 x_points;
   Table64 offsets;
   Table64 slopes_m;
   Table64 slopes_e;
+  const int64_t* size_splits;
+  int64_t count;
+};
+
+// What is activated: `positions` rows of `channels` elements.
+struct ActivationShape {
+  int64_t positions;
+  int64_t channels;
 };
 
 // The low 32 bits, as the unit's registers hold what arrives as int64.
 inline int32_t LowWord(int64_t x) { return static_cast<int32_t>(static_cast<uint32_t>(x)); }
 
 // One element of a group.
-inline int32_t ActivateElement(int64_t x, int64_t group, const ActivationTables& tables,
-                               const ActivationMode& mode) {
-  const Piece piece = get_piece_index(tables.x_points, LowWord(x), group, tables.offsets,
-                                      tables.slopes_m, tables.slopes_e);
+inline int32_t DefineActivationElement(int64_t x, int64_t group, const ActivationGroups& groups,
+                                       const ActivationMode& mode) {
+  const Piece piece = get_piece_index(groups.x_points, LowWord(x), group, groups.offsets,
+                                      groups.slopes_m, groups.slopes_e);
   return LowWord(activate(LowWord(x), LowWord(piece.offset), LowWord(piece.slope_m),
                           LowWord(piece.slope_e), mode));
 }
 
-// The unit over `positions` rows of `channels` elements; the definition. Group g takes the next
-// size_splits[g] channels, none where that is not positive; together they take at most `channels`,
-// and what they do not take is not written. The tables have a row for each group with channels, all
-// but x_points one column more than x_points.
-inline void ActivateChannelsByDefinition(const int64_t* in, int64_t positions, int64_t channels,
-                                         const ActivationTables& tables, const int64_t* size_splits,
-                                         int64_t groups, const ActivationMode& mode, int32_t* out) {
-  for (int64_t position = 0; position < positions; ++position) {
-    int64_t i = position * channels;
-    for (int64_t g = 0; g < groups; ++g) {
-      for (int64_t k = 0; k < size_splits[g]; ++k, ++i) {
-        out[i] = ActivateElement(in[i], g, tables, mode);
+// The unit; the definition. The groups take together at most shape.channels channels, and what they
+// do not take is not written. The tables have a row for each group with channels, all but x_points
+// one column more than x_points.
+inline void DefineActivation(const int64_t* in, const ActivationShape& shape,
+                             const ActivationGroups& groups, const ActivationMode& mode,
+                             int32_t* out) {
+  for (int64_t position = 0; position < shape.positions; ++position) {
+    int64_t i = position * shape.channels;
+    for (int64_t g = 0; g < groups.count; ++g) {
+      for (int64_t k = 0; k < groups.size_splits[g]; ++k, ++i) {
+        out[i] = DefineActivationElement(in[i], g, groups, mode);
       }
     }
   }

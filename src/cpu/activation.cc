@@ -12,7 +12,7 @@
 namespace bitfold {
 namespace {
 
-constexpr int kBlock = 256;  // elements at a time: their pieces stay in the nearest cache
+constexpr int kPieceBlock = 256;  // elements at a time: their pieces stay in the nearest cache
 constexpr int kMaxPoints = 32;
 
 // A group's row of each table, in the forms that the loops take.
@@ -40,16 +40,16 @@ struct ActivationLoops {
 
 // False when the group needs the definition: its breakpoints do not ascend, so that the first one
 // above x is not found by counting, there are too many, or the clip's bounds cross.
-bool MakePieceTable(const ActivationTables& tables, int64_t group, const ActivationMode& mode,
+bool MakePieceTable(const ActivationGroups& groups, int64_t group, const ActivationMode& mode,
                     PieceTable* t) {
-  if (tables.x_points.columns > kMaxPoints) return false;
+  if (groups.x_points.columns > kMaxPoints) return false;
   if (mode.clip_bits < 0) return false;
-  t->points = static_cast<int>(tables.x_points.columns);
+  t->points = static_cast<int>(groups.x_points.columns);
   t->first_piece = 0;
   std::fill_n(t->below, kMaxPoints, std::numeric_limits<int32_t>::max());
   for (int p = 0; p < t->points; ++p) {
-    const int64_t point = tables.x_points(group, p);
-    if (p > 0 && point < tables.x_points(group, p - 1)) return false;
+    const int64_t point = groups.x_points(group, p);
+    if (p > 0 && point < groups.x_points(group, p - 1)) return false;
     if (point <= std::numeric_limits<int32_t>::min()) {
       ++t->first_piece;
     } else if (point <= std::numeric_limits<int32_t>::max()) {
@@ -57,10 +57,10 @@ bool MakePieceTable(const ActivationTables& tables, int64_t group, const Activat
     }
   }
   for (int p = 0; p <= t->points; ++p) {
-    t->slope[p] = LowWord(tables.slopes_m(group, p));
+    t->slope[p] = LowWord(groups.slopes_m(group, p));
     t->shift[p] =
-        static_cast<int32_t>(ActivationShift(LowWord(tables.slopes_e(group, p)), mode) & 63);
-    t->offset[p] = LowWord(tables.offsets(group, p));
+        static_cast<int32_t>(ActivationShift(LowWord(groups.slopes_e(group, p)), mode) & 63);
+    t->offset[p] = LowWord(groups.offsets(group, p));
   }
   t->product_shift = mode.is_8bit_to_16bit_mode ? 8 : 0;
   t->clip_low = -int64_t{mode.clip_bits} - 1;
@@ -68,22 +68,29 @@ bool MakePieceTable(const ActivationTables& tables, int64_t group, const Activat
   return true;
 }
 
-// `runs` runs of `count` elements of one group, `stride` apart.
-void ActivateGroup(const int64_t* in, int64_t runs, int64_t count, int64_t stride, int64_t group,
-                   const ActivationTables& tables, const ActivationMode& mode, int32_t* out) {
+// Where the elements of a group lie: `runs` runs of `count` elements, `stride` apart.
+struct GroupElements {
+  int64_t runs;
+  int64_t count;
+  int64_t stride;
+};
+
+void ActivateGroup(const int64_t* in, const GroupElements& elements, int64_t group,
+                   const ActivationGroups& groups, const ActivationMode& mode, int32_t* out) {
   PieceTable table;
   const bool plain = mode.is_16bit_precision_mode || mode.is_velquin;
-  const bool by_loop = MakePieceTable(tables, group, mode, &table);
+  const bool by_loop = MakePieceTable(groups, group, mode, &table);
   const auto loop = plain ? CurrentLoops().plain : CurrentLoops().magnitude;
-  for (int64_t run = 0; run < runs; ++run) {
-    const int64_t first = run * stride;
-    for (int64_t i = first; i < first + count; i += kBlock) {
-      const int block = static_cast<int>(std::min<int64_t>(kBlock, first + count - i));
+  for (int64_t run = 0; run < elements.runs; ++run) {
+    const int64_t first = run * elements.stride;
+    const int64_t end = first + elements.count;
+    for (int64_t i = first; i < end; i += kPieceBlock) {
+      const int block = static_cast<int>(std::min<int64_t>(kPieceBlock, end - i));
       if (by_loop) {
         loop(in + i, block, table, out + i);
       } else {
         for (int k = 0; k < block; ++k) {
-          out[i + k] = ActivateElement(in[i + k], group, tables, mode);
+          out[i + k] = DefineActivationElement(in[i + k], group, groups, mode);
         }
       }
     }
@@ -92,17 +99,17 @@ void ActivateGroup(const int64_t* in, int64_t runs, int64_t count, int64_t strid
 
 }  // namespace
 
-void ActivateChannels(const int64_t* in, int64_t positions, int64_t channels,
-                      const ActivationTables& tables, const int64_t* size_splits, int64_t groups,
-                      const ActivationMode& mode, int32_t* out) {
+void ComputeActivation(const int64_t* in, const ActivationShape& shape,
+                       const ActivationGroups& groups, const ActivationMode& mode, int32_t* out) {
+  const auto [positions, channels] = shape;
   int64_t channel = 0;
-  for (int64_t g = 0; g < groups; ++g) {
-    const int64_t size = size_splits[g];
+  for (int64_t g = 0; g < groups.count; ++g) {
+    const int64_t size = groups.size_splits[g];
     if (size <= 0) continue;
     if (size == channels) {  // one run over all positions
-      ActivateGroup(in, 1, positions * channels, 0, g, tables, mode, out);
+      ActivateGroup(in, {1, positions * channels, 0}, g, groups, mode, out);
     } else {
-      ActivateGroup(in + channel, positions, size, channels, g, tables, mode, out + channel);
+      ActivateGroup(in + channel, {positions, size, channels}, g, groups, mode, out + channel);
     }
     channel += size;
   }

@@ -10,10 +10,9 @@
 
 namespace bitfold {
 
-// The bits of ActivateChannelsByDefinition, whose contract it shares, by vector loops.
-void ActivateChannels(const int64_t* in, int64_t positions, int64_t channels,
-                      const ActivationTables& tables, const int64_t* size_splits, int64_t groups,
-                      const ActivationMode& mode, int32_t* out);
+// The bits of DefineActivation, with the same requirements, by vector loops.
+void ComputeActivation(const int64_t* in, const ActivationShape& shape,
+                       const ActivationGroups& groups, const ActivationMode& mode, int32_t* out);
 
 }  // namespace bitfold
 

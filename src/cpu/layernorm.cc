@@ -37,7 +37,8 @@ struct LayerNormLoops {
 #include "vector/vector_loops.inc"
 
 ElementScaling MakeScaling(const LayerNormScale& scale, const LayerNormParams& params) {
-  const bool wide = params.activation_output_mode;
+  const LayerNormOutput output =
+      params.activation_output_mode ? kLayerNormOutput16 : kLayerNormOutput8;
   ElementScaling s;
   s.mean = scale.mean;
   s.factor = scale.factor;
@@ -45,25 +46,25 @@ ElementScaling MakeScaling(const LayerNormScale& scale, const LayerNormParams& p
   s.multiplier = params.mul_act_man;
   s.activation_shift = LayerNormActivationShift(params.mul_act_exp, params.activation_ebias_mode);
   s.bias = params.mul_act_bias;
-  s.out_shift = wide ? 3 : 10;
+  s.out_shift = output.shift;
   s.out_half = 1 << (s.out_shift - 1);
   s.out_mask = (1 << s.out_shift) - 1;
-  s.out_max = wide ? 32767 : 255;
+  s.out_max = (1 << output.bits) - 1;
   return s;
 }
 
 }  // namespace
 
-void RunLayernorm(const float* in, float* out, int vector_size, int width, int height, int batch,
-                  const float* lut, const LayerNormParams& params) {
+void ComputeLayernorm(const float* in, float* out, const LayerNormShape& shape, const float* lut,
+                      const LayerNormParams& params) {
   const LayerNormLoops& loops = CurrentLoops();
   // Of the activation shifts only 64 counts as another one; above it the definition ends the
   // process.
   const bool plain_shift =
       LayerNormActivationShift(params.mul_act_exp, params.activation_ebias_mode) < 64;
+  const int vector_size = shape.vector_size;
   std::vector<int32_t> elements(static_cast<size_t>(vector_size));
-  const int64_t vectors = int64_t{batch} * height * width;
-  for (int64_t v = 0; v < vectors; ++v) {
+  for (int64_t v = 0; v < shape.vectors(); ++v) {
     const float* x = in + v * vector_size;
     float* y = out + v * vector_size;
     int64_t sum;

@@ -8,10 +8,10 @@
 
 namespace bitfold {
 
-// The bits and the assertions of run_layernorm, whose contract it shares, by vector loops. Requires
-// vector_size <= MAX_VECTOR_SIZE.
-void RunLayernorm(const float* in, float* out, int vector_size, int width, int height, int batch,
-                  const float* lut, const LayerNormParams& params);
+// The bits and the assertions of run_layernorm, with the same requirements, by vector loops.
+// Requires shape.vector_size <= MAX_VECTOR_SIZE.
+void ComputeLayernorm(const float* in, float* out, const LayerNormShape& shape, const float* lut,
+                      const LayerNormParams& params);
 
 }  // namespace bitfold
 

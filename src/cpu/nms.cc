@@ -4,197 +4,136 @@
 #include "cpu/nms.h"
 
 #include <algorithm>
-#include <sstream>
+#include <cmath>
+#include <cstdint>
 #include <utility>
 
-#include "bitfold/assertion.h"
 #include "frame/log.h"
+#include "vector/target.h"
 
 namespace bitfold {
 namespace {
 
-// One message. Nothing is formatted when the log filters it.
-template <typename... Parts>
-void Log(const Parts&... parts) {
-  if (!InformationLogIsOn()) return;
-  std::ostringstream text;
-  (text << ... << parts);
-  LogInformation(text.str());
+// Selected boxes as columns, with their areas.
+struct SelectedBoxes {
+  std::vector<float> y_min, x_min, y_max, x_max;
+  std::vector<double> area;
+
+  void Add(const Box& box) {
+    y_min.push_back(box.y_min);
+    x_min.push_back(box.x_min);
+    y_max.push_back(box.y_max);
+    x_max.push_back(box.x_max);
+    area.push_back(SelectedArea(box));
+  }
+};
+
+// A candidate for the tests against the selected boxes.
+struct Candidate {
+  Box box;
+  float pulled_y_max;  // its maximum edges as the overlap takes them
+  float pulled_x_max;
+  double area;
+  double threshold;  // below 2^17
+};
+
+struct NmsLoops {
+  bool (*is_suppressed)(const Candidate&, const SelectedBoxes&, int first, int count);
+};
+
+#define BITFOLD_LOOPS "cpu/nms_loops.inc"
+#define BITFOLD_LOOP_TABLE \
+  NmsLoops { IsSuppressedByAny }
+#include "vector/vector_loops.inc"
+
+constexpr float kLargestCoordinate = 1048576.0f;  // 2^20: areas stay below 2^43
+constexpr uint64_t kThresholdEnd = 131072;        // 2^17: products with them below 2^60
+
+// False for NaN.
+bool IsModerate(const Box& box) {
+  return std::fabs(box.y_min) <= kLargestCoordinate && std::fabs(box.x_min) <= kLargestCoordinate &&
+         std::fabs(box.y_max) <= kLargestCoordinate && std::fabs(box.x_max) <= kLargestCoordinate;
 }
 
-void LogBox(const Box& box) {
-  Log(" y_min=", double{box.y_min}, " x_min=", double{box.x_min}, " y_max=", double{box.y_max},
-      " x_max=", double{box.x_max}, " score=", double{box.score}, "\n");
+// Whether the vector loops give the definition's frame.
+bool AreExact(const std::vector<Box>& boxes, const SuppressionOptions& options) {
+  return !boxes.empty() && options.IouThreshold() < kThresholdEnd &&
+         std::all_of(boxes.begin(), boxes.end(),
+                     [](const Box& box) { return IsModerate(box) && !std::isnan(box.score); });
 }
 
-void LogBoxes(const std::vector<Box>& boxes) {
-  for (const Box& box : boxes) LogBox(box);
-}
-
-std::vector<float> Row(const Box& box) {
-  return {box.y_min, box.x_min, box.y_max, box.x_max, box.score};
-}
-
-bool IsInvalid(const Box& box) { return box.y_max < box.y_min || box.x_max < box.x_min; }
-
-// A score equal to the threshold passes in one variant only.
-bool IsFiltered(const Box& box, const SuppressionOptions& options) {
-  if (IsInvalid(box)) return true;
-  return options.is_velquin ? box.score < options.scores_threshold
-                            : box.score <= options.scores_threshold;
-}
-
-// NaN counts as equal.
-bool IsUnorderedOrEqual(float a, float b) { return !(a < b) && !(a > b); }
-
-// The test of the accelerator: integers of 64 bits, never a quotient.
-bool IsSuppressed(const Box& best, const Box& box, const SuppressionOptions& options) {
-  const auto [union_area, overlap_area] = calculate_areas(best, box, options.debug_precise_numeric);
-  const uint64_t threshold = options.IouThreshold();
-  Log("union_area=", union_area, ", overlap_area=", overlap_area, ", iou_threshold_val=", threshold,
-      ", iou_threshold=", double{options.iou_threshold}, "\n");
-  const uint64_t limit = SaturateToUint64(static_cast<double>(threshold) * union_area) >> 16;
-  return SaturateToUint64(overlap_area) > limit ||
-         (IsUnorderedOrEqual(box.y_min, best.y_min) && IsUnorderedOrEqual(box.x_min, best.x_min) &&
-          IsUnorderedOrEqual(box.y_max, best.y_max) && IsUnorderedOrEqual(box.x_max, best.x_max));
-}
-
-void EraseSuppressed(const Box& best, const SuppressionOptions& options, std::vector<Box>* boxes) {
-  for (auto box = boxes->begin(); box != boxes->end();) {
-    if (IsSuppressed(best, *box, options)) {
-      Log("erasing... :\n");
-      LogBox(*box);
-      box = boxes->erase(box);
-    } else {
-      ++box;
+// The indices of the boxes that can be selected.
+std::vector<int32_t> Selectable(const std::vector<Box>& boxes, const SuppressionOptions& options) {
+  std::vector<int32_t> indices;
+  for (size_t i = 0; i < boxes.size(); ++i) {
+    if (!IsFiltered(boxes[i], options) && IsSelectable(boxes[i], options.is_velquin)) {
+      indices.push_back(static_cast<int32_t>(i));
     }
   }
+  return indices;
+}
+
+Candidate MakeCandidate(const Box& box, const SuppressionOptions& options) {
+  const float pull = EdgePull(options.debug_precise_numeric);
+  return {box, box.y_max - pull, box.x_max - pull, CandidateArea(box),
+          static_cast<double>(options.IouThreshold())};
+}
+
+bool IsSuppressedByOneOf(const Candidate& candidate, const SelectedBoxes& selected) {
+  constexpr int kRun = 64;  // a suppressed candidate is mostly found so early
+  const int count = static_cast<int>(selected.area.size());
+  for (int first = 0; first < count; first += kRun) {
+    const int run = std::min(kRun, count - first);
+    if (CurrentLoops().is_suppressed(candidate, selected, first, run)) return true;
+  }
+  return false;
 }
 
 }  // namespace
 
-std::vector<Box> raw_data_to_boxes(const float* data, size_t size) {
-  BITFOLD_ASSERT(size % 5 == 0, "size % 5 == 0", "src/HNMS",
-                 "std::vector<Box> raw_data_to_boxes(const float*, size_t)");
-  std::vector<Box> boxes;
-  boxes.reserve(size / 5);
-  for (size_t i = 0; i < size; i += 5) {
-    boxes.push_back({data[i], data[i + 1], data[i + 2], data[i + 3], data[i + 4]});
+bool ComputeClassNMS(const std::vector<Box>& boxes, const SuppressionOptions& options,
+                     Frame* frame) {
+  if (!AreExact(boxes, options)) return false;
+  const bool velquin = options.is_velquin;
+  Frame rows;
+  if (!velquin && IsInvalid(*FirstOfGreatestScore(boxes.begin(), boxes.end()))) {
+    rows.emplace_back(5);
   }
-  return boxes;
-}
-
-std::vector<Box>::iterator find_max(std::vector<Box>& boxes, bool velquin) {
-  if (!velquin) {
-    return std::max_element(boxes.begin(), boxes.end(),
-                            [](const Box& a, const Box& b) { return a.score < b.score; });
+  // The candidates leave the heap in the order of their selection; of equal scores the first box
+  // wins, or in the other variant the last.
+  std::vector<int32_t> heap = Selectable(boxes, options);
+  const auto later = [&boxes, velquin](int32_t i, int32_t j) {
+    if (HasLowerScore(boxes[i], boxes[j])) return true;
+    return !HasLowerScore(boxes[j], boxes[i]) && (velquin ? i < j : i > j);
+  };
+  std::make_heap(heap.begin(), heap.end(), later);
+  SelectedBoxes selected;
+  while (!heap.empty() && !(options.max_output_size <= static_cast<float>(rows.size()))) {
+    std::pop_heap(heap.begin(), heap.end(), later);
+    const Box& box = boxes[heap.back()];
+    heap.pop_back();
+    if (IsSuppressedByOneOf(MakeCandidate(box, options), selected)) continue;
+    selected.Add(box);
+    rows.push_back(RowOf(box));
   }
-  auto best = boxes.end();
-  float maximum = 0.0f;
-  for (auto box = boxes.begin(); box != boxes.end(); ++box) {
-    if (box->score >= maximum) {
-      best = box;
-      maximum = box->score;
-    }
-  }
-  return best;
+  *frame = std::move(rows);
+  return true;
 }
 
-Box find_box_with_higest_score(std::vector<Box>& boxes, bool velquin, bool remove) {
-  BITFOLD_ASSERT(!boxes.empty(), "!boxes.empty()", "src/HNMS",
-                 "Box find_box_with_higest_score(std::vector<Box>&, bool, bool)");
-  const auto best = find_max(boxes, velquin);
-  if (best == boxes.end()) return Box{};
-  const Box copy = *best;
-  if (remove) boxes.erase(best);
-  return copy;
-}
-
-std::pair<double, double> calculate_areas(const Box& a, const Box& b, bool precise) {
-  Log("calculate areas between boxes:\n");
-  LogBox(a);
-  LogBox(b);
-  const float d = precise ? 1.0f : 0.0f;
-  const float ix_min = b.x_min > a.x_min ? b.x_min : a.x_min;
-  const float ix_max = b.x_max - d < a.x_max ? b.x_max - d : a.x_max;
-  const float iy_min = b.y_min > a.y_min ? b.y_min : a.y_min;
-  const float iy_max = b.y_max - d < a.y_max ? b.y_max - d : a.y_max;
-  const float w = ix_max - ix_min;
-  const float h = iy_max - iy_min;
-  double overlap = 0.0;
-  if (w > -1.0f && h > -1.0f) overlap = double{w + 1.0f} * double{h + 1.0f};
-  const double area_b = ((b.x_max + 1.0f) - b.x_min) * ((b.y_max + 1.0f) - b.y_min);
-  const double area_a = double{(a.x_max + 1.0f) - a.x_min} * double{(a.y_max + 1.0f) - a.y_min};
-  return {(area_b + area_a) - overlap, overlap};
-}
-
-void pad_frame(Frame& frame, size_t size) {
-  if (frame.size() < size) frame.resize(size, std::vector<float>(5));
-}
-
-void print_3d_vector(const std::vector<Frame>& result) {
-  if (!InformationLogIsOn()) return;
-  for (const Frame& frame : result) {
-    for (const std::vector<float>& row : frame) {
-      for (const float number : row) Log(number, " ");
-      Log("\n");
-    }
-    Log("\n");
-  }
-}
-
-uint64_t SaturateToUint64(double x) {
-  constexpr double kEnd = 18446744073709551616.0;  // 2^64
-  if (!(x > 0.0)) return 0;
-  return x < kEnd ? static_cast<uint64_t>(x) : UINT64_MAX;
-}
-
-Frame SuppressClass(std::vector<Box> boxes, const SuppressionOptions& options) {
-  Frame frame;
-  if (!options.is_velquin && IsInvalid(find_box_with_higest_score(boxes, false, false))) {
-    frame.emplace_back(5);  // counts as a row like any other
-  }
-  boxes.erase(std::remove_if(boxes.begin(), boxes.end(),
-                             [&options](const Box& box) { return IsFiltered(box, options); }),
-              boxes.end());
-  Log("after filter:\n");
-  LogBoxes(boxes);
-  while (!boxes.empty() && !(options.max_output_size <= static_cast<float>(frame.size()))) {
-    Log("boxes size = ", boxes.size(), " class_boxes size = ", frame.size());
-    if (find_max(boxes, options.is_velquin) == boxes.end()) break;  // negative and NaN scores
-    const Box best = find_box_with_higest_score(boxes, options.is_velquin, true);
-    frame.push_back(Row(best));
-    EraseSuppressed(best, options, &boxes);
-  }
-  return frame;
-}
-
-std::vector<Frame> NMSTensor(const float* value, float scores_threshold, float iou_threshold,
-                             float max_output_size, int32_t b, int32_t d1, int32_t d2, int32_t d3,
-                             int32_t k, bool debug_precise_numeric, bool is_velquin) {
-  const SuppressionOptions options{scores_threshold, iou_threshold, max_output_size,
-                                   debug_precise_numeric, is_velquin};
-  const int64_t entry = int64_t{d1} * d2 * d3;
-  const size_t share = static_cast<size_t>(entry / k);
+std::vector<Frame> ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options) {
+  if (InformationLogIsOn()) return NMSTensor(in, options, LogInformation);
   std::vector<Frame> result;
-  for (int32_t batch = 0; batch < b; ++batch) {
-    for (int32_t c = 0; c < k; ++c) {
-      Log("batch = ", batch, " class = ", c, "\n");
-      const float* data = value + batch * entry + static_cast<int64_t>(c * share);
-      std::vector<Box> boxes = raw_data_to_boxes(data, share);
-      LogBoxes(boxes);
+  for (int32_t batch = 0; batch < in.b; ++batch) {
+    for (int32_t c = 0; c < in.k; ++c) {
+      std::vector<Box> boxes = in.BoxesOf(batch, c);
       Frame frame;
-      if (InformationLogIsOn() || !SuppressClassQuietly(boxes, options, &frame)) {
-        frame = SuppressClass(std::move(boxes), options);
+      if (!ComputeClassNMS(boxes, options, &frame)) {
+        frame = DefineClassNMS(std::move(boxes), options, nullptr);
       }
-      pad_frame(frame, SaturateToUint64(max_output_size));
+      pad_frame(frame, SaturateToUint64(options.max_output_size));
       result.push_back(std::move(frame));
     }
   }
-  Log("final:\n");
-  print_3d_vector(result);
-  Log("vec size = ", result.size(),
-      ", internal_size = ", result.empty() ? size_t{0} : result[0].size(), "\n");
   return result;
 }
 

@@ -38,8 +38,8 @@ float SumInOrder(const std::vector<int32_t>& exponentials, int64_t total) {
 
 }  // namespace
 
-void RunSoftmax(const float* in, float* out, int total, int num_vectors, const uint32_t* lut_table,
-                bool is_velquin) {
+void ComputeSoftmax(const float* in, float* out, int total, int num_vectors,
+                    const uint32_t* lut_table, bool is_velquin) {
   if (num_vectors <= 0 || total < num_vectors) return;
   uint16_t exp_lut[kSoftmaxRows];
   SoftmaxSum sums[kSoftmaxRows];

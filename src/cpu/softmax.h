@@ -8,9 +8,9 @@
 
 namespace bitfold {
 
-// The bits and the printed lines of run_softmax, whose contract it shares, by vector loops.
-void RunSoftmax(const float* in, float* out, int total, int num_vectors, const uint32_t* lut_table,
-                bool is_velquin);
+// The bits and the printed lines of run_softmax, with the same requirements, by vector loops.
+void ComputeSoftmax(const float* in, float* out, int total, int num_vectors,
+                    const uint32_t* lut_table, bool is_velquin);
 
 }  // namespace bitfold
 

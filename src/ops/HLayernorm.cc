@@ -5,6 +5,9 @@
 
 #include "bitfold/HLayernorm.h"
 
+#include <cstdint>
+#include <type_traits>
+
 #include "cpu/layernorm.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
@@ -40,39 +43,56 @@ REGISTER_OP("HLayernorm")
 
 namespace {
 
-// Element 0 of the uint32 input called `name`, in single precision: exact up to 2^24. Requires a
-// non-empty tensor.
-float get_value(OpKernelContext* context, const char* name) {
-  const Tensor* input_tensor = nullptr;
-  TF_CHECK_OK(context->input(name, &input_tensor));
-  return static_cast<float>(input_tensor->flat<uint32_t>()(0));
+// The scalar inputs stand between value and lut.
+constexpr int kFirstScalar = 1;
+
+struct ScalarInput {
+  const char* name;
+  void (*set)(LayerNormParams* params, float value);
+};
+
+// 32-bit fields keep the low bits of the value as an int64, narrower ones of the value as an int32;
+// a flag tells whether it is not 0.
+template <auto kField>
+void Set(LayerNormParams* params, float value) {
+  auto& field = params->*kField;
+  using Field = std::remove_reference_t<decltype(field)>;
+  if constexpr (std::is_same_v<Field, bool>) {
+    field = value != 0.0f;
+  } else if constexpr (std::is_same_v<Field, uint32_t>) {
+    field = static_cast<uint32_t>(TruncateToInt64(value));
+  } else {
+    field = static_cast<Field>(static_cast<uint32_t>(TruncateToInt32(value)));
+  }
 }
 
-// 32-bit fields keep the low bits of the value as an int64, narrower ones of the value as an int32.
-uint32_t WideField(float value) { return static_cast<uint32_t>(TruncateToInt64(value)); }
+// In the order of registration.
+constexpr ScalarInput kScalars[] = {
+    {"zero_point", Set<&LayerNormParams::zero_point>},
+    {"exponent_sub_value", Set<&LayerNormParams::exponent_sub_value>},
+    {"sum_of_x_mult", Set<&LayerNormParams::sum_of_x_mult>},
+    {"sum_of_x_shift", Set<&LayerNormParams::sum_of_x_shift>},
+    {"sum_of_x_mult_n_shift", Set<&LayerNormParams::sum_of_x_mult_n_shift>},
+    {"x_squared_mult", Set<&LayerNormParams::x_squared_mult>},
+    {"sum_of_x_squares_shift", Set<&LayerNormParams::sum_of_x_squares_shift>},
+    {"epsilon", Set<&LayerNormParams::epsilon>},
+    {"mul_act_man", Set<&LayerNormParams::mul_act_man>},
+    {"mul_act_exp", Set<&LayerNormParams::mul_act_exp>},
+    {"mul_act_bias", Set<&LayerNormParams::mul_act_bias>},
+    {"rms_mode_enable", Set<&LayerNormParams::rms_mode_enable>},
+    {"activation_ebias_mode", Set<&LayerNormParams::activation_ebias_mode>},
+    {"activation_output_mode", Set<&LayerNormParams::activation_output_mode>},
+};
 
-template <typename Field>
-Field NarrowField(float value) {
-  return static_cast<Field>(static_cast<uint32_t>(TruncateToInt32(value)));
+// Element 0 of a uint32 input in single precision: exact up to 2^24. Requires a non-empty tensor.
+float get_value(OpKernelContext* context, int index) {
+  return static_cast<float>(context->input(index).flat<uint32_t>()(0));
 }
 
 LayerNormParams ReadLayerNormParams(OpKernelContext* context) {
-  const auto value = [context](const char* name) { return get_value(context, name); };
   LayerNormParams params;
-  params.epsilon = WideField(value("epsilon"));
-  params.sum_of_x_squares_shift = NarrowField<uint8_t>(value("sum_of_x_squares_shift"));
-  params.x_squared_mult = NarrowField<uint16_t>(value("x_squared_mult"));
-  params.sum_of_x_mult_n_shift = NarrowField<uint8_t>(value("sum_of_x_mult_n_shift"));
-  params.sum_of_x_shift = NarrowField<uint8_t>(value("sum_of_x_shift"));
-  params.sum_of_x_mult = NarrowField<uint16_t>(value("sum_of_x_mult"));
-  params.exponent_sub_value = NarrowField<uint8_t>(value("exponent_sub_value"));
-  params.zero_point = NarrowField<uint16_t>(value("zero_point"));
-  params.mul_act_bias = WideField(value("mul_act_bias"));
-  params.mul_act_exp = NarrowField<uint8_t>(value("mul_act_exp"));
-  params.mul_act_man = NarrowField<uint16_t>(value("mul_act_man"));
-  params.rms_mode_enable = value("rms_mode_enable") != 0.0f;
-  params.activation_ebias_mode = value("activation_ebias_mode") != 0.0f;
-  params.activation_output_mode = value("activation_output_mode") != 0.0f;
+  int index = kFirstScalar;
+  for (const ScalarInput& scalar : kScalars) scalar.set(&params, get_value(context, index++));
   return params;
 }
 
@@ -89,13 +109,11 @@ class HLayernormOp : public tensorflow::OpKernel {
         "[with Device = Eigen::ThreadPoolDevice]";
     const Tensor& value = context->input(0);
     OP_REQUIRES_OK(context, Check(context));
-    const int batch = static_cast<int>(value.dim_size(0));
-    const int height = static_cast<int>(value.dim_size(1));
-    const int width = static_cast<int>(value.dim_size(2));
-    const int vector_size = static_cast<int>(value.dim_size(3));
-    BITFOLD_LAYERNORM_ASSERT(vector_size <= MAX_VECTOR_SIZE, "vector_size <= MAX_VECTOR_SIZE",
+    const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
+    const LayerNormShape shape{size(3), size(2), size(1), size(0)};
+    BITFOLD_LAYERNORM_ASSERT(shape.vector_size <= MAX_VECTOR_SIZE, "vector_size <= MAX_VECTOR_SIZE",
                              kFunction);
-    BITFOLD_LAYERNORM_ASSERT(WrapMultiply(width, height) <= MAX_NUM_VECTORS_IN_BATCH,
+    BITFOLD_LAYERNORM_ASSERT(WrapMultiply(shape.width, shape.height) <= MAX_NUM_VECTORS_IN_BATCH,
                              "(width_size * hight_size) <= MAX_NUM_VECTORS_IN_BATCH", kFunction);
     const LayerNormParams params = ReadLayerNormParams(context);
     const Tensor* lut_table = nullptr;
@@ -106,36 +124,22 @@ class HLayernormOp : public tensorflow::OpKernel {
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
     const DefaultFloatingPointScope scope;
-    RunLayernorm(value.flat<float>().data(), output->flat<float>().data(), vector_size, width,
-                 height, batch, lut_table->flat<float>().data(), params);
+    ComputeLayernorm(value.flat<float>().data(), output->flat<float>().data(), shape,
+                     lut_table->flat<float>().data(), params);
   }
 
  private:
-  // Rank 4, and an element 0 in each of the scalar inputs, which stand between value and lut.
+  // Rank 4, and an element 0 in each of the scalar inputs.
   static absl::Status Check(OpKernelContext* context) {
-    constexpr const char* kScalars[] = {"zero_point",
-                                        "exponent_sub_value",
-                                        "sum_of_x_mult",
-                                        "sum_of_x_shift",
-                                        "sum_of_x_mult_n_shift",
-                                        "x_squared_mult",
-                                        "sum_of_x_squares_shift",
-                                        "epsilon",
-                                        "mul_act_man",
-                                        "mul_act_exp",
-                                        "mul_act_bias",
-                                        "rms_mode_enable",
-                                        "activation_ebias_mode",
-                                        "activation_output_mode"};
     const Tensor& value = context->input(0);
     if (value.dims() != 4) {
       return absl::InvalidArgumentError(
           absl::StrCat("Need value of rank 4, got shape ", value.shape().DebugString()));
     }
     TF_RETURN_IF_ERROR(RequireInt32Dimensions("value", value));
-    int index = 1;
-    for (const char* name : kScalars) {
-      TF_RETURN_IF_ERROR(RequireScalar(name, context->input(index++)));
+    int index = kFirstScalar;
+    for (const ScalarInput& scalar : kScalars) {
+      TF_RETURN_IF_ERROR(RequireScalar(scalar.name, context->input(index++)));
     }
     return absl::OkStatus();
   }

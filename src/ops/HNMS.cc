@@ -10,6 +10,7 @@
 #include <limits>
 #include <new>
 
+#include "cpu/nms.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -55,12 +56,15 @@ class HNMSOp : public tensorflow::OpKernel {
     }
     OP_REQUIRES_OK(context, Check(value, scores_threshold));
     const auto size = [&value](int i) { return static_cast<int32_t>(value.dim_size(i)); };
+    const auto classes = static_cast<int32_t>(classes_);
+    const SuppressionInput in{
+        value.flat<float>().data(), size(0), size(1), size(2), size(3), classes};
+    const SuppressionOptions options{scores_threshold.flat<float>()(0), iou_threshold_,
+                                     max_output_size_, debug_precise_numeric_, is_velquin_};
     const DefaultFloatingPointScope scope;
     std::vector<Frame> frames;
     try {
-      frames = NMSTensor(value.flat<float>().data(), scores_threshold.flat<float>()(0),
-                         iou_threshold_, max_output_size_, size(0), size(1), size(2), size(3),
-                         static_cast<int32_t>(classes_), debug_precise_numeric_, is_velquin_);
+      frames = ComputeNMS(in, options);
     } catch (const std::bad_alloc&) {
       OP_REQUIRES(context, false,
                   absl::ResourceExhaustedError(absl::StrCat(

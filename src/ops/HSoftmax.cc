@@ -45,10 +45,10 @@ class HSoftmaxOp : public tensorflow::OpKernel {
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
     const DefaultFloatingPointScope scope;
-    RunSoftmax(value.flat<float>().data(), output->flat<float>().data(),
-               static_cast<int>(value.NumElements()),
-               value.dims() > 1 ? static_cast<int>(value.dim_size(0)) : 1,
-               lut_table.flat<uint32_t>().data(), is_velquin_);
+    ComputeSoftmax(value.flat<float>().data(), output->flat<float>().data(),
+                   static_cast<int>(value.NumElements()),
+                   value.dims() > 1 ? static_cast<int>(value.dim_size(0)) : 1,
+                   lut_table.flat<uint32_t>().data(), is_velquin_);
   }
 
  private:

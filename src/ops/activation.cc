@@ -67,13 +67,15 @@ class Activation : public tensorflow::OpKernel {
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, context->input(0).shape(), &output));
     if (UsedChannels(context->input(5)) < channels) ZeroFill(output, 0);
-    const ActivationTables tables = {{x_points.data(), x_points.dimension(1)},
+    const ActivationGroups groups = {{x_points.data(), x_points.dimension(1)},
                                      {offsets.data(), offsets.dimension(1)},
                                      {slopes_m.data(), slopes_m.dimension(1)},
-                                     {slopes_e.data(), slopes_e.dimension(1)}};
+                                     {slopes_e.data(), slopes_e.dimension(1)},
+                                     size_splits.data(),
+                                     size_splits.dimension(0)};
     const int64_t positions = inp.dimension(0) * inp.dimension(1) * inp.dimension(2);
-    ActivateChannels(inp.data(), positions, channels, tables, size_splits.data(),
-                     size_splits.dimension(0), mode_, output->flat<int32_t>().data());
+    ComputeActivation(inp.data(), {positions, channels}, groups, mode_,
+                      output->flat<int32_t>().data());
   }
 
  private:

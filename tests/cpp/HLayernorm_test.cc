@@ -16,12 +16,13 @@
 
 #include "support/assertion_text.h"
 #include "support/compare.h"
+#include "support/int64.h"
 #include "support/layernorm_case.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {
@@ -356,7 +357,7 @@ void MarkPaths(const LayerNormCase& c, Target target) {
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
     const auto same =
-        SameOutputs(c, definition, testing::RunLayerNormBy(c, RunLayernorm, offset), name);
+        SameOutputs(c, definition, testing::RunLayerNormBy(c, ComputeLayernorm, offset), name);
     if (!same) return same;
     MarkPaths(c, target);
   }
@@ -425,7 +426,7 @@ TEST(HLayernorm, OutputsSaturate) {
     c.params.mul_act_bias = 0;
     c.params.mul_act_man = 65535;
     c.params.mul_act_exp = 0;
-    const auto out = testing::RunLayerNormBy(c, RunLayernorm);
+    const auto out = testing::RunLayerNormBy(c, ComputeLayernorm);
     EXPECT_EQ(out[0], 0.0f);
     EXPECT_EQ(out[2], wide ? 32767.0f : 255.0f);
     ASSERT_TRUE(Check(c));
@@ -497,7 +498,7 @@ TEST(HLayernorm, WritesItsOutputAlone) {
     for (const int size : testing::LaneSizes()) {
       LayerNormCase c = PlainCase(std::vector<float>(static_cast<size_t>(size), 3.0f));
       std::vector<float> out(static_cast<size_t>(size) + 64, 77.0f);
-      RunLayernorm(c.in.data(), out.data(), size, 1, 1, 1, c.lut.data(), c.params);
+      ComputeLayernorm(c.in.data(), out.data(), {size, 1, 1, 1}, c.lut.data(), c.params);
       for (size_t i = static_cast<size_t>(size); i < out.size(); ++i) {
         ASSERT_EQ(out[i], 77.0f) << name << " wrote element " << i << " of " << size;
       }
@@ -539,7 +540,7 @@ TEST(HLayernormDeathTest, Primitives) {
 }
 
 TEST(HLayernormDeathTest, WholeVectors) {
-  for (const auto run : {run_layernorm, RunLayernorm}) {
+  for (const auto run : {run_layernorm, ComputeLayernorm}) {
     const auto dies = [run](const LayerNormCase& c) { testing::RunLayerNormBy(c, run); };
     LayerNormCase c = PlainCase({5.0f, 5.0f});
     c.params.zero_point = 5;
@@ -574,7 +575,8 @@ TEST(HLayernormDeathTest, TheFirstFailureIsReported) {
   const std::string first = reference::LayernormFailure(StatusOf(c));
   ASSERT_EQ(first, "shift_amount <= 64");
   EXPECT_DEATH(testing::RunLayerNormBy(c, run_layernorm), Failure(kRoundingShift, first.c_str()));
-  EXPECT_DEATH(testing::RunLayerNormBy(c, RunLayernorm), Failure(kRoundingShift, first.c_str()));
+  EXPECT_DEATH(testing::RunLayerNormBy(c, ComputeLayernorm),
+               Failure(kRoundingShift, first.c_str()));
 }
 
 }  // namespace

@@ -16,15 +16,16 @@
 #include <utility>
 #include <vector>
 
+#include "frame/log.h"
 #include "support/assertion_text.h"
 #include "support/compare.h"
 #include "support/ledger.h"
 #include "support/log_stub.h"
 #include "support/nms_boxes.h"
 #include "support/nms_case.h"
-#include "support/numeric.h"
 #include "support/random.h"
 #include "support/scale.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {
@@ -127,30 +128,30 @@ using Areas = std::pair<double, double>;
 
 TEST(HNMS, AreasOfTwoBoxes) {
   const Box ten = {0, 0, 9, 9, 0};
-  EXPECT_EQ(calculate_areas(ten, ten, false), Areas(100, 100));
-  EXPECT_EQ(calculate_areas(ten, ten, true), Areas(119, 81));
+  EXPECT_EQ(calculate_areas(ten, ten, false, nullptr), Areas(100, 100));
+  EXPECT_EQ(calculate_areas(ten, ten, true, nullptr), Areas(119, 81));
   const Box near = {0, 0, 4, 4, 0};
   const Box far = {10, 10, 14, 14, 0};
   for (const bool precise : {false, true}) {
-    EXPECT_EQ(calculate_areas(near, far, precise), Areas(50, 0));
-    EXPECT_EQ(calculate_areas(far, near, precise), Areas(50, 0));
+    EXPECT_EQ(calculate_areas(near, far, precise, nullptr), Areas(50, 0));
+    EXPECT_EQ(calculate_areas(far, near, precise, nullptr), Areas(50, 0));
   }
   // They touch in a strip of one pixel; with `precise` the second's edge is pulled in.
   const Box right = {0, 4, 9, 9, 0};
   const Box left = {0, 0, 9, 4, 0};
-  EXPECT_EQ(calculate_areas(right, left, false).second, 10);
-  EXPECT_EQ(calculate_areas(left, right, false).second, 10);
-  EXPECT_EQ(calculate_areas(right, left, true).second, 0);
+  EXPECT_EQ(calculate_areas(right, left, false, nullptr).second, 10);
+  EXPECT_EQ(calculate_areas(left, right, false, nullptr).second, 10);
+  EXPECT_EQ(calculate_areas(right, left, true, nullptr).second, 0);
   // Swapped, the height of the second is pulled in alone: 9 of 10.
-  EXPECT_EQ(calculate_areas(left, right, true).second, 9);
+  EXPECT_EQ(calculate_areas(left, right, true, nullptr).second, 9);
 }
 
 // The first box's area has all its digits, the second's those of a single.
 TEST(HNMS, AreasHaveTheirPrecisions) {
   const Box large = {0, 0, 4096, 4098, 0};  // 4097 * 4099 = 16793603, above 2^24
   const Box far = {-10, -10, -9, -9, 0};    // 4
-  EXPECT_EQ(calculate_areas(large, far, false).first, 16793607);
-  EXPECT_EQ(calculate_areas(far, large, false).first, 16793608);
+  EXPECT_EQ(calculate_areas(large, far, false, nullptr).first, 16793607);
+  EXPECT_EQ(calculate_areas(far, large, false, nullptr).first, 16793608);
 }
 
 TEST(HNMS, AreasAgainstOracle) {
@@ -165,7 +166,7 @@ TEST(HNMS, AreasAgainstOracle) {
       const reference::NmsAreas expected = reference::CalculateAreas(
           {a.y_min, a.x_min, a.y_max, a.x_max, a.score},
           {b.y_min, b.x_min, b.y_max, b.x_max, b.score}, precise, nullptr);
-      const auto [union_area, overlap] = calculate_areas(a, b, precise);
+      const auto [union_area, overlap] = calculate_areas(a, b, precise, nullptr);
       NmsCase shown;
       shown.boxes = boxes;
       const auto same = [](double p, double q) { return p == q || (p != p && q != q); };
@@ -190,13 +191,13 @@ TEST(HNMS, PaddingAddsRowsOfZeros) {
 
 TEST(HNMS, EveryNumberIsAMessage) {
   const testing::InformationLog on(true);
-  print_3d_vector({});
+  print_3d_vector({}, LogInformation);
   EXPECT_TRUE(testing::LoggedInformation().empty());
-  print_3d_vector({{{1, 2.5f}, {0.125f}}, {{3}}});
+  print_3d_vector({{{1, 2.5f}, {0.125f}}, {{3}}}, LogInformation);
   EXPECT_EQ(testing::LoggedInformation(),
             (std::vector<std::string>{"1 ", "2.5 ", "\n", "0.125 ", "\n", "\n", "3 ", "\n", "\n"}));
-  const testing::InformationLog off(false);
-  print_3d_vector({{{1, 2.5f}}});
+  testing::LoggedInformation().clear();
+  print_3d_vector({{{1, 2.5f}}}, nullptr);
   EXPECT_TRUE(testing::LoggedInformation().empty());
 }
 
@@ -348,14 +349,14 @@ TEST(HNMS, MessagesOfASmallCase) {
 
 TEST(HNMS, NoEntry) {
   const testing::InformationLog on(true);
-  EXPECT_TRUE(NMSTensor(nullptr, 0, 0.5f, 3, 0, 4, 5, 1, 2, false, false).empty());
+  EXPECT_TRUE(ComputeNMS({nullptr, 0, 4, 5, 1, 2}, {0, 0.5f, 3, false, false}).empty());
   EXPECT_EQ(testing::LoggedInformation(),
             (std::vector<std::string>{"final:\n", "vec size = 0, internal_size = 0\n"}));
 }
 
 TEST(HNMS, NoBoxForVelquin) {
   const testing::InformationLog off(false);
-  const auto frames = NMSTensor(nullptr, 0, 0.5f, 2, 1, 0, 5, 1, 1, false, true);
+  const auto frames = ComputeNMS({nullptr, 1, 0, 5, 1, 1}, {0, 0.5f, 2, false, true});
   EXPECT_EQ(frames, (std::vector<Frame>{Frame(2, std::vector<float>(5))}));
 }
 
@@ -373,8 +374,14 @@ TEST(HNMSDeathTest, Assertions) {
   EXPECT_DEATH(find_box_with_higest_score(none, false, false), empty);
   EXPECT_DEATH(find_box_with_higest_score(none, true, true), empty);
   // A share of 20 / 3 numbers; no box in a share.
-  EXPECT_DEATH(NMSTensor(data.data(), 0, 0.5f, 1, 1, 4, 5, 1, 3, false, true), partial);
-  EXPECT_DEATH(NMSTensor(data.data(), 0, 0.5f, 1, 1, 0, 5, 1, 1, false, false), empty);
+  const SuppressionInput thirds = {data.data(), 1, 4, 5, 1, 3};
+  const SuppressionInput nothing = {data.data(), 1, 0, 5, 1, 1};
+  const SuppressionOptions velquin = {0, 0.5f, 1, false, true};
+  const SuppressionOptions other = {0, 0.5f, 1, false, false};
+  EXPECT_DEATH(NMSTensor(thirds, velquin, nullptr), partial);
+  EXPECT_DEATH(ComputeNMS(thirds, velquin), partial);
+  EXPECT_DEATH(NMSTensor(nothing, other, nullptr), empty);
+  EXPECT_DEATH(ComputeNMS(nothing, other), empty);
 }
 
 // ---- The definition against the oracle, the quiet form against the definition ------------------
@@ -443,15 +450,15 @@ TEST(HNMS, ExtremeNumbersAnywhere) {
 // It takes the case, and gives the definition's rows, on every target.
 ::testing::AssertionResult QuietTakes(const NmsCase& c) {
   const testing::InformationLog off(false);
-  const std::vector<Frame> expected = {SuppressClass(c.boxes, c.Options())};
+  const std::vector<Frame> expected = {DefineClassNMS(c.boxes, c.Options(), nullptr)};
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
     Frame frame = {{1, 2, 3, 4, 5}};
-    if (!SuppressClassQuietly(c.boxes, c.Options(), &frame)) {
+    if (!ComputeClassNMS(c.boxes, c.Options(), &frame)) {
       return ::testing::AssertionFailure() << "declined " << c.Text();
     }
-    const auto same = testing::SameFrames(
-        expected, {frame}, std::string("SuppressClassQuietly, ") + name + " " + c.Text());
+    const auto same = testing::SameFrames(expected, {frame},
+                                          std::string("ComputeClassNMS, ") + name + " " + c.Text());
     if (!same) return same;
     Ran(testing::OnTarget(testing::Path::kNmsPortable, target));
   }
@@ -502,7 +509,7 @@ TEST(HNMSQuietly, SuppressedByABoxAnywhere) {
       c.boxes.back() = {at, 0, at + 8, 9, 0.5f};
       ASSERT_TRUE(QuietTakes(c));
       Frame frame;
-      ASSERT_TRUE(SuppressClassQuietly(c.boxes, c.Options(), &frame));
+      ASSERT_TRUE(ComputeClassNMS(c.boxes, c.Options(), &frame));
       ASSERT_EQ(frame.size(), static_cast<size_t>(selected)) << by;
     }
   }
@@ -538,7 +545,7 @@ TEST(HNMSQuietly, DeclinesWhatTheDefinitionIsNeededFor) {
   const auto declines = [](const NmsCase& declined) {
     const testing::InformationLog off(false);
     Frame frame = {{1, 2, 3, 4, 5}};
-    EXPECT_FALSE(SuppressClassQuietly(declined.boxes, declined.Options(), &frame));
+    EXPECT_FALSE(ComputeClassNMS(declined.boxes, declined.Options(), &frame));
     EXPECT_EQ(frame, (Frame{{1, 2, 3, 4, 5}}));
     if (declined.boxes.empty()) return;
     EXPECT_TRUE(CheckNms(declined));

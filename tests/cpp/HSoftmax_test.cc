@@ -17,11 +17,11 @@
 
 #include "support/compare.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/softmax_case.h"
 #include "support/tables.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {
@@ -61,7 +61,7 @@ Path PathOf(Target target) {
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
     const auto same =
-        SameOutputs(c, definition, testing::RunSoftmaxBy(c, RunSoftmax, offset), name);
+        SameOutputs(c, definition, testing::RunSoftmaxBy(c, ComputeSoftmax, offset), name);
     if (!same) return same;
     Ran(PathOf(target));
     if (in_order) Ran(Path::kSoftmaxSumInOrder);
@@ -233,17 +233,17 @@ TEST(HSoftmax, SumsAround24Bits) {
 
 TEST(HSoftmax, OverflowIsReported) {
   SoftmaxCase c = SumAround24Bits(-1, 0, false);
-  EXPECT_EQ(testing::RunSoftmaxBy(c, RunSoftmax).lines, "");
+  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, "");
   c = SumAround24Bits(0, 0, false);
-  EXPECT_EQ(testing::RunSoftmaxBy(c, RunSoftmax).lines, kWarning);
+  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, kWarning);
   c.is_velquin = true;
-  EXPECT_EQ(testing::RunSoftmaxBy(c, RunSoftmax).lines, "");
+  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, "");
   // Once for each vector.
   c.is_velquin = false;
   const std::vector<float> once = c.in;
   c.in.insert(c.in.end(), once.begin(), once.end());
   c.vectors = 2;
-  EXPECT_EQ(testing::RunSoftmaxBy(c, RunSoftmax).lines, std::string(kWarning) + kWarning);
+  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, std::string(kWarning) + kWarning);
   ASSERT_TRUE(Check(c));
 }
 
@@ -419,7 +419,7 @@ TEST(HSoftmax, WritesItsOutputAlone) {
     for (const int size : testing::LaneSizes()) {
       const std::vector<float> in(static_cast<size_t>(size), 1.0f);
       std::vector<float> out(static_cast<size_t>(size) + 64, 77.0f);
-      RunSoftmax(in.data(), out.data(), size, 1, table.data(), true);
+      ComputeSoftmax(in.data(), out.data(), size, 1, table.data(), true);
       for (size_t i = static_cast<size_t>(size); i < out.size(); ++i) {
         ASSERT_EQ(out[i], 77.0f) << name << " wrote element " << i << " of " << size;
       }

@@ -16,11 +16,12 @@
 
 #include "support/activation_case.h"
 #include "support/compare.h"
+#include "support/int64.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {
@@ -179,15 +180,14 @@ void MarkPaths(const ActivationCase& c, Target target) {
   if (status != reference::ActivationStatus::kOk) {
     return ::testing::AssertionFailure() << "the case is refused";
   }
-  const auto zeroed =
-      testing::RunActivationBy(c, ActivateChannelsByDefinition, offset, /*unwritten=*/0);
+  const auto zeroed = testing::RunActivationBy(c, DefineActivation, offset, /*unwritten=*/0);
   const auto oracle = testing::SameArrays(expected.data(), zeroed.data(), c.count(),
                                           "HActivation definition", describe);
   if (!oracle) return oracle;
-  const auto definition = testing::RunActivationBy(c, ActivateChannelsByDefinition, offset);
+  const auto definition = testing::RunActivationBy(c, DefineActivation, offset);
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
-    const auto actual = testing::RunActivationBy(c, ActivateChannels, offset);
+    const auto actual = testing::RunActivationBy(c, ComputeActivation, offset);
     const auto same = testing::SameArrays(definition.data(), actual.data(), c.count(),
                                           std::string("HActivation ") + name, describe);
     if (!same) return same;
@@ -409,11 +409,11 @@ TEST(Activation, ProductOfTheSmallestInt64) {
 TEST(Activation, UnusedSettings) {
   Random random(0xbe7a);
   ActivationCase c = DrawCase(&random, Points::kSmall, 7, 2, {50}, 0);
-  const auto expected = testing::RunActivationBy(c, ActivateChannels);
+  const auto expected = testing::RunActivationBy(c, ComputeActivation);
   for (const int32_t beta : {0, 1, -1, INT32_MAX, INT32_MIN}) {
     c.mode.beta = beta;
     c.mode.is_signed_output = !c.mode.is_signed_output;
-    const auto actual = testing::RunActivationBy(c, ActivateChannels);
+    const auto actual = testing::RunActivationBy(c, ComputeActivation);
     EXPECT_TRUE(testing::SameArrays(expected.data(), actual.data(), c.count(), "unused settings",
                                     [&c](int64_t i) { return c.Inputs(i); }));
   }

@@ -14,8 +14,8 @@
 #include "chain/dot_tile.h"
 #include "support/buffer.h"
 #include "support/compare.h"
-#include "support/numeric.h"
 #include "support/random.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {

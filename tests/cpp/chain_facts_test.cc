@@ -20,9 +20,9 @@
 #include "chain/pack.h"
 #include "support/buffer.h"
 #include "support/compare.h"
-#include "support/numeric.h"
 #include "support/random.h"
 #include "support/tables.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {

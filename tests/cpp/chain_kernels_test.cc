@@ -20,10 +20,10 @@
 #include "support/buffer.h"
 #include "support/compare.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
 #include "support/random.h"
 #include "support/scale.h"
 #include "support/tables.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {

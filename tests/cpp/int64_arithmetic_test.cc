@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "reference/exact.h"
-#include "support/numeric.h"
+#include "support/int64.h"
 #include "support/random.h"
 #include "support/scale.h"
 

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {

@@ -20,9 +20,9 @@
 #include "support/capture.h"
 #include "support/compare.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
 #include "support/random.h"
 #include "support/tables.h"
+#include "support/targets.h"
 
 namespace bitfold {
 namespace {

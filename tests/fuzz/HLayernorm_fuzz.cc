@@ -9,7 +9,7 @@
 
 #include "fuzz_input.h"
 #include "support/layernorm_case.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 namespace {
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   RequireSame(oracle.data(), definition.data(), c.count(), "definition", describe);
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
-    const auto loops = RunLayerNormBy(c, bitfold::RunLayernorm, offset);
+    const auto loops = RunLayerNormBy(c, bitfold::ComputeLayernorm, offset);
     RequireSame(definition.data(), loops.data(), c.count(), name, describe);
   }
   return 0;

@@ -8,8 +8,8 @@
 #include <cstdint>
 
 #include "fuzz_input.h"
-#include "support/numeric.h"
 #include "support/softmax_case.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 namespace {
@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   RequireSameText(oracle.lines, definition.lines, "definition", describe(0));
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
-    const auto loops = RunSoftmaxBy(c, bitfold::RunSoftmax, offset);
+    const auto loops = RunSoftmaxBy(c, bitfold::ComputeSoftmax, offset);
     RequireSame(definition.values.data(), loops.values.data(), c.count(), name, describe);
     RequireSameText(definition.lines, loops.lines, name, describe(0));
   }

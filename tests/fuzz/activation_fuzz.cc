@@ -10,7 +10,7 @@
 
 #include "fuzz_input.h"
 #include "support/activation_case.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 namespace {
@@ -67,12 +67,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   reference::ActivationStatus status;
   const auto oracle = OracleActivation(c, &status);
   if (status != reference::ActivationStatus::kOk) return 0;
-  const auto zeroed = RunActivationBy(c, bitfold::ActivateChannelsByDefinition, offset, 0);
+  const auto zeroed = RunActivationBy(c, bitfold::DefineActivation, offset, 0);
   RequireSame(oracle.data(), zeroed.data(), c.count(), "definition", describe);
-  const auto definition = RunActivationBy(c, bitfold::ActivateChannelsByDefinition, offset);
+  const auto definition = RunActivationBy(c, bitfold::DefineActivation, offset);
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
-    const auto loops = RunActivationBy(c, bitfold::ActivateChannels, offset);
+    const auto loops = RunActivationBy(c, bitfold::ComputeActivation, offset);
     RequireSame(definition.data(), loops.data(), c.count(), name, describe);
   }
   return 0;

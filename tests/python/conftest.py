@@ -14,7 +14,7 @@ if os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2") not in ("0", "1", "2"):
 import hypothesis
 import pytest
 
-pytest.register_assert_rewrite("checks", "decoders", "numeric", "support")
+pytest.register_assert_rewrite("checks", "decoders", "support", "units")
 
 import oracle  # noqa: E402  (after the line above)
 import support  # noqa: E402

@@ -13,12 +13,12 @@ import subprocess
 
 import hypothesis
 import hypothesis.strategies as st
-import numeric
 import numpy as np
 import pytest
 import support
 
 import bitfold
+import units
 from bitfold import fpx
 
 FORMATS = [(e, m) for e in (3, 4) for m in (1, 2, 4, 5, 8, 16, 24)]
@@ -62,10 +62,10 @@ def test_quantize(exp_len, man_len):
     before = fpx.counters()
     actual = fpx.quantize(floats, exp_len, man_len)
     moved = [b - a for a, b in zip(before, fpx.counters(), strict=True)]
-    expected, counts = numeric.reference().quantize(floats, exp_len, man_len)
+    expected, counts = units.reference().quantize(floats, exp_len, man_len)
     assert_same(actual, expected, floats=floats)
     assert moved == counts
-    support.assert_bits(fpx.to_float(actual), numeric.reference().to_float(expected))
+    support.assert_bits(fpx.to_float(actual), units.reference().to_float(expected))
 
 
 @pytest.mark.parametrize(("exp_len", "man_len"), FORMATS)
@@ -78,7 +78,7 @@ def test_resize(exp_len, man_len):
         before = fpx.counters()
         actual = fpx.resize(values, *target)
         moved = [b - a for a, b in zip(before, fpx.counters(), strict=True)]
-        expected, counts = numeric.reference().resize(values, *target)
+        expected, counts = units.reference().resize(values, *target)
         assert_same(actual, expected)
         assert moved == counts
     for was, now in zip(kept, fields(values), strict=True):
@@ -95,8 +95,8 @@ def test_binary(name, exp_len, man_len, printed):
     with printed():  # results that are not normalised are logged
         actual = getattr(fpx, name)(a, b)
         swapped = getattr(fpx, name)(b, a)
-    assert_same(actual, numeric.reference().binary(name, a, b))
-    assert_same(swapped, numeric.reference().binary(name, b, a))
+    assert_same(actual, units.reference().binary(name, a, b))
+    assert_same(swapped, units.reference().binary(name, b, a))
 
 
 @hypothesis.settings(derandomize=True, deadline=None)
@@ -108,7 +108,7 @@ def test_binary(name, exp_len, man_len, printed):
 )
 def test_property(values, other, exp_len, man_len):
     """Quantised floats added and multiplied, broadcast against one."""
-    oracle = numeric.reference()
+    oracle = units.reference()
     x = fpx.quantize(values, exp_len, man_len)
     y = fpx.quantize(other, exp_len, man_len)
     assert_same(x, oracle.quantize(np.float32(values), exp_len, man_len)[0])
@@ -216,7 +216,7 @@ def test_counters_of_conversions(value, field, number):
 
 def test_counters_start_at_zero():
     """And belong to the process: the C functions move the same ones."""
-    output = numeric.survives("""
+    output = units.survives("""
 from bitfold import fpx
 import ctypes
 print(tuple(fpx.counters()))

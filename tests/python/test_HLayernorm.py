@@ -9,36 +9,36 @@ import re
 import hypothesis
 import hypothesis.strategies as st
 import keras
-import numeric
 import numpy as np
 import pytest
 import support
 import tensorflow as tf
 
+import units
 from bitfold import ops, raw_ops
 
 COMPUTE = (
     "void HLayernormOp<Device>::Compute(tensorflow::OpKernelContext*) "
     "[with Device = Eigen::ThreadPoolDevice]"
 )
-LUT = numeric.plain_lut()
+LUT = units.plain_lut()
 SOURCE = "src/HLayernorm"
 
 
 def check(value, lut=LUT, **scalars):
     """Run HLayernorm and the oracle on the same data and compare bits; False where it has none."""
     value = np.asarray(value, np.float32)
-    expected = numeric.reference().layer_norm(value, lut, **scalars)
+    expected = units.reference().layer_norm(value, lut, **scalars)
     if not isinstance(expected, np.ndarray):
         return False
-    actual = numeric.layer_norm(value, lut, **scalars).numpy()
+    actual = units.layer_norm(value, lut, **scalars).numpy()
     support.assert_bits(actual, expected, value=value, **scalars)
     return True
 
 
 def plain(**changes):
     """Return a usual setting for 4 channels, changed."""
-    return {**numeric.plain_scalars(4), **changes}
+    return {**units.plain_scalars(4), **changes}
 
 
 DATA = np.float32([1, -2, 3, 40, 5, 6, 7, 8]).reshape(1, 2, 1, 4)
@@ -55,7 +55,7 @@ DATA = np.float32([1, -2, 3, 40, 5, 6, 7, 8]).reshape(1, 2, 1, 4)
 def test_usual_settings(shape, wide, rms):
     """Bytes around a zero point, both outputs, with the mean and without."""
     rng = np.random.default_rng(shape)
-    scalars = numeric.plain_scalars(shape[-1], 120)
+    scalars = units.plain_scalars(shape[-1], 120)
     scalars |= {"activation_output_mode": wide, "rms_mode_enable": rms, "epsilon": 77}
     assert check(rng.integers(0, 256, shape), **scalars)
 
@@ -70,7 +70,7 @@ def test_nothing_to_do(shape):
 WIDE_INPUTS = [0, 1, 255, 256, 257, 65535, 65536, 70000, 2**24 + 1, 2**31 - 1, 2**31, 2**32 - 1]
 
 
-@pytest.mark.parametrize("name", numeric.SCALARS)
+@pytest.mark.parametrize("name", units.SCALARS)
 def test_scalars_are_narrowed(name):
     """Each scalar through single precision to the low bits of its field."""
     legal = [check(DATA, **plain(**{name: number})) for number in WIDE_INPUTS]
@@ -80,16 +80,16 @@ def test_scalars_are_narrowed(name):
 def test_a_zero_point_of_70000():
     """It becomes 4464, its low 16 bits."""
     shifted = DATA + 4464
-    expected = numeric.layer_norm(DATA, LUT, **plain()).numpy()
-    support.assert_bits(numeric.layer_norm(shifted, LUT, **plain(zero_point=70000)), expected)
+    expected = units.layer_norm(DATA, LUT, **plain()).numpy()
+    support.assert_bits(units.layer_norm(shifted, LUT, **plain(zero_point=70000)), expected)
 
 
 def _random_scalars(rng):
-    scalars = {name: int(rng.integers(2**32) >> rng.integers(1, 32)) for name in numeric.SCALARS}
+    scalars = {name: int(rng.integers(2**32) >> rng.integers(1, 32)) for name in units.SCALARS}
     for name in ("sum_of_x_shift", "sum_of_x_mult_n_shift", "sum_of_x_squares_shift"):
         scalars[name] = int(rng.integers(65))
     scalars["mul_act_exp"] = int(rng.integers(50))
-    for name in numeric.SCALARS[-3:]:
+    for name in units.SCALARS[-3:]:
         scalars[name] = int(rng.integers(2))
     scalars["x_squared_mult"] >>= int(rng.integers(16))
     return scalars
@@ -149,10 +149,10 @@ def test_other_ranks_are_refused(shape):
     """The error names the shape."""
     text = f"Need value of rank 4, got shape [{','.join(map(str, shape))}]"
     with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
-        numeric.layer_norm(np.ones(shape, np.float32), LUT, **plain())
+        units.layer_norm(np.ones(shape, np.float32), LUT, **plain())
 
 
-@pytest.mark.parametrize("name", numeric.SCALARS)
+@pytest.mark.parametrize("name", units.SCALARS)
 def test_empty_scalars_are_refused(name):
     """Before anything is read of them."""
     inputs = {key: np.array([number], np.uint32) for key, number in plain().items()}
@@ -165,7 +165,7 @@ def test_empty_scalars_are_refused(name):
 def test_scalars_read_element_0():
     """Scalars may be of any shape."""
     inputs = {key: np.array([[number, 999]], np.uint32) for key, number in plain().items()}
-    expected = numeric.layer_norm(DATA, LUT, **plain()).numpy()
+    expected = units.layer_norm(DATA, LUT, **plain()).numpy()
     support.assert_bits(
         raw_ops.h_layernorm(value=DATA, lut=LUT.reshape(16, 16), **inputs), expected
     )
@@ -176,7 +176,7 @@ def test_dimensions_beyond_32_bits_are_refused():
     value = tf.reshape(tf.zeros([0]), tf.constant([2**31, 0, 1, 1], tf.int64))
     text = "Need every dimension of value to be at most 2147483647"
     with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
-        numeric.layer_norm(value, LUT, **plain())
+        units.layer_norm(value, LUT, **plain())
 
 
 @pytest.mark.parametrize("shape", [[1, 2, 3, 4], [None, None, 3, 4], None, [2]])
@@ -184,7 +184,7 @@ def test_shape_function(shape):
     """The output has the value's shape."""
     with tf.Graph().as_default():
         value = tf.compat.v1.placeholder(tf.float32, shape)
-        result = numeric.layer_norm(value, LUT, **plain())
+        result = units.layer_norm(value, LUT, **plain())
     assert (result.shape.rank is None) if shape is None else (result.shape.as_list() == shape)
 
 
@@ -230,10 +230,10 @@ ROUNDING = "int64_t right_shift_bankers_rounding(int64_t, uint8_t, uint8_t)"
 )
 def test_assertions_end_the_process(code, function, expression):
     """The C library's message, under the unit's name, in the release build."""
-    setup = "value, lut = np.ones([1, 1, 1, 4], 'f4'), numeric.plain_lut()\n"
-    setup += "scalars = numeric.plain_scalars(4)\n"
-    call = "\nnumeric.layer_norm(value, lut, **scalars)"
-    numeric.ends_with(setup + code + call, SOURCE, function, expression)
+    setup = "value, lut = np.ones([1, 1, 1, 4], 'f4'), units.plain_lut()\n"
+    setup += "scalars = units.plain_scalars(4)\n"
+    call = "\nunits.layer_norm(value, lut, **scalars)"
+    units.ends_with(setup + code + call, SOURCE, function, expression)
 
 
 def test_the_limits_themselves():
@@ -252,7 +252,7 @@ def wrapped(value, lut=LUT):
 
 def test_wrapper():
     """Arrays, lists, tensors, variables, narrower types; scalars as numbers and tensors."""
-    expected = numeric.layer_norm(DATA, LUT, **plain()).numpy()
+    expected = units.layer_norm(DATA, LUT, **plain()).numpy()
     for value in (DATA, DATA.tolist(), tf.constant(DATA), tf.Variable(DATA), DATA.astype("f2")):
         for lut in (LUT, LUT.tolist(), tf.constant(LUT)):
             support.assert_bits(wrapped(value, lut), expected)
@@ -260,17 +260,17 @@ def test_wrapper():
     support.assert_bits(ops.layer_norm(DATA, LUT, **tensors), expected)
 
 
-@pytest.mark.parametrize("name", numeric.SCALARS)
+@pytest.mark.parametrize("name", units.SCALARS)
 def test_every_scalar_reaches_its_input(name):
     """The wrapper's keywords are the op's inputs."""
     change = {name: 1 if name.endswith(("mode", "enable")) else 3}
     scalars = plain(epsilon=50, **{}) | change
-    expected = numeric.layer_norm(DATA, LUT, **scalars).numpy()
+    expected = units.layer_norm(DATA, LUT, **scalars).numpy()
     support.assert_bits(ops.layer_norm(DATA, LUT, **scalars), expected)
 
 
 @pytest.mark.parametrize("number", [-1, 2**32])
-@pytest.mark.parametrize("name", numeric.SCALARS)
+@pytest.mark.parametrize("name", units.SCALARS)
 def test_scalars_out_of_range_are_refused(name, number):
     """Scalars are unsigned 32-bit numbers."""
     with pytest.raises(ValueError, match=f"{name} must lie in"):
@@ -288,7 +288,7 @@ def test_other_types_are_refused(argument):
 
 def test_in_functions_and_models(tmp_path):
     """Traced, saved, and as a Keras layer."""
-    expected = numeric.layer_norm(DATA, LUT, **plain()).numpy()
+    expected = units.layer_norm(DATA, LUT, **plain()).numpy()
     support.assert_bits(tf.function(wrapped, autograph=False)(DATA), expected)
     module = tf.Module()
     spec = tf.TensorSpec([None] * 4, tf.float32)

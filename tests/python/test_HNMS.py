@@ -11,13 +11,13 @@ import checks
 import hypothesis
 import hypothesis.strategies as st
 import keras
-import numeric
 import numpy as np
 import pytest
 import raw
 import support
 import tensorflow as tf
 
+import units
 from bitfold import ops
 
 RANK_ERROR = "HNMS supports only rank 4"
@@ -319,7 +319,7 @@ raw.nms(value, 0.0, iou_threshold=0.5, max_output_size=2, classes={classes})
 
 def test_shares_that_are_no_boxes_abort():
     """15 numbers for two classes are 7 each."""
-    numeric.ends_with(
+    units.ends_with(
         _ABORT.format(count=3, classes=2),
         "src/HNMS",
         "std::vector<Box> raw_data_to_boxes(const float*, size_t)",
@@ -329,7 +329,7 @@ def test_shares_that_are_no_boxes_abort():
 
 def test_classes_without_a_box_abort():
     """There is no best box to look at."""
-    numeric.ends_with(
+    units.ends_with(
         _ABORT.format(count=0, classes=1),
         "src/HNMS",
         "Box find_box_with_higest_score(std::vector<Box>&, bool, bool)",
@@ -353,7 +353,7 @@ except tf.errors.ResourceExhaustedError as error:
 def test_frames_beyond_the_memory():
     """An error, and the process lives on."""
     text = "No memory for frames of max_output_size = 2.68435e+08 rows"
-    assert text in numeric.survives(_NO_MEMORY)
+    assert text in units.survives(_NO_MEMORY)
 
 
 # ---- Ranks and refusals ------------------------------------------------------------------------

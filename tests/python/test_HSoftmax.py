@@ -9,27 +9,27 @@ import re
 import hypothesis
 import hypothesis.strategies as st
 import keras
-import numeric
 import numpy as np
 import pytest
 import support
 import tensorflow as tf
 
+import units
 from bitfold import ops
 
 FUNCTION = (
     "void HSoftmaxOp<Device>::Compute(tensorflow::OpKernelContext*) "
     "[with Device = Eigen::ThreadPoolDevice]"
 )
-TABLE = numeric.plain_softmax_table()
+TABLE = units.plain_softmax_table()
 
 
 def check(value, table=TABLE, *, is_velquin=False):
     """Run HSoftmax and the oracle on the same data and compare bits and printed lines."""
     value = np.asarray(value, np.float32)
     with support.printed() as text:
-        actual = numeric.softmax(value, table, is_velquin=is_velquin).numpy()
-    expected, lines = numeric.reference().softmax(value, table, is_velquin=is_velquin)
+        actual = units.softmax(value, table, is_velquin=is_velquin).numpy()
+    expected, lines = units.reference().softmax(value, table, is_velquin=is_velquin)
     support.assert_bits(actual, expected, value=value, is_velquin=is_velquin)
     support.assert_lines(text.out, lines, value=value)
     assert text.err == ""
@@ -41,8 +41,8 @@ def check(value, table=TABLE, *, is_velquin=False):
 
 def test_worked_values():
     """65535 * 255 is 2^24 - 2^16 - 255: by 6 and 10 bits 255."""
-    table = numeric.softmax_table(np.full(256, 65535), np.zeros(256), np.full(256, 255))
-    result = numeric.softmax([[3.0, 1.0], [0.0, -256.0]], table, is_velquin=True).numpy()
+    table = units.softmax_table(np.full(256, 65535), np.zeros(256), np.full(256, 255))
+    result = units.softmax([[3.0, 1.0], [0.0, -256.0]], table, is_velquin=True).numpy()
     assert result.tolist() == [[255.0, 255.0], [255.0, 0.0]]
 
 
@@ -68,13 +68,13 @@ def test_sums_around_24_bits(excess, is_velquin, printed):
     """One variant saturates; the other wraps and says so for each vector that overflows."""
     exponentials = np.zeros(256)
     exponentials[0], exponentials[1] = 65535, 2**24 + excess - 256 * 65535
-    table = numeric.softmax_table(exponentials, 16777215 * 0.96 ** np.arange(256), np.arange(256))
+    table = units.softmax_table(exponentials, 16777215 * 0.96 ** np.arange(256), np.arange(256))
     vector = np.append(np.zeros(256), -1).astype(np.float32)
     value = np.stack([vector, np.full_like(vector, -5), vector])
     value[1, 0] = 0  # does not overflow
     with printed() as text:
-        numeric.softmax(value, table, is_velquin=is_velquin).numpy()
-    assert text.out == numeric.OVERFLOW_LINE * (2 if excess >= 0 and not is_velquin else 0)
+        units.softmax(value, table, is_velquin=is_velquin).numpy()
+    assert text.out == units.OVERFLOW_LINE * (2 if excess >= 0 and not is_velquin else 0)
     check(value, table, is_velquin=is_velquin)
 
 
@@ -83,7 +83,7 @@ def test_unordered_sums():
     exponentials = np.zeros(256)
     exponentials[0], exponentials[1], exponentials[2] = 65535, 256, 1
     k = np.arange(256)
-    table = numeric.softmax_table(exponentials, 255 - k, k)
+    table = units.softmax_table(exponentials, 255 - k, k)
     vector = np.append(np.zeros(256), np.full(1, -1.0))
     ones = np.full(40, -2.0)
     after = check(np.append(vector, ones)[np.newaxis], table)
@@ -132,16 +132,16 @@ def test_property(value, vectors, seed, is_velquin):
 @pytest.mark.parametrize("size", [511, 513, 0])
 def test_a_table_of_another_size_ends_the_process(size):
     """The C library's message, under the unit's name."""
-    code = f"numeric.softmax(np.ones([2, 2], np.float32), np.zeros({size}, np.uint32), "
+    code = f"units.softmax(np.ones([2, 2], np.float32), np.zeros({size}, np.uint32), "
     code += "is_velquin=False)"
-    numeric.ends_with(code, "src/HSoftmax", FUNCTION, "lut_table_flat.size() == 512")
+    units.ends_with(code, "src/HSoftmax", FUNCTION, "lut_table_flat.size() == 512")
 
 
 def test_a_table_of_any_shape():
     """512 elements in any shape."""
     support.assert_bits(
-        numeric.softmax(np.float32([[1, 2]]), TABLE.reshape(256, 2), is_velquin=True),
-        numeric.softmax(np.float32([[1, 2]]), TABLE, is_velquin=True).numpy(),
+        units.softmax(np.float32([[1, 2]]), TABLE.reshape(256, 2), is_velquin=True),
+        units.softmax(np.float32([[1, 2]]), TABLE, is_velquin=True).numpy(),
     )
 
 
@@ -151,14 +151,14 @@ def test_shape_function(shape):
     with tf.Graph().as_default():
         value = tf.compat.v1.placeholder(tf.float32, shape)
         table = tf.compat.v1.placeholder(tf.uint32, None)
-        result = numeric.softmax(value, table, is_velquin=False)
+        result = units.softmax(value, table, is_velquin=False)
     assert (result.shape.rank is None) if shape is None else (result.shape.as_list() == shape)
 
 
 def test_the_variant_is_required():
     """The attribute has no default."""
     with pytest.raises(TypeError, match="is_velquin"):
-        numeric.raw_ops.h_softmax(np.float32([1.0]), TABLE)
+        units.raw_ops.h_softmax(np.float32([1.0]), TABLE)
 
 
 # ---- The wrapper -------------------------------------------------------------------------------
@@ -169,11 +169,11 @@ DATA = np.float32([[5, 1, 0, -3], [-200, 4, 4, 4]])
 @pytest.mark.parametrize("is_velquin", [False, True])
 def test_wrapper(is_velquin):
     """Arrays, lists, tensors, variables, narrower types, a table of 256 rows."""
-    expected = numeric.softmax(DATA, TABLE, is_velquin=is_velquin).numpy()
+    expected = units.softmax(DATA, TABLE, is_velquin=is_velquin).numpy()
     for value in (DATA, DATA.tolist(), tf.constant(DATA), tf.Variable(DATA), DATA.astype("f2")):
         for table in (TABLE, TABLE.tolist(), tf.constant(TABLE), TABLE.reshape(256, 2)):
             support.assert_bits(ops.softmax(value, table, is_velquin=is_velquin), expected)
-    support.assert_bits(ops.softmax(DATA, TABLE), numeric.softmax(DATA, TABLE, is_velquin=False))
+    support.assert_bits(ops.softmax(DATA, TABLE), units.softmax(DATA, TABLE, is_velquin=False))
 
 
 @pytest.mark.parametrize(
@@ -203,7 +203,7 @@ def test_table_entries_beyond_32_bits_are_refused(entry):
 
 def test_in_functions_and_models(tmp_path):
     """Traced, saved, and as a Keras layer."""
-    expected = numeric.softmax(DATA, TABLE, is_velquin=True).numpy()
+    expected = units.softmax(DATA, TABLE, is_velquin=True).numpy()
 
     def call(x):
         return ops.softmax(x, TABLE, is_velquin=True)

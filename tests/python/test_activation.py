@@ -9,12 +9,12 @@ import re
 import hypothesis
 import hypothesis.strategies as st
 import keras
-import numeric
 import numpy as np
 import pytest
 import support
 import tensorflow as tf
 
+import units
 from bitfold import ops, raw_ops
 
 
@@ -23,8 +23,8 @@ def check(inp, tables, size_splits, **settings):
     inp = np.asarray(inp, np.int64)
     tables = {name: np.asarray(table, np.int64) for name, table in tables.items()}
     size_splits = np.asarray(size_splits, np.int64)
-    actual = numeric.activation(inp, tables, size_splits, **settings).numpy()
-    expected = numeric.reference().activation(inp, tables, size_splits, **settings)
+    actual = units.activation(inp, tables, size_splits, **settings).numpy()
+    expected = units.reference().activation(inp, tables, size_splits, **settings)
     support.assert_bits(actual, expected, inp=inp, **tables, size_splits=size_splits, **settings)
     return expected
 
@@ -34,7 +34,7 @@ def table(points, offsets, slopes_m, slopes_e):
     rows = (points, offsets, slopes_m, slopes_e)
     return {
         name: np.array([row], np.int64).reshape(1, -1)
-        for name, row in zip(numeric.ACTIVATION_TABLES, rows, strict=True)
+        for name, row in zip(units.ACTIVATION_TABLES, rows, strict=True)
     }
 
 
@@ -134,7 +134,7 @@ def test_channels_of_no_group_are_zero(splits):
     blocks = [full + i for i in range(16)]
     del blocks
     groups = len(splits)
-    tables = {name: np.zeros([groups, 2], np.int64) for name in numeric.ACTIVATION_TABLES}
+    tables = {name: np.zeros([groups, 2], np.int64) for name in units.ACTIVATION_TABLES}
     assert not check(np.ones([1, 64, 64, 3]), tables, splits).any()
 
 
@@ -158,18 +158,18 @@ def _random_case(rng, points):
     """Return any input under any tables and settings."""
     splits = rng.integers(-1, 20, rng.integers(1, 4))
     channels = int(np.maximum(splits, 0).sum() + rng.integers(0, 3))
-    tables = {"x_points": numeric.random_int64(rng, [splits.size, points])}
+    tables = {"x_points": units.random_int64(rng, [splits.size, points])}
     if rng.integers(3):
         tables["x_points"] = rng.integers(-300, 300, [splits.size, points])
     if rng.integers(4):
         tables["x_points"].sort(axis=1)
-    for name in numeric.ACTIVATION_TABLES[1:]:
+    for name in units.ACTIVATION_TABLES[1:]:
         shape = [splits.size, points + 1 + rng.integers(0, 3)]
         small = rng.integers(-70, 70, shape)
-        tables[name] = np.where(rng.integers(0, 5, shape), small, numeric.random_int64(rng, shape))
+        tables[name] = np.where(rng.integers(0, 5, shape), small, units.random_int64(rng, shape))
     shape = (*rng.integers(1, 4, 3), channels)
     small = rng.integers(-400, 400, shape)
-    inp = np.where(rng.integers(0, 3, shape), small, numeric.random_int64(rng, shape))
+    inp = np.where(rng.integers(0, 3, shape), small, units.random_int64(rng, shape))
     settings = {
         name: bool(rng.integers(2))
         for name in ("is_8bit_to_16bit_mode", "is_velquin", "is_16bit_precision_mode")
@@ -222,7 +222,7 @@ def test_unused_attributes():
     """`beta` and `is_signed_output` change nothing."""
     expected = check(vector(-5, 0, 300), RAMP, [3])
     for beta in (-(2**31), 7, 2**31 - 1):
-        result = numeric.activation(
+        result = units.activation(
             vector(-5, 0, 300), RAMP, np.int64([3]), beta=beta, is_signed_output=False
         )
         support.assert_bits(result, expected)
@@ -276,7 +276,7 @@ def test_malformed_tables_are_refused(changes, splits, text):
     """Before anything is read of them."""
     tables = RAMP | {name: np.zeros(shape, np.int64) for name, shape in changes.items()}
     with pytest.raises(tf.errors.InvalidArgumentError, match=re.escape(text)):
-        numeric.activation(vector(1, 2, 3), tables, np.int64(splits))
+        units.activation(vector(1, 2, 3), tables, np.int64(splits))
 
 
 @pytest.mark.parametrize(
@@ -292,11 +292,11 @@ def test_other_ranks_end_the_process(code):
     """Through the runtime's own check."""
     setup = """
 inp, splits = np.ones([1, 1, 1, 1], 'i8'), np.ones([1], 'i8')
-tables = {n: np.zeros([1, 1 + (n != "x_points")], 'i8') for n in numeric.ACTIVATION_TABLES}
+tables = {n: np.zeros([1, 1 + (n != "x_points")], 'i8') for n in units.ACTIVATION_TABLES}
 """
     result = support.run_python(
-        numeric._PRELUDE + setup + code + "\nnumeric.activation(inp, tables, splits)",
-        numeric._folder(),
+        units._PRELUDE + setup + code + "\nunits.activation(inp, tables, splits)",
+        units._folder(),
     )
     assert result.returncode == -6, result.stderr
     assert "Check failed" in result.stderr
@@ -307,7 +307,7 @@ def test_shape_function(shape):
     """The output has the input's shape."""
     with tf.Graph().as_default():
         inp = tf.compat.v1.placeholder(tf.int64, shape)
-        result = numeric.activation(inp, RAMP, np.int64([1]))
+        result = units.activation(inp, RAMP, np.int64([1]))
     assert result.dtype == tf.int32
     assert (result.shape.rank is None) if shape is None else (result.shape.as_list() == shape)
 
@@ -317,10 +317,10 @@ def test_shape_function(shape):
 @pytest.mark.parametrize("in_function", [False, True])
 def test_attributes_beyond_32_bits(attribute, number, in_function):
     """The runtime's error says which attribute; the process goes on."""
-    output = numeric.survives(f"""
-tables = {{n: np.zeros([1, 1 + (n != "x_points")], 'i8') for n in numeric.ACTIVATION_TABLES}}
+    output = units.survives(f"""
+tables = {{n: np.zeros([1, 1 + (n != "x_points")], 'i8') for n in units.ACTIVATION_TABLES}}
 x, splits = np.ones([1, 1, 1, 1], 'i8'), np.ones([1], 'i8')
-call = lambda **k: numeric.activation(x, tables, splits, **k)
+call = lambda **k: units.activation(x, tables, splits, **k)
 function = tf.function(call, autograph=False) if {in_function} else call
 for _ in range(2):
     try:
@@ -359,13 +359,13 @@ def wrapped(value, **settings):
 def test_every_setting_reaches_its_attribute(name):
     """The wrapper's keywords are the op's attributes."""
     settings = {} if name is None else {name: SETTINGS[name]}
-    expected = numeric.activation(DATA, TABLES, np.int64([5]), **settings).numpy()
+    expected = units.activation(DATA, TABLES, np.int64([5]), **settings).numpy()
     support.assert_bits(wrapped(DATA, **settings), expected)
 
 
 def test_wrapper():
     """Arrays, lists, tensors, variables, narrower types; one group of all channels by default."""
-    expected = numeric.activation(DATA, TABLES, np.int64([5])).numpy()
+    expected = units.activation(DATA, TABLES, np.int64([5])).numpy()
     forms = (DATA, DATA.tolist(), tf.constant(DATA), tf.Variable(DATA), DATA.astype(np.int16))
     for value in (*forms, tf.constant(DATA, tf.int32)):
         support.assert_bits(wrapped(value), expected)
@@ -376,7 +376,7 @@ def test_wrapper():
     support.assert_bits(ops.activation(DATA, **two, size_splits=np.int32([2, 3])), expected)
 
 
-@pytest.mark.parametrize("argument", ["value", *numeric.ACTIVATION_TABLES, "size_splits"])
+@pytest.mark.parametrize("argument", ["value", *units.ACTIVATION_TABLES, "size_splits"])
 def test_fractions_are_refused(argument):
     """All inputs are whole numbers."""
     arguments = {"value": DATA, **TABLES, "size_splits": np.array([5])}
@@ -392,7 +392,7 @@ def test_fractions_are_refused(argument):
 @pytest.mark.parametrize("number", [2**31, 2**40, -(2**31) - 1])
 def test_numbers_beyond_32_bits_are_refused(name, number):
     """An error that names the argument, whoever finds it, and the process goes on."""
-    output = numeric.survives(f"""
+    output = units.survives(f"""
 from bitfold import ops
 zeros = np.zeros([1, 2], np.int64)
 try:
@@ -434,7 +434,7 @@ def test_in_functions_and_models(tmp_path):
 
 def test_all_attributes_are_required():
     """None of them has a default in the generated op."""
-    for name in numeric.ACTIVATION_SETTINGS:
-        settings = {k: v for k, v in numeric.ACTIVATION_SETTINGS.items() if k != name}
+    for name in units.ACTIVATION_SETTINGS:
+        settings = {k: v for k, v in units.ACTIVATION_SETTINGS.items() if k != name}
         with pytest.raises(TypeError, match=name):
             raw_ops.h_activation(inp=DATA, size_splits=np.int64([5]), **TABLES, **settings)

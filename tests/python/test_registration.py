@@ -10,7 +10,6 @@ import re
 import shutil
 import subprocess
 
-import numeric
 import numpy as np
 import pytest
 import support
@@ -18,6 +17,7 @@ import tensorflow as tf
 from tensorflow.core.framework import kernel_def_pb2, op_def_pb2
 
 import bitfold
+import units
 
 _ELEMENT_TYPE = "T: {float, int32}"
 _DATA_FORMAT = 'data_format: {"NHWC", "NCHW"} = "NHWC"'
@@ -102,7 +102,7 @@ OPS = {
         "bias_feed_repeat: float",
     ),
     "HLayernorm": {
-        "inputs": ["value: float", *(f"{name}: uint32" for name in numeric.SCALARS), "lut: float"],
+        "inputs": ["value: float", *(f"{name}: uint32" for name in units.SCALARS), "lut: float"],
         "attributes": [],
         "outputs": ["output: float"],
     },

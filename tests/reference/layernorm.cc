@@ -127,9 +127,9 @@ LayernormParams ConvertLayernormInputs(const uint32_t* inputs) {
   p.mul_act_man = exact::Low16(narrow[8]);
   p.mul_act_exp = exact::Low8(narrow[9]);
   p.mul_act_bias = exact::Low32(exact::ToInt64(value[10]));
-  p.activation_output_mode = value[11] != 0.0;
+  p.rms_mode_enable = value[11] != 0.0;
   p.activation_ebias_mode = value[12] != 0.0;
-  p.rms_mode_enable = value[13] != 0.0;
+  p.activation_output_mode = value[13] != 0.0;
   return p;
 }
 

@@ -46,9 +46,9 @@ struct LayernormParams {
   uint16_t mul_act_man;
   uint8_t mul_act_exp;
   uint32_t mul_act_bias;
-  bool activation_output_mode;
-  bool activation_ebias_mode;
   bool rms_mode_enable;
+  bool activation_ebias_mode;
+  bool activation_output_mode;
 };
 
 // Fills the fields from 14 input values in the order of the fields. Every input passes through

@@ -93,12 +93,10 @@ ExactBuffer<int32_t> RunActivationBy(const ActivationCase& c, Run run, int offse
   const ExactBuffer<int64_t> slopes_e(c.slopes_e);
   ExactBuffer<int32_t> out(c.count(), (offset + 1) % 4);
   std::fill(out.data(), out.data() + c.count(), unwritten);
-  const ActivationTables tables = {{x_points.data(), c.points},
-                                   {offsets.data(), c.pieces},
-                                   {slopes_m.data(), c.pieces},
-                                   {slopes_e.data(), c.pieces}};
-  run(in.data(), c.positions, c.channels, tables, c.size_splits.data(), c.groups(), c.mode,
-      out.data());
+  const ActivationGroups groups = {{x_points.data(), c.points}, {offsets.data(), c.pieces},
+                                   {slopes_m.data(), c.pieces}, {slopes_e.data(), c.pieces},
+                                   c.size_splits.data(),        c.groups()};
+  run(in.data(), {c.positions, c.channels}, groups, c.mode, out.data());
   return out;
 }
 

@@ -17,8 +17,8 @@
 #include "support/chain_recipes.h"
 #include "support/convolution.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
 #include "support/scale.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 

@@ -116,7 +116,8 @@ ExactBuffer<float> RunLayerNormBy(const LayerNormCase& c, Run run, int offset = 
   const ExactBuffer<float> in(c.in, offset);
   const ExactBuffer<float> lut(c.lut, (offset + 1) % 4);
   ExactBuffer<float> out(c.count(), (offset + 2) % 4);
-  run(in.data(), out.data(), c.vector_size, c.width, c.height, c.batch, lut.data(), c.params);
+  const LayerNormShape shape = {c.vector_size, c.width, c.height, c.batch};
+  run(in.data(), out.data(), shape, lut.data(), c.params);
   return out;
 }
 

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The suppression as its tests see it: sets of boxes of every kind, and a case computed by the
-// oracle, by the definition (which logs) and by the quiet form.
+// oracle and by the fast form, which is the definition while it is logged.
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_NMS_CASE_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_NMS_CASE_H_
@@ -20,7 +20,7 @@
 #include "support/bits.h"
 #include "support/buffer.h"
 #include "support/log_stub.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 
@@ -38,6 +38,11 @@ struct NmsCase {
 
   SuppressionOptions Options() const {
     return {scores_threshold, iou_threshold, max_output_size, is_precise, is_velquin};
+  }
+
+  // `value` holds the case's Value().
+  SuppressionInput Input(const float* value) const {
+    return {value, batch, boxes_per_entry(), 5, 1, classes};
   }
 
   std::vector<float> Value() const {
@@ -88,9 +93,7 @@ inline NmsOutput RunNms(const NmsCase& c, bool log) {
   const InformationLog on(log);
   const ExactBuffer<float> value(c.Value());
   NmsOutput output;
-  output.frames =
-      NMSTensor(value.data(), c.scores_threshold, c.iou_threshold, c.max_output_size, c.batch,
-                c.boxes_per_entry(), 5, 1, c.classes, c.is_precise, c.is_velquin);
+  output.frames = ComputeNMS(c.Input(value.data()), c.Options());
   output.messages = LoggedInformation();
   return output;
 }
@@ -136,7 +139,7 @@ inline ::testing::AssertionResult SameMessages(const std::vector<std::string>& e
 // With the log on, frames and messages as the oracle has them.
 inline ::testing::AssertionResult LoggedAgainstOracle(const NmsCase& c, const NmsOutput& logged) {
   const NmsOutput oracle = OracleNms(c);
-  const auto frames = SameFrames(oracle.frames, logged.frames, "NMSTensor " + c.Text());
+  const auto frames = SameFrames(oracle.frames, logged.frames, "ComputeNMS, logged, " + c.Text());
   if (!frames) return frames;
   const auto messages = SameMessages(oracle.messages, logged.messages);
   return messages ? messages : ::testing::AssertionFailure() << messages.message() << c.Text();
@@ -148,7 +151,7 @@ inline ::testing::AssertionResult QuietAgainstLogged(const NmsCase& c, const Nms
     const ForcedTarget forced(target);
     const NmsOutput quiet = RunNms(c, false);
     const auto same = SameFrames(logged.frames, quiet.frames,
-                                 std::string("NMSTensor without a log, ") + name + " " + c.Text());
+                                 std::string("ComputeNMS without a log, ") + name + " " + c.Text());
     if (!same) return same;
     if (!quiet.messages.empty()) {
       return ::testing::AssertionFailure() << "logged " << quiet.messages[0];

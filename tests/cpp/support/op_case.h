@@ -28,7 +28,7 @@
 #include "support/capture.h"
 #include "support/compare.h"
 #include "support/ledger.h"
-#include "support/numeric.h"
+#include "support/targets.h"
 
 namespace bitfold::testing {
 

@@ -17,6 +17,7 @@ import tensorflow as tf
 
 from bitfold import fpx, raw_ops
 
+# In the order of registration, which the oracle's is too.
 SCALARS = (
     "zero_point",
     "exponent_sub_value",
@@ -33,8 +34,6 @@ SCALARS = (
     "activation_ebias_mode",
     "activation_output_mode",
 )
-# The oracle takes the same numbers in another order.
-_ORACLE_SCALARS = (*SCALARS[:11], "activation_output_mode", "activation_ebias_mode", SCALARS[11])
 
 ACTIVATION_TABLES = ("x_points", "offsets", "slopes_m", "slopes_e")
 ACTIVATION_SETTINGS = {
@@ -59,7 +58,7 @@ class Reference(oracle.Oracle):
     def layer_norm(self, value: np.ndarray, lut: np.ndarray, **scalars: int) -> np.ndarray | int:
         """HLayernorm; the failure's number where the unit ends the process."""
         value, lut = np.ascontiguousarray(value), np.ascontiguousarray(lut)
-        inputs = (ctypes.c_uint32 * 14)(*(int(scalars[name]) for name in _ORACLE_SCALARS))
+        inputs = (ctypes.c_uint32 * 14)(*(int(scalars[name]) for name in SCALARS))
         fields = (ctypes.c_int64 * 14)()
         self._library.reference_layernorm_fields(inputs, fields)
         out = np.zeros_like(value)
@@ -231,7 +230,7 @@ sys.path.insert(0, sys.argv[1])
 import numpy as np
 import tensorflow as tf
 import bitfold
-import numeric
+import units
 """
 
 

@@ -24,8 +24,8 @@
 //    0 zero_point              1 exponent_sub_value     2 sum_of_x_mult
 //    3 sum_of_x_shift          4 sum_of_x_mult_n_shift  5 x_squared_mult
 //    6 sum_of_x_squares_shift  7 epsilon                8 mul_act_man
-//    9 mul_act_exp            10 mul_act_bias          11 activation_output_mode
-//   12 activation_ebias_mode  13 rms_mode_enable
+//    9 mul_act_exp            10 mul_act_bias          11 rms_mode_enable
+//   12 activation_ebias_mode  13 activation_output_mode
 //
 // The settings of an activation are 7 int32 values in this order:
 //    0 is_8bit_to_16bit_mode  1 is_variant              2 ebias             3 clip_bits
@@ -72,9 +72,9 @@ reference::LayernormParams ReadParams(const int64_t* fields) {
   p.mul_act_man = Low16(fields[8]);
   p.mul_act_exp = Low8(fields[9]);
   p.mul_act_bias = Low32(fields[10]);
-  p.activation_output_mode = fields[11] != 0;
+  p.rms_mode_enable = fields[11] != 0;
   p.activation_ebias_mode = fields[12] != 0;
-  p.rms_mode_enable = fields[13] != 0;
+  p.activation_output_mode = fields[13] != 0;
   return p;
 }
 
@@ -176,9 +176,9 @@ void reference_layernorm_fields(const uint32_t* inputs, int64_t* fields) {
       p.mul_act_man,
       p.mul_act_exp,
       p.mul_act_bias,
-      p.activation_output_mode,
-      p.activation_ebias_mode,
       p.rms_mode_enable,
+      p.activation_ebias_mode,
+      p.activation_output_mode,
   };
   for (int i = 0; i < 14; ++i) fields[i] = values[i];
 }

@@ -676,6 +676,6 @@ int main() {
   CheckBankersRound();
   CheckActivate();
   CheckActivation();
-  std::printf("numeric reference: %d checks passed\n", checks);
+  std::printf("units reference: %d checks passed\n", checks);
   return 0;
 }
