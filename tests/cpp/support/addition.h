@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The four additions as their tests see them: one case, computed by the oracle, by the definition
-// (every pass made) and what the kernel runs.
+// (every pass made) and by what the kernel runs.
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_ADDITION_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_ADDITION_H_
