@@ -15,15 +15,19 @@ struct HAddCase {
   std::vector<T> value = RandomIntegers<T>(kAdditionCount, -1000, 1000);
   std::vector<T> operand = RandomIntegers<T>(kAdditionCount, -128, 127);
   std::vector<T> out = std::vector<T>(kAdditionCount);
+  T factor = T{3};
 
-  void Define(const Datapath<T>& datapath, int64_t passes) {
-    HAddElements(datapath, value.data(), operand.data(), T{3}, passes, 0, kAdditionCount,
-                 out.data(), EveryPass{});
+  AddCall<T> Call(const DatapathAttributes& attributes, const float* feed_repeat) {
+    return {value.data(), operand.data(), &factor,   feed_repeat,
+            out.data(),   kAdditionShape, attributes};
   }
 
-  void Run(const Datapath<T>& datapath, int64_t passes) {
-    AddElementwise(datapath, value.data(), operand.data(), T{3}, passes, kAdditionCount,
-                   out.data());
+  void Define(const DatapathAttributes& attributes, const float* feed_repeat) {
+    DefineAdd(Call(attributes, feed_repeat), 0, kAdditionCount, EveryPass{});
+  }
+
+  void Run(const DatapathAttributes& attributes, const float* feed_repeat) {
+    ComputeAdd(Call(attributes, feed_repeat), kAdditionCount);
   }
 };
 

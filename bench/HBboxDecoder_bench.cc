@@ -8,7 +8,7 @@ namespace {
 
 template <typename T>
 struct HBboxDecoderCase : DecoderData<T> {
-  BoxDecoderInputs<T> Inputs() const {
+  BboxDecoderCall<T> Call(const DatapathAttributes& attributes) {
     const T* a = this->anchors.data();
     return {this->centers.data(),
             this->sizes.data(),
@@ -19,8 +19,17 @@ struct HBboxDecoderCase : DecoderData<T> {
             a + 2 * kDecoderAnchors,
             a + 3 * kDecoderAnchors,
             a + 4 * kDecoderAnchors,
-            a + 5 * kDecoderAnchors};
+            a + 5 * kDecoderAnchors,
+            this->out.data(),
+            kDecoderGrid,
+            attributes};
   }
+
+  static void Define(const BboxDecoderCall<T>& call, const DetectionRow& row) {
+    DefineBboxDecoder(call, row, 0, kDecoderSide * kDecoderAnchors);
+  }
+
+  static void Run(const BboxDecoderCall<T>& call) { ComputeBboxDecoder(call); }
 };
 
 [[maybe_unused]] const bool registered = RegisterDecoder<HBboxDecoderCase>("HBboxDecoder");

@@ -15,15 +15,19 @@ struct HBiasAddCase {
   std::vector<T> value = RandomIntegers<T>(kAdditionCount, -1000, 1000);
   std::vector<T> bias = RandomIntegers<T>(kAdditionChannels, -128, 127);
   std::vector<T> out = std::vector<T>(kAdditionCount);
+  T factor = T{3};
 
-  void Define(const Datapath<T>& datapath, int64_t passes) {
-    HBiasAddElements(datapath, value.data(), bias.data(), T{3}, passes, 0, kAdditionCount,
-                     kAdditionChannels, out.data(), EveryPass{});
+  BiasAddCall<T> Call(const DatapathAttributes& attributes, const float* feed_repeat) {
+    return {value.data(), bias.data(),    &factor,   feed_repeat,
+            out.data(),   kAdditionShape, attributes};
   }
 
-  void Run(const Datapath<T>& datapath, int64_t passes) {
-    AddBias(datapath, value.data(), bias.data(), T{3}, passes, kAdditionCount, kAdditionChannels,
-            out.data());
+  void Define(const DatapathAttributes& attributes, const float* feed_repeat) {
+    DefineBiasAdd(Call(attributes, feed_repeat), 0, kAdditionCount, EveryPass{});
+  }
+
+  void Run(const DatapathAttributes& attributes, const float* feed_repeat) {
+    ComputeBiasAdd(Call(attributes, feed_repeat), kAdditionCount);
   }
 };
 

@@ -19,10 +19,17 @@ void HBilinear(benchmark::State& state, decltype(run_bilinear<T>)* run, int mult
   std::vector<std::vector<T>> in;
   for (int i = 0; i < 8; ++i) in.push_back(RandomIntegers<T>(kCount, i < 4 ? -128 : 0, 127));
   std::vector<T> out(kCount);
+  const auto shift = static_cast<int8_t>(mult_shift);
+  const BilinearCall<T> call{{{in[0].data(), in[1].data(), in[2].data(), in[3].data()},
+                              {in[4].data(), in[5].data(), in[6].data(), in[7].data()}},
+                             out.data(),
+                             kCount,
+                             1,
+                             0.0f,
+                             float_accumulator,
+                             {24, &shift, false}};
   for (auto _ : state) {
-    run(in[0].data(), in[1].data(), in[2].data(), in[3].data(), in[4].data(), in[5].data(),
-        in[6].data(), in[7].data(), out.data(), kCount, 1, static_cast<int8_t>(mult_shift), 0.0f,
-        24, float_accumulator);
+    run(call);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * kCount);
@@ -32,8 +39,8 @@ template <typename T>
 void Register(const std::string& name, int mult_shift, bool float_accumulator) {
   benchmark::RegisterBenchmark(name.c_str(), HBilinear<T>, run_bilinear<T>, mult_shift,
                                float_accumulator);
-  benchmark::RegisterBenchmark((name + " loops").c_str(), HBilinear<T>, RunBilinear<T>, mult_shift,
-                               float_accumulator);
+  benchmark::RegisterBenchmark((name + " loops").c_str(), HBilinear<T>, ComputeBilinear<T>,
+                               mult_shift, float_accumulator);
 }
 
 [[maybe_unused]] const bool registered = [] {

@@ -15,16 +15,21 @@ struct HDecomposedBiasAddCase {
   std::vector<T> value = RandomIntegers<T>(kAdditionCount, -1000, 1000);
   std::vector<T> bias = RandomIntegers<T>(2 * kAdditionChannels, -128, 127);
   std::vector<T> out = std::vector<T>(kAdditionCount);
+  T factor_a = T{3};
+  T factor_b = T{5};
 
-  void Define(const Datapath<T>& datapath, int64_t passes) {
-    HDecomposedBiasAddElements(datapath, value.data(), bias.data(), bias.data() + kAdditionChannels,
-                               T{3}, T{5}, passes, 0, kAdditionCount, kAdditionChannels, out.data(),
-                               EveryPass{});
+  DecomposedBiasAddCall<T> Call(const DatapathAttributes& attributes, const float* feed_repeat) {
+    return {value.data(), bias.data(),    bias.data() + kAdditionChannels,
+            &factor_a,    &factor_b,      feed_repeat,
+            out.data(),   kAdditionShape, attributes};
   }
 
-  void Run(const Datapath<T>& datapath, int64_t passes) {
-    AddDecomposedBias(datapath, value.data(), bias.data(), bias.data() + kAdditionChannels, T{3},
-                      T{5}, passes, kAdditionCount, kAdditionChannels, out.data());
+  void Define(const DatapathAttributes& attributes, const float* feed_repeat) {
+    DefineDecomposedBiasAdd(Call(attributes, feed_repeat), 0, kAdditionCount, EveryPass{});
+  }
+
+  void Run(const DatapathAttributes& attributes, const float* feed_repeat) {
+    ComputeDecomposedBiasAdd(Call(attributes, feed_repeat), kAdditionCount);
   }
 };
 

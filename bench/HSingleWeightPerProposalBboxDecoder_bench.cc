@@ -8,7 +8,9 @@ namespace {
 
 template <typename T>
 struct SingleWeightCase : DecoderData<T> {
-  SingleWeightDecoderInputs<T> Inputs() const {
+  using Record = SingleWeightPerProposalBboxDecoderCall<T>;
+
+  Record Call(const DatapathAttributes& attributes) {
     const T* a = this->anchors.data();
     return {this->centers.data(),
             this->sizes.data(),
@@ -17,8 +19,17 @@ struct SingleWeightCase : DecoderData<T> {
             a,
             a + kDecoderAnchors,
             a + 2 * kDecoderAnchors,
-            a + 3 * kDecoderAnchors};
+            a + 3 * kDecoderAnchors,
+            this->out.data(),
+            kDecoderGrid,
+            attributes};
   }
+
+  static void Define(const Record& call, const DetectionRow& row) {
+    DefineSingleWeightPerProposalBboxDecoder(call, row, 0, kDecoderSide * kDecoderAnchors);
+  }
+
+  static void Run(const Record& call) { ComputeSingleWeightPerProposalBboxDecoder(call); }
 };
 
 [[maybe_unused]] const bool registered =

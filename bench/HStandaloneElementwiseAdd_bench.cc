@@ -18,14 +18,16 @@ struct HStandaloneElementwiseAddCase {
   std::vector<T> weights = RandomIntegers<T>(2 * kAdditionChannels, -8, 7);
   std::vector<T> out = std::vector<T>(kAdditionCount);
 
-  void Define(const Datapath<T>& datapath, int64_t) {
-    HStandaloneElementwiseAddElements(datapath, value.data(), operand.data(), weights.data(), 0,
-                                      kAdditionCount, kAdditionChannels, out.data());
+  StandaloneElementwiseAddCall<T> Call(const DatapathAttributes& attributes) {
+    return {value.data(), operand.data(), weights.data(), out.data(), kAdditionShape, attributes};
   }
 
-  void Run(const Datapath<T>& datapath, int64_t) {
-    AddWeighted(datapath, value.data(), operand.data(), weights.data(), kAdditionCount,
-                kAdditionChannels, out.data());
+  void Define(const DatapathAttributes& attributes, const float*) {
+    DefineStandaloneElementwiseAdd(Call(attributes), 0, kAdditionCount);
+  }
+
+  void Run(const DatapathAttributes& attributes, const float*) {
+    ComputeStandaloneElementwiseAdd(Call(attributes), kAdditionCount);
   }
 };
 

@@ -17,6 +17,7 @@ namespace bitfold {
 
 inline constexpr int kDecoderSide = 64;
 inline constexpr int kDecoderAnchors = 9;
+inline constexpr DetectionGrid kDecoderGrid = {1, kDecoderSide, kDecoderSide, kDecoderAnchors};
 
 template <typename T>
 struct DecoderData {
@@ -32,16 +33,13 @@ struct DecoderData {
 template <typename T, typename Case>
 void DecodeCase(benchmark::State& state, int mult_shift, bool use_fp16_acc, bool by_loops) {
   Case data;
-  const ReciprocalDatapath<T> datapath(24, mult_shift, use_fp16_acc);
-  const auto in = data.Inputs();
+  const auto shift = static_cast<int8_t>(mult_shift);
+  const auto call = data.Call({24, &shift, use_fp16_acc});
   for (auto _ : state) {
     if (by_loops) {
-      DecodeAllBoxes(datapath, in, 1, kDecoderSide, kDecoderSide, kDecoderAnchors, data.out.data());
+      Case::Run(call);
     } else {
-      ForEachDetectionRow(
-          1, kDecoderSide, kDecoderSide, kDecoderAnchors, [&](const DetectionRow& row) {
-            DecodeBoxes(datapath, in, row, 0, kDecoderSide * kDecoderAnchors, data.out.data());
-          });
+      ForEachDetectionRow(call.grid, [&](const DetectionRow& row) { Case::Define(call, row); });
     }
     benchmark::ClobberMemory();
   }

@@ -14,7 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "bitfold/datapath.h"
+#include "bitfold/addition_shape.h"
+#include "bitfold/datapath_attributes.h"
 
 namespace bitfold {
 
@@ -28,18 +29,20 @@ std::vector<T> RandomIntegers(int64_t count, int low, int high) {
   return values;
 }
 
-inline constexpr int64_t kAdditionChannels = 64;
+inline constexpr int kAdditionChannels = 64;
 inline constexpr int64_t kAdditionCount = 112 * 112 * kAdditionChannels;
 
-// An addition on 1 x 112 x 112 x 64: Case<T> has Define(datapath, passes) and Run(the same).
+inline constexpr AdditionShape kAdditionShape = {1, 112, 112, kAdditionChannels};
+
+// An addition on 1 x 112 x 112 x 64: Case<T> has Define(attributes, feed_repeat) and Run(the same).
 template <typename T, typename Case>
 void Addition(benchmark::State& state, int mult_shift, bool use_fp16_acc, bool by_loops) {
   Case data;
-  const Datapath<T> datapath(24, mult_shift, use_fp16_acc);
-  const volatile int64_t read_from_a_tensor = 1;
-  const int64_t passes = read_from_a_tensor;
+  const auto shift = static_cast<int8_t>(mult_shift);
+  const DatapathAttributes attributes{24, &shift, use_fp16_acc};
+  const float feed_repeat = 1.0f;
   for (auto _ : state) {
-    by_loops ? data.Run(datapath, passes) : data.Define(datapath, passes);
+    by_loops ? data.Run(attributes, &feed_repeat) : data.Define(attributes, &feed_repeat);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * kAdditionCount);

@@ -8,41 +8,38 @@
 
 #include <cstdint>
 
+#include "bitfold/addition_shape.h"
+#include "bitfold/datapath_attributes.h"
 #include "bitfold/repeated_addition.h"
 
 namespace bitfold {
 
-// out[i] = value[i] with factor * elementwise[i], scaled, added `passes` times, for
-// first <= i < first + count. All three buffers hold those elements. With EveryPass this loop is
-// the op's definition.
+// One call. All pointers are to flat buffers in the memory of the op's device; of
+// elementwise_factor and elementwise_feed_repeat element 0 is read.
+template <typename T>
+struct AddCall {
+  const T* value;
+  const T* elementwise;
+  const T* elementwise_factor;
+  const float* elementwise_feed_repeat;
+  T* output;
+  AdditionShape shape;
+  DatapathAttributes attributes;
+};
+
+// output[i] = value[i] with factor * elementwise[i], scaled, added in every pass of the feed, for
+// first <= i < first + count, which all three buffers hold. With EveryPass this loop is the op's
+// definition. Requires host memory and a feed repeat of at most kMaxFeedRepeat.
 template <typename T, typename Passes>
-void HAddElements(const Datapath<T>& datapath, const T* value, const T* elementwise, T factor,
-                  int64_t passes, int64_t first, int64_t count, T* out, Passes add_passes) {
+void DefineAdd(const AddCall<T>& call, int64_t first, int64_t count, Passes add_passes) {
+  const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
+  const int64_t passes = FeedRepeatCount(call.elementwise_feed_repeat[0]);
+  const T factor = call.elementwise_factor[0];
   for (int64_t i = first; i < first + count; ++i) {
-    const T product = datapath.Multiply(factor, elementwise[i]);
-    out[i] = AddRepeatedly(datapath, value[i], product, passes, add_passes);
+    const T product = datapath.Multiply(factor, call.elementwise[i]);
+    call.output[i] = AddRepeatedly(datapath, call.value[i], product, passes, add_passes);
   }
 }
-
-// The whole-tensor arithmetic as the kernel calls it. All pointers are to flat buffers on the
-// functor's device; of elementwise_factor, elementwise_feed_repeat and mult_shift element 0 is
-// read. The element count is the product of the dimensions in 32-bit arithmetic; below 1 nothing
-// is written. The CPU functors require the feed repeat to be at most kMaxFeedRepeat.
-template <typename Device, typename T>
-struct HAddElementwise4dFunctor {
-  void operator()(const Device& device, const T* value, const T* elementwise,
-                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
-                  int d0, int d1, int d2, int d3, int accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const;
-};
-
-template <typename Device, typename T>
-struct HAddElementwise2DFunctor {
-  void operator()(const Device& device, const T* value, const T* elementwise,
-                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
-                  int d0, int d1, int accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const;
-};
 
 }  // namespace bitfold
 

@@ -10,14 +10,25 @@
 #include <cstdint>
 
 #include "bitfold/datapath.h"
+#include "bitfold/datapath_attributes.h"
 
 namespace bitfold {
 
-// The inputs as flat arrays: of the detections a (y, x) pair for each anchor of each position, of
-// the centres a (minimum, maximum) pair for each anchor of each row or column, of the others a
-// number for each anchor.
+// The positions of a decoder's detections and the anchors of each. Where a number is below 1 there
+// are none.
+struct DetectionGrid {
+  int32_t images = 0;
+  int32_t rows = 0;
+  int32_t columns = 0;
+  int32_t anchors = 0;
+};
+
+// One call. The inputs are flat arrays: of the detections a (y, x) pair for each anchor of each
+// position, of the centres a (minimum, maximum) pair for each anchor of each row or column, of the
+// others a number for each anchor. The output's corners come in the order y-min, x-min, y-max,
+// x-max, 4 for each anchor.
 template <typename T>
-struct BoxDecoderInputs {
+struct BboxDecoderCall {
   const T* detection_centers;
   const T* detection_w_h;
   const T* y_centers;
@@ -28,55 +39,57 @@ struct BoxDecoderInputs {
   const T* anchors_widths;
   const T* anchors_widths_div_2;
   const T* anchors_widths_minus_div_2;
+  T* output;
+  DetectionGrid grid;
+  DatapathAttributes attributes;
 };
 
 // The anchors of one row of one image, and where they stand in the arrays.
 struct DetectionRow {
-  int64_t pairs;    // of the row's first anchor in the detections, in elements
-  int64_t y;        // of the row's first pair in y_centers
-  int64_t anchors;  // per position
+  int64_t pairs;  // of the row's first anchor in the detections, in elements
+  int64_t y;      // of the row's first pair in y_centers
 };
 
+// The rows of all images in order: visit(row).
+template <typename Visit>
+void ForEachDetectionRow(const DetectionGrid& grid, Visit visit) {
+  if (grid.columns < 1 || grid.anchors < 1) return;
+  const int64_t row_pairs = int64_t{grid.columns} * 2 * grid.anchors;
+  for (int64_t image = 0; image < grid.images; ++image) {
+    for (int64_t row = 0; row < grid.rows; ++row) {
+      visit(DetectionRow{(image * grid.rows + row) * row_pairs, row * 2 * grid.anchors});
+    }
+  }
+}
+
 // The definition of anchors first <= t < first + count of a row, counted over its positions. Each
-// corner is two additions: the centre product with the size product, then the centre. The corners
-// come in the order y-min, x-min, y-max, x-max, 4 for each anchor.
+// corner is two additions: the centre product with the size product, then the centre.
 template <typename T>
-void DecodeBoxes(const ReciprocalDatapath<T>& datapath, const BoxDecoderInputs<T>& in,
-                 const DetectionRow& row, int64_t first, int64_t count, T* out) {
+void DefineBboxDecoder(const BboxDecoderCall<T>& call, const DetectionRow& row, int64_t first,
+                       int64_t count) {
+  const auto datapath = MakeDatapath<ReciprocalDatapath<T>>(call.attributes);
   const auto product = [&datapath](T a, T b) {
     return datapath.ScaleProduct(datapath.Multiply(a, b));
   };
   const auto corner = [&datapath](T centre_product, T size_product, T centre) {
     return datapath.Accumulate(datapath.Accumulate(centre_product, size_product), centre);
   };
+  const int64_t anchors = call.grid.anchors;
   for (int64_t t = first; t < first + count; ++t) {
-    const int64_t j = t % row.anchors;
-    const T* c = in.detection_centers + row.pairs + 2 * t;
-    const T* s = in.detection_w_h + row.pairs + 2 * t;
-    const T* y = in.y_centers + row.y + 2 * j;
-    const T* x = in.x_centers + 2 * t;
-    const T py = product(in.anchors_heights[j], c[0]);
-    const T px = product(in.anchors_widths[j], c[1]);
-    T* box = out + 2 * row.pairs + 4 * t;
-    box[0] = corner(py, product(in.anchors_heights_minus_div_2[j], s[0]), y[0]);
-    box[1] = corner(px, product(in.anchors_widths_minus_div_2[j], s[1]), x[0]);
-    box[2] = corner(py, product(in.anchors_heights_div_2[j], s[0]), y[1]);
-    box[3] = corner(px, product(in.anchors_widths_div_2[j], s[1]), x[1]);
+    const int64_t j = t % anchors;
+    const T* c = call.detection_centers + row.pairs + 2 * t;
+    const T* s = call.detection_w_h + row.pairs + 2 * t;
+    const T* y = call.y_centers + row.y + 2 * j;
+    const T* x = call.x_centers + 2 * t;
+    const T py = product(call.anchors_heights[j], c[0]);
+    const T px = product(call.anchors_widths[j], c[1]);
+    T* box = call.output + 2 * row.pairs + 4 * t;
+    box[0] = corner(py, product(call.anchors_heights_minus_div_2[j], s[0]), y[0]);
+    box[1] = corner(px, product(call.anchors_widths_minus_div_2[j], s[1]), x[0]);
+    box[2] = corner(py, product(call.anchors_heights_div_2[j], s[0]), y[1]);
+    box[3] = corner(px, product(call.anchors_widths_div_2[j], s[1]), x[1]);
   }
 }
-
-// The whole-tensor arithmetic as the kernel calls it, over N x H x W positions of A anchors. Of
-// mult_shift element 0 is read. Where a count is below 1 nothing is written.
-template <typename Device, typename T>
-struct HBboxDecoder4DFunctor {
-  void operator()(const Device& device, const T* detection_centers, const T* detection_w_h,
-                  const T* y_centers, const T* x_centers, const T* anchors_heights,
-                  const T* anchors_heights_div_2, const T* anchors_heights_minus_div_2,
-                  const T* anchors_widths, const T* anchors_widths_div_2,
-                  const T* anchors_widths_minus_div_2, T* output, int32_t n, int32_t h, int32_t w,
-                  int32_t anchors, int32_t accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const;
-};
 
 }  // namespace bitfold
 

@@ -8,31 +8,40 @@
 
 #include <cstdint>
 
+#include "bitfold/addition_shape.h"
+#include "bitfold/datapath_attributes.h"
 #include "bitfold/repeated_addition.h"
 
 namespace bitfold {
 
-// out[i] = value[i] with bias[i mod channels] * factor, scaled, added `passes` times, for
-// first <= i < first + count. `value` and `out` hold those elements, `bias` at least channels;
-// channels >= 1 where count >= 1. With EveryPass this loop is the op's definition.
+// One call. All pointers are to flat buffers in the memory of the op's device; of bias_factor and
+// bias_feed_repeat element 0 is read.
+template <typename T>
+struct BiasAddCall {
+  const T* value;
+  const T* bias;
+  const T* bias_factor;
+  const float* bias_feed_repeat;
+  T* output;
+  AdditionShape shape;
+  DatapathAttributes attributes;
+};
+
+// output[i] = value[i] with bias[i mod channels] * factor, scaled, added in every pass of the feed,
+// for first <= i < first + count, which `value` and `output` hold; `bias` holds at least the
+// channels, at least one of them where count >= 1. With EveryPass this loop is the op's definition.
+// Requires host memory and a feed repeat of at most kMaxFeedRepeat.
 template <typename T, typename Passes>
-void HBiasAddElements(const Datapath<T>& datapath, const T* value, const T* bias, T factor,
-                      int64_t passes, int64_t first, int64_t count, int64_t channels, T* out,
-                      Passes add_passes) {
+void DefineBiasAdd(const BiasAddCall<T>& call, int64_t first, int64_t count, Passes add_passes) {
+  const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
+  const int64_t passes = FeedRepeatCount(call.bias_feed_repeat[0]);
+  const T factor = call.bias_factor[0];
+  const int64_t channels = call.shape.d3;
   for (int64_t i = first; i < first + count; ++i) {
-    const T product = datapath.Multiply(bias[i % channels], factor);
-    out[i] = AddRepeatedly(datapath, value[i], product, passes, add_passes);
+    const T product = datapath.Multiply(call.bias[i % channels], factor);
+    call.output[i] = AddRepeatedly(datapath, call.value[i], product, passes, add_passes);
   }
 }
-
-// The whole-tensor arithmetic as the kernel calls it; a rank of 2 passes (N, 1, 1, C). Pointers and
-// scalars as for HAddElementwise4dFunctor.
-template <typename Device, typename T>
-struct HAddBias4DFunctor {
-  void operator()(const Device& device, const T* value, const T* bias, const T* bias_factor,
-                  const float* bias_feed_repeat, T* output, int d0, int d1, int d2, int d3,
-                  int accumulator_size, const int8_t* mult_shift, bool use_fp16_acc) const;
-};
 
 }  // namespace bitfold
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "bitfold/datapath.h"
+#include "bitfold/datapath_attributes.h"
 #include "bitfold/int32_arithmetic.h"
 
 namespace bitfold {
@@ -20,6 +21,21 @@ template <typename T>
 struct BilinearInputs {
   const T* neighbours[4];
   const T* weights[4];
+};
+
+// One call, over `items` items of `item_size` elements each, which all four neighbours and the
+// output hold and, of each weight, one item's. For int32 data requires float_accumulator or an
+// accumulator_size <= 32; other widths, negative ones too, are what the formulas give. The
+// half-precision accumulator is not used.
+template <typename T>
+struct BilinearCall {
+  BilinearInputs<T> inputs;
+  T* output;
+  unsigned item_size;
+  unsigned items;
+  float bias;
+  bool float_accumulator;
+  DatapathAttributes attributes;
 };
 
 // The bias as the accumulator of T takes it.
@@ -43,37 +59,34 @@ inline int32_t AddUnlimited(int32_t a, int32_t b, int32_t c, int32_t d, int32_t 
   return WrapAdd(WrapAdd(WrapAdd(c, d), WrapAdd(a, b)), bias);
 }
 
-// The definition over elements first <= j < first + count of one item, whose neighbours and outputs
-// start at `base`; weights do not depend on the item.
+// The definition over elements first <= j < first + count of one item; weights do not depend on the
+// item.
 template <typename T>
-void HBilinearElements(const ReciprocalDatapath<T>& datapath, const BilinearInputs<T>& in, T bias,
-                       bool float_accumulator, int64_t base, int64_t first, int64_t count, T* out) {
+void DefineBilinear(const BilinearCall<T>& call, int64_t item, int64_t first, int64_t count) {
+  const auto datapath = MakeDatapath<ReciprocalDatapath<T>>(call.attributes);
+  const T bias = BilinearBias<T>(call.bias);
+  const int64_t base = item * call.item_size;
   for (int64_t j = first; j < first + count; ++j) {
     T product[4];
     for (int k = 0; k < 4; ++k) {
-      product[k] = datapath.Multiply(in.neighbours[k][base + j], in.weights[k][j]);
+      product[k] =
+          datapath.Multiply(call.inputs.neighbours[k][base + j], call.inputs.weights[k][j]);
     }
-    if (float_accumulator) {
-      out[base + j] = AddUnlimited(product[0], product[1], product[2], product[3], bias);
+    if (call.float_accumulator) {
+      call.output[base + j] = AddUnlimited(product[0], product[1], product[2], product[3], bias);
       continue;
     }
     T acc = bias;
     for (int k = 0; k < 4; ++k) acc = datapath.Accumulate(acc, datapath.ScaleProduct(product[k]));
-    out[base + j] = acc;
+    call.output[base + j] = acc;
   }
 }
 
-// The whole op over n items of s elements each, which all four neighbours and out hold and, of each
-// weight, s. Nothing is written when n or s is 0. For int32 data requires float_accumulator or
-// accumulator_size <= 32; other widths, negative ones too, are what the formulas give.
+// The whole op: the definition, item after item. Without items or elements nothing is written.
 template <typename T>
-void run_bilinear(const T* ul, const T* ur, const T* bl, const T* br, const T* w00, const T* w10,
-                  const T* w01, const T* w11, T* out, unsigned s, unsigned n, int8_t mult_shift,
-                  float bias, int accumulator_size, bool float_accumulator) {
-  const ReciprocalDatapath<T> datapath(accumulator_size, mult_shift, false);
-  const BilinearInputs<T> in{{ul, ur, bl, br}, {w00, w10, w01, w11}};
-  for (int64_t item = 0; item < int64_t{n}; ++item) {
-    HBilinearElements(datapath, in, BilinearBias<T>(bias), float_accumulator, item * s, 0, s, out);
+void run_bilinear(const BilinearCall<T>& call) {
+  for (int64_t item = 0; item < int64_t{call.items}; ++item) {
+    DefineBilinear(call, item, 0, call.item_size);
   }
 }
 

@@ -8,36 +8,41 @@
 
 #include <cstdint>
 
+#include "bitfold/addition_shape.h"
 #include "bitfold/datapath.h"
+#include "bitfold/datapath_attributes.h"
 
 namespace bitfold {
 
+// One call. All pointers are to flat buffers in the memory of the op's device.
+template <typename T>
+struct StandaloneElementwiseAddCall {
+  const T* value;
+  const T* elementwise;
+  const T* weights;
+  T* output;
+  AdditionShape shape;
+  DatapathAttributes attributes;
+};
+
 // The op's definition, for first <= i < first + count and c = i mod channels:
-//   out[i] = weights[c] * value[i]  +  weights[channels + c] * elementwise[i]
+//   output[i] = weights[c] * value[i]  +  weights[channels + c] * elementwise[i]
 // each product scaled, one addition into the accumulator. The first product is what the accumulator
 // holds, so in half-precision mode only the second is quantised before the addition. `value`,
-// `elementwise` and `out` hold those elements, `weights` 2 * channels; channels >= 1 where
-// count >= 1.
+// `elementwise` and `output` hold those elements, `weights` twice the channels, of which there is
+// at least one where count >= 1. Requires host memory.
 template <typename T>
-void HStandaloneElementwiseAddElements(const Datapath<T>& datapath, const T* value,
-                                       const T* elementwise, const T* weights, int64_t first,
-                                       int64_t count, int64_t channels, T* out) {
+void DefineStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call, int64_t first,
+                                    int64_t count) {
+  const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
+  const int64_t channels = call.shape.d3;
   for (int64_t i = first; i < first + count; ++i) {
     const int64_t c = i % channels;
-    const T a = datapath.ScaleProduct(datapath.Multiply(weights[c], value[i]));
-    const T b = datapath.ScaleProduct(datapath.Multiply(elementwise[i], weights[channels + c]));
-    out[i] = datapath.Accumulate(a, b);
+    const T a = datapath.Multiply(call.weights[c], call.value[i]);
+    const T b = datapath.Multiply(call.elementwise[i], call.weights[channels + c]);
+    call.output[i] = datapath.Accumulate(datapath.ScaleProduct(a), datapath.ScaleProduct(b));
   }
 }
-
-// The whole-tensor arithmetic as the kernel calls it; other ranks than 4 pass (d0, 1, 1, d1).
-// Pointers as for HAddElementwise4dFunctor.
-template <typename Device, typename T>
-struct HStandaloneElementwiseAdd4DFunctor {
-  void operator()(const Device& device, const T* value, const T* elementwise, const T* weights,
-                  T* output, int d0, int d1, int d2, int d3, int accumulator_size,
-                  const int8_t* mult_shift, bool use_fp16_acc) const;
-};
 
 }  // namespace bitfold
 

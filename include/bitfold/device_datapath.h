@@ -12,10 +12,9 @@
 #include <cstdint>
 
 #include "bitfold/accumulator.h"
+#include "bitfold/datapath.h"
 #include "bitfold/half_accumulator.h"
 #include "bitfold/host_device.h"
-#include "bitfold/int32_arithmetic.h"
-#include "bitfold/product_scaling.h"
 #include "bitfold/warning.h"
 
 namespace bitfold {
@@ -36,6 +35,15 @@ BITFOLD_HOST_DEVICE inline float WrapOnDevice(float sum, float min, float max) {
   return sum;
 }
 
+// What the datapaths of both element types share with the host's: all up to the scaled product.
+template <typename T>
+class CommonDeviceDatapath : public CommonDatapath<T> {
+ public:
+  using CommonDatapath<T>::CommonDatapath;
+
+  BITFOLD_HOST_DEVICE T Product(T a, T b) const { return this->ScaleProduct(this->Multiply(a, b)); }
+};
+
 // The multiplier, the shifter and the accumulator in a row, as a kernel gets them: the bounds are
 // AccumulatorLimits of the width, formed on the host.
 template <typename T>
@@ -43,20 +51,11 @@ class DeviceDatapath;
 
 // The host's Datapath<int32_t> but for the bounds, which come as they are.
 template <>
-class DeviceDatapath<int32_t> {
+class DeviceDatapath<int32_t> : public CommonDeviceDatapath<int32_t> {
  public:
   BITFOLD_HOST_DEVICE DeviceDatapath(int32_t acc_min, int32_t acc_max, int32_t mult_shift,
                                      bool use_fp16_acc)
-      : limits_(acc_min, acc_max), mult_shift_(mult_shift), use_fp16_acc_(use_fp16_acc) {}
-
-  BITFOLD_HOST_DEVICE int32_t InitialValue(int32_t value) const {
-    if (!use_fp16_acc_) return value;
-    return TruncateToInt32(f32_to_hf16(static_cast<float>(value)));
-  }
-
-  BITFOLD_HOST_DEVICE int32_t Product(int32_t a, int32_t b) const {
-    return ShiftRoundHalfToEven(WrapMultiply(a, b), mult_shift_);
-  }
+      : CommonDeviceDatapath<int32_t>(mult_shift, use_fp16_acc), limits_(acc_min, acc_max) {}
 
   BITFOLD_HOST_DEVICE int32_t Accumulate(int32_t acc, int32_t addend) const {
     return bitfold::Accumulate(acc, addend, limits_);
@@ -64,37 +63,25 @@ class DeviceDatapath<int32_t> {
 
  private:
   AccumulatorLimits<int32_t> limits_;
-  int32_t mult_shift_;
-  bool use_fp16_acc_;
 };
 
 // Lines are printed by whichever thread comes first.
 template <>
-class DeviceDatapath<float> {
+class DeviceDatapath<float> : public CommonDeviceDatapath<float> {
  public:
   BITFOLD_HOST_DEVICE DeviceDatapath(float acc_min, float acc_max, int32_t mult_shift,
                                      bool use_fp16_acc)
-      : min_(acc_min), max_(acc_max), mult_shift_(mult_shift), use_fp16_acc_(use_fp16_acc) {}
-
-  BITFOLD_HOST_DEVICE float InitialValue(float value) const {
-    return use_fp16_acc_ ? f32_to_hf16(value) : value;
-  }
-
-  BITFOLD_HOST_DEVICE float Product(float a, float b) const {
-    return DivideRoundHalfToEven(a * b, mult_shift_);
-  }
+      : CommonDeviceDatapath<float>(mult_shift, use_fp16_acc), min_(acc_min), max_(acc_max) {}
 
   BITFOLD_HOST_DEVICE float Accumulate(float acc, float addend) const {
     const float sum = acc + addend;
     if (IsOutOfDeviceWarningRange(sum)) PrintAccumulatorWarning(sum);
-    return use_fp16_acc_ ? AccumulateHalf(acc, addend) : WrapOnDevice(sum, min_, max_);
+    return use_fp16_acc() ? AccumulateHalf(acc, addend) : WrapOnDevice(sum, min_, max_);
   }
 
  private:
   float min_;
   float max_;
-  int32_t mult_shift_;
-  bool use_fp16_acc_;
 };
 
 // The passes of a feed: each adds the addends, which are scaled products, one after the other. A

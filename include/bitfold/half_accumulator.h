@@ -26,15 +26,15 @@ namespace bitfold {
 // NaN stays NaN and infinities stay infinite (their exponent counts as 0). -0 stays -0, and a
 // negative x that rounds to zero gives -0.
 BITFOLD_HOST_DEVICE inline float f32_to_hf16(float x) {
-  constexpr int64_t exp_array[32] = {
-      int64_t{1} << 0,  int64_t{1} << 1,  int64_t{1} << 2,  int64_t{1} << 3,  int64_t{1} << 4,
-      int64_t{1} << 5,  int64_t{1} << 6,  int64_t{1} << 7,  int64_t{1} << 8,  int64_t{1} << 9,
-      int64_t{1} << 10, int64_t{1} << 11, int64_t{1} << 12, int64_t{1} << 13, int64_t{1} << 14,
-      int64_t{1} << 15, int64_t{1} << 16, int64_t{1} << 17, int64_t{1} << 18, int64_t{1} << 19,
-      int64_t{1} << 20, int64_t{1} << 21, int64_t{1} << 22, int64_t{1} << 23, int64_t{1} << 24,
-      int64_t{1} << 25, int64_t{1} << 26, int64_t{1} << 27, int64_t{1} << 28, int64_t{1} << 29,
-      int64_t{1} << 30, int64_t{1} << 31};
+  constexpr int kMinExponent = 2;
   constexpr int kMaxExponent = 15;
+  // The powers of two 2^e that step 4 reaches: smaller exponents end in step 2, larger ones are
+  // held at the last.
+  constexpr int32_t exp_array[] = {1 << 2, 1 << 3,  1 << 4,  1 << 5,  1 << 6,  1 << 7,  1 << 8,
+                                   1 << 9, 1 << 10, 1 << 11, 1 << 12, 1 << 13, 1 << 14, 1 << 15};
+  static_assert(exp_array[0] == 1 << kMinExponent &&
+                exp_array[kMaxExponent - kMinExponent] == 1 << kMaxExponent &&
+                sizeof(exp_array) == sizeof(int32_t) * (kMaxExponent - kMinExponent + 1));
 
   // 1. Split: x = m * 2^e. frexpf leaves e unspecified for NaN and infinities; 0 is ours.
   int e = 0;
@@ -42,7 +42,7 @@ BITFOLD_HOST_DEVICE inline float f32_to_hf16(float x) {
   if (!(fabsf(x) <= FLT_MAX)) e = 0;
 
   // 2. Small values keep absolute steps. 65536 / 64 = 1024 = 2^10.
-  if (e < 2) {
+  if (e < kMinExponent) {
     const double floored = floor(static_cast<double>(x) * 65536.0);
     return rintf(static_cast<float>(floored * 0.015625)) * 0.0009765625f;
   }
@@ -56,7 +56,7 @@ BITFOLD_HOST_DEVICE inline float f32_to_hf16(float x) {
     significand = -significand;
     e = kMaxExponent;
   }
-  return significand * static_cast<float>(exp_array[e]);
+  return significand * static_cast<float>(exp_array[e - kMinExponent]);
 }
 
 // One addition: the addend is quantised before the sum and the sum after it. Nothing wraps here.

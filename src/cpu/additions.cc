@@ -6,10 +6,6 @@
 #include <type_traits>
 #include <vector>
 
-#include "bitfold/HAdd.h"
-#include "bitfold/HBiasAdd.h"
-#include "bitfold/HDecomposedBiasAdd.h"
-#include "bitfold/HStandaloneElementwiseAdd.h"
 #include "cpu/vector_datapath.h"
 
 namespace bitfold {
@@ -58,87 +54,84 @@ PeriodicArray<T> ScaledPerChannel(const Datapath<T>& datapath, const T* operand,
 }  // namespace
 
 template <typename T>
-void AddElementwise(const Datapath<T>& datapath, const T* value, const T* elementwise, T factor,
-                    int64_t passes, int64_t count, T* out) {
-  const auto define = [&](int64_t first, int64_t n) {
-    HAddElements(datapath, value, elementwise, factor, passes, first, n, out, ProvenPasses{});
-  };
+void ComputeAdd(const AddCall<T>& call, int64_t count) {
+  const auto define = [&](int64_t first, int64_t n) { DefineAdd(call, first, n, ProvenPasses{}); };
+  const int64_t passes = FeedRepeatCount(call.elementwise_feed_repeat[0]);
   if (ShouldProve<T>(passes)) return define(0, count);
+  const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
   const auto& loops = LoopsOf(datapath);
-  const std::vector<T> factors(kBlock, factor);
+  const std::vector<T> factors(kBlock, call.elementwise_factor[0]);
   const auto fast = [&](int64_t i, int n) {
+    const T* value = call.value + i;
+    const T* elementwise = call.elementwise + i;
+    T* out = call.output + i;
     if (passes == 1 && !datapath.use_fp16_acc()) {
-      return loops.accumulate_products(datapath, value + i, elementwise + i, factors.data(), n,
-                                       out + i);
+      return loops.accumulate_products(datapath, value, elementwise, factors.data(), n, out);
     }
     T products[kBlock];
-    loops.products(datapath, elementwise + i, factors.data(), n, products);
-    return AddPasses<T>(datapath, value + i, {products}, passes, n, out + i);
+    loops.products(datapath, elementwise, factors.data(), n, products);
+    return AddPasses<T>(datapath, value, {products}, passes, n, out);
   };
   ForEachBlock(count, fast, define);
 }
 
 template <typename T>
-void AddBias(const Datapath<T>& datapath, const T* value, const T* bias, T factor, int64_t passes,
-             int64_t count, int64_t channels, T* out) {
+void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count) {
   const auto define = [&](int64_t first, int64_t n) {
-    HBiasAddElements(datapath, value, bias, factor, passes, first, n, channels, out,
-                     ProvenPasses{});
+    DefineBiasAdd(call, first, n, ProvenPasses{});
   };
+  const int64_t passes = FeedRepeatCount(call.bias_feed_repeat[0]);
   if (count <= 0 || ShouldProve<T>(passes)) return define(0, count);
-  const PeriodicArray<T> addends = ScaledPerChannel(datapath, bias, factor, channels);
+  const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
+  const PeriodicArray<T> addends =
+      ScaledPerChannel(datapath, call.bias, call.bias_factor[0], call.shape.d3);
   const auto fast = [&](int64_t i, int n) {
-    return AddPasses<T>(datapath, value + i, {addends.From(i)}, passes, n, out + i);
+    return AddPasses<T>(datapath, call.value + i, {addends.From(i)}, passes, n, call.output + i);
   };
   ForEachBlock(count, fast, define);
 }
 
 template <typename T>
-void AddDecomposedBias(const Datapath<T>& datapath, const T* value, const T* bias_a,
-                       const T* bias_b, T factor_a, T factor_b, int64_t passes, int64_t count,
-                       int64_t channels, T* out) {
+void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count) {
   const auto define = [&](int64_t first, int64_t n) {
-    HDecomposedBiasAddElements(datapath, value, bias_a, bias_b, factor_a, factor_b, passes, first,
-                               n, channels, out, ProvenPasses{});
+    DefineDecomposedBiasAdd(call, first, n, ProvenPasses{});
   };
+  const int64_t passes = FeedRepeatCount(call.bias_feed_repeat[0]);
   if (count <= 0 || ShouldProve<T>(passes)) return define(0, count);
-  const PeriodicArray<T> parts_a = ScaledPerChannel(datapath, bias_a, factor_a, channels);
-  const PeriodicArray<T> parts_b = ScaledPerChannel(datapath, bias_b, factor_b, channels);
+  const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
+  const PeriodicArray<T> parts_a =
+      ScaledPerChannel(datapath, call.bias_a, call.bias_a_factor[0], call.shape.d3);
+  const PeriodicArray<T> parts_b =
+      ScaledPerChannel(datapath, call.bias_b, call.bias_b_factor[0], call.shape.d3);
   const auto fast = [&](int64_t i, int n) {
-    return AddPasses<T>(datapath, value + i, {parts_a.From(i), parts_b.From(i)}, passes, n,
-                        out + i);
+    return AddPasses<T>(datapath, call.value + i, {parts_a.From(i), parts_b.From(i)}, passes, n,
+                        call.output + i);
   };
   ForEachBlock(count, fast, define);
 }
 
 template <typename T>
-void AddWeighted(const Datapath<T>& datapath, const T* value, const T* elementwise,
-                 const T* weights, int64_t count, int64_t channels, T* out) {
+void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call, int64_t count) {
   if (count <= 0) return;
-  const PeriodicArray<T> value_weights(weights, channels);
-  const PeriodicArray<T> elementwise_weights(weights + channels, channels);
+  const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
+  const PeriodicArray<T> value_weights(call.weights, call.shape.d3);
+  const PeriodicArray<T> elementwise_weights(call.weights + call.shape.d3, call.shape.d3);
   const auto& loops = LoopsOf(datapath);
   const auto fast = [&](int64_t i, int n) {
     T products[kBlock];
-    loops.products(datapath, value + i, value_weights.From(i), n, products);
-    return loops.accumulate_products(datapath, products, elementwise + i,
-                                     elementwise_weights.From(i), n, out + i);
+    loops.products(datapath, call.value + i, value_weights.From(i), n, products);
+    return loops.accumulate_products(datapath, products, call.elementwise + i,
+                                     elementwise_weights.From(i), n, call.output + i);
   };
-  ForEachBlock(count, fast, [&](int64_t first, int64_t n) {
-    HStandaloneElementwiseAddElements(datapath, value, elementwise, weights, first, n, channels,
-                                      out);
-  });
+  ForEachBlock(count, fast,
+               [&](int64_t first, int64_t n) { DefineStandaloneElementwiseAdd(call, first, n); });
 }
 
-#define BITFOLD_INSTANTIATE(T)                                                                     \
-  template void AddElementwise<T>(const Datapath<T>&, const T*, const T*, T, int64_t, int64_t,     \
-                                  T*);                                                             \
-  template void AddBias<T>(const Datapath<T>&, const T*, const T*, T, int64_t, int64_t, int64_t,   \
-                           T*);                                                                    \
-  template void AddDecomposedBias<T>(const Datapath<T>&, const T*, const T*, const T*, T, T,       \
-                                     int64_t, int64_t, int64_t, T*);                               \
-  template void AddWeighted<T>(const Datapath<T>&, const T*, const T*, const T*, int64_t, int64_t, \
-                               T*);
+#define BITFOLD_INSTANTIATE(T)                                                         \
+  template void ComputeAdd<T>(const AddCall<T>&, int64_t);                             \
+  template void ComputeBiasAdd<T>(const BiasAddCall<T>&, int64_t);                     \
+  template void ComputeDecomposedBiasAdd<T>(const DecomposedBiasAddCall<T>&, int64_t); \
+  template void ComputeStandaloneElementwiseAdd<T>(const StandaloneElementwiseAddCall<T>&, int64_t);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)
 #undef BITFOLD_INSTANTIATE

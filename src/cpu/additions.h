@@ -1,36 +1,35 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the kernels of the four additions run: the definitions of HAdd.h, HBiasAdd.h,
-// HDecomposedBiasAdd.h and HStandaloneElementwiseAdd.h over 0 <= i < count, block by block.
+// What the kernels of the four additions run: the definitions over 0 <= i < count, block by block.
 
 #ifndef BITFOLD_SRC_CPU_ADDITIONS_H_
 #define BITFOLD_SRC_CPU_ADDITIONS_H_
 
 #include <cstdint>
 
-#include "bitfold/datapath.h"
+#include "bitfold/HAdd.h"
+#include "bitfold/HBiasAdd.h"
+#include "bitfold/HDecomposedBiasAdd.h"
+#include "bitfold/HStandaloneElementwiseAdd.h"
 
 namespace bitfold {
 
-// T is int32_t or float. The arrays are as for the definitions; out shares no memory with them.
+// T is int32_t or float. The buffers are as for the definitions; the output shares no memory with
+// them. `count` need not be a whole number of channels: the product of the dimensions, which wraps,
+// may not be one.
 
 template <typename T>
-void AddElementwise(const Datapath<T>& datapath, const T* value, const T* elementwise, T factor,
-                    int64_t passes, int64_t count, T* out);
+void ComputeAdd(const AddCall<T>& call, int64_t count);
 
 template <typename T>
-void AddBias(const Datapath<T>& datapath, const T* value, const T* bias, T factor, int64_t passes,
-             int64_t count, int64_t channels, T* out);
+void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count);
 
 template <typename T>
-void AddDecomposedBias(const Datapath<T>& datapath, const T* value, const T* bias_a,
-                       const T* bias_b, T factor_a, T factor_b, int64_t passes, int64_t count,
-                       int64_t channels, T* out);
+void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count);
 
 template <typename T>
-void AddWeighted(const Datapath<T>& datapath, const T* value, const T* elementwise,
-                 const T* weights, int64_t count, int64_t channels, T* out);
+void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call, int64_t count);
 
 }  // namespace bitfold
 

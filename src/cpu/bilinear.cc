@@ -5,7 +5,6 @@
 
 #include <vector>
 
-#include "bitfold/HBilinear.h"
 #include "cpu/vector_datapath.h"
 #include "vector/target.h"
 
@@ -31,24 +30,21 @@ AddUnlimitedLoop<float> UnlimitedLoop(float) { return CurrentLoops().real; }
 }  // namespace
 
 template <typename T>
-void RunBilinear(const T* ul, const T* ur, const T* bl, const T* br, const T* w00, const T* w10,
-                 const T* w01, const T* w11, T* out, unsigned s, unsigned n, int8_t mult_shift,
-                 float bias, int accumulator_size, bool float_accumulator) {
-  const ReciprocalDatapath<T> datapath(accumulator_size, mult_shift, false);
-  const BilinearInputs<T> in{{ul, ur, bl, br}, {w00, w10, w01, w11}};
-  const T addend = BilinearBias<T>(bias);
+void ComputeBilinear(const BilinearCall<T>& call) {
+  const auto datapath = MakeDatapath<ReciprocalDatapath<T>>(call.attributes);
+  const T addend = BilinearBias<T>(call.bias);
   const std::vector<T> addends(kBlock, addend);
   const auto& loops = LoopsOf(datapath);
-  for (int64_t item = 0; item < int64_t{n}; ++item) {
-    const int64_t base = item * s;
+  for (int64_t item = 0; item < int64_t{call.items}; ++item) {
+    const int64_t base = item * call.item_size;
     const auto fast = [&](int64_t j, int count) {
-      T* result = out + base + j;
-      BilinearInputs<T> block = in;
+      T* result = call.output + base + j;
+      BilinearInputs<T> block = call.inputs;
       for (int k = 0; k < 4; ++k) {
         block.neighbours[k] += base + j;
         block.weights[k] += j;
       }
-      if (float_accumulator) {
+      if (call.float_accumulator) {
         UnlimitedLoop(T{})(block, addend, count, result);
         return false;
       }
@@ -61,17 +57,12 @@ void RunBilinear(const T* ul, const T* ur, const T* bl, const T* br, const T* w0
       }
       return warned;
     };
-    ForEachBlock(s, fast, [&](int64_t first, int64_t count) {
-      HBilinearElements(datapath, in, addend, false, base, first, count, out);
-    });
+    ForEachBlock(call.item_size, fast,
+                 [&](int64_t first, int64_t count) { DefineBilinear(call, item, first, count); });
   }
 }
 
-template void RunBilinear<int32_t>(const int32_t*, const int32_t*, const int32_t*, const int32_t*,
-                                   const int32_t*, const int32_t*, const int32_t*, const int32_t*,
-                                   int32_t*, unsigned, unsigned, int8_t, float, int, bool);
-template void RunBilinear<float>(const float*, const float*, const float*, const float*,
-                                 const float*, const float*, const float*, const float*, float*,
-                                 unsigned, unsigned, int8_t, float, int, bool);
+template void ComputeBilinear<int32_t>(const BilinearCall<int32_t>&);
+template void ComputeBilinear<float>(const BilinearCall<float>&);
 
 }  // namespace bitfold

@@ -30,49 +30,52 @@ void SplitCentres(const T* pairs, int64_t count, int place, T* min, T* max) {
   }
 }
 
-// Decodes row after row, a block of anchors at a time. corners(factors, first, count, out) computes
-// those of anchors first to first + count - 1 of a row, given their detections and centres in
-// `factors`. It returns whether a line may have been printed; the definition then computes the
-// block anew. In the pairs y stands first or, with x_first, x.
-template <typename T, typename Inputs, typename Corners>
-void DecodeInBlocks(const ReciprocalDatapath<T>& datapath, const Inputs& in, int32_t n, int32_t h,
-                    int32_t w, int32_t anchors, bool x_first, T* out, Corners corners) {
-  const int64_t all = int64_t{w} * anchors;
+// Computes row after row, a block of anchors at a time. corners(factors, first, count, out)
+// computes those of anchors first to first + count - 1 of a row, given their detections and centres
+// in `factors`. It returns whether a line may have been printed; define(row, first, count) then
+// computes the block anew. In the pairs y stands first or, with x_first, x.
+template <typename T, typename Call, typename Corners, typename Define>
+void ComputeInBlocks(const Call& call, bool x_first, Corners corners, Define define) {
+  const int64_t anchors = call.grid.anchors;
+  const int64_t all = call.grid.columns * anchors;
   std::vector<T> x_min(static_cast<size_t>(2 * all));
   std::vector<T> x_max(x_min.size());
-  SplitCentres(in.x_centers, all, x_first ? 0 : 1, x_min.data(), x_max.data());
-  PeriodicArray<T> y_min(2 * int64_t{anchors});
-  PeriodicArray<T> y_max(2 * int64_t{anchors});
-  ForEachDetectionRow(n, h, w, anchors, [&](const DetectionRow& row) {
-    SplitCentres(in.y_centers + row.y, anchors, x_first ? 1 : 0, y_min.FirstPeriod(),
+  SplitCentres(call.x_centers, all, x_first ? 0 : 1, x_min.data(), x_max.data());
+  PeriodicArray<T> y_min(2 * anchors);
+  PeriodicArray<T> y_max(2 * anchors);
+  ForEachDetectionRow(call.grid, [&](const DetectionRow& row) {
+    SplitCentres(call.y_centers + row.y, anchors, x_first ? 1 : 0, y_min.FirstPeriod(),
                  y_max.FirstPeriod());
     y_min.Continue();
     y_max.Continue();
     for (int64_t first = 0; first < all; first += kAnchorsInBlock) {
       const int count = static_cast<int>(std::min<int64_t>(kAnchorsInBlock, all - first));
       const int64_t at = row.pairs + 2 * first;
-      const CornerFactors<T> factors{in.detection_centers + at,
-                                     in.detection_w_h + at,
+      const CornerFactors<T> factors{call.detection_centers + at,
+                                     call.detection_w_h + at,
                                      {},
                                      {y_min.From(2 * first), y_max.From(2 * first)},
                                      {x_min.data() + 2 * first, x_max.data() + 2 * first}};
-      if (corners(factors, first, count, out + 2 * at)) {
-        DecodeBoxes(datapath, in, row, first, count, out);
-      }
+      if (corners(factors, first, count, call.output + 2 * at)) define(row, first, count);
     }
   });
+}
+
+bool IsEmpty(const DetectionGrid& grid) {
+  return grid.images < 1 || grid.rows < 1 || grid.columns < 1 || grid.anchors < 1;
 }
 
 }  // namespace
 
 template <typename T>
-void DecodeAllBoxes(const ReciprocalDatapath<T>& datapath, const BoxDecoderInputs<T>& in, int32_t n,
-                    int32_t h, int32_t w, int32_t anchors, T* out) {
-  if (n < 1 || h < 1 || w < 1 || anchors < 1) return;
+void ComputeBboxDecoder(const BboxDecoderCall<T>& call) {
+  if (IsEmpty(call.grid)) return;
+  const auto datapath = MakeDatapath<ReciprocalDatapath<T>>(call.attributes);
+  const int64_t anchors = call.grid.anchors;
   const PeriodicArray<T> factor_pairs[3] = {
-      FactorPairs(in.anchors_heights, in.anchors_widths, anchors),
-      FactorPairs(in.anchors_heights_minus_div_2, in.anchors_widths_minus_div_2, anchors),
-      FactorPairs(in.anchors_heights_div_2, in.anchors_widths_div_2, anchors)};
+      FactorPairs(call.anchors_heights, call.anchors_widths, anchors),
+      FactorPairs(call.anchors_heights_minus_div_2, call.anchors_widths_minus_div_2, anchors),
+      FactorPairs(call.anchors_heights_div_2, call.anchors_widths_div_2, anchors)};
   const auto& loops = LoopsOf(datapath);
   const auto& pairs = CurrentPairLoops<T>();
   const auto corners = [&](CornerFactors<T> factors, int64_t first, int count, T* result) {
@@ -83,19 +86,23 @@ void DecodeAllBoxes(const ReciprocalDatapath<T>& datapath, const BoxDecoderInput
     pairs.join(min, max, count, result);
     return warned;
   };
-  DecodeInBlocks(datapath, in, n, h, w, anchors, false, out, corners);
+  ComputeInBlocks<T>(call, false, corners, [&](const DetectionRow& row, int64_t first, int count) {
+    DefineBboxDecoder(call, row, first, count);
+  });
 }
 
 // The x corners take the first number of a detection pair and the y corners the second, so the
 // pairs are computed as (x, y) and swapped at the end.
 template <typename T>
-void DecodeAllBoxes(const ReciprocalDatapath<T>& datapath, const SingleWeightDecoderInputs<T>& in,
-                    int32_t n, int32_t h, int32_t w, int32_t anchors, T* out) {
-  if (n < 1 || h < 1 || w < 1 || anchors < 1) return;
+void ComputeSingleWeightPerProposalBboxDecoder(
+    const SingleWeightPerProposalBboxDecoderCall<T>& call) {
+  if (IsEmpty(call.grid)) return;
+  const auto datapath = MakeDatapath<ReciprocalDatapath<T>>(call.attributes);
+  const int64_t anchors = call.grid.anchors;
   const PeriodicArray<T> factor_pairs[2] = {
-      FactorPairs(in.anchors_width_scale_factor_minus, in.anchors_height_scale_factor_minus,
+      FactorPairs(call.anchors_width_scale_factor_minus, call.anchors_height_scale_factor_minus,
                   anchors),
-      FactorPairs(in.anchors_width_scale_factor, in.anchors_height_scale_factor, anchors)};
+      FactorPairs(call.anchors_width_scale_factor, call.anchors_height_scale_factor, anchors)};
   const auto& loops = LoopsOf(datapath);
   const auto& pairs = CurrentPairLoops<T>();
   const auto corners = [&](CornerFactors<T> factors, int64_t first, int count, T* result) {
@@ -106,15 +113,15 @@ void DecodeAllBoxes(const ReciprocalDatapath<T>& datapath, const SingleWeightDec
     pairs.join_swap(min, max, count, result);
     return warned;
   };
-  DecodeInBlocks(datapath, in, n, h, w, anchors, true, out, corners);
+  ComputeInBlocks<T>(call, true, corners, [&](const DetectionRow& row, int64_t first, int count) {
+    DefineSingleWeightPerProposalBboxDecoder(call, row, first, count);
+  });
 }
 
-#define BITFOLD_INSTANTIATE(T)                                                                    \
-  template void DecodeAllBoxes<T>(const ReciprocalDatapath<T>&, const BoxDecoderInputs<T>&,       \
-                                  int32_t, int32_t, int32_t, int32_t, T*);                        \
-  template void DecodeAllBoxes<T>(const ReciprocalDatapath<T>&,                                   \
-                                  const SingleWeightDecoderInputs<T>&, int32_t, int32_t, int32_t, \
-                                  int32_t, T*);
+#define BITFOLD_INSTANTIATE(T)                                    \
+  template void ComputeBboxDecoder<T>(const BboxDecoderCall<T>&); \
+  template void ComputeSingleWeightPerProposalBboxDecoder<T>(     \
+      const SingleWeightPerProposalBboxDecoderCall<T>&);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)
 #undef BITFOLD_INSTANTIATE

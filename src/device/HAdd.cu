@@ -48,39 +48,34 @@ __global__ void AddEwFeedRepeat_2D(const T* value, const T* elementwise,
 }
 
 template <typename T>
-void LaunchAddEwFeedRepeat4D(void* stream, const T* value, const T* elementwise,
-                             const T* elementwise_factor, const float* elementwise_feed_repeat,
-                             T* output, int d0, int d1, int d2, int d3, int accumulator_size,
-                             const int8_t* mult_shift, bool use_fp16_acc) {
-  const int count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
-  const AccumulatorLimits<T> limits(accumulator_size);
-  BITFOLD_LAUNCH(AddEwFeedRepeat_4D<T>, BlocksFor(count, kBlockThreads), kBlockThreads, stream,
-                 value, elementwise, elementwise_factor, elementwise_feed_repeat, output, d0, d1,
-                 d2, d3, accumulator_size, mult_shift, use_fp16_acc, limits.min, limits.max);
+void LaunchAddEwFeedRepeat4D(void* stream, const AddCall<T>& call) {
+  const AdditionShape& shape = call.shape;
+  const DatapathAttributes& attributes = call.attributes;
+  const AccumulatorLimits<T> limits(attributes.accumulator_size);
+  BITFOLD_LAUNCH(AddEwFeedRepeat_4D<T>, BlocksFor(shape.ElementCount(), kBlockThreads),
+                 kBlockThreads, stream, call.value, call.elementwise, call.elementwise_factor,
+                 call.elementwise_feed_repeat, call.output, shape.d0, shape.d1, shape.d2, shape.d3,
+                 attributes.accumulator_size, attributes.mult_shift, attributes.use_fp16_acc,
+                 limits.min, limits.max);
   RequireLaunched("src/HAdd", 76);
 }
 
 template <typename T>
-void LaunchAddEwFeedRepeat2D(void* stream, const T* value, const T* elementwise,
-                             const T* elementwise_factor, const float* elementwise_feed_repeat,
-                             T* output, int d0, int d1, int accumulator_size,
-                             const int8_t* mult_shift, bool use_fp16_acc) {
-  const int count = WrapMultiply(d0, d1);
-  const AccumulatorLimits<T> limits(accumulator_size);
-  BITFOLD_LAUNCH(AddEwFeedRepeat_2D<T>, BlocksFor(count, kBlockThreads), kBlockThreads, stream,
-                 value, elementwise, elementwise_factor, elementwise_feed_repeat, output, d0, d1,
-                 accumulator_size, mult_shift, use_fp16_acc, limits.min, limits.max);
+void LaunchAddEwFeedRepeat2D(void* stream, const AddCall<T>& call) {
+  const AdditionShape& shape = call.shape;
+  const DatapathAttributes& attributes = call.attributes;
+  const AccumulatorLimits<T> limits(attributes.accumulator_size);
+  BITFOLD_LAUNCH(AddEwFeedRepeat_2D<T>, BlocksFor(shape.ElementCount(), kBlockThreads),
+                 kBlockThreads, stream, call.value, call.elementwise, call.elementwise_factor,
+                 call.elementwise_feed_repeat, call.output, shape.d0, shape.d3,
+                 attributes.accumulator_size, attributes.mult_shift, attributes.use_fp16_acc,
+                 limits.min, limits.max);
   RequireLaunched("src/HAdd", 96);
 }
 
-template void LaunchAddEwFeedRepeat4D(void*, const float*, const float*, const float*, const float*,
-                                      float*, int, int, int, int, int, const int8_t*, bool);
-template void LaunchAddEwFeedRepeat4D(void*, const int32_t*, const int32_t*, const int32_t*,
-                                      const float*, int32_t*, int, int, int, int, int,
-                                      const int8_t*, bool);
-template void LaunchAddEwFeedRepeat2D(void*, const float*, const float*, const float*, const float*,
-                                      float*, int, int, int, const int8_t*, bool);
-template void LaunchAddEwFeedRepeat2D(void*, const int32_t*, const int32_t*, const int32_t*,
-                                      const float*, int32_t*, int, int, int, const int8_t*, bool);
+template void LaunchAddEwFeedRepeat4D(void*, const AddCall<float>&);
+template void LaunchAddEwFeedRepeat4D(void*, const AddCall<int32_t>&);
+template void LaunchAddEwFeedRepeat2D(void*, const AddCall<float>&);
+template void LaunchAddEwFeedRepeat2D(void*, const AddCall<int32_t>&);
 
 }  // namespace bitfold

@@ -25,21 +25,18 @@ __global__ void AddFeedRepeat(const T* value, const T* bias, const T* bias_facto
 }
 
 template <typename T>
-void LaunchAddFeedRepeat(void* stream, const T* value, const T* bias, const T* bias_factor,
-                         const float* bias_feed_repeat, T* output, int d0, int d1, int d2, int d3,
-                         int accumulator_size, const int8_t* mult_shift, bool use_fp16_acc) {
-  const int count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
-  const AccumulatorLimits<T> limits(accumulator_size);
-  BITFOLD_LAUNCH(AddFeedRepeat<T>, BlocksFor(count, kBlockThreads), kBlockThreads, stream, value,
-                 bias, bias_factor, bias_feed_repeat, output, d0, d1, d2, d3, accumulator_size,
-                 mult_shift, use_fp16_acc, limits.min, limits.max);
+void LaunchAddFeedRepeat(void* stream, const BiasAddCall<T>& call) {
+  const AdditionShape& shape = call.shape;
+  const DatapathAttributes& attributes = call.attributes;
+  const AccumulatorLimits<T> limits(attributes.accumulator_size);
+  BITFOLD_LAUNCH(AddFeedRepeat<T>, BlocksFor(shape.ElementCount(), kBlockThreads), kBlockThreads,
+                 stream, call.value, call.bias, call.bias_factor, call.bias_feed_repeat,
+                 call.output, shape.d0, shape.d1, shape.d2, shape.d3, attributes.accumulator_size,
+                 attributes.mult_shift, attributes.use_fp16_acc, limits.min, limits.max);
   RequireLaunched("src/HBiasAdd", 53);
 }
 
-template void LaunchAddFeedRepeat(void*, const float*, const float*, const float*, const float*,
-                                  float*, int, int, int, int, int, const int8_t*, bool);
-template void LaunchAddFeedRepeat(void*, const int32_t*, const int32_t*, const int32_t*,
-                                  const float*, int32_t*, int, int, int, int, int, const int8_t*,
-                                  bool);
+template void LaunchAddFeedRepeat(void*, const BiasAddCall<float>&);
+template void LaunchAddFeedRepeat(void*, const BiasAddCall<int32_t>&);
 
 }  // namespace bitfold

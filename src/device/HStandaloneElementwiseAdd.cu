@@ -24,20 +24,18 @@ __global__ void AddStandaloneEw(const T* value, const T* elementwise, const T* w
 }
 
 template <typename T>
-void LaunchAddStandaloneEw(void* stream, const T* value, const T* elementwise, const T* weights,
-                           T* output, int d0, int d1, int d2, int d3, int accumulator_size,
-                           const int8_t* mult_shift, bool use_fp16_acc) {
-  const int count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
-  const AccumulatorLimits<T> limits(accumulator_size);
-  BITFOLD_LAUNCH(AddStandaloneEw<T>, BlocksFor(count, kBlockThreads), kBlockThreads, stream, value,
-                 elementwise, weights, output, d0, d1, d2, d3, accumulator_size, mult_shift,
-                 use_fp16_acc, limits.min, limits.max);
+void LaunchAddStandaloneEw(void* stream, const StandaloneElementwiseAddCall<T>& call) {
+  const AdditionShape& shape = call.shape;
+  const DatapathAttributes& attributes = call.attributes;
+  const AccumulatorLimits<T> limits(attributes.accumulator_size);
+  BITFOLD_LAUNCH(AddStandaloneEw<T>, BlocksFor(shape.ElementCount(), kBlockThreads), kBlockThreads,
+                 stream, call.value, call.elementwise, call.weights, call.output, shape.d0,
+                 shape.d1, shape.d2, shape.d3, attributes.accumulator_size, attributes.mult_shift,
+                 attributes.use_fp16_acc, limits.min, limits.max);
   RequireLaunched("src/HStandaloneElementwiseAdd", 43);
 }
 
-template void LaunchAddStandaloneEw(void*, const float*, const float*, const float*, float*, int,
-                                    int, int, int, int, const int8_t*, bool);
-template void LaunchAddStandaloneEw(void*, const int32_t*, const int32_t*, const int32_t*, int32_t*,
-                                    int, int, int, int, int, const int8_t*, bool);
+template void LaunchAddStandaloneEw(void*, const StandaloneElementwiseAddCall<float>&);
+template void LaunchAddStandaloneEw(void*, const StandaloneElementwiseAddCall<int32_t>&);
 
 }  // namespace bitfold

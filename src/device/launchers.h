@@ -3,9 +3,8 @@
 //
 // How the ops reach their device kernels: launchers that need no header of the device's toolkit.
 // Each launches on `stream`, a cudaStream_t (null: the default stream), does not wait, and ends the
-// process where a launch fails. All other pointers are to device memory; of factors, feed repeats
-// and mult_shift element 0 is read there. Dimensions and sizes as for the functor of the same op;
-// their product, in 32-bit arithmetic, is the number of elements, of which there may be none.
+// process where a launch fails. All other pointers, those of the records too, are to device memory;
+// of factors, feed repeats and mult_shift element 0 is read there. There may be no elements.
 // Instantiated for float and int32_t.
 
 #ifndef BITFOLD_SRC_DEVICE_LAUNCHERS_H_
@@ -14,41 +13,31 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "bitfold/HAdd.h"
+#include "bitfold/HBiasAdd.h"
+#include "bitfold/HDecomposedBiasAdd.h"
+#include "bitfold/HStandaloneElementwiseAdd.h"
 #include "bitfold/device_convolution.h"
 
 namespace bitfold {
 
-// HAdd.cu
+// HAdd.cu: a value of rank 4, and one of rank 2, which is (d0, 1, 1, d3).
 template <typename T>
-void LaunchAddEwFeedRepeat4D(void* stream, const T* value, const T* elementwise,
-                             const T* elementwise_factor, const float* elementwise_feed_repeat,
-                             T* output, int d0, int d1, int d2, int d3, int accumulator_size,
-                             const int8_t* mult_shift, bool use_fp16_acc);
+void LaunchAddEwFeedRepeat4D(void* stream, const AddCall<T>& call);
 template <typename T>
-void LaunchAddEwFeedRepeat2D(void* stream, const T* value, const T* elementwise,
-                             const T* elementwise_factor, const float* elementwise_feed_repeat,
-                             T* output, int d0, int d1, int accumulator_size,
-                             const int8_t* mult_shift, bool use_fp16_acc);
+void LaunchAddEwFeedRepeat2D(void* stream, const AddCall<T>& call);
 
 // HBiasAdd.cu
 template <typename T>
-void LaunchAddFeedRepeat(void* stream, const T* value, const T* bias, const T* bias_factor,
-                         const float* bias_feed_repeat, T* output, int d0, int d1, int d2, int d3,
-                         int accumulator_size, const int8_t* mult_shift, bool use_fp16_acc);
+void LaunchAddFeedRepeat(void* stream, const BiasAddCall<T>& call);
 
 // HDecomposedBiasAdd.cu
 template <typename T>
-void LaunchAddDecomposedFeedRepeat(void* stream, const T* value, const T* bias_a, const T* bias_b,
-                                   const T* bias_a_factor, const T* bias_b_factor,
-                                   const float* bias_feed_repeat, T* output, int d0, int d1, int d2,
-                                   int d3, int accumulator_size, const int8_t* mult_shift,
-                                   bool use_fp16_acc);
+void LaunchAddDecomposedFeedRepeat(void* stream, const DecomposedBiasAddCall<T>& call);
 
 // HStandaloneElementwiseAdd.cu
 template <typename T>
-void LaunchAddStandaloneEw(void* stream, const T* value, const T* elementwise, const T* weights,
-                           T* output, int d0, int d1, int d2, int d3, int accumulator_size,
-                           const int8_t* mult_shift, bool use_fp16_acc);
+void LaunchAddStandaloneEw(void* stream, const StandaloneElementwiseAddCall<T>& call);
 
 // HConv2D.cu: the filter as one row for each output channel. `rows` holds sizes.row_elements.
 template <typename T>

@@ -8,7 +8,6 @@
 #include <limits>
 
 #include "absl/strings/str_format.h"
-#include "bitfold/int32_arithmetic.h"
 #include "bitfold/repeated_addition.h"
 
 namespace bitfold {
@@ -76,14 +75,6 @@ int64_t SaturatingProduct(std::initializer_list<int64_t> sizes) {
     }
   }
   return product;
-}
-
-int32_t ElementCount(const Tensor& tensor, int rank) {
-  int32_t count = 1;
-  for (int i = 0; i < rank; ++i) {
-    count = WrapMultiply(count, static_cast<int32_t>(tensor.dim_size(i)));
-  }
-  return count;
 }
 
 void ZeroFill(Tensor* tensor, int64_t first) {

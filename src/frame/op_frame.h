@@ -16,6 +16,7 @@
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 #include "bitfold/accumulator.h"
+#include "bitfold/datapath_attributes.h"
 #include "tensorflow/core/framework/op_kernel.h"
 #include "tensorflow/core/framework/tensor.h"
 
@@ -63,6 +64,11 @@ class AdditionOp : public AccumulatorOp<T> {
   }
 
  protected:
+  // Of a call with this input `mult_shift`.
+  DatapathAttributes AttributesWith(const tensorflow::Tensor& mult_shift) const {
+    return {this->accumulator_size_, mult_shift.flat<int8_t>().data(), use_fp16_acc_};
+  }
+
   bool use_fp16_acc_ = false;
 };
 
@@ -101,10 +107,6 @@ absl::Status RequireInt32Elements(const char* input, const tensorflow::Tensor& t
 
 // The product of sizes >= 0; INT64_MAX where it would overflow.
 int64_t SaturatingProduct(std::initializer_list<int64_t> sizes);
-
-// The product of the first `rank` dimensions in 32-bit arithmetic, as the additions count their
-// elements. Requires at least `rank` dimensions.
-int32_t ElementCount(const tensorflow::Tensor& tensor, int rank);
 
 // The memory of a tensor from element `first` on, which may be negative or beyond the end.
 struct BytesFrom {

@@ -9,6 +9,7 @@
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -34,54 +35,36 @@ REGISTER_OP("HAdd")
     .Attr("use_fp16_acc: bool = false")
     .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
 
+// The whole-tensor arithmetic. A kernel of a device for each rank; on the CPU the shape does not
+// show.
+template <typename Device, typename T>
+struct HAddElementwise4dFunctor;
+template <typename Device, typename T>
+struct HAddElementwise2DFunctor;
+
 template <typename T>
-struct HAddElementwise2DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const T* value, const T* elementwise,
-                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
-                  int d0, int d1, int accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const {
-    const Datapath<T> datapath(accumulator_size, mult_shift[0], use_fp16_acc);
-    AddElementwise(datapath, value, elementwise, elementwise_factor[0],
-                   FeedRepeatCount(elementwise_feed_repeat[0]), WrapMultiply(d0, d1), output);
+struct HAddElementwise4dFunctor<CPUDevice, T> {
+  void operator()(const CPUDevice&, const AddCall<T>& call) const {
+    ComputeAdd(call, call.shape.ElementCount());
   }
 };
 
-// The additions do not see the shape: four dimensions are two whose product is the same.
 template <typename T>
-struct HAddElementwise4dFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice& device, const T* value, const T* elementwise,
-                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
-                  int d0, int d1, int d2, int d3, int accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const {
-    HAddElementwise2DFunctor<CPUDevice, T>()(
-        device, value, elementwise, elementwise_factor, elementwise_feed_repeat, output,
-        WrapMultiply(d0, d1), WrapMultiply(d2, d3), accumulator_size, mult_shift, use_fp16_acc);
-  }
-};
+struct HAddElementwise2DFunctor<CPUDevice, T> : HAddElementwise4dFunctor<CPUDevice, T> {};
 
 #ifdef BITFOLD_GPU
 
 template <typename T>
-struct HAddElementwise2DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const T* value, const T* elementwise,
-                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
-                  int d0, int d1, int accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const {
-    LaunchAddEwFeedRepeat2D(device.stream, value, elementwise, elementwise_factor,
-                            elementwise_feed_repeat, output, d0, d1, accumulator_size, mult_shift,
-                            use_fp16_acc);
+struct HAddElementwise4dFunctor<GPUDevice, T> {
+  void operator()(const GPUDevice& device, const AddCall<T>& call) const {
+    LaunchAddEwFeedRepeat4D(device.stream, call);
   }
 };
 
 template <typename T>
-struct HAddElementwise4dFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const T* value, const T* elementwise,
-                  const T* elementwise_factor, const float* elementwise_feed_repeat, T* output,
-                  int d0, int d1, int d2, int d3, int accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const {
-    LaunchAddEwFeedRepeat4D(device.stream, value, elementwise, elementwise_factor,
-                            elementwise_feed_repeat, output, d0, d1, d2, d3, accumulator_size,
-                            mult_shift, use_fp16_acc);
+struct HAddElementwise2DFunctor<GPUDevice, T> {
+  void operator()(const GPUDevice& device, const AddCall<T>& call) const {
+    LaunchAddEwFeedRepeat2D(device.stream, call);
   }
 };
 
@@ -92,54 +75,37 @@ class HAddOp : public AdditionOp<T> {
  public:
   explicit HAddOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
+  // Any rank but 4 is computed through its first two dimensions.
   void Compute(OpKernelContext* context) override {
+    OP_REQUIRES_OK(context, Check(context));
     const Tensor& value = context->input(0);
-    const Tensor& elementwise = context->input(1);
-    const Tensor& factor = context->input(2);
-    const Tensor& feed_repeat = context->input(3);
-    const Tensor& mult_shift = context->input(4);
-    // Any rank but 4 is computed through its first two dimensions.
-    const int rank = value.dims() == 4 ? 4 : 2;
-    OP_REQUIRES_OK(context, Check(rank, value, elementwise, factor, feed_repeat, mult_shift));
-
+    const AdditionShape shape = ShapeOf(value);
     const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
-    OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
-    OP_REQUIRES_OK(context, ZeroFill(device, output, ElementCount(value, rank)));
+    OP_REQUIRES_OK(context, AllocateOutput(context, device, shape.ElementCount(), &output));
 
     const DefaultFloatingPointScope scope;
-    const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
-    const T* x = value.flat<T>().data();
-    const T* y = elementwise.flat<T>().data();
-    const T* f = factor.flat<T>().data();
-    const float* r = feed_repeat.flat<float>().data();
-    const int8_t* s = mult_shift.flat<int8_t>().data();
-    T* out = output->flat<T>().data();
-    if (rank == 4) {
-      HAddElementwise4dFunctor<Device, T>()(device, x, y, f, r, out, size(0), size(1), size(2),
-                                            size(3), this->accumulator_size_, s,
-                                            this->use_fp16_acc_);
+    const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
+    const AddCall<T> call{data(0),
+                          data(1),
+                          data(2),
+                          context->input(3).flat<float>().data(),
+                          output->flat<T>().data(),
+                          shape,
+                          this->AttributesWith(context->input(4))};
+    if (value.dims() == 4) {
+      HAddElementwise4dFunctor<Device, T>()(device, call);
     } else {
-      HAddElementwise2DFunctor<Device, T>()(device, x, y, f, r, out, size(0), size(1),
-                                            this->accumulator_size_, s, this->use_fp16_acc_);
+      HAddElementwise2DFunctor<Device, T>()(device, call);
     }
   }
 
  private:
-  static absl::Status Check(int rank, const Tensor& value, const Tensor& elementwise,
-                            const Tensor& factor, const Tensor& feed_repeat,
-                            const Tensor& mult_shift) {
-    if (value.dims() < 2) {
-      return absl::InvalidArgumentError(
-          absl::StrCat("Need value of rank 2 or above, got rank ", value.dims()));
-    }
-    TF_RETURN_IF_ERROR(RequireInt32Dimensions("value", value));
-    const int32_t count = ElementCount(value, rank);
-    constexpr char kWhat[] = "the product of the dimensions of value that are computed";
-    TF_RETURN_IF_ERROR(RequireElements("value", value, count, kWhat));
-    TF_RETURN_IF_ERROR(RequireElements("elementwise", elementwise, count, kWhat));
-    return RequireAdditionScalars<Device>("elementwise_factor", factor, "elementwise_feed_repeat",
-                                          feed_repeat, mult_shift);
+  static absl::Status Check(OpKernelContext* context) {
+    TF_RETURN_IF_ERROR(RequireElementwise(context));
+    return RequireAdditionScalars<Device>("elementwise_factor", context->input(2),
+                                          "elementwise_feed_repeat", context->input(3),
+                                          context->input(4));
   }
 };
 

@@ -17,7 +17,6 @@ namespace bitfold {
 
 using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
-using tensorflow::Tensor;
 
 absl::Status BboxDecoderDNativeShapeLocalImpl(tensorflow::shape_inference::InferenceContext* c) {
   return DoubleLastDimension(c);
@@ -42,52 +41,25 @@ REGISTER_OP("HBboxDecoder")
     .Attr("use_fp16_acc: bool = false")
     .SetShapeFn(BboxDecoderDNativeShapeLocalImpl);
 
-template <typename T>
-struct HBboxDecoder4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const T* detection_centers, const T* detection_w_h,
-                  const T* y_centers, const T* x_centers, const T* anchors_heights,
-                  const T* anchors_heights_div_2, const T* anchors_heights_minus_div_2,
-                  const T* anchors_widths, const T* anchors_widths_div_2,
-                  const T* anchors_widths_minus_div_2, T* output, int32_t n, int32_t h, int32_t w,
-                  int32_t anchors, int32_t accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const {
-    const ReciprocalDatapath<T> datapath(accumulator_size, mult_shift[0], use_fp16_acc);
-    const BoxDecoderInputs<T> in{detection_centers,
-                                 detection_w_h,
-                                 y_centers,
-                                 x_centers,
-                                 anchors_heights,
-                                 anchors_heights_div_2,
-                                 anchors_heights_minus_div_2,
-                                 anchors_widths,
-                                 anchors_widths_div_2,
-                                 anchors_widths_minus_div_2};
-    DecodeAllBoxes(datapath, in, n, h, w, anchors, output);
-  }
-};
-
 template <typename Device, typename T>
 class HBboxDecoderOp : public BoxDecoderOp<T> {
  public:
   explicit HBboxDecoderOp(OpKernelConstruction* context) : BoxDecoderOp<T>(context) {}
 
   void Compute(OpKernelContext* context) override {
-    typename BoxDecoderOp<T>::Counts counts;
-    Tensor* output = nullptr;
     // The text names the addition; so it is known.
-    if (!this->Prepare(context,
-                       {"anchors_heights", "anchors_heights_div_2", "anchors_heights_minus_div_2",
-                        "anchors_widths", "anchors_widths_div_2", "anchors_widths_minus_div_2"},
-                       "HAdd supports only rank 4 (Convolution result)", &counts, &output)) {
-      return;
-    }
+    const auto grid =
+        this->Prepare(context,
+                      {"anchors_heights", "anchors_heights_div_2", "anchors_heights_minus_div_2",
+                       "anchors_widths", "anchors_widths_div_2", "anchors_widths_minus_div_2"},
+                      "HAdd supports only rank 4 (Convolution result)");
+    if (!grid) return;
+
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
-    HBboxDecoder4DFunctor<Device, T>()(
-        context->eigen_device<Device>(), data(0), data(1), data(2), data(3), data(4), data(5),
-        data(6), data(7), data(8), data(9), output->flat<T>().data(), counts.n, counts.h, counts.w,
-        counts.anchors, this->accumulator_size_, context->input(10).flat<int8_t>().data(),
-        this->use_fp16_acc_);
+    ComputeBboxDecoder<T>({data(0), data(1), data(2), data(3), data(4), data(5), data(6), data(7),
+                           data(8), data(9), context->mutable_output(0)->flat<T>().data(), *grid,
+                           this->AttributesWith(context->input(10))});
   }
 };
 

@@ -9,6 +9,7 @@
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -35,15 +36,14 @@ REGISTER_OP("HBiasAdd")
     .Attr("use_fp16_acc: bool = false")
     .SetShapeFn(tensorflow::shape_inference::BiasAddShape);
 
+// The whole-tensor arithmetic.
+template <typename Device, typename T>
+struct HAddBias4DFunctor;
+
 template <typename T>
 struct HAddBias4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const T* value, const T* bias, const T* bias_factor,
-                  const float* bias_feed_repeat, T* output, int d0, int d1, int d2, int d3,
-                  int accumulator_size, const int8_t* mult_shift, bool use_fp16_acc) const {
-    const Datapath<T> datapath(accumulator_size, mult_shift[0], use_fp16_acc);
-    const int32_t count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
-    AddBias(datapath, value, bias, bias_factor[0], FeedRepeatCount(bias_feed_repeat[0]), count, d3,
-            output);
+  void operator()(const CPUDevice&, const BiasAddCall<T>& call) const {
+    ComputeBiasAdd(call, call.shape.ElementCount());
   }
 };
 
@@ -51,11 +51,8 @@ struct HAddBias4DFunctor<CPUDevice, T> {
 
 template <typename T>
 struct HAddBias4DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const T* value, const T* bias, const T* bias_factor,
-                  const float* bias_feed_repeat, T* output, int d0, int d1, int d2, int d3,
-                  int accumulator_size, const int8_t* mult_shift, bool use_fp16_acc) const {
-    LaunchAddFeedRepeat(device.stream, value, bias, bias_factor, bias_feed_repeat, output, d0, d1,
-                        d2, d3, accumulator_size, mult_shift, use_fp16_acc);
+  void operator()(const GPUDevice& device, const BiasAddCall<T>& call) const {
+    LaunchAddFeedRepeat(device.stream, call);
   }
 };
 
@@ -68,44 +65,38 @@ class HBiasAddOp : public AdditionOp<T> {
 
   void Compute(OpKernelContext* context) override {
     const Tensor& value = context->input(0);
-    const Tensor& bias = context->input(1);
-    const Tensor& factor = context->input(2);
-    const Tensor& feed_repeat = context->input(3);
-    const Tensor& mult_shift = context->input(4);
-    const int rank = value.dims();
-    const bool supported = rank == 4 || rank == 2;
-    if (supported) {
-      OP_REQUIRES_OK(context, Check(value, bias, factor, feed_repeat, mult_shift));
-    }
-
+    const bool supported = value.dims() == 4 || value.dims() == 2;
+    if (supported) OP_REQUIRES_OK(context, Check(context));
+    const AdditionShape shape = supported ? ShapeOf(value) : AdditionShape{};
     const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
-    OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
+    OP_REQUIRES_OK(context, AllocateOutput(context, device, shape.ElementCount(), &output));
     if (!supported) {
-      OP_REQUIRES_OK(context, ZeroFill(device, output, 0));
       LOG(ERROR) << "HBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)";
       return;
     }
-    OP_REQUIRES_OK(context, ZeroFill(device, output, ElementCount(value, rank)));
 
     const DefaultFloatingPointScope scope;
-    const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
-    HAddBias4DFunctor<Device, T>()(device, value.flat<T>().data(), bias.flat<T>().data(),
-                                   factor.flat<T>().data(), feed_repeat.flat<float>().data(),
-                                   output->flat<T>().data(), size(0), rank == 4 ? size(1) : 1,
-                                   rank == 4 ? size(2) : 1, size(rank - 1), this->accumulator_size_,
-                                   mult_shift.flat<int8_t>().data(), this->use_fp16_acc_);
+    const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
+    const BiasAddCall<T> call{data(0),
+                              data(1),
+                              data(2),
+                              context->input(3).flat<float>().data(),
+                              output->flat<T>().data(),
+                              shape,
+                              this->AttributesWith(context->input(4))};
+    HAddBias4DFunctor<Device, T>()(device, call);
   }
 
  private:
-  // Requires rank 2 or 4.
-  static absl::Status Check(const Tensor& value, const Tensor& bias, const Tensor& factor,
-                            const Tensor& feed_repeat, const Tensor& mult_shift) {
+  // Requires a value of rank 2 or 4.
+  static absl::Status Check(OpKernelContext* context) {
+    const Tensor& value = context->input(0);
     TF_RETURN_IF_ERROR(RequireInt32Dimensions("value", value));
-    TF_RETURN_IF_ERROR(RequireElements("bias", bias, value.dim_size(value.dims() - 1),
+    TF_RETURN_IF_ERROR(RequireElements("bias", context->input(1), value.dim_size(value.dims() - 1),
                                        "one for each channel of value"));
-    return RequireAdditionScalars<Device>("bias_factor", factor, "bias_feed_repeat", feed_repeat,
-                                          mult_shift);
+    return RequireAdditionScalars<Device>("bias_factor", context->input(2), "bias_feed_repeat",
+                                          context->input(3), context->input(4));
   }
 };
 

@@ -52,11 +52,15 @@ class HBilinearOp : public tensorflow::OpKernel {
 
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
-    const int64_t n = first.dim_size(0);
-    RunBilinear(data(0), data(1), data(2), data(3), data(4), data(5), data(6), data(7),
-                output->flat<T>().data(), static_cast<unsigned>(first.NumElements() / n),
-                static_cast<unsigned>(n), context->input(8).flat<int8_t>()(0),
-                context->input(9).flat<float>()(0), accumulator_size_, float_accumulator_);
+    const int64_t items = first.dim_size(0);
+    ComputeBilinear<T>(
+        {{{data(0), data(1), data(2), data(3)}, {data(4), data(5), data(6), data(7)}},
+         output->flat<T>().data(),
+         static_cast<unsigned>(first.NumElements() / items),
+         static_cast<unsigned>(items),
+         context->input(9).flat<float>()(0),
+         float_accumulator_,
+         {accumulator_size_, context->input(8).flat<int8_t>().data(), false}});
   }
 
  private:

@@ -9,6 +9,7 @@
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -37,16 +38,14 @@ REGISTER_OP("HDecomposedBiasAdd")
     .Attr("use_fp16_acc: bool = false")
     .SetShapeFn(tensorflow::shape_inference::BiasAddShape);
 
+// The whole-tensor arithmetic.
+template <typename Device, typename T>
+struct HAddDecomposedBias4DFunctor;
+
 template <typename T>
 struct HAddDecomposedBias4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const T* value, const T* bias_a, const T* bias_b,
-                  const T* bias_a_factor, const T* bias_b_factor, const float* bias_feed_repeat,
-                  T* output, int d0, int d1, int d2, int d3, int accumulator_size,
-                  const int8_t* mult_shift, bool use_fp16_acc) const {
-    const Datapath<T> datapath(accumulator_size, mult_shift[0], use_fp16_acc);
-    const int32_t count = WrapMultiply(WrapMultiply(d0, d1), WrapMultiply(d2, d3));
-    AddDecomposedBias(datapath, value, bias_a, bias_b, bias_a_factor[0], bias_b_factor[0],
-                      FeedRepeatCount(bias_feed_repeat[0]), count, d3, output);
+  void operator()(const CPUDevice&, const DecomposedBiasAddCall<T>& call) const {
+    ComputeDecomposedBiasAdd(call, call.shape.ElementCount());
   }
 };
 
@@ -54,13 +53,8 @@ struct HAddDecomposedBias4DFunctor<CPUDevice, T> {
 
 template <typename T>
 struct HAddDecomposedBias4DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const T* value, const T* bias_a, const T* bias_b,
-                  const T* bias_a_factor, const T* bias_b_factor, const float* bias_feed_repeat,
-                  T* output, int d0, int d1, int d2, int d3, int accumulator_size,
-                  const int8_t* mult_shift, bool use_fp16_acc) const {
-    LaunchAddDecomposedFeedRepeat(device.stream, value, bias_a, bias_b, bias_a_factor,
-                                  bias_b_factor, bias_feed_repeat, output, d0, d1, d2, d3,
-                                  accumulator_size, mult_shift, use_fp16_acc);
+  void operator()(const GPUDevice& device, const DecomposedBiasAddCall<T>& call) const {
+    LaunchAddDecomposedFeedRepeat(device.stream, call);
   }
 };
 
@@ -73,28 +67,29 @@ class HDecomposedBiasAddOp : public AdditionOp<T> {
 
   void Compute(OpKernelContext* context) override {
     const Tensor& value = context->input(0);
-    const int rank = value.dims();
-    const bool supported = rank == 4 || rank == 2;
+    const bool supported = value.dims() == 4 || value.dims() == 2;
     if (supported) OP_REQUIRES_OK(context, Check(context));
-
+    const AdditionShape shape = supported ? ShapeOf(value) : AdditionShape{};
     const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
-    OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
+    OP_REQUIRES_OK(context, AllocateOutput(context, device, shape.ElementCount(), &output));
     if (!supported) {
-      OP_REQUIRES_OK(context, ZeroFill(device, output, 0));
       LOG(ERROR) << "HDecomposedBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)";
       return;
     }
-    OP_REQUIRES_OK(context, ZeroFill(device, output, ElementCount(value, rank)));
 
     const DefaultFloatingPointScope scope;
-    const auto size = [&value](int i) { return static_cast<int>(value.dim_size(i)); };
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
-    HAddDecomposedBias4DFunctor<Device, T>()(
-        device, data(0), data(1), data(2), data(3), data(4), context->input(5).flat<float>().data(),
-        output->flat<T>().data(), size(0), rank == 4 ? size(1) : 1, rank == 4 ? size(2) : 1,
-        size(rank - 1), this->accumulator_size_, context->input(6).flat<int8_t>().data(),
-        this->use_fp16_acc_);
+    const DecomposedBiasAddCall<T> call{data(0),
+                                        data(1),
+                                        data(2),
+                                        data(3),
+                                        data(4),
+                                        context->input(5).flat<float>().data(),
+                                        output->flat<T>().data(),
+                                        shape,
+                                        this->AttributesWith(context->input(6))};
+    HAddDecomposedBias4DFunctor<Device, T>()(device, call);
   }
 
  private:

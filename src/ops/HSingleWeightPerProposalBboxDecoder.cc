@@ -17,7 +17,6 @@ namespace bitfold {
 
 using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
-using tensorflow::Tensor;
 
 absl::Status SingelWeightBboxDecoderDNativeShapeLocalImpl(
     tensorflow::shape_inference::InferenceContext* c) {
@@ -41,27 +40,6 @@ REGISTER_OP("HSingleWeightPerProposalBboxDecoder")
     .Attr("use_fp16_acc: bool = false")
     .SetShapeFn(SingelWeightBboxDecoderDNativeShapeLocalImpl);
 
-template <typename T>
-struct HSingleWeightPerProposalBboxDecoder4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const T* detection_centers, const T* detection_w_h,
-                  const T* y_centers, const T* x_centers, const T* anchors_height_scale_factor,
-                  const T* anchors_height_scale_factor_minus, const T* anchors_width_scale_factor,
-                  const T* anchors_width_scale_factor_minus, T* output, int32_t n, int32_t h,
-                  int32_t w, int32_t anchors, int32_t accumulator_size, const int8_t* mult_shift,
-                  bool use_fp16_acc) const {
-    const ReciprocalDatapath<T> datapath(accumulator_size, mult_shift[0], use_fp16_acc);
-    const SingleWeightDecoderInputs<T> in{detection_centers,
-                                          detection_w_h,
-                                          y_centers,
-                                          x_centers,
-                                          anchors_height_scale_factor,
-                                          anchors_height_scale_factor_minus,
-                                          anchors_width_scale_factor,
-                                          anchors_width_scale_factor_minus};
-    DecodeAllBoxes(datapath, in, n, h, w, anchors, output);
-  }
-};
-
 template <typename Device, typename T>
 class HSingleWeightPerProposalBboxDecoderOp : public BoxDecoderOp<T> {
  public:
@@ -69,22 +47,20 @@ class HSingleWeightPerProposalBboxDecoderOp : public BoxDecoderOp<T> {
       : BoxDecoderOp<T>(context) {}
 
   void Compute(OpKernelContext* context) override {
-    typename BoxDecoderOp<T>::Counts counts;
-    Tensor* output = nullptr;
     // The text names the other decoder; so it is known.
-    if (!this->Prepare(context,
-                       {"anchors_height_scale_factor", "anchors_height_scale_factor_minus",
-                        "anchors_width_scale_factor", "anchors_width_scale_factor_minus"},
-                       "HBboxDecoder supports only rank 4 (Convolution result)", &counts,
-                       &output)) {
-      return;
-    }
+    const auto grid =
+        this->Prepare(context,
+                      {"anchors_height_scale_factor", "anchors_height_scale_factor_minus",
+                       "anchors_width_scale_factor", "anchors_width_scale_factor_minus"},
+                      "HBboxDecoder supports only rank 4 (Convolution result)");
+    if (!grid) return;
+
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
-    HSingleWeightPerProposalBboxDecoder4DFunctor<Device, T>()(
-        context->eigen_device<Device>(), data(0), data(1), data(2), data(3), data(4), data(5),
-        data(6), data(7), output->flat<T>().data(), counts.n, counts.h, counts.w, counts.anchors,
-        this->accumulator_size_, context->input(8).flat<int8_t>().data(), this->use_fp16_acc_);
+    ComputeSingleWeightPerProposalBboxDecoder<T>({data(0), data(1), data(2), data(3), data(4),
+                                                  data(5), data(6), data(7),
+                                                  context->mutable_output(0)->flat<T>().data(),
+                                                  *grid, this->AttributesWith(context->input(8))});
   }
 };
 

@@ -7,8 +7,10 @@
 #define BITFOLD_SRC_OPS_BOX_DECODER_OP_H_
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
+#include "bitfold/HBboxDecoder.h"
 #include "frame/op_frame.h"
 #include "tensorflow/core/framework/op_kernel.h"
 #include "tensorflow/core/framework/shape_inference.h"
@@ -35,43 +37,35 @@ class BoxDecoderOp : public AdditionOp<T> {
   explicit BoxDecoderOp(tensorflow::OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
  protected:
-  // Positions and anchors of a call; an odd last dimension loses its last element.
-  struct Counts {
-    int32_t n = 0;
-    int32_t h = 0;
-    int32_t w = 0;
-    int32_t anchors = 0;
-  };
-
-  // Checks everything that will be read and allocates the output, the unwritten part of it zeroed.
-  // False when there is nothing to compute: the call has failed or, for another rank than 4, has
-  // logged rank_message. `anchor_inputs` are the names from input 4 on.
-  bool Prepare(tensorflow::OpKernelContext* context, const std::vector<const char*>& anchor_inputs,
-               const char* rank_message, Counts* counts, tensorflow::Tensor** output) {
+  // Checks everything that will be read and allocates output 0, the unwritten part of it zeroed.
+  // Returns where to compute; an odd last dimension loses its last element. Nothing when there is
+  // nothing to compute: the call has failed or, for another rank than 4, has logged rank_message.
+  // `anchor_inputs` are the names from input 4 on.
+  std::optional<DetectionGrid> Prepare(tensorflow::OpKernelContext* context,
+                                       const std::vector<const char*>& anchor_inputs,
+                                       const char* rank_message) {
     const tensorflow::Tensor& centers = context->input(0);
     const bool supported = centers.dims() == 4;
     const absl::Status checked = supported ? Check(context, anchor_inputs) : CheckRank(centers);
     if (!checked.ok()) {
       context->CtxFailure(checked);
-      return false;
+      return std::nullopt;
     }
-    tensorflow::TensorShape shape = centers.shape();
-    const absl::Status doubled = shape.SetDimWithStatus(3, 2 * shape.dim_size(3));
-    const absl::Status allocated =
-        doubled.ok() ? context->allocate_output(0, shape, output) : doubled;
+    tensorflow::Tensor* output = nullptr;
+    const absl::Status allocated = AllocateOutput(context, &output);
     if (!allocated.ok()) {
       context->CtxFailure(allocated);
-      return false;
+      return std::nullopt;
     }
     if (!supported) {
-      ZeroFill(*output, 0);
+      ZeroFill(output, 0);
       LOG(ERROR) << rank_message;
-      return false;
+      return std::nullopt;
     }
     const auto size = [&centers](int i) { return static_cast<int32_t>(centers.dim_size(i)); };
-    *counts = {size(0), size(1), size(2), size(3) / 2};
-    ZeroFill(*output, int64_t{4} * counts->anchors * counts->n * counts->h * counts->w);
-    return true;
+    const DetectionGrid grid{size(0), size(1), size(2), size(3) / 2};
+    ZeroFill(output, int64_t{4} * grid.anchors * grid.images * grid.rows * grid.columns);
+    return grid;
   }
 
  private:
@@ -79,6 +73,14 @@ class BoxDecoderOp : public AdditionOp<T> {
     if (centers.dims() > 4) return absl::OkStatus();
     return absl::InvalidArgumentError(
         absl::StrCat("Need detection_centers of rank 4, got rank ", centers.dims()));
+  }
+
+  // Of twice the last dimension of the centres.
+  static absl::Status AllocateOutput(tensorflow::OpKernelContext* context,
+                                     tensorflow::Tensor** output) {
+    tensorflow::TensorShape shape = context->input(0).shape();
+    TF_RETURN_IF_ERROR(shape.SetDimWithStatus(3, 2 * shape.dim_size(3)));
+    return context->allocate_output(0, shape, output);
   }
 
   static absl::Status Check(tensorflow::OpKernelContext* context,

@@ -19,7 +19,7 @@ namespace bitfold {
 namespace {
 
 using testing::Addition;
-using testing::HAddCall;
+using testing::HAddTraits;
 using testing::Same;
 
 // One element as the kernel computes it, without printed text.
@@ -27,7 +27,7 @@ template <typename T>
 ::testing::AssertionResult Gives(T expected, T value, T operand, T factor, float repeat, int shift,
                                  int width, bool use_fp16_acc = false) {
   const auto out =
-      testing::AddOne<HAddCall, T>(value, operand, factor, repeat, shift, width, use_fp16_acc);
+      testing::AddOne<HAddTraits, T>(value, operand, factor, repeat, shift, width, use_fp16_acc);
   if (!out.lines.empty()) return ::testing::AssertionFailure() << "printed " << out.lines;
   return Same(expected, out.values[0], "HAdd",
               testing::Describe("value", value, "operand", operand, "repeat", repeat, "shift",
@@ -74,10 +74,10 @@ TEST(HAdd, FloatWarnsOncePerAddition) {
   const std::string first = "@@@ WARNING: acc 8388607.000000 is out of bounds <-8388607,8388607>\n";
   const std::string second =
       "@@@ WARNING: acc 8388608.000000 is out of bounds <-8388607,8388607>\n";
-  const auto out = testing::AddOne<HAddCall, float>(8388605.0f, 1.0f, 1.0f, 3.0f, 0, 32);
+  const auto out = testing::AddOne<HAddTraits, float>(8388605.0f, 1.0f, 1.0f, 3.0f, 0, 32);
   EXPECT_EQ(out.lines, first + second);
   EXPECT_TRUE(Same(8388608.0f, out.values[0], "HAdd", ""));
-  EXPECT_EQ((testing::AddOne<HAddCall, int32_t>(8388605, 1, 1, 3.0f, 0, 32).lines), "");
+  EXPECT_EQ((testing::AddOne<HAddTraits, int32_t>(8388605, 1, 1, 3.0f, 0, 32).lines), "");
 }
 
 TEST(HAdd, LongestFeed) {
@@ -91,8 +91,8 @@ TEST(HAdd, LongestFeed) {
 namespace testing {
 
 // Against the oracle and the definition.
-INSTANTIATE_TYPED_TEST_SUITE_P(HAdd, AdditionSuite, HAddCall);
-INSTANTIATE_TYPED_TEST_SUITE_P(HAdd, FeedSuite, HAddCall);
+INSTANTIATE_TYPED_TEST_SUITE_P(HAdd, AdditionSuite, HAddTraits);
+INSTANTIATE_TYPED_TEST_SUITE_P(HAdd, FeedSuite, HAddTraits);
 
 }  // namespace testing
 }  // namespace bitfold

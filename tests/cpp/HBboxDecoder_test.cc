@@ -19,16 +19,16 @@ namespace bitfold {
 namespace {
 
 using testing::DecoderCase;
-using testing::HBboxDecoderCall;
+using testing::HBboxDecoderTraits;
 using testing::Output;
 using testing::Same;
 
 // One anchor at one position, every input its own power of ten or two.
 template <typename T>
-DecoderCase<HBboxDecoderCall, T> One(std::vector<T> centers, std::vector<T> sizes, std::vector<T> y,
-                                     std::vector<T> x, std::vector<T> anchor, int width,
-                                     int shift = 0) {
-  DecoderCase<HBboxDecoderCall, T> c;
+DecoderCase<HBboxDecoderTraits, T> One(std::vector<T> centers, std::vector<T> sizes,
+                                       std::vector<T> y, std::vector<T> x, std::vector<T> anchor,
+                                       int width, int shift = 0) {
+  DecoderCase<HBboxDecoderTraits, T> c;
   c.inputs = {centers, sizes, y, x};
   for (const T number : anchor) c.inputs.push_back({number});
   c.accumulator_size = width;
@@ -102,12 +102,12 @@ TEST(HBboxDecoder, HalfPrecisionQuantisesAddends) {
 }
 
 TEST(HBboxDecoder, CentresBelongToRowsAndColumns) {
-  DecoderCase<HBboxDecoderCall, int32_t> c;
+  DecoderCase<HBboxDecoderTraits, int32_t> c;
   c.n = 2;
   c.h = 2;
   c.w = 3;
   c.anchors = 2;
-  for (size_t k = 0; k < HBboxDecoderCall::kInputs; ++k) {
+  for (size_t k = 0; k < HBboxDecoderTraits::kInputs; ++k) {
     c.inputs[k].assign(static_cast<size_t>(c.InputCount(k)), 0);
     for (size_t i = 0; i < c.inputs[k].size(); ++i) {
       if (k == 2 || k == 3) c.inputs[k][i] = static_cast<int32_t>((k - 1) * 100 + i);
@@ -129,7 +129,7 @@ TEST(HBboxDecoder, CentresBelongToRowsAndColumns) {
 namespace testing {
 
 // Against the oracle and the definition.
-INSTANTIATE_TYPED_TEST_SUITE_P(HBboxDecoder, DecoderSuite, HBboxDecoderCall);
+INSTANTIATE_TYPED_TEST_SUITE_P(HBboxDecoder, DecoderSuite, HBboxDecoderTraits);
 
 }  // namespace testing
 }  // namespace bitfold

@@ -19,7 +19,7 @@ namespace bitfold {
 namespace {
 
 using testing::Addition;
-using testing::HBiasAddCall;
+using testing::HBiasAddTraits;
 using testing::Same;
 
 TEST(HBiasAdd, ChannelsRepeatWithTheFlatIndex) {
@@ -27,25 +27,25 @@ TEST(HBiasAdd, ChannelsRepeatWithTheFlatIndex) {
   c.value.assign(15, 1000);  // a dense result of 3 rows and 5 features
   c.operand = {1, 2, 3, 4, 5};
   c.factor = 10;
-  const auto out = testing::RunAddition<HBiasAddCall>(c);
+  const auto out = testing::RunAddition<HBiasAddTraits>(c);
   for (int i = 0; i < 15; ++i) EXPECT_EQ(out.values[i], 1000 + 10 * (i % 5 + 1)) << i;
 }
 
 TEST(HBiasAdd, Wraps) {
-  const auto out = testing::AddOne<HBiasAddCall, int32_t>(32767, 1, 1, 1.0f, 0, 16);
+  const auto out = testing::AddOne<HBiasAddTraits, int32_t>(32767, 1, 1, 1.0f, 0, 16);
   EXPECT_EQ(out.values[0], -32768);
 }
 
 TEST(HBiasAdd, FloatDividesByTheShift) {
   // 3 / 2 = 1.5: the tie goes to 2. The integer rule gives 3 / 4 = 0.75, which rounds to 1.
-  const auto out = testing::AddOne<HBiasAddCall, float>(0.0f, 3.0f, 1.0f, 1.0f, 2, 16);
+  const auto out = testing::AddOne<HBiasAddTraits, float>(0.0f, 3.0f, 1.0f, 1.0f, 2, 16);
   EXPECT_TRUE(Same(2.0f, out.values[0], "HBiasAdd", ""));
-  EXPECT_EQ((testing::AddOne<HBiasAddCall, int32_t>(0, 3, 1, 1.0f, 2, 16).values[0]), 1);
+  EXPECT_EQ((testing::AddOne<HBiasAddTraits, int32_t>(0, 3, 1, 1.0f, 2, 16).values[0]), 1);
 }
 
 TEST(HBiasAdd, NoPassLeavesTheValue) {
-  EXPECT_EQ((testing::AddOne<HBiasAddCall, int32_t>(1000, 5, 1, 0.0f, 0, 8).values[0]), 1000);
-  EXPECT_EQ((testing::AddOne<HBiasAddCall, int32_t>(40000, 5, 1, 0.0f, 0, 24, true).values[0]),
+  EXPECT_EQ((testing::AddOne<HBiasAddTraits, int32_t>(1000, 5, 1, 0.0f, 0, 8).values[0]), 1000);
+  EXPECT_EQ((testing::AddOne<HBiasAddTraits, int32_t>(40000, 5, 1, 0.0f, 0, 24, true).values[0]),
             -20000);
 }
 
@@ -53,7 +53,7 @@ TEST(HBiasAdd, FloatWarnsInElementOrder) {
   Addition<float> c;
   c.value = {8388607.0f, 0.0f, -8388610.0f, 8388606.0f};
   c.operand = {1.0f, -1.0f};
-  const auto out = testing::RunAddition<HBiasAddCall>(c);
+  const auto out = testing::RunAddition<HBiasAddTraits>(c);
   EXPECT_EQ(out.lines,
             "@@@ WARNING: acc 8388608.000000 is out of bounds <-8388607,8388607>\n"
             "@@@ WARNING: acc -8388609.000000 is out of bounds <-8388607,8388607>\n");
@@ -64,8 +64,8 @@ TEST(HBiasAdd, FloatWarnsInElementOrder) {
 namespace testing {
 
 // Against the oracle and the definition.
-INSTANTIATE_TYPED_TEST_SUITE_P(HBiasAdd, AdditionSuite, HBiasAddCall);
-INSTANTIATE_TYPED_TEST_SUITE_P(HBiasAdd, FeedSuite, HBiasAddCall);
+INSTANTIATE_TYPED_TEST_SUITE_P(HBiasAdd, AdditionSuite, HBiasAddTraits);
+INSTANTIATE_TYPED_TEST_SUITE_P(HBiasAdd, FeedSuite, HBiasAddTraits);
 
 }  // namespace testing
 }  // namespace bitfold

@@ -19,7 +19,7 @@ namespace bitfold {
 namespace {
 
 using testing::Addition;
-using testing::HDecomposedBiasAddCall;
+using testing::HDecomposedBiasAddTraits;
 using testing::Same;
 
 // One element of factors 1 that adds a and then b.
@@ -36,7 +36,7 @@ Addition<T> One(T value, T a, T b, float repeat, int width) {
 
 template <typename T>
 T Sum(const Addition<T>& c) {
-  return testing::RunAddition<HDecomposedBiasAddCall>(c).values[0];
+  return testing::RunAddition<HDecomposedBiasAddTraits>(c).values[0];
 }
 
 TEST(HDecomposedBiasAdd, TheFirstWrapFeedsTheSecondAddition) {
@@ -49,8 +49,8 @@ TEST(HDecomposedBiasAdd, TheFirstWrapFeedsTheSecondAddition) {
 
 // Four additions in the order a, b, a, b: each sum out of range names its line.
 TEST(HDecomposedBiasAdd, EveryPassAddsOnePartAndThenTheOther) {
-  const auto out =
-      testing::RunAddition<HDecomposedBiasAddCall>(One<float>(8388608.0f, 10.0f, -2.0f, 2.0f, 40));
+  const auto out = testing::RunAddition<HDecomposedBiasAddTraits>(
+      One<float>(8388608.0f, 10.0f, -2.0f, 2.0f, 40));
   const auto line = [](const std::string& sum) {
     return "@@@ WARNING: acc " + sum + ".000000 is out of bounds <-8388607,8388607>\n";
   };
@@ -66,7 +66,7 @@ TEST(HDecomposedBiasAdd, EachPartHasItsFactorAndItsChannel) {
   c.factor = 100;
   c.second_factor = -1;
   c.feed_repeat = 2.0f;
-  const auto out = testing::RunAddition<HDecomposedBiasAddCall>(c);
+  const auto out = testing::RunAddition<HDecomposedBiasAddTraits>(c);
   for (int i = 0; i < 7; ++i) {
     EXPECT_EQ(out.values[i], 1000 + 2 * (100 * (i % 3 + 1) - 10 * (i % 3 + 1))) << i;
   }
@@ -101,8 +101,8 @@ TEST(HDecomposedBiasAdd, LongestFeed) {
 namespace testing {
 
 // Against the oracle and the definition.
-INSTANTIATE_TYPED_TEST_SUITE_P(HDecomposedBiasAdd, AdditionSuite, HDecomposedBiasAddCall);
-INSTANTIATE_TYPED_TEST_SUITE_P(HDecomposedBiasAdd, FeedSuite, HDecomposedBiasAddCall);
+INSTANTIATE_TYPED_TEST_SUITE_P(HDecomposedBiasAdd, AdditionSuite, HDecomposedBiasAddTraits);
+INSTANTIATE_TYPED_TEST_SUITE_P(HDecomposedBiasAdd, FeedSuite, HDecomposedBiasAddTraits);
 
 }  // namespace testing
 }  // namespace bitfold

@@ -19,17 +19,17 @@ namespace bitfold {
 namespace {
 
 using testing::DecoderCase;
-using testing::HSingleWeightDecoderCall;
+using testing::HSingleWeightDecoderTraits;
 using testing::Output;
 using testing::Same;
 
 // One anchor at one position; its numbers are for the height, the height's minimum, the width and
 // the width's minimum.
 template <typename T>
-DecoderCase<HSingleWeightDecoderCall, T> One(std::vector<T> centers, std::vector<T> sizes,
-                                             std::vector<T> y, std::vector<T> x,
-                                             std::vector<T> anchor, int width, int shift = 0) {
-  DecoderCase<HSingleWeightDecoderCall, T> c;
+DecoderCase<HSingleWeightDecoderTraits, T> One(std::vector<T> centers, std::vector<T> sizes,
+                                               std::vector<T> y, std::vector<T> x,
+                                               std::vector<T> anchor, int width, int shift = 0) {
+  DecoderCase<HSingleWeightDecoderTraits, T> c;
   c.inputs = {centers, sizes, y, x};
   for (const T number : anchor) c.inputs.push_back({number});
   c.accumulator_size = width;
@@ -92,7 +92,7 @@ TEST(HSingleWeightDecoder, WarnsInTheOrderOfTheCorners) {
 namespace testing {
 
 // Against the oracle and the definition.
-INSTANTIATE_TYPED_TEST_SUITE_P(HSingleWeightDecoder, DecoderSuite, HSingleWeightDecoderCall);
+INSTANTIATE_TYPED_TEST_SUITE_P(HSingleWeightDecoder, DecoderSuite, HSingleWeightDecoderTraits);
 
 }  // namespace testing
 }  // namespace bitfold

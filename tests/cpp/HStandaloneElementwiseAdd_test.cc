@@ -19,7 +19,7 @@ namespace bitfold {
 namespace {
 
 using testing::Addition;
-using testing::HStandaloneElementwiseAddCall;
+using testing::HStandaloneElementwiseAddTraits;
 using testing::Output;
 using testing::Same;
 
@@ -33,7 +33,7 @@ Output<T> Add(T a, T b, int shift, int width, bool use_fp16_acc = false) {
   c.mult_shift = shift;
   c.accumulator_size = width;
   c.use_fp16_acc = use_fp16_acc;
-  return testing::RunAddition<HStandaloneElementwiseAddCall>(c);
+  return testing::RunAddition<HStandaloneElementwiseAddTraits>(c);
 }
 
 TEST(HStandaloneElementwiseAdd, FoldsOnce) {
@@ -85,7 +85,7 @@ TEST(HStandaloneElementwiseAdd, WeightsPerChannelOfEachOperand) {
   c.value = {1, 1, 1, 1, 1, 1, 1};
   c.operand = {1, 2, 3, 4, 5, 6, 7};
   c.second = {100, 200, 300, 1, -1, 2};
-  const auto out = testing::RunAddition<HStandaloneElementwiseAddCall>(c);
+  const auto out = testing::RunAddition<HStandaloneElementwiseAddTraits>(c);
   const std::vector<int32_t> expected = {101, 198, 306, 104, 195, 312, 107};
   for (size_t i = 0; i < expected.size(); ++i) {
     EXPECT_EQ(out.values[static_cast<int64_t>(i)], expected[i]) << i;
@@ -98,7 +98,7 @@ namespace testing {
 
 // Against the oracle and the definition.
 INSTANTIATE_TYPED_TEST_SUITE_P(HStandaloneElementwiseAdd, AdditionSuite,
-                               HStandaloneElementwiseAddCall);
+                               HStandaloneElementwiseAddTraits);
 
 }  // namespace testing
 }  // namespace bitfold

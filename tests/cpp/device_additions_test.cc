@@ -12,6 +12,7 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "device/launchers.h"
@@ -27,7 +28,6 @@ namespace {
 
 using testing::Addition;
 using testing::AdditionCase;
-using testing::AdditionInputs;
 using testing::Data;
 using testing::Describe;
 using testing::DeviceEmulation;
@@ -40,7 +40,7 @@ using testing::Same;
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
-// ---- The kernels as calls of support/addition.h ------------------------------------------------
+// ---- The kernels as ops of support/addition.h --------------------------------------------------
 
 // {count, 1, 1, 1} with a small factor moved to each of the other places, if it has one. An order
 // of the elements that is not the flat one would show.
@@ -58,32 +58,15 @@ std::array<int, 4> Factors(int64_t count) {
 }
 
 // Rows in three dimensions, and the channels.
-std::array<int, 4> Rows(int64_t count, int64_t channels) {
-  std::array<int, 4> shape = Factors(channels > 0 ? count / channels : 0);
-  shape[2] *= shape[3];
-  shape[3] = static_cast<int>(channels);
-  return shape;
+AdditionShape Rows(int64_t count, int64_t channels) {
+  const std::array<int, 4> d = Factors(channels > 0 ? count / channels : 0);
+  return {d[0], d[1], d[2] * d[3], static_cast<int>(channels)};
 }
-
-// What a kernel reads at element 0, each in memory of its own.
-template <typename T>
-struct Scalars {
-  explicit Scalars(const Addition<T>& c)
-      : factor(std::vector<T>{c.factor}),
-        second_factor(std::vector<T>{c.second_factor}),
-        feed_repeat(std::vector<float>{c.feed_repeat}),
-        mult_shift(std::vector<int8_t>{static_cast<int8_t>(c.mult_shift)}) {}
-
-  const ExactBuffer<T> factor;
-  const ExactBuffer<T> second_factor;
-  const ExactBuffer<float> feed_repeat;
-  const ExactBuffer<int8_t> mult_shift;
-};
 
 int stream_place = 0;
 void* const kStream = &stream_place;
 
-struct Add4D : testing::HAddCall {
+struct Add4D : testing::HAddTraits {
   static constexpr const char* kName = "AddEwFeedRepeat_4D";
   static constexpr Path kInt32Path = Path::kDeviceAdd4DInt32;
   static constexpr Path kFloatPath = Path::kDeviceAdd4DFloat;
@@ -94,13 +77,13 @@ struct Add4D : testing::HAddCall {
     reference::DeviceAdd<T>(c.value.data(), c.operand.data(), c.factor, c.feed_repeat, c.mult_shift,
                             c.accumulator_size, c.use_fp16_acc, c.count(), out, lines);
   }
+  static AdditionShape ShapeOf(int64_t count, int64_t) {
+    const auto d = Factors(count);
+    return {d[0], d[1], d[2], d[3]};
+  }
   template <typename T>
-  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
-    const Scalars<T> s(c);
-    const auto d = Factors(c.count());
-    LaunchAddEwFeedRepeat4D(kStream, in.value, in.operand, s.factor.data(), s.feed_repeat.data(),
-                            out, d[0], d[1], d[2], d[3], c.accumulator_size, s.mult_shift.data(),
-                            c.use_fp16_acc);
+  static void Run(const AddCall<T>& call, int64_t) {
+    LaunchAddEwFeedRepeat4D(kStream, call);
   }
 };
 
@@ -110,17 +93,17 @@ struct Add2D : Add4D {
   static constexpr Path kFloatPath = Path::kDeviceAdd2DFloat;
   static constexpr Path kHalfPath = Path::kDeviceAdd2DHalf;
 
+  static AdditionShape ShapeOf(int64_t count, int64_t) {
+    const auto d = Factors(count);
+    return {d[0], 1, 1, d[1] * d[2] * d[3]};
+  }
   template <typename T>
-  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
-    const Scalars<T> s(c);
-    const auto d = Factors(c.count());
-    LaunchAddEwFeedRepeat2D(kStream, in.value, in.operand, s.factor.data(), s.feed_repeat.data(),
-                            out, d[0], d[1] * d[2] * d[3], c.accumulator_size, s.mult_shift.data(),
-                            c.use_fp16_acc);
+  static void Run(const AddCall<T>& call, int64_t) {
+    LaunchAddEwFeedRepeat2D(kStream, call);
   }
 };
 
-struct Bias : testing::HBiasAddCall {
+struct Bias : testing::HBiasAddTraits {
   static constexpr const char* kName = "AddFeedRepeat";
   static constexpr Path kInt32Path = Path::kDeviceBiasInt32;
   static constexpr Path kFloatPath = Path::kDeviceBiasFloat;
@@ -132,17 +115,14 @@ struct Bias : testing::HBiasAddCall {
                                 c.mult_shift, c.accumulator_size, c.use_fp16_acc, c.count(),
                                 Channels(c), out, lines);
   }
+  static AdditionShape ShapeOf(int64_t count, int64_t channels) { return Rows(count, channels); }
   template <typename T>
-  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
-    const Scalars<T> s(c);
-    const auto d = Rows(c.count(), Channels(c));
-    LaunchAddFeedRepeat(kStream, in.value, in.operand, s.factor.data(), s.feed_repeat.data(), out,
-                        d[0], d[1], d[2], d[3], c.accumulator_size, s.mult_shift.data(),
-                        c.use_fp16_acc);
+  static void Run(const BiasAddCall<T>& call, int64_t) {
+    LaunchAddFeedRepeat(kStream, call);
   }
 };
 
-struct DecomposedBias : testing::HDecomposedBiasAddCall {
+struct DecomposedBias : testing::HDecomposedBiasAddTraits {
   static constexpr const char* kName = "AddDecomposedFeedRepeat";
   static constexpr Path kInt32Path = Path::kDeviceDecomposedBiasInt32;
   static constexpr Path kFloatPath = Path::kDeviceDecomposedBiasFloat;
@@ -154,18 +134,14 @@ struct DecomposedBias : testing::HDecomposedBiasAddCall {
         c.value.data(), c.operand.data(), c.second.data(), c.factor, c.second_factor, c.feed_repeat,
         c.mult_shift, c.accumulator_size, c.use_fp16_acc, c.count(), Channels(c), out, lines);
   }
+  static AdditionShape ShapeOf(int64_t count, int64_t channels) { return Rows(count, channels); }
   template <typename T>
-  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
-    const Scalars<T> s(c);
-    const auto d = Rows(c.count(), Channels(c));
-    LaunchAddDecomposedFeedRepeat(kStream, in.value, in.operand, in.second, s.factor.data(),
-                                  s.second_factor.data(), s.feed_repeat.data(), out, d[0], d[1],
-                                  d[2], d[3], c.accumulator_size, s.mult_shift.data(),
-                                  c.use_fp16_acc);
+  static void Run(const DecomposedBiasAddCall<T>& call, int64_t) {
+    LaunchAddDecomposedFeedRepeat(kStream, call);
   }
 };
 
-struct Standalone : testing::HStandaloneElementwiseAddCall {
+struct Standalone : testing::HStandaloneElementwiseAddTraits {
   static constexpr const char* kName = "AddStandaloneEw";
   static constexpr Path kInt32Path = Path::kDeviceStandaloneInt32;
   static constexpr Path kFloatPath = Path::kDeviceStandaloneFloat;
@@ -177,19 +153,17 @@ struct Standalone : testing::HStandaloneElementwiseAddCall {
                                       c.mult_shift, c.accumulator_size, c.use_fp16_acc, c.count(),
                                       Channels(c), out, lines);
   }
+  static AdditionShape ShapeOf(int64_t count, int64_t channels) { return Rows(count, channels); }
   template <typename T>
-  static void Run(const Addition<T>& c, const AdditionInputs<T>& in, T* out) {
-    const Scalars<T> s(c);
-    const auto d = Rows(c.count(), Channels(c));
-    LaunchAddStandaloneEw(kStream, in.value, in.operand, in.second, out, d[0], d[1], d[2], d[3],
-                          c.accumulator_size, s.mult_shift.data(), c.use_fp16_acc);
+  static void Run(const StandaloneElementwiseAddCall<T>& call, int64_t) {
+    LaunchAddStandaloneEw(kStream, call);
   }
 };
 
 // Against the oracle, in every order of the threads; only in the first is the text that of a loop.
-template <typename Call, typename T>
+template <typename Op, typename T>
 ::testing::AssertionResult Check(const Addition<T>& c, int offset = 0) {
-  const AdditionCase<Call, T> addition{c};
+  const AdditionCase<Op, T> addition{c};
   const Output<T> expected = OracleOf(addition);
   for (const testing::DeviceRun& run : testing::DeviceRuns()) {
     const DeviceEmulation emulation(run.options);
@@ -204,10 +178,10 @@ template <typename Call, typename T>
   return ::testing::AssertionSuccess();
 }
 
-template <typename Call, typename T>
+template <typename Op, typename T>
 Output<T> OneOnDevice(T value, T operand, float feed_repeat, int shift, int width,
                       bool use_fp16_acc = false) {
-  return testing::AddOne<Call, T>(value, operand, T{1}, feed_repeat, shift, width, use_fp16_acc);
+  return testing::AddOne<Op, T>(value, operand, T{1}, feed_repeat, shift, width, use_fp16_acc);
 }
 
 // ---- Worked examples, and what the CPU does otherwise -------------------------------------------
@@ -265,7 +239,7 @@ TEST(DeviceAdditions, NanSumsPrintNothingUnlikeTheCpus) {
   const auto on_device = OneOnDevice<Add4D, float>(kNan, 1.0f, 2.0f, 0, 24);
   EXPECT_EQ(on_device.lines, "");
   const std::string line = "@@@ WARNING: acc nan is out of bounds <-8388607,8388607>\n";
-  const auto on_cpu = testing::AddOne<testing::HAddCall, float>(kNan, 1.0f, 1.0f, 2.0f, 0, 24);
+  const auto on_cpu = testing::AddOne<testing::HAddTraits, float>(kNan, 1.0f, 1.0f, 2.0f, 0, 24);
   EXPECT_TRUE(testing::SameText(line + line, on_cpu.lines, "on the CPU"));
   EXPECT_TRUE(Same(kNan, on_device.values[0], "NaN", ""));
   // An infinite sum is printed by both.
@@ -278,7 +252,7 @@ TEST(DeviceAdditions, WrapDiffersFromTheCpusInTheLastBit) {
   const auto on_device = OneOnDevice<Add4D, float>(25165828.0f, 2.0f, 1.0f, 0, 24);
   EXPECT_TRUE(Same(8388616.0f, on_device.values[0], "on the device", ""));
   const auto on_cpu =
-      testing::AddOne<testing::HAddCall, float>(25165828.0f, 2.0f, 1.0f, 1.0f, 0, 24);
+      testing::AddOne<testing::HAddTraits, float>(25165828.0f, 2.0f, 1.0f, 1.0f, 0, 24);
   EXPECT_TRUE(Same(8388614.0f, on_cpu.values[0], "on the CPU", ""));
   EXPECT_EQ(on_device.lines, on_cpu.lines);
   // Integers are the same.
@@ -320,21 +294,21 @@ std::vector<int> DeviceShifts() {
 
 std::vector<float> DeviceRepeats() { return {0.0f, -1.0f, kNan, 0.5f, 1.0f, 2.5f, 3.0f, 17.0f}; }
 
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CheckDrawn(testing::Random* random, Data data, int width, int shift, float feed_repeat,
                 bool use_fp16_acc) {
-  Addition<T> c = testing::DrawAddition<Call, T>(random, data, 20, 5);
+  Addition<T> c = testing::DrawAddition<Op, T>(random, data, 20, 5);
   c.factor = random->Flag() ? T{1} : testing::Draw<T>(random, data);
   c.second_factor = random->Flag() ? T{1} : testing::Draw<T>(random, data);
   c.feed_repeat = feed_repeat;
   c.mult_shift = shift;
   c.accumulator_size = width;
   c.use_fp16_acc = use_fp16_acc;
-  ASSERT_TRUE(Check<Call>(c, random->Between(0, 3)));
+  ASSERT_TRUE(Check<Op>(c, random->Between(0, 3)));
 }
 
 // Every corner as the accumulator with every corner as the operand, in one launch each.
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CrossCornersOnDevice(bool use_fp16_acc) {
   testing::Random random(0xde41c);
   const std::vector<T> corners = testing::Corners<T>();
@@ -344,36 +318,36 @@ void CrossCornersOnDevice(bool use_fp16_acc) {
       Addition<T> c;
       for (size_t i = 0; i < n * n; ++i) {
         c.value.push_back(corners[i / n]);
-        if (!Call::kPerChannel) c.operand.push_back(corners[i % n]);
+        if (!Op::kPerChannel) c.operand.push_back(corners[i % n]);
       }
-      if (Call::kPerChannel) c.operand = corners;
-      for (size_t i = 0; i < Call::kSecondSets * n; ++i) {
-        c.second.push_back(Call::kRepeats ? random.Pick(corners) : T{1});
+      if (Op::kPerChannel) c.operand = corners;
+      for (size_t i = 0; i < Op::kSecondSets * n; ++i) {
+        c.second.push_back(Op::kRepeats ? random.Pick(corners) : T{1});
       }
       c.feed_repeat = 2.0f;
       c.mult_shift = shift;
       c.accumulator_size = width;
       c.use_fp16_acc = use_fp16_acc;
-      ASSERT_TRUE(Check<Call>(c));
+      ASSERT_TRUE(Check<Op>(c));
     }
   }
 }
 
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CrossAttributesOnDevice(bool use_fp16_acc) {
-  ASSERT_NO_FATAL_FAILURE((CrossCornersOnDevice<Call, T>(use_fp16_acc)));
+  ASSERT_NO_FATAL_FAILURE((CrossCornersOnDevice<Op, T>(use_fp16_acc)));
   testing::Random random(0xde41ce);
   int drawn = 0;
-  const std::vector<float> repeats = Call::kRepeats ? DeviceRepeats() : std::vector<float>{1.0f};
+  const std::vector<float> repeats = Op::kRepeats ? DeviceRepeats() : std::vector<float>{1.0f};
   for (const Data data : {Data::kSmall, Data::kCorners, Data::kFull}) {
     for (const int width : DeviceWidths<T>()) {
       for (const int shift : DeviceShifts()) {
         if (++drawn % testing::Step(7) != 0) continue;
         ASSERT_NO_FATAL_FAILURE(
-            (CheckDrawn<Call, T>(&random, data, width, shift, random.Pick(repeats), use_fp16_acc)));
+            (CheckDrawn<Op, T>(&random, data, width, shift, random.Pick(repeats), use_fp16_acc)));
       }
       for (const float repeat : repeats) {
-        ASSERT_NO_FATAL_FAILURE((CheckDrawn<Call, T>(
+        ASSERT_NO_FATAL_FAILURE((CheckDrawn<Op, T>(
             &random, data, width, random.Pick(DeviceShifts()), repeat, use_fp16_acc)));
       }
     }
@@ -382,47 +356,47 @@ void CrossAttributesOnDevice(bool use_fp16_acc) {
 
 // The counts at which a grid takes one block more, with the channels that divide them; one block,
 // which finds nothing to do, for none.
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CrossCounts() {
   testing::Random random(0xc0107);
   for (const int64_t count : {0, 1, 511, 512, 513, 1024, 1025}) {
     for (const int64_t channels : {1, 3, 5, 7, 8, 19, 41, 73, 512, 1025}) {
       if (count % channels != 0) continue;
-      Addition<T> c = testing::DrawAddition<Call, T>(&random, Data::kSmall, count, channels);
+      Addition<T> c = testing::DrawAddition<Op, T>(&random, Data::kSmall, count, channels);
       c.factor = T{3};
       c.second_factor = T{-2};
       c.feed_repeat = 3.0f;
       c.mult_shift = 1;
       c.accumulator_size = 8;
       c.use_fp16_acc = random.Between(0, 3) == 0;
-      ASSERT_TRUE(Check<Call>(c)) << "count " << count << " channels " << channels;
-      const AdditionCase<Call, T> addition{c};
+      ASSERT_TRUE(Check<Op>(c)) << "count " << count << " channels " << channels;
+      const AdditionCase<Op, T> addition{c};
       ASSERT_TRUE(WritesItsOutputAlone(addition));
       const DeviceEmulation emulation;
       KernelOf(addition);
       const std::string blocks = std::to_string(count > 1024 ? 3 : count > 512 ? 2 : 1);
       ASSERT_EQ(
           Show(emulation.launches()),
-          std::vector<std::string>{Call::kName + ("<T> grid " + blocks) + ",1,1 block 512,1,1"});
+          std::vector<std::string>{Op::kName + ("<T> grid " + blocks) + ",1,1 block 512,1,1"});
       EXPECT_EQ(emulation.launches()[0].stream, kStream);
       EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess);
     }
   }
 }
 
-template <typename Call>
+template <typename Op>
 class DeviceAdditionSuite : public ::testing::Test {};
 
-using Calls = ::testing::Types<Add4D, Add2D, Bias, DecomposedBias, Standalone>;
+using Kernels = ::testing::Types<Add4D, Add2D, Bias, DecomposedBias, Standalone>;
 
-struct CallNames {
-  template <typename Call>
+struct KernelNames {
+  template <typename Op>
   static std::string GetName(int) {
-    return Call::kName;
+    return Op::kName;
   }
 };
 
-TYPED_TEST_SUITE(DeviceAdditionSuite, Calls, CallNames);
+TYPED_TEST_SUITE(DeviceAdditionSuite, Kernels, KernelNames);
 
 TYPED_TEST(DeviceAdditionSuite, Int32AttributesCrossed) {
   CrossAttributesOnDevice<TypeParam, int32_t>(false);
@@ -455,52 +429,42 @@ TYPED_TEST(DeviceAdditionSuite, NoChannels) {
 // A launcher called with these dimensions and memory that nothing may touch.
 struct Launcher {
   const char* place;  // what it names when its launch fails
-  std::function<void(int, int, int, int)> launch;
+  std::function<void(const AdditionShape&)> launch;
 };
+
+// The same number of elements in a rank of 2.
+AdditionShape Flat(const AdditionShape& s) {
+  return {s.d0, 1, 1, WrapMultiply(s.d1, WrapMultiply(s.d2, s.d3))};
+}
+
+template <typename Op, typename T>
+Launcher LauncherOf(const char* place) {
+  return {place, [](const AdditionShape& dimensions) {
+            const AdditionShape shape = std::is_same_v<Op, Add2D> ? Flat(dimensions) : dimensions;
+            const testing::AdditionInputs<T> nothing(Addition<T>{}, 0);
+            Op::Run(Op::CallOf(nothing, shape, static_cast<T*>(nullptr)), 0);
+          }};
+}
 
 template <typename T>
 std::vector<Launcher> Launchers() {
-  const T* const none = nullptr;
-  T* const out = nullptr;
-  static const int8_t shift = 0;
-  static const float repeat = 1.0f;
-  return {{"src/HAdd 76",
-           [=](int d0, int d1, int d2, int d3) {
-             LaunchAddEwFeedRepeat4D(nullptr, none, none, none, &repeat, out, d0, d1, d2, d3, 8,
-                                     &shift, false);
-           }},
-          {"src/HAdd 96",
-           [=](int d0, int d1, int d2, int d3) {
-             LaunchAddEwFeedRepeat2D(nullptr, none, none, none, &repeat, out, d0,
-                                     WrapMultiply(d1, WrapMultiply(d2, d3)), 8, &shift, false);
-           }},
-          {"src/HBiasAdd 53",
-           [=](int d0, int d1, int d2, int d3) {
-             LaunchAddFeedRepeat(nullptr, none, none, none, &repeat, out, d0, d1, d2, d3, 8, &shift,
-                                 false);
-           }},
-          {"src/HDecomposedBiasAdd 56",
-           [=](int d0, int d1, int d2, int d3) {
-             LaunchAddDecomposedFeedRepeat(nullptr, none, none, none, none, none, &repeat, out, d0,
-                                           d1, d2, d3, 8, &shift, false);
-           }},
-          {"src/HStandaloneElementwiseAdd 43", [=](int d0, int d1, int d2, int d3) {
-             LaunchAddStandaloneEw(nullptr, none, none, none, out, d0, d1, d2, d3, 8, &shift,
-                                   false);
-           }}};
+  return {LauncherOf<Add4D, T>("src/HAdd 76"), LauncherOf<Add2D, T>("src/HAdd 96"),
+          LauncherOf<Bias, T>("src/HBiasAdd 53"),
+          LauncherOf<DecomposedBias, T>("src/HDecomposedBiasAdd 56"),
+          LauncherOf<Standalone, T>("src/HStandaloneElementwiseAdd 43")};
 }
 
 // Counts are formed modulo 2^32: 0, 2^31 and 2^32.
 template <typename T>
 void LaunchWithoutElements() {
   for (const Launcher& launcher : Launchers<T>()) {
-    for (const std::array<int, 4>& d : {std::array<int, 4>{0, 2, 3, 4},
-                                        {2, 3, 4, 0},
-                                        {65536, 32768, 1, 1},
-                                        {1, 1, 65536, 65536},
-                                        {-1, 1, 1, 5}}) {
+    for (const AdditionShape& shape : {AdditionShape{0, 2, 3, 4},
+                                       {2, 3, 4, 0},
+                                       {65536, 32768, 1, 1},
+                                       {1, 1, 65536, 65536},
+                                       {-1, 1, 1, 5}}) {
       const DeviceEmulation emulation;
-      launcher.launch(d[0], d[1], d[2], d[3]);
+      launcher.launch(shape);
       ASSERT_EQ(emulation.launches().size(), 1u);
       EXPECT_EQ(emulation.launches()[0].grid.x, 1u) << launcher.place;
       EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess);
@@ -519,11 +483,11 @@ void FailLaunches() {
     testing::EmulationOptions options;
     options.failing_launch = 0;
     const DeviceEmulation invalid(options);
-    EXPECT_EXIT(launcher.launch(1, 1, 1, 1), ::testing::ExitedWithCode(9),
+    EXPECT_EXIT(launcher.launch({1, 1, 1, 1}), ::testing::ExitedWithCode(9),
                 testing::LaunchError("invalid configuration argument", launcher.place));
     options.failure = static_cast<cudaError_t>(98);
     const DeviceEmulation other(options);
-    EXPECT_EXIT(launcher.launch(1, 1, 1, 1), ::testing::ExitedWithCode(98),
+    EXPECT_EXIT(launcher.launch({1, 1, 1, 1}), ::testing::ExitedWithCode(98),
                 testing::LaunchError("unrecognized error code", launcher.place));
   }
 }

@@ -157,30 +157,34 @@ class AdditionOnDevice {
   }
 
   void Launch(const Attributes& attributes) {
-    const int width = attributes.accumulator_size;
-    const bool half = attributes.use_fp16_acc;
-    const int8_t* shift = mult_shift_.data();
-    const float* repeat = feed_repeat_.data();
     const auto [d0, d1, d2, d3] = shape_;
+    const AdditionShape shape{d0, d1, d2, d3};
+    const DatapathAttributes datapath{attributes.accumulator_size, mult_shift_.data(),
+                                      attributes.use_fp16_acc};
+    const float* repeat = feed_repeat_.data();
     switch (kernel_) {
       case AdditionKernel::kAddEwFeedRepeat4D:
-        return LaunchAddEwFeedRepeat4D(Stream(), value_.data(), elementwise_.data(),
-                                       a_factor_.data(), repeat, out_, d0, d1, d2, d3, width, shift,
-                                       half);
+        return LaunchAddEwFeedRepeat4D<T>(
+            Stream(),
+            {value_.data(), elementwise_.data(), a_factor_.data(), repeat, out_, shape, datapath});
       case AdditionKernel::kAddEwFeedRepeat2D:
-        return LaunchAddEwFeedRepeat2D(Stream(), value_.data(), elementwise_.data(),
-                                       a_factor_.data(), repeat, out_, d0 * d1, d2 * d3, width,
-                                       shift, half);
+        return LaunchAddEwFeedRepeat2D<T>(Stream(), {value_.data(),
+                                                     elementwise_.data(),
+                                                     a_factor_.data(),
+                                                     repeat,
+                                                     out_,
+                                                     {d0 * d1, 1, 1, d2 * d3},
+                                                     datapath});
       case AdditionKernel::kAddFeedRepeat:
-        return LaunchAddFeedRepeat(Stream(), value_.data(), a_.data(), a_factor_.data(), repeat,
-                                   out_, d0, d1, d2, d3, width, shift, half);
+        return LaunchAddFeedRepeat<T>(
+            Stream(), {value_.data(), a_.data(), a_factor_.data(), repeat, out_, shape, datapath});
       case AdditionKernel::kAddDecomposedFeedRepeat:
-        return LaunchAddDecomposedFeedRepeat(Stream(), value_.data(), a_.data(), b_.data(),
-                                             a_factor_.data(), b_factor_.data(), repeat, out_, d0,
-                                             d1, d2, d3, width, shift, half);
+        return LaunchAddDecomposedFeedRepeat<T>(
+            Stream(), {value_.data(), a_.data(), b_.data(), a_factor_.data(), b_factor_.data(),
+                       repeat, out_, shape, datapath});
       case AdditionKernel::kAddStandaloneEw:
-        return LaunchAddStandaloneEw(Stream(), value_.data(), elementwise_.data(), weights_.data(),
-                                     out_, d0, d1, d2, d3, width, shift, half);
+        return LaunchAddStandaloneEw<T>(
+            Stream(), {value_.data(), elementwise_.data(), weights_.data(), out_, shape, datapath});
     }
   }
 

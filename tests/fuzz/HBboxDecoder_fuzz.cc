@@ -9,5 +9,5 @@
 #include "decoder_fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  return bitfold::testing::FuzzDecoder<bitfold::testing::HBboxDecoderCall>(data, size);
+  return bitfold::testing::FuzzDecoder<bitfold::testing::HBboxDecoderTraits>(data, size);
 }

@@ -9,5 +9,5 @@
 #include "addition_fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  return bitfold::testing::FuzzAddition<bitfold::testing::HBiasAddCall>(data, size);
+  return bitfold::testing::FuzzAddition<bitfold::testing::HBiasAddTraits>(data, size);
 }

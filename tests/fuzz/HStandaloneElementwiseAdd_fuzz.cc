@@ -9,6 +9,6 @@
 #include "addition_fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  return bitfold::testing::FuzzAddition<bitfold::testing::HStandaloneElementwiseAddCall>(data,
-                                                                                         size);
+  return bitfold::testing::FuzzAddition<bitfold::testing::HStandaloneElementwiseAddTraits>(data,
+                                                                                           size);
 }

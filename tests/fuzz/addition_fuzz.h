@@ -15,7 +15,7 @@
 
 namespace bitfold::testing {
 
-template <typename Call, typename T>
+template <typename Op, typename T>
 Addition<T> ReadAddition(FuzzInput* input) {
   Addition<T> c;
   c.accumulator_size = input->Width<T>();
@@ -30,20 +30,20 @@ Addition<T> ReadAddition(FuzzInput* input) {
   c.factor = input->Values<T>(1)[0];
   c.second_factor = input->Values<T>(1)[0];
   c.value = input->Values<T>(count);
-  c.operand = input->Values<T>(Call::kPerChannel ? channels : count);
-  c.second = input->Values<T>(Call::kSecondSets * channels);
+  c.operand = input->Values<T>(Op::kPerChannel ? channels : count);
+  c.second = input->Values<T>(Op::kSecondSets * channels);
   return c;
 }
 
-template <typename Call>
+template <typename Op>
 int FuzzAddition(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);
   if (input.Flag()) {
-    const auto c = ReadAddition<Call, int32_t>(&input);
-    Require(CompareCase(AdditionCase<Call, int32_t>{c}, input.Between(0, 3)));
+    const auto c = ReadAddition<Op, int32_t>(&input);
+    Require(CompareCase(AdditionCase<Op, int32_t>{c}, input.Between(0, 3)));
   } else {
-    const auto c = ReadAddition<Call, float>(&input);
-    Require(CompareCase(AdditionCase<Call, float>{c}, input.Between(0, 3)));
+    const auto c = ReadAddition<Op, float>(&input);
+    Require(CompareCase(AdditionCase<Op, float>{c}, input.Between(0, 3)));
   }
   return 0;
 }

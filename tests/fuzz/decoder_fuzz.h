@@ -15,9 +15,9 @@
 
 namespace bitfold::testing {
 
-template <typename Call, typename T>
+template <typename Op, typename T>
 void FuzzDecoderOf(FuzzInput* input) {
-  DecoderCase<Call, T> c;
+  DecoderCase<Op, T> c;
   c.accumulator_size = input->Width<T>();
   c.mult_shift = input->Shift();
   c.use_fp16_acc = input->Flag();
@@ -26,17 +26,17 @@ void FuzzDecoderOf(FuzzInput* input) {
   // Rows of one block of 128 anchors, sometimes of two.
   c.w = input->Between(0, 15) == 0 ? 60 + input->Between(0, 10) : input->Between(0, 6);
   c.anchors = input->Between(0, 4);
-  for (size_t k = 0; k < Call::kInputs; ++k) c.inputs[k] = input->Values<T>(c.InputCount(k));
+  for (size_t k = 0; k < Op::kInputs; ++k) c.inputs[k] = input->Values<T>(c.InputCount(k));
   Require(CompareCase(c, input->Between(0, 3)));
 }
 
-template <typename Call>
+template <typename Op>
 int FuzzDecoder(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);
   if (input.Flag()) {
-    FuzzDecoderOf<Call, int32_t>(&input);
+    FuzzDecoderOf<Op, int32_t>(&input);
   } else {
-    FuzzDecoderOf<Call, float>(&input);
+    FuzzDecoderOf<Op, float>(&input);
   }
   return 0;
 }

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What every addition op is held to: the oracle against its definition, and the definition against
-// what the kernel runs. An op's test instantiates the suites with its Call: AdditionSuite, and
+// what the kernel runs. An op's test instantiates the suites with its traits: AdditionSuite, and
 // FeedSuite where it has a feed repeat.
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_ADDITION_SUITE_H_
@@ -29,7 +29,7 @@ inline std::vector<float> FeedRepeats() {
 
 // Counts around every lane and tile width and around the kernels' blocks, at every misalignment;
 // the channels divide the block, do not, and are more than it holds.
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CrossSizes() {
   Random random(0x512e5);
   std::vector<int64_t> counts = {0,  1,  2,  3,  4,  5,  7,   8,   9,   15,   16,
@@ -37,28 +37,28 @@ void CrossSizes() {
   for (const int64_t count : counts) {
     for (int offset = 0; offset < 4; ++offset) {
       for (const int64_t channels : {1, 2, 3, 5, 8, 17, 512, 600, 1100}) {
-        Addition<T> c = DrawAddition<Call, T>(&random, Data::kSmall, count, channels);
+        Addition<T> c = DrawAddition<Op, T>(&random, Data::kSmall, count, channels);
         c.factor = T{3};
         c.second_factor = T{-2};
         c.feed_repeat = 3.0f;
         c.mult_shift = 1;
         c.accumulator_size = 8;
         c.use_fp16_acc = random.Between(0, 3) == 0;
-        ASSERT_TRUE(CheckAddition<Call>(c, offset)) << "count " << count << " offset " << offset;
-        ASSERT_TRUE(WritesItsOutputAlone(AdditionCase<Call, T>{c}));
-        if (!Call::kPerChannel && Call::kSecondSets == 0) break;
+        ASSERT_TRUE(CheckAddition<Op>(c, offset)) << "count " << count << " offset " << offset;
+        ASSERT_TRUE(WritesItsOutputAlone(AdditionCase<Op, T>{c}));
+        if (!Op::kPerChannel && Op::kSecondSets == 0) break;
       }
     }
   }
 }
 
 // In range but for the elements `at`, of which every addition is reported.
-template <typename Call>
+template <typename Op>
 Addition<float> WarningAt(const std::vector<size_t>& at, bool use_fp16_acc) {
   Random random(0x3a41);
   constexpr int64_t kCount = 2 * kBlock + 276;
-  Addition<float> c = DrawAddition<Call, float>(&random, Data::kSmall, kCount, 7);
-  if (!Call::kRepeats) c.second.assign(c.second.size(), 1.0f);
+  Addition<float> c = DrawAddition<Op, float>(&random, Data::kSmall, kCount, 7);
+  if (!Op::kRepeats) c.second.assign(c.second.size(), 1.0f);
   for (const size_t i : at) {
     c.value[i] = use_fp16_acc ? std::numeric_limits<float>::infinity() : 9000000.0f;
   }
@@ -68,16 +68,16 @@ Addition<float> WarningAt(const std::vector<size_t>& at, bool use_fp16_acc) {
 }
 
 // A block with a line to print is computed anew by the definition; the others are not.
-template <typename Call>
+template <typename Op>
 void CheckReplays(const std::vector<size_t>& at, Path path) {
   for (const bool use_fp16_acc : {false, true}) {
     for (const float repeat : {1.0f, 3.0f}) {
-      Addition<float> c = WarningAt<Call>(at, use_fp16_acc);
+      Addition<float> c = WarningAt<Op>(at, use_fp16_acc);
       c.feed_repeat = repeat;
-      ASSERT_TRUE(CheckAddition<Call>(c));
-      const std::string lines = RunAddition<Call>(c).lines;
-      const int additions = Call::kRepeats ? static_cast<int>(repeat) : 1;
-      const int parts = Call::kPerChannel && Call::kSecondSets == 1 ? 2 : 1;
+      ASSERT_TRUE(CheckAddition<Op>(c));
+      const std::string lines = RunAddition<Op>(c).lines;
+      const int additions = Op::kRepeats ? static_cast<int>(repeat) : 1;
+      const int parts = Op::kPerChannel && Op::kSecondSets == 1 ? 2 : 1;
       EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'),
                 static_cast<int64_t>(at.size()) * additions * parts);
     }
@@ -85,7 +85,7 @@ void CheckReplays(const std::vector<size_t>& at, Path path) {
   Ran(path);
 }
 
-template <typename Call>
+template <typename Op>
 class AdditionSuite : public ::testing::Test {};
 
 TYPED_TEST_SUITE_P(AdditionSuite);
@@ -164,7 +164,7 @@ REGISTER_TYPED_TEST_SUITE_P(AdditionSuite, Int32AttributesCrossed, FloatAttribut
                             WarningsInThePartialBlock, WarningsInSeveralBlocks,
                             LowerBoundPrintsNothing);
 
-template <typename Call>
+template <typename Op>
 class FeedSuite : public ::testing::Test {};
 
 TYPED_TEST_SUITE_P(FeedSuite);

@@ -57,7 +57,7 @@ struct BilinearCase {
   }
 
   void Define(int offset, T* out) const { With(offset, run_bilinear<T>, out); }
-  void Run(int offset, T* out) const { With(offset, RunBilinear<T>, out); }
+  void Run(int offset, T* out) const { With(offset, ComputeBilinear<T>, out); }
 
  private:
   template <typename How>
@@ -65,8 +65,14 @@ struct BilinearCase {
     const auto n =
         Misaligned<T>({&neighbours[0], &neighbours[1], &neighbours[2], &neighbours[3]}, offset);
     const auto w = Misaligned<T>({&weights[0], &weights[1], &weights[2], &weights[3]}, offset + 1);
-    how(n[0].data(), n[1].data(), n[2].data(), n[3].data(), w[0].data(), w[1].data(), w[2].data(),
-        w[3].data(), out, size(), items, mult_shift, bias, accumulator_size, float_accumulator);
+    how({{{n[0].data(), n[1].data(), n[2].data(), n[3].data()},
+          {w[0].data(), w[1].data(), w[2].data(), w[3].data()}},
+         out,
+         size(),
+         items,
+         bias,
+         float_accumulator,
+         {accumulator_size, &mult_shift, false}});
   }
 };
 

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The two box decoders as their tests see them: one case, computed by the oracle, by the definition
-// row by row and by the kernel's function of src/decode_boxes.h.
+// row by row and by what the kernel runs.
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_DECODER_CASE_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_DECODER_CASE_H_
@@ -26,7 +26,7 @@
 namespace bitfold::testing {
 
 // How a decoder is called; its inputs are in the order of its registration, the first four shared.
-struct HBboxDecoderCall {
+struct HBboxDecoderTraits {
   static constexpr const char* kName = "HBboxDecoder";
   static constexpr size_t kInputs = 10;
   static constexpr Path kInt32Path = Path::kBboxDecoderInt32;
@@ -34,14 +34,24 @@ struct HBboxDecoderCall {
   static constexpr Path kHalfPath = Path::kBboxDecoderHalf;
 
   template <typename T>
-  static BoxDecoderInputs<T> Inputs(const std::vector<const T*>& in) {
-    return {in[0], in[1], in[2], in[3], in[4], in[5], in[6], in[7], in[8], in[9]};
+  static BboxDecoderCall<T> CallOf(const std::vector<const T*>& in, const DetectionGrid& grid,
+                                   const DatapathAttributes& attributes, T* out) {
+    return {in[0], in[1], in[2], in[3], in[4], in[5],     in[6],
+            in[7], in[8], in[9], out,   grid,  attributes};
+  }
+  template <typename T>
+  static void Define(const BboxDecoderCall<T>& call, const DetectionRow& row) {
+    DefineBboxDecoder(call, row, 0, int64_t{call.grid.columns} * call.grid.anchors);
+  }
+  template <typename T>
+  static void Run(const BboxDecoderCall<T>& call) {
+    ComputeBboxDecoder(call);
   }
   template <typename T>
   static constexpr auto kOracle = reference::DecodeBoxes<T>;
 };
 
-struct HSingleWeightDecoderCall {
+struct HSingleWeightDecoderTraits {
   static constexpr const char* kName = "HSingleWeightPerProposalBboxDecoder";
   static constexpr size_t kInputs = 8;
   static constexpr Path kInt32Path = Path::kSingleWeightDecoderInt32;
@@ -49,23 +59,36 @@ struct HSingleWeightDecoderCall {
   static constexpr Path kHalfPath = Path::kSingleWeightDecoderHalf;
 
   template <typename T>
-  static SingleWeightDecoderInputs<T> Inputs(const std::vector<const T*>& in) {
-    return {in[0], in[1], in[2], in[3], in[4], in[5], in[6], in[7]};
+  static SingleWeightPerProposalBboxDecoderCall<T> CallOf(const std::vector<const T*>& in,
+                                                          const DetectionGrid& grid,
+                                                          const DatapathAttributes& attributes,
+                                                          T* out) {
+    return {in[0], in[1], in[2], in[3], in[4], in[5], in[6], in[7], out, grid, attributes};
+  }
+  template <typename T>
+  static void Define(const SingleWeightPerProposalBboxDecoderCall<T>& call,
+                     const DetectionRow& row) {
+    DefineSingleWeightPerProposalBboxDecoder(call, row, 0,
+                                             int64_t{call.grid.columns} * call.grid.anchors);
+  }
+  template <typename T>
+  static void Run(const SingleWeightPerProposalBboxDecoderCall<T>& call) {
+    ComputeSingleWeightPerProposalBboxDecoder(call);
   }
   template <typename T>
   static constexpr auto kOracle = reference::DecodeBoxesSingleWeight<T>;
 };
 
-template <typename Call, typename T>
+template <typename Op, typename T>
 struct DecoderCase {
   using Element = T;
-  static constexpr const char* kName = Call::kName;
+  static constexpr const char* kName = Op::kName;
 
   int32_t n = 1;
   int32_t h = 1;
   int32_t w = 1;
   int32_t anchors = 1;
-  std::vector<std::vector<T>> inputs = std::vector<std::vector<T>>(Call::kInputs);
+  std::vector<std::vector<T>> inputs = std::vector<std::vector<T>>(Op::kInputs);
   int32_t accumulator_size = 32;
   int32_t mult_shift = 0;
   bool use_fp16_acc = false;
@@ -97,7 +120,7 @@ struct DecoderCase {
                                 "image", position / w / h, "shift", mult_shift, "width",
                                 accumulator_size, "fp16", use_fp16_acc);
     const int64_t places[4] = {position, position, row, column};
-    for (size_t k = 0; k < Call::kInputs; ++k) {
+    for (size_t k = 0; k < Op::kInputs; ++k) {
       const auto at = static_cast<size_t>(k < 4 ? 2 * (places[k] * anchors + anchor) : anchor);
       const std::string name = "input " + std::to_string(k);
       text += Describe(name.c_str(), inputs[k][at]);
@@ -109,47 +132,43 @@ struct DecoderCase {
   void Oracle(T* out, std::string* lines) const {
     std::vector<const T*> in;
     for (const auto& input : inputs) in.push_back(input.data());
-    Call::template kOracle<T>(in.data(), n, h, w, anchors, accumulator_size, mult_shift,
-                              use_fp16_acc, out, lines);
+    Op::template kOracle<T>(in.data(), n, h, w, anchors, accumulator_size, mult_shift, use_fp16_acc,
+                            out, lines);
   }
 
   void Define(int offset, T* out) const {
-    With(offset, [&](const auto& datapath, const auto& in) {
-      ForEachDetectionRow(n, h, w, anchors, [&](const DetectionRow& row) {
-        DecodeBoxes(datapath, in, row, 0, int64_t{w} * anchors, out);
-      });
+    With(offset, out, [](const auto& call) {
+      ForEachDetectionRow(call.grid, [&](const DetectionRow& row) { Op::Define(call, row); });
     });
   }
 
   void Run(int offset, T* out) const {
-    With(offset, [&](const auto& datapath, const auto& in) {
-      DecodeAllBoxes(datapath, in, n, h, w, anchors, out);
-    });
+    With(offset, out, [](const auto& call) { Op::Run(call); });
   }
 
  private:
   template <typename How>
-  void With(int offset, How how) const {
+  void With(int offset, T* out, How how) const {
     std::vector<ExactBuffer<T>> buffers;
     std::vector<const T*> in;
     for (const auto& input : inputs) {
       buffers.emplace_back(input, offset++ % 4);
       in.push_back(buffers.back().data());
     }
-    how(ReciprocalDatapath<T>(accumulator_size, mult_shift, use_fp16_acc),
-        Call::template Inputs<T>(in));
+    const ExactBuffer<int8_t> shift(std::vector<int8_t>{static_cast<int8_t>(mult_shift)});
+    how(Op::CallOf(in, {n, h, w, anchors}, {accumulator_size, shift.data(), use_fp16_acc}, out));
   }
 };
 
-template <typename Call, typename T>
-DecoderCase<Call, T> DrawDecoder(Random* random, Data data, int32_t n, int32_t h, int32_t w,
-                                 int32_t anchors) {
-  DecoderCase<Call, T> c;
+template <typename Op, typename T>
+DecoderCase<Op, T> DrawDecoder(Random* random, Data data, int32_t n, int32_t h, int32_t w,
+                               int32_t anchors) {
+  DecoderCase<Op, T> c;
   c.n = n;
   c.h = h;
   c.w = w;
   c.anchors = anchors;
-  for (size_t k = 0; k < Call::kInputs; ++k) {
+  for (size_t k = 0; k < Op::kInputs; ++k) {
     c.inputs[k] = DrawMany<T>(random, data, c.InputCount(k));
   }
   return c;

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What both box decoders are held to: the oracle against the definition, and the definition against
-// the kernel on every target. A decoder's test instantiates the suite with its Call.
+// the kernel on every target. A decoder's test instantiates the suite with its traits.
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_DECODER_SUITE_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_DECODER_SUITE_H_
@@ -19,13 +19,13 @@
 
 namespace bitfold::testing {
 
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CrossDecoderAttributes(bool use_fp16_acc) {
   Random random(0xdec0);
   for (const int width : Widths<T>()) {
     for (const int shift : Shifts()) {
       for (const Data data : {Data::kSmall, Data::kCorners, Data::kFull}) {
-        DecoderCase<Call, T> c = DrawDecoder<Call, T>(&random, data, 2, 2, 3, 3);
+        DecoderCase<Op, T> c = DrawDecoder<Op, T>(&random, data, 2, 2, 3, 3);
         c.accumulator_size = width;
         c.mult_shift = shift;
         c.use_fp16_acc = use_fp16_acc;
@@ -36,15 +36,15 @@ void CrossDecoderAttributes(bool use_fp16_acc) {
 }
 
 // Every corner as the anchors' numbers with every corner as the detections; drawn centres.
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CrossDecoderCorners(bool use_fp16_acc) {
   Random random(0xdec1);
   const std::vector<T> corners = Corners<T>();
   const auto n = static_cast<int32_t>(corners.size());
   for (const int width : Widths<T>()) {
     for (const int shift : {0, 3}) {
-      DecoderCase<Call, T> c = DrawDecoder<Call, T>(&random, Data::kCorners, 1, 1, n, n);
-      for (size_t k = 4; k < Call::kInputs; ++k) c.inputs[k] = corners;
+      DecoderCase<Op, T> c = DrawDecoder<Op, T>(&random, Data::kCorners, 1, 1, n, n);
+      for (size_t k = 4; k < Op::kInputs; ++k) c.inputs[k] = corners;
       for (size_t k = 0; k < 2; ++k) {
         for (size_t i = 0; i < c.inputs[k].size(); ++i) {
           c.inputs[k][i] = corners[i / 2 / corners.size()];
@@ -59,7 +59,7 @@ void CrossDecoderCorners(bool use_fp16_acc) {
 }
 
 // Rows of fewer anchors than a block, of as many, and of more; anchors that divide it or do not.
-template <typename Call, typename T>
+template <typename Op, typename T>
 void CrossDecoderSizes() {
   Random random(0xdec2);
   for (const int32_t anchors : {1, 2, 3, 9, 16, 127, 128, 129, 300}) {
@@ -67,7 +67,7 @@ void CrossDecoderSizes() {
       if (anchors * w > 1300) continue;
       for (const int32_t h : {1, 3}) {
         const int32_t n = random.Between(1, 2);
-        DecoderCase<Call, T> c = DrawDecoder<Call, T>(&random, Data::kSmall, n, h, w, anchors);
+        DecoderCase<Op, T> c = DrawDecoder<Op, T>(&random, Data::kSmall, n, h, w, anchors);
         c.accumulator_size = 12;
         c.mult_shift = 3;
         c.use_fp16_acc = random.Flag();
@@ -78,7 +78,7 @@ void CrossDecoderSizes() {
   }
 }
 
-template <typename Call>
+template <typename Op>
 class DecoderSuite : public ::testing::Test {};
 
 TYPED_TEST_SUITE_P(DecoderSuite);
