@@ -56,29 +56,20 @@ struct Numbers {
     return Pixels(layer) * layer.out_channels * Chain(layer);
   }
 
-  ConvolutionImage<T> Work(const Layer& layer, const ChainNumbers& numbers) {
+  ConvolutionCall<T> Call(const Layer& layer, const ChainNumbers& numbers) {
+    const ConvolutionAxis axis = {layer.side, layer.taps, 1, 1, Padding::kSame};
     return {input.data(),
             filter.data(),
             elementwise.empty() ? nullptr : elementwise.data(),
             output.data(),
             1,
-            layer.side,
-            layer.side,
             layer.in_channels,
-            layer.taps,
-            layer.taps,
             layer.out_channels,
-            numbers.accumulator_size,
-            1,
-            1,
-            1,
-            1,
-            Padding::kSame,
-            numbers.mult_shift,
-            numbers.use_fp16_acc,
+            axis,
+            axis,
             layer.is_depthwise,
-            0,
-            0};
+            1,
+            numbers.datapath()};
   }
 };
 
@@ -86,7 +77,7 @@ template <typename T>
 void Define(benchmark::State& state, Layer layer, ChainNumbers numbers) {
   Numbers<T> data(layer, numbers);
   for (auto _ : state) {
-    ImageConvolution<T>(data.Work(layer, numbers)).Run();
+    convolve4DTensorSlow(data.Call(layer, numbers));
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * data.Products(layer));
@@ -95,11 +86,11 @@ void Define(benchmark::State& state, Layer layer, ChainNumbers numbers) {
 template <typename T>
 void ByEngine(benchmark::State& state, const Layer& layer, const ChainNumbers& numbers,
               Numbers<T>* data) {
-  const ConvolutionImage<T> work = data->Work(layer, numbers);
+  const ConvolutionCall<T> call = data->Call(layer, numbers);
   for (auto _ : state) {
     HeapScratch scratch;
-    const BatchConvolution<T> convolution(work, 1, &scratch);
-    convolution.Run(work);
+    const BatchConvolution<T> convolution(call, &scratch);
+    convolution.Run(0);
     if (const auto plan = convolution.plan()) state.SetLabel(PathName(*plan));
     benchmark::ClobberMemory();
   }

@@ -7,6 +7,7 @@
 
 #include "bitfold/HMatMul.h"
 #include "chain_bench.h"
+#include "cpu/matmul.h"
 #include "frame/scratch.h"
 
 namespace bitfold {
@@ -20,16 +21,14 @@ void Multiply(benchmark::State& state, int rows, int inner, int cols, ChainNumbe
   const std::vector<T> b =
       ChainInput<T>(int64_t{inner} * cols, numbers.weight_low, numbers.weight_high, numbers.unit);
   std::vector<T> out(static_cast<size_t>(rows) * static_cast<size_t>(cols));
-  const int width = numbers.accumulator_size;
-  const ReciprocalDatapath<T> datapath(width, numbers.mult_shift, numbers.use_fp16_acc);
-  const WeightSign<T> weight_sign(width);
+  const MatMulCall<T> call = {a.data(), b.data(), out.data(),        rows,
+                              inner,    cols,     numbers.datapath()};
   for (auto _ : state) {
     if (is_definition) {
-      MultiplyMatrices(datapath, weight_sign, a.data(), b.data(), inner, rows, cols, out.data());
+      MatrixMultiplication(call, 0);
     } else {
       HeapScratch scratch;
-      MatrixMultiplication(a.data(), out.data(), b.data(), inner, rows, cols, inner, 0, width,
-                           numbers.mult_shift, numbers.use_fp16_acc, &scratch);
+      ComputeMatMul(call, 0, &scratch);
     }
     benchmark::ClobberMemory();
   }

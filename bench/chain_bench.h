@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "bitfold/datapath_attributes.h"
 #include "chain/plan.h"
 #include "scalar_bench.h"
 
@@ -22,8 +23,11 @@ struct ChainNumbers {
   int weight_low, weight_high;  // of the weights
   float unit;                   // floats: what the numbers are multiplied by
   int accumulator_size;
-  int mult_shift;
+  int8_t mult_shift;
   bool use_fp16_acc;
+
+  // Points into this.
+  DatapathAttributes datapath() const { return {accumulator_size, &mult_shift, use_fp16_acc}; }
 };
 
 inline constexpr ChainNumbers kBytes = {"bytes", 0, 255, -128, 127, 1, 24, 0, false};

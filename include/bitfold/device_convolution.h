@@ -10,8 +10,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 
+#include "bitfold/convolution_call.h"
 #include "bitfold/geometry.h"
 
 namespace bitfold {
@@ -29,33 +29,39 @@ struct DeviceWindowAxis {
   int32_t pad_before;
   int32_t positions;  // what is unfolded
 
-  DeviceWindowAxis(int32_t input_size, int32_t filter_size, int32_t stride_value,
-                   int32_t dilation_value, Padding padding)
-      : input(input_size),
-        taps(filter_size),
-        stride(stride_value),
-        dilation(dilation_value),
-        outputs(getOutputSize(input_size, filter_size, stride_value, dilation_value, padding)),
-        pad_before(padding == Padding::kSame ? WrapSubtract(filter_size, 1) / 2 : 0),
-        positions(Positions(input_size, filter_size, stride_value, dilation_value, padding)) {}
+  explicit DeviceWindowAxis(const ConvolutionAxis& axis)
+      : input(axis.input),
+        taps(axis.taps),
+        stride(axis.stride),
+        dilation(axis.dilation),
+        outputs(getOutputSize(axis)),
+        pad_before(axis.padding == Padding::kSame ? WrapSubtract(axis.taps, 1) / 2 : 0),
+        positions(Positions(axis)) {}
 
  private:
-  static int32_t Positions(int32_t input, int32_t filter, int32_t stride, int32_t dilation,
-                           Padding padding) {
-    const int32_t before_last_tap = WrapSubtract(filter, 1);
-    const int32_t pad = padding == Padding::kSame ? before_last_tap : 0;
-    const int32_t extent = WrapAdd(WrapMultiply(before_last_tap, dilation), 1);
-    return WrapAdd(WrapDivide(WrapSubtract(WrapAdd(pad, input), extent), stride), 1);
+  static int32_t Positions(const ConvolutionAxis& axis) {
+    const int32_t before_last_tap = WrapSubtract(axis.taps, 1);
+    const int32_t pad = axis.padding == Padding::kSame ? before_last_tap : 0;
+    const int32_t extent = WrapAdd(WrapMultiply(before_last_tap, axis.dilation), 1);
+    return WrapAdd(WrapDivide(WrapSubtract(WrapAdd(pad, axis.input), extent), axis.stride), 1);
   }
 };
 
-// Requires strides other than 0.
+// The sizes of a call.
 struct DeviceConvolution {
   int32_t batch;
   int32_t in_channels;
   int32_t out_channels;
   DeviceWindowAxis rows;
   DeviceWindowAxis columns;
+
+  template <typename T>
+  explicit DeviceConvolution(const ConvolutionCall<T>& call)
+      : batch(call.batch),
+        in_channels(call.in_channels),
+        out_channels(call.out_channels),
+        rows(call.rows),
+        columns(call.columns) {}
 
   int64_t window() const { return int64_t{rows.taps} * columns.taps * in_channels; }
   int64_t outputs() const { return int64_t{rows.outputs} * columns.outputs; }

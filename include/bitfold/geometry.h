@@ -33,6 +33,15 @@ BITFOLD_HOST_DEVICE constexpr int get_filter_dim_out_channels(int more_than_four
   return more_than_four_dimensions + 3;
 }
 
+// One axis of a convolution, as its caller states it.
+struct ConvolutionAxis {
+  int32_t input;     // extent of the input
+  int32_t taps;      // extent of the filter
+  int32_t stride;    // not 0
+  int32_t dilation;  // distance of the taps
+  Padding padding;
+};
+
 // The extent of a filter whose taps lie `dilation` apart.
 BITFOLD_HOST_DEVICE constexpr int EffectiveFilterSize(int filter, int dilation) {
   return WrapAdd(WrapMultiply(WrapSubtract(filter, 1), WrapSubtract(dilation, 1)), filter);
@@ -40,12 +49,11 @@ BITFOLD_HOST_DEVICE constexpr int EffectiveFilterSize(int filter, int dilation) 
 
 // The number of outputs. VALID with a window larger than the input can still give 1, because the
 // division truncates; below 0 the caller refuses.
-BITFOLD_HOST_DEVICE constexpr int getOutputSize(int input, int filter, int stride, int dilation,
-                                                Padding padding) {
-  const int span = padding == Padding::kValid
-                       ? WrapSubtract(input, EffectiveFilterSize(filter, dilation))
-                       : WrapSubtract(input, 1);
-  return WrapAdd(WrapDivide(span, stride), 1);
+BITFOLD_HOST_DEVICE constexpr int getOutputSize(const ConvolutionAxis& axis) {
+  const int span = axis.padding == Padding::kValid
+                       ? WrapSubtract(axis.input, EffectiveFilterSize(axis.taps, axis.dilation))
+                       : WrapSubtract(axis.input, 1);
+  return WrapAdd(WrapDivide(span, axis.stride), 1);
 }
 
 // The input coordinate of the centre of the first output's window; its first tap lies
@@ -54,14 +62,12 @@ BITFOLD_HOST_DEVICE constexpr int getOutputSize(int input, int filter, int strid
 // The second rule for SAME is the accelerator's and wins even where the third would give a
 // positive start: an input of 9 with a filter of 5 at stride 3 pads 2 in all, and starts at 0, not
 // at 1.
-BITFOLD_HOST_DEVICE constexpr int getInputStartIndex(int input, int filter, int stride,
-                                                     int dilation, Padding padding) {
-  const int effective = EffectiveFilterSize(filter, dilation);
+BITFOLD_HOST_DEVICE constexpr int getInputStartIndex(const ConvolutionAxis& axis) {
+  const int effective = EffectiveFilterSize(axis.taps, axis.dilation);
   const int half = effective / 2;
-  if (padding == Padding::kValid) return half;
-  const int outputs = getOutputSize(input, filter, stride, dilation, padding);
-  const int pad_total =
-      WrapAdd(WrapSubtract(WrapMultiply(WrapSubtract(outputs, 1), stride), input), effective);
+  if (axis.padding == Padding::kValid) return half;
+  const int reach = WrapMultiply(WrapSubtract(getOutputSize(axis), 1), axis.stride);
+  const int pad_total = WrapAdd(WrapSubtract(reach, axis.input), effective);
   if (pad_total % 2 == 0 && effective % 2 != 0) return 0;
   if (pad_total < 0) return 0;
   return WrapSubtract(half, pad_total / 2);
@@ -77,18 +83,15 @@ struct WindowAxis {
   int32_t stride;
   int32_t dilation;
 
-  BITFOLD_HOST_DEVICE constexpr WindowAxis(int32_t input_size, int32_t filter_size,
-                                           int32_t stride_value, int32_t dilation_value,
-                                           Padding padding)
-      : input(input_size),
-        taps(filter_size),
-        outputs(getOutputSize(input_size, filter_size, stride_value, dilation_value, padding)),
-        first(WrapSubtract(
-            getInputStartIndex(input_size, filter_size, stride_value, dilation_value, padding),
-            EffectiveFilterSize(filter_size, dilation_value) / 2)),
-        half(EffectiveFilterSize(filter_size, dilation_value) / 2),
-        stride(stride_value),
-        dilation(dilation_value) {}
+  BITFOLD_HOST_DEVICE explicit constexpr WindowAxis(const ConvolutionAxis& axis)
+      : input(axis.input),
+        taps(axis.taps),
+        outputs(getOutputSize(axis)),
+        first(WrapSubtract(getInputStartIndex(axis),
+                           EffectiveFilterSize(axis.taps, axis.dilation) / 2)),
+        half(EffectiveFilterSize(axis.taps, axis.dilation) / 2),
+        stride(axis.stride),
+        dilation(axis.dilation) {}
 
   // The input coordinate of a tap; it may lie outside the input.
   BITFOLD_HOST_DEVICE constexpr int32_t Coordinate(int32_t output, int32_t tap) const {

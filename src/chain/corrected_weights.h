@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 
 #include "bitfold/weight_sign.h"
 #include "chain/facts.h"
@@ -17,9 +18,9 @@ namespace bitfold {
 
 template <typename T>
 struct CorrectedWeights {
-  const T* weights;  // null where there was no memory
-  bool corrected;    // whether one needed it
-  Facts facts;
+  const T* weights;            // null where there was no memory
+  bool corrected;              // whether one needed it
+  std::optional<Facts> facts;  // where they are known
 };
 
 // The weights with their signs corrected, copied only where one needs it. They are looked at once

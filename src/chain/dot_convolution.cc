@@ -15,14 +15,17 @@ namespace {
 constexpr int32_t kChannelsTogether = 16;
 
 // A row of outputs is one long one where each output has one tap of its own: tiles are whole then.
-WindowAxis WholeImage(const WindowAxis& rows, const WindowAxis& columns, bool of_rows) {
+WindowAxis WholeImage(const ConvolutionAxis& row_axis, const ConvolutionAxis& column_axis,
+                      bool of_rows) {
+  const WindowAxis rows(row_axis);
+  const WindowAxis columns(column_axis);
   const auto is_plain = [](const WindowAxis& a) {
     return a.taps == 1 && a.stride == 1 && a.first == 0 && a.outputs == a.input;
   };
   const int64_t size = int64_t{rows.input} * columns.input;
   if (!is_plain(rows) || !is_plain(columns) || size > INT32_MAX) return of_rows ? rows : columns;
   const int32_t input = of_rows ? 1 : static_cast<int32_t>(size);
-  return WindowAxis(input, 1, 1, 1, Padding::kValid);
+  return WindowAxis({input, 1, 1, 1, Padding::kValid});
 }
 
 }  // namespace
@@ -35,17 +38,16 @@ DotConvolution<T>::PaddedAxis::PaddedAxis(const WindowAxis& axis) {
 }
 
 template <typename T>
-DotConvolution<T>::DotConvolution(const WindowAxis& rows, const WindowAxis& columns,
-                                  int32_t in_channels, int32_t out_channels, const ChainPlan& plan)
-    : rows_(WholeImage(rows, columns, true)),
-      columns_(WholeImage(rows, columns, false)),
-      in_channels_(in_channels),
-      out_channels_(out_channels),
+DotConvolution<T>::DotConvolution(const ConvolutionCall<T>& call, const ChainPlan& plan)
+    : rows_(WholeImage(call.rows, call.columns, true)),
+      columns_(WholeImage(call.rows, call.columns, false)),
+      in_channels_(call.in_channels),
+      out_channels_(call.out_channels),
       plan_(plan),
       padded_rows_(rows_),
       padded_columns_(columns_),
-      words_((in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
-      panels_((out_channels + kPanel - 1) / kPanel) {}
+      words_((call.in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
+      panels_((call.out_channels + kPanel - 1) / kPanel) {}
 
 template <typename T>
 bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
@@ -94,7 +96,7 @@ void DotConvolution<T>::PackTap(const T* filter, int64_t tap) {
 // Minus the offset times the weights of a lane, which the padding has, too.
 template <typename T>
 void DotConvolution<T>::SumPanel(int32_t panel) {
-  int32_t* sums = initial_sums_ + panel * kPanel;
+  int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
   std::fill_n(sums, kPanel, 0);
   if (plan_.input_offset == 0) return;
   const int32_t* weights = weights_ + panel * PanelWords();
@@ -137,7 +139,7 @@ void DotConvolution<T>::PackRow(const T* row, int32_t* words) const {
   }
   for (int32_t column = 0; column < columns_.input; ++column) {
     words[(column + 1) * words_ - 1] = 0;
-    pack(row + int64_t{column} * in_channels_, in_channels_, words + column * words_);
+    pack(row + int64_t{column} * in_channels_, in_channels_, words + int64_t{column} * words_);
   }
 }
 
@@ -149,27 +151,29 @@ void DotConvolution<T>::Run(const T* image, const T* elementwise, T* output, int
   for (int32_t panel = 0; panel < panels_;) {
     int index = 0;
     while (kernels.panels[index] > panels_ - panel) ++index;
-    RunPanels(words, elementwise, output, panel, kernels.panels[index], index);
+    RunPanels(words, elementwise, output, panel, index);
     panel += kernels.panels[index];
   }
 }
 
-// All outputs of `panels` panels: their weights stay in the cache while the image goes by. The last
-// tile of a row may overlap the one before it.
+// All outputs of kernels.panels[size_index] panels: their weights stay in the cache while the image
+// goes by. The last tile of a row may overlap the one before it.
 template <typename T>
 void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T* output,
-                                  int32_t panel, int32_t panels, int index) const {
+                                  int32_t panel, int size_index) const {
   const DotKernels<T>& kernels = CurrentDotKernels<T>();
   int size = 0;
   while (kernels.pixels[size] > columns_.outputs) ++size;
   const int32_t pixels = kernels.pixels[size];
-  const auto kernel = IsBytes() ? kernels.bytes[size][index] : kernels.shorts[size][index];
-  const int32_t lanes = panels * kPanel;
+  const auto kernel =
+      IsBytes() ? kernels.bytes[size][size_index] : kernels.shorts[size][size_index];
+  const int64_t first = int64_t{panel} * kPanel;  // channel
+  const int32_t lanes = kernels.panels[size_index] * kPanel;
   const int32_t channels = std::min(lanes, out_channels_ - panel * kPanel);
 
   DotTile tile;
   tile.w = weights_ + panel * PanelWords();
-  tile.initial = initial_sums_ + panel * kPanel;
+  tile.initial = initial_sums_ + first;
   tile.x_pixel = int64_t{columns_.stride} * words_;
   tile.x_tap = int64_t{columns_.dilation} * words_;
   tile.x_row = int64_t{rows_.dilation} * padded_columns_.size * words_;
@@ -189,7 +193,7 @@ void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T*
       const int32_t column = std::min(next, columns_.outputs - pixels);
       const int64_t x = columns_.Coordinate(column, 0) + padded_columns_.before;
       tile.x = words + (y * padded_columns_.size + x) * words_;
-      const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + panel * kPanel;
+      const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + first;
       kernel(tile, SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o,
                                 out_channels_, channels, plan_.bits});
     }

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "bitfold/convolution_call.h"
 #include "bitfold/geometry.h"
 #include "chain/dot_tile.h"
 #include "chain/plan.h"
@@ -21,8 +22,7 @@ namespace bitfold {
 template <typename T>
 class DotConvolution {
  public:
-  DotConvolution(const WindowAxis& rows, const WindowAxis& columns, int32_t in_channels,
-                 int32_t out_channels, const ChainPlan& plan);
+  DotConvolution(const ConvolutionCall<T>& call, const ChainPlan& plan);
 
   // The numbers of a padded image.
   int64_t ImageElements() const { return ImageWords() * NumbersInAWord(); }
@@ -51,7 +51,7 @@ class DotConvolution {
   void PackImage(const T* image, int32_t* words) const;
   void PackRow(const T* row, int32_t* words) const;
   void RunPanels(const int32_t* words, const T* elementwise, T* output, int32_t panel,
-                 int32_t panels, int index) const;
+                 int size_index) const;
 
   const WindowAxis rows_;
   const WindowAxis columns_;

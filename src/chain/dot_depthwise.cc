@@ -20,16 +20,15 @@ int32_t KeptRows(const WindowAxis& rows) {
 }  // namespace
 
 template <typename T>
-DotDepthwise<T>::DotDepthwise(const WindowAxis& rows, const WindowAxis& columns,
-                              int32_t in_channels, int32_t out_channels, const ChainPlan& plan)
-    : rows_(rows),
-      columns_(columns),
-      in_channels_(in_channels),
-      channels_(out_channels),
+DotDepthwise<T>::DotDepthwise(const ConvolutionCall<T>& call, const ChainPlan& plan)
+    : rows_(call.rows),
+      columns_(call.columns),
+      in_channels_(call.in_channels),
+      channels_(call.out_channels),
       plan_(plan),
-      groups_((columns.taps + NumbersInAWord() - 1) / NumbersInAWord()),
-      period_((kPanel + out_channels - 1) / out_channels * out_channels),
-      kept_rows_(KeptRows(rows)) {}
+      groups_((columns_.taps + NumbersInAWord() - 1) / NumbersInAWord()),
+      period_((kPanel + channels_ - 1) / channels_ * channels_),
+      kept_rows_(KeptRows(rows_)) {}
 
 template <typename T>
 bool DotDepthwise<T>::Prepare(const T* filter, int32_t filters, int slots, Scratch* scratch) {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "bitfold/convolution_call.h"
 #include "bitfold/geometry.h"
 #include "chain/dot_tile.h"
 #include "chain/plan.h"
@@ -23,8 +24,7 @@ namespace bitfold {
 template <typename T>
 class DotDepthwise {
  public:
-  DotDepthwise(const WindowAxis& rows, const WindowAxis& columns, int32_t in_channels,
-               int32_t out_channels, const ChainPlan& plan);
+  DotDepthwise(const ConvolutionCall<T>& call, const ChainPlan& plan);
 
   // Whether a row of outputs is long enough for the kernels.
   bool HasWholePeriods() const { return RowWords() >= period_; }

@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "bitfold/datapath_attributes.h"
 #include "chain/pack.h"
 #include "vector/quantise_half.h"
 
@@ -42,24 +43,12 @@ T* AllocateFor(Scratch* scratch, int64_t count) {
   return static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
 }
 
-bool GoesForward(const WindowAxis& axis) {
-  const int64_t extent = int64_t{axis.taps} * axis.dilation;
-  const int64_t reach = int64_t{axis.outputs} * axis.stride;
-  return axis.stride >= 1 && axis.dilation >= 1 && axis.taps >= 1 && axis.outputs >= 1 &&
-         extent + reach + axis.input < INT32_MAX / 2;
-}
-
 // The elementwise values come after the centre row: without one they do not come.
 template <typename T>
-ChainCall<T> WithUsedInputs(ChainCall<T> call, int32_t centre) {
+ConvolutionCall<T> WithUsedInputs(ConvolutionCall<T> call, const T* weights, int32_t centre) {
+  call.filter = weights;
   if (centre < 0) call.elementwise = nullptr;
   return call;
-}
-
-// Windows that do not go forward are none: the definition computes them.
-template <typename T>
-WindowAxis ColumnsOf(const ChainCall<T>& call) {
-  return GoesForward(call.columns) ? call.columns : WindowAxis(0, 1, 1, 1, Padding::kValid);
 }
 
 template <typename D>
@@ -68,17 +57,18 @@ constexpr bool kDivides = std::is_same_v<D, Datapath<float>>;
 }  // namespace
 
 template <typename D, typename T>
-ChainEngine<D, T>::ChainEngine(const D& datapath, const ChainCall<T>& call, int slots,
-                               Scratch* scratch)
-    : datapath_(datapath),
-      centre_(GoesForward(call.rows) ? CentreTap(call.rows) : -1),
-      call_(WithUsedInputs(call, centre_)),
-      windows_(call.rows, ColumnsOf(call), call.in_channels, std::max(kPanel, call.out_channels),
-               call.is_depthwise) {
-  if (!GoesForward(call.rows) || !GoesForward(call.columns)) return;
+ChainEngine<D, T>::ChainEngine(const ConvolutionCall<T>& call, const CorrectedWeights<T>& weights,
+                               int slots, Scratch* scratch)
+    : datapath_(MakeDatapath<D>(call.datapath)),
+      rows_(call.rows),
+      columns_(call.columns),
+      centre_(GoesForward(rows_) ? CentreTap(rows_) : -1),
+      call_(WithUsedInputs(call, weights.weights, centre_)),
+      windows_(call) {
+  if (!GoesForward(rows_) || !GoesForward(columns_)) return;
   if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
   const bool has_bytes = CurrentDotKernels<T>().HasBytes();
-  const ChainFacts facts = LookAt();
+  const ChainFacts facts = LookAt(weights.facts);
   if constexpr (std::is_same_v<T, float>) {
     plan_ = PlanFloat(facts, has_bytes);
   } else {
@@ -88,26 +78,22 @@ ChainEngine<D, T>::ChainEngine(const D& datapath, const ChainCall<T>& call, int 
 }
 
 template <typename D, typename T>
-ChainFacts ChainEngine<D, T>::LookAt() const {
+ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights) const {
   ChainFacts facts{};
   facts.accumulator_size = datapath_.accumulator_size();
   facts.mult_shift = datapath_.mult_shift();
   facts.use_fp16_acc = datapath_.use_fp16_acc();
   facts.divides = kDivides<D>;
-  const int64_t outputs = int64_t{call_.batch} * call_.rows.outputs * call_.columns.outputs;
+  const int64_t outputs = int64_t{call_.batch} * rows_.outputs * columns_.outputs;
   facts.packs = call_.is_depthwise || outputs >= kOutputsWorthPacking<T>;
-  facts.weight_sum = [](const void* engine) {
-    return static_cast<const ChainEngine*>(engine)->WeightSum();
-  };
-  facts.context = this;
+  facts.weight_sum = [this] { return WeightSum(); };
   if (std::is_same_v<T, float> && facts.use_fp16_acc) return facts;  // stepwise, whatever comes
-  facts.weights = call_.filter_facts
-                      ? *call_.filter_facts
-                      : FactsOf(call_.filter, call_.filter_images * call_.FilterElements());
+  facts.weights =
+      weights ? *weights : FactsOf(call_.filter, call_.filters * call_.FilterElements());
   if (!facts.weights.is_whole) return facts;
   facts.input = FactsOf(call_.input, call_.batch * call_.InputElements());
   if (call_.elementwise != nullptr && facts.input.is_whole) {
-    facts.elementwise = FactsOf(call_.elementwise, call_.batch * call_.OutputElements());
+    facts.elementwise = FactsOf(call_.elementwise, call_.batch * OutputElements());
   }
   return facts;
 }
@@ -118,7 +104,7 @@ int64_t ChainEngine<D, T>::WeightSum() const {
   const int64_t rows = call_.FilterElements() / call_.out_channels;
   int64_t largest = 0;
   const T* filter = call_.filter;
-  for (int32_t image = 0; image < call_.filter_images; ++image) {
+  for (int32_t image = 0; image < call_.filters; ++image) {
     std::fill(sums.begin(), sums.end(), 0);
     for (int64_t row = 0; row < rows; ++row, filter += call_.out_channels) {
       AddMagnitudes(filter, call_.out_channels, sums.data());
@@ -135,13 +121,12 @@ bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
       return copied <= kMostPadding * call_.InputElements() + kAlwaysPadded;
     };
     if (call_.is_depthwise) {
-      dot_depthwise_.emplace(call_.rows, call_.columns, call_.in_channels, call_.out_channels,
-                             *plan_);
+      dot_depthwise_.emplace(call_, *plan_);
       if (dot_depthwise_->HasWholePeriods() && fits(dot_depthwise_->KeptWords())) {
-        return dot_depthwise_->Prepare(call_.filter, call_.filter_images, slots, scratch);
+        return dot_depthwise_->Prepare(call_.filter, call_.filters, slots, scratch);
       }
     } else {
-      dot_.emplace(call_.rows, call_.columns, call_.in_channels, call_.out_channels, *plan_);
+      dot_.emplace(call_, *plan_);
       if (fits(dot_->ImageElements())) return dot_->Prepare(call_.filter, slots, scratch);
     }
     plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
@@ -179,7 +164,7 @@ bool ChainEngine<D, T>::PrepareRounded(int slots, Scratch* scratch) {
     rounded_ = RoundedSums::ByQuotient(s);
   }
   const int32_t lanes = std::max(kPanel, call_.out_channels);
-  const int64_t rows = call_.FilterElements() / call_.out_channels * call_.filter_images;
+  const int64_t rows = call_.FilterElements() / call_.out_channels * call_.filters;
   lane_filter_elements_ = call_.FilterElements() / call_.out_channels * lanes;
   rounded_filter_ = AllocateFor<float>(scratch, rows * lanes);
   if (rounded_filter_ == nullptr) return false;
@@ -196,7 +181,7 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
     case ChainPath::kDotBytes:
     case ChainPath::kDotShorts:
       if (call_.is_depthwise) {
-        return dot_depthwise_->Run(InputOf(image), FilterOf(image), ElementwiseOf(image),
+        return dot_depthwise_->Run(InputOf(image), call_.FilterOf(image), ElementwiseOf(image),
                                    OutputOf(image), slot);
       }
       return dot_->Run(InputOf(image), ElementwiseOf(image), OutputOf(image), slot);
@@ -218,8 +203,8 @@ void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add
   const T* elementwise = ElementwiseOf(image);
   T* output = OutputOf(image);
   const uint32_t channels_in = call_.is_depthwise ? 1 : static_cast<uint32_t>(call_.in_channels);
-  for (int32_t row = 0; row < call_.rows.outputs; ++row) {
-    const TapRange rows = TapsInside(call_.rows, row);
+  for (int32_t row = 0; row < rows_.outputs; ++row) {
+    const TapRange rows = TapsInside(rows_, row);
     begin(row, rows);
     windows_.ForEachTile([&](const LanePlace& place) {
       int32_t acc[kTilePixels * kTileLanes] = {};
@@ -245,7 +230,7 @@ void ChainEngine<D, T>::RunModular(int32_t image) const {
     const ModularDatapath datapath(datapath_.mult_shift());
     const auto& kernels = LaneKernelsOf<ModularDatapath, int32_t>();
     const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
-    const int32_t* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
+    const int32_t* filter = lane_filter_ + call_.FilterOf(image) * lane_filter_elements_;
     RunSums(
         image, 0, [](int32_t, const TapRange&) {},
         [&](int32_t row, const TapRange& rows, const LanePlace& place, int32_t* sums) {
@@ -260,10 +245,10 @@ void ChainEngine<D, T>::RunModular(int32_t image) const {
 template <typename D, typename T>
 void ChainEngine<D, T>::RunPlainSums(int32_t image) const {
   const SumKernels<T>& kernels = CurrentSumKernels<T>();
-  const T* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
+  const T* filter = lane_filter_ + call_.FilterOf(image) * lane_filter_elements_;
   const T* elementwise = ElementwiseOf(image);
-  for (int32_t row = 0; row < call_.rows.outputs; ++row) {
-    const TapRange rows = TapsInside(call_.rows, row);
+  for (int32_t row = 0; row < rows_.outputs; ++row) {
+    const TapRange rows = TapsInside(rows_, row);
     const auto run = [&](typename SumKernels<T>::Kernel kernel, const LanePlace& place,
                          int32_t channels) {
       const int64_t o = OutputIndex(row, place.column, place.channel);
@@ -290,13 +275,13 @@ template <typename D, typename T>
 void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
   const RoundedKernels& kernels = CurrentRoundedKernels();
   const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
-  const float* filter = rounded_filter_ + FilterOf(image) * lane_filter_elements_;
+  const float* filter = rounded_filter_ + call_.FilterOf(image) * lane_filter_elements_;
   const int64_t in_row = windows_.InRow();
   const float* first = nullptr;
   const auto begin = [&](int32_t row, const TapRange& rows) {
     if (rows.count == 0) return;
-    const T* input = InputOf(image) + call_.rows.Coordinate(row, rows.first) * in_row;
-    const int64_t next = call_.rows.dilation * in_row;
+    const T* input = InputOf(image) + rows_.Coordinate(row, rows.first) * in_row;
+    const int64_t next = rows_.dilation * in_row;
     if constexpr (std::is_same_v<T, float>) {
       first = input;
     } else {
@@ -307,7 +292,7 @@ void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
       first = copy;
     }
   };
-  const int64_t x_row = std::is_same_v<T, float> ? call_.rows.dilation * in_row : in_row;
+  const int64_t x_row = std::is_same_v<T, float> ? rows_.dilation * in_row : in_row;
   RunSums(image, kRoundingBits, begin,
           [&](int32_t, const TapRange& rows, const LanePlace& place, int32_t* sums) {
             LaneTile<float> tile = windows_.TileOfRows(place, rows, first, x_row, filter);
@@ -318,14 +303,14 @@ void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
 
 template <typename D, typename T>
 void ChainEngine<D, T>::RunStepwise(int32_t image, const DefineOutput& define) const {
-  const int64_t in_a_row = int64_t{call_.columns.outputs} * call_.out_channels;
+  const int64_t in_a_row = int64_t{columns_.outputs} * call_.out_channels;
   std::vector<char> may_print(std::is_same_v<T, float> ? static_cast<size_t>(in_a_row) : 0);
-  for (int32_t row = 0; row < call_.rows.outputs; ++row) {
+  for (int32_t row = 0; row < rows_.outputs; ++row) {
     bool any = false;
     windows_.ForEachTile(
         [&](const LanePlace& place) { any |= RunStepwiseTile(image, row, place, &may_print); });
     if (!any) continue;
-    for (int32_t column = 0; column < call_.columns.outputs; ++column) {
+    for (int32_t column = 0; column < columns_.outputs; ++column) {
       for (int32_t channel = 0; channel < call_.out_channels; ++channel) {
         char& mark = may_print[static_cast<size_t>(OutputIndex(0, column, channel))];
         if (mark != 0) define(row, column, channel);
@@ -344,7 +329,7 @@ bool ChainEngine<D, T>::RunStepwiseTile(int32_t image, int32_t row, const LanePl
   const auto& kernels = LaneKernelsOf<D, T>();
   const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
   const auto kernel = table[place.pixels == kTilePixels][place.panels == kTilePanels];
-  const T* filter = lane_filter_ + FilterOf(image) * lane_filter_elements_;
+  const T* filter = lane_filter_ + call_.FilterOf(image) * lane_filter_elements_;
   const auto add_rows = [&](int32_t first, int32_t end) {
     if (first >= end || place.taps.count == 0) return;
     LaneTile<T> tile =
@@ -357,7 +342,7 @@ bool ChainEngine<D, T>::RunStepwiseTile(int32_t image, int32_t row, const LanePl
   const int32_t lanes = place.panels * kPanel;
   const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
   const T* elementwise = ElementwiseOf(image);
-  const TapRange rows = TapsInside(call_.rows, row);
+  const TapRange rows = TapsInside(rows_, row);
   const int32_t end = rows.first + rows.count;
   const bool has_addend = elementwise != nullptr;
   const int32_t middle = has_addend ? std::min(end, centre_ + 1) : end;

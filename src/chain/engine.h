@@ -14,8 +14,10 @@
 #include <optional>
 #include <vector>
 
+#include "bitfold/convolution_call.h"
 #include "bitfold/datapath.h"
 #include "bitfold/geometry.h"
+#include "chain/corrected_weights.h"
 #include "chain/dot_convolution.h"
 #include "chain/dot_depthwise.h"
 #include "chain/lane_windows.h"
@@ -24,38 +26,16 @@
 
 namespace bitfold {
 
-// What the chains run over. Requires what ConvolutionImage requires; a matrix product is a
-// convolution of one row by one tap.
-template <typename T>
-struct ChainCall {
-  WindowAxis rows;
-  WindowAxis columns;
-  int32_t batch;
-  int32_t in_channels;
-  int32_t out_channels;
-  bool is_depthwise;
-  const T* input;
-  const T* filter;        // with the signs corrected
-  int32_t filter_images;  // depthwise: 1 or batch, a filter for each image
-  const T* elementwise;   // or null
-  T* output;
-  std::optional<Facts> filter_facts = {};  // where they are known
-
-  int64_t InputElements() const { return int64_t{rows.input} * columns.input * in_channels; }
-  int64_t OutputElements() const { return int64_t{rows.outputs} * columns.outputs * out_channels; }
-  int64_t FilterElements() const {
-    return int64_t{rows.taps} * columns.taps * (is_depthwise ? 1 : in_channels) * out_channels;
-  }
-};
-
 // Computes one output by the definition and writes it.
 using DefineOutput = std::function<void(int32_t row, int32_t column, int32_t channel)>;
 
 template <typename D, typename T>
 class ChainEngine {
  public:
-  // Up to `slots` images are computed at the same time. What `call` points to stays.
-  ChainEngine(const D& datapath, const ChainCall<T>& call, int slots, Scratch* scratch);
+  // The filter of `call` is `weights`. Up to `slots` images are computed at the same time. What the
+  // two point to stays. A matrix product is a convolution of one row by one tap.
+  ChainEngine(const ConvolutionCall<T>& call, const CorrectedWeights<T>& weights, int slots,
+              Scratch* scratch);
 
   // Empty where the definition must do: windows that do not go forward, depthwise filters of less
   // than a panel whose numbers are not narrow, no memory.
@@ -67,7 +47,7 @@ class ChainEngine {
   void Run(int32_t image, int slot, const DefineOutput& define) const;
 
  private:
-  ChainFacts LookAt() const;
+  ChainFacts LookAt(const std::optional<Facts>& weights) const;
   int64_t WeightSum() const;
   bool Prepare(int slots, Scratch* scratch);
   bool PrepareLanes(Scratch* scratch);
@@ -83,22 +63,24 @@ class ChainEngine {
   void RunSums(int32_t image, uint32_t excess, Begin begin, Add add) const;
 
   const T* InputOf(int32_t image) const { return call_.input + image * call_.InputElements(); }
-  T* OutputOf(int32_t image) const { return call_.output + image * call_.OutputElements(); }
+  T* OutputOf(int32_t image) const { return call_.output + image * OutputElements(); }
   const T* ElementwiseOf(int32_t image) const {
-    return call_.elementwise == nullptr ? nullptr
-                                        : call_.elementwise + image * call_.OutputElements();
+    return call_.elementwise == nullptr ? nullptr : call_.elementwise + image * OutputElements();
+  }
+  int64_t OutputElements() const {
+    return int64_t{rows_.outputs} * columns_.outputs * call_.out_channels;
   }
   // The numbers that a row of outputs meets.
-  int64_t WindowElements() const { return call_.rows.taps * windows_.InRow(); }
-  // Where the filter of an image begins among those of all, in filters.
-  int32_t FilterOf(int32_t image) const { return call_.filter_images > 1 ? image : 0; }
+  int64_t WindowElements() const { return rows_.taps * windows_.InRow(); }
   int64_t OutputIndex(int32_t row, int32_t column, int32_t channel) const {
-    return (int64_t{row} * call_.columns.outputs + column) * call_.out_channels + channel;
+    return (int64_t{row} * columns_.outputs + column) * call_.out_channels + channel;
   }
 
   const D datapath_;
-  const int32_t centre_;  // the row of taps after which the elementwise values come, or -1
-  const ChainCall<T> call_;
+  const WindowAxis rows_;
+  const WindowAxis columns_;
+  const int32_t centre_;           // the row of taps after which the elementwise values come, or -1
+  const ConvolutionCall<T> call_;  // with the corrected weights
   const LaneWindows windows_;
   std::optional<ChainPlan> plan_;
   std::optional<DotConvolution<T>> dot_;

@@ -10,18 +10,27 @@
 #include <cstdint>
 #include <vector>
 
+#include "bitfold/convolution_call.h"
 #include "bitfold/geometry.h"
 #include "chain/lane_tile.h"
 
 namespace bitfold {
+
+// Whether the windows of an axis follow one another through the input, with outputs and taps, and
+// coordinates that fit 32 bits: what everything below requires but LaneWindows.
+inline bool GoesForward(const WindowAxis& axis) {
+  const int64_t extent = int64_t{axis.taps} * axis.dilation;
+  const int64_t reach = int64_t{axis.outputs} * axis.stride;
+  return axis.stride >= 1 && axis.dilation >= 1 && axis.taps >= 1 && axis.outputs >= 1 &&
+         extent + reach + axis.input < INT32_MAX / 2;
+}
 
 struct TapRange {
   int32_t first;
   int32_t count;
 };
 
-// The taps of an output that lie inside the input; they follow one another. Requires a stride and a
-// dilation of at least 1, and coordinates that fit 32 bits.
+// The taps of an output that lie inside the input; they follow one another.
 inline TapRange TapsInside(const WindowAxis& axis, int32_t output) {
   const int32_t start = axis.Coordinate(output, 0);
   const int32_t first = start < 0 ? (-start + axis.dilation - 1) / axis.dilation : 0;
@@ -48,18 +57,18 @@ struct LanePlace {
   TapRange taps;
 };
 
-// The tiles of an image with out_channels output channels, of which filters have filter_channels:
-// as many, but at least a panel. Requires windows that go forward.
+// The tiles of an image of a call, whose filters have its output channels, but at least a panel.
+// Columns that do not go forward have none.
 class LaneWindows {
  public:
-  LaneWindows(const WindowAxis& rows, const WindowAxis& columns, int32_t in_channels,
-              int32_t filter_channels, bool is_depthwise)
-      : rows_(rows),
-        columns_(columns),
-        in_channels_(in_channels),
-        filter_channels_(filter_channels),
-        is_depthwise_(is_depthwise),
-        runs_(RunsOf(columns)) {}
+  template <typename T>
+  explicit LaneWindows(const ConvolutionCall<T>& call)
+      : rows_(call.rows),
+        columns_(call.columns),
+        in_channels_(call.in_channels),
+        filter_channels_(std::max(kPanel, call.out_channels)),
+        is_depthwise_(call.is_depthwise),
+        runs_(RunsOf(columns_)) {}
 
   // Calls visit(place) until the row of outputs is covered; tiles may overlap, so that whole ones
   // do. What is used again stays in the cache: the weights of a few channels, or, depthwise, the
@@ -137,6 +146,7 @@ class LaneWindows {
 
   static std::vector<Run> RunsOf(const WindowAxis& columns) {
     std::vector<Run> runs;
+    if (!GoesForward(columns)) return runs;
     for (int32_t column = 0; column < columns.outputs; ++column) {
       const TapRange taps = TapsInside(columns, column);
       const bool is_next = runs.empty() || runs.back().taps.first != taps.first ||

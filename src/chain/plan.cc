@@ -77,8 +77,7 @@ ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
   const bool by_theorem_2 =
       w <= 23 && addend <= 2 * magnitude && magnitude + addend <= kSilentSum + 1;
   const auto largest_sum = [&] {
-    return facts.input.Magnitude() * facts.weight_sum(facts.context) +
-           facts.elementwise.Magnitude();
+    return facts.input.Magnitude() * facts.weight_sum() + facts.elementwise.Magnitude();
   };
   const bool is_proven = by_theorem_2 || largest_sum() <= std::min(magnitude - 1, kSilentSum);
   if (!is_proven) return kStepwise;

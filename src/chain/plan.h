@@ -8,6 +8,7 @@
 #define BITFOLD_SRC_CHAIN_PLAN_H_
 
 #include <cstdint>
+#include <functional>
 
 #include "chain/facts.h"
 
@@ -32,8 +33,7 @@ struct ChainFacts {
   Facts weights;      // with their signs corrected
   Facts elementwise;  // all 0 where there is none
   // The largest sum of magnitudes of the weights of one output. Asked for only where it decides.
-  int64_t (*weight_sum)(const void* context);
-  const void* context;
+  std::function<int64_t()> weight_sum;
 };
 
 struct ChainPlan {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 
+#include "bitfold/HConv2D.h"
 #include "bitfold/weight_sign.h"
 #include "chain/corrected_weights.h"
 #include "frame/floating_point_scope.h"
@@ -21,26 +22,16 @@ bool IsUsed(const WindowAxis& axis, int32_t tap) {
   return false;
 }
 
-template <typename T>
-WindowAxis RowsOf(const ConvolutionImage<T>& work) {
-  return {work.in_height, work.filter_height, work.stride_h, work.dilation_h, work.padding};
-}
-
-template <typename T>
-WindowAxis ColumnsOf(const ConvolutionImage<T>& work) {
-  return {work.in_width, work.filter_width, work.stride_w, work.dilation_w, work.padding};
-}
-
-// The work of one thread.
+// The work of one thread; filled before the thread starts and only read by it.
 template <typename T>
 struct ImageTask {
-  ConvolutionImage<T> image;
   const BatchConvolution<T>* batch;
+  int32_t image;
 };
 
 // Thread entry; `task` points to an ImageTask<T>.
 template <typename T>
-void* convolveOneImage(void* task) {
+void* RunImage(void* task) {
   const auto& image_task = *static_cast<const ImageTask<T>*>(task);
   image_task.batch->Run(image_task.image);
   pthread_exit(nullptr);
@@ -49,44 +40,31 @@ void* convolveOneImage(void* task) {
 }  // namespace
 
 template <typename T>
-void ConvolveImage(const ConvolutionImage<T>& work) {
+BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Scratch* scratch)
+    : call_(call) {
   const DefaultFloatingPointScope scope;
-  ImageConvolution<T>(work).Run();
-}
-
-template <typename T>
-BatchConvolution<T>::BatchConvolution(const ConvolutionImage<T>& work, int32_t filter_images,
-                                      Scratch* scratch) {
-  const DefaultFloatingPointScope scope;
-  ChainCall<T> call{RowsOf(work),     ColumnsOf(work),   work.batch,
-                    work.in_channels, work.out_channels, work.is_depthwise,
-                    work.input,       work.filter,       1,
-                    work.elementwise, work.output};
-  if (work.is_depthwise) {
-    call.filter_images = filter_images;
-    const auto filter = CorrectWeights(WeightSign<T>(work.accumulator_size), work.filter,
-                                       filter_images * call.FilterElements(), scratch);
-    if (filter.weights == nullptr) return;
-    call.filter = filter.weights;
-    call.filter_facts = filter.facts;
-    corrects_ = filter.corrected;
+  CorrectedWeights<T> weights{call.filter, false, {}};
+  if (call.is_depthwise) {
+    weights = CorrectWeights(WeightSign<T>(call.datapath.accumulator_size), call.filter,
+                             call.filters * call.FilterElements(), scratch);
+    if (weights.weights == nullptr) return;
+    corrects_ = weights.corrected;
   }
-  const Datapath<T> datapath(work.accumulator_size, work.mult_shift, work.use_fp16_acc);
-  engine_ = std::make_unique<Engine>(datapath, call, std::min(work.batch, kImageThreads), scratch);
+  engine_ = std::make_unique<Engine>(call, weights, std::min(call.batch, kImageThreads), scratch);
   if (!engine_->plan()) engine_.reset();
 }
 
 // Weights that meet no input are not seen.
 template <typename T>
-bool BatchConvolution<T>::NeedsWarning(const ConvolutionImage<T>& work) const {
+bool BatchConvolution<T>::NeedsWarning(int32_t image) const {
   if (!corrects_) return false;
-  const WeightSign<T> sign(work.accumulator_size);
-  const WindowAxis rows = RowsOf(work);
-  const WindowAxis columns = ColumnsOf(work);
+  const WeightSign<T> sign(call_.datapath.accumulator_size);
+  const WindowAxis rows(call_.rows);
+  const WindowAxis columns(call_.columns);
   const int64_t taps = int64_t{rows.taps} * columns.taps;
-  for (int64_t tap = 0; tap < taps; ++tap) {
-    const T* weights = work.filter + (work.filter_image * taps + tap) * work.out_channels;
-    const bool corrected = std::any_of(weights, weights + work.out_channels,
+  const T* weights = call_.filter + call_.FilterOf(image) * call_.FilterElements();
+  for (int64_t tap = 0; tap < taps; ++tap, weights += call_.out_channels) {
+    const bool corrected = std::any_of(weights, weights + call_.out_channels,
                                        [&sign](T x) { return sign.NeedsCorrection(x); });
     if (corrected && IsUsed(rows, static_cast<int32_t>(tap / columns.taps)) &&
         IsUsed(columns, static_cast<int32_t>(tap % columns.taps))) {
@@ -97,61 +75,30 @@ bool BatchConvolution<T>::NeedsWarning(const ConvolutionImage<T>& work) const {
 }
 
 template <typename T>
-void BatchConvolution<T>::Run(const ConvolutionImage<T>& work) const {
-  if (engine_ == nullptr) return ConvolveImage(work);
+void BatchConvolution<T>::Run(int32_t image) const {
   const DefaultFloatingPointScope scope;
-  ImageConvolution<T> definition(work);
-  engine_->Run(work.image, work.image % kImageThreads,
+  if (engine_ == nullptr) return convolveOneImage(call_, image);
+  ImageConvolution<T> definition(call_, image);
+  engine_->Run(image, image % kImageThreads,
                [&definition](int32_t row, int32_t column, int32_t channel) {
                  definition.DefineOutput(row, column, channel);
                });
-  if (NeedsWarning(work)) PrintDepthwiseWeightWarning();
+  if (NeedsWarning(image)) PrintDepthwiseWeightWarning();
 }
 
 template <typename T>
-void convolve4DTensorSlow(const T* input, const T* filter, const T* elementwise, T* output,
-                          int32_t batch, int32_t in_height, int32_t in_width, int32_t in_channels,
-                          int32_t filter_height, int32_t filter_width, int32_t out_channels,
-                          int32_t accumulator_size, const std::vector<int32_t>& strides,
-                          const std::vector<int32_t>& dilations, Padding padding,
-                          int32_t mult_shift, bool use_fp16_acc, bool is_depthwise,
-                          int more_than_four_dimensions, Scratch* scratch, CreateThread create) {
-  if (batch < 1) return;
-  const bool filter_per_image = more_than_four_dimensions != 0;
-  ConvolutionImage<T> work{input,
-                           filter,
-                           elementwise,
-                           output,
-                           batch,
-                           in_height,
-                           in_width,
-                           in_channels,
-                           filter_height,
-                           filter_width,
-                           out_channels,
-                           accumulator_size,
-                           strides[1],
-                           strides[2],
-                           dilations[1],
-                           dilations[2],
-                           padding,
-                           mult_shift,
-                           use_fp16_acc,
-                           is_depthwise,
-                           0,
-                           0};
-  const BatchConvolution<T> convolution(work, filter_per_image ? batch : 1, scratch);
-  std::array<ImageTask<T>, kImageThreads> records;
+void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, CreateThread create) {
+  if (call.batch < 1) return;
+  const BatchConvolution<T> convolution(call, scratch);
+  std::array<ImageTask<T>, kImageThreads> tasks;
   std::array<pthread_t, kImageThreads> threads;
-  for (int32_t first = 0; first < batch; first += kImageThreads) {
-    const int group = std::min(batch - first, kImageThreads);
+  for (int32_t first = 0; first < call.batch; first += kImageThreads) {
+    const int group = std::min(call.batch - first, kImageThreads);
     std::array<bool, kImageThreads> started{};
     for (int slot = 0; slot < group; ++slot) {
-      work.image = first + slot;
-      work.filter_image = filter_per_image ? work.image : 0;
-      records[slot] = {work, &convolution};
-      started[slot] = create(&threads[slot], nullptr, convolveOneImage<T>, &records[slot]) == 0;
-      if (!started[slot]) convolution.Run(work);
+      tasks[slot] = {&convolution, first + slot};
+      started[slot] = create(&threads[slot], nullptr, RunImage<T>, &tasks[slot]) == 0;
+      if (!started[slot]) convolution.Run(first + slot);
     }
     for (int slot = 0; slot < group; ++slot) {
       if (started[slot]) pthread_join(threads[slot], nullptr);
@@ -159,13 +106,9 @@ void convolve4DTensorSlow(const T* input, const T* filter, const T* elementwise,
   }
 }
 
-#define BITFOLD_INSTANTIATE(T)                                                                    \
-  template void ConvolveImage(const ConvolutionImage<T>&);                                        \
-  template class BatchConvolution<T>;                                                             \
-  template void convolve4DTensorSlow(const T*, const T*, const T*, T*, int32_t, int32_t, int32_t, \
-                                     int32_t, int32_t, int32_t, int32_t, int32_t,                 \
-                                     const std::vector<int32_t>&, const std::vector<int32_t>&,    \
-                                     Padding, int32_t, bool, bool, int, Scratch*, CreateThread);
+#define BITFOLD_INSTANTIATE(T)        \
+  template class BatchConvolution<T>; \
+  template void ComputeConvolution(const ConvolutionCall<T>&, Scratch*, CreateThread);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)
 #undef BITFOLD_INSTANTIATE

@@ -4,6 +4,7 @@
 // HConv2d on a GPU: the filter rearranged into a row for each output channel, each image unfolded
 // into a column for each position, and their product by tiles.
 
+#include "bitfold/device_convolution.h"
 #include "bitfold/device_datapath.h"
 #include "device/device.h"
 #include "device/launchers.h"
@@ -90,18 +91,18 @@ __global__ void matrix_mul_opt_kernel(const T* A, int a_cols, int a_rows, const 
 }
 
 template <typename T>
-void LaunchKer2Row(void* stream, const DeviceConvolution& sizes, const T* filter, T* rows) {
+void LaunchKer2Row(void* stream, const ConvolutionCall<T>& call, T* rows) {
+  const DeviceConvolution sizes(call);
   BITFOLD_LAUNCH(ker2row_kernel<T>,
                  BlocksFor(static_cast<int>(sizes.row_elements()), kBlockThreads), kBlockThreads,
-                 stream, filter, sizes.out_channels, sizes.in_channels, sizes.rows.taps,
+                 stream, call.filter, sizes.out_channels, sizes.in_channels, sizes.rows.taps,
                  sizes.columns.taps, rows);
   RequireLaunched("src/HConv2D", 235);
 }
 
 template <typename T>
-void LaunchImages(void* stream, const DeviceConvolution& sizes, const T* input, const T* rows,
-                  const T* elementwise, T* columns, T* output, int accumulator_size,
-                  const int8_t* mult_shift, bool use_fp16_acc) {
+void LaunchImages(void* stream, const ConvolutionCall<T>& call, const T* rows, T* columns) {
+  const DeviceConvolution sizes(call);
   const DeviceWindowAxis& h = sizes.rows;
   const DeviceWindowAxis& w = sizes.columns;
   const int unfolded = static_cast<int>(sizes.unfolded());
@@ -109,28 +110,26 @@ void LaunchImages(void* stream, const DeviceConvolution& sizes, const T* input, 
   const int outputs = static_cast<int>(sizes.outputs());
   const int64_t in_image = int64_t{h.input} * w.input * sizes.in_channels;
   const int64_t out_image = int64_t{outputs} * sizes.out_channels;
-  const AccumulatorLimits<T> limits(accumulator_size);
+  const AccumulatorLimits<T> limits(call.datapath.accumulator_size);
   const dim3 blocks(static_cast<unsigned>(BlocksFor(outputs, kTile)),
                     static_cast<unsigned>(BlocksFor(sizes.out_channels, kTile)));
   for (int32_t image = 0; image < sizes.batch; ++image) {
     BITFOLD_LAUNCH(im2col_kernel<T>, BlocksFor(unfolded, kBlockThreads), kBlockThreads, stream,
-                   unfolded, input + image * in_image, sizes.in_channels, h.input, w.input, h.taps,
-                   w.taps, h.pad_before, w.pad_before, h.stride, w.stride, h.dilation, w.dilation,
-                   h.positions, w.positions, columns);
+                   unfolded, call.input + image * in_image, sizes.in_channels, h.input, w.input,
+                   h.taps, w.taps, h.pad_before, w.pad_before, h.stride, w.stride, h.dilation,
+                   w.dilation, h.positions, w.positions, columns);
     RequireLaunched("src/HConv2D", 199);
     BITFOLD_LAUNCH(matrix_mul_opt_kernel<T>, blocks, dim3(kTile, kTile), stream, rows, window,
-                   sizes.out_channels, columns, outputs, window, output + image * out_image,
-                   mult_shift, use_fp16_acc, limits.min, limits.max,
-                   elementwise == nullptr ? nullptr : elementwise + image * out_image);
+                   sizes.out_channels, columns, outputs, window, call.output + image * out_image,
+                   call.datapath.mult_shift, call.datapath.use_fp16_acc, limits.min, limits.max,
+                   call.elementwise == nullptr ? nullptr : call.elementwise + image * out_image);
     RequireLaunched("src/HConv2D", 250);
   }
 }
 
-template void LaunchKer2Row(void*, const DeviceConvolution&, const float*, float*);
-template void LaunchKer2Row(void*, const DeviceConvolution&, const int32_t*, int32_t*);
-template void LaunchImages(void*, const DeviceConvolution&, const float*, const float*,
-                           const float*, float*, float*, int, const int8_t*, bool);
-template void LaunchImages(void*, const DeviceConvolution&, const int32_t*, const int32_t*,
-                           const int32_t*, int32_t*, int32_t*, int, const int8_t*, bool);
+template void LaunchKer2Row(void*, const ConvolutionCall<float>&, float*);
+template void LaunchKer2Row(void*, const ConvolutionCall<int32_t>&, int32_t*);
+template void LaunchImages(void*, const ConvolutionCall<float>&, const float*, float*);
+template void LaunchImages(void*, const ConvolutionCall<int32_t>&, const int32_t*, int32_t*);
 
 }  // namespace bitfold

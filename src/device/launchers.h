@@ -17,7 +17,7 @@
 #include "bitfold/HBiasAdd.h"
 #include "bitfold/HDecomposedBiasAdd.h"
 #include "bitfold/HStandaloneElementwiseAdd.h"
-#include "bitfold/device_convolution.h"
+#include "bitfold/convolution_call.h"
 
 namespace bitfold {
 
@@ -39,16 +39,15 @@ void LaunchAddDecomposedFeedRepeat(void* stream, const DecomposedBiasAddCall<T>&
 template <typename T>
 void LaunchAddStandaloneEw(void* stream, const StandaloneElementwiseAddCall<T>& call);
 
-// HConv2D.cu: the filter as one row for each output channel. `rows` holds sizes.row_elements.
+// HConv2D.cu: the filter as one row for each output channel. `rows` holds row_elements of the
+// call's DeviceConvolution.
 template <typename T>
-void LaunchKer2Row(void* stream, const DeviceConvolution& sizes, const T* filter, T* rows);
+void LaunchKer2Row(void* stream, const ConvolutionCall<T>& call, T* rows);
 
 // HConv2D.cu: each image unfolded and multiplied by the rows, one after the other. `columns` holds
-// sizes.column_elements, zero where nothing is unfolded to; elementwise may be null.
+// column_elements, zero where nothing is unfolded to.
 template <typename T>
-void LaunchImages(void* stream, const DeviceConvolution& sizes, const T* input, const T* rows,
-                  const T* elementwise, T* columns, T* output, int accumulator_size,
-                  const int8_t* mult_shift, bool use_fp16_acc);
+void LaunchImages(void* stream, const ConvolutionCall<T>& call, const T* rows, T* columns);
 
 // device_memory.cu: zeroes `bytes` bytes, after what the stream holds. Null, or what failed.
 const char* ZeroDeviceMemory(void* stream, void* memory, size_t bytes);

@@ -3,8 +3,6 @@
 
 #define EIGEN_USE_THREADS
 
-#include "bitfold/HConv2D.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <limits>
@@ -12,6 +10,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "bitfold/convolution_call.h"
+#include "bitfold/device_convolution.h"
 #include "cpu/convolution.h"
 #include "device/launchers.h"
 #include "frame/op_frame.h"
@@ -144,54 +144,37 @@ BITFOLD_REGISTER_CONVOLUTION("HConv2dDilation", "false", tensorflow::shape_infer
 
 #undef BITFOLD_REGISTER_CONVOLUTION
 
-// A whole convolution on a device. The pointers are to its memory; elementwise may be null.
+// A whole convolution on a device.
 template <typename Device, typename T>
 struct HConv2dFunctor;
 
 template <typename T>
 struct HConv2dFunctor<CPUDevice, T> {
-  void operator()(OpKernelContext* context, const CPUDevice&, const T* input, const T* filter,
-                  const T* elementwise, T* output, int32_t batch, int32_t in_h, int32_t in_w,
-                  int32_t in_c, int32_t fh, int32_t fw, int32_t out_c, int32_t accumulator_size,
-                  const std::vector<int32_t>& strides, const std::vector<int32_t>& dilations,
-                  Padding padding, const int8_t* mult_shift, bool use_fp16_acc, bool is_depthwise,
-                  bool more_than_four_dimensions) const {
+  void operator()(OpKernelContext* context, const CPUDevice&,
+                  const ConvolutionCall<T>& call) const {
     OpScratch scratch(context);
-    convolve4DTensorSlow<T>(input, filter, elementwise, output, batch, in_h, in_w, in_c, fh, fw,
-                            out_c, accumulator_size, strides, dilations, padding, mult_shift[0],
-                            use_fp16_acc, is_depthwise, more_than_four_dimensions ? 1 : 0,
-                            &scratch);
+    ComputeConvolution(call, &scratch);
   }
 };
 
 #ifdef BITFOLD_GPU
 
-// Always the ordinary convolution with the first filter, whatever the last two arguments say. A
-// failure is left in the context.
+// Always the ordinary convolution with the first filter, whatever the call's is_depthwise and
+// filters say. A failure is left in the context.
 template <typename T>
 struct HConv2dFunctor<GPUDevice, T> {
-  void operator()(OpKernelContext* context, const GPUDevice& device, const T* input,
-                  const T* filter, const T* elementwise, T* output, int32_t batch, int32_t in_h,
-                  int32_t in_w, int32_t in_c, int32_t fh, int32_t fw, int32_t out_c,
-                  int32_t accumulator_size, const std::vector<int32_t>& strides,
-                  const std::vector<int32_t>& dilations, Padding padding, const int8_t* mult_shift,
-                  bool use_fp16_acc, bool /*is_depthwise*/,
-                  bool /*more_than_four_dimensions*/) const {
-    const DeviceConvolution sizes{batch,
-                                  in_c,
-                                  out_c,
-                                  {in_h, fh, strides[1], dilations[1], padding},
-                                  {in_w, fw, strides[2], dilations[2], padding}};
+  void operator()(OpKernelContext* context, const GPUDevice& device,
+                  const ConvolutionCall<T>& call) const {
+    const DeviceConvolution sizes(call);
     if (!sizes.HasOutputs()) return;
     OP_REQUIRES_OK(context, Check(sizes));
     Tensor rows;
     OP_REQUIRES_OK(context, Allocate(context, sizes.row_elements(), &rows));
-    LaunchKer2Row(device.stream, sizes, filter, rows.flat<T>().data());
+    LaunchKer2Row(device.stream, call, rows.flat<T>().data());
     Tensor columns;
     OP_REQUIRES_OK(context, Allocate(context, sizes.column_elements(), &columns));
     if (sizes.positions() < sizes.outputs()) OP_REQUIRES_OK(context, ZeroFill(device, &columns, 0));
-    LaunchImages(device.stream, sizes, input, rows.flat<T>().data(), elementwise,
-                 columns.flat<T>().data(), output, accumulator_size, mult_shift, use_fp16_acc);
+    LaunchImages(device.stream, call, rows.flat<T>().data(), columns.flat<T>().data());
   }
 
  private:
@@ -261,22 +244,34 @@ class HConv2dOp : public AccumulatorOp<T> {
     const Tensor& elementwise = context->input(2);
     const Tensor& mult_shift = context->input(3);
     const int leading = filter.dims() > 4 ? 1 : 0;
-    TensorShape shape = input.shape();
     OP_REQUIRES_OK(context, Check(input, filter, mult_shift, leading));
-    OP_REQUIRES_OK(context, SetOutputShape(filter, leading, &shape));
+    const ConvolutionAxis rows = AxisOf(1, input, filter, leading);
+    const ConvolutionAxis columns = AxisOf(2, input, filter, leading);
+    const int32_t out_channels = Size(filter, get_filter_dim_out_channels(leading));
+    TensorShape shape = input.shape();
+    OP_REQUIRES_OK(context, SetOutputSize("height", 1, rows, &shape));
+    OP_REQUIRES_OK(context, SetOutputSize("width", 2, columns, &shape));
+    OP_REQUIRES_OK(context, shape.SetDimWithStatus(3, out_channels));
 
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, shape, &output));
 
     const bool has_elementwise = elementwise.NumElements() == output->NumElements();
-    HConv2dFunctor<Device, T>()(
-        context, DeviceOf<Device>(context), input.flat<T>().data(), filter.flat<T>().data(),
-        has_elementwise ? elementwise.flat<T>().data() : nullptr, output->flat<T>().data(),
-        Size(input, 0), Size(input, 1), Size(input, 2), Size(input, 3),
-        Size(filter, get_filter_dim_height(leading)), Size(filter, get_filter_dim_width(leading)),
-        Size(filter, get_filter_dim_out_channels(leading)), this->accumulator_size_, strides_,
-        dilations_, padding_, mult_shift.flat<int8_t>().data(), use_fp16_acc_, is_depthwise_,
-        leading == 1);
+    const bool has_filter_per_image = is_depthwise_ && leading == 1;
+    const ConvolutionCall<T> call = {
+        input.flat<T>().data(),
+        filter.flat<T>().data(),
+        has_elementwise ? elementwise.flat<T>().data() : nullptr,
+        output->flat<T>().data(),
+        Size(input, 0),
+        Size(input, 3),
+        out_channels,
+        rows,
+        columns,
+        is_depthwise_,
+        has_filter_per_image ? Size(input, 0) : 1,
+        {this->accumulator_size_, mult_shift.flat<int8_t>().data(), use_fp16_acc_}};
+    HConv2dFunctor<Device, T>()(context, DeviceOf<Device>(context), call);
   }
 
  private:
@@ -344,23 +339,23 @@ class HConv2dOp : public AccumulatorOp<T> {
                               filter.dim_size(get_filter_dim_out_channels(leading)), others});
   }
 
-  // Replaces the input's height, width and channels by the output's.
-  absl::Status SetOutputShape(const Tensor& filter, int leading, TensorShape* shape) const {
-    for (const int axis : {1, 2}) {
-      const int32_t input = static_cast<int32_t>(shape->dim_size(axis));
-      const int32_t window = Size(filter, leading + axis - 1);
-      const int32_t outputs =
-          getOutputSize(input, window, strides_[axis], dilations_[axis], padding_);
-      if (outputs < 0) {
-        return absl::InvalidArgumentError(
-            absl::StrCat("Need an output ", axis == 1 ? "height" : "width", " of at least 0, got ",
-                         outputs, " from an input of ", input, ", a filter of ", window,
-                         ", a stride of ", strides_[axis], ", a dilation of ", dilations_[axis],
-                         " and ", padding_ == Padding::kValid ? "VALID" : "SAME", " padding"));
-      }
-      TF_RETURN_IF_ERROR(shape->SetDimWithStatus(axis, outputs));
-    }
-    return shape->SetDimWithStatus(3, filter.dim_size(get_filter_dim_out_channels(leading)));
+  // Along dimension 1 (height) or 2 (width).
+  ConvolutionAxis AxisOf(int dimension, const Tensor& input, const Tensor& filter,
+                         int leading) const {
+    const auto index = static_cast<size_t>(dimension);
+    return {Size(input, dimension), Size(filter, leading + dimension - 1), strides_[index],
+            dilations_[index], padding_};
+  }
+
+  // Replaces the input's size by the output's.
+  static absl::Status SetOutputSize(const char* name, int dimension, const ConvolutionAxis& axis,
+                                    TensorShape* shape) {
+    const int32_t outputs = getOutputSize(axis);
+    if (outputs >= 0) return shape->SetDimWithStatus(dimension, outputs);
+    return absl::InvalidArgumentError(absl::StrCat(
+        "Need an output ", name, " of at least 0, got ", outputs, " from an input of ", axis.input,
+        ", a filter of ", axis.taps, ", a stride of ", axis.stride, ", a dilation of ",
+        axis.dilation, " and ", axis.padding == Padding::kValid ? "VALID" : "SAME", " padding"));
   }
 
   std::vector<int32_t> strides_;

@@ -6,7 +6,9 @@
 #include "bitfold/HMatMul.h"
 
 #include "bitfold/fpx.h"
+#include "cpu/matmul.h"
 #include "frame/floating_point_scope.h"
+#include "frame/log.h"
 #include "frame/op_frame.h"
 #include "frame/op_scratch.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -78,18 +80,32 @@ class HMatMulOp : public AdditionOp<T> {
     Tensor* product = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, shape, &product));
     ZeroFill(product, inner == b_rows ? batch * rows * cols : 0);
+    if (inner != b_rows) {
+      for (int64_t i = 0; i < batch; ++i) LogMismatch(inner, b_rows);
+      return;
+    }
+    const MatMulCall<T> call = {
+        a.flat<T>().data(),
+        b.flat<T>().data(),
+        product->flat<T>().data(),
+        static_cast<int32_t>(rows),
+        static_cast<int32_t>(inner),
+        static_cast<int32_t>(cols),
+        {this->accumulator_size_, mult_shift.flat<int8_t>().data(), this->use_fp16_acc_}};
     const DefaultFloatingPointScope scope;
     for (int64_t i = 0; i < batch; ++i) {
       OpScratch scratch(context);
-      MatrixMultiplication(a.flat<T>().data(), product->flat<T>().data(), b.flat<T>().data(),
-                           static_cast<int32_t>(inner), static_cast<int32_t>(rows),
-                           static_cast<int32_t>(cols), static_cast<int32_t>(b_rows),
-                           static_cast<int32_t>(i), this->accumulator_size_,
-                           mult_shift.flat<int8_t>()(0), this->use_fp16_acc_, &scratch);
+      ComputeMatMul(call, static_cast<int32_t>(i), &scratch);
     }
   }
 
  private:
+  // For an entry of the batch, which stays zero.
+  static void LogMismatch(int64_t inner, int64_t b_rows) {
+    LogError(absl::StrCat("input and kernel dimensions does not match for matrix mul. dataSizeX=",
+                          inner, "\tkernelSizeY=", b_rows));
+  }
+
   static absl::Status CheckRanks(const Tensor& a, const Tensor& b) {
     if (a.dims() < 2 || b.dims() < 2 || b.dims() > a.dims()) {
       return absl::InvalidArgumentError(

@@ -15,7 +15,6 @@
 
 #include "support/addition.h"
 #include "support/ledger.h"
-#include "support/log_stub.h"
 #include "support/matmul_case.h"
 #include "support/random.h"
 #include "support/scale.h"
@@ -137,32 +136,6 @@ TEST(HMatMul, HalfPrecision) {
   MatMulCase<int32_t> d = Product<int32_t>({40000}, {1}, 1, 1, 24);
   d.use_fp16_acc = true;  // which integers ignore
   EXPECT_EQ(KernelOf(d).values[0], 40000);
-}
-
-TEST(HMatMul, MismatchIsLoggedAndLeavesTheOutput) {
-  const std::vector<float> a(6, 1.0f);
-  const std::vector<float> b(20, 1.0f);
-  std::vector<float> out(10, 77.0f);
-  testing::LoggedLines().clear();
-  const std::string printed = testing::PrintedBy([&] {
-    MatrixMultiplication(a.data(), out.data(), b.data(), 3, 2, 5, 4, 0, 16, 0, false, nullptr);
-  });
-  const std::string text =
-      "input and kernel dimensions does not match for matrix mul. dataSizeX=3\tkernelSizeY=4\n";
-  EXPECT_EQ(testing::LoggedLines(), text);
-  EXPECT_EQ(printed, "");
-  EXPECT_EQ(out, std::vector<float>(10, 77.0f));
-  std::string expected;
-  reference::MatMul<float>(a.data(), b.data(), 3, 2, 5, 4, 0, 16, 0, false, out.data(), nullptr,
-                           &expected);
-  EXPECT_EQ(expected, text);
-  // For each entry of a batch.
-  const std::vector<int32_t> words(20, 1);
-  std::vector<int32_t> product(10, 77);
-  MatrixMultiplication(words.data(), product.data(), words.data(), 3, 2, 5, 4, 1, 16, 0, false,
-                       nullptr);
-  EXPECT_EQ(testing::LoggedLines(), text + text);
-  EXPECT_EQ(product, std::vector<int32_t>(10, 77));
 }
 
 TEST(HMatMul, NoInnerElementGivesZeros) {

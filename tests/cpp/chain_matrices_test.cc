@@ -53,20 +53,19 @@ std::optional<ChainPath> PathOf(const MatMulCase<T>& c) {
   for (T& weight : weights) {
     if (sign.NeedsCorrection(weight)) weight = sign.Correct(weight);
   }
-  const ChainCall<T> call{WindowAxis(1, 1, 1, 1, Padding::kValid),
-                          WindowAxis(c.rows, 1, 1, 1, Padding::kValid),
-                          1,
-                          c.inner,
-                          c.cols,
-                          false,
-                          c.a.data(),
-                          weights.data(),
-                          1,
-                          nullptr,
-                          nullptr};
+  const auto mult_shift = static_cast<int8_t>(c.mult_shift);
+  ConvolutionCall<T> call{};
+  call.input = c.a.data();
+  call.filter = c.b.data();
+  call.batch = 1;
+  call.in_channels = c.inner;
+  call.out_channels = c.cols;
+  call.rows = {1, 1, 1, 1, Padding::kValid};
+  call.columns = {c.rows, 1, 1, 1, Padding::kValid};
+  call.filters = 1;
+  call.datapath = {c.accumulator_size, &mult_shift, c.use_fp16_acc};
   HeapScratch scratch;
-  const ChainEngine<D, T> engine(D(c.accumulator_size, c.mult_shift, c.use_fp16_acc), call, 1,
-                                 &scratch);
+  const ChainEngine<D, T> engine(call, {weights.data(), false, {}}, 1, &scratch);
   if (!engine.plan()) return std::nullopt;
   return engine.plan()->path;
 }
@@ -154,14 +153,13 @@ TEST(ChainMatrices, LinesFromInsideTiles) {
 template <typename T>
 void CheckFailures(const MatMulCase<T>& c) {
   const auto definition = DefinitionOf(c);
+  const auto mult_shift = static_cast<int8_t>(c.mult_shift);
   int requests = 1;
   for (int failing = -1; failing < requests; ++failing) {
     testing::FailingScratch scratch(failing);
     auto actual = testing::Output<T>{testing::UnwrittenBuffer<T>(c.count(), 1), ""};
-    actual.lines = testing::PrintedBy([&] {
-      MatrixMultiplication(c.a.data(), actual.values.data(), c.b.data(), c.inner, c.rows, c.cols,
-                           c.inner, 0, c.accumulator_size, c.mult_shift, c.use_fp16_acc, &scratch);
-    });
+    const MatMulCall<T> call = c.CallOf(c.a.data(), c.b.data(), actual.values.data(), &mult_shift);
+    actual.lines = testing::PrintedBy([&] { ComputeMatMul(call, 0, &scratch); });
     ASSERT_TRUE(
         testing::SameOutputs(c, definition, actual, "without request " + std::to_string(failing)));
     if (failing < 0) requests = scratch.requests();

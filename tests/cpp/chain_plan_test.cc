@@ -59,15 +59,11 @@ struct Call {
   mutable int asked = 0;  // how often for weight_sum
 
   ChainFacts facts() const {
-    return {width, shift,   use_fp16_acc, divides,   packs,
-            input, weights, elementwise,  WeightSum, this};
-  }
-
- private:
-  static int64_t WeightSum(const void* context) {
-    const Call* call = static_cast<const Call*>(context);
-    ++call->asked;
-    return call->weight_sum;
+    const auto ask = [this] {
+      ++asked;
+      return weight_sum;
+    };
+    return {width, shift, use_fp16_acc, divides, packs, input, weights, elementwise, ask};
   }
 };
 

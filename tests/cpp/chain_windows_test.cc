@@ -23,7 +23,7 @@ void ForEachAxis(Visit visit) {
       for (int32_t stride = 1; stride <= 4; ++stride) {
         for (int32_t dilation = 1; dilation <= 4; ++dilation) {
           for (const Padding padding : {Padding::kValid, Padding::kSame}) {
-            visit(WindowAxis(input, taps, stride, dilation, padding),
+            visit(ConvolutionAxis{input, taps, stride, dilation, padding},
                   testing::Describe("input", input, "taps", taps, "stride", stride, "dilation",
                                     dilation, "same", padding == Padding::kSame));
           }
@@ -34,7 +34,8 @@ void ForEachAxis(Visit visit) {
 }
 
 TEST(ChainWindows, TapsInside) {
-  ForEachAxis([](const WindowAxis& axis, const std::string& inputs) {
+  ForEachAxis([](const ConvolutionAxis& sizes, const std::string& inputs) {
+    const WindowAxis axis(sizes);
     for (int32_t output = 0; output < axis.outputs; ++output) {
       const TapRange range = TapsInside(axis, output);
       ASSERT_GE(range.count, 0) << inputs;
@@ -48,7 +49,8 @@ TEST(ChainWindows, TapsInside) {
 }
 
 TEST(ChainWindows, CentreTap) {
-  ForEachAxis([](const WindowAxis& axis, const std::string& inputs) {
+  ForEachAxis([](const ConvolutionAxis& sizes, const std::string& inputs) {
+    const WindowAxis axis(sizes);
     const int32_t centre = CentreTap(axis);
     for (int32_t tap = 0; tap < axis.taps; ++tap) {
       ASSERT_EQ(axis.IsCentre(tap), tap == centre) << inputs << "tap=" << tap;
@@ -57,10 +59,16 @@ TEST(ChainWindows, CentreTap) {
 }
 
 // Every output is in a tile, none outside, and a tile's columns have its taps.
-void CheckTiles(const WindowAxis& axis, int32_t channels, bool is_depthwise,
+void CheckTiles(const ConvolutionAxis& columns, int32_t channels, bool is_depthwise,
                 const std::string& inputs) {
-  const WindowAxis rows(1, 1, 1, 1, Padding::kValid);
-  const LaneWindows windows(rows, axis, channels, channels, is_depthwise);
+  ConvolutionCall<float> call{};
+  call.in_channels = channels;
+  call.out_channels = channels;
+  call.rows = {1, 1, 1, 1, Padding::kValid};
+  call.columns = columns;
+  call.is_depthwise = is_depthwise;
+  const LaneWindows windows(call);
+  const WindowAxis axis(columns);
   std::vector<int> covered(static_cast<size_t>(axis.outputs * channels));
   windows.ForEachTile([&](const LanePlace& place) {
     ASSERT_TRUE(place.pixels == 1 || place.pixels == kTilePixels) << inputs;
@@ -84,8 +92,8 @@ void CheckTiles(const WindowAxis& axis, int32_t channels, bool is_depthwise,
 }
 
 TEST(ChainWindows, TilesCoverEveryOutput) {
-  ForEachAxis([](const WindowAxis& axis, const std::string& inputs) {
-    if (axis.outputs < 1) return;
+  ForEachAxis([](const ConvolutionAxis& axis, const std::string& inputs) {
+    if (getOutputSize(axis) < 1) return;
     for (const int32_t channels : {16, 17, 31, 32, 33, 47, 48, 49, 63, 64, 65, 80, 129}) {
       if (channels > 49 && axis.input % 5 != 0) continue;
       ASSERT_NO_FATAL_FAILURE(CheckTiles(axis, channels, channels % 2 == 0, inputs));

@@ -5,6 +5,8 @@
 // otherwise; the rearranged filter, the unfolded image, values and printed text against the oracle,
 // over every geometry and every arithmetic; and how they are launched.
 
+#include "bitfold/device_convolution.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -41,12 +43,7 @@ using testing::Same;
 // ---- A convolution on the device ---------------------------------------------------------------
 
 DeviceConvolution SizesOf(const Convolution& c) {
-  const Padding padding = c.same ? Padding::kSame : Padding::kValid;
-  return {c.batch,
-          c.in_channels,
-          c.out_channels,
-          {c.in_height, c.filter_height, c.stride_h, c.dilation_h, padding},
-          {c.in_width, c.filter_width, c.stride_w, c.dilation_w, padding}};
+  return DeviceConvolution(testing::CallOf<float>(c, {}, nullptr, nullptr));
 }
 
 // What the op computes; it refuses what unfolds nothing.
@@ -69,20 +66,18 @@ template <typename T>
 DeviceOutput<T> OnDevice(const Convolution& c, const ConvolutionData<T>& data, int offset = 0,
                          void* stream = nullptr) {
   const DeviceConvolution sizes = SizesOf(c);
-  const auto in = testing::Misaligned<T>({&data.input, &data.filter, &data.elementwise}, offset);
-  const ExactBuffer<int8_t> mult_shift(std::vector<int8_t>{static_cast<int8_t>(c.mult_shift)});
+  const testing::MisalignedCall<T> misaligned(c, data, offset);
   DeviceOutput<T> out{testing::UnwrittenBuffer<T>(sizes.row_elements(), (offset + 1) % 4),
                       testing::UnwrittenBuffer<T>(sizes.column_elements(), (offset + 2) % 4),
                       testing::UnwrittenBuffer<T>(testing::OutputCount(c), (offset + 3) % 4), ""};
+  const ConvolutionCall<T> call = misaligned.To(out.values.data());
   out.lines = testing::PrintedBy([&] {
-    LaunchKer2Row(stream, sizes, in[1].data(), out.rows.data());
+    LaunchKer2Row(stream, call, out.rows.data());
     if (sizes.positions() < sizes.outputs()) {
       const auto bytes = static_cast<size_t>(out.columns.count()) * sizeof(T);
       ASSERT_EQ(ZeroDeviceMemory(stream, out.columns.data(), bytes), nullptr);
     }
-    LaunchImages(stream, sizes, in[0].data(), out.rows.data(),
-                 data.elementwise.empty() ? nullptr : in[2].data(), out.columns.data(),
-                 out.values.data(), c.accumulator_size, mult_shift.data(), c.use_fp16_acc);
+    LaunchImages(stream, call, out.rows.data(), out.columns.data());
   });
   return out;
 }
@@ -95,14 +90,13 @@ void DirtyTiles() {
                                                          : 894776661.0);
   const Convolution c = Plain(4, 4, 16, 1, 1, 16);
   const ConvolutionData<T> data = {std::vector<T>(256, dirt), std::vector<T>(256, dirt), {}};
-  const DeviceConvolution sizes = SizesOf(c);
   std::vector<T> rows(256);
   std::vector<T> columns(256);
   std::vector<T> values(256);
   const int8_t mult_shift = 0;
-  LaunchKer2Row(nullptr, sizes, data.filter.data(), rows.data());
-  LaunchImages<T>(nullptr, sizes, data.input.data(), rows.data(), nullptr, columns.data(),
-                  values.data(), 32, &mult_shift, false);
+  const ConvolutionCall<T> call = testing::CallOf(c, data, values.data(), &mult_shift);
+  LaunchKer2Row(nullptr, call, rows.data());
+  LaunchImages<T>(nullptr, call, rows.data(), columns.data());
 }
 
 // In order, over dirty tiles; and in the opposite order, the filter and each image in one block.

@@ -285,7 +285,7 @@ TEST(DeviceConvolutionSizes, AxisAgainstOracle) {
         if (stride == 0) continue;
         for (const int32_t dilation : steps) {
           for (const bool same : {false, true}) {
-            const DeviceWindowAxis axis(input, filter, stride, dilation, PaddingOf(same));
+            const DeviceWindowAxis axis({input, filter, stride, dilation, PaddingOf(same)});
             const auto expected = reference::UnfoldAxis(input, filter, stride, dilation, same);
             const auto where = Describe("input", input, "filter", filter, "stride", stride,
                                         "dilation", dilation, "same", same);
@@ -306,19 +306,35 @@ TEST(DeviceConvolutionSizes, AxisAgainstOracle) {
 
 TEST(DeviceConvolutionSizes, FewerPositionsThanOutputsWhereTapsLieApart) {
   for (const int32_t dilation : {1, 2, 3}) {
-    const DeviceWindowAxis axis(9, 3, 1, dilation, Padding::kSame);
+    const DeviceWindowAxis axis({9, 3, 1, dilation, Padding::kSame});
     EXPECT_EQ(axis.outputs, 9);
     EXPECT_EQ(axis.positions, 11 - 2 * dilation);
     EXPECT_EQ(axis.pad_before, 1);
-    const DeviceWindowAxis valid(9, 3, 1, dilation, Padding::kValid);
+    const DeviceWindowAxis valid({9, 3, 1, dilation, Padding::kValid});
     EXPECT_EQ(valid.outputs, valid.positions);
     EXPECT_EQ(valid.pad_before, 0);
   }
 }
 
+struct Channels {
+  int32_t in;
+  int32_t out;
+};
+
+DeviceConvolution SizesOf(int32_t batch, Channels channels, const ConvolutionAxis& rows,
+                          const ConvolutionAxis& columns) {
+  ConvolutionCall<float> call{};
+  call.batch = batch;
+  call.in_channels = channels.in;
+  call.out_channels = channels.out;
+  call.rows = rows;
+  call.columns = columns;
+  return DeviceConvolution(call);
+}
+
 TEST(DeviceConvolutionSizes, Products) {
-  const DeviceConvolution sizes = {
-      2, 3, 5, {9, 3, 1, 2, Padding::kSame}, {8, 4, 2, 1, Padding::kSame}};
+  const DeviceConvolution sizes =
+      SizesOf(2, {3, 5}, {9, 3, 1, 2, Padding::kSame}, {8, 4, 2, 1, Padding::kSame});
   EXPECT_EQ(sizes.window(), 3 * 4 * 3);
   EXPECT_EQ(sizes.outputs(), 9 * 4);
   EXPECT_EQ(sizes.positions(), 7 * 4);
@@ -327,14 +343,14 @@ TEST(DeviceConvolutionSizes, Products) {
   EXPECT_EQ(sizes.column_elements(), 36 * 36);
   EXPECT_TRUE(sizes.HasOutputs());
   // More positions than outputs: all are unfolded.
-  const DeviceConvolution near = {
-      1, 1, 1, {5, 3, 1, 0, Padding::kSame}, {1, 1, 1, 1, Padding::kSame}};
+  const DeviceConvolution near =
+      SizesOf(1, {1, 1}, {5, 3, 1, 0, Padding::kSame}, {1, 1, 1, 1, Padding::kSame});
   EXPECT_EQ(near.outputs(), 5);
   EXPECT_EQ(near.positions(), 7);
   EXPECT_EQ(near.column_elements(), 3 * 7);
   // Beyond 32 bits.
-  const DeviceConvolution large = {
-      1, 4, 8, {65536, 256, 1, 1, Padding::kSame}, {65536, 256, 1, 1, Padding::kSame}};
+  const DeviceConvolution large =
+      SizesOf(1, {4, 8}, {65536, 256, 1, 1, Padding::kSame}, {65536, 256, 1, 1, Padding::kSame});
   EXPECT_EQ(large.outputs(), int64_t{1} << 32);
   EXPECT_EQ(large.unfolded(), int64_t{1} << 34);
   EXPECT_EQ(large.row_elements(), int64_t{1} << 21);
@@ -342,16 +358,16 @@ TEST(DeviceConvolutionSizes, Products) {
 }
 
 TEST(DeviceConvolutionSizes, NothingToCompute) {
-  const DeviceWindowAxis axis(4, 3, 1, 1, Padding::kValid);
-  const DeviceWindowAxis none(2, 3, 1, 1, Padding::kValid);
-  const DeviceWindowAxis below(1, 3, 1, 1, Padding::kValid);
-  EXPECT_TRUE((DeviceConvolution{1, 1, 1, axis, axis}.HasOutputs()));
-  EXPECT_TRUE((DeviceConvolution{1, 0, 1, axis, axis}.HasOutputs()));
-  EXPECT_FALSE((DeviceConvolution{0, 1, 1, axis, axis}.HasOutputs()));
-  EXPECT_FALSE((DeviceConvolution{1, 1, 0, axis, axis}.HasOutputs()));
-  EXPECT_FALSE((DeviceConvolution{1, 1, 1, none, axis}.HasOutputs()));
-  EXPECT_FALSE((DeviceConvolution{1, 1, 1, axis, none}.HasOutputs()));
-  EXPECT_FALSE((DeviceConvolution{1, 1, 1, below, axis}.HasOutputs()));
+  const ConvolutionAxis axis = {4, 3, 1, 1, Padding::kValid};
+  const ConvolutionAxis none = {2, 3, 1, 1, Padding::kValid};
+  const ConvolutionAxis below = {1, 3, 1, 1, Padding::kValid};
+  EXPECT_TRUE(SizesOf(1, {1, 1}, axis, axis).HasOutputs());
+  EXPECT_TRUE(SizesOf(1, {0, 1}, axis, axis).HasOutputs());
+  EXPECT_FALSE(SizesOf(0, {1, 1}, axis, axis).HasOutputs());
+  EXPECT_FALSE(SizesOf(1, {1, 0}, axis, axis).HasOutputs());
+  EXPECT_FALSE(SizesOf(1, {1, 1}, none, axis).HasOutputs());
+  EXPECT_FALSE(SizesOf(1, {1, 1}, axis, none).HasOutputs());
+  EXPECT_FALSE(SizesOf(1, {1, 1}, below, axis).HasOutputs());
 }
 
 }  // namespace

@@ -102,9 +102,20 @@ std::vector<float> Convolve(CreateThread create, int32_t shift) {
   const std::vector<float> filter = {1.0f, 0.3f};
   std::vector<float> output(3, 99.0f);
   HeapScratch scratch;
-  convolve4DTensorSlow<float>(input.data(), filter.data(), nullptr, output.data(), 3, 1, 2, 1, 1, 2,
-                              1, 24, {1, 1, 1, 1}, {1, 1, 1, 1}, Padding::kValid, shift, false,
-                              false, 0, &scratch, create);
+  const auto mult_shift = static_cast<int8_t>(shift);
+  const ConvolutionCall<float> call = {input.data(),
+                                       filter.data(),
+                                       nullptr,
+                                       output.data(),
+                                       3,
+                                       1,
+                                       1,
+                                       {1, 1, 1, 1, Padding::kValid},
+                                       {2, 2, 1, 1, Padding::kValid},
+                                       false,
+                                       1,
+                                       {24, &mult_shift, false}};
+  ComputeConvolution(call, &scratch, create);
   return output;
 }
 

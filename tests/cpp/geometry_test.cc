@@ -30,13 +30,12 @@ bool IsSame(Padding padding) { return padding == Padding::kSame; }
   const bool same = IsSame(padding);
   const auto inputs = Describe("input", input, "filter", filter, "stride", stride, "dilation",
                                dilation, "same", same);
-  const auto size =
-      Same(reference::OutputSize(input, filter, stride, dilation, same),
-           getOutputSize(input, filter, stride, dilation, padding), "getOutputSize", inputs);
+  const ConvolutionAxis axis = {input, filter, stride, dilation, padding};
+  const auto size = Same(reference::OutputSize(input, filter, stride, dilation, same),
+                         getOutputSize(axis), "getOutputSize", inputs);
   if (!size) return size;
   return Same(reference::StartIndex(input, filter, stride, dilation, same),
-              getInputStartIndex(input, filter, stride, dilation, padding), "getInputStartIndex",
-              inputs);
+              getInputStartIndex(axis), "getInputStartIndex", inputs);
 }
 
 TEST(Geometry, FilterDimensions) {
@@ -49,22 +48,22 @@ TEST(Geometry, FilterDimensions) {
 }
 
 TEST(Geometry, OutputSizeExamples) {
-  EXPECT_EQ(getOutputSize(7, 3, 2, 1, Padding::kValid), 3);  // (7 - 3) / 2 + 1
-  EXPECT_EQ(getOutputSize(7, 3, 2, 1, Padding::kSame), 4);   // (7 - 1) / 2 + 1
+  EXPECT_EQ(getOutputSize({7, 3, 2, 1, Padding::kValid}), 3);  // (7 - 3) / 2 + 1
+  EXPECT_EQ(getOutputSize({7, 3, 2, 1, Padding::kSame}), 4);   // (7 - 1) / 2 + 1
   EXPECT_EQ(EffectiveFilterSize(3, 2), 5);
-  EXPECT_EQ(getOutputSize(7, 3, 1, 2, Padding::kValid), 3);
+  EXPECT_EQ(getOutputSize({7, 3, 1, 2, Padding::kValid}), 3);
   // A window larger than the input: -1 / 2 truncates to 0 and leaves one output.
-  EXPECT_EQ(getOutputSize(2, 3, 2, 1, Padding::kValid), 1);
-  EXPECT_EQ(getOutputSize(1, 3, 1, 1, Padding::kValid), -1);
+  EXPECT_EQ(getOutputSize({2, 3, 2, 1, Padding::kValid}), 1);
+  EXPECT_EQ(getOutputSize({1, 3, 1, 1, Padding::kValid}), -1);
 }
 
 TEST(Geometry, StartExamples) {
-  EXPECT_EQ(getInputStartIndex(7, 3, 1, 2, Padding::kValid), 2);
-  EXPECT_EQ(getInputStartIndex(5, 3, 1, 1, Padding::kSame), 0);
+  EXPECT_EQ(getInputStartIndex({7, 3, 1, 2, Padding::kValid}), 2);
+  EXPECT_EQ(getInputStartIndex({5, 3, 1, 1, Padding::kSame}), 0);
   // Pads 1 in all, none of it in front.
-  EXPECT_EQ(getInputStartIndex(6, 3, 2, 1, Padding::kSame), 1);
+  EXPECT_EQ(getInputStartIndex({6, 3, 2, 1, Padding::kSame}), 1);
   // Pads 2 in all; one in front would start at 1, the accelerator starts at 0.
-  EXPECT_EQ(getInputStartIndex(9, 5, 3, 1, Padding::kSame), 0);
+  EXPECT_EQ(getInputStartIndex({9, 5, 3, 1, Padding::kSame}), 0);
 }
 
 TEST(Geometry, SmallGridAgainstOracle) {
@@ -99,7 +98,7 @@ TEST(Geometry, Int32CornersAgainstOracle) {
     }
   }
   // The quotient that no int32 holds wraps instead of trapping: INT32_MIN / -1 + 1.
-  EXPECT_EQ(getOutputSize(INT32_MIN, 0, -1, 1, Padding::kValid), INT32_MIN + 1);
+  EXPECT_EQ(getOutputSize({INT32_MIN, 0, -1, 1, Padding::kValid}), INT32_MIN + 1);
 }
 
 // The coordinates that the loops use, against 64-bit arithmetic from the oracle's start.
@@ -109,7 +108,7 @@ TEST(Geometry, WindowCoordinates) {
       for (int32_t filter = 1; filter <= 5; ++filter) {
         for (int32_t stride = 1; stride <= 3; ++stride) {
           for (int32_t dilation = 0; dilation <= 3; ++dilation) {
-            const WindowAxis axis(input, filter, stride, dilation, padding);
+            const WindowAxis axis({input, filter, stride, dilation, padding});
             const int64_t start =
                 reference::StartIndex(input, filter, stride, dilation, IsSame(padding));
             const int64_t half = ((filter - 1) * dilation + 1) / 2;
@@ -128,7 +127,7 @@ TEST(Geometry, WindowCoordinates) {
 }
 
 int CentreTaps(int32_t filter, int32_t dilation) {
-  const WindowAxis axis(9, filter, 1, dilation, Padding::kSame);
+  const WindowAxis axis({9, filter, 1, dilation, Padding::kSame});
   int taps = 0;
   for (int32_t tap = 0; tap < filter; ++tap) taps += axis.IsCentre(tap) ? 1 : 0;
   return taps;
@@ -140,7 +139,7 @@ TEST(Geometry, OneCentreTapOrNone) {
       const bool has_centre = filter % 2 == 1 || dilation == 1;
       EXPECT_EQ(CentreTaps(filter, dilation), has_centre ? 1 : 0) << filter << " " << dilation;
     }
-    EXPECT_TRUE(WindowAxis(9, filter, 1, 1, Padding::kValid).IsCentre(filter / 2));
+    EXPECT_TRUE(WindowAxis({9, filter, 1, 1, Padding::kValid}).IsCentre(filter / 2));
     // Undilated taps all lie on one place, which is the centre.
     EXPECT_EQ(CentreTaps(filter, 0), filter);
   }

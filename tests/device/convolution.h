@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "addition.h"
+#include "bitfold/convolution_call.h"
 #include "bitfold/device_convolution.h"
 
 namespace bitfold::device_test {
@@ -50,13 +51,17 @@ struct ConvolutionShape {
   PlainAxis rows() const { return {in_h, fh, stride_h, dil_h, padding}; }
   PlainAxis columns() const { return {in_w, fw, stride_w, dil_w, padding}; }
 
-  // What the launchers take.
-  DeviceConvolution sizes() const {
-    return {batch,
-            in_c,
-            out_c,
-            {in_h, fh, stride_h, dil_h, padding},
-            {in_w, fw, stride_w, dil_w, padding}};
+  // A call of this shape, with no pointers yet.
+  template <typename T>
+  ConvolutionCall<T> Call() const {
+    ConvolutionCall<T> call{};
+    call.batch = batch;
+    call.in_channels = in_c;
+    call.out_channels = out_c;
+    call.rows = {in_h, fh, stride_h, dil_h, padding};
+    call.columns = {in_w, fw, stride_w, dil_w, padding};
+    call.filters = 1;
+    return call;
   }
 };
 
@@ -161,20 +166,25 @@ template <typename T>
 class ConvolutionOnDevice {
  public:
   explicit ConvolutionOnDevice(const ConvolutionInputs<T>& inputs)
-      : sizes_(inputs.shape.sizes()),
+      : call_(inputs.shape.template Call<T>()),
+        sizes_(call_),
         input_(inputs.input),
         filter_(inputs.filter),
         elementwise_(inputs.elementwise),
         rows_(static_cast<size_t>(sizes_.row_elements())),
         columns_(static_cast<size_t>(sizes_.column_elements())),
         mult_shift_(size_t{1}),
-        output_(static_cast<size_t>(inputs.outputs())) {}
+        output_(static_cast<size_t>(inputs.outputs())) {
+    call_.input = input_.data();
+    call_.filter = filter_.data();
+    call_.elementwise = elementwise_.data();
+  }
 
   // As the op prepares them: the unfolded image is zeroed only where it is not all written. Here
   // everything else is poisoned, so that a read of what is not written is seen.
   void Prepare(const Attributes& attributes) {
     mult_shift_.Set(static_cast<int8_t>(attributes.mult_shift));
-    out_ = output_.Prepare();
+    call_.output = output_.Prepare();
     rows_.FillBytes(0xff);
     columns_.FillBytes(0xff);
     if (sizes_.positions() >= sizes_.outputs()) return;
@@ -182,10 +192,9 @@ class ConvolutionOnDevice {
   }
 
   void Launch(const Attributes& attributes) {
-    LaunchKer2Row(Stream(), sizes_, filter_.data(), rows_.data());
-    LaunchImages<T>(Stream(), sizes_, input_.data(), rows_.data(), elementwise_.data(),
-                    columns_.data(), out_, attributes.accumulator_size, mult_shift_.data(),
-                    attributes.use_fp16_acc);
+    call_.datapath = {attributes.accumulator_size, mult_shift_.data(), attributes.use_fp16_acc};
+    LaunchKer2Row(Stream(), call_, rows_.data());
+    LaunchImages<T>(Stream(), call_, rows_.data(), columns_.data());
   }
 
   std::vector<T> Run(const Attributes& attributes, bool* guard_is_intact) {
@@ -198,6 +207,7 @@ class ConvolutionOnDevice {
   }
 
  private:
+  ConvolutionCall<T> call_;
   DeviceConvolution sizes_;
   Buffer<T> input_;
   Buffer<T> filter_;
@@ -206,7 +216,6 @@ class ConvolutionOnDevice {
   Buffer<T> columns_;
   Buffer<int8_t> mult_shift_;
   GuardedOutput<T> output_;
-  T* out_ = nullptr;
   bool is_zeroed_ = true;
 };
 

@@ -38,13 +38,18 @@ std::string ErrorsOf(const std::string& command, int* status) {
 
 void LaunchInvalidGrid() {
   // More rows of blocks than a grid has. The unfolding, which succeeds, reads one element.
-  const DeviceWindowAxis axis(1, 1, 1, 1, Padding::kValid);
-  const DeviceConvolution sizes{1, 1, 16 * 65536, axis, axis};
   const Buffer<float> input(std::vector<float>{1.0f});
   const Buffer<float> columns(size_t{1});
   const Buffer<int8_t> mult_shift(std::vector<int8_t>{0});
-  LaunchImages<float>(Stream(), sizes, input.data(), nullptr, nullptr, columns.data(), nullptr, 24,
-                      mult_shift.data(), false);
+  ConvolutionCall<float> call{};
+  call.input = input.data();
+  call.batch = 1;
+  call.in_channels = 1;
+  call.out_channels = 16 * 65536;
+  call.rows = call.columns = {1, 1, 1, 1, Padding::kValid};
+  call.filters = 1;
+  call.datapath = {24, mult_shift.data(), false};
+  LaunchImages<float>(Stream(), call, nullptr, columns.data());
 }
 
 void CheckFailedLaunch(const std::string& program, Report* report) {

@@ -95,34 +95,6 @@ void MeasureAdditions() {
 }
 
 template <typename T>
-ConvolutionImage<T> HostWork(const ConvolutionInputs<T>& inputs, const Attributes& attributes,
-                             T* output) {
-  const ConvolutionShape& s = inputs.shape;
-  return {inputs.input.data(),
-          inputs.filter.data(),
-          nullptr,
-          output,
-          s.batch,
-          s.in_h,
-          s.in_w,
-          s.in_c,
-          s.fh,
-          s.fw,
-          s.out_c,
-          attributes.accumulator_size,
-          s.stride_h,
-          s.stride_w,
-          s.dil_h,
-          s.dil_w,
-          s.padding,
-          attributes.mult_shift,
-          attributes.use_fp16_acc,
-          false,
-          0,
-          0};
-}
-
-template <typename T>
 void MeasureConvolution() {
   ConvolutionInputs<T> inputs{kConvolutionShape, {}, {}, {}};
   const ConvolutionShape& s = inputs.shape;
@@ -137,8 +109,14 @@ void MeasureConvolution() {
   const double device_ms = MedianMilliseconds([&] { device.Launch(attributes); });
 
   std::vector<T> output(static_cast<size_t>(inputs.outputs()));
+  const auto mult_shift = static_cast<int8_t>(attributes.mult_shift);
+  ConvolutionCall<T> call = s.Call<T>();
+  call.input = inputs.input.data();
+  call.filter = inputs.filter.data();
+  call.output = output.data();
+  call.datapath = {attributes.accumulator_size, &mult_shift, attributes.use_fp16_acc};
   const auto begin = std::chrono::steady_clock::now();
-  ImageConvolution<T>(HostWork(inputs, attributes, output.data())).Run();
+  convolve4DTensorSlow(call);
   const double host_ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
   std::printf("%-24s %-6s %10.3f %10.0f %10.0f %10.1f\n", "convolution", kTypeName<T>, device_ms,

@@ -56,9 +56,9 @@ void FuzzConvolution(FuzzInput* input) {
   const auto describe = [&c](int64_t) { return Describe(c); };
   const auto oracle = OracleConvolution(c, data);
   const auto defined = DefinedConvolution(c, data, offset);
-  RequireSame(oracle.values.data(), defined.values.data(), OutputCount(c), "ConvolveImage",
+  RequireSame(oracle.values.data(), defined.values.data(), OutputCount(c), "convolve4DTensorSlow",
               describe);
-  RequireSameText(oracle.lines, defined.lines, "ConvolveImage", Describe(c));
+  RequireSameText(oracle.lines, defined.lines, "convolve4DTensorSlow", Describe(c));
   const auto any = [](const std::optional<ChainPlan>&, Target) {
     return ::testing::AssertionSuccess();
   };

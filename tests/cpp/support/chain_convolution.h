@@ -37,19 +37,13 @@ struct ChainOutput {
 template <typename T>
 ChainOutput<T> ChainConvolution(const reference::Convolution& c, const ConvolutionData<T>& data,
                                 int offset, Scratch* scratch) {
-  const ExactBuffer<T> input(data.input, offset);
-  const ExactBuffer<T> filter(data.filter, (offset + 1) % 4);
-  const ExactBuffer<T> elementwise(data.elementwise, (offset + 2) % 4);
+  const MisalignedCall<T> call(c, data, offset);
   ChainOutput<T> out{ExactBuffer<T>(OutputCount(c) + kOutputGuard, (offset + 3) % 4), "", {}};
   std::fill_n(out.values.data(), out.values.count(), static_cast<T>(kUntouched));
-  const T* addend = data.elementwise.empty() ? nullptr : elementwise.data();
-  const auto image_of = [&](int32_t image) {
-    return ImageOf(c, input.data(), filter.data(), addend, out.values.data(), image);
-  };
   out.lines = PrintedBy([&] {
-    const BatchConvolution<T> convolution(image_of(0), c.filter_per_image ? c.batch : 1, scratch);
+    const BatchConvolution<T> convolution(call.To(out.values.data()), scratch);
     out.plan = convolution.plan();
-    for (int32_t image = 0; image < c.batch; ++image) convolution.Run(image_of(image));
+    for (int32_t image = 0; image < c.batch; ++image) convolution.Run(image);
   });
   return out;
 }

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bitfold/HConv2D.h"
 #include "cpu/convolution.h"
 #include "reference.h"
 #include "support/bits.h"
@@ -107,47 +108,64 @@ ConvolutionOutput<T> OracleConvolution(const reference::Convolution& c,
   return out;
 }
 
+// The record of a call, whose memory and shift, an int8, are the caller's.
 template <typename T>
-ConvolutionImage<T> ImageOf(const reference::Convolution& c, const T* input, const T* filter,
-                            const T* elementwise, T* output, int32_t image) {
-  return {input,
-          filter,
-          elementwise,
+ConvolutionCall<T> CallOf(const reference::Convolution& c, const ConvolutionData<T>& data,
+                          T* output, const int8_t* mult_shift) {
+  const Padding padding = c.same ? Padding::kSame : Padding::kValid;
+  const bool has_filters = c.is_depthwise && c.filter_per_image;
+  return {data.input.data(),
+          data.filter.data(),
+          data.elementwise.empty() ? nullptr : data.elementwise.data(),
           output,
           c.batch,
-          c.in_height,
-          c.in_width,
           c.in_channels,
-          c.filter_height,
-          c.filter_width,
           c.out_channels,
-          c.accumulator_size,
-          c.stride_h,
-          c.stride_w,
-          c.dilation_h,
-          c.dilation_w,
-          c.same ? Padding::kSame : Padding::kValid,
-          c.mult_shift,
-          c.use_fp16_acc,
+          {c.in_height, c.filter_height, c.stride_h, c.dilation_h, padding},
+          {c.in_width, c.filter_width, c.stride_w, c.dilation_w, padding},
           c.is_depthwise,
-          image,
-          c.filter_per_image ? image : 0};
+          has_filters ? c.batch : 1,
+          {c.accumulator_size, mult_shift, c.use_fp16_acc}};
 }
+
+// The same for a call whose buffers are misaligned by `offset`.
+template <typename T>
+class MisalignedCall {
+ public:
+  MisalignedCall(const reference::Convolution& c, const ConvolutionData<T>& data, int offset)
+      : mult_shift_(static_cast<int8_t>(c.mult_shift)),
+        input_(data.input, offset),
+        filter_(data.filter, (offset + 1) % 4),
+        elementwise_(data.elementwise, (offset + 2) % 4),
+        call_(CallOf<T>(c, data, nullptr, &mult_shift_)) {
+    call_.input = input_.data();
+    call_.filter = filter_.data();
+    if (call_.elementwise != nullptr) call_.elementwise = elementwise_.data();
+  }
+  MisalignedCall(const MisalignedCall&) = delete;
+  MisalignedCall& operator=(const MisalignedCall&) = delete;
+
+  ConvolutionCall<T> To(T* output) const {
+    ConvolutionCall<T> call = call_;
+    call.output = output;
+    return call;
+  }
+
+ private:
+  const int8_t mult_shift_;
+  const ExactBuffer<T> input_;
+  const ExactBuffer<T> filter_;
+  const ExactBuffer<T> elementwise_;
+  ConvolutionCall<T> call_;
+};
 
 // The definition, image after image on this thread; `offset` misaligns the buffers.
 template <typename T>
 ConvolutionOutput<T> DefinedConvolution(const reference::Convolution& c,
                                         const ConvolutionData<T>& data, int offset = 0) {
-  const ExactBuffer<T> input(data.input, offset);
-  const ExactBuffer<T> filter(data.filter, (offset + 1) % 4);
-  const ExactBuffer<T> elementwise(data.elementwise, (offset + 2) % 4);
+  const MisalignedCall<T> call(c, data, offset);
   ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c), (offset + 3) % 4), ""};
-  const T* addend = data.elementwise.empty() ? nullptr : elementwise.data();
-  out.lines = PrintedBy([&] {
-    for (int32_t image = 0; image < c.batch; ++image) {
-      ConvolveImage(ImageOf(c, input.data(), filter.data(), addend, out.values.data(), image));
-    }
-  });
+  out.lines = PrintedBy([&] { convolve4DTensorSlow(call.To(out.values.data())); });
   return out;
 }
 
@@ -156,15 +174,9 @@ ConvolutionOutput<T> ThreadedConvolution(const reference::Convolution& c,
                                          const ConvolutionData<T>& data, CreateThread create) {
   ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c)), ""};
   HeapScratch scratch;
-  out.lines = PrintedBy([&] {
-    convolve4DTensorSlow<T>(data.input.data(), data.filter.data(),
-                            data.elementwise.empty() ? nullptr : data.elementwise.data(),
-                            out.values.data(), c.batch, c.in_height, c.in_width, c.in_channels,
-                            c.filter_height, c.filter_width, c.out_channels, c.accumulator_size,
-                            {1, c.stride_h, c.stride_w, 1}, {1, c.dilation_h, c.dilation_w, 1},
-                            c.same ? Padding::kSame : Padding::kValid, c.mult_shift, c.use_fp16_acc,
-                            c.is_depthwise, c.filter_per_image ? 1 : 0, &scratch, create);
-  });
+  const auto mult_shift = static_cast<int8_t>(c.mult_shift);
+  const ConvolutionCall<T> call = CallOf<T>(c, data, out.values.data(), &mult_shift);
+  out.lines = PrintedBy([&] { ComputeConvolution(call, &scratch, create); });
   return out;
 }
 
@@ -187,9 +199,9 @@ template <typename T>
   const ConvolutionOutput<T> expected = OracleConvolution(c, data);
   const ConvolutionOutput<T> actual = DefinedConvolution(c, data, offset);
   const auto values =
-      SameConvolutions(c, expected.values.data(), actual.values.data(), "ConvolveImage");
+      SameConvolutions(c, expected.values.data(), actual.values.data(), "convolve4DTensorSlow");
   if (!values) return values;
-  return SameText(expected.lines, actual.lines, "ConvolveImage " + Describe(c));
+  return SameText(expected.lines, actual.lines, "convolve4DTensorSlow " + Describe(c));
 }
 
 }  // namespace bitfold::testing

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bitfold/HMatMul.h"
+#include "cpu/matmul.h"
 #include "frame/scratch.h"
 #include "reference/matmul.h"
 #include "support/bits.h"
@@ -58,26 +59,24 @@ struct MatMulCase {
     }
   }
 
+  // The record of a call, whose memory and shift, an int8, are the caller's.
+  MatMulCall<T> CallOf(const T* left, const T* right, T* out, const int8_t* shift) const {
+    return {left, right, out, rows, inner, cols, {accumulator_size, shift, use_fp16_acc}};
+  }
+
   void Define(int offset, T* out) const {
     const auto in = Misaligned<T>({&a, &b}, offset);
-    const ReciprocalDatapath<T> datapath(accumulator_size, mult_shift, use_fp16_acc);
-    const WeightSign<T> weight_sign(accumulator_size);
-    for (int64_t i = 0; i < batch; ++i) {
-      if (MultiplyMatrices(datapath, weight_sign, in[0].data() + i * rows * inner,
-                           in[1].data() + i * inner * cols, inner, rows, cols,
-                           out + i * rows * cols)) {
-        PrintMatMulWeightWarning();
-      }
-    }
+    const auto shift = static_cast<int8_t>(mult_shift);
+    const MatMulCall<T> call = CallOf(in[0].data(), in[1].data(), out, &shift);
+    for (int32_t i = 0; i < batch; ++i) MatrixMultiplication(call, i);
   }
 
   void Run(int offset, T* out) const {
     const auto in = Misaligned<T>({&a, &b}, offset);
+    const auto shift = static_cast<int8_t>(mult_shift);
+    const MatMulCall<T> call = CallOf(in[0].data(), in[1].data(), out, &shift);
     HeapScratch scratch;
-    for (int32_t i = 0; i < batch; ++i) {
-      MatrixMultiplication(in[0].data(), out, in[1].data(), inner, rows, cols, inner, i,
-                           accumulator_size, mult_shift, use_fp16_acc, &scratch);
-    }
+    for (int32_t i = 0; i < batch; ++i) ComputeMatMul(call, i, &scratch);
   }
 };
 
