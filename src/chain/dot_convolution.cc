@@ -167,13 +167,13 @@ void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T*
   const int32_t pixels = kernels.pixels[size];
   const auto kernel =
       IsBytes() ? kernels.bytes[size][size_index] : kernels.shorts[size][size_index];
-  const int64_t first = int64_t{panel} * kPanel;  // channel
+  const int64_t first_channel = int64_t{panel} * kPanel;
   const int32_t lanes = kernels.panels[size_index] * kPanel;
   const int32_t channels = std::min(lanes, out_channels_ - panel * kPanel);
 
   DotTile tile;
   tile.w = weights_ + panel * PanelWords();
-  tile.initial = initial_sums_ + first;
+  tile.initial = initial_sums_ + first_channel;
   tile.x_pixel = int64_t{columns_.stride} * words_;
   tile.x_tap = int64_t{columns_.dilation} * words_;
   tile.x_row = int64_t{rows_.dilation} * padded_columns_.size * words_;
@@ -193,7 +193,7 @@ void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T*
       const int32_t column = std::min(next, columns_.outputs - pixels);
       const int64_t x = columns_.Coordinate(column, 0) + padded_columns_.before;
       tile.x = words + (y * padded_columns_.size + x) * words_;
-      const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + first;
+      const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + first_channel;
       kernel(tile, SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o,
                                 out_channels_, channels, plan_.bits});
     }

@@ -16,8 +16,8 @@
 
 namespace bitfold {
 
-// Whether the windows of an axis follow one another through the input, with outputs and taps, and
-// coordinates that fit 32 bits: what everything below requires but LaneWindows.
+// Whether there are taps and outputs that follow one another forward through the input, at
+// coordinates that fit 32 bits.
 inline bool GoesForward(const WindowAxis& axis) {
   const int64_t extent = int64_t{axis.taps} * axis.dilation;
   const int64_t reach = int64_t{axis.outputs} * axis.stride;
@@ -30,7 +30,8 @@ struct TapRange {
   int32_t count;
 };
 
-// The taps of an output that lie inside the input; they follow one another.
+// The taps of an output that lie inside the input; they follow one another. Requires
+// windows that go forward.
 inline TapRange TapsInside(const WindowAxis& axis, int32_t output) {
   const int32_t start = axis.Coordinate(output, 0);
   const int32_t first = start < 0 ? (-start + axis.dilation - 1) / axis.dilation : 0;

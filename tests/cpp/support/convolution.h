@@ -133,11 +133,11 @@ template <typename T>
 class MisalignedCall {
  public:
   MisalignedCall(const reference::Convolution& c, const ConvolutionData<T>& data, int offset)
-      : mult_shift_(static_cast<int8_t>(c.mult_shift)),
+      : mult_shift_(std::vector<int8_t>{static_cast<int8_t>(c.mult_shift)}),
         input_(data.input, offset),
         filter_(data.filter, (offset + 1) % 4),
         elementwise_(data.elementwise, (offset + 2) % 4),
-        call_(CallOf<T>(c, data, nullptr, &mult_shift_)) {
+        call_(CallOf<T>(c, data, nullptr, mult_shift_.data())) {
     call_.input = input_.data();
     call_.filter = filter_.data();
     if (call_.elementwise != nullptr) call_.elementwise = elementwise_.data();
@@ -152,7 +152,7 @@ class MisalignedCall {
   }
 
  private:
-  const int8_t mult_shift_;
+  const ExactBuffer<int8_t> mult_shift_;
   const ExactBuffer<T> input_;
   const ExactBuffer<T> filter_;
   const ExactBuffer<T> elementwise_;
