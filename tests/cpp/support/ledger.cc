@@ -1,9 +1,9 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// A run of all tests in one process is judged at its end. ctest runs every test in a process of its
-// own: each then leaves its marks in the directory BITFOLD_LEDGER, and a last one reads them all. A
-// partial run is not judged.
+// A run of all tests in one process is judged at its end. ctest lets several processes share the
+// tests: each then leaves its marks in the directory BITFOLD_LEDGER, and a last one reads them all.
+// A partial run is not judged.
 
 #include "support/ledger.h"
 
@@ -20,6 +20,13 @@
 
 namespace bitfold::testing {
 namespace {
+
+// Whether the build has only some of the tests.
+#ifdef BITFOLD_PART_OF_THE_TESTS
+constexpr bool kIsPart = true;
+#else
+constexpr bool kIsPart = false;
+#endif
 
 constexpr int kPaths = static_cast<int>(Path::kCount);
 
@@ -126,7 +133,7 @@ class Ledger : public ::testing::Environment {
       return;
     }
     const auto& unit = *::testing::UnitTest::GetInstance();
-    if (unit.test_to_run_count() != unit.total_test_count()) return;
+    if (kIsPart || unit.test_to_run_count() != unit.total_test_count()) return;
     for (const std::string& path : MissingPaths(marks)) ADD_FAILURE() << "never ran: " << path;
   }
 };
@@ -149,8 +156,9 @@ int CheckLedger(const char* directory) {
   ForEachPath([&paths](const std::string&, bool) { ++paths; });
   std::printf("ledger: %zu paths, %zu never ran\n", paths, missing.size());
   for (const std::string& path : missing) std::printf("never ran: %s\n", path.c_str());
-  if (tests_not_run > 0) {
-    std::printf("ledger: not judged, %zu tests did not run\n", tests_not_run);
+  if (kIsPart || tests_not_run > 0) {
+    std::printf("ledger: not judged, %zu tests did not run%s\n", tests_not_run,
+                kIsPart ? ", others are not in this build" : "");
     return 0;
   }
   return missing.empty() ? 0 : 1;
