@@ -2,14 +2,8 @@
 
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
-# What clang-tidy can read without the runtime's headers.
-RUNTIME_FREE := src/HFloat.cc src/activate_channels.cc src/additions.cc src/bilinear.cc \
-    src/chain/dot_convolution.cc src/chain/dot_kernels.cc src/chain/engine.cc src/chain/facts.cc \
-    src/chain/lane_kernels.cc src/chain/pack.cc src/chain/plan.cc src/convolve.cc \
-    src/decode_boxes.cc src/layernorm.cc src/matmul.cc src/nms.cc src/nms_quietly.cc \
-    src/single_step.cc src/softmax.cc src/target.cc src/vector_datapath.cc
 
-.PHONY: help setup demo demo-numeric demo-detect test device-test bench wheel format lint clean constraints
+.PHONY: help setup demo demo-numeric demo-detect test check device-test bench wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -27,10 +21,15 @@ demo-numeric: setup ## softmax, layer norm and activation units in a transformer
 demo-detect: setup ## faces in a photograph, a cascade of networks in integers: boxes and agreement
 	@$(PYTHON) examples/detect/run.py --output-dir build/demo-detect
 
-test: ## every test: C++, sanitizers, fuzz, Python, doctests
+test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
+
+check: ## the quick tests, for daily work: C++, Python, format
+	@scripts/setup.sh tests
+	@scripts/install_package.sh
+	@$(PYTHON) scripts/run_tests.py --quick
 
 device-test: ## the device kernels on this machine's GPU; needs a CUDA toolkit, nothing else
 	@scripts/device_test.sh
@@ -47,14 +46,14 @@ wheel: setup ## a wheel for the TensorFlow of .venv in dist/
 	    --config-settings=build-dir=build/package -w dist . && ls dist
 
 format: ## clang-format and ruff, in place
+	@scripts/setup.sh tests
 	git ls-files '*.h' '*.cc' '*.cu' '*.c' '*.inc' | xargs clang-format -i
-	.venv/bin/ruff format . && .venv/bin/ruff check --fix .
+	$(PYTHON) -m ruff format . && $(PYTHON) -m ruff check --fix .
 
-lint: ## clang-format, clang-tidy and ruff, checking only
-	git ls-files '*.h' '*.cc' '*.cu' '*.c' '*.inc' | xargs clang-format --dry-run -Werror
-	cmake --preset tests >/dev/null
-	git ls-files $(RUNTIME_FREE) 'tests/cpp/*.cc' | xargs clang-tidy -p build/tests --quiet
-	.venv/bin/ruff format --check . && .venv/bin/ruff check .
+lint: ## clang-format, ruff, and clang-tidy over the tests, too; checking only
+	@scripts/setup.sh tests
+	@cmake --preset tests -Wno-dev >/dev/null
+	@$(PYTHON) scripts/lint.py --all
 
 constraints: setup ## renew requirements/constraints.txt from .venv
 	@(echo "# The versions that the project is built and tested with. Renew: make constraints"; \

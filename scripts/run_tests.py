@@ -2,136 +2,146 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs every test of the project, stage by stage, and ends with one tally.
 
-    .venv/bin/python scripts/run_tests.py [STAGE ...]
+    .venv/bin/python scripts/run_tests.py [--quick] [--in-turn] [STAGE ...]
 
-A failing stage does not stop the others. The results of each stage lie in build/test-results as
-JUnit XML, which is also what the tally counts.
+A failing stage does not stop the others. What compiles runs in turn, on all cores; beside it, where
+memory allows, what runs Python, which is mostly one thread. The results of each stage lie in
+build/test-results: JUnit XML, which is also what the tally counts, and what the commands printed.
 """
 
 from __future__ import annotations
 
 import argparse
+import json
 import os
-import pathlib
 import subprocess
 import sys
-import time
-import xml.etree.ElementTree as ElementTree
-from dataclasses import dataclass
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-RESULTS = ROOT / "build" / "test-results"
+from stages import RESULTS, ROOT, Outcome, Stage, memory_in_gib, run_all
+
 JOBS = str(os.cpu_count() or 1)
+GIB_SIDE_BY_SIDE = 6.0  # a sanitizer's compilations, and TensorFlow
 
 
-@dataclass(frozen=True)
-class Stage:
-    """Commands that write one JUnit file."""
-
-    name: str
-    title: str
-    commands: tuple[tuple[str, ...], ...]
-
-    @property
-    def junit(self) -> pathlib.Path:
-        """Where the stage's results go."""
-        return RESULTS / f"{self.name}.xml"
-
-
-@dataclass
-class Outcome:
-    """What a stage came to."""
-
-    stage: Stage
-    passed: int = 0
-    failed: int = 0
-    skipped: int = 0
-    seconds: float = 0.0
-
-
-def cpp_stage(preset: str, title: str) -> Stage:
+def cpp_stage(preset: str, title: str, *options: str) -> Stage:
     """Return a stage that configures, builds and runs the C++ tests of a CMake preset."""
-    junit = str(RESULTS / f"{preset}.xml")
+    test = ("ctest", "--preset", preset, "-j", JOBS, *options)
     return Stage(
         preset,
         title,
         (
             ("cmake", "--preset", preset, "-Wno-dev"),
             ("cmake", "--build", "--preset", preset, "-j", JOBS),
-            ("ctest", "--preset", preset, "-j", JOBS, "--output-junit", junit),
+            (*test, "--output-junit", str(RESULTS / f"{preset}.xml")),
         ),
+        lane="compiled",
+        reports=ROOT / "build" / preset / "reports",
     )
+
+
+def cpp_stages() -> dict[str, Stage]:
+    """Return a stage for each test preset of CMakePresets.json, in its order, by name."""
+    presets = json.loads((ROOT / "CMakePresets.json").read_text())
+    titles = {p["name"]: p.get("displayName", p["name"]) for p in presets["configurePresets"]}
+    tested = [p["configurePreset"] for p in presets["testPresets"] if not p.get("hidden")]
+    return {preset: cpp_stage(preset, titles[preset]) for preset in tested}
 
 
 def pytest_stage(name: str, title: str, *arguments: str) -> Stage:
     """Return a stage that runs pytest."""
     junit = f"--junitxml={RESULTS / name}.xml"
     command = (sys.executable, "-m", "pytest", "-q", "--durations=5", junit, *arguments)
-    return Stage(name, title, (command,))
+    return Stage(name, title, (command,), lane="python")
 
 
-STAGES = (
-    cpp_stage("tests", "C++: definition against oracle, fast paths against definition, fuzz"),
-    cpp_stage("asan-ubsan", "C++ under the address and undefined-behaviour sanitizers"),
-    cpp_stage("tsan", "C++ under the thread sanitizer"),
-    pytest_stage("runtime", "Python: the ops through the runtime, package, repository"),
-    pytest_stage("doctests", "Examples in docstrings", "--doctest-modules", "--pyargs", "bitfold"),
+def lint_stage() -> Stage:
+    """Return the stage of formats and findings."""
+    junit = str(RESULTS / "lint.xml")
+    commands = (
+        ("cmake", "--preset", "tests", "-Wno-dev"),
+        (sys.executable, "scripts/lint.py", "--junit", junit),
+    )
+    return Stage("lint", "Format, ruff, and clang-tidy over src and include", commands, "compiled")
+
+
+def python_stages() -> list[Stage]:
+    """Return the stages of the Python tests."""
+    robustness = []
+    if (ROOT / "tests" / "robustness").is_dir():
+        robustness.append(
+            pytest_stage("robustness", "Calls that are wrong on purpose", "tests/robustness")
+        )
+    doctests = ("--doctest-modules", "--pyargs", "bitfold")
+    return [
+        pytest_stage("runtime", RUNTIME),
+        *robustness,
+        pytest_stage("doctests", "Examples in docstrings", *doctests),
+    ]
+
+
+RUNTIME = "Python: the ops through the runtime, package, repository"
+CPP = cpp_stages()
+STAGES = (*CPP.values(), lint_stage(), *python_stages())
+
+# For daily work: what a change breaks most often, in seconds to two minutes.
+QUICK = (
+    cpp_stage("tests", CPP["tests"].title, "--label-exclude", "slow"),
+    Stage(
+        "format",
+        "Format and ruff",
+        ((sys.executable, "scripts/lint.py", "--no-tidy", "--junit", str(RESULTS / "format.xml")),),
+        "compiled",
+    ),
+    pytest_stage("runtime", RUNTIME, "-m", "not slow"),
 )
 
 
-def count(outcome: Outcome) -> None:
-    """Add up a stage's JUnit file; a stage that left none has failed."""
-    if not outcome.stage.junit.exists():
-        outcome.failed += 1
-        return
-    for case in ElementTree.parse(outcome.stage.junit).getroot().iter("testcase"):
-        if case.find("failure") is not None or case.find("error") is not None:
-            outcome.failed += 1
-        elif case.find("skipped") is not None or case.get("status") == "notrun":
-            outcome.skipped += 1
-        else:
-            outcome.passed += 1
+def build_oracle() -> None:
+    """Build the oracle's library first: Python tests and C++ tests use the same one."""
+    environment = os.environ | {"CMAKE_GENERATOR": "Ninja"}
+    environment["PATH"] = f"{ROOT / '.venv' / 'bin'}{os.pathsep}{environment['PATH']}"
+    for command in (
+        ["cmake", "--preset", "tests", "-Wno-dev"],
+        ["cmake", "--build", "--preset", "tests", "-j", JOBS, "--target", "bitfold_reference"],
+    ):
+        # A failure is reported by the stages that need it.
+        if subprocess.run(command, cwd=ROOT, env=environment, capture_output=True).returncode:
+            return
 
 
-def run(stage: Stage) -> Outcome:
-    """Run a stage and count its tests."""
-    print(f"\n\033[1m[test] {stage.title}\033[0m", flush=True)
-    outcome = Outcome(stage)
-    start = time.monotonic()
-    stage.junit.unlink(missing_ok=True)
-    for command in stage.commands:
-        status = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL).returncode
-        if status:
-            print(f"[test] {' '.join(command)}\n[test] ended with status {status}", flush=True)
-            break
-    count(outcome)
-    if status and not outcome.failed:
-        outcome.failed += 1  # a build, or a runner that broke after its tests
-    outcome.seconds = time.monotonic() - start
-    return outcome
-
-
-def main() -> int:
-    """Run the stages named on the command line, or all; return the exit status."""
-    names = [stage.name for stage in STAGES]
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("stages", nargs="*", metavar="STAGE", help=f"one of {', '.join(names)}")
-    wanted = parser.parse_args().stages or names
-    if unknown := set(wanted) - set(names):
-        parser.error(f"no such stage: {', '.join(sorted(unknown))}; choose from {', '.join(names)}")
-
-    RESULTS.mkdir(parents=True, exist_ok=True)
-    outcomes = [run(stage) for stage in STAGES if stage.name in wanted]
-
+def tally(outcomes: list[Outcome]) -> int:
+    """Print a table and the one line; return the exit status."""
     print(f"\n{'stage':12} {'passed':>7} {'failed':>7} {'skipped':>8} {'seconds':>8}")
     for o in outcomes:
         print(f"{o.stage.name:12} {o.passed:7} {o.failed:7} {o.skipped:8} {o.seconds:8.0f}")
-    print(f"\nResults: {RESULTS.relative_to(ROOT)}/*.xml")
+    print(f"\nResults: {RESULTS.relative_to(ROOT)}/*.xml, *.log")
     passed, failed, skipped = (
         sum(getattr(o, key) for o in outcomes) for key in ("passed", "failed", "skipped")
     )
     print(f"{passed} passed, {failed} failed, {skipped} skipped")
     return 1 if failed or not passed else 0
+
+
+def main() -> int:
+    """Run the stages named on the command line, or all; return the exit status."""
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    names = ", ".join(stage.name for stage in STAGES)
+    parser.add_argument("stages", nargs="*", metavar="STAGE", help=f"one of {names}")
+    parser.add_argument("--quick", action="store_true", help="the quick form, for daily work")
+    parser.add_argument("--in-turn", action="store_true", help="no stages side by side")
+    options = parser.parse_args()
+
+    stages = QUICK if options.quick else STAGES
+    known = {stage.name for stage in stages}
+    if unknown := set(options.stages) - known:
+        choices = ", ".join(stage.name for stage in stages)
+        parser.error(f"no such stage: {', '.join(sorted(unknown))}; choose from {choices}")
+    wanted = [stage for stage in stages if not options.stages or stage.name in options.stages]
+
+    side_by_side = not options.in_turn and memory_in_gib() >= GIB_SIDE_BY_SIDE
+    if side_by_side and len({stage.lane for stage in wanted}) > 1:
+        build_oracle()
+    return tally(run_all(wanted, side_by_side))
 
 
 if __name__ == "__main__":

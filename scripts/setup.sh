@@ -7,7 +7,7 @@
 # lays out what compiles device code in .cuda.
 #
 #   scripts/setup.sh build    what building the package and the demo needs
-#   scripts/setup.sh tests    that, and what the C++ tests need
+#   scripts/setup.sh tests    that, and what the C++ tests and the lint need
 #   scripts/setup.sh bench    that, and what the C++ benchmarks need
 #
 # BITFOLD_GPU=OFF in the environment leaves out what device code needs. Running it again changes
@@ -43,7 +43,11 @@ find_missing() {
   need g++ c++ --version
   need cmake cmake_is_recent
   if [ "$gpu" != OFF ]; then need clang-19 clang++-19 --version; fi
-  if [ "$goal" = tests ]; then need libgtest-dev has_header gtest/gtest.h; fi
+  if [ "$goal" = tests ]; then
+    need libgtest-dev has_header gtest/gtest.h
+    need clang-format clang-format --version
+    need clang-tidy clang-tidy --version
+  fi
   if [ "$goal" = bench ]; then need libbenchmark-dev has_header benchmark/benchmark.h; fi
 }
 

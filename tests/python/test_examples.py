@@ -9,6 +9,10 @@ import subprocess
 import sys
 from pathlib import Path
 
+import pytest
+
+pytestmark = pytest.mark.slow
+
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 
 

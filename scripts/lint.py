@@ -1,0 +1,93 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Checks formats and runs the linters; changes nothing.
+
+    .venv/bin/python scripts/lint.py [--all | --no-tidy] [--junit FILE]
+
+clang-tidy reads what the preset `tests` compiles, as it compiles it: the sources in src, and with
+--all those in tests, too, which takes minutes.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import xml.etree.ElementTree as ElementTree
+from concurrent.futures import ThreadPoolExecutor
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build" / "tests"
+FORMATTED = ("*.h", "*.cc", "*.cu", "*.c", "*.inc")
+
+
+def compiled_sources(folders: tuple[str, ...]) -> list[str]:
+    """Return the sources of the compile commands that lie in folders of the checkout."""
+    commands = json.loads((BUILD / "compile_commands.json").read_text())
+    sources = {pathlib.Path(command["file"]).resolve() for command in commands}
+    inside = [s for s in sources if any(s.is_relative_to(ROOT / folder) for folder in folders)]
+    return sorted(source.relative_to(ROOT).as_posix() for source in inside)
+
+
+def formatted_files() -> list[str]:
+    """Return the files that clang-format formats: git's, and new ones."""
+    listing = ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard", *FORMATTED]
+    names = subprocess.run(listing, cwd=ROOT, capture_output=True, text=True, check=True).stdout
+    return [name for name in names.split("\0") if name and (ROOT / name).exists()]
+
+
+def checks(folders: tuple[str, ...]) -> dict[str, list[str]]:
+    """Return the command of each check by its name."""
+    ruff = [sys.executable, "-m", "ruff"]
+    found = {
+        "clang-format": ["clang-format", "--dry-run", "-Werror", *formatted_files()],
+        "ruff format": [*ruff, "format", "--check", "."],
+        "ruff check": [*ruff, "check", "."],
+    }
+    if folders:
+        tidy = ["clang-tidy", "-p", str(BUILD), "--quiet", "--warnings-as-errors=*"]
+        found |= {f"clang-tidy {s}": [*tidy, s] for s in compiled_sources(folders)}
+    return found
+
+
+def run(command: list[str]) -> str | None:
+    """Return what a check found, or None where it found nothing."""
+    try:
+        done = subprocess.run(command, cwd=ROOT, capture_output=True, text=True)
+    except OSError as error:
+        return str(error)
+    return f"{done.stdout}{done.stderr}" if done.returncode else None
+
+
+def main() -> int:
+    """Run the checks on all cores; return the exit status."""
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    which = parser.add_mutually_exclusive_group()
+    which.add_argument("--all", action="store_true", help="clang-tidy over tests, too")
+    which.add_argument("--no-tidy", action="store_true", help="no clang-tidy")
+    parser.add_argument("--junit", type=pathlib.Path, help="where to write the results")
+    options = parser.parse_args()
+
+    folders = () if options.no_tidy else ("src", "tests") if options.all else ("src",)
+    commands = checks(folders)
+    suite = ElementTree.Element("testsuite", name="lint")
+    failed = 0
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        for name, findings in zip(commands, pool.map(run, commands.values()), strict=True):
+            case = ElementTree.SubElement(suite, "testcase", name=name)
+            if findings is not None:
+                failed += 1
+                ElementTree.SubElement(case, "failure", message=name)
+                print(f"{name}:\n{findings}", flush=True)
+    print(f"lint: {len(commands)} checks, {failed} with findings")
+    if options.junit:
+        options.junit.parent.mkdir(parents=True, exist_ok=True)
+        ElementTree.ElementTree(suite).write(options.junit)
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
