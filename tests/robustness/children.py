@@ -129,6 +129,15 @@ def sanitizer_environment() -> dict[str, str]:
     }
 
 
+def run_python(code: str, environment: dict[str, str]) -> str:
+    """Run code in a fresh interpreter and return its standard output."""
+    variables = {**os.environ, "TF_CPP_MIN_LOG_LEVEL": "2", **environment}
+    command = [sys.executable, "-c", code]
+    return subprocess.run(
+        command, env=variables, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True
+    ).stdout.decode()
+
+
 class Runtime:
     """A process with TensorFlow and a library, which runs each batch in a fork of itself."""
 
@@ -136,7 +145,11 @@ class Runtime:
         self, library: pathlib.Path | None = None, environment: dict[str, str] | None = None
     ) -> None:
         inherited = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
-        defaults = {"TF_CPP_MIN_LOG_LEVEL": "2", "OPENBLAS_NUM_THREADS": "1"}
+        defaults = {
+            "TF_CPP_MIN_LOG_LEVEL": "2",
+            "OPENBLAS_NUM_THREADS": "1",
+            "MALLOC_ARENA_MAX": "1",  # each reserves address space, which the memory limit is on
+        }
         self._log = subprocess.DEVNULL if "ROBUSTNESS_LOG" not in os.environ else None
         self._process = subprocess.Popen(
             [sys.executable, str(HERE / "worker.py"), str(library or release_library())],
@@ -176,7 +189,13 @@ class Runtime:
         return json.loads(line)
 
     def run(
-        self, jobs: Sequence[dict[str, Any]], *, seconds: float = 5, memory: int = 768, **options: Any
+        self,
+        jobs: Sequence[dict[str, Any]],
+        *,
+        seconds: float = 5,
+        memory: int = 768,
+        enough: int = 100,
+        **options: Any,
     ) -> Result:
         """Run jobs in order; one that ends its process does not keep those after it from running.
 
@@ -184,10 +203,11 @@ class Runtime:
             jobs: each {"seed": n} or {"call": text}, and perhaps {"fault": [kind, k]}.
             seconds: the limit of processor time of a job.
             memory: the limit of what a batch may allocate, in MiB; 0 for none.
+            enough: after how many findings the rest is left out.
             options: "mode" and "output", see worker.py.
         """
         result = Result([], [])
-        while len(result.outcomes) < len(jobs):
+        while len(result.outcomes) < len(jobs) and len(result.findings) < enough:
             batch = {
                 "jobs": list(jobs[len(result.outcomes) :]),
                 "seconds": seconds,
