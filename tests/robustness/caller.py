@@ -60,6 +60,7 @@ class Findings:
     """What was wrong, and how often outcomes of each kind came."""
 
     def __init__(self, *, verbose: bool = False) -> None:
+        """With `verbose`, print what a process wrote before its end, too."""
         self.jobs: list[Job] = []
         self.texts: list[str] = []
         self.kinds: Counter[str] = Counter()
@@ -82,6 +83,7 @@ class Caller:
     """Runtimes that each call is given to."""
 
     def __init__(self, *, sanitized: bool = True, fills: bool = True) -> None:
+        """Start the runtimes that are wanted."""
         self._sanitized = children.Runtime.sanitized() if sanitized else None
         self._fills = [
             children.Runtime(environment=fill) for fill in (children.FILLS if fills else ())

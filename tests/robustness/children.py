@@ -23,8 +23,8 @@ ROOT = HERE.parent.parent
 BUILD = ROOT / "build" / "robustness"
 MEGABYTE = 1 << 20
 
-# Freed and fresh memory has one of two patterns: blocks are not cached by the thread, and none is so
-# large that the kernel would map it, which zeroes it.
+# Freed and fresh memory has one of two patterns: blocks are not cached by the thread, and none is
+# so large that the kernel would map it, which zeroes it.
 FILLS = tuple(
     {
         "MALLOC_PERTURB_": fill,
@@ -144,10 +144,15 @@ class Runtime:
     def __init__(
         self, library: pathlib.Path | None = None, environment: dict[str, str] | None = None
     ) -> None:
+        """Start the process; the library is the installed one unless another is given."""
         inherited = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
         defaults = {
             "TF_CPP_MIN_LOG_LEVEL": "2",
             "OPENBLAS_NUM_THREADS": "1",
+            # Without these kernels the runtime's allocator of host memory is the C library's, where
+            # with them it keeps and divides large blocks: neither a fill pattern nor the sanitizer
+            # would see those, and what it cannot allocate it tries to again for ten seconds.
+            "TF_ENABLE_ONEDNN_OPTS": "0",
             "MALLOC_ARENA_MAX": "1",  # each reserves address space, which the memory limit is on
         }
         self._log = subprocess.DEVNULL if "ROBUSTNESS_LOG" not in os.environ else None

@@ -20,10 +20,13 @@ from tensorflow.python.eager import context, execute
 from tensorflow.python.framework import op_def_library, op_def_registry
 
 Outcome = list[str]
+LARGE = 1 << 25  # bytes of an output that is not looked at: the memory is limited
 
 
 def digest(array: np.ndarray) -> str:
-    """Return what identifies an output: its type, its shape and its bits, any NaN being the same."""
+    """Return what identifies an output: type, shape and bits, any NaN being the same."""
+    if array.nbytes > LARGE:
+        return f"{array.dtype} {list(array.shape)} large"
     array = np.ascontiguousarray(array)
     if array.dtype.kind == "f":
         array = np.where(np.isnan(array), np.array(np.nan, array.dtype), array)
@@ -42,6 +45,7 @@ class PreparedCall:
     """A call whose inputs are tensors already, so that running it is the op's work alone."""
 
     def __init__(self, call: calls.Call) -> None:
+        """Make the tensors."""
         self.call = call
         self.tensors = [_tensor(i) for i in call.inputs]
         self._attributes: list[Any] = []
@@ -122,7 +126,7 @@ def _node(call: calls.Call, tensors: list[tf.Tensor]) -> tf.Tensor:
 
 
 def run_after_fork(many: list[calls.Call]) -> list[Outcome]:
-    """Run calls in a child of this process, which has run them itself; its threads are not there."""
+    """Run calls in a child of this process, which has run them itself, without its threads."""
     for call in many:
         run(call)
     reader, writer = os.pipe()

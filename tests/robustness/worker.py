@@ -31,6 +31,7 @@ class Answers:
     """Where lines of JSON are written to."""
 
     def __init__(self, descriptor: int) -> None:
+        """Write to a file descriptor."""
         self._descriptor = descriptor
 
     def send(self, *fields: Any) -> None:
@@ -93,7 +94,9 @@ def run_batch(batch: dict[str, Any], library: str, answers: Answers) -> None:
         for index, job in enumerate(jobs):
             answers.send("start", index)
             limit_time(seconds)
-            outcome = run_with_fault(job, library) if "fault" in job else execution.run(call_of(job))
+            outcome = (
+                run_with_fault(job, library) if "fault" in job else execution.run(call_of(job))
+            )
             answers.send("done", index, outcome)
         limit_time(0)
         return
