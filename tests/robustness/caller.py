@@ -27,7 +27,7 @@ import children
 
 CORPUS = pathlib.Path(__file__).resolve().parent / "corpus.jsonl"
 CHUNK = 250
-SANITIZED_SECONDS = 20.0
+SANITIZED_SECONDS = 15.0
 
 Job = dict[str, Any]
 
