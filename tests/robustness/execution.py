@@ -71,7 +71,9 @@ def _tensor(tensor: calls.Input) -> tf.Tensor:
 
 
 def _error(error: Exception) -> Outcome:
-    text = str(getattr(error, "message", error)).split(" [Op:")[0]
+    text = str(getattr(error, "message", error))
+    # What follows describes the node, its attributes in an order that changes from run to run.
+    text = text.split("\n")[0].split("; NodeDef")[0].split(" [Op:")[0]
     return ["error", f"{type(error).__name__}: {text}"]
 
 
