@@ -1,0 +1,68 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""An allocation or the start of a thread fails: an error or the right result, nothing else."""
+
+from __future__ import annotations
+
+import calls
+import children
+import pytest
+
+NEW, THREAD, ALIGNED = 1, 2, 3
+FIRST = range(1, 13)  # the occasions that fail one after another; later ones by doubling
+LATEST = 1 << 14
+
+
+@pytest.fixture(scope="module")
+def runtime():
+    """A runtime in which allocations and threads can fail."""
+    preload = {"LD_PRELOAD": str(children.faults_library())}
+    with children.Runtime(environment=preload) as runtime:
+        yield runtime
+
+
+def cases(op: str) -> list[calls.Call]:
+    """Return calls of an op for either type and, where there are threads, many images."""
+    found: dict[tuple, calls.Call] = {}
+    for seed in range(60):
+        call = calls.valid_call(op, seed)
+        many = call.op.startswith(("HConv", "HDepth")) and call.inputs[0].shape[0] > 3
+        leading = len(call.inputs[1].shape) > 4
+        found.setdefault((call.attributes.get("T"), many, leading), call)
+    return list(found.values())
+
+
+def occasions(outcome: children.Outcome) -> int:
+    """Return how many occasions a call had."""
+    return int(outcome.details.split()[0])
+
+
+@pytest.mark.parametrize("kind", [NEW, THREAD, ALIGNED], ids=["new", "thread", "aligned"])
+@pytest.mark.parametrize("op", calls.OPS)
+def test_each_occasion_fails(op, kind, runtime):
+    """The first occasions, and a few of the later ones."""
+    texts = [call.to_json() for call in cases(op)]
+    counted = runtime.run([{"call": text, "fault": [kind, 0]} for text in texts]).outcomes
+    jobs = []
+    for text, outcome in zip(texts, counted, strict=True):
+        assert outcome.kind == "ok", f"{outcome}\n{text}"
+        wanted = {*FIRST, *(2**i for i in range(4, 15)), occasions(outcome)}
+        jobs += [
+            {"call": text, "fault": [kind, k]}
+            for k in sorted(wanted)
+            if 0 < k <= min(occasions(outcome), LATEST)
+        ]
+    assert jobs or kind != ALIGNED, "each output is allocated"
+    result = runtime.run(jobs)
+    failed = [
+        f"occasion {jobs[i]['fault'][1]}: {result.outcomes[i].text}\n{jobs[i]['call']}"
+        for i in result.findings
+    ]
+    assert not failed, f"{len(failed)} of {len(jobs)} fail:\n" + "\n".join(failed[:3])
+
+
+def test_threads_are_started_and_fail(runtime):
+    """The convolution of many images has threads: the tests above would see them fail."""
+    (call,) = [c for c in cases("HConv2d") if c.inputs[0].shape[0] > 3][:1]
+    (outcome,) = runtime.run([{"call": call.to_json(), "fault": [THREAD, 0]}]).outcomes
+    assert occasions(outcome) == call.inputs[0].shape[0]
