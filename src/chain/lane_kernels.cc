@@ -6,16 +6,9 @@
 #include <type_traits>
 
 #include "chain/lane_tile.h"
+#include "vector/intrinsics.h"
 #include "vector/quantise_half.h"
 #include "vector/target.h"
-
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#include <immintrin.h>
-// The compiler's own header leaves what a masked instruction ignores uninitialised, and is told of
-// it.
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
 
 namespace bitfold {
 namespace {
