@@ -215,6 +215,7 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
 template <typename D, typename T>
 template <typename Begin, typename Add>
 void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add add) const {
+  const auto finish = CurrentSumKernels<T>().finish;
   const T* elementwise = ElementwiseOf(image);
   T* output = OutputOf(image);
   const uint32_t channels_in = call_.is_depthwise ? 1 : static_cast<uint32_t>(call_.in_channels);
@@ -229,10 +230,9 @@ void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add
       const int32_t lanes = place.panels * kPanel;
       const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
       const int64_t o = OutputIndex(row, place.column, place.channel);
-      FinishSums(TileSums{acc, place.pixels, lanes, channels,
-                          static_cast<int32_t>(products * excess), plan_->bits},
-                 elementwise == nullptr ? nullptr : elementwise + o, call_.out_channels,
-                 output + o);
+      finish(TileSums<int32_t>{acc, place.pixels, lanes, static_cast<int32_t>(products * excess)},
+             SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o,
+                          call_.out_channels, channels, plan_->bits});
     });
   }
 }

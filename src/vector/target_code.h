@@ -42,12 +42,13 @@
 #define BITFOLD_AVX512 "avx512f,avx512bw,avx512dq,avx512vl"
 #define BITFOLD_BEGIN_AVX2 BITFOLD_BEGIN_TARGET("avx2")
 #define BITFOLD_BEGIN_AVX512 BITFOLD_BEGIN_TARGET(BITFOLD_AVX512 BITFOLD_PREFER_512)
-#define BITFOLD_BEGIN_AVX512_VNNI BITFOLD_BEGIN_TARGET(BITFOLD_AVX512 ",avx512vnni" BITFOLD_PREFER_512)
+#define BITFOLD_BEGIN_AVX512_VNNI \
+  BITFOLD_BEGIN_TARGET(BITFOLD_AVX512 ",avx512vnni" BITFOLD_PREFER_512)
 
 // Of clang's pragmas none says that alone: those that ask for vectors also let it reorder sums of
 // floats. It tests at run time whether arrays overlap.
 #if defined(__clang__)
-#define BITFOLD_INDEPENDENT
+#define BITFOLD_INDEPENDENT BITFOLD_PRAGMA(clang loop vectorize(assume_safety))
 #define BITFOLD_UNROLL BITFOLD_PRAGMA(clang loop unroll(full))
 #elif defined(__GNUC__)
 #define BITFOLD_INDEPENDENT BITFOLD_PRAGMA(GCC ivdep)
