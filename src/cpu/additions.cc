@@ -65,13 +65,13 @@ void AddElementwise(const Datapath<T>& datapath, const T* value, const T* elemen
   };
   if (ShouldProve<T>(passes)) return define(0, count);
   const auto& loops = LoopsOf(datapath);
-  const std::vector<T> factors(kBlock, factor);
+  const std::vector<T> factors(kDatapathBlock, factor);
   const auto fast = [&](int64_t i, int n) {
     if (passes == 1 && !datapath.use_fp16_acc()) {
       return loops.accumulate_products(datapath, value + i, elementwise + i, factors.data(), n,
                                        out + i);
     }
-    T products[kBlock];
+    T products[kDatapathBlock];
     loops.products(datapath, elementwise + i, factors.data(), n, products);
     return AddPasses<T>(datapath, value + i, {products}, passes, n, out + i);
   };
@@ -119,7 +119,7 @@ void AddWeighted(const Datapath<T>& datapath, const T* value, const T* elementwi
   const PeriodicArray<T> elementwise_weights(weights + channels, channels);
   const auto& loops = LoopsOf(datapath);
   const auto fast = [&](int64_t i, int n) {
-    T products[kBlock];
+    T products[kDatapathBlock];
     loops.products(datapath, value + i, value_weights.From(i), n, products);
     return loops.accumulate_products(datapath, products, elementwise + i,
                                      elementwise_weights.From(i), n, out + i);

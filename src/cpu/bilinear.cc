@@ -37,7 +37,7 @@ void RunBilinear(const T* ul, const T* ur, const T* bl, const T* br, const T* w0
   const ReciprocalDatapath<T> datapath(accumulator_size, mult_shift, false);
   const BilinearInputs<T> in{{ul, ur, bl, br}, {w00, w10, w01, w11}};
   const T addend = BilinearBias<T>(bias);
-  const std::vector<T> addends(kBlock, addend);
+  const std::vector<T> addends(kDatapathBlock, addend);
   const auto& loops = LoopsOf(datapath);
   for (int64_t item = 0; item < int64_t{n}; ++item) {
     const int64_t base = item * s;
