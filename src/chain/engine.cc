@@ -9,12 +9,10 @@
 #include <vector>
 
 #include "chain/pack.h"
-#include "vector/quantise_half.h"
+#include "vector/vector_steps.h"
 
 namespace bitfold {
 namespace {
-
-#include "vector/vector_steps.inc"
 
 constexpr int kTileLanes = kTilePanels * kPanel;
 

@@ -7,8 +7,8 @@
 
 #include "chain/lane_tile.h"
 #include "vector/intrinsics.h"
-#include "vector/quantise_half.h"
 #include "vector/target.h"
+#include "vector/vector_steps.h"
 
 namespace bitfold {
 namespace {
@@ -22,6 +22,11 @@ struct AllKernels {
   SumKernels<int32_t> integer_sums;
   SumKernels<float> float_sums;
 };
+
+template <bool kHalf>
+inline int32_t Accumulate(const ModularDatapath&, int32_t acc, int32_t addend, int32_t*) {
+  return ModularDatapath::Accumulate(acc, addend);
+}
 
 #define BITFOLD_LOOPS "chain/lane_loops.inc"
 #define BITFOLD_LOOP_TABLE                                                                        \
