@@ -3,25 +3,11 @@
 
 #include <algorithm>
 
-#include "chain/dot_tile.h"
-#include "vector/target.h"
-
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define BITFOLD_HAS_TARGETS
-#endif
-
-#ifdef __SSE2__
-#include <immintrin.h>
-#else
 #include "bitfold/int32_arithmetic.h"
-#endif
-
-#ifdef BITFOLD_HAS_TARGETS
-// The compiler's own header leaves what a masked instruction ignores uninitialised, and is told of
-// it.
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
+#include "chain/dot_tile.h"
+#include "vector/intrinsics.h"
+#include "vector/target.h"
+#include "vector/target_code.h"
 
 namespace bitfold {
 namespace {
@@ -75,10 +61,9 @@ constexpr DotKernels<T> kKernels = {
 
 }  // namespace portable
 
-#ifdef BITFOLD_HAS_TARGETS
+#if BITFOLD_HAS_TARGETS
 
-#pragma GCC push_options
-#pragma GCC target("avx2")
+BITFOLD_BEGIN_AVX2
 namespace avx2 {
 
 using Vector = __m256i;
@@ -115,7 +100,7 @@ constexpr DotKernels<T> kKernels = {
     Row<4, false, T>};
 
 }  // namespace avx2
-#pragma GCC pop_options
+BITFOLD_END_TARGET
 
 // The tables of both AVX-512 targets: 7 columns of 4 panels are 28 registers, 4 hold weights.
 #define BITFOLD_DOT_ROW(pixels, bytes) \
@@ -126,8 +111,7 @@ constexpr DotKernels<T> kKernels = {
         BITFOLD_DOT_ROW(1, bytes)                                                    \
   }
 
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512dq,avx512vl")
+BITFOLD_BEGIN_AVX512
 namespace avx512 {
 
 using Vector = __m512i;
@@ -155,25 +139,19 @@ constexpr DotKernels<T> kKernels = {{7, 4, 2, 1}, {4, 2, 1},       {}, BITFOLD_D
                                     nullptr,      Row<4, false, T>};
 
 }  // namespace avx512
-#pragma GCC pop_options
+BITFOLD_END_TARGET
 
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512dq,avx512vl,avx512vnni")
+BITFOLD_BEGIN_AVX512_VNNI
 namespace avx512_vnni {
 
-using Vector = __m512i;
-constexpr int kVectors = 1;
-inline Vector Load(const int32_t* x) { return _mm512_loadu_si512(x); }
-inline Vector LoadWhole(const int32_t* x) { return Load(x); }
-inline Vector LoadWhole(const float* x) { return _mm512_cvttps_epi32(_mm512_loadu_ps(x)); }
-inline void StoreWhole(int32_t* x, Vector v) { _mm512_storeu_si512(x, v); }
-inline void StoreWhole(float* x, Vector v) { _mm512_storeu_ps(x, _mm512_cvtepi32_ps(v)); }
-inline Vector Same(int32_t x) { return _mm512_set1_epi32(x); }
-inline Vector Add(Vector a, Vector b) { return _mm512_add_epi32(a, b); }
-inline Vector SignExtend(Vector v, int32_t unused) {
-  const __m128i count = _mm_cvtsi32_si128(unused);
-  return _mm512_sra_epi32(_mm512_sll_epi32(v, count), count);
-}
+using avx512::Add;
+using avx512::kVectors;
+using avx512::Load;
+using avx512::LoadWhole;
+using avx512::Same;
+using avx512::SignExtend;
+using avx512::StoreWhole;
+using avx512::Vector;
 inline Vector DotShorts(Vector acc, Vector x, Vector w) { return _mm512_dpwssd_epi32(acc, x, w); }
 inline Vector DotBytes(Vector acc, Vector x, Vector w) { return _mm512_dpbusd_epi32(acc, x, w); }
 
@@ -185,7 +163,7 @@ constexpr DotKernels<T> kKernels = {
     Row<4, true, T>, Row<4, false, T>};
 
 }  // namespace avx512_vnni
-#pragma GCC pop_options
+BITFOLD_END_TARGET
 
 #undef BITFOLD_DOT_TABLE
 #undef BITFOLD_DOT_ROW
@@ -196,7 +174,7 @@ constexpr DotKernels<T> kKernels = {
 
 template <typename T>
 const DotKernels<T>& CurrentDotKernels() {
-#ifdef BITFOLD_HAS_TARGETS
+#if BITFOLD_HAS_TARGETS
   switch (CurrentTarget()) {
     case Target::kAvx512Vnni:
       return avx512_vnni::kKernels<T>;

@@ -10,12 +10,10 @@
 
 #include "bitfold/datapath_attributes.h"
 #include "chain/pack.h"
-#include "vector/quantise_half.h"
+#include "vector/vector_steps.h"
 
 namespace bitfold {
 namespace {
-
-#include "vector/vector_steps.inc"
 
 constexpr int kTileLanes = kTilePanels * kPanel;
 
@@ -200,6 +198,7 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
 template <typename D, typename T>
 template <typename Begin, typename Add>
 void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add add) const {
+  const auto finish = CurrentSumKernels<T>().finish;
   const T* elementwise = ElementwiseOf(image);
   T* output = OutputOf(image);
   const uint32_t channels_in = call_.is_depthwise ? 1 : static_cast<uint32_t>(call_.in_channels);
@@ -214,10 +213,9 @@ void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add
       const int32_t lanes = place.panels * kPanel;
       const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
       const int64_t o = OutputIndex(row, place.column, place.channel);
-      FinishSums(TileSums{acc, place.pixels, lanes, channels,
-                          static_cast<int32_t>(products * excess), plan_->bits},
-                 elementwise == nullptr ? nullptr : elementwise + o, call_.out_channels,
-                 output + o);
+      finish(TileSums<int32_t>{acc, place.pixels, lanes, static_cast<int32_t>(products * excess)},
+             SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o,
+                          call_.out_channels, channels, plan_->bits});
     });
   }
 }

@@ -6,16 +6,9 @@
 #include <type_traits>
 
 #include "chain/lane_tile.h"
-#include "vector/quantise_half.h"
+#include "vector/intrinsics.h"
 #include "vector/target.h"
-
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#include <immintrin.h>
-// The compiler's own header leaves what a masked instruction ignores uninitialised, and is told of
-// it.
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
+#include "vector/vector_steps.h"
 
 namespace bitfold {
 namespace {
@@ -29,6 +22,11 @@ struct AllKernels {
   SumKernels<int32_t> integer_sums;
   SumKernels<float> float_sums;
 };
+
+template <bool kHalf>
+inline int32_t Accumulate(const ModularDatapath&, int32_t acc, int32_t addend, int32_t*) {
+  return ModularDatapath::Accumulate(acc, addend);
+}
 
 #define BITFOLD_LOOPS "chain/lane_loops.inc"
 #define BITFOLD_LOOP_TABLE                                                                        \

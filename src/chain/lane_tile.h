@@ -69,6 +69,15 @@ struct LaneKernels {
 template <typename D, typename T>
 const LaneKernels<D, T>& LaneKernelsOf();
 
+// The sums of a tile as they were formed, before they are reduced.
+template <typename Sum>
+struct TileSums {
+  const Sum* sums;  // [pixels][lanes]
+  int32_t pixels;
+  int32_t lanes;
+  int32_t excess;  // what each of them is too large by, modulo 2^32
+};
+
 // Sums of products that need no scaling: int32 modulo 2^32, floats of whole numbers that stay
 // within 2^24. tile.acc is not looked at. By the same indices.
 template <typename T>
@@ -76,6 +85,8 @@ struct SumKernels {
   using Kernel = void (*)(const LaneTile<T>&, const SumOutput<T>&);
   Kernel ordinary[2][2];
   Kernel depthwise[2];  // by [columns == kDepthwisePixels], all of output.channels >= kPanel
+  // Writes the sums that another kernel formed.
+  void (*finish)(const TileSums<int32_t>&, const SumOutput<T>&);
 };
 template <typename T>
 const SumKernels<T>& CurrentSumKernels();

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "bitfold/int32_arithmetic.h"
-#include "chain/lane_tile.h"
+#include "chain/sum_output.h"
 #include "vector/target.h"
 
 namespace bitfold {
@@ -21,7 +21,6 @@ struct PackLoops {
   void (*tap_bytes[4])(const T* const*, int64_t, int32_t, int32_t*);
   void (*tap_shorts[2])(const T* const*, int64_t, int32_t*);
   void (*magnitudes)(const T*, int64_t, int64_t*);
-  void (*finish[2])(const TileSums&, const T*, int64_t, T*);
 };
 
 struct AllLoops {
@@ -82,11 +81,6 @@ void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
   LoopsOf<T>().magnitudes(x, count, sums);
 }
 
-template <typename T>
-void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* out) {
-  LoopsOf<T>().finish[elementwise != nullptr](tile, elementwise, stride, out);
-}
-
 #define BITFOLD_INSTANTIATE(T)                                                      \
   template void PackBytes(const T*, int64_t, int32_t, uint8_t*);                    \
   template void PackShorts(const T*, int64_t, int16_t*);                            \
@@ -94,8 +88,7 @@ void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* o
   template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*);             \
   template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t, int32_t*); \
   template void PackTapShorts(const T* const*, int32_t, int64_t, int32_t*);         \
-  template void AddMagnitudes(const T*, int64_t, int64_t*);                         \
-  template void FinishSums(const TileSums&, const T*, int64_t, T*);
+  template void AddMagnitudes(const T*, int64_t, int64_t*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)
 #undef BITFOLD_INSTANTIATE

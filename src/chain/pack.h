@@ -45,21 +45,6 @@ inline int32_t SumOfBytes(int32_t word) {
 template <typename T>
 void AddMagnitudes(const T* x, int64_t count, int64_t* sums);
 
-// The sums of a tile of outputs: `pixels` columns of `lanes` channels, of which `channels` exist.
-struct TileSums {
-  const int32_t* sums;  // [pixels][lanes]
-  int32_t pixels;
-  int32_t lanes;
-  int32_t channels;
-  int32_t excess;  // what each of them is too large by, modulo 2^32
-  int32_t bits;    // 1 to 32
-};
-
-// Writes the low `bits` bits of each sum plus its elementwise value as a number with a sign.
-// Columns lie `stride` apart in out and in elementwise, which may be null.
-template <typename T>
-void FinishSums(const TileSums& tile, const T* elementwise, int64_t stride, T* out);
-
 }  // namespace bitfold
 
 #endif  // BITFOLD_SRC_CHAIN_PACK_H_

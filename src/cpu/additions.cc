@@ -60,7 +60,7 @@ void ComputeAdd(const AddCall<T>& call, int64_t count) {
   if (ShouldProve<T>(passes)) return define(0, count);
   const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
   const auto& loops = LoopsOf(datapath);
-  const std::vector<T> factors(kBlock, call.elementwise_factor[0]);
+  const std::vector<T> factors(kDatapathBlock, call.elementwise_factor[0]);
   const auto fast = [&](int64_t i, int n) {
     const T* value = call.value + i;
     const T* elementwise = call.elementwise + i;
@@ -68,7 +68,7 @@ void ComputeAdd(const AddCall<T>& call, int64_t count) {
     if (passes == 1 && !datapath.use_fp16_acc()) {
       return loops.accumulate_products(datapath, value, elementwise, factors.data(), n, out);
     }
-    T products[kBlock];
+    T products[kDatapathBlock];
     loops.products(datapath, elementwise, factors.data(), n, products);
     return AddPasses<T>(datapath, value, {products}, passes, n, out);
   };
@@ -118,7 +118,7 @@ void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call
   const PeriodicArray<T> elementwise_weights(call.weights + call.shape.d3, call.shape.d3);
   const auto& loops = LoopsOf(datapath);
   const auto fast = [&](int64_t i, int n) {
-    T products[kBlock];
+    T products[kDatapathBlock];
     loops.products(datapath, call.value + i, value_weights.From(i), n, products);
     return loops.accumulate_products(datapath, products, call.elementwise + i,
                                      elementwise_weights.From(i), n, call.output + i);

@@ -33,7 +33,7 @@ template <typename T>
 void ComputeBilinear(const BilinearCall<T>& call) {
   const auto datapath = MakeDatapath<ReciprocalDatapath<T>>(call.attributes);
   const T addend = BilinearBias<T>(call.bias);
-  const std::vector<T> addends(kBlock, addend);
+  const std::vector<T> addends(kDatapathBlock, addend);
   const auto& loops = LoopsOf(datapath);
   for (int64_t item = 0; item < int64_t{call.items}; ++item) {
     const int64_t base = item * call.item_size;

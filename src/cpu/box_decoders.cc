@@ -10,7 +10,7 @@
 namespace bitfold {
 namespace {
 
-constexpr int kAnchorsInBlock = kBlock / 2;
+constexpr int kAnchorsInBlock = kDatapathBlock / 2;
 
 // A pair of factors for each anchor.
 template <typename T>
@@ -80,8 +80,8 @@ void ComputeBboxDecoder(const BboxDecoderCall<T>& call) {
   const auto& pairs = CurrentPairLoops<T>();
   const auto corners = [&](CornerFactors<T> factors, int64_t first, int count, T* result) {
     for (int k = 0; k < 3; ++k) factors.factors[k] = factor_pairs[k].From(2 * first);
-    T min[kBlock];
-    T max[kBlock];
+    T min[kDatapathBlock];
+    T max[kDatapathBlock];
     const bool warned = loops.corners_of_two_products(datapath, factors, 2 * count, min, max);
     pairs.join(min, max, count, result);
     return warned;
@@ -107,8 +107,8 @@ void ComputeSingleWeightPerProposalBboxDecoder(
   const auto& pairs = CurrentPairLoops<T>();
   const auto corners = [&](CornerFactors<T> factors, int64_t first, int count, T* result) {
     for (int k = 0; k < 2; ++k) factors.factors[k] = factor_pairs[k].From(2 * first);
-    T min[kBlock];
-    T max[kBlock];
+    T min[kDatapathBlock];
+    T max[kDatapathBlock];
     const bool warned = loops.corners_of_one_product(datapath, factors, 2 * count, min, max);
     pairs.join_swap(min, max, count, result);
     return warned;

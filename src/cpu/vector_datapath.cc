@@ -5,8 +5,8 @@
 
 #include <cstring>
 
-#include "vector/quantise_half.h"
 #include "vector/target.h"
+#include "vector/vector_steps.h"
 
 namespace bitfold {
 namespace {

@@ -18,7 +18,7 @@
 namespace bitfold {
 
 // Elements that go through all steps of an op together: few enough for the nearest cache.
-inline constexpr int kBlock = 512;
+inline constexpr int kDatapathBlock = 512;
 
 // What the corners of detection boxes are made of, a pair for each anchor: the detections, the
 // factors of the products, and the centres of the minimum and of the maximum corner, each as a y
@@ -32,8 +32,8 @@ struct CornerFactors {
   const T* x[2];
 };
 
-// The steps for one kind of datapath D over 0 <= n <= kBlock elements; out may be acc. All but the
-// first two return whether a line may have been printed: never for integers.
+// The steps for one kind of datapath D over 0 <= n <= kDatapathBlock elements; out may be acc. All
+// but the first two return whether a line may have been printed: never for integers.
 template <typename D, typename T>
 struct DatapathLoops {
   // InitialValue(x)
@@ -71,8 +71,8 @@ const PairLoops<T>& CurrentPairLoops();
 // returned that a line may have been printed.
 template <typename Fast, typename Define>
 void ForEachBlock(int64_t count, Fast fast, Define define) {
-  for (int64_t first = 0; first < count; first += kBlock) {
-    const int n = static_cast<int>(std::min<int64_t>(kBlock, count - first));
+  for (int64_t first = 0; first < count; first += kDatapathBlock) {
+    const int n = static_cast<int>(std::min<int64_t>(kDatapathBlock, count - first));
     if (fast(first, n)) define(first, n);
   }
 }
@@ -84,7 +84,7 @@ class PeriodicArray {
  public:
   // Of zeros.
   explicit PeriodicArray(int64_t period)
-      : period_(period), elements_(static_cast<size_t>(period) + kBlock) {}
+      : period_(period), elements_(static_cast<size_t>(period) + kDatapathBlock) {}
 
   PeriodicArray(const T* elements, int64_t period) : PeriodicArray(period) {
     std::copy_n(elements, period, FirstPeriod());
@@ -95,14 +95,14 @@ class PeriodicArray {
   T* FirstPeriod() { return elements_.data(); }
 
   void Continue() {
-    for (int64_t filled = period_; filled < period_ + kBlock;) {
-      const int64_t count = std::min(filled, period_ + kBlock - filled);
+    for (int64_t filled = period_; filled < period_ + kDatapathBlock;) {
+      const int64_t count = std::min(filled, period_ + kDatapathBlock - filled);
       std::copy_n(elements_.begin(), count, elements_.begin() + filled);
       filled += count;
     }
   }
 
-  // kBlock elements: those of index first, first + 1 and so on.
+  // kDatapathBlock elements: those of index first, first + 1 and so on.
   const T* From(int64_t first) const { return elements_.data() + first % period_; }
 
  private:

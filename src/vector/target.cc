@@ -3,6 +3,8 @@
 
 #include "vector/target.h"
 
+#include "vector/target_code.h"
+
 namespace bitfold {
 namespace {
 
@@ -18,7 +20,7 @@ Target WidestTarget() {
 }  // namespace
 
 bool IsSupported(Target target) {
-#if defined(__x86_64__) && defined(__GNUC__)
+#if BITFOLD_HAS_TARGETS
   switch (target) {
     case Target::kPortable:
       return true;

@@ -16,7 +16,8 @@ namespace bitfold {
 enum class Target { kPortable, kAvx2, kAvx512, kAvx512Vnni };
 inline constexpr int kTargets = 4;
 
-// Whether this machine has the target's instructions.
+// Whether the library has code for the target, which depends on the compiler (target_code.h), and
+// this machine its instructions.
 bool IsSupported(Target target);
 
 // The widest supported target, or the one that a test has forced.

@@ -273,7 +273,7 @@ TEST(HBilinear, WarningsInAnyBlockOfAnyItem) {
   Random random(0xb113);
   for (const std::vector<size_t>& at :
        {std::vector<size_t>{0}, {700}, {1290}, {100, 600}, {511, 512, 1299, 1300, 2599}, {1500}}) {
-    BilinearCase<float> c = Draw<float>(&random, Data::kSmall, 2, 2 * kBlock + 276);
+    BilinearCase<float> c = Draw<float>(&random, Data::kSmall, 2, 2 * kDatapathBlock + 276);
     c.accumulator_size = 40;
     for (const size_t i : at) c.neighbours[i % 4][i] = std::numeric_limits<float>::infinity();
     for (auto& weights : c.weights) weights.assign(weights.size(), 1.0f);

@@ -17,6 +17,7 @@
 
 #include "bitfold/int32_arithmetic.h"
 #include "chain/facts.h"
+#include "chain/lane_tile.h"
 #include "chain/pack.h"
 #include "support/buffer.h"
 #include "support/compare.h"
@@ -339,12 +340,13 @@ TEST(ChainPack, Magnitudes) {
 
 // What a tile of sums becomes. Outputs lie `stride` apart; what lies between stays as it is.
 template <typename T>
-void CheckFinish(Random* random, TileSums tile, bool has_elementwise, const char* target) {
+void CheckFinish(Random* random, TileSums<int32_t> tile, int32_t channels, int32_t bits,
+                 bool has_elementwise, const char* target) {
   const auto words = testing::Int32Boundaries();
-  const int64_t stride = tile.channels + random->Between(0, 3);
-  const int64_t count = (tile.pixels - 1) * stride + tile.channels;
+  const int64_t stride = channels + random->Between(0, 3);
+  const int64_t count = (tile.pixels - 1) * stride + channels;
   const int32_t most = std::is_same_v<T, float> ? 1 << 24 : INT32_MAX;
-  ExactBuffer<int32_t> sums((tile.pixels - 1) * tile.lanes + tile.channels, random->Between(0, 3));
+  ExactBuffer<int32_t> sums((tile.pixels - 1) * tile.lanes + channels, random->Between(0, 3));
   for (int64_t i = 0; i < sums.count(); ++i) {
     sums[i] = random->Flag() ? random->Pick(words) : static_cast<int32_t>(random->Bits());
   }
@@ -352,20 +354,22 @@ void CheckFinish(Random* random, TileSums tile, bool has_elementwise, const char
   if (count > 2) elementwise[2] = T{0} * T{-1};  // of floats: -0
   ExactBuffer<T> out(std::vector<T>(static_cast<size_t>(count), T{77}), random->Between(0, 3));
   tile.sums = sums.data();
-  FinishSums(tile, has_elementwise ? elementwise.data() : nullptr, stride, out.data());
+  const SumOutput<T> output = {has_elementwise ? elementwise.data() : nullptr, out.data(), stride,
+                               channels, bits};
+  CurrentSumKernels<T>().finish(tile, output);
   for (int64_t i = 0; i < count; ++i) {
     const int64_t pixel = i / stride;
     const int64_t lane = i % stride;
     T expected{77};
     int64_t sum = 0;
-    if (lane < tile.channels) {
+    if (lane < channels) {
       sum = int64_t{sums[pixel * tile.lanes + lane]} - tile.excess;
       if (has_elementwise) sum += static_cast<int64_t>(elementwise[i]);
-      expected = static_cast<T>(testing::LowBits(sum, tile.bits));
+      expected = static_cast<T>(testing::LowBits(sum, bits));
     }
     ASSERT_TRUE(testing::Same(expected, out[i], target,
-                              Describe("sum", sum, "bits", tile.bits, "lane", lane, "channels",
-                                       tile.channels, "elementwise", has_elementwise)));
+                              Describe("sum", sum, "bits", bits, "lane", lane, "channels", channels,
+                                       "elementwise", has_elementwise)));
   }
 }
 
@@ -377,10 +381,12 @@ TEST(ChainPack, FinishedSums) {
       for (const int32_t channels : {1, 7, 15, 16, 17, 31, 32, 63, 64}) {
         for (const bool has_elementwise : {false, true}) {
           const int32_t excess = random.Flag() ? 0 : static_cast<int32_t>(random.Bits());
-          const TileSums tile = {
-              nullptr, random.Between(1, 7), (channels + 15) / 16 * 16, channels, excess, bits};
-          ASSERT_NO_FATAL_FAILURE(CheckFinish<int32_t>(&random, tile, has_elementwise, name));
-          ASSERT_NO_FATAL_FAILURE(CheckFinish<float>(&random, tile, has_elementwise, name));
+          const TileSums<int32_t> tile = {nullptr, random.Between(1, 7), (channels + 15) / 16 * 16,
+                                          excess};
+          ASSERT_NO_FATAL_FAILURE(
+              CheckFinish<int32_t>(&random, tile, channels, bits, has_elementwise, name));
+          ASSERT_NO_FATAL_FAILURE(
+              CheckFinish<float>(&random, tile, channels, bits, has_elementwise, name));
         }
       }
     }

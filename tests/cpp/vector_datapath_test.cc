@@ -179,7 +179,7 @@ TYPED_TEST(VectorDatapathTest, SizesAndMisalignments) {
   using T = typename TypeParam::Element;
   Random random(0x512e);
   std::vector<int> sizes = testing::LaneSizes();
-  sizes.insert(sizes.end(), {kBlock - 1, kBlock});
+  sizes.insert(sizes.end(), {kDatapathBlock - 1, kDatapathBlock});
   for (const bool use_fp16_acc : {false, true}) {
     const typename TypeParam::DatapathType datapath(8, 2, use_fp16_acc);
     for (const int n : sizes) {
@@ -195,15 +195,16 @@ TYPED_TEST(VectorDatapathTest, SizesAndMisalignments) {
 // The quantiser as the loops have it: every pattern of the upper 16 bits.
 TEST(VectorDatapath, InitialValuesOfEveryUpperPattern) {
   const Datapath<float> datapath(24, 0, true);
-  ExactBuffer<float> x(kBlock);
-  ExactBuffer<float> out(kBlock);
-  for (uint32_t first = 0; first <= 0xffffu; first += kBlock) {
+  ExactBuffer<float> x(kDatapathBlock);
+  ExactBuffer<float> out(kDatapathBlock);
+  for (uint32_t first = 0; first <= 0xffffu; first += kDatapathBlock) {
     for (const uint32_t lower : {0x0000u, 0x0001u, 0x0800u, 0x1fffu, 0x8000u, 0xffffu}) {
-      for (uint32_t i = 0; i < kBlock; ++i) x[i] = testing::FloatOf((first + i) << 16 | lower);
+      for (uint32_t i = 0; i < kDatapathBlock; ++i)
+        x[i] = testing::FloatOf((first + i) << 16 | lower);
       for (const auto& [target, name] : testing::SupportedTargets()) {
         const testing::ForcedTarget forced(target);
-        LoopsOf(datapath).initial_values(datapath, x.data(), kBlock, out.data());
-        for (int i = 0; i < kBlock; ++i) {
+        LoopsOf(datapath).initial_values(datapath, x.data(), kDatapathBlock, out.data());
+        for (int i = 0; i < kDatapathBlock; ++i) {
           if (testing::SameBits(datapath.InitialValue(x[i]), out[i])) continue;
           FAIL() << name << testing::Show(x[i]) << " gives " << testing::Show(out[i]);
         }
@@ -216,12 +217,12 @@ TEST(VectorDatapath, InitialValuesOfEveryUpperPattern) {
 TEST(VectorDatapath, OneWarningAnywhere) {
   for (const bool use_fp16_acc : {false, true}) {
     const Datapath<float> datapath(24, 0, use_fp16_acc);
-    const std::vector<float> ones(kBlock, 1.0f);
+    const std::vector<float> ones(kDatapathBlock, 1.0f);
     for (const auto& [target, name] : testing::SupportedTargets()) {
       const testing::ForcedTarget forced(target);
-      std::vector<float> acc(kBlock, 5.0f);
-      std::vector<float> out(kBlock);
-      for (const int n : {1, 15, 16, 17, 100, kBlock}) {
+      std::vector<float> acc(kDatapathBlock, 5.0f);
+      std::vector<float> out(kDatapathBlock);
+      for (const int n : {1, 15, 16, 17, 100, kDatapathBlock}) {
         const auto warns = [&] {
           const auto& loops = LoopsOf(datapath);
           const bool added = loops.accumulate(datapath, acc.data(), ones.data(), n, out.data());
@@ -313,7 +314,7 @@ TYPED_TEST(VectorDatapathTest, Corners) {
       for (const bool use_fp16_acc : {false, true}) {
         const typename TypeParam::DatapathType datapath(width, shift, use_fp16_acc);
         for (const Data data : {Data::kSmall, Data::kCorners, Data::kFull}) {
-          const int n = random.Pick<int>({1, 8, 15, 43, kBlock});
+          const int n = random.Pick<int>({1, 8, 15, 43, kDatapathBlock});
           const CornerArrays<T> in(&random, data, n, random.Between(0, 3));
           ASSERT_NO_FATAL_FAILURE(CheckCorners(
               datapath, in, n, Describe("width", width, "shift", shift, "fp16", use_fp16_acc)));
@@ -361,24 +362,25 @@ TEST(VectorDatapath, Pairs) {
 
 TEST(VectorDatapath, ForEachBlockDefinesTheBlocksThatWarn) {
   using Blocks = std::vector<std::pair<int64_t, int64_t>>;
-  for (const int64_t count : {0, 1, kBlock - 1, kBlock, kBlock + 1, 3 * kBlock, 3 * kBlock + 7}) {
+  for (const int64_t count : {0, 1, kDatapathBlock - 1, kDatapathBlock, kDatapathBlock + 1,
+                              3 * kDatapathBlock, 3 * kDatapathBlock + 7}) {
     Blocks fast;
     Blocks defined;
     ForEachBlock(
         count,
         [&fast](int64_t first, int n) {
           fast.emplace_back(first, n);
-          return first == kBlock;
+          return first == kDatapathBlock;
         },
         [&defined](int64_t first, int64_t n) { defined.emplace_back(first, n); });
     int64_t next = 0;
     for (const auto& [first, n] : fast) {
       EXPECT_EQ(first, next);
-      EXPECT_TRUE(n == kBlock || (n > 0 && n < kBlock && first + n == count));
+      EXPECT_TRUE(n == kDatapathBlock || (n > 0 && n < kDatapathBlock && first + n == count));
       next = first + n;
     }
     EXPECT_EQ(next, count);
-    EXPECT_EQ(defined, count > kBlock ? Blocks({fast[1]}) : Blocks());
+    EXPECT_EQ(defined, count > kDatapathBlock ? Blocks({fast[1]}) : Blocks());
   }
 }
 
@@ -390,7 +392,7 @@ TEST(VectorDatapath, PeriodicArrayGoesOnFromAnyPlace) {
     for (const int64_t first : {int64_t{0}, int64_t{1}, period - 1, period, period + 1,
                                 3 * period + 2, int64_t{1} << 40}) {
       const int32_t* block = array.From(first);
-      for (int64_t i = 0; i < kBlock; ++i) {
+      for (int64_t i = 0; i < kDatapathBlock; ++i) {
         ASSERT_EQ(block[i], (first + i) % period) << "period " << period << " from " << first;
       }
     }
@@ -401,7 +403,8 @@ TEST(VectorDatapath, PeriodicArrayGoesOnFromAnyPlace) {
     for (auto& element : elements) element = -element;
     std::copy_n(elements.data(), period, refilled.FirstPeriod());
     refilled.Continue();
-    for (int64_t i = 0; i < kBlock; ++i) ASSERT_EQ(refilled.From(1)[i], -((i + 1) % period));
+    for (int64_t i = 0; i < kDatapathBlock; ++i)
+      ASSERT_EQ(refilled.From(1)[i], -((i + 1) % period));
   }
 }
 

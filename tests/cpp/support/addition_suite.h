@@ -56,7 +56,7 @@ void CrossSizes() {
 template <typename Op>
 Addition<float> WarningAt(const std::vector<size_t>& at, bool use_fp16_acc) {
   Random random(0x3a41);
-  constexpr int64_t kCount = 2 * kBlock + 276;
+  constexpr int64_t kCount = 2 * kDatapathBlock + 276;
   Addition<float> c = DrawAddition<Op, float>(&random, Data::kSmall, kCount, 7);
   if (!Op::kRepeats) c.second.assign(c.second.size(), 1.0f);
   for (const size_t i : at) {
@@ -196,7 +196,8 @@ TYPED_TEST_P(FeedSuite, PassesMadeOrProven) {
     for (const int width : {0, 1, 8, 31, 32}) {
       for (const Data data : {Data::kSmall, Data::kCorners}) {
         for (const bool use_fp16_acc : {false, true}) {
-          Addition<int32_t> c = DrawAddition<TypeParam, int32_t>(&random, data, kBlock + 3, 5);
+          Addition<int32_t> c =
+              DrawAddition<TypeParam, int32_t>(&random, data, kDatapathBlock + 3, 5);
           c.feed_repeat = repeat;
           c.accumulator_size = width;
           c.use_fp16_acc = use_fp16_acc;
