@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-numeric demo-detect test check device-test bench wheel format lint clean constraints
+.PHONY: help setup demo demo-numeric demo-detect test check fuzz device-test bench wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -30,6 +30,11 @@ check: ## the quick tests, for daily work: C++, Python, format
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py --quick
+
+fuzz: ## random calls of the ops under sanitizers, without end; FIRST=SEED where to begin
+	@scripts/setup.sh tests
+	@scripts/install_package.sh
+	@$(PYTHON) tests/robustness/caller.py --forever $(if $(FIRST),--first $(FIRST))
 
 device-test: ## the device kernels on this machine's GPU; needs a CUDA toolkit, nothing else
 	@scripts/device_test.sh

@@ -66,15 +66,10 @@ def lint_stage() -> Stage:
 
 def python_stages() -> list[Stage]:
     """Return the stages of the Python tests."""
-    robustness = []
-    if (ROOT / "tests" / "robustness").is_dir():
-        robustness.append(
-            pytest_stage("robustness", "Calls that are wrong on purpose", "tests/robustness")
-        )
     doctests = ("--doctest-modules", "--pyargs", "bitfold")
     return [
         pytest_stage("runtime", RUNTIME),
-        *robustness,
+        pytest_stage("robustness", "Calls that are wrong on purpose", "tests/robustness"),
         pytest_stage("doctests", "Examples in docstrings", *doctests),
     ]
 

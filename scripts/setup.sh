@@ -42,7 +42,8 @@ find_missing() {
   need python3-venv python3 -c 'import venv, ensurepip'
   need g++ c++ --version
   need cmake cmake_is_recent
-  if [ "$gpu" != OFF ]; then need clang-19 clang++-19 --version; fi
+  # Compiles device code, and in the tests the vector code once more.
+  if [ "$gpu" != OFF ] || [ "$goal" = tests ]; then need clang-19 clang++-19 --version; fi
   if [ "$goal" = tests ]; then
     need libgtest-dev has_header gtest/gtest.h
     need clang-format clang-format --version
@@ -67,7 +68,7 @@ install_missing() {
   as_root apt-get update -qq
   as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
     "${missing[@]}" >/dev/null ||
-    fail "apt could not install ${missing[*]}. (clang-19 is for device code alone; BITFOLD_GPU=OFF" \
+    fail "apt could not install ${missing[*]}. (Without tests clang-19 is for device code alone; BITFOLD_GPU=OFF" \
       "in the environment does without.)"
 }
 
