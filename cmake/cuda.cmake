@@ -73,6 +73,7 @@ endfunction()
 function(bitfold_set_device_flags)
   get_target_property(numerics bitfold_numerics INTERFACE_COMPILE_OPTIONS)
   get_target_property(warnings bitfold_warnings INTERFACE_COMPILE_OPTIONS)
+  list(FILTER warnings EXCLUDE REGEX "^\\$<") # for one host compiler only
   set(flags -std=c++17 "-I${PROJECT_SOURCE_DIR}/include" "-I${PROJECT_SOURCE_DIR}/src")
   if(device_is_clang)
     # The tree's headers first: a machine may have others in /usr/local/include.
