@@ -21,7 +21,7 @@ from support import ROOT
 # own room and of every room that is reached by going down.
 BELOW = {
     "ops": ("cpu", "device"),
-    "c_api": ("vector",),
+    "c_api": ("frame",),
     "cpu": ("chain",),
     "chain": ("vector",),
     "vector": ("frame",),
