@@ -16,10 +16,10 @@ namespace bitfold {
 // the runtime's.
 std::vector<Frame> ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options);
 
-// The quiet form, with the frame of DefineClassNMS and no message: candidates in the order of their selection, each
-// tested against the boxes selected before it. False, and nothing written, where the definition is
-// needed: no boxes, scores or coordinates that are NaN, coordinates above 2^20 in magnitude,
-// thresholds of 2 and more.
+// The quiet form, with the frame of DefineClassNMS and no message: candidates in the order of their
+// selection, each tested against the boxes selected before it. False, and nothing written, where
+// the definition is needed: no boxes, scores or coordinates that are NaN, coordinates above 2^20 in
+// magnitude, thresholds of 2 and more.
 bool ComputeClassNMS(const std::vector<Box>& boxes, const SuppressionOptions& options,
                      Frame* frame);
 
