@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import os
+import pathlib
 import time
 from collections.abc import Callable
 from dataclasses import dataclass
@@ -80,3 +81,15 @@ def seconds(call: Callable[[], object], budget: float) -> float:
         call()
         times.append(time.perf_counter() - start)
     return float(np.median(times))
+
+
+def vector_target() -> str:
+    """Return the instruction set that the vector loops take on this machine."""
+    features = set()
+    for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines():
+        if line.startswith("flags"):
+            features = set(line.split())
+            break
+    if {"avx512f", "avx512bw", "avx512dq", "avx512vl"} <= features:
+        return "AVX-512"
+    return "AVX2" if "avx2" in features else "portable"

@@ -101,6 +101,34 @@ def random_settings(rng: np.random.Generator, dtype: type) -> dict[str, Any]:
     }
 
 
+# ---- Inferred shapes ---------------------------------------------------------------------------
+
+KEPT_SHAPES = [[2, 3], [None, 3], [1, 2, 3, 4], [None, None, 3], [], None]
+# (value, bias, result)
+CHANNELS_MERGED = [
+    ([2, 3], [3], [2, 3]),
+    ([None, None], [3], [None, 3]),
+    ([5, 4, 4, None], [3], [5, 4, 4, 3]),
+    ([5, 4, 4, 3], [None], [5, 4, 4, 3]),
+    ([2, 2, 3], [3], [2, 2, 3]),
+    (None, [3], None),
+]
+# (value, bias, text)
+CHANNELS_REFUSED = [
+    ([2, 3], [4], "Dimensions must be equal, but are 3 and 4"),
+    ([2, 3], [1, 3], "Shape must be rank 1 but is rank 2"),
+    ([3], [3], "Shape must be at least rank 2 but is rank 1"),
+]
+
+
+def inferred(op: Callable, /, *shapes: Any, **arguments: Any) -> list[int | None] | None:
+    """Return the shape that an op's rule finds for int32 inputs of shapes; None: nothing known."""
+    with tf.Graph().as_default():
+        inputs = [tf.compat.v1.placeholder(tf.int32, shape) for shape in shapes]
+        shape = op(*inputs, **arguments).shape
+    return None if shape.rank is None else shape.as_list()
+
+
 # ---- Refusals ----------------------------------------------------------------------------------
 
 # (element type, width, text): refused by whatever has an accumulator, before any input is read.

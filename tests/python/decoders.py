@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import itertools
+import re
 from collections.abc import Callable
 from typing import Any
 
@@ -170,6 +171,30 @@ class Suite:
         for shape in ([1, 1, 1, 2, 3], [1, 1, 2]):
             with pytest.raises(ValueError, match="Shape must be rank 4 but is rank"):
                 function(shape)
+
+    # ---- The shape function ----
+
+    @pytest.mark.parametrize(
+        ("shape", "expected"),
+        [
+            ([2, 3, 5, 6], [2, 3, 5, 12]),
+            ([2, 3, 5, 7], [2, 3, 5, 14]),
+            ([None, 3, None, None], [None, 3, None, None]),
+            (None, [None] * 4),
+        ],
+    )
+    def test_the_rule_doubles_the_last_dimension(self, shape, expected):
+        """Two numbers in, four corners out."""
+        others = [None] * (3 + len(self.names))
+        assert checks.inferred(self.op, shape, *others) == expected
+
+    @pytest.mark.parametrize("rank", [0, 3, 5])
+    def test_the_rule_refuses(self, rank):
+        """The rule knows rank 4 alone."""
+        others = [None] * (3 + len(self.names))
+        text = f"Shape must be rank 4 but is rank {rank}"
+        with pytest.raises(ValueError, match=re.escape(text)):
+            checks.inferred(self.op, [1] * rank, *others)
 
     # ---- Refusals ----
 

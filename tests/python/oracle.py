@@ -8,6 +8,7 @@ import ctypes
 import functools
 import os
 import pathlib
+import re
 import subprocess
 import tempfile
 from typing import Any
@@ -16,22 +17,42 @@ import numpy as np
 import support
 
 _SUFFIX = {np.dtype(np.int32): "int32", np.dtype(np.float32): "float"}
-_C_TYPE = {np.dtype(np.int32): ctypes.c_int32, np.dtype(np.float32): ctypes.c_float}
+_SOURCE = support.ROOT / "tests" / "reference"
 _LOG_CAPACITY = 1024
+# A function of the C interface: its result, its name and its parameters.
+_FUNCTION = re.compile(r"(?m)^(\w+) (reference_\w+)\(([^)]*)\) \{")
 
 
 @functools.cache
 def library() -> ctypes.CDLL:
-    """Return the oracle's library: the given one, one built by CMake, or one built now."""
+    """Return the oracle's library, its functions declared as its C interface has them."""
+    found = _load()
+    for source in sorted(_SOURCE.glob("*_c.cc")):
+        for result, name, parameters in _FUNCTION.findall(source.read_text()):
+            function = getattr(found, name)
+            function.restype = _c_type(result)
+            function.argtypes = [_c_type(p) for p in parameters.split(",") if p]
+    return found
+
+
+def _c_type(declared: str) -> Any:
+    """Return the type of a result or of a parameter with its name."""
+    if "*" in declared:
+        return ctypes.c_void_p
+    name = declared.split()[0].removesuffix("_t")
+    return None if name == "void" else getattr(ctypes, f"c_{name}")
+
+
+def _load() -> ctypes.CDLL:
+    """Return the library: the given one, one built by CMake, or one built now."""
     given = os.environ.get("BITFOLD_REFERENCE_LIBRARY")
     if given:
         return ctypes.CDLL(given)
-    source = support.ROOT / "tests" / "reference"
-    newest = max(p.stat().st_mtime for p in source.iterdir())
+    newest = max(p.stat().st_mtime for p in _SOURCE.iterdir())
     for path in sorted((support.ROOT / "build" / "tests").glob("**/libbitfold_reference.so")):
         if path.stat().st_mtime >= newest:
             return ctypes.CDLL(str(path))
-    files = [p for p in source.glob("*.cc") if not p.stem.endswith("_selftest")]
+    files = [p for p in _SOURCE.glob("*.cc") if not p.stem.endswith("_selftest")]
     command = [os.environ.get("CXX", "c++"), "-std=c++17", "-O2", "-fPIC", "-shared"]
     with tempfile.TemporaryDirectory() as folder:
         path = pathlib.Path(folder) / "libbitfold_reference.so"
@@ -41,21 +62,23 @@ def library() -> ctypes.CDLL:
 
 
 class Oracle:
-    """The library and a buffer for what its functions report."""
+    """The library and a buffer for what its functions report.
+
+    A test that alone needs a model calls its function of tests/reference/*_c.cc by `lines`.
+    """
 
     def __init__(self) -> None:
         """Load the oracle's shared library."""
         self._library = library()
         self._text = ctypes.create_string_buffer(1 << 18)
 
-    def _lines(self, name: str, *arguments: Any) -> str:
+    def lines(self, name: str, *arguments: Any) -> str:
         """Call a function that reports text, with a buffer that holds it all."""
         function = getattr(self._library, name)
-        function.restype = ctypes.c_int64
-        length = function(*arguments, self._text, ctypes.c_int64(len(self._text)))
+        length = function(*arguments, self._text, len(self._text))
         if length >= len(self._text):
             self._text = ctypes.create_string_buffer(2 * length)
-            function(*arguments, self._text, ctypes.c_int64(len(self._text)))
+            function(*arguments, self._text, len(self._text))
         return self._text.value.decode()
 
 
@@ -66,48 +89,17 @@ class Reference(Oracle):
     """
 
     def __init__(self) -> None:
-        """Declare the functions with numbers of more types than int."""
+        """Load the oracle and name the functions that need nothing around them."""
         super().__init__()
-        i32, i64, f32 = ctypes.c_int32, ctypes.c_int64, ctypes.c_float
-        pointer, text = ctypes.c_void_p, [ctypes.c_char_p, ctypes.c_int64]
-        for dtype, suffix in _SUFFIX.items():
-            t = _C_TYPE[dtype]
-            scalars = [i32, i32, i32]  # the shift, the width and the mode, in either order
-            add = [pointer, pointer, t, f32, *scalars, i64]
-            for name, arguments in {
-                "add": add,
-                "bias_add": [*add, i64],
-                "decomposed_bias_add": [pointer, pointer, pointer, t, t, f32, *scalars, i64, i64],
-                "standalone_add": [pointer, pointer, pointer, *scalars, i64, i64],
-                "matmul": [pointer, pointer, *[i32] * 5, *scalars],
-                "bilinear": [pointer, pointer, i64, i64, i32, f32, i32, i32],
-                "decode_boxes": [pointer, *[i64] * 4, *scalars],
-                "decode_boxes_single_weight": [pointer, *[i64] * 4, *scalars],
-                "convolve": [pointer] * 4,
-            }.items():
-                log = [pointer, *text] if name == "matmul" else []
-                self._declare(f"reference_{name}_{suffix}", i64, [*arguments, pointer, *log, *text])
-        self._declare("reference_nms", i64, [*[pointer] * 5, i64, pointer, *text])
-        self._declare("reference_accumulator_int", i64, [i32, i32, i32, pointer, *text])
-        self._declare("reference_accumulator_half", f32, [f32, f32])
-        self._declare("reference_multiply", i32, [i32, i32])
-        self._declare("reference_shift_int", i32, [i32, i32])
-        self._declare("reference_shift_half", f32, [i32])
-        self._declare("reference_output_size", i32, [i32] * 5)
         self.accumulator_half = self._library.reference_accumulator_half
         self.multiply = self._library.reference_multiply
         self.shift_int = self._library.reference_shift_int
         self.shift_half = self._library.reference_shift_half
 
-    def _declare(self, name: str, result: type, arguments: list) -> None:
-        function = getattr(self._library, name)
-        function.restype = result
-        function.argtypes = arguments
-
     def accumulator_int(self, a: int, b: int, width: int) -> tuple[int, str]:
         """One addition into an integer accumulator."""
         result = ctypes.c_int32()
-        lines = self._lines("reference_accumulator_int", a, b, width, ctypes.addressof(result))
+        lines = self.lines("reference_accumulator_int", a, b, width, ctypes.addressof(result))
         return result.value, lines
 
     def add(
@@ -125,7 +117,7 @@ class Reference(Oracle):
         """HAdd over the first `count` elements, all by default; the rest is 0."""
         value, elementwise = map(np.ascontiguousarray, (value, elementwise))
         out = np.zeros_like(value)
-        lines = self._lines(
+        lines = self.lines(
             f"reference_add_{_SUFFIX[value.dtype]}",
             value.ctypes.data, elementwise.ctypes.data, factor, feed_repeat, mult_shift,
             accumulator_size, use_fp16_acc, value.size if count is None else count,
@@ -147,7 +139,7 @@ class Reference(Oracle):
         """HBiasAdd, channels last."""
         value, bias = map(np.ascontiguousarray, (value, bias))
         out = np.zeros_like(value)
-        lines = self._lines(
+        lines = self.lines(
             f"reference_bias_add_{_SUFFIX[value.dtype]}",
             value.ctypes.data, bias.ctypes.data, factor, feed_repeat, mult_shift,
             accumulator_size, use_fp16_acc, value.size, value.shape[-1], out.ctypes.data,
@@ -170,7 +162,7 @@ class Reference(Oracle):
         """HDecomposedBiasAdd, channels last."""
         value, bias_a, bias_b = map(np.ascontiguousarray, (value, bias_a, bias_b))
         out = np.zeros_like(value)
-        lines = self._lines(
+        lines = self.lines(
             f"reference_decomposed_bias_add_{_SUFFIX[value.dtype]}",
             value.ctypes.data, bias_a.ctypes.data, bias_b.ctypes.data, factor_a, factor_b,
             feed_repeat, mult_shift, accumulator_size, use_fp16_acc, value.size, value.shape[-1],
@@ -192,7 +184,7 @@ class Reference(Oracle):
         value, elementwise, weights = map(np.ascontiguousarray, (value, elementwise, weights))
         out = np.zeros_like(value)
         count = value.size if value.ndim == 4 else value.shape[0] * value.shape[1]
-        lines = self._lines(
+        lines = self.lines(
             f"reference_standalone_add_{_SUFFIX[value.dtype]}",
             value.ctypes.data, elementwise.ctypes.data, weights.ctypes.data, mult_shift,
             accumulator_size, use_fp16_acc, count, value.shape[3 if value.ndim == 4 else 1],
@@ -241,7 +233,7 @@ class Reference(Oracle):
             ],
             np.int32,
         )  # fmt: skip
-        lines = self._lines(
+        lines = self.lines(
             f"reference_convolve_{_SUFFIX[input.dtype]}",
             parameters.ctypes.data, input.ctypes.data, filter.ctypes.data, pointer,
             out.ctypes.data,
@@ -266,7 +258,7 @@ class Reference(Oracle):
         for entry in range(a.shape[0] if a.ndim > 2 else 1):
             log = ctypes.create_string_buffer(_LOG_CAPACITY)
             length = ctypes.c_int64()
-            lines += self._lines(
+            lines += self.lines(
                 f"reference_matmul_{_SUFFIX[a.dtype]}",
                 a.ctypes.data, b.ctypes.data, a.shape[-1], a.shape[-2], b.shape[-1], b.shape[-2],
                 entry, accumulator_size, mult_shift, use_fp16_acc, out.ctypes.data,
@@ -288,7 +280,7 @@ class Reference(Oracle):
         out = np.zeros_like(inputs[0])
         neighbours, weights = _pointers(inputs[:4]), _pointers(inputs[4:])
         batch = out.shape[0]
-        lines = self._lines(
+        lines = self.lines(
             f"reference_bilinear_{_SUFFIX[out.dtype]}",
             neighbours, weights, out.size // batch, batch, mult_shift, bias, accumulator_size,
             float_accumulator, out.ctypes.data,
@@ -311,7 +303,7 @@ class Reference(Oracle):
         inputs = [np.ascontiguousarray(x) for x in inputs]
         *positions, last = inputs[0].shape
         out = np.zeros([*positions, 2 * last], inputs[0].dtype)
-        lines = self._lines(
+        lines = self.lines(
             f"reference_{name}_{_SUFFIX[out.dtype]}",
             _pointers(inputs), *positions, last // 2, accumulator_size, mult_shift, use_fp16_acc,
             out.ctypes.data,
@@ -337,7 +329,7 @@ class Reference(Oracle):
         out = np.zeros([value.shape[0], classes, int(max_output_size), 5], np.float32)
         rows = np.zeros(out.shape[:2], np.int64)
         length = ctypes.c_int64()
-        text = self._lines(
+        text = self.lines(
             "reference_nms",
             settings.ctypes.data, thresholds.ctypes.data, value.ctypes.data, rows.ctypes.data,
             out.ctypes.data, out.size, ctypes.addressof(length),

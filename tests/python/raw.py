@@ -13,7 +13,7 @@ import tensorflow as tf
 from bitfold import raw_ops
 
 
-def _unit(
+def unit(
     op: Callable,
     operands: Sequence[Any],
     scalars: Sequence[Any] = (),
@@ -37,7 +37,7 @@ def _addition(
 ) -> tf.Tensor:
     dtype = tf.as_dtype(operands[0].dtype).as_numpy_dtype
     scalars = [np.array([factor], dtype) for factor in factors]
-    return _unit(op, operands, [*scalars, np.array([feed_repeat], np.float32)], **arguments)
+    return unit(op, operands, [*scalars, np.array([feed_repeat], np.float32)], **arguments)
 
 
 def add(value: Any, elementwise: Any, *, factor: float = 1, **arguments: Any) -> tf.Tensor:
@@ -67,22 +67,22 @@ def decomposed_bias_add(
 def weighted_add(value: Any, elementwise: Any, weights: Any, **arguments: Any) -> tf.Tensor:
     """HStandaloneElementwiseAdd."""
     operands = (value, elementwise, weights)
-    return _unit(raw_ops.h_standalone_elementwise_add, operands, **arguments)
+    return unit(raw_ops.h_standalone_elementwise_add, operands, **arguments)
 
 
 def matmul(a: Any, b: Any, **arguments: Any) -> tf.Tensor:
     """HMatmul."""
-    return _unit(raw_ops.h_matmul, (a, b), **arguments)
+    return unit(raw_ops.h_matmul, (a, b), **arguments)
 
 
 def decode_boxes(*inputs: Any, **arguments: Any) -> tf.Tensor:
     """HBboxDecoder."""
-    return _unit(raw_ops.h_bbox_decoder, inputs, **arguments)
+    return unit(raw_ops.h_bbox_decoder, inputs, **arguments)
 
 
 def decode_boxes_single_weight(*inputs: Any, **arguments: Any) -> tf.Tensor:
     """HSingleWeightPerProposalBboxDecoder."""
-    return _unit(raw_ops.h_single_weight_per_proposal_bbox_decoder, inputs, **arguments)
+    return unit(raw_ops.h_single_weight_per_proposal_bbox_decoder, inputs, **arguments)
 
 
 def bilinear(

@@ -13,10 +13,17 @@ import hypothesis.strategies as st
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 import tensorflow as tf
 
 TYPES = checks.TYPES
+REGISTRATION = {
+    "HAdd": registration.accumulation(
+        ["value", "elementwise", "elementwise_factor", "elementwise_feed_repeat: float"],
+        registration.kernels("HAddOp", "CPU", "GPU"),
+    )
+}
 
 
 @pytest.fixture(scope="session")
@@ -311,6 +318,12 @@ def test_scalars_read_element_0(assert_bits):
         accumulator_size=32,
     )
     assert_bits(result, np.array([[13]], np.int32))
+
+
+@pytest.mark.parametrize("shape", checks.KEPT_SHAPES)
+def test_the_rule_keeps_the_shape(shape):
+    """The op has the shape of its first input, as far as that is known."""
+    assert checks.inferred(raw.add, shape, [7]) == shape
 
 
 # ---- Refusals ----------------------------------------------------------------------------------

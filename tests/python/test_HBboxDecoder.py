@@ -8,6 +8,7 @@ import decoders
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 
 TYPES = decoders.TYPES
@@ -19,6 +20,11 @@ NAMES = (
     "anchors_widths_div_2",
     "anchors_widths_minus_div_2",
 )
+REGISTRATION = {
+    "HBboxDecoder": registration.accumulation(
+        [*decoders.POSITIONS, *NAMES], registration.kernels("HBboxDecoderOp")
+    )
+}
 
 
 class TestBboxDecoder(decoders.Suite):

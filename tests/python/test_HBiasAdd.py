@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import itertools
+import re
 
 import checks
 import hypothesis
@@ -12,11 +13,18 @@ import hypothesis.strategies as st
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 import tensorflow as tf
 
 TYPES = checks.TYPES
 RANK_ERROR = "HBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)"
+REGISTRATION = {
+    "HBiasAdd": registration.accumulation(
+        ["value", "bias", "bias_factor", "bias_feed_repeat: float"],
+        registration.kernels("HBiasAddOp", "CPU", "GPU"),
+    )
+}
 
 
 @pytest.fixture(scope="session")
@@ -203,6 +211,19 @@ def test_scalars_read_element_0(assert_bits):
         accumulator_size=32,
     )
     assert_bits(result, np.array([[13]], np.int32))
+
+
+@pytest.mark.parametrize(("value", "bias", "expected"), checks.CHANNELS_MERGED)
+def test_the_rule_merges_the_channels(value, bias, expected):
+    """A value's shape; the bias tells the channels where they are unknown."""
+    assert checks.inferred(raw.bias_add, value, bias) == expected
+
+
+@pytest.mark.parametrize(("value", "bias", "text"), checks.CHANNELS_REFUSED)
+def test_the_rule_refuses(value, bias, text):
+    """The runtime's own rule for a bias."""
+    with pytest.raises(ValueError, match=re.escape(text)):
+        checks.inferred(raw.bias_add, value, bias)
 
 
 # ---- Refusals ----------------------------------------------------------------------------------

@@ -12,6 +12,7 @@ import hypothesis.strategies as st
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 import tensorflow as tf
 
@@ -28,6 +29,13 @@ INPUTS = (
 )
 # Widths below 0 are not refused here.
 WIDTHS = {t: (*support.WIDTHS[t], -1, -200) for t in TYPES}
+REGISTRATION = {
+    "HBilinear": registration.Registration(
+        inputs=[*(f"{name}: T" for name in INPUTS), "mult_shift: int8", "bias: float"],
+        attributes=[registration.ELEMENT_TYPE, "accumulator_size: int", "float_accumulator: bool"],
+        kernels=registration.kernels("HBilinearOp"),
+    )
+}
 
 
 @pytest.fixture(scope="session")
@@ -213,6 +221,15 @@ def test_property(dtype, data, check):
     settings = data.draw(checks.settings(dtype, bias=checks.numbers(np.float32)))
     settings["float_accumulator"] = settings.pop("use_fp16_acc")
     check(*arrays, **settings)
+
+
+# ---- The shape function ------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("shape", checks.KEPT_SHAPES)
+def test_the_rule_keeps_the_shape(shape):
+    """The op has the shape of its first input, as far as that is known."""
+    assert checks.inferred(raw.bilinear, shape, *[[7]] * 7) == shape
 
 
 # ---- Refusals ----------------------------------------------------------------------------------

@@ -6,18 +6,45 @@ from __future__ import annotations
 
 import re
 
+import checks
 import hypothesis
 import hypothesis.extra.numpy
 import hypothesis.strategies as st
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 import tensorflow as tf
 
 TYPES = (np.int32, np.float32)
 OPS = ("h_conv2d", "h_conv2d_dilation", "h_depth_wise")
 InvalidArgument = tf.errors.InvalidArgumentError
+
+
+def _registration(is_depthwise, *devices):
+    return registration.Registration(
+        inputs=["input: T", "filter: T", "elementwise: T", "mult_shift: int8"],
+        attributes=[
+            registration.ELEMENT_TYPE,
+            "strides: list(int)",
+            "dilations: list(int)",
+            "use_cudnn_on_gpu: bool = true",
+            'padding: {"SAME", "VALID"}',
+            registration.DATA_FORMAT,
+            "accumulator_size: int",
+            "use_fp16_acc: bool = false",
+            f"is_depthwise: bool = {is_depthwise}",
+        ],
+        kernels=registration.kernels("HConv2dOp", *devices),
+    )
+
+
+REGISTRATION = {
+    "HDepthWise": _registration("true", "CPU"),
+    "HConv2d": _registration("false", "CPU", "GPU"),
+    "HConv2dDilation": _registration("false", "CPU"),
+}
 
 
 @pytest.fixture(scope="session")
@@ -510,6 +537,129 @@ def test_integer_property(op, data, arguments, check):
 def test_float_property(op, data, arguments, check):
     """Any floats under any settings."""
     check(*data.draw(_arrays(np.float32, op == "h_depth_wise")), op=op, **arguments)
+
+
+# ---- The shape function ------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("op", OPS[:2])
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "expected"),
+    [
+        ([2, 7, 9, 3], [3, 3, 3, 5], {}, [2, 7, 9, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"padding": "VALID"}, [2, 5, 7, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"padding": "VALID", "strides": (2, 3)}, [2, 3, 3, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"strides": (2, 2)}, [2, 4, 5, 5]),
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"padding": "VALID", "dilations": (2, 1)}, [2, 3, 7, 5]),
+        ([None, 7, None, 3], [3, 3, None, 5], {"padding": "VALID"}, [None, 5, None, 5]),
+        ([2, 3, 7, 9], [3, 3, 3, 5], {"data_format": "NCHW"}, [2, 5, 7, 9]),
+        (None, [3, 3, 3, 5], {}, [None, None, None, 5]),
+        ([2, 7, 9, 3], None, {}, [2, 7, 9, None]),
+    ],
+)
+def test_inferred_shapes(op, input, filter, arguments, expected):
+    """The ordinary ops have the runtime's rule for a convolution."""
+    assert checks.inferred(raw.convolve, input, filter, op=op, **arguments) == expected
+
+
+@pytest.mark.parametrize("op", OPS[:2])
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "text"),
+    [
+        ([2, 7, 9, 3], [3, 3, 3, 5], {"strides": (1, 1, 1)}, "stride attribute to contain 4"),
+        ([2, 7, 9], [3, 3, 3, 5], {}, "Shape must be rank 4 but is rank 3"),
+        ([2, 7, 9, 3], [1, 3, 3, 3, 5], {}, "Shape must be rank 4 but is rank 5"),
+    ],
+)
+def test_shapes_refused_by_the_rule(op, input, filter, arguments, text):
+    """The counts and ranks that the runtime's rule refuses."""
+    with pytest.raises(ValueError, match=re.escape(text)):
+        checks.inferred(raw.convolve, input, filter, op=op, **arguments)
+
+
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "expected"),
+    [
+        ([2, 7, 9, 3], [3, 3, 3, 1], {}, [2, 7, 9, 3]),
+        # Inferred: the channels times the filter's last dimension.
+        ([2, 7, 9, 3], [3, 3, 3, 2], {}, [2, 7, 9, 6]),
+        ([2, 7, 9, 1], [3, 3, 1, 2], {"padding": "VALID"}, [2, 5, 7, 2]),
+        ([2, 7, 9, 3], [3, 3, 3, 1], {"strides": (2, 3)}, [2, 4, 3, 3]),
+        ([2, 7, 9, 3], [3, 5, 3, 1], {"padding": "VALID", "dilations": (3, 2)}, [2, 1, 1, 3]),
+        # With a filter for each image every dimension lies one further on.
+        ([2, 7, 9, 3], [2, 3, 5, 3, 4], {"padding": "VALID"}, [2, 5, 5, 12]),
+        ([2, 7, 9, 3], [None] * 5, {}, [2, 7, 9, None]),
+        # The format tells the places of the input's dimensions and of the strides.
+        ([2, 3, 7, 9], [3, 3, 3, 1], {"data_format": "NCHW"}, [2, 3, 7, 9]),
+        (
+            [2, 3, 7, 9],
+            [3, 3, 3, 2],
+            {"data_format": "NCHW", "padding": "VALID", "strides": (1, 1, 2, 3)},
+            [2, 6, 3, 3],
+        ),
+        (
+            [2, 3, 7, 9],
+            [3, 3, 3, 1],
+            {"data_format": "NCHW", "padding": "VALID", "dilations": (1, 1, 3, 4)},
+            [2, 3, 1, 1],
+        ),
+        # Partly unknown.
+        ([None, 7, 9, 3], [3, 3, 3, 1], {"padding": "VALID"}, [None, 5, 7, 3]),
+        ([2, None, 9, 3], [3, 3, 3, 1], {"padding": "VALID"}, [2, None, 7, 3]),
+        ([2, 7, 9, None], [3, 3, 3, 1], {}, [2, 7, 9, 3]),
+        ([2, 7, 9, 3], [3, 3, None, 2], {}, [2, 7, 9, 6]),
+        ([2, 7, 9, 3], [3, 3, 3, None], {}, [2, 7, 9, None]),
+        ([2, 7, 9, 3], [None, 3, 3, 1], {"padding": "VALID"}, [2, None, 7, 3]),
+        ([2, 7, 9, 3], None, {}, [2, 7, 9, None]),
+        (None, [3, 3, 3, 2], {}, [None, None, None, 6]),
+        (None, None, {"padding": "VALID"}, [None] * 4),
+    ],
+)
+def test_inferred_shapes_depthwise(input, filter, arguments, expected):
+    """The depthwise op has a rule of its own: depth in times the filter's last dimension."""
+    assert checks.inferred(raw.convolve, input, filter, op="h_depth_wise", **arguments) == expected
+
+
+@pytest.mark.parametrize(
+    ("input", "filter", "arguments", "text"),
+    [
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"strides": (1, 1, 1)},
+            "DepthwiseConv2D requires the stride attribute to contain 4 values, but got: 3",
+        ),
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"strides": (1, 1, 1, 1, 1)},
+            "DepthwiseConv2D requires the stride attribute to contain 4 values, but got: 5",
+        ),
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"dilations": (1,)},
+            "Conv2D requires the dilation attribute to contain 4 values, but got: 1",
+        ),
+        # The strides are looked at first.
+        (
+            [2, 7, 9, 3],
+            [3, 3, 3, 1],
+            {"strides": (1, 1, 1), "dilations": (1,)},
+            "DepthwiseConv2D requires the stride attribute to contain 4 values, but got: 3",
+        ),
+        ([2, 7, 9], [3, 3, 3, 1], {}, "Shape must be rank 4 but is rank 3"),
+        ([2, 7, 9, 3], [3, 3, 1], {}, "Shape must be at least rank 4 but is rank 3"),
+        # The kernel computes this filter; the rule does not know it.
+        ([2, 7, 9, 3], [3, 3, 1, 3], {}, "Dimensions must be equal, but are 3 and 1"),
+        ([2, 7, 9, 3], [2, 3, 3, 1, 3], {}, "Dimensions must be equal, but are 3 and 1"),
+        ([2, 3, 7, 9], [3, 3, 1, 1], {"data_format": "NCHW"}, "Dimensions must be equal"),
+    ],
+)
+def test_shapes_refused_by_the_rule_depthwise(input, filter, arguments, text):
+    """Counts of strides and dilations, ranks, and channels that do not match."""
+    with pytest.raises(ValueError, match=re.escape(text)):
+        checks.inferred(raw.convolve, input, filter, op="h_depth_wise", **arguments)
 
 
 # ---- Refusals ----------------------------------------------------------------------------------

@@ -11,6 +11,7 @@ import hypothesis.strategies as st
 import keras
 import numpy as np
 import pytest
+import registration
 import support
 import tensorflow as tf
 
@@ -23,6 +24,14 @@ COMPUTE = (
 )
 LUT = units.plain_lut()
 SOURCE = "src/HLayernorm"
+REGISTRATION = {
+    "HLayernorm": registration.Registration(
+        inputs=["value: float", *(f"{name}: uint32" for name in units.SCALARS), "lut: float"],
+        attributes=[],
+        output="output: float",
+        kernels={("CPU", ""): "HLayernormOp<CPUDevice>"},
+    )
+}
 
 
 def check(value, lut=LUT, **scalars):

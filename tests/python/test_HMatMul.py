@@ -7,6 +7,7 @@ from __future__ import annotations
 import contextlib
 import ctypes
 import itertools
+import re
 
 import checks
 import hypothesis
@@ -14,6 +15,7 @@ import hypothesis.strategies as st
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 import tensorflow as tf
 
@@ -21,6 +23,22 @@ import bitfold
 from bitfold import fpx
 
 TYPES = checks.TYPES
+REGISTRATION = {
+    "HMatmul": registration.Registration(
+        inputs=["a: T", "b: T", "mult_shift: int8"],
+        attributes=[
+            "transpose_a: bool = false",
+            "transpose_b: bool = false",
+            "accumulator_size: int",
+            registration.ELEMENT_TYPE,
+            "use_fp16_acc: bool = false",
+            "adj_x: bool = false",
+            "adj_y: bool = false",
+        ],
+        output="product: T",
+        kernels={("CPU", t): f"HMatMulOp<{t}>" for t in registration.TYPES},
+    )
+}
 
 
 @pytest.fixture(scope="session")
@@ -308,6 +326,48 @@ def test_counters_are_reset():
         with contextlib.suppress(tf.errors.InvalidArgumentError):
             call()
         assert not any(fpx.counters())
+
+
+# ---- The shape function ------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize(
+    ("a", "b", "attributes", "expected"),
+    [
+        ([2, 3], [3, 5], {}, [2, 5]),
+        ([None, 3], [3, None], {}, [None, None]),
+        ([2, 3], None, {}, [2, None]),
+        ([3, 2], [3, 5], {"transpose_a": True}, [2, 5]),
+        ([2, 3], [5, 3], {"transpose_b": True}, [2, 5]),
+        # Any other rank of a: a batch of matrices.
+        ([4, 2, 3], [4, 3, 5], {}, [4, 2, 5]),
+        ([None, 2, None], [4, 3, 5], {}, [4, 2, 5]),
+        ([4, 3, 2], [4, 3, 5], {"adj_x": True}, [4, 2, 5]),
+        ([4, 2, 3], [4, 5, 3], {"adj_y": True}, [4, 2, 5]),
+        ([7, 4, 2, 3], [7, 4, 3, 5], {}, [7, 4, 2, 5]),
+    ],
+)
+def test_inferred_shapes(a, b, attributes, expected):
+    """The runtime's rules for a product of matrices, or of batches of them."""
+    assert checks.inferred(raw.matmul, a, b, **attributes) == expected
+
+
+@pytest.mark.parametrize(
+    ("a", "b", "text"),
+    [
+        ([2, 3], [4, 5], "Dimensions must be equal, but are 3 and 4"),
+        ([2, 3], [1, 3, 5], "Shape must be rank 2 but is rank 3"),
+        ([4, 2, 3], [4, 2, 5], "Dimensions must be equal, but are 3 and 2"),
+        ([4, 2, 3], [3, 5], "Shapes must be equal rank"),
+        ([4, 2, 3], [1, 3, 5], "Dimension 0 in both shapes must be equal, but are 4 and 1"),
+        ([4, 2, 3], [5], "Shape must be at least rank 2 but is rank 1"),
+        ([3], [3, 5], "Shape must be at least rank 2 but is rank 1"),
+    ],
+)
+def test_shapes_refused_by_the_rule(a, b, text):
+    """Inner dimensions that differ, and ranks."""
+    with pytest.raises(ValueError, match=re.escape(text)):
+        checks.inferred(raw.matmul, a, b)
 
 
 # ---- Refusals ----------------------------------------------------------------------------------

@@ -14,6 +14,7 @@ import keras
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 import tensorflow as tf
 
@@ -21,6 +22,20 @@ import units
 from bitfold import ops
 
 RANK_ERROR = "HNMS supports only rank 4"
+REGISTRATION = {
+    "HNMS": registration.Registration(
+        inputs=["value: float", "scores_threshold: float"],
+        attributes=[
+            "iou_threshold: float",
+            "max_output_size: float",
+            "classes: float",
+            "debug_precise_numeric: bool",
+            "is_velquin: bool",
+        ],
+        output="output: float",
+        kernels={("CPU", ""): "HNMSOp<CPUDevice>"},
+    )
+}
 
 
 @pytest.fixture(scope="session")

@@ -8,6 +8,7 @@ import decoders
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 
 TYPES = decoders.TYPES
@@ -18,6 +19,11 @@ NAMES = (
     "anchors_width_scale_factor_minus",
 )
 ONE = dict.fromkeys(NAMES, 1)
+REGISTRATION = {
+    "HSingleWeightPerProposalBboxDecoder": registration.accumulation(
+        [*decoders.POSITIONS, *NAMES], registration.kernels("HSingleWeightPerProposalBboxDecoderOp")
+    )
+}
 
 
 class TestSingleWeightPerProposalBboxDecoder(decoders.Suite):

@@ -11,6 +11,7 @@ import hypothesis.strategies as st
 import keras
 import numpy as np
 import pytest
+import registration
 import support
 import tensorflow as tf
 
@@ -22,6 +23,14 @@ FUNCTION = (
     "[with Device = Eigen::ThreadPoolDevice]"
 )
 TABLE = units.plain_softmax_table()
+REGISTRATION = {
+    "HSoftmax": registration.Registration(
+        inputs=["value: float", "lut_table: uint32"],
+        attributes=["is_velquin: bool"],
+        output="output: float",
+        kernels={("CPU", ""): "HSoftmaxOp<CPUDevice>"},
+    )
+}
 
 
 def check(value, table=TABLE, *, is_velquin=False):

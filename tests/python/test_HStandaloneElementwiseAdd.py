@@ -12,10 +12,17 @@ import hypothesis.strategies as st
 import numpy as np
 import pytest
 import raw
+import registration
 import support
 import tensorflow as tf
 
 TYPES = checks.TYPES
+REGISTRATION = {
+    "HStandaloneElementwiseAdd": registration.accumulation(
+        ["value", "elementwise", "weights"],
+        registration.kernels("HStandaloneElementwiseAddOp", "CPU", "GPU"),
+    )
+}
 
 
 @pytest.fixture(scope="session")
@@ -227,6 +234,12 @@ def test_shift_reads_element_0(assert_bits):
             6 * one, 2 * one, np.ones([2], np.int32), shift, accumulator_size=32
         )
         assert_bits(result, 4 * one)
+
+
+@pytest.mark.parametrize("shape", checks.KEPT_SHAPES)
+def test_the_rule_keeps_the_shape(shape):
+    """The op has the shape of its first input, as far as that is known."""
+    assert checks.inferred(raw.weighted_add, shape, [7], [7]) == shape
 
 
 # ---- Refusals ----------------------------------------------------------------------------------

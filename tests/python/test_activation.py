@@ -11,11 +11,36 @@ import hypothesis.strategies as st
 import keras
 import numpy as np
 import pytest
+import registration
 import support
 import tensorflow as tf
 
 import units
 from bitfold import ops, raw_ops
+
+REGISTRATION = {
+    "HActivation": registration.Registration(
+        inputs=[
+            "inp: int64",
+            "x_points: int64",
+            "offsets: int64",
+            "slopes_m: int64",
+            "slopes_e: int64",
+            "size_splits: int64",
+        ],
+        attributes=[
+            "is_8bit_to_16bit_mode: bool",
+            "is_velquin: bool",
+            "ebias: int",
+            "clip_bits: int",
+            "beta: int",
+            "is_16bit_precision_mode: bool",
+            "is_signed_output: bool",
+        ],
+        output="output: int32",
+        kernels={("CPU", ""): "Activation<CPUDevice>"},
+    )
+}
 
 
 def check(inp, tables, size_splits, **settings):

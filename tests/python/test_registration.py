@@ -12,189 +12,15 @@ import subprocess
 
 import numpy as np
 import pytest
+import registration
 import support
 import tensorflow as tf
 from tensorflow.core.framework import kernel_def_pb2, op_def_pb2
 
 import bitfold
-import units
 
-_ELEMENT_TYPE = "T: {float, int32}"
-_DATA_FORMAT = 'data_format: {"NHWC", "NCHW"} = "NHWC"'
-
-
-def _accumulation(*inputs: str) -> dict[str, list[str]]:
-    return {
-        "inputs": [
-            name if ": " in name else f"{name}: T" for name in (*inputs, "mult_shift: int8")
-        ],
-        "attributes": [
-            _ELEMENT_TYPE,
-            _DATA_FORMAT,
-            "accumulator_size: int",
-            "use_fp16_acc: bool = false",
-        ],
-        "outputs": ["output: T"],
-    }
-
-
-def _convolution(is_depthwise: str) -> dict[str, list[str]]:
-    return {
-        "inputs": ["input: T", "filter: T", "elementwise: T", "mult_shift: int8"],
-        "attributes": [
-            _ELEMENT_TYPE,
-            "strides: list(int)",
-            "dilations: list(int)",
-            "use_cudnn_on_gpu: bool = true",
-            'padding: {"SAME", "VALID"}',
-            _DATA_FORMAT,
-            "accumulator_size: int",
-            "use_fp16_acc: bool = false",
-            f"is_depthwise: bool = {is_depthwise}",
-        ],
-        "outputs": ["output: T"],
-    }
-
-
-# Every op in registration order, and its kernels as (device, element type) -> printable name.
-OPS = {
-    "HAdd": _accumulation(
-        "value", "elementwise", "elementwise_factor", "elementwise_feed_repeat: float"
-    ),
-    "HBboxDecoder": _accumulation(
-        "detection_centers",
-        "detection_w_h",
-        "y_centers",
-        "x_centers",
-        "anchors_heights",
-        "anchors_heights_div_2",
-        "anchors_heights_minus_div_2",
-        "anchors_widths",
-        "anchors_widths_div_2",
-        "anchors_widths_minus_div_2",
-    ),
-    "HBiasAdd": _accumulation("value", "bias", "bias_factor", "bias_feed_repeat: float"),
-    "HBilinear": {
-        "inputs": [
-            "im_out_upper_left: T",
-            "im_out_upper_right: T",
-            "im_out_bottom_left: T",
-            "im_out_bottom_right: T",
-            "one_m_rx_one_m_ry: T",
-            "rx_one_m_ry: T",
-            "ry_one_m_rx: T",
-            "rx_ry: T",
-            "mult_shift: int8",
-            "bias: float",
-        ],
-        "attributes": [_ELEMENT_TYPE, "accumulator_size: int", "float_accumulator: bool"],
-        "outputs": ["output: T"],
-    },
-    "HDepthWise": _convolution("true"),
-    "HConv2d": _convolution("false"),
-    "HConv2dDilation": _convolution("false"),
-    "HDecomposedBiasAdd": _accumulation(
-        "value",
-        "bias_a",
-        "bias_b",
-        "bias_a_factor",
-        "bias_b_factor",
-        "bias_feed_repeat: float",
-    ),
-    "HLayernorm": {
-        "inputs": ["value: float", *(f"{name}: uint32" for name in units.SCALARS), "lut: float"],
-        "attributes": [],
-        "outputs": ["output: float"],
-    },
-    "HMatmul": {
-        "inputs": ["a: T", "b: T", "mult_shift: int8"],
-        "attributes": [
-            "transpose_a: bool = false",
-            "transpose_b: bool = false",
-            "accumulator_size: int",
-            _ELEMENT_TYPE,
-            "use_fp16_acc: bool = false",
-            "adj_x: bool = false",
-            "adj_y: bool = false",
-        ],
-        "outputs": ["product: T"],
-    },
-    "HNMS": {
-        "inputs": ["value: float", "scores_threshold: float"],
-        "attributes": [
-            "iou_threshold: float",
-            "max_output_size: float",
-            "classes: float",
-            "debug_precise_numeric: bool",
-            "is_velquin: bool",
-        ],
-        "outputs": ["output: float"],
-    },
-    "HSingleWeightPerProposalBboxDecoder": _accumulation(
-        "detection_centers",
-        "detection_w_h",
-        "y_centers",
-        "x_centers",
-        "anchors_height_scale_factor",
-        "anchors_height_scale_factor_minus",
-        "anchors_width_scale_factor",
-        "anchors_width_scale_factor_minus",
-    ),
-    "HSoftmax": {
-        "inputs": ["value: float", "lut_table: uint32"],
-        "attributes": ["is_velquin: bool"],
-        "outputs": ["output: float"],
-    },
-    "HStandaloneElementwiseAdd": _accumulation("value", "elementwise", "weights"),
-    "HActivation": {
-        "inputs": [
-            "inp: int64",
-            "x_points: int64",
-            "offsets: int64",
-            "slopes_m: int64",
-            "slopes_e: int64",
-            "size_splits: int64",
-        ],
-        "attributes": [
-            "is_8bit_to_16bit_mode: bool",
-            "is_velquin: bool",
-            "ebias: int",
-            "clip_bits: int",
-            "beta: int",
-            "is_16bit_precision_mode: bool",
-            "is_signed_output: bool",
-        ],
-        "outputs": ["output: int32"],
-    },
-}
-# One kernel each, without a type constraint.
-UNTYPED_KERNELS = {
-    "HLayernorm": "HLayernormOp<CPUDevice>",
-    "HNMS": "HNMSOp<CPUDevice>",
-    "HSoftmax": "HSoftmaxOp<CPUDevice>",
-    "HActivation": "Activation<CPUDevice>",
-}
-# Two kernels each, float and int32; the class without its template arguments.
-KERNEL_CLASSES = {
-    "HAdd": "HAddOp",
-    "HBboxDecoder": "HBboxDecoderOp",
-    "HBiasAdd": "HBiasAddOp",
-    "HBilinear": "HBilinearOp",
-    "HDepthWise": "HConv2dOp",
-    "HConv2d": "HConv2dOp",
-    "HConv2dDilation": "HConv2dOp",
-    "HDecomposedBiasAdd": "HDecomposedBiasAddOp",
-    "HMatmul": "HMatMulOp",
-    "HSingleWeightPerProposalBboxDecoder": "HSingleWeightPerProposalBboxDecoderOp",
-    "HStandaloneElementwiseAdd": "HStandaloneElementwiseAddOp",
-}
-# These run on a GPU, too.
-GPU_OPS = ("HAdd", "HBiasAdd", "HConv2d", "HDecomposedBiasAdd", "HStandaloneElementwiseAdd")
-KERNEL_NAMES = [
-    f"{c}<{t}>" if c == "HMatMulOp" else f"{c}<CPUDevice, {t}>"
-    for c in sorted(set(KERNEL_CLASSES.values()))
-    for t in ("float", "int32")
-] + [f"{KERNEL_CLASSES[op]}<GPUDevice, {t}>" for op in GPU_OPS for t in ("float", "int32")]
+OPS = registration.all_registered()
+KERNEL_NAMES = sorted({name for op in OPS.values() for name in op.kernels.values()})
 SYMBOLS = {
     "accumulator_fp16_verification",
     "accumulator_int_verification",
@@ -301,11 +127,9 @@ def test_ops_in_registration_order(loaded):
 def test_definition(name, loaded):
     """Names and order of inputs, attributes with types, defaults and allowed values, outputs."""
     (op,) = [op for op in _definitions(loaded["first"]).op if op.name == name]
-    assert {
-        "inputs": [_argument(a) for a in op.input_arg],
-        "attributes": [_attribute(a) for a in op.attr],
-        "outputs": [_argument(a) for a in op.output_arg],
-    } == OPS[name]
+    assert [_argument(a) for a in op.input_arg] == OPS[name].inputs
+    assert [_attribute(a) for a in op.attr] == OPS[name].attributes
+    assert [_argument(a) for a in op.output_arg] == [OPS[name].output]
     flags = (op.is_stateful, op.is_commutative, op.is_aggregate, op.allows_uninitialized_input)
     assert not any(flags)
 
@@ -318,7 +142,7 @@ def test_kernels(loaded):
     for serialised in added:
         kernel = kernel_def_pb2.KernelDef()
         kernel.ParseFromString(bytes.fromhex(serialised))
-        if kernel.op in UNTYPED_KERNELS:
+        if not OPS[kernel.op].has_element_type:
             assert not kernel.constraint
             type_name = ""
         else:
@@ -330,13 +154,11 @@ def test_kernels(loaded):
         assert not kernel.label
         assert kernel.priority == 0
         found.append((kernel.op, kernel.device_type, type_name))
-    expected = [(op, "CPU", t) for op in KERNEL_CLASSES for t in ("float", "int32")]
-    expected += [(op, "GPU", t) for op in GPU_OPS for t in ("float", "int32")]
-    expected += [(op, "CPU", "") for op in UNTYPED_KERNELS]
+    expected = [(name, *kernel) for name, op in OPS.items() for kernel in op.kernels]
     assert sorted(found) == sorted(expected)
 
 
-@pytest.mark.parametrize("name", KERNEL_NAMES + list(UNTYPED_KERNELS.values()))
+@pytest.mark.parametrize("name", KERNEL_NAMES)
 def test_kernel_names(name):
     """Kernels are registered under their printable names."""
     assert name.encode() + b"\0" in pathlib.Path(bitfold.library_path()).read_bytes()
@@ -353,7 +175,7 @@ def test_loading_twice_is_harmless(loaded):
     assert loaded["second"] == loaded["first"]
 
 
-@pytest.mark.parametrize("name", KERNEL_CLASSES)
+@pytest.mark.parametrize("name", [name for name, op in OPS.items() if op.has_element_type])
 @pytest.mark.parametrize(
     "dtype",
     ["int8", "uint8", "int16", "uint16", "int64", "float16", "bfloat16", "float64", "bool"],
@@ -365,22 +187,16 @@ def test_other_element_types_are_refused(name, dtype):
         "float": np.ones([1], np.float32),
         "int8": np.ones([1], np.int8),
     }
-    attributes = {
-        "strides": [1] * 4,
-        "dilations": [1] * 4,
-        "padding": "SAME",
-        "accumulator_size": 8,
-        "float_accumulator": False,
-    }
-    names = [attribute.split(":")[0] for attribute in OPS[name]["attributes"]]
+    attributes = {"int": 8, "bool": False, "list(int)": [1] * 4, '{"SAME", "VALID"}': "SAME"}
+    needed = [a.split(": ", 1) for a in OPS[name].attributes if " = " not in a]
     call = getattr(bitfold.raw_ops, re.sub(r"(?<!^)(?=[A-Z])", "_", name).lower())
     with pytest.raises(
         (tf.errors.InvalidArgumentError, tf.errors.NotFoundError),
         match=r"(?i)allowed values|kernel",
     ):
         call(
-            *(inputs[argument.split(": ")[1]] for argument in OPS[name]["inputs"]),
-            **{key: value for key, value in attributes.items() if key in names},
+            *(inputs[argument.split(": ")[1]] for argument in OPS[name].inputs),
+            **{key: attributes[kind] for key, kind in needed if key != "T"},
         )
 
 

@@ -40,10 +40,10 @@ def files() -> tuple[pathlib.Path, ...]:
 
 
 def text(path: pathlib.Path) -> str:
-    """Return a file's text; nothing for a binary one."""
+    """Return a file's text; nothing for a binary one or none."""
     try:
         return path.read_text()
-    except UnicodeDecodeError:
+    except (FileNotFoundError, UnicodeDecodeError):
         return ""
 
 
@@ -241,6 +241,14 @@ def test_op_has_its_files(stem, path, what):
     assert (ROOT / path).is_file(), f"write {path} ({what}); docs/adding-an-op.md tells how"
 
 
+@pytest.mark.parametrize("stem", OP_SOURCES)
+def test_op_is_called_at_random(stem):
+    """The random caller draws valid calls of each file's ops, to spoil them."""
+    path = ROOT / "tests" / "robustness" / "valid_calls" / f"{stem}.py"
+    missing = [name for name in _registered(stem) if f'"{name}"' not in text(path)]
+    assert not missing, f"write what draws valid calls of {' and '.join(missing)} in {where(path)}"
+
+
 def _included(path: pathlib.Path) -> set[str]:
     """Return the headers of tests/ that a file of them includes, by way of others too."""
     tests = ROOT / "tests"
@@ -275,7 +283,7 @@ def test_op_is_compared_with_the_oracle_in_python(stem):
     shared = [path.with_name(f"{m}.py") for m in re.findall(r"(?m)^import (\w+)$", text(path))]
     assert any(re.search(r"\breference\b", text(p)) for p in (path, *shared) if p.is_file()), (
         f"compare with the oracle in {where(path)}: give the model a C interface in "
-        "tests/reference/*_c.cc and the fixture `reference` a method that calls it"
+        "tests/reference/*_c.cc and call it by `reference.lines`"
     )
 
 
@@ -323,11 +331,11 @@ def test_op_has_its_wrapper(name):
 @pytest.mark.parametrize("stem", OP_SOURCES)
 def test_op_is_timed_beside_the_stock_op(stem):
     """`make bench` has a case that calls a wrapper of each file's ops."""
-    cases = "".join(text(ROOT / "bench" / name) for name in ("run.py", "chains.py"))
+    cases = "".join(map(text, (ROOT / "bench").glob("*_cases.py")))
     wrappers = [_wrappers().get(name.lower(), "") for name in _registered(stem)]
     assert any(re.search(rf"\bops\.{wrapper}\b", cases) for wrapper in wrappers if wrapper), (
-        f"add a case to bench/run.py that calls {' or '.join(wrappers)} of bitfold.ops beside what "
-        "the stock ops offer"
+        f"write a case in a module bench/*_cases.py that calls {' or '.join(wrappers)} of "
+        "bitfold.ops beside what the stock ops offer"
     )
 
 

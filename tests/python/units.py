@@ -75,7 +75,7 @@ class Reference(oracle.Oracle):
         value, table = np.array(value, order="C"), np.ascontiguousarray(lut_table)
         out = np.zeros_like(value)
         vectors = value.shape[0] if value.ndim > 1 else 1
-        lines = self._lines(
+        lines = self.lines(
             "reference_softmax", _pointer(value), _pointer(out), value.size, vectors,
             _pointer(table), int(is_velquin),
         )  # fmt: skip
@@ -106,7 +106,7 @@ class Reference(oracle.Oracle):
         values = np.array(values, np.float32, order="C")
         out = np.zeros(values.shape, fpx.DTYPE)
         counters = (ctypes.c_int32 * 4)()
-        self._lines(
+        self.lines(
             "reference_fpx_from_float", _pointer(values), values.size, exp_len, man_len,
             _pointer(out), counters,
         )  # fmt: skip
@@ -116,14 +116,14 @@ class Reference(oracle.Oracle):
         """floatX_to32 over an array."""
         values = np.array(values, order="C")
         out = np.zeros(values.shape, np.float32)
-        self._lines("reference_fpx_to_float", _pointer(values), values.size, _pointer(out))
+        self.lines("reference_fpx_to_float", _pointer(values), values.size, _pointer(out))
         return out
 
     def resize(self, values: np.ndarray, exp_len: int, man_len: int) -> tuple[np.ndarray, list]:
         """ResizeX over an array: the values and how far the four counters moved."""
         out = np.array(values, order="C")
         counters = (ctypes.c_int32 * 4)()
-        self._lines("reference_fpx_resize", _pointer(out), out.size, exp_len, man_len, counters)
+        self.lines("reference_fpx_resize", _pointer(out), out.size, exp_len, man_len, counters)
         return out, list(counters)
 
     def binary(self, name: str, a: np.ndarray, b: np.ndarray) -> np.ndarray:
@@ -131,7 +131,7 @@ class Reference(oracle.Oracle):
         a, b = np.array(a, order="C"), np.array(b, order="C")
         out = np.zeros(a.shape, fpx.DTYPE)
         out["exp_len"], out["man_len"] = a["exp_len"], a["man_len"]
-        self._lines(f"reference_fpx_{name}", _pointer(a), _pointer(b), _pointer(out), a.size)
+        self.lines(f"reference_fpx_{name}", _pointer(a), _pointer(b), _pointer(out), a.size)
         return out
 
 

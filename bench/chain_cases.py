@@ -7,7 +7,7 @@ quarter of a millisecond, is shared. The stock op takes floats; beside a convolu
 the mobile runtime's in 8-bit integers, where the installed TensorFlow still has it. It is given its
 data and its weights in 8 bits, packed beforehand, which no op that takes tensors is.
 
-    .venv/bin/python bench/chains.py
+    .venv/bin/python bench/chain_cases.py
 
 prints the times of the stock layers alone, as JSON: run.py asks for them in a process of its own,
 limited to AVX2.
@@ -143,7 +143,7 @@ class Chain(Case):
     layer: Layer | None = None  # of bytes: what the mobile runtime computes
 
 
-def chain_cases() -> list[Chain]:
+def cases() -> list[Chain]:
     """Return all of them."""
     return [*convolutions(), *matrix_products()]
 
