@@ -5,10 +5,6 @@
 from __future__ import annotations
 
 import dataclasses
-import functools
-import importlib
-import pathlib
-import re
 
 ELEMENT_TYPE = "T: {float, int32}"
 DATA_FORMAT = 'data_format: {"NHWC", "NCHW"} = "NHWC"'
@@ -54,13 +50,3 @@ def accumulation(inputs: list[str], kernels: dict[tuple[str, str], str]) -> Regi
         ],
         kernels=kernels,
     )
-
-
-@functools.cache
-def all_registered() -> dict[str, Registration]:
-    """Return what the test modules state, in the order of their names: that of registration."""
-    registered: dict[str, Registration] = {}
-    for path in sorted(pathlib.Path(__file__).parent.glob("test_*.py")):
-        if re.search(r"(?m)^REGISTRATION\b", path.read_text()):
-            registered |= importlib.import_module(path.stem).REGISTRATION
-    return registered

@@ -14,6 +14,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 import tensorflow as tf
 
@@ -23,6 +24,13 @@ REGISTRATION = {
         ["value", "elementwise", "elementwise_factor", "elementwise_feed_repeat: float"],
         registration.kernels("HAddOp", "CPU", "GPU"),
     )
+}
+WRAPPERS = {
+    "add": stated.Wrapper(
+        [(2, 3, 3, 2), (2, 3, 3, 2)],
+        {"accumulator_size": 6, "factor": 3, "feed_repeat": 2.5, "mult_shift": 1},
+        raw.add,
+    ),
 }
 
 

@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 
 TYPES = decoders.TYPES
@@ -24,6 +25,13 @@ REGISTRATION = {
     "HBboxDecoder": registration.accumulation(
         [*decoders.POSITIONS, *NAMES], registration.kernels("HBboxDecoderOp")
     )
+}
+WRAPPERS = {
+    "decode_boxes": stated.Wrapper(
+        [(2, 4, 5, 6), (2, 4, 5, 6), (4, 6), (5, 6), *[(3,)] * 6],
+        {"accumulator_size": 8, "mult_shift": 1},
+        raw.decode_boxes,
+    ),
 }
 
 

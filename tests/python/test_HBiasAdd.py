@@ -14,6 +14,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 import tensorflow as tf
 
@@ -24,6 +25,13 @@ REGISTRATION = {
         ["value", "bias", "bias_factor", "bias_feed_repeat: float"],
         registration.kernels("HBiasAddOp", "CPU", "GPU"),
     )
+}
+WRAPPERS = {
+    "bias_add": stated.Wrapper(
+        [(2, 3, 3, 2), (2,)],
+        {"accumulator_size": 6, "factor": 3, "feed_repeat": 2.5, "mult_shift": 1},
+        raw.bias_add,
+    ),
 }
 
 

@@ -13,6 +13,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 import tensorflow as tf
 
@@ -35,6 +36,13 @@ REGISTRATION = {
         attributes=[registration.ELEMENT_TYPE, "accumulator_size: int", "float_accumulator: bool"],
         kernels=registration.kernels("HBilinearOp"),
     )
+}
+WRAPPERS = {
+    "bilinear": stated.Wrapper(
+        [(2, 3, 4, 2)] * 4 + [(3, 4, 2)] * 4,
+        {"accumulator_size": 7, "mult_shift": 2, "bias": 5.0},
+        raw.bilinear,
+    ),
 }
 
 

@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import functools
 import re
 
 import checks
@@ -14,6 +15,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 import tensorflow as tf
 
@@ -44,6 +46,23 @@ REGISTRATION = {
     "HDepthWise": _registration("true", "CPU"),
     "HConv2d": _registration("false", "CPU", "GPU"),
     "HConv2dDilation": _registration("false", "CPU"),
+}
+WRAPPERS = {
+    "conv2d": stated.Wrapper(
+        [(2, 5, 4, 2), (3, 3, 2, 4)],
+        {"strides": (2, 1), "padding": "VALID", "accumulator_size": 9, "mult_shift": 1},
+        raw.convolve,
+    ),
+    "dilated_conv2d": stated.Wrapper(
+        [(2, 5, 4, 2), (3, 3, 2, 4)],
+        {"dilations": (2, 1), "accumulator_size": 9, "mult_shift": 2},
+        functools.partial(raw.convolve, op="h_conv2d_dilation"),
+    ),
+    "depthwise_conv2d": stated.Wrapper(
+        [(2, 5, 4, 2), (3, 3, 1, 2)],
+        {"strides": (2, 1), "padding": "VALID", "accumulator_size": 9, "mult_shift": 1},
+        functools.partial(raw.convolve, op="h_depth_wise"),
+    ),
 }
 
 

@@ -15,6 +15,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 import tensorflow as tf
 
@@ -25,6 +26,13 @@ REGISTRATION = {
         ["value", "bias_a", "bias_b", "bias_a_factor", "bias_b_factor", "bias_feed_repeat: float"],
         registration.kernels("HDecomposedBiasAddOp", "CPU", "GPU"),
     )
+}
+WRAPPERS = {
+    "decomposed_bias_add": stated.Wrapper(
+        [(2, 3, 3, 2), (2,), (2,)],
+        {"accumulator_size": 6, "factor_a": 3, "factor_b": -2, "feed_repeat": 2.5},
+        raw.decomposed_bias_add,
+    ),
 }
 
 

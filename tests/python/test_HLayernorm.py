@@ -32,6 +32,7 @@ REGISTRATION = {
         kernels={("CPU", ""): "HLayernormOp<CPUDevice>"},
     )
 }
+WRAPPERS = {"layer_norm": None}
 
 
 def check(value, lut=LUT, **scalars):

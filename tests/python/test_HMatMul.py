@@ -16,6 +16,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 import tensorflow as tf
 
@@ -38,6 +39,11 @@ REGISTRATION = {
         output="product: T",
         kernels={("CPU", t): f"HMatMulOp<{t}>" for t in registration.TYPES},
     )
+}
+WRAPPERS = {
+    "matmul": stated.Wrapper(
+        [(2, 3, 4), (2, 4, 5)], {"accumulator_size": 8, "mult_shift": 2}, raw.matmul
+    ),
 }
 
 

@@ -36,6 +36,7 @@ REGISTRATION = {
         kernels={("CPU", ""): "HNMSOp<CPUDevice>"},
     )
 }
+WRAPPERS = {"non_max_suppression": None}
 
 
 @pytest.fixture(scope="session")

@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 
 TYPES = decoders.TYPES
@@ -23,6 +24,13 @@ REGISTRATION = {
     "HSingleWeightPerProposalBboxDecoder": registration.accumulation(
         [*decoders.POSITIONS, *NAMES], registration.kernels("HSingleWeightPerProposalBboxDecoderOp")
     )
+}
+WRAPPERS = {
+    "decode_boxes_single_weight": stated.Wrapper(
+        [(2, 4, 5, 6), (2, 4, 5, 6), (4, 6), (5, 6), *[(3,)] * 4],
+        {"accumulator_size": 8, "mult_shift": 1},
+        raw.decode_boxes_single_weight,
+    ),
 }
 
 

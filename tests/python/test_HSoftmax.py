@@ -31,6 +31,7 @@ REGISTRATION = {
         kernels={("CPU", ""): "HSoftmaxOp<CPUDevice>"},
     )
 }
+WRAPPERS = {"softmax": None}
 
 
 def check(value, table=TABLE, *, is_velquin=False):

@@ -13,6 +13,7 @@ import numpy as np
 import pytest
 import raw
 import registration
+import stated
 import support
 import tensorflow as tf
 
@@ -22,6 +23,13 @@ REGISTRATION = {
         ["value", "elementwise", "weights"],
         registration.kernels("HStandaloneElementwiseAddOp", "CPU", "GPU"),
     )
+}
+WRAPPERS = {
+    "weighted_add": stated.Wrapper(
+        [(2, 3, 3, 2), (2, 3, 3, 2), (4,)],
+        {"accumulator_size": 7, "mult_shift": 1},
+        raw.weighted_add,
+    ),
 }
 
 

@@ -41,6 +41,7 @@ REGISTRATION = {
         kernels={("CPU", ""): "Activation<CPUDevice>"},
     )
 }
+WRAPPERS = {"activation": None}
 
 
 def check(inp, tables, size_splits, **settings):

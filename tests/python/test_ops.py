@@ -12,6 +12,7 @@ import keras
 import numpy as np
 import pytest
 import raw
+import stated
 import support
 import tensorflow as tf
 
@@ -25,90 +26,21 @@ def _integers(*shape, low=-20, high=21):
     return RNG.integers(low, high, shape).astype(np.int32)
 
 
-_ANCHORS = [_integers(3) for _ in range(6)]
-_PAIRS = [_integers(*shape) for shape in ((2, 4, 5, 6), (2, 4, 5, 6), (4, 6), (5, 6))]
-
-# Each wrapper with integer operands, its arguments, and the generated op on the same data.
-CALLS = {
-    "add": (
-        (_integers(2, 3, 3, 2), _integers(2, 3, 3, 2)),
-        {"accumulator_size": 6, "factor": 3, "feed_repeat": 2.5, "mult_shift": 1},
-        raw.add,
-        {},
-    ),
-    "bias_add": (
-        (_integers(2, 3, 3, 2), _integers(2)),
-        {"accumulator_size": 6, "factor": 3, "feed_repeat": 2.5, "mult_shift": 1},
-        raw.bias_add,
-        {},
-    ),
-    "decomposed_bias_add": (
-        (_integers(2, 3, 3, 2), _integers(2), _integers(2)),
-        {"accumulator_size": 6, "factor_a": 3, "factor_b": -2, "feed_repeat": 2.5},
-        raw.decomposed_bias_add,
-        {},
-    ),
-    "weighted_add": (
-        (_integers(2, 3, 3, 2), _integers(2, 3, 3, 2), _integers(4)),
-        {"accumulator_size": 7, "mult_shift": 1},
-        raw.weighted_add,
-        {},
-    ),
-    "matmul": (
-        (_integers(2, 3, 4), _integers(2, 4, 5)),
-        {"accumulator_size": 8, "mult_shift": 2},
-        raw.matmul,
-        {},
-    ),
-    "bilinear": (
-        (*(_integers(2, 3, 4, 2) for _ in range(4)), *(_integers(3, 4, 2) for _ in range(4))),
-        {"accumulator_size": 7, "mult_shift": 2, "bias": 5.0},
-        raw.bilinear,
-        {},
-    ),
-    "decode_boxes": (
-        (*_PAIRS, *_ANCHORS),
-        {"accumulator_size": 8, "mult_shift": 1},
-        raw.decode_boxes,
-        {},
-    ),
-    "decode_boxes_single_weight": (
-        (*_PAIRS, *_ANCHORS[:4]),
-        {"accumulator_size": 8, "mult_shift": 1},
-        raw.decode_boxes_single_weight,
-        {},
-    ),
-    "conv2d": (
-        (_integers(2, 5, 4, 2), _integers(3, 3, 2, 4)),
-        {"strides": (2, 1), "padding": "VALID", "accumulator_size": 9, "mult_shift": 1},
-        raw.convolve,
-        {},
-    ),
-    "dilated_conv2d": (
-        (_integers(2, 5, 4, 2), _integers(3, 3, 2, 4)),
-        {"dilations": (2, 1), "accumulator_size": 9, "mult_shift": 2},
-        raw.convolve,
-        {"op": "h_conv2d_dilation"},
-    ),
-    "depthwise_conv2d": (
-        (_integers(2, 5, 4, 2), _integers(3, 3, 1, 2)),
-        {"strides": (2, 1), "padding": "VALID", "accumulator_size": 9, "mult_shift": 1},
-        raw.convolve,
-        {"op": "h_depth_wise"},
-    ),
-}
+WRAPPERS: dict[str, stated.Wrapper | None] = stated.by_modules("WRAPPERS")
+CALLS = {name: wrapper for name, wrapper in WRAPPERS.items() if wrapper is not None}
 NAMES = tuple(CALLS)
+OPERANDS = {name: [_integers(*shape) for shape in CALLS[name].shapes] for name in NAMES}
 CONVOLUTIONS = tuple(name for name in NAMES if name.endswith("conv2d"))
 
 
 def _wrapper(name, /, **changes):
     """Return the wrapper as a function of its operands."""
-    return lambda *operands: getattr(ops, name)(*operands, **{**CALLS[name][1], **changes})
+    return lambda *operands: getattr(ops, name)(*operands, **{**CALLS[name].arguments, **changes})
 
 
 def _expected(name, dtype=np.int32):
-    operands, arguments, call, options = CALLS[name]
-    return call(*(x.astype(dtype) for x in operands), **arguments, **options).numpy()
+    operands = [x.astype(dtype) for x in OPERANDS[name]]
+    return CALLS[name].generated(*operands, **CALLS[name].arguments).numpy()
 
 
 # ---- What is taken -----------------------------------------------------------------------------
@@ -130,14 +62,14 @@ FORMS = {
 @pytest.mark.parametrize("form", FORMS)
 def test_forms_of_integers(name, form, assert_bits):
     """Arrays, lists, tensors and variables give the generated op's bits."""
-    assert_bits(_wrapper(name)(*map(FORMS[form], CALLS[name][0])), _expected(name))
+    assert_bits(_wrapper(name)(*map(FORMS[form], OPERANDS[name])), _expected(name))
 
 
 @pytest.mark.parametrize("name", NAMES)
 @pytest.mark.parametrize("form", ["numpy", "list", "tensor", "variable"])
 def test_forms_of_floats(name, form, assert_bits):
     """The same in floats; of several lists all but the first may hold integers."""
-    first, *others = CALLS[name][0]
+    first, *others = OPERANDS[name]
     operands = [FORMS[form](x.astype(np.float32)) for x in (first, *others)]
     assert_bits(_wrapper(name)(*operands), _expected(name, np.float32))
     if form == "list":
@@ -157,7 +89,7 @@ def test_forms_of_floats(name, form, assert_bits):
 @pytest.mark.parametrize("form", ["numpy", "tensor", "mixed"])
 def test_narrower_types_widen(name, narrow, wide, form, assert_bits):
     """All operands, or the first."""
-    first, *others = (x.astype(narrow) for x in CALLS[name][0])
+    first, *others = (x.astype(narrow) for x in OPERANDS[name])
     if form == "tensor":
         first, *others = map(tf.constant, (first, *others))
     elif form == "mixed":
@@ -212,7 +144,7 @@ def test_other_types_are_refused(value):
 @pytest.mark.parametrize("name", NAMES)
 def test_types_that_differ_are_refused(name):
     """All operands have one type; the error names the argument as the function does."""
-    operands = CALLS[name][0]
+    operands = OPERANDS[name]
     parameters = list(inspect.signature(getattr(ops, name)).parameters)
     for at in range(1, len(operands)):
         for own, other, form in (
@@ -315,7 +247,7 @@ def test_float_lists_out_of_range_are_refused():
 def test_widths_that_are_no_integers_are_refused(name, accumulator_size):
     """Half a bit must not be dropped silently."""
     with pytest.raises((TypeError, ValueError)):
-        _wrapper(name, accumulator_size=accumulator_size)(*CALLS[name][0])
+        _wrapper(name, accumulator_size=accumulator_size)(*OPERANDS[name])
 
 
 # ---- Convolution attributes --------------------------------------------------------------------
@@ -350,7 +282,7 @@ def test_malformed_strides_are_refused(name, argument, value):
     """Other counts, and other values than 1 for batch and channels."""
     text = f"{argument} must be one number, [height, width] or [1, height, width, 1]"
     with pytest.raises((TypeError, ValueError), match=re.escape(text)):
-        _wrapper(name, **{argument: value})(*CALLS[name][0])
+        _wrapper(name, **{argument: value})(*OPERANDS[name])
 
 
 @pytest.mark.parametrize("argument", ["strides", "dilations"])
@@ -358,20 +290,20 @@ def test_malformed_strides_are_refused(name, argument, value):
 def test_strides_that_are_no_integers_are_refused(argument, value):
     """A fraction must not be dropped silently."""
     with pytest.raises((TypeError, ValueError), match=argument):
-        _wrapper("conv2d", **{argument: value})(*CALLS["conv2d"][0])
+        _wrapper("conv2d", **{argument: value})(*OPERANDS["conv2d"])
 
 
 def test_dilated_convolution_needs_dilations():
     """The one argument without a default."""
     with pytest.raises(TypeError, match="dilations"):
-        ops.dilated_conv2d(*CALLS["dilated_conv2d"][0])
+        ops.dilated_conv2d(*OPERANDS["dilated_conv2d"])
 
 
 @pytest.mark.parametrize("name", CONVOLUTIONS)
 @pytest.mark.parametrize("padding", ["valid", "Valid", "VALID"])
 def test_padding_in_any_case(name, padding, assert_bits):
     """As tf.keras and tf.nn write it."""
-    operands = CALLS[name][0]
+    operands = OPERANDS[name]
     expected = _wrapper(name, padding="VALID")(*operands).numpy()
     assert_bits(_wrapper(name, padding=padding)(*operands), expected)
 
@@ -380,17 +312,17 @@ def test_padding_in_any_case(name, padding, assert_bits):
 def test_other_paddings_are_refused(padding):
     """The error says what there is."""
     with pytest.raises(ValueError, match='padding must be "SAME" or "VALID", got'):
-        _wrapper("conv2d", padding=padding)(*CALLS["conv2d"][0])
+        _wrapper("conv2d", padding=padding)(*OPERANDS["conv2d"])
 
 
 @pytest.mark.parametrize("name", CONVOLUTIONS)
 def test_elementwise_operand(name, assert_bits):
     """The operand in any form; None leaves it out."""
-    (x, y), arguments, call, options = CALLS[name]
+    x, y = OPERANDS[name]
     plain = _wrapper(name)(x, y)
     assert_bits(_wrapper(name, elementwise=None)(x, y), plain.numpy())
     operand = _integers(*plain.shape)
-    expected = call(x, y, operand, **arguments, **options).numpy()
+    expected = CALLS[name].generated(x, y, operand, **CALLS[name].arguments).numpy()
     for form in ("numpy", "list", "tensor", "int64 array"):
         assert_bits(_wrapper(name, elementwise=FORMS[form](operand))(x, y), expected)
     with pytest.raises(TypeError, match="elementwise must be int32, got float32"):
@@ -452,7 +384,7 @@ def test_a_list_of_integers_is_a_depthwise_filter_of_floats(assert_bits):
 @pytest.mark.parametrize("dtype", [np.int32, np.float32])
 def test_in_functions(name, dtype, assert_bits):
     """The same bits traced on constants, on arguments, and with dimensions unknown."""
-    operands = [x.astype(dtype) for x in CALLS[name][0]]
+    operands = [x.astype(dtype) for x in OPERANDS[name]]
     call = _wrapper(name)
     expected = _expected(name, dtype)
     assert_bits(tf.function(lambda: call(*operands), autograph=False)(), expected)
@@ -473,7 +405,7 @@ def test_names_reach_the_graph():
     """`name` names the node."""
     with tf.Graph().as_default() as graph:
         for name in NAMES:
-            _wrapper(name, name=f"my_{name}")(*CALLS[name][0])
+            _wrapper(name, name=f"my_{name}")(*OPERANDS[name])
     assert {f"my_{name}" for name in NAMES} <= {op.name for op in graph.get_operations()}
 
 
@@ -502,7 +434,7 @@ def test_saved_models_in_a_fresh_process(tmp_path):
     module = tf.Module()
     data = {}
     for name in NAMES:
-        operands = CALLS[name][0]
+        operands = OPERANDS[name]
         specs = [tf.TensorSpec([None] * x.ndim, tf.int32) for x in operands]
         function = tf.function(_wrapper(name), input_signature=specs, autograph=False)
         setattr(module, name, function)
@@ -558,7 +490,7 @@ def test_functional_model(assert_bits):
 @pytest.mark.parametrize("name", NAMES)
 def test_each_wrapper_is_a_layer(name, tmp_path, assert_bits):
     """The first operand symbolic, the others the layer's constants, which a file keeps."""
-    first, *others = CALLS[name][0]
+    first, *others = OPERANDS[name]
     symbolic = keras.Input(batch_shape=first.shape, dtype="int32")
     model = keras.Model(symbolic, _wrapper(name)(symbolic, *others))
     assert_bits(model(first), _expected(name))
@@ -665,7 +597,7 @@ def test_errors_while_building_a_model():
 @pytest.mark.parametrize("name", NAMES)
 def test_gradients_are_undefined(name):
     """A silent zero would be worse than the runtime's error."""
-    operands = [tf.constant(x, tf.float32) for x in CALLS[name][0]]
+    operands = [tf.constant(x, tf.float32) for x in OPERANDS[name]]
     with tf.GradientTape() as tape:
         tape.watch(operands)
         result = _wrapper(name)(*operands)
@@ -678,7 +610,7 @@ def test_xla_is_refused(name):
     """There are no XLA kernels; the runtime says so."""
     function = tf.function(_wrapper(name), jit_compile=True, autograph=False)
     with pytest.raises(tf.errors.OpError, match=r"(?i)unsupported|jit|compil|XLA"):
-        function(*map(tf.constant, CALLS[name][0]))
+        function(*map(tf.constant, OPERANDS[name]))
 
 
 # ---- One order, one address --------------------------------------------------------------------
@@ -701,6 +633,7 @@ def test_functions_have_their_public_address(name):
 
 
 def test_everything_public_is_tested():
-    """Every wrapper appears in the cases above, or has a file of its own."""
-    units = ("activation", "layer_norm", "non_max_suppression", "softmax")
-    assert sorted(bitfold.ops.__all__) == sorted([*NAMES, *units])
+    """The op of every wrapper states it in its own tests."""
+    assert sorted(bitfold.ops.__all__) == sorted(WRAPPERS), (
+        "state the wrapper in WRAPPERS of its op's tests/python/test_*.py"
+    )

@@ -13,13 +13,14 @@ import subprocess
 import numpy as np
 import pytest
 import registration
+import stated
 import support
 import tensorflow as tf
 from tensorflow.core.framework import kernel_def_pb2, op_def_pb2
 
 import bitfold
 
-OPS = registration.all_registered()
+OPS: dict[str, registration.Registration] = stated.by_modules("REGISTRATION")
 KERNEL_NAMES = sorted({name for op in OPS.values() for name in op.kernels.values()})
 SYMBOLS = {
     "accumulator_fp16_verification",
