@@ -120,7 +120,9 @@ def _definitions(serialised: str) -> op_def_pb2.OpList:
 
 def test_ops_in_registration_order(loaded):
     """The ops of the library, in the order of the source files, and nothing else."""
-    assert [op.name for op in _definitions(loaded["first"]).op] == list(OPS)
+    assert [op.name for op in _definitions(loaded["first"]).op] == list(OPS), (
+        "state each op in REGISTRATION of its tests/python/test_*.py"
+    )
     assert set(loaded["ops after"]) - set(loaded["ops before"]) == set(OPS)
 
 
