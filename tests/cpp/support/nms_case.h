@@ -88,12 +88,27 @@ inline NmsOutput OracleNms(const NmsCase& c) {
   return output;
 }
 
+// The frames of ComputeNMS, from memory that was not zero.
+inline std::vector<Frame> ComputedFrames(const SuppressionInput& in,
+                                         const SuppressionOptions& options) {
+  const auto rows = static_cast<size_t>(options.max_output_size);
+  const auto count = static_cast<size_t>(in.b) * static_cast<size_t>(in.k);
+  ExactBuffer<float> out(std::vector<float>(count * rows * 5, 77.0f));
+  ComputeNMS(in, options, out.data());
+  std::vector<Frame> frames(count);
+  const float* next = out.data();
+  for (Frame& frame : frames) {
+    for (size_t r = 0; r < rows; ++r, next += 5) frame.emplace_back(next, next + 5);
+  }
+  return frames;
+}
+
 // As the kernel calls it, with the log on or off.
 inline NmsOutput RunNms(const NmsCase& c, bool log) {
   const InformationLog on(log);
   const ExactBuffer<float> value(c.Value());
   NmsOutput output;
-  output.frames = ComputeNMS(c.Input(value.data()), c.Options());
+  output.frames = ComputedFrames(c.Input(value.data()), c.Options());
   output.messages = LoggedInformation();
   return output;
 }
