@@ -63,7 +63,7 @@ class HBiasAddOp : public AdditionOp<T> {
  public:
   explicit HBiasAddOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     const Tensor& value = context->input(0);
     const bool supported = value.dims() == 4 || value.dims() == 2;
     if (supported) OP_REQUIRES_OK(context, Check(context));
@@ -75,6 +75,7 @@ class HBiasAddOp : public AdditionOp<T> {
       LOG(ERROR) << "HBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)";
       return;
     }
+    if (IsEmpty(*output)) return;
 
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
