@@ -197,14 +197,22 @@ class PassOrbit {
   template <typename Stop>
   int64_t Follow(int64_t* x, int64_t passes, const Stop& stop) {
     patience_ = kJumpsPerLevel;
+    by_residue_ = false;
     Open(0, *x, passes);
-    for (int64_t jumps = 1; passes > 0; ++jumps) {
-      if (jumps % kJumpsPerPoll == 0 && stop()) break;
+    int64_t until_poll = kStepsPerPoll;
+    while (passes > 0) {
+      if (until_poll <= 0) {
+        if (stop()) break;
+        until_poll = kStepsPerPoll;
+      }
       PassJump jump;
       work_ = kMostWork;
-      if (!Find(level_, *x, passes, &jump)) {
+      const bool found = Find(level_, *x, passes, &jump);
+      until_poll -= 1 + kMostWork - work_;
+      if (!found) {
         if (level_ == 0) break;
         --level_;
+        by_residue_ = !by_residue_;
         const bool helped = opened_at_ - passes >= kMostWork;
         patience_ = helped ? kJumpsPerLevel : std::min(2 * patience_, kMostPatience);
         Watch(*x, patience_);
@@ -231,8 +239,8 @@ class PassOrbit {
   static constexpr int64_t kJumpsPerLevel = 8;  // before the next level is opened
   static constexpr int64_t kMostPatience = 1 << 20;
   static constexpr int kTable = 48;
-  static constexpr int kMostWork = 1 << 10;  // steps of jumps built at one time
-  static constexpr int64_t kJumpsPerPoll = 1 << 12;
+  static constexpr int kMostWork = 1 << 14;  // steps of jumps built at one time
+  static constexpr int64_t kStepsPerPoll = 1 << 16;
 
   struct Level {
     PassJump window;  // of which the states are meant that it applies to
@@ -248,7 +256,7 @@ class PassOrbit {
     opened.size = 0;
     opened.oldest = 0;
     opened.window = level == 0 ? PassJump{} : levels_[level - 1].window;
-    if (level > 0 && residues_ != 0) {
+    if (level > 0 && by_residue_ && residues_ != 0) {
       opened.window.mask |= residues_;
       opened.window.residue = x & opened.window.mask;
     } else if (level > 0) {
@@ -317,7 +325,8 @@ class PassOrbit {
   int64_t jumps_to_next_ = 0;
   int64_t opened_at_ = 0;  // the passes that were left
   int64_t patience_ = 0;   // jumps_to_next_ after a level that led nowhere
-  int64_t residues_ = 0;   // mask of those that kept jumps from being repeated
+  bool by_residue_ = false;
+  int64_t residues_ = 0;  // mask of those that kept jumps from being repeated
   int64_t least_ = 0;
   int64_t greatest_ = 0;
   int work_ = 0;

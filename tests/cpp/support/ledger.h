@@ -23,6 +23,10 @@ enum class Path {
   kInt32NeverProven,       // an addend above the period
   kInt32ProvenOfTwoAddends,
   kFloatProven,
+  kFloatProvenOfTwoAddends,
+  kFloatProvenHalf,
+  kFloatPrintsInProvenPasses,  // lines among passes that are skipped
+  kFloatPassesStopped,
   kHAddInt32,
   kHAddFloat,
   kHAddHalf,
@@ -39,6 +43,8 @@ enum class Path {
   kReplayOfThePartialBlock,
   kReplayOfSeveralBlocks,
   kManyPassesProven,  // by the kernels of the additions, instead of blocks
+  kManyFloatPassesProven,
+  kPassesCancelled,
   kMatMulInt32,
   kMatMulFloat,
   kMatMulHalf,
