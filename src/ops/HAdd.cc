@@ -8,6 +8,7 @@
 #include "cpu/additions.h"
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
+#include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
@@ -44,8 +45,9 @@ struct HAddElementwise2DFunctor;
 
 template <typename T>
 struct HAddElementwise4dFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const AddCall<T>& call) const {
-    ComputeAdd(call, call.shape.ElementCount());
+  void operator()(const CPUDevice&, const AddCall<T>& call,
+                  const Cancellation& cancellation) const {
+    ComputeAdd(call, call.shape.ElementCount(), &cancellation);
   }
 };
 
@@ -56,14 +58,14 @@ struct HAddElementwise2DFunctor<CPUDevice, T> : HAddElementwise4dFunctor<CPUDevi
 
 template <typename T>
 struct HAddElementwise4dFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const AddCall<T>& call) const {
+  void operator()(const GPUDevice& device, const AddCall<T>& call, const Cancellation&) const {
     LaunchAddEwFeedRepeat4D(device.stream, call);
   }
 };
 
 template <typename T>
 struct HAddElementwise2DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const AddCall<T>& call) const {
+  void operator()(const GPUDevice& device, const AddCall<T>& call, const Cancellation&) const {
     LaunchAddEwFeedRepeat2D(device.stream, call);
   }
 };
@@ -86,6 +88,7 @@ class HAddOp : public AdditionOp<T> {
     if (IsEmpty(*output)) return;
 
     const DefaultFloatingPointScope scope;
+    const OpCancellation cancellation(context);
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
     const AddCall<T> call{data(0),
                           data(1),
@@ -95,10 +98,11 @@ class HAddOp : public AdditionOp<T> {
                           shape,
                           this->AttributesWith(context->input(4))};
     if (value.dims() == 4) {
-      HAddElementwise4dFunctor<Device, T>()(device, call);
+      HAddElementwise4dFunctor<Device, T>()(device, call, cancellation);
     } else {
-      HAddElementwise2DFunctor<Device, T>()(device, call);
+      HAddElementwise2DFunctor<Device, T>()(device, call, cancellation);
     }
+    OP_REQUIRES_OK(context, cancellation.Status());
   }
 
  private:
