@@ -227,8 +227,7 @@ class PassOrbit {
       *x += count * jump.shift;
       passes -= count * jump.passes;
       if ((jump.shift & jump.mask) != 0) residues_ |= jump.mask;
-      least_ = std::min(least_, *x);
-      greatest_ = std::max(greatest_, *x);
+      visited_[visits_++ % kJumpsPerLevel] = *x;
       if (--jumps_to_next_ <= 0 && level_ + 1 < kLevels) Open(level_ + 1, *x, passes);
     }
     return passes;
@@ -236,7 +235,7 @@ class PassOrbit {
 
  private:
   static constexpr int kLevels = 24;
-  static constexpr int64_t kJumpsPerLevel = 8;  // before the next level is opened
+  static constexpr int64_t kJumpsPerLevel = 16;  // before the next level is opened
   static constexpr int64_t kMostPatience = 1 << 20;
   static constexpr int kTable = 48;
   static constexpr int kMostWork = 1 << 14;  // steps of jumps built at one time
@@ -250,7 +249,7 @@ class PassOrbit {
   };
 
   // Enters a level. Its window is a class of residues where those that differ kept jumps from being
-  // repeated, else an eighth of what was visited in the level below, around x.
+  // repeated, else of positions around x.
   void Open(int level, int64_t x, int64_t passes) {
     Level& opened = levels_[level];
     opened.size = 0;
@@ -260,7 +259,7 @@ class PassOrbit {
       opened.window.mask |= residues_;
       opened.window.residue = x & opened.window.mask;
     } else if (level > 0) {
-      const int64_t reach = (greatest_ - least_) / 16;
+      const int64_t reach = LargestGap() / 2;
       opened.window.Require(x - reach, x + reach);
     }
     level_ = level;
@@ -272,7 +271,17 @@ class PassOrbit {
   void Watch(int64_t x, int64_t jumps_to_next) {
     jumps_to_next_ = jumps_to_next;
     residues_ = 0;
-    least_ = greatest_ = x;
+    std::fill(std::begin(visited_), std::end(visited_), x);
+    visits_ = 0;
+  }
+
+  // Between neighbours of those that were visited last. A window of this size is met by a sequence
+  // that drifts slowly, too.
+  int64_t LargestGap() {
+    std::sort(std::begin(visited_), std::end(visited_));
+    int64_t gap = 0;
+    for (int i = 1; i < kJumpsPerLevel; ++i) gap = std::max(gap, visited_[i] - visited_[i - 1]);
+    return gap;
   }
 
   // A jump of the level that applies to x, known or built. False where a pass may print, or where
@@ -327,8 +336,8 @@ class PassOrbit {
   int64_t patience_ = 0;   // jumps_to_next_ after a level that led nowhere
   bool by_residue_ = false;
   int64_t residues_ = 0;  // mask of those that kept jumps from being repeated
-  int64_t least_ = 0;
-  int64_t greatest_ = 0;
+  int64_t visited_[kJumpsPerLevel] = {};
+  int64_t visits_ = 0;
   int work_ = 0;
   Level levels_[kLevels];
 };
@@ -371,12 +380,14 @@ class FloatPasses {
   template <typename Stop>
   float Make(float acc, int64_t passes, const Stop& stop) {
     CycleSearch cycle(acc);
-    for (int64_t made = 1; passes > 0; ++made) {
-      if (made % kPassesPerPoll == 0 && stop()) break;
+    bool stopped = false;
+    const auto poll = [&stopped, &stop] { return stopped = stop(); };
+    for (int64_t made = 1; passes > 0 && !stopped; ++made) {
+      if (made % kPassesPerPoll == 0 && poll()) break;
       const bool printed = Pass(&acc);
       --passes;
       if (const int64_t length = cycle.Next(acc, printed)) passes %= length;
-      if (!datapath_.use_fp16_acc() && Jump(&acc, &passes, stop)) cycle = CycleSearch(acc);
+      if (!datapath_.use_fp16_acc() && Jump(&acc, &passes, poll)) cycle = CycleSearch(acc);
     }
     return acc;
   }
