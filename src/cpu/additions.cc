@@ -13,7 +13,7 @@ namespace {
 
 // From so many passes on, proving them costs less than making them in vectors.
 template <typename T>
-constexpr int64_t kManyPasses = std::is_same_v<T, int32_t> ? 32 : 1 << 17;
+constexpr int64_t kManyPasses = std::is_same_v<T, int32_t> ? 32 : 1 << 18;
 
 struct StopWhenRequested {
   const Cancellation* cancellation;

@@ -213,7 +213,7 @@ TYPED_TEST_P(FeedSuite, PassesMadeOrProven) {
 // Around the number of passes from which on the kernels prove those of floats.
 TYPED_TEST_P(FeedSuite, FloatPassesMadeOrProven) {
   Random random(0x9a56);
-  for (const float repeat : {131071.0f, 131072.0f, 131073.0f}) {
+  for (const float repeat : {262143.0f, 262144.0f, 262145.0f}) {
     for (const bool use_fp16_acc : {false, true}) {
       Addition<float> c = DrawAddition<TypeParam, float>(&random, Data::kSmall, 3, 2);
       c.factor = 0.1f;
