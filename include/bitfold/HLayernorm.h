@@ -251,6 +251,7 @@ struct LayerNormShape {
   int height;
   int batch;
 
+  // Requires that int64 holds it.
   int64_t vectors() const { return int64_t{batch} * height * width; }
 };
 

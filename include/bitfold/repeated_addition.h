@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The feed repeat: a scaled operand is added into the accumulator as often as the feed says (rules
-// R1 to R3 of docs/arithmetic.md).
+// R1 to R5 of docs/arithmetic.md).
 
 #ifndef BITFOLD_REPEATED_ADDITION_H_
 #define BITFOLD_REPEATED_ADDITION_H_
@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "bitfold/datapath.h"
+#include "bitfold/float_passes.h"
 
 namespace bitfold {
 
@@ -54,41 +55,66 @@ struct EveryPass {
   }
 };
 
-// The same bits without the passes that can be proven: what the kernels use. Floats make every
-// pass, since each may print a line.
+// For ProvenPasses: nobody ends the passes early.
+struct NeverStop {
+  bool operator()() const { return false; }
+};
+
+// The same bits and lines without the passes that can be proven: what the kernels use. Once stop()
+// is true, which is asked at the start and now and then, the passes end early and the result is any
+// value.
 //
 // Integers: let P = max - min + 1 be the accumulator's period. If acc is in range and |addend| <=
 // P, one wrap after each addition brings acc back into range, congruent to the plain sum modulo P
 // (theorem 1 of docs/arithmetic.md). So from the first pass that starts in range, the rest is the
 // one value of [min, max] congruent to acc + passes * addend. Two addends a pass are the same with
 // their sum, if each obeys the bound.
+//
+// Floats: float_passes.h. Passes that print are made one after the other.
+template <typename Stop = NeverStop>
 struct ProvenPasses {
-  template <typename... Addends>
-  float operator()(const Datapath<float>& datapath, float acc, float addend,
-                   Addends... passes) const {
-    return EveryPass{}(datapath, acc, addend, passes...);
+  Stop stop;
+
+  float operator()(const Datapath<float>& datapath, float acc, float addend, int64_t passes) const {
+    if (stop()) return acc;
+    if (passes < kManyFloatPasses) return EveryPass{}(datapath, acc, addend, passes);
+    return FloatPasses(datapath, {1, {addend}}).Make(acc, passes, stop);
+  }
+
+  float operator()(const Datapath<float>& datapath, float acc, float first, float second,
+                   int64_t passes) const {
+    if (stop()) return acc;
+    if (passes < kManyFloatPasses) return EveryPass{}(datapath, acc, first, second, passes);
+    return FloatPasses(datapath, {2, {first, second}}).Make(acc, passes, stop);
   }
 
   int32_t operator()(const Datapath<int32_t>& datapath, int32_t acc, int32_t addend,
                      int64_t passes) const {
-    while (passes > 0 && !(passes > 1 && IsProven(datapath, acc, addend))) {
-      acc = datapath.Accumulate(acc, addend);
-      --passes;
-    }
-    return passes == 0 ? acc : Congruent(datapath, acc, addend, passes);
+    return Integers(datapath, acc, passes, addend);
   }
 
   int32_t operator()(const Datapath<int32_t>& datapath, int32_t acc, int32_t first, int32_t second,
                      int64_t passes) const {
-    while (passes > 0 &&
-           !(passes > 1 && IsProven(datapath, acc, first) && IsProven(datapath, acc, second))) {
-      acc = datapath.Accumulate(datapath.Accumulate(acc, first), second);
-      --passes;
-    }
-    return passes == 0 ? acc : Congruent(datapath, acc, int64_t{first} + second, passes);
+    return Integers(datapath, acc, passes, first, second);
   }
 
  private:
+  static constexpr int64_t kManyFloatPasses = 256;  // fewer are made faster than they are proven
+  static constexpr int64_t kPassesPerPoll = 1 << 16;
+
+  template <typename... Addends>
+  int32_t Integers(const Datapath<int32_t>& datapath, int32_t acc, int64_t passes,
+                   Addends... addends) const {
+    for (int64_t made = 0; passes > 0; ++made, --passes) {
+      if (made % kPassesPerPoll == 0 && stop()) return acc;
+      if (passes > 1 && (... && IsProven(datapath, acc, addends))) {
+        return Congruent(datapath, acc, (... + int64_t{addends}), passes);
+      }
+      acc = EveryPass{}(datapath, acc, addends..., 1);
+    }
+    return acc;
+  }
+
   static int64_t Period(const Datapath<int32_t>& datapath) {
     return int64_t{datapath.limits().max} - datapath.limits().min + 1;
   }

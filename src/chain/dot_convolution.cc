@@ -50,6 +50,15 @@ DotConvolution<T>::DotConvolution(const ConvolutionCall<T>& call, const ChainPla
       panels_((call.out_channels + kPanel - 1) / kPanel) {}
 
 template <typename T>
+int64_t DotConvolution<T>::ImageElements() const {
+  const int64_t positions = int64_t{padded_rows_.size} * padded_columns_.size;
+  int64_t elements;
+  const bool overflows =
+      __builtin_mul_overflow(positions, int64_t{words_} * NumbersInAWord(), &elements);
+  return overflows ? INT64_MAX : elements;
+}
+
+template <typename T>
 bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));

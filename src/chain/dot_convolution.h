@@ -24,8 +24,8 @@ class DotConvolution {
  public:
   DotConvolution(const ConvolutionCall<T>& call, const ChainPlan& plan);
 
-  // The numbers of a padded image.
-  int64_t ImageElements() const { return ImageWords() * NumbersInAWord(); }
+  // The numbers of a padded image, which dilations can make of any size: at most INT64_MAX.
+  int64_t ImageElements() const;
 
   // Packs the weights and makes room for an image in each slot; false where there is no memory.
   bool Prepare(const T* filter, int slots, Scratch* scratch);

@@ -26,6 +26,9 @@ constexpr int64_t kOutputsWorthPacking = std::is_same_v<T, float> ? 1 : 6;
 constexpr int64_t kMostPadding = 4;
 constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
 
+// Channels are counted in 32 bits, filled up to whole panels and words.
+constexpr int32_t kMostChannels = 1 << 30;
+
 // The numbers of each output channel, filled up to `lanes` channels with zeros.
 template <typename T, typename Out, typename Convert>
 void FillUpChannels(const T* filter, int64_t rows, int32_t channels, int32_t lanes, Out* out,
@@ -65,6 +68,7 @@ ChainEngine<D, T>::ChainEngine(const ConvolutionCall<T>& call, const CorrectedWe
       windows_(call) {
   if (!GoesForward(rows_) || !GoesForward(columns_)) return;
   if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
+  if (call.in_channels > kMostChannels || call.out_channels > kMostChannels) return;
   const bool has_bytes = CurrentDotKernels<T>().HasBytes();
   const ChainFacts facts = LookAt(weights.facts);
   if constexpr (std::is_same_v<T, float>) {

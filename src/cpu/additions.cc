@@ -11,13 +11,17 @@
 namespace bitfold {
 namespace {
 
-// From so many passes on, proving them costs integers less than making them in vectors.
-constexpr int64_t kManyPasses = 32;
-
+// From so many passes on, proving them costs less than making them in vectors.
 template <typename T>
-bool ShouldProve(int64_t passes) {
-  return std::is_same_v<T, int32_t> && passes >= kManyPasses;
-}
+constexpr int64_t kManyPasses = std::is_same_v<T, int32_t> ? 32 : 1 << 18;
+
+struct StopWhenRequested {
+  const Cancellation* cancellation;
+
+  bool operator()() const { return cancellation != nullptr && cancellation->IsRequested(); }
+};
+
+using CancellablePasses = ProvenPasses<StopWhenRequested>;
 
 // A block of `value` with the addends of every pass added in turn, until one may print a line: the
 // definition then computes the block anew.
@@ -54,14 +58,16 @@ PeriodicArray<T> ScaledPerChannel(const Datapath<T>& datapath, const T* operand,
 }  // namespace
 
 template <typename T>
-void ComputeAdd(const AddCall<T>& call, int64_t count) {
-  const auto define = [&](int64_t first, int64_t n) { DefineAdd(call, first, n, ProvenPasses{}); };
+void ComputeAdd(const AddCall<T>& call, int64_t count, const Cancellation* cancellation) {
+  const CancellablePasses add_passes{{cancellation}};
+  const auto define = [&](int64_t first, int64_t n) { DefineAdd(call, first, n, add_passes); };
   const int64_t passes = FeedRepeatCount(call.elementwise_feed_repeat[0]);
-  if (ShouldProve<T>(passes)) return define(0, count);
+  if (passes >= kManyPasses<T>) return define(0, count);
   const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
   const auto& loops = LoopsOf(datapath);
   const std::vector<T> factors(kDatapathBlock, call.elementwise_factor[0]);
   const auto fast = [&](int64_t i, int n) {
+    if (add_passes.stop()) return false;
     const T* value = call.value + i;
     const T* elementwise = call.elementwise + i;
     T* out = call.output + i;
@@ -76,34 +82,37 @@ void ComputeAdd(const AddCall<T>& call, int64_t count) {
 }
 
 template <typename T>
-void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count) {
-  const auto define = [&](int64_t first, int64_t n) {
-    DefineBiasAdd(call, first, n, ProvenPasses{});
-  };
+void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count, const Cancellation* cancellation) {
+  const CancellablePasses add_passes{{cancellation}};
+  const auto define = [&](int64_t first, int64_t n) { DefineBiasAdd(call, first, n, add_passes); };
   const int64_t passes = FeedRepeatCount(call.bias_feed_repeat[0]);
-  if (count <= 0 || ShouldProve<T>(passes)) return define(0, count);
+  if (count <= 0 || passes >= kManyPasses<T>) return define(0, count);
   const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
   const PeriodicArray<T> addends =
       ScaledPerChannel(datapath, call.bias, call.bias_factor[0], call.shape.d3);
   const auto fast = [&](int64_t i, int n) {
+    if (add_passes.stop()) return false;
     return AddPasses<T>(datapath, call.value + i, {addends.From(i)}, passes, n, call.output + i);
   };
   ForEachBlock(count, fast, define);
 }
 
 template <typename T>
-void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count) {
+void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count,
+                              const Cancellation* cancellation) {
+  const CancellablePasses add_passes{{cancellation}};
   const auto define = [&](int64_t first, int64_t n) {
-    DefineDecomposedBiasAdd(call, first, n, ProvenPasses{});
+    DefineDecomposedBiasAdd(call, first, n, add_passes);
   };
   const int64_t passes = FeedRepeatCount(call.bias_feed_repeat[0]);
-  if (count <= 0 || ShouldProve<T>(passes)) return define(0, count);
+  if (count <= 0 || passes >= kManyPasses<T>) return define(0, count);
   const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
   const PeriodicArray<T> parts_a =
       ScaledPerChannel(datapath, call.bias_a, call.bias_a_factor[0], call.shape.d3);
   const PeriodicArray<T> parts_b =
       ScaledPerChannel(datapath, call.bias_b, call.bias_b_factor[0], call.shape.d3);
   const auto fast = [&](int64_t i, int n) {
+    if (add_passes.stop()) return false;
     return AddPasses<T>(datapath, call.value + i, {parts_a.From(i), parts_b.From(i)}, passes, n,
                         call.output + i);
   };
@@ -127,10 +136,11 @@ void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call
                [&](int64_t first, int64_t n) { DefineStandaloneElementwiseAdd(call, first, n); });
 }
 
-#define BITFOLD_INSTANTIATE(T)                                                         \
-  template void ComputeAdd<T>(const AddCall<T>&, int64_t);                             \
-  template void ComputeBiasAdd<T>(const BiasAddCall<T>&, int64_t);                     \
-  template void ComputeDecomposedBiasAdd<T>(const DecomposedBiasAddCall<T>&, int64_t); \
+#define BITFOLD_INSTANTIATE(T)                                                          \
+  template void ComputeAdd<T>(const AddCall<T>&, int64_t, const Cancellation*);         \
+  template void ComputeBiasAdd<T>(const BiasAddCall<T>&, int64_t, const Cancellation*); \
+  template void ComputeDecomposedBiasAdd<T>(const DecomposedBiasAddCall<T>&, int64_t,   \
+                                            const Cancellation*);                       \
   template void ComputeStandaloneElementwiseAdd<T>(const StandaloneElementwiseAddCall<T>&, int64_t);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)

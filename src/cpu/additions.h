@@ -12,21 +12,25 @@
 #include "bitfold/HBiasAdd.h"
 #include "bitfold/HDecomposedBiasAdd.h"
 #include "bitfold/HStandaloneElementwiseAdd.h"
+#include "frame/cancellation.h"
 
 namespace bitfold {
 
 // T is int32_t or float. The buffers are as for the definitions; the output shares no memory with
 // them. `count` need not be a whole number of channels: the product of the dimensions, which wraps,
-// may not be one.
+// may not be one. Once a cancellation, where there is one, is requested, the call ends within some
+// milliseconds and the output holds any values.
 
 template <typename T>
-void ComputeAdd(const AddCall<T>& call, int64_t count);
+void ComputeAdd(const AddCall<T>& call, int64_t count, const Cancellation* cancellation = nullptr);
 
 template <typename T>
-void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count);
+void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count,
+                    const Cancellation* cancellation = nullptr);
 
 template <typename T>
-void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count);
+void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count,
+                              const Cancellation* cancellation = nullptr);
 
 template <typename T>
 void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call, int64_t count);

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 
 #include "bitfold/HConv2D.h"
+#include "bitfold/datapath_attributes.h"
 #include "bitfold/weight_sign.h"
 #include "chain/corrected_weights.h"
 #include "frame/floating_point_scope.h"
@@ -22,22 +24,79 @@ bool IsUsed(const WindowAxis& axis, int32_t tap) {
   return false;
 }
 
-// The work of one thread; filled before the thread starts and only read by it.
+// The work of one thread; filled before the thread starts and then its own until it is joined.
 template <typename T>
 struct ImageTask {
   const BatchConvolution<T>* batch;
   int32_t image;
+  std::exception_ptr failure;  // of memory, as a rule
+
+  void Run() {
+    try {
+      batch->Run(image);
+    } catch (const std::exception&) {
+      failure = std::current_exception();
+    }
+  }
 };
 
 // Thread entry; `task` points to an ImageTask<T>.
 template <typename T>
 void* RunImage(void* task) {
-  const auto& image_task = *static_cast<const ImageTask<T>*>(task);
-  image_task.batch->Run(image_task.image);
+  static_cast<ImageTask<T>*>(task)->Run();
   pthread_exit(nullptr);
 }
 
+// Whether no window meets an input: no products, but addends of the elementwise tensor perhaps.
+template <typename T>
+bool HasNoProducts(const ConvolutionCall<T>& call) {
+  return call.InputElements() == 0 || call.FilterElements() == 0;
+}
+
+// Of the whole batch.
+template <typename T>
+int64_t OutputElements(const ConvolutionCall<T>& call) {
+  const int32_t rows = getOutputSize(call.rows);
+  const int32_t columns = getOutputSize(call.columns);
+  if (call.batch < 1 || rows < 1 || columns < 1 || call.out_channels < 1) return 0;
+  return int64_t{call.batch} * rows * columns * call.out_channels;
+}
+
+// The definition where there are no products, with the taps counted instead of walked: without
+// elements there can be 2^31 of them.
+template <typename T>
+void AddElementwise(const ConvolutionCall<T>& call, int64_t outputs) {
+  const DefaultFloatingPointScope scope;
+  const int64_t addends = call.elementwise == nullptr ? 0 : CentreTaps(WindowAxis(call.rows));
+  if (addends == 0) {
+    std::fill_n(call.output, outputs, T{0});
+    return;
+  }
+  const auto datapath = MakeDatapath<Datapath<T>>(call.datapath);
+  for (int64_t o = 0; o < outputs; ++o) {
+    T acc = T{0};
+    for (int64_t k = 0; k < addends; ++k) acc = datapath.Accumulate(acc, call.elementwise[o]);
+    call.output[o] = acc;
+  }
+}
+
 }  // namespace
+
+// The taps kh with kh * dilation = half modulo 2^32. Of an odd multiple of 2^z they lie 2^(32 - z)
+// apart, where half has that factor, too; of a dilation of 0 they are all taps or none.
+int64_t CentreTaps(const WindowAxis& axis) {
+  if (axis.dilation == 0) return axis.half == 0 ? std::max(axis.taps, 0) : 0;
+  const auto dilation = static_cast<uint32_t>(axis.dilation);
+  const auto half = static_cast<uint32_t>(axis.half);
+  const int zeros = __builtin_ctz(dilation);
+  if ((half & ((uint32_t{1} << zeros) - 1)) != 0) return 0;
+  const uint32_t odd = dilation >> zeros;
+  uint32_t inverse = odd;  // right in 3 bits, and in twice as many with each step
+  for (int step = 0; step < 4; ++step) inverse *= 2 - odd * inverse;
+  const uint32_t mask = UINT32_MAX >> zeros;
+  const int64_t first = (half >> zeros) * inverse & mask;
+  return first < axis.taps ? (axis.taps - 1 - first) / (int64_t{mask} + 1) + 1 : 0;
+}
 
 template <typename T>
 BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Scratch* scratch)
@@ -88,20 +147,25 @@ void BatchConvolution<T>::Run(int32_t image) const {
 
 template <typename T>
 void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, CreateThread create) {
-  if (call.batch < 1) return;
+  const int64_t outputs = OutputElements(call);
+  if (outputs == 0) return;
+  if (HasNoProducts(call)) return AddElementwise(call, outputs);
   const BatchConvolution<T> convolution(call, scratch);
-  std::array<ImageTask<T>, kImageThreads> tasks;
   std::array<pthread_t, kImageThreads> threads;
-  for (int32_t first = 0; first < call.batch; first += kImageThreads) {
-    const int group = std::min(call.batch - first, kImageThreads);
+  for (int64_t first = 0; first < call.batch; first += kImageThreads) {
+    const int group = static_cast<int>(std::min<int64_t>(call.batch - first, kImageThreads));
+    std::array<ImageTask<T>, kImageThreads> tasks;
     std::array<bool, kImageThreads> started{};
     for (int slot = 0; slot < group; ++slot) {
-      tasks[slot] = {&convolution, first + slot};
+      tasks[slot] = {&convolution, static_cast<int32_t>(first + slot), nullptr};
       started[slot] = create(&threads[slot], nullptr, RunImage<T>, &tasks[slot]) == 0;
-      if (!started[slot]) convolution.Run(first + slot);
+      if (!started[slot]) tasks[slot].Run();
     }
     for (int slot = 0; slot < group; ++slot) {
       if (started[slot]) pthread_join(threads[slot], nullptr);
+    }
+    for (const ImageTask<T>& task : tasks) {
+      if (task.failure) std::rethrow_exception(task.failure);
     }
   }
 }

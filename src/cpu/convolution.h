@@ -15,12 +15,16 @@
 
 #include "bitfold/convolution_call.h"
 #include "bitfold/datapath.h"
+#include "bitfold/geometry.h"
 #include "chain/engine.h"
 #include "frame/scratch.h"
 
 namespace bitfold {
 
 inline constexpr int kImageThreads = 20;
+
+// How many taps of an axis are the centre (WindowAxis::IsCentre), however many taps there are.
+int64_t CentreTaps(const WindowAxis& axis);
 
 // pthread_create's signature; tests pass one that fails.
 using CreateThread = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -51,7 +55,8 @@ class BatchConvolution {
 // The bits and lines of convolve4DTensorSlow; lines of different images may come in any order. A
 // fixed table of 20 records and threads: image i uses slot i mod 20, and the table is reused once
 // all its threads have been joined. An image whose thread cannot be created is computed on the
-// calling thread instead.
+// calling thread instead. Rethrows the first exception of a group's images, all its threads joined;
+// the outputs are incomplete then.
 template <typename T>
 void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch,
                         CreateThread create = pthread_create);

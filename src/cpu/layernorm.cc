@@ -57,6 +57,9 @@ ElementScaling MakeScaling(const LayerNormScale& scale, const LayerNormParams& p
 
 void ComputeLayernorm(const float* in, float* out, const LayerNormShape& shape, const float* lut,
                       const LayerNormParams& params) {
+  if (shape.batch < 1 || shape.height < 1 || shape.width < 1) return;
+  // Vectors without elements write nothing, and all end the process or none does.
+  if (shape.vector_size == 0) return normalize_vector(in, out, 0, lut, params);
   const LayerNormLoops& loops = CurrentLoops();
   // Of the activation shifts only 64 counts as another one; above it the definition ends the
   // process.

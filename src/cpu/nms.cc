@@ -120,21 +120,50 @@ bool ComputeClassNMS(const std::vector<Box>& boxes, const SuppressionOptions& op
   return true;
 }
 
-std::vector<Frame> ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options) {
-  if (InformationLogIsOn()) return NMSTensor(in, options, LogInformation);
-  std::vector<Frame> result;
+namespace {
+
+// The boxes of one class that remain, without padding.
+Frame ClassFrame(std::vector<Box> boxes, const SuppressionOptions& options, SuppressionLog log) {
+  Frame frame;
+  if (log != nullptr || !ComputeClassNMS(boxes, options, &frame)) {
+    frame = DefineClassNMS(std::move(boxes), options, log);
+  }
+  return frame;
+}
+
+// What NMSTensor logs at the end.
+void LogFrames(const float* rows, int64_t frames, int64_t frame_rows, SuppressionLog log) {
+  if (log == nullptr) return;
+  LogParts(log, "final:\n");
+  for (int64_t f = 0; f < frames; ++f, rows += 5 * frame_rows) {
+    for (int64_t i = 0; i < 5 * frame_rows; ++i) {
+      LogParts(log, rows[i], " ");
+      if (i % 5 == 4) LogParts(log, "\n");
+    }
+    LogParts(log, "\n");
+  }
+  LogParts(log, "vec size = ", frames, ", internal_size = ", frames == 0 ? 0 : frame_rows, "\n");
+}
+
+}  // namespace
+
+void ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options, float* out) {
+  const SuppressionLog log = InformationLogIsOn() ? LogInformation : nullptr;
+  const auto frame_rows = static_cast<int64_t>(options.max_output_size);
+  float* next = out;
   for (int32_t batch = 0; batch < in.b; ++batch) {
     for (int32_t c = 0; c < in.k; ++c) {
+      LogParts(log, "batch = ", batch, " class = ", c, "\n");
       std::vector<Box> boxes = in.BoxesOf(batch, c);
-      Frame frame;
-      if (!ComputeClassNMS(boxes, options, &frame)) {
-        frame = DefineClassNMS(std::move(boxes), options, nullptr);
+      LogBoxes(log, boxes);
+      float* const end = next + 5 * frame_rows;
+      for (const std::vector<float>& row : ClassFrame(std::move(boxes), options, log)) {
+        next = std::copy(row.begin(), row.end(), next);
       }
-      pad_frame(frame, SaturateToUint64(options.max_output_size));
-      result.push_back(std::move(frame));
+      next = std::fill_n(next, end - next, 0.0f);
     }
   }
-  return result;
+  LogFrames(out, int64_t{in.b} * in.k, frame_rows, log);
 }
 
 }  // namespace bitfold

@@ -12,9 +12,10 @@
 
 namespace bitfold {
 
-// The frames, the messages and the assertions of NMSTensor, with the same requirements; the log is
-// the runtime's.
-std::vector<Frame> ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options);
+// The frames, the messages and the assertions of NMSTensor, with the same requirements and a
+// max_output_size of at least 1; the log is the runtime's. The rows of all frames go to `out`, one
+// after the other: in.b * in.k * max_output_size rows of five numbers.
+void ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options, float* out);
 
 // The quiet form, with the frame of DefineClassNMS and no message: candidates in the order of their
 // selection, each tested against the boxes selected before it. False, and nothing written, where

@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <limits>
+#include <new>
+#include <stdexcept>
 
 #include "absl/strings/str_format.h"
 #include "bitfold/repeated_addition.h"
@@ -20,6 +23,27 @@ BytesFrom::BytesFrom(Tensor* tensor, int64_t first) {
   const size_t element = tensor->TotalBytes() / static_cast<size_t>(tensor->NumElements());
   data = static_cast<char*>(tensor->data()) + static_cast<size_t>(first) * element;
   count = tensor->TotalBytes() - static_cast<size_t>(first) * element;
+}
+
+void GuardedOp::Compute(tensorflow::OpKernelContext* context) {
+  const auto no_memory = [this] {
+    return absl::ResourceExhaustedError(
+        absl::StrCat("No memory for ", type_string_view(), " in node ", name_view()));
+  };
+  try {
+    try {
+      Run(context);
+    } catch (const std::bad_alloc&) {
+      context->CtxFailure(no_memory());
+    } catch (const std::length_error&) {
+      context->CtxFailure(no_memory());
+    } catch (const std::exception& error) {
+      context->CtxFailure(absl::InternalError(
+          absl::StrCat(type_string_view(), " in node ", name_view(), " failed: ", error.what())));
+    }
+  } catch (const std::bad_alloc&) {  // not even for the text
+    context->SetStatus(absl::Status(absl::StatusCode::kResourceExhausted, ""));
+  }
 }
 
 absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size) {
@@ -64,6 +88,15 @@ absl::Status RequireInt32Elements(const char* input, const Tensor& tensor) {
   if (tensor.NumElements() <= std::numeric_limits<int32_t>::max()) return absl::OkStatus();
   return absl::InvalidArgumentError(absl::StrCat(
       "Need ", input, " to hold at most 2147483647 elements, got ", tensor.NumElements()));
+}
+
+absl::Status RequireModestOutput(const tensorflow::TensorShape& output) {
+  constexpr int64_t kMost = int64_t{1} << 28;
+  if (output.num_elements() <= kMost) return absl::OkStatus();
+  return absl::InvalidArgumentError(absl::StrCat(
+      "Need an output of at most ", kMost,
+      " elements where an input without elements is all there is to compute from, got shape ",
+      output.DebugString()));
 }
 
 int64_t SaturatingProduct(std::initializer_list<int64_t> sizes) {

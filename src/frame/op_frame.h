@@ -19,6 +19,7 @@
 #include "bitfold/datapath_attributes.h"
 #include "tensorflow/core/framework/op_kernel.h"
 #include "tensorflow/core/framework/tensor.h"
+#include "tensorflow/core/framework/tensor_shape.h"
 
 namespace bitfold {
 
@@ -31,6 +32,18 @@ Device DeviceOf(tensorflow::OpKernelContext* context) {
   return context->eigen_device<Device>();
 }
 
+// The base of every op. Nothing that Run throws leaves Compute, above which no frame of the runtime
+// expects it: memory that cannot be had is ResourceExhausted, any other exception Internal.
+class GuardedOp : public tensorflow::OpKernel {
+ public:
+  using OpKernel::OpKernel;
+
+  void Compute(tensorflow::OpKernelContext* context) final;
+
+ protected:
+  virtual void Run(tensorflow::OpKernelContext* context) = 0;
+};
+
 // Requires a width that int32 sums can model.
 absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size);
 
@@ -38,9 +51,9 @@ absl::Status RequireInt32AccumulatorSize(int32_t accumulator_size);
 // and for int32 data those above 32, which no int32 sum can model. A derived constructor goes on
 // only while context->status() is ok.
 template <typename T>
-class AccumulatorOp : public tensorflow::OpKernel {
+class AccumulatorOp : public GuardedOp {
  public:
-  explicit AccumulatorOp(tensorflow::OpKernelConstruction* context) : OpKernel(context) {
+  explicit AccumulatorOp(tensorflow::OpKernelConstruction* context) : GuardedOp(context) {
     OP_REQUIRES_OK(context, context->GetAttr("accumulator_size", &accumulator_size_));
     OP_REQUIRES(context, accumulator_size_ >= 0,
                 absl::InvalidArgumentError(
@@ -104,6 +117,13 @@ absl::Status RequireInt32Dimensions(const char* input, const tensorflow::Tensor&
 
 // Requires at most 2^31 - 1 elements, as the units that count them in 32 bits take them.
 absl::Status RequireInt32Elements(const char* input, const tensorflow::Tensor& tensor);
+
+// Whether a tensor has no elements, however large its other dimensions: nothing is to be computed.
+inline bool IsEmpty(const tensorflow::Tensor& tensor) { return tensor.NumElements() == 0; }
+
+// Inputs without elements can ask for outputs of any size. Requires of one that it hold at most
+// 2^28 elements.
+absl::Status RequireModestOutput(const tensorflow::TensorShape& output);
 
 // The product of sizes >= 0; INT64_MAX where it would overflow.
 int64_t SaturatingProduct(std::initializer_list<int64_t> sizes);

@@ -20,6 +20,8 @@ class OpScratch : public Scratch {
   explicit OpScratch(tensorflow::OpKernelContext* context) : context_(context) {}
 
   void* Allocate(size_t bytes) override {
+    constexpr size_t kMost = size_t{1} << 62;  // as the sizes of shapes
+    if (bytes > kMost) return nullptr;
     tensorflow::Tensor tensor;
     const tensorflow::TensorShape shape({static_cast<int64_t>(bytes) + 1});
     if (!context_->allocate_temp(tensorflow::DT_UINT8, shape, &tensor).ok()) return nullptr;

@@ -8,6 +8,7 @@
 #include "cpu/additions.h"
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
+#include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
@@ -44,8 +45,9 @@ struct HAddElementwise2DFunctor;
 
 template <typename T>
 struct HAddElementwise4dFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const AddCall<T>& call) const {
-    ComputeAdd(call, call.shape.ElementCount());
+  void operator()(const CPUDevice&, const AddCall<T>& call,
+                  const Cancellation& cancellation) const {
+    ComputeAdd(call, call.shape.ElementCount(), &cancellation);
   }
 };
 
@@ -56,14 +58,14 @@ struct HAddElementwise2DFunctor<CPUDevice, T> : HAddElementwise4dFunctor<CPUDevi
 
 template <typename T>
 struct HAddElementwise4dFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const AddCall<T>& call) const {
+  void operator()(const GPUDevice& device, const AddCall<T>& call, const Cancellation&) const {
     LaunchAddEwFeedRepeat4D(device.stream, call);
   }
 };
 
 template <typename T>
 struct HAddElementwise2DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const AddCall<T>& call) const {
+  void operator()(const GPUDevice& device, const AddCall<T>& call, const Cancellation&) const {
     LaunchAddEwFeedRepeat2D(device.stream, call);
   }
 };
@@ -76,15 +78,17 @@ class HAddOp : public AdditionOp<T> {
   explicit HAddOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
   // Any rank but 4 is computed through its first two dimensions.
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     OP_REQUIRES_OK(context, Check(context));
     const Tensor& value = context->input(0);
     const AdditionShape shape = ShapeOf(value);
     const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, AllocateOutput(context, device, shape.ElementCount(), &output));
+    if (IsEmpty(*output)) return;
 
     const DefaultFloatingPointScope scope;
+    const OpCancellation cancellation(context);
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
     const AddCall<T> call{data(0),
                           data(1),
@@ -94,10 +98,11 @@ class HAddOp : public AdditionOp<T> {
                           shape,
                           this->AttributesWith(context->input(4))};
     if (value.dims() == 4) {
-      HAddElementwise4dFunctor<Device, T>()(device, call);
+      HAddElementwise4dFunctor<Device, T>()(device, call, cancellation);
     } else {
-      HAddElementwise2DFunctor<Device, T>()(device, call);
+      HAddElementwise2DFunctor<Device, T>()(device, call, cancellation);
     }
+    OP_REQUIRES_OK(context, cancellation.Status());
   }
 
  private:

@@ -46,7 +46,7 @@ class HBboxDecoderOp : public BoxDecoderOp<T> {
  public:
   explicit HBboxDecoderOp(OpKernelConstruction* context) : BoxDecoderOp<T>(context) {}
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     // The text names the addition; so it is known.
     const auto grid =
         this->Prepare(context,

@@ -8,6 +8,7 @@
 #include "cpu/additions.h"
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
+#include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
@@ -42,8 +43,9 @@ struct HAddBias4DFunctor;
 
 template <typename T>
 struct HAddBias4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const BiasAddCall<T>& call) const {
-    ComputeBiasAdd(call, call.shape.ElementCount());
+  void operator()(const CPUDevice&, const BiasAddCall<T>& call,
+                  const Cancellation& cancellation) const {
+    ComputeBiasAdd(call, call.shape.ElementCount(), &cancellation);
   }
 };
 
@@ -51,7 +53,7 @@ struct HAddBias4DFunctor<CPUDevice, T> {
 
 template <typename T>
 struct HAddBias4DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const BiasAddCall<T>& call) const {
+  void operator()(const GPUDevice& device, const BiasAddCall<T>& call, const Cancellation&) const {
     LaunchAddFeedRepeat(device.stream, call);
   }
 };
@@ -63,7 +65,7 @@ class HBiasAddOp : public AdditionOp<T> {
  public:
   explicit HBiasAddOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     const Tensor& value = context->input(0);
     const bool supported = value.dims() == 4 || value.dims() == 2;
     if (supported) OP_REQUIRES_OK(context, Check(context));
@@ -75,8 +77,10 @@ class HBiasAddOp : public AdditionOp<T> {
       LOG(ERROR) << "HBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)";
       return;
     }
+    if (IsEmpty(*output)) return;
 
     const DefaultFloatingPointScope scope;
+    const OpCancellation cancellation(context);
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
     const BiasAddCall<T> call{data(0),
                               data(1),
@@ -85,7 +89,8 @@ class HBiasAddOp : public AdditionOp<T> {
                               output->flat<T>().data(),
                               shape,
                               this->AttributesWith(context->input(4))};
-    HAddBias4DFunctor<Device, T>()(device, call);
+    HAddBias4DFunctor<Device, T>()(device, call, cancellation);
+    OP_REQUIRES_OK(context, cancellation.Status());
   }
 
  private:

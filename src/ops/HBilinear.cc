@@ -36,19 +36,20 @@ REGISTER_OP("HBilinear")
     .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
 
 template <typename Device, typename T>
-class HBilinearOp : public tensorflow::OpKernel {
+class HBilinearOp : public GuardedOp {
  public:
   // The width is not range-checked here: the float mode takes any, and negative ones are defined.
-  explicit HBilinearOp(OpKernelConstruction* context) : OpKernel(context) {
+  explicit HBilinearOp(OpKernelConstruction* context) : GuardedOp(context) {
     OP_REQUIRES_OK(context, context->GetAttr("accumulator_size", &accumulator_size_));
     OP_REQUIRES_OK(context, context->GetAttr("float_accumulator", &float_accumulator_));
   }
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     OP_REQUIRES_OK(context, Check(context));
     const Tensor& first = context->input(0);
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, first.shape(), &output));
+    if (IsEmpty(*output)) return;
 
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };

@@ -238,7 +238,7 @@ class HConv2dOp : public AccumulatorOp<T> {
                                                         strides_[2], " along the width")));
   }
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     const Tensor& input = context->input(0);
     const Tensor& filter = context->input(1);
     const Tensor& elementwise = context->input(2);
@@ -253,8 +253,11 @@ class HConv2dOp : public AccumulatorOp<T> {
     OP_REQUIRES_OK(context, SetOutputSize("width", 2, columns, &shape));
     OP_REQUIRES_OK(context, shape.SetDimWithStatus(3, out_channels));
 
+    OP_REQUIRES_OK(context, CheckWork({input, filter, elementwise, shape, rows, columns}));
+
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, shape, &output));
+    if (IsEmpty(*output)) return;
 
     const bool has_elementwise = elementwise.NumElements() == output->NumElements();
     const bool has_filter_per_image = is_depthwise_ && leading == 1;
@@ -357,6 +360,40 @@ class HConv2dOp : public AccumulatorOp<T> {
         ", a filter of ", axis.taps, ", a stride of ", axis.stride, ", a dilation of ",
         axis.dilation, " and ", axis.padding == Padding::kValid ? "VALID" : "SAME", " padding"));
   }
+
+  struct Work {
+    const Tensor& input;
+    const Tensor& filter;
+    const Tensor& elementwise;
+    const TensorShape& output;
+    const ConvolutionAxis& rows;
+    const ConvolutionAxis& columns;
+  };
+
+  // Outputs are as many as the input holds positions, or fewer, unless attributes below 1 or sizes
+  // that wrap ask for more, which can be any number; and without elements nothing bounds the sizes.
+  static absl::Status CheckWork(const Work& work) {
+    if (work.output.num_elements() == 0) return absl::OkStatus();
+    const int64_t positions = int64_t{work.output.dim_size(1)} * work.output.dim_size(2);
+    const int64_t most = std::max(int64_t{work.rows.input} * work.columns.input, kPositions);
+    if (positions > most) {
+      return absl::InvalidArgumentError(absl::StrCat(
+          "Need strides and dilations that give at most ", most,
+          " output positions of an input of ", work.rows.input, " x ", work.columns.input, ", got ",
+          work.output.dim_size(1), " x ", work.output.dim_size(2)));
+    }
+    if (!IsEmpty(work.input) && !IsEmpty(work.filter)) return absl::OkStatus();
+    TF_RETURN_IF_ERROR(RequireModestOutput(work.output));
+    const bool has_elementwise = work.elementwise.NumElements() == work.output.num_elements();
+    const int64_t addends = has_elementwise ? CentreTaps(WindowAxis(work.rows)) : 0;
+    if (!IsEmpty(work.filter) || addends <= kAddends) return absl::OkStatus();
+    return absl::InvalidArgumentError(absl::StrCat(
+        "Need a filter without elements to add elementwise at most ", kAddends, " times, got ",
+        addends, " from a height of ", work.rows.taps, " and a dilation of ", work.rows.dilation));
+  }
+
+  static constexpr int64_t kPositions = int64_t{1} << 20;
+  static constexpr int64_t kAddends = 64;
 
   std::vector<int32_t> strides_;
   std::vector<int32_t> dilations_;

@@ -8,6 +8,7 @@
 #include "cpu/additions.h"
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
+#include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
@@ -44,8 +45,9 @@ struct HAddDecomposedBias4DFunctor;
 
 template <typename T>
 struct HAddDecomposedBias4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const DecomposedBiasAddCall<T>& call) const {
-    ComputeDecomposedBiasAdd(call, call.shape.ElementCount());
+  void operator()(const CPUDevice&, const DecomposedBiasAddCall<T>& call,
+                  const Cancellation& cancellation) const {
+    ComputeDecomposedBiasAdd(call, call.shape.ElementCount(), &cancellation);
   }
 };
 
@@ -53,7 +55,8 @@ struct HAddDecomposedBias4DFunctor<CPUDevice, T> {
 
 template <typename T>
 struct HAddDecomposedBias4DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const DecomposedBiasAddCall<T>& call) const {
+  void operator()(const GPUDevice& device, const DecomposedBiasAddCall<T>& call,
+                  const Cancellation&) const {
     LaunchAddDecomposedFeedRepeat(device.stream, call);
   }
 };
@@ -65,7 +68,7 @@ class HDecomposedBiasAddOp : public AdditionOp<T> {
  public:
   explicit HDecomposedBiasAddOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     const Tensor& value = context->input(0);
     const bool supported = value.dims() == 4 || value.dims() == 2;
     if (supported) OP_REQUIRES_OK(context, Check(context));
@@ -77,8 +80,10 @@ class HDecomposedBiasAddOp : public AdditionOp<T> {
       LOG(ERROR) << "HDecomposedBiasAdd supports rank 4 and rank 2 (Convolution and Dense results)";
       return;
     }
+    if (IsEmpty(*output)) return;
 
     const DefaultFloatingPointScope scope;
+    const OpCancellation cancellation(context);
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
     const DecomposedBiasAddCall<T> call{data(0),
                                         data(1),
@@ -89,7 +94,8 @@ class HDecomposedBiasAddOp : public AdditionOp<T> {
                                         output->flat<T>().data(),
                                         shape,
                                         this->AttributesWith(context->input(6))};
-    HAddDecomposedBias4DFunctor<Device, T>()(device, call);
+    HAddDecomposedBias4DFunctor<Device, T>()(device, call, cancellation);
+    OP_REQUIRES_OK(context, cancellation.Status());
   }
 
  private:

@@ -99,11 +99,11 @@ LayerNormParams ReadLayerNormParams(OpKernelContext* context) {
 }  // namespace
 
 template <typename Device>
-class HLayernormOp : public tensorflow::OpKernel {
+class HLayernormOp : public GuardedOp {
  public:
-  explicit HLayernormOp(OpKernelConstruction* context) : OpKernel(context) {}
+  explicit HLayernormOp(OpKernelConstruction* context) : GuardedOp(context) {}
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     constexpr char kFunction[] =
         "void HLayernormOp<Device>::Compute(tensorflow::OpKernelContext*) "
         "[with Device = Eigen::ThreadPoolDevice]";

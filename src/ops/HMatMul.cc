@@ -48,7 +48,7 @@ class HMatMulOp : public AdditionOp<T> {
  public:
   explicit HMatMulOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     g_resizeX_uf = 0;
     g_resizeX_of = 0;
     g_32toX_uf = 0;
@@ -65,25 +65,22 @@ class HMatMulOp : public AdditionOp<T> {
     // Of the leading dimensions the first alone counts.
     const int64_t batch = a.dims() == 2 ? 1 : a.dim_size(0);
     tensorflow::TensorShape shape = a.shape();
-    shape.set_dim(b.dims() - 1, cols);
-    if (inner == b_rows) {
-      OP_REQUIRES_OK(context, RequireElements("b", b, SaturatingProduct({batch, inner, cols}),
-                                              "a matrix for each entry of the batch"));
-      OP_REQUIRES(
-          context, shape.num_elements() >= SaturatingProduct({batch, rows, cols}),
-          absl::InvalidArgumentError(absl::StrCat(
-              "Need a and b of ranks that let the product hold ", batch, " matrices of ", rows,
-              " x ", cols, ", got shapes ", a.shape().DebugString(), " and ",
-              b.shape().DebugString(), ", whose product has the shape ", shape.DebugString())));
+    OP_REQUIRES_OK(context, shape.SetDimWithStatus(b.dims() - 1, cols));
+    if (inner == b_rows) OP_REQUIRES_OK(context, CheckMatrices(context, batch, shape));
+    if (IsEmpty(a) || IsEmpty(b)) {
+      OP_REQUIRES_OK(context, RequireModestOutput(shape));
+      if (inner != b_rows) OP_REQUIRES_OK(context, RequireFewMismatches(batch));
     }
 
     Tensor* product = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, shape, &product));
-    ZeroFill(product, inner == b_rows ? batch * rows * cols : 0);
+    if (inner != b_rows || inner == 0) ZeroFill(product, 0);
     if (inner != b_rows) {
       for (int64_t i = 0; i < batch; ++i) LogMismatch(inner, b_rows);
       return;
     }
+    if (IsEmpty(*product) || inner == 0) return;
+    ZeroFill(product, batch * rows * cols);
     const MatMulCall<T> call = {
         a.flat<T>().data(),
         b.flat<T>().data(),
@@ -104,6 +101,33 @@ class HMatMulOp : public AdditionOp<T> {
   static void LogMismatch(int64_t inner, int64_t b_rows) {
     LogError(absl::StrCat("input and kernel dimensions does not match for matrix mul. dataSizeX=",
                           inner, "\tkernelSizeY=", b_rows));
+  }
+
+  // Requires that the inputs and the product hold the batch.
+  static absl::Status CheckMatrices(OpKernelContext* context, int64_t batch,
+                                    const tensorflow::TensorShape& product) {
+    const Tensor& a = context->input(0);
+    const Tensor& b = context->input(1);
+    const int64_t inner = a.dim_size(a.dims() - 1);
+    const int64_t rows = a.dim_size(a.dims() - 2);
+    const int64_t cols = b.dim_size(b.dims() - 1);
+    constexpr char kWhat[] = "a matrix for each entry of the batch";
+    TF_RETURN_IF_ERROR(RequireElements("a", a, SaturatingProduct({batch, rows, inner}), kWhat));
+    TF_RETURN_IF_ERROR(RequireElements("b", b, SaturatingProduct({batch, inner, cols}), kWhat));
+    if (product.num_elements() >= SaturatingProduct({batch, rows, cols})) return absl::OkStatus();
+    return absl::InvalidArgumentError(absl::StrCat(
+        "Need a and b of ranks that let the product hold ", batch, " matrices of ", rows, " x ",
+        cols, ", got shapes ", a.shape().DebugString(), " and ", b.shape().DebugString(),
+        ", whose product has the shape ", product.DebugString()));
+  }
+
+  // Each entry logs a line, and without elements nothing bounds their number.
+  static absl::Status RequireFewMismatches(int64_t batch) {
+    constexpr int64_t kMost = 65536;
+    if (batch <= kMost) return absl::OkStatus();
+    return absl::InvalidArgumentError(absl::StrCat(
+        "Need a batch of at most ", kMost,
+        " where inputs without elements differ in their inner dimensions, got ", batch));
   }
 
   static absl::Status CheckRanks(const Tensor& a, const Tensor& b) {

@@ -5,10 +5,8 @@
 
 #include "bitfold/HNMS.h"
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <new>
 
 #include "cpu/nms.h"
 #include "frame/floating_point_scope.h"
@@ -37,9 +35,9 @@ REGISTER_OP("HNMS")
     .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
 
 template <typename Device>
-class HNMSOp : public tensorflow::OpKernel {
+class HNMSOp : public GuardedOp {
  public:
-  explicit HNMSOp(OpKernelConstruction* context) : OpKernel(context) {
+  explicit HNMSOp(OpKernelConstruction* context) : GuardedOp(context) {
     OP_REQUIRES_OK(context, context->GetAttr("iou_threshold", &iou_threshold_));
     OP_REQUIRES_OK(context, context->GetAttr("max_output_size", &max_output_size_));
     OP_REQUIRES_OK(context, context->GetAttr("classes", &classes_));
@@ -47,7 +45,7 @@ class HNMSOp : public tensorflow::OpKernel {
     OP_REQUIRES_OK(context, context->GetAttr("is_velquin", &is_velquin_));
   }
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     const Tensor& value = context->input(0);
     const Tensor& scores_threshold = context->input(1);
     if (value.dims() != 4) {
@@ -61,28 +59,13 @@ class HNMSOp : public tensorflow::OpKernel {
         value.flat<float>().data(), size(0), size(1), size(2), size(3), classes};
     const SuppressionOptions options{scores_threshold.flat<float>()(0), iou_threshold_,
                                      max_output_size_, debug_precise_numeric_, is_velquin_};
-    const DefaultFloatingPointScope scope;
-    std::vector<Frame> frames;
-    try {
-      frames = ComputeNMS(in, options);
-    } catch (const std::bad_alloc&) {
-      OP_REQUIRES(context, false,
-                  absl::ResourceExhaustedError(absl::StrCat(
-                      "No memory for frames of max_output_size = ", max_output_size_, " rows")));
-    }
-    const int64_t rows = static_cast<int64_t>(frames[0].size());
-    const int64_t parameters = static_cast<int64_t>(frames[0][0].size());
-    LOG(INFO) << "batch_size=" << size(0) << ", classes=" << classes_ << ", boxes=" << rows
-              << ", params=" << parameters << "\n";
-
+    const auto rows = static_cast<int64_t>(max_output_size_);
     Tensor* output = nullptr;
-    OP_REQUIRES_OK(context,
-                   context->allocate_output(
-                       0, {size(0), static_cast<int64_t>(classes_), rows, parameters}, &output));
-    float* out = output->flat<float>().data();
-    for (const Frame& frame : frames) {
-      for (const std::vector<float>& row : frame) out = std::copy(row.begin(), row.end(), out);
-    }
+    OP_REQUIRES_OK(context, AllocateFrames(context, {size(0), classes, rows, 5}, &output));
+    const DefaultFloatingPointScope scope;
+    ComputeNMS(in, options, output->flat<float>().data());
+    LOG(INFO) << "batch_size=" << size(0) << ", classes=" << classes_ << ", boxes=" << rows
+              << ", params=" << 5 << "\n";
   }
 
  private:
@@ -94,6 +77,7 @@ class HNMSOp : public tensorflow::OpKernel {
           "Need value of shape [batch, classes * boxes, 5, 1] with a batch of at least 1, got ",
           value.shape().DebugString()));
     }
+    TF_RETURN_IF_ERROR(RequireInt32Dimensions("value", value));
     TF_RETURN_IF_ERROR(RequireInt32Elements("value", value));
     TF_RETURN_IF_ERROR(RequireScalar("scores_threshold", scores_threshold));
     constexpr float kEnd = 2147483648.0f;  // 2^31
@@ -107,14 +91,24 @@ class HNMSOp : public tensorflow::OpKernel {
           "Need max_output_size to be a whole number of at least 1 and below 2^31, got ",
           max_output_size_));
     }
+    // Attributes and a batch without elements can ask for any number.
     const int64_t elements = SaturatingProduct({value.dim_size(0), static_cast<int64_t>(classes_),
                                                 static_cast<int64_t>(max_output_size_), 5});
-    if (elements == std::numeric_limits<int64_t>::max()) {
+    if (elements > std::numeric_limits<int32_t>::max()) {
       return absl::InvalidArgumentError(absl::StrCat(
-          "Need a batch, classes and max_output_size whose product can be allocated, got ",
+          "Need a batch, classes and max_output_size that give at most 2147483647 numbers, got ",
           value.dim_size(0), ", ", classes_, " and ", max_output_size_));
     }
     return absl::OkStatus();
+  }
+
+  absl::Status AllocateFrames(OpKernelContext* context, const tensorflow::TensorShape& shape,
+                              Tensor** output) const {
+    const absl::Status status = context->allocate_output(0, shape, output);
+    if (!absl::IsResourceExhausted(status)) return status;
+    return absl::ResourceExhaustedError(
+        absl::StrCat("No memory for frames of max_output_size = ", max_output_size_,
+                     " rows: ", status.message()));
   }
 
   float iou_threshold_ = 0.0f;

@@ -46,7 +46,7 @@ class HSingleWeightPerProposalBboxDecoderOp : public BoxDecoderOp<T> {
   explicit HSingleWeightPerProposalBboxDecoderOp(OpKernelConstruction* context)
       : BoxDecoderOp<T>(context) {}
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     // The text names the other decoder; so it is known.
     const auto grid =
         this->Prepare(context,

@@ -27,13 +27,13 @@ REGISTER_OP("HSoftmax")
     .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
 
 template <typename Device>
-class HSoftmaxOp : public tensorflow::OpKernel {
+class HSoftmaxOp : public GuardedOp {
  public:
-  explicit HSoftmaxOp(OpKernelConstruction* context) : OpKernel(context) {
+  explicit HSoftmaxOp(OpKernelConstruction* context) : GuardedOp(context) {
     OP_REQUIRES_OK(context, context->GetAttr("is_velquin", &is_velquin_));
   }
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     const Tensor& value = context->input(0);
     const Tensor& lut_table = context->input(1);
     BITFOLD_ASSERT(lut_table.NumElements() == static_cast<int64_t>(kSoftmaxTableWords),
@@ -44,6 +44,7 @@ class HSoftmaxOp : public tensorflow::OpKernel {
 
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
+    if (IsEmpty(*output)) return;
     const DefaultFloatingPointScope scope;
     ComputeSoftmax(value.flat<float>().data(), output->flat<float>().data(),
                    static_cast<int>(value.NumElements()),

@@ -62,12 +62,13 @@ class HStandaloneElementwiseAddOp : public AdditionOp<T> {
   explicit HStandaloneElementwiseAddOp(OpKernelConstruction* context) : AdditionOp<T>(context) {}
 
   // Any rank but 4 is computed through its first two dimensions.
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     OP_REQUIRES_OK(context, Check(context));
     const AdditionShape shape = ShapeOf(context->input(0));
     const Device device = DeviceOf<Device>(context);
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, AllocateOutput(context, device, shape.ElementCount(), &output));
+    if (IsEmpty(*output)) return;
 
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };

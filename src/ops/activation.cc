@@ -39,11 +39,11 @@ REGISTER_OP("HActivation")
     .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
 
 template <typename Device>
-class Activation : public tensorflow::OpKernel {
+class Activation : public GuardedOp {
  public:
   // Unlike the other kernels' this constructor throws the status of an attribute that cannot be
   // read.
-  explicit Activation(OpKernelConstruction* context) : OpKernel(context) {
+  explicit Activation(OpKernelConstruction* context) : GuardedOp(context) {
     Read(context, "is_8bit_to_16bit_mode", &mode_.is_8bit_to_16bit_mode);
     Read(context, "is_velquin", &mode_.is_velquin);
     Read(context, "ebias", &mode_.ebias);
@@ -53,7 +53,7 @@ class Activation : public tensorflow::OpKernel {
     Read(context, "is_signed_output", &mode_.is_signed_output);
   }
 
-  void Compute(OpKernelContext* context) override {
+  void Run(OpKernelContext* context) override {
     // The runtime's own check ends the process for another rank.
     const auto inp = context->input(0).tensor<int64_t, 4>();
     const auto x_points = context->input(1).matrix<int64_t>();
@@ -66,6 +66,7 @@ class Activation : public tensorflow::OpKernel {
 
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, context->input(0).shape(), &output));
+    if (IsEmpty(*output)) return;
     if (UsedChannels(context->input(5)) < channels) ZeroFill(output, 0);
     const ActivationGroups groups = {{x_points.data(), x_points.dimension(1)},
                                      {offsets.data(), offsets.dimension(1)},
@@ -108,6 +109,7 @@ class Activation : public tensorflow::OpKernel {
     for (int64_t g = 0; g < splits.NumElements(); ++g) {
       if (splits.vec<int64_t>()(g) > 0) rows = g + 1;
     }
+    if (rows == 0) return absl::OkStatus();
     const int64_t pieces = context->input(1).dim_size(1) + 1;
     TF_RETURN_IF_ERROR(RequireTable("x_points", context->input(1), rows, 0));
     TF_RETURN_IF_ERROR(RequireTable("offsets", context->input(2), rows, pieces));
@@ -117,9 +119,7 @@ class Activation : public tensorflow::OpKernel {
 
   static absl::Status RequireTable(const char* input, const Tensor& table, int64_t rows,
                                    int64_t columns) {
-    if (rows == 0 || (table.dim_size(0) >= rows && table.dim_size(1) >= columns)) {
-      return absl::OkStatus();
-    }
+    if (table.dim_size(0) >= rows && table.dim_size(1) >= columns) return absl::OkStatus();
     return absl::InvalidArgumentError(absl::StrCat("Need ", input, " of shape [", rows, ", ",
                                                    columns, "] or larger (groups, pieces), got ",
                                                    table.shape().DebugString()));

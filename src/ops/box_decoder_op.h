@@ -39,7 +39,8 @@ class BoxDecoderOp : public AdditionOp<T> {
  protected:
   // Checks everything that will be read and allocates output 0, the unwritten part of it zeroed.
   // Returns where to compute; an odd last dimension loses its last element. Nothing when there is
-  // nothing to compute: the call has failed or, for another rank than 4, has logged rank_message.
+  // nothing to compute: the call has failed, the output is empty or, for another rank than 4, has
+  // logged rank_message.
   // `anchor_inputs` are the names from input 4 on.
   std::optional<DetectionGrid> Prepare(tensorflow::OpKernelContext* context,
                                        const std::vector<const char*>& anchor_inputs,
@@ -64,13 +65,14 @@ class BoxDecoderOp : public AdditionOp<T> {
     }
     const auto size = [&centers](int i) { return static_cast<int32_t>(centers.dim_size(i)); };
     const DetectionGrid grid{size(0), size(1), size(2), size(3) / 2};
+    if (IsEmpty(*output)) return std::nullopt;
     ZeroFill(output, int64_t{4} * grid.anchors * grid.images * grid.rows * grid.columns);
     return grid;
   }
 
  private:
   static absl::Status CheckRank(const tensorflow::Tensor& centers) {
-    if (centers.dims() > 4) return absl::OkStatus();
+    if (centers.dims() > 4) return RequireInt32Dimensions("detection_centers", centers);
     return absl::InvalidArgumentError(
         absl::StrCat("Need detection_centers of rank 4, got rank ", centers.dims()));
   }

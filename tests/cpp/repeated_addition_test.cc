@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -398,31 +399,167 @@ TEST(ProvenPasses, HugeCountsOfTwoAddendsAgainstModularArithmetic) {
 
 // ---- Floats ------------------------------------------------------------------------------------
 
-// Floats make every pass and print every line.
-TEST(ProvenPasses, FloatIsEveryPass) {
+// Passes proven against every pass made: bits, and printed lines in their order.
+template <typename... Addends>
+::testing::AssertionResult FloatProvenSameAsEvery(const Datapath<float>& datapath, float acc,
+                                                  int64_t passes, Addends... addends) {
+  float every = 0.0f;
+  float proven = 0.0f;
+  const std::string inputs =
+      (Describe("acc", acc, "passes", passes, "width", datapath.accumulator_size(), "fp16",
+                datapath.use_fp16_acc()) +
+       ... + Describe("addend", addends));
+  const auto expected =
+      testing::PrintedBy([&] { every = EveryPass{}(datapath, acc, addends..., passes); });
+  const auto actual =
+      testing::PrintedBy([&] { proven = ProvenPasses{}(datapath, acc, addends..., passes); });
+  const auto same = Same(every, proven, "ProvenPasses, float", inputs);
+  return same ? testing::SameText(expected, actual, inputs) : same;
+}
+
+// Corners with corners, few passes and more than are made at once.
+TEST(ProvenPasses, FloatCornersAgainstEveryPass) {
   for (const bool use_fp16_acc : {false, true}) {
-    const Datapath<float> datapath(24, 0, use_fp16_acc);
-    for (const float acc : testing::Corners<float>()) {
-      for (const float addend : testing::Corners<float>()) {
-        float every = 0.0f;
-        float proven = 0.0f;
-        const auto inputs = Describe("acc", acc, "addend", addend, "fp16", use_fp16_acc);
-        const auto expected =
-            testing::PrintedBy([&] { every = EveryPass{}(datapath, acc, addend, 3); });
-        const auto actual =
-            testing::PrintedBy([&] { proven = ProvenPasses{}(datapath, acc, addend, 3); });
-        ASSERT_TRUE(Same(every, proven, "ProvenPasses, float", inputs));
-        ASSERT_TRUE(testing::SameText(expected, actual, inputs));
-        const auto expected_of_two =
-            testing::PrintedBy([&] { every = EveryPass{}(datapath, acc, addend, 2.0f, 3); });
-        const auto actual_of_two =
-            testing::PrintedBy([&] { proven = ProvenPasses{}(datapath, acc, addend, 2.0f, 3); });
-        ASSERT_TRUE(Same(every, proven, "ProvenPasses, two addends", inputs));
-        ASSERT_TRUE(testing::SameText(expected_of_two, actual_of_two, inputs));
+    for (const int width : {8, 24}) {
+      if (use_fp16_acc && width != 24) continue;
+      const Datapath<float> datapath(width, 0, use_fp16_acc);
+      for (const float acc : testing::Corners<float>()) {
+        for (const float addend : testing::Corners<float>()) {
+          for (const int64_t passes : {3, 255, 256, 300}) {
+            if (passes == 255 && testing::Step(2) > 1) continue;
+            ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, passes, addend));
+          }
+          ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, 300, addend, 2.0f));
+          ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, 300, 2.0f, addend));
+        }
+      }
+    }
+  }
+}
+
+// Addends that are whole numbers, fractions with few and with all bits, and small against the
+// accumulator.
+const float kAddends[] = {0.1f,   -0.1f,   1.0f,      0.5f,      -1.25f,  1e-3f,     1e-5f,
+                          3.3f,   -77.77f, 100.3f,    256.0f,    -255.0f, 300.7f,    5000.5f,
+                          1e-20f, 1e-45f,  -32768.0f, 65535.25f, 1e5f,    -123456.7f};
+
+float DrawAccumulator(testing::Random* random) {
+  return static_cast<float>(random->Between(-(1 << 23), 1 << 23)) *
+         std::ldexp(1.0f, random->Between(-24, -2));
+}
+
+TEST(ProvenPasses, FloatAgainstEveryPass) {
+  testing::Random random(0xf10a7);
+  for (const int width : {0, 1, 2, 3, 8, 12, 16, 20, 22, 23}) {
+    const Datapath<float> datapath(width, 0, false);
+    for (const float addend : kAddends) {
+      if (std::fabs(addend) > 3.0f * datapath.limits().period) continue;
+      for (int i = 0; i < 4; ++i) {
+        const int64_t passes = random.Between(256, 40000 / testing::Step(8));
+        ASSERT_TRUE(FloatProvenSameAsEvery(datapath, DrawAccumulator(&random), passes, addend));
       }
     }
   }
   Ran(Path::kFloatProven);
+}
+
+TEST(ProvenPasses, FloatOfTwoAddendsAgainstEveryPass) {
+  testing::Random random(0xf10a8);
+  for (const int width : {0, 1, 2, 8, 12, 16, 20, 23}) {
+    const Datapath<float> datapath(width, 0, false);
+    for (const float first : kAddends) {
+      for (const float second : kAddends) {
+        const float largest = std::max(std::fabs(first), std::fabs(second));
+        if (largest > 3.0f * datapath.limits().period) continue;
+        const int64_t passes = random.Between(256, 5000 / testing::Step(8));
+        ASSERT_TRUE(
+            FloatProvenSameAsEvery(datapath, DrawAccumulator(&random), passes, first, second));
+      }
+    }
+  }
+  Ran(Path::kFloatProvenOfTwoAddends);
+}
+
+TEST(ProvenPasses, HalfAgainstEveryPass) {
+  testing::Random random(0xf10a9);
+  const Datapath<float> datapath(24, 0, true);
+  for (const float first : kAddends) {
+    const float acc = datapath.InitialValue(DrawAccumulator(&random));
+    ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, 100000 / testing::Step(16), first));
+    const float second = kAddends[random.Between(0, 9)];
+    ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, 20000 / testing::Step(16), first, second));
+  }
+  Ran(Path::kFloatProvenHalf);
+}
+
+// Sums as large as the least that are reported, at every width around theirs: most passes print
+// nothing, one at the top of every round does.
+TEST(ProvenPasses, LinesAmongProvenPasses) {
+  for (const int width : {23, 24, 25, 26, 32}) {
+    const Datapath<float> datapath(width, 0, false);
+    for (const float acc : {8388607.0f, 8380000.0f, -8388607.0f, -8388606.5f, 4194303.0f}) {
+      for (const float addend : {1.0f, -1.0f, 0.5f, 7.0f, 4099.5f, -100.25f, 2097152.0f}) {
+        ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, 5000 / testing::Step(4), addend));
+        ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, 2000, addend, -addend));
+      }
+    }
+  }
+  const Datapath<float> datapath(24, 0, false);
+  float sum = 0.0f;
+  const auto lines =
+      testing::PrintedBy([&] { sum = ProvenPasses{}(datapath, 0.0f, 1.0f, int64_t{1} << 31); });
+  // 128 rounds of 2^24 passes. In each, 8388607 is reported, and 8388608, which wraps.
+  EXPECT_TRUE(Same(0.0f, sum, "rounds", ""));
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 256);
+  Ran(Path::kFloatPrintsInProvenPasses);
+}
+
+// Nobody can wait for these. Whole numbers of floats, where theorem 2 holds, are the integers'.
+TEST(ProvenPasses, HugeCountsOfFloatsAgainstIntegers) {
+  for (int32_t width = 1; width <= 23; ++width) {
+    const Datapath<float> floats(width, 0, false);
+    const Datapath<int32_t> integers(width, 0, false);
+    const int32_t half = 1 << (width - 1);
+    for (const int32_t addend : {1, -1, 3, 5, -7, 85, 1000, -12345, half - 1, -half, half + 1}) {
+      if (std::abs(addend) > 2 * half || half + std::abs(addend) >= (1 << 23) - 1) continue;
+      const int32_t acc = addend > 0 ? half - 1 : -half;
+      const auto start = static_cast<float>(acc);
+      const auto step = static_cast<float>(addend);
+      for (const int64_t passes : {int64_t{16777219}, (int64_t{1} << 31) - 64}) {
+        const auto inputs = Describe("addend", addend, "width", width, "passes", passes);
+        const auto one = static_cast<float>(ProvenPasses{}(integers, acc, addend, passes));
+        ASSERT_TRUE(Same(one, ProvenPasses{}(floats, start, step, passes), "one", inputs));
+        const auto two = static_cast<float>(ProvenPasses{}(integers, acc, addend, -1, passes));
+        ASSERT_TRUE(Same(two, ProvenPasses{}(floats, start, step, -1.0f, passes), "two", inputs));
+      }
+    }
+  }
+}
+
+// A cycle of 2^23 passes and more, made in full.
+TEST(ProvenPasses, LongFloatCyclesAgainstEveryPass) {
+  const int64_t passes = (int64_t{1} << 26) / testing::Step(64) + 12345;
+  for (const float addend : {0.1f, 100.3f, -1.1f}) {
+    ASSERT_TRUE(FloatProvenSameAsEvery(Datapath<float>(8, 0, false), 7.5f, passes, addend));
+  }
+  ASSERT_TRUE(FloatProvenSameAsEvery(Datapath<float>(20, 0, false), 7.5f, passes, 3.3f));
+  ASSERT_TRUE(FloatProvenSameAsEvery(Datapath<float>(12, 0, false), 7.5f, passes / 4, 3.3f, 0.1f));
+}
+
+// Passes that print, and integers that are never proven, end when they are told to.
+TEST(ProvenPasses, StopsWhereNothingIsProven) {
+  int asked = 0;
+  const auto third_time = [&asked] { return ++asked >= 3; };
+  const ProvenPasses<decltype(third_time)> add_passes{third_time};
+  constexpr int64_t kPasses = int64_t{1} << 31;
+  testing::PrintedBy([&] { add_passes(Datapath<float>(24, 0, false), 0.0f, 1e10f, kPasses); });
+  EXPECT_EQ(asked, 3);
+  asked = 0;
+  add_passes(Datapath<int32_t>(8, 0, false), 0, 257, kPasses);
+  EXPECT_EQ(asked, 3);
+  asked = 2;
+  EXPECT_TRUE(Same(5.0f, add_passes(Datapath<float>(8, 0, false), 5.0f, 1.0f, kPasses), "", ""));
+  Ran(Path::kFloatPassesStopped);
 }
 
 }  // namespace

@@ -426,8 +426,13 @@ def test_other_ranks_have_no_output(shape, printed):
                            (-np.inf, "-inf"), (2.0**31, "2.14748e+09")]
         ),
         (
+            {"value": (1, 0, 5, 1), "classes": 2.0**30, "max_output_size": 1.0},
+            "Need a batch, classes and max_output_size that give at most 2147483647 numbers, "
+            "got 1, 1.07374e+09 and 1",
+        ),
+        (
             {"value": (3, 1, 5, 1), "classes": 2.0**30, "max_output_size": 2.0**30},
-            "Need a batch, classes and max_output_size whose product can be allocated, "
+            "Need a batch, classes and max_output_size that give at most 2147483647 numbers, "
             "got 3, 1.07374e+09 and 1.07374e+09",
         ),
     ],

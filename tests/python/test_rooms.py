@@ -40,7 +40,9 @@ RUNTIME = (
     "google/",
     "third_party/",
 )
-RUNTIME_USERS = re.compile(r"src/ops/.*|src/frame/(op_frame\.h|op_frame\.cc|op_scratch\.h|log\.cc)")
+RUNTIME_USERS = re.compile(
+    r"src/ops/.*|src/frame/(op_(frame|scratch|cancellation)\.h|op_frame\.cc|log\.cc)"
+)
 # Who may include the device toolkit's.
 TOOLKIT = re.compile(r"cu(da|rand|blas|dnn)\w*(\.h|/.*)")
 # Compiled for the host, the kernels get the toolkit's stand-in from the tests.

@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import concurrent.futures
 import hashlib
+import json
 import multiprocessing
 import os
 from typing import Any
@@ -23,11 +24,11 @@ Outcome = list[str]
 LARGE = 1 << 25  # bytes of an output that is not looked at: the memory is limited
 
 
-def digest(array: np.ndarray) -> str:
+def digest(output: tf.Tensor) -> str:
     """Return what identifies an output: type, shape and bits, any NaN being the same."""
-    if array.nbytes > LARGE:
-        return f"{array.dtype} {list(array.shape)} large"
-    array = np.ascontiguousarray(array)
+    if output.dtype.size * output.shape.num_elements() > LARGE:
+        return f"{output.dtype.name} {list(output.shape)} large"
+    array = np.ascontiguousarray(output.numpy())
     if array.dtype.kind == "f":
         array = np.where(np.isnan(array), np.array(np.nan, array.dtype), array)
     bits = hashlib.sha1(array.tobytes()).hexdigest()[:16]
@@ -58,7 +59,7 @@ class PreparedCall:
             (output,) = execute.quick_execute(
                 self.call.op, 1, self.tensors, tuple(self._attributes), context.context()
             )
-            return ["ok", digest(output.numpy())]
+            return ["ok", digest(output)]
         except (tf.errors.OpError, TypeError, ValueError, OverflowError) as error:
             return _error(error)
 
@@ -74,6 +75,9 @@ def _error(error: Exception) -> Outcome:
     text = str(getattr(error, "message", error))
     # What follows describes the node, its attributes in an order that changes from run to run.
     text = text.split("\n")[0].split("; NodeDef")[0].split(" [Op:")[0]
+    # Of several attributes with such values any may be named, as their order has it.
+    if text.startswith("Value for attr") and text.count("is not in the list of allowed values"):
+        text = "Value for an attr is not in the list of allowed values"
     return ["error", f"{type(error).__name__}: {text}"]
 
 
@@ -115,7 +119,7 @@ def run_in_function(many: list[calls.Call]) -> list[Outcome]:
 
     outputs = together(*tensors)
     return [
-        refused[index] if index in refused else ["ok", digest(outputs[str(index)].numpy())]
+        refused[index] if index in refused else ["ok", digest(outputs[str(index)])]
         for index in range(len(many))
     ]
 
@@ -136,7 +140,7 @@ def run_after_fork(many: list[calls.Call]) -> list[Outcome]:
     if child == 0:
         os.close(reader)
         with os.fdopen(writer, "w") as file:
-            file.write(repr([run(call) for call in many]))
+            json.dump([run(call) for call in many], file)
         os._exit(0)
     os.close(writer)
     with os.fdopen(reader) as file:
@@ -144,7 +148,7 @@ def run_after_fork(many: list[calls.Call]) -> list[Outcome]:
     _, status = os.waitpid(child, 0)
     if status != 0:
         raise RuntimeError(f"the fork ended with status {status}")
-    return eval(text)  # the lists of strings written above
+    return json.loads(text)
 
 
 def _run_all(library: str, many: list[calls.Call]) -> list[Outcome]:

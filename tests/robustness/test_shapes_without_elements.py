@@ -74,7 +74,7 @@ def huge_shapes(rank: int) -> Iterator[tuple[int, ...]]:
                 yield tuple(shape)
     if rank >= 3:
         for zero in range(rank):  # the product of the others is 2^32 or more, 0 in 32 bits
-            shape = [65536] * rank if rank == 3 else [1024, 65536, 65536, 2][:rank]
+            shape = [65536] * 3 if rank == 3 else [1024, 65536, 65536, 2] + [1] * (rank - 4)
             shape[zero] = 0
             yield tuple(shape)
 

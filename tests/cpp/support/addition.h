@@ -106,8 +106,9 @@ struct HAddTraits : AdditionTraits {
     DefineAdd(call, 0, count, EveryPass{});
   }
   template <typename T>
-  static void Run(const AddCall<T>& call, int64_t count) {
-    ComputeAdd(call, count);
+  static void Run(const AddCall<T>& call, int64_t count,
+                  const Cancellation* cancellation = nullptr) {
+    ComputeAdd(call, count, cancellation);
   }
 };
 
@@ -134,8 +135,9 @@ struct HBiasAddTraits : AdditionTraits {
     DefineBiasAdd(call, 0, count, EveryPass{});
   }
   template <typename T>
-  static void Run(const BiasAddCall<T>& call, int64_t count) {
-    ComputeBiasAdd(call, count);
+  static void Run(const BiasAddCall<T>& call, int64_t count,
+                  const Cancellation* cancellation = nullptr) {
+    ComputeBiasAdd(call, count, cancellation);
   }
 };
 
@@ -172,8 +174,9 @@ struct HDecomposedBiasAddTraits : AdditionTraits {
     DefineDecomposedBiasAdd(call, 0, count, EveryPass{});
   }
   template <typename T>
-  static void Run(const DecomposedBiasAddCall<T>& call, int64_t count) {
-    ComputeDecomposedBiasAdd(call, count);
+  static void Run(const DecomposedBiasAddCall<T>& call, int64_t count,
+                  const Cancellation* cancellation = nullptr) {
+    ComputeDecomposedBiasAdd(call, count, cancellation);
   }
 };
 

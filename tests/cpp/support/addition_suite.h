@@ -17,6 +17,7 @@
 
 #include "cpu/vector_datapath.h"
 #include "support/addition.h"
+#include "support/capture.h"
 #include "support/ledger.h"
 #include "support/scale.h"
 
@@ -209,6 +210,47 @@ TYPED_TEST_P(FeedSuite, PassesMadeOrProven) {
   Ran(Path::kManyPassesProven);
 }
 
+// Around the number of passes from which on the kernels prove those of floats.
+TYPED_TEST_P(FeedSuite, FloatPassesMadeOrProven) {
+  Random random(0x9a56);
+  for (const float repeat : {262143.0f, 262144.0f, 262145.0f}) {
+    for (const bool use_fp16_acc : {false, true}) {
+      Addition<float> c = DrawAddition<TypeParam, float>(&random, Data::kSmall, 3, 2);
+      c.factor = 0.1f;
+      c.second_factor = -1.1f;
+      c.feed_repeat = repeat;
+      c.accumulator_size = 16;
+      c.use_fp16_acc = use_fp16_acc;
+      ASSERT_TRUE(CheckAddition<TypeParam>(c));
+    }
+  }
+  Ran(Path::kManyFloatPassesProven);
+}
+
+class CancelledAtOnce : public Cancellation {
+ public:
+  bool IsRequested() const override { return true; }
+};
+
+// Feeds that nothing proves: none of these would end, and blocks are not begun.
+TYPED_TEST_P(FeedSuite, Cancelled) {
+  for (const float repeat : {3.0f, 100000.0f, 2147483648.0f}) {
+    Addition<float> c = WarningAt<TypeParam>({1, 600}, false);
+    c.feed_repeat = repeat;
+    const AdditionInputs<float> in(c, 0);
+    std::vector<float> out(c.value.size());
+    const CancelledAtOnce cancelled;
+    EXPECT_EQ(PrintedBy([&] {
+                TypeParam::Run(
+                    TypeParam::CallOf(in, TypeParam::ShapeOf(c.count(), TypeParam::Channels(c)),
+                                      out.data()),
+                    c.count(), &cancelled);
+              }),
+              "");
+  }
+  Ran(Path::kPassesCancelled);
+}
+
 // The first pass in range, a later one out of it.
 TYPED_TEST_P(FeedSuite, WarningInALaterPass) {
   for (const size_t at : {3u, 511u, 700u}) {
@@ -223,7 +265,8 @@ TYPED_TEST_P(FeedSuite, WarningInALaterPass) {
   }
 }
 
-REGISTER_TYPED_TEST_SUITE_P(FeedSuite, LongFeeds, PassesMadeOrProven, WarningInALaterPass);
+REGISTER_TYPED_TEST_SUITE_P(FeedSuite, LongFeeds, PassesMadeOrProven, FloatPassesMadeOrProven,
+                            Cancelled, WarningInALaterPass);
 
 }  // namespace bitfold::testing
 

@@ -16,6 +16,7 @@
 
 #include "bitfold/HNMS.h"
 #include "cpu/nms.h"
+#include "frame/log.h"
 #include "reference/nms.h"
 #include "support/bits.h"
 #include "support/buffer.h"
@@ -88,12 +89,45 @@ inline NmsOutput OracleNms(const NmsCase& c) {
   return output;
 }
 
+// The frames of a max_output_size of 0, which differ in length: ComputeNMS does not take it, and
+// the op refuses it.
+inline std::vector<Frame> FramesWithoutPadding(const SuppressionInput& in,
+                                               const SuppressionOptions& options) {
+  if (InformationLogIsOn()) return NMSTensor(in, options, LogInformation);
+  std::vector<Frame> frames;
+  for (int32_t batch = 0; batch < in.b; ++batch) {
+    for (int32_t c = 0; c < in.k; ++c) {
+      const std::vector<Box> boxes = in.BoxesOf(batch, c);
+      Frame frame;
+      if (!ComputeClassNMS(boxes, options, &frame)) frame = DefineClassNMS(boxes, options, nullptr);
+      frames.push_back(frame);
+    }
+  }
+  return frames;
+}
+
+// The frames of ComputeNMS, from memory that was not zero.
+inline std::vector<Frame> ComputedFrames(const SuppressionInput& in,
+                                         const SuppressionOptions& options) {
+  const auto rows = static_cast<size_t>(options.max_output_size);
+  if (rows == 0) return FramesWithoutPadding(in, options);
+  const auto count = static_cast<size_t>(in.b) * static_cast<size_t>(in.k);
+  ExactBuffer<float> out(std::vector<float>(count * rows * 5, 77.0f));
+  ComputeNMS(in, options, out.data());
+  std::vector<Frame> frames(count);
+  const float* next = out.data();
+  for (Frame& frame : frames) {
+    for (size_t r = 0; r < rows; ++r, next += 5) frame.emplace_back(next, next + 5);
+  }
+  return frames;
+}
+
 // As the kernel calls it, with the log on or off.
 inline NmsOutput RunNms(const NmsCase& c, bool log) {
   const InformationLog on(log);
   const ExactBuffer<float> value(c.Value());
   NmsOutput output;
-  output.frames = ComputeNMS(c.Input(value.data()), c.Options());
+  output.frames = ComputedFrames(c.Input(value.data()), c.Options());
   output.messages = LoggedInformation();
   return output;
 }
