@@ -11,7 +11,6 @@ from __future__ import annotations
 import json
 import re
 import subprocess
-import sys
 import time
 from collections.abc import Callable
 from typing import Any
@@ -21,8 +20,8 @@ import numpy as np
 import pytest
 import support
 import tensorflow as tf
-import units
 
+import units
 from bitfold import raw_ops
 
 BIG = 2**31 - 1
