@@ -85,14 +85,16 @@ class UnitPasses {
     exponent_ = std::min(LowestBit(acc), LowestBit(limits_.max));
     exponent_ = std::min(exponent_, LowestBit(limits_.min));
     for (const float addend : addends_) exponent_ = std::min(exponent_, LowestBit(addend));
-    wraps_ = limits_.max < static_cast<float>(kWarningLimit) && Fits(limits_.period);
+    wraps_ = limits_.max < static_cast<float>(kWarningLimit) && Fits(limits_.period) &&
+             Fits(limits_.max) && Fits(limits_.min);
     double bound = std::min(Scaled(static_cast<float>(kWarningLimit)), kLargest);
     if (wraps_) {
       max_ = InUnits(limits_.max);
       min_ = InUnits(limits_.min);
       period_ = InUnits(limits_.period);
     } else {
-      bound = std::min({bound, Scaled(limits_.max), -Scaled(limits_.min)});
+      // Negative widths have a negative maximum: nothing is proven.
+      bound = std::max(0.0, std::min({bound, Scaled(limits_.max), -Scaled(limits_.min)}));
     }
     bound_ = static_cast<int64_t>(bound);
     for (int k = 0; k < addends_.count; ++k) {
@@ -353,7 +355,7 @@ class CycleSearch {
   int64_t Next(float acc, bool printed) {
     ++length_;
     printed_ |= printed;
-    if (!printed_ && std::memcmp(&acc, &anchor_, sizeof acc) == 0) return length_;
+    if (!printed_ && Bits(acc) == Bits(anchor_)) return length_;
     if (length_ == span_) {
       anchor_ = acc;
       span_ *= 2;
@@ -364,6 +366,13 @@ class CycleSearch {
   }
 
  private:
+  // -0 is not 0, and a NaN is itself.
+  static uint32_t Bits(float x) {
+    uint32_t bits;
+    std::memcpy(&bits, &x, sizeof bits);
+    return bits;
+  }
+
   float anchor_;
   int64_t length_ = 0;
   int64_t span_ = 1;
