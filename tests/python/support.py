@@ -20,6 +20,7 @@ from collections.abc import Iterator, Mapping, Sequence
 from typing import Any
 
 import numpy as np
+import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIBC = ctypes.CDLL(None, use_errno=True)
@@ -242,7 +243,12 @@ def printed() -> Iterator[Captured]:
 def run_python(
     code: str, *arguments: str, python_path: str | None = None
 ) -> subprocess.CompletedProcess[str]:
-    """Run `code` in a fresh interpreter, away from the checkout, and return what it wrote."""
+    """Run `code` in a fresh interpreter, away from the checkout, and return what it wrote.
+
+    A test that does so takes seconds and is skipped where BITFOLD_QUICK is set.
+    """
+    if os.environ.get("BITFOLD_QUICK"):
+        pytest.skip("starts another interpreter, which takes seconds: make test runs it")
     environment = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
     if python_path is not None:
         environment["PYTHONPATH"] = python_path

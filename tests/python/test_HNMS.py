@@ -366,6 +366,7 @@ except tf.errors.ResourceExhaustedError as error:
 """
 
 
+@pytest.mark.slow
 def test_frames_beyond_the_memory():
     """An error, and the process lives on."""
     text = "No memory for frames of max_output_size = 2.68435e+08 rows"
