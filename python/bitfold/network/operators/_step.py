@@ -1,0 +1,75 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What an operator of a network is to the rest: a step from stored tensors to stored tensors.
+
+A batch of B images is stacked along the first dimension: a tensor that the file gives as
+[d0, d1, ...] arrives as [B * d0, d1, ...], the d0 rows of an image side by side. Constants arrive
+as they are.
+"""
+
+from __future__ import annotations
+
+import abc
+from collections.abc import Iterator, Sequence
+from typing import TYPE_CHECKING
+
+import tensorflow as tf
+
+if TYPE_CHECKING:
+    from bitfold.network.arithmetic import Arithmetic
+    from bitfold.network.graph import Node
+
+
+class Step(abc.ABC):
+    """An operator, ready to run. A subclass is the one place that knows its operator.
+
+    Attributes:
+        node: the operator and its tensors, constants folded, shapes those of one image.
+        arithmetic: what the operator computes in.
+    """
+
+    # Whether the operator computes in floats, by the stock op.
+    is_float = False
+    # Whether images stacked along the first dimension give the results stacked in the same way.
+    # Where not, images run one by one. May be a property.
+    stacks = False
+
+    def __init__(self, node: Node, arithmetic: Arithmetic) -> None:
+        """Make what does not depend on the data. Called only where `problems` yields nothing."""
+        self.node = node
+        self.arithmetic = arithmetic
+
+    @classmethod
+    @abc.abstractmethod
+    def problems(cls, node: Node) -> Iterator[str]:
+        """Yield what keeps the operator from being imported, one sentence each, no full stop.
+
+        The number of inputs and outputs and every type, quantisation, shape and option that the
+        other methods rely on is checked here: a file may hold anything.
+        """
+
+    @abc.abstractmethod
+    def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Compute the outputs, in their stored types, from the inputs in theirs."""
+
+
+class SummingStep(Step):
+    """An operator with an accumulator: sums, then their requantisation.
+
+    Attributes:
+        multiply_adds: products for one image.
+    """
+
+    multiply_adds: int
+
+    @abc.abstractmethod
+    def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
+        """Return the sums with their bias, as the accumulator holds them at the end."""
+
+    @abc.abstractmethod
+    def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:
+        """Requantise sums into the stored output."""
+
+    def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Compute the stored output."""
+        return self.finish(self.sums(inputs))
