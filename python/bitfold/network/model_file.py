@@ -154,7 +154,7 @@ def _tensor(index: int, view: View, buffers: list[np.ndarray]) -> Tensor:
 
 def _unsupported(view: View, quantisation: View | None, number: int) -> Iterator[str]:
     """Yield what of a tensor the records cannot express."""
-    if model_schema.DTYPES[number] == object:
+    if model_schema.DTYPES[number] == np.dtype(object):
         yield f"holds elements of type {model_schema.TENSOR_TYPES[number]}"
     if view.number("IsVariable"):
         yield "is a variable"
