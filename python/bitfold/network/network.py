@@ -332,7 +332,9 @@ class Network:
                 tf.TensorSpec([None, *tensor.shape[1:]], tensor.dtype)
                 for tensor in self._program.assembly.inputs
             ]
-            self._functions[key] = tf.function(function, input_signature=signature)
+            # Of the concrete function: the runtime warns of a polymorphic one that many networks trace.
+            traced = tf.function(function, input_signature=signature).get_concrete_function()
+            self._functions[key] = traced
         return self._functions[key]
 
     def _stored(self, *images: tf.Tensor) -> list[tf.Tensor]:
