@@ -4,14 +4,19 @@
 
 from __future__ import annotations
 
+from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.reshape import Reshape
+from bitfold.network.operators.unit_activation import UnitActivation
+from bitfold.network.operators.unit_addition import UnitAddition
+from bitfold.network.operators.unit_resize import UnitResize
+from bitfold.network.operators.unit_softmax import UnitSoftmax
 
-__all__ = ["STEPS", "Step", "SummingStep", "step_of"]
+__all__ = ["STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
     "CONV_2D": Convolution,
@@ -22,7 +27,22 @@ STEPS: dict[str, type[Step]] = {
     "SQUEEZE": Reshape,
 }
 
+# Who handles an operator where an arithmetic asks for the unit, by the field that asks.
+UNITS: dict[str, tuple[str, type[Step]]] = {
+    "ADD": ("additions", UnitAddition),
+    "GELU": ("activations", UnitActivation),
+    "HARD_SWISH": ("activations", UnitActivation),
+    "LOGISTIC": ("activations", UnitActivation),
+    "RESIZE_BILINEAR": ("resize", UnitResize),
+    "SOFTMAX": ("softmax", UnitSoftmax),
+    "SUB": ("additions", UnitAddition),
+    "TANH": ("activations", UnitActivation),
+}
 
-def step_of(node: Node) -> type[Step] | None:
-    """Return who handles an operator on data, None where nobody does."""
+
+def step_of(node: Node, arithmetic: Arithmetic = Arithmetic()) -> type[Step] | None:  # noqa: B008
+    """Return who handles an operator on data in an arithmetic, None where nobody does."""
+    asks, unit = UNITS.get(node.kind, (None, None))
+    if unit is not None and getattr(arithmetic, asks) == "unit":
+        return unit
     return STEPS.get(node.kind)
