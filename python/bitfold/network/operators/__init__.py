@@ -8,18 +8,30 @@ from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
+from bitfold.network.operators.extremes import Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
+from bitfold.network.operators.prelu import Prelu
+from bitfold.network.operators.product import Product
 from bitfold.network.operators.reshape import Reshape
+from bitfold.network.operators.squared_difference import SquaredDifference
+from bitfold.network.operators.sum_of_two import Sum
 
 __all__ = ["STEPS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
+    "ADD": Sum,
     "CONV_2D": Convolution,
     "DEPTHWISE_CONV_2D": DepthwiseConvolution,
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
+    "MAXIMUM": Extreme,
+    "MINIMUM": Extreme,
+    "MUL": Product,
+    "PRELU": Prelu,
     "RESHAPE": Reshape,
+    "SQUARED_DIFFERENCE": SquaredDifference,
     "SQUEEZE": Reshape,
+    "SUB": Sum,
 }
 
 
