@@ -4,6 +4,8 @@
 
 from __future__ import annotations
 
+import numpy as np
+
 from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
 from bitfold.network.operators.convolution import Convolution
@@ -12,6 +14,7 @@ from bitfold.network.operators.extremes import Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.prelu import Prelu
 from bitfold.network.operators.product import Product
+from bitfold.network.operators.quantise import Dequantise, Quantise
 from bitfold.network.operators.reshape import Reshape
 from bitfold.network.operators.squared_difference import SquaredDifference
 from bitfold.network.operators.sum_of_two import Sum
@@ -22,6 +25,7 @@ STEPS: dict[str, type[Step]] = {
     "ADD": Sum,
     "CONV_2D": Convolution,
     "DEPTHWISE_CONV_2D": DepthwiseConvolution,
+    "DEQUANTIZE": Dequantise,
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
     "MAXIMUM": Extreme,
@@ -34,7 +38,15 @@ STEPS: dict[str, type[Step]] = {
     "SUB": Sum,
 }
 
+# The same for data of float32.
+FLOATS: dict[str, type[Step]] = {
+    "QUANTIZE": Quantise,
+}
+
 
 def step_of(node: Node) -> type[Step] | None:
     """Return who handles an operator on data, None where nobody does."""
+    is_float = any(tensor is not None and tensor.dtype == np.float32 for tensor in node.inputs)
+    if is_float and node.kind in FLOATS:
+        return FLOATS[node.kind]
     return STEPS.get(node.kind)

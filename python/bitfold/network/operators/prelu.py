@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""PRELU: elements below zero are multiplied by a constant of their channel or place.
+"""PRELU, in int8: elements below zero are multiplied by a constant of their channel or place.
 
 With x and alpha less their zero points: x at input scale / output scale, below zero x * alpha at
 input scale * alpha's scale / output scale, each in two roundings.
@@ -25,7 +25,7 @@ class Prelu(PairStep):
     @classmethod
     def problems(cls, node: Node) -> Iterator[str]:
         """Yield what keeps the operator from being imported."""
-        before = list(pair_problems(node))
+        before = list(pair_problems(node, ("int8",)))
         yield from before
         if not before and broadcast_shape(node) != node.inputs[0].shape:
             yield f"need alpha to broadcast to {node.inputs[0]}, got {node.inputs[1]}"
