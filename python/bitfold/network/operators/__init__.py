@@ -4,27 +4,48 @@
 
 from __future__ import annotations
 
+import numpy as np
+
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
+from bitfold.network.operators.extremes import Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
+from bitfold.network.operators.prelu import Prelu
+from bitfold.network.operators.product import Product
+from bitfold.network.operators.quantise import Dequantise, Quantise
 from bitfold.network.operators.reshape import Reshape
+from bitfold.network.operators.squared_difference import SquaredDifference
+from bitfold.network.operators.sum_of_two import Sum
 from bitfold.network.operators.unit_activation import UnitActivation
 from bitfold.network.operators.unit_addition import UnitAddition
 from bitfold.network.operators.unit_resize import UnitResize
 from bitfold.network.operators.unit_softmax import UnitSoftmax
 
-__all__ = ["STEPS", "UNITS", "Step", "SummingStep", "step_of"]
+__all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
+    "ADD": Sum,
     "CONV_2D": Convolution,
     "DEPTHWISE_CONV_2D": DepthwiseConvolution,
+    "DEQUANTIZE": Dequantise,
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
+    "MAXIMUM": Extreme,
+    "MINIMUM": Extreme,
+    "MUL": Product,
+    "PRELU": Prelu,
     "RESHAPE": Reshape,
+    "SQUARED_DIFFERENCE": SquaredDifference,
     "SQUEEZE": Reshape,
+    "SUB": Sum,
+}
+
+# The same where data is float32 and the operator computes with it.
+FLOATS: dict[str, type[Step]] = {
+    "QUANTIZE": Quantise,
 }
 
 # Who handles an operator where an arithmetic asks for the unit, by the field that asks.
@@ -45,4 +66,7 @@ def step_of(node: Node, arithmetic: Arithmetic = Arithmetic()) -> type[Step] | N
     asks, unit = UNITS.get(node.kind, (None, None))
     if unit is not None and getattr(arithmetic, asks) == "unit":
         return unit
+    is_float = any(tensor is not None and tensor.dtype == np.float32 for tensor in node.inputs)
+    if is_float and node.kind in FLOATS:
+        return FLOATS[node.kind]
     return STEPS.get(node.kind)
