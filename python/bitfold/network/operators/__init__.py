@@ -6,20 +6,49 @@ from __future__ import annotations
 
 from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
+from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
 from bitfold.network.operators.fully_connected import FullyConnected
+from bitfold.network.operators.gather import Gather
+from bitfold.network.operators.pack import Pack
+from bitfold.network.operators.pad import MirrorPad, Pad
 from bitfold.network.operators.reshape import Reshape
+from bitfold.network.operators.slice import Slice, StridedSlice
+from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
+from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
+from bitfold.network.operators.split import Split, SplitV, Unpack
+from bitfold.network.operators.tile import BroadcastTo, Tile
+from bitfold.network.operators.transpose import Reverse, Transpose
 
 __all__ = ["STEPS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
+    "BATCH_TO_SPACE_ND": BatchToSpace,
+    "BROADCAST_TO": BroadcastTo,
+    "CONCATENATION": Concatenation,
     "CONV_2D": Convolution,
     "DEPTHWISE_CONV_2D": DepthwiseConvolution,
+    "DEPTH_TO_SPACE": DepthToSpace,
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
+    "GATHER": Gather,
+    "MIRROR_PAD": MirrorPad,
+    "PACK": Pack,
+    "PAD": Pad,
+    "PADV2": Pad,
     "RESHAPE": Reshape,
+    "REVERSE_V2": Reverse,
+    "SLICE": Slice,
+    "SPACE_TO_BATCH_ND": SpaceToBatch,
+    "SPACE_TO_DEPTH": SpaceToDepth,
+    "SPLIT": Split,
+    "SPLIT_V": SplitV,
     "SQUEEZE": Reshape,
+    "STRIDED_SLICE": StridedSlice,
+    "TILE": Tile,
+    "TRANSPOSE": Transpose,
+    "UNPACK": Unpack,
 }
 
 
