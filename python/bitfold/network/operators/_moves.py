@@ -28,6 +28,8 @@ class Move(Step):
     stacks = True
     # The positions of what is moved among the inputs; the others are constants. None for all.
     moved: tuple[int, ...] | None = (0,)
+    # Whether the runtime insists on one scale for what is moved, where it is quantised.
+    keeps_scale = False
 
     @classmethod
     def data(cls, node: Node) -> list[Tensor | None]:
@@ -46,6 +48,8 @@ class Move(Step):
             yield from need_elements(tensor)
         for output in node.outputs:
             yield from _checks.need_same_type(node, *data, output)
+        if cls.keeps_scale:
+            yield from need_one_scale([*data, *node.outputs])
 
     @abc.abstractmethod
     def move(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
@@ -81,6 +85,13 @@ def need_elements(tensor: Tensor) -> Iterator[str]:
     """Yield unless a tensor has elements."""
     if not math.prod(tensor.shape):
         yield f"need an element in each dimension, got {tensor}"
+
+
+def need_one_scale(tensors: Sequence[Tensor]) -> Iterator[str]:
+    """Yield unless no tensor is quantised, or all with one scale and zero point."""
+    if any(tensor.is_quantised for tensor in tensors):
+        bad = [p for t in tensors for p in _checks.need_stored("the data", t, ELEMENTS)]
+        yield from bad or _checks.need_same_quantisation(*tensors)
 
 
 def need_axis(axis: int, rank: int) -> Iterator[str]:

@@ -10,11 +10,12 @@ from __future__ import annotations
 
 from collections.abc import Iterator, Sequence
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
-from bitfold.network.operators._moves import Move, alike, need_axis
+from bitfold.network.operators._moves import Move, alike, need_axis, need_one_scale
 
 
 class Concatenation(Move):
@@ -27,10 +28,11 @@ class Concatenation(Move):
         """Yield what keeps the operator from being imported."""
         before = [
             *_checks.need_counts(node, [max(1, len(node.inputs))]),
-            *_checks.need_option(node, "fused_activation_function", "NONE", None),
+            *_checks.need_option(node, "fused_activation_function", "NONE"),
         ]
         before = before or list(cls.element_problems(node))
-        before = before or list(_quantisation_problems(node))
+        if not before and node.outputs[0].dtype == np.int8:
+            before = list(need_one_scale([*node.inputs, *node.outputs]))
         yield from before
         if before:
             return
@@ -53,11 +55,3 @@ def _without(shape: tuple[int, ...], axis: int) -> list[int]:
     if -len(rest) <= axis < len(rest):
         rest[axis] = -1
     return rest
-
-
-def _quantisation_problems(node: Node) -> Iterator[str]:
-    tensors = [*node.inputs, *node.outputs]
-    if node.outputs[0].dtype.name != "int8" or not any(tensor.is_quantised for tensor in tensors):
-        return
-    before = [p for t in tensors for p in _checks.need_stored("the data", t)]
-    yield from before or _checks.need_same_quantisation(*tensors)

@@ -21,7 +21,7 @@ class Gather(Move):
         """Yield what keeps the operator from being imported."""
         before = [
             *_checks.need_counts(node, (2,)),
-            *_checks.need_option(node, "batch_dims", 0, None),
+            *_checks.need_option(node, "batch_dims", 0),
         ]
         before = before or [
             *cls.element_problems(node),

@@ -17,6 +17,7 @@ class Pack(Move):
     """PACK."""
 
     moved = None
+    keeps_scale = True
 
     @classmethod
     def problems(cls, node: Node) -> Iterator[str]:
@@ -31,10 +32,6 @@ class Pack(Move):
         for other in others:
             if other.shape != first.shape:
                 yield f"need {other} of the shape of {first}"
-        tensors = [*node.inputs, *node.outputs]
-        if any(tensor.is_quantised for tensor in tensors):
-            bad = [p for t in tensors for p in _checks.need_stored("the data", t)]
-            yield from bad or _checks.need_same_quantisation(*tensors)
 
     def move(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
         """Pack each image."""

@@ -15,7 +15,7 @@ import tensorflow as tf
 
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
-from bitfold.network.operators._moves import Move, need_numbers, numbers
+from bitfold.network.operators._moves import Move, need_numbers, need_one_scale, numbers
 
 
 class Pad(Move):
@@ -35,6 +35,7 @@ class Pad(Move):
             yield from _checks.need_constant("the value", value, (data.dtype.name,))
             if value.is_constant and value.data.size != 1:
                 yield f"need one value, got {value}"
+            yield from need_one_scale([value, output])
         elif data.dtype.name in _checks.STORED and (data.is_quantised or output.is_quantised):
             yield from _checks.need_stored("the output", output)
 
@@ -52,6 +53,8 @@ class Pad(Move):
 
 class MirrorPad(Move):
     """MIRROR_PAD."""
+
+    keeps_scale = True
 
     @classmethod
     def problems(cls, node: Node) -> Iterator[str]:

@@ -22,6 +22,8 @@ from bitfold.network.operators._moves import Move, need_numbers, numbers
 class _Blocks(Move):
     """What both directions share: [d0, rows, columns, channels] or [d0, rows, channels]."""
 
+    keeps_scale = True
+
     @classmethod
     def problems(cls, node: Node) -> Iterator[str]:
         """Yield what keeps the operator from being imported."""

@@ -82,6 +82,8 @@ class SplitV(Split):
 class Unpack(Move):
     """UNPACK: a tensor for each index along an axis, which is dropped."""
 
+    keeps_scale = True
+
     @classmethod
     def problems(cls, node: Node) -> Iterator[str]:
         """Yield what keeps the operator from being imported."""
