@@ -37,7 +37,8 @@ class Build:
 
     def input(self, shape: Sequence[int]) -> keras.KerasTensor:
         """Return a new input of images."""
-        x = keras.Input(tuple(int(n) for n in shape))
+        # Names in another order than the inputs: a converter may sort them.
+        x = keras.Input(tuple(int(n) for n in shape), name="images" if not self.inputs else "cab"[len(self.inputs)])
         self.inputs.append(x)
         self.seen.append(x)
         return x
@@ -82,7 +83,7 @@ class Build:
         if choice == 2:
             x = layers.BatchNormalization()(x)
             return layers.ReLU(max_value=self.choose([None, 6.0, 1.0]))(x)
-        if choice == 3:
+        if choice == 3 and self.activation_bits == 8:
             return _call(lambda y: tf.clip_by_value(y, -1.0, 1.0), x)
         return x
 
@@ -300,6 +301,8 @@ def zero_padding(build, x):
 
 
 def constant_padding(build, x):
+    if build.activation_bits == 16:
+        return None
     paddings, value = _paddings(build, x, 2), float(build.rng.normal())
     return _call(lambda y: tf.pad(y, paddings, constant_values=value), x)
 
@@ -352,7 +355,7 @@ def reshaping(build, x):
 
 
 def squeezing(build, x):
-    y = keras.ops.expand_dims(layers.GlobalMaxPooling2D(keepdims=True)(x), 1)
+    y = keras.ops.expand_dims(layers.GlobalAveragePooling2D(keepdims=True)(x), 1)
     return layers.Add()([x, _call(lambda z: tf.squeeze(z, [1]), y)])
 
 
@@ -410,6 +413,8 @@ def leaky_relu(build, x):
 
 
 def prelu(build, x):
+    if build.activation_bits == 16:
+        return None
     return layers.PReLU(shared_axes=build.choose([[1, 2], None]))(x)
 
 
@@ -422,6 +427,8 @@ def tanh(build, x):
 
 
 def hard_swish(build, x):
+    if build.activation_bits == 16:
+        return None
     return layers.Activation("hard_silu")(x)
 
 
@@ -442,6 +449,8 @@ def relu6(build, x):
 
 
 def negation(build, x):
+    if build.activation_bits == 16:
+        return None
     return keras.ops.negative(x)
 
 

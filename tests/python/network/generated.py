@@ -83,8 +83,6 @@ def _head(build: blocks.Build, x: keras.KerasTensor) -> keras.KerasTensor:
         return x
     if choice == 1:
         x = keras.layers.Flatten()(x)
-    elif choice == 2:
-        x = keras.layers.GlobalMaxPooling2D()(x)
     else:
         x = keras.layers.GlobalAveragePooling2D()(x)
     return keras.layers.Dense(build.number(2, 11), build.choose(["softmax", "sigmoid", None]))(x)

@@ -111,11 +111,13 @@ class Case:
         content: the file.
         label: what messages call it: the call that made it.
         inputs: the tensors that the caller gives, in the file's order.
+        data: what to give where the operator does not take every stored value; else None.
     """
 
     content: bytes
     label: str
     inputs: tuple[Tensor, ...]
+    data: tuple[np.ndarray, ...] | None = None
 
 
 def tensor(
@@ -156,6 +158,7 @@ def operator(
     outputs: Sequence[Tensor],
     options: Mapping[str, Any] | None = None,
     version: int = 1,
+    data: tuple[np.ndarray, ...] | None = None,
 ) -> Case:
     """Pack a file of one operator, whose inputs without data are those of the network.
 
@@ -165,8 +168,10 @@ def operator(
         outputs: its tensors.
         options: by the schema's names; enumerations by name.
         version: of the operator.
+        data: what to give where the operator does not take every stored value.
     """
-    return network([(kind, inputs, outputs, options or {}, version)])
+    case = network([(kind, inputs, outputs, options or {}, version)])
+    return dataclasses.replace(case, data=data)
 
 
 def network(operators: Sequence[tuple]) -> Case:
@@ -212,7 +217,7 @@ def network(operators: Sequence[tuple]) -> Case:
 def stored_values(case: Case, batch: int, seed: int = 0) -> list[np.ndarray]:
     """Return inputs for `batch` images: the whole range of each type, its ends among it."""
     rng = np.random.default_rng(seed)
-    return [_values(rng, t, batch) for t in case.inputs]
+    return [stored_values_of(rng, t, batch) for t in case.inputs]
 
 
 def compare(case: Case, data: Sequence[np.ndarray] | None = None, *, batch: int = 3) -> None:
@@ -220,14 +225,16 @@ def compare(case: Case, data: Sequence[np.ndarray] | None = None, *, batch: int 
 
     Args:
         case: the file.
-        data: stored inputs, images stacked; without, `stored_values`.
+        data: stored inputs, images stacked; without, the case's or `stored_values`.
         batch: how many images these are.
     """
+    data = case.data if data is None else data
     data = stored_values(case, batch) if data is None else data
     comparing.assert_equals_witness(case.content, data, case.label)
 
 
-def _values(rng: np.random.Generator, one: Tensor, batch: int) -> np.ndarray:
+def stored_values_of(rng: np.random.Generator, one: Tensor, batch: int) -> np.ndarray:
+    """Return elements of a tensor for `batch` images."""
     shape = (batch * one.shape[0], *one.shape[1:]) if one.shape else ()
     if one.dtype == "float32":
         return rng.normal(0, 5, shape).astype(np.float32)
