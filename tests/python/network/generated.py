@@ -22,7 +22,9 @@ import numpy as np
 BLOCKS: tuple[Callable[..., Any], ...] = tuple(
     function
     for name, function in vars(blocks).items()
-    if inspect.isfunction(function) and not name.startswith("_") and inspect.signature(function).parameters.keys() == {"build", "x"}
+    if inspect.isfunction(function)
+    and not name.startswith("_")
+    and inspect.signature(function).parameters.keys() == {"build", "x"}
 )
 
 

@@ -21,7 +21,9 @@ def stored(rng: np.random.Generator, shape, dtype: str, scale: float | None = No
         scale = float(rng.choice([2.0 ** rng.integers(-9, 2), np.exp(rng.uniform(-7, 1))]))
     if dtype == "int16":
         return packed.tensor(shape, dtype, scale)
-    return packed.tensor(shape, dtype, scale, int(rng.choice([-128, 127, 0, rng.integers(-128, 127)])))
+    return packed.tensor(
+        shape, dtype, scale, int(rng.choice([-128, 127, 0, rng.integers(-128, 127)]))
+    )
 
 
 def _out_size(size: int, kernel: int, stride: int, dilation: int, padding: str) -> int:
@@ -101,7 +103,12 @@ def conv_2d(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         depth, channels = int(rng.choice([1, 3, 4, 17])), int(rng.choice([1, 2, 5, 16]))
         x = stored(rng, [1, rows, columns, depth], dtype)
         weights = _Weights(rng, [channels, kr, kc, depth], 0, x, turn)
-        out = [1, _out_size(rows, kr, sr, dr, padding), _out_size(columns, kc, sc, dc, padding), channels]
+        out = [
+            1,
+            _out_size(rows, kr, sr, dr, padding),
+            _out_size(columns, kc, sc, dc, padding),
+            channels,
+        ]
         yield packed.operator(
             "CONV_2D",
             [x, weights.filter, *weights.bias(rng, _bias_type(x), turn)],
