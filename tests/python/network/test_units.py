@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Operators by the accelerator's units, on request: what the units give with the network's tables."""
+"""Operators by the units, on request: what these give with the network's tables."""
 
 from __future__ import annotations
 
@@ -149,5 +149,5 @@ def test_a_unit_that_cannot_is_named():
     model = keras.Sequential([keras.Input((8,)), layers.Dense(7), layers.Softmax(name="soft")])
     x = RANDOM.normal(size=(30, 8)).astype(np.float32)
     network = Network.from_keras(model, x, activation_bits=16)
-    with pytest.raises(ValueError, match="SOFTMAX.*need the data of int8"):
+    with pytest.raises(ValueError, match=r"SOFTMAX.*need the data of int8"):
         network.with_arithmetic(Arithmetic(softmax="unit"))
