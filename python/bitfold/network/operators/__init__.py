@@ -6,11 +6,14 @@ from __future__ import annotations
 
 from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
+from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.gather import Gather
+from bitfold.network.operators.max_pool import MaxPool
+from bitfold.network.operators.mean import Mean
 from bitfold.network.operators.pack import Pack
 from bitfold.network.operators.pad import MirrorPad, Pad
 from bitfold.network.operators.reshape import Reshape
@@ -18,12 +21,14 @@ from bitfold.network.operators.slice import Slice, StridedSlice
 from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
+from bitfold.network.operators.sum import Extreme, Sum
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
 
 __all__ = ["STEPS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
+    "AVERAGE_POOL_2D": AveragePool,
     "BATCH_TO_SPACE_ND": BatchToSpace,
     "BROADCAST_TO": BroadcastTo,
     "CONCATENATION": Concatenation,
@@ -33,10 +38,14 @@ STEPS: dict[str, type[Step]] = {
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
     "GATHER": Gather,
+    "MAX_POOL_2D": MaxPool,
+    "MEAN": Mean,
     "MIRROR_PAD": MirrorPad,
     "PACK": Pack,
     "PAD": Pad,
     "PADV2": Pad,
+    "REDUCE_MAX": Extreme,
+    "REDUCE_MIN": Extreme,
     "RESHAPE": Reshape,
     "REVERSE_V2": Reverse,
     "SLICE": Slice,
@@ -46,6 +55,7 @@ STEPS: dict[str, type[Step]] = {
     "SPLIT_V": SplitV,
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
+    "SUM": Sum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
     "UNPACK": Unpack,
