@@ -17,6 +17,7 @@ from bitfold.network.operators.mean import Mean
 from bitfold.network.operators.pack import Pack
 from bitfold.network.operators.pad import MirrorPad, Pad
 from bitfold.network.operators.reshape import Reshape
+from bitfold.network.operators.resize import ResizeBilinear, ResizeNearest
 from bitfold.network.operators.slice import Slice, StridedSlice
 from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
@@ -47,6 +48,8 @@ STEPS: dict[str, type[Step]] = {
     "REDUCE_MAX": Extreme,
     "REDUCE_MIN": Extreme,
     "RESHAPE": Reshape,
+    "RESIZE_BILINEAR": ResizeBilinear,
+    "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
     "REVERSE_V2": Reverse,
     "SLICE": Slice,
     "SPACE_TO_BATCH_ND": SpaceToBatch,
