@@ -48,15 +48,20 @@ def _two(kind: str, most: int = 9) -> Callable:
             if turn == 9:
                 pair = [a, a]
             out = np.broadcast_shapes(*(t.shape for t in pair))
-            options = {} if kind == "SQUARED_DIFFERENCE" else {
-                "fused_activation_function": ACTIVATIONS[turn // 2 % 4]
-            }  # fmt: skip
+            options = {}
+            if kind != "SQUARED_DIFFERENCE":
+                options["fused_activation_function"] = ACTIVATIONS[turn // 2 % 4]
             size = max(a.scales[0], b.scales[0])
             if kind in ("MUL", "SQUARED_DIFFERENCE"):
                 size = a.scales[0] * b.scales[0] * (64 if dtype == "int8" else 8192)
             scale = size * float(rng.choice([0.5, 1, 1.7, 2, 0.01]))
             if turn % 3 == 0:
                 scale = float(2.0 ** np.round(np.log2(scale)))
+            if kind in ("ADD", "SUB"):
+                # Sums of 16 bits have a form by shifts alone, for powers of two.
+                options["pot_scale_int16"] = turn % 2 == 0
+                if turn % 6 == 0:
+                    scale = size
             yield packed.operator(kind, pair, [stored(rng, out, dtype, scale)], options)
 
     return cases
@@ -140,7 +145,9 @@ def rsqrt(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         x = packed.tensor(_EVERY, dtype, scale, zero)
         data = packed.stored_values_of(rng, x, 2).astype(np.int64)
         data = np.maximum(data, zero + 1).astype(dtype)
-        out = stored(rng, _EVERY, dtype, float(rng.choice([0.01, 0.1, 0.5])))
+        most = np.iinfo(dtype).max
+        size = float(rng.choice([0.1, 0.5, 1])) / (np.sqrt(scale) * most)
+        out = stored(rng, _EVERY, dtype, size)
         yield packed.operator("RSQRT", [x], [out], data=(data,))
 
 
