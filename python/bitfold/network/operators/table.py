@@ -5,8 +5,8 @@
 ABS, ELU, EXP, GELU, HARD_SWISH, LEAKY_RELU, LOG, LOGISTIC, NEG, the RELUs, RSQRT, SQRT and TANH.
 
 The table holds the result of each of the 256 or 65,536 stored values, made at import by the
-runtime's own kernel, which so defines every rounding. Which types, scales and zero points there
-are for a function is for that kernel to say. RSQRT and SQRT refuse data below 0; here such a value
+runtime's own kernel, which so defines every rounding, and says which scales and zero points there
+are for a function. RSQRT and SQRT refuse data below 0; here such a value
 has the result of the least one that is taken, so that an image cannot stop a batch.
 """
 
@@ -24,24 +24,23 @@ from bitfold.network.kernels import tabulate
 from bitfold.network.operators import _checks
 from bitfold.network.operators._step import Step
 
-KINDS = (
+# What the runtime has kernels for.
+_ONE_BYTE = ("ELU", "HARD_SWISH", "RELU_0_TO_1", "RELU_N1_TO_1")
+_ONE_OR_TWO = (
     "ABS",
-    "ELU",
     "EXP",
     "GELU",
-    "HARD_SWISH",
     "LEAKY_RELU",
     "LOG",
     "LOGISTIC",
     "NEG",
     "RELU",
     "RELU6",
-    "RELU_0_TO_1",
-    "RELU_N1_TO_1",
     "RSQRT",
     "SQRT",
     "TANH",
 )
+KINDS = (*_ONE_BYTE, *_ONE_OR_TWO)
 
 
 class Table(Step):
@@ -53,9 +52,10 @@ class Table(Step):
     def problems(cls, node: Node) -> Iterator[str]:
         """Yield what keeps the operator from being imported."""
         before = list(_checks.need_counts(node, (1,)))
+        types = ("int8",) if node.kind in _ONE_BYTE else _checks.STORED
         before = before or [
-            *_checks.need_stored("the data", node.inputs[0]),
-            *_checks.need_stored("the output", node.outputs[0]),
+            *_checks.need_stored("the data", node.inputs[0], types),
+            *_checks.need_stored("the output", node.outputs[0], types),
             *_checks.need_same_type(node, *node.inputs, *node.outputs),
         ]
         yield from before
