@@ -26,6 +26,7 @@ from bitfold.network.operators.quantise import Dequantise, Quantise, Rescale
 from bitfold.network.operators.reshape import Reshape
 from bitfold.network.operators.resize import ResizeBilinear, ResizeNearest
 from bitfold.network.operators.slice import Slice, StridedSlice
+from bitfold.network.operators.softmax import Softmax
 from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
@@ -73,6 +74,7 @@ STEPS: dict[str, type[Step]] = {
     "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
     "REVERSE_V2": Reverse,
     "SLICE": Slice,
+    "SOFTMAX": Softmax,
     "SPACE_TO_BATCH_ND": SpaceToBatch,
     "SPACE_TO_DEPTH": SpaceToDepth,
     "SPLIT": Split,
