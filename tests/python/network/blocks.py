@@ -38,7 +38,10 @@ class Build:
     def input(self, shape: Sequence[int]) -> keras.KerasTensor:
         """Return a new input of images."""
         # Names in another order than the inputs: a converter may sort them.
-        x = keras.Input(tuple(int(n) for n in shape), name="images" if not self.inputs else "cab"[len(self.inputs)])
+        x = keras.Input(
+            tuple(int(n) for n in shape),
+            name="images" if not self.inputs else "cab"[len(self.inputs)],
+        )
         self.inputs.append(x)
         self.seen.append(x)
         return x
@@ -157,7 +160,9 @@ def depthwise_multiplied(build, x):
     if most < 2:
         return None
     multiplier = build.number(2, min(4, most))
-    return build.activation(layers.DepthwiseConv2D(depth_multiplier=multiplier, **build.window(x))(x))
+    return build.activation(
+        layers.DepthwiseConv2D(depth_multiplier=multiplier, **build.window(x))(x)
+    )
 
 
 def separable(build, x):
@@ -298,7 +303,9 @@ def total(build, x):
 
 
 def _paddings(build, x, most: int):
-    return [[0, 0]] + [[build.number(0, most), build.number(0, most)] for _ in x.shape[1:3]] + [[0, 0]]
+    return (
+        [[0, 0]] + [[build.number(0, most), build.number(0, most)] for _ in x.shape[1:3]] + [[0, 0]]
+    )
 
 
 def zero_padding(build, x):
@@ -326,7 +333,11 @@ def strided_slice(build, x):
     if min(x.shape[1:3]) < 6:
         return None
     start, step = build.number(0, 2), build.number(1, 3)
-    y = x[:, start::step, :-1] if build.rng.random() < 0.6 else _call(lambda y: y[:, ::-1, 1:, :], x)
+    y = (
+        x[:, start::step, :-1]
+        if build.rng.random() < 0.6
+        else _call(lambda y: y[:, ::-1, 1:, :], x)
+    )
     return y
 
 
@@ -408,7 +419,9 @@ def resize(build, x):
     size = [build.number(1, MOST_ROWS) for _ in range(2)]
     method = build.choose(["resize_bilinear", "resize_nearest_neighbor"])
     flags = build.choose([{}, {"align_corners": True}, {"half_pixel_centers": True}])
-    return _call(lambda y: getattr(tf.compat.v1.raw_ops, _RESIZE[method])(images=y, size=size, **flags), x)
+    return _call(
+        lambda y: getattr(tf.compat.v1.raw_ops, _RESIZE[method])(images=y, size=size, **flags), x
+    )
 
 
 _RESIZE = {"resize_bilinear": "ResizeBilinear", "resize_nearest_neighbor": "ResizeNearestNeighbor"}

@@ -48,7 +48,7 @@ def _cases(kind: str, dtype: str) -> list[packed.Case]:
 
 def _outgrows(case: packed.Case, arithmetic: bitfold.Arithmetic) -> bool:
     """Return whether a shift lifts a multiplier beyond what sums of 64 bits allow."""
-    (kind, inputs, (output,), *_), = case.operators
+    ((kind, inputs, (output,), *_),) = case.operators
     if output.dtype != "int16" or kind == "FULLY_CONNECTED":
         return False
     x, filter = inputs[:2] if kind != "TRANSPOSE_CONV" else (inputs[2], inputs[1])
@@ -72,7 +72,9 @@ def test_sums_are_those_of_the_ops(kind, dtype, reference):
         network = network.with_arithmetic(arithmetic)
         sums = network.accumulators(data if len(data) > 1 else data[0])
         assert set(sums) == {0}
-        _compare(sums[0], plain_sums.plain_sums(file, 0, known, _ops(arithmetic)), arithmetic, case.label)
+        _compare(
+            sums[0], plain_sums.plain_sums(file, 0, known, _ops(arithmetic)), arithmetic, case.label
+        )
         if isinstance(_ops(arithmetic), plain_sums.PublicOps):
             oracle = plain_sums.OracleOps(arithmetic, reference)
             expected = plain_sums.plain_sums(file, 0, known, oracle)

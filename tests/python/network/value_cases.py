@@ -205,7 +205,9 @@ def _reduction(kind: str) -> Callable:
                 result = stored(rng, out, dtype, scale)
                 if turn % 3 == 0:  # the form in which nothing is scaled
                     result = packed.tensor(out, dtype, x.scales[0], x.zero_points[0])
-                yield packed.operator(kind, [x, packed.constant(axes)], [result], {"keep_dims": keep})
+                yield packed.operator(
+                    kind, [x, packed.constant(axes)], [result], {"keep_dims": keep}
+                )
 
     return cases
 
@@ -239,7 +241,14 @@ def dequantize(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
 def _resize(kind: str) -> Callable:
     def cases(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         """Up and down, to one and from one, the three ways to lay the grid."""
-        sizes = ([3, 4, 7, 5], [8, 6, 3, 11], [1, 1, 4, 3], [5, 7, 1, 1], [4, 4, 8, 8], [5, 5, 5, 5])
+        sizes = (
+            [3, 4, 7, 5],
+            [8, 6, 3, 11],
+            [1, 1, 4, 3],
+            [5, 7, 1, 1],
+            [4, 4, 8, 8],
+            [5, 5, 5, 5],
+        )
         for rows, columns, *size in sizes:
             for flags in ({}, {"align_corners": True}, {"half_pixel_centers": True}):
                 x = stored(rng, [1, rows, columns, 3], dtype)

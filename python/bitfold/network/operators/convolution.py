@@ -17,20 +17,7 @@ from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._weighted import WeightedStep
-from bitfold.network.operators._windows import Windows
-
-
-def window_problems(node: Node, height: int, width: int) -> Iterator[str]:
-    """Yield what is wrong with the options that place windows."""
-    options = (
-        *_checks.need_option(node, "padding", "SAME", "VALID"),
-        *_checks.need_positive(
-            node, "stride_h", "stride_w", "dilation_h_factor", "dilation_w_factor"
-        ),
-    )
-    yield from options
-    if not options:
-        yield from Windows.of(node, height, width).problems()
+from bitfold.network.operators._windows import Windows, window_problems
 
 
 class Convolution(WeightedStep):
