@@ -30,7 +30,8 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import Extreme, Sum
+from bitfold.network.operators.sum import Extreme as ReducedExtreme
+from bitfold.network.operators.sum import Sum as ReducedSum
 from bitfold.network.operators.sum_of_two import Sum
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
@@ -64,8 +65,8 @@ STEPS: dict[str, type[Step]] = {
     "PAD": Pad,
     "PADV2": Pad,
     "PRELU": Prelu,
-    "REDUCE_MAX": Extreme,
-    "REDUCE_MIN": Extreme,
+    "REDUCE_MAX": ReducedExtreme,
+    "REDUCE_MIN": ReducedExtreme,
     "RESHAPE": Reshape,
     "RESIZE_BILINEAR": ResizeBilinear,
     "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
@@ -79,7 +80,7 @@ STEPS: dict[str, type[Step]] = {
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
     "SUB": Sum,
-    "SUM": Sum,
+    "SUM": ReducedSum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
     "UNPACK": Unpack,
