@@ -134,6 +134,12 @@ def randomise(layer: layers.Layer, rng: np.random.Generator) -> None:
         weight.assign(value.astype(np.float32))
 
 
+def _only_int8(block: Callable) -> Callable:
+    """Mark a block whose operators have no form of 16 bits in the converter or the runtime."""
+    block.is_only_int8 = True
+    return block
+
+
 # ---- Sums ----------------------------------------------------------------------------------------
 
 
@@ -246,9 +252,8 @@ def average(build, x):
     return layers.Average()([x, build.like(x), build.like(x)])
 
 
+@_only_int8
 def squared_difference(build, x):
-    if build.activation_bits == 16:
-        return None
     return _call(tf.math.squared_difference, x, build.like(x))
 
 
@@ -307,9 +312,8 @@ def zero_padding(build, x):
     return layers.ZeroPadding2D(tuple(map(tuple, _paddings(build, x, 3)[1:3])))(x)
 
 
+@_only_int8
 def constant_padding(build, x):
-    if build.activation_bits == 16:
-        return None
     paddings, value = _paddings(build, x, 2), float(build.rng.normal())
     return _call(lambda y: tf.pad(y, paddings, constant_values=value), x)
 
@@ -370,8 +374,9 @@ def squeezing(build, x):
     return layers.Add()([x, _call(lambda z: tf.squeeze(z, [1]), y)])
 
 
+@_only_int8
 def tiling(build, x):
-    if build.activation_bits == 16 or max(x.shape[1:3]) > MOST_ROWS // 2:
+    if max(x.shape[1:3]) > MOST_ROWS // 2:
         return None
     return _call(lambda y: tf.tile(y, [1, 2, 1, 1]), x)
 
@@ -381,21 +386,25 @@ def gathering(build, x):
     return _call(lambda y: tf.gather(y, indices, axis=3), x)
 
 
+@_only_int8
 def space_to_depth(build, x):
-    if build.activation_bits == 16 or x.shape[1] % 2 or x.shape[2] % 2 or x.shape[3] > 6:
+    rows, columns = (n // 2 * 2 for n in x.shape[1:3])
+    if min(rows, columns) < 2:
         return None
-    return _call(lambda y: tf.nn.space_to_depth(y, 2), x)
+    return _call(lambda y: tf.nn.space_to_depth(y, 2), x[:, :rows, :columns, :6])
 
 
+@_only_int8
 def depth_to_space(build, x):
-    if build.activation_bits == 16 or max(x.shape[1:3]) > MOST_ROWS // 2:
+    if max(x.shape[1:3]) > MOST_ROWS // 2:
         return None
     return _call(lambda y: tf.nn.depth_to_space(y, 2), layers.Conv2D(4 * build.number(1, 4), 1)(x))
 
 
+@_only_int8
 def upsampling_nearest(build, x):
     factor = (build.number(1, 3), build.number(1, 3))
-    if build.activation_bits == 16 or max(x.shape[1:3]) * 3 > MOST_ROWS:
+    if max(x.shape[1:3]) * 3 > MOST_ROWS:
         return None
     return layers.UpSampling2D(factor, interpolation="nearest")(x)
 
@@ -425,9 +434,8 @@ def leaky_relu(build, x):
     return layers.LeakyReLU(build.choose([0.01, 0.3, 1.5]))(x)
 
 
+@_only_int8
 def prelu(build, x):
-    if build.activation_bits == 16:
-        return None
     return layers.PReLU(shared_axes=build.choose([[1, 2], None]))(x)
 
 
@@ -439,9 +447,8 @@ def tanh(build, x):
     return layers.Activation("tanh")(x)
 
 
+@_only_int8
 def hard_swish(build, x):
-    if build.activation_bits == 16:
-        return None
     return layers.Activation("hard_silu")(x)
 
 
@@ -461,9 +468,8 @@ def relu6(build, x):
     return layers.ReLU(max_value=6)(max_pool(build, x))
 
 
+@_only_int8
 def negation(build, x):
-    if build.activation_bits == 16:
-        return None
     return keras.ops.negative(x)
 
 
@@ -475,7 +481,6 @@ def batch_normalisation(build, x):
     return layers.BatchNormalization()(x)
 
 
+@_only_int8
 def layer_normalisation(build, x):
-    if build.activation_bits == 16:
-        return None
     return layers.LayerNormalization(axis=build.choose([-1, -1, (2, 3)]), epsilon=1e-3)(x)
