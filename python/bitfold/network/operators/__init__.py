@@ -30,12 +30,7 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import (
-    Extreme as ReducedExtreme,
-    ReducedExtreme,
-    ReducedSum,
-    Sum as ReducedSum,
-)
+from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
 from bitfold.network.operators.sum_of_two import Sum
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
