@@ -16,6 +16,7 @@ from bitfold.network.operators.depthwise import DepthwiseConvolution
 from bitfold.network.operators.extremes import Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.gather import Gather
+from bitfold.network.operators.matrix_product import MatrixProduct
 from bitfold.network.operators.max_pool import MaxPool
 from bitfold.network.operators.mean import Mean
 from bitfold.network.operators.pack import Pack
@@ -45,6 +46,7 @@ __all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 STEPS: dict[str, type[Step]] = {
     "ADD": Sum,
     "AVERAGE_POOL_2D": AveragePool,
+    "BATCH_MATMUL": MatrixProduct,
     "BATCH_TO_SPACE_ND": BatchToSpace,
     "BROADCAST_TO": BroadcastTo,
     "CONCATENATION": Concatenation,
