@@ -30,11 +30,11 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import Extreme as ReducedExtreme
-from bitfold.network.operators.sum import Sum as ReducedSum
+from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
 from bitfold.network.operators.sum_of_two import Sum
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
+from bitfold.network.operators.transpose_conv import TransposeConvolution
 from bitfold.network.operators.unit_activation import UnitActivation
 from bitfold.network.operators.unit_addition import UnitAddition
 from bitfold.network.operators.unit_resize import UnitResize
@@ -83,6 +83,7 @@ STEPS: dict[str, type[Step]] = {
     "SUM": ReducedSum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
+    "TRANSPOSE_CONV": TransposeConvolution,
     "UNPACK": Unpack,
 }
 
