@@ -15,8 +15,8 @@ namespace {
 constexpr int kPieceBlock = 256;  // elements at a time: their pieces stay in the nearest cache
 constexpr int kMaxPoints = 32;
 constexpr int kMaxLanes = 128;
-// From here on a group's own runs are as quick as its channels' lanes.
-constexpr int64_t kWideGroup = 128;
+constexpr int64_t kWideGroup = 128;  // channels whose own runs are as quick as lanes
+constexpr int64_t kFewElements = 3;  // of a group are not worth a table
 
 // A group's row of each table, in the forms that the loops take.
 struct PieceTable {
@@ -30,11 +30,18 @@ struct PieceTable {
 
 // The tables of groups side by side, a column for each element of a block.
 struct LaneTables {
-  int points;
+  int rows;  // of breakpoints: 2, 8, 16 or 32; those that a group does not have are never reached
   int32_t below[kMaxPoints][kMaxLanes];
   int32_t slope[kMaxPoints + 1][kMaxLanes];
   int32_t shift[kMaxPoints + 1][kMaxLanes];
   int32_t offset[kMaxPoints + 1][kMaxLanes];
+};
+
+// Where elements lie: `runs` runs of `count` elements, `stride` apart.
+struct Runs {
+  int64_t runs;
+  int64_t count;
+  int64_t stride;
 };
 
 // What the groups share.
@@ -47,8 +54,10 @@ struct ActivationClip {
 struct ActivationLoops {
   void (*magnitude)(const int64_t*, int, const PieceTable&, const ActivationClip&, int32_t*);
   void (*plain)(const int64_t*, int, const PieceTable&, const ActivationClip&, int32_t*);
-  void (*magnitude_lanes)(const int64_t*, int, const LaneTables&, const ActivationClip&, int32_t*);
-  void (*plain_lanes)(const int64_t*, int, const LaneTables&, const ActivationClip&, int32_t*);
+  void (*magnitude_lanes)(const int64_t*, const Runs&, const LaneTables&, const ActivationClip&,
+                          int32_t*);
+  void (*plain_lanes)(const int64_t*, const Runs&, const LaneTables&, const ActivationClip&,
+                      int32_t*);
 };
 
 #define BITFOLD_LOOPS "cpu/activation_loops.inc"
@@ -83,14 +92,15 @@ bool MakePieceTable(const ActivationGroups& groups, int64_t group, const Activat
   return true;
 }
 
-// Where the elements of a group lie: `runs` runs of `count` elements, `stride` apart.
-struct GroupElements {
-  int64_t runs;
-  int64_t count;
-  int64_t stride;
-};
+// The numbers of rows that there are loops for.
+int LaneRows(int64_t points) {
+  for (const int rows : {2, 8, 16}) {
+    if (points <= rows) return rows;
+  }
+  return kMaxPoints;
+}
 
-// A call, as it goes through the groups.
+// A call, group by group.
 class GroupWalk {
  public:
   GroupWalk(const int64_t* in, const ActivationShape& shape, const ActivationGroups& groups,
@@ -101,7 +111,8 @@ class GroupWalk {
         mode_(mode),
         out_(out),
         clip_{mode.is_8bit_to_16bit_mode ? 8 : 0, -int64_t{mode.clip_bits} - 1, mode.clip_bits},
-        is_plain_(mode.is_16bit_precision_mode || mode.is_velquin) {}
+        is_plain_(mode.is_16bit_precision_mode || mode.is_velquin),
+        max_lanes_(kMaxLanes * 8 / std::max(LaneRows(groups.x_points.columns), 8)) {}
 
   void Run() {
     for (int64_t g = 0; g < groups_.count; ++g) {
@@ -114,17 +125,17 @@ class GroupWalk {
  private:
   // A group that fills its runs, or needs the definition, goes by itself, others in lanes.
   void Add(int64_t group, int64_t size) {
+    const bool is_small = size < kFewElements && shape_.positions * size < kFewElements;
     PieceTable table;
-    const bool by_loop = MakePieceTable(groups_, group, mode_, &table);
+    const bool by_loop = !is_small && MakePieceTable(groups_, group, mode_, &table);
     if (by_loop && size < std::min(kWideGroup, shape_.channels)) {
       for (int64_t k = 0; k < size; ++k) AddLane(table);
       return;
     }
     FlushLanes();
     const int64_t positions = shape_.positions;
-    const GroupElements elements = size == shape_.channels
-                                       ? GroupElements{1, positions * size, 0}
-                                       : GroupElements{positions, size, shape_.channels};
+    const Runs elements = size == shape_.channels ? Runs{1, positions * size, 0}
+                                                  : Runs{positions, size, shape_.channels};
     if (by_loop) {
       RunLoop(elements, table);
     } else {
@@ -133,7 +144,7 @@ class GroupWalk {
     channel_ += size;
   }
 
-  void RunLoop(const GroupElements& elements, const PieceTable& table) {
+  void RunLoop(const Runs& elements, const PieceTable& table) {
     const auto loop = is_plain_ ? CurrentLoops().plain : CurrentLoops().magnitude;
     for (int64_t run = 0; run < elements.runs; ++run) {
       const int64_t first = channel_ + run * elements.stride;
@@ -145,7 +156,7 @@ class GroupWalk {
     }
   }
 
-  void RunDefinition(const GroupElements& elements, int64_t group) {
+  void RunDefinition(const Runs& elements, int64_t group) {
     for (int64_t run = 0; run < elements.runs; ++run) {
       const int64_t first = channel_ + run * elements.stride;
       for (int64_t i = first; i < first + elements.count; ++i) {
@@ -156,19 +167,19 @@ class GroupWalk {
 
   // Gives the channel after those in lanes a lane.
   void AddLane(const PieceTable& table) {
-    if (lanes_ == kMaxLanes) FlushLanes();
+    if (lanes_ == max_lanes_) FlushLanes();
+    LaneTables& t = lane_tables_;
+    t.rows = LaneRows(table.points);
     const int lane = lanes_++;
-    lane_tables_.points = table.points;
-    lane_tables_.slope[0][lane] = table.slope[table.first_piece];
-    lane_tables_.shift[0][lane] = table.shift[table.first_piece];
-    lane_tables_.offset[0][lane] = table.offset[table.first_piece];
-    const int rows = table.points <= 2 ? 2 : table.points <= 8 ? 8 : kMaxPoints;
-    for (int p = 0; p < rows; ++p) {
+    t.slope[0][lane] = table.slope[table.first_piece];
+    t.shift[0][lane] = table.shift[table.first_piece];
+    t.offset[0][lane] = table.offset[table.first_piece];
+    for (int p = 0; p < t.rows; ++p) {
       const int piece = std::min(p + 1, table.points);
-      lane_tables_.below[p][lane] = table.below[p];
-      lane_tables_.slope[p + 1][lane] = table.slope[piece];
-      lane_tables_.shift[p + 1][lane] = table.shift[piece];
-      lane_tables_.offset[p + 1][lane] = table.offset[piece];
+      t.below[p][lane] = table.below[p];
+      t.slope[p + 1][lane] = table.slope[piece];
+      t.shift[p + 1][lane] = table.shift[piece];
+      t.offset[p + 1][lane] = table.offset[piece];
     }
   }
 
@@ -176,20 +187,25 @@ class GroupWalk {
   // without a gap, and the lanes are repeated for as many as there is room for.
   void FlushLanes() {
     if (lanes_ == 0) return;
-    const auto loop = is_plain_ ? CurrentLoops().plain_lanes : CurrentLoops().magnitude_lanes;
     const int64_t width = lanes_;
-    int64_t together = 1;
     if (width == shape_.channels) {
-      together = std::min<int64_t>(kMaxLanes / width, shape_.positions);
+      const int64_t together = std::min<int64_t>(max_lanes_ / width, shape_.positions);
       RepeatLanes(static_cast<int>(together));
-    }
-    for (int64_t position = 0; position < shape_.positions; position += together) {
-      const int64_t first = position * shape_.channels + channel_;
-      const int64_t count = std::min(together, shape_.positions - position) * width;
-      loop(in_ + first, static_cast<int>(count), lane_tables_, clip_, out_ + first);
+      const int64_t count = together * width;
+      const int64_t runs = count > 0 ? shape_.positions / together : 0;
+      RunLanes({runs, count, count}, 0);
+      const int64_t done = runs * count;
+      RunLanes({1, shape_.positions * width - done, 0}, done);
+    } else {
+      RunLanes({shape_.positions, width, shape_.channels}, channel_);
     }
     channel_ += width;
     lanes_ = 0;
+  }
+
+  void RunLanes(const Runs& runs, int64_t first) {
+    const auto loop = is_plain_ ? CurrentLoops().plain_lanes : CurrentLoops().magnitude_lanes;
+    loop(in_ + first, runs, lane_tables_, clip_, out_ + first);
   }
 
   void RepeatLanes(int times) {
@@ -198,12 +214,10 @@ class GroupWalk {
         for (int i = lanes_; i < times * lanes_; ++i) rows[r][i] = rows[r][i - lanes_];
       }
     };
-    const int points = lane_tables_.points;
-    const int rows = points <= 2 ? 2 : points <= 8 ? 8 : kMaxPoints;
-    repeat(lane_tables_.below, rows);
-    repeat(lane_tables_.slope, rows + 1);
-    repeat(lane_tables_.shift, rows + 1);
-    repeat(lane_tables_.offset, rows + 1);
+    repeat(lane_tables_.below, lane_tables_.rows);
+    repeat(lane_tables_.slope, lane_tables_.rows + 1);
+    repeat(lane_tables_.shift, lane_tables_.rows + 1);
+    repeat(lane_tables_.offset, lane_tables_.rows + 1);
   }
 
   const int64_t* in_;
@@ -213,6 +227,7 @@ class GroupWalk {
   int32_t* out_;
   ActivationClip clip_;
   bool is_plain_;
+  int max_lanes_;        // the tables of so many stay in the nearest cache
   int64_t channel_ = 0;  // the first that is not written; those in lanes follow
   int lanes_ = 0;
   LaneTables lane_tables_;
