@@ -67,7 +67,7 @@ int64_t OutputElements(const ConvolutionCall<T>& call) {
 template <typename T>
 void AddElementwise(const ConvolutionCall<T>& call, int64_t outputs) {
   const DefaultFloatingPointScope scope;
-  const int64_t addends = call.elementwise == nullptr ? 0 : CentreTaps(WindowAxis(call.rows));
+  const int64_t addends = call.elementwise == nullptr ? 0 : CentreTaps(WindowAxis(call.rows)).count;
   if (addends == 0) {
     std::fill_n(call.output, outputs, T{0});
     return;
@@ -81,22 +81,6 @@ void AddElementwise(const ConvolutionCall<T>& call, int64_t outputs) {
 }
 
 }  // namespace
-
-// The taps kh with kh * dilation = half modulo 2^32. Of an odd multiple of 2^z they lie 2^(32 - z)
-// apart, where half has that factor, too; of a dilation of 0 they are all taps or none.
-int64_t CentreTaps(const WindowAxis& axis) {
-  if (axis.dilation == 0) return axis.half == 0 ? std::max(axis.taps, 0) : 0;
-  const auto dilation = static_cast<uint32_t>(axis.dilation);
-  const auto half = static_cast<uint32_t>(axis.half);
-  const int zeros = __builtin_ctz(dilation);
-  if ((half & ((uint32_t{1} << zeros) - 1)) != 0) return 0;
-  const uint32_t odd = dilation >> zeros;
-  uint32_t inverse = odd;  // right in 3 bits, and in twice as many with each step
-  for (int step = 0; step < 4; ++step) inverse *= 2 - odd * inverse;
-  const uint32_t mask = UINT32_MAX >> zeros;
-  const int64_t first = (half >> zeros) * inverse & mask;
-  return first < axis.taps ? (axis.taps - 1 - first) / (int64_t{mask} + 1) + 1 : 0;
-}
 
 template <typename T>
 BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Scratch* scratch)
