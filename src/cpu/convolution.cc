@@ -9,6 +9,7 @@
 
 #include "bitfold/HConv2D.h"
 #include "bitfold/datapath_attributes.h"
+#include "bitfold/warning.h"
 #include "bitfold/weight_sign.h"
 #include "chain/corrected_weights.h"
 #include "frame/floating_point_scope.h"
@@ -29,9 +30,12 @@ template <typename T>
 struct ImageTask {
   const BatchConvolution<T>* batch;
   int32_t image;
-  std::exception_ptr failure;  // of memory, as a rule
+  bool counts_warnings;  // as the calling thread does
+  BitfoldWarningCounts counts{};
+  std::exception_ptr failure{};  // of memory, as a rule
 
   void Run() {
+    const WarningScope warnings(counts_warnings ? &counts : nullptr);
     try {
       batch->Run(image);
     } catch (const std::exception&) {
@@ -126,7 +130,7 @@ void BatchConvolution<T>::Run(int32_t image) const {
                [&definition](int32_t row, int32_t column, int32_t channel) {
                  definition.DefineOutput(row, column, channel);
                });
-  if (NeedsWarning(image)) PrintDepthwiseWeightWarning();
+  if (NeedsWarning(image)) WarnDepthwiseWeights();
 }
 
 template <typename T>
@@ -135,18 +139,22 @@ void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, Create
   if (outputs == 0) return;
   if (HasNoProducts(call)) return AddElementwise(call, outputs);
   const BatchConvolution<T> convolution(call, scratch);
+  BitfoldWarningCounts* const counts = CountsOfThisThread();
   std::array<pthread_t, kImageThreads> threads;
   for (int64_t first = 0; first < call.batch; first += kImageThreads) {
     const int group = static_cast<int>(std::min<int64_t>(call.batch - first, kImageThreads));
     std::array<ImageTask<T>, kImageThreads> tasks;
     std::array<bool, kImageThreads> started{};
     for (int slot = 0; slot < group; ++slot) {
-      tasks[slot] = {&convolution, static_cast<int32_t>(first + slot), nullptr};
+      tasks[slot] = {&convolution, static_cast<int32_t>(first + slot), counts != nullptr};
       started[slot] = create(&threads[slot], nullptr, RunImage<T>, &tasks[slot]) == 0;
       if (!started[slot]) tasks[slot].Run();
     }
     for (int slot = 0; slot < group; ++slot) {
       if (started[slot]) pthread_join(threads[slot], nullptr);
+    }
+    if (counts != nullptr) {
+      for (const ImageTask<T>& task : tasks) AddCounts(task.counts, counts);
     }
     for (const ImageTask<T>& task : tasks) {
       if (task.failure) std::rethrow_exception(task.failure);
