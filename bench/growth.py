@@ -7,7 +7,7 @@
 The images of a batch have a thread each, in groups of 20, and share the machine's cores. The first
 table should show the same time for a multiply-add in every row but the smallest, or less. The
 second compares a stack of the size of an 18-layer residual network, in integers of 8 bits, with the
-stock float convolutions of the same shapes; the third the network of `make demo` over its test
+stock float convolutions of the same shapes; the third the network of `make demo-digits` over its test
 images, 24-bit accumulators, with the float network that it came from: a thread for each of many
 tiny images counts there.
 """
@@ -108,10 +108,12 @@ def end_to_end(console: Console) -> None:
 
 def digits_demo(console: Console) -> None:
     """Print the time of the demo's network; its weights hardly matter and are trained briefly."""
-    sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "examples/digits"))
+    examples = pathlib.Path(__file__).parent.parent / "examples"
+    sys.path[:0] = [str(examples / "digits"), str(examples / "common")]
     import emulate
-    import model
     import quantise
+
+    import model
 
     digits = model.load_data()
     network = model.train(digits, seed=1, epochs=1)

@@ -12,10 +12,10 @@ import numpy as np
 import integers
 from bitfold.detection import Detections
 from cascade import Level, Result, detect, make_pyramid
+from console import Report
 from floats import FloatArithmetic
 from integers import EmulatedArithmetic, IntegerNetwork, quantise
 from networks import Network
-from report import Report
 
 WIDTHS = tuple(range(20, 11, -1))
 """Accumulators that are compared with those of 32 bits."""

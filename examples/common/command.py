@@ -24,10 +24,10 @@ def positive(text: str) -> int:
     return value
 
 
-def parse_arguments(
+def make_parser(
     description: str, output_dir: str, epochs: int, picture: str
-) -> argparse.Namespace:
-    """Parse the command line of an example with these defaults and this picture."""
+) -> argparse.ArgumentParser:
+    """Make the command line of an example that trains, with these defaults and this picture."""
     parser = argparse.ArgumentParser(
         description=description,
         epilog=f"Writes {picture} and results.json to the output directory.",
@@ -47,7 +47,7 @@ def parse_arguments(
         "--images", type=positive, metavar="N",
         help="use only the first N images of the test split (default: all)",
     )  # fmt: skip
-    return parser.parse_args()
+    return parser
 
 
 def missing_bitfold() -> str | None:
