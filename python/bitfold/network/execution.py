@@ -1,0 +1,90 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Runs a network's steps over a batch, with the runtime's ops: eagerly or into a graph."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Mapping, Sequence
+
+import tensorflow as tf
+
+from bitfold.network.assemble import Assembly
+from bitfold.network.operators import Step, SummingStep
+
+
+class Program:
+    """The steps of a network in their order.
+
+    Attributes:
+        assembly: what the steps were made of.
+        steps: one for each node.
+    """
+
+    def __init__(self, assembly: Assembly, steps: Sequence[Step], scopes: Sequence[str]) -> None:
+        """Take the steps; `scopes` are what the ops of each are called by in a graph."""
+        self.assembly = assembly
+        self.steps = tuple(steps)
+        self._scopes = tuple(scopes)
+
+    def run(
+        self, images: Sequence[tf.Tensor], with_sums: bool = False
+    ) -> tuple[dict[int, tf.Tensor], dict[int, tf.Tensor]]:
+        """Compute every tensor of a batch.
+
+        Args:
+            images: for each input of the network stored elements, [B * d0, ...].
+            with_sums: whether to return the sums of the steps with an accumulator.
+
+        Returns:
+            The tensors by index, and the sums by the operator's position.
+        """
+        tensors = dict(zip(self.assembly.graph.inputs, images, strict=True))
+        sums: dict[int, tf.Tensor] = {}
+        for step, scope in zip(self.steps, self._scopes, strict=True):
+            with tf.name_scope(scope):
+                inputs = [self._value(tensor, tensors) for tensor in step.node.inputs]
+                if with_sums and isinstance(step, SummingStep):
+                    position = step.node.operator.position
+                    sums[position] = step.sums(inputs)
+                    outputs = step.finish(sums[position])
+                else:
+                    outputs = self._outputs(step, inputs)
+            for tensor, value in zip(step.node.outputs, outputs, strict=True):
+                value.set_shape([None, *tensor.shape[1:]])
+                tensors[tensor.index] = value
+        return tensors, sums
+
+    @staticmethod
+    def _value(tensor, tensors: Mapping[int, tf.Tensor]) -> tf.Tensor | None:
+        if tensor is None:
+            return None
+        return tf.constant(tensor.data) if tensor.is_constant else tensors[tensor.index]
+
+    @staticmethod
+    def _outputs(step: Step, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        if step.stacks:
+            return step.run(inputs)
+        return one_by_one(step.run, step.node, inputs)
+
+
+def one_by_one(
+    run: Callable[..., list[tf.Tensor]], node, inputs: Sequence[tf.Tensor | None]
+) -> list[tf.Tensor]:
+    """Run a step for each image of a batch by itself, and stack the results."""
+    varying = [
+        i for i, tensor in enumerate(node.inputs) if tensor is not None and not tensor.is_constant
+    ]
+    single = [tf.reshape(inputs[i], [-1, *node.inputs[i].shape]) for i in varying]
+
+    def run_one(image: Sequence[tf.Tensor]) -> tuple[tf.Tensor, ...]:
+        values = list(inputs)
+        for i, value in zip(varying, image, strict=True):
+            values[i] = value
+        return tuple(run(values))
+
+    signature = tuple(tf.TensorSpec(tensor.shape, tensor.dtype) for tensor in node.outputs)
+    results = tf.map_fn(run_one, tuple(single), fn_output_signature=signature)
+    return [
+        tf.reshape(result, [-1, *tensor.shape[1:]])
+        for result, tensor in zip(results, node.outputs, strict=True)
+    ]

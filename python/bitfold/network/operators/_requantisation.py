@@ -1,0 +1,88 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""From a layer's sums to its stored output: multipliers, fused activations, the two ways."""
+
+from __future__ import annotations
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold import ops
+from bitfold.network.arithmetic import Arithmetic
+from bitfold.network.graph import Tensor
+
+FUSED = ("NONE", "RELU", "RELU6", "RELU_N1_TO_1")
+_BOUNDS = {"NONE": (None, None), "RELU": (0, None), "RELU6": (0, 6), "RELU_N1_TO_1": (-1, 1)}
+
+
+def stored_range(dtype: np.dtype) -> tuple[int, int]:
+    """Return the least and the greatest stored integer of a type."""
+    limits = np.iinfo(dtype)
+    return int(limits.min), int(limits.max)
+
+
+def activation_range(output: Tensor, fused: str) -> tuple[int, int]:
+    """Return the bounds that an output is clamped to: its type's, narrowed by an activation.
+
+    A bound is the zero point plus bound / scale, a quotient in single precision, halves away from
+    zero.
+    """
+    minimum, maximum = stored_range(output.dtype)
+    low, high = _BOUNDS[fused]
+    if low is not None:
+        minimum = max(minimum, _stored(low, output))
+    if high is not None:
+        maximum = min(maximum, _stored(high, output))
+    return minimum, maximum
+
+
+def _stored(real: float, output: Tensor) -> int:
+    """Return where a real number lies among the stored integers, whatever their range."""
+    quotient = float(np.float32(real) / np.float32(output.scale))
+    # Finite scales can give infinite quotients. What lies beyond 32 bits bounds nothing.
+    quotient = min(max(quotient, -(2.0**31)), 2.0**31)
+    return output.zero_point + int(np.trunc(quotient + np.copysign(0.5, quotient)))
+
+
+def multipliers(data: Tensor, filter: Tensor, output: Tensor) -> np.ndarray:
+    """Return input scale x filter scale / output scale, for each channel or one for all.
+
+    In double precision, of the single-precision numbers.
+    """
+    filters = filter.quantisation.scales.astype(np.float64)
+    return np.float64(data.scale) * filters / np.float64(output.scale)
+
+
+class Requantiser:
+    """Maps a layer's sums to its stored output, as the layer's arithmetic says."""
+
+    def __init__(
+        self,
+        output: Tensor,
+        real_multipliers: np.ndarray,
+        fused: str,
+        arithmetic: Arithmetic,
+        rounding: str,
+    ) -> None:
+        """Make it; `rounding` is that of the model's rule, a name of `bitfold.ops.requantise`."""
+        self._output = output
+        self._multipliers = real_multipliers
+        self._bounds = activation_range(output, fused)
+        self._shift = arithmetic.mult_shift
+        self._rounding = rounding
+
+    def __call__(self, sums: tf.Tensor) -> tf.Tensor:
+        """Requantise sums of any rank, channels last; floats hold whole numbers."""
+        if sums.dtype == tf.float32:
+            sums = tf.cast(sums, tf.int32)
+        minimum, maximum = self._bounds
+        return ops.requantise(
+            sums,
+            self._multipliers,
+            rounding=self._rounding,
+            zero_point=self._output.zero_point,
+            minimum=minimum,
+            maximum=maximum,
+            dtype=tf.as_dtype(self._output.dtype),
+            shift=self._shift,
+        )

@@ -1,0 +1,143 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What the layers with stored weights share: convolutions and dense layers."""
+
+from __future__ import annotations
+
+import abc
+from collections.abc import Iterator, Sequence
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold.network.arithmetic import Arithmetic
+from bitfold.network.graph import Node, Tensor
+from bitfold.network.operators import _checks
+from bitfold.network.operators._accumulator import Accumulator, exact_groups
+from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
+from bitfold.network.operators._step import SummingStep
+
+
+def need_weights(what: str, filter: Tensor | None, outputs_axis: int, rank: int) -> Iterator[str]:
+    """Yield unless a filter is a constant of int8, symmetric, scaled for all or each output."""
+    before = list(_checks.need_constant(what, filter, ("int8",), rank))
+    yield from before
+    if filter is None or before:
+        return
+    if not filter.is_quantised:
+        yield f"need {what} quantised, got {filter} without a scale"
+        return
+    quantisation = filter.quantisation
+    outputs = filter.shape[outputs_axis]
+    if quantisation.scales.size not in (1, outputs):
+        yield f"need 1 or {outputs} scales for {what}, got {quantisation.scales.size}"
+    elif quantisation.scales.size > 1 and quantisation.axis != outputs_axis:
+        yield f"need the scales of {what} along axis {outputs_axis}, got {quantisation.axis}"
+    if quantisation.zero_points.any():
+        yield f"need the zero point 0 for {what}, got {filter}"
+
+
+def need_bias(bias: Tensor | None, outputs: int) -> Iterator[str]:
+    """Yield unless there is no bias, or a constant one with a number for each output."""
+    if bias is None:
+        return
+    yield from _checks.need_constant("the bias", bias, ("int32", "int64"))
+    if bias.is_constant and bias.data.size != outputs:
+        yield f"need a bias of {outputs} elements, got {bias}"
+
+
+class WeightedStep(SummingStep):
+    """A layer whose sums are products of data with stored weights, plus a stored bias.
+
+    Attributes:
+        filter: the stored weights, in the file's layout.
+        bias: the stored bias; None where there is none.
+    """
+
+    stacks = True
+    # The positions of data, weights and bias among the inputs.
+    places = (0, 1, 2)
+    # The dimension of the stored weights that counts outputs.
+    outputs_axis = 0
+    # What the model's rule rounds like where the sums have 32 bits, and where they have 64.
+    roundings = ("two_roundings", "short_multiplier")
+
+    def __init__(self, node: Node, arithmetic: Arithmetic) -> None:
+        """Make the weights as the op takes them, and the requantiser."""
+        super().__init__(node, arithmetic)
+        data, filter, bias = (node.input(place) for place in self.places)
+        self.filter = filter.data
+        self.bias = None if bias is None else bias.data
+        self._zero_point = data.zero_point
+        self._accumulator = self._make_accumulator()
+        self._requantise = Requantiser(
+            node.outputs[0],
+            multipliers(data, filter, node.outputs[0]),
+            node.option("fused_activation_function", "NONE"),
+            arithmetic,
+            self.roundings[self.is_wide],
+        )
+
+    @property
+    def is_wide(self) -> bool:
+        """Whether exact sums are those of 64 bits: data of 16 bits, unless the bias has 32."""
+        data, _, bias = (self.node.input(place) for place in self.places)
+        return data.dtype == np.int16 and (bias is None or bias.dtype == np.int64)
+
+    def _make_accumulator(self) -> Accumulator:
+        weights = self.weights()
+        exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
+        groups = self.groups(weights) if exact and self.is_wide else None
+        return Accumulator(self.product, weights, self.bias, self.arithmetic, groups)
+
+    def groups(self, weights: np.ndarray) -> list[slice]:
+        """Return the groups of input channels whose sums fit 32 bits."""
+        data = self.node.inputs[self.places[0]]
+        magnitude = -stored_range(data.dtype)[0] + abs(data.zero_point)
+        groups = exact_groups(weights, magnitude, self.arithmetic.mult_shift)
+        if groups is None:
+            raise ValueError(
+                "need sums of 64 bits of at most 512 taps for exact arithmetic, got weights "
+                f"{list(weights.shape)}"
+            )
+        return groups
+
+    @abc.abstractmethod
+    def weights(self) -> np.ndarray:
+        """Return the stored weights as `product` takes them, [..., inputs, outputs]."""
+
+    @abc.abstractmethod
+    def product(self, data: tf.Tensor, weights: np.ndarray, **datapath) -> tf.Tensor:
+        """Sum the products, [N, H, W, inputs] to [N, H', W', outputs]."""
+
+    def arrange(self, data: tf.Tensor) -> tf.Tensor:
+        """Return data, less its zero point, as `product` takes it."""
+        return data
+
+    def arrange_sums(self, sums: tf.Tensor) -> tf.Tensor:
+        """Return sums in the shape of the output."""
+        return sums
+
+    def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
+        """Return the sums with their bias."""
+        data = tf.cast(inputs[self.places[0]], tf.int32) - self._zero_point
+        return self.arrange_sums(self._accumulator(self.arrange(data)))
+
+    def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:
+        """Requantise."""
+        return [self._requantise(sums)]
+
+    @classmethod
+    def layer_problems(cls, node: Node, rank: int, data_rank: int | None) -> Iterator[str]:
+        """Yield what is wrong with data, weights, bias and output; nothing is read after that."""
+        data, filter, bias = (node.input(place) for place in cls.places)
+        output = node.outputs[0]
+        yield from _checks.need_stored("the data", data, rank=data_rank)
+        yield from need_weights("the filter", filter, cls.outputs_axis, rank)
+        yield from _checks.need_stored("the output", output)
+        if data is not None:
+            yield from _checks.need_same_type(node, data, output)
+        if filter is not None and len(filter.shape) == rank:
+            yield from need_bias(bias, filter.shape[cls.outputs_axis])
+        if node.option("fused_activation_function", "NONE") not in FUSED:
+            yield from _checks.need_option(node, "fused_activation_function", *FUSED)

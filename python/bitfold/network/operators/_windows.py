@@ -1,0 +1,112 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Where the windows of a convolution or a pool lie in the image."""
+
+from __future__ import annotations
+
+import dataclasses
+from collections.abc import Iterator
+from typing import Any
+
+import tensorflow as tf
+
+from bitfold.network.graph import Node
+
+
+@dataclasses.dataclass(frozen=True)
+class Axis:
+    """The windows along one axis of an image.
+
+    Attributes:
+        size: of the image.
+        window: taps.
+        stride: from a window to the next.
+        dilation: from a tap to the next.
+        is_same: whether windows may reach beyond the image.
+    """
+
+    size: int
+    window: int
+    stride: int
+    dilation: int
+    is_same: bool
+
+    @property
+    def extent(self) -> int:
+        """From a window's first tap to beyond its last."""
+        return (self.window - 1) * self.dilation + 1
+
+    @property
+    def outputs(self) -> int:
+        """The number of windows, below 1 where none fits."""
+        span = self.size if self.is_same else self.size - self.extent + 1
+        return -(-span // self.stride)
+
+    @property
+    def padding(self) -> tuple[int, int]:
+        """How far windows reach beyond the begin and the end; the odd one of a pair at the end."""
+        if not self.is_same:
+            return 0, 0
+        total = max((self.outputs - 1) * self.stride + self.extent - self.size, 0)
+        return total // 2, total - total // 2
+
+
+@dataclasses.dataclass(frozen=True)
+class Windows:
+    """The windows of an image: rows and columns."""
+
+    rows: Axis
+    columns: Axis
+
+    @classmethod
+    def of(cls, node: Node, height: int, width: int) -> Windows:
+        """Read an operator's options; `height` and `width` are those of the window."""
+        _, rows, columns, _ = node.inputs[0].shape
+        is_same = node.option("padding") == "SAME"
+
+        def axis(size: int, window: int, which: str) -> Axis:
+            dilation = node.option(f"dilation_{which}_factor", 1)
+            return Axis(size, window, node.option(f"stride_{which}"), dilation, is_same)
+
+        return cls(axis(rows, height, "h"), axis(columns, width, "w"))
+
+    @property
+    def strides(self) -> list[int]:
+        """Of rows and columns."""
+        return [self.rows.stride, self.columns.stride]
+
+    @property
+    def dilations(self) -> list[int]:
+        """Of rows and columns."""
+        return [self.rows.dilation, self.columns.dilation]
+
+    @property
+    def outputs(self) -> int:
+        """The number of windows."""
+        return self.rows.outputs * self.columns.outputs
+
+    def problems(self) -> Iterator[str]:
+        """Yield where no window fits."""
+        for axis in (self.rows, self.columns):
+            if axis.outputs < 1:
+                yield f"need a window of at most {axis.size} pixels, got one of {axis.extent}"
+
+    def padded(self, images: tf.Tensor, value: Any = 0) -> tf.Tensor:
+        """Return [N, H, W, C] with what the windows meet beyond the images; VALID from then on."""
+        rows, columns = self.rows.padding, self.columns.padding
+        if not any(rows + columns):
+            return images
+        paddings = [[0, 0], list(rows), list(columns), [0, 0]]
+        return tf.pad(images, paddings, constant_values=tf.cast(value, images.dtype))
+
+    def placed(self, images: tf.Tensor) -> tuple[tf.Tensor, str]:
+        """Return images and the padding by which the public convolutions place these windows.
+
+        They place a SAME window elsewhere than the model at strides above 2; there the zeros are
+        written out.
+        """
+        if not self.rows.is_same:
+            return images, "VALID"
+        if max(self.strides) <= 2:
+            return images, "SAME"
+        return self.padded(images), "VALID"

@@ -1,0 +1,96 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""CONV_2D: windows of all channels, also in groups of channels.
+
+sum = bias + the sum over taps and channels of (data - zero point) * weight, outside of the image 0;
+one multiplier for each output channel, two roundings in int8, a short multiplier in int16.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold import ops
+from bitfold.network.graph import Node
+from bitfold.network.operators import _checks
+from bitfold.network.operators._weighted import WeightedStep
+from bitfold.network.operators._windows import Windows
+
+
+def window_problems(node: Node, height: int, width: int) -> Iterator[str]:
+    """Yield what is wrong with the options that place windows."""
+    options = (
+        *_checks.need_option(node, "padding", "SAME", "VALID"),
+        *_checks.need_positive(
+            node, "stride_h", "stride_w", "dilation_h_factor", "dilation_w_factor"
+        ),
+    )
+    yield from options
+    if not options:
+        yield from Windows.of(node, height, width).problems()
+
+
+class Convolution(WeightedStep):
+    """CONV_2D. The stored filter is [outputs, height, width, inputs of a group]."""
+
+    @classmethod
+    def problems(cls, node: Node) -> Iterator[str]:
+        """Yield what keeps the operator from being imported."""
+        before = list(_checks.need_counts(node, (2, 3)))
+        before = before or list(cls.layer_problems(node, rank=4, data_rank=4))
+        yield from before
+        if before:
+            return
+        outputs, height, width, inputs = node.inputs[1].shape
+        channels = node.inputs[0].shape[3]
+        if min(node.inputs[1].shape) < 1 or channels % inputs or outputs % (channels // inputs):
+            yield f"need a filter for groups of the {channels} channels, got {node.inputs[1]}"
+        yield from window_problems(node, height, width)
+
+    @property
+    def windows(self) -> Windows:
+        """Where the filter meets the image."""
+        return Windows.of(self.node, *self.node.inputs[1].shape[1:3])
+
+    @property
+    def multiply_adds(self) -> int:
+        """Products for one image."""
+        images = self.node.inputs[0].shape[0]
+        return images * self.windows.outputs * int(np.prod(self.node.inputs[1].shape))
+
+    def weights(self) -> np.ndarray:
+        """Return [height, width, inputs of a group, outputs]."""
+        return self.filter.transpose(1, 2, 3, 0)
+
+    def groups(self, weights: np.ndarray) -> list[slice]:
+        """Split the channels of a group; several groups are short enough to be one."""
+        parts = self._parts(weights)
+        if parts == 1:
+            return super().groups(weights)
+        super().groups(weights)  # refuses taps that alone are too many
+        magnitudes = np.abs(weights.astype(np.int64)).sum(axis=(0, 1, 2)).max(initial=0)
+        data = self.node.inputs[0]
+        if magnitudes * (2**15 + abs(data.zero_point)) >= 2**31:
+            raise ValueError("need sums of 32 bits where channels come in groups")
+        return [slice(None)]
+
+    def _parts(self, weights: np.ndarray) -> int:
+        """Return in how many groups the image's channels come."""
+        return self.node.inputs[0].shape[3] // self.node.inputs[1].shape[3]
+
+    def product(self, data: tf.Tensor, weights: np.ndarray, **datapath) -> tf.Tensor:
+        """Sum the products."""
+        windows = self.windows
+        data, padding = windows.placed(data)
+        keywords = dict(strides=windows.strides, padding=padding, **datapath)
+        if max(windows.dilations) > 1:
+            keywords["dilations"] = windows.dilations
+        convolve = ops.dilated_conv2d if "dilations" in keywords else ops.conv2d
+        parts = self._parts(weights)
+        if parts == 1:
+            return convolve(data, weights, **keywords)
+        pairs = zip(tf.split(data, parts, 3), np.split(weights, parts, 3), strict=True)
+        return tf.concat([convolve(part, filter, **keywords) for part, filter in pairs], 3)
