@@ -25,7 +25,7 @@ def positive(text: str) -> int:
 
 
 def make_parser(
-    description: str, output_dir: str, epochs: int, picture: str
+    description: str, output_dir: str, epochs: int | None, picture: str
 ) -> argparse.ArgumentParser:
     """Make the command line of an example that trains, with these defaults and this picture."""
     parser = argparse.ArgumentParser(
@@ -41,7 +41,7 @@ def make_parser(
     )
     parser.add_argument(
         "--epochs", type=positive, default=epochs,
-        help="epochs of the training (default: %(default)s)",
+        help=f"epochs of the training (default: {epochs or 'what the data set needs'})",
     )  # fmt: skip
     parser.add_argument(
         "--images", type=positive, metavar="N",

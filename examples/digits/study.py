@@ -12,6 +12,7 @@ import tensorflow as tf
 
 import bitfold
 from bitfold import Arithmetic
+from bits import bits_needed
 from console import Report
 
 WIDTHS = tuple(range(8, 25))
@@ -92,7 +93,7 @@ def run_study(
     sums = _sums(network, images)
     exact_accuracy = network.evaluate(images, labels)
     report(f"Exact: accuracy {exact_accuracy:.2%}", 1)
-    bits_needed = {name: _bits_needed(values) for name, values in sums.items()}
+    bits_needed = {name: bits_needed(values) for name, values in sums.items()}
     widths = [_measure_width(network, images, labels, sums, width, report) for width in WIDTHS]
     narrow_width = max(bits_needed.values()) - BITS_SHORT
     return Study(
@@ -151,9 +152,3 @@ def _sums(network: bitfold.Network, images: np.ndarray) -> Sums:
     """The sums of each layer by its name."""
     names = {layer.position: layer.name for layer in network.layers}
     return {names[position]: sums for position, sums in network.accumulators(images).items()}
-
-
-def _bits_needed(sums: np.ndarray) -> int:
-    """Narrowest two's complement width that holds every value of an array of whole numbers."""
-    largest = max(int(sums.max()), -1 - int(sums.min()), 0)
-    return largest.bit_length() + 1

@@ -135,16 +135,18 @@ def _plot_fold(axes: Axes, study: Study) -> None:
     fold = study.fold
     limit = 2 ** (fold.width - 1)
     reach = int(np.abs(fold.exact.astype(np.int64)).max())
-    edges = np.linspace(-reach, reach, BINS + 1)
+    edges = np.linspace(-reach, reach, BINS + 1) / 1000
     for sums, colour, label in (
         (fold.exact, COLOURS[0], "exact"),
         (fold.folded, COLOURS[5], f"{fold.width}-bit accumulator"),
     ):
-        axes.hist(sums.ravel(), edges, histtype="step", color=colour, linewidth=1.5, label=label)
+        axes.hist(
+            sums.ravel() / 1000, edges, histtype="step", color=colour, linewidth=1.5, label=label
+        )
     for side in (-limit, limit):
-        axes.axvline(side, color="black", linestyle=":", linewidth=1)
+        axes.axvline(side / 1000, color="black", linestyle=":", linewidth=1)
     axes.set_yscale("log")
-    axes.set(title=f"What a wrap does: sums of {fold.layer}\n(same inputs)", xlabel="sum",
+    axes.set(title=f"What a wrap does: sums of {fold.layer}\n(same inputs)", xlabel="sum [thousands]",
              ylabel="number of sums")  # fmt: skip
     axes.legend(loc="upper right", fontsize=9.5)
 

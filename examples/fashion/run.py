@@ -19,7 +19,7 @@ import pictures
 
 def parse_arguments() -> argparse.Namespace:
     """Parse the command line."""
-    parser = command.make_parser(__doc__, "build/demo", 6, "accumulator_width.png")
+    parser = command.make_parser(__doc__, "build/demo", None, "accumulator_width.png")
     parser.add_argument(
         "--data-dir", type=Path, default=pictures.FASHION_FOLDER, metavar="DIR",
         help="folder of Fashion-MNIST; where missing, the digits instead (default: %(default)s)",
@@ -48,8 +48,9 @@ def run(options: argparse.Namespace) -> None:
     labels = dataset.test_labels[: options.images]
 
     console.print(f"{dataset.name}: {len(dataset.train_labels):,} training images")
-    with progress_reports(console, options.epochs) as progress:
-        network = model.train(dataset, options.seed, options.epochs, options.output_dir, progress)
+    epochs = options.epochs or model.EPOCHS[dataset.name]
+    with progress_reports(console, epochs) as progress:
+        network = model.train(dataset, options.seed, epochs, options.output_dir, progress)
     float_accuracy = model.accuracy(network, images, labels)
     trained = time.perf_counter()
     console.print(f"Float network: accuracy {float_accuracy:.2%} after {trained - started:.1f} s")
@@ -61,7 +62,7 @@ def run(options: argparse.Namespace) -> None:
     settings = {
         "dataset": dataset.name,
         "seed": options.seed,
-        "epochs": options.epochs,
+        "epochs": epochs,
         "test_images": len(labels),
         "training_seconds": round(trained - started, 1),
         "study_seconds": round(measured - trained, 1),

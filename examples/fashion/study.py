@@ -11,6 +11,7 @@ import numpy as np
 import tensorflow as tf
 
 import bitfold
+from bits import bits_needed, share_beyond
 from console import Report
 
 WIDTHS = tuple(range(14, 25))
@@ -117,9 +118,8 @@ def run_study(
 
 def _layer(layer: bitfold.Layer, sums: np.ndarray) -> Layer:
     """Count what each width holds of a layer's sums."""
-    bits = bits_of(sums)
-    beyond = {width: float(np.mean(bits > width)) for width in WIDTHS}
-    return Layer(layer.position, layer.name, layer.operator, sums.size, int(bits.max()), beyond)
+    beyond = {width: share_beyond(sums, width) for width in WIDTHS}
+    return Layer(layer.position, layer.name, layer.operator, sums.size, bits_needed(sums), beyond)
 
 
 def _fold(
@@ -130,9 +130,3 @@ def _fold(
     narrow = network.with_arithmetic({layer.name: bitfold.Arithmetic(accumulator_size=width)})
     folded = narrow.accumulators(images[:LOOKED_AT])[layer.position]
     return Fold(layer.name, width, sums[layer.position], folded)
-
-
-def bits_of(sums: np.ndarray) -> np.ndarray:
-    """Bits with the sign that hold each of the whole numbers, same shape."""
-    magnitudes = np.where(sums < 0, ~sums, sums)
-    return np.frexp(magnitudes.astype(np.float64))[1] + 1
