@@ -24,8 +24,8 @@ EPOCHS = {"Fashion-MNIST": 6, "digits": 60}
 def build(shape: tuple[int, int, int]) -> tf.keras.Model:
     """Build the network: [n, h, w, 1] pixels from 0 to 1 to [n, 10] class scores.
 
-    A convolution and four depthwise separable blocks, two of them behind a stride of 2, three with
-    a residual addition; then the mean of each channel and a dense layer.
+    A convolution and four depthwise separable blocks, then the mean of each channel and a dense
+    layer. The convolution and the second block have a stride of 2; the others add their input.
     """
     layers = tf.keras.layers
     inputs = layers.Input(shape, name="image")

@@ -140,14 +140,13 @@ def _plot_fold(axes: Axes, study: Study) -> None:
         (fold.exact, COLOURS[0], "exact"),
         (fold.folded, COLOURS[5], f"{fold.width}-bit accumulator"),
     ):
-        axes.hist(
-            sums.ravel() / 1000, edges, histtype="step", color=colour, linewidth=1.5, label=label
-        )
+        thousands = sums.ravel() / 1000
+        axes.hist(thousands, edges, histtype="step", color=colour, linewidth=1.5, label=label)
     for side in (-limit, limit):
         axes.axvline(side / 1000, color="black", linestyle=":", linewidth=1)
     axes.set_yscale("log")
-    axes.set(title=f"What a wrap does: sums of {fold.layer}\n(same inputs)", xlabel="sum [thousands]",
-             ylabel="number of sums")  # fmt: skip
+    axes.set(title=f"What a wrap does: sums of {fold.layer}\n(same inputs)",
+             xlabel="sum [thousands]", ylabel="number of sums")  # fmt: skip
     axes.legend(loc="upper right", fontsize=9.5)
 
 
