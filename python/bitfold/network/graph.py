@@ -43,6 +43,8 @@ class Tensor:
         quantisation: None for what is not quantised.
         data: the elements of a constant, of `shape` and `dtype` and not writable; else None.
         unknown: the dimensions whose size the file leaves open.
+        unsupported: what of the tensor these records cannot express, as "is sparse". Whoever uses
+            the tensor must refuse it; where it keeps the elements from being known, `data` is None.
     """
 
     index: int
@@ -52,6 +54,7 @@ class Tensor:
     quantisation: Quantisation | None = None
     data: np.ndarray | None = None
     unknown: tuple[int, ...] = ()
+    unsupported: tuple[str, ...] = ()
 
     @property
     def is_constant(self) -> bool:
@@ -95,7 +98,8 @@ class Operator:
 
     Attributes:
         position: its place in the file's order.
-        kind: its name in the file's schema, as CONV_2D; of a custom one "CUSTOM <its code>".
+        kind: its name in the file's schema, as CONV_2D; of a custom one "CUSTOM <its code>", of one
+            that the schema does not know "BUILTIN <its number>".
         inputs: indices of tensors; -1 for one that is left out.
         outputs: indices of tensors.
         options: its options by their names in the schema, as stride_w; enumerations by name, as
@@ -123,6 +127,7 @@ class Graph:
         input_names: what the caller calls the inputs: the names in the file's first signature, else
             those of the tensors.
         output_names: the same for the outputs.
+        unsupported: what of the file these records leave out, as "holds 2 subgraphs".
     """
 
     tensors: tuple[Tensor, ...]
@@ -131,6 +136,7 @@ class Graph:
     outputs: tuple[int, ...]
     input_names: tuple[str, ...] = ()
     output_names: tuple[str, ...] = ()
+    unsupported: tuple[str, ...] = ()
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
