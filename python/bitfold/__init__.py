@@ -2,6 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Bit-exact accelerator arithmetic as TensorFlow operations.
 
+``Network`` is a trained network in the accelerator's arithmetic, ``Arithmetic`` what its layers
+compute in.
+
 Importing the package loads the op library once. ``bitfold.ops`` holds the ops as people know them
 from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
 those of the registered operations; ``bitfold.tables`` fits the table-driven units to functions;
@@ -21,8 +24,12 @@ from bitfold._frame.loaded import raw_ops
 __version__ = VERSION
 
 from bitfold import detection, fpx, ops, resize, tables
+from bitfold.network import Arithmetic, Network, UnsupportedModelError
 
 __all__ = [
+    "Arithmetic",
+    "Network",
+    "UnsupportedModelError",
     "__version__",
     "detection",
     "fpx",

@@ -71,7 +71,7 @@ class _Assembler:
         self.graph = graph
         self.tensors = {tensor.index: tensor for tensor in graph.tensors}
         self.nodes: list[Node] = []
-        self.reasons: list[str] = []
+        self.reasons = [f"the file {what}" for what in graph.unsupported]
         # Tensors whose shape is not known, because what writes them was refused.
         self._unknown: set[int] = set()
         # A folded constant may be as large as the file's constants together.
@@ -87,7 +87,9 @@ class _Assembler:
                 self._refuse(node, "this operator is not supported")
             return
         try:
-            problems = self._fold(node) if folding.folds(node) else self._place(node)
+            problems = self._unsupported(node)
+            if not problems:
+                problems = self._fold(node) if folding.folds(node) else self._place(node)
         except (ValueError, TypeError, IndexError, OverflowError, tf.errors.OpError) as error:
             problems = [str(error).splitlines()[0]]
         for problem in problems:
@@ -102,6 +104,15 @@ class _Assembler:
         self.reasons.append(
             f"operator {operator.position} {operator.kind}{name} (tensor {tensors}): {problem}"
         )
+
+    @staticmethod
+    def _unsupported(node: Node) -> list[str]:
+        return [
+            f"{tensor} {what}"
+            for tensor in (*node.inputs, *node.outputs)
+            if tensor is not None
+            for what in tensor.unsupported
+        ]
 
     def _fold(self, node: Node) -> list[str]:
         problems = list(folding.problems(node))
@@ -184,5 +195,11 @@ class _Assembler:
             if tensor.dtype.name not in _INPUTS:
                 self.reasons.append(f"input {tensor}: need one of {', '.join(_INPUTS)}")
         for index in self.graph.outputs:
-            if self.tensors[index].is_constant:
-                self.reasons.append(f"output {self.tensors[index]}: it depends on no input")
+            tensor = self.tensors[index]
+            if tensor.is_constant:
+                self.reasons.append(f"output {tensor}: it depends on no input")
+        for index in {*self.graph.inputs, *self.graph.outputs}:
+            tensor = self.tensors[index]
+            if tensor.is_quantised and tensor.quantisation.scales.size != 1:
+                scales = tensor.quantisation.scales.size
+                self.reasons.append(f"need one scale, got {scales}, for {tensor}")

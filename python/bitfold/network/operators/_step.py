@@ -17,7 +17,7 @@ import tensorflow as tf
 
 if TYPE_CHECKING:
     from bitfold.network.arithmetic import Arithmetic
-    from bitfold.network.graph import Node
+    from bitfold.network.graph import Node, Tensor
 
 
 class Step(abc.ABC):
@@ -56,11 +56,20 @@ class Step(abc.ABC):
 class SummingStep(Step):
     """An operator with an accumulator: sums, then their requantisation.
 
+    Such a step always stacks.
+
     Attributes:
         multiply_adds: products for one image.
+        data: the tensor that is multiplied.
+        weights_tensor: the stored weights; None where these are data, too.
+        bias_tensor: the stored bias; None where there is none.
     """
 
+    stacks = True
     multiply_adds: int
+    data: Tensor
+    weights_tensor: Tensor | None = None
+    bias_tensor: Tensor | None = None
 
     @abc.abstractmethod
     def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:

@@ -54,7 +54,6 @@ class WeightedStep(SummingStep):
         bias: the stored bias; None where there is none.
     """
 
-    stacks = True
     # The positions of data, weights and bias among the inputs.
     places = (0, 1, 2)
     # The dimension of the stored weights that counts outputs.
@@ -66,6 +65,7 @@ class WeightedStep(SummingStep):
         """Make the weights as the op takes them, and the requantiser."""
         super().__init__(node, arithmetic)
         data, filter, bias = (node.input(place) for place in self.places)
+        self.data, self.weights_tensor, self.bias_tensor = data, filter, bias
         self.filter = filter.data
         self.bias = None if bias is None else bias.data
         self._zero_point = data.zero_point

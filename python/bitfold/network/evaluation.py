@@ -1,0 +1,168 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""A network over whole data sets: batches, metrics, progress."""
+
+from __future__ import annotations
+
+import contextlib
+import math
+from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
+from typing import Any
+
+import keras
+import numpy as np
+import tensorflow as tf
+
+# Work that ends sooner shows no progress.
+_PATIENCE = 1.0
+# Elements of the largest tensor that a batch may have by default: 32 MB in 32 bits.
+_ELEMENTS = 1 << 23
+
+
+def default_batch_size(largest: int) -> int:
+    """Return how many images to compute at once; `largest` is the elements of one image's largest
+    tensor.
+    """  # noqa: D205
+    return max(1, min(256, _ELEMENTS // max(largest, 1)))
+
+
+def count_images(x: Any) -> int | None:
+    """Return how many images arrays hold, None where that is not known beforehand."""
+    if isinstance(x, tf.data.Dataset):
+        return None
+    if isinstance(x, Mapping):
+        x = list(x.values())
+    parts = x if isinstance(x, list | tuple) else [x]
+    counts = {len(part) for part in parts}
+    if len(counts) != 1:
+        raise ValueError(f"Need as many images for every input, got {sorted(counts)}")
+    return counts.pop()
+
+
+def batches(x: Any, batch_size: int) -> Iterator[Any]:
+    """Yield slices of arrays, or a dataset's own batches."""
+    if isinstance(x, tf.data.Dataset):
+        yield from x
+        return
+    for first in range(0, count_images(x), batch_size):
+        part = slice(first, first + batch_size)
+        if isinstance(x, Mapping):
+            yield {name: value[part] for name, value in x.items()}
+        elif isinstance(x, list | tuple):
+            yield type(x)(value[part] for value in x)
+        else:
+            yield x[part]
+
+
+def pairs(x: Any, y: Any, batch_size: int) -> Iterator[tuple[Any, Any]]:
+    """Yield batches of images with their labels."""
+    if isinstance(x, tf.data.Dataset):
+        if y is not None:
+            raise ValueError("Need y=None with a dataset, whose elements are pairs (x, y)")
+        for element in x:
+            if not isinstance(element, tuple) or len(element) < 2:
+                raise ValueError("Need a dataset of pairs (x, y), got one of single elements")
+            yield element[0], element[1]
+        return
+    if y is None:
+        raise ValueError("Need labels y with arrays x")
+    if count_images(x) != len(y):
+        raise ValueError(f"Need a label for each image, got {len(y)} for {count_images(x)}")
+    yield from zip(batches(x, batch_size), batches(np.asarray(y), batch_size), strict=True)
+
+
+class Accuracy:
+    """Counts where the largest output is the label's; of equal ones the first."""
+
+    def __init__(self) -> None:
+        """Start at none of none."""
+        self._right = self._total = 0
+
+    def update_state(self, labels: Any, outputs: Any) -> None:
+        """Count a batch."""
+        outputs = np.asarray(outputs)
+        outputs = outputs.reshape(len(outputs), -1)
+        labels = np.asarray(labels)
+        if labels.ndim > 1 and labels.size == outputs.size and outputs.shape[1] > 1:
+            labels = labels.reshape(outputs.shape).argmax(axis=1)  # one-hot
+        if labels.size != len(outputs):
+            raise ValueError(
+                f"Need labels as integers [{len(outputs)}] or one-hot {list(outputs.shape)}, got "
+                f"shape {list(labels.shape)}"
+            )
+        self._right += int((outputs.argmax(axis=1) == labels.reshape(-1)).sum())
+        self._total += len(outputs)
+
+    def result(self) -> float:
+        """Return the share."""
+        return self._right / self._total if self._total else math.nan
+
+
+def metric_of(metric: Any) -> Any:
+    """Return what has update_state and result: Keras' metric of a name or as given, or Accuracy."""
+    if metric is None:
+        return Accuracy()
+    if isinstance(metric, str | Mapping):
+        metric = keras.metrics.get(metric)
+    if isinstance(metric, type):
+        metric = metric()
+    if not hasattr(metric, "update_state") and callable(metric):
+        metric = keras.metrics.MeanMetricWrapper(metric)
+    if not hasattr(metric, "update_state"):
+        raise TypeError(f"Need a Keras metric, its name or a function, got {metric!r}")
+    if isinstance(metric, keras.metrics.Metric):
+        metric.reset_state()
+    return metric
+
+
+def evaluate(
+    call: Callable[[Any], Any], examples: Iterable[tuple[Any, Any]], metric: Any, advance: Callable
+) -> float:
+    """Return a metric over batches of examples."""
+    metric = metric_of(metric)
+    for images, labels in examples:
+        outputs = call(images)
+        if not tf.is_tensor(outputs):
+            raise ValueError("Need a network of one output; compute others from predict")
+        metric.update_state(labels, outputs)
+        advance(len(outputs))
+    return float(metric.result())
+
+
+@contextlib.contextmanager
+def progress(what: str, total: int | None) -> Iterator[Callable[[int], None]]:
+    """Show how far work is, on a terminal and if it takes longer than a moment.
+
+    Yields:
+        A function that takes how many images more are done.
+    """
+    from rich.console import Console
+    from rich.progress import (
+        BarColumn,
+        MofNCompleteColumn,
+        Progress,
+        TextColumn,
+        TimeRemainingColumn,
+    )
+
+    console = Console(stderr=True)
+    if not console.is_terminal:
+        yield lambda count: None
+        return
+    columns = (TextColumn("{task.description}"), BarColumn(), MofNCompleteColumn())
+    with Progress(*columns, TimeRemainingColumn(), console=console, transient=True) as bar:
+        task = bar.add_task(what, total=total, visible=False)
+
+        def advance(count: int) -> None:
+            bar.update(task, advance=count, visible=bar.tasks[task].elapsed > _PATIENCE)
+
+        yield advance
+
+
+def concatenated(parts: Sequence[Any]) -> Any:
+    """Join the outputs of batches: tensors, lists or dictionaries of them, to numpy arrays."""
+    if isinstance(parts[0], Mapping):
+        return {name: np.concatenate([part[name] for part in parts]) for name in parts[0]}
+    if isinstance(parts[0], list):
+        return [np.concatenate(same) for same in zip(*parts, strict=True)]
+    return np.concatenate(parts)

@@ -1,0 +1,88 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What the layers of a network are called, from the names that converters give to tensors.
+
+A converter names a tensor by the path of the operation that it came from, and by several paths,
+joined by semicolons, where it fused operations: ``model_1/relu_1/Relu;model_1/conv_1/convolution``.
+A layer with weights is called by the path of its weights, any other by the last of its output's.
+"""
+
+from __future__ import annotations
+
+import fnmatch
+from collections import Counter
+from collections.abc import Collection, Sequence
+
+from bitfold.network.graph import Node
+
+
+def layer_names(nodes: Sequence[Node], known: Collection[str] = ()) -> list[str]:
+    """Return a name for each node, all different.
+
+    Args:
+        nodes: in the file's order.
+        known: the names of the model's layers, where these are known.
+    """
+    paths = [_path(node) for node in nodes]
+    # Exported, every layer of a model gets a suffix that it has not in the model.
+    named = [path for path in paths if len(path) > 2]
+    is_suffixed = bool(named) and all(path[0].endswith("_1") for path in named)
+    found = [
+        _name(path, is_suffixed, known) or node.kind.lower()
+        for node, path in zip(nodes, paths, strict=True)
+    ]
+    return _made_different(found)
+
+
+def _path(node: Node) -> list[str]:
+    """Return the path of the operation that a node came from, [] where the file lost it."""
+    weights = node.input(1)
+    names = [node.outputs[0].name] if node.outputs else []
+    if weights is not None and weights.is_constant and len(weights.shape) > 1:
+        names.append(weights.name)
+    for name in reversed(names):
+        path = name.rpartition(";")[2].split("/")
+        if len(path) > 1:
+            return path
+    return []
+
+
+def _name(path: list[str], is_suffixed: bool, known: Collection[str]) -> str:
+    layers = path[1:-1] or path[:1]
+    if not is_suffixed:
+        return "/".join(layers)
+    stripped = [part.removesuffix("_1") for part in layers]
+    for end in range(len(stripped), 0, -1):
+        if stripped[end - 1] in known:
+            return "/".join(stripped[:end])
+    return "/".join(stripped)
+
+
+def _made_different(names: Sequence[str]) -> list[str]:
+    """Number the second and further ones of a name."""
+    taken = set(names)
+    seen: Counter[str] = Counter()
+    result = []
+    for name in names:
+        seen[name] += 1
+        unique = name
+        while seen[name] > 1 and unique in taken:
+            unique = f"{name}_{seen[name]}"
+            seen[name] += unique in taken
+        taken.add(unique)
+        result.append(unique)
+    return result
+
+
+def matching(key: str, names: Sequence[str], kinds: Sequence[str]) -> tuple[int, list[int]]:
+    """Find the layers that a name, an operator or a pattern means.
+
+    Returns:
+        How exact the match is (2 for a name, 1 for a pattern, 0 for an operator), and the indices
+        of the layers, none where nothing matches.
+    """
+    if key in names:
+        return 2, [names.index(key)]
+    if key in kinds:
+        return 0, [i for i, kind in enumerate(kinds) if kind == key]
+    return 1, [i for i, name in enumerate(names) if fnmatch.fnmatchcase(name, key)]

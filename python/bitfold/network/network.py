@@ -1,0 +1,398 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""A trained, quantised network, computed as the accelerator computes it."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Callable, Collection, Mapping, Sequence
+from typing import Any, TextIO
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold.network import archive, evaluation, naming, values
+from bitfold.network.arithmetic import Arithmetic
+from bitfold.network.assemble import Assembly, assemble
+from bitfold.network.execution import Program
+from bitfold.network.graph import Node
+from bitfold.network.model_file import read
+from bitfold.network.operators import Step, step_of
+from bitfold.network.records import Layer, Port
+
+
+class Network:
+    """A quantised network, on the accelerator's bits.
+
+    Without further ado sums are exact, and every quantised tensor is that of the mobile runtime's
+    reference kernels, bit for bit. `with_arithmetic` gives the same network in another arithmetic:
+    with accumulators of so many bits, with shifts, in half precision, through the accelerator's
+    units. A network does not change; weights are shared.
+
+    Make one by `from_tflite`, `from_keras` or `load`.
+
+    Attributes:
+        inputs: what a call takes, a tuple of `Port`.
+        outputs: what a call gives, a tuple of `Port`.
+        layers: the operators in the file's order, a tuple of `Layer`.
+
+    Example:
+        >>> import bitfold, keras, numpy as np
+        >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+        >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+        >>> network = bitfold.Network.from_keras(model, calibration=x)
+        >>> network(x[:3]).shape
+        TensorShape([3, 2])
+        >>> narrow = network.with_arithmetic(bitfold.Arithmetic(accumulator_size=16))
+        >>> sums = narrow.accumulators(x)[0]
+        >>> sums.shape, sums.dtype
+        ((20, 2), dtype('int32'))
+    """
+
+    def __init__(
+        self,
+        model: bytes,
+        *,
+        arithmetics: Mapping[int, Arithmetic] | None = None,
+        known_names: Collection[str] = (),
+    ) -> None:
+        """Read a model file's bytes; `from_tflite` and its like are the ways to call.
+
+        Args:
+            model: the file.
+            arithmetics: by the operator's position, where they are not exact.
+            known_names: the names of the layers of the model that the file was made of.
+        """
+        assembly = assemble(read(model))
+        self._model = model
+        self._known_names = tuple(known_names)
+        self._build(assembly, {}, arithmetics or {})
+
+    # ---- Making one ------------------------------------------------------------------------------
+
+    @classmethod
+    def from_tflite(
+        cls, source: str | os.PathLike[str] | bytes | bytearray | memoryview
+    ) -> Network:
+        """Import a quantised model file.
+
+        Args:
+            source: its path, or its bytes.
+
+        Raises:
+            OSError: for a path that cannot be read.
+            ValueError: for a file that is damaged.
+            bitfold.UnsupportedModelError: for a sound file with what Bitfold does not compute,
+                listing every operator concerned.
+        """
+        if isinstance(source, bytes | bytearray | memoryview):
+            return cls(bytes(source))
+        with open(source, "rb") as file:
+            return cls(file.read())
+
+    @classmethod
+    def from_keras(cls, model: Any, calibration: Any, *, activation_bits: int = 8) -> Network:
+        """Quantise a Keras model by the runtime's converter, and import the result.
+
+        Batch normalisation is folded, activations are fused, weights get 8 bits and a scale for
+        each output channel.
+
+        Args:
+            model: a functional or sequential model; it is not changed.
+            calibration: examples of inputs, from which the ranges of all tensors are taken: an
+                array (a list or dictionary of them for several inputs), a `tf.data.Dataset` or an
+                iterable of batches. A few hundred that look like what will come.
+            activation_bits: 8, or 16 for tensors of 16 bits and weights of 8.
+
+        Raises:
+            ValueError: for calibration data or a number of bits that cannot be used.
+            bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
+        """
+        from bitfold.network.converter import convert_keras
+
+        file = convert_keras(model, calibration, activation_bits=activation_bits)
+        return cls(file, known_names=[layer.name for layer in model.layers])
+
+    @classmethod
+    def load(cls, path: str | os.PathLike[str]) -> Network:
+        """Read what `save` wrote.
+
+        Raises:
+            OSError: for a path that cannot be read.
+            ValueError: for a file that is damaged or of another kind.
+        """
+        return cls(**archive.read(path))
+
+    def save(self, path: str | os.PathLike[str]) -> None:
+        """Write the model file and the arithmetic of every layer into one file."""
+        archive.write(
+            path,
+            model=self._model,
+            arithmetics={layer.position: layer.arithmetic for layer in self.layers},
+            known_names=self._known_names,
+        )
+
+    def with_arithmetic(self, arithmetic: Arithmetic | Mapping[str, Arithmetic]) -> Network:
+        """Return the same network in another arithmetic.
+
+        Args:
+            arithmetic: for all layers; or by layer, a dictionary whose keys are names of layers,
+                patterns of such ("block1*") or operators ("CONV_2D"). Of several keys that mean a
+                layer a name goes before a pattern, a pattern before an operator, and of equals the
+                last holds. Layers that no key means stay as they are.
+
+        Raises:
+            TypeError: for anything but an `Arithmetic`.
+            ValueError: for a key that means no layer, and for an arithmetic that a layer has not,
+                naming the layer.
+        """
+        chosen = self._chosen(arithmetic)
+        result = object.__new__(Network)
+        result._model, result._known_names = self._model, self._known_names
+        steps = {step.node.operator.position: step for step in self._program.steps}
+        result._build(self._program.assembly, steps, chosen)
+        return result
+
+    def _chosen(self, arithmetic: Arithmetic | Mapping[str, Arithmetic]) -> dict[int, Arithmetic]:
+        """Return the arithmetic of each operator by its position."""
+        current = {layer.position: layer.arithmetic for layer in self.layers}
+        if isinstance(arithmetic, Arithmetic):
+            return dict.fromkeys(current, arithmetic)
+        if not isinstance(arithmetic, Mapping):
+            raise TypeError(f"Need an Arithmetic or a dictionary of them, got {arithmetic!r}")
+        names = [layer.name for layer in self.layers]
+        kinds = [layer.operator for layer in self.layers]
+        found = []
+        for key, value in arithmetic.items():
+            if not isinstance(value, Arithmetic):
+                raise TypeError(f"Need an Arithmetic for {key!r}, got {value!r}")
+            exactness, layers = naming.matching(key, names, kinds)
+            if not layers:
+                raise ValueError(f"Need a layer, pattern or operator of {names}, got {key!r}")
+            found.append((exactness, layers, value))
+        for _, layers, value in sorted(found, key=lambda item: item[0]):
+            for i in layers:
+                current[self.layers[i].position] = value
+        return current
+
+    def _build(
+        self, assembly: Assembly, steps: Mapping[int, Step], arithmetics: Mapping[int, Arithmetic]
+    ) -> None:
+        """Make the steps, those that have the arithmetic already taken over."""
+        names = naming.layer_names(assembly.nodes, self._known_names)
+        made = []
+        for node, name in zip(assembly.nodes, names, strict=True):
+            position = node.operator.position
+            arithmetic = arithmetics.get(position, Arithmetic())
+            step = steps.get(position)
+            if step is None or step.arithmetic != arithmetic:
+                step = _step(node, arithmetic, name)
+            made.append(step)
+        scopes = [_scope(step.node, name) for step, name in zip(made, names, strict=True)]
+        self._program = Program(assembly, made, scopes)
+        graph = assembly.graph
+        self.inputs = tuple(map(Port.of, graph.input_names, assembly.inputs))
+        self.outputs = tuple(map(Port.of, graph.output_names, assembly.outputs))
+        self.layers = tuple(map(Layer.of, names, made))
+        self._functions: dict[Any, Callable] = {}
+
+    # ---- Computing -------------------------------------------------------------------------------
+
+    def __call__(self, x: Any) -> Any:
+        """Compute a batch of any size.
+
+        Args:
+            x: floats, which are quantised by the input's scale, or integers of the stored type. Of
+                several inputs a list in the file's order, or a dictionary by name.
+
+        Returns:
+            The output, of floats real numbers, of integers stored ones; of several outputs a list
+            in the file's order, or a dictionary by name where `x` is one.
+
+        Raises:
+            TypeError: for elements of another type.
+            ValueError: for inputs of another shape or name.
+        """
+        images = self._images(x)
+        if not values.is_real(images, self._program.assembly.inputs):
+            results = self._function("stored", self._stored)(*images)
+        else:
+            results = self._function("real", self._real)(*self._quantised(images))
+        if len(results) == 1:
+            return results[0]
+        names = [port.name for port in self.outputs]
+        return dict(zip(names, results, strict=True)) if isinstance(x, Mapping) else list(results)
+
+    def trace(self, x: Any) -> dict[int, np.ndarray]:
+        """Compute a batch and return what every operator writes.
+
+        Args:
+            x: as for a call.
+
+        Returns:
+            By the index in the file, in the stored type, every quantised tensor that an operator
+            writes and whose first dimension is the batch.
+        """
+        return self._arrays("trace", self._traced, x)
+
+    def accumulators(self, x: Any) -> dict[int, np.ndarray]:
+        """Compute a batch and return the sums of every operator with an accumulator.
+
+        Args:
+            x: as for a call.
+
+        Returns:
+            By the operator's position in the file, the sums with their bias before requantisation:
+            int32; int64 where exact sums need it; float32 in half precision.
+        """
+        return self._arrays("accumulators", self._summed, x)
+
+    def predict(self, x: Any, batch_size: int | None = None) -> Any:
+        """Compute arrays of any length or a dataset, batch by batch, with progress.
+
+        Args:
+            x: as for a call, or a `tf.data.Dataset` of batches of it; of pairs the first is taken.
+            batch_size: images at once; by default what keeps memory modest. A dataset has its own.
+
+        Returns:
+            What a call gives, as numpy arrays.
+        """
+        size = self._batch_size(batch_size)
+        parts = []
+        with evaluation.progress("predict", self._count(x)) as advance:
+            for part in evaluation.batches(x, size):
+                images = part[0] if isinstance(x, tf.data.Dataset) and type(part) is tuple else part
+                parts.append(tf.nest.map_structure(np.asarray, self(images)))
+                first = tf.nest.flatten(parts[-1])[0]
+                advance(len(first))
+        return evaluation.concatenated(parts) if parts else self._nothing(x)
+
+    def evaluate(
+        self, x: Any, y: Any = None, *, metric: Any = None, batch_size: int | None = None
+    ) -> float:
+        """Measure how well the network does.
+
+        Args:
+            x: as for `predict`, or a `tf.data.Dataset` of pairs (x, y).
+            y: labels, an element for each image.
+            metric: None for the share of images whose largest output is the label's, labels being
+                integers or one-hot; or a Keras metric, its name, or a function of labels and
+                outputs.
+            batch_size: as for `predict`.
+
+        Returns:
+            The metric.
+
+        Raises:
+            ValueError: for labels that do not fit.
+        """
+        size = self._batch_size(batch_size)
+        with evaluation.progress("evaluate", self._count(x)) as advance:
+            return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
+
+    def as_layer(self, name: str | None = None) -> Any:
+        """Return a Keras layer that computes this network; it has no weights to train."""
+        from bitfold.network.keras_layer import NetworkLayer
+
+        return NetworkLayer(self, name=name)
+
+    def summary(self, file: TextIO | None = None) -> None:
+        """Print the layers: operator, shape, multiply-adds, arithmetic.
+
+        Args:
+            file: where to; standard output by default.
+        """
+        from bitfold.network.summary import print_summary
+
+        print_summary(self, file)
+
+    def __repr__(self) -> str:
+        """Return the number of layers and multiply-adds."""
+        products = sum(layer.multiply_adds for layer in self.layers)
+        return f"<bitfold.Network of {len(self.layers)} operators, {products:,} multiply-adds>"
+
+    # ---- How -------------------------------------------------------------------------------------
+
+    def _images(self, x: Any) -> list[tf.Tensor]:
+        """Return the inputs as tensors, of floats or of their stored types."""
+        tensors = self._program.assembly.inputs
+        names = [port.name for port in self.inputs]
+        given = values.as_list(x, names, [len(tensor.shape) for tensor in tensors])
+        images = list(map(values.as_input, given, names, tensors))
+        values.need_equal_batches(images, tensors)
+        return images
+
+    def _quantised(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
+        return list(map(values.stored, images, self._program.assembly.inputs))
+
+    def _function(self, key: str, function: Callable) -> Callable:
+        """Return a graph of a function of the stored inputs."""
+        if key not in self._functions:
+            signature = [
+                tf.TensorSpec([None, *tensor.shape[1:]], tensor.dtype)
+                for tensor in self._program.assembly.inputs
+            ]
+            self._functions[key] = tf.function(function, input_signature=signature)
+        return self._functions[key]
+
+    def _stored(self, *images: tf.Tensor) -> list[tf.Tensor]:
+        tensors, _ = self._program.run(images)
+        return [tensors[index] for index in self._program.assembly.graph.outputs]
+
+    def _real(self, *images: tf.Tensor) -> list[tf.Tensor]:
+        return list(map(values.real, self._stored(*images), self._program.assembly.outputs))
+
+    def _traced(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
+        tensors, _ = self._program.run(images)
+        assembly = self._program.assembly
+        written = (tensor for node in assembly.nodes for tensor in node.outputs)
+        file = assembly.graph.tensors
+        return {
+            str(tensor.index): tensors[tensor.index]
+            for tensor in written
+            if tensor.is_quantised and _has_batch(file[tensor.index])
+        }
+
+    def _summed(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
+        _, sums = self._program.run(images, with_sums=True)
+        return {str(position): value for position, value in sums.items()}
+
+    def _arrays(self, key: str, function: Callable, x: Any) -> dict[int, np.ndarray]:
+        results = self._function(key, function)(*self._quantised(self._images(x)))
+        found = {int(place): value.numpy() for place, value in results.items()}
+        return dict(sorted(found.items()))
+
+    def _batch_size(self, batch_size: int | None) -> int:
+        if batch_size is None:
+            shapes = [shape for layer in self.layers for shape in layer.output_shapes]
+            return evaluation.default_batch_size(max((int(np.prod(s)) for s in shapes), default=1))
+        if batch_size < 1:
+            raise ValueError(f"Need batch_size >= 1, got {batch_size}")
+        return batch_size
+
+    def _count(self, x: Any) -> int | None:
+        return evaluation.count_images(x)
+
+    def _nothing(self, x: Any) -> Any:
+        """Return the outputs of no images."""
+        return tf.nest.map_structure(np.asarray, self(x))
+
+
+def _step(node: Node, arithmetic: Arithmetic, name: str) -> Step:
+    """Make an operator's step; a refusal names the layer."""
+    try:
+        return step_of(node)(node, arithmetic)
+    except ValueError as error:
+        place = f"operator {node.operator.position} {node.kind}"
+        raise ValueError(f"layer {name!r} ({place}) in {arithmetic}: {error}") from None
+
+
+def _scope(node: Node, name: str) -> str:
+    """Return a name for an operator's nodes in a graph, made of the letters that these allow."""
+    letters = "".join(letter if letter.isalnum() and letter.isascii() else "_" for letter in name)
+    return f"layer{node.operator.position}_{letters}"
+
+
+def _has_batch(tensor) -> bool:
+    """Return whether the first dimension in the file is that of the images."""
+    return bool(tensor.shape) and (tensor.shape[0] == 1 or 0 in tensor.unknown)
