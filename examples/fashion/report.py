@@ -112,7 +112,7 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
 
 def _plot_layers(axes: Axes, study: Study) -> None:
     """Share of sums beyond the accumulator by layer; depthwise layers are dashed."""
-    names = [re.sub("_(depth|point)wise", "", layer.name) for layer in study.layers]
+    names = [re.sub("_(depth|point)wise.*", "", layer.name) for layer in study.layers]
     places = {name: i for i, name in enumerate(dict.fromkeys(names))}
     for layer, name in zip(study.layers, names, strict=True):
         place = places[name] % len(COLOURS)

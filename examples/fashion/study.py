@@ -104,7 +104,7 @@ def run_study(
             report(f"{arithmetic}: accuracy {accuracy:.2%}", 1)
 
     sums = network.accumulators(images[:LOOKED_AT])
-    layers = [_layer(layer, sums[layer.position]) for layer in network.layers if layer.has_sums]
+    layers = [_layer(layer, sums[layer.position]) for layer in network.layers if layer.has_accumulator]
     report("Sums counted", 1)
     widest = max(layers, key=lambda layer: layer.bits_needed)
     return Study(
@@ -116,7 +116,7 @@ def run_study(
     )
 
 
-def _layer(layer: bitfold.Layer, sums: np.ndarray) -> Layer:
+def _layer(layer: bitfold.network.Layer, sums: np.ndarray) -> Layer:
     """Count what each width holds of a layer's sums."""
     beyond = {width: share_beyond(sums, width) for width in WIDTHS}
     return Layer(layer.position, layer.name, layer.operator, sums.size, bits_needed(sums), beyond)
