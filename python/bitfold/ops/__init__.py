@@ -39,6 +39,7 @@ from bitfold.ops._bilinear import bilinear
 from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
 from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
 from bitfold.ops._matmul import matmul
+from bitfold.ops._requantise import requantise
 from bitfold.ops._units import activation, layer_norm, softmax
 
 __all__ = [
@@ -55,6 +56,7 @@ __all__ = [
     "layer_norm",
     "matmul",
     "non_max_suppression",
+    "requantise",
     "softmax",
     "weighted_add",
 ]

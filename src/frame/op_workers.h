@@ -1,0 +1,38 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+//
+// The runtime's pool of threads for the inside of an op.
+
+#ifndef BITFOLD_SRC_FRAME_OP_WORKERS_H_
+#define BITFOLD_SRC_FRAME_OP_WORKERS_H_
+
+#include <cstdint>
+
+#include "frame/floating_point_scope.h"
+#include "frame/workers.h"
+#include "tensorflow/core/framework/op_kernel.h"
+#include "tensorflow/core/util/work_sharder.h"
+
+namespace bitfold {
+
+class OpWorkers : public Workers {
+ public:
+  explicit OpWorkers(tensorflow::OpKernelContext* context)
+      : threads_(*context->device()->tensorflow_cpu_worker_threads()) {}
+
+  // Each part runs in the default floating-point environment, which the pool's threads leave.
+  void Share(int64_t units, int64_t cost, const Part& part) override {
+    tensorflow::Shard(threads_.num_threads, threads_.workers, units, cost,
+                      [&part](int64_t first, int64_t end) {
+                        const DefaultFloatingPointScope scope;
+                        part(first, end);
+                      });
+  }
+
+ private:
+  const tensorflow::DeviceBase::CpuWorkerThreads& threads_;
+};
+
+}  // namespace bitfold
+
+#endif  // BITFOLD_SRC_FRAME_OP_WORKERS_H_
