@@ -16,10 +16,16 @@ namespace {
 
 constexpr int kSumBlock = 256;  // sums at a time: their rescaled forms stay in the nearest cache
 
-// Multipliers as the loops take them: for the sums of a block, side by side.
+// Multipliers as the loops take them: for the sums of a block, side by side. A rescaling has those
+// that it needs.
 struct BlockMultipliers {
   const int32_t* mantissas;
   const int32_t* exponents;
+  // Of a short multiplier: what is added to a product, by how much that is shifted, and what the
+  // result then is too large by.
+  const uint64_t* addends;
+  const int32_t* shifts;
+  const uint32_t* excesses;
   const double* reals;
 };
 
@@ -74,30 +80,42 @@ class ConsecutiveMultipliers {
   template <typename T, typename Out>
   explicit ConsecutiveMultipliers(const RequantiseCall<T, Out>& call)
       : period_(call.per_channel ? call.channels : 1) {
-    const Rescaling rescaling = call.mode.rescaling;
     for (int64_t i = 0; i < period_; ++i) {
-      const ChannelMultiplier m = ShiftedMultiplier(call.multipliers[i], call.mode.shift);
-      if (rescaling == Rescaling::kOneRounding) {
-        reals_.push_back(m.real);
-      } else {
-        const int32_t mantissa = m.fixed.mantissa;
-        mantissas_.push_back(rescaling == Rescaling::kShortMultiplier ? ShortMantissa(mantissa)
-                                                                      : mantissa);
-        exponents_.push_back(m.fixed.exponent);
-      }
+      Push(ShiftedMultiplier(call.multipliers[i], call.mode.shift), call.mode.rescaling);
     }
-    AppendBlock(&reals_);
     AppendBlock(&mantissas_);
     AppendBlock(&exponents_);
+    AppendBlock(&addends_);
+    AppendBlock(&shifts_);
+    AppendBlock(&excesses_);
+    AppendBlock(&reals_);
   }
 
   int64_t period() const { return period_; }
 
   BlockMultipliers At(int64_t place) const {
-    return {From(mantissas_, place), From(exponents_, place), From(reals_, place)};
+    return {From(mantissas_, place), From(exponents_, place), From(addends_, place),
+            From(shifts_, place),    From(excesses_, place),  From(reals_, place)};
   }
 
  private:
+  void Push(const ChannelMultiplier& multiplier, Rescaling rescaling) {
+    const auto [mantissa, exponent] = multiplier.fixed;
+    if (rescaling == Rescaling::kTwoRoundings) {
+      mantissas_.push_back(mantissa);
+      exponents_.push_back(exponent);
+    } else if (rescaling == Rescaling::kShortMultiplier) {
+      const uint64_t sign = uint64_t{1} << 63;
+      const int32_t shift = 15 - exponent;
+      mantissas_.push_back(ShortMantissa(mantissa));
+      addends_.push_back((uint64_t{1} << (shift - 1)) + sign);
+      shifts_.push_back(shift);
+      excesses_.push_back(static_cast<uint32_t>(sign >> shift));
+    } else {
+      reals_.push_back(multiplier.real);
+    }
+  }
+
   // Goes on from the front, so that a block may begin at any value.
   template <typename Value>
   static void AppendBlock(std::vector<Value>* values) {
@@ -115,6 +133,9 @@ class ConsecutiveMultipliers {
   int64_t period_;
   std::vector<int32_t> mantissas_;
   std::vector<int32_t> exponents_;
+  std::vector<uint64_t> addends_;
+  std::vector<int32_t> shifts_;
+  std::vector<uint32_t> excesses_;
   std::vector<double> reals_;
 };
 

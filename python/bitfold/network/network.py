@@ -332,7 +332,9 @@ class Network:
                 tf.TensorSpec([None, *tensor.shape[1:]], tensor.dtype)
                 for tensor in self._program.assembly.inputs
             ]
-            self._functions[key] = tf.function(function, input_signature=signature)
+            # Concrete: of a polymorphic one the runtime warns when many networks have traced it.
+            traced = tf.function(function, input_signature=signature).get_concrete_function()
+            self._functions[key] = traced
         return self._functions[key]
 
     def _stored(self, *images: tf.Tensor) -> list[tf.Tensor]:
@@ -380,8 +382,11 @@ class Network:
 
 def _step(node: Node, arithmetic: Arithmetic, name: str) -> Step:
     """Make an operator's step; a refusal names the layer."""
+    kind = step_of(node, arithmetic)
     try:
-        return step_of(node)(node, arithmetic)
+        for problem in kind.problems(node):
+            raise ValueError(problem)
+        return kind(node, arithmetic)
     except ValueError as error:
         place = f"operator {node.operator.position} {node.kind}"
         raise ValueError(f"layer {name!r} ({place}) in {arithmetic}: {error}") from None

@@ -4,25 +4,98 @@
 
 from __future__ import annotations
 
+import numpy as np
+
+from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
+from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
+from bitfold.network.operators.extremes import Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
+from bitfold.network.operators.gather import Gather
+from bitfold.network.operators.pack import Pack
+from bitfold.network.operators.pad import MirrorPad, Pad
+from bitfold.network.operators.prelu import Prelu
+from bitfold.network.operators.product import Product
+from bitfold.network.operators.quantise import Dequantise, Quantise
 from bitfold.network.operators.reshape import Reshape
+from bitfold.network.operators.slice import Slice, StridedSlice
+from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
+from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
+from bitfold.network.operators.split import Split, SplitV, Unpack
+from bitfold.network.operators.squared_difference import SquaredDifference
+from bitfold.network.operators.sum_of_two import Sum
+from bitfold.network.operators.tile import BroadcastTo, Tile
+from bitfold.network.operators.transpose import Reverse, Transpose
+from bitfold.network.operators.unit_activation import UnitActivation
+from bitfold.network.operators.unit_addition import UnitAddition
+from bitfold.network.operators.unit_resize import UnitResize
+from bitfold.network.operators.unit_softmax import UnitSoftmax
 
-__all__ = ["STEPS", "Step", "SummingStep", "step_of"]
+__all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
+    "ADD": Sum,
+    "BATCH_TO_SPACE_ND": BatchToSpace,
+    "BROADCAST_TO": BroadcastTo,
+    "CONCATENATION": Concatenation,
     "CONV_2D": Convolution,
     "DEPTHWISE_CONV_2D": DepthwiseConvolution,
+    "DEPTH_TO_SPACE": DepthToSpace,
+    "DEQUANTIZE": Dequantise,
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
+    "GATHER": Gather,
+    "MAXIMUM": Extreme,
+    "MINIMUM": Extreme,
+    "MIRROR_PAD": MirrorPad,
+    "MUL": Product,
+    "PACK": Pack,
+    "PAD": Pad,
+    "PADV2": Pad,
+    "PRELU": Prelu,
     "RESHAPE": Reshape,
+    "REVERSE_V2": Reverse,
+    "SLICE": Slice,
+    "SPACE_TO_BATCH_ND": SpaceToBatch,
+    "SPACE_TO_DEPTH": SpaceToDepth,
+    "SPLIT": Split,
+    "SPLIT_V": SplitV,
+    "SQUARED_DIFFERENCE": SquaredDifference,
     "SQUEEZE": Reshape,
+    "STRIDED_SLICE": StridedSlice,
+    "SUB": Sum,
+    "TILE": Tile,
+    "TRANSPOSE": Transpose,
+    "UNPACK": Unpack,
+}
+
+# The same where data is float32 and the operator computes with it.
+FLOATS: dict[str, type[Step]] = {
+    "QUANTIZE": Quantise,
+}
+
+# Who handles an operator where an arithmetic asks for the unit, by the field that asks.
+UNITS: dict[str, tuple[str, type[Step]]] = {
+    "ADD": ("additions", UnitAddition),
+    "GELU": ("activations", UnitActivation),
+    "HARD_SWISH": ("activations", UnitActivation),
+    "LOGISTIC": ("activations", UnitActivation),
+    "RESIZE_BILINEAR": ("resize", UnitResize),
+    "SOFTMAX": ("softmax", UnitSoftmax),
+    "SUB": ("additions", UnitAddition),
+    "TANH": ("activations", UnitActivation),
 }
 
 
-def step_of(node: Node) -> type[Step] | None:
-    """Return who handles an operator on data, None where nobody does."""
+def step_of(node: Node, arithmetic: Arithmetic = Arithmetic()) -> type[Step] | None:  # noqa: B008
+    """Return who handles an operator on data in an arithmetic, None where nobody does."""
+    asks, unit = UNITS.get(node.kind, (None, None))
+    if unit is not None and getattr(arithmetic, asks) == "unit":
+        return unit
+    is_float = any(tensor is not None and tensor.dtype == np.float32 for tensor in node.inputs)
+    if is_float and node.kind in FLOATS:
+        return FLOATS[node.kind]
     return STEPS.get(node.kind)

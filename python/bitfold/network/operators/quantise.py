@@ -1,26 +1,114 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Between real numbers and stored integers."""
+"""QUANTIZE of floats, DEQUANTIZE: between real numbers and stored integers.
+
+Stored: value / scale in single precision, rounded, halves away from zero, plus the zero point,
+within the stored type. What lies beyond it, infinities too, is its end; NaN stands for no number
+and is stored as the zero point.
+
+Real: scale * (stored - zero point), rounded once to single precision. Constants may have a scale
+for each channel, or be half-precision numbers, which are widened.
+"""
 
 from __future__ import annotations
+
+from collections.abc import Iterator, Sequence
 
 import numpy as np
 import tensorflow as tf
 
-from bitfold.network.graph import Tensor
+from bitfold.network.graph import Node, Tensor
+from bitfold.network.operators import _checks
+from bitfold.network.operators._step import Step
+
+STORED_OR_UNSIGNED = (*_checks.STORED, "uint8")
+# The largest number below a half: it rounds halves away from zero where a half itself would
+# round up what is just below one.
+_HALF = np.nextafter(np.float32(0.5), np.float32(0))
+# Beyond the stored types, whatever the zero point, and exact in single precision.
+_BEYOND = 2.0**18
 
 
 def quantise(values: tf.Tensor, tensor: Tensor) -> tf.Tensor:
-    """Return round(value / scale) + zero point, halves away from zero, within the stored type."""
+    """Return the stored integers of float32 values, in a tensor's type, scale and zero point."""
     limits = np.iinfo(tensor.dtype)
     steps = values / np.float32(tensor.scale)
-    magnitude = tf.floor(tf.abs(steps) + np.float32(0.5))
-    whole = tf.sign(steps) * magnitude + np.float32(tensor.zero_point)
-    return tf.cast(tf.clip_by_value(whole, limits.min, limits.max), tensor.dtype)
+    steps = tf.where(tf.math.is_nan(steps), tf.zeros_like(steps), steps)
+    steps = tf.clip_by_value(steps, -_BEYOND, _BEYOND)
+    whole = tf.cast(steps + tf.sign(steps) * _HALF, tf.int32) + tensor.zero_point
+    return tf.cast(tf.clip_by_value(whole, int(limits.min), int(limits.max)), tensor.dtype)
 
 
 def dequantise(stored: tf.Tensor, tensor: Tensor) -> tf.Tensor:
-    """Return scale * (stored - zero point)."""
-    return np.float32(tensor.scale) * tf.cast(
-        tf.cast(stored, tf.int32) - tensor.zero_point, tf.float32
-    )
+    """Return the float32 values of a tensor's stored integers."""
+    scales, zero_points = _parameters(tensor)
+    return scales * tf.cast(tf.cast(stored, tf.int32) - zero_points, tf.float32)
+
+
+def _parameters(tensor: Tensor) -> tuple[np.ndarray, np.ndarray]:
+    """Return scales and zero points in the shape in which they meet the elements."""
+    scales = tensor.quantisation.scales.astype(np.float32)
+    zero_points = tensor.quantisation.zero_points.astype(np.int32)
+    if scales.size == 1:
+        return scales.reshape(()), zero_points.reshape(())
+    shape = [1] * len(tensor.shape)
+    shape[tensor.quantisation.axis] = scales.size
+    return scales.reshape(shape), zero_points.reshape(shape)
+
+
+class Quantise(Step):
+    """QUANTIZE of float32."""
+
+    stacks = True
+
+    @classmethod
+    def problems(cls, node: Node) -> Iterator[str]:
+        """Yield what keeps the operator from being imported."""
+        before = list(_checks.need_counts(node, (1,)))
+        yield from before
+        if not before:
+            yield from _checks.need_type("the data", node.inputs[0], ("float32",))
+            yield from _checks.need_stored("the output", node.outputs[0], STORED_OR_UNSIGNED)
+
+    def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Quantise."""
+        return [quantise(inputs[0], self.node.outputs[0])]
+
+
+class Dequantise(Step):
+    """DEQUANTIZE."""
+
+    stacks = True
+
+    @classmethod
+    def problems(cls, node: Node) -> Iterator[str]:
+        """Yield what keeps the operator from being imported."""
+        before = list(_checks.need_counts(node, (1,)))
+        yield from before
+        if before:
+            return
+        data = node.inputs[0]
+        yield from _checks.need_type("the output", node.outputs[0], ("float32",))
+        if data.dtype == np.float16:
+            return
+        types = list(_checks.need_type("the data", data, STORED_OR_UNSIGNED))
+        yield from types
+        if types:
+            return
+        if data.is_constant and data.is_quantised:
+            yield from _channel_problems(data)
+        else:
+            yield from _checks.need_stored("the data", data, STORED_OR_UNSIGNED)
+
+    def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Return real numbers."""
+        data = self.node.inputs[0]
+        if data.dtype == np.float16:
+            return [tf.cast(inputs[0], tf.float32)]
+        return [dequantise(inputs[0], data)]
+
+
+def _channel_problems(data: Tensor) -> Iterator[str]:
+    scales, axis = data.quantisation.scales.size, data.quantisation.axis
+    if scales != 1 and (not 0 <= axis < len(data.shape) or data.shape[axis] != scales):
+        yield f"need one scale, or one for each of a dimension, got {scales} for {data}"

@@ -1,0 +1,47 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""The integer arithmetic of the runtime's reference kernels that no op of ours has."""
+
+from __future__ import annotations
+
+import math
+
+import tensorflow as tf
+
+
+def mantissa_and_exponent(multiplier: float) -> tuple[int, int]:
+    """Return the m of 31 bits and the e with m / 2^31 * 2^e close to a multiplier above 0.
+
+    m is rounded half up, and carried into e where it reaches 2^31. Below e = -31 it is 0.
+    """
+    if not multiplier:
+        return 0, 0
+    fraction, exponent = math.frexp(multiplier)
+    mantissa = math.floor(fraction * 2.0**31 + 0.5)
+    if mantissa == 2**31:
+        mantissa, exponent = 2**30, exponent + 1
+    return (mantissa, exponent) if exponent >= -31 else (0, 0)
+
+
+def two_roundings(sums: tf.Tensor, mantissa: int, exponent: int) -> tf.Tensor:
+    """Return sums, int64 that hold 32 bits, times mantissa / 2^31 * 2^exponent, as int64.
+
+    The mantissa need not have all its 31 bits. The product is rounded half up, then divided by
+    2^-exponent, halves away from zero. Requires 0 <= mantissa < 2^31, -31 <= exponent <= 30, and
+    shifted sums that fit 32 bits.
+    """
+    high = (sums * (1 << max(exponent, 0)) * mantissa + (1 << 30)) >> 31
+    return halved_away(high, max(-exponent, 0))
+
+
+def halved_away(values: tf.Tensor, bits: int) -> tf.Tensor:
+    """Divide by 2^bits, halves away from zero."""
+    if not bits:
+        return values
+    return tf.sign(values) * ((tf.abs(values) + (1 << (bits - 1))) >> bits)
+
+
+def quotient_away(values: tf.Tensor, divisor: tf.Tensor | int) -> tf.Tensor:
+    """Divide by a number above 0, halves away from zero."""
+    half = divisor // 2
+    return tf.sign(values) * ((tf.abs(values) + half) // divisor)

@@ -1,0 +1,187 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What a model file computes, by the runtime's interpreter and its reference kernels.
+
+The interpreter holds every tensor that it computed, so a witness is all of them. Images run one by
+one: some kernels take the first dimension for part of an image.
+"""
+
+from __future__ import annotations
+
+import functools
+import warnings
+from collections.abc import Sequence
+
+import flatbuffers
+import numpy as np
+import tensorflow as tf
+from tensorflow.lite.python import schema_py_generated as schema
+
+_REFERENCE = tf.lite.experimental.OpResolverType.BUILTIN_REF
+_DEFAULT = tf.lite.experimental.OpResolverType.BUILTIN_WITHOUT_DEFAULT_DELEGATES
+
+
+def witness(content: bytes, inputs: Sequence[np.ndarray]) -> dict[int, np.ndarray]:
+    """Return every tensor that the file's operators write, for all images, by its index.
+
+    Args:
+        content: the model file.
+        inputs: stored values in the order of the file, images stacked along the first dimension.
+    """
+    return Witness(content)(inputs)
+
+
+class Witness:
+    """A model file, ready to run on images.
+
+    Attributes:
+        inputs: indices of the tensors that the caller gives.
+        outputs: of those that the caller gets.
+        tensors: as the schema has them.
+        operators: (kind, inputs, outputs) of each.
+        kinds: of each operator.
+    """
+
+    def __init__(self, content: bytes) -> None:
+        """Cut the file where the kernels change, and load each part."""
+        model = _parsed(content)
+        graph = model.subgraphs[0]
+        self.inputs = [int(i) for i in graph.inputs]
+        self.tensors = graph.tensors
+        self.outputs = [int(i) for i in graph.outputs]
+        self.kinds = [_kind(model, one) for one in graph.operators]
+        self.operators = [
+            (kind, [int(i) for i in one.inputs], [int(i) for i in one.outputs])
+            for kind, one in zip(self.kinds, graph.operators, strict=True)
+        ]
+        for position, (kind, read, written) in enumerate(self.operators):
+            if kind in _SHIFTS and self._outgrows(_SHIFTS[kind], read, written):
+                raise Unwitnessed(f"{kind} at {position} ends the process: scales too far apart")
+        self._parts = [_Part(content, *piece) for piece in _pieces(self.kinds)]
+
+    def __call__(self, inputs: Sequence[np.ndarray]) -> dict[int, np.ndarray]:
+        """Return every tensor that operators write, images stacked along the first dimension."""
+        rows = [self.rows(i) for i in self.inputs]
+        count = inputs[0].shape[0] // rows[0] if inputs[0].ndim else 1
+        images = []
+        for k in range(count):
+            known = {
+                index: x[k * r : (k + 1) * r] if x.ndim else x
+                for index, x, r in zip(self.inputs, inputs, rows, strict=True)
+            }
+            for part in self._parts:
+                known |= part.run(known)
+            images.append({i: x for i, x in known.items() if i not in self.inputs})
+        return {i: _stacked([image[i] for image in images]) for i in images[0]}
+
+    def rows(self, index: int) -> int:
+        """Return how many rows of the first dimension are one image's."""
+        shape = self.tensors[index].shape
+        return int(shape[0]) if shape is not None and len(shape) else 1
+
+    def is_traced(self, index: int) -> bool:
+        """Return whether a tensor holds integers for real numbers, image by image."""
+        one = self.tensors[index]
+        scales = None if one.quantization is None else one.quantization.scale
+        has_batch = one.shape is not None and len(one.shape) and int(one.shape[0]) == 1
+        return bool(has_batch and scales is not None and len(scales))
+
+    def _outgrows(self, shifts: dict[int, int], read: list[int], written: list[int]) -> bool:
+        """Return whether a sum's multiplier is not below 1, which the kernels assert."""
+        output = self.tensors[written[0]]
+        if output.type not in shifts:
+            return False
+        scales = [self.tensors[i].quantization.scale[0] for i in read]
+        return 2 * max(scales) >= output.quantization.scale[0] * 2.0 ** shifts[output.type]
+
+    def describe(self) -> str:
+        """Return the operators in a line."""
+        return "operators: " + " ".join(f"{i}:{kind}" for i, kind in enumerate(self.kinds))
+
+
+class Unwitnessed(Exception):  # noqa: N818  (no error: there is nothing to compare with)
+    """The interpreter does not run the file."""
+
+
+class _Part:
+    """Operators side by side that the same kernels run."""
+
+    def __init__(self, content: bytes, first: int, last: int, resolver: object) -> None:
+        model = _parsed(content)
+        graph = model.subgraphs[0]
+        graph.operators = graph.operators[first:last]
+        used = sorted({one.opcodeIndex for one in graph.operators})
+        # The interpreter looks up kernels for all that a file lists.
+        model.operatorCodes = [model.operatorCodes[i] for i in used]
+        for one in graph.operators:
+            one.opcodeIndex = used.index(one.opcodeIndex)
+        self.written = [int(i) for one in graph.operators for i in one.outputs]
+        constants = {i for i, t in enumerate(graph.tensors) if _is_constant(model, t)}
+        read = dict.fromkeys(int(i) for one in graph.operators for i in one.inputs if i >= 0)
+        self.read = [i for i in read if i not in constants and i not in self.written]
+        graph.inputs, graph.outputs = self.read, self.written
+        model.signatureDefs = []
+        builder = flatbuffers.Builder(1024)
+        builder.Finish(model.Pack(builder), b"TFL3")
+        with warnings.catch_warnings():  # about another interpreter, to which users shall move
+            warnings.simplefilter("ignore")
+            self._interpreter = tf.lite.Interpreter(
+                model_content=bytes(builder.Output()),
+                experimental_op_resolver_type=resolver,
+                experimental_preserve_all_tensors=True,
+                num_threads=1,
+            )
+        self._shapes: list[tuple[int, ...]] = []
+
+    def run(self, known: dict[int, np.ndarray]) -> dict[int, np.ndarray]:
+        interpreter = self._interpreter
+        shapes = [known[i].shape for i in self.read]
+        if shapes != self._shapes:
+            for i, shape in zip(self.read, shapes, strict=True):
+                interpreter.resize_tensor_input(i, shape)
+            interpreter.allocate_tensors()
+            self._shapes = shapes
+        for i in self.read:
+            interpreter.set_tensor(i, known[i])
+        interpreter.invoke()
+        return {i: interpreter.get_tensor(i) for i in self.written}
+
+
+def _parsed(content: bytes) -> schema.ModelT:
+    return schema.ModelT.InitFromObj(schema.Model.GetRootAs(content))
+
+
+@functools.cache
+def _names() -> dict[int, str]:
+    names = vars(schema.BuiltinOperator).items()
+    return {number: name for name, number in names if isinstance(number, int)}
+
+
+def _kind(model: schema.ModelT, one: schema.OperatorT) -> str:
+    code = model.operatorCodes[one.opcodeIndex]
+    return _names()[max(code.builtinCode, code.deprecatedBuiltinCode)]
+
+
+def _is_constant(model: schema.ModelT, one: schema.TensorT) -> bool:
+    data = model.buffers[one.buffer].data
+    return data is not None and len(data) > 0
+
+
+def _pieces(kinds: Sequence[str]) -> list[tuple[int, int, object]]:
+    """Return first, last and kernels of each longest run of operators with the same kernels."""
+    resolvers = [_DEFAULT if kind in WITHOUT_REFERENCE else _REFERENCE for kind in kinds]
+    starts = [i for i, r in enumerate(resolvers) if i == 0 or r is not resolvers[i - 1]]
+    return [
+        (first, last, resolvers[first])
+        for first, last in zip(starts, [*starts, len(kinds)][1:], strict=True)
+    ]
+
+
+def _stacked(images: Sequence[np.ndarray]) -> np.ndarray:
+    return np.concatenate(images) if images[0].ndim else images[0]
+
+
+# By how many bits the sums of two tensors shift their inputs left, by the type of the output.
+_SHIFTS = dict.fromkeys(("ADD", "SUB"), {schema.TensorType.INT8: 20, schema.TensorType.INT16: 15})
+# Kinds that the reference kernels lack, or whose output they leave as they find it.
+WITHOUT_REFERENCE = frozenset({"SUM", "TILE", "DEPTH_TO_SPACE"})
