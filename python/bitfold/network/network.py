@@ -17,7 +17,8 @@ from bitfold.network.assemble import Assembly, assemble
 from bitfold.network.execution import Program
 from bitfold.network.graph import Node
 from bitfold.network.model_file import read
-from bitfold.network.operators import Step, step_of
+from bitfold.network.operators import Step, step_of, unit_layer_norm
+from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 
 
@@ -149,7 +150,7 @@ class Network:
         chosen = self._chosen(arithmetic)
         result = object.__new__(Network)
         result._model, result._known_names = self._model, self._known_names
-        steps = {step.node.operator.position: step for step in self._program.steps}
+        steps = {step.node.operator.position: step for step in self._steps}
         result._build(self._program.assembly, steps, chosen)
         return result
 
@@ -188,12 +189,15 @@ class Network:
             if step is None or step.arithmetic != arithmetic:
                 step = _step(node, arithmetic, name)
             made.append(step)
-        scopes = [_scope(step.node, name) for step, name in zip(made, names, strict=True)]
-        self._program = Program(assembly, made, scopes)
         graph = assembly.graph
+        self._steps = tuple(made)
+        run = unit_layer_norm.fused(made, find_patterns(assembly.nodes, graph.outputs))
+        self.layers = tuple(map(Layer.of, names, made))
+        called = {layer.position: layer.name for layer in self.layers}
+        scopes = [_scope(step.node, called[step.node.operator.position]) for step in run]
+        self._program = Program(assembly, run, scopes)
         self.inputs = tuple(map(Port.of, graph.input_names, assembly.inputs))
         self.outputs = tuple(map(Port.of, graph.output_names, assembly.outputs))
-        self.layers = tuple(map(Layer.of, names, made))
         self._functions: dict[Any, Callable] = {}
 
     # ---- Computing -------------------------------------------------------------------------------
@@ -346,9 +350,8 @@ class Network:
 
     def _traced(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
         tensors, _ = self._program.run(images)
-        assembly = self._program.assembly
-        written = (tensor for node in assembly.nodes for tensor in node.outputs)
-        file = assembly.graph.tensors
+        written = (tensor for step in self._program.steps for tensor in step.node.outputs)
+        file = self._program.assembly.graph.tensors
         return {
             str(tensor.index): tensors[tensor.index]
             for tensor in written

@@ -52,6 +52,7 @@ class Layer:
         operator: its name in the file's schema, as CONV_2D.
         input_shapes: of its inputs for one image; None for one that is left out.
         output_shapes: of its outputs for one image.
+        input_indices: of its inputs in the file; -1 for one that is left out.
         output_indices: of its outputs in the file, as `Network.trace` has them.
         multiply_adds: products for one image, 0 for an operator without an accumulator.
         arithmetic: what it computes in.
@@ -70,6 +71,7 @@ class Layer:
     operator: str
     input_shapes: tuple[tuple[int, ...] | None, ...]
     output_shapes: tuple[tuple[int, ...], ...]
+    input_indices: tuple[int, ...]
     output_indices: tuple[int, ...]
     multiply_adds: int
     arithmetic: Arithmetic
@@ -102,6 +104,7 @@ class Layer:
             operator=node.kind,
             input_shapes=tuple(None if t is None else t.shape for t in node.inputs),
             output_shapes=tuple(tensor.shape for tensor in node.outputs),
+            input_indices=node.operator.inputs,
             output_indices=node.operator.outputs,
             multiply_adds=step.multiply_adds if is_summing else 0,
             arithmetic=step.arithmetic,

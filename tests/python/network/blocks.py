@@ -38,7 +38,10 @@ class Build:
     def input(self, shape: Sequence[int]) -> keras.KerasTensor:
         """Return a new input of images."""
         # Names in another order than the inputs: a converter may sort them.
-        x = keras.Input(tuple(int(n) for n in shape), name="images" if not self.inputs else "cab"[len(self.inputs)])
+        x = keras.Input(
+            tuple(int(n) for n in shape),
+            name="images" if not self.inputs else "cab"[len(self.inputs)],
+        )
         self.inputs.append(x)
         self.seen.append(x)
         return x
@@ -131,6 +134,12 @@ def randomise(layer: layers.Layer, rng: np.random.Generator) -> None:
         weight.assign(value.astype(np.float32))
 
 
+def _only_int8(block: Callable) -> Callable:
+    """Mark a block whose operators have no form of 16 bits in the converter or the runtime."""
+    block.is_only_int8 = True
+    return block
+
+
 # ---- Sums ----------------------------------------------------------------------------------------
 
 
@@ -151,7 +160,9 @@ def depthwise_multiplied(build, x):
     if most < 2:
         return None
     multiplier = build.number(2, min(4, most))
-    return build.activation(layers.DepthwiseConv2D(depth_multiplier=multiplier, **build.window(x))(x))
+    return build.activation(
+        layers.DepthwiseConv2D(depth_multiplier=multiplier, **build.window(x))(x)
+    )
 
 
 def separable(build, x):
@@ -241,9 +252,8 @@ def average(build, x):
     return layers.Average()([x, build.like(x), build.like(x)])
 
 
+@_only_int8
 def squared_difference(build, x):
-    if build.activation_bits == 16:
-        return None
     return _call(tf.math.squared_difference, x, build.like(x))
 
 
@@ -293,16 +303,17 @@ def total(build, x):
 
 
 def _paddings(build, x, most: int):
-    return [[0, 0]] + [[build.number(0, most), build.number(0, most)] for _ in x.shape[1:3]] + [[0, 0]]
+    return (
+        [[0, 0]] + [[build.number(0, most), build.number(0, most)] for _ in x.shape[1:3]] + [[0, 0]]
+    )
 
 
 def zero_padding(build, x):
     return layers.ZeroPadding2D(tuple(map(tuple, _paddings(build, x, 3)[1:3])))(x)
 
 
+@_only_int8
 def constant_padding(build, x):
-    if build.activation_bits == 16:
-        return None
     paddings, value = _paddings(build, x, 2), float(build.rng.normal())
     return _call(lambda y: tf.pad(y, paddings, constant_values=value), x)
 
@@ -322,7 +333,11 @@ def strided_slice(build, x):
     if min(x.shape[1:3]) < 6:
         return None
     start, step = build.number(0, 2), build.number(1, 3)
-    y = x[:, start::step, :-1] if build.rng.random() < 0.6 else _call(lambda y: y[:, ::-1, 1:, :], x)
+    y = (
+        x[:, start::step, :-1]
+        if build.rng.random() < 0.6
+        else _call(lambda y: y[:, ::-1, 1:, :], x)
+    )
     return y
 
 
@@ -359,8 +374,9 @@ def squeezing(build, x):
     return layers.Add()([x, _call(lambda z: tf.squeeze(z, [1]), y)])
 
 
+@_only_int8
 def tiling(build, x):
-    if build.activation_bits == 16 or max(x.shape[1:3]) > MOST_ROWS // 2:
+    if max(x.shape[1:3]) > MOST_ROWS // 2:
         return None
     return _call(lambda y: tf.tile(y, [1, 2, 1, 1]), x)
 
@@ -370,21 +386,25 @@ def gathering(build, x):
     return _call(lambda y: tf.gather(y, indices, axis=3), x)
 
 
+@_only_int8
 def space_to_depth(build, x):
-    if build.activation_bits == 16 or x.shape[1] % 2 or x.shape[2] % 2 or x.shape[3] > 6:
+    rows, columns = (n // 2 * 2 for n in x.shape[1:3])
+    if min(rows, columns) < 2:
         return None
-    return _call(lambda y: tf.nn.space_to_depth(y, 2), x)
+    return _call(lambda y: tf.nn.space_to_depth(y, 2), x[:, :rows, :columns, :6])
 
 
+@_only_int8
 def depth_to_space(build, x):
-    if build.activation_bits == 16 or max(x.shape[1:3]) > MOST_ROWS // 2:
+    if max(x.shape[1:3]) > MOST_ROWS // 2:
         return None
     return _call(lambda y: tf.nn.depth_to_space(y, 2), layers.Conv2D(4 * build.number(1, 4), 1)(x))
 
 
+@_only_int8
 def upsampling_nearest(build, x):
     factor = (build.number(1, 3), build.number(1, 3))
-    if build.activation_bits == 16 or max(x.shape[1:3]) * 3 > MOST_ROWS:
+    if max(x.shape[1:3]) * 3 > MOST_ROWS:
         return None
     return layers.UpSampling2D(factor, interpolation="nearest")(x)
 
@@ -399,7 +419,9 @@ def resize(build, x):
     size = [build.number(1, MOST_ROWS) for _ in range(2)]
     method = build.choose(["resize_bilinear", "resize_nearest_neighbor"])
     flags = build.choose([{}, {"align_corners": True}, {"half_pixel_centers": True}])
-    return _call(lambda y: getattr(tf.compat.v1.raw_ops, _RESIZE[method])(images=y, size=size, **flags), x)
+    return _call(
+        lambda y: getattr(tf.compat.v1.raw_ops, _RESIZE[method])(images=y, size=size, **flags), x
+    )
 
 
 _RESIZE = {"resize_bilinear": "ResizeBilinear", "resize_nearest_neighbor": "ResizeNearestNeighbor"}
@@ -412,9 +434,8 @@ def leaky_relu(build, x):
     return layers.LeakyReLU(build.choose([0.01, 0.3, 1.5]))(x)
 
 
+@_only_int8
 def prelu(build, x):
-    if build.activation_bits == 16:
-        return None
     return layers.PReLU(shared_axes=build.choose([[1, 2], None]))(x)
 
 
@@ -426,9 +447,8 @@ def tanh(build, x):
     return layers.Activation("tanh")(x)
 
 
+@_only_int8
 def hard_swish(build, x):
-    if build.activation_bits == 16:
-        return None
     return layers.Activation("hard_silu")(x)
 
 
@@ -448,9 +468,8 @@ def relu6(build, x):
     return layers.ReLU(max_value=6)(max_pool(build, x))
 
 
+@_only_int8
 def negation(build, x):
-    if build.activation_bits == 16:
-        return None
     return keras.ops.negative(x)
 
 
@@ -462,7 +481,6 @@ def batch_normalisation(build, x):
     return layers.BatchNormalization()(x)
 
 
+@_only_int8
 def layer_normalisation(build, x):
-    if build.activation_bits == 16:
-        return None
     return layers.LayerNormalization(axis=build.choose([-1, -1, (2, 3)]), epsilon=1e-3)(x)

@@ -21,7 +21,8 @@ def stored(rng: np.random.Generator, shape, dtype: str, scale: float | None = No
         scale = float(rng.choice([2.0 ** rng.integers(-9, 2), np.exp(rng.uniform(-7, 1))]))
     if dtype == "int16":
         return packed.tensor(shape, dtype, scale)
-    return packed.tensor(shape, dtype, scale, int(rng.choice([-128, 127, 0, rng.integers(-128, 127)])))
+    zero_point = rng.choice([-128, 127, 0, *rng.integers(-60, 60, 5)])
+    return packed.tensor(shape, dtype, scale, int(zero_point))
 
 
 def _out_size(size: int, kernel: int, stride: int, dilation: int, padding: str) -> int:
@@ -54,15 +55,13 @@ class _Weights:
         self._sums = np.float32(x.scales[0]) * scales
         self.out_scale = float(self._sums[0] / multiplier)
 
-    def bias(self, rng: np.random.Generator, dtype: str, turn: int) -> list[Tensor]:
-        """Return the bias, absent in one of five."""
-        if turn % 5 == 4:
-            return []
+    def bias(self, rng: np.random.Generator, dtype: str, turn: int) -> Tensor:
+        """Return the bias, in one of seven far wider than the sums."""
         most = int(self._spread * (0.1, 0.5, 2)[turn % 3]) + 1
         if turn % 7 == 6:
             most = 2**30 if dtype == "int32" else 2**45
         data = rng.integers(-most, most, self._channels)
-        return [packed.tensor([self._channels], dtype, self._sums, data=data)]
+        return packed.tensor([self._channels], dtype, self._sums, data=data)
 
 
 # The standard deviation of all stored values.
@@ -101,10 +100,15 @@ def conv_2d(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         depth, channels = int(rng.choice([1, 3, 4, 17])), int(rng.choice([1, 2, 5, 16]))
         x = stored(rng, [1, rows, columns, depth], dtype)
         weights = _Weights(rng, [channels, kr, kc, depth], 0, x, turn)
-        out = [1, _out_size(rows, kr, sr, dr, padding), _out_size(columns, kc, sc, dc, padding), channels]
+        out = [
+            1,
+            _out_size(rows, kr, sr, dr, padding),
+            _out_size(columns, kc, sc, dc, padding),
+            channels,
+        ]
         yield packed.operator(
             "CONV_2D",
-            [x, weights.filter, *weights.bias(rng, _bias_type(x), turn)],
+            [x, weights.filter, weights.bias(rng, _bias_type(x), turn)],
             [stored(rng, out, dtype, weights.out_scale)],
             _window_options(padding, (sr, sc), (dr, dc), ACTIVATIONS[turn % 4]),
         )
@@ -121,7 +125,7 @@ def depthwise_conv_2d(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         options = _window_options(padding, (sr, sc), (dr, dc), ACTIVATIONS[turn % 4])
         yield packed.operator(
             "DEPTHWISE_CONV_2D",
-            [x, weights.filter, *weights.bias(rng, _bias_type(x), turn)],
+            [x, weights.filter, weights.bias(rng, _bias_type(x), turn)],
             [stored(rng, [*out, depth * multiplier], dtype, weights.out_scale)],
             options | {"depth_multiplier": multiplier},
         )
@@ -137,9 +141,10 @@ def fully_connected(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         out = [*leading, channels] if keep else [1, channels]
         x = stored(rng, [*leading, depth], dtype)
         weights = _Weights(rng, [channels, depth * inner], 0, x, turn)
+        bias = None if turn % 5 == 4 else weights.bias(rng, _bias_type(x), turn)
         yield packed.operator(
             "FULLY_CONNECTED",
-            [x, weights.filter, *weights.bias(rng, _bias_type(x), turn)],
+            [x, weights.filter, bias],
             [stored(rng, out, dtype, weights.out_scale)],
             {"keep_num_dims": keep, "fused_activation_function": ACTIVATIONS[turn % 4]},
         )
@@ -158,7 +163,7 @@ def transpose_conv(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         x = stored(rng, [1, *map(int, size), depth], dtype)
         weights = _Weights(rng, [channels, *map(int, kernel), depth], 0, x, turn)
         shape = [1, *map(int, out), channels]
-        bias = weights.bias(rng, _bias_type(x), turn)
+        bias = [] if turn % 5 == 4 else [weights.bias(rng, _bias_type(x), turn)]
         yield packed.operator(
             "TRANSPOSE_CONV",
             [packed.constant(shape), weights.filter, x, *bias],

@@ -9,26 +9,32 @@ import numpy as np
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.operators._step import Step, SummingStep
+from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
 from bitfold.network.operators.extremes import Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.gather import Gather
+from bitfold.network.operators.max_pool import MaxPool
+from bitfold.network.operators.mean import Mean
 from bitfold.network.operators.pack import Pack
 from bitfold.network.operators.pad import MirrorPad, Pad
 from bitfold.network.operators.prelu import Prelu
 from bitfold.network.operators.product import Product
 from bitfold.network.operators.quantise import Dequantise, Quantise
 from bitfold.network.operators.reshape import Reshape
+from bitfold.network.operators.resize import ResizeBilinear, ResizeNearest
 from bitfold.network.operators.slice import Slice, StridedSlice
 from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
+from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
 from bitfold.network.operators.sum_of_two import Sum
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
+from bitfold.network.operators.transpose_conv import TransposeConvolution
 from bitfold.network.operators.unit_activation import UnitActivation
 from bitfold.network.operators.unit_addition import UnitAddition
 from bitfold.network.operators.unit_resize import UnitResize
@@ -38,6 +44,7 @@ __all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
     "ADD": Sum,
+    "AVERAGE_POOL_2D": AveragePool,
     "BATCH_TO_SPACE_ND": BatchToSpace,
     "BROADCAST_TO": BroadcastTo,
     "CONCATENATION": Concatenation,
@@ -49,6 +56,8 @@ STEPS: dict[str, type[Step]] = {
     "FULLY_CONNECTED": FullyConnected,
     "GATHER": Gather,
     "MAXIMUM": Extreme,
+    "MAX_POOL_2D": MaxPool,
+    "MEAN": Mean,
     "MINIMUM": Extreme,
     "MIRROR_PAD": MirrorPad,
     "MUL": Product,
@@ -56,7 +65,11 @@ STEPS: dict[str, type[Step]] = {
     "PAD": Pad,
     "PADV2": Pad,
     "PRELU": Prelu,
+    "REDUCE_MAX": ReducedExtreme,
+    "REDUCE_MIN": ReducedExtreme,
     "RESHAPE": Reshape,
+    "RESIZE_BILINEAR": ResizeBilinear,
+    "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
     "REVERSE_V2": Reverse,
     "SLICE": Slice,
     "SPACE_TO_BATCH_ND": SpaceToBatch,
@@ -67,8 +80,10 @@ STEPS: dict[str, type[Step]] = {
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
     "SUB": Sum,
+    "SUM": ReducedSum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
+    "TRANSPOSE_CONV": TransposeConvolution,
     "UNPACK": Unpack,
 }
 

@@ -30,7 +30,7 @@ def two_roundings(sums: tf.Tensor, mantissa: int, exponent: int) -> tf.Tensor:
     2^-exponent, halves away from zero. Requires 0 <= mantissa < 2^31, -31 <= exponent <= 30, and
     shifted sums that fit 32 bits.
     """
-    high = (sums * (1 << max(exponent, 0)) * mantissa + (1 << 30)) >> 31
+    high = _shifted(sums * (1 << max(exponent, 0)) * mantissa + (1 << 30), 31)
     return halved_away(high, max(-exponent, 0))
 
 
@@ -38,10 +38,15 @@ def halved_away(values: tf.Tensor, bits: int) -> tf.Tensor:
     """Divide by 2^bits, halves away from zero."""
     if not bits:
         return values
-    return tf.sign(values) * ((tf.abs(values) + (1 << (bits - 1))) >> bits)
+    return tf.sign(values) * _shifted(tf.abs(values) + (1 << (bits - 1)), bits)
 
 
 def quotient_away(values: tf.Tensor, divisor: tf.Tensor | int) -> tf.Tensor:
     """Divide by a number above 0, halves away from zero."""
     half = divisor // 2
     return tf.sign(values) * ((tf.abs(values) + half) // divisor)
+
+
+def _shifted(values: tf.Tensor, bits: int) -> tf.Tensor:
+    """Divide by 2^bits, towards minus infinity."""
+    return tf.bitwise.right_shift(values, tf.constant(bits, values.dtype))

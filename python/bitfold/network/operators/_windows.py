@@ -8,9 +8,18 @@ import dataclasses
 from collections.abc import Iterator
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold.network.graph import Node
+from bitfold.network.operators import _checks
+from bitfold.network.operators._moves import need_elements
+from bitfold.network.operators._requantisation import FUSED
+
+# Where windows lie costs the file nothing. What they meet may have so many pixels, or so many times
+# the image's.
+MODEST = 1 << 20
+_MOST_PADDED = 16
 
 
 @dataclasses.dataclass(frozen=True)
@@ -50,6 +59,16 @@ class Axis:
         total = max((self.outputs - 1) * self.stride + self.extent - self.size, 0)
         return total // 2, total - total // 2
 
+    @property
+    def padded_size(self) -> int:
+        """Of the image and what windows meet beyond it."""
+        return self.size + sum(self.padding)
+
+    def inside(self) -> np.ndarray:
+        """Return how many of each window's taps, which lie side by side, are in the image."""
+        first = np.arange(self.outputs) * self.stride - self.padding[0]
+        return np.minimum(first + self.window, self.size) - np.maximum(first, 0)
+
 
 @dataclasses.dataclass(frozen=True)
 class Windows:
@@ -69,6 +88,11 @@ class Windows:
             return Axis(size, window, node.option(f"stride_{which}"), dilation, is_same)
 
         return cls(axis(rows, height, "h"), axis(columns, width, "w"))
+
+    @classmethod
+    def of_pool(cls, node: Node) -> Windows:
+        """Read a pool's options."""
+        return cls.of(node, node.option("filter_height"), node.option("filter_width"))
 
     @property
     def strides(self) -> list[int]:
@@ -90,6 +114,10 @@ class Windows:
         for axis in (self.rows, self.columns):
             if axis.outputs < 1:
                 yield f"need a window of at most {axis.size} pixels, got one of {axis.extent}"
+        pixels = self.rows.size * self.columns.size
+        padded = self.rows.padded_size * self.columns.padded_size
+        if padded > max(MODEST, _MOST_PADDED * pixels):
+            yield f"need windows near the image of {pixels} pixels, got {padded} with padding"
 
     def padded(self, images: tf.Tensor, value: Any = 0) -> tf.Tensor:
         """Return [N, H, W, C] with what the windows meet beyond the images; VALID from then on."""
@@ -110,3 +138,69 @@ class Windows:
         if max(self.strides) <= 2:
             return images, "SAME"
         return self.padded(images), "VALID"
+
+
+def window_problems(node: Node, height: int, width: int) -> Iterator[str]:
+    """Yield what is wrong with the options that place windows."""
+    options = (
+        *_checks.need_option(node, "padding", "SAME", "VALID"),
+        *_checks.need_positive(
+            node, "stride_h", "stride_w", "dilation_h_factor", "dilation_w_factor"
+        ),
+    )
+    yield from options
+    if not options:
+        yield from Windows.of(node, height, width).problems()
+
+
+def pool_problems(node: Node) -> Iterator[str]:
+    """Yield what keeps a pool from being imported."""
+    before = list(_checks.need_counts(node, (1,)))
+    before = before or [
+        *_checks.need_stored("the data", node.inputs[0], rank=4),
+        *_checks.need_stored("the output", node.outputs[0]),
+        *_checks.need_same_type(node, node.inputs[0], node.outputs[0]),
+        *need_elements(node.inputs[0]),
+        *_checks.need_positive(node, "filter_height", "filter_width"),
+    ]
+    if node.option("fused_activation_function", "NONE") not in FUSED:
+        before += _checks.need_option(node, "fused_activation_function", *FUSED)
+    yield from before
+    if not before:
+        yield from window_problems(node, node.option("filter_height"), node.option("filter_width"))
+
+
+def window_sums(images: tf.Tensor, windows: Windows) -> tf.Tensor:
+    """Add up the pixels of each window; what lies beyond the image is 0.
+
+    Args:
+        images: int32 [N, H, W, C].
+        windows: without dilation.
+
+    Returns:
+        [N, H', W', C].
+    """
+    rows = _sums(windows.padded(images), 1, windows.rows)
+    return _sums(rows, 2, windows.columns)
+
+
+def _sums(pixels: tf.Tensor, dimension: int, axis: Axis) -> tf.Tensor:
+    """Add up windows along one dimension, from sums over 1, 2, 4, ... pixels."""
+    begin, total = 0, None
+    for bit in range(axis.window.bit_length()):
+        if axis.window >> bit & 1:
+            last = begin + (axis.outputs - 1) * axis.stride
+            part = _part(pixels, dimension, begin, last + 1, axis.stride)
+            total = part if total is None else total + part
+            begin += 1 << bit
+        if axis.window >> bit > 1:
+            length = pixels.shape[dimension] - (1 << bit)
+            later = _part(pixels, dimension, 1 << bit, None)
+            pixels = _part(pixels, dimension, 0, length) + later
+    return total
+
+
+def _part(
+    values: tf.Tensor, dimension: int, first: int, end: int | None, stride: int = 1
+) -> tf.Tensor:
+    return values[(slice(None),) * dimension + (slice(first, end, stride),)]

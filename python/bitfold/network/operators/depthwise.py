@@ -17,8 +17,7 @@ from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._weighted import WeightedStep
-from bitfold.network.operators._windows import Windows
-from bitfold.network.operators.convolution import window_problems
+from bitfold.network.operators._windows import Windows, window_problems
 
 
 class DepthwiseConvolution(WeightedStep):
