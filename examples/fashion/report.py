@@ -16,7 +16,7 @@ from rich.console import Console
 from rich.table import Table
 
 from console import COLOURS, MARKERS, table_style
-from study import LOOKED_AT, SHIFTS, WIDTHS, Study
+from study import LOOKED_AT, SETTINGS, WIDTHS, Study
 
 BINS = 160
 _DEPTHWISE = "DEPTHWISE_CONV_2D"
@@ -30,13 +30,13 @@ def print_accuracies(console: Console, study: Study, float_accuracy: float) -> N
         box=table_style(console),
     )
     table.add_column("accumulator")
-    for shift in SHIFTS:
-        table.add_column(f"shift {shift}" if shift else "no shift", justify="right")
-    blank = ["-"] * (len(SHIFTS) - 1)
+    for setting in SETTINGS:
+        table.add_column(setting.title.replace(", ", ",\n"), justify="right")
+    blank = ["-"] * (len(SETTINGS) - 1)
     table.add_row("float network", f"{float_accuracy:.2%}", *blank)
     table.add_row("exact", f"{study.exact_accuracy:.2%}", *blank, end_section=True)
     for width in reversed(WIDTHS):
-        cells = [f"{study.accuracies[shift][width]:.2%}" for shift in SHIFTS]
+        cells = [f"{study.accuracies[setting][width]:.2%}" for setting in SETTINGS]
         table.add_row(f"{width} bits", *cells)
     console.print(table)
 
@@ -62,16 +62,15 @@ def print_layers(console: Console, study: Study) -> None:
 def print_summary(console: Console, study: Study, float_accuracy: float, images: int) -> None:
     """Say in a few sentences what was done and found."""
     needed = max(layer.bits_needed for layer in study.layers)
-    plain = study.accuracies[0]
-    enough = _narrowest_harmless(study)
-    narrow = max(enough - 3, WIDTHS[0])
-    best = max(SHIFTS, key=lambda shift: study.accuracies[shift][narrow])
+    plain, *_, best = (study.accuracies[setting] for setting in SETTINGS)
+    enough = _narrowest_harmless(study, plain)
+    least = _narrowest_harmless(study, best)
     console.print(
         f"The float network gets {float_accuracy:.2%} of the {images:,} test images right, its "
-        f"integers {study.exact_accuracy:.2%}. {needed} bits hold every sum "
-        f"of the {min(images, LOOKED_AT):,} images looked at; {enough} bits or more cost at most "
-        f"one image in a thousand. {narrow} bits get {plain[narrow]:.2%}, and "
-        f"{study.accuracies[best][narrow]:.2%} once every addend is shifted right by {best} bits.",
+        f"integers {study.exact_accuracy:.2%}. {needed} bits hold every sum of the "
+        f"{min(images, LOOKED_AT):,} images looked at. Down to {enough} bits at most one image in a "
+        f"hundred is lost; with one fewer {plain.get(enough - 1, 0):.2%} are right. "
+        f"{SETTINGS[-1].title}: the same holds down to {least} bits.",
         soft_wrap=True,
     )
 
@@ -101,10 +100,9 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
                  label=f"exact integers ({study.exact_accuracy:.1%})")  # fmt: skip
     axes.axhline(100 * float_accuracy, color="black", linestyle="--", linewidth=1, zorder=1.5,
                  label=f"float network ({float_accuracy:.1%})")  # fmt: skip
-    for shift, colour, marker in zip(SHIFTS, COLOURS, MARKERS, strict=False):
-        values = [100 * study.accuracies[shift][width] for width in WIDTHS]
-        label = f"every addend divided by 2^{shift}" if shift else "no shift"
-        axes.plot(WIDTHS, values, color=colour, marker=marker, label=label)
+    for setting, colour, marker in zip(SETTINGS, COLOURS, MARKERS, strict=False):
+        values = [100 * study.accuracies[setting][width] for width in WIDTHS]
+        axes.plot(WIDTHS, values, color=colour, marker=marker, label=setting.title)
     axes.set(title="Accuracy by accumulator width", xlabel="accumulator width [bits]",
              ylabel="test accuracy [%]", ylim=(0, 104), xticks=WIDTHS[::2])  # fmt: skip
     axes.legend(loc="lower right", fontsize=9.5)
@@ -150,11 +148,11 @@ def _plot_fold(axes: Axes, study: Study) -> None:
     axes.legend(loc="upper right", fontsize=9.5)
 
 
-def _narrowest_harmless(study: Study) -> int:
-    """Narrowest width such that it and all wider ones lose at most one image in a thousand."""
+def _narrowest_harmless(study: Study, accuracies: dict[int, float]) -> int:
+    """Narrowest width such that it and all wider ones lose at most one image in a hundred."""
     narrowest = WIDTHS[-1]
     for width in reversed(WIDTHS):
-        if study.accuracies[0][width] < study.exact_accuracy - 1e-3:
+        if accuracies[width] < study.exact_accuracy - 0.01:
             break
         narrowest = width
     return narrowest

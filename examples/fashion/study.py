@@ -5,6 +5,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 from dataclasses import asdict, dataclass
 
 import numpy as np
@@ -17,8 +18,28 @@ from console import Report
 WIDTHS = tuple(range(14, 25))
 """Accumulator widths under test, bits."""
 
-SHIFTS = (0, 2, 4)
-"""Shifts under test, bits."""
+
+@dataclass(frozen=True)
+class Setting:
+    """What holds at every width.
+
+    shift: of every addend, bits.
+    depthwise_bits: the least accumulator of the depthwise layers.
+    """
+
+    shift: int
+    depthwise_bits: int = 0
+
+    @property
+    def title(self) -> str:
+        """A column's heading."""
+        title = f"shift {self.shift}" if self.shift else "no shift"
+        least = f", depthwise {self.depthwise_bits} bits at least" if self.depthwise_bits else ""
+        return title + least
+
+
+SETTINGS = (Setting(0), Setting(2), Setting(4, depthwise_bits=16))
+"""The depthwise unit reads weights as numbers of half the accumulator's width: int8 takes 16."""
 
 CALIBRATION = 500
 """Training images whose ranges the converter takes for the scales."""
@@ -29,7 +50,7 @@ LOOKED_AT = 1000
 FOLD_BITS_SHORT = 3
 """The picture of a wrap takes an accumulator this many bits narrower than the layer needs."""
 
-RUNS = 2 + len(WIDTHS) * len(SHIFTS)
+RUNS = 2 + len(WIDTHS) * len(SETTINGS)
 """Steps of the whole study, for a progress bar."""
 
 
@@ -64,12 +85,12 @@ class Fold:
 class Study:
     """Everything measured; `fold` serves the picture.
 
-    accuracies: by shift and width, share of right predictions.
+    accuracies: by setting and width, share of right predictions.
     """
 
     exact_accuracy: float
     multiply_adds: int
-    accuracies: dict[int, dict[int, float]]
+    accuracies: dict[Setting, dict[int, float]]
     layers: list[Layer]
     fold: Fold
 
@@ -78,7 +99,7 @@ class Study:
         return {
             "exact_accuracy": self.exact_accuracy,
             "multiply_adds": self.multiply_adds,
-            "accuracies": self.accuracies,
+            "accuracies": {s.title: by_width for s, by_width in self.accuracies.items()},
             "layers": [asdict(layer) for layer in self.layers],
         }
 
@@ -95,16 +116,17 @@ def run_study(
     exact = network.evaluate(images, labels)
     report(f"Exact: accuracy {exact:.2%}", 1)
 
-    accuracies: dict[int, dict[int, float]] = {shift: {} for shift in SHIFTS}
-    for shift in SHIFTS:
+    accuracies: dict[Setting, dict[int, float]] = {setting: {} for setting in SETTINGS}
+    for setting in SETTINGS:
         for width in WIDTHS:
-            arithmetic = bitfold.Arithmetic(accumulator_size=width, mult_shift=shift)
-            accuracy = network.with_arithmetic(arithmetic).evaluate(images, labels)
-            accuracies[shift][width] = accuracy
-            report(f"{arithmetic}: accuracy {accuracy:.2%}", 1)
+            accuracy = _narrowed(network, setting, width).evaluate(images, labels)
+            accuracies[setting][width] = accuracy
+            report(f"{width} bits, {setting.title}: accuracy {accuracy:.2%}", 1)
 
     sums = network.accumulators(images[:LOOKED_AT])
-    layers = [_layer(layer, sums[layer.position]) for layer in network.layers if layer.has_accumulator]
+    layers = [
+        _layer(layer, sums[layer.position]) for layer in network.layers if layer.has_accumulator
+    ]
     report("Sums counted", 1)
     widest = max(layers, key=lambda layer: layer.bits_needed)
     return Study(
@@ -114,6 +136,16 @@ def run_study(
         layers=layers,
         fold=_fold(network, widest, sums, images),
     )
+
+
+def _narrowed(network: bitfold.Network, setting: Setting, width: int) -> bitfold.Network:
+    """The network at one width, its depthwise layers perhaps at another."""
+    arithmetic = bitfold.Arithmetic(accumulator_size=width, mult_shift=setting.shift)
+    narrow = network.with_arithmetic(arithmetic)
+    if width >= setting.depthwise_bits:
+        return narrow
+    wider = dataclasses.replace(arithmetic, accumulator_size=setting.depthwise_bits)
+    return narrow.with_arithmetic({"DEPTHWISE_CONV_2D": wider})
 
 
 def _layer(layer: bitfold.network.Layer, sums: np.ndarray) -> Layer:
