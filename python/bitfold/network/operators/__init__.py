@@ -13,9 +13,10 @@ from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
-from bitfold.network.operators.extremes import ElementExtreme
+from bitfold.network.operators.extremes import ElementExtreme, Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.gather import Gather
+from bitfold.network.operators.matrix_product import MatrixProduct
 from bitfold.network.operators.max_pool import MaxPool
 from bitfold.network.operators.mean import Mean
 from bitfold.network.operators.pack import Pack
@@ -31,11 +32,12 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import Extreme, Sum
-from bitfold.network.operators.sum_of_two import Addition
+from bitfold.network.operators.sum import Extreme, ReducedExtreme, ReducedSum, Sum
+from bitfold.network.operators.sum_of_two import Addition, Sum
 from bitfold.network.operators.table import KINDS, Table
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
+from bitfold.network.operators.transpose_conv import TransposeConvolution
 from bitfold.network.operators.unit_activation import UnitActivation
 from bitfold.network.operators.unit_addition import UnitAddition
 from bitfold.network.operators.unit_resize import UnitResize
@@ -46,6 +48,7 @@ __all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 STEPS: dict[str, type[Step]] = {
     "ADD": Addition,
     "AVERAGE_POOL_2D": AveragePool,
+    "BATCH_MATMUL": MatrixProduct,
     "BATCH_TO_SPACE_ND": BatchToSpace,
     "BROADCAST_TO": BroadcastTo,
     "CONCATENATION": Concatenation,
@@ -86,8 +89,8 @@ STEPS: dict[str, type[Step]] = {
     "SUM": Sum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
+    "TRANSPOSE_CONV": TransposeConvolution,
     "UNPACK": Unpack,
-    **dict.fromkeys(KINDS, Table),
 }
 
 # The same where data is float32 and the operator computes with it.

@@ -38,7 +38,8 @@ _BEYOND = 2.0**18
 def quantise(values: tf.Tensor, tensor: Tensor) -> tf.Tensor:
     """Return the stored integers of float32 values, in a tensor's type, scale and zero point."""
     limits = np.iinfo(tensor.dtype)
-    steps = values / np.float32(tensor.scale)
+    # A plain division by a constant becomes a product with its reciprocal when a graph is optimised.
+    steps = tf.math.divide_no_nan(values, np.float32(tensor.scale))
     steps = tf.where(tf.math.is_nan(steps), tf.zeros_like(steps), steps)
     steps = tf.clip_by_value(steps, -_BEYOND, _BEYOND)
     whole = tf.cast(steps + tf.sign(steps) * _HALF, tf.int32) + tensor.zero_point
