@@ -2,12 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """QUANTIZE and DEQUANTIZE: between real numbers and stored integers, or of other scales.
 
-From real to stored: value / scale in single precision, rounded, halves away from zero, plus the zero point,
-within the stored type. What lies beyond it, infinities too, is its end; NaN stands for no number
-and is stored as the zero point.
+From real to stored: value / scale in single precision, rounded, halves away from zero, plus the
+zero point, within the stored type. What lies beyond it, infinities too, is its end; NaN stands for
+no number and is stored as the zero point. (The runtime leaves both undefined.)
 
-From stored to real: scale * (stored - zero point), rounded once to single precision. Constants may have a scale
-for each channel, or be half-precision numbers, which are widened.
+From stored to real: scale * (stored - zero point), rounded once to single precision. Constants may
+have a scale for each channel, or be half-precision numbers, which are widened.
 
 From stored to stored: the stored integer less its zero point, requantised in two roundings by
 scale / the output's scale.
