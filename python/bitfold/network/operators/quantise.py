@@ -38,7 +38,7 @@ _BEYOND = 2.0**18
 def quantise(values: tf.Tensor, tensor: Tensor) -> tf.Tensor:
     """Return the stored integers of float32 values, in a tensor's type, scale and zero point."""
     limits = np.iinfo(tensor.dtype)
-    # A plain division by a constant becomes a product with its reciprocal when a graph is optimised.
+    # When a graph is optimised, a plain division by a constant becomes a product with a reciprocal.
     steps = tf.math.divide_no_nan(values, np.float32(tensor.scale))
     steps = tf.where(tf.math.is_nan(steps), tf.zeros_like(steps), steps)
     steps = tf.clip_by_value(steps, -_BEYOND, _BEYOND)
