@@ -14,6 +14,9 @@ from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
 from bitfold.network.operators.extremes import ElementExtreme
+from bitfold.network.operators.float_layers import LAYERS
+from bitfold.network.operators.floats import KINDS as FLOAT_KINDS
+from bitfold.network.operators.floats import Elementwise
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.gather import Gather
 from bitfold.network.operators.matrix_product import MatrixProduct
@@ -51,6 +54,7 @@ STEPS: dict[str, type[Step]] = {
     "BATCH_MATMUL": MatrixProduct,
     "BATCH_TO_SPACE_ND": BatchToSpace,
     "BROADCAST_TO": BroadcastTo,
+    "CAST": Elementwise,
     "CONCATENATION": Concatenation,
     "CONV_2D": Convolution,
     "DEPTHWISE_CONV_2D": DepthwiseConvolution,
@@ -97,6 +101,8 @@ STEPS: dict[str, type[Step]] = {
 # The same where data is float32 and the operator computes with it.
 FLOATS: dict[str, type[Step]] = {
     "QUANTIZE": Quantise,
+    **dict.fromkeys(FLOAT_KINDS, Elementwise),
+    **LAYERS,
 }
 
 # Who handles an operator where an arithmetic asks for the unit, by the field that asks.
@@ -114,10 +120,9 @@ UNITS: dict[str, tuple[str, type[Step]]] = {
 
 def step_of(node: Node, arithmetic: Arithmetic = Arithmetic()) -> type[Step] | None:  # noqa: B008
     """Return who handles an operator on data in an arithmetic, None where nobody does."""
+    if any(tensor is not None and tensor.dtype == np.float32 for tensor in node.inputs):
+        return FLOATS.get(node.kind) or STEPS.get(node.kind)
     asks, unit = UNITS.get(node.kind, (None, None))
     if unit is not None and getattr(arithmetic, asks) == "unit":
         return unit
-    is_float = any(tensor is not None and tensor.dtype == np.float32 for tensor in node.inputs)
-    if is_float and node.kind in FLOATS:
-        return FLOATS[node.kind]
     return STEPS.get(node.kind)
