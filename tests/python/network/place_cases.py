@@ -20,19 +20,26 @@ def _like(x: Tensor, shape) -> Tensor:
 def _paddings(kind: str) -> Callable:
     def cases(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         """Every dimension of an image, none, and 64-bit sizes."""
-        for turn, shape in enumerate(([1, 7], [1, 5, 3], [1, 4, 5, 3], [1, 3, 2, 4], [1, 3, 2, 2, 3])):
+        for turn, shape in enumerate(
+            ([1, 7], [1, 5, 3], [1, 4, 5, 3], [1, 3, 2, 4], [1, 3, 2, 2, 3])
+        ):
             if kind != "MIRROR_PAD" and len(shape) > 4:
                 continue
             sizes = [[0, 0], *rng.integers(0, 3, (len(shape) - 1, 2)).tolist()]
             if kind == "MIRROR_PAD":
-                sizes = [[min(n, size - 1) for n in pair] for pair, size in zip(sizes, shape, strict=True)]
+                sizes = [
+                    [min(n, size - 1) for n in pair]
+                    for pair, size in zip(sizes, shape, strict=True)
+                ]
             x = stored(rng, shape, dtype)
             out = _like(x, np.array(shape) + np.sum(sizes, 1))
             inputs = [x, packed.constant(sizes, ("int32", "int64")[turn % 2])]
             options = {}
             if kind == "PADV2":
                 value = int(rng.integers(-100, 100))
-                inputs.append(packed.tensor([1], dtype, x.scales[0], x.zero_points[0], data=[value]))
+                inputs.append(
+                    packed.tensor([1], dtype, x.scales[0], x.zero_points[0], data=[value])
+                )
             if kind == "MIRROR_PAD":
                 options["mode"] = ("REFLECT", "SYMMETRIC")[turn % 2]
             yield packed.operator(kind, inputs, [out], options)
@@ -131,7 +138,15 @@ def expand_dims(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
 
 def transpose(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
     """Permutations that keep the batch in front, and one that does not."""
-    for order in ([0, 2, 1], [0, 1, 3, 2], [0, 3, 1, 2], [0, 3, 2, 1], [0, 4, 2, 1, 3], [0, 1], [1, 0, 2]):
+    for order in (
+        [0, 2, 1],
+        [0, 1, 3, 2],
+        [0, 3, 1, 2],
+        [0, 3, 2, 1],
+        [0, 4, 2, 1, 3],
+        [0, 1],
+        [1, 0, 2],
+    ):
         shape = [1, 4, 5, 3, 2][: len(order)]
         x = stored(rng, shape, dtype)
         out = _like(x, [shape[i] for i in order])
