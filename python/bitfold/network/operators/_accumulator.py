@@ -55,6 +55,7 @@ class Accumulator:
         bias: np.ndarray | None,
         arithmetic: Arithmetic,
         groups: Sequence[slice] | None = None,
+        of_group: Callable[[tf.Tensor, slice], tf.Tensor] | None = None,
     ) -> None:
         """Make it.
 
@@ -63,7 +64,8 @@ class Accumulator:
             weights: int [..., inputs, outputs], as `product` takes them.
             bias: [outputs] or None.
             arithmetic: the layer's.
-            groups: for exact sums in 64 bits the input channels of each group; else None.
+            groups: for exact sums in 64 bits the weights' inputs of each group; else None.
+            of_group: data and a group to the data of that group.
         """
         self._product = product
         self._bias = bias
@@ -71,6 +73,7 @@ class Accumulator:
         self._type = element_type(arithmetic)
         self._shift = arithmetic.mult_shift
         self._groups = groups
+        self._of_group = of_group
         self._weights = weights.astype(self._type.as_numpy_dtype)
 
     def __call__(self, data: tf.Tensor) -> tf.Tensor:
@@ -86,7 +89,8 @@ class Accumulator:
     def _in_64_bits(self, data: tf.Tensor) -> tf.Tensor:
         total = None
         for group in self._groups:
-            part = self._product(data[..., group], self._weights[..., group, :], **self._keywords)
+            weights = self._weights[..., group, :]
+            part = self._product(self._of_group(data, group), weights, **self._keywords)
             part = tf.cast(part, tf.int64)
             total = part if total is None else total + part
         return total if self._bias is None else total + shifted(self._bias, self._shift)

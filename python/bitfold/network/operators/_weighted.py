@@ -37,13 +37,21 @@ def need_weights(what: str, filter: Tensor | None, outputs_axis: int, rank: int)
         yield f"need the zero point 0 for {what}, got {filter}"
 
 
-def need_bias(bias: Tensor | None, outputs: int) -> Iterator[str]:
+def need_bias(bias: Tensor | None, dtype: str, outputs: int) -> Iterator[str]:
     """Yield unless there is no bias, or a constant one with a number for each output."""
     if bias is None:
         return
-    yield from _checks.need_constant("the bias", bias, ("int32", "int64"))
+    yield from _checks.need_constant("the bias", bias, (dtype,))
     if bias.is_constant and bias.data.size != outputs:
         yield f"need a bias of {outputs} elements, got {bias}"
+
+
+def has_wide_sums(node: Node, data: Tensor) -> bool:
+    """Return whether sums have 64 bits: those of int16, unless the options say that they have 32.
+
+    Only some operators have that option.
+    """
+    return data.dtype == np.int16 and node.option("quantized_bias_type") != "int32"
 
 
 class WeightedStep(SummingStep):
@@ -80,15 +88,14 @@ class WeightedStep(SummingStep):
 
     @property
     def is_wide(self) -> bool:
-        """Whether exact sums are those of 64 bits: data of 16 bits, unless the bias has 32."""
-        data, _, bias = (self.node.input(place) for place in self.places)
-        return data.dtype == np.int16 and (bias is None or bias.dtype == np.int64)
+        """Whether exact sums are those of 64 bits."""
+        return has_wide_sums(self.node, self.node.inputs[self.places[0]])
 
     def _make_accumulator(self) -> Accumulator:
         weights = self.weights()
         exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
         groups = self.groups(weights) if exact and self.is_wide else None
-        return Accumulator(self.product, weights, self.bias, self.arithmetic, groups)
+        return Accumulator(self.product, weights, self.bias, self.arithmetic, groups, self.of_group)
 
     def groups(self, weights: np.ndarray) -> list[slice]:
         """Return the groups of input channels whose sums fit 32 bits."""
@@ -109,6 +116,10 @@ class WeightedStep(SummingStep):
     @abc.abstractmethod
     def product(self, data: tf.Tensor, weights: np.ndarray, **datapath) -> tf.Tensor:
         """Sum the products, [N, H, W, inputs] to [N, H', W', outputs]."""
+
+    def of_group(self, data: tf.Tensor, group: slice) -> tf.Tensor:
+        """Return the input channels of one of the `groups`."""
+        return data[..., group]
 
     def arrange(self, data: tf.Tensor) -> tf.Tensor:
         """Return data, less its zero point, as `product` takes it."""
@@ -137,7 +148,8 @@ class WeightedStep(SummingStep):
         yield from _checks.need_stored("the output", output)
         if data is not None:
             yield from _checks.need_same_type(node, data, output)
-        if filter is not None and len(filter.shape) == rank:
-            yield from need_bias(bias, filter.shape[cls.outputs_axis])
+        if None not in (data, filter) and len(filter.shape) == rank:
+            bias_type = "int64" if has_wide_sums(node, data) else "int32"
+            yield from need_bias(bias, bias_type, filter.shape[cls.outputs_axis])
         if node.option("fused_activation_function", "NONE") not in FUSED:
             yield from _checks.need_option(node, "fused_activation_function", *FUSED)

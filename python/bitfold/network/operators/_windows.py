@@ -16,9 +16,9 @@ from bitfold.network.operators import _checks
 from bitfold.network.operators._moves import need_elements
 from bitfold.network.operators._requantisation import FUSED
 
-# A window's place is no matter of the file's size. Padding may take so many pixels, or so many
-# times the image's.
-_MODEST = 1 << 20
+# Where windows lie costs the file nothing. What they meet may have so many pixels, or so many times
+# the image's.
+MODEST = 1 << 20
 _MOST_PADDED = 16
 
 
@@ -116,7 +116,7 @@ class Windows:
                 yield f"need a window of at most {axis.size} pixels, got one of {axis.extent}"
         pixels = self.rows.size * self.columns.size
         padded = self.rows.padded_size * self.columns.padded_size
-        if padded > max(_MODEST, _MOST_PADDED * pixels):
+        if padded > max(MODEST, _MOST_PADDED * pixels):
             yield f"need windows near the image of {pixels} pixels, got {padded} with padding"
 
     def padded(self, images: tf.Tensor, value: Any = 0) -> tf.Tensor:

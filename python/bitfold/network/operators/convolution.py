@@ -52,21 +52,19 @@ class Convolution(WeightedStep):
         """Return [height, width, inputs of a group, outputs]."""
         return self.filter.transpose(1, 2, 3, 0)
 
-    def groups(self, weights: np.ndarray) -> list[slice]:
-        """Split the channels of a group; several groups are short enough to be one."""
-        parts = self._parts(weights)
-        if parts == 1:
-            return super().groups(weights)
-        super().groups(weights)  # refuses taps that alone are too many
-        magnitudes = np.abs(weights.astype(np.int64)).sum(axis=(0, 1, 2)).max(initial=0)
-        data = self.node.inputs[0]
-        if magnitudes * (2**15 + abs(data.zero_point)) >= 2**31:
-            raise ValueError("need sums of 32 bits where channels come in groups")
-        return [slice(None)]
-
-    def _parts(self, weights: np.ndarray) -> int:
-        """Return in how many groups the image's channels come."""
+    @property
+    def _parts(self) -> int:
+        """In how many groups the image's channels come."""
         return self.node.inputs[0].shape[3] // self.node.inputs[1].shape[3]
+
+    def of_group(self, data: tf.Tensor, group: slice) -> tf.Tensor:
+        """Return the channels of a slice of each of the image's groups."""
+        if self._parts == 1:
+            return data[..., group]
+        *images, channels = data.shape
+        by_part = tf.reshape(data, [-1, *images[1:], self._parts, channels // self._parts])
+        chosen = by_part[..., group]
+        return tf.reshape(chosen, [-1, *images[1:], self._parts * chosen.shape[-1]])
 
     def product(self, data: tf.Tensor, weights: np.ndarray, **datapath) -> tf.Tensor:
         """Sum the products."""
@@ -76,7 +74,7 @@ class Convolution(WeightedStep):
         if max(windows.dilations) > 1:
             keywords["dilations"] = windows.dilations
         convolve = ops.dilated_conv2d if "dilations" in keywords else ops.conv2d
-        parts = self._parts(weights)
+        parts = self._parts
         if parts == 1:
             return convolve(data, weights, **keywords)
         pairs = zip(tf.split(data, parts, 3), np.split(weights, parts, 3), strict=True)
