@@ -13,7 +13,7 @@ from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
-from bitfold.network.operators.extremes import ElementExtreme, Extreme
+from bitfold.network.operators.extremes import ElementExtreme
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.gather import Gather
 from bitfold.network.operators.matrix_product import MatrixProduct
@@ -27,12 +27,13 @@ from bitfold.network.operators.quantise import Dequantise, Quantise, Rescale
 from bitfold.network.operators.reshape import Reshape
 from bitfold.network.operators.resize import ResizeBilinear, ResizeNearest
 from bitfold.network.operators.slice import Slice, StridedSlice
+from bitfold.network.operators.softmax import Softmax
 from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import Extreme, ReducedExtreme, ReducedSum, Sum
-from bitfold.network.operators.sum_of_two import Addition, Sum
+from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
+from bitfold.network.operators.sum_of_two import Addition
 from bitfold.network.operators.table import KINDS, Table
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
@@ -69,13 +70,14 @@ STEPS: dict[str, type[Step]] = {
     "PADV2": Pad,
     "PRELU": Prelu,
     "QUANTIZE": Rescale,
-    "REDUCE_MAX": Extreme,
-    "REDUCE_MIN": Extreme,
+    "REDUCE_MAX": ReducedExtreme,
+    "REDUCE_MIN": ReducedExtreme,
     "RESHAPE": Reshape,
     "RESIZE_BILINEAR": ResizeBilinear,
     "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
     "REVERSE_V2": Reverse,
     "SLICE": Slice,
+    "SOFTMAX": Softmax,
     "SPACE_TO_BATCH_ND": SpaceToBatch,
     "SPACE_TO_DEPTH": SpaceToDepth,
     "SPLIT": Split,
@@ -84,11 +86,12 @@ STEPS: dict[str, type[Step]] = {
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
     "SUB": Addition,
-    "SUM": Sum,
+    "SUM": ReducedSum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
     "TRANSPOSE_CONV": TransposeConvolution,
     "UNPACK": Unpack,
+    **dict.fromkeys(KINDS, Table),
 }
 
 # The same where data is float32 and the operator computes with it.

@@ -88,7 +88,5 @@ def _table(node: Node) -> np.ndarray:
     """Return the results of all stored values, from the least on."""
     data = node.inputs[0]
     if data.is_constant:
-        node = Node(
-            node.operator, (dataclasses.replace(data, data=None),), node.outputs
-        )
+        node = Node(node.operator, (dataclasses.replace(data, data=None),), node.outputs)
     return tabulate(node)
