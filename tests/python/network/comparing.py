@@ -38,7 +38,7 @@ TOTAL = Tally()
 
 
 def stored_values(
-    rng: np.random.Generator, dtype: np.dtype, shape: Sequence[int], near: bool = False
+    rng: np.random.Generator, dtype: np.dtype, shape: Sequence[int], is_near: bool = False
 ) -> np.ndarray:
     """Return integers over the whole range of a type, its ends among them.
 
@@ -46,10 +46,10 @@ def stored_values(
         rng: where they come from.
         dtype: their type.
         shape: theirs.
-        near: rather from a normal distribution than all equally likely.
+        is_near: rather from a normal distribution than all equally likely.
     """
     ends = np.iinfo(dtype)
-    if near:
+    if is_near:
         values = np.rint(rng.normal(0, ends.max / 3, shape)).clip(ends.min, ends.max)
         return values.astype(dtype)
     values = rng.integers(ends.min, ends.max, shape, endpoint=True, dtype=dtype)

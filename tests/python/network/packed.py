@@ -111,12 +111,14 @@ class Case:
         content: the file.
         label: what messages call it: the call that made it.
         inputs: the tensors that the caller gives, in the file's order.
+        operators: what was packed, (kind, inputs, outputs, options, version) each.
         data: what to give where the operator does not take every stored value; else None.
     """
 
     content: bytes
     label: str
     inputs: tuple[Tensor, ...]
+    operators: tuple[tuple, ...]
     data: tuple[np.ndarray, ...] | None = None
 
 
@@ -211,7 +213,7 @@ def network(operators: Sequence[tuple]) -> Case:
     builder = flatbuffers.Builder(1024)
     builder.Finish(model.Pack(builder), b"TFL3")
     label = "; ".join(_label(*one) for one in operators)
-    return Case(bytes(builder.Output()), label, tuple(given))
+    return Case(bytes(builder.Output()), label, tuple(given), tuple(operators))
 
 
 def stored_values(case: Case, batch: int, seed: int = 0) -> list[np.ndarray]:

@@ -20,19 +20,26 @@ def _like(x: Tensor, shape) -> Tensor:
 def _paddings(kind: str) -> Callable:
     def cases(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         """Every dimension of an image, none, and 64-bit sizes."""
-        for turn, shape in enumerate(([1, 7], [1, 5, 3], [1, 4, 5, 3], [1, 3, 2, 4], [1, 3, 2, 2, 3])):
+        for turn, shape in enumerate(
+            ([1, 7], [1, 5, 3], [1, 4, 5, 3], [1, 3, 2, 4], [1, 3, 2, 2, 3])
+        ):
             if kind != "MIRROR_PAD" and len(shape) > 4:
                 continue
             sizes = [[0, 0], *rng.integers(0, 3, (len(shape) - 1, 2)).tolist()]
             if kind == "MIRROR_PAD":
-                sizes = [[min(n, size - 1) for n in pair] for pair, size in zip(sizes, shape, strict=True)]
+                sizes = [
+                    [min(n, size - 1) for n in pair]
+                    for pair, size in zip(sizes, shape, strict=True)
+                ]
             x = stored(rng, shape, dtype)
             out = _like(x, np.array(shape) + np.sum(sizes, 1))
             inputs = [x, packed.constant(sizes, ("int32", "int64")[turn % 2])]
             options = {}
             if kind == "PADV2":
                 value = int(rng.integers(-100, 100))
-                inputs.append(packed.tensor([1], dtype, x.scales[0], x.zero_points[0], data=[value]))
+                inputs.append(
+                    packed.tensor([1], dtype, x.scales[0], x.zero_points[0], data=[value])
+                )
             if kind == "MIRROR_PAD":
                 options["mode"] = ("REFLECT", "SYMMETRIC")[turn % 2]
             yield packed.operator(kind, inputs, [out], options)
@@ -84,18 +91,22 @@ def slice_(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
             yield packed.operator("SLICE", inputs, [_like(x, out)])
 
 
+def _masks(**bits: int) -> dict[str, int]:
+    return {f"{name}_mask": value for name, value in bits.items()}
+
+
 def strided_slice(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
     """Ends before the beginning and beyond, steps backwards, every mask."""
     for begin, end, strides, masks, out in (
         ([0, 4, 0], [1, 0, 6], [1, -2, 3], {}, [1, 2, 2]),
         ([0, 1, 2], [9, -1, 100], [1, 1, 1], {}, [1, 3, 4]),
-        ([0, 0, 0], [0, 0, 0], [1, 2, -1], {"begin_mask": 7, "end_mask": 7}, [1, 3, 6]),
-        ([0, -2, 1], [0, 5, 0], [1, 1, 1], {"begin_mask": 1, "end_mask": 5}, [1, 2, 5]),
-        ([0, 3, 0], [0, 4, 0], [1, 1, 1], {"begin_mask": 5, "end_mask": 5, "shrink_axis_mask": 2}, [1, 6]),
-        ([0, 0, -1], [0, 0, 0], [1, 1, 1], {"begin_mask": 3, "end_mask": 3, "shrink_axis_mask": 4}, [1, 5]),
-        ([0, 0, 0, 0], [0] * 4, [1] * 4, {"begin_mask": 15, "end_mask": 15, "new_axis_mask": 2}, [1, 1, 5, 6]),
-        ([0, 0, 2], [1, 0, 5], [1, 1, 2], {"ellipsis_mask": 2}, [1, 5, 2]),
-        ([0, 2], [0, 4], [1, 1], {"begin_mask": 1, "end_mask": 1}, [1, 2, 6]),
+        ([0, 0, 0], [0, 0, 0], [1, 2, -1], _masks(begin=7, end=7), [1, 3, 6]),
+        ([0, -2, 1], [0, 5, 0], [1, 1, 1], _masks(begin=1, end=5), [1, 2, 5]),
+        ([0, 3, 0], [0, 4, 0], [1, 1, 1], _masks(begin=5, end=5, shrink_axis=2), [1, 6]),
+        ([0, 0, -1], [0, 0, 0], [1, 1, 1], _masks(begin=3, end=3, shrink_axis=4), [1, 5]),
+        ([0, 0, 0, 0], [0] * 4, [1] * 4, _masks(begin=15, end=15, new_axis=2), [1, 1, 5, 6]),
+        ([0, 0, 2], [1, 0, 5], [1, 1, 2], _masks(ellipsis=2), [1, 5, 2]),
+        ([0, 2], [0, 4], [1, 1], _masks(begin=1, end=1), [1, 2, 6]),
     ):  # fmt: skip
         x = stored(rng, [1, 5, 6], dtype)
         inputs = [x, *(packed.constant(value) for value in (begin, end, strides))]
@@ -131,7 +142,15 @@ def expand_dims(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
 
 def transpose(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
     """Permutations that keep the batch in front, and one that does not."""
-    for order in ([0, 2, 1], [0, 1, 3, 2], [0, 3, 1, 2], [0, 3, 2, 1], [0, 4, 2, 1, 3], [0, 1], [1, 0, 2]):
+    for order in (
+        [0, 2, 1],
+        [0, 1, 3, 2],
+        [0, 3, 1, 2],
+        [0, 3, 2, 1],
+        [0, 4, 2, 1, 3],
+        [0, 1],
+        [1, 0, 2],
+    ):
         shape = [1, 4, 5, 3, 2][: len(order)]
         x = stored(rng, shape, dtype)
         out = _like(x, [shape[i] for i in order])
@@ -232,7 +251,7 @@ def shapes(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
     yield packed.network(
         [
             ("SHAPE", [x], [shape], {"out_type": "INT32"}, 1),
-            ("STRIDED_SLICE", [shape, *slices], [first], {"shrink_axis_mask": 1}, 1),
+            ("STRIDED_SLICE", [shape, *slices], [first], _masks(shrink_axis=1), 1),
             ("PACK", [first, packed.constant(60)], [packed_shape], {"values_count": 2}, 1),
             ("RESHAPE", [x, packed_shape], [_like(x, [1, 60])], {}, 1),
         ]

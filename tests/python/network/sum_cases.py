@@ -100,7 +100,12 @@ def conv_2d(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         depth, channels = int(rng.choice([1, 3, 4, 17])), int(rng.choice([1, 2, 5, 16]))
         x = stored(rng, [1, rows, columns, depth], dtype)
         weights = _Weights(rng, [channels, kr, kc, depth], 0, x, turn)
-        out = [1, _out_size(rows, kr, sr, dr, padding), _out_size(columns, kc, sc, dc, padding), channels]
+        out = [
+            1,
+            _out_size(rows, kr, sr, dr, padding),
+            _out_size(columns, kc, sc, dc, padding),
+            channels,
+        ]
         yield packed.operator(
             "CONV_2D",
             [x, weights.filter, weights.bias(rng, _bias_type(x), turn)],

@@ -44,7 +44,7 @@ class Witness:
 
     def __init__(self, content: bytes) -> None:
         """Cut the file where the kernels change, and load each part."""
-        model = _parsed(content)
+        model = self._model = _parsed(content)
         graph = model.subgraphs[0]
         self.inputs = [int(i) for i in graph.inputs]
         self.tensors = graph.tensors
@@ -58,6 +58,10 @@ class Witness:
             if kind in _SHIFTS and self._outgrows(_SHIFTS[kind], read, written):
                 raise Unwitnessed(f"{kind} at {position} ends the process: scales too far apart")
         self._parts = [_Part(content, *piece) for piece in _pieces(self.kinds)]
+
+    def load(self) -> None:
+        """Run one image of zeros, to see that the interpreter takes the file."""
+        self([np.zeros(self.shape(i), self.dtype(i)) for i in self.inputs])
 
     def __call__(self, inputs: Sequence[np.ndarray]) -> dict[int, np.ndarray]:
         """Return every tensor that operators write, images stacked along the first dimension."""
@@ -76,15 +80,39 @@ class Witness:
 
     def rows(self, index: int) -> int:
         """Return how many rows of the first dimension are one image's."""
+        return (*self.shape(index), 1)[0]
+
+    def shape(self, index: int) -> tuple[int, ...]:
+        """Return a tensor's dimensions."""
         shape = self.tensors[index].shape
-        return int(shape[0]) if shape is not None and len(shape) else 1
+        return () if shape is None else tuple(map(int, shape))
+
+    def dtype(self, index: int) -> np.dtype:
+        """Return the type of a tensor's elements."""
+        return np.dtype(_TYPES[self.tensors[index].type])
+
+    def constant(self, index: int) -> np.ndarray | None:
+        """Return the elements of a constant."""
+        data = self._model.buffers[self.tensors[index].buffer].data
+        if data is None or not len(data):
+            return None
+        return np.frombuffer(bytes(data), self.dtype(index)).reshape(self.shape(index))
+
+    def zero_point(self, index: int) -> int:
+        """Return the zero point of a tensor, 0 of one that is not quantised."""
+        quantisation = self.tensors[index].quantization
+        points = None if quantisation is None else quantisation.zeroPoint
+        return int(points[0]) if points is not None and len(points) else 0
+
+    def options(self, position: int) -> dict:
+        """Return the options of an operator, by the names of the schema's objects."""
+        return vars(self._model.subgraphs[0].operators[position].builtinOptions)
 
     def is_traced(self, index: int) -> bool:
         """Return whether a tensor holds integers for real numbers, image by image."""
         one = self.tensors[index]
         scales = None if one.quantization is None else one.quantization.scale
-        has_batch = one.shape is not None and len(one.shape) and int(one.shape[0]) == 1
-        return bool(has_batch and scales is not None and len(scales))
+        return self.shape(index)[:1] == (1,) and scales is not None and len(scales) > 0
 
     def _outgrows(self, shifts: dict[int, int], read: list[int], written: list[int]) -> bool:
         """Return whether a sum's multiplier is not below 1, which the kernels assert."""
@@ -110,6 +138,7 @@ class _Part:
         model = _parsed(content)
         graph = model.subgraphs[0]
         graph.operators = graph.operators[first:last]
+        self._kinds = " ".join(_kind(model, one) for one in graph.operators)
         used = sorted({one.opcodeIndex for one in graph.operators})
         # The interpreter looks up kernels for all that a file lists.
         model.operatorCodes = [model.operatorCodes[i] for i in used]
@@ -134,6 +163,12 @@ class _Part:
         self._shapes: list[tuple[int, ...]] = []
 
     def run(self, known: dict[int, np.ndarray]) -> dict[int, np.ndarray]:
+        try:
+            return self._run(known)
+        except (RuntimeError, ValueError) as error:
+            raise Unwitnessed(f"{self._kinds}: {error}") from error
+
+    def _run(self, known: dict[int, np.ndarray]) -> dict[int, np.ndarray]:
         interpreter = self._interpreter
         shapes = [known[i].shape for i in self.read]
         if shapes != self._shapes:
@@ -181,7 +216,13 @@ def _stacked(images: Sequence[np.ndarray]) -> np.ndarray:
     return np.concatenate(images) if images[0].ndim else images[0]
 
 
+_TYPES = {
+    getattr(schema.TensorType, name.upper()): name
+    for name in ("int8", "uint8", "int16", "int32", "int64", "float32", "bool")
+}
 # By how many bits the sums of two tensors shift their inputs left, by the type of the output.
-_SHIFTS = dict.fromkeys(("ADD", "SUB"), {schema.TensorType.INT8: 20, schema.TensorType.INT16: 15})
-# Kinds that the reference kernels lack, or whose output they leave as they find it.
+_SHIFTS_BY_TYPE = {schema.TensorType.INT8: 20, schema.TensorType.INT16: 15}
+_SHIFTS = {"ADD": _SHIFTS_BY_TYPE, "SUB": _SHIFTS_BY_TYPE}
+# Kinds that the reference kernels lack in the versions that converters write, or whose output they
+# leave as they find it.
 WITHOUT_REFERENCE = frozenset({"SUM", "TILE", "DEPTH_TO_SPACE"})

@@ -1,0 +1,194 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Quantises Keras models by the runtime's own converter.
+
+The converter and what it calls print much. None of it reaches the console: the lines go to the
+logger "bitfold.converter", warnings at the level WARNING and the rest at DEBUG, and where a
+conversion fails they are part of the error. The logger shows nothing before a handler is set, as by
+`logging.basicConfig()`.
+"""
+
+from __future__ import annotations
+
+import logging
+import re
+from collections.abc import Callable, Iterator, Sequence
+from typing import Any
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold.network import console
+from bitfold.network.calibration import Calibration, ModelInput
+
+_LOGGER = logging.getLogger("bitfold.converter")
+# Without it, warnings would be printed where nobody set up logging.
+_LOGGER.addHandler(logging.NullHandler())
+
+# Whose records belong to a conversion.
+_TALKERS = ("absl", "tensorflow")
+
+_WARNING = re.compile(r"W\d{4} |WARNING:|\S+:\d+: \w*Warning: ")
+_ERROR = re.compile(r"[EF]\d{4} |ERROR:|CRITICAL:")
+# What of the captured text goes into an error.
+_MOST_CHARACTERS = 8000
+
+
+def convert_keras(model: Any, calibration: Any, *, activation_bits: int = 8) -> bytes:
+    """Quantise a Keras model after training.
+
+    Weights have 8 bits and a scale for each output channel; batch normalisation is folded and
+    activations are fused. Inputs and outputs are called what they are called in the model. An
+    operator that has no quantised form stays in floats.
+
+    Args:
+        model: a functional or sequential Keras model that is built; it is not changed.
+        calibration: examples of inputs, the batch first, from which the ranges of tensors are
+            taken: an array; for several inputs a list of arrays in the order of `model.inputs` or a
+            dictionary by name; a `tf.data.Dataset` or an iterable of batches in one of these forms,
+            or of pairs of such a batch and labels. All of it is read, once.
+        activation_bits: 8, or 16 for tensors of 16 bits.
+
+    Returns:
+        The bytes of a model file whose inputs and outputs are integers.
+
+    Raises:
+        ValueError: the model has no known inputs, or the calibration data is empty, not finite or
+            does not fit them.
+        RuntimeError: the converter failed; its own words are part of the message.
+
+    Example:
+        >>> import keras, numpy as np
+        >>> from bitfold.network.converter import convert_keras
+        >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2)])
+        >>> file = convert_keras(model, np.linspace(-1, 1, 80).reshape(20, 4))
+        >>> file[4:8]
+        b'TFL3'
+    """
+    if activation_bits not in (8, 16):
+        raise ValueError(f"Need activation_bits of 8 or 16, got {activation_bits!r}")
+    inputs = _inputs(model)
+    data = Calibration(calibration, inputs)
+    failure = None
+    with console.captured(_TALKERS) as printed:
+        try:
+            file = _convert(model, inputs, data, activation_bits)
+        except Exception as error:
+            failure = error
+    for line in printed.text.splitlines():
+        if line.strip():
+            _LOGGER.log(_level(line), "%s", line)
+    if data.error is not None:
+        raise data.error
+    if failure is not None:
+        said = printed.text.strip()[-_MOST_CHARACTERS:] or "nothing"
+        raise RuntimeError(
+            f"the runtime's converter failed on {_described(model)}: {failure}\nIt printed:\n{said}"
+        ) from failure
+    return file
+
+
+def _level(line: str) -> int:
+    if _ERROR.match(line):
+        return logging.ERROR
+    return logging.WARNING if _WARNING.match(line) else logging.DEBUG
+
+
+def _described(model: Any) -> str:
+    return f"{type(model).__name__} {getattr(model, 'name', '')!r}"
+
+
+def _inputs(model: Any) -> list[ModelInput]:
+    """Return a model's inputs in its order."""
+    inputs = getattr(model, "inputs", None)
+    if not callable(model) or not inputs:
+        raise ValueError(
+            "Need a functional or sequential Keras model that is built, with known inputs, got "
+            f"{_described(model)}"
+        )
+    for variable in model.variables:
+        if not isinstance(_variable(variable), tf.Variable):
+            raise ValueError(
+                "Need a Keras model with TensorFlow as its backend, got a variable of "
+                f"{type(_variable(variable)).__name__}"
+            )
+    return [
+        ModelInput(entry.name, tuple(entry.shape[1:]), _numpy_type(entry.dtype)) for entry in inputs
+    ]
+
+
+def _numpy_type(dtype: Any) -> np.dtype:
+    return np.dtype(tf.as_dtype(dtype).as_numpy_dtype)
+
+
+def _variable(variable: Any) -> Any:
+    """Return the runtime's variable in one of Keras."""
+    return (
+        getattr(variable, "value", variable) if not isinstance(variable, tf.Variable) else variable
+    )
+
+
+def _convert(
+    model: Any, inputs: Sequence[ModelInput], data: Calibration, activation_bits: int
+) -> bytes:
+    keys = _keys([entry.name for entry in inputs])
+    # Keeps the variables that the function refers to, and nothing else of the model.
+    holder = tf.Module()
+    holder.kept = [_variable(variable) for variable in model.variables]
+    function = _inference(model, inputs, keys)
+    converter = tf.lite.TFLiteConverter.from_concrete_functions([function], holder)
+    converter.optimizations = [tf.lite.Optimize.DEFAULT]
+
+    def samples() -> Iterator[dict[str, np.ndarray]]:
+        for image in data.images():
+            yield dict(zip(keys, image, strict=True))
+
+    converter.representative_dataset = samples
+    sets = tf.lite.OpsSet
+    quantised, stored = (
+        (sets.TFLITE_BUILTINS_INT8, tf.int8)
+        if activation_bits == 8
+        else (sets.EXPERIMENTAL_TFLITE_BUILTINS_ACTIVATIONS_INT16_WEIGHTS_INT8, tf.int16)
+    )
+    converter.target_spec.supported_ops = [quantised, sets.TFLITE_BUILTINS]
+    converter.inference_input_type = converter.inference_output_type = stored
+    return converter.convert()
+
+
+def _inference(model: Any, inputs: Sequence[ModelInput], keys: Sequence[str]) -> Callable[..., Any]:
+    """Return a model as a function of a batch of any size, inputs and outputs by name."""
+    signature = [
+        tf.TensorSpec((None, *entry.shape), entry.dtype, key)
+        for entry, key in zip(inputs, keys, strict=True)
+    ]
+
+    def serve(*tensors: tf.Tensor) -> dict[str, tf.Tensor]:
+        results = model(tensors[0] if len(tensors) == 1 else list(tensors), training=False)
+        results = tf.nest.flatten(results)
+        return dict(zip(_output_keys(model, len(results)), results, strict=True))
+
+    # Keras needs no rewriting of Python's control flow.
+    return tf.function(serve, input_signature=signature, autograph=False).get_concrete_function()
+
+
+def _output_keys(model: Any, count: int) -> list[str]:
+    """Return what the outputs are called: as the layers that give them."""
+    names = list(getattr(model, "output_names", None) or [])
+    if not names and count == 1 and model.layers:
+        names = [model.layers[-1].name]
+    if len(names) != count:
+        names = [f"output_{i}" for i in range(count)]
+    return _keys(names)
+
+
+def _keys(names: Sequence[str]) -> list[str]:
+    """Return names as a signature takes them, all different."""
+    keys: list[str] = []
+    for name in names:
+        key = plain = re.sub(r"\W|^(?=[\d_])", lambda m: "_" if m[0] else "x", name, flags=re.A)
+        for number in range(1, len(names) + 1):
+            if key not in keys:
+                break
+            key = f"{plain}_{number}"
+        keys.append(key)
+    return keys
