@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-numeric demo-detect test check fuzz device-test bench wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect test check fuzz device-test bench wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -12,8 +12,13 @@ setup: ## virtual environment in .venv with the package built and installed
 	@scripts/setup.sh build
 	@scripts/install_package.sh
 
-demo: setup ## the accumulator study on handwritten digits: table, plot, numbers
-	@$(PYTHON) examples/digits/run.py --output-dir build/demo
+demo: ## a network trained on Fashion-MNIST, by accumulator width and shift: table, plot, numbers
+	@scripts/setup.sh demo
+	@scripts/install_package.sh
+	@$(PYTHON) examples/fashion/run.py --output-dir build/demo
+
+demo-digits: setup ## widths, shifts and half precision on handwritten digits, layer by layer
+	@$(PYTHON) examples/digits/run.py --output-dir build/demo-digits
 
 demo-numeric: setup ## softmax, layer norm and activation units in a transformer: errors and curves
 	@$(PYTHON) examples/numeric/run.py --output-dir build/demo-numeric

@@ -7,9 +7,9 @@
 The images of a batch have a thread each, in groups of 20, and share the machine's cores. The first
 table should show the same time for a multiply-add in every row but the smallest, or less. The
 second compares a stack of the size of an 18-layer residual network, in integers of 8 bits, with the
-stock float convolutions of the same shapes; the third the network of `make demo` over its test
-images, 24-bit accumulators, with the float network that it came from: a thread for each of many
-tiny images counts there.
+stock float convolutions of the same shapes; the third the network of `make demo-digits` over its
+test images, 24-bit accumulators, with the float network that it came from: what each call costs
+counts there.
 """
 
 from __future__ import annotations
@@ -108,18 +108,18 @@ def end_to_end(console: Console) -> None:
 
 def digits_demo(console: Console) -> None:
     """Print the time of the demo's network; its weights hardly matter and are trained briefly."""
-    sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "examples/digits"))
-    import emulate
+    examples = pathlib.Path(__file__).parent.parent / "examples"
+    sys.path[:0] = [str(examples / "digits"), str(examples / "common")]
     import model
-    import quantise
+    import pictures
 
-    digits = model.load_data()
-    network = model.train(digits, seed=1, epochs=1)
-    quantised = quantise.quantise(network, digits.train_images)
-    arithmetic = emulate.Arithmetic(accumulator_size=24)
+    digits = pictures.load_digits()
+    trained = model.train(digits, seed=1, epochs=1)
+    network = bitfold.Network.from_keras(trained, calibration=digits.train_images)
+    narrow = network.with_arithmetic(bitfold.Arithmetic(accumulator_size=24))
     images = digits.test_images
-    a = seconds(lambda: emulate.run(quantised, images, arithmetic), BUDGET)
-    b = seconds(lambda: model.predict(network, images), BUDGET)
+    a = seconds(lambda: narrow.predict(images), BUDGET)
+    b = seconds(lambda: trained.predict(images, verbose=0), BUDGET)
     table = Table(title=f"the digits demo's network, {len(images)} images")
     for column in ("bitfold, 24 bits: ms", "stock, float: ms", "ratio"):
         table.add_column(column, justify="right")

@@ -6,7 +6,8 @@
 # where that is allowed), makes the virtual environment .venv with the pinned Python packages, and
 # lays out what compiles device code in .cuda.
 #
-#   scripts/setup.sh build    what building the package and the demo needs
+#   scripts/setup.sh build    what building the package needs
+#   scripts/setup.sh demo     that, and the demo's data set; the demo has another where this fails
 #   scripts/setup.sh tests    that, and what the C++ tests and the lint need
 #   scripts/setup.sh bench    that, and what the C++ benchmarks need
 #
@@ -52,6 +53,12 @@ find_missing() {
   if [ "$goal" = bench ]; then need libbenchmark-dev has_header benchmark/benchmark.h; fi
 }
 
+apt_install() { # apt_install PACKAGE...
+  as_root apt-get update -qq &&
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+      "$@" >/dev/null
+}
+
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo -n "$@"; fi; }
 
 install_missing() {
@@ -65,9 +72,7 @@ install_missing() {
       "then run this again."
   fi
   say "Installing ${missing[*]} with apt."
-  as_root apt-get update -qq
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}" >/dev/null ||
+  apt_install "${missing[@]}" ||
     fail "apt could not install ${missing[*]}. (Without tests clang-19 is for device code alone; BITFOLD_GPU=OFF" \
       "in the environment does without.)"
 }
@@ -81,6 +86,13 @@ if [ ${#missing[@]} -gt 0 ]; then
   find_missing
   [ ${#missing[@]} -eq 0 ] ||
     fail "Still missing after apt's run: ${missing[*]} (cmake must be 3.25 or newer)."
+fi
+
+pictures=/usr/share/datasets/fashion-mnist
+if [ "$goal" = demo ] && [ ! -d $pictures ]; then
+  say "Installing dataset-fashion-mnist (31 MB)."
+  { as_root true && apt_install dataset-fashion-mnist; } >/dev/null 2>&1 ||
+    say "It could not be had, for want of root, apt or a network: the demo takes other pictures."
 fi
 
 # --- Python packages ------------------------------------------------------------------------------

@@ -11,11 +11,12 @@ import numpy as np
 
 import integers
 from bitfold.detection import Detections
+from bits import bits_needed
 from cascade import Level, Result, detect, make_pyramid
+from console import Report
 from floats import FloatArithmetic
 from integers import EmulatedArithmetic, IntegerNetwork, quantise
 from networks import Network
-from report import Report
 
 WIDTHS = tuple(range(20, 11, -1))
 """Accumulators that are compared with those of 32 bits."""
@@ -202,8 +203,7 @@ def _bits_needed(sums: Sums) -> dict[str, int]:
     bits: dict[str, int] = {}
     for run in sums:
         for name, values in run.items():
-            largest = max(int(values.max()), -1 - int(values.min()))
-            bits[name] = max(bits.get(name, 0), largest.bit_length() + 1)
+            bits[name] = max(bits.get(name, 0), bits_needed(values))
     return bits
 
 

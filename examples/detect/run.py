@@ -10,8 +10,8 @@ import sys
 import time
 from pathlib import Path
 
-# The reports and the start of the command line are those of another example.
-sys.path.append(str(Path(__file__).resolve().parent.parent / "digits"))
+# What the examples share.
+sys.path.append(str(Path(__file__).resolve().parent.parent / "common"))
 
 import command
 
@@ -41,15 +41,15 @@ def run(options: argparse.Namespace) -> None:
     import compare
     import networks
     import photos
-    import report
     import show
+    from console import make_console, progress_reports
 
-    console = report.make_console()
+    console = make_console()
     started = time.perf_counter()
     photo = photos.load(options.photo)
     if min(photo.shape[:2]) < options.smallest_face:
         raise SystemExit("error: the photo is smaller than --smallest-face; lower that")
-    with report.progress_reports(console, 2 + len(compare.WIDTHS)) as progress:
+    with progress_reports(console, 2 + len(compare.WIDTHS)) as progress:
         study = compare.run_study(
             networks.load_networks(), photo, photos.calibration(), options.smallest_face, progress
         )

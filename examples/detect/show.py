@@ -12,13 +12,12 @@ import matplotlib.pyplot as plt
 import numpy as np
 from matplotlib.axes import Axes
 from matplotlib.patches import Rectangle
-from rich import box
 from rich.console import Console
 from rich.table import Table
 
 from bitfold.detection import Detections
 from compare import MATCHING_IOU, Agreement, Study
-from report import COLOURS
+from console import COLOURS, table_style
 
 STAGES = ("proposals", "faces")
 
@@ -150,5 +149,4 @@ def _number(value: float | None) -> str:
 
 def _table(console: Console, title: str, caption: str) -> Table:
     """An empty table: plain characters where stdout is no terminal."""
-    style = box.SIMPLE_HEAD if console.is_terminal else box.ASCII2
-    return Table(title=title, caption=caption, box=style)
+    return Table(title=title, caption=caption, box=table_style(console))

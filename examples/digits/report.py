@@ -1,61 +1,28 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
 
-"""What the study shows: progress, table, picture and JSON."""
+"""What the study shows: table, picture and JSON."""
 
 from __future__ import annotations
 
 import json
-from collections.abc import Iterator
-from contextlib import contextmanager
 from pathlib import Path
 
-import matplotlib
-
-matplotlib.use("Agg")
 import matplotlib.pyplot as plt
 from matplotlib.axes import Axes
-from rich import box
 from rich.console import Console
-from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeElapsedColumn
 from rich.table import Table
 
-from study import HALF_SHIFTS, SHIFTS, Report, Study
-
-COLOURS = ("#0072B2", "#E69F00", "#009E73", "#CC79A7", "#56B4E9", "#D55E00")
-"""Colours that remain distinct for colour-blind readers."""
-
-MARKERS = ("o", "s", "^", "D", "v", "P")
-PLAIN_WIDTH = 110
-
-
-def make_console() -> Console:
-    """A console that writes plain lines where stdout is no terminal."""
-    plain = Console()
-    return plain if plain.is_terminal else Console(width=PLAIN_WIDTH, highlight=False)
-
-
-@contextmanager
-def progress_reports(console: Console, runs: int) -> Iterator[Report]:
-    """Yield a function to call after runs: a bar on a terminal, else one line per call."""
-    if not console.is_terminal:
-        yield lambda line, _: console.print(line, soft_wrap=True)
-        return
-    columns = (
-        BarColumn(), MofNCompleteColumn(), TimeElapsedColumn(),
-        TextColumn("{task.description}"),
-    )  # fmt: skip
-    with Progress(*columns, console=console, transient=True) as progress:
-        task = progress.add_task("32-bit accumulators", total=runs)
-        yield lambda line, done: progress.update(task, advance=done, description=line)
+from console import COLOURS, MARKERS, table_style
+from study import HALF_SHIFTS, SHIFTS, Study
 
 
 def print_width_table(console: Console, study: Study, float_accuracy: float) -> None:
     """Print accuracy and differing values for every width."""
     table = Table(
-        title="Values that differ from the 32-bit run, by layer and accumulator width",
-        caption="Bits needed: narrowest accumulator that holds every final sum of the 32-bit run.",
-        box=_table_style(console),
+        title="Sums that differ from the exact run, by layer and accumulator width",
+        caption="Bits needed: narrowest accumulator that holds every final sum of the exact run.",
+        box=table_style(console),
     )
     table.add_column("accumulator")
     table.add_column("accuracy", justify="right")
@@ -63,7 +30,7 @@ def print_width_table(console: Console, study: Study, float_accuracy: float) -> 
         table.add_column(name, justify="right")
     blank = ["-"] * len(study.values)
     table.add_row("float network", f"{float_accuracy:.2%}", *blank)
-    table.add_row("32 bits", f"{study.wide_accuracy:.2%}", *["0"] * len(blank), end_section=True)
+    table.add_row("exact", f"{study.exact_accuracy:.2%}", *["0"] * len(blank), end_section=True)
     for result in reversed(study.widths):
         counts = [f"{count:,}" for count in result.differing.values()]
         table.add_row(f"{result.width} bits", f"{result.accuracy:.2%}", *counts)
@@ -78,7 +45,7 @@ def print_shift_table(console: Console, study: Study) -> None:
     table = Table(
         title="Accuracy by shift (addends divided by 2^shift)",
         min_width=50,
-        box=_table_style(console),
+        box=table_style(console),
     )
     accuracies = {(s.accumulator, s.shift): s.accuracy for s in study.shifts}
     for heading in ("shift", f"{study.narrow_width} bits", "32 bits", "half precision"):
@@ -94,12 +61,12 @@ def print_summary(console: Console, study: Study, float_accuracy: float, images:
     """Say in a few sentences what was done and found."""
     enough = _narrowest_harmless(study)
     narrow = {s.shift: s.accuracy for s in study.shifts if s.accumulator == "narrow"}
-    target = min(study.wide_accuracy, max(narrow.values()))
+    target = min(study.exact_accuracy, max(narrow.values()))
     best = min(shift for shift, accuracy in narrow.items() if accuracy >= target)
     console.print(
         f"The float network gets {float_accuracy:.2%} of the {images} test images right; the "
-        f"quantised one on Bitfold's operations gets {study.wide_accuracy:.2%} with 32-bit "
-        f"accumulators, and no fewer with {enough} bits or more. "
+        f"network of whole numbers gets {study.exact_accuracy:.2%} with exact "
+        f"sums, and no fewer with {enough} bits or more. "
         f"With {study.narrow_width}-bit accumulators it gets {narrow[0]:.2%}, and "
         f"{narrow[best]:.2%} once every addend is shifted right by {best} bits.",
         soft_wrap=True,
@@ -139,7 +106,7 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
 
 
 def _plot_wrapped(axes: Axes, study: Study) -> None:
-    """Share of wrapped values by layer over the accumulator's width."""
+    """Share of wrapped sums by layer over the accumulator's width."""
     widths = [result.width for result in study.widths]
     for name, colour, marker in zip(study.values, COLOURS, MARKERS, strict=True):
         shares = [100 * result.wrapped_share[name] or float("nan") for result in study.widths]
@@ -151,9 +118,9 @@ def _plot_wrapped(axes: Axes, study: Study) -> None:
     axes.set_xlim(widths[0] - 0.8, widths[-1] + 0.8)
     axes.set_xticks(widths[::2])
     axes.set(
-        title="Wrapped values in each layer\n(fed with the 32-bit run's inputs)",
+        title="Wrapped sums in each layer\n(each layer alone, on exact inputs)",
         xlabel="accumulator width [bits]",
-        ylabel="share of wrapped values [%] (zero not drawn)",
+        ylabel="share of wrapped sums [%] (zero not drawn)",
     )
     axes.legend(loc="lower left", fontsize=9.5)
 
@@ -177,9 +144,9 @@ def _plot_shifts(axes: Axes, study: Study, float_accuracy: float) -> None:
 
 
 def _draw_baselines(axes: Axes, study: Study, float_accuracy: float) -> None:
-    """Horizontal lines for the float network and the 32-bit accumulators."""
-    axes.axhline(100 * study.wide_accuracy, color="silver", linewidth=4, zorder=1,
-                 label=f"32-bit, no shift ({study.wide_accuracy:.1%})")  # fmt: skip
+    """Horizontal lines for the float network and exact sums."""
+    axes.axhline(100 * study.exact_accuracy, color="silver", linewidth=4, zorder=1,
+                 label=f"exact sums ({study.exact_accuracy:.1%})")  # fmt: skip
     axes.axhline(100 * float_accuracy, color="black", linestyle="--", linewidth=1, zorder=1.5,
                  label=f"float network ({float_accuracy:.1%})")  # fmt: skip
 
@@ -192,16 +159,11 @@ def _finish_accuracy_axis(axes: Axes, ticks: list[int], legend: str) -> None:
     axes.legend(loc=legend, fontsize=9.5)
 
 
-def _table_style(console: Console) -> box.Box:
-    """Borders of a table: plain characters where stdout is no terminal."""
-    return box.SIMPLE_HEAD if console.is_terminal else box.ASCII2
-
-
 def _narrowest_harmless(study: Study) -> int:
-    """Narrowest width such that it and all wider ones are as accurate as 32 bits."""
+    """Narrowest width such that it and all wider ones are as accurate as exact sums."""
     narrowest = 32
     for result in reversed(study.widths):
-        if result.accuracy < study.wide_accuracy:
+        if result.accuracy < study.exact_accuracy:
             break
         narrowest = result.width
     return narrowest

@@ -1,46 +1,49 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
 
-"""Train a small digit classifier, quantise it and study its accumulators on Bitfold."""
+"""Train a small digit classifier, import it as whole numbers and study its accumulators."""
 
 from __future__ import annotations
 
 import argparse
 import sys
 import time
+from pathlib import Path
+
+# What the examples share.
+sys.path.append(str(Path(__file__).resolve().parent.parent / "common"))
 
 import command
 
 
 def run(options: argparse.Namespace) -> None:
-    """Do the whole job: train, quantise, measure, report."""
+    """Do the whole job: train, import, measure, report."""
     import model
-    import quantise
+    import pictures
     import report
     import study
+    from console import make_console, progress_reports
 
-    console = report.make_console()
+    console = make_console()
     started = time.perf_counter()
-    digits = model.load_data()
+    digits = pictures.load_digits()
     images = digits.test_images[: options.images]
     labels = digits.test_labels[: options.images]
 
     console.print(f"Training on {len(digits.train_labels)} images, {options.epochs} epochs ...")
     float_network = model.train(digits, options.seed, options.epochs)
-    float_accuracy = model.accuracy(model.predict(float_network, images), labels)
+    float_accuracy = model.accuracy(float_network, images, labels)
     trained = time.perf_counter()
     console.print(f"Float network: accuracy {float_accuracy:.2%} after {trained - started:.1f} s")
 
-    network = quantise.quantise(float_network, digits.train_images)
-    with report.progress_reports(console, study.RUNS) as progress:
-        results = study.run_study(network, images, labels, progress)
+    with progress_reports(console, study.RUNS) as progress:
+        results = study.run_study(float_network, digits.train_images, images, labels, progress)
     measured = time.perf_counter()
 
     settings = {
         "seed": options.seed,
         "epochs": options.epochs,
         "test_images": len(labels),
-        "skip_factor": network.skip_factor,
         "training_seconds": round(trained - started, 1),
         "study_seconds": round(measured - trained, 1),
     }
@@ -60,8 +63,5 @@ def run(options: argparse.Namespace) -> None:
 
 
 if __name__ == "__main__":
-    sys.exit(
-        command.start(
-            run, command.parse_arguments(__doc__, "build/demo", 50, "accumulator_width.png")
-        )
-    )
+    parser = command.make_parser(__doc__, "build/demo-digits", 50, "accumulator_width.png")
+    sys.exit(command.start(run, parser.parse_args()))

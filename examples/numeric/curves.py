@@ -13,9 +13,9 @@ from matplotlib.axes import Axes
 
 import bitfold
 from bitfold import tables
+from console import COLOURS
 from encoder import FloatUnits
 from measure import Study, float_result
-from report import COLOURS
 
 NARROW, WIDE, FUNCTION = COLOURS[1], COLOURS[0], "black"
 POINTS = 3000

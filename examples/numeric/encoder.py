@@ -11,7 +11,7 @@ from typing import Protocol
 import numpy as np
 import tensorflow as tf
 
-from model import CLASSES, Digits, to_float
+from pictures import CLASSES, Dataset
 
 BLOCKS = 2
 WIDTH = 32
@@ -103,7 +103,7 @@ class Encoder(tf.keras.Model):
         return self.mix[block](tf.reshape(tf.transpose(mixed, [0, 2, 1, 3]), [-1, TOKENS, WIDTH]))
 
 
-def train(digits: Digits, seed: int, epochs: int, finished: Callable[[int], None]) -> Encoder:
+def train(digits: Dataset, seed: int, epochs: int, finished: Callable[[int], None]) -> Encoder:
     """Train from scratch and call `finished` after each epoch; a seed gives the same weights."""
     tf.keras.utils.set_random_seed(seed)
     tf.config.experimental.enable_op_determinism()
@@ -115,7 +115,7 @@ def train(digits: Digits, seed: int, epochs: int, finished: Callable[[int], None
         loss=tf.keras.losses.SparseCategoricalCrossentropy(from_logits=True),
     )
     encoder.fit(
-        to_float(digits.train_images), digits.train_labels, batch_size=32, epochs=epochs,
+        digits.train_images, digits.train_labels, batch_size=32, epochs=epochs,
         verbose=0,
         callbacks=[tf.keras.callbacks.LambdaCallback(on_epoch_end=lambda n, _: finished(n + 1))],
     )  # fmt: skip
@@ -123,5 +123,5 @@ def train(digits: Digits, seed: int, epochs: int, finished: Callable[[int], None
 
 
 def predict(encoder: Encoder, images: np.ndarray, units: Units) -> np.ndarray:
-    """Class of each int image [n, 8, 8, 1], int64 [n]."""
-    return encoder.scores(to_float(images), units).numpy().argmax(axis=-1)
+    """Class of each float image [n, 8, 8, 1], int64 [n]."""
+    return encoder.scores(images, units).numpy().argmax(axis=-1)

@@ -10,9 +10,8 @@ from dataclasses import asdict, dataclass
 import numpy as np
 
 import encoder
+from console import Report
 from encoder import Encoder, FloatUnits
-from model import accuracy
-from report import Report
 from units import KINDS, BitfoldUnits, Recorder, Site, prepare
 
 WIDTHS = {8: KINDS, 16: ("norm", "gelu")}
@@ -84,7 +83,7 @@ def run_study(
     labels: np.ndarray,
     report: Report,
 ) -> Study:
-    """Measure over int32 images [n, 8, 8, 1]; scales come from the training images."""
+    """Measure over float32 images [n, 8, 8, 1]; scales come from the training images."""
     calibration, recorder = Recorder(), Recorder()
     encoder.predict(network, train_images, calibration)
     expected = encoder.predict(network, images, recorder)
@@ -96,16 +95,20 @@ def run_study(
         for kinds in (*((kind,) for kind in measured), KINDS):
             predictions = encoder.predict(network, images, BitfoldUnits(sites, kinds))
             result = RunResult(
-                kinds, bits, accuracy(predictions, labels), accuracy(predictions, expected)
+                kinds, bits, _share(predictions == labels), _share(predictions == expected)
             )
             runs.append(result)
             report(f"{bits} bits, {', '.join(kinds)} emulated: {result.accuracy:.2%}", 1)
-    return Study(accuracy(expected, labels), results, runs, prepared, recorder.inputs)
+    return Study(_share(expected == labels), results, runs, prepared, recorder.inputs)
 
 
 def float_result(site: Site, name: str, x: np.ndarray) -> np.ndarray:
     """The float function of a site for real inputs."""
     return getattr(FloatUnits(), site.kind)(name, x).numpy()
+
+
+def _share(right: np.ndarray) -> float:
+    return float(np.mean(right))
 
 
 def _measure_unit(

@@ -10,8 +10,8 @@ import sys
 import time
 from pathlib import Path
 
-# The data, the reports and the command line are those of the other example.
-sys.path.append(str(Path(__file__).resolve().parent.parent / "digits"))
+# What the examples share.
+sys.path.append(str(Path(__file__).resolve().parent.parent / "common"))
 
 import command
 
@@ -21,17 +21,17 @@ def run(options: argparse.Namespace) -> None:
     import curves
     import encoder
     import measure
-    import model
-    import report
+    import pictures
     import show
+    from console import make_console, progress_reports
 
-    console = report.make_console()
+    console = make_console()
     started = time.perf_counter()
-    digits = model.load_data()
+    digits = pictures.load_digits()
     images = digits.test_images[: options.images]
     labels = digits.test_labels[: options.images]
 
-    with report.progress_reports(console, options.epochs + measure.STEPS) as progress:
+    with progress_reports(console, options.epochs + measure.STEPS) as progress:
         count = len(digits.train_labels)
         progress(f"Training on {count} images, epochs: {options.epochs}", 0)
 
@@ -67,8 +67,5 @@ def run(options: argparse.Namespace) -> None:
 
 
 if __name__ == "__main__":
-    sys.exit(
-        command.start(
-            run, command.parse_arguments(__doc__, "build/demo-numeric", 40, "transfer_curves.png")
-        )
-    )
+    parser = command.make_parser(__doc__, "build/demo-numeric", 40, "transfer_curves.png")
+    sys.exit(command.start(run, parser.parse_args()))

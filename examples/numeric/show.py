@@ -8,10 +8,10 @@ from __future__ import annotations
 import json
 from pathlib import Path
 
-from rich import box
 from rich.console import Console
 from rich.table import Table
 
+from console import table_style
 from measure import Study
 from units import KINDS
 
@@ -87,5 +87,4 @@ def write_json(path: Path, settings: dict[str, object], study: Study) -> None:
 
 def _table(console: Console, title: str, caption: str | None) -> Table:
     """An empty table: plain characters where stdout is no terminal."""
-    style = box.SIMPLE_HEAD if console.is_terminal else box.ASCII2
-    return Table(title=title, caption=caption, box=style)
+    return Table(title=title, caption=caption, box=table_style(console))

@@ -4,11 +4,14 @@
 
 from __future__ import annotations
 
+import gzip
+import importlib.util
 import json
 import subprocess
 import sys
 from pathlib import Path
 
+import numpy as np
 import pytest
 
 pytestmark = pytest.mark.slow
@@ -24,17 +27,62 @@ def _run(program: Path, output: Path, *options: str) -> str:
     return result.stdout
 
 
-def test_digits_study(tmp_path):
-    """The table names every width, the files exist, and 24 bits change nothing here."""
-    text = _run(EXAMPLES / "digits" / "run.py", tmp_path, "--images", "20", "--epochs", "2")
-    picture, numbers = tmp_path / "accumulator_width.png", tmp_path / "results.json"
-    assert picture.read_bytes().startswith(b"\x89PNG")
-    assert str(picture) in text
+def _check_files(text: str, output: Path, picture: str) -> dict:
+    """Check that picture and numbers are there and named; return the numbers."""
+    numbers = output / "results.json"
+    assert (output / picture).read_bytes().startswith(b"\x89PNG")
+    assert str(output / picture) in text
     assert str(numbers) in text
-    results = json.loads(numbers.read_text())
+    return json.loads(numbers.read_text())
+
+
+def test_fashion_study(tmp_path):
+    """The demo without its data set: digits, trained once and read the second time."""
+    program = EXAMPLES / "fashion" / "run.py"
+    options = ("--images", "40", "--epochs", "2", "--data-dir", str(tmp_path / "nowhere"))
+    text = _run(program, tmp_path, *options)
+    assert "digits of scikit-learn" in text
+    first = _check_files(text, tmp_path, "accumulator_width.png")
+    assert [int(width) for width in first["accuracies"]["0"]] == list(range(14, 25))
+    assert first["accuracies"]["0"]["24"] == first["exact_accuracy"]
+    assert len(first["layers"]) == 10
+    assert not any(layer["beyond"]["24"] for layer in first["layers"])
+    again = _run(program, tmp_path, *options)
+    assert "Weights from" in again
+    second = _check_files(again, tmp_path, "accumulator_width.png")
+    assert second["accuracies"] == first["accuracies"]
+    assert second["layers"] == first["layers"]
+
+
+def test_fashion_pictures(tmp_path):
+    """Bytes of a data set's files come back as pictures and classes."""
+    spec = importlib.util.spec_from_file_location("pictures", EXAMPLES / "common" / "pictures.py")
+    pictures = importlib.util.module_from_spec(spec)
+    sys.modules[spec.name] = pictures
+    spec.loader.exec_module(pictures)
+    for part, count in (("train", 3), ("t10k", 2)):
+        labels = bytes([0, 0, 8, 1, 0, 0, 0, count, *range(count)])
+        sizes = [0, 0, 0, count, 0, 0, 0, 4, 0, 0, 0, 5]
+        images = bytes([0, 0, 8, 3, *sizes, *range(255, 255 - 20 * count, -1)])
+        (tmp_path / f"{part}-labels-idx1-ubyte.gz").write_bytes(gzip.compress(labels))
+        (tmp_path / f"{part}-images-idx3-ubyte.gz").write_bytes(gzip.compress(images))
+    dataset = pictures.load_fashion(tmp_path)
+    assert dataset.train_images.shape == (3, 4, 5, 1)
+    assert dataset.train_images.dtype == np.float32
+    assert dataset.train_images[0, 0, 0, 0] == 1
+    assert dataset.test_images[1, 3, 4, 0] == np.float32(216) / np.float32(255)
+    assert dataset.test_labels.tolist() == [0, 1]
+    assert pictures.load_fashion(tmp_path / "nowhere") is None
+
+
+def test_digits_study(tmp_path):
+    """The table names every width, and 24 bits change nothing here."""
+    text = _run(EXAMPLES / "digits" / "run.py", tmp_path, "--images", "20", "--epochs", "2")
+    results = _check_files(text, tmp_path, "accumulator_width.png")
     assert [row["width"] for row in results["widths"]] == list(range(8, 25))
     widest, narrowest = results["widths"][-1], results["widths"][0]
     assert not any(widest["differing"].values())
+    assert not any(widest["wrapped_share"].values())
     assert all(narrowest["differing"].values())
 
 
@@ -42,22 +90,15 @@ def test_numeric_units(tmp_path):
     """Every unit's error stays within the bound that its table states."""
     program = EXAMPLES / "numeric" / "run.py"
     text = _run(program, tmp_path, "--images", "50", "--epochs", "1")
-    picture, numbers = tmp_path / "transfer_curves.png", tmp_path / "results.json"
-    assert picture.read_bytes().startswith(b"\x89PNG")
-    assert str(picture) in text
-    assert str(numbers) in text
-    assert json.loads(numbers.read_text())
+    results = _check_files(text, tmp_path, "transfer_curves.png")
+    assert results
 
 
 def test_detector(tmp_path):
     """The face is found in float and emulated, and 20-bit accumulators change nothing."""
     program = EXAMPLES / "detect" / "run.py"
     text = _run(program, tmp_path, "--smallest-face", "60")
-    picture, numbers = tmp_path / "detect_boxes.png", tmp_path / "results.json"
-    assert picture.read_bytes().startswith(b"\x89PNG")
-    assert str(picture) in text
-    assert str(numbers) in text
-    results = json.loads(numbers.read_text())
+    results = _check_files(text, tmp_path, "detect_boxes.png")
     assert [row["width"] for row in results["widths"]] == [32, *range(20, 11, -1)]
     for row in results["widths"][:2]:
         assert row["faces"]["boxes"] == row["faces"]["float_boxes"] == row["faces"]["matched"] == 1

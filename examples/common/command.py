@@ -24,10 +24,10 @@ def positive(text: str) -> int:
     return value
 
 
-def parse_arguments(
-    description: str, output_dir: str, epochs: int, picture: str
-) -> argparse.Namespace:
-    """Parse the command line of an example with these defaults and this picture."""
+def make_parser(
+    description: str, output_dir: str, epochs: int | None, picture: str
+) -> argparse.ArgumentParser:
+    """Make the command line of an example that trains, with these defaults and this picture."""
     parser = argparse.ArgumentParser(
         description=description,
         epilog=f"Writes {picture} and results.json to the output directory.",
@@ -41,13 +41,13 @@ def parse_arguments(
     )
     parser.add_argument(
         "--epochs", type=positive, default=epochs,
-        help="epochs of the training (default: %(default)s)",
+        help=f"epochs of the training (default: {epochs or 'what the data set needs'})",
     )  # fmt: skip
     parser.add_argument(
         "--images", type=positive, metavar="N",
         help="use only the first N images of the test split (default: all)",
     )  # fmt: skip
-    return parser.parse_args()
+    return parser
 
 
 def missing_bitfold() -> str | None:
