@@ -4,8 +4,9 @@
 
 The converter and what it calls print much. None of it reaches the console: the lines go to the
 logger "bitfold.converter", warnings at the level WARNING and the rest at DEBUG, and where a
-conversion fails they are part of the error. The logger shows nothing before a handler is set, as by
-`logging.basicConfig()`.
+conversion fails they are part of the error. The logger shows them to handlers of its own,
+`logging.getLogger("bitfold.converter").addHandler(logging.StreamHandler())`, and to no others:
+libraries set up the root logger without being asked.
 """
 
 from __future__ import annotations
@@ -22,8 +23,9 @@ from bitfold.network import console
 from bitfold.network.calibration import Calibration, ModelInput
 
 _LOGGER = logging.getLogger("bitfold.converter")
-# Without it, warnings would be printed where nobody set up logging.
+# Without a handler, Python prints warnings itself.
 _LOGGER.addHandler(logging.NullHandler())
+_LOGGER.propagate = False
 
 # Whose records belong to a conversion.
 _TALKERS = ("absl", "tensorflow")
@@ -162,9 +164,14 @@ def _inference(model: Any, inputs: Sequence[ModelInput], keys: Sequence[str]) ->
         for entry, key in zip(inputs, keys, strict=True)
     ]
 
+    # A model whose inputs were given as a dictionary takes one.
+    structure = getattr(model, "_inputs_struct", None)
+    if not isinstance(structure, dict):
+        structure = model.inputs[0] if len(inputs) == 1 else list(model.inputs)
+
     def serve(*tensors: tf.Tensor) -> dict[str, tf.Tensor]:
-        results = model(tensors[0] if len(tensors) == 1 else list(tensors), training=False)
-        results = tf.nest.flatten(results)
+        given = tf.nest.pack_sequence_as(structure, tensors)
+        results = tf.nest.flatten(model(given, training=False))
         return dict(zip(_output_keys(model, len(results)), results, strict=True))
 
     # Keras needs no rewriting of Python's control flow.

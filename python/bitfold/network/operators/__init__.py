@@ -35,9 +35,9 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
+from bitfold.network.operators.sum import Extreme, Sum
 from bitfold.network.operators.sum_of_two import Addition
-from bitfold.network.operators.table import KINDS, Table
+from bitfold.network.operators.table import Table
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
 from bitfold.network.operators.transpose_conv import TransposeConvolution
@@ -74,8 +74,8 @@ STEPS: dict[str, type[Step]] = {
     "PADV2": Pad,
     "PRELU": Prelu,
     "QUANTIZE": Rescale,
-    "REDUCE_MAX": ReducedExtreme,
-    "REDUCE_MIN": ReducedExtreme,
+    "REDUCE_MAX": Extreme,
+    "REDUCE_MIN": Extreme,
     "RESHAPE": Reshape,
     "RESIZE_BILINEAR": ResizeBilinear,
     "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
@@ -90,12 +90,11 @@ STEPS: dict[str, type[Step]] = {
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
     "SUB": Addition,
-    "SUM": ReducedSum,
+    "SUM": Sum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
     "TRANSPOSE_CONV": TransposeConvolution,
     "UNPACK": Unpack,
-    **dict.fromkeys(KINDS, Table),
 }
 
 # The same where data is float32 and the operator computes with it.
