@@ -35,7 +35,7 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import Extreme, Sum
+from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
 from bitfold.network.operators.sum_of_two import Addition
 from bitfold.network.operators.table import Table
 from bitfold.network.operators.tile import BroadcastTo, Tile
@@ -49,6 +49,7 @@ from bitfold.network.operators.unit_softmax import UnitSoftmax
 __all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
+    "ABS": Table,
     "ADD": Addition,
     "AVERAGE_POOL_2D": AveragePool,
     "BATCH_MATMUL": MatrixProduct,
@@ -60,37 +61,52 @@ STEPS: dict[str, type[Step]] = {
     "DEPTHWISE_CONV_2D": DepthwiseConvolution,
     "DEPTH_TO_SPACE": DepthToSpace,
     "DEQUANTIZE": Dequantise,
+    "ELU": Table,
+    "EXP": Table,
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
     "GATHER": Gather,
+    "GELU": Table,
+    "HARD_SWISH": Table,
+    "LEAKY_RELU": Table,
+    "LOG": Table,
+    "LOGISTIC": Table,
     "MAXIMUM": ElementExtreme,
     "MAX_POOL_2D": MaxPool,
     "MEAN": Mean,
     "MINIMUM": ElementExtreme,
     "MIRROR_PAD": MirrorPad,
     "MUL": Product,
+    "NEG": Table,
     "PACK": Pack,
     "PAD": Pad,
     "PADV2": Pad,
     "PRELU": Prelu,
     "QUANTIZE": Rescale,
-    "REDUCE_MAX": Extreme,
-    "REDUCE_MIN": Extreme,
+    "REDUCE_MAX": ReducedExtreme,
+    "REDUCE_MIN": ReducedExtreme,
+    "RELU": Table,
+    "RELU6": Table,
+    "RELU_0_TO_1": Table,
+    "RELU_N1_TO_1": Table,
     "RESHAPE": Reshape,
     "RESIZE_BILINEAR": ResizeBilinear,
     "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
     "REVERSE_V2": Reverse,
+    "RSQRT": Table,
     "SLICE": Slice,
     "SOFTMAX": Softmax,
     "SPACE_TO_BATCH_ND": SpaceToBatch,
     "SPACE_TO_DEPTH": SpaceToDepth,
     "SPLIT": Split,
     "SPLIT_V": SplitV,
+    "SQRT": Table,
     "SQUARED_DIFFERENCE": SquaredDifference,
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
     "SUB": Addition,
-    "SUM": Sum,
+    "SUM": ReducedSum,
+    "TANH": Table,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
     "TRANSPOSE_CONV": TransposeConvolution,
