@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """PRELU: elements below zero are multiplied by a constant of their channel or place.
 
-Alpha is stored in 8 bits, beside data of 16 as well. With x and alpha less their zero points: x at input scale / output scale, below zero x * alpha at
-input scale * alpha's scale / output scale, each in two roundings.
+Alpha is stored in 8 bits, beside data of 16 as well. With x and alpha less their zero points: x at
+input scale / output scale, below zero x * alpha at input scale * alpha's scale / output scale, each
+in two roundings.
 """
 
 from __future__ import annotations
