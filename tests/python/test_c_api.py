@@ -81,13 +81,13 @@ def test_header_alone(tmp_path, standard, header):
 
 
 def test_warning_counts_from_c(tmp_path):
-    """Counts are visited from C; nothing has counted yet, and the setting has no calls under way."""
+    """The functions link; nothing has counted yet, and no listener is being called."""
     source = tmp_path / "counts.c"
     source.write_text(
         '#include "bitfold/warning_counts.h"\n'
         "static int visited = 0;\n"
-        "static void visit(const char* op, const char* node, const BitfoldWarningCounts* counts) {\n"
-        "  visited += op != 0 && node != 0 && counts->out_of_bounds >= 0;\n"
+        "static void visit(const char* op, const char* node, const BitfoldWarningCounts* n) {\n"
+        "  visited += op != 0 && node != 0 && n->out_of_bounds >= 0;\n"
         "}\n"
         "int main(void) {\n"
         "  if (bitfold_set_warnings(1, visit) != 0 || bitfold_counting_word()[0] == 0) return 1;\n"
