@@ -68,8 +68,8 @@ def print_summary(console: Console, study: Study, float_accuracy: float, images:
     console.print(
         f"The float network gets {float_accuracy:.2%} of the {images:,} test images right, its "
         f"integers {study.exact_accuracy:.2%}. {needed} bits hold every sum of the "
-        f"{min(images, LOOKED_AT):,} images looked at. Down to {enough} bits at most one image in a "
-        f"hundred is lost; with one fewer {plain.get(enough - 1, 0):.2%} are right. "
+        f"{min(images, LOOKED_AT):,} images looked at. Down to {enough} bits at most one image in "
+        f"a hundred is lost; with one fewer {plain.get(enough - 1, 0):.2%} are right. "
         f"{SETTINGS[-1].title}: the same holds down to {least} bits.",
         soft_wrap=True,
     )
