@@ -14,19 +14,25 @@ constexpr int64_t kPositions = 56 * 56;
 constexpr int64_t kChannels = 64;
 constexpr int kPoints = 7;
 
-void HActivationUnit(benchmark::State& state, decltype(DefineActivation)* run) {
+// One group of all channels, or as many groups as channels.
+void HActivationUnit(benchmark::State& state, decltype(DefineActivation)* run, int64_t count) {
   const std::vector<int64_t> in = RandomIntegers<int64_t>(kPositions * kChannels, -2000, 2000);
+  const auto entries = static_cast<size_t>(count) * (kPoints + 1);
   std::vector<int64_t> x_points;
-  for (int p = 0; p < kPoints; ++p) x_points.push_back(500 * (p - kPoints / 2));
-  const std::vector<int64_t> offsets(kPoints + 1, 3);
-  const std::vector<int64_t> slopes_m = RandomIntegers<int64_t>(kPoints + 1, -64, 64);
-  const std::vector<int64_t> slopes_e(kPoints + 1, 10);
+  for (int64_t g = 0; g < count; ++g) {
+    for (int p = 0; p < kPoints; ++p) x_points.push_back(500 * (p - kPoints / 2) + g);
+  }
+  const std::vector<int64_t> offsets(entries, 3);
+  const std::vector<int64_t> slopes_m =
+      RandomIntegers<int64_t>(static_cast<int64_t>(entries), -64, 64);
+  const std::vector<int64_t> slopes_e(entries, 10);
+  const std::vector<int64_t> size_splits(static_cast<size_t>(count), kChannels / count);
   const ActivationGroups groups = {{x_points.data(), kPoints},
                                    {offsets.data(), kPoints + 1},
                                    {slopes_m.data(), kPoints + 1},
                                    {slopes_e.data(), kPoints + 1},
-                                   &kChannels,
-                                   1};
+                                   size_splits.data(),
+                                   count};
   ActivationMode mode = {};
   mode.clip_bits = 127;
   std::vector<int32_t> out(in.size());
@@ -40,9 +46,13 @@ void HActivationUnit(benchmark::State& state, decltype(DefineActivation)* run) {
 // The definition and the vector loops on the machine's widest target.
 [[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, 7 breakpoints", HActivationUnit,
-                                 DefineActivation),
+                                 DefineActivation, 1),
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, 7 breakpoints loops", HActivationUnit,
-                                 ComputeActivation),
+                                 ComputeActivation, 1),
+    benchmark::RegisterBenchmark("HActivation/int64/56x56x64, a group a channel", HActivationUnit,
+                                 DefineActivation, kChannels),
+    benchmark::RegisterBenchmark("HActivation/int64/56x56x64, a group a channel loops",
+                                 HActivationUnit, ComputeActivation, kChannels),
 };
 
 }  // namespace

@@ -36,6 +36,7 @@ def cases() -> list[Case]:
         tf.constant(row[np.newaxis], tf.int64)
         for row in (500 * (np.arange(7) - 3), np.full(8, 3), np.arange(-32, 32, 8), np.full(8, 10))
     ]
+    by_channel = [tf.tile(row, [64, 1]) for row in pieces]
     data = tf.cast(inp, tf.float32) / 250
     return [
         Case(
@@ -59,6 +60,14 @@ def cases() -> list[Case]:
             "1x56x56x64",
             56 * 56 * 64,
             in_graph(lambda x: bitfold.ops.activation(x, *pieces), inp),
+            in_graph(tf.keras.activations.gelu, data),
+            target,
+        ),
+        Case(
+            "HActivation/int64/56x56x64, a group a channel",
+            "1x56x56x64",
+            56 * 56 * 64,
+            in_graph(lambda x: bitfold.ops.activation(x, *by_channel, np.ones(64, np.int64)), inp),
             in_graph(tf.keras.activations.gelu, data),
             target,
         ),

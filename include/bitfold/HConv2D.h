@@ -32,7 +32,7 @@ class ImageConvolution {
         datapath_(MakeDatapath<Datapath<T>>(call.datapath)),
         weight_sign_(call.datapath.accumulator_size) {}
 
-  // Computes and writes every output element of the image, then prints the red line if a depthwise
+  // Computes and writes every output element of the image, then warns if a depthwise
   // weight needed its sign corrected.
   void Run() {
     for (int32_t row = 0; row < rows_.outputs; ++row) {
@@ -42,7 +42,7 @@ class ImageConvolution {
         }
       }
     }
-    if (weight_corrected_) PrintDepthwiseWeightWarning();
+    if (weight_corrected_) WarnDepthwiseWeights();
   }
 
   // Computes and writes one output element.

@@ -48,13 +48,12 @@ class MatrixProduct {
         datapath_(MakeDatapath<ReciprocalDatapath<T>>(call.datapath)),
         weight_sign_(call.datapath.accumulator_size) {}
 
-  // Computes and writes every element, then prints the red line if a weight needed its sign
-  // corrected.
+  // Computes and writes every element, then warns if a weight needed its sign corrected.
   void Run() {
     for (int32_t row = 0; row < rows_; ++row) {
       for (int32_t column = 0; column < cols_; ++column) DefineOutput(row, column);
     }
-    if (weight_corrected_) PrintMatMulWeightWarning();
+    if (weight_corrected_) WarnMatMulWeights();
   }
 
   // Computes and writes one element: the chain over a row of a and a column of b. Every weight, an

@@ -9,11 +9,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <vector>
 
 #include "bitfold/int32_arithmetic.h"
 #include "bitfold/int64_arithmetic.h"
+#include "bitfold/warning.h"
 
 namespace bitfold {
 
@@ -78,10 +78,7 @@ inline uint16_t SoftmaxExponential(const uint16_t* exp_lut, float distance) {
 // says so.
 inline float SoftmaxReciprocal(float sum, const SoftmaxSum* sums, bool is_velquin) {
   if (is_velquin) return lut_inv(sum < kMaxSoftmaxSum ? sum : kMaxSoftmaxSum, sums);
-  if (sum > kMaxSoftmaxSum) {
-    std::puts("Warning, the softmax sum has overflowed.");
-    std::fflush(stdout);
-  }
+  if (sum > kMaxSoftmaxSum) WarnSoftmaxOverflow();
   const int64_t wrapped = TruncateToInt64(sum) & 0xffffff;
   return lut_inv(static_cast<float>(wrapped), sums);
 }

@@ -77,12 +77,12 @@ class CommonDatapath {
 template <typename T>
 class Datapath : public CommonDatapath<T> {
  public:
-  BITFOLD_HOST_DEVICE Datapath(int32_t accumulator_size, int32_t mult_shift, bool use_fp16_acc)
+  Datapath(int32_t accumulator_size, int32_t mult_shift, bool use_fp16_acc)
       : CommonDatapath<T>(mult_shift, use_fp16_acc),
         limits_(accumulator_size),
         accumulator_size_(accumulator_size) {}
 
-  BITFOLD_HOST_DEVICE T Accumulate(T acc, T addend) const;
+  T Accumulate(T acc, T addend) const;
 
   const AccumulatorLimits<T>& limits() const { return limits_; }
   int32_t accumulator_size() const { return accumulator_size_; }
@@ -93,15 +93,14 @@ class Datapath : public CommonDatapath<T> {
 };
 
 template <>
-BITFOLD_HOST_DEVICE inline int32_t Datapath<int32_t>::Accumulate(int32_t acc,
-                                                                 int32_t addend) const {
+inline int32_t Datapath<int32_t>::Accumulate(int32_t acc, int32_t addend) const {
   return bitfold::Accumulate(acc, addend, limits_);
 }
 
 template <>
-BITFOLD_HOST_DEVICE inline float Datapath<float>::Accumulate(float acc, float addend) const {
+inline float Datapath<float>::Accumulate(float acc, float addend) const {
   const float sum = acc + addend;
-  if (IsOutOfWarningRange(sum)) PrintAccumulatorWarning(sum);
+  if (IsOutOfWarningRange(sum)) WarnOutOfBounds(sum);
   return use_fp16_acc() ? AccumulateHalf(acc, addend) : WrapOnce(sum, limits_);
 }
 
@@ -116,12 +115,11 @@ class ReciprocalDatapath : public Datapath<T> {
 template <>
 class ReciprocalDatapath<float> : public Datapath<float> {
  public:
-  BITFOLD_HOST_DEVICE ReciprocalDatapath(int32_t accumulator_size, int32_t mult_shift,
-                                         bool use_fp16_acc)
+  ReciprocalDatapath(int32_t accumulator_size, int32_t mult_shift, bool use_fp16_acc)
       : Datapath<float>(accumulator_size, mult_shift, use_fp16_acc),
         reciprocal_(ShiftReciprocal(mult_shift)) {}
 
-  BITFOLD_HOST_DEVICE float ScaleProduct(float product) const {
+  float ScaleProduct(float product) const {
     return MultiplyRoundHalfToEven(product, mult_shift(), reciprocal_);
   }
 

@@ -109,6 +109,37 @@ struct WindowAxis {
   }
 };
 
+// The taps of an axis that are the centre, found without walking them: there can be 2^31.
+struct CentreTaps {
+  int32_t first = -1;  // -1 where there are none
+  int64_t count = 0;
+
+  // A centre tap has tap * dilation = half modulo 2^32. Of an odd multiple of 2^z they lie
+  // 2^(32 - z) apart, where half has that factor, too; of a dilation of 0 they are all taps or
+  // none.
+  explicit constexpr CentreTaps(const WindowAxis& axis) {
+    if (axis.taps <= 0) return;
+    if (axis.dilation == 0) {
+      if (axis.half != 0) return;
+      first = 0;
+      count = axis.taps;
+      return;
+    }
+    const auto dilation = static_cast<uint32_t>(axis.dilation);
+    const auto half = static_cast<uint32_t>(axis.half);
+    const int zeros = __builtin_ctz(dilation);
+    if ((half & ((uint32_t{1} << zeros) - 1)) != 0) return;
+    const uint32_t odd = dilation >> zeros;
+    uint32_t inverse = odd;  // right in 3 bits, and in twice as many with each step
+    for (int step = 0; step < 4; ++step) inverse *= 2 - odd * inverse;
+    const uint32_t mask = UINT32_MAX >> zeros;
+    const int64_t least = (half >> zeros) * inverse & mask;
+    if (least >= axis.taps) return;
+    first = static_cast<int32_t>(least);
+    count = (axis.taps - 1 - least) / (int64_t{mask} + 1) + 1;
+  }
+};
+
 }  // namespace bitfold
 
 #endif  // BITFOLD_GEOMETRY_H_

@@ -9,7 +9,8 @@ Importing the package loads the op library once. ``bitfold.ops`` holds the ops a
 from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
 those of the registered operations; ``bitfold.tables`` fits the table-driven units to functions;
 ``bitfold.detection`` and ``bitfold.resize`` prepare the inputs of the box decoders, of suppression
-and of the resampler; ``bitfold.fpx`` holds the accelerator's narrow floats.
+and of the resampler; ``bitfold.fpx`` holds the accelerator's narrow floats;
+``bitfold.set_warnings`` says what becomes of the lines that ops print.
 
 Example:
     >>> import bitfold
@@ -20,6 +21,7 @@ Example:
 
 from bitfold._frame.library import VERSION, include_dir, library_path
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.warning_lines import set_warnings, warning_counts
 
 __version__ = VERSION
 
@@ -38,5 +40,7 @@ __all__ = [
     "ops",
     "raw_ops",
     "resize",
+    "set_warnings",
     "tables",
+    "warning_counts",
 ]

@@ -40,14 +40,6 @@ inline TapRange TapsInside(const WindowAxis& axis, int32_t output) {
   return {first, std::max(0, end - first)};
 }
 
-// Of a window of any size, the tap after whose row the elementwise value comes, or -1.
-inline int32_t CentreTap(const WindowAxis& axis) {
-  for (int32_t tap = 0; tap < axis.taps; ++tap) {
-    if (axis.IsCentre(tap)) return tap;
-  }
-  return -1;
-}
-
 // `pixels` columns of outputs from `column` on that have the same taps, by `panels` panels of
 // output channels from `channel` on.
 struct LanePlace {

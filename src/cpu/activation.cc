@@ -14,6 +14,9 @@ namespace {
 
 constexpr int kPieceBlock = 256;  // elements at a time: their pieces stay in the nearest cache
 constexpr int kMaxPoints = 32;
+constexpr int kMaxLanes = 128;
+constexpr int64_t kWideGroup = 128;  // channels whose own runs are as quick as lanes
+constexpr int64_t kFewElements = 3;  // of a group are not worth a table
 
 // A group's row of each table, in the forms that the loops take.
 struct PieceTable {
@@ -23,19 +26,43 @@ struct PieceTable {
   int32_t slope[kMaxPoints + 1];
   int32_t shift[kMaxPoints + 1];  // 0 to 63
   int32_t offset[kMaxPoints + 1];
+};
+
+// The tables of groups side by side, a column for each element of a block.
+struct LaneTables {
+  int rows;  // of breakpoints: 2, 8, 16 or 32; those that a group does not have are never reached
+  int32_t below[kMaxPoints][kMaxLanes];
+  int32_t slope[kMaxPoints + 1][kMaxLanes];
+  int32_t shift[kMaxPoints + 1][kMaxLanes];
+  int32_t offset[kMaxPoints + 1][kMaxLanes];
+};
+
+// Where elements lie: `runs` runs of `count` elements, `stride` apart.
+struct Runs {
+  int64_t runs;
+  int64_t count;
+  int64_t stride;
+};
+
+// What the groups share.
+struct ActivationClip {
   int product_shift;
-  int64_t clip_low;
-  int64_t clip_high;
+  int64_t low;
+  int64_t high;
 };
 
 struct ActivationLoops {
-  void (*magnitude)(const int64_t*, int, const PieceTable&, int32_t*);
-  void (*plain)(const int64_t*, int, const PieceTable&, int32_t*);
+  void (*magnitude)(const int64_t*, int, const PieceTable&, const ActivationClip&, int32_t*);
+  void (*plain)(const int64_t*, int, const PieceTable&, const ActivationClip&, int32_t*);
+  void (*magnitude_lanes)(const int64_t*, const Runs&, const LaneTables&, const ActivationClip&,
+                          int32_t*);
+  void (*plain_lanes)(const int64_t*, const Runs&, const LaneTables&, const ActivationClip&,
+                      int32_t*);
 };
 
 #define BITFOLD_LOOPS "cpu/activation_loops.inc"
 #define BITFOLD_LOOP_TABLE \
-  ActivationLoops { Activate<true>, Activate<false> }
+  ActivationLoops { Activate<true>, Activate<false>, ActivateLanes<true>, ActivateLanes<false> }
 #include "vector/vector_loops.inc"
 
 // False when the group needs the definition: its breakpoints do not ascend, so that the first one
@@ -62,57 +89,155 @@ bool MakePieceTable(const ActivationGroups& groups, int64_t group, const Activat
         static_cast<int32_t>(ActivationShift(LowWord(groups.slopes_e(group, p)), mode) & 63);
     t->offset[p] = LowWord(groups.offsets(group, p));
   }
-  t->product_shift = mode.is_8bit_to_16bit_mode ? 8 : 0;
-  t->clip_low = -int64_t{mode.clip_bits} - 1;
-  t->clip_high = mode.clip_bits;
   return true;
 }
 
-// Where the elements of a group lie: `runs` runs of `count` elements, `stride` apart.
-struct GroupElements {
-  int64_t runs;
-  int64_t count;
-  int64_t stride;
-};
+// The numbers of rows that there are loops for.
+int LaneRows(int64_t points) {
+  for (const int rows : {2, 8, 16}) {
+    if (points <= rows) return rows;
+  }
+  return kMaxPoints;
+}
 
-void ActivateGroup(const int64_t* in, const GroupElements& elements, int64_t group,
-                   const ActivationGroups& groups, const ActivationMode& mode, int32_t* out) {
-  PieceTable table;
-  const bool plain = mode.is_16bit_precision_mode || mode.is_velquin;
-  const bool by_loop = MakePieceTable(groups, group, mode, &table);
-  const auto loop = plain ? CurrentLoops().plain : CurrentLoops().magnitude;
-  for (int64_t run = 0; run < elements.runs; ++run) {
-    const int64_t first = run * elements.stride;
-    const int64_t end = first + elements.count;
-    for (int64_t i = first; i < end; i += kPieceBlock) {
-      const int block = static_cast<int>(std::min<int64_t>(kPieceBlock, end - i));
-      if (by_loop) {
-        loop(in + i, block, table, out + i);
-      } else {
-        for (int k = 0; k < block; ++k) {
-          out[i + k] = DefineActivationElement(in[i + k], group, groups, mode);
-        }
+// A call, group by group.
+class GroupWalk {
+ public:
+  GroupWalk(const int64_t* in, const ActivationShape& shape, const ActivationGroups& groups,
+            const ActivationMode& mode, int32_t* out)
+      : in_(in),
+        shape_(shape),
+        groups_(groups),
+        mode_(mode),
+        out_(out),
+        clip_{mode.is_8bit_to_16bit_mode ? 8 : 0, -int64_t{mode.clip_bits} - 1, mode.clip_bits},
+        is_plain_(mode.is_16bit_precision_mode || mode.is_velquin),
+        max_lanes_(kMaxLanes * 8 / std::max(LaneRows(groups.x_points.columns), 8)) {}
+
+  void Run() {
+    for (int64_t g = 0; g < groups_.count; ++g) {
+      const int64_t size = groups_.size_splits[g];
+      if (size > 0) Add(g, size);
+    }
+    FlushLanes();
+  }
+
+ private:
+  // A group that fills its runs, or needs the definition, goes by itself, others in lanes.
+  void Add(int64_t group, int64_t size) {
+    const bool is_small = size < kFewElements && shape_.positions * size < kFewElements;
+    PieceTable table;
+    const bool by_loop = !is_small && MakePieceTable(groups_, group, mode_, &table);
+    if (by_loop && size < std::min(kWideGroup, shape_.channels)) {
+      for (int64_t k = 0; k < size; ++k) AddLane(table);
+      return;
+    }
+    FlushLanes();
+    const int64_t positions = shape_.positions;
+    const Runs elements = size == shape_.channels ? Runs{1, positions * size, 0}
+                                                  : Runs{positions, size, shape_.channels};
+    if (by_loop) {
+      RunLoop(elements, table);
+    } else {
+      RunDefinition(elements, group);
+    }
+    channel_ += size;
+  }
+
+  void RunLoop(const Runs& elements, const PieceTable& table) {
+    const auto loop = is_plain_ ? CurrentLoops().plain : CurrentLoops().magnitude;
+    for (int64_t run = 0; run < elements.runs; ++run) {
+      const int64_t first = channel_ + run * elements.stride;
+      const int64_t end = first + elements.count;
+      for (int64_t i = first; i < end; i += kPieceBlock) {
+        const int block = static_cast<int>(std::min<int64_t>(kPieceBlock, end - i));
+        loop(in_ + i, block, table, clip_, out_ + i);
       }
     }
   }
-}
+
+  void RunDefinition(const Runs& elements, int64_t group) {
+    for (int64_t run = 0; run < elements.runs; ++run) {
+      const int64_t first = channel_ + run * elements.stride;
+      for (int64_t i = first; i < first + elements.count; ++i) {
+        out_[i] = DefineActivationElement(in_[i], group, groups_, mode_);
+      }
+    }
+  }
+
+  // Gives the channel after those in lanes a lane.
+  void AddLane(const PieceTable& table) {
+    if (lanes_ == max_lanes_) FlushLanes();
+    LaneTables& t = lane_tables_;
+    t.rows = LaneRows(table.points);
+    const int lane = lanes_++;
+    t.slope[0][lane] = table.slope[table.first_piece];
+    t.shift[0][lane] = table.shift[table.first_piece];
+    t.offset[0][lane] = table.offset[table.first_piece];
+    for (int p = 0; p < t.rows; ++p) {
+      const int piece = std::min(p + 1, table.points);
+      t.below[p][lane] = table.below[p];
+      t.slope[p + 1][lane] = table.slope[piece];
+      t.shift[p + 1][lane] = table.shift[piece];
+      t.offset[p + 1][lane] = table.offset[piece];
+    }
+  }
+
+  // Activates the channels in lanes. Where these are all channels, positions follow one another
+  // without a gap, and the lanes are repeated for as many as there is room for.
+  void FlushLanes() {
+    if (lanes_ == 0) return;
+    const int64_t width = lanes_;
+    if (width == shape_.channels) {
+      const int64_t together = std::min<int64_t>(max_lanes_ / width, shape_.positions);
+      RepeatLanes(static_cast<int>(together));
+      const int64_t count = together * width;
+      const int64_t runs = count > 0 ? shape_.positions / together : 0;
+      RunLanes({runs, count, count}, 0);
+      const int64_t done = runs * count;
+      RunLanes({1, shape_.positions * width - done, 0}, done);
+    } else {
+      RunLanes({shape_.positions, width, shape_.channels}, channel_);
+    }
+    channel_ += width;
+    lanes_ = 0;
+  }
+
+  void RunLanes(const Runs& runs, int64_t first) {
+    const auto loop = is_plain_ ? CurrentLoops().plain_lanes : CurrentLoops().magnitude_lanes;
+    loop(in_ + first, runs, lane_tables_, clip_, out_ + first);
+  }
+
+  void RepeatLanes(int times) {
+    const auto repeat = [this, times](int32_t(*rows)[kMaxLanes], int count) {
+      for (int r = 0; r < count; ++r) {
+        for (int i = lanes_; i < times * lanes_; ++i) rows[r][i] = rows[r][i - lanes_];
+      }
+    };
+    repeat(lane_tables_.below, lane_tables_.rows);
+    repeat(lane_tables_.slope, lane_tables_.rows + 1);
+    repeat(lane_tables_.shift, lane_tables_.rows + 1);
+    repeat(lane_tables_.offset, lane_tables_.rows + 1);
+  }
+
+  const int64_t* in_;
+  const ActivationShape& shape_;
+  const ActivationGroups& groups_;
+  const ActivationMode& mode_;
+  int32_t* out_;
+  ActivationClip clip_;
+  bool is_plain_;
+  int max_lanes_;        // the tables of so many stay in the nearest cache
+  int64_t channel_ = 0;  // the first that is not written; those in lanes follow
+  int lanes_ = 0;
+  LaneTables lane_tables_;
+};
 
 }  // namespace
 
 void ComputeActivation(const int64_t* in, const ActivationShape& shape,
                        const ActivationGroups& groups, const ActivationMode& mode, int32_t* out) {
-  const auto [positions, channels] = shape;
-  int64_t channel = 0;
-  for (int64_t g = 0; g < groups.count; ++g) {
-    const int64_t size = groups.size_splits[g];
-    if (size <= 0) continue;
-    if (size == channels) {  // one run over all positions
-      ActivateGroup(in, {1, positions * channels, 0}, g, groups, mode, out);
-    } else {
-      ActivateGroup(in + channel, {positions, size, channels}, g, groups, mode, out + channel);
-    }
-    channel += size;
-  }
+  GroupWalk(in, shape, groups, mode, out).Run();
 }
 
 }  // namespace bitfold

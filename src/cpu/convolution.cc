@@ -9,6 +9,7 @@
 
 #include "bitfold/HConv2D.h"
 #include "bitfold/datapath_attributes.h"
+#include "bitfold/warning.h"
 #include "bitfold/weight_sign.h"
 #include "chain/corrected_weights.h"
 #include "frame/floating_point_scope.h"
@@ -29,9 +30,12 @@ template <typename T>
 struct ImageTask {
   const BatchConvolution<T>* batch;
   int32_t image;
-  std::exception_ptr failure;  // of memory, as a rule
+  bool counts_warnings;  // as the calling thread does
+  BitfoldWarningCounts counts{};
+  std::exception_ptr failure{};  // of memory, as a rule
 
   void Run() {
+    const WarningScope warnings(counts_warnings ? &counts : nullptr);
     try {
       batch->Run(image);
     } catch (const std::exception&) {
@@ -67,7 +71,7 @@ int64_t OutputElements(const ConvolutionCall<T>& call) {
 template <typename T>
 void AddElementwise(const ConvolutionCall<T>& call, int64_t outputs) {
   const DefaultFloatingPointScope scope;
-  const int64_t addends = call.elementwise == nullptr ? 0 : CentreTaps(WindowAxis(call.rows));
+  const int64_t addends = call.elementwise == nullptr ? 0 : CentreTaps(WindowAxis(call.rows)).count;
   if (addends == 0) {
     std::fill_n(call.output, outputs, T{0});
     return;
@@ -81,22 +85,6 @@ void AddElementwise(const ConvolutionCall<T>& call, int64_t outputs) {
 }
 
 }  // namespace
-
-// The taps kh with kh * dilation = half modulo 2^32. Of an odd multiple of 2^z they lie 2^(32 - z)
-// apart, where half has that factor, too; of a dilation of 0 they are all taps or none.
-int64_t CentreTaps(const WindowAxis& axis) {
-  if (axis.dilation == 0) return axis.half == 0 ? std::max(axis.taps, 0) : 0;
-  const auto dilation = static_cast<uint32_t>(axis.dilation);
-  const auto half = static_cast<uint32_t>(axis.half);
-  const int zeros = __builtin_ctz(dilation);
-  if ((half & ((uint32_t{1} << zeros) - 1)) != 0) return 0;
-  const uint32_t odd = dilation >> zeros;
-  uint32_t inverse = odd;  // right in 3 bits, and in twice as many with each step
-  for (int step = 0; step < 4; ++step) inverse *= 2 - odd * inverse;
-  const uint32_t mask = UINT32_MAX >> zeros;
-  const int64_t first = (half >> zeros) * inverse & mask;
-  return first < axis.taps ? (axis.taps - 1 - first) / (int64_t{mask} + 1) + 1 : 0;
-}
 
 template <typename T>
 BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Scratch* scratch)
@@ -142,7 +130,7 @@ void BatchConvolution<T>::Run(int32_t image) const {
                [&definition](int32_t row, int32_t column, int32_t channel) {
                  definition.DefineOutput(row, column, channel);
                });
-  if (NeedsWarning(image)) PrintDepthwiseWeightWarning();
+  if (NeedsWarning(image)) WarnDepthwiseWeights();
 }
 
 template <typename T>
@@ -151,18 +139,22 @@ void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, Create
   if (outputs == 0) return;
   if (HasNoProducts(call)) return AddElementwise(call, outputs);
   const BatchConvolution<T> convolution(call, scratch);
+  BitfoldWarningCounts* const counts = CountsOfThisThread();
   std::array<pthread_t, kImageThreads> threads;
   for (int64_t first = 0; first < call.batch; first += kImageThreads) {
     const int group = static_cast<int>(std::min<int64_t>(call.batch - first, kImageThreads));
     std::array<ImageTask<T>, kImageThreads> tasks;
     std::array<bool, kImageThreads> started{};
     for (int slot = 0; slot < group; ++slot) {
-      tasks[slot] = {&convolution, static_cast<int32_t>(first + slot), nullptr};
+      tasks[slot] = {&convolution, static_cast<int32_t>(first + slot), counts != nullptr};
       started[slot] = create(&threads[slot], nullptr, RunImage<T>, &tasks[slot]) == 0;
       if (!started[slot]) tasks[slot].Run();
     }
     for (int slot = 0; slot < group; ++slot) {
       if (started[slot]) pthread_join(threads[slot], nullptr);
+    }
+    if (counts != nullptr) {
+      for (const ImageTask<T>& task : tasks) AddCounts(task.counts, counts);
     }
     for (const ImageTask<T>& task : tasks) {
       if (task.failure) std::rethrow_exception(task.failure);

@@ -23,9 +23,6 @@ namespace bitfold {
 
 inline constexpr int kImageThreads = 20;
 
-// How many taps of an axis are the centre (WindowAxis::IsCentre), however many taps there are.
-int64_t CentreTaps(const WindowAxis& axis);
-
 // pthread_create's signature; tests pass one that fails.
 using CreateThread = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 

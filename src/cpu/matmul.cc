@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "bitfold/convolution_call.h"
+#include "bitfold/warning.h"
 #include "chain/corrected_weights.h"
 #include "chain/engine.h"
 
@@ -49,7 +50,7 @@ bool MultiplyByEngine(const MatMulCall<T>& call, int32_t batch_index, Scratch* s
   engine.Run(0, 0, [&definition](int32_t, int32_t row, int32_t column) {
     definition.DefineOutput(row, column);
   });
-  if (weights.corrected) PrintMatMulWeightWarning();
+  if (weights.corrected) WarnMatMulWeights();
   return true;
 }
 

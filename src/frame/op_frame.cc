@@ -12,6 +12,8 @@
 
 #include "absl/strings/str_format.h"
 #include "bitfold/repeated_addition.h"
+#include "bitfold/warning.h"
+#include "frame/warning_store.h"
 
 namespace bitfold {
 
@@ -25,14 +27,28 @@ BytesFrom::BytesFrom(Tensor* tensor, int64_t first) {
   count = tensor->TotalBytes() - static_cast<size_t>(first) * element;
 }
 
+GuardedOp::GuardedOp(tensorflow::OpKernelConstruction* context)
+    : OpKernel(context), is_counted_(IsCountedNode(name())) {}
+
 void GuardedOp::Compute(tensorflow::OpKernelContext* context) {
+  BitfoldWarningCounts counts{};
+  Guard(context, [&] {
+    const WarningScope scope(is_counted_ || WarningsAreCounted() ? &counts : nullptr);
+    Run(context);
+  });
+  if (!HasCounts(counts)) return;
+  Guard(context, [&] { RecordWarnings(type_string(), name(), counts); });
+}
+
+template <typename Call>
+void GuardedOp::Guard(tensorflow::OpKernelContext* context, Call call) {
   const auto no_memory = [this] {
     return absl::ResourceExhaustedError(
         absl::StrCat("No memory for ", type_string_view(), " in node ", name_view()));
   };
   try {
     try {
-      Run(context);
+      call();
     } catch (const std::bad_alloc&) {
       context->CtxFailure(no_memory());
     } catch (const std::length_error&) {

@@ -33,15 +33,23 @@ Device DeviceOf(tensorflow::OpKernelContext* context) {
 }
 
 // The base of every op. Nothing that Run throws leaves Compute, above which no frame of the runtime
-// expects it: memory that cannot be had is ResourceExhausted, any other exception Internal.
+// expects it: memory that cannot be had is ResourceExhausted, any other exception Internal. What
+// Run warns of is printed, or counted by op and node.
 class GuardedOp : public tensorflow::OpKernel {
  public:
-  using OpKernel::OpKernel;
+  explicit GuardedOp(tensorflow::OpKernelConstruction* context);
 
   void Compute(tensorflow::OpKernelContext* context) final;
 
  protected:
   virtual void Run(tensorflow::OpKernelContext* context) = 0;
+
+ private:
+  // Calls what may throw and reports it.
+  template <typename Call>
+  void Guard(tensorflow::OpKernelContext* context, Call call);
+
+  bool is_counted_;  // whatever the process's setting
 };
 
 // Requires a width that int32 sums can model.

@@ -10,6 +10,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -23,18 +24,20 @@ using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
-REGISTER_OP("HAdd")
-    .Input("value: T")
-    .Input("elementwise: T")
-    .Input("elementwise_factor: T")
-    .Input("elementwise_feed_repeat: float32")
-    .Input("mult_shift: int8")
-    .Attr("T: {float, int32}")
-    .Attr(tensorflow::GetConvnetDataFormatAttrString())
-    .Attr("accumulator_size: int")
-    .Output("output: T")
-    .Attr("use_fp16_acc: bool = false")
-    .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HAdd")
+      .Input("value: T")
+      .Input("elementwise: T")
+      .Input("elementwise_factor: T")
+      .Input("elementwise_feed_repeat: float32")
+      .Input("mult_shift: int8")
+      .Attr("T: {float, int32}")
+      .Attr(tensorflow::GetConvnetDataFormatAttrString())
+      .Attr("accumulator_size: int")
+      .Output("output: T")
+      .Attr("use_fp16_acc: bool = false")
+      .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+}
 
 // The whole-tensor arithmetic. A kernel of a device for each rank; on the CPU the shape does not
 // show.
@@ -114,15 +117,17 @@ class HAddOp : public AdditionOp<T> {
   }
 };
 
+BITFOLD_WHEN_LOADED(RegisterKernels) {
 #ifdef BITFOLD_GPU
-REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
-                        HAddOp<GPUDevice, float>);
-REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
-                        HAddOp<GPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+                          HAddOp<GPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+                          HAddOp<GPUDevice, int32>);
 #endif
-REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-                        HAddOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-                        HAddOp<CPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+                          HAddOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(Name("HAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+                          HAddOp<CPUDevice, int32>);
+}
 
 }  // namespace bitfold

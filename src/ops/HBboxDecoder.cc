@@ -8,6 +8,7 @@
 #include "cpu/box_decoders.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "ops/box_decoder_op.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -22,24 +23,26 @@ absl::Status BboxDecoderDNativeShapeLocalImpl(tensorflow::shape_inference::Infer
   return DoubleLastDimension(c);
 }
 
-REGISTER_OP("HBboxDecoder")
-    .Input("detection_centers: T")
-    .Input("detection_w_h: T")
-    .Input("y_centers: T")
-    .Input("x_centers: T")
-    .Input("anchors_heights: T")
-    .Input("anchors_heights_div_2: T")
-    .Input("anchors_heights_minus_div_2: T")
-    .Input("anchors_widths: T")
-    .Input("anchors_widths_div_2: T")
-    .Input("anchors_widths_minus_div_2: T")
-    .Input("mult_shift: int8")
-    .Attr("T: {float, int32}")
-    .Attr(tensorflow::GetConvnetDataFormatAttrString())
-    .Attr("accumulator_size: int")
-    .Output("output: T")
-    .Attr("use_fp16_acc: bool = false")
-    .SetShapeFn(BboxDecoderDNativeShapeLocalImpl);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HBboxDecoder")
+      .Input("detection_centers: T")
+      .Input("detection_w_h: T")
+      .Input("y_centers: T")
+      .Input("x_centers: T")
+      .Input("anchors_heights: T")
+      .Input("anchors_heights_div_2: T")
+      .Input("anchors_heights_minus_div_2: T")
+      .Input("anchors_widths: T")
+      .Input("anchors_widths_div_2: T")
+      .Input("anchors_widths_minus_div_2: T")
+      .Input("mult_shift: int8")
+      .Attr("T: {float, int32}")
+      .Attr(tensorflow::GetConvnetDataFormatAttrString())
+      .Attr("accumulator_size: int")
+      .Output("output: T")
+      .Attr("use_fp16_acc: bool = false")
+      .SetShapeFn(BboxDecoderDNativeShapeLocalImpl);
+}
 
 template <typename Device, typename T>
 class HBboxDecoderOp : public BoxDecoderOp<T> {
@@ -63,11 +66,13 @@ class HBboxDecoderOp : public BoxDecoderOp<T> {
   }
 };
 
-REGISTER_KERNEL_BUILDER(
-    Name("HBboxDecoder").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-    HBboxDecoderOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HBboxDecoder").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HBboxDecoderOp<CPUDevice, int32>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(
+      Name("HBboxDecoder").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+      HBboxDecoderOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HBboxDecoder").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HBboxDecoderOp<CPUDevice, int32>);
+}
 
 }  // namespace bitfold

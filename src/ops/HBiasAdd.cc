@@ -10,6 +10,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -24,18 +25,20 @@ using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
-REGISTER_OP("HBiasAdd")
-    .Input("value: T")
-    .Input("bias: T")
-    .Input("bias_factor: T")
-    .Input("bias_feed_repeat: float32")
-    .Input("mult_shift: int8")
-    .Attr("T: {float, int32}")
-    .Attr(tensorflow::GetConvnetDataFormatAttrString())
-    .Attr("accumulator_size: int")
-    .Output("output: T")
-    .Attr("use_fp16_acc: bool = false")
-    .SetShapeFn(tensorflow::shape_inference::BiasAddShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HBiasAdd")
+      .Input("value: T")
+      .Input("bias: T")
+      .Input("bias_factor: T")
+      .Input("bias_feed_repeat: float32")
+      .Input("mult_shift: int8")
+      .Attr("T: {float, int32}")
+      .Attr(tensorflow::GetConvnetDataFormatAttrString())
+      .Attr("accumulator_size: int")
+      .Output("output: T")
+      .Attr("use_fp16_acc: bool = false")
+      .SetShapeFn(tensorflow::shape_inference::BiasAddShape);
+}
 
 // The whole-tensor arithmetic.
 template <typename Device, typename T>
@@ -105,17 +108,21 @@ class HBiasAddOp : public AdditionOp<T> {
   }
 };
 
+BITFOLD_WHEN_LOADED(RegisterKernels) {
 #ifdef BITFOLD_GPU
-REGISTER_KERNEL_BUILDER(Name("HBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
-                        HBiasAddOp<GPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
-    HBiasAddOp<GPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+      HBiasAddOp<GPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HBiasAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+      HBiasAddOp<GPUDevice, int32>);
 #endif
-REGISTER_KERNEL_BUILDER(Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-                        HBiasAddOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HBiasAddOp<CPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+      HBiasAddOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HBiasAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HBiasAddOp<CPUDevice, int32>);
+}
 
 }  // namespace bitfold

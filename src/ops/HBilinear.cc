@@ -8,6 +8,7 @@
 #include "cpu/bilinear.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -18,22 +19,24 @@ using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
-REGISTER_OP("HBilinear")
-    .Attr("T: {float, int32}")
-    .Input("im_out_upper_left: T")
-    .Input("im_out_upper_right: T")
-    .Input("im_out_bottom_left: T")
-    .Input("im_out_bottom_right: T")
-    .Input("one_m_rx_one_m_ry: T")
-    .Input("rx_one_m_ry: T")
-    .Input("ry_one_m_rx: T")
-    .Input("rx_ry: T")
-    .Input("mult_shift: int8")
-    .Input("bias: float32")
-    .Output("output: T")
-    .Attr("accumulator_size: int")
-    .Attr("float_accumulator: bool")
-    .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HBilinear")
+      .Attr("T: {float, int32}")
+      .Input("im_out_upper_left: T")
+      .Input("im_out_upper_right: T")
+      .Input("im_out_bottom_left: T")
+      .Input("im_out_bottom_right: T")
+      .Input("one_m_rx_one_m_ry: T")
+      .Input("rx_one_m_ry: T")
+      .Input("ry_one_m_rx: T")
+      .Input("rx_ry: T")
+      .Input("mult_shift: int8")
+      .Input("bias: float32")
+      .Output("output: T")
+      .Attr("accumulator_size: int")
+      .Attr("float_accumulator: bool")
+      .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+}
 
 template <typename Device, typename T>
 class HBilinearOp : public GuardedOp {
@@ -95,10 +98,13 @@ class HBilinearOp : public GuardedOp {
   bool float_accumulator_ = false;
 };
 
-REGISTER_KERNEL_BUILDER(
-    Name("HBilinear").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HBilinearOp<CPUDevice, int32>);
-REGISTER_KERNEL_BUILDER(Name("HBilinear").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-                        HBilinearOp<CPUDevice, float>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(
+      Name("HBilinear").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HBilinearOp<CPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HBilinear").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+      HBilinearOp<CPUDevice, float>);
+}
 
 }  // namespace bitfold

@@ -15,6 +15,7 @@
 #include "cpu/convolution.h"
 #include "device/launchers.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "frame/op_scratch.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -138,9 +139,12 @@ absl::Status DepthwiseConv2DNativeShapeLocalImpl(InferenceContext* c) {
       .Attr("is_depthwise: bool = " is_depthwise)                        \
       .SetShapeFn(shape_function)
 
-BITFOLD_REGISTER_CONVOLUTION("HDepthWise", "true", DepthwiseConv2DNativeShapeLocalImpl);
-BITFOLD_REGISTER_CONVOLUTION("HConv2d", "false", tensorflow::shape_inference::Conv2DShape);
-BITFOLD_REGISTER_CONVOLUTION("HConv2dDilation", "false", tensorflow::shape_inference::Conv2DShape);
+BITFOLD_WHEN_LOADED(RegisterOps) {
+  BITFOLD_REGISTER_CONVOLUTION("HDepthWise", "true", DepthwiseConv2DNativeShapeLocalImpl);
+  BITFOLD_REGISTER_CONVOLUTION("HConv2d", "false", tensorflow::shape_inference::Conv2DShape);
+  BITFOLD_REGISTER_CONVOLUTION("HConv2dDilation", "false",
+                               tensorflow::shape_inference::Conv2DShape);
+}
 
 #undef BITFOLD_REGISTER_CONVOLUTION
 
@@ -385,7 +389,7 @@ class HConv2dOp : public AccumulatorOp<T> {
     if (!IsEmpty(work.input) && !IsEmpty(work.filter)) return absl::OkStatus();
     TF_RETURN_IF_ERROR(RequireModestOutput(work.output));
     const bool has_elementwise = work.elementwise.NumElements() == work.output.num_elements();
-    const int64_t addends = has_elementwise ? CentreTaps(WindowAxis(work.rows)) : 0;
+    const int64_t addends = has_elementwise ? CentreTaps(WindowAxis(work.rows)).count : 0;
     if (!IsEmpty(work.filter) || addends <= kAddends) return absl::OkStatus();
     return absl::InvalidArgumentError(absl::StrCat(
         "Need a filter without elements to add elementwise at most ", kAddends, " times, got ",
@@ -402,27 +406,31 @@ class HConv2dOp : public AccumulatorOp<T> {
   bool is_depthwise_ = false;
 };
 
+BITFOLD_WHEN_LOADED(RegisterKernels) {
 #ifdef BITFOLD_GPU
-REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
-                        HConv2dOp<GPUDevice, float>);
-REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
-                        HConv2dOp<GPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+                          HConv2dOp<GPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HConv2d").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+      HConv2dOp<GPUDevice, int32>);
 #endif
-REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-                        HConv2dOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-                        HConv2dOp<CPUDevice, int32>);
-REGISTER_KERNEL_BUILDER(
-    Name("HConv2dDilation").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-    HConv2dOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HConv2dDilation").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HConv2dOp<CPUDevice, int32>);
-REGISTER_KERNEL_BUILDER(
-    Name("HDepthWise").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-    HConv2dOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HDepthWise").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HConv2dOp<CPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+                          HConv2dOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HConv2d").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HConv2dOp<CPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HConv2dDilation").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+      HConv2dOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HConv2dDilation").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HConv2dOp<CPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HDepthWise").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+      HConv2dOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HDepthWise").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HConv2dOp<CPUDevice, int32>);
+}
 
 }  // namespace bitfold

@@ -11,6 +11,7 @@
 #include "cpu/layernorm.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -21,25 +22,27 @@ using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
-REGISTER_OP("HLayernorm")
-    .Input("value: float32")
-    .Input("zero_point: uint32")
-    .Input("exponent_sub_value: uint32")
-    .Input("sum_of_x_mult: uint32")
-    .Input("sum_of_x_shift: uint32")
-    .Input("sum_of_x_mult_n_shift: uint32")
-    .Input("x_squared_mult: uint32")
-    .Input("sum_of_x_squares_shift: uint32")
-    .Input("epsilon: uint32")
-    .Input("mul_act_man: uint32")
-    .Input("mul_act_exp: uint32")
-    .Input("mul_act_bias: uint32")
-    .Input("rms_mode_enable: uint32")
-    .Input("activation_ebias_mode: uint32")
-    .Input("activation_output_mode: uint32")
-    .Input("lut: float32")
-    .Output("output: float32")
-    .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HLayernorm")
+      .Input("value: float32")
+      .Input("zero_point: uint32")
+      .Input("exponent_sub_value: uint32")
+      .Input("sum_of_x_mult: uint32")
+      .Input("sum_of_x_shift: uint32")
+      .Input("sum_of_x_mult_n_shift: uint32")
+      .Input("x_squared_mult: uint32")
+      .Input("sum_of_x_squares_shift: uint32")
+      .Input("epsilon: uint32")
+      .Input("mul_act_man: uint32")
+      .Input("mul_act_exp: uint32")
+      .Input("mul_act_bias: uint32")
+      .Input("rms_mode_enable: uint32")
+      .Input("activation_ebias_mode: uint32")
+      .Input("activation_output_mode: uint32")
+      .Input("lut: float32")
+      .Output("output: float32")
+      .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+}
 
 namespace {
 
@@ -145,6 +148,9 @@ class HLayernormOp : public GuardedOp {
   }
 };
 
-REGISTER_KERNEL_BUILDER(Name("HLayernorm").Device(tensorflow::DEVICE_CPU), HLayernormOp<CPUDevice>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(Name("HLayernorm").Device(tensorflow::DEVICE_CPU),
+                          HLayernormOp<CPUDevice>);
+}
 
 }  // namespace bitfold

@@ -10,6 +10,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/log.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "frame/op_scratch.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -23,24 +24,26 @@ using tensorflow::Tensor;
 using tensorflow::shape_inference::InferenceContext;
 using tensorflow::shape_inference::ShapeHandle;
 
-REGISTER_OP("HMatmul")
-    .Input("a: T")
-    .Input("b: T")
-    .Input("mult_shift: int8")
-    .Output("product: T")
-    .Attr("transpose_a: bool = false")
-    .Attr("transpose_b: bool = false")
-    .Attr("accumulator_size: int")
-    .Attr("T: {float, int32}")
-    .Attr("use_fp16_acc: bool = false")
-    .Attr("adj_x: bool = false")
-    .Attr("adj_y: bool = false")
-    .SetShapeFn([](InferenceContext* c) {
-      ShapeHandle a;
-      return c->WithRank(c->input(0), 2, &a).ok()
-                 ? tensorflow::shape_inference::MatMulShape(c)
-                 : tensorflow::shape_inference::BatchMatMulShape(c);
-    });
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HMatmul")
+      .Input("a: T")
+      .Input("b: T")
+      .Input("mult_shift: int8")
+      .Output("product: T")
+      .Attr("transpose_a: bool = false")
+      .Attr("transpose_b: bool = false")
+      .Attr("accumulator_size: int")
+      .Attr("T: {float, int32}")
+      .Attr("use_fp16_acc: bool = false")
+      .Attr("adj_x: bool = false")
+      .Attr("adj_y: bool = false")
+      .SetShapeFn([](InferenceContext* c) {
+        ShapeHandle a;
+        return c->WithRank(c->input(0), 2, &a).ok()
+                   ? tensorflow::shape_inference::MatMulShape(c)
+                   : tensorflow::shape_inference::BatchMatMulShape(c);
+      });
+}
 
 // The transpositions exist for the shape functions alone: the kernel never reads them.
 template <typename T>
@@ -141,9 +144,12 @@ class HMatMulOp : public AdditionOp<T> {
   }
 };
 
-REGISTER_KERNEL_BUILDER(Name("HMatmul").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-                        HMatMulOp<float>);
-REGISTER_KERNEL_BUILDER(Name("HMatmul").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-                        HMatMulOp<int32>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(Name("HMatmul").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+                          HMatMulOp<float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HMatmul").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HMatMulOp<int32>);
+}
 
 }  // namespace bitfold

@@ -11,6 +11,7 @@
 #include "cpu/nms.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -23,16 +24,18 @@ using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
 // The declared shape is the input's, not the one produced.
-REGISTER_OP("HNMS")
-    .Input("value: float32")
-    .Input("scores_threshold: float32")
-    .Attr("iou_threshold: float")
-    .Attr("max_output_size: float")
-    .Attr("classes: float")
-    .Attr("debug_precise_numeric: bool")
-    .Attr("is_velquin: bool")
-    .Output("output: float32")
-    .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HNMS")
+      .Input("value: float32")
+      .Input("scores_threshold: float32")
+      .Attr("iou_threshold: float")
+      .Attr("max_output_size: float")
+      .Attr("classes: float")
+      .Attr("debug_precise_numeric: bool")
+      .Attr("is_velquin: bool")
+      .Output("output: float32")
+      .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+}
 
 template <typename Device>
 class HNMSOp : public GuardedOp {
@@ -118,6 +121,8 @@ class HNMSOp : public GuardedOp {
   bool is_velquin_ = false;
 };
 
-REGISTER_KERNEL_BUILDER(Name("HNMS").Device(tensorflow::DEVICE_CPU), HNMSOp<CPUDevice>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(Name("HNMS").Device(tensorflow::DEVICE_CPU), HNMSOp<CPUDevice>);
+}
 
 }  // namespace bitfold

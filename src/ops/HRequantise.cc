@@ -13,6 +13,7 @@
 #include "absl/strings/str_format.h"
 #include "cpu/requantise.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "frame/op_workers.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -34,29 +35,31 @@ absl::Status CheckCount(int64_t channels, int64_t count) {
                                                  channels, " channels of sums, got ", count));
 }
 
-REGISTER_OP("HRequantise")
-    .Attr("T: {int32, int64}")
-    .Attr("T_out: {int8, int16, int32}")
-    .Input("sums: T")
-    .Input("multipliers: double")
-    .Output("output: T_out")
-    .Attr("rounding: {'two_roundings', 'short_multiplier', 'one_rounding'}")
-    .Attr("shift: int")
-    .Attr("zero_point: int")
-    .Attr("minimum: int")
-    .Attr("maximum: int")
-    .SetShapeFn([](InferenceContext* context) {
-      ShapeHandle sums;
-      ShapeHandle multipliers;
-      TF_RETURN_IF_ERROR(context->WithRankAtLeast(context->input(0), 1, &sums));
-      TF_RETURN_IF_ERROR(context->WithRank(context->input(1), 1, &multipliers));
-      context->set_output(0, sums);
-      if (!context->RankKnown(sums)) return absl::OkStatus();
-      const auto channels = context->Dim(sums, -1);
-      const auto count = context->Dim(multipliers, 0);
-      if (!context->ValueKnown(channels) || !context->ValueKnown(count)) return absl::OkStatus();
-      return CheckCount(context->Value(channels), context->Value(count));
-    });
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HRequantise")
+      .Attr("T: {int32, int64}")
+      .Attr("T_out: {int8, int16, int32}")
+      .Input("sums: T")
+      .Input("multipliers: double")
+      .Output("output: T_out")
+      .Attr("rounding: {'two_roundings', 'short_multiplier', 'one_rounding'}")
+      .Attr("shift: int")
+      .Attr("zero_point: int")
+      .Attr("minimum: int")
+      .Attr("maximum: int")
+      .SetShapeFn([](InferenceContext* context) {
+        ShapeHandle sums;
+        ShapeHandle multipliers;
+        TF_RETURN_IF_ERROR(context->WithRankAtLeast(context->input(0), 1, &sums));
+        TF_RETURN_IF_ERROR(context->WithRank(context->input(1), 1, &multipliers));
+        context->set_output(0, sums);
+        if (!context->RankKnown(sums)) return absl::OkStatus();
+        const auto channels = context->Dim(sums, -1);
+        const auto count = context->Dim(multipliers, 0);
+        if (!context->ValueKnown(channels) || !context->ValueKnown(count)) return absl::OkStatus();
+        return CheckCount(context->Value(channels), context->Value(count));
+      });
+}
 
 template <typename Device>
 class HRequantiseOp : public GuardedOp {
@@ -169,7 +172,9 @@ class HRequantiseOp : public GuardedOp {
   RequantiseMode mode_ = {};
 };
 
-REGISTER_KERNEL_BUILDER(Name("HRequantise").Device(tensorflow::DEVICE_CPU),
-                        HRequantiseOp<CPUDevice>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(Name("HRequantise").Device(tensorflow::DEVICE_CPU),
+                          HRequantiseOp<CPUDevice>);
+}
 
 }  // namespace bitfold

@@ -8,6 +8,7 @@
 #include "cpu/box_decoders.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "ops/box_decoder_op.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -23,22 +24,24 @@ absl::Status SingelWeightBboxDecoderDNativeShapeLocalImpl(
   return DoubleLastDimension(c);
 }
 
-REGISTER_OP("HSingleWeightPerProposalBboxDecoder")
-    .Input("detection_centers: T")
-    .Input("detection_w_h: T")
-    .Input("y_centers: T")
-    .Input("x_centers: T")
-    .Input("anchors_height_scale_factor: T")
-    .Input("anchors_height_scale_factor_minus: T")
-    .Input("anchors_width_scale_factor: T")
-    .Input("anchors_width_scale_factor_minus: T")
-    .Input("mult_shift: int8")
-    .Attr("T: {float, int32}")
-    .Attr(tensorflow::GetConvnetDataFormatAttrString())
-    .Attr("accumulator_size: int")
-    .Output("output: T")
-    .Attr("use_fp16_acc: bool = false")
-    .SetShapeFn(SingelWeightBboxDecoderDNativeShapeLocalImpl);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HSingleWeightPerProposalBboxDecoder")
+      .Input("detection_centers: T")
+      .Input("detection_w_h: T")
+      .Input("y_centers: T")
+      .Input("x_centers: T")
+      .Input("anchors_height_scale_factor: T")
+      .Input("anchors_height_scale_factor_minus: T")
+      .Input("anchors_width_scale_factor: T")
+      .Input("anchors_width_scale_factor_minus: T")
+      .Input("mult_shift: int8")
+      .Attr("T: {float, int32}")
+      .Attr(tensorflow::GetConvnetDataFormatAttrString())
+      .Attr("accumulator_size: int")
+      .Output("output: T")
+      .Attr("use_fp16_acc: bool = false")
+      .SetShapeFn(SingelWeightBboxDecoderDNativeShapeLocalImpl);
+}
 
 template <typename Device, typename T>
 class HSingleWeightPerProposalBboxDecoderOp : public BoxDecoderOp<T> {
@@ -64,13 +67,15 @@ class HSingleWeightPerProposalBboxDecoderOp : public BoxDecoderOp<T> {
   }
 };
 
-REGISTER_KERNEL_BUILDER(Name("HSingleWeightPerProposalBboxDecoder")
-                            .Device(tensorflow::DEVICE_CPU)
-                            .TypeConstraint<float>("T"),
-                        HSingleWeightPerProposalBboxDecoderOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(Name("HSingleWeightPerProposalBboxDecoder")
-                            .Device(tensorflow::DEVICE_CPU)
-                            .TypeConstraint<int32_t>("T"),
-                        HSingleWeightPerProposalBboxDecoderOp<CPUDevice, int32>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(Name("HSingleWeightPerProposalBboxDecoder")
+                              .Device(tensorflow::DEVICE_CPU)
+                              .TypeConstraint<float>("T"),
+                          HSingleWeightPerProposalBboxDecoderOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(Name("HSingleWeightPerProposalBboxDecoder")
+                              .Device(tensorflow::DEVICE_CPU)
+                              .TypeConstraint<int32_t>("T"),
+                          HSingleWeightPerProposalBboxDecoderOp<CPUDevice, int32>);
+}
 
 }  // namespace bitfold

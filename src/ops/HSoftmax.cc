@@ -9,6 +9,7 @@
 #include "cpu/softmax.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -19,12 +20,14 @@ using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
-REGISTER_OP("HSoftmax")
-    .Input("value: float32")
-    .Input("lut_table: uint32")
-    .Attr("is_velquin: bool")
-    .Output("output: float32")
-    .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HSoftmax")
+      .Input("value: float32")
+      .Input("lut_table: uint32")
+      .Attr("is_velquin: bool")
+      .Output("output: float32")
+      .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+}
 
 template <typename Device>
 class HSoftmaxOp : public GuardedOp {
@@ -56,6 +59,8 @@ class HSoftmaxOp : public GuardedOp {
   bool is_velquin_ = false;
 };
 
-REGISTER_KERNEL_BUILDER(Name("HSoftmax").Device(tensorflow::DEVICE_CPU), HSoftmaxOp<CPUDevice>);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  REGISTER_KERNEL_BUILDER(Name("HSoftmax").Device(tensorflow::DEVICE_CPU), HSoftmaxOp<CPUDevice>);
+}
 
 }  // namespace bitfold

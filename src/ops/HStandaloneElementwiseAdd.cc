@@ -9,6 +9,7 @@
 #include "device/launchers.h"
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -22,17 +23,19 @@ using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
-REGISTER_OP("HStandaloneElementwiseAdd")
-    .Input("value: T")
-    .Input("elementwise: T")
-    .Input("weights: T")
-    .Input("mult_shift: int8")
-    .Attr("T: {float, int32}")
-    .Attr(tensorflow::GetConvnetDataFormatAttrString())
-    .Attr("accumulator_size: int")
-    .Output("output: T")
-    .Attr("use_fp16_acc: bool = false")
-    .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HStandaloneElementwiseAdd")
+      .Input("value: T")
+      .Input("elementwise: T")
+      .Input("weights: T")
+      .Input("mult_shift: int8")
+      .Attr("T: {float, int32}")
+      .Attr(tensorflow::GetConvnetDataFormatAttrString())
+      .Attr("accumulator_size: int")
+      .Output("output: T")
+      .Attr("use_fp16_acc: bool = false")
+      .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+}
 
 // The whole-tensor arithmetic.
 template <typename Device, typename T>
@@ -88,19 +91,21 @@ class HStandaloneElementwiseAddOp : public AdditionOp<T> {
   }
 };
 
+BITFOLD_WHEN_LOADED(RegisterKernels) {
 #ifdef BITFOLD_GPU
-REGISTER_KERNEL_BUILDER(
-    Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
-    HStandaloneElementwiseAddOp<GPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
-    HStandaloneElementwiseAddOp<GPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<float>("T"),
+      HStandaloneElementwiseAddOp<GPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_GPU).TypeConstraint<int32_t>("T"),
+      HStandaloneElementwiseAddOp<GPUDevice, int32>);
 #endif
-REGISTER_KERNEL_BUILDER(
-    Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
-    HStandaloneElementwiseAddOp<CPUDevice, float>);
-REGISTER_KERNEL_BUILDER(
-    Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
-    HStandaloneElementwiseAddOp<CPUDevice, int32>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<float>("T"),
+      HStandaloneElementwiseAddOp<CPUDevice, float>);
+  REGISTER_KERNEL_BUILDER(
+      Name("HStandaloneElementwiseAdd").Device(tensorflow::DEVICE_CPU).TypeConstraint<int32_t>("T"),
+      HStandaloneElementwiseAddOp<CPUDevice, int32>);
+}
 
 }  // namespace bitfold

@@ -11,6 +11,7 @@
 
 #include "cpu/activation.h"
 #include "frame/op_frame.h"
+#include "frame/op_registration.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -21,22 +22,24 @@ using tensorflow::OpKernelConstruction;
 using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
-REGISTER_OP("HActivation")
-    .Input("inp: int64")
-    .Input("x_points: int64")
-    .Input("offsets: int64")
-    .Input("slopes_m: int64")
-    .Input("slopes_e: int64")
-    .Input("size_splits: int64")
-    .Attr("is_8bit_to_16bit_mode:bool")
-    .Attr("is_velquin: bool")
-    .Attr("ebias: int")
-    .Attr("clip_bits: int")
-    .Attr("beta: int")
-    .Attr("is_16bit_precision_mode: bool")
-    .Attr("is_signed_output: bool")
-    .Output("output: int32")
-    .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HActivation")
+      .Input("inp: int64")
+      .Input("x_points: int64")
+      .Input("offsets: int64")
+      .Input("slopes_m: int64")
+      .Input("slopes_e: int64")
+      .Input("size_splits: int64")
+      .Attr("is_8bit_to_16bit_mode:bool")
+      .Attr("is_velquin: bool")
+      .Attr("ebias: int")
+      .Attr("clip_bits: int")
+      .Attr("beta: int")
+      .Attr("is_16bit_precision_mode: bool")
+      .Attr("is_signed_output: bool")
+      .Output("output: int32")
+      .SetShapeFn(tensorflow::shape_inference::UnchangedShape);
+}
 
 template <typename Device>
 class Activation : public GuardedOp {
@@ -139,8 +142,10 @@ tensorflow::OpKernel* CreateActivation(OpKernelConstruction* context) {
   }
 }
 
-const tensorflow::kernel_factory::OpKernelRegistrar kActivationRegistrar(
-    tensorflow::register_kernel::Name("HActivation").Device(tensorflow::DEVICE_CPU).Build(),
-    "Activation<CPUDevice>", CreateActivation);
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+  const tensorflow::kernel_factory::OpKernelRegistrar registrar(
+      tensorflow::register_kernel::Name("HActivation").Device(tensorflow::DEVICE_CPU).Build(),
+      "Activation<CPUDevice>", CreateActivation);
+}
 
 }  // namespace bitfold

@@ -153,22 +153,40 @@ TEST(Activation, OneElement) {
 
 // ---- Whole tensors -----------------------------------------------------------------------------
 
-Path PathOf(Target target) {
-  return target == Target::kPortable ? Path::kActivationPortable
-         : target == Target::kAvx2   ? Path::kActivationAvx2
-                                     : Path::kActivationAvx512;
+// The path of a target, from the portable one.
+Path PathOf(Path portable, Target target) {
+  return testing::OnTarget(portable, std::min(target, Target::kAvx512));
+}
+
+// The lanes of neighbouring groups; `lanes` is their number in a row.
+void MarkLanes(const ActivationCase& c, Target target, int64_t lanes) {
+  if (lanes == 0) return;
+  Ran(PathOf(Path::kActivationLanesPortable, target));
+  if (lanes == c.channels && lanes <= 16 && c.positions > 1) Ran(Path::kActivationLanesTogether);
+  if (lanes > 128) Ran(Path::kActivationLanesInParts);
 }
 
 void MarkPaths(const ActivationCase& c, Target target) {
+  int64_t lanes = 0;
   for (int64_t g = 0; g < c.groups(); ++g) {
-    if (c.size_splits[static_cast<size_t>(g)] <= 0 || c.positions == 0) continue;
-    if (testing::GroupNeedsDefinition(c, g)) {
-      Ran(Path::kActivationByDefinition);
+    const int64_t size = c.size_splits[static_cast<size_t>(g)];
+    if (size <= 0 || c.positions == 0) continue;
+    if (testing::GroupTakesLanes(c, g)) {
+      lanes += size;
       continue;
     }
-    Ran(PathOf(target));
-    Ran(c.points <= 8 ? Path::kActivationFewPoints : Path::kActivationManyPoints);
+    MarkLanes(c, target, lanes);
+    lanes = 0;
+    if (testing::GroupNeedsDefinition(c, g)) {
+      Ran(Path::kActivationByDefinition);
+    } else if (size * c.positions < 3) {
+      Ran(Path::kActivationFewElements);
+    } else {
+      Ran(PathOf(Path::kActivationPortable, target));
+      Ran(c.points <= 8 ? Path::kActivationFewPoints : Path::kActivationManyPoints);
+    }
   }
+  MarkLanes(c, target, lanes);
 }
 
 // The two comparisons, each on its own: the definition against the oracle, and the vector loops of
@@ -341,6 +359,45 @@ TEST(Activation, Groups) {
       for (const int64_t positions : {0, 1, 2, 5}) {
         for (const Points kind : kAllPoints) {
           const ActivationCase c = DrawCase(&random, kind, 5, positions, split, spare);
+          ASSERT_TRUE(Check(c, random.Between(0, 3)));
+        }
+      }
+    }
+  }
+}
+
+// A group for each channel, as requantisation has it: every number of rows that the loops are made
+// for, channels around those of vectors and of blocks, one position, a few, more than run together.
+TEST(Activation, AGroupForEachChannel) {
+  Random random(0x1a9e);
+  for (const int points : {0, 1, 2, 3, 8, 9, 16, 17, 32, 33}) {
+    for (const int channels : {1, 2, 3, 7, 8, 15, 16, 17, 31, 33, 63, 64, 65, 100, 127, 128, 129}) {
+      for (const int64_t positions : {1, 2, 3, 4, 5, 9, 35}) {
+        if (positions > 5 && channels > 33) continue;
+        const std::vector<int64_t> splits(static_cast<size_t>(channels), 1);
+        const Points kind = kAllPoints[random.Between(0, 2)];
+        const ActivationCase c = DrawCase(&random, kind, points, positions, splits, 0);
+        ASSERT_TRUE(Check(c, random.Between(0, 3))) << points << " breakpoints";
+      }
+    }
+  }
+}
+
+// Groups of odd sizes that share blocks of lanes, end within one, or stand between wide groups and
+// groups that the definition computes.
+TEST(Activation, GroupsInLanes) {
+  Random random(0x0dd5);
+  const std::vector<std::vector<int64_t>> splits = {
+      {3, 5, 7, 11, 13}, {1, 127},     {127, 1},  {127, 127}, {1, 128, 1}, {5, 200, 7},
+      {100, 100, 100},   {1, 1, 129},  {2, 0, 3}, {63, 65},   {9, -2, 9},  {31, 33, 64},
+      {126, 3, 126, 3},  {1, 1, 1, 1}, {2, 1},    {40, 40},
+  };
+  for (const auto& split : splits) {
+    for (const int spare : {0, 1}) {
+      for (const int64_t positions : {1, 2, 3, 6}) {
+        for (const int points : {2, 5, 12, 20}) {
+          const Points kind = kAllPoints[random.Between(0, 3)];
+          const ActivationCase c = DrawCase(&random, kind, points, positions, split, spare);
           ASSERT_TRUE(Check(c, random.Between(0, 3)));
         }
       }

@@ -48,16 +48,6 @@ TEST(ChainWindows, TapsInside) {
   });
 }
 
-TEST(ChainWindows, CentreTap) {
-  ForEachAxis([](const ConvolutionAxis& sizes, const std::string& inputs) {
-    const WindowAxis axis(sizes);
-    const int32_t centre = CentreTap(axis);
-    for (int32_t tap = 0; tap < axis.taps; ++tap) {
-      ASSERT_EQ(axis.IsCentre(tap), tap == centre) << inputs << "tap=" << tap;
-    }
-  });
-}
-
 // Every output is in a tile, none outside, and a tile's columns have its taps.
 void CheckTiles(const ConvolutionAxis& columns, int32_t channels, bool is_depthwise,
                 const std::string& inputs) {

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Convolutions without products: images or filters of no elements, however large their other
-// dimensions. The centre taps are counted, and only the elementwise values are added.
+// dimensions. Only the elementwise values are added.
 
 #include <gtest/gtest.h>
 
@@ -24,40 +24,6 @@ using testing::Random;
 
 constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
 constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
-
-// ---- The count of the centre taps --------------------------------------------------------------
-
-int64_t CountedOneByOne(const WindowAxis& axis) {
-  int64_t count = 0;
-  for (int32_t tap = 0; tap < axis.taps; ++tap) count += axis.IsCentre(tap) ? 1 : 0;
-  return count;
-}
-
-TEST(CentreTaps, AsCountedOneByOne) {
-  Random random(0xce47);
-  std::vector<int32_t> dilations = {0,       1,       2,    3,    4,        5,        6,
-                                    -1,      -2,      -3,   -4,   -30000,   1 << 28,  -(1 << 28),
-                                    3 << 27, 1 << 30, kMin, kMax, kMin + 1, kMax - 1, kMin / 2};
-  for (int i = 0; i < 50; ++i) dilations.push_back(static_cast<int32_t>(random.Bits()));
-  for (const int32_t dilation : dilations) {
-    for (const int32_t taps : {0, 1, 2, 3, 4, 5, 7, 8, 9, 16, 31, 100, 4097}) {
-      for (const Padding padding : {Padding::kValid, Padding::kSame}) {
-        const WindowAxis axis({9, taps, 1, dilation, padding});
-        EXPECT_EQ(CentreTaps(axis), CountedOneByOne(axis)) << taps << " taps " << dilation;
-      }
-    }
-  }
-}
-
-TEST(CentreTaps, OfTwoBillion) {
-  const auto count = [](int32_t taps, int32_t dilation) {
-    return CentreTaps(WindowAxis({9, taps, 1, dilation, Padding::kSame}));
-  };
-  EXPECT_EQ(count(kMax, 0), kMax);
-  EXPECT_EQ(count(kMax, 1), 1);
-  EXPECT_EQ(count(kMax, -1), 1);
-  EXPECT_EQ(count(kMax - 1, 2), 0);
-}
 
 // ---- Without products --------------------------------------------------------------------------
 

@@ -9,10 +9,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "reference.h"
 #include "support/compare.h"
+#include "support/random.h"
 #include "support/tables.h"
 
 namespace bitfold {
@@ -126,23 +128,60 @@ TEST(Geometry, WindowCoordinates) {
   }
 }
 
-int CentreTaps(int32_t filter, int32_t dilation) {
-  const WindowAxis axis({9, filter, 1, dilation, Padding::kSame});
-  int taps = 0;
-  for (int32_t tap = 0; tap < filter; ++tap) taps += axis.IsCentre(tap) ? 1 : 0;
-  return taps;
+// One tap after the other.
+void ExpectCentreTapsOf(const WindowAxis& axis) {
+  int32_t first = -1;
+  int64_t count = 0;
+  for (int32_t tap = axis.taps - 1; tap >= 0; --tap) {
+    if (!axis.IsCentre(tap)) continue;
+    first = tap;
+    ++count;
+  }
+  const CentreTaps taps(axis);
+  EXPECT_EQ(taps.first, first) << axis.taps << " taps " << axis.dilation << " apart";
+  EXPECT_EQ(taps.count, count) << axis.taps << " taps " << axis.dilation << " apart";
+}
+
+CentreTaps CentreTapsOf(int32_t taps, int32_t dilation) {
+  return CentreTaps(WindowAxis({9, taps, 1, dilation, Padding::kSame}));
 }
 
 TEST(Geometry, OneCentreTapOrNone) {
   for (int32_t filter = 1; filter <= 12; ++filter) {
     for (int32_t dilation = 1; dilation <= 6; ++dilation) {
       const bool has_centre = filter % 2 == 1 || dilation == 1;
-      EXPECT_EQ(CentreTaps(filter, dilation), has_centre ? 1 : 0) << filter << " " << dilation;
+      EXPECT_EQ(CentreTapsOf(filter, dilation).count, has_centre ? 1 : 0)
+          << filter << " " << dilation;
     }
-    EXPECT_TRUE(WindowAxis({9, filter, 1, 1, Padding::kValid}).IsCentre(filter / 2));
+    EXPECT_EQ(CentreTapsOf(filter, 1).first, filter / 2);
     // Undilated taps all lie on one place, which is the centre.
-    EXPECT_EQ(CentreTaps(filter, 0), filter);
+    EXPECT_EQ(CentreTapsOf(filter, 0).count, filter);
   }
+}
+
+TEST(Geometry, CentreTapsAsWalkedOneByOne) {
+  constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+  constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+  testing::Random random(0xce47);
+  std::vector<int32_t> dilations = {0,       1,       2,    3,    4,        5,        6,
+                                    -1,      -2,      -3,   -4,   -30000,   1 << 28,  -(1 << 28),
+                                    3 << 27, 1 << 30, kMin, kMax, kMin + 1, kMax - 1, kMin / 2};
+  for (int i = 0; i < 50; ++i) dilations.push_back(static_cast<int32_t>(random.Bits()));
+  for (const int32_t dilation : dilations) {
+    for (const int32_t taps : {-1, 0, 1, 2, 3, 4, 5, 7, 8, 9, 16, 31, 100, 4097}) {
+      for (const Padding padding : {Padding::kValid, Padding::kSame}) {
+        ExpectCentreTapsOf(WindowAxis({9, taps, 1, dilation, padding}));
+      }
+    }
+  }
+}
+
+TEST(Geometry, CentreTapsOfTwoBillion) {
+  constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+  EXPECT_EQ(CentreTapsOf(kMax, 0).count, kMax);
+  EXPECT_EQ(CentreTapsOf(kMax, 1).count, 1);
+  EXPECT_EQ(CentreTapsOf(kMax, -1).count, 1);
+  EXPECT_EQ(CentreTapsOf(kMax - 1, 2).count, 0);
 }
 
 }  // namespace

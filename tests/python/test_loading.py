@@ -125,6 +125,78 @@ def test_a_link_to_the_library_that_was_loaded_before_is_refused(tmp_path):
     assert "loaded this file before under another name" in last
 
 
+# ---- A second copy after the first -------------------------------------------------------------
+
+_IMPORT_THEN = """
+import ctypes, os, sys
+os.environ["TF_CPP_MIN_LOG_LEVEL"] = "2"  # errors are logged
+import bitfold, tensorflow as tf
+from tensorflow.python.framework import kernels
+
+def registered():
+    found = kernels.get_all_registered_kernels().kernel  # the compiler's own come when first used
+    return sorted(str(k) for k in found if k.device_type in ("CPU", "GPU"))
+
+def works():
+    value = tf.constant([[100, 3]])
+    assert bitfold.ops.add(value, [[50, 4]], accumulator_size=8).numpy().tolist() == [[-106, 7]]
+    twice = tf.function(lambda x: bitfold.ops.add(x, x, accumulator_size=8))
+    assert twice(value).numpy().tolist() == [[-56, 6]]
+
+before = registered()
+"""
+_THEN_ALL_IS_AS_BEFORE = """
+works()
+assert registered() == before
+print("works")
+"""
+
+
+@pytest.mark.parametrize("first_works", [False, True])
+def test_a_copy_that_is_loaded_after_is_refused(copy, first_works):
+    """An error that names both files; the first copy's ops go on working, and twice is no worse."""
+    code = (
+        _IMPORT_THEN
+        + "works()\n" * first_works
+        + """
+try:
+    tf.load_op_library(sys.argv[1])
+except tf.errors.FailedPreconditionError as error:
+    print(error)
+else:
+    raise AssertionError("a second copy was loaded")
+assert not hasattr(tf.load_op_library(sys.argv[1]), "h_add")
+"""
+        + _THEN_ALL_IS_AS_BEFORE
+    )
+    library = str(copy / "libbitfold.so")
+    lines = support.passes(support.run_python(code, library)).splitlines()
+    assert f"bitfold cannot register the ops of {library}: " in lines[0]
+    assert f"has loaded another copy of the library, {bitfold.library_path()}," in lines[0]
+    assert lines[-1] == "works"
+
+
+@pytest.mark.parametrize("first_works", [False, True])
+def test_a_copy_that_is_loaded_for_its_functions_is_logged(copy, first_works):
+    """By ctypes: its functions work, its ops are not registered, and the log names both files."""
+    code = (
+        _IMPORT_THEN
+        + "works()\n" * first_works
+        + """
+second = ctypes.CDLL(sys.argv[1])
+assert second.accumulator_int_verification(100, 50, 8) == -106
+"""
+        + _THEN_ALL_IS_AS_BEFORE
+    )
+    library = str(copy / "libbitfold.so")
+    result = support.run_python(code, library)
+    assert support.passes(result).splitlines()[-1] == "works"
+    (logged,) = [line for line in result.stderr.splitlines() if "another copy" in line]
+    assert logged.startswith("E0000") or " E " in logged
+    assert f"bitfold cannot register the ops of {library}: " in logged
+    assert f"has loaded another copy of the library, {bitfold.library_path()}," in logged
+
+
 # ---- Sources -----------------------------------------------------------------------------------
 
 

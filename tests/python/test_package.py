@@ -46,7 +46,9 @@ def test_public_names():
         "ops",
         "raw_ops",
         "resize",
+        "set_warnings",
         "tables",
+        "warning_counts",
     ]
     raw_names = {"h_add", "h_bias_add", "h_depth_wise", "h_conv2d", "h_conv2d_dilation"}
     raw_names |= {"h_activation", "h_layernorm", "h_softmax"}

@@ -42,6 +42,9 @@ SYMBOLS = {
     "ReplaceFPXArray_fromFPXArray",
     "OverrideFloatArray_fromFPX",
     "DeleteInputFPX",
+    "bitfold_counting_word",
+    "bitfold_set_warnings",
+    "bitfold_visit_warning_counts",
 }
 COUNTERS = {"g_32toX_of", "g_32toX_uf", "g_resizeX_of", "g_resizeX_uf"}
 

@@ -217,7 +217,7 @@ def test_device_code_rounds_every_operation():
 OP_SOURCES = [
     path.stem
     for path in sorted((ROOT / "src" / "ops").glob("*.cc"))
-    if re.search(r"(?m)^\w*REGISTER_\w+\(", text(path))
+    if re.search(r"(?m)^\s*\w*REGISTER_\w+\(", text(path))
 ]
 # What is exported to C but registers no op has the same company; its header has the format's name.
 UNITS = [*OP_SOURCES, "HFloat"]
@@ -300,7 +300,7 @@ def test_op_is_documented(stem):
 def _registered(stem: str) -> list[str]:
     """Return the ops that a source file registers, in its order."""
     content = (ROOT / "src" / "ops" / f"{stem}.cc").read_text()
-    return re.findall(r'(?m)^(?:REGISTER_OP|BITFOLD_REGISTER_\w+)\("(\w+)"', content)
+    return re.findall(r'(?m)^\s*(?:REGISTER_OP|BITFOLD_REGISTER_\w+)\("(\w+)"', content)
 
 
 REGISTERED = [name for stem in OP_SOURCES for name in _registered(stem)]
@@ -343,6 +343,16 @@ def test_op_is_timed_beside_the_stock_op(stem):
 def test_op_is_in_the_changelog(name):
     """Users read there what came."""
     assert f"`{name}`" in (ROOT / "CHANGELOG.md").read_text(), f"name `{name}` in CHANGELOG.md"
+
+
+@pytest.mark.parametrize("stem", OP_SOURCES)
+def test_ops_register_in_the_first_copy_only(stem):
+    """Ops and kernels register inside functions that a second copy of the library does not call."""
+    content = text(ROOT / "src" / "ops" / f"{stem}.cc")
+    assert not re.search(r"(?m)^(\w*REGISTER_\w+\(|.*OpKernelRegistrar k)", content), (
+        f"src/ops/{stem}.cc: register inside BITFOLD_WHEN_LOADED(name) {{ ... }}, "
+        "frame/op_registration.h"
+    )
 
 
 def test_registration_order_is_the_files_order():

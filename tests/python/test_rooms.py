@@ -41,7 +41,8 @@ RUNTIME = (
     "third_party/",
 )
 RUNTIME_USERS = re.compile(
-    r"src/ops/.*|src/frame/(op_(frame|scratch|cancellation|workers)\.h|op_frame\.cc|log\.cc)"
+    r"src/ops/.*|src/frame/(op_(frame|scratch|cancellation|workers)\.h"
+    r"|op_(frame|registration)\.cc|log\.cc)"
 )
 # Who may include the device toolkit's.
 TOOLKIT = re.compile(r"cu(da|rand|blas|dnn)\w*(\.h|/.*)")

@@ -37,7 +37,7 @@ def digest(output: tf.Tensor) -> str:
 
 def _attribute(name: str, value: Any) -> Any:
     """Return an attribute as the runtime's C interface takes it."""
-    if name == "T":
+    if name in ("T", "T_out"):
         return tf.as_dtype(value or "float64").as_datatype_enum
     return value.encode() if isinstance(value, str) else value
 

@@ -9,7 +9,7 @@ import calls
 import children
 import pytest
 
-SANITIZED = 5000  # calls
+SANITIZED = 10000  # calls
 FILLED = 5000  # each twice
 
 

@@ -30,8 +30,8 @@ def library_path() -> str:
     """Return the path of the shared library with the ops and the exported functions.
 
     For ``tf.load_op_library`` in a process that does not import bitfold, for ``ctypes``, and for
-    linking C programs. A process can hold one copy of the library: a second one registers the same
-    ops again, and the runtime then runs none of them.
+    linking C programs. One copy of the library registers its ops in a process, the first:
+    ``tf.load_op_library`` refuses a second one.
 
     Example:
         >>> import bitfold
@@ -108,8 +108,7 @@ def check_versions(running: str, built_for: str = build_info.TENSORFLOW_VERSION)
 def check_only_copy(path: str) -> None:
     """Raise ImportError where the process has loaded another copy of the library.
 
-    Each copy registers the same ops and kernels, and with two kernels for one op the runtime
-    refuses to run it, whichever was called.
+    Only the first copy registers its ops; loaded now, this one would have none.
 
     Args:
         path: the library that is about to be loaded, or is already.
@@ -121,7 +120,7 @@ def check_only_copy(path: str) -> None:
         if not os.path.samefile(other, path):
             raise ImportError(
                 f"bitfold {VERSION} cannot load {path}: this process has loaded another copy of "
-                f"the library, {other}, and the runtime would run no op that two copies register. "
+                f"the library, {other}, and one copy alone can register the ops. "
                 "Load one of them: import bitfold from one place, and give tf.load_op_library "
                 "bitfold.library_path()."
             )

@@ -38,3 +38,34 @@ def quantise_multipliers(multipliers: Any) -> tuple[np.ndarray, np.ndarray]:
         np.where(kept, mantissas, 0).astype(np.int32),
         np.where(kept, exponents, 0).astype(np.int32),
     )
+
+
+def require_multipliers(multipliers: np.ndarray, rounding: str, shift: int) -> None:
+    """Raise ValueError unless multipliers are numbers that a rounding takes.
+
+    Args:
+        multipliers: float64, one for each channel or one for all.
+        rounding: a name of `bitfold.ops.requantise`.
+        shift: added to every exponent.
+    """
+    wrong = ~(np.isfinite(multipliers) & (multipliers >= 0))
+    if wrong.any():
+        raise ValueError(
+            "multipliers must be finite and not negative, "
+            f"got {multipliers[wrong].flat[0]} in channel {np.flatnonzero(wrong)[0]}"
+        )
+    if rounding not in HIGHEST_EXPONENTS:
+        with np.errstate(over="ignore"):
+            wrong = np.isinf(np.ldexp(multipliers, shift))
+        needed = "stay finite after the shift"
+    else:
+        mantissas, exponents = quantise_multipliers(multipliers)
+        shifted = exponents.astype(np.int64) + shift
+        highest = HIGHEST_EXPONENTS[rounding]
+        wrong = (mantissas != 0) & ((shifted < LOWEST_EXPONENT) | (shifted > highest))
+        needed = f"have exponents from {LOWEST_EXPONENT} to {highest} for {rounding}"
+    if wrong.any():
+        raise ValueError(
+            f"multipliers must {needed}, got {multipliers[wrong].flat[0]} with a shift of {shift} "
+            f"in channel {np.flatnonzero(wrong)[0]}"
+        )

@@ -31,16 +31,17 @@ def without_static_shape(tensor: tf.Tensor) -> tf.Tensor:
 
 
 def product_shape(a: tf.TensorShape, b: tf.TensorShape) -> tf.TensorShape:
-    """Return the shape that the matrix product's kernel will allocate, as far as it is known."""
-    if a.rank is None or a.rank < 2:
+    """Return the shape that the matrix product's kernel will allocate, as far as it is known.
+
+    Args:
+        a: the shape of two matrices or of two batches of them.
+        b: of one rank with `a`.
+    """
+    rank = b.rank if a.rank is None else a.rank
+    if rank is None:
         return tf.TensorShape(None)
-    if b.rank is None:  # b has no more dimensions than a, but which of a's it replaces is open
-        return tf.TensorShape([a[0], *[None] * (a.rank - 1)])
-    if not 2 <= b.rank <= a.rank:
-        return tf.TensorShape(None)  # the kernel refuses
-    sizes = list(a)
-    sizes[b.rank - 1] = b[-1]
-    return tf.TensorShape(sizes)
+    data, weights = ([None] * rank if x.rank is None else list(x) for x in (a, b))
+    return tf.TensorShape([*data[:-1], weights[-1]])
 
 
 def convolution_shape(

@@ -24,7 +24,7 @@ from bitfold.network import model_file, model_packer
 from bitfold.network.graph import Graph, Node, Operator, Quantisation, Tensor
 
 # The reference kernels lack these or leave their outputs unwritten.
-_WITHOUT_REFERENCE = ("DEPTH_TO_SPACE", "SUM", "TILE")
+_WITHOUT_REFERENCE = ("DEPTH_TO_SPACE", "ELU", "SUM", "TILE")
 
 # Tables of 128 KiB each, at most.
 _MOST_TABLES = 128
@@ -223,34 +223,32 @@ def _table(
     limits = np.iinfo(varying.dtype)
     values = np.arange(limits.min, limits.max + 1, dtype=varying.dtype)
 
-    def runner(count: int) -> _Runner:
-        tensors = [None if facts is None else facts.tensor("input", count) for facts in inputs]
-        outputs = [output.tensor("output", count)]
-        return _Runner(_graph(kind, tensors, outputs, dict(options), version))
-
-    def run(given: np.ndarray) -> np.ndarray:
-        return runner(given.size).run([given.reshape(1, -1)])[0].reshape(-1)
-
-    try:
-        table = run(values)
-    except ValueError:
-        first = _least_taken(runner(1), values)
-        table = np.concatenate([np.empty(first, output.dtype), run(values[first:])])
-        table[:first] = table[first]
+    tensors = [None if facts is None else facts.tensor("input", values.size) for facts in inputs]
+    outputs = [output.tensor("output", values.size)]
+    runner = _Runner(_graph(kind, tensors, outputs, dict(options), version))
+    table = _results(runner, values)
     table.flags.writeable = False
     return table
 
 
-def _least_taken(runner: _Runner, values: np.ndarray) -> int:
-    """Return the place of the least value that an operator takes, if it takes all above that."""
+def _results(runner: _Runner, values: np.ndarray) -> np.ndarray:
+    """Return the results of ascending values; those refused are the least and get the next one's.
 
-    def refuses(value: np.ndarray) -> bool:
+    Raises:
+        ValueError: the kernel refuses the greatest value, too.
+    """
+
+    def run(first: int) -> np.ndarray:
+        """Return the results with every value raised to that at `first`."""
+        return runner.run([np.maximum(values, values[first]).reshape(1, -1)])[0].reshape(-1)
+
+    with contextlib.suppress(ValueError):
+        return run(0)
+    refused, taken, table = 0, values.size - 1, run(values.size - 1)
+    while taken - refused > 1:
+        middle = (refused + taken) // 2
         try:
-            runner.run([value.reshape(1, 1)])
+            table, taken = run(middle), middle
         except ValueError:
-            return True
-        return False
-
-    # Not a shape or type, if the greatest value is taken.
-    runner.run([values[-1].reshape(1, 1)])
-    return bisect.bisect_left(range(values.size), True, key=lambda i: not refuses(values[i]))
+            refused = middle
+    return table

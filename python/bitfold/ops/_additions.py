@@ -11,6 +11,10 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.operands import Needs, dimension, elements
+
+# What the units take: images, and the results of dense layers.
+_RANKS = (2, 4)
 
 
 @accepts_symbolic
@@ -31,14 +35,13 @@ def add(
     ceil(``feed_repeat``) times, wrapping after each addition.
 
     Args:
-        value: the accumulators, float32 or int32, of rank 4 or 2. Of other ranks only the first
-            d0 * d1 elements are computed and the rest is 0.
+        value: the accumulators, float32 or int32, of rank 4 or 2.
         elementwise: the operand, of the type and as many elements as `value`.
         accumulator_size: the accumulator's width in bits, at least 0.
         factor: the multiplier of `elementwise`, a number of `value`'s type.
         feed_repeat: how many times the operand is added; 0 and below add nothing.
         mult_shift: the shift or divisor of the product, -128 to 127.
-        use_fp16_acc: accumulate in half precision.
+        use_fp16_acc: accumulate in half precision; of int32 data only `value` is rounded to it.
         name: the node's name.
 
     Returns:
@@ -46,10 +49,10 @@ def add(
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for numbers that their type does not hold.
+        ValueError: for numbers that their type does not hold; a `value` of another rank; an
+            `elementwise` of another number of elements.
         tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
-            a rank below 2; an `elementwise` that is too small; a feed repeat that is NaN or above
-            2^31.
+            a feed repeat that is NaN or above 2^31.
 
     Example:
         >>> import bitfold
@@ -61,16 +64,21 @@ def add(
         array([[ 6, 12]], dtype=int32)
     """
     value = element_tensor(value, "value")
-    return raw_ops.h_add(
-        value=value,
-        elementwise=element_tensor(elementwise, "elementwise", value.dtype),
-        elementwise_factor=scalar_tensor(factor, "factor", value.dtype),
-        elementwise_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
-        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        use_fp16_acc=use_fp16_acc,
-        name=name,
-    )
+    elementwise = element_tensor(elementwise, "elementwise", value.dtype)
+    needs = Needs()
+    needs.rank(value, "value", *_RANKS)
+    needs.elements(elementwise, "elementwise", elements(value), "as many as value")
+    with needs.met():
+        return raw_ops.h_add(
+            value=value,
+            elementwise=elementwise,
+            elementwise_factor=scalar_tensor(factor, "factor", value.dtype),
+            elementwise_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
+            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            use_fp16_acc=use_fp16_acc,
+            name=name,
+        )
 
 
 @accepts_symbolic
@@ -91,14 +99,13 @@ def bias_add(
     ceil(``feed_repeat``) times, wrapping after each addition.
 
     Args:
-        value: the accumulators, float32 or int32, [N, H, W, C] or [N, C]. For other ranks an error
-            is logged and the result is 0.
+        value: the accumulators, float32 or int32, [N, H, W, C] or [N, C].
         bias: one value per channel, [C], of the type of `value`.
         accumulator_size: the accumulator's width in bits, at least 0.
         factor: the multiplier of `bias`, a number of `value`'s type.
         feed_repeat: how many times the bias is added; 0 and below add nothing.
         mult_shift: the shift or divisor of the product, -128 to 127.
-        use_fp16_acc: accumulate in half precision.
+        use_fp16_acc: accumulate in half precision; of int32 data only `value` is rounded to it.
         name: the node's name.
 
     Returns:
@@ -106,10 +113,10 @@ def bias_add(
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for numbers that their type does not hold; in a graph also for a `bias` whose
-            shape is not [C].
+        ValueError: for numbers that their type does not hold; a `value` of another rank; a `bias`
+            that does not hold C elements, or in a graph has another shape than [C].
         tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
-            fewer than C biases; a feed repeat that is NaN or above 2^31.
+            a feed repeat that is NaN or above 2^31.
 
     Example:
         >>> import bitfold
@@ -120,16 +127,18 @@ def bias_add(
         array([[2.]], dtype=float32)
     """
     value = element_tensor(value, "value")
-    return raw_ops.h_bias_add(
-        value=value,
-        bias=element_tensor(bias, "bias", value.dtype),
-        bias_factor=scalar_tensor(factor, "factor", value.dtype),
-        bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
-        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        use_fp16_acc=use_fp16_acc,
-        name=name,
-    )
+    bias = element_tensor(bias, "bias", value.dtype)
+    with _channel_needs(value, bias=bias).met():
+        return raw_ops.h_bias_add(
+            value=value,
+            bias=bias,
+            bias_factor=scalar_tensor(factor, "factor", value.dtype),
+            bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
+            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            use_fp16_acc=use_fp16_acc,
+            name=name,
+        )
 
 
 @accepts_symbolic
@@ -153,8 +162,7 @@ def decomposed_bias_add(
     times, wrapping after each addition.
 
     Args:
-        value: the accumulators, float32 or int32, [N, H, W, C] or [N, C]. For other ranks an error
-            is logged and the result is 0.
+        value: the accumulators, float32 or int32, [N, H, W, C] or [N, C].
         bias_a: the first part, one value per channel, [C], of the type of `value`.
         bias_b: the second part, likewise.
         accumulator_size: the accumulator's width in bits, at least 0.
@@ -162,7 +170,7 @@ def decomposed_bias_add(
         factor_b: the multiplier of `bias_b`, likewise.
         feed_repeat: how many times both parts are added; 0 and below add nothing.
         mult_shift: the shift or divisor of both products, -128 to 127.
-        use_fp16_acc: accumulate in half precision.
+        use_fp16_acc: accumulate in half precision; of int32 data only `value` is rounded to it.
         name: the node's name.
 
     Returns:
@@ -170,10 +178,11 @@ def decomposed_bias_add(
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for numbers that their type does not hold; in a graph also for a `bias_a` whose
-            shape is not [C].
+        ValueError: for numbers that their type does not hold; a `value` of another rank; a part of
+            the bias that does not hold C elements, or in a graph a `bias_a` of another shape
+            than [C].
         tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
-            fewer than C biases; a feed repeat that is NaN or above 2^31.
+            a feed repeat that is NaN or above 2^31.
 
     Example:
         >>> import bitfold
@@ -187,18 +196,21 @@ def decomposed_bias_add(
         array([[1000]], dtype=int32)
     """
     value = element_tensor(value, "value")
-    return raw_ops.h_decomposed_bias_add(
-        value=value,
-        bias_a=element_tensor(bias_a, "bias_a", value.dtype),
-        bias_b=element_tensor(bias_b, "bias_b", value.dtype),
-        bias_a_factor=scalar_tensor(factor_a, "factor_a", value.dtype),
-        bias_b_factor=scalar_tensor(factor_b, "factor_b", value.dtype),
-        bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
-        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        use_fp16_acc=use_fp16_acc,
-        name=name,
-    )
+    bias_a = element_tensor(bias_a, "bias_a", value.dtype)
+    bias_b = element_tensor(bias_b, "bias_b", value.dtype)
+    with _channel_needs(value, bias_a=bias_a, bias_b=bias_b).met():
+        return raw_ops.h_decomposed_bias_add(
+            value=value,
+            bias_a=bias_a,
+            bias_b=bias_b,
+            bias_a_factor=scalar_tensor(factor_a, "factor_a", value.dtype),
+            bias_b_factor=scalar_tensor(factor_b, "factor_b", value.dtype),
+            bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
+            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            use_fp16_acc=use_fp16_acc,
+            name=name,
+        )
 
 
 @accepts_symbolic
@@ -218,14 +230,13 @@ def weighted_add(
     product scaled by ``mult_shift``, in one addition that wraps once.
 
     Args:
-        value: the first operand, float32 or int32, [N, H, W, C] or [N, C]. Of other ranks only the
-            first d0 * d1 elements are computed, with d1 channels, and the rest is 0.
+        value: the first operand, float32 or int32, [N, H, W, C] or [N, C].
         elementwise: the second operand, of the type and as many elements as `value`.
         weights: [2, C] or 2 * C elements, of the type of `value`: the weights of `value`, then
             those of `elementwise`.
         accumulator_size: the accumulator's width in bits, at least 0.
         mult_shift: the shift or divisor of both products, -128 to 127.
-        use_fp16_acc: round the second product and the sum to half precision (float32 data only).
+        use_fp16_acc: round the second product and the sum to half precision; needs float32 data.
         name: the node's name.
 
     Returns:
@@ -233,9 +244,10 @@ def weighted_add(
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for numbers that their type does not hold.
-        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
-            a rank below 2; an `elementwise` or `weights` that is too small.
+        ValueError: for numbers that their type does not hold; a `value` of another rank; an
+            `elementwise` or `weights` of another number of elements; `use_fp16_acc` with int32
+            data.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data.
 
     Example:
         >>> import bitfold
@@ -246,12 +258,29 @@ def weighted_add(
         array([[144]], dtype=int32)
     """
     value = element_tensor(value, "value")
-    return raw_ops.h_standalone_elementwise_add(
-        value=value,
-        elementwise=element_tensor(elementwise, "elementwise", value.dtype),
-        weights=element_tensor(weights, "weights", value.dtype),
-        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        use_fp16_acc=use_fp16_acc,
-        name=name,
-    )
+    elementwise = element_tensor(elementwise, "elementwise", value.dtype)
+    weights = element_tensor(weights, "weights", value.dtype)
+    needs = Needs()
+    needs.half_precision_float(use_fp16_acc, value.dtype)
+    needs.rank(value, "value", *_RANKS)
+    needs.elements(elementwise, "elementwise", elements(value), "as many as value")
+    needs.elements(weights, "weights", 2 * dimension(value, -1), "two for each channel of value")
+    with needs.met():
+        return raw_ops.h_standalone_elementwise_add(
+            value=value,
+            elementwise=elementwise,
+            weights=weights,
+            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            use_fp16_acc=use_fp16_acc,
+            name=name,
+        )
+
+
+def _channel_needs(value: tf.Tensor, **biases: tf.Tensor) -> Needs:
+    """Return what the additions of a number for each channel need."""
+    needs = Needs()
+    needs.rank(value, "value", *_RANKS)
+    for name, bias in biases.items():
+        needs.elements(bias, name, dimension(value, -1), "one for each channel of value")
+    return needs

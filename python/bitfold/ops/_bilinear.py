@@ -11,6 +11,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.operands import Needs, dimension, elements
 
 
 @accepts_symbolic
@@ -59,9 +60,10 @@ def bilinear(
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for numbers that their type does not hold.
-        tf.errors.InvalidArgumentError: for a batch of 0; neighbours or weights that are too few;
-            a width above 32 with int32 data, unless `float_accumulator`.
+        ValueError: for numbers that their type does not hold; neighbours or weights of another
+            number of elements.
+        tf.errors.InvalidArgumentError: for a batch of 0, or no batch; a width above 32 with int32
+            data, unless `float_accumulator`.
 
     Example:
         >>> import bitfold
@@ -75,18 +77,39 @@ def bilinear(
     """
     upper_left = element_tensor(upper_left, "upper_left")
     dtype = upper_left.dtype
-    return raw_ops.h_bilinear(
-        im_out_upper_left=upper_left,
-        im_out_upper_right=element_tensor(upper_right, "upper_right", dtype),
-        im_out_bottom_left=element_tensor(bottom_left, "bottom_left", dtype),
-        im_out_bottom_right=element_tensor(bottom_right, "bottom_right", dtype),
-        one_m_rx_one_m_ry=element_tensor(weight_upper_left, "weight_upper_left", dtype),
-        rx_one_m_ry=element_tensor(weight_upper_right, "weight_upper_right", dtype),
-        ry_one_m_rx=element_tensor(weight_bottom_left, "weight_bottom_left", dtype),
-        rx_ry=element_tensor(weight_bottom_right, "weight_bottom_right", dtype),
-        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        bias=scalar_tensor(bias, "bias", tf.float32),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        float_accumulator=float_accumulator,
-        name=name,
-    )
+    others = {
+        "upper_right": upper_right,
+        "bottom_left": bottom_left,
+        "bottom_right": bottom_right,
+        "weight_upper_left": weight_upper_left,
+        "weight_upper_right": weight_upper_right,
+        "weight_bottom_left": weight_bottom_left,
+        "weight_bottom_right": weight_bottom_right,
+    }
+    tensors = {key: element_tensor(x, key, dtype) for key, x in others.items()}
+    with _sizes_needed(upper_left, tensors).met():
+        return raw_ops.h_bilinear(
+            upper_left,
+            *tensors.values(),
+            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            bias=scalar_tensor(bias, "bias", tf.float32),
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            float_accumulator=float_accumulator,
+            name=name,
+        )
+
+
+def _sizes_needed(upper_left: tf.Tensor, others: dict[str, tf.Tensor]) -> Needs:
+    """Return what the resampler needs of its other neighbours and of its weights."""
+    needs = Needs()
+    count = elements(upper_left)
+    rank = upper_left.shape.rank
+    if rank == 0 or (rank is not None and upper_left.shape[0] == 0):
+        return needs  # the kernel refuses
+    item = count // dimension(upper_left, 0)
+    for key, tensor in others.items():
+        if key.startswith("weight"):
+            needs.elements(tensor, key, item, "one for each element of a batch item")
+        else:
+            needs.elements(tensor, key, count, "as many as upper_left")
+    return needs

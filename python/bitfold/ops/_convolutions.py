@@ -18,6 +18,7 @@ from bitfold._frame.arguments import (
 )
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.operands import Needs, dimension, elements
 from bitfold._frame.shapes import convolution_shape, without_static_shape
 
 
@@ -43,19 +44,18 @@ def conv2d(
 
     Args:
         input: images, float32 or int32, [N, H, W, C].
-        filters: [height, width, C, outputs], of the type of `input`. Of a filter with a leading
-            dimension before these the first is used.
+        filters: [height, width, C, outputs], of the type of `input`; a dimension of 1 may stand
+            before these.
         strides: one number, [height, width] or [1, height, width, 1]; not 0.
         padding: "SAME" or "VALID". Where SAME pads by an even total and the window is odd, the
             first window is centred on the first pixel, also at strides where ``tf.nn.conv2d``
             places it further in (9 pixels, a window of 5, a stride of 3).
         dilations: the distance of the filter's taps, in the same forms as `strides`.
         elementwise: None, or a tensor of the type of `input` and as many elements as the result,
-            added unscaled after the centre row of the filter. With another count it is ignored;
-            so it is when an even filter height meets a dilation above 1.
+            added unscaled after the centre row of the filter.
         accumulator_size: the accumulator's width in bits, at least 0.
         mult_shift: the shift or divisor of each product, -128 to 127.
-        use_fp16_acc: accumulate in half precision (float32 data only).
+        use_fp16_acc: accumulate in half precision; needs float32 data.
         name: the node's name.
 
     Returns:
@@ -63,10 +63,13 @@ def conv2d(
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for malformed strides, dilations, padding or numbers.
+        ValueError: for malformed strides, dilations, padding or numbers; ranks other than 4, or
+            several filters; a filter with more or fewer input channels than the images; an
+            `elementwise` of another number of elements than the result, or with a filter that has
+            no centre row, its height being even and its dilation above 1; `use_fp16_acc` with
+            int32 data.
         tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
-            strides of 0; ranks other than 4; a filter with fewer input channels than the images;
-            an output that would have a negative size.
+            strides of 0; an output that would have a negative size.
 
     Example:
         >>> import bitfold, numpy as np
@@ -78,7 +81,7 @@ def conv2d(
         >>> bitfold.ops.conv2d(image, ones, padding="VALID", accumulator_size=7).numpy().item()
         -38
     """
-    return _convolve(
+    return _convolve_ordinary(
         raw_ops.h_conv2d, input, filters, strides, padding, dilations, elementwise,
         accumulator_size, mult_shift, use_fp16_acc, name,
     )  # fmt: skip
@@ -110,7 +113,7 @@ def dilated_conv2d(
         elementwise: as for `conv2d`.
         accumulator_size: the accumulator's width in bits, at least 0.
         mult_shift: the shift or divisor of each product, -128 to 127.
-        use_fp16_acc: accumulate in half precision (float32 data only).
+        use_fp16_acc: accumulate in half precision; needs float32 data.
         name: the node's name.
 
     Returns:
@@ -128,7 +131,7 @@ def dilated_conv2d(
         >>> bitfold.ops.dilated_conv2d(image, ones, dilations=2, padding="VALID").numpy().item()
         108
     """
-    return _convolve(
+    return _convolve_ordinary(
         raw_ops.h_conv2d_dilation, input, filters, strides, padding, dilations, elementwise,
         accumulator_size, mult_shift, use_fp16_acc, name,
     )  # fmt: skip
@@ -157,15 +160,15 @@ def depthwise_conv2d(
         input: images, float32 or int32, [N, H, W, C].
         filter: one filter per channel, [height, width, C, 1] as in ``tf.nn`` or
             [height, width, 1, C] as the accelerator stores it, of the type of `input`; with a
-            leading dimension of at least N, one such filter per image. The second form may have
-            fewer than C channels: the result has as many.
+            leading dimension of at least N, one such filter per image. A filter may have fewer
+            than C channels: the result has as many.
         strides: one number, [height, width] or [1, height, width, 1]; not 0.
         padding: "SAME" or "VALID", as for `conv2d`.
         dilations: the distance of the filter's taps, in the same forms as `strides`.
         elementwise: as for `conv2d`.
         accumulator_size: the accumulator's width in bits, at least 0.
         mult_shift: the shift or divisor of each product, -128 to 127.
-        use_fp16_acc: accumulate in half precision (float32 data only).
+        use_fp16_acc: accumulate in half precision; needs float32 data.
         name: the node's name.
 
     Returns:
@@ -174,9 +177,9 @@ def depthwise_conv2d(
     Raises:
         TypeError: as for `conv2d`.
         ValueError: as for `conv2d`, and for a filter with both channel dimensions above 1: there
-            is no channel multiplier.
-        tf.errors.InvalidArgumentError: as for `conv2d`, and for a filter of more channels than
-            the images or of fewer images than the batch.
+            is no channel multiplier; for a filter of more channels than the images or of fewer
+            images than the batch.
+        tf.errors.InvalidArgumentError: as for `conv2d`.
 
     Example:
         >>> import bitfold, numpy as np
@@ -186,11 +189,28 @@ def depthwise_conv2d(
         array([ 10, -40], dtype=int32)
     """
     input = element_tensor(input, "input")
-    filter = element_tensor(filter, "filter", input.dtype)
+    filter = _one_input_channel(element_tensor(filter, "filter", input.dtype))
+    needs = Needs()
+    needs.rank(input, "input", 4)
+    needs.rank(filter, "filter", 4, 5)
+    _require_depthwise_channels(needs, input, filter)
     return _convolve(
-        raw_ops.h_depth_wise, input, _one_input_channel(filter), strides, padding, dilations,
-        elementwise, accumulator_size, mult_shift, use_fp16_acc, name,
+        raw_ops.h_depth_wise, input, filter, strides, padding, dilations, elementwise,
+        accumulator_size, mult_shift, use_fp16_acc, name, needs,
     )  # fmt: skip
+
+
+def _require_depthwise_channels(needs: Needs, input: tf.Tensor, filter: tf.Tensor) -> None:
+    """Require channels and images for what the kernel will read of them."""
+    pairs = [("channels", dimension(filter, -1), dimension(input, -1), "at most")]
+    if filter.shape.rank == 5:
+        pairs.append(("images", dimension(filter, 0), dimension(input, 0), "at least"))
+    for what, got, wanted, side in pairs:
+        if tf.is_tensor(got) or tf.is_tensor(wanted):
+            continue  # the kernel refuses, which reads nothing beyond
+        fits = got <= wanted if side == "at most" else got >= wanted
+        needs.holds(fits, f"filter to have {side} the {wanted} {what} of input", f"{got} in shape "
+                    f"[{','.join(map(str, filter.shape))}]")  # fmt: skip
 
 
 def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
@@ -218,30 +238,72 @@ def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
     return result
 
 
-def _convolve(
-    raw_op, input, filters, strides, padding, dilations, elementwise, accumulator_size,
-    mult_shift, use_fp16_acc, name,
-) -> tf.Tensor:  # fmt: skip
-    """Call one of the three convolution ops, with the result's true static shape in a graph."""
+def _convolve_ordinary(raw_op, input, filters, *arguments) -> tf.Tensor:
+    """Call one of the two convolutions whose filters span all channels."""
     input = element_tensor(input, "input")
     filters = element_tensor(filters, "filters", input.dtype)
+    needs = Needs()
+    needs.rank(input, "input", 4)
+    needs.rank(filters, "filters", 4, 5)
+    channels = dimension(input, -1)
+    count = "" if tf.is_tensor(channels) else f"{channels} "
+    needs.size(
+        dimension(filters, -2), channels, f"filters to have the {count}channels of input", filters
+    )
+    if filters.shape.rank == 5:
+        needs.size(dimension(filters, 0), 1, "filters of rank 5 to hold 1 filter", filters)
+    return _convolve(raw_op, input, filters, *arguments, needs)
+
+
+def _convolve(
+    raw_op, input, filters, strides, padding, dilations, elementwise, accumulator_size,
+    mult_shift, use_fp16_acc, name, needs,
+) -> tf.Tensor:  # fmt: skip
+    """Call one of the three convolution ops, with the result's true static shape in a graph."""
     strides = spatial_values(strides, "strides")
     dilations = spatial_values(dilations, "dilations")
     padding = padding_name(padding)
+    needs.half_precision_float(use_fp16_acc, input.dtype)
+    shape = convolution_shape(input.shape, filters.shape, strides, dilations, padding)
     if elementwise is None:
-        elementwise = tf.zeros([0], input.dtype)
-    output = raw_op(
-        input=without_static_shape(input),
-        filter=without_static_shape(filters),
-        elementwise=element_tensor(elementwise, "elementwise", input.dtype),
-        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        strides=strides,
-        dilations=dilations,
-        padding=padding,
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        use_fp16_acc=use_fp16_acc,
-        name=name,
-    )
-    if not tf.executing_eagerly():
-        output.set_shape(convolution_shape(input.shape, filters.shape, strides, dilations, padding))
+        addend = tf.zeros([0], input.dtype)
+    else:
+        addend = element_tensor(elementwise, "elementwise", input.dtype)
+        _require_centre(needs, filters, dilations[1])
+        if shape.num_elements() is not None:
+            needs.elements(addend, "elementwise", shape.num_elements(), _AS_RESULT)
+    with needs.met():
+        output = raw_op(
+            input=without_static_shape(input),
+            filter=without_static_shape(filters),
+            elementwise=addend,
+            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            strides=strides,
+            dilations=dilations,
+            padding=padding,
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            use_fp16_acc=use_fp16_acc,
+            name=name,
+        )
+    if tf.executing_eagerly():
+        return output
+    output.set_shape(shape)
+    if elementwise is not None and shape.num_elements() is None:
+        known = Needs()
+        known.elements(addend, "elementwise", elements(output), _AS_RESULT)
+        output = known.after(output)
     return output
+
+
+_AS_RESULT = "as many as the result"
+
+
+def _require_centre(needs: Needs, filters: tf.Tensor, dilation: int) -> None:
+    """Require a row of the filter at its centre, after which the elementwise operand is added."""
+    height = dimension(filters, -4)
+    if dilation > 1:
+        needs.holds(
+            height % 2 == 1 if not tf.is_tensor(height) else tf.equal(height % 2, 1),
+            "a filter of odd height for elementwise with a dilation above 1",
+            height,
+        )

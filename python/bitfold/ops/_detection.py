@@ -11,6 +11,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, float_attribute, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.operands import Needs, dimension, elements
 from bitfold._frame.shapes import without_static_shape
 
 
@@ -42,7 +43,7 @@ def decode_boxes(
 
     Args:
         detection_centers: float32 or int32 [N, H, W, 2 * A], a (cy, cx) pair for each of A
-            anchors. An odd last dimension loses its last element.
+            anchors.
         detection_sizes: as many (sy, sx) pairs, of the same type, like all that follow.
         y_centers: [H, 2 * A], for each anchor of each row the centre for y_min and for y_max.
         x_centers: [W, 2 * A], for each anchor of each column the centre for x_min and for x_max.
@@ -55,18 +56,19 @@ def decode_boxes(
         accumulator_size: the accumulator's width in bits, at least 0.
         mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
             -128 to 127.
-        use_fp16_acc: accumulate in half precision (float32 data only).
+        use_fp16_acc: accumulate in half precision; needs float32 data.
         name: the node's name.
 
     Returns:
         A tensor [N, H, W, twice the last dimension] of the same type: y_min, x_min, y_max, x_max
-        for each anchor. For ranks above 4 an error is logged and the result is 0.
+        for each anchor.
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for numbers that their type does not hold; in a graph also for other ranks.
-        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
-            a rank below 4; inputs that are too small.
+        ValueError: for numbers that their type does not hold; centres of another rank or with an
+            odd last dimension; other inputs of another number of elements; `use_fp16_acc` with
+            int32 data.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data.
 
     Example:
         >>> import bitfold, numpy as np
@@ -120,7 +122,7 @@ def decode_boxes_single_weight(
 
     Args:
         detection_centers: float32 or int32 [N, H, W, 2 * A], what gives the minimum corners, a
-            pair for each of A anchors. An odd last dimension loses its last element.
+            pair for each of A anchors.
         detection_sizes: as many pairs, what gives the maximum corners, of the same type, like all
             that follow.
         y_centers: [H, 2 * A], for each anchor of each row the centre for y_min and for y_max.
@@ -132,7 +134,7 @@ def decode_boxes_single_weight(
         accumulator_size: the accumulator's width in bits, at least 0.
         mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
             -128 to 127.
-        use_fp16_acc: accumulate in half precision (float32 data only).
+        use_fp16_acc: accumulate in half precision; needs float32 data.
         name: the node's name.
 
     Returns:
@@ -206,14 +208,10 @@ def non_max_suppression(
 
     Raises:
         TypeError: for a `value` that is not float32; numbers that are no integers.
-        ValueError: for numbers that float32 does not hold.
-        tf.errors.InvalidArgumentError: for a `value` of rank 4 but another shape, or an empty
-            batch; `classes` or `max_output_size` below 1.
+        ValueError: for numbers that float32 does not hold; a `value` of another shape; boxes that
+            the classes do not divide, or none unless `is_velquin`.
+        tf.errors.InvalidArgumentError: for an empty batch; `classes` or `max_output_size` below 1.
         tf.errors.ResourceExhaustedError: where the rows need more memory than there is.
-
-    The process ends with an assertion where the classes do not divide the boxes, and where a class
-    has none unless `is_velquin`. For a `value` of another rank an error is logged and there is no
-    result: an empty tensor, and in a graph a tf.errors.InternalError.
 
     Example:
         >>> import bitfold, numpy as np
@@ -229,16 +227,19 @@ def non_max_suppression(
     value = element_tensor(value, "value", tf.float32)
     classes = integer(classes, "classes")
     max_output_size = integer(max_output_size, "max_output_size")
-    output = raw_ops.hnms(
-        value=without_static_shape(value),
-        scores_threshold=scalar_tensor(scores_threshold, "scores_threshold", tf.float32),
-        iou_threshold=float_attribute(iou_threshold, "iou_threshold"),
-        max_output_size=float_attribute(max_output_size, "max_output_size"),
-        classes=float_attribute(classes, "classes"),
-        debug_precise_numeric=debug_precise_numeric,
-        is_velquin=is_velquin,
-        name=name,
-    )
+    needs = Needs()
+    _require_boxes(needs, value, classes, is_velquin)
+    with needs.met():
+        output = raw_ops.hnms(
+            value=without_static_shape(value),
+            scores_threshold=scalar_tensor(scores_threshold, "scores_threshold", tf.float32),
+            iou_threshold=float_attribute(iou_threshold, "iou_threshold"),
+            max_output_size=float_attribute(max_output_size, "max_output_size"),
+            classes=float_attribute(classes, "classes"),
+            debug_precise_numeric=debug_precise_numeric,
+            is_velquin=is_velquin,
+            name=name,
+        )
     if not tf.executing_eagerly():
         batch = value.shape[0] if value.shape.rank == 4 else None
         sizes = [size if size > 0 else None for size in (classes, max_output_size)]
@@ -246,23 +247,58 @@ def non_max_suppression(
     return output
 
 
+def _require_boxes(needs: Needs, value: tf.Tensor, classes: int, may_be_none: bool) -> None:
+    """Require as many boxes of each class, without which the kernel ends the process."""
+    needs.rank(value, "value", 4)
+    for axis, wanted in ((2, 5), (3, 1)):
+        what = f"value of shape [batch, classes * boxes, 5, 1], dimension {axis} being {wanted}"
+        needs.size(dimension(value, axis), wanted, what, value)
+    if classes < 1:
+        return  # the kernel refuses
+    boxes = dimension(value, 1)
+    divides = tf.equal(boxes % classes, 0) if tf.is_tensor(boxes) else boxes % classes == 0
+    needs.holds(divides, f"value to hold a multiple of {classes} boxes, its classes", boxes)
+    if not may_be_none:
+        needs.holds(boxes > 0, "value to hold a box of each class, without is_velquin", boxes)
+
+
 def _decode(
     raw_op, detection_centers, detection_sizes, y_centers, x_centers, anchors, accumulator_size,
     mult_shift, use_fp16_acc, name,
 ) -> tf.Tensor:  # fmt: skip
     """Call one of the two box decoders; `anchors` are its inputs for each anchor, in order."""
-    detection_centers = element_tensor(detection_centers, "detection_centers")
+    centers = element_tensor(detection_centers, "detection_centers")
     others = {
         "detection_sizes": detection_sizes,
         "y_centers": y_centers,
         "x_centers": x_centers,
         **anchors,
     }
-    return raw_op(
-        detection_centers,
-        *(element_tensor(x, key, detection_centers.dtype) for key, x in others.items()),
-        scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        use_fp16_acc=use_fp16_acc,
-        name=name,
-    )
+    tensors = {key: element_tensor(x, key, centers.dtype) for key, x in others.items()}
+    needs = Needs()
+    needs.half_precision_float(use_fp16_acc, centers.dtype)
+    _require_anchors(needs, centers, tensors)
+    with needs.met():
+        return raw_op(
+            centers,
+            *tensors.values(),
+            scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            use_fp16_acc=use_fp16_acc,
+            name=name,
+        )
+
+
+def _require_anchors(needs: Needs, centers: tf.Tensor, others: dict[str, tf.Tensor]) -> None:
+    """Require pairs of centres, and of every other input as many numbers as there are places."""
+    needs.rank(centers, "detection_centers", 4)
+    pairs = dimension(centers, -1)
+    what = "detection_centers with an even last dimension, a pair for each anchor"
+    needs.holds(tf.equal(pairs % 2, 0) if tf.is_tensor(pairs) else pairs % 2 == 0, what, pairs)
+    counts = {
+        "detection_sizes": (elements(centers), "as many as detection_centers"),
+        "y_centers": (dimension(centers, 1) * pairs, "a pair for each anchor of each row"),
+        "x_centers": (dimension(centers, 2) * pairs, "a pair for each anchor of each column"),
+    }
+    for key, tensor in others.items():
+        needs.elements(tensor, key, *counts.get(key, (pairs // 2, "one for each anchor")))

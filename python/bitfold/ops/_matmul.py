@@ -11,6 +11,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.operands import Needs, dimension
 from bitfold._frame.shapes import product_shape, without_static_shape
 
 
@@ -33,27 +34,23 @@ def matmul(
     matrix.
 
     Args:
-        a: the data, float32 or int32, [rows, inner] or [batch, rows, inner]. Of further leading
-            dimensions only the first `batch` matrices are computed and the rest is 0.
+        a: the data, float32 or int32, [rows, inner] or [batch, rows, inner].
         b: the weights, of the type of `a`: [inner, cols], for a batch [batch, inner, cols]; no
             broadcasting.
         accumulator_size: the accumulator's width in bits, at least 0.
         mult_shift: the shift of each product, or the number by whose reciprocal it is multiplied,
             -128 to 127.
-        use_fp16_acc: accumulate in half precision (float32 data only).
+        use_fp16_acc: accumulate in half precision; needs float32 data.
         name: the node's name.
 
     Returns:
-        A tensor of the shape and type of `a`, with `b`'s last dimension in the place that it has
-        in `b`: the last place where both have one rank. Where the inner dimensions differ, an
-        error is logged and the result is 0.
+        A tensor [rows, cols] or [batch, rows, cols] of the type of `a`.
 
     Raises:
         TypeError: for other element types, or types that differ.
-        ValueError: for numbers that their type does not hold.
-        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data;
-            ranks below 2, or a rank of `b` above that of `a`; a `b` with fewer matrices than the
-            batch; ranks that differ where the result's shape does not hold the product.
+        ValueError: for numbers that their type does not hold; ranks other than 2 and 3, or that
+            differ; inner dimensions or batches that differ; `use_fp16_acc` with int32 data.
+        tf.errors.InvalidArgumentError: for a width that is negative, or above 32 with int32 data.
 
     Example:
         >>> import bitfold
@@ -66,16 +63,41 @@ def matmul(
     """
     a = element_tensor(a, "a")
     b = element_tensor(b, "b", a.dtype)
-    product = raw_ops.h_matmul(
-        a=without_static_shape(a),
-        b=without_static_shape(b),
-        mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
-        use_fp16_acc=use_fp16_acc,
-        name=name,
-    )
+    needs = Needs()
+    needs.half_precision_float(use_fp16_acc, a.dtype)
+    _require_matrices(needs, a, b)
+    with needs.met():
+        product = raw_ops.h_matmul(
+            a=without_static_shape(a),
+            b=without_static_shape(b),
+            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            accumulator_size=integer(accumulator_size, "accumulator_size"),
+            use_fp16_acc=use_fp16_acc,
+            name=name,
+        )
     if not tf.executing_eagerly():
         # With unknown ranks the runtime infers a matrix, whatever will come.
         product = without_static_shape(product)
         product.set_shape(product_shape(a.shape, b.shape))
     return product
+
+
+def _require_matrices(needs: Needs, a: tf.Tensor, b: tf.Tensor) -> None:
+    """Require two matrices, or two batches of as many, whose inner dimensions agree."""
+    needs.rank(a, "a", 2, 3)
+    needs.rank(b, "b", 2, 3)
+    rank = a.shape.rank
+    if rank is None or b.shape.rank is None:
+        needs.holds(tf.equal(tf.rank(a), tf.rank(b)), "a and b of one rank", tf.rank(b))
+        # Of the leading dimensions, which are one or none, the products.
+        batches = [tf.reduce_prod(tf.shape(x, tf.int64)[:-2]) for x in (a, b)]
+    else:
+        needs.holds(rank == b.shape.rank, f"a and b of one rank, a's being {rank}", b.shape.rank)
+        batches = [dimension(x, 0) for x in (a, b)] if rank == 3 else [1, 1]
+    inner = dimension(a, -1)
+    needs.size(dimension(b, -2), inner, f"b to have {_known(inner)}rows, the columns of a", b)
+    needs.size(batches[1], batches[0], f"b to have {_known(batches[0])}matrices, the batch of a", b)
+
+
+def _known(size: Any) -> str:
+    return "as many " if tf.is_tensor(size) else f"{size} "

@@ -12,7 +12,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import integer
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
-from bitfold._frame.multipliers import HIGHEST_EXPONENTS, LOWEST_EXPONENT, quantise_multipliers
+from bitfold._frame.multipliers import require_multipliers
 
 _ROUNDINGS = ("two_roundings", "short_multiplier", "one_rounding")
 _OUTPUTS = (tf.int8, tf.int16, tf.int32)
@@ -157,7 +157,7 @@ def _multiplier_tensor(
         if array.dtype.kind not in "iuf":
             raise TypeError(f"multipliers must be real numbers, got {multipliers!r}")
         array = array.astype(np.float64)
-        _require_multipliers(array, rounding, shift)
+        require_multipliers(array, rounding, shift)
         tensor = tf.convert_to_tensor(array)
     if tensor.shape.rank == 0:
         tensor = tf.reshape(tensor, [1])
@@ -171,27 +171,3 @@ def _multiplier_tensor(
             f"got shape {tensor.shape}"
         )
     return tensor
-
-
-def _require_multipliers(multipliers: np.ndarray, rounding: str, shift: int) -> None:
-    wrong = ~(np.isfinite(multipliers) & (multipliers >= 0))
-    if wrong.any():
-        raise ValueError(
-            "multipliers must be finite and not negative, "
-            f"got {multipliers[wrong].flat[0]} in channel {np.flatnonzero(wrong)[0]}"
-        )
-    if rounding not in HIGHEST_EXPONENTS:
-        with np.errstate(over="ignore"):
-            wrong = np.isinf(np.ldexp(multipliers, shift))
-        needed = "stay finite after the shift"
-    else:
-        mantissas, exponents = quantise_multipliers(multipliers)
-        shifted = exponents.astype(np.int64) + shift
-        highest = HIGHEST_EXPONENTS[rounding]
-        wrong = (mantissas != 0) & ((shifted < LOWEST_EXPONENT) | (shifted > highest))
-        needed = f"have exponents from {LOWEST_EXPONENT} to {highest} for {rounding}"
-    if wrong.any():
-        raise ValueError(
-            f"multipliers must {needed}, got {multipliers[wrong].flat[0]} with a shift of {shift} "
-            f"in channel {np.flatnonzero(wrong)[0]}"
-        )

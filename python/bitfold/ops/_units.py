@@ -6,11 +6,13 @@ from __future__ import annotations
 
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.operands import Needs, dimension
 
 
 @accepts_symbolic
@@ -66,10 +68,14 @@ def layer_norm(
 
     Raises:
         TypeError: for a `value` or `lut` that is not float32.
-        tf.errors.InvalidArgumentError: for a `value` of another rank, or an empty scalar.
+        ValueError: for a `value` of another rank or above the limits, a `lut` of another size,
+            numbers beyond 32 bits, and shifts above 64 (`mul_act_exp`: above 58, or 53 with
+            `activation_ebias_mode`).
+        tf.errors.InvalidArgumentError: for an empty scalar.
 
-    A table of another size, sizes above the limits, shifts above 64 and a variance of zero end the
-    process with an assertion.
+    What depends on the data of a vector ends the process with an assertion: a variance term of 0,
+    which an `epsilon` of at least 1 excludes where the rounding of the sums does not outweigh it,
+    and a sum of squares of 2^56 and more.
 
     Example:
         >>> import bitfold, numpy as np
@@ -98,12 +104,44 @@ def layer_norm(
         activation_ebias_mode=activation_ebias_mode,
         activation_output_mode=activation_output_mode,
     )
-    return raw_ops.h_layernorm(
-        value=element_tensor(value, "value", tf.float32),
-        **{key: scalar_tensor(number, key, tf.uint32) for key, number in scalars.items()},
-        lut=element_tensor(lut, "lut", tf.float32),
-        name=name,
-    )
+    value = element_tensor(value, "value", tf.float32)
+    lut = element_tensor(lut, "lut", tf.float32)
+    tensors = {key: scalar_tensor(number, key, tf.uint32) for key, number in scalars.items()}
+    needs = Needs()
+    _require_vectors(needs, value)
+    _require_shifts(needs, tensors)
+    needs.elements(lut, "lut", 256, "the unit's table")
+    with needs.met():
+        return raw_ops.h_layernorm(value=value, **tensors, lut=lut, name=name)
+
+
+def _require_vectors(needs: Needs, value: tf.Tensor) -> None:
+    """Require images whose vectors the normalisation unit holds."""
+    needs.rank(value, "value", 4)
+    channels = dimension(value, 3)
+    positions = dimension(value, 1) * dimension(value, 2)
+    needs.holds(channels <= 4096, "value of at most 4096 channels", channels)
+    needs.holds(positions <= 2**20, "value of a height x width of at most 2^20", positions)
+
+
+def _require_shifts(needs: Needs, scalars: dict[str, tf.Tensor]) -> None:
+    """Require shifts that the normalisation unit makes."""
+    by_ebias = _number(scalars["activation_ebias_mode"])
+    limits = {
+        "sum_of_x_shift": 64,
+        "sum_of_x_mult_n_shift": 64,
+        "sum_of_x_squares_shift": 64,
+        "mul_act_exp": 53 if by_ebias else 58,
+    }
+    for key, most in limits.items():
+        shift = _number(scalars[key])
+        needs.holds(shift is None or shift <= most, f"{key} of at most {most}", shift)
+
+
+def _number(tensor: tf.Tensor) -> int | None:
+    """Return the number that the unit will read of a scalar, None where it is not known."""
+    value = tf.get_static_value(tensor)
+    return None if value is None or value.size == 0 else int(np.ravel(value)[0])
 
 
 @accepts_symbolic
@@ -130,9 +168,8 @@ def softmax(
 
     Raises:
         TypeError: for a `value` that is not float32 or a table that is not uint32.
+        ValueError: for a table of another size, or entries beyond 32 bits.
         tf.errors.InvalidArgumentError: for more than 2^31 - 1 elements.
-
-    A table of another size ends the process with an assertion.
 
     Example:
         >>> import bitfold, numpy as np
@@ -142,12 +179,12 @@ def softmax(
         array([[170.,  63.,  23.]], dtype=float32)
         >>> # These are steps of 1/255; the softmax of 2, 1, 0 is 0.665, 0.245, 0.090.
     """
-    return raw_ops.h_softmax(
-        value=element_tensor(value, "value", tf.float32),
-        lut_table=fixed_tensor(lut_table, "lut_table", tf.uint32),
-        is_velquin=is_velquin,
-        name=name,
-    )
+    value = element_tensor(value, "value", tf.float32)
+    lut_table = fixed_tensor(lut_table, "lut_table", tf.uint32)
+    needs = Needs()
+    needs.elements(lut_table, "lut_table", 512, "256 rows of two words")
+    with needs.met():
+        return raw_ops.h_softmax(value=value, lut_table=lut_table, is_velquin=is_velquin, name=name)
 
 
 @accepts_symbolic
@@ -179,8 +216,8 @@ def activation(
         offsets: [G, at least P + 1], each piece's offset.
         slopes_m: [G, at least P + 1], each piece's slope.
         slopes_e: [G, at least P + 1], each piece's exponent.
-        size_splits: [G], how many channels each group has, from channel 0 on; by default one
-            group of all channels. Channels beyond their sum give 0.
+        size_splits: [G], how many channels each group has, from channel 0 on, C together; by
+            default one group of all channels.
         ebias: added to every exponent.
         clip_bits: the largest result before the offset: results lie in
             [-clip_bits - 1, clip_bits] there. A limit in spite of its name, no number of bits:
@@ -195,10 +232,9 @@ def activation(
 
     Raises:
         TypeError: for tables that are not whole numbers.
-        tf.errors.InvalidArgumentError: for tables too short for their groups and pieces, or
-            groups with more channels than `value`.
-
-    A tensor of another rank ends the process through the runtime's own check.
+        ValueError: for a `value`, tables or `size_splits` of another rank; tables with more or
+            fewer rows than groups, or too short for their pieces; groups that have more or fewer
+            channels together than `value`.
 
     Example:
         >>> import bitfold, numpy as np
@@ -214,21 +250,60 @@ def activation(
         array([ 0,  0,  0, 64], dtype=int32)
     """
     value = fixed_tensor(value, "value", tf.int64)
+    tables = {
+        "x_points": fixed_tensor(x_points, "x_points", tf.int64),
+        "offsets": fixed_tensor(offsets, "offsets", tf.int64),
+        "slopes_m": fixed_tensor(slopes_m, "slopes_m", tf.int64),
+        "slopes_e": fixed_tensor(slopes_e, "slopes_e", tf.int64),
+    }
+    needs = Needs()
+    needs.rank(value, "value", 4)
     if size_splits is None:
-        size_splits = tf.shape(value, tf.int64)[-1:]
-    return raw_ops.h_activation(
-        inp=value,
-        x_points=fixed_tensor(x_points, "x_points", tf.int64),
-        offsets=fixed_tensor(offsets, "offsets", tf.int64),
-        slopes_m=fixed_tensor(slopes_m, "slopes_m", tf.int64),
-        slopes_e=fixed_tensor(slopes_e, "slopes_e", tf.int64),
-        size_splits=fixed_tensor(size_splits, "size_splits", tf.int64),
-        is_8bit_to_16bit_mode=is_8bit_to_16bit_mode,
-        is_velquin=is_velquin,
-        ebias=integer(ebias, "ebias"),
-        clip_bits=integer(clip_bits, "clip_bits"),
-        beta=0,
-        is_16bit_precision_mode=is_16bit_precision_mode,
-        is_signed_output=True,
-        name=name,
-    )
+        groups, size_splits = 1, tf.shape(value, tf.int64)[-1:]
+    else:
+        size_splits = fixed_tensor(size_splits, "size_splits", tf.int64)
+        _require_splits(needs, size_splits, dimension(value, -1))
+        groups = dimension(size_splits, 0)
+    _require_tables(needs, tables, groups)
+    with needs.met():
+        return raw_ops.h_activation(
+            inp=value,
+            **tables,
+            size_splits=size_splits,
+            is_8bit_to_16bit_mode=is_8bit_to_16bit_mode,
+            is_velquin=is_velquin,
+            ebias=integer(ebias, "ebias"),
+            clip_bits=integer(clip_bits, "clip_bits"),
+            beta=0,
+            is_16bit_precision_mode=is_16bit_precision_mode,
+            is_signed_output=True,
+            name=name,
+        )
+
+
+def _require_splits(needs: Needs, size_splits: tf.Tensor, channels: Any) -> None:
+    """Require groups that take every channel."""
+    needs.rank(size_splits, "size_splits", 1)
+    sizes = tf.get_static_value(size_splits)
+    what = "size_splits to sum to the channels of value"
+    if sizes is None or tf.is_tensor(channels):
+        needs.holds(tf.equal(tf.reduce_sum(size_splits), channels), what, size_splits)
+        return
+    sizes = sizes.tolist()
+    needs.holds(min(sizes, default=0) >= 0, "size_splits not to be negative", sizes)
+    needs.holds(sum(sizes) == channels, f"{what}, {channels}", sizes)
+
+
+def _require_tables(needs: Needs, tables: dict[str, tf.Tensor], groups: Any) -> None:
+    """Require a row of each table for each group, with an entry for each piece."""
+    for key, table in tables.items():
+        needs.rank(table, key, 2)
+    pieces = dimension(tables["x_points"], 1) + 1
+    for key, table in tables.items():
+        count = "" if tf.is_tensor(groups) else f"{groups} "
+        what = f"{key} to have {count}rows, one for each group of size_splits"
+        needs.size(dimension(table, 0), groups, what, table)
+        if key != "x_points":
+            columns = dimension(table, 1)
+            what = f"{key} to have a column for each piece, one more than x_points"
+            needs.holds(columns >= pieces, what, columns)

@@ -121,6 +121,13 @@ inline bool GroupNeedsDefinition(const ActivationCase& c, int64_t group) {
   return !std::is_sorted(first, first + c.points);
 }
 
+// Whether the group's channels get a lane each, which none has that fills its runs.
+inline bool GroupTakesLanes(const ActivationCase& c, int64_t group) {
+  const int64_t size = c.size_splits[static_cast<size_t>(group)];
+  return !GroupNeedsDefinition(c, group) && size > 0 && size < 128 && size < c.channels &&
+         size * c.positions >= 3;
+}
+
 }  // namespace bitfold::testing
 
 #endif  // BITFOLD_TESTS_CPP_SUPPORT_ACTIVATION_CASE_H_

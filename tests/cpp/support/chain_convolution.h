@@ -19,6 +19,7 @@
 #include "support/ledger.h"
 #include "support/scale.h"
 #include "support/targets.h"
+#include "support/warnings.h"
 
 namespace bitfold::testing {
 
@@ -40,7 +41,7 @@ ChainOutput<T> ChainConvolution(const reference::Convolution& c, const Convoluti
   const MisalignedCall<T> call(c, data, offset);
   ChainOutput<T> out{ExactBuffer<T>(OutputCount(c) + kOutputGuard, (offset + 3) % 4), "", {}};
   std::fill_n(out.values.data(), out.values.count(), static_cast<T>(kUntouched));
-  out.lines = PrintedBy([&] {
+  out.lines = PrintedAndCountedBy([&] {
     const BatchConvolution<T> convolution(call.To(out.values.data()), scratch);
     out.plan = convolution.plan();
     for (int32_t image = 0; image < c.batch; ++image) convolution.Run(image);

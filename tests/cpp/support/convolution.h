@@ -19,10 +19,10 @@
 #include "reference.h"
 #include "support/bits.h"
 #include "support/buffer.h"
-#include "support/capture.h"
 #include "support/compare.h"
 #include "support/random.h"
 #include "support/tables.h"
+#include "support/warnings.h"
 
 namespace bitfold::testing {
 
@@ -165,7 +165,7 @@ ConvolutionOutput<T> DefinedConvolution(const reference::Convolution& c,
                                         const ConvolutionData<T>& data, int offset = 0) {
   const MisalignedCall<T> call(c, data, offset);
   ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c), (offset + 3) % 4), ""};
-  out.lines = PrintedBy([&] { convolve4DTensorSlow(call.To(out.values.data())); });
+  out.lines = PrintedAndCountedBy([&] { convolve4DTensorSlow(call.To(out.values.data())); });
   return out;
 }
 
@@ -176,7 +176,7 @@ ConvolutionOutput<T> ThreadedConvolution(const reference::Convolution& c,
   HeapScratch scratch;
   const auto mult_shift = static_cast<int8_t>(c.mult_shift);
   const ConvolutionCall<T> call = CallOf<T>(c, data, out.values.data(), &mult_shift);
-  out.lines = PrintedBy([&] { ComputeConvolution(call, &scratch, create); });
+  out.lines = PrintedAndCountedBy([&] { ComputeConvolution(call, &scratch, create); });
   return out;
 }
 

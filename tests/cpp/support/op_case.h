@@ -29,6 +29,7 @@
 #include "support/compare.h"
 #include "support/ledger.h"
 #include "support/targets.h"
+#include "support/warnings.h"
 
 namespace bitfold::testing {
 
@@ -68,7 +69,7 @@ template <typename Case>
 Output<typename Case::Element> DefinitionOf(const Case& c, int offset = 0) {
   Output<typename Case::Element> output{
       UnwrittenBuffer<typename Case::Element>(c.count(), (offset + 3) % 4), ""};
-  output.lines = PrintedBy([&] { c.Define(offset, output.values.data()); });
+  output.lines = PrintedAndCountedBy([&] { c.Define(offset, output.values.data()); });
   return output;
 }
 
@@ -77,7 +78,7 @@ template <typename Case>
 Output<typename Case::Element> KernelOf(const Case& c, int offset = 0) {
   Output<typename Case::Element> output{
       UnwrittenBuffer<typename Case::Element>(c.count(), (offset + 3) % 4), ""};
-  output.lines = PrintedBy([&] { c.Run(offset, output.values.data()); });
+  output.lines = PrintedAndCountedBy([&] { c.Run(offset, output.values.data()); });
   return output;
 }
 

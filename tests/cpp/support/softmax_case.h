@@ -17,7 +17,7 @@
 #include "reference/softmax.h"
 #include "support/bits.h"
 #include "support/buffer.h"
-#include "support/capture.h"
+#include "support/warnings.h"
 
 namespace bitfold::testing {
 
@@ -65,7 +65,7 @@ SoftmaxOutput RunSoftmaxBy(const SoftmaxCase& c, Run run, int offset = 0) {
   const ExactBuffer<float> in(c.in, offset);
   const ExactBuffer<uint32_t> table(c.table, (offset + 1) % 4);
   SoftmaxOutput output{ExactBuffer<float>(c.count(), (offset + 2) % 4), ""};
-  output.lines = PrintedBy([&] {
+  output.lines = PrintedAndCountedBy([&] {
     run(in.data(), output.values.data(), c.count(), c.vectors, table.data(), c.is_velquin);
   });
   return output;

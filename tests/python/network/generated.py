@@ -15,16 +15,19 @@ import inspect
 from collections.abc import Callable
 from typing import Any
 
-import blocks
 import keras
 import numpy as np
-from witness import Unwitnessed, Witness
-
+import place_blocks
+import sum_blocks
+import value_blocks
 from bitfold.network.converter import convert_keras
+from building import Build, randomise
+from witness import Unwitnessed, Witness
 
 BLOCKS: tuple[Callable[..., Any], ...] = tuple(
     value
-    for name, value in vars(blocks).items()
+    for module in (sum_blocks, value_blocks, place_blocks)
+    for value in vars(module).values()
     if inspect.isfunction(value) and [*inspect.signature(value).parameters] == ["build", "x"]
 )
 _DRAWS = 5
@@ -67,7 +70,7 @@ def _network(seed: int, draw: int) -> Generated:
     keras.utils.clear_session(free_memory=False)
     turn, first = divmod(seed, len(BLOCKS))
     wide = (turn + first) % 2 == 1 and not _is_only_int8(BLOCKS[first])
-    build = blocks.Build(np.random.default_rng([seed, draw]), 16 if wide else 8)
+    build = Build(np.random.default_rng([seed, draw]), 16 if wide else 8)
     rng = build.rng
     usable = [b for b in BLOCKS if not (wide and _is_only_int8(b))]
     following = [usable[i] for i in rng.integers(0, len(usable), rng.integers(1, 6))]
@@ -82,7 +85,7 @@ def _network(seed: int, draw: int) -> Generated:
         outputs.append(build.choose(build.seen[1:] or [x]))
     model = keras.Model(build.inputs, list({id(x): x for x in outputs}.values()))
     for layer in model.layers:
-        blocks.randomise(layer, rng)
+        randomise(layer, rng)
     calibration = [
         rng.normal(rng.normal(0, 0.3), rng.uniform(0.3, 2), (12, *i.shape[1:])).astype(np.float32)
         for i in model.inputs
@@ -103,7 +106,7 @@ def _shape(rng: np.random.Generator) -> tuple[int, int, int]:
     return rows, columns, int(rng.choice([1, 2, 3, 4, 6, 8]))
 
 
-def _head(build: blocks.Build, x: keras.KerasTensor) -> keras.KerasTensor:
+def _head(build: Build, x: keras.KerasTensor) -> keras.KerasTensor:
     """Return x, pooled or flattened and classified, or as it is."""
     choice = build.number(0, 4)
     if choice == 0:

@@ -91,18 +91,22 @@ def slice_(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
             yield packed.operator("SLICE", inputs, [_like(x, out)])
 
 
+def _masks(**bits: int) -> dict[str, int]:
+    return {f"{name}_mask": value for name, value in bits.items()}
+
+
 def strided_slice(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
     """Ends before the beginning and beyond, steps backwards, every mask."""
     for begin, end, strides, masks, out in (
         ([0, 4, 0], [1, 0, 6], [1, -2, 3], {}, [1, 2, 2]),
         ([0, 1, 2], [9, -1, 100], [1, 1, 1], {}, [1, 3, 4]),
-        ([0, 0, 0], [0, 0, 0], [1, 2, -1], {"begin_mask": 7, "end_mask": 7}, [1, 3, 6]),
-        ([0, -2, 1], [0, 5, 0], [1, 1, 1], {"begin_mask": 1, "end_mask": 5}, [1, 2, 5]),
-        ([0, 3, 0], [0, 4, 0], [1, 1, 1], {"begin_mask": 5, "end_mask": 5, "shrink_axis_mask": 2}, [1, 6]),
-        ([0, 0, -1], [0, 0, 0], [1, 1, 1], {"begin_mask": 3, "end_mask": 3, "shrink_axis_mask": 4}, [1, 5]),
-        ([0, 0, 0, 0], [0] * 4, [1] * 4, {"begin_mask": 15, "end_mask": 15, "new_axis_mask": 2}, [1, 1, 5, 6]),
-        ([0, 0, 2], [1, 0, 5], [1, 1, 2], {"ellipsis_mask": 2}, [1, 5, 2]),
-        ([0, 2], [0, 4], [1, 1], {"begin_mask": 1, "end_mask": 1}, [1, 2, 6]),
+        ([0, 0, 0], [0, 0, 0], [1, 2, -1], _masks(begin=7, end=7), [1, 3, 6]),
+        ([0, -2, 1], [0, 5, 0], [1, 1, 1], _masks(begin=1, end=5), [1, 2, 5]),
+        ([0, 3, 0], [0, 4, 0], [1, 1, 1], _masks(begin=5, end=5, shrink_axis=2), [1, 6]),
+        ([0, 0, -1], [0, 0, 0], [1, 1, 1], _masks(begin=3, end=3, shrink_axis=4), [1, 5]),
+        ([0, 0, 0, 0], [0] * 4, [1] * 4, _masks(begin=15, end=15, new_axis=2), [1, 1, 5, 6]),
+        ([0, 0, 2], [1, 0, 5], [1, 1, 2], _masks(ellipsis=2), [1, 5, 2]),
+        ([0, 2], [0, 4], [1, 1], _masks(begin=1, end=1), [1, 2, 6]),
     ):  # fmt: skip
         x = stored(rng, [1, 5, 6], dtype)
         inputs = [x, *(packed.constant(value) for value in (begin, end, strides))]
@@ -247,7 +251,7 @@ def shapes(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
     yield packed.network(
         [
             ("SHAPE", [x], [shape], {"out_type": "INT32"}, 1),
-            ("STRIDED_SLICE", [shape, *slices], [first], {"shrink_axis_mask": 1}, 1),
+            ("STRIDED_SLICE", [shape, *slices], [first], _masks(shrink_axis=1), 1),
             ("PACK", [first, packed.constant(60)], [packed_shape], {"values_count": 2}, 1),
             ("RESHAPE", [x, packed_shape], [_like(x, [1, 60])], {}, 1),
         ]

@@ -3,8 +3,9 @@
 """The sums of each operator with an accumulator, written plainly from the file's stored integers.
 
 An operator is put in the form of a convolution or of a product of matrices here. Strides above 2,
-where the ops place SAME windows elsewhere than the model, come with their zeros written out. Whoever does the products and sums is a parameter: `PublicOps`, the oracle
-(`OracleOps`), or exact integers (`ExactOps`).
+where the ops place SAME windows elsewhere than the model, come with their zeros written out. Who
+does the products and sums is a parameter: `PublicOps`, the oracle (`OracleOps`), or exact integers
+(`ExactOps`).
 """
 
 from __future__ import annotations
@@ -45,9 +46,11 @@ class PublicOps:
     """`bitfold.ops`, in an arithmetic."""
 
     def __init__(self, arithmetic: bitfold.Arithmetic) -> None:
+        """Take what to compute in."""
         self._keywords, self._type = _datapath(arithmetic)
 
     def convolve(self, data, filter, windows, is_depthwise):
+        """Convolve."""
         function = bitfold.ops.conv2d
         if is_depthwise:
             function = bitfold.ops.depthwise_conv2d
@@ -57,9 +60,11 @@ class PublicOps:
         return function(data, filter, **windows._asdict(), **self._keywords).numpy()
 
     def add_bias(self, sums, bias):
+        """Add a number to each channel."""
         return bitfold.ops.bias_add(sums, _narrowed(bias, self._type), **self._keywords).numpy()
 
     def matmul(self, a, b):
+        """Multiply two matrices."""
         a, b = a.astype(self._type), b.astype(self._type)
         return bitfold.ops.matmul(a, b, **self._keywords).numpy()
 
@@ -68,19 +73,23 @@ class OracleOps:
     """The models of tests/reference, in an arithmetic."""
 
     def __init__(self, arithmetic: bitfold.Arithmetic, reference: oracle.Reference) -> None:
+        """Take what to compute in."""
         self._keywords, self._type = _datapath(arithmetic)
         self._reference = reference
 
     def convolve(self, data, filter, windows, is_depthwise):
+        """Convolve."""
         filter = filter.reshape(*filter.shape[:2], 1, -1) if is_depthwise else filter
         data, filter = data.astype(self._type), filter.astype(self._type)
         arguments = {**windows._asdict(), "is_depthwise": is_depthwise, **self._keywords}
         return self._reference.convolve(data, filter, **arguments)[0]
 
     def add_bias(self, sums, bias):
+        """Add a number to each channel."""
         return self._reference.bias_add(sums, _narrowed(bias, self._type), **self._keywords)[0]
 
     def matmul(self, a, b):
+        """Multiply two matrices."""
         a, b = a.astype(self._type), b.astype(self._type)
         return self._reference.matmul(a, b, **self._keywords)[0]
 
@@ -89,9 +98,11 @@ class ExactOps:
     """Integers of 64 bits; every product and the bias divided by 2^shift, halves to even."""
 
     def __init__(self, shift: int) -> None:
+        """Take what to compute in."""
         self._shift = shift
 
     def convolve(self, data, filter, windows, is_depthwise):
+        """Convolve."""
         strides, dilations, _ = windows
         if windows.padding == "SAME":
             data = _padded(data, filter.shape, windows)
@@ -108,9 +119,11 @@ class ExactOps:
         return sums
 
     def add_bias(self, sums, bias):
+        """Add a number to each channel."""
         return sums + self._shifted(bias.astype(np.int64))
 
     def matmul(self, a, b):
+        """Multiply two matrices."""
         return self._shifted(a.astype(np.int64)[:, :, None] * b.astype(np.int64)).sum(1)
 
     def _shifted(self, values):

@@ -248,7 +248,6 @@ def test_arithmetic_by_layer(network, stored):
     assert network.layers[0].arithmetic == wide
     sums, exact = changed.accumulators(stored), network.accumulators(stored)
     position = next(layer.position for layer in network.layers if layer.name == "first")
-    assert np.abs(sums[position]).max() <= 512
     assert (sums[position] != exact[position]).any()
     assert changed.layers[0].filter is network.layers[0].filter
 
@@ -263,11 +262,11 @@ def test_a_key_that_means_nothing_is_refused(network):
         network.with_arithmetic({"first": 18})
 
 
-def test_an_arithmetic_that_a_layer_has_not_names_it(network):
+def test_an_arithmetic_that_a_layer_has_not_names_it():
     """An arithmetic that a layer has not names it."""
-    with pytest.raises(
-        ValueError, match=r"layer 'first' .operator 0 CONV_2D. in Arithmetic.mult_sh"
-    ):
+    network = Network.from_keras(model_of_one(), IMAGES, activation_bits=16)
+    text = r"layer 'first' .operator 0 CONV_2D. in Arithmetic.mult_shift=31.: multipliers must have"
+    with pytest.raises(ValueError, match=text):
         network.with_arithmetic(Arithmetic(mult_shift=31))
 
 

@@ -8,7 +8,7 @@ from collections.abc import Callable, Iterator
 
 import numpy as np
 import packed
-from packed import Case, Tensor
+from packed import Case
 from sum_cases import ACTIVATIONS, stored
 
 _EVERY = [1, 300]  # room for all values of a byte
@@ -221,7 +221,7 @@ def quantize(dtype: str, rng: np.random.Generator) -> Iterator[Case]:
         floats[0, :4] = [1e6, -1e6, 0.0, -0.0]
         data = (floats.astype(np.float32),)
         yield packed.operator("QUANTIZE", [packed.tensor(_EVERY, "float32")], [out], data=data)
-    for turn in range(8):
+    for _ in range(8):
         x = stored(rng, _EVERY, dtype)
         factor = float(rng.choice([1, 0.5, 0.7, 2, 3.3, 2.0**-9]))
         yield packed.operator("QUANTIZE", [x], [stored(rng, _EVERY, dtype, x.scales[0] * factor)])

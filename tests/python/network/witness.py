@@ -221,7 +221,8 @@ _TYPES = {
     for name in ("int8", "uint8", "int16", "int32", "int64", "float32", "bool")
 }
 # By how many bits the sums of two tensors shift their inputs left, by the type of the output.
-_SHIFTS = dict.fromkeys(("ADD", "SUB"), {schema.TensorType.INT8: 20, schema.TensorType.INT16: 15})
+_SHIFTS_BY_TYPE = {schema.TensorType.INT8: 20, schema.TensorType.INT16: 15}
+_SHIFTS = {"ADD": _SHIFTS_BY_TYPE, "SUB": _SHIFTS_BY_TYPE}
 # Kinds that the reference kernels lack in the versions that converters write, or whose output they
 # leave as they find it.
 WITHOUT_REFERENCE = frozenset({"SUM", "TILE", "DEPTH_TO_SPACE"})

@@ -13,16 +13,17 @@ from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
 from bitfold.network.operators.depthwise import DepthwiseConvolution
-from bitfold.network.operators.extremes import Extreme
+from bitfold.network.operators.extremes import ElementExtreme, Extreme
 from bitfold.network.operators.fully_connected import FullyConnected
 from bitfold.network.operators.gather import Gather
+from bitfold.network.operators.matrix_product import MatrixProduct
 from bitfold.network.operators.max_pool import MaxPool
 from bitfold.network.operators.mean import Mean
 from bitfold.network.operators.pack import Pack
 from bitfold.network.operators.pad import MirrorPad, Pad
 from bitfold.network.operators.prelu import Prelu
 from bitfold.network.operators.product import Product
-from bitfold.network.operators.quantise import Dequantise, Quantise
+from bitfold.network.operators.quantise import Dequantise, Quantise, Rescale
 from bitfold.network.operators.reshape import Reshape
 from bitfold.network.operators.resize import ResizeBilinear, ResizeNearest
 from bitfold.network.operators.slice import Slice, StridedSlice
@@ -30,8 +31,9 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
-from bitfold.network.operators.sum_of_two import Sum
+from bitfold.network.operators.sum import Extreme, ReducedExtreme, ReducedSum, Sum
+from bitfold.network.operators.sum_of_two import Addition, Sum
+from bitfold.network.operators.table import KINDS, Table
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
 from bitfold.network.operators.transpose_conv import TransposeConvolution
@@ -43,8 +45,9 @@ from bitfold.network.operators.unit_softmax import UnitSoftmax
 __all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
 
 STEPS: dict[str, type[Step]] = {
-    "ADD": Sum,
+    "ADD": Addition,
     "AVERAGE_POOL_2D": AveragePool,
+    "BATCH_MATMUL": MatrixProduct,
     "BATCH_TO_SPACE_ND": BatchToSpace,
     "BROADCAST_TO": BroadcastTo,
     "CONCATENATION": Concatenation,
@@ -55,18 +58,19 @@ STEPS: dict[str, type[Step]] = {
     "EXPAND_DIMS": Reshape,
     "FULLY_CONNECTED": FullyConnected,
     "GATHER": Gather,
-    "MAXIMUM": Extreme,
+    "MAXIMUM": ElementExtreme,
     "MAX_POOL_2D": MaxPool,
     "MEAN": Mean,
-    "MINIMUM": Extreme,
+    "MINIMUM": ElementExtreme,
     "MIRROR_PAD": MirrorPad,
     "MUL": Product,
     "PACK": Pack,
     "PAD": Pad,
     "PADV2": Pad,
     "PRELU": Prelu,
-    "REDUCE_MAX": ReducedExtreme,
-    "REDUCE_MIN": ReducedExtreme,
+    "QUANTIZE": Rescale,
+    "REDUCE_MAX": Extreme,
+    "REDUCE_MIN": Extreme,
     "RESHAPE": Reshape,
     "RESIZE_BILINEAR": ResizeBilinear,
     "RESIZE_NEAREST_NEIGHBOR": ResizeNearest,
@@ -79,8 +83,8 @@ STEPS: dict[str, type[Step]] = {
     "SQUARED_DIFFERENCE": SquaredDifference,
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
-    "SUB": Sum,
-    "SUM": ReducedSum,
+    "SUB": Addition,
+    "SUM": Sum,
     "TILE": Tile,
     "TRANSPOSE": Transpose,
     "TRANSPOSE_CONV": TransposeConvolution,

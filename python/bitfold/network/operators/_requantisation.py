@@ -8,6 +8,7 @@ import numpy as np
 import tensorflow as tf
 
 from bitfold import ops
+from bitfold._frame.multipliers import require_multipliers
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Tensor
 
@@ -65,6 +66,7 @@ class Requantiser:
         rounding: str,
     ) -> None:
         """Make it; `rounding` is that of the model's rule, a name of `bitfold.ops.requantise`."""
+        require_multipliers(np.atleast_1d(real_multipliers), rounding, arithmetic.mult_shift)
         self._output = output
         self._multipliers = real_multipliers
         self._bounds = activation_range(output, fused)

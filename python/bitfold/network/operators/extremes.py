@@ -14,7 +14,7 @@ from bitfold.network.operators._pairs import PairStep, pair_problems
 _FUNCTIONS = {"MAXIMUM": tf.maximum, "MINIMUM": tf.minimum}
 
 
-class Extreme(PairStep):
+class ElementExtreme(PairStep):
     """MAXIMUM and MINIMUM."""
 
     @classmethod

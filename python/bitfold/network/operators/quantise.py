@@ -1,13 +1,16 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""QUANTIZE of floats, DEQUANTIZE: between real numbers and stored integers.
+"""QUANTIZE and DEQUANTIZE: between real numbers and stored integers, or of other scales.
 
-Stored: value / scale in single precision, rounded, halves away from zero, plus the zero point,
+From real to stored: value / scale in single precision, rounded, halves away from zero, plus the zero point,
 within the stored type. What lies beyond it, infinities too, is its end; NaN stands for no number
 and is stored as the zero point.
 
-Real: scale * (stored - zero point), rounded once to single precision. Constants may have a scale
+From stored to real: scale * (stored - zero point), rounded once to single precision. Constants may have a scale
 for each channel, or be half-precision numbers, which are widened.
+
+From stored to stored: the stored integer less its zero point, requantised in two roundings by
+scale / the output's scale.
 """
 
 from __future__ import annotations
@@ -17,8 +20,11 @@ from collections.abc import Iterator, Sequence
 import numpy as np
 import tensorflow as tf
 
+from bitfold import ops
+from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks
+from bitfold.network.operators._scaling import need_multiplier
 from bitfold.network.operators._step import Step
 
 STORED_OR_UNSIGNED = (*_checks.STORED, "uint8")
@@ -32,7 +38,8 @@ _BEYOND = 2.0**18
 def quantise(values: tf.Tensor, tensor: Tensor) -> tf.Tensor:
     """Return the stored integers of float32 values, in a tensor's type, scale and zero point."""
     limits = np.iinfo(tensor.dtype)
-    steps = values / np.float32(tensor.scale)
+    # A plain division by a constant becomes a product with its reciprocal when a graph is optimised.
+    steps = tf.math.divide_no_nan(values, np.float32(tensor.scale))
     steps = tf.where(tf.math.is_nan(steps), tf.zeros_like(steps), steps)
     steps = tf.clip_by_value(steps, -_BEYOND, _BEYOND)
     whole = tf.cast(steps + tf.sign(steps) * _HALF, tf.int32) + tensor.zero_point
@@ -73,6 +80,55 @@ class Quantise(Step):
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
         """Quantise."""
         return [quantise(inputs[0], self.node.outputs[0])]
+
+
+class Rescale(Step):
+    """QUANTIZE of stored integers."""
+
+    stacks = True
+
+    @classmethod
+    def problems(cls, node: Node) -> Iterator[str]:
+        """Yield what keeps the operator from being imported."""
+        before = list(_checks.need_counts(node, (1,)))
+        before = before or [
+            *_checks.need_stored("the data", node.inputs[0], STORED_OR_UNSIGNED),
+            *_checks.need_stored("the output", node.outputs[0], STORED_OR_UNSIGNED),
+        ]
+        yield from before
+        if before:
+            return
+        types = tuple(tensor.dtype.name for tensor in (node.inputs[0], node.outputs[0]))
+        if types in (("int8", "int16"), ("uint8", "int16"), ("int16", "uint8")):
+            yield f"need 8 bits to 8, or int16 to int8 or int16, got {' to '.join(types)}"
+        yield from need_multiplier("scale / the output's scale", _ratio(node))
+
+    def __init__(self, node: Node, arithmetic: Arithmetic) -> None:
+        """Make the multiplier."""
+        super().__init__(node, arithmetic)
+        limits = np.iinfo(node.outputs[0].dtype)
+        self._bounds = int(limits.min), int(limits.max)
+        self._ratio = [_ratio(node)]
+
+    def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Requantise."""
+        data, output = self.node.inputs[0], self.node.outputs[0]
+        minimum, maximum = self._bounds
+        is_signed = output.dtype != np.uint8
+        stored = ops.requantise(
+            tf.cast(inputs[0], tf.int32) - data.zero_point,
+            self._ratio,
+            rounding="two_roundings",
+            zero_point=output.zero_point,
+            minimum=minimum,
+            maximum=maximum,
+            dtype=tf.as_dtype(output.dtype) if is_signed else tf.int16,
+        )
+        return [stored if is_signed else tf.cast(stored, tf.uint8)]
+
+
+def _ratio(node: Node) -> float:
+    return node.inputs[0].scale / node.outputs[0].scale
 
 
 class Dequantise(Step):

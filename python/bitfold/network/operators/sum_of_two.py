@@ -36,7 +36,7 @@ _MOST_SHIFT = 15
 _SPARE = {"int8": 20, "int16": 15}
 
 
-class Sum(PairStep):
+class Addition(PairStep):
     """ADD and SUB."""
 
     @classmethod

@@ -1,0 +1,162 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""BATCH_MATMUL: products of matrices, those of the leading dimensions repeated where they must be.
+
+sum = the sum over the inner dimension of (first - zero point) * (second - zero point); the second
+operand is the accelerator's weights. Two roundings in int8, a short multiplier in int16, whose sums
+have 64 bits.
+"""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Iterator, Sequence
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold import ops
+from bitfold.network.arithmetic import Arithmetic
+from bitfold.network.graph import Node
+from bitfold.network.operators import _checks
+from bitfold.network.operators._accumulator import datapath, element_type
+from bitfold.network.operators._moves import need_elements
+from bitfold.network.operators._requantisation import Requantiser, multipliers
+from bitfold.network.operators._step import SummingStep
+
+# Products of a byte, with or without sign, and an int16: below 2^23, so that so many fit 32 bits.
+_BYTES = 255
+
+
+class MatrixProduct(SummingStep):
+    """BATCH_MATMUL."""
+
+    def __init__(self, node: Node, arithmetic: Arithmetic) -> None:
+        """Make the requantiser."""
+        super().__init__(node, arithmetic)
+        self.data, second = node.inputs
+        self.weights_tensor = second if second.is_constant else None
+        self._keywords = datapath(arithmetic)
+        self._type = element_type(arithmetic)
+        self._is_wide = self.data.dtype == np.int16
+        self._requantise = Requantiser(
+            node.outputs[0],
+            multipliers(self.data, second, node.outputs[0]),
+            "NONE",
+            arithmetic,
+            "short_multiplier" if self._is_wide else "two_roundings",
+        )
+
+    @classmethod
+    def problems(cls, node: Node) -> Iterator[str]:
+        """Yield what keeps the operator from being imported."""
+        before = list(_checks.need_counts(node, (2,)))
+        before = before or [
+            *_checks.need_stored("the first operand", node.inputs[0]),
+            *_checks.need_stored("the second operand", node.inputs[1]),
+            *_checks.need_stored("the output", node.outputs[0]),
+            *_checks.need_same_type(node, *node.inputs, node.outputs[0]),
+            *need_elements(node.inputs[0]),
+            *need_elements(node.inputs[1]),
+        ]
+        before = before or [
+            f"need matrices, got {tensor}" for tensor in node.inputs if len(tensor.shape) < 2
+        ]
+        yield from before
+        if before:
+            return
+        (*front, _, inner), (*others, rows, _) = _shapes(node)
+        if inner != rows:
+            yield f"need one inner dimension, got {inner} and {rows}"
+        pairs = zip(reversed(front), reversed(others), strict=False)
+        if any(a != b and 1 not in (a, b) for a, b in pairs):
+            yield f"need leading dimensions that are alike or 1, got {front} and {others}"
+        elif node.option("adj_x") and others[-1:] == [1] and front[-1:] > [1]:
+            # The runtime leaves all results but the first unwritten.
+            yield f"need adj_x with as many second matrices as first ones, got {others} for {front}"
+
+    @property
+    def multiply_adds(self) -> int:
+        """Products for one image."""
+        return math.prod(self._output_shape) * _shapes(self.node)[0][-1]
+
+    @property
+    def _output_shape(self) -> tuple[int, ...]:
+        """That of an image."""
+        (*front, rows, _), (*others, _, columns) = _shapes(self.node)
+        return (*np.broadcast_shapes(tuple(front), tuple(others)), rows, columns)
+
+    def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
+        """Return the sums."""
+        first, second = (self._matrices(i, inputs[i]) for i in (0, 1))
+        weights = self.weights_tensor
+        if weights is not None and math.prod(weights.shape[:-2]) == 1:
+            # One matrix for all: their rows are rows of one.
+            first = tf.reshape(first, [-1, first.shape[-1]])
+            second = tf.reshape(second, second.shape[-2:])
+        else:
+            first, second = self._side_by_side(first, second)
+        total = self._product(first, second)
+        return tf.reshape(total, [-1, *self._output_shape[1:]])
+
+    def _matrices(self, i: int, stored: tf.Tensor) -> tf.Tensor:
+        """Return an operand less its zero point, [B, ..., rows, columns], transposed if need be."""
+        tensor = self.node.inputs[i]
+        images = tf.reshape(tf.cast(stored, tf.int32) - tensor.zero_point, [-1, *tensor.shape])
+        return tf.linalg.matrix_transpose(images) if _is_transposed(self.node, i) else images
+
+    def _side_by_side(self, first: tf.Tensor, second: tf.Tensor) -> tuple[tf.Tensor, tf.Tensor]:
+        """Return [matrices, rows, inner] and [matrices, inner, columns], repeated to match."""
+        front = self._output_shape[:-2]
+        images = tf.maximum(tf.shape(first)[0], tf.shape(second)[0])
+        matched = []
+        for operand in (first, second):
+            _, *own, rows, columns = operand.shape
+            ones = [1] * (len(front) - len(own))
+            aligned = tf.reshape(operand, [-1, *ones, *own, rows, columns])
+            repeated = tf.broadcast_to(aligned, [images, *front, rows, columns])
+            matched.append(tf.reshape(repeated, [-1, rows, columns]))
+        return matched[0], matched[1]
+
+    def _product(self, first: tf.Tensor, second: tf.Tensor) -> tf.Tensor:
+        """Multiply matrices in the operator's arithmetic."""
+        is_exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
+        if self._is_wide and is_exact:
+            return self._in_64_bits(first, second)
+        return ops.matmul(tf.cast(first, self._type), tf.cast(second, self._type), **self._keywords)
+
+    def _in_64_bits(self, first: tf.Tensor, second: tf.Tensor) -> tf.Tensor:
+        """Add up sums over so few elements that none leaves 32 bits."""
+        shift = self.arithmetic.mult_shift
+        if shift:
+            # A product is below 2^30 in magnitude, or just that.
+            return self._in_groups(first, second, 1 << shift)
+        low = tf.bitwise.bitwise_and(first, 255)
+        high = tf.bitwise.right_shift(first, 8)
+        return 256 * self._in_groups(high, second, _BYTES) + self._in_groups(low, second, _BYTES)
+
+    def _in_groups(self, first: tf.Tensor, second: tf.Tensor, size: int) -> tf.Tensor:
+        """Return the sum in 64 bits of products of so many elements of the inner dimension."""
+        groups = [slice(i, i + size) for i in range(0, first.shape[-1], size)]
+        parts = [
+            ops.matmul(first[..., group], second[..., group, :], **self._keywords)
+            for group in groups
+        ]
+        return tf.add_n([tf.cast(part, tf.int64) for part in parts])
+
+    def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:
+        """Requantise."""
+        return [self._requantise(sums)]
+
+
+def _is_transposed(node: Node, i: int) -> bool:
+    return bool(node.option(("adj_x", "adj_y")[i]))
+
+
+def _shapes(node: Node) -> tuple[tuple[int, ...], tuple[int, ...]]:
+    """Return the operands' shapes with the inner dimension last and last but one."""
+    first, second = (
+        (*t.shape[:-2], t.shape[-1], t.shape[-2]) if _is_transposed(node, i) else t.shape
+        for i, t in enumerate(node.inputs)
+    )
+    return first, second
