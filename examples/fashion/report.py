@@ -143,7 +143,7 @@ def _plot_fold(axes: Axes, study: Study) -> None:
     for side in (-limit, limit):
         axes.axvline(side / 1000, color="black", linestyle=":", linewidth=1)
     axes.set_yscale("log")
-    axes.set(title=f"What a wrap does to the sums\nof the layer "{fold.layer}"",
+    axes.set(title=f"What a wrap does to the sums\nof the layer '{fold.layer}'",
              xlabel="sum [thousands]", ylabel="number of sums")  # fmt: skip
     axes.legend(loc="upper right", fontsize=9.5)
 
