@@ -37,7 +37,7 @@ from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
 from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
 from bitfold.network.operators.sum_of_two import Addition
-from bitfold.network.operators.table import KINDS, Table
+from bitfold.network.operators.table import Table
 from bitfold.network.operators.tile import BroadcastTo, Tile
 from bitfold.network.operators.transpose import Reverse, Transpose
 from bitfold.network.operators.transpose_conv import TransposeConvolution
