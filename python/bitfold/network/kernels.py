@@ -8,7 +8,6 @@ operator, the default ones without delegates.
 
 from __future__ import annotations
 
-import bisect
 import contextlib
 import dataclasses
 import functools
