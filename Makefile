@@ -31,6 +31,12 @@ test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
 
+test-long: ## random networks against the interpreter, a thousand; NETWORKS=COUNT, FIRST=SEED
+	@scripts/setup.sh tests
+	@scripts/install_package.sh
+	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
+	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
+
 check: ## the quick tests, for daily work: C++, Python, format
 	@scripts/setup.sh tests
 	@scripts/install_package.sh

@@ -26,6 +26,8 @@ Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take
 ``bitfold.tables`` makes. ``bitfold.resize`` makes the inputs of ``bilinear``, ``bitfold.detection``
 those of the box decoders and of ``non_max_suppression``.
 
+Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output.
+
 Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside

@@ -75,8 +75,8 @@ def requantise(
         >>> import bitfold, numpy as np
         >>> sums = np.array([[1000, -1000], [30, 5000]], np.int32)
         >>> bitfold.ops.requantise(sums, [0.05, 0.01], zero_point=3).numpy()
-        array([[ 53,  -7],
-               [  5,  53]], dtype=int8)
+        array([[53, -7],
+               [ 5, 53]], dtype=int8)
         >>> bitfold.ops.requantise([3, -3], 0.5, rounding="one_rounding").numpy()
         array([ 2, -2], dtype=int8)
     """

@@ -63,10 +63,9 @@ def with_constants(build, x):
 def concatenation(build, x):
     """Two tensors side by side."""
     axis = build.choose([1, 2, 3, -1])
-    other = build.activation(build.like(x))
     if x.shape[axis] > (MOST_CHANNELS if axis in (3, -1) else MOST_ROWS) // 2:
         return None
-    return layers.Concatenate(axis=axis)([x, other])
+    return layers.Concatenate(axis=axis)([x, build.activation(build.like(x))])
 
 
 def _pool(build, x, pool):

@@ -4,7 +4,7 @@
 
 sum = the sum over the inner dimension of (first - zero point) * (second - zero point); the second
 operand is the accelerator's weights. Two roundings in int8, a short multiplier in int16, whose sums
-have 64 bits.
+have 64 bits. Of the multiplier the product of the two scales is formed in single precision.
 """
 
 from __future__ import annotations
@@ -21,7 +21,7 @@ from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._accumulator import datapath, element_type
 from bitfold.network.operators._moves import need_elements
-from bitfold.network.operators._requantisation import Requantiser, multipliers
+from bitfold.network.operators._requantisation import Requantiser
 from bitfold.network.operators._step import SummingStep
 
 # Products of a byte, with or without sign, and an int16: below 2^23, so that so many fit 32 bits.
@@ -41,7 +41,7 @@ class MatrixProduct(SummingStep):
         self._is_wide = self.data.dtype == np.int16
         self._requantise = Requantiser(
             node.outputs[0],
-            multipliers(self.data, second, node.outputs[0]),
+            _multiplier(node),
             "NONE",
             arithmetic,
             "short_multiplier" if self._is_wide else "two_roundings",
@@ -160,3 +160,9 @@ def _shapes(node: Node) -> tuple[tuple[int, ...], tuple[int, ...]]:
         for i, t in enumerate(node.inputs)
     )
     return first, second
+
+
+def _multiplier(node: Node) -> np.ndarray:
+    """Return first scale x second scale / output scale."""
+    first, second = (np.float32(tensor.scale) for tensor in node.inputs)
+    return np.array([np.float64(first * second) / node.outputs[0].scale])

@@ -2,12 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """QUANTIZE and DEQUANTIZE: between real numbers and stored integers, or of other scales.
 
-From real to stored: value / scale in single precision, rounded, halves away from zero, plus the zero point,
-within the stored type. What lies beyond it, infinities too, is its end; NaN stands for no number
-and is stored as the zero point.
+From real to stored: value / scale in single precision, rounded, halves away from zero, plus the
+zero point, within the stored type. What lies beyond it, infinities too, is its end; NaN stands for
+no number and is stored as the zero point. (The runtime leaves both undefined.)
 
-From stored to real: scale * (stored - zero point), rounded once to single precision. Constants may have a scale
-for each channel, or be half-precision numbers, which are widened.
+From stored to real: scale * (stored - zero point), rounded once to single precision. Constants may
+have a scale for each channel, or be half-precision numbers, which are widened.
 
 From stored to stored: the stored integer less its zero point, requantised in two roundings by
 scale / the output's scale.
@@ -38,7 +38,7 @@ _BEYOND = 2.0**18
 def quantise(values: tf.Tensor, tensor: Tensor) -> tf.Tensor:
     """Return the stored integers of float32 values, in a tensor's type, scale and zero point."""
     limits = np.iinfo(tensor.dtype)
-    # A plain division by a constant becomes a product with its reciprocal when a graph is optimised.
+    # When a graph is optimised, a plain division by a constant becomes a product with a reciprocal.
     steps = tf.math.divide_no_nan(values, np.float32(tensor.scale))
     steps = tf.where(tf.math.is_nan(steps), tf.zeros_like(steps), steps)
     steps = tf.clip_by_value(steps, -_BEYOND, _BEYOND)

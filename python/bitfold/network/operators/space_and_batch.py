@@ -63,7 +63,7 @@ class SpaceToBatch(_Blocks):
         """Yield unless the padded image consists of whole blocks."""
         padded = np.array(node.inputs[0].shape[1:-1]) + margins.sum(axis=1)
         if (padded % block).any():
-            yield f"need whole blocks {list(block)}, got {list(padded)} pixels"
+            yield f"need whole blocks {block.tolist()}, got {padded.tolist()} pixels"
 
     def move(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
         """Pad, then take each place of a block for itself."""
@@ -89,7 +89,7 @@ class BatchToSpace(_Blocks):
         """Yield unless the images are those of whole blocks, and pixels are left."""
         rows, *pixels, _ = node.inputs[0].shape
         if rows % math.prod(block.tolist()):
-            yield f"need images for blocks {list(block)}, got {rows}"
+            yield f"need images for blocks {block.tolist()}, got {rows}"
         if (np.array(pixels) * block <= margins.sum(axis=1)).any():
             yield f"need pixels within the margins {margins.tolist()}, got {node.inputs[0]}"
 

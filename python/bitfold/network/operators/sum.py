@@ -27,7 +27,7 @@ from bitfold.network.operators._requantisation import stored_range
 from bitfold.network.operators._step import Step
 
 
-class ReducedSum(Step):
+class Sum(Step):
     """SUM."""
 
     stacks = True
@@ -60,7 +60,7 @@ def _rounded(values: tf.Tensor) -> tf.Tensor:
     return whole + tf.cast(rest >= 0.5, tf.int32) - tf.cast(rest <= -0.5, tf.int32)
 
 
-class ReducedExtreme(Step):
+class Extreme(Step):
     """REDUCE_MAX, REDUCE_MIN."""
 
     stacks = True

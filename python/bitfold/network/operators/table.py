@@ -24,23 +24,8 @@ from bitfold.network.kernels import tabulate
 from bitfold.network.operators import _checks
 from bitfold.network.operators._step import Step
 
-# What the runtime has kernels for.
+# The runtime has no kernels of these for 16 bits.
 _ONE_BYTE = ("ELU", "HARD_SWISH", "RELU_0_TO_1", "RELU_N1_TO_1")
-_ONE_OR_TWO = (
-    "ABS",
-    "EXP",
-    "GELU",
-    "LEAKY_RELU",
-    "LOG",
-    "LOGISTIC",
-    "NEG",
-    "RELU",
-    "RELU6",
-    "RSQRT",
-    "SQRT",
-    "TANH",
-)
-KINDS = (*_ONE_BYTE, *_ONE_OR_TWO)
 
 
 class Table(Step):
@@ -88,7 +73,5 @@ def _table(node: Node) -> np.ndarray:
     """Return the results of all stored values, from the least on."""
     data = node.inputs[0]
     if data.is_constant:
-        node = Node(
-            node.operator, (dataclasses.replace(data, data=None),), node.outputs
-        )
+        node = Node(node.operator, (dataclasses.replace(data, data=None),), node.outputs)
     return tabulate(node)
