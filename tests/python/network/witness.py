@@ -225,4 +225,4 @@ _SHIFTS_BY_TYPE = {schema.TensorType.INT8: 20, schema.TensorType.INT16: 15}
 _SHIFTS = {"ADD": _SHIFTS_BY_TYPE, "SUB": _SHIFTS_BY_TYPE}
 # Kinds that the reference kernels lack in the versions that converters write, or whose output they
 # leave as they find it.
-WITHOUT_REFERENCE = frozenset({"SUM", "TILE", "DEPTH_TO_SPACE"})
+WITHOUT_REFERENCE = frozenset({"CEIL", "DEPTH_TO_SPACE", "ELU", "ROUND", "SUM", "TILE"})
