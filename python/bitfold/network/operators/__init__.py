@@ -111,7 +111,6 @@ STEPS: dict[str, type[Step]] = {
     "TRANSPOSE": Transpose,
     "TRANSPOSE_CONV": TransposeConvolution,
     "UNPACK": Unpack,
-    **dict.fromkeys(KINDS, Table),
 }
 
 # The same where data is float32 and the operator computes with it.
