@@ -68,8 +68,8 @@ def print_summary(console: Console, study: Study, float_accuracy: float, images:
     console.print(
         f"The float network gets {float_accuracy:.2%} of the {images:,} test images right, its "
         f"integers {study.exact_accuracy:.2%}. {needed} bits hold every sum of the "
-        f"{min(images, LOOKED_AT):,} images looked at. Down to {enough} bits at most one image in a "
-        f"hundred is lost; with one fewer {plain.get(enough - 1, 0):.2%} are right. "
+        f"{min(images, LOOKED_AT):,} images looked at. Down to {enough} bits at most one image in "
+        f"a hundred is lost; with one fewer {plain.get(enough - 1, 0):.2%} are right. "
         f"{SETTINGS[-1].title}: the same holds down to {least} bits.",
         soft_wrap=True,
     )
@@ -143,7 +143,7 @@ def _plot_fold(axes: Axes, study: Study) -> None:
     for side in (-limit, limit):
         axes.axvline(side / 1000, color="black", linestyle=":", linewidth=1)
     axes.set_yscale("log")
-    axes.set(title=f"What a wrap does: sums of {fold.layer}\n(same inputs)",
+    axes.set(title=f"What a wrap does to the sums\nof the layer '{fold.layer}'",
              xlabel="sum [thousands]", ylabel="number of sums")  # fmt: skip
     axes.legend(loc="upper right", fontsize=9.5)
 

@@ -69,11 +69,33 @@ def test_cpp_program(tmp_path, standard):
     assert result.returncode == 0
 
 
+@pytest.mark.parametrize("header", ["single_step", "warning_counts"])
 @pytest.mark.parametrize("standard", ["c99", "c11", "c17"])
-def test_header_alone(tmp_path, standard):
+def test_header_alone(tmp_path, standard, header):
     """The header needs no other before it."""
     source = tmp_path / "header.c"
-    source.write_text('#include "bitfold/single_step.h"\nint nothing;\n')
+    source.write_text(f'#include "bitfold/{header}.h"\nint nothing;\n')
     compiler = _compiler("CC", "cc", "gcc", "clang")
     options = (f"-std={standard}", "-Wstrict-prototypes", "-c", str(source))
     _build(compiler, *options, program=tmp_path / "header.o", link=False)
+
+
+def test_warning_counts_from_c(tmp_path):
+    """The functions link; nothing has counted yet, and no listener is being called."""
+    source = tmp_path / "counts.c"
+    source.write_text(
+        '#include "bitfold/warning_counts.h"\n'
+        "static int visited = 0;\n"
+        "static void visit(const char* op, const char* node, const BitfoldWarningCounts* n) {\n"
+        "  visited += op != 0 && node != 0 && n->out_of_bounds >= 0;\n"
+        "}\n"
+        "int main(void) {\n"
+        "  if (bitfold_set_warnings(1, visit) != 0 || bitfold_counting_word()[0] == 0) return 1;\n"
+        "  bitfold_visit_warning_counts(1, visit);\n"
+        "  return visited;\n"
+        "}\n"
+    )
+    program = tmp_path / "counts"
+    _build(_compiler("CC", "cc", "gcc", "clang"), "-std=c11", str(source), program=program)
+    result = subprocess.run([program], capture_output=True, check=False, env={})
+    assert result.returncode == 0, result.stderr

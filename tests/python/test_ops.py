@@ -329,16 +329,6 @@ def test_elementwise_operand(name, assert_bits):
         _wrapper(name, elementwise=operand.astype(np.float32))(x, y)
 
 
-@pytest.mark.parametrize("name", CONVOLUTIONS)
-def test_malformed_operands_are_left_to_the_kernel(name):
-    """Ranks are refused with the kernel's text."""
-    weights = np.ones([1, 1, 1, 1], np.int32)
-    with pytest.raises(tf.errors.InvalidArgumentError, match="Need input of rank 4"):
-        _wrapper(name)(np.ones([1, 1, 1], np.int32), weights)
-    with pytest.raises(tf.errors.InvalidArgumentError, match="Need filter of rank 4 or above"):
-        _wrapper(name)(weights, np.ones([1, 1, 1], np.int32))
-
-
 # ---- Depthwise filters -------------------------------------------------------------------------
 
 

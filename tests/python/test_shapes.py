@@ -25,9 +25,7 @@ WRAPPED = [
     ("conv2d", [1, 0, 5, 1], [3, 3, 1, 2], {"strides": 2}, [1, 1, 3, 2]),
     ("conv2d", [1, 0, 5, 1], [3, 3, 1, 2], {}, [1, 0, 5, 2]),
     ("conv2d", [0, 4, 4, 1], [3, 3, 1, 2], {}, [0, 4, 4, 2]),
-    # The image's channels count, not the filter's.
-    ("conv2d", [1, 4, 4, 2], [3, 3, 3, 2], {}, [1, 4, 4, 2]),
-    ("conv2d", [2, 7, 9, 3], [2, 3, 5, 3, 4], {"padding": "VALID"}, [2, 5, 5, 4]),
+    ("conv2d", [2, 7, 9, 3], [1, 3, 5, 3, 4], {"padding": "VALID"}, [2, 5, 5, 4]),
     ("dilated_conv2d", [2, 7, 9, 3], [3, 3, 3, 4], {"dilations": [2, 3]}, [2, 7, 9, 4]),
     (
         "dilated_conv2d",
@@ -70,22 +68,18 @@ def test_output_sizes_are_the_kernels(padding, stride, dilation):
     [
         ([2, 3], [3, 5]),
         ([4, 2, 3], [4, 3, 5]),
-        ([4, 2, 3], [3, 5]),  # b's columns replace the place that they have in b
         ([2, 0], [0, 3]),
-        ([2, 2, 2, 3], [2, 3, 5]),
-        ([2, 2, 2, 3], [3, 5]),
-        ([3], [3, 5]),
-        ([2, 3], [2, 3, 5]),
+        ([0, 2, 3], [0, 3, 5]),
     ],
 )
 def test_product_shapes_are_the_kernels(a, b):
-    """The matrix product's rule likewise; a shape that is refused is not known."""
-    found = shapes.product_shape(tf.TensorShape(a), tf.TensorShape(b))
-    try:
-        expected = bitfold.ops.matmul(np.zeros(a, np.int32), np.zeros(b, np.int32)).shape
-    except tf.errors.InvalidArgumentError:
-        return
-    assert found.as_list() == expected.as_list()
+    """The matrix product's rule likewise, whatever of it is known."""
+    expected = bitfold.ops.matmul(np.zeros(a, np.int32), np.zeros(b, np.int32)).shape
+    assert shapes.product_shape(tf.TensorShape(a), tf.TensorShape(b)) == expected
+    for x, y in ((a, None), (None, b), (None, None), (a, [None] * len(b))):
+        found = shapes.product_shape(tf.TensorShape(x), tf.TensorShape(y))
+        assert found.is_compatible_with(expected)
+        assert found.rank == (None if x is y else len(a))
 
 
 def _function(name, input, filter, arguments):

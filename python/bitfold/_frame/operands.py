@@ -20,18 +20,6 @@ from bitfold._frame.checks import require
 Size = Any
 
 
-def dimension(tensor: tf.Tensor, axis: int) -> Size:
-    """Return a size of a tensor of known rank, or one counted from the end of any rank."""
-    static = tensor.shape[axis] if tensor.shape.rank is not None else None
-    return tf.shape(tensor, tf.int64)[axis] if static is None else static
-
-
-def elements(tensor: tf.Tensor) -> Size:
-    """Return how many elements a tensor has."""
-    static = tensor.shape.num_elements()
-    return tf.size(tensor, tf.int64) if static is None else static
-
-
 class Needs:
     """Refuses what is known not to fit and gathers assertions about what is not known yet.
 
@@ -47,10 +35,17 @@ class Needs:
         if not tf.is_tensor(condition):
             require(bool(condition), f"Need {what}", got)
             return
-        with tf.control_dependencies(self._assertions):  # the first that fails is reported
-            assertion = tf.debugging.Assert(condition, [f"Need {what}, got", got])
-        if assertion is not None:
-            self._assertions.append(assertion)
+        with self.met():  # the first that fails is reported
+            assertion = tf.raw_ops.Assert(condition=condition, data=[f"Need {what}, got", got])
+        self._assertions.append(assertion)
+
+    def dimension(self, tensor: tf.Tensor, axis: int) -> Size:
+        """Return a size of a tensor of a rank that was required, or counted from the end."""
+        static = tensor.shape[axis] if tensor.shape.rank is not None else None
+        if static is not None:
+            return static
+        with self.met():
+            return tf.shape(tensor, tf.int64)[axis]
 
     def rank(self, tensor: tf.Tensor, name: str, *ranks: int) -> None:
         """Require one of the ranks."""
@@ -69,8 +64,8 @@ class Needs:
         """Require a number of elements."""
         equal = _equal(elements(tensor), wanted)
         if equal is not True:
-            count = why if tf.is_tensor(wanted) else f"{wanted} ({why})"
-            self.holds(equal, f"{name} to hold as many elements as {count}", _shape_of(tensor, equal))
+            count = why if tf.is_tensor(wanted) else f"{wanted} elements ({why})"
+            self.holds(equal, f"{name} to hold {count}", _shape_of(tensor, equal))
 
     def half_precision_float(self, use_fp16_acc: bool, dtype: tf.DType) -> None:
         """Require float32 data for a half-precision accumulator."""
@@ -88,6 +83,12 @@ class Needs:
             return tensor
         with self.met():
             return tf.identity(tensor)
+
+
+def elements(tensor: tf.Tensor) -> Size:
+    """Return how many elements a tensor has."""
+    static = tensor.shape.num_elements()
+    return tf.size(tensor, tf.int64) if static is None else static
 
 
 def _equal(a: Size, b: Size) -> bool | tf.Tensor:

@@ -30,6 +30,17 @@ def without_static_shape(tensor: tf.Tensor) -> tf.Tensor:
     return tf.raw_ops.PlaceholderWithDefault(input=tensor, shape=tf.TensorShape(None))
 
 
+def unrelated(tensor: tf.Tensor) -> tf.Tensor:
+    """Return a tensor of unknown rank so that what is inferred of it stays there.
+
+    The runtime's optimiser takes what a rule infers of an op's input for a fact about all that the
+    input is made of, and the matrix product's rule infers a matrix of any unknown rank.
+    """
+    if tensor.shape.rank is not None:
+        return tensor
+    return tf.reshape(tensor, tf.shape(tensor))
+
+
 def product_shape(a: tf.TensorShape, b: tf.TensorShape) -> tf.TensorShape:
     """Return the shape that the matrix product's kernel will allocate, as far as it is known.
 

@@ -96,6 +96,7 @@ def set_warnings(setting: str | Listener) -> str | Listener:
     Example:
         >>> import bitfold
         >>> before = bitfold.set_warnings("count")
+        >>> until_now = bitfold.warning_counts(reset=True)
         >>> sums = bitfold.ops.add([[8388607.0, 1.0]], [[1.0, 1.0]], accumulator_size=32)
         >>> bitfold.warning_counts(reset=True)[("HAdd", "HAdd")]["out_of_bounds"]
         1
@@ -130,7 +131,8 @@ def warning_counts(*, reset: bool = False) -> dict[tuple[str, str], Counts]:
 
     Example:
         >>> import bitfold
-        >>> bitfold.warning_counts(reset=True)
+        >>> until_now = bitfold.warning_counts(reset=True)
+        >>> bitfold.warning_counts()
         {}
     """
     found: dict[tuple[str, str], Counts] = {}

@@ -4,7 +4,8 @@
 
 A converter names a tensor by the path of the operation that it came from, and by several paths,
 joined by semicolons, where it fused operations: ``model_1/relu_1/Relu;model_1/conv_1/convolution``.
-A layer with weights is called by the path of its weights, any other by the last of its output's.
+A layer with weights is called by the path of its weights, and of several, where a normalisation was
+folded into them, by that of the convolution; any other layer by the last path of its output's.
 """
 
 from __future__ import annotations
@@ -14,6 +15,9 @@ from collections import Counter
 from collections.abc import Collection, Sequence
 
 from bitfold.network.graph import Node
+
+# What Keras calls the operations whose weights a normalisation is folded into.
+_CONVOLUTIONS = ("convolution", "depthwise")
 
 
 def layer_names(nodes: Sequence[Node], known: Collection[str] = ()) -> list[str]:
@@ -41,7 +45,8 @@ def _path(node: Node) -> list[str]:
     if weights is not None and weights.is_constant and len(weights.shape) > 1:
         names.append(weights.name)
     for name in reversed(names):
-        path = name.rpartition(";")[2].split("/")
+        paths = [path.split("/") for path in name.split(";")]
+        path = next((path for path in paths if path[-1] in _CONVOLUTIONS), paths[-1])
         if len(path) > 1:
             return path
     return []

@@ -11,7 +11,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
-from bitfold._frame.operands import Needs, dimension, elements
+from bitfold._frame.operands import Needs, elements
 
 # What the units take: images, and the results of dense layers.
 _RANKS = (2, 4)
@@ -264,7 +264,9 @@ def weighted_add(
     needs.half_precision_float(use_fp16_acc, value.dtype)
     needs.rank(value, "value", *_RANKS)
     needs.elements(elementwise, "elementwise", elements(value), "as many as value")
-    needs.elements(weights, "weights", 2 * dimension(value, -1), "two for each channel of value")
+    needs.elements(
+        weights, "weights", 2 * needs.dimension(value, -1), "two for each channel of value"
+    )
     with needs.met():
         return raw_ops.h_standalone_elementwise_add(
             value=value,
@@ -282,5 +284,5 @@ def _channel_needs(value: tf.Tensor, **biases: tf.Tensor) -> Needs:
     needs = Needs()
     needs.rank(value, "value", *_RANKS)
     for name, bias in biases.items():
-        needs.elements(bias, name, dimension(value, -1), "one for each channel of value")
+        needs.elements(bias, name, needs.dimension(value, -1), "one for each channel of value")
     return needs

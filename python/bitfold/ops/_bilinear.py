@@ -11,7 +11,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
-from bitfold._frame.operands import Needs, dimension, elements
+from bitfold._frame.operands import Needs, elements
 
 
 @accepts_symbolic
@@ -106,7 +106,7 @@ def _sizes_needed(upper_left: tf.Tensor, others: dict[str, tf.Tensor]) -> Needs:
     rank = upper_left.shape.rank
     if rank == 0 or (rank is not None and upper_left.shape[0] == 0):
         return needs  # the kernel refuses
-    item = count // dimension(upper_left, 0)
+    item = count // needs.dimension(upper_left, 0)
     for key, tensor in others.items():
         if key.startswith("weight"):
             needs.elements(tensor, key, item, "one for each element of a batch item")

@@ -18,7 +18,7 @@ from bitfold._frame.arguments import (
 )
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
-from bitfold._frame.operands import Needs, dimension, elements
+from bitfold._frame.operands import Needs, elements
 from bitfold._frame.shapes import convolution_shape, without_static_shape
 
 
@@ -202,9 +202,9 @@ def depthwise_conv2d(
 
 def _require_depthwise_channels(needs: Needs, input: tf.Tensor, filter: tf.Tensor) -> None:
     """Require channels and images for what the kernel will read of them."""
-    pairs = [("channels", dimension(filter, -1), dimension(input, -1), "at most")]
+    pairs = [("channels", needs.dimension(filter, -1), needs.dimension(input, -1), "at most")]
     if filter.shape.rank == 5:
-        pairs.append(("images", dimension(filter, 0), dimension(input, 0), "at least"))
+        pairs.append(("images", needs.dimension(filter, 0), needs.dimension(input, 0), "at least"))
     for what, got, wanted, side in pairs:
         if tf.is_tensor(got) or tf.is_tensor(wanted):
             continue  # the kernel refuses, which reads nothing beyond
@@ -245,13 +245,18 @@ def _convolve_ordinary(raw_op, input, filters, *arguments) -> tf.Tensor:
     needs = Needs()
     needs.rank(input, "input", 4)
     needs.rank(filters, "filters", 4, 5)
-    channels = dimension(input, -1)
+    channels = needs.dimension(input, -1)
     count = "" if tf.is_tensor(channels) else f"{channels} "
     needs.size(
-        dimension(filters, -2), channels, f"filters to have the {count}channels of input", filters
+        needs.dimension(filters, -2),
+        channels,
+        f"filters to have the {count}channels of input",
+        filters,
     )
-    if filters.shape.rank == 5:
-        needs.size(dimension(filters, 0), 1, "filters of rank 5 to hold 1 filter", filters)
+    if filters.shape.rank != 4:
+        known = filters.shape.rank is not None
+        held = needs.dimension(filters, 0) if known else tf.reduce_prod(tf.shape(filters)[:-4])
+        needs.size(held, 1, "filters of rank 5 to hold 1 filter", filters)
     return _convolve(raw_op, input, filters, *arguments, needs)
 
 
@@ -300,7 +305,7 @@ _AS_RESULT = "as many as the result"
 
 def _require_centre(needs: Needs, filters: tf.Tensor, dilation: int) -> None:
     """Require a row of the filter at its centre, after which the elementwise operand is added."""
-    height = dimension(filters, -4)
+    height = needs.dimension(filters, -4)
     if dilation > 1:
         needs.holds(
             height % 2 == 1 if not tf.is_tensor(height) else tf.equal(height % 2, 1),

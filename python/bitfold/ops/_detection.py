@@ -11,7 +11,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, float_attribute, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
-from bitfold._frame.operands import Needs, dimension, elements
+from bitfold._frame.operands import Needs, elements
 from bitfold._frame.shapes import without_static_shape
 
 
@@ -252,10 +252,10 @@ def _require_boxes(needs: Needs, value: tf.Tensor, classes: int, may_be_none: bo
     needs.rank(value, "value", 4)
     for axis, wanted in ((2, 5), (3, 1)):
         what = f"value of shape [batch, classes * boxes, 5, 1], dimension {axis} being {wanted}"
-        needs.size(dimension(value, axis), wanted, what, value)
+        needs.size(needs.dimension(value, axis), wanted, what, value)
     if classes < 1:
         return  # the kernel refuses
-    boxes = dimension(value, 1)
+    boxes = needs.dimension(value, 1)
     divides = tf.equal(boxes % classes, 0) if tf.is_tensor(boxes) else boxes % classes == 0
     needs.holds(divides, f"value to hold a multiple of {classes} boxes, its classes", boxes)
     if not may_be_none:
@@ -292,13 +292,13 @@ def _decode(
 def _require_anchors(needs: Needs, centers: tf.Tensor, others: dict[str, tf.Tensor]) -> None:
     """Require pairs of centres, and of every other input as many numbers as there are places."""
     needs.rank(centers, "detection_centers", 4)
-    pairs = dimension(centers, -1)
+    pairs = needs.dimension(centers, -1)
     what = "detection_centers with an even last dimension, a pair for each anchor"
     needs.holds(tf.equal(pairs % 2, 0) if tf.is_tensor(pairs) else pairs % 2 == 0, what, pairs)
     counts = {
         "detection_sizes": (elements(centers), "as many as detection_centers"),
-        "y_centers": (dimension(centers, 1) * pairs, "a pair for each anchor of each row"),
-        "x_centers": (dimension(centers, 2) * pairs, "a pair for each anchor of each column"),
+        "y_centers": (needs.dimension(centers, 1) * pairs, "a pair for each anchor of each row"),
+        "x_centers": (needs.dimension(centers, 2) * pairs, "a pair for each anchor of each column"),
     }
     for key, tensor in others.items():
         needs.elements(tensor, key, *counts.get(key, (pairs // 2, "one for each anchor")))

@@ -11,8 +11,8 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
-from bitfold._frame.operands import Needs, dimension
-from bitfold._frame.shapes import product_shape, without_static_shape
+from bitfold._frame.operands import Needs
+from bitfold._frame.shapes import product_shape, unrelated, without_static_shape
 
 
 @accepts_symbolic
@@ -63,13 +63,14 @@ def matmul(
     """
     a = element_tensor(a, "a")
     b = element_tensor(b, "b", a.dtype)
+    a, b = _of_one_rank(a, b)
     needs = Needs()
     needs.half_precision_float(use_fp16_acc, a.dtype)
     _require_matrices(needs, a, b)
     with needs.met():
         product = raw_ops.h_matmul(
-            a=without_static_shape(a),
-            b=without_static_shape(b),
+            a=without_static_shape(unrelated(a)),
+            b=without_static_shape(unrelated(b)),
             mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
@@ -82,20 +83,29 @@ def matmul(
     return product
 
 
+def _of_one_rank(a: tf.Tensor, b: tf.Tensor) -> tuple[tf.Tensor, tf.Tensor]:
+    """Give the operand of unknown rank the other's, which it is refused for when it has not."""
+    if a.shape.rank is None and b.shape.rank is not None:
+        return tf.ensure_shape(a, [None] * b.shape.rank), b
+    if b.shape.rank is None and a.shape.rank is not None:
+        return a, tf.ensure_shape(b, [None] * a.shape.rank)
+    return a, b
+
+
 def _require_matrices(needs: Needs, a: tf.Tensor, b: tf.Tensor) -> None:
     """Require two matrices, or two batches of as many, whose inner dimensions agree."""
     needs.rank(a, "a", 2, 3)
     needs.rank(b, "b", 2, 3)
     rank = a.shape.rank
-    if rank is None or b.shape.rank is None:
+    if rank is None:  # and of b likewise
         needs.holds(tf.equal(tf.rank(a), tf.rank(b)), "a and b of one rank", tf.rank(b))
         # Of the leading dimensions, which are one or none, the products.
         batches = [tf.reduce_prod(tf.shape(x, tf.int64)[:-2]) for x in (a, b)]
     else:
         needs.holds(rank == b.shape.rank, f"a and b of one rank, a's being {rank}", b.shape.rank)
-        batches = [dimension(x, 0) for x in (a, b)] if rank == 3 else [1, 1]
-    inner = dimension(a, -1)
-    needs.size(dimension(b, -2), inner, f"b to have {_known(inner)}rows, the columns of a", b)
+        batches = [needs.dimension(x, 0) for x in (a, b)] if rank == 3 else [1, 1]
+    inner = needs.dimension(a, -1)
+    needs.size(needs.dimension(b, -2), inner, f"b to have {_known(inner)}rows, the columns of a", b)
     needs.size(batches[1], batches[0], f"b to have {_known(batches[0])}matrices, the batch of a", b)
 
 

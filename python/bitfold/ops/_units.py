@@ -12,7 +12,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scalar_tensor
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
-from bitfold._frame.operands import Needs, dimension
+from bitfold._frame.operands import Needs
 
 
 @accepts_symbolic
@@ -118,8 +118,8 @@ def layer_norm(
 def _require_vectors(needs: Needs, value: tf.Tensor) -> None:
     """Require images whose vectors the normalisation unit holds."""
     needs.rank(value, "value", 4)
-    channels = dimension(value, 3)
-    positions = dimension(value, 1) * dimension(value, 2)
+    channels = needs.dimension(value, 3)
+    positions = needs.dimension(value, 1) * needs.dimension(value, 2)
     needs.holds(channels <= 4096, "value of at most 4096 channels", channels)
     needs.holds(positions <= 2**20, "value of a height x width of at most 2^20", positions)
 
@@ -262,8 +262,8 @@ def activation(
         groups, size_splits = 1, tf.shape(value, tf.int64)[-1:]
     else:
         size_splits = fixed_tensor(size_splits, "size_splits", tf.int64)
-        _require_splits(needs, size_splits, dimension(value, -1))
-        groups = dimension(size_splits, 0)
+        _require_splits(needs, size_splits, needs.dimension(value, -1))
+        groups = needs.dimension(size_splits, 0)
     _require_tables(needs, tables, groups)
     with needs.met():
         return raw_ops.h_activation(
@@ -298,12 +298,12 @@ def _require_tables(needs: Needs, tables: dict[str, tf.Tensor], groups: Any) -> 
     """Require a row of each table for each group, with an entry for each piece."""
     for key, table in tables.items():
         needs.rank(table, key, 2)
-    pieces = dimension(tables["x_points"], 1) + 1
+    pieces = needs.dimension(tables["x_points"], 1) + 1
     for key, table in tables.items():
         count = "" if tf.is_tensor(groups) else f"{groups} "
         what = f"{key} to have {count}rows, one for each group of size_splits"
-        needs.size(dimension(table, 0), groups, what, table)
+        needs.size(needs.dimension(table, 0), groups, what, table)
         if key != "x_points":
-            columns = dimension(table, 1)
+            columns = needs.dimension(table, 1)
             what = f"{key} to have a column for each piece, one more than x_points"
             needs.holds(columns >= pieces, what, columns)

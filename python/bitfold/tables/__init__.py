@@ -6,6 +6,8 @@ Each builder starts from the mathematical function and from the scales of the wh
 the unit, and returns a record: ``keywords`` are arguments of the op, ``dequantise`` turns its
 results into real numbers, and ``max_error`` bounds how far these lie from the real function. The
 docstrings derive the tables and the bounds; the project's tests hold the units to them.
+``requantise`` starts from the multipliers of a layer's sums and ends at whole numbers: its record
+counts the steps by which results differ.
 
 Example:
     >>> import bitfold, numpy as np
@@ -18,15 +20,18 @@ Example:
 
 from bitfold.tables._activation import FUNCTIONS, ActivationTable, activation
 from bitfold.tables._layer_norm import LayerNormTable, layer_norm
+from bitfold.tables._requantise import RequantisationTable, requantise
 from bitfold.tables._softmax import SoftmaxTable, softmax
 
 __all__ = [
     "FUNCTIONS",
     "ActivationTable",
     "LayerNormTable",
+    "RequantisationTable",
     "SoftmaxTable",
     "activation",
     "layer_norm",
+    "requantise",
     "softmax",
 ]
 

@@ -12,8 +12,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cpu/convolution.h"
+#include "frame/scratch.h"
 #include "support/chain_recipes.h"
 #include "support/convolution.h"
 #include "support/ledger.h"
@@ -41,10 +43,15 @@ ChainOutput<T> ChainConvolution(const reference::Convolution& c, const Convoluti
   const MisalignedCall<T> call(c, data, offset);
   ChainOutput<T> out{ExactBuffer<T>(OutputCount(c) + kOutputGuard, (offset + 3) % 4), "", {}};
   std::fill_n(out.values.data(), out.values.count(), static_cast<T>(kUntouched));
-  out.lines = PrintedAndCountedBy([&] {
-    const BatchConvolution<T> convolution(call.To(out.values.data()), scratch);
-    out.plan = convolution.plan();
+  const auto run = [&](T* output, Scratch* memory) {
+    const BatchConvolution<T> convolution(call.To(output), memory);
     for (int32_t image = 0; image < c.batch; ++image) convolution.Run(image);
+    return convolution.plan();
+  };
+  out.lines = PrintedBy([&] { out.plan = run(out.values.data(), scratch); });
+  ExpectCounted(out.lines, [&] {
+    HeapScratch heap;  // the caller's may count or refuse requests
+    run(std::vector<T>(static_cast<size_t>(OutputCount(c))).data(), &heap);
   });
   return out;
 }

@@ -25,6 +25,12 @@ def test_a_layer_is_called_by_the_path_of_its_weights():
     assert naming.layer_names([fused]) == ["c1"]
 
 
+def test_a_folded_normalisation_gives_no_name():
+    """Weights with a normalisation folded into them have the name of the convolution."""
+    weights = "m/norm/batchnorm/mul_1;m/depth/depthwise;m/norm/batchnorm/mul"
+    assert naming.layer_names([node(f"m/relu/Relu;{weights}1", weights)]) == ["depth"]
+
+
 def test_without_weights_by_the_last_path_of_its_output():
     """Without weights by the last path of its output."""
     assert naming.layer_names([node("model/a/Relu;model/b/Add", kind="ADD")]) == ["b"]

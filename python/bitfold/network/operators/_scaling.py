@@ -56,9 +56,9 @@ class CommonScale:
         multiplier = self._multipliers[i]
         if multiplier == 0.5:
             return centred * (sign << (self._spare - 1))
-        return ops.requantise(
-            centred * (sign << self._spare),
-            [multiplier],
-            rounding="two_roundings",
-            dtype=tf.int32,
+        # The op takes no scalar.
+        sums = tf.reshape(centred, [-1]) if centred.shape.rank == 0 else centred
+        scaled = ops.requantise(
+            sums * (sign << self._spare), [multiplier], rounding="two_roundings", dtype=tf.int32
         )
+        return tf.reshape(scaled, []) if centred.shape.rank == 0 else scaled

@@ -1,9 +1,10 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""PRELU, in int8: elements below zero are multiplied by a constant of their channel or place.
+"""PRELU: elements below zero are multiplied by a constant of their channel or place.
 
-With x and alpha less their zero points: x at input scale / output scale, below zero x * alpha at
-input scale * alpha's scale / output scale, each in two roundings.
+Alpha is stored in 8 bits, beside data of 16 as well. With x and alpha less their zero points: x at
+input scale / output scale, below zero x * alpha at input scale * alpha's scale / output scale, each
+in two roundings.
 """
 
 from __future__ import annotations
@@ -15,8 +16,10 @@ import tensorflow as tf
 
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
-from bitfold.network.operators._pairs import PairStep, broadcast_shape, pair_problems
+from bitfold.network.operators import _checks
+from bitfold.network.operators._pairs import PairStep, broadcast_shape
 from bitfold.network.operators._requantisation import Requantiser
+from bitfold.network.operators._scaling import need_multiplier
 
 
 class Prelu(PairStep):
@@ -25,21 +28,34 @@ class Prelu(PairStep):
     @classmethod
     def problems(cls, node: Node) -> Iterator[str]:
         """Yield what keeps the operator from being imported."""
-        before = list(pair_problems(node, ("int8",)))
+        before = list(_checks.need_counts(node, (2,)))
+        if not before:
+            data, alpha = node.inputs
+            before = [
+                *_checks.need_stored("the data", data),
+                *_checks.need_stored("alpha", alpha, ("int8",)),
+                *_checks.need_stored("the output", node.outputs[0]),
+                *_checks.need_same_type(node, data, node.outputs[0]),
+            ]
         yield from before
-        if not before and broadcast_shape(node) != node.inputs[0].shape:
-            yield f"need alpha to broadcast to {node.inputs[0]}, got {node.inputs[1]}"
+        if before:
+            return
+        for multiplier in _multipliers(node):
+            yield from need_multiplier("both multipliers", multiplier)
+        try:
+            is_fitting = broadcast_shape(node) == data.shape
+        except ValueError:
+            is_fitting = False
+        if not is_fitting:
+            yield f"need alpha to broadcast to {data}, got {alpha}"
 
     def set_up(self) -> None:
         """Make the requantisation of both branches."""
-        data, alpha = self.node.inputs
-        output = self.node.outputs[0]
-        with np.errstate(all="ignore"):
-            positive = np.float32(data.scale) / np.float32(output.scale)
-            negative = np.float32(data.scale) * np.float32(alpha.scale) / np.float32(output.scale)
         self._branches = [
-            Requantiser(output, np.array([float(m)]), "NONE", Arithmetic(), "two_roundings")
-            for m in (positive, negative)
+            Requantiser(
+                self.node.outputs[0], np.array([multiplier]), "NONE", Arithmetic(), "two_roundings"
+            )
+            for multiplier in _multipliers(self.node)
         ]
 
     def prepare(self, i: int, stored: tf.Tensor) -> tf.Tensor:
@@ -50,3 +66,10 @@ class Prelu(PairStep):
         """Multiply where the data is below zero, and requantise."""
         positive, negative = self._branches
         return tf.where(first >= 0, positive(first), negative(first * second))
+
+
+def _multipliers(node: Node) -> tuple[float, float]:
+    """Return those of data from zero up, and below zero, in single precision."""
+    data, alpha, output = (np.float32(t.scale) for t in (*node.inputs, *node.outputs))
+    with np.errstate(all="ignore"):
+        return float(data / output), float(data * alpha / output)

@@ -24,23 +24,8 @@ from bitfold.network.kernels import tabulate
 from bitfold.network.operators import _checks
 from bitfold.network.operators._step import Step
 
-# What the runtime has kernels for.
+# The runtime has no kernels of these for 16 bits.
 _ONE_BYTE = ("ELU", "HARD_SWISH", "RELU_0_TO_1", "RELU_N1_TO_1")
-_ONE_OR_TWO = (
-    "ABS",
-    "EXP",
-    "GELU",
-    "LEAKY_RELU",
-    "LOG",
-    "LOGISTIC",
-    "NEG",
-    "RELU",
-    "RELU6",
-    "RSQRT",
-    "SQRT",
-    "TANH",
-)
-KINDS = (*_ONE_BYTE, *_ONE_OR_TWO)
 
 
 class Table(Step):
