@@ -23,8 +23,10 @@ def _options(padding, window, strides, activation="NONE"):
     }
 
 
-@pytest.mark.parametrize("window", [(1, 1), (2, 3), (5, 4), (7, 9)])
-@pytest.mark.parametrize("strides", [(1, 1), (2, 3), (4, 4)])
+@pytest.mark.parametrize(
+    ("window", "strides"),
+    [((1, 1), (3, 2)), ((2, 3), (1, 1)), ((5, 4), (2, 3)), ((5, 3), (4, 4)), ((7, 9), (1, 2))],
+)
 @pytest.mark.parametrize("padding", ["SAME", "VALID"])
 @pytest.mark.parametrize("dtype", ["int8", "int16"])
 def test_windows(dtype, padding, strides, window):

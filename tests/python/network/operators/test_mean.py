@@ -22,15 +22,13 @@ def _mean(shape, axes, keep, scales=(0.5, 0.5), points=(3, 3), dtype="int8"):
 
 
 @pytest.mark.parametrize("axes", [*AXES, [2, 1], [-2, 1], [1, 2, 1], [-1]])
-@pytest.mark.parametrize("keep", [False, True])
 @pytest.mark.parametrize("dtype", ["int8", "int16"])
-def test_axes(dtype, keep, axes):
+def test_axes(dtype, axes):
     """In any order, from either end, named twice; one scale, and two."""
     points = (-30, 17) if dtype == "int8" else (0, 0)
     shape = [1, 7, 9, 3]
-    compare(_mean(shape, axes, keep, (0.0311, 0.0311), points[:1] * 2, dtype))
-    compare(_mean(shape, axes, keep, (0.0311, 0.0127), points, dtype))
-    compare(_mean(shape, axes, keep, (0.25, 0.5), points, dtype))
+    compare(_mean(shape, axes, True, (0.0311, 0.0311), points[:1] * 2, dtype))
+    compare(_mean(shape, axes, False, (0.0311, 0.0127), points, dtype))
 
 
 @pytest.mark.parametrize(

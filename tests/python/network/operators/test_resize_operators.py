@@ -16,7 +16,7 @@ PLACES = [
 KINDS = ["RESIZE_BILINEAR", "RESIZE_NEAREST_NEIGHBOR"]
 
 
-@pytest.mark.parametrize("size", [(10, 14), (1, 1), (3, 9), (37, 24), (5, 7)])
+@pytest.mark.parametrize("size", [(10, 14), (1, 9), (37, 24)])
 @pytest.mark.parametrize("options", PLACES)
 @pytest.mark.parametrize("kind", KINDS)
 @pytest.mark.parametrize("dtype", ["int8", "int16"])
