@@ -153,6 +153,9 @@ def _convert(
         else (sets.EXPERIMENTAL_TFLITE_BUILTINS_ACTIVATIONS_INT16_WEIGHTS_INT8, tf.int16)
     )
     converter.target_spec.supported_ops = [quantised, sets.TFLITE_BUILTINS]
+    # Tensors of 16 bits are quantised by the older way in any case; the newer would read the data
+    # before that, too.
+    converter.experimental_new_quantizer = activation_bits == 8
     converter.inference_input_type = converter.inference_output_type = stored
     return converter.convert()
 

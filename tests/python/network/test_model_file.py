@@ -62,7 +62,7 @@ def test_constants_are_not_writable():
     for found in read(source).tensors:
         if found.is_constant:
             assert not found.data.flags.writeable
-            with pytest.raises(ValueError, match="read-only|writeable"):
+            with pytest.raises(ValueError, match="read-only"):
                 found.data[...] = 0
     weights = read(source).tensors[1].data
     assert np.shares_memory(weights, np.frombuffer(source, np.uint8))
@@ -107,15 +107,10 @@ def test_options_of_every_operator(name):
 
 def test_every_enumeration_has_names():
     """The numbers of one signed byte in option tables are enumerations, and are known by name."""
-    for options in {o.name: o for o in model_schema.OPTIONS.values()}.values():
-        adders = "".join(
-            f"{name} " + ",".join(getattr(schema, name).__code__.co_names)
-            for name in dir(schema)
-            if name.startswith(f"{options.name}Add")
-        )
+    for options in model_schema.OPTIONS.values():
         for field in options.fields.values():
-            add = f"{options.name}Add{options.accessor(field)} "
-            if re.search(f"{re.escape(add)}[^ ]*PrependInt8Slot", adders):
+            add = getattr(schema, f"{options.name}Add{options.accessor(field)}")
+            if "PrependInt8Slot" in add.__code__.co_names:
                 assert field in model_schema._NAMES, f"{options.name}.{field}"
 
 
@@ -246,7 +241,7 @@ def test_damage_is_named(change, said):
 )
 def test_what_is_no_model_file(source):
     """Neither are files of another kind."""
-    with pytest.raises(ValueError, match="^the model file: Need "):
+    with pytest.raises(ValueError, match=r"^the model file: Need "):
         read(source)
 
 

@@ -134,7 +134,7 @@ def gelu(build, x):
 
 def relu(build, x):
     """Nothing below zero."""
-    return layers.ReLU()(build.like(x))
+    return layers.ReLU()(x)
 
 
 def relu6(build, x):

@@ -57,6 +57,8 @@ class Witness:
         for position, (kind, read, written) in enumerate(self.operators):
             if kind in _SHIFTS and self._outgrows(_SHIFTS[kind], read, written):
                 raise Unwitnessed(f"{kind} at {position} ends the process: scales too far apart")
+            if kind == "MEAN" and self._overflows(read[0], written[0]):
+                raise Unwitnessed(f"{kind} at {position} may overflow, which is not defined")
         self._parts = [_Part(content, *piece) for piece in _pieces(self.kinds)]
 
     def load(self) -> None:
@@ -121,6 +123,16 @@ class Witness:
             return False
         scales = [self.tensors[i].quantization.scale[0] for i in read]
         return 2 * max(scales) >= output.quantization.scale[0] * 2.0 ** shifts[output.type]
+
+    def _overflows(self, read: int, written: int) -> bool:
+        """Return whether the sums of a mean, scaled to the output, may need more than 32 bits."""
+        data, output = self.tensors[read], self.tensors[written]
+        if data.type not in (schema.TensorType.INT8, schema.TensorType.INT16):
+            return False
+        _, exponent = np.frexp(data.quantization.scale[0] / output.quantization.scale[0])
+        elements = np.prod(self.shape(read)) / np.prod(self.shape(written))
+        magnitude = abs(self.zero_point(read)) - int(np.iinfo(self.dtype(read)).min)
+        return elements * magnitude * 2.0 ** max(exponent, 0) >= 2**31
 
     def describe(self) -> str:
         """Return the operators in a line."""

@@ -35,7 +35,7 @@ from bitfold.network.operators.space_and_batch import BatchToSpace, SpaceToBatch
 from bitfold.network.operators.space_and_depth import DepthToSpace, SpaceToDepth
 from bitfold.network.operators.split import Split, SplitV, Unpack
 from bitfold.network.operators.squared_difference import SquaredDifference
-from bitfold.network.operators.sum import Extreme, Sum
+from bitfold.network.operators.sum import ReducedExtreme, ReducedSum
 from bitfold.network.operators.sum_of_two import Addition
 from bitfold.network.operators.table import Table
 from bitfold.network.operators.tile import BroadcastTo, Tile
@@ -83,8 +83,8 @@ STEPS: dict[str, type[Step]] = {
     "PADV2": Pad,
     "PRELU": Prelu,
     "QUANTIZE": Rescale,
-    "REDUCE_MAX": Extreme,
-    "REDUCE_MIN": Extreme,
+    "REDUCE_MAX": ReducedExtreme,
+    "REDUCE_MIN": ReducedExtreme,
     "RELU": Table,
     "RELU6": Table,
     "RELU_0_TO_1": Table,
@@ -105,7 +105,7 @@ STEPS: dict[str, type[Step]] = {
     "SQUEEZE": Reshape,
     "STRIDED_SLICE": StridedSlice,
     "SUB": Addition,
-    "SUM": Sum,
+    "SUM": ReducedSum,
     "TANH": Table,
     "TILE": Tile,
     "TRANSPOSE": Transpose,

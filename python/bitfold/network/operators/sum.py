@@ -27,7 +27,7 @@ from bitfold.network.operators._requantisation import stored_range
 from bitfold.network.operators._step import Step
 
 
-class Sum(Step):
+class ReducedSum(Step):
     """SUM."""
 
     stacks = True
@@ -60,7 +60,7 @@ def _rounded(values: tf.Tensor) -> tf.Tensor:
     return whole + tf.cast(rest >= 0.5, tf.int32) - tf.cast(rest <= -0.5, tf.int32)
 
 
-class Extreme(Step):
+class ReducedExtreme(Step):
     """REDUCE_MAX, REDUCE_MIN."""
 
     stacks = True
