@@ -108,7 +108,7 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
 def _plot_wrapped(axes: Axes, study: Study) -> None:
     """Share of wrapped sums by layer over the accumulator's width."""
     widths = [result.width for result in study.widths]
-    for name, colour, marker in zip(study.values, COLOURS, MARKERS, strict=True):
+    for name, colour, marker in zip(study.values, COLOURS, MARKERS, strict=False):
         shares = [100 * result.wrapped_share[name] or float("nan") for result in study.widths]
         label = f"{name} ({study.bits_needed[name]} bits hold all)"
         axes.plot(widths, shares, color=colour, marker=marker, markersize=5, label=label)

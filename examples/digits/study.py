@@ -93,12 +93,12 @@ def run_study(
     sums = _sums(network, images)
     exact_accuracy = network.evaluate(images, labels)
     report(f"Exact: accuracy {exact_accuracy:.2%}", 1)
-    bits_needed = {name: bits_needed(values) for name, values in sums.items()}
+    needed = {name: bits_needed(values) for name, values in sums.items()}
     widths = [_measure_width(network, images, labels, sums, width, report) for width in WIDTHS]
-    narrow_width = max(bits_needed.values()) - BITS_SHORT
+    narrow_width = max(needed.values()) - BITS_SHORT
     return Study(
         exact_accuracy=exact_accuracy,
-        bits_needed=bits_needed,
+        bits_needed=needed,
         values={name: values.size for name, values in sums.items()},
         multiply_adds=sum(layer.multiply_adds for layer in network.layers),
         widths=widths,

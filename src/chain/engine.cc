@@ -63,7 +63,7 @@ ChainEngine<D, T>::ChainEngine(const ConvolutionCall<T>& call, const CorrectedWe
     : datapath_(MakeDatapath<D>(call.datapath)),
       rows_(call.rows),
       columns_(call.columns),
-      centre_(GoesForward(rows_) ? CentreTaps(rows_).first : -1),
+      centre_(GoesForward(rows_) ? CentreTaps{rows_}.first : -1),
       call_(WithUsedInputs(call, weights.weights, centre_)),
       windows_(call) {
   if (!GoesForward(rows_) || !GoesForward(columns_)) return;

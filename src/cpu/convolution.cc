@@ -71,7 +71,7 @@ int64_t OutputElements(const ConvolutionCall<T>& call) {
 template <typename T>
 void AddElementwise(const ConvolutionCall<T>& call, int64_t outputs) {
   const DefaultFloatingPointScope scope;
-  const int64_t addends = call.elementwise == nullptr ? 0 : CentreTaps(WindowAxis(call.rows)).count;
+  const int64_t addends = call.elementwise == nullptr ? 0 : CentreTaps{WindowAxis(call.rows)}.count;
   if (addends == 0) {
     std::fill_n(call.output, outputs, T{0});
     return;

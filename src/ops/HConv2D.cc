@@ -389,7 +389,7 @@ class HConv2dOp : public AccumulatorOp<T> {
     if (!IsEmpty(work.input) && !IsEmpty(work.filter)) return absl::OkStatus();
     TF_RETURN_IF_ERROR(RequireModestOutput(work.output));
     const bool has_elementwise = work.elementwise.NumElements() == work.output.num_elements();
-    const int64_t addends = has_elementwise ? CentreTaps(WindowAxis(work.rows)).count : 0;
+    const int64_t addends = has_elementwise ? CentreTaps{WindowAxis(work.rows)}.count : 0;
     if (!IsEmpty(work.filter) || addends <= kAddends) return absl::OkStatus();
     return absl::InvalidArgumentError(absl::StrCat(
         "Need a filter without elements to add elementwise at most ", kAddends, " times, got ",
