@@ -33,8 +33,8 @@ Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tens
 runtime's rule).
 
 Errors. What does not fit raises, saying what is needed and what came: a ``TypeError`` or
-``ValueError`` where the call shows it, ``tf.errors.InvalidArgumentError`` where the kernel finds it,
-or an assertion in a function whose shapes were unknown when it was traced. The generated ops in
+``ValueError`` where the call shows it; ``tf.errors.InvalidArgumentError`` where the kernel finds
+it, or an assertion in a function whose shapes were unknown when it was traced. The generated ops in
 ``bitfold.raw_ops`` do with such shapes what the accelerator's do: compute a part, log and give
 zeros, or end the process.
 """
