@@ -43,9 +43,8 @@ def print_accuracies(console: Console, study: Study, float_accuracy: float) -> N
 
 def print_layers(console: Console, study: Study) -> None:
     """Print by layer how many sums a width does not hold."""
-    widths = [
-        width for width in reversed(study.widths) if any(x.beyond[width] for x in study.layers)
-    ]
+    layers = study.layers
+    widths = [width for width in reversed(study.widths) if any(x.beyond[width] for x in layers)]
     table = Table(
         title="Sums that an accumulator does not hold, by layer",
         caption="Bits needed: the narrowest accumulator that holds every sum that was seen.",

@@ -125,11 +125,8 @@ def run_study(
             report(f"{width} bits, {setting.title}: accuracy {accuracy:.2%}", 1)
 
     sums = network.accumulators(images[:LOOKED_AT])
-    layers = [
-        _layer(layer, sums[layer.position], widths)
-        for layer in network.layers
-        if layer.has_accumulator
-    ]
+    summing = [layer for layer in network.layers if layer.has_accumulator]
+    layers = [_layer(layer, sums[layer.position], widths) for layer in summing]
     report("Sums counted", 1)
     widest = max(layers, key=lambda layer: layer.bits_needed)
     return Study(
