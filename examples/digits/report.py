@@ -102,7 +102,7 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
     axes.axvline(needed, color=COLOURS[5], linestyle=":",
                  label=f"{needed} bits hold every final sum")  # fmt: skip
     axes.set(title="Accuracy by accumulator width\n(no shift)", xlabel="accumulator width [bits]")
-    _finish_accuracy_axis(axes, widths[::2], "lower right")
+    _finish_accuracy_axis(axes, widths[::2], "center left")
 
 
 def _plot_wrapped(axes: Axes, study: Study) -> None:
@@ -140,7 +140,7 @@ def _plot_shifts(axes: Axes, study: Study, float_accuracy: float) -> None:
                   linestyle=line, label=label)  # fmt: skip
     shifts = sorted({result.shift for result in study.shifts})
     axes.set(title="Accuracy by shift\n(every addend divided by 2^shift)", xlabel="shift [bits]")
-    _finish_accuracy_axis(axes, shifts[::2], "lower left")
+    _finish_accuracy_axis(axes, shifts[::2], "lower right")
 
 
 def _draw_baselines(axes: Axes, study: Study, float_accuracy: float) -> None:
