@@ -5,12 +5,14 @@
 from __future__ import annotations
 
 import os
+from collections import Counter
 from collections.abc import Callable, Collection, Mapping, Sequence
 from typing import Any, TextIO
 
 import numpy as np
 import tensorflow as tf
 
+from bitfold._frame import warning_lines
 from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
@@ -194,7 +196,8 @@ class Network:
         run = unit_layer_norm.fused(made, find_patterns(assembly.nodes, graph.outputs))
         self.layers = tuple(map(Layer.of, names, made))
         called = {layer.position: layer.name for layer in self.layers}
-        scopes = [_scope(step.node, called[step.node.operator.position]) for step in run]
+        positions = [step.node.operator.position for step in run]
+        scopes = [_scope(position, called[position]) for position in positions]
         self._program = Program(assembly, run, scopes)
         self.inputs = tuple(map(Port.of, graph.input_names, assembly.inputs))
         self.outputs = tuple(map(Port.of, graph.output_names, assembly.outputs))
@@ -293,6 +296,25 @@ class Network:
         size = self._batch_size(batch_size)
         with evaluation.progress("evaluate", self._count(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
+
+    def warnings(self) -> dict[str, dict[str, int]]:
+        """Return what lines the ops of this network would have printed, by layer.
+
+        Networks print nothing: they count. Of a float sum outside of 24 bits, and of a depthwise
+        layer or a matrix product whose weights the accelerator reads with another sign, because
+        they need more than half the accumulator's width. ``docs/warnings.md`` explains both.
+
+        Returns:
+            By the name of a layer the number of lines of each kind, ``"out_of_bounds"``,
+            ``"corrected_weights"`` and ``"softmax_overflows"``, of all calls until now; a layer
+            without lines is left out.
+        """
+        found: dict[str, Counter[str]] = {}
+        called = {_scope(layer.position, layer.name): layer.name for layer in self.layers}
+        for (_, node), counts in warning_lines.counts_below(self._program.scope).items():
+            name = called.get(node.split("/", 1)[0], node)
+            found.setdefault(name, Counter()).update(counts)
+        return {name: dict(counts) for name, counts in found.items()}
 
     def as_layer(self, name: str | None = None) -> Any:
         """Return a Keras layer that computes this network; it has no weights to train."""
@@ -395,10 +417,10 @@ def _step(node: Node, arithmetic: Arithmetic, name: str) -> Step:
         raise ValueError(f"layer {name!r} ({place}) in {arithmetic}: {error}") from None
 
 
-def _scope(node: Node, name: str) -> str:
-    """Return a name for an operator's nodes in a graph, made of the letters that these allow."""
+def _scope(position: int, name: str) -> str:
+    """Return a name for a layer's nodes in a graph, made of the letters that these allow."""
     letters = "".join(letter if letter.isalnum() and letter.isascii() else "_" for letter in name)
-    return f"layer{node.operator.position}_{letters}"
+    return f"layer{position}_{letters}"
 
 
 def _has_batch(tensor) -> bool:

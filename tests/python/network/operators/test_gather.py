@@ -12,7 +12,7 @@ from refusing import assert_refused
 
 @pytest.mark.parametrize("axis", [0, 1, 2, -1])
 @pytest.mark.parametrize("indices", [[1, 0, 1], [[1, 0], [0, 1]], 1])
-@pytest.mark.parametrize("dtype", ["int8", "int16", "float32"])
+@pytest.mark.parametrize("dtype", ["int8", "float32"])
 def test_every_axis(axis, indices, dtype):
     """Rows of each image, too."""
     scale = None if dtype == "float32" else 0.5
