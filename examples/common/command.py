@@ -50,6 +50,14 @@ def make_parser(
     return parser
 
 
+def add_widths(parser: argparse.ArgumentParser, first: int, last: int) -> None:
+    """Add the choice of accumulator widths; from first to last by default."""
+    parser.add_argument(
+        "--widths", type=positive, nargs="+", default=range(first, last + 1), metavar="BITS",
+        help=f"accumulator widths under test, narrow ones first (default: {first} to {last})",
+    )  # fmt: skip
+
+
 def missing_bitfold() -> str | None:
     """Try to import bitfold; say what went wrong, or None if nothing did."""
     import tensorflow as tf

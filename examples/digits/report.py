@@ -102,14 +102,14 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
     axes.axvline(needed, color=COLOURS[5], linestyle=":",
                  label=f"{needed} bits hold every final sum")  # fmt: skip
     axes.set(title="Accuracy by accumulator width\n(no shift)", xlabel="accumulator width [bits]")
-    _finish_accuracy_axis(axes, widths[::2], "lower right")
+    _finish_accuracy_axis(axes, widths[::2], "center left")
 
 
 def _plot_wrapped(axes: Axes, study: Study) -> None:
-    """Share of wrapped sums by layer over the accumulator's width."""
+    """Share of sums that do not fit by layer over the accumulator's width."""
     widths = [result.width for result in study.widths]
-    for name, colour, marker in zip(study.values, COLOURS, MARKERS, strict=True):
-        shares = [100 * result.wrapped_share[name] or float("nan") for result in study.widths]
+    for name, colour, marker in zip(study.values, COLOURS, MARKERS, strict=False):
+        shares = [100 * result.beyond[name] or float("nan") for result in study.widths]
         label = f"{name} ({study.bits_needed[name]} bits hold all)"
         axes.plot(widths, shares, color=colour, marker=marker, markersize=5, label=label)
     axes.set_yscale("log")
@@ -118,9 +118,9 @@ def _plot_wrapped(axes: Axes, study: Study) -> None:
     axes.set_xlim(widths[0] - 0.8, widths[-1] + 0.8)
     axes.set_xticks(widths[::2])
     axes.set(
-        title="Wrapped sums in each layer\n(each layer alone, on exact inputs)",
+        title="Sums that do not fit, by layer\n(exact run)",
         xlabel="accumulator width [bits]",
-        ylabel="share of wrapped sums [%] (zero not drawn)",
+        ylabel="share of sums that do not fit [%] (zero not drawn)",
     )
     axes.legend(loc="lower left", fontsize=9.5)
 
@@ -140,7 +140,7 @@ def _plot_shifts(axes: Axes, study: Study, float_accuracy: float) -> None:
                   linestyle=line, label=label)  # fmt: skip
     shifts = sorted({result.shift for result in study.shifts})
     axes.set(title="Accuracy by shift\n(every addend divided by 2^shift)", xlabel="shift [bits]")
-    _finish_accuracy_axis(axes, shifts[::2], "lower left")
+    _finish_accuracy_axis(axes, shifts[::2], "lower right")
 
 
 def _draw_baselines(axes: Axes, study: Study, float_accuracy: float) -> None:

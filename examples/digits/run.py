@@ -36,8 +36,10 @@ def run(options: argparse.Namespace) -> None:
     trained = time.perf_counter()
     console.print(f"Float network: accuracy {float_accuracy:.2%} after {trained - started:.1f} s")
 
-    with progress_reports(console, study.RUNS) as progress:
-        results = study.run_study(float_network, digits.train_images, images, labels, progress)
+    with progress_reports(console, study.RUNS + len(options.widths)) as progress:
+        results = study.run_study(
+            float_network, digits.train_images, images, labels, options.widths, progress
+        )
     measured = time.perf_counter()
 
     settings = {
@@ -64,4 +66,5 @@ def run(options: argparse.Namespace) -> None:
 
 if __name__ == "__main__":
     parser = command.make_parser(__doc__, "build/demo-digits", 50, "accumulator_width.png")
+    command.add_widths(parser, 8, 24)
     sys.exit(command.start(run, parser.parse_args()))

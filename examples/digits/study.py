@@ -5,6 +5,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from dataclasses import asdict, dataclass
 
 import numpy as np
@@ -12,11 +13,8 @@ import tensorflow as tf
 
 import bitfold
 from bitfold import Arithmetic
-from bits import bits_needed
+from bits import bits_needed, share_beyond
 from console import Report
-
-WIDTHS = tuple(range(8, 25))
-"""Accumulator widths under test, bits."""
 
 SHIFTS = tuple(range(0, 13))
 """Shifts under test, bits."""
@@ -27,8 +25,8 @@ HALF_SHIFTS = tuple(range(0, 7))
 BITS_SHORT = 4
 """The shift study takes an accumulator this many bits narrower than the network needs."""
 
-RUNS = 1 + len(WIDTHS) + 2 * len(SHIFTS) + len(HALF_SHIFTS)
-"""Steps of the whole study, for a progress bar."""
+RUNS = 1 + 2 * len(SHIFTS) + len(HALF_SHIFTS)
+"""Steps of the study besides one for each width, for a progress bar."""
 
 Sums = dict[str, np.ndarray]
 
@@ -39,14 +37,13 @@ class WidthResult:
 
     accuracy: share of right predictions with this width everywhere.
     differing: by layer, how many sums differ from the exact ones.
-    wrapped_share: by layer, share of sums that differ when that layer alone has this width, and so
-        the inputs of the exact run.
+    beyond: by layer, share of the exact sums that the accumulator does not hold.
     """
 
     width: int
     accuracy: float
     differing: dict[str, int]
-    wrapped_share: dict[str, float]
+    beyond: dict[str, float]
 
 
 @dataclass(frozen=True)
@@ -86,6 +83,7 @@ def run_study(
     calibration: np.ndarray,
     images: np.ndarray,
     labels: np.ndarray,
+    widths: Sequence[int],
     report: Report,
 ) -> Study:
     """Import a Keras model and run every measurement over images [n, 8, 8, 1], labels [n]."""
@@ -93,15 +91,14 @@ def run_study(
     sums = _sums(network, images)
     exact_accuracy = network.evaluate(images, labels)
     report(f"Exact: accuracy {exact_accuracy:.2%}", 1)
-    bits_needed = {name: bits_needed(values) for name, values in sums.items()}
-    widths = [_measure_width(network, images, labels, sums, width, report) for width in WIDTHS]
-    narrow_width = max(bits_needed.values()) - BITS_SHORT
+    needed = {name: bits_needed(values) for name, values in sums.items()}
+    narrow_width = max(needed.values()) - BITS_SHORT
     return Study(
         exact_accuracy=exact_accuracy,
-        bits_needed=bits_needed,
+        bits_needed=needed,
         values={name: values.size for name, values in sums.items()},
         multiply_adds=sum(layer.multiply_adds for layer in network.layers),
-        widths=widths,
+        widths=[_measure_width(network, images, labels, sums, width, report) for width in widths],
         narrow_width=narrow_width,
         shifts=_measure_shifts(network, images, labels, narrow_width, report),
     )
@@ -115,18 +112,15 @@ def _measure_width(
     width: int,
     report: Report,
 ) -> WidthResult:
-    """Run the network at one width, first everywhere, then in one layer after the other."""
+    """Run the network at one width."""
     arithmetic = Arithmetic(accumulator_size=width)
     narrow = network.with_arithmetic(arithmetic)
     sums = _sums(narrow, images)
     differing = {name: int(np.count_nonzero(sums[name] != exact[name])) for name in exact}
-    alone = {
-        name: _sums(network.with_arithmetic({name: arithmetic}), images)[name] for name in exact
-    }
-    shares = {name: float(np.mean(alone[name] != exact[name])) for name in exact}
+    beyond = {name: share_beyond(values, width) for name, values in exact.items()}
     accuracy = narrow.evaluate(images, labels)
     report(f"{arithmetic}: accuracy {accuracy:.2%}", 1)
-    return WidthResult(width, accuracy, differing, shares)
+    return WidthResult(width, accuracy, differing, beyond)
 
 
 def _measure_shifts(

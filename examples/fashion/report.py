@@ -16,7 +16,7 @@ from rich.console import Console
 from rich.table import Table
 
 from console import COLOURS, MARKERS, table_style
-from study import LOOKED_AT, SETTINGS, WIDTHS, Study
+from study import LOOKED_AT, SETTINGS, Study
 
 BINS = 160
 _DEPTHWISE = "DEPTHWISE_CONV_2D"
@@ -35,7 +35,7 @@ def print_accuracies(console: Console, study: Study, float_accuracy: float) -> N
     blank = ["-"] * (len(SETTINGS) - 1)
     table.add_row("float network", f"{float_accuracy:.2%}", *blank)
     table.add_row("exact", f"{study.exact_accuracy:.2%}", *blank, end_section=True)
-    for width in reversed(WIDTHS):
+    for width in reversed(study.widths):
         cells = [f"{study.accuracies[setting][width]:.2%}" for setting in SETTINGS]
         table.add_row(f"{width} bits", *cells)
     console.print(table)
@@ -43,7 +43,8 @@ def print_accuracies(console: Console, study: Study, float_accuracy: float) -> N
 
 def print_layers(console: Console, study: Study) -> None:
     """Print by layer how many sums a width does not hold."""
-    widths = [width for width in reversed(WIDTHS) if any(x.beyond[width] for x in study.layers)]
+    layers = study.layers
+    widths = [width for width in reversed(study.widths) if any(x.beyond[width] for x in layers)]
     table = Table(
         title="Sums that an accumulator does not hold, by layer",
         caption="Bits needed: the narrowest accumulator that holds every sum that was seen.",
@@ -52,7 +53,7 @@ def print_layers(console: Console, study: Study) -> None:
     table.add_column("layer")
     for heading in ("sums", "bits\nneeded", *(f"{width} bits" for width in widths)):
         table.add_column(heading, justify="right")
-    for layer in study.layers:
+    for layer in layers:
         shares = (layer.beyond[width] for width in widths)
         cells = (f"{share:.2%}" if share else "0" for share in shares)
         table.add_row(layer.name, f"{layer.values:,}", str(layer.bits_needed), *cells)
@@ -101,10 +102,10 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
     axes.axhline(100 * float_accuracy, color="black", linestyle="--", linewidth=1, zorder=1.5,
                  label=f"float network ({float_accuracy:.1%})")  # fmt: skip
     for setting, colour, marker in zip(SETTINGS, COLOURS, MARKERS, strict=False):
-        values = [100 * study.accuracies[setting][width] for width in WIDTHS]
-        axes.plot(WIDTHS, values, color=colour, marker=marker, label=setting.title)
+        values = [100 * study.accuracies[setting][width] for width in study.widths]
+        axes.plot(study.widths, values, color=colour, marker=marker, label=setting.title)
     axes.set(title="Accuracy by accumulator width", xlabel="accumulator width [bits]",
-             ylabel="test accuracy [%]", ylim=(0, 104), xticks=WIDTHS[::2])  # fmt: skip
+             ylabel="test accuracy [%]", ylim=(0, 104), xticks=study.widths[::2])  # fmt: skip
     axes.legend(loc="lower right", fontsize=9.5)
 
 
@@ -116,14 +117,14 @@ def _plot_layers(axes: Axes, study: Study) -> None:
         place = places[name] % len(COLOURS)
         shares = [100 * share or float("nan") for share in layer.beyond.values()]
         axes.plot(
-            WIDTHS, shares, color=COLOURS[place], marker=MARKERS[place], markersize=5,
+            study.widths, shares, color=COLOURS[place], marker=MARKERS[place], markersize=5,
             linestyle="--" if layer.operator == _DEPTHWISE else "-",
             label=f"{layer.name} ({layer.bits_needed} bits hold all)",
         )  # fmt: skip
     axes.set_yscale("log")
     axes.yaxis.set_major_formatter("{x:g}")
     axes.set(title="Sums that do not fit, by layer\n(full-width run)",
-             xlabel="accumulator width [bits]", xticks=WIDTHS[::2],
+             xlabel="accumulator width [bits]", xticks=study.widths[::2],
              ylabel="share of sums that do not fit [%] (zero not drawn)")  # fmt: skip
     axes.legend(loc="upper right", fontsize=9)
 
@@ -150,8 +151,8 @@ def _plot_fold(axes: Axes, study: Study) -> None:
 
 def _narrowest_harmless(study: Study, accuracies: dict[int, float]) -> int:
     """Narrowest width such that it and all wider ones lose at most one image in a hundred."""
-    narrowest = WIDTHS[-1]
-    for width in reversed(WIDTHS):
+    narrowest = study.widths[-1]
+    for width in reversed(study.widths):
         if accuracies[width] < study.exact_accuracy - 0.01:
             break
         narrowest = width

@@ -24,6 +24,7 @@ def parse_arguments() -> argparse.Namespace:
         "--data-dir", type=Path, default=pictures.FASHION_FOLDER, metavar="DIR",
         help="folder of Fashion-MNIST; where missing, the digits instead (default: %(default)s)",
     )  # fmt: skip
+    command.add_widths(parser, 14, 24)
     return parser.parse_args()
 
 
@@ -55,8 +56,11 @@ def run(options: argparse.Namespace) -> None:
     trained = time.perf_counter()
     console.print(f"Float network: accuracy {float_accuracy:.2%} after {trained - started:.1f} s")
 
-    with progress_reports(console, study.RUNS) as progress:
-        results = study.run_study(network, dataset.train_images, images, labels, progress)
+    steps = study.RUNS + len(options.widths) * len(study.SETTINGS)
+    with progress_reports(console, steps) as progress:
+        results = study.run_study(
+            network, dataset.train_images, images, labels, options.widths, progress
+        )
     measured = time.perf_counter()
 
     settings = {

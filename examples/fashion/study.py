@@ -6,6 +6,7 @@
 from __future__ import annotations
 
 import dataclasses
+from collections.abc import Sequence
 from dataclasses import asdict, dataclass
 
 import numpy as np
@@ -14,9 +15,6 @@ import tensorflow as tf
 import bitfold
 from bits import bits_needed, share_beyond
 from console import Report
-
-WIDTHS = tuple(range(14, 25))
-"""Accumulator widths under test, bits."""
 
 
 @dataclass(frozen=True)
@@ -50,8 +48,8 @@ LOOKED_AT = 1000
 FOLD_BITS_SHORT = 3
 """The picture of a wrap takes an accumulator this many bits narrower than the layer needs."""
 
-RUNS = 2 + len(WIDTHS) * len(SETTINGS)
-"""Steps of the whole study, for a progress bar."""
+RUNS = 2
+"""Steps of the study besides one for each width and setting, for a progress bar."""
 
 
 @dataclass(frozen=True)
@@ -85,11 +83,13 @@ class Fold:
 class Study:
     """Everything measured; `fold` serves the picture.
 
+    widths: accumulator widths under test, bits.
     accuracies: by setting and width, share of right predictions.
     """
 
     exact_accuracy: float
     multiply_adds: int
+    widths: tuple[int, ...]
     accuracies: dict[Setting, dict[int, float]]
     layers: list[Layer]
     fold: Fold
@@ -109,6 +109,7 @@ def run_study(
     calibration: np.ndarray,
     images: np.ndarray,
     labels: np.ndarray,
+    widths: Sequence[int],
     report: Report,
 ) -> Study:
     """Import a Keras model and measure it over images [n, h, w, 1] with labels [n]."""
@@ -118,20 +119,20 @@ def run_study(
 
     accuracies: dict[Setting, dict[int, float]] = {setting: {} for setting in SETTINGS}
     for setting in SETTINGS:
-        for width in WIDTHS:
+        for width in widths:
             accuracy = _narrowed(network, setting, width).evaluate(images, labels)
             accuracies[setting][width] = accuracy
             report(f"{width} bits, {setting.title}: accuracy {accuracy:.2%}", 1)
 
     sums = network.accumulators(images[:LOOKED_AT])
-    layers = [
-        _layer(layer, sums[layer.position]) for layer in network.layers if layer.has_accumulator
-    ]
+    summing = [layer for layer in network.layers if layer.has_accumulator]
+    layers = [_layer(layer, sums[layer.position], widths) for layer in summing]
     report("Sums counted", 1)
     widest = max(layers, key=lambda layer: layer.bits_needed)
     return Study(
         exact_accuracy=exact,
         multiply_adds=sum(layer.multiply_adds for layer in network.layers),
+        widths=tuple(widths),
         accuracies=accuracies,
         layers=layers,
         fold=_fold(network, widest, sums, images),
@@ -148,9 +149,9 @@ def _narrowed(network: bitfold.Network, setting: Setting, width: int) -> bitfold
     return narrow.with_arithmetic({"DEPTHWISE_CONV_2D": wider})
 
 
-def _layer(layer: bitfold.network.Layer, sums: np.ndarray) -> Layer:
+def _layer(layer: bitfold.network.Layer, sums: np.ndarray, widths: Sequence[int]) -> Layer:
     """Count what each width holds of a layer's sums."""
-    beyond = {width: share_beyond(sums, width) for width in WIDTHS}
+    beyond = {width: share_beyond(sums, width) for width in widths}
     return Layer(layer.position, layer.name, layer.operator, sums.size, bits_needed(sums), beyond)
 
 

@@ -144,10 +144,11 @@ def test_the_oracle_stands_alone():
 PACKAGE = ROOT / "python" / "bitfold"
 
 # The package's floors from the top: what a module imports lies in its own room or on a floor below.
-# Rooms of one floor do not know one another. What is built from several ops (an importer of
-# networks, studies, training, commands) gets floors of its own between the door and the helpers.
+# Rooms of one floor do not know one another. What is built from several ops (networks, studies,
+# training, commands) gets floors of its own between the door and the helpers.
 FLOORS = (
     ("bitfold",),  # the door: what `import bitfold` offers
+    ("bitfold.network",),  # trained networks
     ("bitfold.detection", "bitfold.fpx", "bitfold.resize", "bitfold.tables"),  # an op's company
     ("bitfold.ops",),  # single ops
     ("bitfold._frame",),  # loading, arguments, shapes, layers
@@ -223,4 +224,38 @@ def test_no_import_of_the_package_is_late(module):
     assert not late, (
         "import at the top of the module; if that makes a circle, move what both need to a floor "
         "below:\n" + "\n".join(sorted(late))
+    )
+
+
+# Who may use the runtime's model files: its schema, its interpreter, its converter.
+MODEL_FILE_USERS = {
+    f"bitfold.network.{name}"
+    for name in ("converter", "kernels", "model_file", "model_packer", "model_schema")
+}
+
+
+def _model_file_uses(tree: ast.AST) -> Iterator[int]:
+    """Yield the lines that use the runtime's package for model files, however it is reached."""
+    for node in ast.walk(tree):
+        if isinstance(node, ast.Import):
+            names = [name.name for name in node.names]
+        elif isinstance(node, ast.ImportFrom):
+            names = [f"{node.module}.{name.name}" for name in node.names]
+        else:
+            reached = isinstance(node, ast.Attribute) and node.attr == "lite"
+            names = ["tensorflow.lite"] if reached and ast.unparse(node.value) == "tf" else []
+        if any(f"{name}.".startswith("tensorflow.lite.") for name in names):
+            yield node.lineno
+
+
+def test_one_place_knows_model_files():
+    """Where a network came from is known to its reader and its converter, and to nothing else."""
+    found = {
+        module: list(_model_file_uses(ast.parse(path.read_text())))
+        for module, path in MODULES.items()
+    }
+    users = {module for module, lines in found.items() if lines}
+    assert users == MODEL_FILE_USERS, (
+        "take what a file holds from the records of bitfold.network.graph, and run the runtime's "
+        f"kernels by bitfold.network.kernels: {sorted(users ^ MODEL_FILE_USERS)}"
     )

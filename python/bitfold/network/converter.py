@@ -154,7 +154,7 @@ def _convert(
     )
     converter.target_spec.supported_ops = [quantised, sets.TFLITE_BUILTINS]
     # Tensors of 16 bits are quantised by the older way in any case; the newer would read the data
-    # once more before that.
+    # before that, too.
     converter.experimental_new_quantizer = activation_bits == 8
     converter.inference_input_type = converter.inference_output_type = stored
     return converter.convert()

@@ -8,6 +8,7 @@ from collections.abc import Callable, Mapping, Sequence
 
 import tensorflow as tf
 
+from bitfold._frame import warning_lines
 from bitfold.network.assemble import Assembly
 from bitfold.network.operators import Step, SummingStep
 
@@ -17,13 +18,15 @@ class Program:
 
     Attributes:
         assembly: what the steps were made of.
-        steps: one for each node.
+        steps: in their order.
+        scope: what the names of all nodes begin with: there the lines that ops would print count.
     """
 
     def __init__(self, assembly: Assembly, steps: Sequence[Step], scopes: Sequence[str]) -> None:
         """Take the steps; `scopes` are what the ops of each are called by in a graph."""
         self.assembly = assembly
         self.steps = tuple(steps)
+        self.scope = warning_lines.counting_scope("network")
         self._scopes = tuple(scopes)
 
     def run(
@@ -41,7 +44,7 @@ class Program:
         tensors = dict(zip(self.assembly.graph.inputs, images, strict=True))
         sums: dict[int, tf.Tensor] = {}
         for step, scope in zip(self.steps, self._scopes, strict=True):
-            with tf.name_scope(scope):
+            with tf.name_scope(f"{self.scope}/{scope}/"):
                 inputs = [self._value(tensor, tensors) for tensor in step.node.inputs]
                 if with_sums and isinstance(step, SummingStep):
                     position = step.node.operator.position

@@ -4,24 +4,32 @@
 
 from __future__ import annotations
 
+import base64
 import os
+from collections import Counter
 from collections.abc import Callable, Collection, Mapping, Sequence
 from typing import Any, TextIO
 
+import keras
 import numpy as np
 import tensorflow as tf
 
+from bitfold._frame import warning_lines
 from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
+from bitfold.network.converter import convert_keras
 from bitfold.network.execution import Program
 from bitfold.network.graph import Node
+from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
 from bitfold.network.operators import Step, step_of, unit_layer_norm
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
+from bitfold.network.summary import print_summary
 
 
+@keras.saving.register_keras_serializable("bitfold")
 class Network:
     """A quantised network, on the accelerator's bits.
 
@@ -109,8 +117,6 @@ class Network:
             ValueError: for calibration data or a number of bits that cannot be used.
             bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
         """
-        from bitfold.network.converter import convert_keras
-
         file = convert_keras(model, calibration, activation_bits=activation_bits)
         return cls(file, known_names=[layer.name for layer in model.layers])
 
@@ -122,16 +128,28 @@ class Network:
             OSError: for a path that cannot be read.
             ValueError: for a file that is damaged or of another kind.
         """
-        return cls(**archive.read(path))
+        with open(path, "rb") as file:
+            return cls(**archive.unpack(file.read(), os.fspath(path)))
 
     def save(self, path: str | os.PathLike[str]) -> None:
         """Write the model file and the arithmetic of every layer into one file."""
-        archive.write(
-            path,
+        archive.write(path, self._packed())
+
+    def _packed(self) -> bytes:
+        return archive.pack(
             model=self._model,
             arithmetics={layer.position: layer.arithmetic for layer in self.layers},
             known_names=self._known_names,
         )
+
+    def get_config(self) -> dict[str, str]:
+        """Return what `from_config` needs, as Keras keeps it: what `save` writes, as text."""
+        return {"file": base64.b64encode(self._packed()).decode()}
+
+    @classmethod
+    def from_config(cls, config: Mapping[str, str]) -> Network:
+        """Make the network from `get_config`'s result."""
+        return cls(**archive.unpack(base64.b64decode(config["file"])))
 
     def with_arithmetic(self, arithmetic: Arithmetic | Mapping[str, Arithmetic]) -> Network:
         """Return the same network in another arithmetic.
@@ -194,7 +212,8 @@ class Network:
         run = unit_layer_norm.fused(made, find_patterns(assembly.nodes, graph.outputs))
         self.layers = tuple(map(Layer.of, names, made))
         called = {layer.position: layer.name for layer in self.layers}
-        scopes = [_scope(step.node, called[step.node.operator.position]) for step in run]
+        positions = [step.node.operator.position for step in run]
+        scopes = [_scope(position, called[position]) for position in positions]
         self._program = Program(assembly, run, scopes)
         self.inputs = tuple(map(Port.of, graph.input_names, assembly.inputs))
         self.outputs = tuple(map(Port.of, graph.output_names, assembly.outputs))
@@ -294,10 +313,27 @@ class Network:
         with evaluation.progress("evaluate", self._count(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
 
-    def as_layer(self, name: str | None = None) -> Any:
-        """Return a Keras layer that computes this network; it has no weights to train."""
-        from bitfold.network.keras_layer import NetworkLayer
+    def warnings(self) -> dict[str, dict[str, int]]:
+        """Return what lines the ops of this network would have printed, by layer.
 
+        Networks print nothing: they count. Of a float sum outside of 24 bits, and of a depthwise
+        layer or a matrix product whose weights the accelerator reads with another sign, because
+        they need more than half the accumulator's width. ``docs/warnings.md`` explains both.
+
+        Returns:
+            By the name of a layer the number of lines of each kind, ``"out_of_bounds"``,
+            ``"corrected_weights"`` and ``"softmax_overflows"``, of all calls until now; a layer
+            without lines is left out.
+        """
+        found: dict[str, Counter[str]] = {}
+        called = {_scope(layer.position, layer.name): layer.name for layer in self.layers}
+        for (_, node), counts in warning_lines.counts_below(self._program.scope).items():
+            name = called.get(node.split("/", 1)[0], node)
+            found.setdefault(name, Counter()).update(counts)
+        return {name: dict(counts) for name, counts in found.items()}
+
+    def as_layer(self, name: str | None = None) -> NetworkLayer:
+        """Return a Keras layer that computes this network; it has no weights to train."""
         return NetworkLayer(self, name=name)
 
     def summary(self, file: TextIO | None = None) -> None:
@@ -306,8 +342,6 @@ class Network:
         Args:
             file: where to; standard output by default.
         """
-        from bitfold.network.summary import print_summary
-
         print_summary(self, file)
 
     def __repr__(self) -> str:
@@ -395,10 +429,10 @@ def _step(node: Node, arithmetic: Arithmetic, name: str) -> Step:
         raise ValueError(f"layer {name!r} ({place}) in {arithmetic}: {error}") from None
 
 
-def _scope(node: Node, name: str) -> str:
-    """Return a name for an operator's nodes in a graph, made of the letters that these allow."""
+def _scope(position: int, name: str) -> str:
+    """Return a name for a layer's nodes in a graph, made of the letters that these allow."""
     letters = "".join(letter if letter.isalnum() and letter.isascii() else "_" for letter in name)
-    return f"layer{node.operator.position}_{letters}"
+    return f"layer{position}_{letters}"
 
 
 def _has_batch(tensor) -> bool:

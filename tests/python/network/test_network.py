@@ -270,6 +270,20 @@ def test_an_arithmetic_that_a_layer_has_not_names_it():
         network.with_arithmetic(Arithmetic(mult_shift=31))
 
 
+def test_lines_are_counted_by_layer(network, stored, capfd):
+    """Depthwise weights that a narrow accumulator reads with another sign, and nothing printed."""
+    narrow = network.with_arithmetic(Arithmetic(accumulator_size=12))
+    narrow(stored)
+    dataset = tf.data.Dataset.from_tensor_slices(stored).batch(3).map(narrow)
+    assert len(list(dataset)) == 3
+    assert capfd.readouterr().out == ""
+    counts = narrow.warnings()
+    assert set(counts) == {"depthwise"}
+    # A line for each image of which a window met such a weight.
+    assert counts["depthwise"]["corrected_weights"] == 2 * len(stored)
+    assert network.warnings() == {}
+
+
 # ---- Files ---------------------------------------------------------------------------------------
 
 

@@ -87,6 +87,45 @@ def test_softmax():
     assert np.abs(real - exact).max() <= table.max_error(7) + layer.output_scale
 
 
+@pytest.mark.parametrize("bits", [8, 16])
+@pytest.mark.parametrize("arithmetic", [{}, {"accumulator_size": 17, "mult_shift": 2}])
+def test_requantisation(bits, arithmetic):
+    """The activation unit with a group for each channel, after convolutions and dense layers."""
+    keras.utils.set_random_seed(6)
+    model = keras.Sequential(
+        [
+            keras.Input((6, 5, 8)),
+            layers.Conv2D(7, 3, activation="relu6", name="conv"),
+            layers.DepthwiseConv2D(2, name="depthwise"),
+            layers.Flatten(),
+            layers.Dense(5, name="dense"),
+        ]
+    )
+    x = RANDOM.normal(size=(30, 6, 5, 8)).astype(np.float32)
+    network = Network.from_keras(model, x, activation_bits=bits)
+    unit = network.with_arithmetic(Arithmetic(requantisation="unit", **arithmetic))
+    trace, sums = unit.trace(x[:4]), unit.accumulators(x[:4])
+    for layer in (layer for layer in network.layers if layer.has_accumulator):
+        scales = layer.filter_scales.astype(np.float64)
+        multipliers = layer.input_scale * scales / layer.output_scale
+        output = trace[layer.output_indices[0]]
+        limits = np.iinfo(output.dtype)
+        high = limits.max
+        low = limits.min
+        if layer.name == "conv":
+            low = max(low, layer.output_zero_point)
+            high = min(high, layer.output_zero_point + round(6 / layer.output_scale))
+        table = tables.requantise(
+            multipliers * 2 ** arithmetic.get("mult_shift", 0),
+            zero_point=layer.output_zero_point,
+            output_range=(low, high),
+        )
+        found = sums[layer.position]
+        pixels = found.reshape(1, 1, -1, found.shape[-1])
+        expected = bitfold.ops.activation(pixels, **table.keywords).numpy()
+        np.testing.assert_array_equal(output, expected.reshape(found.shape))
+
+
 @pytest.mark.parametrize("kind", [layers.Add, layers.Subtract])
 def test_additions(kind):
     """Within a step of the real sum: weights of 8 bits are wrong by less than a hundredth."""

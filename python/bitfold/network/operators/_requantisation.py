@@ -7,7 +7,7 @@ from __future__ import annotations
 import numpy as np
 import tensorflow as tf
 
-from bitfold import ops
+from bitfold import ops, tables
 from bitfold._frame.multipliers import require_multipliers
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Tensor
@@ -48,14 +48,20 @@ def _stored(real: float, output: Tensor) -> int:
 def multipliers(data: Tensor, filter: Tensor, output: Tensor) -> np.ndarray:
     """Return input scale x filter scale / output scale, for each channel or one for all.
 
-    In double precision, of the single-precision numbers.
+    In double precision, of the single-precision numbers. 0 for dead channels, whose filters have a
+    scale of 0 or an infinite one.
     """
     filters = filter.quantisation.scales.astype(np.float64)
+    filters = np.where(np.isfinite(filters), filters, 0)
     return np.float64(data.scale) * filters / np.float64(output.scale)
 
 
 class Requantiser:
-    """Maps a layer's sums to its stored output, as the layer's arithmetic says."""
+    """Maps a layer's sums to its stored output, as the layer's arithmetic says.
+
+    By the model's rule, or by the activation unit: the tables of `bitfold.tables.requantise`, a
+    group for each channel, with the fused activation in the pieces.
+    """
 
     def __init__(
         self,
@@ -65,18 +71,38 @@ class Requantiser:
         arithmetic: Arithmetic,
         rounding: str,
     ) -> None:
-        """Make it; `rounding` is that of the model's rule, a name of `bitfold.ops.requantise`."""
-        require_multipliers(np.atleast_1d(real_multipliers), rounding, arithmetic.mult_shift)
+        """Make it.
+
+        Args:
+            output: what is stored.
+            real_multipliers: one for each channel, or one for all.
+            fused: the activation that follows.
+            arithmetic: the layer's.
+            rounding: of the model's rule, a name of `bitfold.ops.requantise`.
+        """
+        real_multipliers = np.atleast_1d(real_multipliers)
         self._output = output
         self._multipliers = real_multipliers
         self._bounds = activation_range(output, fused)
         self._shift = arithmetic.mult_shift
         self._rounding = rounding
+        self._table = None
+        if arithmetic.requantisation == "unit":
+            self._table = tables.requantise(
+                np.ldexp(real_multipliers, self._shift),
+                zero_point=output.zero_point,
+                output_range=self._bounds,
+            )
+        else:
+            require_multipliers(real_multipliers, rounding, self._shift)
 
     def __call__(self, sums: tf.Tensor) -> tf.Tensor:
         """Requantise sums of any rank, channels last; floats hold whole numbers."""
         if sums.dtype == tf.float32:
             sums = tf.cast(sums, tf.int32)
+        return self._by_model(sums) if self._table is None else self._by_unit(sums)
+
+    def _by_model(self, sums: tf.Tensor) -> tf.Tensor:
         minimum, maximum = self._bounds
         return ops.requantise(
             sums,
@@ -88,3 +114,12 @@ class Requantiser:
             dtype=tf.as_dtype(self._output.dtype),
             shift=self._shift,
         )
+
+    def _by_unit(self, sums: tf.Tensor) -> tf.Tensor:
+        keywords = self._table.keywords
+        channels = self._multipliers.size
+        if channels == 1:
+            del keywords["size_splits"]  # one group of all channels, however many
+        pixels = tf.reshape(sums, [1, 1, -1, channels])
+        stored = tf.cast(ops.activation(pixels, **keywords), self._output.dtype)
+        return tf.reshape(stored, tf.shape(sums))
