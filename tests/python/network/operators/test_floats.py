@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import numpy as np
 import pytest
+import tensorflow as tf
 from packed import compare, network, tensor
 from refusing import assert_refused
 
@@ -125,6 +126,19 @@ def test_comparisons_choose(kind):
             ]
         )
     )
+
+
+@pytest.mark.parametrize("kind", ["ADD", "MUL", "SQUARED_DIFFERENCE", "SUB"])
+def test_graphs_give_the_same_bits(kind):
+    """Though the runtime's optimiser would gather the scales of both operands."""
+    operands = [tensor([1, 256], "int8", 0.1, 3) for _ in range(2)]
+    floats = [tensor([1, 256], "float32") for _ in range(2)]
+    operators = [("DEQUANTIZE", [x], [f], {}, 1) for x, f in zip(operands, floats, strict=True)]
+    operators.append((kind, floats, [tensor([1, 256], "float32")], {}, 1))
+    run = bitfold.Network.from_tflite(network(operators).content)
+    every = np.meshgrid(*[np.arange(-128, 128).astype(np.int8)] * 2)
+    in_graph = tf.function(lambda x, y: run([x, y]))
+    np.testing.assert_array_equal(in_graph(*every), run(every))
 
 
 def test_they_are_named():
