@@ -56,6 +56,9 @@ class Witness:
             (kind, [int(i) for i in one.inputs], [int(i) for i in one.outputs])
             for kind, one in zip(self.kinds, graph.operators, strict=True)
         ]
+        tensors = [(i, t) for i, t in enumerate(self.tensors) if self.constant(i) is None]
+        if any(self.is_traced(i) and t.quantization.scale[0] < _LEAST for i, t in tensors):
+            raise Unwitnessed("scales so small that no multiplier holds their quotients")
         for position, (kind, read, written) in enumerate(self.operators):
             if kind == "MEAN" and self._overflows(read[0], written[0]):
                 raise Unwitnessed(f"{kind} at {position} may overflow, which is not defined")
@@ -247,6 +250,8 @@ _TYPES = {
     getattr(schema.TensorType, name.upper()): name
     for name in ("int8", "uint8", "int16", "int32", "int64", "float32", "bool")
 }
+# A dead layer of 8 bits has a scale of 8e-9; some of 16 bits have 1e-38, which no kernel can divide by.
+_LEAST = 2.0**-60
 # The place of the data among the inputs, beside a filter in the second place.
 _DATA = {"CONV_2D": 0, "DEPTHWISE_CONV_2D": 0, "TRANSPOSE_CONV": 2}
 # Kinds that the reference kernels lack in the versions that converters write, or whose output they
