@@ -250,7 +250,7 @@ _TYPES = {
     getattr(schema.TensorType, name.upper()): name
     for name in ("int8", "uint8", "int16", "int32", "int64", "float32", "bool")
 }
-# A dead layer of 8 bits has a scale of 8e-9; some of 16 bits have 1e-38, which no kernel can divide by.
+# Dead layers of 8 bits have scales of 8e-9, some of 16 bits 1e-38, which no kernel can divide by.
 _LEAST = 2.0**-60
 # The place of the data among the inputs, beside a filter in the second place.
 _DATA = {"CONV_2D": 0, "DEPTHWISE_CONV_2D": 0, "TRANSPOSE_CONV": 2}
