@@ -37,7 +37,7 @@ struct ChannelMultiplier {
 inline ChannelMultiplier ShiftedMultiplier(double multiplier, int32_t shift) {
   FixedMultiplier fixed = QuantiseMultiplier(multiplier);
   if (fixed.mantissa != 0) fixed.exponent = WrapAdd(fixed.exponent, shift);
-  return {fixed, std::ldexp(multiplier, shift)};
+  return {fixed, shift == 0 ? multiplier : std::ldexp(multiplier, shift)};
 }
 
 // Whether the rescaling is defined for the multiplier.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 #include "vector/target.h"
 
@@ -168,7 +169,8 @@ class GroupWalk {
   // Gives the channel after those in lanes a lane.
   void AddLane(const PieceTable& table) {
     if (lanes_ == max_lanes_) FlushLanes();
-    LaneTables& t = lane_tables_;
+    if (!lane_tables_) lane_tables_.emplace();
+    LaneTables& t = *lane_tables_;
     t.rows = LaneRows(table.points);
     const int lane = lanes_++;
     t.slope[0][lane] = table.slope[table.first_piece];
@@ -205,7 +207,7 @@ class GroupWalk {
 
   void RunLanes(const Runs& runs, int64_t first) {
     const auto loop = is_plain_ ? CurrentLoops().plain_lanes : CurrentLoops().magnitude_lanes;
-    loop(in_ + first, runs, lane_tables_, clip_, out_ + first);
+    loop(in_ + first, runs, *lane_tables_, clip_, out_ + first);
   }
 
   void RepeatLanes(int times) {
@@ -214,10 +216,10 @@ class GroupWalk {
         for (int i = lanes_; i < times * lanes_; ++i) rows[r][i] = rows[r][i - lanes_];
       }
     };
-    repeat(lane_tables_.below, lane_tables_.rows);
-    repeat(lane_tables_.slope, lane_tables_.rows + 1);
-    repeat(lane_tables_.shift, lane_tables_.rows + 1);
-    repeat(lane_tables_.offset, lane_tables_.rows + 1);
+    repeat(lane_tables_->below, lane_tables_->rows);
+    repeat(lane_tables_->slope, lane_tables_->rows + 1);
+    repeat(lane_tables_->shift, lane_tables_->rows + 1);
+    repeat(lane_tables_->offset, lane_tables_->rows + 1);
   }
 
   const int64_t* in_;
@@ -230,7 +232,7 @@ class GroupWalk {
   int max_lanes_;        // the tables of so many stay in the nearest cache
   int64_t channel_ = 0;  // the first that is not written; those in lanes follow
   int lanes_ = 0;
-  LaneTables lane_tables_;
+  std::optional<LaneTables> lane_tables_;  // from the first lane on
 };
 
 }  // namespace

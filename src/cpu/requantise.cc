@@ -80,6 +80,7 @@ class ConsecutiveMultipliers {
   template <typename T, typename Out>
   explicit ConsecutiveMultipliers(const RequantiseCall<T, Out>& call)
       : period_(call.per_channel ? call.channels : 1) {
+    Reserve(call.mode.rescaling);
     for (int64_t i = 0; i < period_; ++i) {
       Push(ShiftedMultiplier(call.multipliers[i], call.mode.shift), call.mode.rescaling);
     }
@@ -99,6 +100,16 @@ class ConsecutiveMultipliers {
   }
 
  private:
+  void Reserve(Rescaling rescaling) {
+    const auto size = static_cast<size_t>(period_ + kSumBlock - 1);
+    if (rescaling == Rescaling::kOneRounding) return reals_.reserve(size);
+    mantissas_.reserve(size);
+    if (rescaling == Rescaling::kTwoRoundings) return exponents_.reserve(size);
+    addends_.reserve(size);
+    shifts_.reserve(size);
+    excesses_.reserve(size);
+  }
+
   void Push(const ChannelMultiplier& multiplier, Rescaling rescaling) {
     const auto [mantissa, exponent] = multiplier.fixed;
     if (rescaling == Rescaling::kTwoRoundings) {

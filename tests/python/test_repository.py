@@ -441,7 +441,10 @@ _TOLERANCES = [
     "all" + "close", "is" + "close", "r" + "tol", "a" + "tol", "app" + "rox", "_NE" + "AR",
     "FLOAT_" + "EQ", "DOUBLE_" + "EQ", "almost_" + "equal", "Almost" + "Equal", "FloatNe" + "ar",
 ]  # fmt: skip
-_TOLERANCE = re.compile("|".join(rf"(?:\b|(?<=_)|(?=_)){re.escape(w)}" for w in _TOLERANCES))
+# "approximate" and "NEAREST" are words of operators.
+_TOLERANCE = re.compile(
+    "|".join(rf"(?:\b|(?<=_)|(?=_)){re.escape(w)}(?!imate|EST)" for w in _TOLERANCES)
+)
 
 
 def test_no_tolerances():

@@ -5,10 +5,12 @@
 from __future__ import annotations
 
 import dataclasses
+import io
 import json
 import os
 import tempfile
 import zipfile
+import zlib
 from collections.abc import Collection, Mapping
 from typing import Any
 
@@ -17,16 +19,23 @@ from bitfold.network.arithmetic import Arithmetic
 
 _FORMAT = 1
 _MODEL, _FACTS = "model.tflite", "bitfold.json"
+# What a file that was cut off or overwritten raises when it is read.
+_DAMAGES = (
+    zipfile.BadZipFile,
+    zlib.error,
+    EOFError,
+    KeyError,
+    TypeError,
+    AttributeError,
+    NotImplementedError,
+    RuntimeError,
+)
 
 
-def write(
-    path: str | os.PathLike[str],
-    *,
-    model: bytes,
-    arithmetics: Mapping[int, Arithmetic],
-    known_names: Collection[str],
-) -> None:
-    """Write a network. The file is there as a whole, or as it was before."""
+def pack(
+    *, model: bytes, arithmetics: Mapping[int, Arithmetic], known_names: Collection[str]
+) -> bytes:
+    """Return the bytes of an archive."""
     facts = {
         "format": _FORMAT,
         "version": VERSION,
@@ -37,12 +46,34 @@ def write(
         },
         "layer_names": list(known_names),
     }
+    content = io.BytesIO()
+    with zipfile.ZipFile(content, "w") as archive:
+        archive.writestr(_FACTS, json.dumps(facts, indent=1))
+        archive.writestr(_MODEL, model, zipfile.ZIP_DEFLATED)
+    return content.getvalue()
+
+
+def unpack(content: bytes, name: str = "bytes") -> dict[str, Any]:
+    """Return what was packed: the model, arithmetics and names.
+
+    Raises:
+        ValueError: for an archive that is damaged or of another kind; `name` says which.
+    """
+    try:
+        with zipfile.ZipFile(io.BytesIO(content)) as archive:
+            facts = json.loads(_member(archive, _FACTS))
+            return {"model": _member(archive, _MODEL), **_arguments(facts)}
+    except (*_DAMAGES, ValueError) as error:
+        raise ValueError(f"Need a file that Network.save wrote, got {name}: {error}") from None
+
+
+def write(path: str | os.PathLike[str], content: bytes) -> None:
+    """Write a file that is there as a whole, or as it was before."""
     folder = os.path.dirname(os.path.abspath(path))
     handle, temporary = tempfile.mkstemp(dir=folder, prefix=".bitfold-")
     try:
-        with os.fdopen(handle, "wb") as file, zipfile.ZipFile(file, "w") as archive:
-            archive.writestr(_FACTS, json.dumps(facts, indent=1))
-            archive.writestr(_MODEL, model, zipfile.ZIP_DEFLATED)
+        with os.fdopen(handle, "wb") as file:
+            file.write(content)
         os.chmod(temporary, 0o666 & ~_mask())
         os.replace(temporary, path)
     except BaseException:
@@ -57,30 +88,6 @@ def _mask() -> int:
     return mask
 
 
-def read(path: str | os.PathLike[str]) -> dict[str, Any]:
-    """Return the arguments of the network that was written.
-
-    Raises:
-        OSError: for a path that cannot be read.
-        ValueError: for a file that is damaged or of another kind.
-    """
-    try:
-        with zipfile.ZipFile(path) as archive:
-            facts = json.loads(_member(archive, _FACTS))
-            model = _member(archive, _MODEL)
-    except (
-        zipfile.BadZipFile,
-        KeyError,
-        EOFError,
-        UnicodeDecodeError,
-        NotImplementedError,
-    ) as error:
-        raise ValueError(f"Need a file that Network.save wrote, got {path}: {error}") from None
-    except json.JSONDecodeError as error:
-        raise ValueError(f"Need a file that Network.save wrote, got {path}: {error}") from None
-    return {"model": model, **_arguments(facts, path)}
-
-
 def _member(archive: zipfile.ZipFile, name: str) -> bytes:
     """Return a part of an archive, which may not be a thousand times longer than it is packed."""
     info = archive.getinfo(name)
@@ -89,15 +96,10 @@ def _member(archive: zipfile.ZipFile, name: str) -> bytes:
     return archive.read(name)
 
 
-def _arguments(facts: Any, path: Any) -> dict[str, Any]:
-    try:
-        if facts["format"] != _FORMAT:
-            raise ValueError(
-                f"Need format {_FORMAT}, got {facts['format']} of Bitfold {facts['version']}"
-            )
-        arithmetics = {
-            int(position): Arithmetic(**fields) for position, fields in facts["arithmetics"].items()
-        }
-        return {"arithmetics": arithmetics, "known_names": [str(n) for n in facts["layer_names"]]}
-    except (KeyError, TypeError, AttributeError) as error:
-        raise ValueError(f"Need a file that Network.save wrote, got {path}: {error!r}") from None
+def _arguments(facts: Any) -> dict[str, Any]:
+    if facts["format"] != _FORMAT:
+        raise ValueError(f"its format is {facts['format']}, of Bitfold {facts['version']}")
+    arithmetics = {
+        int(position): Arithmetic(**fields) for position, fields in facts["arithmetics"].items()
+    }
+    return {"arithmetics": arithmetics, "known_names": [str(n) for n in facts["layer_names"]]}

@@ -21,7 +21,7 @@ from bitfold.network.graph import Graph, Node, Operator, Tensor
 from bitfold.network.operators import folding, step_of
 
 _MODEST = 1 << 20
-_INPUTS = ("int8", "int16", "int32", "float32")
+_INPUTS = ("int8", "int16", "uint8", "int32", "float32")
 
 
 @dataclasses.dataclass(frozen=True, eq=False)

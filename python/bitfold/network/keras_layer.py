@@ -4,14 +4,12 @@
 
 from __future__ import annotations
 
-import base64
-import os
-import tempfile
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import keras
 
-from bitfold.network.network import Network
+if TYPE_CHECKING:
+    from bitfold.network.network import Network
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -46,22 +44,14 @@ class NetworkLayer(keras.layers.Layer):
         return dict(zip(names, specs, strict=True)) if isinstance(inputs, dict) else specs
 
     def get_config(self) -> dict[str, Any]:
-        """Return what `from_config` needs: the network's own file as text."""
+        """Return what `from_config` needs to build the layer again."""
         config = super().get_config()
         config.pop("trainable", None)
-        with tempfile.TemporaryDirectory() as folder:
-            path = os.path.join(folder, "network")
-            self.network.save(path)
-            with open(path, "rb") as file:
-                config["network"] = base64.b64encode(file.read()).decode()
-        return config
+        return {**config, "network": keras.saving.serialize_keras_object(self.network)}
 
     @classmethod
     def from_config(cls, config: dict[str, Any]) -> NetworkLayer:
         """Build the layer from `get_config`'s result."""
         config = dict(config)
-        with tempfile.TemporaryDirectory() as folder:
-            path = os.path.join(folder, "network")
-            with open(path, "wb") as file:
-                file.write(base64.b64decode(config.pop("network")))
-            return cls(Network.load(path), **config)
+        network = keras.saving.deserialize_keras_object(config.pop("network"))
+        return cls(network, **config)

@@ -145,7 +145,7 @@ def _tensor(index: int, view: View, buffers: list[np.ndarray]) -> Tensor:
         name=view.text("Name"),
         shape=shape,
         dtype=dtype,
-        quantisation=_quantisation(quantisation, shape, dtype),
+        quantisation=_quantisation(quantisation, shape, dtype, data is not None),
         data=data,
         unknown=unknown,
         unsupported=unsupported,
@@ -213,7 +213,7 @@ def _unpacked(buffer: np.ndarray, count: int, bits: int) -> np.ndarray:
 
 
 def _quantisation(
-    view: View | None, shape: tuple[int, ...], dtype: np.dtype
+    view: View | None, shape: tuple[int, ...], dtype: np.dtype, is_constant: bool
 ) -> Quantisation | None:
     """Return the scales and zero points of a tensor of integers."""
     # A converter leaves observed ranges, without scales, on tensors that stay float.
@@ -223,7 +223,9 @@ def _quantisation(
     zero_points = np.array(view.numbers("ZeroPoint"), np.int64)
     if not scales.size:
         return None
-    if not (np.isfinite(scales).all() and (scales > 0).all()):
+    # Converters give dead channels of weights a scale of 0, and an infinite one where all are dead.
+    sound = scales >= 0 if is_constant else np.isfinite(scales) & (scales > 0)
+    if not sound.all():
         raise ValueError(f"Need finite scales above 0, got {_excerpt(scales)}")
     if scales.size != zero_points.size:
         raise ValueError(f"Need {scales.size} zero points, got {zero_points.size}")

@@ -4,11 +4,13 @@
 
 from __future__ import annotations
 
+import base64
 import os
 from collections import Counter
 from collections.abc import Callable, Collection, Mapping, Sequence
 from typing import Any, TextIO
 
+import keras
 import numpy as np
 import tensorflow as tf
 
@@ -16,14 +18,18 @@ from bitfold._frame import warning_lines
 from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
+from bitfold.network.converter import convert_keras
 from bitfold.network.execution import Program
 from bitfold.network.graph import Node
+from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
 from bitfold.network.operators import Step, step_of, unit_layer_norm
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
+from bitfold.network.summary import print_summary
 
 
+@keras.saving.register_keras_serializable("bitfold")
 class Network:
     """A quantised network, on the accelerator's bits.
 
@@ -111,8 +117,6 @@ class Network:
             ValueError: for calibration data or a number of bits that cannot be used.
             bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
         """
-        from bitfold.network.converter import convert_keras
-
         file = convert_keras(model, calibration, activation_bits=activation_bits)
         return cls(file, known_names=[layer.name for layer in model.layers])
 
@@ -124,16 +128,28 @@ class Network:
             OSError: for a path that cannot be read.
             ValueError: for a file that is damaged or of another kind.
         """
-        return cls(**archive.read(path))
+        with open(path, "rb") as file:
+            return cls(**archive.unpack(file.read(), os.fspath(path)))
 
     def save(self, path: str | os.PathLike[str]) -> None:
         """Write the model file and the arithmetic of every layer into one file."""
-        archive.write(
-            path,
+        archive.write(path, self._packed())
+
+    def _packed(self) -> bytes:
+        return archive.pack(
             model=self._model,
             arithmetics={layer.position: layer.arithmetic for layer in self.layers},
             known_names=self._known_names,
         )
+
+    def get_config(self) -> dict[str, str]:
+        """Return what `from_config` needs, as Keras keeps it: what `save` writes, as text."""
+        return {"file": base64.b64encode(self._packed()).decode()}
+
+    @classmethod
+    def from_config(cls, config: Mapping[str, str]) -> Network:
+        """Make the network from `get_config`'s result."""
+        return cls(**archive.unpack(base64.b64decode(config["file"])))
 
     def with_arithmetic(self, arithmetic: Arithmetic | Mapping[str, Arithmetic]) -> Network:
         """Return the same network in another arithmetic.
@@ -316,10 +332,8 @@ class Network:
             found.setdefault(name, Counter()).update(counts)
         return {name: dict(counts) for name, counts in found.items()}
 
-    def as_layer(self, name: str | None = None) -> Any:
+    def as_layer(self, name: str | None = None) -> NetworkLayer:
         """Return a Keras layer that computes this network; it has no weights to train."""
-        from bitfold.network.keras_layer import NetworkLayer
-
         return NetworkLayer(self, name=name)
 
     def summary(self, file: TextIO | None = None) -> None:
@@ -328,8 +342,6 @@ class Network:
         Args:
             file: where to; standard output by default.
         """
-        from bitfold.network.summary import print_summary
-
         print_summary(self, file)
 
     def __repr__(self) -> str:

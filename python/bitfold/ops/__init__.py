@@ -32,8 +32,13 @@ Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile``
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
 ``tf.function`` their shapes may be partly unknown, and strides and dilations must be positive (the
-runtime's rule). Errors found in the data raise
-``tf.errors.InvalidArgumentError``, which says what is needed and what came.
+runtime's rule).
+
+Errors. What does not fit raises, saying what is needed and what came: a ``TypeError`` or
+``ValueError`` where the call shows it; ``tf.errors.InvalidArgumentError`` where the kernel finds
+it, or an assertion in a function whose shapes were unknown when it was traced. The generated ops in
+``bitfold.raw_ops`` do with such shapes what the accelerator's do: compute a part, log and give
+zeros, or end the process.
 """
 
 from bitfold.ops._additions import add, bias_add, decomposed_bias_add, weighted_add

@@ -91,6 +91,11 @@ class Build:
         """Return a number of channels."""
         return self.choose([1, 2, 3, 4, 5, 8, 12, 16, 17, MOST_CHANNELS])
 
+    def small(self, x: keras.KerasTensor, factor: int) -> keras.KerasTensor:
+        """Return the part of x that, so many times as large, is not too large."""
+        most = MOST_ROWS // factor
+        return x if max(x.shape[1:3]) <= most else x[:, :most, :most]
+
     def like(self, x: keras.KerasTensor) -> keras.KerasTensor:
         """Return another tensor of x's shape: an earlier one, a new input, or made from x."""
         same = [y for y in self.seen if y.shape == x.shape and y is not x]

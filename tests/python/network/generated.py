@@ -20,9 +20,10 @@ import numpy as np
 import place_blocks
 import sum_blocks
 import value_blocks
-from bitfold.network.converter import convert_keras
 from building import Build, randomise
 from witness import Unwitnessed, Witness
+
+from bitfold.network.converter import convert_keras
 
 BLOCKS: tuple[Callable[..., Any], ...] = tuple(
     value

@@ -95,9 +95,7 @@ def squeezing(build, x):
 @only_int8
 def tiling(build, x):
     """The image twice, one above the other."""
-    if max(x.shape[1:3]) > MOST_ROWS // 2:
-        return None
-    return call(lambda y: tf.tile(y, [1, 2, 1, 1]), x)
+    return call(lambda y: tf.tile(y, [1, 2, 1, 1]), build.small(x, 2))
 
 
 def gathering(build, x):
@@ -118,35 +116,35 @@ def space_to_depth(build, x):
 @only_int8
 def depth_to_space(build, x):
     """Channels laid out as blocks of pixels."""
-    if max(x.shape[1:3]) > MOST_ROWS // 2:
-        return None
-    return call(lambda y: tf.nn.depth_to_space(y, 2), layers.Conv2D(4 * build.number(1, 4), 1)(x))
+    x = layers.Conv2D(4 * build.number(1, 4), 1)(build.small(x, 2))
+    return call(lambda y: tf.nn.depth_to_space(y, 2), x)
 
 
 @only_int8
 def upsampling_nearest(build, x):
     """Every pixel several times."""
     factor = (build.number(1, 3), build.number(1, 3))
-    if max(x.shape[1:3]) * 3 > MOST_ROWS:
-        return None
-    return layers.UpSampling2D(factor, interpolation="nearest")(x)
+    return layers.UpSampling2D(factor, interpolation="nearest")(build.small(x, 3))
 
 
 def upsampling_bilinear(build, x):
     """More pixels, between their neighbours."""
-    if max(x.shape[1:3]) * 3 > MOST_ROWS:
-        return None
-    return layers.UpSampling2D(build.number(2, 3), interpolation="bilinear")(x)
+    factor = build.number(2, 3)
+    return layers.UpSampling2D(factor, interpolation="bilinear")(build.small(x, 3))
 
 
-def resize(build, x):
-    """Another size, by every way to lay the grid."""
-    size = [build.number(1, MOST_ROWS) for _ in range(2)]
-    method = build.choose(["resize_bilinear", "resize_nearest_neighbor"])
+def resize_bilinear(build, x):
+    """Another size, between neighbours, by every way to lay the grid."""
+    grid = _grid(build)
+    return call(lambda y: tf.raw_ops.ResizeBilinear(images=y, **grid), x)
+
+
+def resize_nearest(build, x):
+    """Another size, of the nearest pixels."""
+    grid = _grid(build)
+    return call(lambda y: tf.raw_ops.ResizeNearestNeighbor(images=y, **grid), x)
+
+
+def _grid(build) -> dict:
     flags = build.choose([{}, {"align_corners": True}, {"half_pixel_centers": True}])
-    return call(
-        lambda y: getattr(tf.compat.v1.raw_ops, _RESIZE[method])(images=y, size=size, **flags), x
-    )
-
-
-_RESIZE = {"resize_bilinear": "ResizeBilinear", "resize_nearest_neighbor": "ResizeNearestNeighbor"}
+    return {"size": [build.number(1, MOST_ROWS) for _ in range(2)], **flags}

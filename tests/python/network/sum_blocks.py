@@ -10,7 +10,7 @@ from __future__ import annotations
 
 import keras
 import tensorflow as tf
-from building import MOST_CHANNELS, MOST_ROWS, call
+from building import MOST_CHANNELS, call
 from keras import layers
 
 
@@ -59,8 +59,7 @@ def dilated(build, x):
 def transposed(build, x):
     """A transposed convolution."""
     strides = build.choose([1, 2, 3])
-    if max(x.shape[1:3]) * strides > MOST_ROWS:
-        return None
+    x = build.small(x, strides)
     kernel, padding = build.kernel(x, 4), build.choose(["same", "valid"])
     x = layers.Conv2DTranspose(build.channels(), kernel, strides=strides, padding=padding)(x)
     return build.activation(x)

@@ -127,21 +127,40 @@ def test_requantisation(bits, arithmetic):
 
 
 @pytest.mark.parametrize("kind", [layers.Add, layers.Subtract])
-def test_additions(kind):
-    """Within a step of the real sum: weights of 8 bits are wrong by less than a hundredth."""
+@pytest.mark.parametrize("arithmetic", [{}, {"accumulator_size": 9}, {"mult_shift": 2}])
+def test_additions(kind, arithmetic):
+    """One addition with weights of 8 bits, the ratios of the scales, then the requantisation."""
     image = keras.Input((6, 5, 8))
     other = layers.Conv2D(8, 1, activation="relu")(image)
     model = keras.Model(image, kind()([image, other]))
     network = Network.from_keras(model, RANDOM.normal(size=(30, 6, 5, 8)).astype(np.float32))
     stored = stored_for(network)
-    operator = "ADD" if kind is layers.Add else "SUB"
-    layer = layer_of(network, operator)
-    unit = network.with_arithmetic(Arithmetic(additions="unit"))
-    result = unit.trace(stored)[layer.output_indices[0]].astype(int)
-    model_result = network.trace(stored)[layer.output_indices[0]].astype(int)
-    assert np.abs(result - model_result).max() <= 2
-    narrow = network.with_arithmetic(Arithmetic(additions="unit", accumulator_size=9))
-    assert (narrow.trace(stored)[layer.output_indices[0]] != result).any()
+    layer = layer_of(network, "ADD" if kind is layers.Add else "SUB")
+    operands = {port.index: (stored, port.scale, port.zero_point) for port in network.inputs}
+    conv = layer_of(network, "CONV_2D")
+    (index,) = conv.output_indices
+    operands[index] = network.trace(stored)[index], conv.output_scale, conv.output_zero_point
+    (first, scale_1, zero_1), (second, scale_2, zero_2) = (
+        operands[index] for index in layer.input_indices
+    )
+    ratios = np.array([scale_1, scale_2]) / layer.output_scale
+    if layer.operator == "SUB":
+        ratios[1] *= -1
+    bits = next(b for b in range(40, -40, -1) if np.rint(np.abs(ratios) * 2.0**b).max() <= 127)
+    sums = bitfold.ops.weighted_add(
+        first.astype(np.int32) - zero_1,
+        second.astype(np.int32) - zero_2,
+        np.repeat(np.rint(ratios * 2.0**bits).astype(np.int32)[:, None], 8, axis=1),
+        **arithmetic,
+    )
+    expected = bitfold.ops.requantise(
+        sums,
+        2.0**-bits,
+        zero_point=layer.output_zero_point,
+        shift=arithmetic.get("mult_shift", 0),
+    )
+    unit = network.with_arithmetic({layer.name: Arithmetic(additions="unit", **arithmetic)})
+    np.testing.assert_array_equal(unit.trace(stored)[layer.output_indices[0]], expected)
 
 
 def test_resize():

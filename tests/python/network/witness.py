@@ -59,6 +59,8 @@ class Witness:
                 raise Unwitnessed(f"{kind} at {position} ends the process: scales too far apart")
             if kind == "MEAN" and self._overflows(read[0], written[0]):
                 raise Unwitnessed(f"{kind} at {position} may overflow, which is not defined")
+            if kind in _DATA and self._shifts_too_far(read[_DATA[kind]], read[1], written[0]):
+                raise Unwitnessed(f"{kind} at {position} shifts too far, which is not defined")
         self._parts = [_Part(content, *piece) for piece in _pieces(self.kinds)]
 
     def load(self) -> None:
@@ -133,6 +135,15 @@ class Witness:
         elements = np.prod(self.shape(read)) / np.prod(self.shape(written))
         magnitude = abs(self.zero_point(read)) - int(np.iinfo(self.dtype(read)).min)
         return elements * magnitude * 2.0 ** max(exponent, 0) >= 2**31
+
+    def _shifts_too_far(self, data: int, filter: int, written: int) -> bool:
+        """Return whether a multiplier of sums of 64 bits is above what the kernels shift by."""
+        if self.tensors[written].type != schema.TensorType.INT16:
+            return False
+        filters = self.tensors[filter].quantization.scale
+        largest = np.max(filters[np.isfinite(filters)], initial=0)
+        data, output = (self.tensors[i].quantization.scale[0] for i in (data, written))
+        return float(data) * float(largest) / float(output) >= 2**7
 
     def describe(self) -> str:
         """Return the operators in a line."""
@@ -235,6 +246,8 @@ _TYPES = {
 # By how many bits the sums of two tensors shift their inputs left, by the type of the output.
 _SHIFTS_BY_TYPE = {schema.TensorType.INT8: 20, schema.TensorType.INT16: 15}
 _SHIFTS = {"ADD": _SHIFTS_BY_TYPE, "SUB": _SHIFTS_BY_TYPE}
+# The place of the data among the inputs, beside a filter in the second place.
+_DATA = {"CONV_2D": 0, "DEPTHWISE_CONV_2D": 0, "TRANSPOSE_CONV": 2}
 # Kinds that the reference kernels lack in the versions that converters write, or whose output they
 # leave as they find it.
 WITHOUT_REFERENCE = frozenset({"CEIL", "DEPTH_TO_SPACE", "ELU", "ROUND", "SUM", "TILE"})

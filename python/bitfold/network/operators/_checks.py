@@ -47,6 +47,8 @@ def need_stored(
     elif tensor.quantisation.scales.size != 1:
         scales = tensor.quantisation.scales.size
         yield f"need one scale for {what}, got {scales} for {tensor}"
+    elif not 0 < tensor.scale < np.inf:
+        yield f"need a finite scale above 0 for {what}, got {tensor.scale} for {tensor}"
     elif tensor.dtype == np.int16 and tensor.zero_point:
         yield f"need the zero point 0 for {what} in int16, got {tensor.zero_point} for {tensor}"
 

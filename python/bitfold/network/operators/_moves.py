@@ -19,6 +19,8 @@ from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks
 from bitfold.network.operators._step import Step
 
+# The stock ops take eight, of which one counts the images and one may be new.
+_MOST_DIMENSIONS = 6
 ELEMENTS = ("int8", "int16", "int32", "int64", "float32", "bool")
 
 
@@ -46,6 +48,8 @@ class Move(Step):
         for tensor in data:
             yield from _checks.need_type("the data", tensor, ELEMENTS)
             yield from need_elements(tensor)
+            if len(tensor.shape) > _MOST_DIMENSIONS:
+                yield f"need at most {_MOST_DIMENSIONS} dimensions, got {tensor}"
         for output in node.outputs:
             yield from _checks.need_same_type(node, *data, output)
         if cls.keeps_scale:

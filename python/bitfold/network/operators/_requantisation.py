@@ -48,9 +48,11 @@ def _stored(real: float, output: Tensor) -> int:
 def multipliers(data: Tensor, filter: Tensor, output: Tensor) -> np.ndarray:
     """Return input scale x filter scale / output scale, for each channel or one for all.
 
-    In double precision, of the single-precision numbers.
+    In double precision, of the single-precision numbers. 0 for dead channels, whose filters have a
+    scale of 0 or an infinite one.
     """
     filters = filter.quantisation.scales.astype(np.float64)
+    filters = np.where(np.isfinite(filters), filters, 0)
     return np.float64(data.scale) * filters / np.float64(output.scale)
 
 

@@ -49,7 +49,9 @@ def quantise(values: tf.Tensor, tensor: Tensor) -> tf.Tensor:
 def dequantise(stored: tf.Tensor, tensor: Tensor) -> tf.Tensor:
     """Return the float32 values of a tensor's stored integers."""
     scales, zero_points = _parameters(tensor)
-    return scales * tf.cast(tf.cast(stored, tf.int32) - zero_points, tf.float32)
+    centred = tf.cast(tf.cast(stored, tf.int32) - zero_points, tf.float32)
+    # When a graph is optimised, factors of plain products are gathered into one.
+    return tf.math.multiply_no_nan(centred, scales)
 
 
 def _parameters(tensor: Tensor) -> tuple[np.ndarray, np.ndarray]:

@@ -41,8 +41,10 @@ class Reshape(Step):
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
         """Give the elements of each image their new dimensions."""
         shape = target(self.node)
-        if not shape:  # refused by the assembly: no dimension for the images is left
-            return [tf.reshape(inputs[0], [])]
+        if not (shape and self.node.inputs[0].shape):
+            # A number of the arithmetic on shapes; elsewhere the assembly refuses what has no
+            # dimension for the images.
+            return [tf.reshape(inputs[0], shape)]
         images = tf.shape(inputs[0])[0] // self.node.inputs[0].shape[0]
         if inputs[0].shape[0] is not None:
             images = inputs[0].shape[0] // self.node.inputs[0].shape[0]

@@ -108,12 +108,14 @@ def test_other_scales(source, target, ratio):
         )
 
 
-def test_unsigned_bytes_between():
-    """Converters write them for callers of another age."""
-    x, u, y = (
-        tensor([1, 300], *t) for t in (("int8", 0.5, 3), ("uint8", 0.5, 131), ("int8", 0.3, -9))
+def test_unsigned_bytes():
+    """As inputs, outputs and between: converters write them for callers of another age."""
+    u, x, v, w = (
+        tensor([1, 300], *t)
+        for t in (("uint8", 0.5, 131), ("int8", 0.5, 3), ("uint8", 0.3, 0), ("uint8", 0.3, 9))
     )
-    compare(network([("QUANTIZE", [x], [u], {}, 1), ("QUANTIZE", [u], [y], {}, 1)]))
+    operators = [(u, x), (x, v), (v, w)]
+    compare(network([("QUANTIZE", [a], [b], {}, 1) for a, b in operators]))
 
 
 def test_refusals():

@@ -33,5 +33,7 @@ def test_refusals():
     for order in ([0, 0, 1], [0, 1, 3], [-4, 1, 2]):
         assert_refused("need an order of 3 dimensions", "TRANSPOSE", [x, constant(order)], out)
     assert_refused("need 3 numbers", "TRANSPOSE", [x, constant([0, 1])], out)
+    deep = tensor([1] * 7, "int8", 0.5)
+    assert_refused("need at most 6 dimensions", "TRANSPOSE", [deep, constant(range(7))], out)
     assert_refused("need an axis of 3 dimensions", "REVERSE_V2", [x, constant([3])], out)
     assert_refused("need each axis once", "REVERSE_V2", [x, constant([1, -2])], out)
