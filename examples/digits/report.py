@@ -84,7 +84,7 @@ def write_plot(path: Path, study: Study, float_accuracy: float) -> None:
     with plt.rc_context({"font.size": 11, "axes.grid": True, "grid.alpha": 0.3}):
         figure, axes = plt.subplots(1, 3, figsize=(16, 5.6), layout="constrained")
         _plot_accuracy(axes[0], study, float_accuracy)
-        _plot_wrapped(axes[1], study)
+        _plot_beyond(axes[1], study)
         _plot_shifts(axes[2], study, float_accuracy)
         for axis in axes:
             axis.spines[["top", "right"]].set_visible(False)
@@ -105,7 +105,7 @@ def _plot_accuracy(axes: Axes, study: Study, float_accuracy: float) -> None:
     _finish_accuracy_axis(axes, widths[::2], "center left")
 
 
-def _plot_wrapped(axes: Axes, study: Study) -> None:
+def _plot_beyond(axes: Axes, study: Study) -> None:
     """Share of sums that do not fit by layer over the accumulator's width."""
     widths = [result.width for result in study.widths]
     for name, colour, marker in zip(study.values, COLOURS, MARKERS, strict=False):

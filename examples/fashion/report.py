@@ -65,13 +65,14 @@ def print_summary(console: Console, study: Study, float_accuracy: float, images:
     needed = max(layer.bits_needed for layer in study.layers)
     plain, *_, best = (study.accuracies[setting] for setting in SETTINGS)
     enough = _narrowest_harmless(study, plain)
+    narrower = [f"with {w} it gets {plain[w]:.2%}; " for w in study.widths if w < enough][-1:]
     least = _narrowest_harmless(study, best)
     console.print(
         f"The float network gets {float_accuracy:.2%} of the {images:,} test images right, its "
         f"integers {study.exact_accuracy:.2%}. {needed} bits hold every sum of the "
-        f"{min(images, LOOKED_AT):,} images looked at. Down to {enough} bits at most one image in "
-        f"a hundred is lost; with one fewer {plain.get(enough - 1, 0):.2%} are right. "
-        f"{SETTINGS[-1].title}: the same holds down to {least} bits.",
+        f"{min(images, LOOKED_AT):,} images looked at. Down to {enough} bits the network loses at "
+        f"most one image in a hundred; {''.join(narrower)}with {SETTINGS[-1].title} it loses no "
+        f"more down to {least} bits.",
         soft_wrap=True,
     )
 
