@@ -38,6 +38,9 @@ def test_files():
 def test_public_names():
     """What `import bitfold` offers."""
     assert sorted(bitfold.__all__) == [
+        "Arithmetic",
+        "Network",
+        "UnsupportedModelError",
         "__version__",
         "detection",
         "fpx",
