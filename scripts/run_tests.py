@@ -15,6 +15,7 @@ import argparse
 import dataclasses
 import json
 import os
+import pathlib
 import subprocess
 import sys
 
@@ -76,13 +77,16 @@ def python_stages() -> list[Stage]:
     """Return the stages of the Python tests."""
     doctests = ("--doctest-modules", "--pyargs", "bitfold")
     return [
-        pytest_stage("runtime", RUNTIME),
+        pytest_stage("runtime", RUNTIME, *WITHOUT_NETWORKS),
+        pytest_stage("networks", "Networks against the interpreter, and the ops", str(NETWORKS)),
         pytest_stage("robustness", "Calls that are wrong on purpose", "tests/robustness"),
         pytest_stage("doctests", "Examples in docstrings", *doctests),
     ]
 
 
 RUNTIME = "Python: the ops through the runtime, package, repository"
+NETWORKS = pathlib.Path("tests", "python", "network")
+WITHOUT_NETWORKS = ("tests/python", f"--ignore={NETWORKS}")
 CPP = cpp_stages()
 STAGES = (*CPP.values(), lint_stage(), *python_stages())
 
@@ -95,7 +99,10 @@ QUICK = (
         ((sys.executable, "scripts/lint.py", "--no-tidy", "--junit", str(RESULTS / "format.xml")),),
         "compiled",
     ),
-    quick_pytest_stage("runtime", RUNTIME, "-m", "not slow"),
+    quick_pytest_stage("runtime", RUNTIME, *WITHOUT_NETWORKS, "-m", "not slow"),
+    quick_pytest_stage(
+        "networks", "Networks as their users call them", str(NETWORKS / "test_network.py")
+    ),
 )
 
 
