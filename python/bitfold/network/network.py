@@ -149,7 +149,11 @@ class Network:
     @classmethod
     def from_config(cls, config: Mapping[str, str]) -> Network:
         """Make the network from `get_config`'s result."""
-        return cls(**archive.unpack(base64.b64decode(config["file"])))
+        return _unpacked(base64.b64decode(config["file"]))
+
+    def __reduce__(self) -> tuple[Callable, tuple[bytes]]:
+        """Pickle as what `save` writes, for copies and other processes."""
+        return _unpacked, (self._packed(),)
 
     def with_arithmetic(self, arithmetic: Arithmetic | Mapping[str, Arithmetic]) -> Network:
         """Return the same network in another arithmetic.
@@ -415,6 +419,11 @@ class Network:
     def _nothing(self, x: Any) -> Any:
         """Return the outputs of no images."""
         return tf.nest.map_structure(np.asarray, self(x))
+
+
+def _unpacked(content: bytes) -> Network:
+    """Return the network that an archive holds."""
+    return Network(**archive.unpack(content))
 
 
 def _step(node: Node, arithmetic: Arithmetic, name: str) -> Step:

@@ -4,8 +4,11 @@
 
 from __future__ import annotations
 
+import concurrent.futures
+import copy
 import io
 import os
+import pickle
 import subprocess
 import sys
 
@@ -151,6 +154,22 @@ def test_in_a_pipeline(network, stored):
     """In a pipeline."""
     dataset = tf.data.Dataset.from_tensor_slices(stored).batch(3).map(network).unbatch()
     np.testing.assert_array_equal(np.stack(list(dataset)), network(stored))
+
+
+def test_on_several_threads(network, stored):
+    """On several threads, which make the graphs at the same time, too."""
+    fresh = network.with_arithmetic(Arithmetic(accumulator_size=18))
+    with concurrent.futures.ThreadPoolExecutor(4) as pool:
+        results = list(pool.map(fresh, [stored] * 16))
+    for result in results:
+        np.testing.assert_array_equal(result, fresh(stored))
+
+
+def test_copied_and_pickled(network, stored):
+    """As its own file, so also for other processes."""
+    narrow = network.with_arithmetic({"first": Arithmetic(accumulator_size=12)})
+    for other in (copy.deepcopy(narrow), pickle.loads(pickle.dumps(narrow))):
+        np.testing.assert_array_equal(other(stored), narrow(stored))
 
 
 def test_in_a_keras_model(network, tmp_path):

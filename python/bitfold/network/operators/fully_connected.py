@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """FULLY_CONNECTED: every input with every output, a convolution of one pixel.
 
-sum = bias + the sum over inputs of (data - zero point) * weight; the full multiplier and one
-rounding, in both forms.
+sum = bias + the sum over inputs of (data - zero point) * weight; its product with the multiplier in
+double precision is rounded once, halves away from zero, in both forms.
 """
 
 from __future__ import annotations
