@@ -11,10 +11,9 @@ folded into them, by that of the convolution; any other layer by the last path o
 from __future__ import annotations
 
 import fnmatch
-from collections import Counter
 from collections.abc import Collection, Sequence
 
-from bitfold.network.graph import Node
+from bitfold.network.graph import Node, Tensor
 
 # What Keras calls the operations whose weights a normalisation is folded into.
 _CONVOLUTIONS = ("convolution", "depthwise")
@@ -35,14 +34,16 @@ def layer_names(nodes: Sequence[Node], known: Collection[str] = ()) -> list[str]
         _name(path, is_suffixed, known) or node.kind.lower()
         for node, path in zip(nodes, paths, strict=True)
     ]
-    return _made_different(found)
+    # The layer itself keeps the name; what a converter wrote around it gets a number.
+    order = sorted(range(len(nodes)), key=lambda i: (_weights(nodes[i]) is None, i))
+    return _made_different(found, order)
 
 
 def _path(node: Node) -> list[str]:
     """Return the path of the operation that a node came from, [] where the file lost it."""
-    weights = node.input(1)
+    weights = _weights(node)
     names = [node.outputs[0].name] if node.outputs else []
-    if weights is not None and weights.is_constant and len(weights.shape) > 1:
+    if weights is not None:
         names.append(weights.name)
     for name in reversed(names):
         paths = [path.split("/") for path in name.split(";")]
@@ -50,6 +51,13 @@ def _path(node: Node) -> list[str]:
         if len(path) > 1:
             return path
     return []
+
+
+def _weights(node: Node) -> Tensor | None:
+    """Return the weights of a layer; whole numbers beside data are sizes, axes and the like."""
+    weights = node.input(1)
+    is_weights = weights is not None and weights.is_constant and len(weights.shape) > 1
+    return weights if is_weights and weights.dtype.name not in ("int32", "int64") else None
 
 
 def _name(path: list[str], is_suffixed: bool, known: Collection[str]) -> str:
@@ -63,19 +71,17 @@ def _name(path: list[str], is_suffixed: bool, known: Collection[str]) -> str:
     return "/".join(stripped)
 
 
-def _made_different(names: Sequence[str]) -> list[str]:
-    """Number the second and further ones of a name."""
-    taken = set(names)
-    seen: Counter[str] = Counter()
-    result = []
-    for name in names:
-        seen[name] += 1
-        unique = name
-        while seen[name] > 1 and unique in taken:
-            unique = f"{name}_{seen[name]}"
-            seen[name] += unique in taken
-        taken.add(unique)
-        result.append(unique)
+def _made_different(names: Sequence[str], order: Sequence[int]) -> list[str]:
+    """Number the second and further ones of a name, in an order."""
+    result = list(names)
+    taken = set()
+    for i in order:
+        number = 1
+        while result[i] in taken:
+            number += 1
+            numbered = f"{names[i]}_{number}"
+            result[i] = numbered if numbered not in names else result[i]
+        taken.add(result[i])
     return result
 
 

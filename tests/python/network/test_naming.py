@@ -64,6 +64,12 @@ def test_names_differ():
     assert names[2] == "a_2"
 
 
+def test_the_layer_itself_keeps_the_name():
+    """What a converter writes around a layer with weights is numbered, wherever it stands."""
+    nodes = [node("m/c/Pad", kind="PAD"), node("m/c/convolution1", "m/c/convolution")]
+    assert naming.layer_names(nodes) == ["c_2", "c"]
+
+
 def test_a_key_means_a_name_before_a_pattern_before_an_operator():
     """A key means a name before a pattern before an operator."""
     names, kinds = ["a1", "a2", "CONV_2D"], ["CONV_2D", "ADD", "CONV_2D"]
