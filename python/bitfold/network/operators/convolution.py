@@ -16,11 +16,11 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
-from bitfold.network.operators._weighted import WeightedStep
-from bitfold.network.operators._windows import Windows, window_problems
+from bitfold.network.operators._windowed import WindowedStep
+from bitfold.network.operators._windows import window_problems
 
 
-class Convolution(WeightedStep):
+class Convolution(WindowedStep):
     """CONV_2D. The stored filter is [outputs, height, width, inputs of a group]."""
 
     @classmethod
@@ -36,17 +36,6 @@ class Convolution(WeightedStep):
         if min(node.inputs[1].shape) < 1 or channels % inputs or outputs % (channels // inputs):
             yield f"need a filter for groups of the {channels} channels, got {node.inputs[1]}"
         yield from window_problems(node, height, width)
-
-    @property
-    def windows(self) -> Windows:
-        """Where the filter meets the image."""
-        return Windows.of(self.node, *self.node.inputs[1].shape[1:3])
-
-    @property
-    def multiply_adds(self) -> int:
-        """Products for one image."""
-        images = self.node.inputs[0].shape[0]
-        return images * self.windows.outputs * int(np.prod(self.node.inputs[1].shape))
 
     def weights(self) -> np.ndarray:
         """Return [height, width, inputs of a group, outputs]."""

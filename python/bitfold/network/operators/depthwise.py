@@ -16,11 +16,11 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
-from bitfold.network.operators._weighted import WeightedStep
-from bitfold.network.operators._windows import Windows, window_problems
+from bitfold.network.operators._windowed import WindowedStep
+from bitfold.network.operators._windows import window_problems
 
 
-class DepthwiseConvolution(WeightedStep):
+class DepthwiseConvolution(WindowedStep):
     """DEPTHWISE_CONV_2D. The stored filter is [1, height, width, outputs]."""
 
     outputs_axis = 3
@@ -38,17 +38,6 @@ class DepthwiseConvolution(WeightedStep):
         if one != 1 or min(height, width, channels, outputs) < 1 or outputs % channels:
             yield f"need a filter [1, height, width, multiple of {channels}], got {node.inputs[1]}"
         yield from window_problems(node, height, width)
-
-    @property
-    def windows(self) -> Windows:
-        """Where the filter meets the image."""
-        return Windows.of(self.node, *self.node.inputs[1].shape[1:3])
-
-    @property
-    def multiply_adds(self) -> int:
-        """Products for one image."""
-        images = self.node.inputs[0].shape[0]
-        return images * self.windows.outputs * self.filter.size
 
     def weights(self) -> np.ndarray:
         """Return [height, width, 1, outputs], the layout of the accelerator."""

@@ -17,8 +17,7 @@ from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._requantisation import FUSED
 from bitfold.network.operators._step import Step
-from bitfold.network.operators._windows import Windows
-from bitfold.network.operators.convolution import window_problems
+from bitfold.network.operators._windows import Windows, window_problems
 from bitfold.network.operators.floats import activated
 
 _NORM_EPSILON = 1e-6

@@ -1,0 +1,23 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What the layers share whose stored filter, [_, height, width, _], moves over the image."""
+
+from __future__ import annotations
+
+from bitfold.network.operators._weighted import WeightedStep
+from bitfold.network.operators._windows import Windows
+
+
+class WindowedStep(WeightedStep):
+    """A convolution of images [N, H, W, C]."""
+
+    @property
+    def windows(self) -> Windows:
+        """Where the filter meets the image."""
+        return Windows.of(self.node, *self.node.inputs[1].shape[1:3])
+
+    @property
+    def multiply_adds(self) -> int:
+        """Products for one image."""
+        images = self.node.inputs[0].shape[0]
+        return images * self.windows.outputs * self.filter.size
