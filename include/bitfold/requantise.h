@@ -28,7 +28,7 @@ inline constexpr int32_t kLowestMultiplierExponent = -31;
 inline FixedMultiplier QuantiseMultiplier(double multiplier) {
   int exponent;
   const double fraction = std::frexp(multiplier, &exponent);
-  auto mantissa = static_cast<int64_t>(fraction * 2147483648.0 + 0.5);
+  auto mantissa = static_cast<int64_t>(std::floor(fraction * 2147483648.0 + 0.5));
   if (mantissa == int64_t{1} << 31) {
     mantissa /= 2;
     ++exponent;

@@ -270,8 +270,8 @@ if "closed" in sys.argv:
             continue
         os._exit(3)
     os._exit(0)
-print("out")
-print("err", file=sys.stderr)
+print("out", flush=True)
+print("err", file=sys.stderr, flush=True)
 os.system("echo out too; echo err too >&2")
 """
 
