@@ -1,26 +1,18 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""The integer arithmetic of the runtime's reference kernels that no op of ours has."""
+"""The integer arithmetic of the runtime's reference kernels that no op of ours computes."""
 
 from __future__ import annotations
 
-import math
-
 import tensorflow as tf
+
+from bitfold._frame.multipliers import quantise_multipliers
 
 
 def mantissa_and_exponent(multiplier: float) -> tuple[int, int]:
-    """Return the m of 31 bits and the e with m / 2^31 * 2^e close to a multiplier above 0.
-
-    m is rounded half up, and carried into e where it reaches 2^31. Below e = -31 it is 0.
-    """
-    if not multiplier:
-        return 0, 0
-    fraction, exponent = math.frexp(multiplier)
-    mantissa = math.floor(fraction * 2.0**31 + 0.5)
-    if mantissa == 2**31:
-        mantissa, exponent = 2**30, exponent + 1
-    return (mantissa, exponent) if exponent >= -31 else (0, 0)
+    """Return a multiplier of at least 0 in fixed point, as whole numbers without a limit."""
+    mantissa, exponent = quantise_multipliers(multiplier)
+    return int(mantissa), int(exponent)
 
 
 def two_roundings(sums: tf.Tensor, mantissa: int, exponent: int) -> tf.Tensor:

@@ -22,17 +22,7 @@ from bitfold.network.operators import _checks
 from bitfold.network.operators._accumulator import datapath, element_type
 from bitfold.network.operators._pairs import PairStep, pair_problems
 from bitfold.network.operators._requantisation import FUSED, Requantiser
-
-_LARGEST_WEIGHT = 127
-
-
-def weights_of(first: float, second: float) -> tuple[np.ndarray, int]:
-    """Return two ratios as whole numbers of 8 bits, and the bits that they lie above the point."""
-    largest = max(abs(first), abs(second))
-    bits = math.floor(math.log2(_LARGEST_WEIGHT / largest))
-    if round(math.ldexp(largest, bits)) > _LARGEST_WEIGHT:
-        bits -= 1
-    return np.array([round(math.ldexp(ratio, bits)) for ratio in (first, second)], np.int32), bits
+from bitfold.network.operators._unit_weights import unit_weights
 
 
 class UnitAddition(PairStep):
@@ -51,7 +41,7 @@ class UnitAddition(PairStep):
 
     def set_up(self) -> None:
         """Make the weights."""
-        self._weights, bits = weights_of(*_ratios(self.node))
+        self._weights, bits = unit_weights(np.array(_ratios(self.node)))
         self._requantise = Requantiser(
             self.node.outputs[0],
             np.float64(2.0**-bits),

@@ -11,7 +11,6 @@ roundings.
 from __future__ import annotations
 
 import dataclasses
-import math
 from collections.abc import Iterator, Sequence
 
 import numpy as np
@@ -25,8 +24,8 @@ from bitfold.network.operators._accumulator import datapath, element_type
 from bitfold.network.operators._layer_norm_pattern import Pattern
 from bitfold.network.operators._requantisation import Requantiser
 from bitfold.network.operators._step import Step
+from bitfold.network.operators._unit_weights import unit_weights
 
-_LARGEST_WEIGHT = 127
 _LONGEST = 4096
 
 
@@ -49,8 +48,7 @@ class UnitLayerNorm(Step):
             is_16bit_output=True,
         )
         ratios = pattern.gain * self._table.output_scale / pattern.output.scale
-        bits = _bits(np.abs(ratios).max(initial=0.0))
-        self._weights = np.rint(np.ldexp(ratios, bits)).astype(np.int32)
+        self._weights, bits = unit_weights(ratios)
         steps = np.rint(np.ldexp(pattern.bias / pattern.output.scale, bits))
         self._bias = np.clip(steps, -(2**31), 2**31 - 1).astype(np.int64).astype(np.int32)
         self._requantise = Requantiser(
@@ -77,14 +75,6 @@ class UnitLayerNorm(Step):
         sums = ops.depthwise_conv2d(steps, weights, padding="VALID", **keywords)
         sums = ops.bias_add(sums, tf.cast(self._bias, kind), **keywords)
         return [tf.reshape(self._requantise(sums), tf.shape(inputs[0]))]
-
-
-def _bits(largest: float) -> int:
-    """Return the most bits above the point with which a number is a weight of 8 bits."""
-    if not largest:
-        return 0
-    bits = math.floor(math.log2(_LARGEST_WEIGHT / largest))
-    return bits - (round(math.ldexp(largest, bits)) > _LARGEST_WEIGHT)
 
 
 def fused(steps: Sequence[Step], patterns: Sequence[Pattern]) -> list[Step]:
