@@ -20,9 +20,9 @@ Example:
     array([[-106]], dtype=int32)
 """
 
-from bitfold._frame.image_threads import set_image_threads
 from bitfold._frame.library import VERSION, include_dir, library_path
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.thread_setting import set_image_threads
 from bitfold._frame.warning_lines import set_warnings, warning_counts
 
 __version__ = VERSION
