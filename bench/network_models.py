@@ -54,7 +54,7 @@ def residual() -> keras.Model:
     return keras.Model(inputs, outputs, name="residual18")
 
 
-def clothes() -> keras.Model:
+def fashion() -> keras.Model:
     """Build the network of `make demo`, [n, 28, 28, 1] to class scores [n, 10]."""
     for folder in ("fashion", "common"):
         sys.path.append(str(ROOT / "examples" / folder))
@@ -66,7 +66,7 @@ def clothes() -> keras.Model:
 BUILDERS: dict[str, Callable[[], keras.Model]] = {
     "mobilenet_v2": mobile,
     "residual18": residual,
-    "clothes": clothes,
+    "fashion": fashion,
 }
 
 
@@ -101,7 +101,7 @@ def network(name: str) -> bitfold.Network:
 
 def images(name: str, count: int) -> np.ndarray:
     """Return random images for a network, coarse shapes with noise, from -1 to 1."""
-    side, channels = (28, 1) if name == "clothes" else (224, 3)
+    side, channels = (28, 1) if name == "fashion" else (224, 3)
     generator = np.random.default_rng(SEED)
     coarse = generator.uniform(-1, 1, (count, 7, 7, channels)).astype(np.float32)
     noise = generator.uniform(-0.25, 0.25, (count, side, side, channels)).astype(np.float32)
