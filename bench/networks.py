@@ -185,7 +185,7 @@ def print_fashion(times: dict[str, float]) -> None:
         f"The demo's network, {thread_times.TEST_IMAGES:,} images, predict, two threads",
         ("who", "ms", "to stock"),
         [
-            (who, milliseconds(time), f"{times['stock float'] / time:.2f}")
+            (who, milliseconds(time), f"{times[thread_times.STOCK] / time:.2f}")
             for who, time in times.items()
         ],
     )
@@ -195,12 +195,11 @@ def print_threads(rows: list[thread_times.ThreadTimes]) -> None:
     """Print two threads beside one."""
     table(
         "Two threads against one",
-        ("work", "who", "images", "one ms", "two ms", "ratio"),
+        ("work", "who", "one ms", "two ms", "ratio"),
         [
             (
                 row.work,
                 row.who,
-                str(row.images),
                 milliseconds(row.one_seconds),
                 milliseconds(row.two_seconds),
                 f"{row.ratio:.2f}",

@@ -17,15 +17,23 @@ import numpy as np
 import tensorflow as tf
 
 import network_models
-from layer_times import CONVOLUTION, FULL, Shape
+from layer_times import FULL, Shape
 from network_times import NETWORKS, float_call
 from timing import integers, interleaved, seconds
 
-BATCHES = (1, 32)
+# What is timed, and of how many images.
+LARGE = Shape("conv2d", (1, 112, 112, 64), (3, 3, 64, 64))
+MANY = Shape("conv2d", (32, 56, 56, 64), (3, 3, 64, 64))
+WORK: tuple[tuple[Shape | str, int], ...] = (
+    (LARGE, 1),
+    (MANY, 32),
+    *((network, images) for network in NETWORKS for images in (1, 32)),
+)
 TURNS = 3
 TEST_IMAGES = 10_000
 # Images at once of the float network: what ours takes, and the faster for it than the default 32.
 BATCH = 256
+OURS, STOCK = "bitfold", "stock float"
 
 
 @dataclass(frozen=True)
@@ -34,7 +42,6 @@ class ThreadTimes:
 
     work: str
     who: str
-    images: int
     one_seconds: float
     two_seconds: float
 
@@ -47,17 +54,22 @@ class ThreadTimes:
 def compare(one: Executor, two: Executor, budget: float) -> list[ThreadTimes]:
     """Time all work in two processes, of one thread and of two, in turns."""
     rows = []
-    for work in (CONVOLUTION.text, *NETWORKS):
-        for who in ("bitfold", "stock float"):
-            for images in BATCHES:
-                taken: dict[Executor, list[float]] = {one: [], two: []}
-                for _ in range(TURNS):
-                    for process, times in taken.items():
-                        share = budget / TURNS
-                        times.append(process.submit(_seconds, work, who, images, share).result())
-                medians = [float(np.median(times)) for times in taken.values()]
-                rows.append(ThreadTimes(work, who, images, *medians))
+    for work, images in WORK:
+        for who in (OURS, STOCK):
+            taken: dict[Executor, list[float]] = {one: [], two: []}
+            for _ in range(TURNS):
+                for process, times in taken.items():
+                    share = budget / TURNS
+                    times.append(process.submit(_seconds, work, who, images, share).result())
+            medians = [float(np.median(times)) for times in taken.values()]
+            rows.append(ThreadTimes(_name(work, images), who, *medians))
     return rows
+
+
+def _name(work: Shape | str, images: int) -> str:
+    if isinstance(work, Shape):
+        return f"{work.text}, eager"
+    return f"{work}, {images} images" if images > 1 else f"{work}, one image"
 
 
 def fashion(budget: float) -> dict[str, float]:
@@ -65,28 +77,27 @@ def fashion(budget: float) -> dict[str, float]:
     network, model = network_models.network("fashion"), network_models.float_model("fashion")
     images = network_models.images("fashion", TEST_IMAGES)
     calls = {
-        "bitfold": lambda: network.predict(images),
-        "stock float": lambda: model.predict(images, batch_size=BATCH, verbose=0),
+        OURS: lambda: network.predict(images),
+        STOCK: lambda: model.predict(images, batch_size=BATCH, verbose=0),
     }
     return interleaved(calls, budget, TURNS)
 
 
-def _seconds(work: str, who: str, images: int, budget: float) -> float:
+def _seconds(work: Shape | str, who: str, images: int, budget: float) -> float:
     return seconds(_call(work, who, images), budget)
 
 
 @functools.cache
-def _call(work: str, who: str, images: int) -> Callable[[], object]:
+def _call(work: Shape | str, who: str, images: int) -> Callable[[], object]:
     """Return a call, made once in a process."""
-    if work in NETWORKS:
-        if who != "bitfold":
+    if isinstance(work, str):
+        if who == STOCK:
             return float_call(work, images)
         network, stored = network_models.network(work), network_models.stored_images(work, images)
         return lambda: network(stored)
-    shape = Shape(CONVOLUTION.op, (images, *CONVOLUTION.data[1:]), CONVOLUTION.weights)
-    x = integers(shape.data, 0, 255, tf.int32)
-    w = integers(shape.weights, -128, 127, tf.int32)
-    if who == "bitfold":
-        return lambda: shape.ours(FULL)(x, w)
-    floats = (tf.cast(x, tf.float32), tf.cast(w, tf.float32))
-    return lambda: shape.stock(*floats)
+    x = integers(work.data, 0, 255, tf.int32)
+    w = integers(work.weights, -128, 127, tf.int32)
+    if who == STOCK:
+        floats = (tf.cast(x, tf.float32), tf.cast(w, tf.float32))
+        return lambda: work.stock(*floats)
+    return lambda: work.ours(FULL)(x, w)
