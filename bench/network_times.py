@@ -9,6 +9,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 
 import tensorflow as tf
+from tensorflow.python.framework.convert_to_constants import convert_variables_to_constants_v2
 
 import bitfold
 import network_models
@@ -17,6 +18,7 @@ from timing import interleaved, seconds
 NETWORKS = ("mobilenet_v2", "residual18")
 
 STOCK = "stock float graph"
+FROZEN = "stock float graph, weights constant"
 FASTEST = "mobile runtime, fastest kernels"
 REFERENCE = "mobile runtime, reference kernels"
 FULL = "bitfold, full width"
@@ -40,7 +42,11 @@ def measure(name: str, budget: float) -> NetworkTimes:
     """Time a network, all but the reference kernels in turns."""
     image = network_models.stored_images(name, 1)
     exact = network_models.network(name)
-    calls = {STOCK: float_call(name, 1), FULL: lambda: exact(image)}
+    calls = {
+        STOCK: float_call(name, 1),
+        FROZEN: float_call(name, 1, is_frozen=True),
+        FULL: lambda: exact(image),
+    }
     for title, arithmetic in ARITHMETICS.items():
         narrow = exact.with_arithmetic(arithmetic)
         calls[title] = lambda narrow=narrow: narrow(image)
@@ -51,19 +57,25 @@ def measure(name: str, budget: float) -> NetworkTimes:
     if has_mobile:
         # A few calls: they are slow.
         times[REFERENCE] = seconds(_mobile_call(name, image, is_reference=True), 0)
-    order = (STOCK, FASTEST, REFERENCE, FULL, *ARITHMETICS)
+    order = (STOCK, FROZEN, FASTEST, REFERENCE, FULL, *ARITHMETICS)
     return NetworkTimes(name, {who: times[who] for who in order if who in times})
 
 
-def float_call(name: str, count: int) -> Callable[[], tf.Tensor]:
-    """Return a call of the float network as a graph, on so many images."""
+def float_call(name: str, count: int, is_frozen: bool = False) -> Callable[[], object]:
+    """Return a call of the float network as a graph, on so many images.
+
+    Frozen, its weights are constants, so that the runtime folds what depends on them alone.
+    """
     model = network_models.float_model(name)
     images = tf.constant(network_models.images(name, count))
     compiled = tf.function(
         lambda x: model(x, training=False),
         input_signature=[tf.TensorSpec(images.shape, images.dtype)],
     )
-    return lambda: compiled(images)
+    if not is_frozen:
+        return lambda: compiled(images)
+    frozen = convert_variables_to_constants_v2(compiled.get_concrete_function())
+    return lambda: frozen(images)
 
 
 def _mobile_call(name: str, image: tf.Tensor, is_reference: bool = False) -> Callable[[], None]:

@@ -15,6 +15,7 @@ import argparse
 import dataclasses
 import json
 import multiprocessing
+import os
 import pathlib
 from collections.abc import Callable, Iterable, Sequence
 from concurrent.futures import Executor, ProcessPoolExecutor
@@ -249,6 +250,7 @@ def main() -> None:
     )
     options = parser.parse_args()
 
+    load = os.getloadavg()[0]
     results, aims = {}, []
     with process(1) as one, process(2) as two:
         for part in options.parts:
@@ -257,10 +259,10 @@ def main() -> None:
             results[part] = result
             aims += targets.OF[part](result) if part in targets.OF else []
     print_targets(aims)
-    written = {"machine": machine(), **results, "targets": aims}
+    written = {"machine": machine() | {"load": load}, **results, "targets": aims}
     options.output.parent.mkdir(parents=True, exist_ok=True)
     options.output.write_text(json.dumps(written, indent=2, default=dataclasses.asdict) + "\n")
-    print(f"\nMachine: {machine()['cpu']}. Figures: {options.output}")
+    print(f"\nMachine: {machine()['cpu']}, load {load:.1f} at the start. Figures: {options.output}")
 
 
 if __name__ == "__main__":
