@@ -115,7 +115,9 @@ void PreparedConvolution<In, Out>::PrepareDots() {
                       std::all_of(bias_.begin(), bias_.end(),
                                   [most](int64_t bias) { return std::abs(bias) <= most; });
   LayerFinishCall finish = FinishCall();
-  finish.bits = LargestSum() < most / 2 ? 32 : plan_.bits;
+  const int64_t largest = LargestSum();
+  finish.bits = largest < most / 2 ? 32 : plan_.bits;
+  finish.largest_sum = std::min(largest, most / 2);
   if (begins) finish.bias = nullptr;
   if (!dots_->Prepare(wide_filter_.data(), &memory_, begins ? layer_.bias : nullptr)) {
     throw std::bad_alloc();
@@ -133,7 +135,8 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
           layer_.multipliers,
           layer_.per_channel,
           layer_.requantise,
-          std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16};
+          std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16,
+          int64_t{1} << std::min(31, std::max(0, layer_.accumulator_size - 1))};
 }
 
 template <typename In, typename Out>
