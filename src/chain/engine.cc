@@ -123,9 +123,14 @@ bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
       return copied <= kMostPadding * call_.InputElements() + kAlwaysPadded;
     };
     if (call_.is_depthwise) {
-      dot_depthwise_.emplace(call_, *plan_);
-      if (dot_depthwise_->HasWholePeriods() && fits(dot_depthwise_->KeptWords())) {
-        return dot_depthwise_->Prepare(call_.filter, call_.filters, slots, scratch);
+      dot_depthwise_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0},
+                             *plan_);
+      const int64_t bytes = dot_depthwise_->MemoryBytes();
+      if (fits(bytes)) {
+        dot_memory_ =
+            bytes <= INT64_MAX / 8 / slots ? AllocateFor<char>(scratch, bytes * slots) : nullptr;
+        return dot_memory_ != nullptr &&
+               dot_depthwise_->Prepare(call_.filter, call_.filters, scratch);
       }
     } else {
       dot_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0}, *plan_);
@@ -187,10 +192,6 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
   switch (plan_->path) {
     case ChainPath::kDotBytes:
     case ChainPath::kDotShorts:
-      if (call_.is_depthwise) {
-        return dot_depthwise_->Run(InputOf(image), call_.FilterOf(image), ElementwiseOf(image),
-                                   OutputOf(image), slot);
-      }
       return RunDots(image, slot);
     case ChainPath::kModular:
       return RunModular(image);
@@ -211,6 +212,10 @@ template <typename D, typename T>
 void ChainEngine<D, T>::RunDots(int32_t image, int slot) const {
   const SumOutput<T> output = {ElementwiseOf(image), OutputOf(image), call_.out_channels,
                                call_.out_channels, plan_->bits};
+  if (call_.is_depthwise) {
+    return dot_depthwise_->Run(InputOf(image), {call_.FilterOf(image), 0, rows_.outputs}, output,
+                               dot_memory_ + slot * dot_depthwise_->MemoryBytes());
+  }
   const DotBlock block = {0, rows_.outputs, 0, dot_->panels()};
   int32_t* words = dot_words_ + slot * DotWords();
   const int64_t pixels = int64_t{rows_.outputs} * columns_.outputs;

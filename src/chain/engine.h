@@ -87,7 +87,8 @@ class ChainEngine {
   std::optional<ChainPlan> plan_;
   std::optional<DotConvolution<T, SumOutput<T>>> dot_;
   int32_t* dot_words_ = nullptr;  // what the slots have of an image, packed
-  std::optional<DotDepthwise<T>> dot_depthwise_;
+  std::optional<DotDepthwise<T, SumOutput<T>>> dot_depthwise_;
+  char* dot_memory_ = nullptr;      // what the slots need for it
   const T* lane_filter_ = nullptr;  // its output channels filled up to a panel
   int64_t lane_filter_elements_ = 0;
   RoundedSums rounded_{};
