@@ -302,5 +302,6 @@ template const DotKernels<SumOutput<int32_t>>& CurrentDotKernels();
 template const DotKernels<SumOutput<float>>& CurrentDotKernels();
 template const DotRowKernels<int32_t>& CurrentDotRowKernels();
 template const DotRowKernels<float>& CurrentDotRowKernels();
+template const DotKernels<StoredOutput>& CurrentDotKernels();
 
 }  // namespace bitfold
