@@ -97,7 +97,9 @@ int32_t DotDepthwise<In, Output>::ColumnsTogether() const {
 template <typename In, typename Output>
 int64_t DotDepthwise<In, Output>::SumBytes() const {
   if constexpr (!std::is_same_v<Output, StoredOutput>) return 0;
-  return WholeLines(int64_t{ColumnsTogether()} * layer_.out_channels * int64_t{sizeof(int32_t)});
+  // FinishTile reads whole panels.
+  const int64_t sums = int64_t{ColumnsTogether()} * layer_.out_channels + kPanel;
+  return WholeLines(sums * int64_t{sizeof(int32_t)});
 }
 
 template <typename In, typename Output>
@@ -110,7 +112,8 @@ int64_t DotDepthwise<In, Output>::MemoryBytes() const {
 }
 
 template <typename In, typename Output>
-bool DotDepthwise<In, Output>::Prepare(const Weight* filter, int32_t filters, Scratch* scratch) {
+bool DotDepthwise<In, Output>::Prepare(const Weight* filter, int32_t filters, Scratch* scratch,
+                                       const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
   };
@@ -124,7 +127,7 @@ bool DotDepthwise<In, Output>::Prepare(const Weight* filter, int32_t filters, Sc
               static_cast<uint8_t>(plan_.input_offset));
   for (int32_t i = 0; i < filters; ++i, filter += int64_t{taps_} * layer_.out_channels) {
     PackWeights(filter, weights_ + i * filter_words);
-    SumWeights(filter, initial_sums_ + int64_t{i} * lanes_);
+    SumWeights(filter, addends, initial_sums_ + int64_t{i} * lanes_);
   }
   return true;
 }
@@ -142,18 +145,19 @@ void DotDepthwise<In, Output>::PackWeights(const Weight* filter, int32_t* words)
   }
 }
 
-// Minus the offset times the weights of a channel, which what lies outside the image has, too.
+// The addends minus the offset times the weights, which what lies outside the image has, too.
 template <typename In, typename Output>
-void DotDepthwise<In, Output>::SumWeights(const Weight* filter, int32_t* sums) const {
+void DotDepthwise<In, Output>::SumWeights(const Weight* filter, const int32_t* addends,
+                                          int32_t* sums) const {
   const int32_t channels = layer_.out_channels;
-  std::fill_n(sums, lanes_, 0);
-  if (plan_.input_offset == 0) return;
-  for (int32_t tap = 0; tap < taps_; ++tap) {
+  std::fill_n(sums, channels, 0);
+  for (int32_t tap = 0; tap < taps_ && plan_.input_offset != 0; ++tap) {
     AddNumbers(filter + int64_t{tap} * channels, channels, sums);
   }
-  const int32_t factor = -plan_.input_offset;
-  std::transform(sums, sums + channels, sums,
-                 [factor](int32_t sum) { return WrapMultiply(factor, sum); });
+  for (int32_t c = 0; c < channels; ++c) {
+    const int32_t addend = addends == nullptr ? 0 : addends[c];
+    sums[c] = WrapSubtract(addend, WrapMultiply(plan_.input_offset, sums[c]));
+  }
   RepeatLanes(sums, channels, lanes_);
 }
 
@@ -277,5 +281,7 @@ void DotDepthwise<In, Output>::StoreRow(DotRow<Number> dots, const StoredOutput&
 
 template class DotDepthwise<int32_t, SumOutput<int32_t>>;
 template class DotDepthwise<float, SumOutput<float>>;
+template class DotDepthwise<int8_t, StoredOutput>;
+template class DotDepthwise<int16_t, StoredOutput>;
 
 }  // namespace bitfold

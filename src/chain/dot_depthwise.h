@@ -38,8 +38,10 @@ class DotDepthwise {
 
   DotDepthwise(const DotLayer& layer, const ChainPlan& plan);
 
-  // Packs the weights of so many filters; false where there is no memory.
-  bool Prepare(const Weight* filter, int32_t filters, Scratch* scratch);
+  // Packs the weights of so many filters; false where there is no memory. The sums of a channel
+  // begin with its addend, where there are some.
+  bool Prepare(const Weight* filter, int32_t filters, Scratch* scratch,
+               const int32_t* addends = nullptr);
 
   // What a run needs, in bytes. Dilations can make them any number: at most INT64_MAX.
   int64_t MemoryBytes() const;
@@ -69,7 +71,7 @@ class DotDepthwise {
   int32_t ColumnsTogether() const;
 
   void PackWeights(const Weight* filter, int32_t* words) const;
-  void SumWeights(const Weight* filter, int32_t* sums) const;
+  void SumWeights(const Weight* filter, const int32_t* addends, int32_t* sums) const;
   template <typename Number>
   void RunAs(const In* image, const DepthwiseBlock& block, const Output& output,
              void* memory) const;
