@@ -29,6 +29,15 @@ constexpr int32_t kPanelsTogether = 4;
 // Multiply-adds in a cycle.
 constexpr int64_t kProducts = 64;
 
+// A depthwise layer's memory of more than this many times the image, and more than this, is not
+// made: taps lie far apart.
+constexpr int64_t kMostPadding = 4;
+constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
+
+struct alignas(64) CacheLine {
+  char bytes[64];
+};
+
 int64_t Parts(int64_t all, int64_t step) { return (all + step - 1) / step; }
 
 // Panels of a block: fewer than all where the blocks would else be too few for the threads.
@@ -65,7 +74,8 @@ PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer)
   const bool has_bytes = CurrentDotKernels<StoredOutput>().HasBytes();
   plan_ = layer.use_fp16_acc ? PlanFloat(facts, has_bytes) : PlanInt32(facts, has_bytes);
   const bool is_dots = plan_.path == ChainPath::kDotBytes || plan_.path == ChainPath::kDotShorts;
-  if (is_dots && !layer.is_depthwise) PrepareDots();
+  // A line about corrected signs comes from the public ops.
+  if (is_dots && !corrects_) PrepareDots();
   if (finish_ == nullptr) finish_ = std::make_unique<LayerFinish>(FinishCall());
 }
 
@@ -106,10 +116,16 @@ int64_t PreparedConvolution<In, Out>::LargestSum() const {
 // where no sum of the layer can leave the width, nothing wraps.
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::PrepareDots() {
-  const WindowAxis rows = WindowOf(layer_.rows);
-  const WindowAxis columns = WindowOf(layer_.columns);
-  dots_.emplace(DotLayer{rows, columns, layer_.in_channels, layer_.out_channels, layer_.zero_point},
-                plan_);
+  const DotLayer dots = {WindowOf(layer_.rows), WindowOf(layer_.columns), layer_.in_channels,
+                         layer_.out_channels, layer_.zero_point};
+  if (layer_.is_depthwise) {
+    depthwise_.emplace(dots, plan_);
+    if (depthwise_->MemoryBytes() > kMostPadding * layer_.InputElements() + kAlwaysPadded) {
+      return depthwise_.reset();
+    }
+  } else {
+    dots_.emplace(dots, plan_);
+  }
   const int64_t most = int64_t{1} << layer_.accumulator_size;
   const bool begins = layer_.accumulator_size >= 31 ||
                       std::all_of(bias_.begin(), bias_.end(),
@@ -119,7 +135,9 @@ void PreparedConvolution<In, Out>::PrepareDots() {
   finish.bits = largest < most / 2 ? 32 : plan_.bits;
   finish.largest_sum = std::min(largest, most / 2);
   if (begins) finish.bias = nullptr;
-  if (!dots_->Prepare(wide_filter_.data(), &memory_, begins ? layer_.bias : nullptr)) {
+  const int32_t* addends = begins ? layer_.bias : nullptr;
+  if (!(depthwise_ ? depthwise_->Prepare(wide_filter_.data(), 1, &memory_, addends)
+                   : dots_->Prepare(wide_filter_.data(), &memory_, addends))) {
     throw std::bad_alloc();
   }
   finish_ = std::make_unique<LayerFinish>(finish);
@@ -146,6 +164,7 @@ void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* outp
     return RunPixels(input, batch * layer_.Positions(), output, workers);
   }
   if (dots_) return RunWindows(input, batch, output, workers);
+  if (depthwise_) return RunDepthwise(input, batch, output, workers);
   const int64_t cost = layer_.Positions() * layer_.FilterElements();
   workers->Share(batch, cost, [&](int64_t first, int64_t end) {
     for (int64_t image = first; image < end; ++image) {
@@ -213,6 +232,33 @@ void PreparedConvolution<In, Out>::RunWindows(const In* input, int32_t batch, Ou
           StoredOutput{finish_.get(), output, image * layer_.Positions(), layer_.out_channels, 0,
                        layer_.out_channels},
           words.get());
+    }
+  });
+}
+
+// Rows that a block shares with the one before it are packed again.
+template <typename In, typename Out>
+void PreparedConvolution<In, Out>::RunDepthwise(const In* input, int32_t batch, Out* output,
+                                                Workers* workers) const {
+  const int threads = workers->AtOnce();
+  const int32_t rows = layer_.rows.outputs();
+  int32_t step = rows;
+  if (threads > 1) {
+    const int64_t wished = Parts(int64_t{batch} * rows, kBlocksForEach * threads);
+    step = static_cast<int32_t>(std::min<int64_t>(rows, std::max<int64_t>(4, wished)));
+  }
+  const int64_t in_image = Parts(rows, step);
+  const int64_t cost = int64_t{step} * layer_.columns.outputs() * layer_.out_channels;
+  workers->Share(batch * in_image, cost, [&](int64_t first, int64_t end) {
+    const std::unique_ptr<CacheLine[]> memory(
+        new CacheLine[static_cast<size_t>(depthwise_->MemoryBytes()) / sizeof(CacheLine) + 1]);
+    for (int64_t unit = first; unit < end; ++unit) {
+      const int64_t image = unit / in_image;
+      const auto row = static_cast<int32_t>(unit % in_image) * step;
+      depthwise_->Run(input + image * layer_.InputElements(), {0, row, std::min(row + step, rows)},
+                      StoredOutput{finish_.get(), output, image * layer_.Positions(),
+                                   layer_.out_channels, 0, layer_.out_channels},
+                      memory.get());
     }
   });
 }

@@ -14,6 +14,7 @@
 
 #include "bitfold/HPreparedConvolution.h"
 #include "chain/dot_convolution.h"
+#include "chain/dot_depthwise.h"
 #include "chain/layer_finish.h"
 #include "chain/plan.h"
 #include "frame/scratch.h"
@@ -47,6 +48,7 @@ class PreparedConvolution {
 
   void RunPixels(const In* input, int64_t pixels, Out* output, Workers* workers) const;
   void RunWindows(const In* input, int32_t batch, Out* output, Workers* workers) const;
+  void RunDepthwise(const In* input, int32_t batch, Out* output, Workers* workers) const;
   template <typename T>
   void RunImage(const In* image, Out* output) const;
 
@@ -60,6 +62,7 @@ class PreparedConvolution {
   ChainPlan plan_{};
   HeapScratch memory_;
   std::optional<Dots> dots_;
+  std::optional<DotDepthwise<In, StoredOutput>> depthwise_;
   std::unique_ptr<LayerFinish> finish_;
 };
 
