@@ -230,7 +230,8 @@ void PreparedConvolution<In, Out>::RunImage(const In* image, Out* output) const 
   call.filter = filter.data();
   call.output = sums.data();
   HeapScratch scratch;
-  ComputeConvolution(call, &scratch);
+  CallingThread calling_thread;  // images are shared
+  ComputeConvolution(call, &scratch, &calling_thread);
   if (std::is_same_v<T, float> && layer_.bias != nullptr) {
     const std::vector<T> bias(bias_.begin(), bias_.end());
     const T factor = T{1};
