@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <algorithm>
+#include <cstring>
 
 #include "bitfold/int32_arithmetic.h"
 #include "chain/dot_row.h"

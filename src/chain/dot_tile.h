@@ -16,9 +16,10 @@ namespace bitfold {
 
 // The sum of lane l of panel n in column p is
 //   initial[n * 16 + l] + the dot products of x and w over rows, taps and words,
-// where x is one word for all lanes of a column and w one word for each lane. Strides in words.
+// where x is one word for all lanes of a column and w one word for each lane. Words of x lie
+// anywhere, one after the other those of a tap; strides of x in bytes, of w in words.
 struct DotTile {
-  const int32_t* x;  // of column 0
+  const uint8_t* x;  // of column 0
   const int32_t* w;  // [row][tap][word][lane] of panel 0
   const int32_t* initial;
   int64_t x_pixel;

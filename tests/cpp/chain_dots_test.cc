@@ -121,8 +121,9 @@ void CheckDot(const DotShape& s, bool of_bytes, typename DotKernels<SumOutput<T>
     }
   }
   ExactBuffer<T> out(std::vector<T>(static_cast<size_t>(count), T{77}), random->Between(0, 3));
-  kernel(DotTile{x.data(), w.data(), initial.data(), x_pixel, x_row, x_tap, w_panel, s.rows, s.taps,
-                 s.words},
+  constexpr int64_t kWord = sizeof(int32_t);
+  kernel(DotTile{reinterpret_cast<const uint8_t*>(x.data()), w.data(), initial.data(),
+                 x_pixel * kWord, x_row * kWord, x_tap * kWord, w_panel, s.rows, s.taps, s.words},
          SumOutput<T>{addends, out.data(), stride, channels, bits});
   ASSERT_TRUE(testing::SameArrays(
       expected.data(), out.data(), count, of_bytes ? "bytes" : "shorts", [&](int64_t) {
