@@ -58,22 +58,11 @@ PreparedSums<T>::PreparedSums(const PreparedLayer& layer, std::vector<T> weights
 // By blocks, whose outputs that may print a line come after all of them, in their order.
 template <typename T>
 void PreparedSums<T>::SumBlocks(const ConvolutionCall<T>& call, Workers* workers) const {
-  const ChainImage<T> image = {call.input, nullptr, call.output, 0};
-  std::vector<std::vector<int64_t>> may_print(static_cast<size_t>(engine_.blocks().count()));
-  workers->Share(engine_.blocks().count(), engine_.BlockCost(), [&](int64_t first, int64_t end) {
-    const Slots::Lease slot(&slots_);
-    for (int64_t block = first; block < end; ++block) {
-      auto& of_block = may_print[static_cast<size_t>(block)];
-      engine_.Run(image, engine_.blocks()[block], slot.number(),
-                  [&of_block](int64_t output) { of_block.push_back(output); });
-    }
-  });
-  std::vector<int64_t> all;
-  for (const auto& of_block : may_print) all.insert(all.end(), of_block.begin(), of_block.end());
-  std::sort(all.begin(), all.end());
+  const std::vector<int64_t> may_print =
+      engine_.RunShared({call.input, nullptr, call.output, 0}, &slots_, workers);
   ImageConvolution<T> definition(call, 0);
   const int64_t columns = layer_.columns.outputs();
-  for (const int64_t output : all) {
+  for (const int64_t output : may_print) {
     const int64_t position = output / layer_.out_channels;
     definition.DefineOutput(static_cast<int32_t>(position / columns),
                             static_cast<int32_t>(position % columns),
