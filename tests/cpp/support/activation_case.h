@@ -96,7 +96,7 @@ ExactBuffer<int32_t> RunActivationBy(const ActivationCase& c, Run run, int offse
   const ActivationGroups groups = {{x_points.data(), c.points}, {offsets.data(), c.pieces},
                                    {slopes_m.data(), c.pieces}, {slopes_e.data(), c.pieces},
                                    c.size_splits.data(),        c.groups()};
-  run(in.data(), {c.positions, c.channels}, groups, c.mode, out.data());
+  run(in.data(), ActivationShape{c.positions, c.channels}, groups, c.mode, out.data());
   return out;
 }
 
