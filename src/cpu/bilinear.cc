@@ -61,9 +61,13 @@ void ComputeBilinear(const BilinearCall<T>& call, Workers* workers) {
     return warned;
   };
   const auto part = [&](int64_t first, int64_t end, const Replay& replay) {
+    int64_t item = first / blocks;
+    int64_t block = first % blocks;
     for (int64_t unit = first; unit < end; ++unit) {
-      const int64_t block = unit % blocks;
-      if (compute(unit / blocks, block * kDatapathBlock, BlockSize(block, size))) replay(unit);
+      if (compute(item, block * kDatapathBlock, BlockSize(block, size))) replay(unit);
+      if (++block < blocks) continue;
+      block = 0;
+      ++item;
     }
   };
   ShareWithReplay(workers, call.items * blocks, kCost, part, [&](int64_t unit) {

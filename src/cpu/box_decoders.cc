@@ -36,7 +36,7 @@ void SplitCentres(const T* pairs, int64_t count, int place, T* min, T* max) {
 // What the two decoders differ in.
 struct CornerForm {
   bool x_first;  // of the pairs that are computed, not of those that are written
-  int64_t cost;  // cycles of a block, roughly
+  int64_t cost;  // cycles of a whole block, roughly
 };
 
 // The centres of rows as factors of the corners: the columns' for all of them, the row's for one.
@@ -79,24 +79,28 @@ void ComputeInBlocks(const Call& call, const CornerForm& form, Workers* workers,
   };
   const auto part = [&](int64_t begin, int64_t end, const Replay& replay) {
     RowCentres<T> y(anchors);
-    for (int64_t unit = begin; unit < end; ++unit) {
+    int64_t unit = begin;
+    for (int64_t block = unit % blocks; unit < end; block = 0) {
       const DetectionRow row = DetectionRowAt(call.grid, unit / blocks);
-      const int64_t first = unit % blocks * kAnchorsInBlock;
-      if (unit == begin || first == 0) y.Set(call.y_centers + row.y, form.x_first ? 1 : 0);
-      const int64_t at = row.pairs + 2 * first;
-      const CornerFactors<T> factors{call.detection_centers + at,
-                                     call.detection_w_h + at,
-                                     {},
-                                     {y.MinFrom(2 * first), y.MaxFrom(2 * first)},
-                                     {x_min.data() + 2 * first, x_max.data() + 2 * first}};
-      if (corners(factors, first, size(first), call.output + 2 * at)) replay(unit);
+      y.Set(call.y_centers + row.y, form.x_first ? 1 : 0);
+      for (; block < blocks && unit < end; ++block, ++unit) {
+        const int64_t first = block * kAnchorsInBlock;
+        const int64_t at = row.pairs + 2 * first;
+        const CornerFactors<T> factors{call.detection_centers + at,
+                                       call.detection_w_h + at,
+                                       {},
+                                       {y.MinFrom(2 * first), y.MaxFrom(2 * first)},
+                                       {x_min.data() + 2 * first, x_max.data() + 2 * first}};
+        if (corners(factors, first, size(first), call.output + 2 * at)) replay(unit);
+      }
     }
   };
-  ShareWithReplay(workers, DetectionRows(call.grid) * blocks, form.cost * size(0) / kAnchorsInBlock,
-                  part, [&](int64_t unit) {
-                    const int64_t first = unit % blocks * kAnchorsInBlock;
-                    define(DetectionRowAt(call.grid, unit / blocks), first, size(first));
-                  });
+  const int64_t units = DetectionRows(call.grid) * blocks;
+  const int64_t cost = 100 + form.cost * size(0) / kAnchorsInBlock;
+  ShareWithReplay(workers, units, cost, part, [&](int64_t unit) {
+    const int64_t first = unit % blocks * kAnchorsInBlock;
+    define(DetectionRowAt(call.grid, unit / blocks), first, size(first));
+  });
 }
 
 // The cycles of a block of corners, roughly, from those where sums are quantised and elsewhere.

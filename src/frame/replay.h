@@ -7,11 +7,8 @@
 #ifndef BITFOLD_SRC_FRAME_REPLAY_H_
 #define BITFOLD_SRC_FRAME_REPLAY_H_
 
-#include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <mutex>
-#include <vector>
 
 #include "frame/workers.h"
 
@@ -20,30 +17,25 @@ namespace bitfold {
 // Takes a unit that is to be done in order.
 using Replay = std::function<void(int64_t unit)>;
 
+// Does the units [first, end) but for those that it gives to `replay`, in ascending order.
+using ReplayPart = std::function<void(int64_t first, int64_t end, const Replay& replay)>;
+
 // Whether a part has all units.
 inline bool IsWhole(int64_t first, int64_t end, int64_t units) {
   return first == 0 && end == units;
 }
 
-// Shares the units [0, units) among the workers: part(first, end, replay), which calls
-// replay(unit), in ascending order, for what is to be done in order. That is define(unit): at once
-// in a part that has all units, otherwise on the calling thread, when all parts have ended.
+// Shares the units [0, units) out. What parts give to their replay is done by `define` in ascending
+// order: at once in a part that has all units, otherwise on the calling thread, when all parts have
+// ended.
+void ShareUnits(Workers* workers, int64_t units, int64_t cost, const ReplayPart& part,
+                const Replay& define);
+
+// The same of functions that stay where they are.
 template <typename Part, typename Define>
 void ShareWithReplay(Workers* workers, int64_t units, int64_t cost, const Part& part,
                      const Define& define) {
-  std::mutex mutex;
-  std::vector<int64_t> noted;
-  const auto note = [&](int64_t unit) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    noted.push_back(unit);
-  };
-  const auto share = [&](int64_t first, int64_t end) {
-    const bool is_whole = IsWhole(first, end, units);
-    part(first, end, is_whole ? Replay(std::cref(define)) : Replay(std::cref(note)));
-  };
-  workers->Share(units, cost, std::cref(share));
-  std::sort(noted.begin(), noted.end());
-  for (const int64_t unit : noted) define(unit);
+  ShareUnits(workers, units, cost, std::cref(part), std::cref(define));
 }
 
 }  // namespace bitfold

@@ -146,7 +146,7 @@ TEST(OutOfMemory, Resampler) {
   const int32_t* x = numbers.data();
   const BilinearCall<int32_t> call = {
       {{x, x, x, x}, {x, x, x, x}}, output.data(), 300, 2, 1.0f, false, {16, &mult_shift, false}};
-  EXPECT_EQ(FailEach(&output,
+  EXPECT_GE(FailEach(&output,
                      [&] {
                        const DefaultFloatingPointScope scope;
                        ComputeBilinear(call, &parts);
@@ -154,12 +154,13 @@ TEST(OutOfMemory, Resampler) {
             1);
 }
 
+// Each part of a vector has memory of its own.
 TEST(OutOfMemory, Softmax) {
   const std::vector<float> value(60, 1.0f);
   const std::vector<uint32_t> table(kSoftmaxTableWords, 1);
   std::vector<float> output(60);
   testing::BackwardParts parts(1);
-  EXPECT_EQ(FailEach(&output,
+  EXPECT_GE(FailEach(&output,
                      [&] {
                        const DefaultFloatingPointScope scope;
                        ComputeSoftmax(value.data(), output.data(), 60, 3, table.data(), true,
@@ -175,7 +176,7 @@ TEST(OutOfMemory, LayerNorm) {
   testing::BackwardParts parts(1);
   LayerNormParams params{};
   params.epsilon = 7;
-  EXPECT_EQ(FailEach(&output,
+  EXPECT_GE(FailEach(&output,
                      [&] {
                        const DefaultFloatingPointScope scope;
                        ComputeLayernorm(value.data(), output.data(), {20, 3, 1, 1}, table.data(),
