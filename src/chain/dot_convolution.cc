@@ -51,7 +51,8 @@ int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
 }
 
 template <typename In, typename Output>
-bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch) {
+bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
+                                         const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
   };
@@ -60,7 +61,7 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch)
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
   const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
   for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
-  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel);
+  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel, addends);
   return true;
 }
 
@@ -95,9 +96,13 @@ void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
 
 // Minus the offset times the weights of a lane, which the padding has, too.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::SumPanel(int32_t panel) {
+void DotConvolution<In, Output>::SumPanel(int32_t panel, const int32_t* addends) {
   int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
   std::fill_n(sums, kPanel, 0);
+  if (addends != nullptr) {
+    const int32_t first = panel * kPanel;
+    std::copy_n(addends + first, std::min(kPanel, layer_.out_channels - first), sums);
+  }
   if (plan_.input_offset == 0) return;
   const int32_t* weights = weights_ + panel * PanelWords();
   for (int64_t i = 0; i < PanelWords(); ++i) {
@@ -226,5 +231,7 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
 
 template class DotConvolution<int32_t, SumOutput<int32_t>>;
 template class DotConvolution<float, SumOutput<float>>;
+template class DotConvolution<int8_t, StoredOutput>;
+template class DotConvolution<int16_t, StoredOutput>;
 
 }  // namespace bitfold
