@@ -239,7 +239,7 @@ void PreparedConvolution<In, Out>::RunImage(const In* image, Out* output) const 
     const std::vector<T> value = sums;
     ComputeBiasAdd<T>({value.data(), bias.data(), &factor, &once, sums.data(),
                        AdditionShape{1, 1, 1, layer_.out_channels}, call.datapath},
-                      layer_.OutputElements());
+                      layer_.OutputElements(), &calling_thread);
   }
   std::vector<int32_t> whole(sums.begin(), sums.end());
   whole.resize(whole.size() + kPanel);  // whole panels are read
