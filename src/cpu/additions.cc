@@ -32,11 +32,11 @@ struct Stop {
 
 using Passes = ProvenPasses<Stop>;
 
-// The cycles of a block of so many additions an element, roughly.
+// The cycles of a block, roughly: for each array that is read or written, and each addition.
 template <typename T>
-int64_t BlockCost(const Datapath<T>& datapath, int64_t additions) {
+int64_t BlockCost(const Datapath<T>& datapath, int64_t arrays, int64_t additions) {
   const bool quantises = datapath.use_fp16_acc() && std::is_same_v<T, float>;
-  return 130 + additions * (quantises ? 1100 : 70);
+  return 45 * arrays + (quantises ? 1000 : 45) * additions;
 }
 
 // define(first, n, passes) over [0, count), in parts of some elements, for many passes. Integers
@@ -46,7 +46,7 @@ template <typename T, typename Define>
 void ShareDefinition(Workers* workers, int64_t count, const Cancellation* cancellation,
                      const Define& define) {
   constexpr int64_t kElements = 16;
-  constexpr int64_t kCost = kElements * (std::is_same_v<T, int32_t> ? 150 : 5000);
+  constexpr int64_t kCost = kElements * (std::is_same_v<T, int32_t> ? 20 : 5000);
   const int64_t units = (count + kElements - 1) / kElements;
   const auto define_units = [&](int64_t first, int64_t end, const Stop& stop) {
     const int64_t element = first * kElements;
@@ -125,7 +125,7 @@ void ComputeAdd(const AddCall<T>& call, int64_t count, Workers* workers,
     loops.products(datapath, elementwise, factors.data(), n, products);
     return AddPasses<T>(datapath, value, {products}, passes, n, out);
   };
-  ForEachBlock(workers, count, BlockCost(datapath, passes), fast,
+  ForEachBlock(workers, count, BlockCost(datapath, 3, passes), fast,
                [&](int64_t first, int64_t n) { define(first, n, Passes{stop}); });
 }
 
@@ -146,7 +146,7 @@ void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count, Workers* workers,
     if (stop()) return false;
     return AddPasses<T>(datapath, call.value + i, {addends.From(i)}, passes, n, call.output + i);
   };
-  ForEachBlock(workers, count, BlockCost(datapath, passes), fast,
+  ForEachBlock(workers, count, BlockCost(datapath, 2, passes), fast,
                [&](int64_t first, int64_t n) { define(first, n, Passes{stop}); });
 }
 
@@ -170,7 +170,7 @@ void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t coun
     return AddPasses<T>(datapath, call.value + i, {parts_a.From(i), parts_b.From(i)}, passes, n,
                         call.output + i);
   };
-  ForEachBlock(workers, count, BlockCost(datapath, 2 * passes), fast,
+  ForEachBlock(workers, count, BlockCost(datapath, 2, 2 * passes), fast,
                [&](int64_t first, int64_t n) { define(first, n, Passes{stop}); });
 }
 
@@ -188,7 +188,7 @@ void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call
     return loops.accumulate_products(datapath, products, call.elementwise + i,
                                      elementwise_weights.From(i), n, call.output + i);
   };
-  ForEachBlock(workers, count, BlockCost(datapath, 1), fast,
+  ForEachBlock(workers, count, BlockCost(datapath, 3, 1), fast,
                [&](int64_t first, int64_t n) { DefineStandaloneElementwiseAdd(call, first, n); });
 }
 
