@@ -106,7 +106,8 @@ class ChainEngine {
   std::optional<OutputBlocks> blocks_;
   std::optional<DotConvolution<T, SumOutput<T>>> dot_;
   int32_t* dot_words_ = nullptr;  // what the slots have of an image, packed
-  std::optional<DotDepthwise<T>> dot_depthwise_;
+  std::optional<DotDepthwise<T, SumOutput<T>>> dot_depthwise_;
+  char* dot_memory_ = nullptr;  // what the slots need for it
   std::optional<LaneSums<T>> sums_;
   std::optional<Stepwise<D, T>> stepwise_;
 };
