@@ -182,7 +182,7 @@ TYPED_TEST(LayerFinishOf, Ties) {
       t.pixels = 64;
       t.bits = t.width = 32;
       t.mode = ModeOf<Out>(rescaling, 0);
-      t.multipliers = {std::ldexp(0.5, exponent)};
+      t.multipliers.push_back(std::ldexp(0.5, exponent));
       const int64_t half = int64_t{1} << -exponent;
       for (int i = 0; i < t.pixels * kPanel; ++i) {
         const int64_t tie = (2 * random.Between(-150, 150) + 1) * half;
@@ -208,7 +208,7 @@ TYPED_TEST(LayerFinishOf, WrapsOfEveryWidth) {
         t.width = width;
         t.shift = shift;
         t.mode = ModeOf<Out>(kRescalings[random.Between(0, 2)], 0);
-        t.multipliers = {std::ldexp(0.75, std::max(-31, 9 - width))};
+        t.multipliers.push_back(std::ldexp(0.75, std::max(-31, 9 - width)));
         for (int c = 0; c < t.channels; ++c) t.bias.push_back(random.Pick(boundaries));
         for (const int32_t sum : boundaries) t.sums.insert(t.sums.end(), 2 * kPanel, sum);
         ASSERT_TRUE(Check<Out>(t)) << width;

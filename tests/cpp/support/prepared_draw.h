@@ -167,6 +167,13 @@ void FillPrepared(Random* random, PreparedCase<In, Out>* c, Numbers numbers = Nu
   }
 }
 
+// The same, the largest product among those that the plan must allow for.
+template <typename In, typename Out>
+void FillForPlan(Random* random, PreparedCase<In, Out>* c, Numbers numbers = Numbers::kAny) {
+  FillPrepared(random, c, numbers);
+  c->filter[static_cast<size_t>(random->Between(0, c->FilterElements() - 1))] = INT8_MIN;
+}
+
 // An axis of at least one output.
 inline LayerAxis DrawAxis(Random* random) {
   LayerAxis axis = {random->Between(1, 9), random->Between(1, 5), random->Between(1, 3),
