@@ -206,10 +206,11 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (held_ == nullptr || !held_->IsOf(context)) {
       PreparedLayer layer{};
+      OpWorkers workers(context);
       TF_RETURN_IF_ERROR(Describe(context, &layer));
       held_ =
           std::make_shared<const Held>(Held{context->input(1), context->input(2), context->input(3),
-                                            std::make_unique<const Layer>(layer)});
+                                            std::make_unique<const Layer>(layer, &workers)});
     }
     *held = held_;
     return absl::OkStatus();
