@@ -173,6 +173,33 @@ TYPED_TEST(PreparedLayers, WidthsAndShifts) {
   }
 }
 
+// Products beyond the period of an accumulator, whose sums one wrap for each does not bring back:
+// they grow to any magnitude, and the rescaling meets them.
+TYPED_TEST(PreparedLayers, SumsFarOutsideTheAccumulator) {
+  using In = typename TypeParam::In;
+  using Out = typename TypeParam::Out;
+  Random random(0xfa5);
+  for (const int32_t width : {0, 1, 2, 7, 8, 12}) {
+    for (const bool is_depthwise : {false, true}) {
+      PreparedCase<In, Out> c;
+      c.accumulator_size = width;
+      c.is_depthwise = is_depthwise;
+      c.zero_point = std::numeric_limits<In>::max();
+      c.rows = {20, 18, 1, 1, 0, 0};
+      c.columns = {20, 19, 1, 1, 0, 0};
+      c.in_channels = is_depthwise ? 17 : 3;
+      c.out_channels = 17;
+      FillPrepared(&random, &c);
+      c.input.assign(c.input.size(), std::numeric_limits<In>::min());
+      for (int8_t& weight : c.filter) weight = static_cast<int8_t>(-1 - random.Between(0, 127));
+      c.bias.clear();
+      c.mode = {Rescaling::kTwoRoundings, 0, 0, -100, 100};
+      c.multipliers = {width == 0 ? 0x1p-24 : 0x1.8p-25};
+      ASSERT_TRUE(CheckPrepared(c));
+    }
+  }
+}
+
 // The bounds of a bias that the sums may begin with.
 TYPED_TEST(PreparedLayers, BiasesAtTheirBounds) {
   using In = typename TypeParam::In;
@@ -220,7 +247,9 @@ TEST(PreparedConvolution, SeveralThreadsCallALayerAtTheSameTime) {
     c.out_channels = 24;
     c.use_fp16_acc = use_fp16_acc;
     FillForPlan(&random, &c);
-    const auto layer = c.Prepare();
+    c.bias.clear();  // nothing is printed
+    testing::ThreadParts two(2, 1);
+    const auto layer = c.Prepare(&two);
     constexpr int kThreads = 4;
     std::vector<PreparedCase<int8_t, int8_t>> cases(kThreads, c);
     std::vector<std::vector<int8_t>> results(kThreads);
@@ -230,8 +259,8 @@ TEST(PreparedConvolution, SeveralThreadsCallALayerAtTheSameTime) {
       threads.emplace_back([&, t] {
         const auto& own = cases[static_cast<size_t>(t)];
         std::vector<int8_t> out(static_cast<size_t>(own.count()));
-        CallingThread workers;
-        for (int i = 0; i < 20; ++i) layer->Run(own.input.data(), 1, out.data(), &workers);
+        testing::ThreadParts workers(2, 1);
+        for (int i = 0; i < 10; ++i) layer->Run(own.input.data(), 1, out.data(), &workers);
         results[static_cast<size_t>(t)] = out;
       });
     }

@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <string>
 #include <type_traits>
@@ -62,18 +64,28 @@ struct Tile {
   }
 };
 
-// By the scalar rules: sign-extended by arithmetic, accumulated, rescaled, clamped.
-int32_t Finished(const Tile& t, int64_t i) {
+// By the scalar rules: sign-extended by arithmetic, accumulated.
+int32_t SumWithBias(const Tile& t, int64_t i) {
   const int64_t period = int64_t{1} << t.bits;
   const int64_t low = ((int64_t{t.Sum(i)} % period) + period) % period;
-  auto sum = static_cast<int32_t>(low >= period / 2 ? low - period : low);
-  const auto shift = static_cast<int8_t>(t.shift);
-  const Datapath<int32_t> datapath(t.width, shift, false);
-  if (!t.bias.empty()) {
-    sum = datapath.Accumulate(sum, datapath.ScaleProduct(t.bias[t.Channel(i)]));
-  }
+  const auto sum = static_cast<int32_t>(low >= period / 2 ? low - period : low);
+  if (t.bias.empty()) return sum;
+  const Datapath<int32_t> datapath(t.width, static_cast<int8_t>(t.shift), false);
+  return datapath.Accumulate(sum, datapath.ScaleProduct(t.bias[t.Channel(i)]));
+}
+
+// Rescaled, clamped.
+int32_t Finished(const Tile& t, int64_t i) {
   const ChannelMultiplier multiplier = ShiftedMultiplier(t.Multiplier(i), t.mode.shift);
-  return ShiftAndClamp(Rescale(sum, multiplier, t.mode.rescaling), t.mode);
+  return ShiftAndClamp(Rescale(SumWithBias(t, i), multiplier, t.mode.rescaling), t.mode);
+}
+
+int64_t LargestSum(const Tile& t) {
+  int64_t largest = 0;
+  for (int64_t i = 0; i < int64_t{t.pixels} * t.channels; ++i) {
+    largest = std::max(largest, std::abs(int64_t{SumWithBias(t, i)}));
+  }
+  return largest;
 }
 
 constexpr int32_t kPosition = 3;  // of the tile in the output
@@ -103,7 +115,8 @@ template <typename Out>
       t.multipliers.data(),
       t.multipliers.size() > 1,
       t.mode,
-      std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16};
+      std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16,
+      LargestSum(t)};
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
     const LayerFinish finish(call);
@@ -191,6 +204,49 @@ TYPED_TEST(LayerFinishOf, Ties) {
       ASSERT_TRUE(Check<Out>(t)) << exponent;
     }
   }
+}
+
+// Sums and terms up to the bounds within which two roundings take one sum less, ties among them;
+// and beyond.
+TYPED_TEST(LayerFinishOf, TwoRoundingsOfModestSums) {
+  using Out = TypeParam;
+  using Limits = std::numeric_limits<Out>;
+  Random random(0x30de);
+  constexpr int32_t kMost = (1 << 30) - 1;
+  for (int exponent = -31; exponent <= 1; ++exponent) {
+    for (const int32_t most : {40, 1 << 20, kMost, kMost + 1}) {
+      for (const int32_t zero_point :
+           {0, 1, -1, int32_t{Limits::min()}, int32_t{Limits::max()}, 1 << 6, -(1 << 4)}) {
+        Tile t = {};
+        t.layer_channels = t.channels = 2 * kPanel - 3;
+        t.pixels = 40;
+        t.mode = ModeOf<Out>(Rescaling::kTwoRoundings, zero_point);
+        if (random.Flag()) t.mode.minimum = random.Between(Limits::min(), 0);
+        if (random.Flag()) t.mode.maximum = random.Between(0, Limits::max());
+        for (int c = 0; c < t.channels; ++c) {
+          const double fraction = c % 3 == 0   ? 0.5
+                                  : c % 3 == 1 ? 1 - 0x1p-31
+                                               : 0.5 + std::ldexp(random.Bits(), -33);
+          t.multipliers.push_back(std::ldexp(fraction, exponent));
+        }
+        const int64_t half = int64_t{1} << std::max(0, -exponent);
+        for (int i = 0; i < t.pixels * t.lanes(); ++i) {
+          const int64_t tie = (2 * random.Between(-300, 300) + 1) * half + random.Between(-1, 1);
+          const int64_t sum = i % 3 == 0   ? tie
+                              : i % 3 == 1 ? int64_t{random.Flag() ? most : -most}
+                                           : random.Between(-most, most);
+          t.sums.push_back(static_cast<int32_t>(std::clamp<int64_t>(sum, -most, most)));
+        }
+        if (random.Flag()) {
+          t.width = 32;
+          for (int c = 0; c < t.channels; ++c) t.bias.push_back(random.Between(-5, 5));
+          for (int32_t& sum : t.sums) sum -= sum / (1 << 20);
+        }
+        ASSERT_TRUE(Check<Out>(t)) << exponent << " " << most << " " << zero_point;
+      }
+    }
+  }
+  if (IsSupported(Target::kAvx512)) Ran(Path::kFinishModest);
 }
 
 // Sums that lie around every bound of an accumulator, of its bits and wider, plus any bias.

@@ -111,7 +111,7 @@ struct PreparedCase {
   }
 
   // The layer has copied what it was made of.
-  std::unique_ptr<const PreparedConvolution<In, Out>> Prepare() const {
+  std::unique_ptr<const PreparedConvolution<In, Out>> Prepare(Workers* workers) const {
     const ExactBuffer<int8_t> own_filter(filter);
     const ExactBuffer<int32_t> own_bias(bias);
     const ExactBuffer<double> own_multipliers(multipliers);
@@ -119,7 +119,7 @@ struct PreparedCase {
     layer.filter = own_filter.data();
     layer.bias = bias.empty() ? nullptr : own_bias.data();
     layer.multipliers = own_multipliers.data();
-    return std::make_unique<const PreparedConvolution<In, Out>>(layer);
+    return std::make_unique<const PreparedConvolution<In, Out>>(layer, workers);
   }
 
   PreparedOutput<Out> By(const PreparedConvolution<In, Out>& layer, Workers* workers,
