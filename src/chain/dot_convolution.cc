@@ -59,7 +59,7 @@ int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
 }
 
 template <typename In, typename Output>
-bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
+bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                                          const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
@@ -68,38 +68,46 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
   initial_sums_ = words(panels_ * kPanel);
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
   const int64_t taps = int64_t{layer_.rows.taps} * taps_;
-  for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
-  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel, addends);
+  const int64_t groups = (tap_size_ + kChannelsTogether - 1) / kChannelsTogether;
+  const int64_t cost = kChannelsTogether * int64_t{layer_.out_channels} / 4;  // in cycles
+  workers->Share(taps * groups, cost, [&](int64_t first, int64_t end) {
+    for (int64_t i = first; i < end; ++i) {
+      PackGroup(filter, i / groups, i % groups * kChannelsTogether);
+    }
+  });
+  workers->Share(panels_, PanelWords() / 4, [&](int64_t first, int64_t end) {
+    for (int64_t panel = first; panel < end; ++panel) {
+      SumPanel(static_cast<int32_t>(panel), addends);
+    }
+  });
   return true;
 }
 
-// A few input channels of all panels at a time, which lie near each other: twice as fast for a
-// layer of 512 to 512 channels as panel by panel. The filter is read in place but for a panel that
-// is not full, which zeros fill up.
+// A few input channels of a tap, from `first` on, for all panels: they lie near each other, so that
+// this is twice as fast for a layer of 512 to 512 channels as panel by panel. The filter is read in
+// place but for a panel that is not full, which zeros fill up.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
+void DotConvolution<In, Output>::PackGroup(const Weight* filter, int64_t tap, int64_t first) {
   Weight filled[kChannelsTogether * kPanel];
-  for (int64_t first = 0; first < tap_size_; first += kChannelsTogether) {
-    const auto channels =
-        static_cast<int32_t>(std::min<int64_t>(kChannelsTogether, tap_size_ - first));
-    const Weight* rows = filter + (tap * tap_size_ + first) * layer_.out_channels;
-    int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
-    for (int32_t panel = 0; panel < panels_; ++panel) {
-      const Weight* weights = rows + panel * kPanel;
-      int32_t* out = words + panel * PanelWords();
-      int64_t stride = layer_.out_channels;
-      const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
-      if (lanes < kPanel) {
-        for (int32_t c = 0; c < channels; ++c) {
-          Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
-          std::fill_n(end, kPanel - lanes, Weight{0});
-        }
-        weights = filled;
-        stride = kPanel;
+  const auto channels =
+      static_cast<int32_t>(std::min<int64_t>(kChannelsTogether, tap_size_ - first));
+  const Weight* rows = filter + (tap * tap_size_ + first) * layer_.out_channels;
+  int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
+  for (int32_t panel = 0; panel < panels_; ++panel) {
+    const Weight* weights = rows + panel * kPanel;
+    int32_t* out = words + panel * PanelWords();
+    int64_t stride = layer_.out_channels;
+    const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
+    if (lanes < kPanel) {
+      for (int32_t c = 0; c < channels; ++c) {
+        Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
+        std::fill_n(end, kPanel - lanes, Weight{0});
       }
-      IsBytes() ? PackWeightBytes(weights, channels, stride, out)
-                : PackWeightShorts(weights, channels, stride, out);
+      weights = filled;
+      stride = kPanel;
     }
+    IsBytes() ? PackWeightBytes(weights, channels, stride, out)
+              : PackWeightShorts(weights, channels, stride, out);
   }
 }
 

@@ -164,10 +164,12 @@ void PreparedConvolution<In, Out>::PrepareDots(const std::vector<int32_t>& weigh
   finish.largest_sum = std::min(largest, finish.largest_sum);
   if (begins) finish.bias = nullptr;
   const int32_t* addends = begins ? layer_.bias : nullptr;
+  CallingThread calling_thread;  // once for a network
   const bool has_memory =
       layer_.is_depthwise
           ? depthwise_.emplace(Dots(), *plan_).Prepare(weights.data(), 1, &memory_, addends)
-          : dots_.emplace(Dots(), *plan_).Prepare(weights.data(), &memory_, addends);
+          : dots_.emplace(Dots(), *plan_)
+                .Prepare(weights.data(), &calling_thread, &memory_, addends);
   if (!has_memory) throw std::bad_alloc();
   finish_ = std::make_unique<LayerFinish>(finish);
 }

@@ -11,6 +11,8 @@ from typing import Any
 import numpy as np
 import tensorflow as tf
 
+from bitfold._frame.tensors import is_tensor, limits
+
 # Narrower types that the ops' two element types hold exactly.
 _WIDENED = {
     tf.int8: tf.int32,
@@ -39,7 +41,7 @@ def element_tensor(x: Any, name: str, dtype: tf.DType | None = None) -> tf.Tenso
         TypeError: for other types, and where `x` cannot become `dtype` exactly.
         ValueError: for int64 data with values that no int32 holds.
     """
-    if not tf.is_tensor(x):
+    if not is_tensor(x):
         x = _host_array(x, name, dtype)
     tensor = tf.convert_to_tensor(x)
     if tensor.dtype in _WIDENED:
@@ -91,7 +93,7 @@ def fixed_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
         TypeError: for data that is not of an integer type, or a tensor that `dtype` does not hold.
         ValueError: for numbers outside the type's range.
     """
-    if tf.is_tensor(x):
+    if is_tensor(x):
         tensor = tf.convert_to_tensor(x)
         if tensor.dtype == dtype:
             return tensor
@@ -110,10 +112,12 @@ def scalar_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
             no integer where one is needed.
         ValueError: for a number that the type does not hold.
     """
-    if tf.is_tensor(x):
+    if is_tensor(x):
         if x.dtype != dtype:
             raise TypeError(f"{name} must be {dtype.name}, got {x.dtype.name}")
         return x
+    if type(x) is int and dtype.is_integer and limits(dtype)[0] <= x <= limits(dtype)[1]:
+        return tf.constant(x, dtype)
     value = np.asarray(x)
     if value.dtype.kind not in "iubf":
         raise TypeError(f"{name} must be a number, got {x!r}")

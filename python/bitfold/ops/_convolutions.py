@@ -20,6 +20,7 @@ from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
 from bitfold._frame.shapes import convolution_shape, without_static_shape
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -206,7 +207,7 @@ def _require_depthwise_channels(needs: Needs, input: tf.Tensor, filter: tf.Tenso
     if filter.shape.rank == 5:
         pairs.append(("images", needs.dimension(filter, 0), needs.dimension(input, 0), "at least"))
     for what, got, wanted, side in pairs:
-        if tf.is_tensor(got) or tf.is_tensor(wanted):
+        if is_tensor(got) or is_tensor(wanted):
             continue  # the kernel refuses, which reads nothing beyond
         fits = got <= wanted if side == "at most" else got >= wanted
         needs.holds(fits, f"filter to have {side} the {wanted} {what} of input", f"{got} in shape "
@@ -222,6 +223,9 @@ def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
         return filter  # the kernel refuses
     if None not in last and min(last) > 1:
         raise ValueError(f"{forms} {static}: there is no channel multiplier")
+    if static.is_fully_defined():
+        wanted = [*static[:-2], 1, last[0] * last[1]]
+        return filter if static == wanted else tf.reshape(filter, wanted)
     shape = tf.shape(filter)
     checks = []
     if None in last and 1 not in last:
@@ -246,7 +250,7 @@ def _convolve_ordinary(raw_op, input, filters, *arguments) -> tf.Tensor:
     needs.rank(input, "input", 4)
     needs.rank(filters, "filters", 4, 5)
     channels = needs.dimension(input, -1)
-    count = "" if tf.is_tensor(channels) else f"{channels} "
+    count = "" if is_tensor(channels) else f"{channels} "
     needs.size(
         needs.dimension(filters, -2),
         channels,
@@ -269,9 +273,11 @@ def _convolve(
     dilations = spatial_values(dilations, "dilations")
     padding = padding_name(padding)
     needs.half_precision_float(use_fp16_acc, input.dtype)
-    shape = convolution_shape(input.shape, filters.shape, strides, dilations, padding)
+    eager = tf.executing_eagerly()
+    if not eager or elementwise is not None:
+        shape = convolution_shape(input.shape, filters.shape, strides, dilations, padding)
     if elementwise is None:
-        addend = tf.zeros([0], input.dtype)
+        addend = tf.constant([], input.dtype)
     else:
         addend = element_tensor(elementwise, "elementwise", input.dtype)
         _require_centre(needs, filters, dilations[1])
@@ -290,7 +296,7 @@ def _convolve(
             use_fp16_acc=use_fp16_acc,
             name=name,
         )
-    if tf.executing_eagerly():
+    if eager:
         return output
     output.set_shape(shape)
     if elementwise is not None and shape.num_elements() is None:
@@ -308,7 +314,7 @@ def _require_centre(needs: Needs, filters: tf.Tensor, dilation: int) -> None:
     height = needs.dimension(filters, -4)
     if dilation > 1:
         needs.holds(
-            height % 2 == 1 if not tf.is_tensor(height) else tf.equal(height % 2, 1),
+            height % 2 == 1 if not is_tensor(height) else tf.equal(height % 2, 1),
             "a filter of odd height for elementwise with a dilation above 1",
             height,
         )

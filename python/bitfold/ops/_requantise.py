@@ -13,6 +13,7 @@ from bitfold._frame.arguments import integer
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.multipliers import require_multipliers
+from bitfold._frame.tensors import is_tensor
 
 _ROUNDINGS = ("two_roundings", "short_multiplier", "one_rounding")
 _OUTPUTS = (tf.int8, tf.int16, tf.int32)
@@ -104,7 +105,7 @@ def requantise(
 
 def _sum_tensor(sums: Any, rounding: str) -> tf.Tensor:
     """Return the sums as a tensor of a type that the rounding takes."""
-    if not tf.is_tensor(sums):
+    if not is_tensor(sums):
         listed = not isinstance(sums, (np.ndarray, np.generic))
         sums = np.asarray(sums)
         if listed and (sums.size == 0 or (sums.dtype == np.int64 and _fits_int32(sums))):
@@ -148,7 +149,7 @@ def _multiplier_tensor(
     multipliers: Any, sums: tf.TensorShape, rounding: str, shift: int
 ) -> tf.Tensor:
     """Return the multipliers as a tensor of rank 1; what can be known of them is checked."""
-    if tf.is_tensor(multipliers):
+    if is_tensor(multipliers):
         tensor = tf.convert_to_tensor(multipliers)
         if tensor.dtype != tf.float64:
             raise TypeError(f"multipliers must be float64, got {tensor.dtype.name}")

@@ -13,6 +13,7 @@ from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scal
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -286,7 +287,7 @@ def _require_splits(needs: Needs, size_splits: tf.Tensor, channels: Any) -> None
     needs.rank(size_splits, "size_splits", 1)
     sizes = tf.get_static_value(size_splits)
     what = "size_splits to sum to the channels of value"
-    if sizes is None or tf.is_tensor(channels):
+    if sizes is None or is_tensor(channels):
         needs.holds(tf.equal(tf.reduce_sum(size_splits), channels), what, size_splits)
         return
     sizes = sizes.tolist()
@@ -300,7 +301,7 @@ def _require_tables(needs: Needs, tables: dict[str, tf.Tensor], groups: Any) -> 
         needs.rank(table, key, 2)
     pieces = needs.dimension(tables["x_points"], 1) + 1
     for key, table in tables.items():
-        count = "" if tf.is_tensor(groups) else f"{groups} "
+        count = "" if is_tensor(groups) else f"{groups} "
         what = f"{key} to have {count}rows, one for each group of size_splits"
         needs.size(needs.dimension(table, 0), groups, what, table)
         if key != "x_points":
