@@ -28,6 +28,9 @@ those of the box decoders and of ``non_max_suppression``.
 
 Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output.
 
+Stored tensors. The ``stored_`` functions take and give the integers that a quantised network keeps,
+int8 and int16, as they are.
+
 Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
@@ -47,6 +50,7 @@ from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
 from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
 from bitfold.ops._matmul import matmul
 from bitfold.ops._requantise import requantise
+from bitfold.ops._stored import stored_elementwise
 from bitfold.ops._units import activation, layer_norm, softmax
 
 __all__ = [
@@ -65,6 +69,7 @@ __all__ = [
     "non_max_suppression",
     "requantise",
     "softmax",
+    "stored_elementwise",
     "weighted_add",
 ]
 
