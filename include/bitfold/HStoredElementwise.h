@@ -13,19 +13,13 @@
 #include "bitfold/broadcast.h"
 #include "bitfold/int32_arithmetic.h"
 #include "bitfold/requantise.h"
+#include "bitfold/stored_scale.h"
 
 namespace bitfold {
 
 enum class StoredOperation { kAdd, kSubtract, kMultiply };
 
-// What stored integers stand for: scale * (stored - zero_point).
-struct StoredScale {
-  float scale;
-  int32_t zero_point;
-};
-
-// What the kernel's attributes say. Requires finite scales above 0, zero points in the type of the
-// elements, those of int16 0, and minimum <= maximum, both in that type.
+// What the kernel's attributes say. Requires minimum <= maximum, both in the type of the elements.
 struct StoredElementwiseMode {
   StoredOperation operation;
   StoredScale operands[2];

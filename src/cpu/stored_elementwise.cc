@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "cpu/result_scaling.h"
 #include "vector/target.h"
 
 namespace bitfold {
@@ -24,15 +25,6 @@ struct SumScaling {
   int32_t constant;
   int32_t offset;
   int32_t right;
-};
-
-struct ResultScaling {
-  int32_t mantissa;
-  int32_t left;
-  int32_t right;
-  int32_t zero_point;
-  int32_t minimum;
-  int32_t maximum;
 };
 
 template <typename T>
@@ -93,12 +85,6 @@ SumScaling ScalingOf(const StoredElementwiseMode& mode, int wider, FixedMultipli
           -multiplier.exponent};
 }
 
-ResultScaling ScalingOf(const StoredElementwiseMode& mode, FixedMultiplier multiplier) {
-  const int32_t left = std::max(multiplier.exponent, 0);
-  return {multiplier.mantissa,    left,         left - multiplier.exponent,
-          mode.output.zero_point, mode.minimum, mode.maximum};
-}
-
 // An operand's elements as the common shape has them.
 template <typename T>
 class Operand {
@@ -142,13 +128,13 @@ void ComputeStoredElementwise(const StoredElementwiseCall<T>& call, Workers* wor
   const bool is_product = mode.operation == StoredOperation::kMultiply;
   const int wider = mode.operands[0].scale >= mode.operands[1].scale ? 0 : 1;
   const SumScaling scaling = ScalingOf<T>(mode, wider, multipliers.operands[1 - wider]);
-  const ResultScaling result = ScalingOf(mode, multipliers.result);
+  const ResultScaling result =
+      ScalingBy(multipliers.result, mode.output.zero_point, mode.minimum, mode.maximum);
   const int32_t zero_points[2] = {mode.operands[0].zero_point, mode.operands[1].zero_point};
   const Operand<T> operands[2] = {{call, 0}, {call, 1}};
   const LoopsOf<T>& loops = CurrentLoopsOf<T>();
   const auto add = scaling.right == 0 ? loops.add : loops.add_divided;
-  const bool is_short = result.left == 0 && result.right >= 1 && result.right <= 30;
-  const auto store = is_short ? loops.divide : loops.rescale;
+  const auto store = OnlyDivides(result) ? loops.divide : loops.rescale;
   workers->Share(CountOf(*call.broadcast), kCost, [&](int64_t first, int64_t end) {
     T copies[2][kBlock];
     int32_t sums[kBlock];

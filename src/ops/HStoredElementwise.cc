@@ -73,15 +73,16 @@ template <typename Device>
 class HStoredElementwiseOp : public GuardedOp {
  public:
   explicit HStoredElementwiseOp(OpKernelConstruction* context) : GuardedOp(context) {
+    const DefaultFloatingPointScope scope;
     OP_REQUIRES_OK(context, context->GetAttr("T", &type_));
     std::string operation;
     OP_REQUIRES_OK(context, context->GetAttr("operation", &operation));
     mode_.operation = operation == "add"        ? StoredOperation::kAdd
                       : operation == "subtract" ? StoredOperation::kSubtract
                                                 : StoredOperation::kMultiply;
-    OP_REQUIRES_OK(context, GetScale(context, "first", &mode_.operands[0]));
-    OP_REQUIRES_OK(context, GetScale(context, "second", &mode_.operands[1]));
-    OP_REQUIRES_OK(context, GetScale(context, "output", &mode_.output));
+    OP_REQUIRES_OK(context, GetStoredScale(context, "first", type_, &mode_.operands[0]));
+    OP_REQUIRES_OK(context, GetStoredScale(context, "second", type_, &mode_.operands[1]));
+    OP_REQUIRES_OK(context, GetStoredScale(context, "output", type_, &mode_.output));
     OP_REQUIRES_OK(context, context->GetAttr("minimum", &mode_.minimum));
     OP_REQUIRES_OK(context, context->GetAttr("maximum", &mode_.maximum));
     OP_REQUIRES_OK(context, RequireStoredBounds(mode_.minimum, mode_.maximum, type_));
@@ -95,16 +96,8 @@ class HStoredElementwiseOp : public GuardedOp {
   }
 
  private:
-  absl::Status GetScale(OpKernelConstruction* context, const char* name, StoredScale* scale) const {
-    const DefaultFloatingPointScope scope;
-    TF_RETURN_IF_ERROR(context->GetAttr(absl::StrCat(name, "_scale"), &scale->scale));
-    TF_RETURN_IF_ERROR(context->GetAttr(absl::StrCat(name, "_zero_point"), &scale->zero_point));
-    return RequireStoredScale(name, scale->scale, scale->zero_point, type_);
-  }
-
   template <typename T>
   absl::Status CheckMultipliers() const {
-    const DefaultFloatingPointScope scope;
     const double result = ResultMultiplier<T>(mode_);
     if (mode_.operation == StoredOperation::kMultiply) {
       if (IsProductMultiplier(result)) return absl::OkStatus();

@@ -10,7 +10,10 @@
 #include <cstdint>
 
 #include "absl/status/status.h"
+#include "absl/strings/str_cat.h"
 #include "absl/strings/str_format.h"
+#include "bitfold/stored_scale.h"
+#include "tensorflow/core/framework/op_kernel.h"
 #include "tensorflow/core/framework/types.h"
 
 namespace bitfold {
@@ -27,17 +30,27 @@ inline StoredRange RangeOf(tensorflow::DataType type) {
 }
 
 // int16 is symmetric: its zero point is 0.
-inline absl::Status RequireStoredScale(const char* what, float scale, int32_t zero_point,
+inline absl::Status RequireStoredScale(const char* what, const StoredScale& scale,
                                        tensorflow::DataType type) {
-  if (!(scale > 0) || !std::isfinite(scale)) {
+  if (!(scale.scale > 0) || !std::isfinite(scale.scale)) {
     return absl::InvalidArgumentError(
-        absl::StrFormat("Need a finite %s_scale above 0, got %.9g", what, scale));
+        absl::StrFormat("Need a finite %s_scale above 0, got %.9g", what, scale.scale));
   }
   const StoredRange range = type == tensorflow::DT_INT16 ? StoredRange{0, 0} : RangeOf(type);
-  if (zero_point >= range.lowest && zero_point <= range.highest) return absl::OkStatus();
-  return absl::InvalidArgumentError(absl::StrFormat("Need %s_zero_point in [%d, %d] for %s, got %d",
-                                                    what, range.lowest, range.highest,
-                                                    tensorflow::DataTypeString(type), zero_point));
+  if (scale.zero_point >= range.lowest && scale.zero_point <= range.highest)
+    return absl::OkStatus();
+  return absl::InvalidArgumentError(
+      absl::StrFormat("Need %s_zero_point in [%d, %d] for %s, got %d", what, range.lowest,
+                      range.highest, tensorflow::DataTypeString(type), scale.zero_point));
+}
+
+// Reads and checks the attributes NAME_scale and NAME_zero_point. Requires the default
+// floating-point environment, in which no scale is flushed to 0.
+inline absl::Status GetStoredScale(tensorflow::OpKernelConstruction* context, const char* name,
+                                   tensorflow::DataType type, StoredScale* scale) {
+  TF_RETURN_IF_ERROR(context->GetAttr(absl::StrCat(name, "_scale"), &scale->scale));
+  TF_RETURN_IF_ERROR(context->GetAttr(absl::StrCat(name, "_zero_point"), &scale->zero_point));
+  return RequireStoredScale(name, *scale, type);
 }
 
 inline absl::Status RequireStoredBounds(int32_t minimum, int32_t maximum,
