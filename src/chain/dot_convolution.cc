@@ -14,84 +14,76 @@ namespace {
 // Whole words of any kind.
 constexpr int32_t kChannelsTogether = 16;
 
-// A row of outputs is one long one where each output has one tap of its own: tiles are whole then.
-WindowAxis WholeImage(const ConvolutionAxis& row_axis, const ConvolutionAxis& column_axis,
-                      bool of_rows) {
-  const WindowAxis rows(row_axis);
-  const WindowAxis columns(column_axis);
+}  // namespace
+
+template <typename In, typename Output>
+DotConvolution<In, Output>::DotConvolution(const DotLayer& layer, const ChainPlan& plan)
+    : layer_(layer),
+      plan_(plan),
+      before_(std::max(0, -layer.columns.first)),
+      padded_columns_(before_ + std::max(0, layer.columns.Coordinate(layer.columns.outputs - 1,
+                                                                     layer.columns.taps - 1) +
+                                                1)),
+      words_((layer.in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
+      panels_((layer.out_channels + kPanel - 1) / kPanel) {}
+
+template <typename In, typename Output>
+bool DotConvolution<In, Output>::IsPixelwise() const {
   const auto is_plain = [](const WindowAxis& a) {
     return a.taps == 1 && a.stride == 1 && a.first == 0 && a.outputs == a.input;
   };
-  const int64_t size = int64_t{rows.input} * columns.input;
-  if (!is_plain(rows) || !is_plain(columns) || size > INT32_MAX) return of_rows ? rows : columns;
-  const int32_t input = of_rows ? 1 : static_cast<int32_t>(size);
-  return WindowAxis({input, 1, 1, 1, Padding::kValid});
+  return is_plain(layer_.rows) && is_plain(layer_.columns);
 }
 
-}  // namespace
-
-template <typename T>
-DotConvolution<T>::PaddedAxis::PaddedAxis(const WindowAxis& axis) {
-  before = std::max(0, -axis.first);
-  const int32_t last = axis.Coordinate(axis.outputs - 1, axis.taps - 1);
-  size = before + std::max(axis.input, last + 1);
-}
-
-template <typename T>
-DotConvolution<T>::DotConvolution(const ConvolutionCall<T>& call, const ChainPlan& plan)
-    : rows_(WholeImage(call.rows, call.columns, true)),
-      columns_(WholeImage(call.rows, call.columns, false)),
-      in_channels_(call.in_channels),
-      out_channels_(call.out_channels),
-      plan_(plan),
-      padded_rows_(rows_),
-      padded_columns_(columns_),
-      words_((call.in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
-      panels_((call.out_channels + kPanel - 1) / kPanel) {}
-
-template <typename T>
-int64_t DotConvolution<T>::ImageElements() const {
-  const int64_t positions = int64_t{padded_rows_.size} * padded_columns_.size;
-  int64_t elements;
+template <typename In, typename Output>
+int64_t DotConvolution<In, Output>::StripWords(int32_t rows) const {
+  const int64_t packed_rows = (int64_t{rows} - 1) * layer_.rows.stride +
+                              (int64_t{layer_.rows.taps} - 1) * layer_.rows.dilation + 1;
+  int64_t words;
   const bool overflows =
-      __builtin_mul_overflow(positions, int64_t{words_} * NumbersInAWord(), &elements);
-  return overflows ? INT64_MAX : elements;
+      __builtin_mul_overflow(packed_rows, int64_t{padded_columns_} * words_, &words);
+  return overflows ? INT64_MAX : words;
 }
 
-template <typename T>
-bool DotConvolution<T>::Prepare(const T* filter, int slots, Scratch* scratch) {
+template <typename In, typename Output>
+int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
+  return pixels * words_;
+}
+
+template <typename In, typename Output>
+bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
+                                         const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
   };
-  images_ = words(slots * ImageWords());
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
-  if (images_ == nullptr || weights_ == nullptr || initial_sums_ == nullptr) return false;
-  const int64_t taps = int64_t{rows_.taps} * columns_.taps;
+  if (weights_ == nullptr || initial_sums_ == nullptr) return false;
+  const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
   for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
-  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel);
+  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel, addends);
   return true;
 }
 
 // A few input channels of all panels at a time, which lie near each other: twice as fast for a
 // layer of 512 to 512 channels as panel by panel. The filter is read in place but for a panel that
 // is not full, which zeros fill up.
-template <typename T>
-void DotConvolution<T>::PackTap(const T* filter, int64_t tap) {
-  T filled[kChannelsTogether * kPanel];
-  for (int32_t first = 0; first < in_channels_; first += kChannelsTogether) {
-    const int32_t channels = std::min(kChannelsTogether, in_channels_ - first);
-    const T* rows = filter + (tap * in_channels_ + first) * out_channels_;
+template <typename In, typename Output>
+void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
+  Weight filled[kChannelsTogether * kPanel];
+  for (int32_t first = 0; first < layer_.in_channels; first += kChannelsTogether) {
+    const int32_t channels = std::min(kChannelsTogether, layer_.in_channels - first);
+    const Weight* rows = filter + (tap * layer_.in_channels + first) * layer_.out_channels;
     int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
     for (int32_t panel = 0; panel < panels_; ++panel) {
-      const T* weights = rows + panel * kPanel;
+      const Weight* weights = rows + panel * kPanel;
       int32_t* out = words + panel * PanelWords();
-      int64_t stride = out_channels_;
-      const int32_t lanes = std::min(kPanel, out_channels_ - panel * kPanel);
+      int64_t stride = layer_.out_channels;
+      const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
       if (lanes < kPanel) {
         for (int32_t c = 0; c < channels; ++c) {
-          T* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
-          std::fill_n(end, kPanel - lanes, T{0});
+          Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
+          std::fill_n(end, kPanel - lanes, Weight{0});
         }
         weights = filled;
         stride = kPanel;
@@ -103,10 +95,14 @@ void DotConvolution<T>::PackTap(const T* filter, int64_t tap) {
 }
 
 // Minus the offset times the weights of a lane, which the padding has, too.
-template <typename T>
-void DotConvolution<T>::SumPanel(int32_t panel) {
+template <typename In, typename Output>
+void DotConvolution<In, Output>::SumPanel(int32_t panel, const int32_t* addends) {
   int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
   std::fill_n(sums, kPanel, 0);
+  if (addends != nullptr) {
+    const int32_t first = panel * kPanel;
+    std::copy_n(addends + first, std::min(kPanel, layer_.out_channels - first), sums);
+  }
   if (plan_.input_offset == 0) return;
   const int32_t* weights = weights_ + panel * PanelWords();
   for (int64_t i = 0; i < PanelWords(); ++i) {
@@ -115,101 +111,127 @@ void DotConvolution<T>::SumPanel(int32_t panel) {
   }
 }
 
-template <typename T>
-void DotConvolution<T>::PackImage(const T* image, int32_t* words) const {
-  // What lies outside has the bytes of 0.
-  const int32_t zero = IsBytes() ? WrapMultiply(plan_.input_offset, 0x01010101) : 0;
-  const int64_t padded_row = int64_t{padded_columns_.size} * words_;
-  const int64_t used = int64_t{columns_.input} * words_;
-  const int64_t before = int64_t{padded_columns_.before} * words_;
-  std::fill_n(words, padded_rows_.before * padded_row, zero);
-  words += padded_rows_.before * padded_row;
-  for (int32_t row = 0; row < rows_.input; ++row, words += padded_row) {
-    std::fill_n(words, before, zero);
-    PackRow(image + int64_t{row} * columns_.input * in_channels_, words + before);
-    std::fill_n(words + before + used, padded_row - before - used, zero);
-  }
-  const int32_t after = padded_rows_.size - padded_rows_.before - rows_.input;
-  std::fill_n(words, after * padded_row, zero);
-}
-
 // Channels are filled up to whole words: what they meet is 0 in the weights.
-template <typename T>
-void DotConvolution<T>::PackRow(const T* row, int32_t* words) const {
-  const auto pack = [this](const T* x, int64_t count, int32_t* out) {
+template <typename In, typename Output>
+void DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, int32_t* words) const {
+  const auto pack = [this](const In* x, int64_t numbers, int32_t* out) {
     if (IsBytes()) {
-      PackBytes(x, count, plan_.input_offset, reinterpret_cast<uint8_t*>(out));
+      PackBytes(x, numbers, StoredOffset(), reinterpret_cast<uint8_t*>(out));
     } else {
-      PackShorts(x, count, reinterpret_cast<int16_t*>(out));
+      PackShorts(x, numbers, StoredOffset(), reinterpret_cast<int16_t*>(out));
     }
   };
-  if (in_channels_ % NumbersInAWord() == 0) {
-    return pack(row, int64_t{columns_.input} * in_channels_, words);
-  }
-  for (int32_t column = 0; column < columns_.input; ++column) {
-    words[(column + 1) * words_ - 1] = 0;
-    pack(row + int64_t{column} * in_channels_, in_channels_, words + int64_t{column} * words_);
+  const int32_t channels = layer_.in_channels;
+  if (channels % NumbersInAWord() == 0) return pack(pixels, count * channels, words);
+  for (int64_t pixel = 0; pixel < count; ++pixel) {
+    words[(pixel + 1) * words_ - 1] = 0;
+    pack(pixels + pixel * channels, channels, words + pixel * words_);
   }
 }
 
-template <typename T>
-void DotConvolution<T>::Run(const T* image, const T* elementwise, T* output, int slot) const {
-  int32_t* words = images_ + slot * ImageWords();
-  PackImage(image, words);
-  const DotKernels<T>& kernels = CurrentDotKernels<T>();
-  for (int32_t panel = 0; panel < panels_;) {
+// `rows` rows from the image's row `first` on, which may lie outside: there all is 0.
+template <typename In, typename Output>
+void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32_t rows,
+                                           int32_t* words) const {
+  const int32_t zero = IsBytes() ? WrapMultiply(plan_.input_offset, 0x01010101) : 0;
+  const int32_t inside = std::min(layer_.columns.input, padded_columns_ - before_);
+  const int64_t padded_row = int64_t{padded_columns_} * words_;
+  const int64_t before = int64_t{before_} * words_;
+  const int64_t used = int64_t{inside} * words_;
+  const int64_t image_row = int64_t{layer_.columns.input} * layer_.in_channels;
+  for (int32_t row = first; row < first + rows; ++row, words += padded_row) {
+    if (row < 0 || row >= layer_.rows.input) {
+      std::fill_n(words, padded_row, zero);
+      continue;
+    }
+    std::fill_n(words, before, zero);
+    PackPixels(image + row * image_row, inside, words + before);
+    std::fill_n(words + before + used, padded_row - before - used, zero);
+  }
+}
+
+template <typename In, typename Output>
+void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, const Output& output,
+                                     int32_t* words) const {
+  const WindowAxis& rows = layer_.rows;
+  const int32_t first = rows.Coordinate(block.first_row, 0);
+  const int32_t end = rows.Coordinate(block.end_row - 1, rows.taps - 1) + 1;
+  PackStrip(image, first, end - first, words);
+  const int64_t padded_row = int64_t{padded_columns_} * words_;
+  const int64_t column = int64_t{layer_.columns.first} + before_;
+  const Strip strip = {words + column * words_, rows.stride * padded_row,
+                       int64_t{layer_.columns.stride} * words_, block.end_row - block.first_row,
+                       layer_.columns.outputs};
+  const int64_t position = int64_t{block.first_row} * layer_.columns.outputs;
+  RunStrip(strip, block.first_panel, block.end_panel, output.At(position, 0, layer_.out_channels));
+}
+
+template <typename In, typename Output>
+void DotConvolution<In, Output>::RunPixels(const In* pixels, int32_t count, const DotBlock& panels,
+                                           const Output& output, int32_t* words) const {
+  PackPixels(pixels, count, words);
+  RunStrip({words, 0, words_, 1, count}, panels.first_panel, panels.end_panel, output);
+}
+
+template <typename In, typename Output>
+void DotConvolution<In, Output>::RunStrip(const Strip& strip, int32_t first_panel,
+                                          int32_t end_panel, const Output& output) const {
+  const DotKernels<Output>& kernels = CurrentDotKernels<Output>();
+  for (int32_t panel = first_panel; panel < end_panel;) {
     int index = 0;
-    while (kernels.panels[index] > panels_ - panel) ++index;
-    RunPanels(words, elementwise, output, panel, index);
+    while (kernels.panels[index] > end_panel - panel) ++index;
+    RunPanels(strip, panel, index, output);
     panel += kernels.panels[index];
   }
 }
 
-// All outputs of kernels.panels[size_index] panels: their weights stay in the cache while the image
-// goes by. The last tile of a row may overlap the one before it.
-template <typename T>
-void DotConvolution<T>::RunPanels(const int32_t* words, const T* elementwise, T* output,
-                                  int32_t panel, int size_index) const {
-  const DotKernels<T>& kernels = CurrentDotKernels<T>();
-  int size = 0;
-  while (kernels.pixels[size] > columns_.outputs) ++size;
-  const int32_t pixels = kernels.pixels[size];
-  const auto kernel =
-      IsBytes() ? kernels.bytes[size][size_index] : kernels.shorts[size][size_index];
-  const int64_t first_channel = int64_t{panel} * kPanel;
+// All outputs of kernels.panels[size_index] panels: their weights stay in the cache while the strip
+// goes by. Of a row's last columns the tile may overlap the one before it, where that is larger
+// than what is left.
+template <typename In, typename Output>
+void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, int size_index,
+                                           const Output& output) const {
+  const DotKernels<Output>& kernels = CurrentDotKernels<Output>();
+  const auto& table = IsBytes() ? kernels.bytes : kernels.shorts;
+  const int32_t first_channel = panel * kPanel;
   const int32_t lanes = kernels.panels[size_index] * kPanel;
-  const int32_t channels = std::min(lanes, out_channels_ - panel * kPanel);
+  const int32_t channels = std::min(lanes, layer_.out_channels - first_channel);
 
   DotTile tile;
   tile.w = weights_ + panel * PanelWords();
   tile.initial = initial_sums_ + first_channel;
-  tile.x_pixel = int64_t{columns_.stride} * words_;
-  tile.x_tap = int64_t{columns_.dilation} * words_;
-  tile.x_row = int64_t{rows_.dilation} * padded_columns_.size * words_;
+  tile.x_pixel = strip.column;
+  tile.x_tap = int64_t{layer_.columns.dilation} * words_;
+  tile.x_row = int64_t{layer_.rows.dilation} * padded_columns_ * words_;
   tile.w_panel = PanelWords();
-  tile.rows = rows_.taps;
-  tile.taps = columns_.taps;
+  tile.rows = layer_.rows.taps;
+  tile.taps = layer_.columns.taps;
   tile.words = words_;
   // Taps that follow one another are one long one.
-  const int64_t words_in_a_row = int64_t{columns_.taps} * words_;
-  if (columns_.dilation == 1 && words_in_a_row <= INT32_MAX) {
+  const int64_t words_in_a_row = int64_t{layer_.columns.taps} * words_;
+  if (layer_.columns.dilation == 1 && words_in_a_row <= INT32_MAX) {
     tile.taps = 1;
     tile.words = static_cast<int32_t>(words_in_a_row);
   }
-  for (int32_t row = 0; row < rows_.outputs; ++row) {
-    const int64_t y = rows_.Coordinate(row, 0) + padded_rows_.before;
-    for (int32_t next = 0; next < columns_.outputs; next += pixels) {
-      const int32_t column = std::min(next, columns_.outputs - pixels);
-      const int64_t x = columns_.Coordinate(column, 0) + padded_columns_.before;
-      tile.x = words + (y * padded_columns_.size + x) * words_;
-      const int64_t o = (int64_t{row} * columns_.outputs + column) * out_channels_ + first_channel;
-      kernel(tile, SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o,
-                                out_channels_, channels, plan_.bits});
+  for (int32_t row = 0; row < strip.rows; ++row) {
+    for (int32_t next = 0; next < strip.columns;) {
+      const int32_t left = strip.columns - next;
+      int size = 0;
+      while (kernels.pixels[size] > strip.columns) ++size;
+      while (kernels.pixels[size] > left && kernels.pixels[size + 1] >= left) ++size;
+      const int32_t pixels = kernels.pixels[size];
+      const int32_t column = std::min(next, strip.columns - pixels);
+      tile.x = strip.words + row * strip.row + column * strip.column;
+      const int64_t position = int64_t{row} * strip.columns + column;
+      table[size][size_index](tile, output.At(position, first_channel, channels));
+      next = column + pixels;
     }
   }
 }
 
-template class DotConvolution<int32_t>;
-template class DotConvolution<float>;
+template class DotConvolution<int32_t, SumOutput<int32_t>>;
+template class DotConvolution<float, SumOutput<float>>;
+template class DotConvolution<int8_t, StoredOutput>;
+template class DotConvolution<int16_t, StoredOutput>;
 
 }  // namespace bitfold

@@ -1,15 +1,15 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// An ordinary convolution as dot products modulo 2^32 of narrow numbers: the image padded with
-// zeros, the weights packed by panels of output channels.
+// An ordinary convolution as dot products modulo 2^32 of narrow numbers: strips of the image padded
+// with zeros, the weights packed by panels of output channels.
 
 #ifndef BITFOLD_SRC_CHAIN_DOT_CONVOLUTION_H_
 #define BITFOLD_SRC_CHAIN_DOT_CONVOLUTION_H_
 
 #include <cstdint>
+#include <type_traits>
 
-#include "bitfold/convolution_call.h"
 #include "bitfold/geometry.h"
 #include "chain/dot_tile.h"
 #include "chain/plan.h"
@@ -17,52 +17,90 @@
 
 namespace bitfold {
 
-// Requires strides and dilations of at least 1 and a plan of dot products; T is int32_t or float,
-// and its numbers are whole and fit the plan.
-template <typename T>
+// What does not change from image to image.
+struct DotLayer {
+  WindowAxis rows;
+  WindowAxis columns;
+  int32_t in_channels;
+  int32_t out_channels;
+  int32_t zero_point;  // the stored number that stands for 0
+};
+
+// Part of an image's outputs: rows [first_row, end_row) by panels of 16 channels [first_panel,
+// end_panel).
+struct DotBlock {
+  int32_t first_row;
+  int32_t end_row;
+  int32_t first_panel;
+  int32_t end_panel;
+};
+
+// Requires windows that go forward and a plan of dot products, which is about numbers less their
+// zero point. In is int32_t, float, or a stored int8_t or int16_t; its numbers are whole and fit
+// the plan. Output is a SumOutput or a StoredOutput. Once prepared, everything may be called by
+// several threads at the same time.
+template <typename In, typename Output>
 class DotConvolution {
  public:
-  DotConvolution(const ConvolutionCall<T>& call, const ChainPlan& plan);
+  using Weight = std::conditional_t<std::is_same_v<In, float>, float, int32_t>;
 
-  // The numbers of a padded image, which dilations can make of any size: at most INT64_MAX.
-  int64_t ImageElements() const;
+  DotConvolution(const DotLayer& layer, const ChainPlan& plan);
 
-  // Packs the weights and makes room for an image in each slot; false where there is no memory.
-  bool Prepare(const T* filter, int slots, Scratch* scratch);
+  // Packs the weights; false where there is no memory. Every sum of an output channel begins with
+  // its addend, where there are some.
+  bool Prepare(const Weight* filter, Scratch* scratch, const int32_t* addends = nullptr);
 
-  // One image; elementwise may be null. The slots are for calls at the same time.
-  void Run(const T* image, const T* elementwise, T* output, int slot) const;
+  // Panels of 16 output channels.
+  int32_t panels() const { return panels_; }
+
+  // Whether each output meets one pixel of its own: images are rows of pixels then, whatever their
+  // height, and several of them one long row. RunPixels computes them.
+  bool IsPixelwise() const;
+
+  // The words that `rows` rows of outputs, or as many pixels, need; rows >= 1. Dilations can make
+  // them of any number: at most INT64_MAX.
+  int64_t StripWords(int32_t rows) const;
+  int64_t PixelWords(int64_t pixels) const;
+
+  // Computes a block of an image, whose outputs begin at `output`. `words` has room for the strip
+  // of the block's rows; what it holds does not count.
+  void Run(const In* image, const DotBlock& block, const Output& output, int32_t* words) const;
+
+  // Computes panels [first_panel, end_panel) of so many pixels, at least 1. Requires IsPixelwise.
+  void RunPixels(const In* pixels, int32_t count, const DotBlock& panels, const Output& output,
+                 int32_t* words) const;
 
  private:
-  // An axis of the padded image: what lies before the image, and the whole.
-  struct PaddedAxis {
-    int32_t before;
-    int32_t size;
-    explicit PaddedAxis(const WindowAxis& axis);
+  // A strip of packed rows: where its words lie and how its outputs follow one another.
+  struct Strip {
+    const int32_t* words;
+    int64_t row;     // words from an output's row to the next
+    int64_t column;  // from a column to the next
+    int32_t rows;
+    int32_t columns;
   };
 
   bool IsBytes() const { return plan_.path == ChainPath::kDotBytes; }
   int32_t NumbersInAWord() const { return IsBytes() ? 4 : 2; }
-  int64_t ImageWords() const { return int64_t{padded_rows_.size} * padded_columns_.size * words_; }
-  int64_t PanelWords() const { return int64_t{rows_.taps} * columns_.taps * words_ * 16; }
+  int64_t PanelWords() const {
+    return int64_t{layer_.rows.taps} * layer_.columns.taps * words_ * kPanel;
+  }
+  int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
-  void PackTap(const T* filter, int64_t tap);
-  void SumPanel(int32_t panel);
-  void PackImage(const T* image, int32_t* words) const;
-  void PackRow(const T* row, int32_t* words) const;
-  void RunPanels(const int32_t* words, const T* elementwise, T* output, int32_t panel,
-                 int size_index) const;
+  void PackTap(const Weight* filter, int64_t tap);
+  void SumPanel(int32_t panel, const int32_t* addends);
+  void PackPixels(const In* pixels, int64_t count, int32_t* words) const;
+  void PackStrip(const In* image, int32_t first, int32_t rows, int32_t* words) const;
+  void RunStrip(const Strip& strip, int32_t first_panel, int32_t end_panel,
+                const Output& output) const;
+  void RunPanels(const Strip& strip, int32_t panel, int size_index, const Output& output) const;
 
-  const WindowAxis rows_;
-  const WindowAxis columns_;
-  const int32_t in_channels_;
-  const int32_t out_channels_;
+  const DotLayer layer_;
   const ChainPlan plan_;
-  const PaddedAxis padded_rows_;
-  const PaddedAxis padded_columns_;
-  const int32_t words_;   // for a position
-  const int32_t panels_;  // of output channels
-  int32_t* images_ = nullptr;
+  const int32_t before_;          // columns of padding
+  const int32_t padded_columns_;  // of a packed row
+  const int32_t words_;           // for a pixel
+  const int32_t panels_;
   int32_t* weights_ = nullptr;
   int32_t* initial_sums_ = nullptr;  // for each lane: takes the input's offset off again
 };

@@ -141,7 +141,7 @@ template <typename T>
 void DotDepthwise<T>::Run(const T* image, int32_t filter, const T* elementwise, T* output,
                           int slot_index) const {
   const Slot& slot = slots_[static_cast<size_t>(slot_index)];
-  const DotKernels<T>& kernels = CurrentDotKernels<T>();
+  const DotKernels<SumOutput<T>>& kernels = CurrentDotKernels<SumOutput<T>>();
   const auto kernel = IsBytes() ? kernels.row_of_bytes : kernels.row_of_shorts;
   std::fill_n(slot.held, kept_rows_, -1);
   for (int32_t row = 0; row < rows_.outputs; ++row) {

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <algorithm>
+#include <type_traits>
 
 #include "bitfold/int32_arithmetic.h"
 #include "chain/dot_tile.h"
@@ -54,10 +55,13 @@ inline Vector DotShorts(Vector acc, Vector x, Vector w) {
 inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
+#include "chain/dot_row_loops.inc"
 
-template <typename T>
-constexpr DotKernels<T> kKernels = {
-    {2, 1}, {1}, {}, {{Dot<2, 1, false, T>}, {Dot<1, 1, false, T>}}, nullptr, Row<2, false, T>};
+template <typename Output>
+constexpr DotKernels<Output> kKernels = {
+    {2, 1},  {1},
+    {},      {{Dot<2, 1, false, Output>}, {Dot<1, 1, false, Output>}},
+    nullptr, RowKernelOf<2, false, Output>()};
 
 }  // namespace portable
 
@@ -89,22 +93,25 @@ inline Vector DotShorts(Vector acc, Vector x, Vector w) {
 inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
+#include "chain/dot_row_loops.inc"
 
-template <typename T>
-constexpr DotKernels<T> kKernels = {
-    {6, 4, 2, 1},
-    {1},
-    {},
-    {{Dot<6, 1, false, T>}, {Dot<4, 1, false, T>}, {Dot<2, 1, false, T>}, {Dot<1, 1, false, T>}},
-    nullptr,
-    Row<4, false, T>};
+template <typename Output>
+constexpr DotKernels<Output> kKernels = {{6, 4, 2, 1},
+                                         {1},
+                                         {},
+                                         {{Dot<6, 1, false, Output>},
+                                          {Dot<4, 1, false, Output>},
+                                          {Dot<2, 1, false, Output>},
+                                          {Dot<1, 1, false, Output>}},
+                                         nullptr,
+                                         RowKernelOf<4, false, Output>()};
 
 }  // namespace avx2
 BITFOLD_END_TARGET
 
 // The tables of both AVX-512 targets: 7 columns of 4 panels are 28 registers, 4 hold weights.
 #define BITFOLD_DOT_ROW(pixels, bytes) \
-  { Dot<pixels, 4, bytes, T>, Dot<pixels, 2, bytes, T>, Dot<pixels, 1, bytes, T> }
+  { Dot<pixels, 4, bytes, Output>, Dot<pixels, 2, bytes, Output>, Dot<pixels, 1, bytes, Output> }
 #define BITFOLD_DOT_TABLE(bytes)                                                     \
   {                                                                                  \
     BITFOLD_DOT_ROW(7, bytes), BITFOLD_DOT_ROW(4, bytes), BITFOLD_DOT_ROW(2, bytes), \
@@ -133,10 +140,12 @@ inline Vector DotShorts(Vector acc, Vector x, Vector w) {
 inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
+#include "chain/dot_row_loops.inc"
 
-template <typename T>
-constexpr DotKernels<T> kKernels = {{7, 4, 2, 1}, {4, 2, 1},       {}, BITFOLD_DOT_TABLE(false),
-                                    nullptr,      Row<4, false, T>};
+template <typename Output>
+constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1}, {4, 2, 1},
+                                         {},           BITFOLD_DOT_TABLE(false),
+                                         nullptr,      RowKernelOf<4, false, Output>()};
 
 }  // namespace avx512
 BITFOLD_END_TARGET
@@ -156,11 +165,15 @@ inline Vector DotShorts(Vector acc, Vector x, Vector w) { return _mm512_dpwssd_e
 inline Vector DotBytes(Vector acc, Vector x, Vector w) { return _mm512_dpbusd_epi32(acc, x, w); }
 
 #include "chain/dot_loops.inc"
+#include "chain/dot_row_loops.inc"
 
-template <typename T>
-constexpr DotKernels<T> kKernels = {
-    {7, 4, 2, 1},    {4, 2, 1},       BITFOLD_DOT_TABLE(true), BITFOLD_DOT_TABLE(false),
-    Row<4, true, T>, Row<4, false, T>};
+template <typename Output>
+constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1},
+                                         {4, 2, 1},
+                                         BITFOLD_DOT_TABLE(true),
+                                         BITFOLD_DOT_TABLE(false),
+                                         RowKernelOf<4, true, Output>(),
+                                         RowKernelOf<4, false, Output>()};
 
 }  // namespace avx512_vnni
 BITFOLD_END_TARGET
@@ -172,24 +185,25 @@ BITFOLD_END_TARGET
 
 }  // namespace
 
-template <typename T>
-const DotKernels<T>& CurrentDotKernels() {
+template <typename Output>
+const DotKernels<Output>& CurrentDotKernels() {
 #if BITFOLD_HAS_TARGETS
   switch (CurrentTarget()) {
     case Target::kAvx512Vnni:
-      return avx512_vnni::kKernels<T>;
+      return avx512_vnni::kKernels<Output>;
     case Target::kAvx512:
-      return avx512::kKernels<T>;
+      return avx512::kKernels<Output>;
     case Target::kAvx2:
-      return avx2::kKernels<T>;
+      return avx2::kKernels<Output>;
     case Target::kPortable:
       break;
   }
 #endif
-  return portable::kKernels<T>;
+  return portable::kKernels<Output>;
 }
 
-template const DotKernels<int32_t>& CurrentDotKernels();
-template const DotKernels<float>& CurrentDotKernels();
+template const DotKernels<SumOutput<int32_t>>& CurrentDotKernels();
+template const DotKernels<SumOutput<float>>& CurrentDotKernels();
+template const DotKernels<StoredOutput>& CurrentDotKernels();
 
 }  // namespace bitfold

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "chain/stored_output.h"
 #include "chain/sum_output.h"
 
 namespace bitfold {
@@ -42,24 +43,24 @@ struct DotRow {
   int32_t words;
 };
 
-// The kernels of a target by the number of columns and of panels, largest first; 0 ends a list.
-// Where there are no dot products of bytes theirs are null.
-template <typename T>
+// The kernels of a target that write to a kind of output, by the number of columns and of panels,
+// largest first; 0 ends a list. Where there are no dot products of bytes theirs are null.
+template <typename Output>
 struct DotKernels {
-  using Kernel = void (*)(const DotTile&, const SumOutput<T>&);
-  using RowKernel = void (*)(const DotRow&, const SumOutput<T>&);  // whose channels do not count
+  using Kernel = void (*)(const DotTile&, const Output&);
+  using RowKernel = void (*)(const DotRow&, const Output&);  // the channels do not count
   int pixels[5];
   int panels[4];
   Kernel bytes[4][3];   // of unsigned x and signed w
   Kernel shorts[4][3];  // of signed x and w
   RowKernel row_of_bytes;
   RowKernel row_of_shorts;
-  bool HasBytes() const { return row_of_bytes != nullptr; }
+  bool HasBytes() const { return bytes[0][0] != nullptr; }
 };
 
-// For the target in use.
-template <typename T>
-const DotKernels<T>& CurrentDotKernels();
+// For the target in use. Output is SumOutput<int32_t>, SumOutput<float> or StoredOutput.
+template <typename Output>
+const DotKernels<Output>& CurrentDotKernels();
 
 }  // namespace bitfold
 

@@ -69,7 +69,7 @@ ChainEngine<D, T>::ChainEngine(const ConvolutionCall<T>& call, const CorrectedWe
   if (!GoesForward(rows_) || !GoesForward(columns_)) return;
   if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
   if (call.in_channels > kMostChannels || call.out_channels > kMostChannels) return;
-  const bool has_bytes = CurrentDotKernels<T>().HasBytes();
+  const bool has_bytes = CurrentDotKernels<SumOutput<T>>().HasBytes();
   const ChainFacts facts = LookAt(weights.facts);
   if constexpr (std::is_same_v<T, float>) {
     plan_ = PlanFloat(facts, has_bytes);
@@ -128,8 +128,13 @@ bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
         return dot_depthwise_->Prepare(call_.filter, call_.filters, slots, scratch);
       }
     } else {
-      dot_.emplace(call_, *plan_);
-      if (fits(dot_->ImageElements())) return dot_->Prepare(call_.filter, slots, scratch);
+      dot_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0}, *plan_);
+      const int64_t words = DotWords();
+      if (fits(words)) {
+        dot_words_ =
+            words <= INT64_MAX / 8 / slots ? AllocateFor<int32_t>(scratch, words * slots) : nullptr;
+        return dot_words_ != nullptr && dot_->Prepare(call_.filter, scratch);
+      }
     }
     plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
   }
@@ -186,7 +191,7 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
         return dot_depthwise_->Run(InputOf(image), call_.FilterOf(image), ElementwiseOf(image),
                                    OutputOf(image), slot);
       }
-      return dot_->Run(InputOf(image), ElementwiseOf(image), OutputOf(image), slot);
+      return RunDots(image, slot);
     case ChainPath::kModular:
       return RunModular(image);
     case ChainPath::kRounded:
@@ -194,6 +199,25 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
     case ChainPath::kStepwise:
       return RunStepwise(image, define);
   }
+}
+
+template <typename D, typename T>
+int64_t ChainEngine<D, T>::DotWords() const {
+  return dot_->IsPixelwise() ? dot_->PixelWords(int64_t{rows_.outputs} * columns_.outputs)
+                             : dot_->StripWords(rows_.outputs);
+}
+
+template <typename D, typename T>
+void ChainEngine<D, T>::RunDots(int32_t image, int slot) const {
+  const SumOutput<T> output = {ElementwiseOf(image), OutputOf(image), call_.out_channels,
+                               call_.out_channels, plan_->bits};
+  const DotBlock block = {0, rows_.outputs, 0, dot_->panels()};
+  int32_t* words = dot_words_ + slot * DotWords();
+  const int64_t pixels = int64_t{rows_.outputs} * columns_.outputs;
+  if (dot_->IsPixelwise() && pixels <= INT32_MAX) {
+    return dot_->RunPixels(InputOf(image), static_cast<int32_t>(pixels), block, output, words);
+  }
+  dot_->Run(InputOf(image), block, output, words);
 }
 
 // The paths whose sums are only reduced at the end. begin(row, rows) comes before the tiles of a

@@ -53,6 +53,8 @@ class ChainEngine {
   bool PrepareLanes(Scratch* scratch);
   bool PrepareRounded(int slots, Scratch* scratch);
 
+  int64_t DotWords() const;
+  void RunDots(int32_t image, int slot) const;
   void RunModular(int32_t image) const;
   void RunPlainSums(int32_t image) const;
   void RunRounded(int32_t image, int slot) const;
@@ -83,7 +85,8 @@ class ChainEngine {
   const ConvolutionCall<T> call_;  // with the corrected weights
   const LaneWindows windows_;
   std::optional<ChainPlan> plan_;
-  std::optional<DotConvolution<T>> dot_;
+  std::optional<DotConvolution<T, SumOutput<T>>> dot_;
+  int32_t* dot_words_ = nullptr;  // what the slots have of an image, packed
   std::optional<DotDepthwise<T>> dot_depthwise_;
   const T* lane_filter_ = nullptr;  // its output channels filled up to a panel
   int64_t lane_filter_elements_ = 0;

@@ -15,7 +15,7 @@ namespace {
 template <typename T>
 struct PackLoops {
   void (*bytes)(const T*, int64_t, int32_t, uint8_t*);
-  void (*shorts)(const T*, int64_t, int16_t*);
+  void (*shorts)(const T*, int64_t, int32_t, int16_t*);
   void (*weight_bytes)(const T*, int32_t, int64_t, int32_t*);
   void (*weight_shorts)(const T*, int32_t, int64_t, int32_t*);
   void (*tap_bytes[4])(const T* const*, int64_t, int32_t, int32_t*);
@@ -26,11 +26,15 @@ struct PackLoops {
 struct AllLoops {
   PackLoops<int32_t> integers;
   PackLoops<float> floats;
+  PackLoops<int8_t> bytes;
+  PackLoops<int16_t> shorts;
 };
 
 #define BITFOLD_LOOPS "chain/pack_loops.inc"
-#define BITFOLD_LOOP_TABLE \
-  AllLoops { kPackLoopsOf<int32_t>, kPackLoopsOf<float> }
+#define BITFOLD_LOOP_TABLE                                                                  \
+  AllLoops {                                                                                \
+    kPackLoopsOf<int32_t>, kPackLoopsOf<float>, kPackLoopsOf<int8_t>, kPackLoopsOf<int16_t> \
+  }
 #include "vector/vector_loops.inc"
 
 template <typename T>
@@ -43,6 +47,14 @@ template <>
 const PackLoops<float>& LoopsOf() {
   return CurrentLoops().floats;
 }
+template <>
+const PackLoops<int8_t>& LoopsOf() {
+  return CurrentLoops().bytes;
+}
+template <>
+const PackLoops<int16_t>& LoopsOf() {
+  return CurrentLoops().shorts;
+}
 
 }  // namespace
 
@@ -52,8 +64,8 @@ void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out) {
 }
 
 template <typename T>
-void PackShorts(const T* x, int64_t count, int16_t* out) {
-  LoopsOf<T>().shorts(x, count, out);
+void PackShorts(const T* x, int64_t count, int32_t offset, int16_t* out) {
+  LoopsOf<T>().shorts(x, count, offset, out);
 }
 
 template <typename T>
@@ -83,7 +95,7 @@ void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
 
 #define BITFOLD_INSTANTIATE(T)                                                      \
   template void PackBytes(const T*, int64_t, int32_t, uint8_t*);                    \
-  template void PackShorts(const T*, int64_t, int16_t*);                            \
+  template void PackShorts(const T*, int64_t, int32_t, int16_t*);                   \
   template void PackWeightBytes(const T*, int32_t, int64_t, int32_t*);              \
   template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*);             \
   template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t, int32_t*); \
@@ -91,6 +103,8 @@ void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
   template void AddMagnitudes(const T*, int64_t, int64_t*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)
+BITFOLD_INSTANTIATE(int8_t)
+BITFOLD_INSTANTIATE(int16_t)
 #undef BITFOLD_INSTANTIATE
 
 }  // namespace bitfold

@@ -13,11 +13,11 @@
 namespace bitfold {
 
 // Packs `count` whole numbers, each with `offset` added, as bytes or as shorts. For the target in
-// use. T is int32_t or float.
+// use. T is int32_t, float or a stored int8_t or int16_t.
 template <typename T>
 void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out);
 template <typename T>
-void PackShorts(const T* x, int64_t count, int16_t* out);
+void PackShorts(const T* x, int64_t count, int32_t offset, int16_t* out);
 
 // Packs 16 columns of `rows` rows of whole numbers, which lie `stride` apart, as words of four
 // bytes or two shorts: one word of each column for the first rows, one for the next, and so on.

@@ -30,8 +30,10 @@ int64_t LargestProduct(const ChainFacts& facts) {
 ChainPlan Narrowest(const ChainFacts& facts, bool has_bytes, int32_t bits, ChainPath otherwise) {
   if (!facts.packs) return {otherwise, 0, bits};
   if (has_bytes && facts.weights.LieIn(INT8_MIN, INT8_MAX)) {
-    if (facts.input.LieIn(0, UINT8_MAX)) return {ChainPath::kDotBytes, 0, bits};
-    if (facts.input.LieIn(INT8_MIN, INT8_MAX)) return {ChainPath::kDotBytes, 128, bits};
+    const Facts& input = facts.input;
+    if (input.min >= INT16_MIN && input.max - input.min <= UINT8_MAX) {
+      return {ChainPath::kDotBytes, static_cast<int32_t>(-input.min), bits};
+    }
   }
   if (facts.weights.LieIn(INT16_MIN, INT16_MAX) && facts.input.LieIn(INT16_MIN, INT16_MAX)) {
     return {ChainPath::kDotShorts, 0, bits};

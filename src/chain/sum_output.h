@@ -21,6 +21,12 @@ struct SumOutput {
   int64_t stride;
   int32_t channels;  // of the tile's lanes, those that exist
   int32_t bits;      // 1 to 32
+
+  // The same for `lanes` channels from `channel` on, of the outputs from `position` on.
+  SumOutput At(int64_t position, int32_t channel, int32_t lanes) const {
+    const int64_t o = position * stride + channel;
+    return {elementwise == nullptr ? nullptr : elementwise + o, out + o, stride, lanes, bits};
+  }
 };
 
 }  // namespace bitfold

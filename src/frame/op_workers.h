@@ -8,7 +8,6 @@
 
 #include <cstdint>
 
-#include "frame/floating_point_scope.h"
 #include "frame/workers.h"
 #include "tensorflow/core/framework/op_kernel.h"
 #include "tensorflow/core/util/work_sharder.h"
@@ -20,16 +19,13 @@ class OpWorkers : public Workers {
   explicit OpWorkers(tensorflow::OpKernelContext* context)
       : threads_(*context->device()->tensorflow_cpu_worker_threads()) {}
 
-  // Each part runs in the default floating-point environment, which the pool's threads leave.
-  void Share(int64_t units, int64_t cost, const Part& part) override {
-    tensorflow::Shard(threads_.num_threads, threads_.workers, units, cost,
-                      [&part](int64_t first, int64_t end) {
-                        const DefaultFloatingPointScope scope;
-                        part(first, end);
-                      });
-  }
+  int AtOnce() const override { return threads_.num_threads; }
 
  private:
+  void ShareGuarded(int64_t units, int64_t cost, const Part& part) override {
+    tensorflow::Shard(threads_.num_threads, threads_.workers, units, cost, part);
+  }
+
   const tensorflow::DeviceBase::CpuWorkerThreads& threads_;
 };
 

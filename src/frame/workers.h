@@ -13,23 +13,33 @@ namespace bitfold {
 
 class Workers {
  public:
-  // Does the units [first, end). Must not throw: it may run on a thread that nobody guards.
+  // Does the units [first, end).
   using Part = std::function<void(int64_t first, int64_t end)>;
 
   virtual ~Workers() = default;
 
+  // How many parts run at the same time, at most.
+  virtual int AtOnce() const = 0;
+
   // Runs `part` over ranges that together are [0, units), in any order and at the same time, and
   // returns when all are done. `cost` are the cycles of a unit, roughly: little work stays on the
-  // calling thread.
-  virtual void Share(int64_t units, int64_t cost, const Part& part) = 0;
+  // calling thread. A part is as if the calling thread ran it: its lines are counted where that
+  // counts its own, it has the default floating-point environment, and the first exception of a
+  // part is thrown here, when all parts have ended.
+  void Share(int64_t units, int64_t cost, const Part& part);
+
+ private:
+  // The same for a part that takes care of itself: it does not throw, and runs on any thread.
+  virtual void ShareGuarded(int64_t units, int64_t cost, const Part& part) = 0;
 };
 
 // The calling thread alone.
 class CallingThread : public Workers {
  public:
-  void Share(int64_t units, int64_t, const Part& part) override {
-    if (units > 0) part(0, units);
-  }
+  int AtOnce() const override { return 1; }
+
+ private:
+  void ShareGuarded(int64_t units, int64_t, const Part& part) override { part(0, units); }
 };
 
 }  // namespace bitfold

@@ -23,6 +23,7 @@
 #include "support/scale.h"
 #include "support/tables.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold {
 namespace {

@@ -84,7 +84,7 @@ ExactBuffer<int32_t> DrawWords(Random* random, int64_t count, Word word = {}) {
 
 // Of the panels' lanes `channels` exist. Columns lie `stride` apart; what lies between stays.
 template <typename T>
-void CheckDot(const DotShape& s, bool of_bytes, typename DotKernels<T>::Kernel kernel,
+void CheckDot(const DotShape& s, bool of_bytes, typename DotKernels<SumOutput<T>>::Kernel kernel,
               Random* random, Word word = {}) {
   const int64_t x_pixel = random->Between(1, 3) * s.words;
   const int64_t x_tap = random->Between(1, 3) * s.words;
@@ -130,7 +130,7 @@ void CheckDot(const DotShape& s, bool of_bytes, typename DotKernels<T>::Kernel k
 // A row of `outputs` of a depthwise convolution of few channels or many.
 template <typename T>
 void CheckRow(int32_t channels, int32_t outputs, int32_t words, bool of_bytes,
-              typename DotKernels<T>::RowKernel kernel, Random* random, Word word = {}) {
+              typename DotKernels<SumOutput<T>>::RowKernel kernel, Random* random, Word word = {}) {
   const int32_t period = (kPanel + channels - 1) / channels * channels;
   const int64_t length = std::max(period, channels * outputs);
   std::vector<ExactBuffer<int32_t>> rows;
@@ -169,7 +169,7 @@ template <typename T, typename Check>
 void ForEachDotKernel(Check check) {
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    const DotKernels<T>& kernels = CurrentDotKernels<T>();
+    const DotKernels<SumOutput<T>>& kernels = CurrentDotKernels<SumOutput<T>>();
     for (int i = 0; kernels.pixels[i] != 0; ++i) {
       for (int k = 0; kernels.panels[k] != 0; ++k) {
         ASSERT_NO_FATAL_FAILURE(
@@ -187,8 +187,10 @@ void ForEachDotKernel(Check check) {
 TEST(ChainDots, OnlyTheLastTargetHasBytes) {
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    EXPECT_EQ(CurrentDotKernels<int32_t>().HasBytes(), target == Target::kAvx512Vnni) << name;
-    EXPECT_EQ(CurrentDotKernels<float>().HasBytes(), target == Target::kAvx512Vnni) << name;
+    EXPECT_EQ(CurrentDotKernels<SumOutput<int32_t>>().HasBytes(), target == Target::kAvx512Vnni)
+        << name;
+    EXPECT_EQ(CurrentDotKernels<SumOutput<float>>().HasBytes(), target == Target::kAvx512Vnni)
+        << name;
   }
 }
 
@@ -197,7 +199,7 @@ template <typename T>
 void CheckSizes() {
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    const DotKernels<T>& kernels = CurrentDotKernels<T>();
+    const DotKernels<SumOutput<T>>& kernels = CurrentDotKernels<SumOutput<T>>();
     const auto falls_to_one = [](const int* sizes) {
       while (sizes[1] != 0 && sizes[1] < sizes[0]) ++sizes;
       return sizes[0] == 1 && sizes[1] == 0;
@@ -215,7 +217,7 @@ TEST(ChainDots, SizesEndWithOne) {
 template <typename T>
 void CrossDotShapes() {
   Random random(0xd07);
-  using Kernel = typename DotKernels<T>::Kernel;
+  using Kernel = typename DotKernels<SumOutput<T>>::Kernel;
   ForEachDotKernel<T>([&](bool of_bytes, Kernel kernel, int pixels, int panels) {
     for (const int rows : {1, 2, 3}) {
       for (const int taps : {1, 2, 5}) {
@@ -237,7 +239,7 @@ void CrossRows() {
   Random random(0xd08);
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    const DotKernels<T>& kernels = CurrentDotKernels<T>();
+    const DotKernels<SumOutput<T>>& kernels = CurrentDotKernels<SumOutput<T>>();
     for (const int32_t channels : {1, 2, 3, 5, 8, 15, 16, 17, 31, 32, 33, 100}) {
       for (const int32_t outputs : {1, 2, 3, 4, 5, 8, 9, 23}) {
         for (const int32_t words : {0, 1, 2, 3, 9}) {
@@ -261,13 +263,13 @@ TEST(ChainDots, FloatRows) { CrossRows<float>(); }
 // saturates.
 TEST(ChainDots, LargestProducts) {
   Random random(0xb16);
-  using Kernel = DotKernels<int32_t>::Kernel;
+  using Kernel = DotKernels<SumOutput<int32_t>>::Kernel;
   for (const uint32_t word : {0x80008000u, 0x7fff7fffu, 0x80808080u, 0xffffffffu, 0x7f7f7f7fu}) {
     ForEachDotKernel<int32_t>([&](bool of_bytes, Kernel kernel, int pixels, int panels) {
       for (const int words : {1, 2, 7}) {
         const DotShape shape = {pixels, panels, 1, 1, words};
         ASSERT_NO_FATAL_FAILURE(CheckDot<int32_t>(shape, of_bytes, kernel, &random, word));
-        const DotKernels<int32_t>& kernels = CurrentDotKernels<int32_t>();
+        const DotKernels<SumOutput<int32_t>>& kernels = CurrentDotKernels<SumOutput<int32_t>>();
         const auto row = of_bytes ? kernels.row_of_bytes : kernels.row_of_shorts;
         ASSERT_NO_FATAL_FAILURE(CheckRow<int32_t>(20, 5, words, of_bytes, row, &random, word));
       }

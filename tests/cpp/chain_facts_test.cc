@@ -196,7 +196,7 @@ template <typename T>
 void CheckPackShorts(Random* random, int size, int offset) {
   const ExactBuffer<T> x(Numbers<T>(random, size, INT16_MIN, INT16_MAX), offset);
   ExactBuffer<int16_t> out(size, offset + 1);
-  PackShorts(x.data(), size, out.data());
+  PackShorts(x.data(), size, 0, out.data());
   for (int i = 0; i < size; ++i) {
     ASSERT_EQ(static_cast<int32_t>(out[i]), static_cast<int32_t>(x[i])) << i << " of " << size;
   }

@@ -14,6 +14,7 @@
 #include "fuzz_input.h"
 #include "support/requantise_case.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold::testing {
 namespace {

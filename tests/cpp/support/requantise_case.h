@@ -35,21 +35,6 @@ inline const char* NameOf(Rescaling rescaling) {
                                                     : "one rounding";
 }
 
-// The pool of an op, as far as bits are concerned: parts of some units, the last one first.
-class BackwardParts : public Workers {
- public:
-  explicit BackwardParts(int64_t units) : units_(units) {}
-
-  void Share(int64_t units, int64_t, const Part& part) override {
-    for (int64_t first = (units - 1) / units_ * units_; first >= 0; first -= units_) {
-      part(first, first + units_ < units ? first + units_ : units);
-    }
-  }
-
- private:
-  int64_t units_;
-};
-
 // One multiplier for each channel, or one for all.
 template <typename T, typename Out>
 struct RequantiseCase {
