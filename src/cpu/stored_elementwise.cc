@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "cpu/result_scaling.h"
+#include "vector/rescale_steps.h"
 #include "vector/target.h"
 
 namespace bitfold {
@@ -128,8 +129,8 @@ void ComputeStoredElementwise(const StoredElementwiseCall<T>& call, Workers* wor
   const bool is_product = mode.operation == StoredOperation::kMultiply;
   const int wider = mode.operands[0].scale >= mode.operands[1].scale ? 0 : 1;
   const SumScaling scaling = ScalingOf<T>(mode, wider, multipliers.operands[1 - wider]);
-  const ResultScaling result =
-      ScalingBy(multipliers.result, mode.output.zero_point, mode.minimum, mode.maximum);
+  const ResultScaling result = {multipliers.result, mode.output.zero_point, mode.minimum,
+                                mode.maximum};
   const int32_t zero_points[2] = {mode.operands[0].zero_point, mode.operands[1].zero_point};
   const Operand<T> operands[2] = {{call, 0}, {call, 1}};
   const LoopsOf<T>& loops = CurrentLoopsOf<T>();

@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "cpu/result_scaling.h"
+#include "vector/rescale_steps.h"
 #include "vector/target.h"
 
 namespace bitfold {
@@ -146,9 +147,9 @@ void ComputeStoredPool(const StoredPoolCall<T>& call, Workers* workers) {
 template <typename T>
 void ComputeStoredMean(const StoredMeanCall<T>& call, Workers* workers) {
   const LoopsOf<T>& loops = CurrentLoopsOf<T>();
-  const ResultScaling scaling =
-      ScalingBy(MeanMultiplier(call.input, call.result, call.reduced), call.result.zero_point,
-                std::numeric_limits<T>::min(), std::numeric_limits<T>::max());
+  const ResultScaling scaling = {MeanMultiplier(call.input, call.result, call.reduced),
+                                 call.result.zero_point, std::numeric_limits<T>::min(),
+                                 std::numeric_limits<T>::max()};
   const auto offset = static_cast<int32_t>(call.reduced * call.input.zero_point);
   const WindowTaps taps = {call.reduced, 1, call.inner, call.inner};
   const auto mean = HasShortSums(call.reduced) ? loops.short_mean : loops.mean;
