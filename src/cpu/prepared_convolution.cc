@@ -24,8 +24,9 @@ constexpr int64_t kBlocksForEach = 4;
 // Weights of so many panels go by together.
 constexpr int32_t kPanelsTogether = 4;
 
-// Multiply-adds in a cycle.
-constexpr int64_t kProducts = 64;
+// In a cycle.
+constexpr int64_t kProducts = 96;
+constexpr int64_t kFinishedSums = 3;
 
 // Packed rows of more than this many times the image, and more than this, are not made.
 constexpr int64_t kMostPadding = 4;
@@ -86,11 +87,15 @@ DotLayer PreparedConvolution<In, Out>::Dots() const {
           layer_.zero_point};
 }
 
-// Whether packed rows of a depthwise layer would be far larger than the image.
+// Whether packed rows would be far larger than the image.
 template <typename In, typename Out>
 bool PreparedConvolution<In, Out>::HasTapsFarApart() const {
-  return layer_.is_depthwise && DotDepthwise<In, StoredOutput>(Dots(), *plan_).MemoryBytes() >
-                                    kMostPadding * layer_.InputElements() + kAlwaysPadded;
+  const int64_t most = kMostPadding * layer_.InputElements() + kAlwaysPadded;
+  if (layer_.is_depthwise) {
+    return DotDepthwise<In, StoredOutput>(Dots(), *plan_).MemoryBytes() > most;
+  }
+  const DotConvolution<In, StoredOutput> dots(Dots(), *plan_);
+  return dots.StripWords(1) > most / int64_t{sizeof(int32_t)};
 }
 
 // What the type and the zero point bound.
@@ -128,19 +133,35 @@ int64_t PreparedConvolution<In, Out>::LargestSum(const std::vector<int32_t>& wei
   return sum;
 }
 
+// Whether adding the bias to a sum of the accumulator wraps into its range again.
+template <typename In, typename Out>
+bool PreparedConvolution<In, Out>::HasNarrowBias() const {
+  if (layer_.accumulator_size >= 31 || layer_.bias == nullptr) return true;
+  const int64_t period = int64_t{1} << layer_.accumulator_size;
+  return std::all_of(layer_.bias, layer_.bias + layer_.out_channels,
+                     [period](int64_t bias) { return std::abs(bias) <= period; });
+}
+
+// What no sum with its bias exceeds in magnitude. A step at a time sums whose addends exceed the
+// period leave the accumulator's range.
+template <typename In, typename Out>
+int64_t PreparedConvolution<In, Out>::LargestOutcome() const {
+  constexpr int64_t kLargestHalf = int64_t{1} << 15;
+  if (layer_.use_fp16_acc) return kLargestHalf;
+  const bool is_in_range = plan_ && plan_->path != ChainPath::kStepwise && HasNarrowBias();
+  return is_in_range ? int64_t{1} << (layer_.accumulator_size - 1) : INT64_MAX;
+}
+
 // The wrap of a bias of at most 2^w is the wrap of the whole sum, which then begins with it; and
 // where no sum of the layer can leave the width, nothing wraps.
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::PrepareDots(const std::vector<int32_t>& weights) {
   const int64_t period = int64_t{1} << layer_.accumulator_size;
-  const int32_t biases = layer_.bias == nullptr ? 0 : layer_.out_channels;
-  const bool begins = layer_.accumulator_size >= 31 ||
-                      std::all_of(layer_.bias, layer_.bias + biases,
-                                  [period](int64_t bias) { return std::abs(bias) <= period; });
+  const bool begins = HasNarrowBias();
   const int64_t largest = LargestSum(weights);
   LayerFinishCall finish = FinishCall();
   finish.bits = largest < period / 2 ? 32 : plan_->bits;
-  finish.largest_sum = std::min(largest, period / 2);
+  finish.largest_sum = std::min(largest, finish.largest_sum);
   if (begins) finish.bias = nullptr;
   const int32_t* addends = begins ? layer_.bias : nullptr;
   CallingThread calling_thread;  // once for a network
@@ -175,7 +196,7 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
           layer_.per_channel,
           layer_.requantise,
           std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16,
-          int64_t{1} << std::max(0, layer_.accumulator_size - 1)};
+          LargestOutcome()};
 }
 
 template <typename In, typename Out>
@@ -192,6 +213,13 @@ void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* outp
   sums_->Run(input, batch, outputs, workers);
 }
 
+// The cycles of so many outputs, roughly.
+template <typename In, typename Out>
+int64_t PreparedConvolution<In, Out>::CostOf(int64_t outputs) const {
+  const int64_t products = layer_.FilterElements() / layer_.out_channels;
+  return outputs * products / kProducts + outputs / kFinishedSums;
+}
+
 // All images are one long row.
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::RunPixels(const In* input, int64_t pixels, Out* output,
@@ -204,7 +232,7 @@ void PreparedConvolution<In, Out>::RunPixels(const In* input, int64_t pixels, Ou
   step = std::min(step, pixels);
   const int64_t blocks = Parts(pixels, step);
   const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
-  const int64_t cost = step * panels * kPanel * layer_.in_channels / kProducts;
+  const int64_t cost = CostOf(step * panels * kPanel);
   workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
     const std::unique_ptr<int32_t[]> words(new int32_t[dots_->PixelWords(step)]);
     for (int64_t unit = first; unit < end; ++unit) {
@@ -234,9 +262,7 @@ void PreparedConvolution<In, Out>::RunWindows(const In* input, int32_t batch, Ou
   const int64_t in_image = Parts(rows, step);
   const int64_t blocks = batch * in_image;
   const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
-  const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
-  const int64_t cost =
-      int64_t{step} * columns * taps * layer_.in_channels * panels * kPanel / kProducts;
+  const int64_t cost = CostOf(int64_t{step} * columns * panels * kPanel);
   workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
     const std::unique_ptr<int32_t[]> words(new int32_t[dots_->StripWords(step)]);
     for (int64_t unit = first; unit < end; ++unit) {

@@ -49,12 +49,15 @@ class PreparedConvolution {
   Facts InputFacts() const;
   ChainFacts FactsWith(const std::vector<int32_t>& weights) const;
   int64_t LargestSum(const std::vector<int32_t>& weights) const;
+  bool HasNarrowBias() const;
+  int64_t LargestOutcome() const;
   void PrepareDots(const std::vector<int32_t>& weights);
   template <typename T>
   void PrepareSums(std::optional<PreparedSums<T>>* sums, std::vector<T> weights, bool corrects,
                    Workers* workers);
   LayerFinishCall FinishCall() const;
 
+  int64_t CostOf(int64_t outputs) const;
   void RunPixels(const In* input, int64_t pixels, Out* output, Workers* workers) const;
   void RunWindows(const In* input, int32_t batch, Out* output, Workers* workers) const;
   void RunDepthwise(const In* input, int32_t batch, Out* output, Workers* workers) const;

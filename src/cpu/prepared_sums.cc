@@ -82,14 +82,14 @@ void PreparedSums<T>::Sum(Buffers* buffers, Workers* workers) const {
 }
 
 template <typename T>
-void PreparedSums<T>::AddBias(Buffers* buffers) const {
+void PreparedSums<T>::AddBias(Buffers* buffers, Workers* workers) const {
   const T factor = T{1};
   const float once = 1.0f;
   const std::vector<T> sums = buffers->sums;
   ComputeBiasAdd<T>({sums.data(), bias_.data(), &factor, &once, buffers->sums.data(),
                      AdditionShape{1, 1, 1, layer_.out_channels},
                      DatapathAttributes{layer_.accumulator_size, &shift_, layer_.use_fp16_acc}},
-                    layer_.OutputElements());
+                    layer_.OutputElements(), workers);
 }
 
 template <typename T>
@@ -101,7 +101,7 @@ void PreparedSums<T>::RunImage(const In* image, const StoredOutput& output,
   Sum(&buffers, workers);
   const int32_t* sums = buffers.whole.data();
   if constexpr (std::is_same_v<T, float>) {
-    if (!bias_.empty()) AddBias(&buffers);
+    if (!bias_.empty()) AddBias(&buffers, workers);
     std::transform(buffers.sums.begin(), buffers.sums.end(), buffers.whole.begin(),
                    [](float sum) { return static_cast<int32_t>(sum); });
   } else {
