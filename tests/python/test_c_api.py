@@ -69,7 +69,7 @@ def test_cpp_program(tmp_path, standard):
     assert result.returncode == 0
 
 
-@pytest.mark.parametrize("header", ["single_step", "warning_counts"])
+@pytest.mark.parametrize("header", ["image_threads", "single_step", "warning_counts"])
 @pytest.mark.parametrize("standard", ["c99", "c11", "c17"])
 def test_header_alone(tmp_path, standard, header):
     """The header needs no other before it."""
@@ -78,6 +78,25 @@ def test_header_alone(tmp_path, standard, header):
     compiler = _compiler("CC", "cc", "gcc", "clang")
     options = (f"-std={standard}", "-Wstrict-prototypes", "-c", str(source))
     _build(compiler, *options, program=tmp_path / "header.o", link=False)
+
+
+@pytest.mark.parametrize(("variable", "setting"), [(None, 0), ("0", 0), ("1", 1)])
+def test_image_threads_from_c(tmp_path, variable, setting):
+    """The environment decides as the library is loaded, a call after that."""
+    source = tmp_path / "threads.c"
+    source.write_text(
+        '#include "bitfold/image_threads.h"\n'
+        "int main(void) {\n"
+        f"  if (bitfold_set_image_threads(7) != {setting}) return 1;\n"
+        "  if (bitfold_set_image_threads(0) != 1) return 2;\n"
+        "  return bitfold_set_image_threads(0);\n"
+        "}\n"
+    )
+    program = tmp_path / "threads"
+    _build(_compiler("CC", "cc", "gcc", "clang"), "-std=c11", str(source), program=program)
+    environment = {} if variable is None else {"BITFOLD_IMAGE_THREADS": variable}
+    result = subprocess.run([program], capture_output=True, check=False, env=environment)
+    assert result.returncode == 0
 
 
 def test_warning_counts_from_c(tmp_path):

@@ -1,12 +1,18 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Bits and lines do not depend on the thread: the runtime's pools flush subnormals, ops do not."""
+"""Bits and lines do not depend on the thread: the runtime's pools flush subnormals, ops do not.
+
+Nor do they depend on who shares the work: the runtime's pool, or a thread for each image.
+"""
 
 from __future__ import annotations
 
 import concurrent.futures
 import contextlib
 import ctypes
+import functools
+import hashlib
+import pathlib
 import platform
 import struct
 
@@ -15,6 +21,8 @@ import pytest
 import raw
 import support
 import tensorflow as tf
+
+import bitfold
 
 TINY = np.float32(2.0**-149)  # the smallest subnormal
 
@@ -240,8 +248,153 @@ def test_caller_that_rounds_upward(call, oracle, operands, mult_shift, reference
     assert_bits(result, expected)
 
 
-def test_many_images_at_once(reference, printed, assert_bits, assert_lines):
-    """Several batches of more than 20 images side by side: each has its own threads."""
+# ---- The pool and image threads ------------------------------------------------------------------
+
+
+@pytest.fixture(params=[False, True], ids=["pool", "image-threads"])
+def image_threads(request):
+    """Set who computes images, and set it back."""
+    before = bitfold.set_image_threads(request.param)
+    yield request.param
+    bitfold.set_image_threads(before)
+
+
+def _large_calls() -> dict:
+    """Return calls that are worth several threads: cut into rows, into channels, into images.
+
+    Some sums leave the accumulator, of floats with fractions in one image: with a line each.
+    """
+    rng = np.random.default_rng(16)
+
+    def integers(*shape):
+        return rng.integers(-128, 128, shape).astype(np.int32)
+
+    fractions = (integers(1, 24, 24, 16) * np.float32(0.3)).astype(np.float32)
+    fractions[0, ::5, ::3, 0] = 5e6
+    many = (integers(30, 6, 6, 8) * np.float32(0.3)).astype(np.float32)
+    many[::4, 3, 3, 1] = 5e6
+    return {
+        "rows": ("conv2d", integers(1, 48, 48, 32), integers(3, 3, 32, 48)),
+        "channels": ("conv2d", integers(1, 6, 6, 128), integers(3, 3, 128, 256)),
+        "pixels": ("conv2d", integers(3, 40, 40, 64), integers(1, 1, 64, 64)),
+        "images": ("conv2d", integers(40, 9, 9, 16), integers(3, 3, 16, 32)),
+        "depthwise": ("depthwise_conv2d", integers(2, 64, 64, 48), integers(3, 3, 48, 1)),
+        "lines": ("conv2d", fractions, integers(3, 3, 16, 32).astype(np.float32)),
+        "lines of images": ("conv2d", many, integers(3, 3, 8, 32).astype(np.float32)),
+    }
+
+
+LARGE_CALLS = _large_calls()
+
+
+def _large(name: str, accumulator_size: int = 20) -> tf.Tensor:
+    op, pixels, weights = LARGE_CALLS[name]
+    size = {"accumulator_size": 24} if pixels.dtype == np.float32 else {}
+    return getattr(bitfold.ops, op)(
+        pixels, weights, **{"accumulator_size": accumulator_size, **size}
+    )
+
+
+@pytest.fixture(scope="module")
+def large_expected(reference):
+    """The oracle's output and lines for a large call."""
+
+    @functools.cache
+    def compute(name):
+        op, pixels, weights = LARGE_CALLS[name]
+        is_depthwise = op == "depthwise_conv2d"
+        if is_depthwise:
+            weights = weights.reshape(3, 3, 1, -1)
+        size = 24 if pixels.dtype == np.float32 else 20
+        return reference.convolve(pixels, weights, accumulator_size=size, is_depthwise=is_depthwise)
+
+    return compute
+
+
+@pytest.mark.parametrize("name", LARGE_CALLS)
+def test_large_calls(name, image_threads, large_expected, printed, assert_bits, assert_lines):
+    """Whoever shares a call, bits and lines are the same; lines of one image keep their order."""
+    output, lines = large_expected(name)
+    assert bool(lines) == name.startswith("lines")
+    with printed() as text:
+        result = _large(name)
+    assert_bits(result, output)
+    assert_lines(text.out, lines, ordered=result.shape[0] == 1)
+
+
+@pytest.mark.parametrize("name", ["lines", "lines of images"])
+def test_large_calls_count_their_lines(name, image_threads, large_expected, printed):
+    """Lines of all threads are counted, and none is printed."""
+    before = bitfold.set_warnings("count")
+    try:
+        bitfold.warning_counts(reset=True)
+        with printed() as text:
+            _large(name)
+        counts = bitfold.warning_counts(reset=True)
+    finally:
+        bitfold.set_warnings(before)
+    assert text.out == ""
+    (found,) = counts.values()
+    assert found["out_of_bounds"] == large_expected(name)[1].count("\n")
+
+
+@pytest.mark.parametrize("batch", [1, 40])
+@pytest.mark.parametrize("dtype", [np.int32, np.float32])
+def test_large_products(batch, dtype, reference, printed, assert_bits, assert_lines):
+    """Matrix products share rows, columns and entries, and keep the order of all lines."""
+    rng = np.random.default_rng(batch)
+    rows, inner, columns = (160, 128, 192) if batch == 1 else (12, 64, 48)
+    left = rng.integers(-128, 128, (batch, rows, inner)).astype(dtype)
+    right = rng.integers(-128, 128, (batch, inner, columns)).astype(dtype)
+    if dtype is np.float32:
+        left[:, 3, ::9] += np.float32(0.3)
+        left[::3, 5, 2] = 3e6
+    expected, lines, *_ = reference.matmul(left, right, accumulator_size=24)
+    with printed() as text:
+        result = bitfold.ops.matmul(left, right, accumulator_size=24)
+    assert_bits(result, expected)
+    assert_lines(text.out, lines)
+
+
+_CHILD = """
+import hashlib, sys
+import tensorflow as tf
+tf.config.threading.set_intra_op_parallelism_threads(int(sys.argv[1]))
+import bitfold, test_threads
+for name in test_threads.LARGE_CALLS:
+    print(hashlib.sha256(test_threads._large(name).numpy().tobytes()).hexdigest(), flush=True)
+print(bitfold.set_image_threads(False))
+"""
+
+
+@pytest.mark.parametrize(("threads", "variable"), [(1, ""), (5, ""), (5, "1")])
+def test_any_number_of_threads(threads, variable, large_expected, monkeypatch):
+    """The runtime's setting of threads changes no bit; the environment chooses image threads."""
+    monkeypatch.setenv("BITFOLD_IMAGE_THREADS", variable)
+    folder = str(pathlib.Path(__file__).parent)
+    printed = support.passes(support.run_python(_CHILD, str(threads), python_path=folder))
+    lines = [line for line in printed.split("\n") if line and "@@@" not in line]
+    hashes = [hashlib.sha256(large_expected(n)[0].tobytes()).hexdigest() for n in LARGE_CALLS]
+    assert lines == [*hashes, str(variable == "1")]
+
+
+def test_setting_of_image_threads():
+    """The former setting is returned; other values are refused, and change nothing."""
+    assert bitfold.set_image_threads(True) is False
+    with pytest.raises(TypeError, match="Need a bool, got 0"):
+        bitfold.set_image_threads(0)
+    assert bitfold.set_image_threads(False) is True
+
+
+def test_wrong_environment(monkeypatch):
+    """A value that says neither is refused when the package is imported."""
+    monkeypatch.setenv("BITFOLD_IMAGE_THREADS", "yes")
+    result = support.run_python("import bitfold")
+    assert "Need BITFOLD_IMAGE_THREADS to be 0 or 1, got 'yes'" in result.stderr
+
+
+def test_many_images_at_once(image_threads, reference, printed, assert_bits, assert_lines):
+    """Several batches of more than 20 images side by side."""
     rng = np.random.default_rng(7)
     pixels = support.random_values(rng, np.float32, (25, 3, 3, 2))
     weights = support.random_values(rng, np.float32, (3, 3, 2, 2))
