@@ -25,10 +25,14 @@ def accepts_symbolic(op: Callable) -> Callable:
 
     @functools.wraps(op)
     def call(*args, **kwargs):
+        for argument in (*args, *kwargs.values()):
+            if isinstance(argument, keras.KerasTensor):
+                return layer(*args, **kwargs)
+        return op(*args, **kwargs)
+
+    def layer(*args, **kwargs):
         arguments = signature.bind(*args, **kwargs).arguments
         symbolic = {k: v for k, v in arguments.items() if isinstance(v, keras.KerasTensor)}
-        if not symbolic:
-            return op(*args, **kwargs)
         constants = {k: v for k, v in arguments.items() if k not in symbolic}
         name = constants.pop("name", None)
         return OpLayer(op.__name__, constants, name=name)(symbolic)
