@@ -31,14 +31,16 @@ def is_tensor(x: Any) -> bool:
     return type(x) not in _HOST_TYPES and tf.is_tensor(x)
 
 
-def as_tensor(x: Any) -> tf.Tensor:
+def as_tensor(x: Any, dtype: tf.DType | None = None) -> tf.Tensor:
     """Return what tf.convert_to_tensor does, without its search for a converter where it is known.
 
-    In a graph its result stands for a tensor from outside, eagerly a tensor is its own.
+    Eagerly a tensor stands for itself; a graph has a tensor of its own for one from outside.
     """
-    if isinstance(x, tf.Tensor) and tf.executing_eagerly():
+    if isinstance(x, tf.Tensor) and dtype in (None, x.dtype) and tf.executing_eagerly():
         return x
-    return tf.constant(x) if type(x) is np.ndarray else tf.convert_to_tensor(x)
+    if type(x) is np.ndarray:
+        return tf.constant(x, dtype)
+    return tf.convert_to_tensor(x, dtype)
 
 
 @functools.cache

@@ -218,13 +218,14 @@ def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
     """Return [..., C, 1] as [..., 1, C], the same memory; [..., 1, C] as it is."""
     static = filter.shape
     forms = "filter must be [height, width, C, 1] or [height, width, 1, C], got shape"
-    last = static[-2:] if static.rank is not None else [None, None]
+    sizes = static.as_list() if static.rank is not None else [None, None]
+    last = sizes[-2:]
     if static.rank is not None and (static.rank < 4 or last[0] == 1):
         return filter  # of fewer dimensions the kernel refuses it
     if None not in last and min(last) > 1:
         raise ValueError(f"{forms} {static}: there is no channel multiplier")
-    if static.is_fully_defined():
-        merged = np.array([*static[:-2], 1, last[0] * last[1]], np.int32)
+    if None not in sizes:
+        merged = np.array([*sizes[:-2], 1, last[0] * last[1]], np.int32)
         return tf.raw_ops.Reshape(tensor=filter, shape=merged)
     shape = tf.shape(filter)
     checks = []
@@ -238,7 +239,7 @@ def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
     result = tf.reshape(filter, merged)
     if static.rank is not None:
         count = None if None in last else last[0] * last[1]
-        result.set_shape([*static[:-2], 1, count])
+        result.set_shape([*sizes[:-2], 1, count])
     return result
 
 

@@ -92,9 +92,9 @@ def prepared_conv2d(
     least, greatest = limits(dtype)
     return raw_ops.h_prepared_convolution(
         input=input,
-        filter=tf.convert_to_tensor(filter, tf.int8),
-        bias=tf.convert_to_tensor([] if bias is None else bias, tf.int32),
-        multipliers=tf.convert_to_tensor(multipliers, tf.float64),
+        filter=as_tensor(filter, tf.int8),
+        bias=as_tensor([] if bias is None else bias, tf.int32),
+        multipliers=as_tensor(multipliers, tf.float64),
         strides=[integer(value, "strides") for value in strides],
         dilations=[integer(value, "dilations") for value in dilations],
         padding=[integer(value, "padding") for value in padding],
