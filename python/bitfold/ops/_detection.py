@@ -294,7 +294,9 @@ def _require_anchors(needs: Needs, centers: tf.Tensor, others: dict[str, tf.Tens
     needs.rank(centers, "detection_centers", 4)
     pairs = needs.dimension(centers, -1)
     what = "detection_centers with an even last dimension, a pair for each anchor"
-    needs.holds(tf.equal(pairs % 2, 0) if isinstance(pairs, tf.Tensor) else pairs % 2 == 0, what, pairs)
+    needs.holds(
+        tf.equal(pairs % 2, 0) if isinstance(pairs, tf.Tensor) else pairs % 2 == 0, what, pairs
+    )
     counts = {
         "detection_sizes": (elements(centers), "as many as detection_centers"),
         "y_centers": (needs.dimension(centers, 1) * pairs, "a pair for each anchor of each row"),
