@@ -196,8 +196,10 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
              input.dim_size(3) == layer->layer().in_channels && input.dim_size(0) <= kLargestSize;
     }
 
+    // Without elements there is no memory, and nothing to differ.
     static bool IsSame(const Tensor& a, const Tensor& b) {
-      return a.SharesBufferWith(b) && a.data() == b.data() && a.shape() == b.shape();
+      if (a.shape() != b.shape()) return false;
+      return IsEmpty(a) || (a.SharesBufferWith(b) && a.data() == b.data());
     }
   };
 
@@ -206,10 +208,11 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (held_ == nullptr || !held_->IsOf(context)) {
       PreparedLayer layer{};
+      OpWorkers workers(context);
       TF_RETURN_IF_ERROR(Describe(context, &layer));
       held_ =
           std::make_shared<const Held>(Held{context->input(1), context->input(2), context->input(3),
-                                            std::make_unique<const Layer>(layer)});
+                                            std::make_unique<const Layer>(layer, &workers)});
     }
     *held = held_;
     return absl::OkStatus();

@@ -18,7 +18,7 @@ import pytest
 import tensorflow as tf
 
 from bitfold import ops, tables
-from bitfold._frame import arguments
+from bitfold._frame import arguments, tensors
 
 RNG = np.random.default_rng(23)
 IMAGES = RNG.integers(-9, 10, [2, 5, 4, 3]).astype(np.int32)
@@ -218,8 +218,8 @@ def test_factors_of_any_size(factor, assert_bits):
 @pytest.mark.parametrize("dtype", [tf.int8, tf.int16, tf.int32, tf.int64, tf.uint32])
 def test_limits(dtype):
     """As the type has them, asked once."""
-    assert arguments.limits(dtype) == (dtype.min, dtype.max)
-    assert arguments.limits(dtype) is arguments.limits(dtype)
+    assert tensors.limits(dtype) == (dtype.min, dtype.max)
+    assert tensors.limits(dtype) is tensors.limits(dtype)
 
 
 # ---- Graphs ------------------------------------------------------------------------------------

@@ -4,13 +4,14 @@
 
 from __future__ import annotations
 
-import functools
 import operator
 from collections.abc import Sequence
 from typing import Any
 
 import numpy as np
 import tensorflow as tf
+
+from bitfold._frame.tensors import as_tensor, is_tensor, limits
 
 # Narrower types that the ops' two element types hold exactly.
 _WIDENED = {
@@ -23,30 +24,6 @@ _WIDENED = {
     tf.bfloat16: tf.float32,
 }
 _ELEMENT_TYPES = (tf.float32, tf.int32)
-_HOST_TYPES = frozenset({bool, int, float, list, tuple, np.ndarray})
-
-
-def is_tensor(x: Any) -> bool:
-    """Return what tf.is_tensor does, which needs 5 microseconds to say no."""
-    return type(x) not in _HOST_TYPES and tf.is_tensor(x)
-
-
-def as_tensor(x: Any, dtype: tf.DType | None = None) -> tf.Tensor:
-    """Return what tf.convert_to_tensor does, without its search for a converter where it is known.
-
-    Eagerly a tensor stands for itself; a graph has a tensor of its own for one from outside.
-    """
-    if isinstance(x, tf.Tensor) and dtype in (None, x.dtype) and tf.executing_eagerly():
-        return x
-    if type(x) is np.ndarray:
-        return tf.constant(x, dtype)
-    return tf.convert_to_tensor(x, dtype)
-
-
-@functools.cache
-def limits(dtype: tf.DType) -> tuple[int, int]:
-    """Return the least and the greatest number of a type, which a DType looks up at each call."""
-    return dtype.min, dtype.max
 
 
 def element_tensor(x: Any, name: str, dtype: tf.DType | None = None) -> tf.Tensor:

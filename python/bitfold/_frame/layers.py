@@ -25,12 +25,8 @@ def accepts_symbolic(op: Callable) -> Callable:
 
     @functools.wraps(op)
     def call(*args, **kwargs):
-        for argument in (*args, *kwargs.values()):
-            if isinstance(argument, keras.KerasTensor):
-                return layer(*args, **kwargs)
-        return op(*args, **kwargs)
-
-    def layer(*args, **kwargs):
+        if not any(isinstance(x, keras.KerasTensor) for x in (*args, *kwargs.values())):
+            return op(*args, **kwargs)
         arguments = signature.bind(*args, **kwargs).arguments
         symbolic = {k: v for k, v in arguments.items() if isinstance(v, keras.KerasTensor)}
         constants = {k: v for k, v in arguments.items() if k not in symbolic}

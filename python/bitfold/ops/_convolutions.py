@@ -21,6 +21,7 @@ from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
 from bitfold._frame.shapes import convolution_shape, without_static_shape
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -207,7 +208,7 @@ def _require_depthwise_channels(needs: Needs, input: tf.Tensor, filter: tf.Tenso
     if filter.shape.rank == 5:
         pairs.append(("images", needs.dimension(filter, 0), needs.dimension(input, 0), "at least"))
     for what, got, wanted, side in pairs:
-        if isinstance(got, tf.Tensor) or isinstance(wanted, tf.Tensor):
+        if is_tensor(got) or is_tensor(wanted):
             continue  # the kernel refuses, which reads nothing beyond
         fits = got <= wanted if side == "at most" else got >= wanted
         needs.holds(fits, f"filter to have {side} the {wanted} {what} of input", f"{got} in shape "
@@ -251,7 +252,7 @@ def _convolve_ordinary(raw_op, input, filters, *arguments) -> tf.Tensor:
     needs.rank(input, "input", 4)
     needs.rank(filters, "filters", 4, 5)
     channels = needs.dimension(input, -1)
-    count = "" if isinstance(channels, tf.Tensor) else f"{channels} "
+    count = "" if is_tensor(channels) else f"{channels} "
     needs.size(
         needs.dimension(filters, -2),
         channels,
@@ -275,15 +276,15 @@ def _convolve(
     padding = padding_name(padding)
     needs.half_precision_float(use_fp16_acc, input.dtype)
     is_eager = tf.executing_eagerly()
+    if elementwise is not None or not is_eager:
+        shape = convolution_shape(input.shape, filters.shape, strides, dilations, padding)
     if elementwise is None:
         addend = _NO_ADDEND[input.dtype]
     else:
         addend = element_tensor(elementwise, "elementwise", input.dtype)
         _require_centre(needs, filters, dilations[1])
-    if elementwise is not None or not is_eager:
-        shape = convolution_shape(input.shape, filters.shape, strides, dilations, padding)
-    if elementwise is not None and shape.num_elements() is not None:
-        needs.elements(addend, "elementwise", shape.num_elements(), _AS_RESULT)
+        if shape.num_elements() is not None:
+            needs.elements(addend, "elementwise", shape.num_elements(), _AS_RESULT)
     with needs.met():
         output = raw_op(
             input=without_static_shape(input),
@@ -317,7 +318,7 @@ def _require_centre(needs: Needs, filters: tf.Tensor, dilation: int) -> None:
     height = needs.dimension(filters, -4)
     if dilation > 1:
         needs.holds(
-            height % 2 == 1 if not isinstance(height, tf.Tensor) else tf.equal(height % 2, 1),
+            height % 2 == 1 if not is_tensor(height) else tf.equal(height % 2, 1),
             "a filter of odd height for elementwise with a dilation above 1",
             height,
         )

@@ -13,6 +13,7 @@ from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
 from bitfold._frame.shapes import without_static_shape
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -256,7 +257,7 @@ def _require_boxes(needs: Needs, value: tf.Tensor, classes: int, may_be_none: bo
     if classes < 1:
         return  # the kernel refuses
     boxes = needs.dimension(value, 1)
-    divides = tf.equal(boxes % classes, 0) if isinstance(boxes, tf.Tensor) else boxes % classes == 0
+    divides = tf.equal(boxes % classes, 0) if is_tensor(boxes) else boxes % classes == 0
     needs.holds(divides, f"value to hold a multiple of {classes} boxes, its classes", boxes)
     if not may_be_none:
         needs.holds(boxes > 0, "value to hold a box of each class, without is_velquin", boxes)
@@ -294,9 +295,7 @@ def _require_anchors(needs: Needs, centers: tf.Tensor, others: dict[str, tf.Tens
     needs.rank(centers, "detection_centers", 4)
     pairs = needs.dimension(centers, -1)
     what = "detection_centers with an even last dimension, a pair for each anchor"
-    needs.holds(
-        tf.equal(pairs % 2, 0) if isinstance(pairs, tf.Tensor) else pairs % 2 == 0, what, pairs
-    )
+    needs.holds(tf.equal(pairs % 2, 0) if is_tensor(pairs) else pairs % 2 == 0, what, pairs)
     counts = {
         "detection_sizes": (elements(centers), "as many as detection_centers"),
         "y_centers": (needs.dimension(centers, 1) * pairs, "a pair for each anchor of each row"),

@@ -13,6 +13,7 @@ from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
 from bitfold._frame.shapes import product_shape, unrelated, without_static_shape
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -110,4 +111,4 @@ def _require_matrices(needs: Needs, a: tf.Tensor, b: tf.Tensor) -> None:
 
 
 def _known(size: Any) -> str:
-    return "as many " if isinstance(size, tf.Tensor) else f"{size} "
+    return "as many " if is_tensor(size) else f"{size} "

@@ -9,9 +9,10 @@ from typing import Any
 
 import tensorflow as tf
 
-from bitfold._frame.arguments import as_tensor, integer, limits
+from bitfold._frame.arguments import integer
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.tensors import as_tensor, limits
 
 _STORED = (tf.int8, tf.int16)
 

@@ -9,10 +9,11 @@ from typing import Any
 import numpy as np
 import tensorflow as tf
 
-from bitfold._frame.arguments import as_tensor, integer, is_tensor, limits
+from bitfold._frame.arguments import integer
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.multipliers import require_multipliers
+from bitfold._frame.tensors import as_tensor, is_tensor, limits
 
 _ROUNDINGS = ("two_roundings", "short_multiplier", "one_rounding")
 _OUTPUTS = (tf.int8, tf.int16, tf.int32)

@@ -13,6 +13,7 @@ from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scal
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -295,7 +296,7 @@ def _require_splits(needs: Needs, size_splits: tf.Tensor, channels: Any) -> None
     needs.rank(size_splits, "size_splits", 1)
     sizes = tf.get_static_value(size_splits)
     what = "size_splits to sum to the channels of value"
-    if sizes is None or isinstance(channels, tf.Tensor):
+    if sizes is None or is_tensor(channels):
         needs.holds(tf.equal(tf.reduce_sum(size_splits), channels), what, size_splits)
         return
     sizes = sizes.tolist()
@@ -309,7 +310,7 @@ def _require_tables(needs: Needs, tables: dict[str, tf.Tensor], groups: Any) -> 
         needs.rank(table, key, 2)
     pieces = needs.dimension(tables["x_points"], 1) + 1
     for key, table in tables.items():
-        count = "" if isinstance(groups, tf.Tensor) else f"{groups} "
+        count = "" if is_tensor(groups) else f"{groups} "
         what = f"{key} to have {count}rows, one for each group of size_splits"
         needs.size(needs.dimension(table, 0), groups, what, table)
         if key != "x_points":
