@@ -39,6 +39,7 @@ def prepared_conv2d(
     minimum: int | None = None,
     maximum: int | None = None,
     dtype: Any = tf.int8,
+    constant_weights: bool = False,
     name: str | None = None,
 ) -> tf.Tensor:
     """Compute a layer of a quantised network, from stored integers to stored integers.
@@ -46,8 +47,8 @@ def prepared_conv2d(
     The bits and the printed lines of `conv2d`, `dilated_conv2d` or `depthwise_conv2d` on the input
     less its zero point and surrounded by zeros, then `bias_add` and `requantise`; in half precision
     the first two on floats. What can be known of the layer is decided at the first call, which
-    packs the weights; later calls with the same tensors `filter`, `bias` and `multipliers` and the
-    same image size use it again.
+    packs the weights; later calls with the same `filter`, `bias` and `multipliers` and the same
+    image size use it again.
 
     Args:
         input: int8 or int16 [N, H, W, C].
@@ -68,6 +69,10 @@ def prepared_conv2d(
         minimum: the least output, by default that of `dtype`.
         maximum: the greatest output, by default that of `dtype`.
         dtype: of the output: int8 or int16.
+        constant_weights: whether nothing rewrites the memory of `filter`, `bias` and `multipliers`:
+            the same tensors are then the same numbers, which calls need not compare. Tensors keep
+            theirs; what a reference variable of a graph of version 1 gives, or what
+            `tf.raw_ops.InplaceUpdate` was called with, does not.
         name: the node's name.
 
     Returns:
@@ -110,6 +115,7 @@ def prepared_conv2d(
         zero_point=integer(zero_point, "zero_point"),
         minimum=least if minimum is None else integer(minimum, "minimum"),
         maximum=greatest if maximum is None else integer(maximum, "maximum"),
+        has_constant_weights=bool(constant_weights),
         T_out=dtype,
         name=name,
     )
