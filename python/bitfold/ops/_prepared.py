@@ -7,6 +7,7 @@ from __future__ import annotations
 from collections.abc import Sequence
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold._frame.arguments import integer
@@ -15,6 +16,7 @@ from bitfold._frame.loaded import raw_ops
 from bitfold._frame.tensors import as_tensor, limits
 
 _STORED = (tf.int8, tf.int16)
+_NO_BIAS = np.zeros([0], np.int32)
 
 
 @accepts_symbolic
@@ -99,7 +101,7 @@ def prepared_conv2d(
     return raw_ops.h_prepared_convolution(
         input=input,
         filter=as_tensor(filter, tf.int8),
-        bias=as_tensor([] if bias is None else bias, tf.int32),
+        bias=as_tensor(_NO_BIAS if bias is None else bias, tf.int32),
         multipliers=as_tensor(multipliers, tf.float64),
         strides=[integer(value, "strides") for value in strides],
         dilations=[integer(value, "dilations") for value in dilations],
