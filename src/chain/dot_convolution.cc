@@ -4,6 +4,7 @@
 #include "chain/dot_convolution.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "bitfold/int32_arithmetic.h"
 #include "chain/pack.h"
@@ -13,6 +14,9 @@ namespace {
 
 // Whole words of any kind.
 constexpr int32_t kChannelsTogether = 16;
+
+// That hold so many bytes and what a word reads beyond them.
+int64_t WordsOf(int64_t bytes) { return bytes / int64_t{sizeof(int32_t)} + 2; }
 
 }  // namespace
 
@@ -24,7 +28,12 @@ DotConvolution<In, Output>::DotConvolution(const DotLayer& layer, const ChainPla
       padded_columns_(before_ + std::max(0, layer.columns.Coordinate(layer.columns.outputs - 1,
                                                                      layer.columns.taps - 1) +
                                                 1)),
-      words_((layer.in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
+      is_dense_((layer.columns.dilation == 1 || layer.columns.taps == 1) &&
+                int64_t{layer.columns.taps} * layer.in_channels <= INT32_MAX),
+      taps_(is_dense_ ? 1 : layer.columns.taps),
+      tap_size_(int64_t{layer.in_channels} * (is_dense_ ? layer.columns.taps : 1)),
+      pixel_(is_dense_ ? layer.in_channels : WholeWords(layer.in_channels)),
+      words_(static_cast<int32_t>(WholeWords(tap_size_) / NumbersInAWord())),
       panels_((layer.out_channels + kPanel - 1) / kPanel) {}
 
 template <typename In, typename Output>
@@ -39,19 +48,18 @@ template <typename In, typename Output>
 int64_t DotConvolution<In, Output>::StripWords(int32_t rows) const {
   const int64_t packed_rows = (int64_t{rows} - 1) * layer_.rows.stride +
                               (int64_t{layer_.rows.taps} - 1) * layer_.rows.dilation + 1;
-  int64_t words;
-  const bool overflows =
-      __builtin_mul_overflow(packed_rows, int64_t{padded_columns_} * words_, &words);
-  return overflows ? INT64_MAX : words;
+  int64_t bytes;
+  const bool overflows = __builtin_mul_overflow(packed_rows, RowBytes(), &bytes);
+  return overflows ? INT64_MAX : WordsOf(bytes);
 }
 
 template <typename In, typename Output>
 int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
-  return pixels * words_;
+  return WordsOf(pixels * PixelBytes());
 }
 
 template <typename In, typename Output>
-bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
+bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                                          const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
@@ -59,38 +67,47 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
-  const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
-  for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
-  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel, addends);
+  const int64_t taps = int64_t{layer_.rows.taps} * taps_;
+  const int64_t groups = (tap_size_ + kChannelsTogether - 1) / kChannelsTogether;
+  const int64_t cost = kChannelsTogether * int64_t{layer_.out_channels} / 4;  // in cycles
+  workers->Share(taps * groups, cost, [&](int64_t first, int64_t end) {
+    for (int64_t i = first; i < end; ++i) {
+      PackGroup(filter, i / groups, i % groups * kChannelsTogether);
+    }
+  });
+  workers->Share(panels_, PanelWords() / 4, [&](int64_t first, int64_t end) {
+    for (int64_t panel = first; panel < end; ++panel) {
+      SumPanel(static_cast<int32_t>(panel), addends);
+    }
+  });
   return true;
 }
 
-// A few input channels of all panels at a time, which lie near each other: twice as fast for a
-// layer of 512 to 512 channels as panel by panel. The filter is read in place but for a panel that
-// is not full, which zeros fill up.
+// A few input channels of a tap, from `first` on, for all panels: they lie near each other, so that
+// this is twice as fast for a layer of 512 to 512 channels as panel by panel. The filter is read in
+// place but for a panel that is not full, which zeros fill up.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
+void DotConvolution<In, Output>::PackGroup(const Weight* filter, int64_t tap, int64_t first) {
   Weight filled[kChannelsTogether * kPanel];
-  for (int32_t first = 0; first < layer_.in_channels; first += kChannelsTogether) {
-    const int32_t channels = std::min(kChannelsTogether, layer_.in_channels - first);
-    const Weight* rows = filter + (tap * layer_.in_channels + first) * layer_.out_channels;
-    int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
-    for (int32_t panel = 0; panel < panels_; ++panel) {
-      const Weight* weights = rows + panel * kPanel;
-      int32_t* out = words + panel * PanelWords();
-      int64_t stride = layer_.out_channels;
-      const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
-      if (lanes < kPanel) {
-        for (int32_t c = 0; c < channels; ++c) {
-          Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
-          std::fill_n(end, kPanel - lanes, Weight{0});
-        }
-        weights = filled;
-        stride = kPanel;
+  const auto channels =
+      static_cast<int32_t>(std::min<int64_t>(kChannelsTogether, tap_size_ - first));
+  const Weight* rows = filter + (tap * tap_size_ + first) * layer_.out_channels;
+  int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
+  for (int32_t panel = 0; panel < panels_; ++panel) {
+    const Weight* weights = rows + panel * kPanel;
+    int32_t* out = words + panel * PanelWords();
+    int64_t stride = layer_.out_channels;
+    const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
+    if (lanes < kPanel) {
+      for (int32_t c = 0; c < channels; ++c) {
+        Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
+        std::fill_n(end, kPanel - lanes, Weight{0});
       }
-      IsBytes() ? PackWeightBytes(weights, channels, stride, out)
-                : PackWeightShorts(weights, channels, stride, out);
+      weights = filled;
+      stride = kPanel;
     }
+    IsBytes() ? PackWeightBytes(weights, channels, stride, out)
+              : PackWeightShorts(weights, channels, stride, out);
   }
 }
 
@@ -111,56 +128,60 @@ void DotConvolution<In, Output>::SumPanel(int32_t panel, const int32_t* addends)
   }
 }
 
-// Channels are filled up to whole words: what they meet is 0 in the weights.
+// What fills a pixel up meets 0 in the weights.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, int32_t* words) const {
-  const auto pack = [this](const In* x, int64_t numbers, int32_t* out) {
+void DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, uint8_t* out) const {
+  const auto pack = [this](const In* x, int64_t numbers, uint8_t* to) {
     if (IsBytes()) {
-      PackBytes(x, numbers, StoredOffset(), reinterpret_cast<uint8_t*>(out));
+      PackBytes(x, numbers, StoredOffset(), to);
     } else {
-      PackShorts(x, numbers, StoredOffset(), reinterpret_cast<int16_t*>(out));
+      PackShorts(x, numbers, StoredOffset(), reinterpret_cast<int16_t*>(to));
     }
   };
-  const int32_t channels = layer_.in_channels;
-  if (channels % NumbersInAWord() == 0) return pack(pixels, count * channels, words);
+  const int64_t channels = layer_.in_channels;
+  if (pixel_ == channels) return pack(pixels, count * channels, out);
+  std::memset(out, 0, static_cast<size_t>(count * PixelBytes()));
   for (int64_t pixel = 0; pixel < count; ++pixel) {
-    words[(pixel + 1) * words_ - 1] = 0;
-    pack(pixels + pixel * channels, channels, words + pixel * words_);
+    pack(pixels + pixel * channels, channels, out + pixel * PixelBytes());
   }
 }
 
-// `rows` rows from the image's row `first` on, which may lie outside: there all is 0.
+// `rows` rows from the image's row `first` on, which may lie outside: there all is 0. After them
+// comes what the last tap's words read beyond its numbers.
 template <typename In, typename Output>
 void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32_t rows,
-                                           int32_t* words) const {
-  const int32_t zero = IsBytes() ? WrapMultiply(plan_.input_offset, 0x01010101) : 0;
+                                           uint8_t* out) const {
+  const int zero = IsBytes() ? plan_.input_offset : 0;
+  const auto fill = [zero](uint8_t* to, int64_t bytes) {
+    std::memset(to, zero, static_cast<size_t>(bytes));
+  };
   const int32_t inside = std::min(layer_.columns.input, padded_columns_ - before_);
-  const int64_t padded_row = int64_t{padded_columns_} * words_;
-  const int64_t before = int64_t{before_} * words_;
-  const int64_t used = int64_t{inside} * words_;
+  const int64_t before = before_ * PixelBytes();
+  const int64_t used = inside * PixelBytes();
   const int64_t image_row = int64_t{layer_.columns.input} * layer_.in_channels;
-  for (int32_t row = first; row < first + rows; ++row, words += padded_row) {
+  for (int32_t row = first; row < first + rows; ++row, out += RowBytes()) {
     if (row < 0 || row >= layer_.rows.input) {
-      std::fill_n(words, padded_row, zero);
+      fill(out, RowBytes());
       continue;
     }
-    std::fill_n(words, before, zero);
-    PackPixels(image + row * image_row, inside, words + before);
-    std::fill_n(words + before + used, padded_row - before - used, zero);
+    fill(out, before);
+    PackPixels(image + row * image_row, inside, out + before);
+    fill(out + before + used, RowBytes() - before - used);
   }
+  fill(out, sizeof(int32_t));
 }
 
 template <typename In, typename Output>
 void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, const Output& output,
                                      int32_t* words) const {
   const WindowAxis& rows = layer_.rows;
+  auto* numbers = reinterpret_cast<uint8_t*>(words);
   const int32_t first = rows.Coordinate(block.first_row, 0);
   const int32_t end = rows.Coordinate(block.end_row - 1, rows.taps - 1) + 1;
-  PackStrip(image, first, end - first, words);
-  const int64_t padded_row = int64_t{padded_columns_} * words_;
+  PackStrip(image, first, end - first, numbers);
   const int64_t column = int64_t{layer_.columns.first} + before_;
-  const Strip strip = {words + column * words_, rows.stride * padded_row,
-                       int64_t{layer_.columns.stride} * words_, block.end_row - block.first_row,
+  const Strip strip = {numbers + column * PixelBytes(), rows.stride * RowBytes(),
+                       layer_.columns.stride * PixelBytes(), block.end_row - block.first_row,
                        layer_.columns.outputs};
   const int64_t position = int64_t{block.first_row} * layer_.columns.outputs;
   RunStrip(strip, block.first_panel, block.end_panel, output.At(position, 0, layer_.out_channels));
@@ -169,8 +190,10 @@ void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, con
 template <typename In, typename Output>
 void DotConvolution<In, Output>::RunPixels(const In* pixels, int32_t count, const DotBlock& panels,
                                            const Output& output, int32_t* words) const {
-  PackPixels(pixels, count, words);
-  RunStrip({words, 0, words_, 1, count}, panels.first_panel, panels.end_panel, output);
+  auto* numbers = reinterpret_cast<uint8_t*>(words);
+  PackPixels(pixels, count, numbers);
+  std::memset(numbers + count * PixelBytes(), 0, sizeof(int32_t));
+  RunStrip({numbers, 0, PixelBytes(), 1, count}, panels.first_panel, panels.end_panel, output);
 }
 
 template <typename In, typename Output>
@@ -201,18 +224,12 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
   tile.w = weights_ + panel * PanelWords();
   tile.initial = initial_sums_ + first_channel;
   tile.x_pixel = strip.column;
-  tile.x_tap = int64_t{layer_.columns.dilation} * words_;
-  tile.x_row = int64_t{layer_.rows.dilation} * padded_columns_ * words_;
+  tile.x_tap = layer_.columns.dilation * PixelBytes();
+  tile.x_row = layer_.rows.dilation * RowBytes();
   tile.w_panel = PanelWords();
   tile.rows = layer_.rows.taps;
-  tile.taps = layer_.columns.taps;
+  tile.taps = taps_;
   tile.words = words_;
-  // Taps that follow one another are one long one.
-  const int64_t words_in_a_row = int64_t{layer_.columns.taps} * words_;
-  if (layer_.columns.dilation == 1 && words_in_a_row <= INT32_MAX) {
-    tile.taps = 1;
-    tile.words = static_cast<int32_t>(words_in_a_row);
-  }
   for (int32_t row = 0; row < strip.rows; ++row) {
     for (int32_t next = 0; next < strip.columns;) {
       const int32_t left = strip.columns - next;
@@ -221,7 +238,7 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
       while (kernels.pixels[size] > left && kernels.pixels[size + 1] >= left) ++size;
       const int32_t pixels = kernels.pixels[size];
       const int32_t column = std::min(next, strip.columns - pixels);
-      tile.x = strip.words + row * strip.row + column * strip.column;
+      tile.x = strip.numbers + row * strip.row + column * strip.column;
       const int64_t position = int64_t{row} * strip.columns + column;
       table[size][size_index](tile, output.At(position, first_channel, channels));
       next = column + pixels;

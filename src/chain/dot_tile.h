@@ -16,9 +16,10 @@ namespace bitfold {
 
 // The sum of lane l of panel n in column p is
 //   initial[n * 16 + l] + the dot products of x and w over rows, taps and words,
-// where x is one word for all lanes of a column and w one word for each lane. Strides in words.
+// where x is one word for all lanes of a column and w one word for each lane. Words of x lie
+// anywhere, one after the other those of a tap; strides of x in bytes, of w in words.
 struct DotTile {
-  const int32_t* x;  // of column 0
+  const uint8_t* x;  // of column 0
   const int32_t* w;  // [row][tap][word][lane] of panel 0
   const int32_t* initial;
   int64_t x_pixel;
@@ -30,31 +31,15 @@ struct DotTile {
   int32_t words;  // for each tap
 };
 
-// Depthwise, a row of outputs. The sum of output i, of `length`, is
-//   initial[i % period] + the dot products over k < words of x[k][i] and w[k][i % period].
-// Requires 16 <= period <= length. Where length is no multiple of period, lanes repeat themselves
-// within one so that those of the last `period` outputs begin with the first.
-struct DotRow {
-  const int32_t* const* x;
-  const int32_t* w;  // [word][lane], lane < period
-  const int32_t* initial;
-  int64_t length;
-  int32_t period;
-  int32_t words;
-};
-
 // The kernels of a target that write to a kind of output, by the number of columns and of panels,
 // largest first; 0 ends a list. Where there are no dot products of bytes theirs are null.
 template <typename Output>
 struct DotKernels {
   using Kernel = void (*)(const DotTile&, const Output&);
-  using RowKernel = void (*)(const DotRow&, const Output&);  // the channels do not count
   int pixels[5];
   int panels[4];
   Kernel bytes[4][3];   // of unsigned x and signed w
   Kernel shorts[4][3];  // of signed x and w
-  RowKernel row_of_bytes;
-  RowKernel row_of_shorts;
   bool HasBytes() const { return bytes[0][0] != nullptr; }
 };
 

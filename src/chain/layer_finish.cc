@@ -4,6 +4,7 @@
 #include "chain/layer_finish.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 #include "bitfold/int32_arithmetic.h"
@@ -18,9 +19,11 @@ namespace {
 using FinishLoop = void (*)(const int32_t*, int32_t, int32_t, const FinishTerms&,
                             const StoredOutput&);
 
-// By [rescaling][whether there is a bias][type].
+// By [rescaling][whether there is a bias][type]; and two roundings of what IsModest says, by
+// [whether there is a bias][whether the bounds are narrower than the type][type].
 struct FinishLoops {
   FinishLoop by[3][2][2];
+  FinishLoop modest[2][2][2];
 };
 
 #define BITFOLD_LOOPS "chain/layer_finish_loops.inc"
@@ -34,8 +37,7 @@ int32_t WholePanels(int32_t channels) { return (channels + kPanel - 1) / kPanel 
 LayerFinish::LayerFinish(const LayerFinishCall& call)
     : terms_{call.datapath,     32 - call.bits,   nullptr, nullptr, nullptr,
              nullptr,           nullptr,          nullptr, nullptr, call.mode.zero_point,
-             call.mode.minimum, call.mode.maximum},
-      loop_(LoopOf(call)) {
+             call.mode.minimum, call.mode.maximum} {
   const int32_t lanes = WholePanels(call.channels);
   if (call.bias != nullptr) {
     bias_.resize(static_cast<size_t>(lanes));
@@ -50,6 +52,7 @@ LayerFinish::LayerFinish(const LayerFinishCall& call)
   terms_.shifts = shifts_.data();
   terms_.excesses = excesses_.data();
   terms_.reals = reals_.data();
+  loop_ = LoopOf(call);
 }
 
 void LayerFinish::FillMultipliers(const LayerFinishCall& call, int32_t lanes) {
@@ -73,7 +76,26 @@ void LayerFinish::FillMultipliers(const LayerFinishCall& call, int32_t lanes) {
   }
 }
 
-LayerFinish::Loop LayerFinish::LoopOf(const LayerFinishCall& call) {
+// Whether two roundings can be made with one sum less: nothing is shifted left, something right,
+// and the rounding terms and the zero point fit 32 bits beside a sum.
+bool LayerFinish::IsModest(const LayerFinishCall& call) const {
+  constexpr int64_t kMostSum = (int64_t{1} << 30) - 1;
+  constexpr int64_t kMostTerm = int64_t{1} << 29;
+  constexpr int32_t kMostShift = 29;
+  if (call.mode.rescaling != Rescaling::kTwoRoundings || call.largest_sum > kMostSum) return false;
+  const int64_t zero_point = std::abs(int64_t{call.mode.zero_point});
+  return std::all_of(exponents_.begin(), exponents_.end(), [zero_point](int32_t exponent) {
+    return -kMostShift <= exponent && exponent < 0 && zero_point << -exponent <= kMostTerm;
+  });
+}
+
+LayerFinish::Loop LayerFinish::LoopOf(const LayerFinishCall& call) const {
+  if (IsModest(call)) {
+    const bool is_byte = call.type == StoredType::kInt8;
+    const bool clamps = call.mode.minimum > (is_byte ? INT8_MIN : INT16_MIN) ||
+                        call.mode.maximum < (is_byte ? INT8_MAX : INT16_MAX);
+    return CurrentLoops().modest[call.bias != nullptr][clamps][static_cast<int>(call.type)];
+  }
   return CurrentLoops()
       .by[static_cast<int>(call.mode.rescaling)][call.bias != nullptr][static_cast<int>(call.type)];
 }

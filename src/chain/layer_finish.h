@@ -27,6 +27,7 @@ struct LayerFinishCall {
   bool per_channel;
   RequantiseMode mode;
   StoredType type;
+  int64_t largest_sum;  // the magnitude of every sum with its bias is at most this
 };
 
 // The arrays and numbers that the loops read: arrays are filled up to whole panels.
@@ -59,7 +60,8 @@ class LayerFinish {
   using Loop = void (*)(const int32_t*, int32_t, int32_t, const FinishTerms&, const StoredOutput&);
 
   void FillMultipliers(const LayerFinishCall& call, int32_t lanes);
-  static Loop LoopOf(const LayerFinishCall& call);
+  bool IsModest(const LayerFinishCall& call) const;
+  Loop LoopOf(const LayerFinishCall& call) const;
 
   std::vector<int32_t> bias_;
   std::vector<int32_t> mantissas_;
@@ -69,7 +71,7 @@ class LayerFinish {
   std::vector<uint32_t> excesses_;
   std::vector<double> reals_;
   FinishTerms terms_;
-  Loop loop_;
+  Loop loop_ = nullptr;
 };
 
 }  // namespace bitfold
