@@ -51,7 +51,7 @@ inline __m512i ShuffledBytes(const __m512i* rows, __m512i places) {
 void LookUpBytesByByte(const uint8_t* bytes, int64_t count, const uint8_t* table, uint8_t* output) {
   __m512i rows[16];
   for (int row = 0; row < 16; ++row) {
-    const auto* entries = reinterpret_cast<const __m128i*>(table + 16 * row);
+    const auto* entries = reinterpret_cast<const __m128i*>(table + int64_t{16} * row);
     rows[row] = _mm512_broadcast_i32x4(_mm_loadu_si128(entries));
   }
   int64_t i = 0;
