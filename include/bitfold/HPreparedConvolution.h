@@ -20,7 +20,9 @@
 
 namespace bitfold {
 
-// One axis of a layer's windows: `before` and `after` rows of zeros surround the input's.
+// One axis of a layer's windows: they lie as the padding says in the input's rows and the zeros
+// before and after these. What SAME windows meet beyond is no addend, as a zero is: of sums outside
+// the accumulator's range that makes a difference.
 struct LayerAxis {
   int32_t input;
   int32_t taps;
@@ -28,9 +30,10 @@ struct LayerAxis {
   int32_t dilation;
   int32_t before;
   int32_t after;
+  Padding padding = Padding::kValid;
 
   int32_t padded() const { return input + before + after; }
-  ConvolutionAxis OfPadded() const { return {padded(), taps, stride, dilation, Padding::kValid}; }
+  ConvolutionAxis OfPadded() const { return {padded(), taps, stride, dilation, padding}; }
   int32_t outputs() const { return getOutputSize(OfPadded()); }
 };
 
