@@ -23,3 +23,15 @@ def is_tensor(x: Any) -> bool:
 def limits(dtype: tf.DType) -> tuple[int, int]:
     """Return the least and the greatest number of an integer type."""
     return dtype.min, dtype.max
+
+
+def as_tensor(x: Any, dtype: tf.DType | None = None) -> tf.Tensor:
+    """Return what ``tf.convert_to_tensor`` does, without its search for a converter.
+
+    Eagerly a tensor stands for itself; a graph has a tensor of its own for one from outside.
+    """
+    if isinstance(x, tf.Tensor) and dtype in (None, x.dtype) and tf.executing_eagerly():
+        return x
+    if type(x) is np.ndarray:
+        return tf.constant(x, dtype)
+    return tf.convert_to_tensor(x, dtype)

@@ -8,7 +8,7 @@ from typing import Any
 
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, float_attribute, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, float_attribute, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
@@ -233,7 +233,7 @@ def non_max_suppression(
     with needs.met():
         output = raw_ops.hnms(
             value=without_static_shape(value),
-            scores_threshold=scalar_tensor(scores_threshold, "scores_threshold", tf.float32),
+            scores_threshold=scalar_operand(scores_threshold, "scores_threshold", tf.float32),
             iou_threshold=float_attribute(iou_threshold, "iou_threshold"),
             max_output_size=float_attribute(max_output_size, "max_output_size"),
             classes=float_attribute(classes, "classes"),
@@ -283,7 +283,7 @@ def _decode(
         return raw_op(
             centers,
             *tensors.values(),
-            scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,

@@ -8,7 +8,7 @@ from typing import Any
 
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
@@ -72,7 +72,7 @@ def matmul(
         product = raw_ops.h_matmul(
             a=without_static_shape(unrelated(a)),
             b=without_static_shape(unrelated(b)),
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,

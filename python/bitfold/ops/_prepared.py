@@ -12,6 +12,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import integer
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.tensors import as_tensor, limits
 
 _STORED = (tf.int8, tf.int16)
 
@@ -93,14 +94,15 @@ def prepared_conv2d(
     dtype = tf.as_dtype(dtype)
     if dtype not in _STORED:
         raise TypeError(f"dtype must be int8 or int16, got {dtype.name}")
-    input = tf.convert_to_tensor(input)
+    input = as_tensor(input)
     if input.dtype not in _STORED:
         raise TypeError(f"input must be int8 or int16, got {input.dtype.name}")
+    least, greatest = limits(dtype)
     return raw_ops.h_prepared_convolution(
         input=input,
-        filter=tf.convert_to_tensor(filter, tf.int8),
-        bias=tf.convert_to_tensor([] if bias is None else bias, tf.int32),
-        multipliers=tf.convert_to_tensor(multipliers, tf.float64),
+        filter=as_tensor(filter, tf.int8),
+        bias=as_tensor([] if bias is None else bias, tf.int32),
+        multipliers=as_tensor(multipliers, tf.float64),
         strides=[integer(value, "strides") for value in strides],
         dilations=[integer(value, "dilations") for value in dilations],
         padding=padding,
@@ -112,8 +114,8 @@ def prepared_conv2d(
         use_fp16_acc=bool(use_fp16_acc),
         rounding=rounding,
         zero_point=integer(zero_point, "zero_point"),
-        minimum=dtype.min if minimum is None else integer(minimum, "minimum"),
-        maximum=dtype.max if maximum is None else integer(maximum, "maximum"),
+        minimum=least if minimum is None else integer(minimum, "minimum"),
+        maximum=greatest if maximum is None else integer(maximum, "maximum"),
         has_constant_weights=bool(constant_weights),
         T_out=dtype,
         name=name,

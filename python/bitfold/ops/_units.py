@@ -9,7 +9,7 @@ from typing import Any
 import numpy as np
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
@@ -107,7 +107,7 @@ def layer_norm(
     )
     value = element_tensor(value, "value", tf.float32)
     lut = element_tensor(lut, "lut", tf.float32)
-    tensors = {key: scalar_tensor(number, key, tf.uint32) for key, number in scalars.items()}
+    tensors = {key: scalar_operand(number, key, tf.uint32) for key, number in scalars.items()}
     needs = Needs()
     _require_vectors(needs, value)
     _require_shifts(needs, tensors)
@@ -125,7 +125,7 @@ def _require_vectors(needs: Needs, value: tf.Tensor) -> None:
     needs.holds(positions <= 2**20, "value of a height x width of at most 2^20", positions)
 
 
-def _require_shifts(needs: Needs, scalars: dict[str, tf.Tensor]) -> None:
+def _require_shifts(needs: Needs, scalars: dict[str, tf.Tensor | int]) -> None:
     """Require shifts that the normalisation unit makes."""
     by_ebias = _number(scalars["activation_ebias_mode"])
     limits = {
@@ -139,9 +139,11 @@ def _require_shifts(needs: Needs, scalars: dict[str, tf.Tensor]) -> None:
         needs.holds(shift is None or shift <= most, f"{key} of at most {most}", shift)
 
 
-def _number(tensor: tf.Tensor) -> int | None:
+def _number(scalar: tf.Tensor | int) -> int | None:
     """Return the number that the unit will read of a scalar, None where it is not known."""
-    value = tf.get_static_value(tensor)
+    if isinstance(scalar, int):
+        return scalar
+    value = tf.get_static_value(scalar)
     return None if value is None or value.size == 0 else int(np.ravel(value)[0])
 
 
@@ -260,7 +262,7 @@ def activation(
     needs = Needs()
     needs.rank(value, "value", 4)
     if size_splits is None:
-        groups, size_splits = 1, tf.shape(value, tf.int64)[-1:]
+        groups, size_splits = 1, _all_channels(value)
     else:
         size_splits = fixed_tensor(size_splits, "size_splits", tf.int64)
         _require_splits(needs, size_splits, needs.dimension(value, -1))
@@ -280,6 +282,13 @@ def activation(
             is_signed_output=True,
             name=name,
         )
+
+
+def _all_channels(value: tf.Tensor) -> list[int] | tf.Tensor:
+    """Return the sizes of one group of all channels."""
+    if value.shape.rank is None or value.shape[-1] is None:
+        return tf.shape(value, tf.int64)[-1:]
+    return [value.shape[-1]]
 
 
 def _require_splits(needs: Needs, size_splits: tf.Tensor, channels: Any) -> None:
