@@ -46,7 +46,7 @@ inline WindowAxis WindowOf(const LayerAxis& axis) {
 }
 
 // A layer and what it is made of. Requires
-//   axes        of at least one output; sizes of at least 1, padding of at least 0, and sums of
+//   axes        of one padding and at least one output; sizes of at least 1, padding of at least 0, and sums of
 //   them
 //               that stay below 2^30;
 //   filter      HWIO, or, depthwise, HWO, numbers of 8 bits with a sign;
