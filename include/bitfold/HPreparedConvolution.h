@@ -46,8 +46,8 @@ inline WindowAxis WindowOf(const LayerAxis& axis) {
 }
 
 // A layer and what it is made of. Requires
-//   axes        of one padding and at least one output; sizes of at least 1, zeros around them of at
-//               least 0, and sums of these that stay below 2^30;
+//   axes        of one padding and at least one output; sizes of at least 1, zeros around of at
+//               least 0, and sums of all that stay below 2^30;
 //   filter      HWIO, or, depthwise, HWO, numbers of 8 bits with a sign;
 //   bias        null or of out_channels;
 //   multipliers one or, per_channel, out_channels, for which the rescaling is defined; two
