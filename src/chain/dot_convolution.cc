@@ -14,6 +14,14 @@ namespace {
 // Whole words of any kind.
 constexpr int32_t kChannelsTogether = 16;
 
+// The tables of a word are read with what follows them.
+constexpr int64_t kWordsBehindTables = 8;
+
+std::optional<RemainderTables> TablesOf(const ChainPlan& plan) {
+  if (plan.path != ChainPath::kDotRemainders) return std::nullopt;
+  return RemainderTables(plan.shift, plan.input_offset);
+}
+
 }  // namespace
 
 template <typename In, typename Output>
@@ -25,7 +33,8 @@ DotConvolution<In, Output>::DotConvolution(const DotLayer& layer, const ChainPla
                                                                      layer.columns.taps - 1) +
                                                 1)),
       words_((layer.in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
-      panels_((layer.out_channels + kPanel - 1) / kPanel) {}
+      panels_((layer.out_channels + kPanel - 1) / kPanel),
+      remainders_(TablesOf(plan)) {}
 
 template <typename In, typename Output>
 bool DotConvolution<In, Output>::IsPixelwise() const {
@@ -42,12 +51,20 @@ int64_t DotConvolution<In, Output>::StripWords(int32_t rows) const {
   int64_t words;
   const bool overflows =
       __builtin_mul_overflow(packed_rows, int64_t{padded_columns_} * words_, &words);
-  return overflows ? INT64_MAX : words;
+  return overflows ? INT64_MAX : WithTables(words);
 }
 
 template <typename In, typename Output>
 int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
-  return pixels * words_;
+  return WithTables(pixels * words_);
+}
+
+// So many words and their tables.
+template <typename In, typename Output>
+int64_t DotConvolution<In, Output>::WithTables(int64_t words) const {
+  if (!remainders_) return words;
+  constexpr int64_t kMost = INT64_MAX / (2 << kMostRemainderShift);
+  return words > kMost ? INT64_MAX : words * (1 + TableWords()) + kWordsBehindTables;
 }
 
 template <typename In, typename Output>
@@ -57,7 +74,9 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch)
   };
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
+  if (remainders_) choices_ = words(2 * panels_ * PanelWords());
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
+  if (remainders_ && choices_ == nullptr) return false;
   const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
   for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
   for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel);
@@ -93,16 +112,26 @@ void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
   }
 }
 
-// Minus the offset times the weights of a lane, which the padding has, too.
+// Minus the offset times the weights of a lane, which the padding has, too; the same of the excess
+// of remainders and their factors.
 template <typename In, typename Output>
 void DotConvolution<In, Output>::SumPanel(int32_t panel) {
   int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
   std::fill_n(sums, kPanel, 0);
-  if (plan_.input_offset == 0) return;
   const int32_t* weights = weights_ + panel * PanelWords();
-  for (int64_t i = 0; i < PanelWords(); ++i) {
+  const auto take_off = [sums](int32_t excess, const int32_t* words, int64_t i) {
     int32_t& sum = sums[i % kPanel];
-    sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
+    sum = WrapSubtract(sum, WrapMultiply(excess, SumOfBytes(words[i])));
+  };
+  if (plan_.input_offset != 0) {
+    for (int64_t i = 0; i < PanelWords(); ++i) take_off(plan_.input_offset, weights, i);
+  }
+  if (!remainders_) return;
+  int32_t* choices = choices_ + 2 * panel * PanelWords();
+  remainders_->Choose(weights, PanelWords() / kPanel, choices);
+  for (int64_t k = 0; k < PanelWords() / kPanel; ++k) {
+    const int32_t* factors = choices + (2 * k + 1) * kPanel;
+    for (int64_t i = 0; i < kPanel; ++i) take_off(remainders_->Excess(), factors, i);
   }
 }
 
@@ -145,6 +174,15 @@ void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32
   }
 }
 
+// The tables of all words, written behind them; null where there are none.
+template <typename In, typename Output>
+const uint8_t* DotConvolution<In, Output>::LookUpTables(int32_t* words, int64_t count) const {
+  if (!remainders_) return nullptr;
+  auto* tables = reinterpret_cast<uint8_t*>(words + count);
+  remainders_->LookUp(reinterpret_cast<const uint8_t*>(words), 4 * count, tables);
+  return tables;
+}
+
 template <typename In, typename Output>
 void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, const Output& output,
                                      int32_t* words) const {
@@ -153,9 +191,13 @@ void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, con
   const int32_t end = rows.Coordinate(block.end_row - 1, rows.taps - 1) + 1;
   PackStrip(image, first, end - first, words);
   const int64_t padded_row = int64_t{padded_columns_} * words_;
-  const int64_t column = int64_t{layer_.columns.first} + before_;
-  const Strip strip = {words + column * words_, rows.stride * padded_row,
-                       int64_t{layer_.columns.stride} * words_, block.end_row - block.first_row,
+  const uint8_t* tables = LookUpTables(words, (end - first) * padded_row);
+  const int64_t column = (int64_t{layer_.columns.first} + before_) * words_;
+  const Strip strip = {words + column,
+                       tables + 4 * TableWords() * column,
+                       rows.stride * padded_row,
+                       int64_t{layer_.columns.stride} * words_,
+                       block.end_row - block.first_row,
                        layer_.columns.outputs};
   const int64_t position = int64_t{block.first_row} * layer_.columns.outputs;
   RunStrip(strip, block.first_panel, block.end_panel, output.At(position, 0, layer_.out_channels));
@@ -165,7 +207,8 @@ template <typename In, typename Output>
 void DotConvolution<In, Output>::RunPixels(const In* pixels, int32_t count, const DotBlock& panels,
                                            const Output& output, int32_t* words) const {
   PackPixels(pixels, count, words);
-  RunStrip({words, 0, words_, 1, count}, panels.first_panel, panels.end_panel, output);
+  const uint8_t* tables = LookUpTables(words, int64_t{count} * words_);
+  RunStrip({words, tables, 0, words_, 1, count}, panels.first_panel, panels.end_panel, output);
 }
 
 template <typename In, typename Output>
@@ -192,7 +235,8 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
   const int32_t lanes = kernels.panels[size_index] * kPanel;
   const int32_t channels = std::min(lanes, layer_.out_channels - first_channel);
 
-  DotTile tile;
+  RemainderTile with_remainders;
+  DotTile& tile = with_remainders.dot;
   tile.w = weights_ + panel * PanelWords();
   tile.initial = initial_sums_ + first_channel;
   tile.x_pixel = strip.column;
@@ -208,6 +252,10 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
     tile.taps = 1;
     tile.words = static_cast<int32_t>(words_in_a_row);
   }
+  with_remainders.choices = remainders_ ? choices_ + 2 * panel * PanelWords() : nullptr;
+  with_remainders.table_bytes = 4 * TableWords();
+  with_remainders.shift = plan_.shift;
+  const bool is_wide = with_remainders.table_bytes > 32;
   for (int32_t row = 0; row < strip.rows; ++row) {
     for (int32_t next = 0; next < strip.columns;) {
       const int32_t left = strip.columns - next;
@@ -216,9 +264,15 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
       while (kernels.pixels[size] > left && kernels.pixels[size + 1] >= left) ++size;
       const int32_t pixels = kernels.pixels[size];
       const int32_t column = std::min(next, strip.columns - pixels);
-      tile.x = strip.words + row * strip.row + column * strip.column;
-      const int64_t position = int64_t{row} * strip.columns + column;
-      table[size][size_index](tile, output.At(position, first_channel, channels));
+      const int64_t x = row * strip.row + column * strip.column;
+      tile.x = strip.words + x;
+      const Output at = output.At(int64_t{row} * strip.columns + column, first_channel, channels);
+      if (remainders_) {
+        with_remainders.tables = strip.tables + x * with_remainders.table_bytes;
+        kernels.remainders[is_wide][size][size_index](with_remainders, at);
+      } else {
+        table[size][size_index](tile, at);
+      }
       next = column + pixels;
     }
   }

@@ -61,7 +61,8 @@ template <typename Output>
 constexpr DotKernels<Output> kKernels = {
     {2, 1},  {1},
     {},      {{Dot<2, 1, false, Output>}, {Dot<1, 1, false, Output>}},
-    nullptr, RowKernelOf<2, false, Output>()};
+    nullptr, RowKernelOf<2, false, Output>(),
+    {}};
 
 }  // namespace portable
 
@@ -104,7 +105,8 @@ constexpr DotKernels<Output> kKernels = {{6, 4, 2, 1},
                                           {Dot<2, 1, false, Output>},
                                           {Dot<1, 1, false, Output>}},
                                          nullptr,
-                                         RowKernelOf<4, false, Output>()};
+                                         RowKernelOf<4, false, Output>(),
+                                         {}};
 
 }  // namespace avx2
 BITFOLD_END_TARGET
@@ -143,9 +145,13 @@ inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 #include "chain/dot_row_loops.inc"
 
 template <typename Output>
-constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1}, {4, 2, 1},
-                                         {},           BITFOLD_DOT_TABLE(false),
-                                         nullptr,      RowKernelOf<4, false, Output>()};
+constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1},
+                                         {4, 2, 1},
+                                         {},
+                                         BITFOLD_DOT_TABLE(false),
+                                         nullptr,
+                                         RowKernelOf<4, false, Output>(),
+                                         {}};
 
 }  // namespace avx512
 BITFOLD_END_TARGET
@@ -173,10 +179,63 @@ constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1},
                                          BITFOLD_DOT_TABLE(true),
                                          BITFOLD_DOT_TABLE(false),
                                          RowKernelOf<4, true, Output>(),
-                                         RowKernelOf<4, false, Output>()};
+                                         RowKernelOf<4, false, Output>(),
+                                         {}};
 
 }  // namespace avx512_vnni
 BITFOLD_END_TARGET
+
+// The same with what permutes bytes.
+BITFOLD_BEGIN_AVX512_VBMI
+namespace avx512_vbmi {
+
+using avx512::Add;
+using avx512::kVectors;
+using avx512::Load;
+using avx512::LoadWhole;
+using avx512::Same;
+using avx512::SignExtend;
+using avx512::StoreWhole;
+using avx512::Vector;
+using avx512_vnni::DotBytes;
+using avx512_vnni::DotShorts;
+
+#include "chain/dot_loops.inc"
+#include "chain/remainder_loops.inc"
+
+#define BITFOLD_REMAINDER_ROW(pixels, wide)                                   \
+  {                                                                           \
+    Remainders<pixels, 4, wide, Output>, Remainders<pixels, 2, wide, Output>, \
+        Remainders<pixels, 1, wide, Output>                                   \
+  }
+#define BITFOLD_REMAINDER_TABLE(wide)                                  \
+  {                                                                    \
+    BITFOLD_REMAINDER_ROW(7, wide), BITFOLD_REMAINDER_ROW(4, wide),    \
+        BITFOLD_REMAINDER_ROW(2, wide), BITFOLD_REMAINDER_ROW(1, wide) \
+  }
+
+template <typename Output>
+constexpr DotKernels<Output> WithRemainders(DotKernels<Output> kernels) {
+  constexpr typename DotKernels<Output>::RemainderKernel kRemainders[2][4][3] = {
+      BITFOLD_REMAINDER_TABLE(false), BITFOLD_REMAINDER_TABLE(true)};
+  for (int wide = 0; wide < 2; ++wide) {
+    for (int size = 0; size < 4; ++size) {
+      for (int panels = 0; panels < 3; ++panels) {
+        kernels.remainders[wide][size][panels] = kRemainders[wide][size][panels];
+      }
+    }
+  }
+  return kernels;
+}
+
+template <typename Output>
+constexpr DotKernels<Output> kKernels = WithRemainders(avx512_vnni::kKernels<Output>);
+
+}  // namespace avx512_vbmi
+BITFOLD_END_TARGET
+
+#undef BITFOLD_REMAINDER_TABLE
+#undef BITFOLD_REMAINDER_ROW
 
 #undef BITFOLD_DOT_TABLE
 #undef BITFOLD_DOT_ROW
@@ -188,9 +247,10 @@ BITFOLD_END_TARGET
 template <typename Output>
 const DotKernels<Output>& CurrentDotKernels() {
 #if BITFOLD_HAS_TARGETS
+  static const bool permutes_bytes = __builtin_cpu_supports("avx512vbmi") != 0;
   switch (CurrentTarget()) {
     case Target::kAvx512Vnni:
-      return avx512_vnni::kKernels<Output>;
+      return permutes_bytes ? avx512_vbmi::kKernels<Output> : avx512_vnni::kKernels<Output>;
     case Target::kAvx512:
       return avx512::kKernels<Output>;
     case Target::kAvx2:

@@ -89,6 +89,8 @@ ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights) const 
   const int64_t outputs = int64_t{call_.batch} * rows_.outputs * columns_.outputs;
   facts.packs = call_.is_depthwise || outputs >= kOutputsWorthPacking<T>;
   facts.weight_sum = [this] { return WeightSum(); };
+  facts.takes_remainders = !call_.is_depthwise && CurrentDotKernels<SumOutput<T>>().HasRemainders();
+  facts.products = call_.FilterElements() / call_.out_channels;
   if (std::is_same_v<T, float> && facts.use_fp16_acc) return facts;  // stepwise, whatever comes
   facts.weights =
       weights ? *weights : FactsOf(call_.filter, call_.filters * call_.FilterElements());
@@ -118,7 +120,8 @@ int64_t ChainEngine<D, T>::WeightSum() const {
 
 template <typename D, typename T>
 bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
-  if (plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts) {
+  if (plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts ||
+      plan_->path == ChainPath::kDotRemainders) {
     const auto fits = [this](int64_t copied) {
       return copied <= kMostPadding * call_.InputElements() + kAlwaysPadded;
     };
@@ -136,7 +139,11 @@ bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
         return dot_words_ != nullptr && dot_->Prepare(call_.filter, scratch);
       }
     }
-    plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
+    if (plan_->path == ChainPath::kDotRemainders) {
+      plan_->path = ChainPath::kRounded;
+    } else {
+      plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
+    }
   }
   if (call_.is_depthwise && call_.out_channels < kPanel) return false;
   return plan_->path == ChainPath::kRounded ? PrepareRounded(slots, scratch)
@@ -187,6 +194,7 @@ void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define)
   switch (plan_->path) {
     case ChainPath::kDotBytes:
     case ChainPath::kDotShorts:
+    case ChainPath::kDotRemainders:
       if (call_.is_depthwise) {
         return dot_depthwise_->Run(InputOf(image), call_.FilterOf(image), ElementwiseOf(image),
                                    OutputOf(image), slot);

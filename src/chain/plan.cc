@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
+
+#include "chain/remainder_tables.h"
 
 namespace bitfold {
 namespace {
@@ -26,19 +29,45 @@ int64_t LargestProduct(const ChainFacts& facts) {
   return facts.input.Magnitude() * facts.weights.Magnitude();
 }
 
+// What makes the input unsigned bytes, where input and weights are bytes.
+std::optional<int32_t> ByteOffset(const ChainFacts& facts) {
+  const Facts& input = facts.input;
+  if (!facts.weights.LieIn(INT8_MIN, INT8_MAX)) return std::nullopt;
+  if (input.min < INT16_MIN || input.max - input.min > UINT8_MAX) return std::nullopt;
+  return static_cast<int32_t>(-input.min);
+}
+
 // The narrowest dot products that hold the numbers, or `otherwise`.
 ChainPlan Narrowest(const ChainFacts& facts, bool has_bytes, int32_t bits, ChainPath otherwise) {
   if (!facts.packs) return {otherwise, 0, bits};
-  if (has_bytes && facts.weights.LieIn(INT8_MIN, INT8_MAX)) {
-    const Facts& input = facts.input;
-    if (input.min >= INT16_MIN && input.max - input.min <= UINT8_MAX) {
-      return {ChainPath::kDotBytes, static_cast<int32_t>(-input.min), bits};
-    }
-  }
+  const std::optional<int32_t> offset = has_bytes ? ByteOffset(facts) : std::nullopt;
+  if (offset) return {ChainPath::kDotBytes, *offset, bits};
   if (facts.weights.LieIn(INT16_MIN, INT16_MAX) && facts.input.LieIn(INT16_MIN, INT16_MAX)) {
     return {ChainPath::kDotShorts, 0, bits};
   }
   return {otherwise, 0, bits};
+}
+
+// Scaled products, each less than 2^22, divided by 2^shift where a shift does it. 2^shift times
+// their sum is known modulo 2^32: enough for `bits` of the sum, or for all of it where 32 bits hold
+// it.
+ChainPlan Scaled(const ChainFacts& facts, int32_t shift, int32_t bits) {
+  const ChainPlan rounded = {ChainPath::kRounded, 0, bits};
+  if (!facts.takes_remainders || !facts.packs) return rounded;
+  if (shift < 1 || shift > kMostRemainderShift) return rounded;
+  const std::optional<int32_t> offset = ByteOffset(facts);
+  if (!offset) return rounded;
+  const int64_t most = LargestProduct(facts) + (int64_t{1} << (shift - 1));
+  if (bits + shift > 32 && facts.products > INT32_MAX / most) return rounded;
+  return {ChainPath::kDotRemainders, *offset, bits, shift};
+}
+
+// The shift that divides by a number, 0 where none does.
+int32_t ShiftOf(int32_t divisor) {
+  if (divisor < 1 || !IsPowerOfTwo(divisor)) return 0;
+  int32_t shift = 0;
+  while (divisor >> shift > 1) ++shift;
+  return shift;
 }
 
 }  // namespace
@@ -60,8 +89,7 @@ ChainPlan PlanInt32(const ChainFacts& facts, bool has_bytes) {
   if (s == 0) return Narrowest(facts, has_bytes, w, ChainPath::kModular);
   const bool is_float = product <= kExactFloat && facts.input.Magnitude() <= kExactFloat &&
                         facts.weights.Magnitude() <= kExactFloat;
-  if (1 <= s && s <= 24 && is_float && product >> s < kRoundable)
-    return {ChainPath::kRounded, 0, w};
+  if (1 <= s && s <= 24 && is_float && product >> s < kRoundable) return Scaled(facts, s, w);
   return {ChainPath::kModular, 0, w};
 }
 
@@ -93,7 +121,7 @@ ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
   const bool is_exact = IsPowerOfTwo(s);
   const bool is_rounded =
       is_exact ? product / std::abs(s) < kRoundable : facts.divides && product < kRoundableQuotient;
-  return is_rounded ? ChainPlan{ChainPath::kRounded, 0, bits} : kStepwise;
+  return is_rounded ? Scaled(facts, ShiftOf(s), bits) : kStepwise;
 }
 
 }  // namespace bitfold
