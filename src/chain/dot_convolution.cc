@@ -112,27 +112,21 @@ void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
   }
 }
 
-// Minus the offset times the weights of a lane, which the padding has, too; the same of the excess
-// of remainders and their factors.
+// Minus the offset times the weights of a lane, which the padding has, too. And what remainders
+// need.
 template <typename In, typename Output>
 void DotConvolution<In, Output>::SumPanel(int32_t panel) {
   int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
   std::fill_n(sums, kPanel, 0);
   const int32_t* weights = weights_ + panel * PanelWords();
-  const auto take_off = [sums](int32_t excess, const int32_t* words, int64_t i) {
-    int32_t& sum = sums[i % kPanel];
-    sum = WrapSubtract(sum, WrapMultiply(excess, SumOfBytes(words[i])));
-  };
   if (plan_.input_offset != 0) {
-    for (int64_t i = 0; i < PanelWords(); ++i) take_off(plan_.input_offset, weights, i);
+    for (int64_t i = 0; i < PanelWords(); ++i) {
+      int32_t& sum = sums[i % kPanel];
+      sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
+    }
   }
   if (!remainders_) return;
-  int32_t* choices = choices_ + 2 * panel * PanelWords();
-  remainders_->Choose(weights, PanelWords() / kPanel, choices);
-  for (int64_t k = 0; k < PanelWords() / kPanel; ++k) {
-    const int32_t* factors = choices + (2 * k + 1) * kPanel;
-    for (int64_t i = 0; i < kPanel; ++i) take_off(remainders_->Excess(), factors, i);
-  }
+  remainders_->Choose(weights, PanelWords() / kPanel, choices_ + 2 * panel * PanelWords(), sums);
 }
 
 // Channels are filled up to whole words: what they meet is 0 in the weights.

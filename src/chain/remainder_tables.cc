@@ -15,11 +15,12 @@ namespace {
 
 struct ChoiceLoops {
   void (*choose)(const uint8_t*, int32_t, uint8_t*, int8_t*);
+  void (*add_bytes)(const int32_t*, int32_t*);
 };
 
 #define BITFOLD_LOOPS "chain/remainder_choices.inc"
 #define BITFOLD_LOOP_TABLE \
-  ChoiceLoops { Choose }
+  ChoiceLoops { Choose, AddBytes }
 #include "vector/vector_loops.inc"
 
 template <int kEntries>
@@ -48,11 +49,17 @@ void RemainderTables::LookUp(const uint8_t* stored, int64_t count, uint8_t* out)
   kCopies[shift_ - 1](tables_, stored, count, out);
 }
 
-void RemainderTables::Choose(const int32_t* weights, int64_t vectors, int32_t* choices) const {
+void RemainderTables::Choose(const int32_t* weights, int64_t vectors, int32_t* choices,
+                             int32_t* sums) const {
+  const ChoiceLoops& loops = CurrentLoops();
+  int32_t factors[kPanel] = {};
   for (int64_t v = 0; v < vectors; ++v, weights += kPanel, choices += 2 * kPanel) {
-    CurrentLoops().choose(reinterpret_cast<const uint8_t*>(weights), shift_,
-                          reinterpret_cast<uint8_t*>(choices),
-                          reinterpret_cast<int8_t*>(choices + kPanel));
+    loops.choose(reinterpret_cast<const uint8_t*>(weights), shift_,
+                 reinterpret_cast<uint8_t*>(choices), reinterpret_cast<int8_t*>(choices + kPanel));
+    loops.add_bytes(choices + kPanel, factors);
+  }
+  for (int l = 0; l < kPanel; ++l) {
+    sums[l] = WrapSubtract(sums[l], WrapMultiply(Excess(), factors[l]));
   }
 }
 

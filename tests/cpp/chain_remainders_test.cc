@@ -44,20 +44,25 @@ void CheckEveryPair(int32_t shift, int32_t offset) {
         static_cast<uint8_t>(byte * 4 + (static_cast<uint32_t>(i) + byte) % 4);
   }
   ExactBuffer<int32_t> choices(4 * 2 * kPanel, 0);
-  remainders.Choose(weights, 4, choices.data());
+  int32_t sums[kPanel] = {};
+  remainders.Choose(weights, 4, choices.data(), sums);
+  const int32_t excess = 1 << (shift - 1);
+  int32_t expected_sums[kPanel] = {};
   for (int i = 0; i < 256; ++i) {
     const int32_t weight = reinterpret_cast<int8_t*>(weights)[i];
     const int32_t* vectors = choices.data() + i / 64 * 2 * kPanel;
     const int32_t place = reinterpret_cast<const uint8_t*>(vectors)[i % 64];
     const int32_t factor = reinterpret_cast<const int8_t*>(vectors + kPanel)[i % 64];
     ASSERT_EQ(place / entries, i % 4) << "of the weight's own table";
+    expected_sums[i % 64 / 4] -= excess * factor;
     for (int s = 0; s < 256; ++s) {
       const int32_t product = weight * (s - offset);
       const int32_t entry = tables[s * entries + place % entries];
-      ASSERT_EQ(product + factor * (entry - remainders.Excess()), Shifted(product, shift) << shift)
+      ASSERT_EQ(product + factor * (entry - excess), Shifted(product, shift) << shift)
           << Describe("shift", shift, "offset", offset, "weight", weight, "stored", s);
     }
   }
+  for (int l = 0; l < kPanel; ++l) ASSERT_EQ(sums[l], expected_sums[l]) << l;
 }
 
 TEST(ChainRemainders, EveryPairOfBytes) {
@@ -120,17 +125,11 @@ void CheckKernel(const Shape& s, typename DotKernels<SumOutput<T>>::RemainderKer
   ExactBuffer<uint8_t> tables(x_words * table_bytes + 32, random->Between(0, 3));
   remainders.LookUp(reinterpret_cast<const uint8_t*>(x.data()), 4 * x_words, tables.data());
   ExactBuffer<int32_t> choices(2 * s.panels * panel, random->Between(0, 3));
-  remainders.Choose(w.data(), s.panels * panel / kPanel, choices.data());
   const int32_t lanes = s.panels * kPanel;
   ExactBuffer<int32_t> initial(lanes, 0);
-  for (int32_t l = 0; l < lanes; ++l) {
-    initial[l] = 0;
-    const int32_t* factors = choices.data() + l / kPanel * 2 * panel + kPanel + l % kPanel;
-    for (int64_t k = 0; k < panel / kPanel; ++k) {
-      int8_t bytes[4];
-      std::memcpy(bytes, factors + 2 * k * kPanel, sizeof bytes);
-      for (const int8_t byte : bytes) initial[l] -= remainders.Excess() * byte;
-    }
+  for (int n = 0; n < s.panels; ++n) {
+    remainders.Choose(w.data() + n * panel, panel / kPanel, choices.data() + 2 * n * panel,
+                      initial.data() + n * kPanel);
   }
   const int32_t channels = random->Pick<int32_t>({1, lanes - 1, lanes, lanes});
   const int64_t stride = channels + random->Between(0, 3);
