@@ -51,6 +51,17 @@ inline float QuantiseHalf(float x) {
   return FloatOf((BitsOf(result) & finite) | (bits & ~finite));
 }
 
+// The same for whole numbers below 2^16 - 4 in magnitude, which need no floor. 2^12 + 1 times x, rounded, and
+// what is left of x beyond it, rounded, are 12 bits of x, halves to even; from 2^15 on, which is where
+// the largest exponent ends, half of them with the other sign. Zero comes back without its sign.
+inline float QuantiseHalfOfWhole(float x) {
+  const float scaled = x * 4097.0f;
+  const float rounded = scaled - (scaled - x);
+  const float flipped = rounded * -0.5f;
+  const int32_t above = (BitsOf(32767.0f) - (BitsOf(x) & INT32_MAX)) >> 31;  // a mask
+  return FloatOf((BitsOf(flipped) & above) | (BitsOf(rounded) & ~above));
+}
+
 }  // namespace bitfold
 
 #endif  // BITFOLD_SRC_VECTOR_QUANTISE_HALF_H_
