@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect test check fuzz device-test bench wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect test check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -50,12 +50,16 @@ fuzz: ## random calls of the ops under sanitizers, without end; FIRST=SEED where
 device-test: ## the device kernels on this machine's GPU; needs a CUDA toolkit, nothing else
 	@scripts/device_test.sh
 
-bench: ## ratios to the stock ops and to the plain scalar loop: tables, JSON and a picture
+bench: ## ratios to stock ops, plain loops and the mobile runtime: tables, JSON and a picture
 	@scripts/setup.sh bench
 	@scripts/install_package.sh
 	@$(PYTHON) bench/run.py --output build/bench/bench.json
 	@$(PYTHON) bench/plot.py build/bench/bench.json build/bench/layers.png
 	@$(PYTHON) bench/growth.py
+	@$(PYTHON) bench/networks.py --output build/bench/networks.json
+
+bench-networks: setup ## the part of it on whole networks, their layers and threads; PARTS="networks ..."
+	@$(PYTHON) bench/networks.py --output build/bench/networks.json $(if $(PARTS),--parts $(PARTS))
 
 wheel: setup ## a wheel for the TensorFlow of .venv in dist/
 	@PATH=$(CURDIR)/.venv/bin:$$PATH $(PYTHON) -m pip wheel -q --no-build-isolation --no-deps \

@@ -87,10 +87,11 @@ template <typename T>
 void ByEngine(benchmark::State& state, const Layer& layer, const ChainNumbers& numbers,
               Numbers<T>* data) {
   const ConvolutionCall<T> call = data->Call(layer, numbers);
+  CallingThread workers;
   for (auto _ : state) {
     HeapScratch scratch;
-    const BatchConvolution<T> convolution(call, &scratch);
-    convolution.Run(0);
+    const BatchConvolution<T> convolution(call, &workers, &scratch);
+    convolution.Run();
     if (const auto plan = convolution.plan()) state.SetLabel(PathName(*plan));
     benchmark::ClobberMemory();
   }

@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <memory>
 #include <string>
 
 #include "bitfold/HMatMul.h"
@@ -23,12 +24,13 @@ void Multiply(benchmark::State& state, int rows, int inner, int cols, ChainNumbe
   std::vector<T> out(static_cast<size_t>(rows) * static_cast<size_t>(cols));
   const MatMulCall<T> call = {a.data(), b.data(), out.data(),        rows,
                               inner,    cols,     numbers.datapath()};
+  CallingThread workers;
   for (auto _ : state) {
     if (is_definition) {
       MatrixMultiplication(call, 0);
     } else {
-      HeapScratch scratch;
-      ComputeMatMul(call, 0, &scratch);
+      ComputeMatMul(
+          call, 1, [] { return std::make_unique<HeapScratch>(); }, &workers);
     }
     benchmark::ClobberMemory();
   }

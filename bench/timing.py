@@ -7,7 +7,7 @@ from __future__ import annotations
 import os
 import pathlib
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Mapping
 from dataclasses import dataclass
 
 os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2")
@@ -31,10 +31,15 @@ class Case:
     path: str = "scalar"
 
 
+def use_threads(count: int) -> None:
+    """Keep the runtime to so many threads; before anything else runs in it."""
+    tf.config.threading.set_intra_op_parallelism_threads(count)
+    tf.config.threading.set_inter_op_parallelism_threads(count)
+
+
 def use_one_thread() -> None:
-    """Keep the runtime to one thread; before anything else runs in it."""
-    tf.config.threading.set_intra_op_parallelism_threads(1)
-    tf.config.threading.set_inter_op_parallelism_threads(1)
+    """Keep the runtime to one thread."""
+    use_threads(1)
 
 
 def integers(shape: tuple[int, ...], low: int, high: int, dtype: tf.DType) -> tf.Tensor:
@@ -81,6 +86,29 @@ def seconds(call: Callable[[], object], budget: float) -> float:
         call()
         times.append(time.perf_counter() - start)
     return float(np.median(times))
+
+
+def interleaved(
+    calls: Mapping[str, Callable[[], object]], budget: float, rounds: int = 8
+) -> dict[str, float]:
+    """Return the median time of each call, `budget` seconds of it in turns with the others.
+
+    What else the machine does falls on all of them alike. A turn is of several calls where these
+    are short, so that they find their own data in the caches.
+    """
+    for call in calls.values():
+        call()
+    times: dict[str, list[float]] = {name: [] for name in calls}
+    for _ in range(rounds):
+        for name, call in calls.items():
+            end = time.perf_counter() + budget / rounds
+            while True:
+                start = time.perf_counter()
+                call()
+                times[name].append(time.perf_counter() - start)
+                if time.perf_counter() >= end:
+                    break
+    return {name: float(np.median(taken)) for name, taken in times.items()}
 
 
 def vector_target() -> str:

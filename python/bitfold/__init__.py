@@ -10,7 +10,8 @@ from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs 
 those of the registered operations; ``bitfold.tables`` fits the table-driven units to functions;
 ``bitfold.detection`` and ``bitfold.resize`` prepare the inputs of the box decoders, of suppression
 and of the resampler; ``bitfold.fpx`` holds the accelerator's narrow floats;
-``bitfold.set_warnings`` says what becomes of the lines that ops print.
+``bitfold.set_warnings`` says what becomes of the lines that ops print, ``bitfold.set_image_threads``
+which threads compute convolutions.
 
 Example:
     >>> import bitfold
@@ -21,6 +22,7 @@ Example:
 
 from bitfold._frame.library import VERSION, include_dir, library_path
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.thread_setting import set_image_threads
 from bitfold._frame.warning_lines import set_warnings, warning_counts
 
 __version__ = VERSION
@@ -40,6 +42,7 @@ __all__ = [
     "ops",
     "raw_ops",
     "resize",
+    "set_image_threads",
     "set_warnings",
     "tables",
     "warning_counts",

@@ -12,7 +12,9 @@
 
 #include "bitfold/weight_sign.h"
 #include "chain/facts.h"
+#include "chain/shared_facts.h"
 #include "frame/scratch.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
@@ -23,20 +25,20 @@ struct CorrectedWeights {
   std::optional<Facts> facts;  // where they are known
 };
 
-// The weights with their signs corrected, copied only where one needs it. They are looked at once
-// where they are whole numbers and none does.
+// The weights with their signs corrected, copied only where one needs it. They are looked at once,
+// by all workers, where they are whole numbers and none does.
 template <typename T>
 CorrectedWeights<T> CorrectWeights(const WeightSign<T>& sign, const T* weights, int64_t count,
-                                   Scratch* scratch) {
-  const Facts facts = FactsOf(weights, count);
+                                   Workers* workers, Scratch* scratch) {
+  const Facts facts = SharedFactsOf(weights, count, workers);
   const auto needs = [&sign](T x) { return sign.NeedsCorrection(x); };
   if (facts.is_whole && !needs(static_cast<T>(facts.max))) return {weights, false, facts};
   if (std::none_of(weights, weights + count, needs)) return {weights, false, facts};
-  T* copy = static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
+  T* copy = AllocateFor<T>(scratch, count);
   if (copy == nullptr) return {nullptr, true, facts};
   std::transform(weights, weights + count, copy,
                  [&sign](T x) { return sign.NeedsCorrection(x) ? sign.Correct(x) : x; });
-  return {copy, true, FactsOf(copy, count)};
+  return {copy, true, SharedFactsOf(copy, count, workers)};
 }
 
 }  // namespace bitfold

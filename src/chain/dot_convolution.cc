@@ -68,7 +68,8 @@ int64_t DotConvolution<In, Output>::WithTables(int64_t words) const {
 }
 
 template <typename In, typename Output>
-bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch) {
+bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
+                                         const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
   };
@@ -79,7 +80,7 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch)
   if (remainders_ && choices_ == nullptr) return false;
   const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
   for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
-  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel);
+  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel, addends);
   return true;
 }
 
@@ -115,9 +116,15 @@ void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
 // Minus the offset times the weights of a lane, which the padding has, too. And what remainders
 // need.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::SumPanel(int32_t panel) {
+void DotConvolution<In, Output>::SumPanel(int32_t panel, const int32_t* addends) {
   int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
   std::fill_n(sums, kPanel, 0);
+  if (addends != nullptr) {
+    const int32_t first = panel * kPanel;
+    const int32_t lanes = std::min(kPanel, layer_.out_channels - first);
+    std::transform(addends + first, addends + first + lanes, sums,
+                   [this](int32_t x) { return ShiftLeft(x, plan_.shift); });
+  }
   const int32_t* weights = weights_ + panel * PanelWords();
   if (plan_.input_offset != 0) {
     for (int64_t i = 0; i < PanelWords(); ++i) {
@@ -274,5 +281,7 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
 
 template class DotConvolution<int32_t, SumOutput<int32_t>>;
 template class DotConvolution<float, SumOutput<float>>;
+template class DotConvolution<int8_t, StoredOutput>;
+template class DotConvolution<int16_t, StoredOutput>;
 
 }  // namespace bitfold

@@ -48,8 +48,9 @@ class DotConvolution {
 
   DotConvolution(const DotLayer& layer, const ChainPlan& plan);
 
-  // Packs the weights; false where there is no memory.
-  bool Prepare(const Weight* filter, Scratch* scratch);
+  // Packs the weights; false where there is no memory. Every sum of an output channel begins with
+  // its addend, where there are some.
+  bool Prepare(const Weight* filter, Scratch* scratch, const int32_t* addends = nullptr);
 
   // Panels of 16 output channels.
   int32_t panels() const { return panels_; }
@@ -91,7 +92,7 @@ class DotConvolution {
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
   void PackTap(const Weight* filter, int64_t tap);
-  void SumPanel(int32_t panel);
+  void SumPanel(int32_t panel, const int32_t* addends);
   void PackPixels(const In* pixels, int64_t count, int32_t* words) const;
   void PackStrip(const In* image, int32_t first, int32_t rows, int32_t* words) const;
   int32_t TableWords() const { return remainders_ ? remainders_->Entries() : 0; }  // of a word

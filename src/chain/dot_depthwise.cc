@@ -139,12 +139,12 @@ const int32_t* DotDepthwise<T>::KeepRow(const T* image, int32_t row, const Slot&
 
 template <typename T>
 void DotDepthwise<T>::Run(const T* image, int32_t filter, const T* elementwise, T* output,
-                          int slot_index) const {
+                          int32_t first_row, int32_t end_row, int slot_index) const {
   const Slot& slot = slots_[static_cast<size_t>(slot_index)];
   const DotKernels<SumOutput<T>>& kernels = CurrentDotKernels<SumOutput<T>>();
   const auto kernel = IsBytes() ? kernels.row_of_bytes : kernels.row_of_shorts;
   std::fill_n(slot.held, kept_rows_, -1);
-  for (int32_t row = 0; row < rows_.outputs; ++row) {
+  for (int32_t row = first_row; row < end_row; ++row) {
     const TapRange taps = TapsInside(rows_, row);
     const int64_t first = int64_t{filter} * rows_.taps + taps.first;
     std::fill_n(slot.initial, period_, 0);

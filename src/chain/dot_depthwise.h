@@ -36,9 +36,10 @@ class DotDepthwise {
   // no memory.
   bool Prepare(const T* filter, int32_t filters, int slots, Scratch* scratch);
 
-  // One image with one of the filters; elementwise may be null. The slots are for calls at the same
-  // time.
-  void Run(const T* image, int32_t filter, const T* elementwise, T* output, int slot) const;
+  // Rows [first_row, end_row) of an image's outputs, with one of the filters; elementwise may be
+  // null. The slots are for calls at the same time.
+  void Run(const T* image, int32_t filter, const T* elementwise, T* output, int32_t first_row,
+           int32_t end_row, int slot) const;
 
  private:
   // What an image needs: the rows that are kept, which ones these are, the words that a row of

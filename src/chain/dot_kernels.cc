@@ -264,5 +264,6 @@ const DotKernels<Output>& CurrentDotKernels() {
 
 template const DotKernels<SumOutput<int32_t>>& CurrentDotKernels();
 template const DotKernels<SumOutput<float>>& CurrentDotKernels();
+template const DotKernels<StoredOutput>& CurrentDotKernels();
 
 }  // namespace bitfold

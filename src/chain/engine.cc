@@ -4,100 +4,127 @@
 #include "chain/engine.h"
 
 #include <algorithm>
-#include <cstring>
 #include <type_traits>
 #include <vector>
 
 #include "bitfold/datapath_attributes.h"
 #include "chain/pack.h"
-#include "vector/vector_steps.h"
+#include "chain/shared_facts.h"
 
 namespace bitfold {
 namespace {
-
-constexpr int kTileLanes = kTilePanels * kPanel;
 
 // To pack the weights costs about as much as this many outputs of each channel in lanes; floats
 // need another look at the weights for these.
 template <typename T>
 constexpr int64_t kOutputsWorthPacking = std::is_same_v<T, float> ? 1 : 6;
 
-// A padded image of more than this many times the image, and more than this, is not made.
+// Packed rows of more than this many times the image, and more than this, are not made.
 constexpr int64_t kMostPadding = 4;
 constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
 
 // Channels are counted in 32 bits, filled up to whole panels and words.
 constexpr int32_t kMostChannels = 1 << 30;
 
-// The numbers of each output channel, filled up to `lanes` channels with zeros.
-template <typename T, typename Out, typename Convert>
-void FillUpChannels(const T* filter, int64_t rows, int32_t channels, int32_t lanes, Out* out,
-                    Convert convert) {
-  for (int64_t row = 0; row < rows; ++row, filter += channels, out += lanes) {
-    std::transform(filter, filter + channels, out, convert);
-    std::fill(out + channels, out + lanes, Out{0});
-  }
-}
+// The numbers of the input that a block meets stay in a core's own cache once they are packed.
+constexpr int64_t kNearNumbers = 256 << 10;
 
-template <typename T>
-T* AllocateFor(Scratch* scratch, int64_t count) {
-  return static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
-}
+// The columns of a tile of any path go into so many.
+constexpr int32_t kColumnsTogether = 48;
 
-// The elementwise values come after the centre row: without one they do not come.
+// What a path of dot products that need too much room becomes.
 template <typename T>
-ConvolutionCall<T> WithUsedInputs(ConvolutionCall<T> call, const T* weights, int32_t centre) {
-  call.filter = weights;
-  if (centre < 0) call.elementwise = nullptr;
-  return call;
+ChainPath InLanes(ChainPath path) {
+  if (path == ChainPath::kDotRemainders) return ChainPath::kRounded;
+  return std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
 }
 
 template <typename D>
 constexpr bool kDivides = std::is_same_v<D, Datapath<float>>;
 
+// With vectors of 512 bits; rough.
+int64_t ProductsInACycle(ChainPath path, bool is_depthwise) {
+  switch (path) {
+    case ChainPath::kDotBytes:
+      return is_depthwise ? 8 : 64;
+    case ChainPath::kDotShorts:
+      return is_depthwise ? 8 : 32;
+    case ChainPath::kDotRemainders:
+      return 32;
+    case ChainPath::kModular:
+    case ChainPath::kRounded:
+      return 4;
+    case ChainPath::kStepwise:
+      return 1;
+  }
+  return 1;
+}
+
+// The step of at most `parts` parts, each of whole units but for the last.
+int32_t StepOf(int32_t all, int64_t parts, int32_t unit) {
+  const int64_t units = (int64_t{all} + unit - 1) / unit;
+  const int64_t step = (units + parts - 1) / parts * unit;
+  return static_cast<int32_t>(std::min<int64_t>(step, all));
+}
+
+int64_t PartsOf(int32_t all, int32_t step) { return (int64_t{all} + step - 1) / step; }
+
+template <typename T>
+ConvolutionCall<T> With(ConvolutionCall<T> call, const T* weights) {
+  call.filter = weights;
+  return call;
+}
+
 }  // namespace
 
 template <typename D, typename T>
 ChainEngine<D, T>::ChainEngine(const ConvolutionCall<T>& call, const CorrectedWeights<T>& weights,
-                               int slots, Scratch* scratch)
+                               const KnownFacts& known, const ChainSharing& sharing,
+                               Scratch* scratch)
     : datapath_(MakeDatapath<D>(call.datapath)),
       rows_(call.rows),
       columns_(call.columns),
-      centre_(GoesForward(rows_) ? CentreTaps{rows_}.first : -1),
-      call_(WithUsedInputs(call, weights.weights, centre_)),
-      windows_(call) {
+      has_centre_(GoesForward(rows_) && CentreTaps{rows_}.first >= 0),
+      call_(With(call, weights.weights)) {
   if (!GoesForward(rows_) || !GoesForward(columns_)) return;
   if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
   if (call.in_channels > kMostChannels || call.out_channels > kMostChannels) return;
   const bool has_bytes = CurrentDotKernels<SumOutput<T>>().HasBytes();
-  const ChainFacts facts = LookAt(weights.facts);
+  const ChainFacts facts = LookAt(weights.facts, known, sharing.workers);
   if constexpr (std::is_same_v<T, float>) {
     plan_ = PlanFloat(facts, has_bytes);
   } else {
     plan_ = PlanInt32(facts, has_bytes);
   }
-  if (!Prepare(slots, scratch)) plan_.reset();
+  if (!Prepare(sharing, scratch)) plan_.reset();
 }
 
 template <typename D, typename T>
-ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights) const {
+ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights, const KnownFacts& known,
+                                     Workers* workers) const {
   ChainFacts facts{};
   facts.accumulator_size = datapath_.accumulator_size();
   facts.mult_shift = datapath_.mult_shift();
   facts.use_fp16_acc = datapath_.use_fp16_acc();
   facts.divides = kDivides<D>;
   const int64_t outputs = int64_t{call_.batch} * rows_.outputs * columns_.outputs;
-  facts.packs = call_.is_depthwise || outputs >= kOutputsWorthPacking<T>;
+  facts.packs = call_.is_depthwise || known.input || outputs >= kOutputsWorthPacking<T>;
   facts.weight_sum = [this] { return WeightSum(); };
   facts.takes_remainders = !call_.is_depthwise && CurrentDotKernels<SumOutput<T>>().HasRemainders();
   facts.products = call_.FilterElements() / call_.out_channels;
   if (std::is_same_v<T, float> && facts.use_fp16_acc) return facts;  // stepwise, whatever comes
   facts.weights =
-      weights ? *weights : FactsOf(call_.filter, call_.filters * call_.FilterElements());
+      weights ? *weights
+              : SharedFactsOf(call_.filter, call_.filters * call_.FilterElements(), workers);
   if (!facts.weights.is_whole) return facts;
-  facts.input = FactsOf(call_.input, call_.batch * call_.InputElements());
-  if (call_.elementwise != nullptr && facts.input.is_whole) {
-    facts.elementwise = FactsOf(call_.elementwise, call_.batch * OutputElements());
+  facts.input = known.input
+                    ? *known.input
+                    : SharedFactsOf(call_.input, call_.batch * call_.InputElements(), workers);
+  if (!has_centre_ || !facts.input.is_whole) return facts;
+  if (known.elementwise) {
+    facts.elementwise = *known.elementwise;
+  } else if (call_.elementwise != nullptr) {
+    facts.elementwise = SharedFactsOf(call_.elementwise, call_.batch * OutputElements(), workers);
   }
   return facts;
 }
@@ -105,12 +132,11 @@ ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights) const 
 template <typename D, typename T>
 int64_t ChainEngine<D, T>::WeightSum() const {
   std::vector<int64_t> sums(static_cast<size_t>(call_.out_channels));
-  const int64_t rows = call_.FilterElements() / call_.out_channels;
   int64_t largest = 0;
   const T* filter = call_.filter;
   for (int32_t image = 0; image < call_.filters; ++image) {
     std::fill(sums.begin(), sums.end(), 0);
-    for (int64_t row = 0; row < rows; ++row, filter += call_.out_channels) {
+    for (int64_t row = 0; row < ChainLength(); ++row, filter += call_.out_channels) {
       AddMagnitudes(filter, call_.out_channels, sums.data());
     }
     largest = std::max(largest, *std::max_element(sums.begin(), sums.end()));
@@ -118,292 +144,131 @@ int64_t ChainEngine<D, T>::WeightSum() const {
   return largest;
 }
 
+// ---- Blocks ------------------------------------------------------------------------------------
+
 template <typename D, typename T>
-bool ChainEngine<D, T>::Prepare(int slots, Scratch* scratch) {
-  if (plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts ||
-      plan_->path == ChainPath::kDotRemainders) {
-    const auto fits = [this](int64_t copied) {
-      return copied <= kMostPadding * call_.InputElements() + kAlwaysPadded;
-    };
-    if (call_.is_depthwise) {
-      dot_depthwise_.emplace(call_, *plan_);
-      if (dot_depthwise_->HasWholePeriods() && fits(dot_depthwise_->KeptWords())) {
-        return dot_depthwise_->Prepare(call_.filter, call_.filters, slots, scratch);
-      }
-    } else {
-      dot_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0}, *plan_);
-      const int64_t words = DotWords();
-      if (fits(words)) {
-        dot_words_ =
-            words <= INT64_MAX / 8 / slots ? AllocateFor<int32_t>(scratch, words * slots) : nullptr;
-        return dot_words_ != nullptr && dot_->Prepare(call_.filter, scratch);
-      }
+int64_t ChainEngine<D, T>::ImageCost() const {
+  const int64_t products = OutputElements() * ChainLength();
+  return products / ProductsInACycle(plan_->path, call_.is_depthwise) + call_.InputElements() / 4 +
+         OutputElements() / 4;
+}
+
+template <typename D, typename T>
+bool ChainEngine<D, T>::CanCutColumns() const {
+  return rows_.outputs == 1 && !dot_depthwise_ && (!dot_ || dot_->IsPixelwise());
+}
+
+// Lanes take whole panels.
+template <typename D, typename T>
+bool ChainEngine<D, T>::CanCutChannels() const {
+  return !call_.is_depthwise && call_.out_channels % kPanel == 0;
+}
+
+// Of the weights and the image the larger is cut first: each thread then meets only its own part.
+template <typename D, typename T>
+OutputBlocks ChainEngine<D, T>::Cut(const ChainSharing& sharing) const {
+  const OutputExtent all = {rows_.outputs, columns_.outputs, call_.out_channels};
+  OutputExtent step = all;
+  const int64_t worthwhile = ImageCost() / sharing.workers->LeastCost();
+  const int64_t blocks = std::max<int64_t>(1, std::min(sharing.blocks, worthwhile));
+  const auto cut_channels = [&](int64_t parts) {
+    if (CanCutChannels()) step.channels = StepOf(all.channels, parts, kPanel);
+  };
+  if (call_.FilterElements() > call_.InputElements()) cut_channels(blocks);
+  const int64_t near = (call_.InputElements() + kNearNumbers - 1) / kNearNumbers;
+  const int64_t channel_parts = PartsOf(all.channels, step.channels);
+  const int64_t parts = std::max(near, (blocks + channel_parts - 1) / channel_parts);
+  if (all.rows > 1) {
+    step.rows = StepOf(all.rows, parts, 1);
+  } else if (CanCutColumns()) {
+    step.columns = StepOf(all.columns, parts, kColumnsTogether);
+  }
+  const int64_t cut = PartsOf(all.rows, step.rows) * PartsOf(all.columns, step.columns);
+  if (cut * channel_parts < blocks) cut_channels((blocks + cut - 1) / cut);
+  return OutputBlocks(all, step);
+}
+
+// ---- Preparation -------------------------------------------------------------------------------
+
+template <typename D, typename T>
+bool ChainEngine<D, T>::Prepare(const ChainSharing& sharing, Scratch* scratch) {
+  if (IsDots(plan_->path)) {
+    if (call_.is_depthwise ? PrepareDotDepthwise(sharing, scratch)
+                           : PrepareDots(sharing, scratch)) {
+      return true;
     }
-    if (plan_->path == ChainPath::kDotRemainders) {
-      plan_->path = ChainPath::kRounded;
-    } else {
-      plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
-    }
+    if (dot_ || dot_depthwise_) return false;
+    plan_->path = InLanes<T>(plan_->path);
   }
   if (call_.is_depthwise && call_.out_channels < kPanel) return false;
-  return plan_->path == ChainPath::kRounded ? PrepareRounded(slots, scratch)
-                                            : PrepareLanes(scratch);
-}
-
-template <typename D, typename T>
-bool ChainEngine<D, T>::PrepareLanes(Scratch* scratch) {
-  lane_filter_ = call_.filter;
-  lane_filter_elements_ = call_.FilterElements();
-  if (call_.out_channels >= kPanel) return true;
-  const int64_t rows = lane_filter_elements_ / call_.out_channels;
-  lane_filter_elements_ = rows * kPanel;
-  T* filter = AllocateFor<T>(scratch, lane_filter_elements_);
-  if (filter == nullptr) return false;
-  FillUpChannels(call_.filter, rows, call_.out_channels, kPanel, filter, [](T x) { return x; });
-  lane_filter_ = filter;
-  return true;
-}
-
-// Divisors that are powers of two go into the weights: their products stay exact.
-template <typename D, typename T>
-bool ChainEngine<D, T>::PrepareRounded(int slots, Scratch* scratch) {
-  const int32_t s = datapath_.mult_shift();
-  float scale = 1.0f;
-  rounded_ = {true, 0.0f, 0.0f};
-  if (std::is_same_v<T, int32_t>) {
-    scale = exp2f(static_cast<float>(-s));
-  } else if (IsPowerOfTwo(s)) {
-    scale = ShiftReciprocal(s);
-  } else {
-    rounded_ = RoundedSums::ByQuotient(s);
+  blocks_ = Cut(sharing);
+  if (plan_->path == ChainPath::kStepwise) {
+    return stepwise_.emplace(call_, datapath_).Prepare(call_, scratch);
   }
-  const int32_t lanes = std::max(kPanel, call_.out_channels);
-  const int64_t rows = call_.FilterElements() / call_.out_channels * call_.filters;
-  lane_filter_elements_ = call_.FilterElements() / call_.out_channels * lanes;
-  rounded_filter_ = AllocateFor<float>(scratch, rows * lanes);
-  if (rounded_filter_ == nullptr) return false;
-  FillUpChannels(call_.filter, rows, call_.out_channels, lanes, rounded_filter_,
-                 [scale](T x) { return static_cast<float>(x) * scale; });
-  if (std::is_same_v<T, float>) return true;
-  rounded_rows_ = AllocateFor<float>(scratch, slots * WindowElements());
-  return rounded_rows_ != nullptr;
+  return sums_.emplace(call_, *plan_, datapath_.mult_shift())
+      .Prepare(call_, blocks_->largest().columns, sharing.slots, scratch);
 }
 
+// False with dot_ where there is no memory, without it where too much would be needed.
 template <typename D, typename T>
-void ChainEngine<D, T>::Run(int32_t image, int slot, const DefineOutput& define) const {
-  switch (plan_->path) {
-    case ChainPath::kDotBytes:
-    case ChainPath::kDotShorts:
-    case ChainPath::kDotRemainders:
-      if (call_.is_depthwise) {
-        return dot_depthwise_->Run(InputOf(image), call_.FilterOf(image), ElementwiseOf(image),
-                                   OutputOf(image), slot);
-      }
-      return RunDots(image, slot);
-    case ChainPath::kModular:
-      return RunModular(image);
-    case ChainPath::kRounded:
-      return RunRounded(image, slot);
-    case ChainPath::kStepwise:
-      return RunStepwise(image, define);
+bool ChainEngine<D, T>::PrepareDots(const ChainSharing& sharing, Scratch* scratch) {
+  dot_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0}, *plan_);
+  blocks_ = Cut(sharing);
+  if (DotWords() > kMostPadding * call_.InputElements() + kAlwaysPadded) {
+    dot_.reset();
+    return false;
   }
+  dot_words_ = AllocateFor<int32_t>(scratch, DotWords() * sharing.slots);
+  return dot_words_ != nullptr && dot_->Prepare(call_.filter, scratch);
 }
 
+// The same with dot_depthwise_, which rows must fill, too.
+template <typename D, typename T>
+bool ChainEngine<D, T>::PrepareDotDepthwise(const ChainSharing& sharing, Scratch* scratch) {
+  dot_depthwise_.emplace(call_, *plan_);
+  blocks_ = Cut(sharing);
+  if (!dot_depthwise_->HasWholePeriods() ||
+      dot_depthwise_->KeptWords() > kMostPadding * call_.InputElements() + kAlwaysPadded) {
+    dot_depthwise_.reset();
+    return false;
+  }
+  return dot_depthwise_->Prepare(call_.filter, call_.filters, sharing.slots, scratch);
+}
+
+// Of a slot.
 template <typename D, typename T>
 int64_t ChainEngine<D, T>::DotWords() const {
-  return dot_->IsPixelwise() ? dot_->PixelWords(int64_t{rows_.outputs} * columns_.outputs)
-                             : dot_->StripWords(rows_.outputs);
+  const OutputExtent& largest = blocks_->largest();
+  return RunsPixels() ? dot_->PixelWords(largest.columns) : dot_->StripWords(largest.rows);
+}
+
+// ---- Running -----------------------------------------------------------------------------------
+
+template <typename D, typename T>
+void ChainEngine<D, T>::Run(ChainImage<T> image, const OutputBlock& block, int slot,
+                            const DefineOutput& define) const {
+  if (!has_centre_) image.elementwise = nullptr;
+  if (dot_) return RunDots(image, block, slot);
+  if (dot_depthwise_) {
+    return dot_depthwise_->Run(image.input, image.filter, image.elementwise, image.output,
+                               block.first_row, block.end_row, slot);
+  }
+  if (sums_) return sums_->Run(image, block, slot);
+  stepwise_->Run(image, block, define);
 }
 
 template <typename D, typename T>
-void ChainEngine<D, T>::RunDots(int32_t image, int slot) const {
-  const SumOutput<T> output = {ElementwiseOf(image), OutputOf(image), call_.out_channels,
+void ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& block,
+                                int slot) const {
+  const SumOutput<T> output = {image.elementwise, image.output, call_.out_channels,
                                call_.out_channels, plan_->bits};
-  const DotBlock block = {0, rows_.outputs, 0, dot_->panels()};
+  const DotBlock part = {block.first_row, block.end_row, block.first_channel / kPanel,
+                         (block.end_channel + kPanel - 1) / kPanel};
   int32_t* words = dot_words_ + slot * DotWords();
-  const int64_t pixels = int64_t{rows_.outputs} * columns_.outputs;
-  if (dot_->IsPixelwise() && pixels <= INT32_MAX) {
-    return dot_->RunPixels(InputOf(image), static_cast<int32_t>(pixels), block, output, words);
-  }
-  dot_->Run(InputOf(image), block, output, words);
-}
-
-// The paths whose sums are only reduced at the end. begin(row, rows) comes before the tiles of a
-// row of outputs, of which add(row, rows, place, sums) adds the products to the sums of a tile,
-// each of them `excess` too large.
-template <typename D, typename T>
-template <typename Begin, typename Add>
-void ChainEngine<D, T>::RunSums(int32_t image, uint32_t excess, Begin begin, Add add) const {
-  const auto finish = CurrentSumKernels<T>().finish;
-  const T* elementwise = ElementwiseOf(image);
-  T* output = OutputOf(image);
-  const uint32_t channels_in = call_.is_depthwise ? 1 : static_cast<uint32_t>(call_.in_channels);
-  for (int32_t row = 0; row < rows_.outputs; ++row) {
-    const TapRange rows = TapsInside(rows_, row);
-    begin(row, rows);
-    windows_.ForEachTile([&](const LanePlace& place) {
-      int32_t acc[kTilePixels * kTileLanes] = {};
-      const uint32_t products =
-          static_cast<uint32_t>(rows.count) * static_cast<uint32_t>(place.taps.count) * channels_in;
-      if (rows.count > 0 && place.taps.count > 0) add(row, rows, place, acc);
-      const int32_t lanes = place.panels * kPanel;
-      const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
-      const int64_t o = OutputIndex(row, place.column, place.channel);
-      finish(TileSums<int32_t>{acc, place.pixels, lanes, static_cast<int32_t>(products * excess)},
-             SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o,
-                          call_.out_channels, channels, plan_->bits});
-    });
-  }
-}
-
-// Int32 with a shift.
-template <typename D, typename T>
-void ChainEngine<D, T>::RunModular(int32_t image) const {
-  if (datapath_.mult_shift() == 0) return RunPlainSums(image);
-  if constexpr (std::is_same_v<T, int32_t>) {
-    const ModularDatapath datapath(datapath_.mult_shift());
-    const auto& kernels = LaneKernelsOf<ModularDatapath, int32_t>();
-    const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
-    const int32_t* filter = lane_filter_ + call_.FilterOf(image) * lane_filter_elements_;
-    RunSums(
-        image, 0, [](int32_t, const TapRange&) {},
-        [&](int32_t row, const TapRange& rows, const LanePlace& place, int32_t* sums) {
-          LaneTile<int32_t> tile = windows_.TileOf(place, row, rows, InputOf(image), filter);
-          tile.acc = sums;
-          table[place.pixels == kTilePixels][place.panels == kTilePanels](datapath, tile);
-        });
-  }
-}
-
-// Products that need no scaling.
-template <typename D, typename T>
-void ChainEngine<D, T>::RunPlainSums(int32_t image) const {
-  const SumKernels<T>& kernels = CurrentSumKernels<T>();
-  const T* filter = lane_filter_ + call_.FilterOf(image) * lane_filter_elements_;
-  const T* elementwise = ElementwiseOf(image);
-  for (int32_t row = 0; row < rows_.outputs; ++row) {
-    const TapRange rows = TapsInside(rows_, row);
-    const auto run = [&](typename SumKernels<T>::Kernel kernel, const LanePlace& place,
-                         int32_t channels) {
-      const int64_t o = OutputIndex(row, place.column, place.channel);
-      kernel(windows_.TileOf(place, row, rows, InputOf(image), filter),
-             SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, OutputOf(image) + o,
-                          call_.out_channels, channels, plan_->bits});
-    };
-    if (call_.is_depthwise) {
-      windows_.ForEachColumns(kDepthwisePixels, [&](int32_t column, int32_t pixels, TapRange taps) {
-        run(kernels.depthwise[pixels == kDepthwisePixels], LanePlace{column, pixels, 0, 0, taps},
-            call_.out_channels);
-      });
-      continue;
-    }
-    windows_.ForEachTile([&](const LanePlace& place) {
-      run(kernels.ordinary[place.pixels == kTilePixels][place.panels == kTilePanels], place,
-          std::min(place.panels * kPanel, call_.out_channels - place.channel));
-    });
-  }
-}
-
-// Of integers the rows that a row of outputs meets are converted for it.
-template <typename D, typename T>
-void ChainEngine<D, T>::RunRounded(int32_t image, int slot) const {
-  const RoundedKernels& kernels = CurrentRoundedKernels();
-  const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
-  const float* filter = rounded_filter_ + call_.FilterOf(image) * lane_filter_elements_;
-  const int64_t in_row = windows_.InRow();
-  const float* first = nullptr;
-  const auto begin = [&](int32_t row, const TapRange& rows) {
-    if (rows.count == 0) return;
-    const T* input = InputOf(image) + rows_.Coordinate(row, rows.first) * in_row;
-    const int64_t next = rows_.dilation * in_row;
-    if constexpr (std::is_same_v<T, float>) {
-      first = input;
-    } else {
-      float* copy = rounded_rows_ + slot * WindowElements();
-      for (int32_t r = 0; r < rows.count; ++r) {
-        std::copy_n(input + r * next, in_row, copy + r * in_row);
-      }
-      first = copy;
-    }
-  };
-  const int64_t x_row = std::is_same_v<T, float> ? rows_.dilation * in_row : in_row;
-  RunSums(image, kRoundingBits, begin,
-          [&](int32_t, const TapRange& rows, const LanePlace& place, int32_t* sums) {
-            LaneTile<float> tile = windows_.TileOfRows(place, rows, first, x_row, filter);
-            tile.sums = sums;
-            table[place.pixels == kTilePixels][place.panels == kTilePanels](rounded_, tile);
-          });
-}
-
-template <typename D, typename T>
-void ChainEngine<D, T>::RunStepwise(int32_t image, const DefineOutput& define) const {
-  const int64_t in_a_row = int64_t{columns_.outputs} * call_.out_channels;
-  std::vector<char> may_print(std::is_same_v<T, float> ? static_cast<size_t>(in_a_row) : 0);
-  for (int32_t row = 0; row < rows_.outputs; ++row) {
-    bool any = false;
-    windows_.ForEachTile(
-        [&](const LanePlace& place) { any |= RunStepwiseTile(image, row, place, &may_print); });
-    if (!any) continue;
-    for (int32_t column = 0; column < columns_.outputs; ++column) {
-      for (int32_t channel = 0; channel < call_.out_channels; ++channel) {
-        char& mark = may_print[static_cast<size_t>(OutputIndex(0, column, channel))];
-        if (mark != 0) define(row, column, channel);
-        mark = 0;
-      }
-    }
-  }
-}
-
-// Marks the outputs that may print a line; true where there are any.
-template <typename D, typename T>
-bool ChainEngine<D, T>::RunStepwiseTile(int32_t image, int32_t row, const LanePlace& place,
-                                        std::vector<char>* may_print) const {
-  T acc[kTilePixels * kTileLanes] = {};
-  int32_t largest[kTilePixels * kTileLanes] = {};
-  const auto& kernels = LaneKernelsOf<D, T>();
-  const auto& table = call_.is_depthwise ? kernels.depthwise : kernels.ordinary;
-  const auto kernel = table[place.pixels == kTilePixels][place.panels == kTilePanels];
-  const T* filter = lane_filter_ + call_.FilterOf(image) * lane_filter_elements_;
-  const auto add_rows = [&](int32_t first, int32_t end) {
-    if (first >= end || place.taps.count == 0) return;
-    LaneTile<T> tile =
-        windows_.TileOf(place, row, TapRange{first, end - first}, InputOf(image), filter);
-    tile.acc = acc;
-    tile.largest = largest;
-    kernel(datapath_, tile);
-  };
-
-  const int32_t lanes = place.panels * kPanel;
-  const int32_t channels = std::min(lanes, call_.out_channels - place.channel);
-  const T* elementwise = ElementwiseOf(image);
-  const TapRange rows = TapsInside(rows_, row);
-  const int32_t end = rows.first + rows.count;
-  const bool has_addend = elementwise != nullptr;
-  const int32_t middle = has_addend ? std::min(end, centre_ + 1) : end;
-  add_rows(rows.first, middle);
-  for (int32_t p = 0; has_addend && p < place.pixels; ++p) {
-    const T* addends = elementwise + OutputIndex(row, place.column + p, place.channel);
-    for (int32_t i = p * lanes; i < p * lanes + channels; ++i) {
-      acc[i] = datapath_.use_fp16_acc()
-                   ? Accumulate<true>(datapath_, acc[i], addends[i - p * lanes], &largest[i])
-                   : Accumulate<false>(datapath_, acc[i], addends[i - p * lanes], &largest[i]);
-    }
-  }
-  add_rows(std::max(rows.first, middle), end);
-
-  bool any = false;
-  for (int32_t p = 0; p < place.pixels; ++p) {
-    const int64_t o = OutputIndex(row, place.column + p, place.channel);
-    std::copy_n(acc + p * lanes, channels, OutputOf(image) + o);
-    if (std::is_same_v<T, int32_t>) continue;
-    char* marks = may_print->data() + OutputIndex(0, place.column + p, place.channel);
-    for (int32_t l = 0; l < channels; ++l) {
-      const bool may = MayWarn(largest[p * lanes + l]);
-      marks[l] = may ? 1 : 0;
-      any |= may;
-    }
-  }
-  return any;
+  if (!RunsPixels()) return dot_->Run(image.input, part, output, words);
+  const int64_t first = block.first_column;
+  dot_->RunPixels(image.input + first * call_.in_channels, block.columns(), part,
+                  output.At(first, 0, call_.out_channels), words);
 }
 
 template class ChainEngine<Datapath<int32_t>, int32_t>;

@@ -2,97 +2,113 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The long chains of convolution and matrix product, faster than one step after the other and with
-// the same bits and printed lines. An object is a call: it looks at all numbers once, decides on a
-// path (chain/plan.h), packs the weights, and then computes image after image, on several threads
-// where the caller has them.
+// the same bits and printed lines. An object is what is decided once: it looks at the numbers, or
+// is told about them, decides on a path (chain/plan.h), packs the weights and cuts the outputs of
+// an image into blocks. Images then run block after block, or several blocks at the same time.
 
 #ifndef BITFOLD_SRC_CHAIN_ENGINE_H_
 #define BITFOLD_SRC_CHAIN_ENGINE_H_
 
 #include <cstdint>
-#include <functional>
 #include <optional>
-#include <vector>
 
 #include "bitfold/convolution_call.h"
 #include "bitfold/datapath.h"
 #include "bitfold/geometry.h"
+#include "chain/chain_image.h"
 #include "chain/corrected_weights.h"
 #include "chain/dot_convolution.h"
 #include "chain/dot_depthwise.h"
-#include "chain/lane_windows.h"
+#include "chain/lane_sums.h"
+#include "chain/output_blocks.h"
 #include "chain/plan.h"
+#include "chain/stepwise.h"
 #include "frame/scratch.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
-// Computes one output by the definition and writes it.
-using DefineOutput = std::function<void(int32_t row, int32_t column, int32_t channel)>;
+// What is known of an engine's numbers before they are there.
+struct KnownFacts {
+  std::optional<Facts> input;
+  std::optional<Facts> elementwise;  // where there are such values
+};
+
+// Who shares the work of an engine.
+struct ChainSharing {
+  Workers* workers;  // look at the numbers together
+  int slots;         // blocks that run at the same time, at most
+  int64_t blocks;    // of an image that there should be, if each is worth a thread's while
+};
 
 template <typename D, typename T>
 class ChainEngine {
  public:
-  // The filter of `call` is `weights`. Up to `slots` images are computed at the same time. What the
-  // two point to stays. A matrix product is a convolution of one row by one tap.
-  ChainEngine(const ConvolutionCall<T>& call, const CorrectedWeights<T>& weights, int slots,
-              Scratch* scratch);
+  // The filter of `call` is `weights`. What is not `known` is looked at; the input and the
+  // elementwise values of the call, of all its images, may be null where they are, and its output
+  // always. What the weights and the datapath's attributes point to stays. A matrix product is a
+  // convolution of one row by one tap.
+  ChainEngine(const ConvolutionCall<T>& call, const CorrectedWeights<T>& weights,
+              const KnownFacts& known, const ChainSharing& sharing, Scratch* scratch);
 
   // Empty where the definition must do: windows that do not go forward, depthwise filters of less
   // than a panel whose numbers are not narrow, no memory.
   const std::optional<ChainPlan>& plan() const { return plan_; }
 
-  // Computes and writes the outputs of an image. Those that may print a line are computed by
-  // `define`, in the order of the definition. `slot` < slots tells apart what runs at the same
-  // time. Requires plan().
-  void Run(int32_t image, int slot, const DefineOutput& define) const;
+  // Those of an image, which together are all its outputs. Requires plan(), as what follows.
+  const OutputBlocks& blocks() const { return *blocks_; }
 
- private:
-  ChainFacts LookAt(const std::optional<Facts>& weights) const;
-  int64_t WeightSum() const;
-  bool Prepare(int slots, Scratch* scratch);
-  bool PrepareLanes(Scratch* scratch);
-  bool PrepareRounded(int slots, Scratch* scratch);
+  // The cycles of a block, roughly.
+  int64_t BlockCost() const { return ImageCost() / blocks_->count(); }
 
-  int64_t DotWords() const;
-  void RunDots(int32_t image, int slot) const;
-  void RunModular(int32_t image) const;
-  void RunPlainSums(int32_t image) const;
-  void RunRounded(int32_t image, int slot) const;
-  void RunStepwise(int32_t image, const DefineOutput& define) const;
-  bool RunStepwiseTile(int32_t image, int32_t row, const LanePlace& place,
-                       std::vector<char>* may_print) const;
-  template <typename Begin, typename Add>
-  void RunSums(int32_t image, uint32_t excess, Begin begin, Add add) const;
+  // Computes and writes a block, or less. The outputs that may print a line are computed by
+  // `define`, in the order of the definition. `slot` < sharing.slots tells apart what runs at the
+  // same time.
+  void Run(ChainImage<T> image, const OutputBlock& block, int slot,
+           const DefineOutput& define) const;
 
-  const T* InputOf(int32_t image) const { return call_.input + image * call_.InputElements(); }
-  T* OutputOf(int32_t image) const { return call_.output + image * OutputElements(); }
-  const T* ElementwiseOf(int32_t image) const {
-    return call_.elementwise == nullptr ? nullptr : call_.elementwise + image * OutputElements();
+  // All blocks in their order.
+  void RunAll(const ChainImage<T>& image, int slot, const DefineOutput& define) const {
+    for (int64_t i = 0; i < blocks_->count(); ++i) Run(image, (*blocks_)[i], slot, define);
   }
+
+  // The numbers of an image of outputs.
   int64_t OutputElements() const {
     return int64_t{rows_.outputs} * columns_.outputs * call_.out_channels;
   }
-  // The numbers that a row of outputs meets.
-  int64_t WindowElements() const { return rows_.taps * windows_.InRow(); }
-  int64_t OutputIndex(int32_t row, int32_t column, int32_t channel) const {
-    return (int64_t{row} * columns_.outputs + column) * call_.out_channels + channel;
-  }
+
+ private:
+  ChainFacts LookAt(const std::optional<Facts>& weights, const KnownFacts& known,
+                    Workers* workers) const;
+  int64_t WeightSum() const;
+
+  // Of an image: the products of an output, and all cycles, roughly.
+  int64_t ChainLength() const { return call_.FilterElements() / call_.out_channels; }
+  int64_t ImageCost() const;
+
+  bool CanCutColumns() const;
+  bool CanCutChannels() const;
+  OutputBlocks Cut(const ChainSharing& sharing) const;
+
+  bool Prepare(const ChainSharing& sharing, Scratch* scratch);
+  bool PrepareDots(const ChainSharing& sharing, Scratch* scratch);
+  bool PrepareDotDepthwise(const ChainSharing& sharing, Scratch* scratch);
+  bool RunsPixels() const { return rows_.outputs == 1 && dot_->IsPixelwise(); }
+  int64_t DotWords() const;
+  void RunDots(const ChainImage<T>& image, const OutputBlock& block, int slot) const;
 
   const D datapath_;
   const WindowAxis rows_;
   const WindowAxis columns_;
-  const int32_t centre_;           // the row of taps after which the elementwise values come, or -1
+  const bool has_centre_;          // a row of taps after which the elementwise values come
   const ConvolutionCall<T> call_;  // with the corrected weights
-  const LaneWindows windows_;
   std::optional<ChainPlan> plan_;
+  std::optional<OutputBlocks> blocks_;
   std::optional<DotConvolution<T, SumOutput<T>>> dot_;
   int32_t* dot_words_ = nullptr;  // what the slots have of an image, packed
   std::optional<DotDepthwise<T>> dot_depthwise_;
-  const T* lane_filter_ = nullptr;  // its output channels filled up to a panel
-  int64_t lane_filter_elements_ = 0;
-  RoundedSums rounded_{};
-  float* rounded_filter_ = nullptr;
-  float* rounded_rows_ = nullptr;  // int32: what the slots have of an image as floats
+  std::optional<LaneSums<T>> sums_;
+  std::optional<Stepwise<D, T>> stepwise_;
 };
 
 }  // namespace bitfold

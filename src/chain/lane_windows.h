@@ -13,6 +13,7 @@
 #include "bitfold/convolution_call.h"
 #include "bitfold/geometry.h"
 #include "chain/lane_tile.h"
+#include "chain/output_blocks.h"
 
 namespace bitfold {
 
@@ -63,35 +64,50 @@ class LaneWindows {
         is_depthwise_(call.is_depthwise),
         runs_(RunsOf(columns_)) {}
 
-  // Calls visit(place) until the row of outputs is covered; tiles may overlap, so that whole ones
-  // do. What is used again stays in the cache: the weights of a few channels, or, depthwise, the
-  // inputs of a few columns.
+  // Calls visit(place) until a row of outputs of the block is covered; tiles may overlap, so that
+  // whole ones do. What is used again stays in the cache: the weights of a few channels, or,
+  // depthwise, the inputs of a few columns. A block ends at a whole panel or at the last channel.
   template <typename Visit>
-  void ForEachTile(Visit visit) const {
+  void ForEachTile(const OutputBlock& block, Visit visit) const {
     if (is_depthwise_) {
-      ForEachColumns(kTilePixels, [&](int32_t column, int32_t pixels, const TapRange& taps) {
-        ForEachChannels([&](int32_t channel, int32_t panels) {
+      ForEachColumns(block, kTilePixels, [&](int32_t column, int32_t pixels, const TapRange& taps) {
+        ForEachChannels(block, [&](int32_t channel, int32_t panels) {
           visit(LanePlace{column, pixels, channel, panels, taps});
         });
       });
     } else {
-      ForEachChannels([&](int32_t channel, int32_t panels) {
-        ForEachColumns(kTilePixels, [&](int32_t column, int32_t pixels, const TapRange& taps) {
-          visit(LanePlace{column, pixels, channel, panels, taps});
-        });
+      ForEachChannels(block, [&](int32_t channel, int32_t panels) {
+        ForEachColumns(block, kTilePixels,
+                       [&](int32_t column, int32_t pixels, const TapRange& taps) {
+                         visit(LanePlace{column, pixels, channel, panels, taps});
+                       });
       });
     }
   }
 
-  // Calls visit(column, pixels, taps) for the columns of a row, `most` at a time or one.
+  // Calls visit(column, pixels, taps) for the columns of a row of the block, `most` at a time or
+  // one.
   template <typename Visit>
-  void ForEachColumns(int32_t most, Visit visit) const {
+  void ForEachColumns(const OutputBlock& block, int32_t most, Visit visit) const {
     for (const Run& run : runs_) {
-      const int32_t pixels = run.end - run.first >= most ? most : 1;
-      for (int32_t column = run.first; column < run.end; column += pixels) {
-        visit(std::min(column, run.end - pixels), pixels, run.taps);
+      const int32_t first = std::max(run.first, block.first_column);
+      const int32_t end = std::min(run.end, block.end_column);
+      const int32_t pixels = end - first >= most ? most : 1;
+      for (int32_t column = first; column < end; column += pixels) {
+        visit(std::min(column, end - pixels), pixels, run.taps);
       }
     }
+  }
+
+  // The columns of the image that some columns of outputs meet.
+  struct Columns {
+    int32_t first;
+    int32_t count;  // at least 0
+  };
+  Columns ColumnsOf(int32_t first_output, int32_t end_output) const {
+    const int32_t first = std::max(0, columns_.Coordinate(first_output, 0));
+    const int32_t last = columns_.Coordinate(end_output - 1, columns_.taps - 1);
+    return {first, std::max(0, std::min(last + 1, columns_.input) - first)};
   }
 
   // The numbers of an image's row.
@@ -104,20 +120,29 @@ class LaneWindows {
                      const X* filter) const {
     if (rows.count == 0) return {};
     const int64_t y = rows_.Coordinate(row, rows.first);
-    return TileOfRows(place, rows, image + y * InRow(), rows_.dilation * InRow(), filter);
+    return TileOfRows(place, rows, RowsOf<X>{image + y * InRow(), rows_.dilation * InRow(), 0},
+                      filter);
   }
 
-  // The same of image rows that lie `x_row` apart, the first of them at `first`; there are some.
+  // Rows of an image from a column of it on, `row` numbers from one to the next.
   template <typename X>
-  LaneTile<X> TileOfRows(const LanePlace& place, const TapRange& rows, const X* first,
-                         int64_t x_row, const X* filter) const {
+  struct RowsOf {
+    const X* first;
+    int64_t row;
+    int32_t column;
+  };
+
+  // The same of other rows than the image's own; there are some.
+  template <typename X>
+  LaneTile<X> TileOfRows(const LanePlace& place, const TapRange& rows, const RowsOf<X>& numbers,
+                         const X* filter) const {
     const int64_t channels = is_depthwise_ ? 1 : in_channels_;
-    const int64_t x = columns_.Coordinate(place.column, place.taps.first);
+    const int64_t x = columns_.Coordinate(place.column, place.taps.first) - numbers.column;
     LaneTile<X> tile{};
     if (place.taps.count == 0) return tile;
-    tile.x = first + x * in_channels_ + (is_depthwise_ ? place.channel : 0);
+    tile.x = numbers.first + x * in_channels_ + (is_depthwise_ ? place.channel : 0);
     tile.x_pixel = int64_t{columns_.stride} * in_channels_;
-    tile.x_row = x_row;
+    tile.x_row = numbers.row;
     tile.x_tap = int64_t{columns_.dilation} * in_channels_;
     tile.w_channel = filter_channels_;
     tile.w_tap = channels * filter_channels_;
@@ -151,12 +176,13 @@ class LaneWindows {
   }
 
   template <typename Visit>
-  void ForEachChannels(Visit visit) const {
-    for (int32_t channel = 0; channel < filter_channels_;) {
-      const int32_t left = filter_channels_ - channel;
-      const bool has_two = left > kPanel && filter_channels_ >= kTilePanels * kPanel;
+  void ForEachChannels(const OutputBlock& block, Visit visit) const {
+    const int32_t end = std::max(kPanel, block.end_channel);  // fewer are filled up
+    for (int32_t channel = block.first_channel; channel < end;) {
+      const int32_t left = end - channel;
+      const bool has_two = left > kPanel && end - block.first_channel >= kTilePanels * kPanel;
       const int32_t panels = has_two ? kTilePanels : 1;
-      const int32_t from = std::min(channel, filter_channels_ - panels * kPanel);
+      const int32_t from = std::min(channel, end - panels * kPanel);
       visit(from, panels);
       channel = from + panels * kPanel;
     }

@@ -24,6 +24,11 @@ enum class ChainPath {
   kDotRemainders,
 };
 
+constexpr bool IsDots(ChainPath path) {
+  return path == ChainPath::kDotShorts || path == ChainPath::kDotBytes ||
+         path == ChainPath::kDotRemainders;
+}
+
 // What a call is, as far as the plan asks.
 struct ChainFacts {
   int32_t accumulator_size;

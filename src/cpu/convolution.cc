@@ -4,8 +4,6 @@
 #include "cpu/convolution.h"
 
 #include <algorithm>
-#include <array>
-#include <exception>
 
 #include "bitfold/HConv2D.h"
 #include "bitfold/datapath_attributes.h"
@@ -13,9 +11,16 @@
 #include "bitfold/weight_sign.h"
 #include "chain/corrected_weights.h"
 #include "frame/floating_point_scope.h"
+#include "frame/slots.h"
 
 namespace bitfold {
 namespace {
+
+// Units for each thread, so that none waits long for the last one.
+constexpr int64_t kUnitsForEach = 3;
+
+// Cycles of a product by the definition.
+constexpr int64_t kDefinitionCost = 8;
 
 // Whether a tap lies inside the image for some output.
 bool IsUsed(const WindowAxis& axis, int32_t tap) {
@@ -23,38 +28,6 @@ bool IsUsed(const WindowAxis& axis, int32_t tap) {
     if (axis.Contains(axis.Coordinate(output, tap))) return true;
   }
   return false;
-}
-
-// The work of one thread; filled before the thread starts and then its own until it is joined.
-template <typename T>
-struct ImageTask {
-  const BatchConvolution<T>* batch;
-  int32_t image;
-  bool counts_warnings;  // as the calling thread does
-  BitfoldWarningCounts counts{};
-  std::exception_ptr failure{};  // of memory, as a rule
-
-  void Run() {
-    const WarningScope warnings(counts_warnings ? &counts : nullptr);
-    try {
-      batch->Run(image);
-    } catch (const std::exception&) {
-      failure = std::current_exception();
-    }
-  }
-};
-
-// Thread entry; `task` points to an ImageTask<T>.
-template <typename T>
-void* RunImage(void* task) {
-  static_cast<ImageTask<T>*>(task)->Run();
-  pthread_exit(nullptr);
-}
-
-// Whether no window meets an input: no products, but addends of the elementwise tensor perhaps.
-template <typename T>
-bool HasNoProducts(const ConvolutionCall<T>& call) {
-  return call.InputElements() == 0 || call.FilterElements() == 0;
 }
 
 // Of the whole batch.
@@ -84,32 +57,54 @@ void AddElementwise(const ConvolutionCall<T>& call, int64_t outputs) {
   }
 }
 
+CallingThread& TheCallingThread() {
+  static CallingThread calling_thread;
+  return calling_thread;
+}
+
 }  // namespace
 
 template <typename T>
-BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Scratch* scratch)
-    : call_(call) {
+BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Workers* workers,
+                                      Scratch* scratch)
+    : call_(call), rows_of_pixels_(AsRowsOfPixels(call, true)), workers_(workers) {
+  const int64_t units = workers->AtOnce() == 1 ? 1 : workers->AtOnce() * kUnitsForEach;
+  const int64_t images = rows_of_pixels_.batch;
+  cuts_images_ = images < units;
+  Decide({workers, workers->AtOnce(), (units + images - 1) / images}, scratch);
+}
+
+template <typename T>
+BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, int slots, Scratch* scratch)
+    : call_(call), rows_of_pixels_(AsRowsOfPixels(call, false)) {
+  Decide({&TheCallingThread(), slots, 1}, scratch);
+}
+
+template <typename T>
+void BatchConvolution<T>::Decide(const ChainSharing& sharing, Scratch* scratch) {
   const DefaultFloatingPointScope scope;
-  CorrectedWeights<T> weights{call.filter, false, {}};
-  if (call.is_depthwise) {
-    weights = CorrectWeights(WeightSign<T>(call.datapath.accumulator_size), call.filter,
-                             call.filters * call.FilterElements(), scratch);
+  CorrectedWeights<T> weights{call_.filter, false, {}};
+  if (call_.is_depthwise) {
+    weights = CorrectWeights(WeightSign<T>(call_.datapath.accumulator_size), call_.filter,
+                             call_.filters * call_.FilterElements(), sharing.workers, scratch);
     if (weights.weights == nullptr) return;
-    corrects_ = weights.corrected;
   }
-  engine_ = std::make_unique<Engine>(call, weights, std::min(call.batch, kImageThreads), scratch);
-  if (!engine_->plan()) engine_.reset();
+  engine_.emplace(rows_of_pixels_, weights, KnownFacts{}, sharing, scratch);
+  if (!engine_->plan()) return engine_.reset();
+  if (!weights.corrected) return;
+  for (int32_t filter = 0; filter < call_.filters; ++filter) {
+    corrected_.push_back(MeetsCorrectedWeight(filter) ? 1 : 0);
+  }
 }
 
 // Weights that meet no input are not seen.
 template <typename T>
-bool BatchConvolution<T>::NeedsWarning(int32_t image) const {
-  if (!corrects_) return false;
+bool BatchConvolution<T>::MeetsCorrectedWeight(int32_t filter) const {
   const WeightSign<T> sign(call_.datapath.accumulator_size);
   const WindowAxis rows(call_.rows);
   const WindowAxis columns(call_.columns);
   const int64_t taps = int64_t{rows.taps} * columns.taps;
-  const T* weights = call_.filter + call_.FilterOf(image) * call_.FilterElements();
+  const T* weights = call_.filter + filter * call_.FilterElements();
   for (int64_t tap = 0; tap < taps; ++tap, weights += call_.out_channels) {
     const bool corrected = std::any_of(weights, weights + call_.out_channels,
                                        [&sign](T x) { return sign.NeedsCorrection(x); });
@@ -121,50 +116,129 @@ bool BatchConvolution<T>::NeedsWarning(int32_t image) const {
   return false;
 }
 
+// ---- Running -----------------------------------------------------------------------------------
+
 template <typename T>
-void BatchConvolution<T>::Run(int32_t image) const {
+ChainImage<T> BatchConvolution<T>::ImageOf(int32_t image) const {
+  const int64_t o = image * engine_->OutputElements();
+  return {call_.input + image * rows_of_pixels_.InputElements(),
+          call_.elementwise == nullptr ? nullptr : call_.elementwise + o, call_.output + o,
+          call_.FilterOf(image)};
+}
+
+// An output of an image of the engine, which may be the whole batch.
+template <typename T>
+void BatchConvolution<T>::Define(int32_t image, int64_t output) const {
+  const int64_t channels = call_.out_channels;
+  const int64_t position = (image * engine_->OutputElements() + output) / channels;
+  const int64_t columns = getOutputSize(call_.columns);
+  const int64_t row = position / columns;
+  const int64_t rows = getOutputSize(call_.rows);
+  ImageConvolution<T>(call_, static_cast<int32_t>(row / rows))
+      .DefineOutput(static_cast<int32_t>(row % rows), static_cast<int32_t>(position % columns),
+                    static_cast<int32_t>(output % channels));
+}
+
+// Ends the lines of an image.
+template <typename T>
+void BatchConvolution<T>::Warn(int32_t image) const {
+  if (corrected_.empty()) return;
+  if (corrected_[static_cast<size_t>(call_.FilterOf(image))] != 0) WarnDepthwiseWeights();
+}
+
+template <typename T>
+void BatchConvolution<T>::RunImage(int32_t image, int slot) const {
   const DefaultFloatingPointScope scope;
-  if (engine_ == nullptr) return convolveOneImage(call_, image);
-  ImageConvolution<T> definition(call_, image);
-  engine_->Run(image, image % kImageThreads,
-               [&definition](int32_t row, int32_t column, int32_t channel) {
-                 definition.DefineOutput(row, column, channel);
-               });
-  if (NeedsWarning(image)) WarnDepthwiseWeights();
+  if (!engine_) return convolveOneImage(call_, image);
+  engine_->RunAll(ImageOf(image), slot, [this, image](int64_t output) { Define(image, output); });
+  Warn(image);
 }
 
 template <typename T>
-void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, CreateThread create) {
-  const int64_t outputs = OutputElements(call);
-  if (outputs == 0) return;
-  if (HasNoProducts(call)) return AddElementwise(call, outputs);
-  const BatchConvolution<T> convolution(call, scratch);
-  BitfoldWarningCounts* const counts = CountsOfThisThread();
-  std::array<pthread_t, kImageThreads> threads;
-  for (int64_t first = 0; first < call.batch; first += kImageThreads) {
-    const int group = static_cast<int>(std::min<int64_t>(call.batch - first, kImageThreads));
-    std::array<ImageTask<T>, kImageThreads> tasks;
-    std::array<bool, kImageThreads> started{};
-    for (int slot = 0; slot < group; ++slot) {
-      tasks[slot] = {&convolution, static_cast<int32_t>(first + slot), counts != nullptr};
-      started[slot] = create(&threads[slot], nullptr, RunImage<T>, &tasks[slot]) == 0;
-      if (!started[slot]) tasks[slot].Run();
-    }
-    for (int slot = 0; slot < group; ++slot) {
-      if (started[slot]) pthread_join(threads[slot], nullptr);
-    }
-    if (counts != nullptr) {
-      for (const ImageTask<T>& task : tasks) AddCounts(task.counts, counts);
-    }
-    for (const ImageTask<T>& task : tasks) {
-      if (task.failure) std::rethrow_exception(task.failure);
-    }
-  }
+int64_t BatchConvolution<T>::UnitsOfImage() const {
+  return engine_ && cuts_images_ ? engine_->blocks().count() : 1;
 }
 
-#define BITFOLD_INSTANTIATE(T)        \
-  template class BatchConvolution<T>; \
-  template void ComputeConvolution(const ConvolutionCall<T>&, Scratch*, CreateThread);
+template <typename T>
+int64_t BatchConvolution<T>::UnitCost() const {
+  if (!engine_) {
+    const int64_t chain = call_.FilterElements() / call_.out_channels;
+    return OutputElements(call_) / call_.batch * chain * kDefinitionCost;
+  }
+  return engine_->BlockCost() * (engine_->blocks().count() / UnitsOfImage());
+}
+
+// A whole image with its lines, or a block, whose outputs that may print a line are left to the
+// end.
+template <typename T>
+void BatchConvolution<T>::RunUnit(int64_t unit, int slot, std::vector<int64_t>* may_print) const {
+  const int64_t blocks = UnitsOfImage();
+  const auto image = static_cast<int32_t>(unit / blocks);
+  if (blocks == 1) return RunImage(image, slot);
+  engine_->Run(ImageOf(image), engine_->blocks()[unit % blocks], slot,
+               [may_print](int64_t output) { may_print->push_back(output); });
+}
+
+template <typename T>
+void BatchConvolution<T>::Run() const {
+  const int64_t images = engine_ ? rows_of_pixels_.batch : call_.batch;
+  const int64_t units = images * UnitsOfImage();
+  std::vector<std::vector<int64_t>> may_print(UnitsOfImage() == 1 ? 0 : static_cast<size_t>(units));
+  Slots slots(workers_->AtOnce());
+  workers_->Share(units, UnitCost(), [&](int64_t first, int64_t end) {
+    const Slots::Lease slot(&slots);
+    for (int64_t unit = first; unit < end; ++unit) {
+      RunUnit(unit, slot.number(),
+              may_print.empty() ? nullptr : &may_print[static_cast<size_t>(unit)]);
+    }
+  });
+  if (!may_print.empty()) Replay(&may_print);
+}
+
+// By units; the blocks of an image may lie side by side.
+template <typename T>
+void BatchConvolution<T>::Replay(std::vector<std::vector<int64_t>>* may_print) const {
+  int64_t outputs = 0;
+  for (const auto& of_unit : *may_print) outputs += static_cast<int64_t>(of_unit.size());
+  const int64_t images = rows_of_pixels_.batch;
+  const int64_t blocks = UnitsOfImage();
+  const int64_t chain = call_.FilterElements() / call_.out_channels;
+  workers_->Share(images, outputs / images * chain * kDefinitionCost + 1,
+                  [&](int64_t first, int64_t end) {
+                    for (int64_t image = first; image < end; ++image) {
+                      std::vector<int64_t> of_image;
+                      for (int64_t unit = image * blocks; unit < (image + 1) * blocks; ++unit) {
+                        const auto& more = (*may_print)[static_cast<size_t>(unit)];
+                        of_image.insert(of_image.end(), more.begin(), more.end());
+                      }
+                      std::sort(of_image.begin(), of_image.end());
+                      for (const int64_t output : of_image) {
+                        Define(static_cast<int32_t>(image), output);
+                      }
+                      Warn(static_cast<int32_t>(image));
+                    }
+                  });
+}
+
+template <typename T>
+bool ComputeWithoutProducts(const ConvolutionCall<T>& call) {
+  const int64_t outputs = OutputElements(call);
+  if (outputs == 0) return true;
+  if (call.InputElements() > 0 && call.FilterElements() > 0) return false;
+  AddElementwise(call, outputs);
+  return true;
+}
+
+template <typename T>
+void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, Workers* workers) {
+  if (ComputeWithoutProducts(call)) return;
+  BatchConvolution<T>(call, workers, scratch).Run();
+}
+
+#define BITFOLD_INSTANTIATE(T)                                     \
+  template class BatchConvolution<T>;                              \
+  template bool ComputeWithoutProducts(const ConvolutionCall<T>&); \
+  template void ComputeConvolution(const ConvolutionCall<T>&, Scratch*, Workers*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)
 #undef BITFOLD_INSTANTIATE

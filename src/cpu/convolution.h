@@ -1,40 +1,39 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// The CPU convolution of a batch: one POSIX thread per image, in groups of 20. Knows nothing of
-// the runtime, so that it can be tested and sanitised without it.
+// The CPU convolution of a batch, whose images and blocks of outputs several threads share. Knows
+// nothing of the runtime, so that it can be tested and sanitised without it.
 
 #ifndef BITFOLD_SRC_CPU_CONVOLUTION_H_
 #define BITFOLD_SRC_CPU_CONVOLUTION_H_
 
-#include <pthread.h>
-
 #include <cstdint>
-#include <memory>
 #include <optional>
+#include <vector>
 
 #include "bitfold/convolution_call.h"
 #include "bitfold/datapath.h"
-#include "bitfold/geometry.h"
 #include "chain/engine.h"
 #include "frame/scratch.h"
+#include "frame/workers.h"
 
 namespace bitfold {
-
-inline constexpr int kImageThreads = 20;
-
-// pthread_create's signature; tests pass one that fails.
-using CreateThread = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 
 // The convolutions of a call, as fast as its numbers allow.
 template <typename T>
 class BatchConvolution {
  public:
-  // Up to kImageThreads images run at the same time. What the call points to stays.
-  BatchConvolution(const ConvolutionCall<T>& call, Scratch* scratch);
+  // For Run, which `workers` share. What the call points to stays, as does the scratch.
+  BatchConvolution(const ConvolutionCall<T>& call, Workers* workers, Scratch* scratch);
 
-  // Computes and writes the outputs of an image and prints its lines.
-  void Run(int32_t image) const;
+  // For RunImage, of which up to `slots` run at the same time.
+  BatchConvolution(const ConvolutionCall<T>& call, int slots, Scratch* scratch);
+
+  // Computes and writes all outputs and prints all lines: those of an image in their order.
+  void Run() const;
+
+  // The same for an image, on the calling thread.
+  void RunImage(int32_t image, int slot) const;
 
   // How; empty where by the definition.
   std::optional<ChainPlan> plan() const { return engine_ ? engine_->plan() : std::nullopt; }
@@ -42,21 +41,32 @@ class BatchConvolution {
  private:
   using Engine = ChainEngine<Datapath<T>, T>;
 
-  bool NeedsWarning(int32_t image) const;
+  void Decide(const ChainSharing& sharing, Scratch* scratch);
+  int64_t UnitsOfImage() const;
+  int64_t UnitCost() const;
+  void RunUnit(int64_t unit, int slot, std::vector<int64_t>* may_print) const;
+  void Replay(std::vector<std::vector<int64_t>>* may_print) const;
+  ChainImage<T> ImageOf(int32_t image) const;
+  void Define(int32_t image, int64_t output) const;
+  void Warn(int32_t image) const;
+  bool MeetsCorrectedWeight(int32_t filter) const;
 
   const ConvolutionCall<T> call_;
-  std::unique_ptr<Engine> engine_;
-  bool corrects_ = false;  // depthwise: whether the sign of some weight is corrected
+  const ConvolutionCall<T> rows_of_pixels_;  // the same where that is possible
+  Workers* const workers_ = nullptr;
+  bool cuts_images_ = false;  // units are blocks, not whole images
+  std::optional<Engine> engine_;
+  std::vector<char> corrected_;  // depthwise: the filters with a weight whose sign is corrected
 };
 
-// The bits and lines of convolve4DTensorSlow; lines of different images may come in any order. A
-// fixed table of 20 records and threads: image i uses slot i mod 20, and the table is reused once
-// all its threads have been joined. An image whose thread cannot be created is computed on the
-// calling thread instead. Rethrows the first exception of a group's images, all its threads joined;
-// the outputs are incomplete then.
+// The whole batch where no window meets an input: false, with nothing done, where one does.
 template <typename T>
-void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch,
-                        CreateThread create = pthread_create);
+bool ComputeWithoutProducts(const ConvolutionCall<T>& call);
+
+// The bits and lines of convolve4DTensorSlow; lines of different images may come in any order.
+// Throws the first exception of a part, with the outputs incomplete.
+template <typename T>
+void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, Workers* workers);
 
 }  // namespace bitfold
 

@@ -3,12 +3,16 @@
 
 #include "cpu/matmul.h"
 
+#include <algorithm>
+#include <memory>
 #include <type_traits>
+#include <vector>
 
 #include "bitfold/convolution_call.h"
 #include "bitfold/warning.h"
 #include "chain/corrected_weights.h"
 #include "chain/engine.h"
+#include "frame/slots.h"
 
 namespace bitfold {
 namespace {
@@ -36,32 +40,103 @@ ConvolutionCall<T> ConvolutionOf(const MatMulCall<T>& call, int32_t batch_index)
   return image;
 }
 
-// False, with nothing written or printed, where the definition must do.
+// Units for each thread, so that none waits long for the last one.
+constexpr int64_t kUnitsForEach = 3;
+
+// Outputs whose lines may wait for those before them.
+constexpr int64_t kOutputsTogether = int64_t{1} << 20;
+
+// What is left of an entry once its outputs are there.
+struct Rest {
+  bool is_computed = false;  // otherwise nothing was written: the definition must do
+  bool warns = false;
+  std::vector<int64_t> may_print;  // outputs, in their order
+};
+
 template <typename T>
-bool MultiplyByEngine(const MatMulCall<T>& call, int32_t batch_index, Scratch* scratch) {
-  if (call.rows < 1 || call.cols < 1 || call.inner < 1) return false;
+Rest Multiply(const MatMulCall<T>& call, int32_t batch_index, Workers* workers, Scratch* scratch) {
+  if (call.rows < 1 || call.cols < 1 || call.inner < 1) return {};
   const ConvolutionCall<T> image = ConvolutionOf(call, batch_index);
   const auto weights = CorrectWeights(WeightSign<T>(call.datapath.accumulator_size), image.filter,
-                                      image.FilterElements(), scratch);
-  if (weights.weights == nullptr) return false;
-  const ChainEngine<ChainDatapath<T>, T> engine(image, weights, 1, scratch);
-  if (!engine.plan()) return false;
-  MatrixProduct<T> definition(call, batch_index);
-  engine.Run(0, 0, [&definition](int32_t, int32_t row, int32_t column) {
-    definition.DefineOutput(row, column);
+                                      image.FilterElements(), workers, scratch);
+  if (weights.weights == nullptr) return {};
+  const int threads = workers->AtOnce();
+  const ChainEngine<ChainDatapath<T>, T> engine(
+      image, weights, KnownFacts{}, {workers, threads, threads == 1 ? 1 : threads * kUnitsForEach},
+      scratch);
+  if (!engine.plan()) return {};
+
+  const int64_t blocks = engine.blocks().count();
+  std::vector<std::vector<int64_t>> may_print(static_cast<size_t>(blocks));
+  Slots slots(threads);
+  workers->Share(blocks, engine.BlockCost(), [&](int64_t first, int64_t end) {
+    const Slots::Lease slot(&slots);
+    for (int64_t i = first; i < end; ++i) {
+      std::vector<int64_t>* of_block = &may_print[static_cast<size_t>(i)];
+      engine.Run({image.input, nullptr, image.output, 0}, engine.blocks()[i], slot.number(),
+                 [of_block](int64_t output) { of_block->push_back(output); });
+    }
   });
-  if (weights.corrected) WarnMatMulWeights();
-  return true;
+  Rest rest{true, weights.corrected, {}};
+  for (const auto& of_block : may_print) {
+    rest.may_print.insert(rest.may_print.end(), of_block.begin(), of_block.end());
+  }
+  std::sort(rest.may_print.begin(), rest.may_print.end());  // blocks may lie side by side
+  return rest;
+}
+
+template <typename T>
+void Finish(const MatMulCall<T>& call, int32_t batch_index, const Rest& rest) {
+  if (!rest.is_computed) return MatrixMultiplication(call, batch_index);
+  MatrixProduct<T> definition(call, batch_index);
+  for (const int64_t output : rest.may_print) {
+    definition.DefineOutput(static_cast<int32_t>(output / call.cols),
+                            static_cast<int32_t>(output % call.cols));
+  }
+  if (rest.warns) WarnMatMulWeights();
+}
+
+// Entries [first, end), a thread for each of them.
+template <typename T>
+void MultiplyTogether(const MatMulCall<T>& call, int32_t first, int32_t end,
+                      const MakeScratch& make_scratch, Workers* workers) {
+  std::vector<Rest> rests(static_cast<size_t>(end - first));
+  const int64_t weights = int64_t{call.inner} * call.cols;
+  const int64_t cost = weights * call.rows / 32 + weights;
+  workers->Share(end - first, cost, [&](int64_t begin, int64_t stop) {
+    CallingThread alone;
+    for (int64_t i = begin; i < stop; ++i) {
+      const std::unique_ptr<Scratch> scratch = make_scratch();
+      rests[static_cast<size_t>(i)] =
+          Multiply(call, static_cast<int32_t>(first + i), &alone, scratch.get());
+    }
+  });
+  for (int32_t i = first; i < end; ++i) Finish(call, i, rests[static_cast<size_t>(i - first)]);
 }
 
 }  // namespace
 
 template <typename T>
-void ComputeMatMul(const MatMulCall<T>& call, int32_t batch_index, Scratch* scratch) {
-  if (!MultiplyByEngine(call, batch_index, scratch)) MatrixMultiplication(call, batch_index);
+void ComputeMatMul(const MatMulCall<T>& call, int32_t batch, const MakeScratch& make_scratch,
+                   Workers* workers) {
+  const int64_t wanted = workers->AtOnce() * kUnitsForEach;
+  if (workers->AtOnce() == 1 || batch < wanted) {
+    for (int32_t i = 0; i < batch; ++i) {
+      const std::unique_ptr<Scratch> scratch = make_scratch();
+      Finish(call, i, Multiply(call, i, workers, scratch.get()));
+    }
+    return;
+  }
+  const int64_t outputs = std::max<int64_t>(1, int64_t{call.rows} * call.cols);
+  const int64_t together = std::max(wanted, kOutputsTogether / outputs);
+  for (int64_t first = 0; first < batch; first += together) {
+    const int64_t end = std::min<int64_t>(batch, first + together);
+    MultiplyTogether(call, static_cast<int32_t>(first), static_cast<int32_t>(end), make_scratch,
+                     workers);
+  }
 }
 
-template void ComputeMatMul(const MatMulCall<int32_t>&, int32_t, Scratch*);
-template void ComputeMatMul(const MatMulCall<float>&, int32_t, Scratch*);
+template void ComputeMatMul(const MatMulCall<int32_t>&, int32_t, const MakeScratch&, Workers*);
+template void ComputeMatMul(const MatMulCall<float>&, int32_t, const MakeScratch&, Workers*);
 
 }  // namespace bitfold

@@ -8,12 +8,16 @@
 
 #include "bitfold/HMatMul.h"
 #include "frame/scratch.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
-// The bits and lines of MatrixMultiplication, with memory from `scratch`.
+// The bits and lines of MatrixMultiplication for entries 0 to batch - 1, in their order. Several
+// scratches at the same time where workers share entries. Throws the first exception of a part,
+// with the outputs incomplete.
 template <typename T>
-void ComputeMatMul(const MatMulCall<T>& call, int32_t batch_index, Scratch* scratch);
+void ComputeMatMul(const MatMulCall<T>& call, int32_t batch, const MakeScratch& make_scratch,
+                   Workers* workers);
 
 }  // namespace bitfold
 

@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <type_traits>
 #include <vector>
 
+#include "vector/rescale_steps.h"
 #include "vector/target.h"
 
 namespace bitfold {
@@ -116,12 +116,11 @@ class ConsecutiveMultipliers {
       mantissas_.push_back(mantissa);
       exponents_.push_back(exponent);
     } else if (rescaling == Rescaling::kShortMultiplier) {
-      const uint64_t sign = uint64_t{1} << 63;
-      const int32_t shift = 15 - exponent;
+      const ShortMultiplierTerms terms(exponent);
       mantissas_.push_back(ShortMantissa(mantissa));
-      addends_.push_back((uint64_t{1} << (shift - 1)) + sign);
-      shifts_.push_back(shift);
-      excesses_.push_back(static_cast<uint32_t>(sign >> shift));
+      addends_.push_back(terms.addend);
+      shifts_.push_back(terms.shift);
+      excesses_.push_back(terms.excess);
     } else {
       reals_.push_back(multiplier.real);
     }

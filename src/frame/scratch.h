@@ -7,6 +7,9 @@
 #define BITFOLD_SRC_FRAME_SCRATCH_H_
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -20,6 +23,16 @@ class Scratch {
   // none.
   virtual void* Allocate(size_t bytes) = 0;
 };
+
+// Memory of their own for those who work at the same time.
+using MakeScratch = std::function<std::unique_ptr<Scratch>()>;
+
+// Memory for `count` numbers; null also where the bytes cannot be counted. Requires count >= 0.
+template <typename T>
+T* AllocateFor(Scratch* scratch, int64_t count) {
+  if (count > INT64_MAX / static_cast<int64_t>(sizeof(T))) return nullptr;
+  return static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
+}
 
 // From the heap.
 class HeapScratch : public Scratch {

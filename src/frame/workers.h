@@ -21,6 +21,9 @@ class Workers {
   // How many parts run at the same time, at most.
   virtual int AtOnce() const = 0;
 
+  // The cycles of a unit that is worth a thread's while: what the runtime takes for a task.
+  virtual int64_t LeastCost() const { return 40000; }
+
   // Runs `part` over ranges that together are [0, units), in any order and at the same time, and
   // returns when all are done. `cost` are the cycles of a unit, roughly: little work stays on the
   // calling thread. A part is as if the calling thread ran it: its lines are counted where that

@@ -13,10 +13,13 @@
 #include "bitfold/convolution_call.h"
 #include "bitfold/device_convolution.h"
 #include "cpu/convolution.h"
+#include "cpu/image_threads.h"
 #include "device/launchers.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
 #include "frame/op_scratch.h"
+#include "frame/op_workers.h"
+#include "frame/thread_setting.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -157,7 +160,9 @@ struct HConv2dFunctor<CPUDevice, T> {
   void operator()(OpKernelContext* context, const CPUDevice&,
                   const ConvolutionCall<T>& call) const {
     OpScratch scratch(context);
-    ComputeConvolution(call, &scratch);
+    if (ImageThreadsAreOn()) return ComputeByImageThreads(call, &scratch);
+    OpWorkers workers(context);
+    ComputeConvolution(call, &scratch, &workers);
   }
 };
 

@@ -5,6 +5,9 @@
 
 #include "bitfold/HMatMul.h"
 
+#include <cstdint>
+#include <memory>
+
 #include "bitfold/fpx.h"
 #include "cpu/matmul.h"
 #include "frame/floating_point_scope.h"
@@ -12,6 +15,7 @@
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
 #include "frame/op_scratch.h"
+#include "frame/op_workers.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -93,10 +97,10 @@ class HMatMulOp : public AdditionOp<T> {
         static_cast<int32_t>(cols),
         {this->accumulator_size_, mult_shift.flat<int8_t>().data(), this->use_fp16_acc_}};
     const DefaultFloatingPointScope scope;
-    for (int64_t i = 0; i < batch; ++i) {
-      OpScratch scratch(context);
-      ComputeMatMul(call, static_cast<int32_t>(i), &scratch);
-    }
+    OpWorkers workers(context);
+    ComputeMatMul(
+        call, static_cast<int32_t>(batch),
+        [context] { return std::make_unique<OpScratch>(context); }, &workers);
   }
 
  private:

@@ -5,16 +5,14 @@
 
 #include "bitfold/HRequantise.h"
 
-#include <cmath>
 #include <cstdint>
-#include <limits>
 #include <string>
 
-#include "absl/strings/str_format.h"
 #include "cpu/requantise.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
 #include "frame/op_workers.h"
+#include "ops/requantise_attributes.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -28,13 +26,6 @@ using tensorflow::Tensor;
 using tensorflow::shape_inference::InferenceContext;
 using tensorflow::shape_inference::ShapeHandle;
 
-// What is needed of the multipliers, both where shapes are inferred and where the op runs.
-absl::Status CheckCount(int64_t channels, int64_t count) {
-  if (count == 1 || count == channels) return absl::OkStatus();
-  return absl::InvalidArgumentError(absl::StrCat("Need 1 multiplier or one for each of the ",
-                                                 channels, " channels of sums, got ", count));
-}
-
 BITFOLD_WHEN_LOADED(RegisterOp) {
   REGISTER_OP("HRequantise")
       .Attr("T: {int32, int64}")
@@ -42,7 +33,7 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
       .Input("sums: T")
       .Input("multipliers: double")
       .Output("output: T_out")
-      .Attr("rounding: {'two_roundings', 'short_multiplier', 'one_rounding'}")
+      .Attr(kRoundingAttribute)
       .Attr("shift: int")
       .Attr("zero_point: int")
       .Attr("minimum: int")
@@ -57,7 +48,7 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
         const auto channels = context->Dim(sums, -1);
         const auto count = context->Dim(multipliers, 0);
         if (!context->ValueKnown(channels) || !context->ValueKnown(count)) return absl::OkStatus();
-        return CheckCount(context->Value(channels), context->Value(count));
+        return CheckMultiplierCount(context->Value(channels), context->Value(count));
       });
 }
 
@@ -67,14 +58,13 @@ class HRequantiseOp : public GuardedOp {
   explicit HRequantiseOp(OpKernelConstruction* context) : GuardedOp(context) {
     OP_REQUIRES_OK(context, context->GetAttr("T", &sum_type_));
     OP_REQUIRES_OK(context, context->GetAttr("T_out", &output_type_));
-    OP_REQUIRES_OK(context, context->GetAttr("rounding", &rounding_));
+    std::string rounding;
+    OP_REQUIRES_OK(context, context->GetAttr("rounding", &rounding));
     OP_REQUIRES_OK(context, context->GetAttr("shift", &mode_.shift));
     OP_REQUIRES_OK(context, context->GetAttr("zero_point", &mode_.zero_point));
     OP_REQUIRES_OK(context, context->GetAttr("minimum", &mode_.minimum));
     OP_REQUIRES_OK(context, context->GetAttr("maximum", &mode_.maximum));
-    mode_.rescaling = rounding_ == "two_roundings"      ? Rescaling::kTwoRoundings
-                      : rounding_ == "short_multiplier" ? Rescaling::kShortMultiplier
-                                                        : Rescaling::kOneRounding;
+    mode_.rescaling = RescalingOf(rounding);
     OP_REQUIRES_OK(context, CheckAttributes());
   }
 
@@ -111,64 +101,18 @@ class HRequantiseOp : public GuardedOp {
     if (sum_type_ == tensorflow::DT_INT64 && mode_.rescaling == Rescaling::kTwoRoundings) {
       return absl::InvalidArgumentError("Need int32 sums for two_roundings, got int64");
     }
-    const int64_t bits = output_type_ == tensorflow::DT_INT8    ? 8
-                         : output_type_ == tensorflow::DT_INT16 ? 16
-                                                                : 32;
-    const int64_t highest = (int64_t{1} << (bits - 1)) - 1;
-    const int64_t lowest = -highest - 1;
-    if (mode_.zero_point < lowest || mode_.zero_point > highest) {
-      return absl::InvalidArgumentError(absl::StrFormat("Need a zero_point in [%d, %d], got %d",
-                                                        lowest, highest, mode_.zero_point));
-    }
-    if (mode_.minimum < lowest || mode_.minimum > mode_.maximum || mode_.maximum > highest) {
-      return absl::InvalidArgumentError(
-          absl::StrFormat("Need %d <= minimum <= maximum <= %d, got a minimum of %d and a maximum "
-                          "of %d",
-                          lowest, highest, mode_.minimum, mode_.maximum));
-    }
-    return absl::OkStatus();
+    return CheckStored(mode_, output_type_);
   }
 
   absl::Status CheckInputs(const Tensor& sums, const Tensor& multipliers) const {
     if (sums.dims() < 1) {
       return absl::InvalidArgumentError("Need sums of rank 1 or more, got a scalar");
     }
-    if (multipliers.dims() != 1) {
-      return absl::InvalidArgumentError(absl::StrCat("Need multipliers of rank 1, got shape ",
-                                                     multipliers.shape().DebugString()));
-    }
-    const int64_t count = multipliers.NumElements();
-    TF_RETURN_IF_ERROR(CheckCount(sums.dim_size(sums.dims() - 1), count));
-    for (int64_t i = 0; i < count; ++i) {
-      TF_RETURN_IF_ERROR(CheckMultiplier(multipliers.flat<double>()(i), i));
-    }
-    return absl::OkStatus();
-  }
-
-  absl::Status CheckMultiplier(double multiplier, int64_t channel) const {
-    if (!(multiplier >= 0) || !std::isfinite(multiplier)) {
-      return absl::InvalidArgumentError(absl::StrFormat(
-          "Need multipliers that are finite and not negative, got %.17g in channel %d", multiplier,
-          channel));
-    }
-    const ChannelMultiplier shifted = ShiftedMultiplier(multiplier, mode_.shift);
-    if (IsDefined(mode_.rescaling, shifted)) return absl::OkStatus();
-    const std::string got = absl::StrFormat(" (multiplier %.17g with a shift of %d) in channel %d",
-                                            multiplier, mode_.shift, channel);
-    if (mode_.rescaling == Rescaling::kOneRounding) {
-      return absl::InvalidArgumentError(
-          absl::StrCat("Need multipliers that the shift leaves finite, got infinity", got));
-    }
-    return absl::InvalidArgumentError(
-        absl::StrCat("Need exponents from ", kLowestMultiplierExponent, " to ",
-                     mode_.rescaling == Rescaling::kTwoRoundings ? kHighestTwoRoundingsExponent
-                                                                 : kHighestShortMultiplierExponent,
-                     " for ", rounding_, ", got ", shifted.fixed.exponent, got));
+    return CheckMultipliers(mode_, multipliers, sums.dim_size(sums.dims() - 1));
   }
 
   DataType sum_type_;
   DataType output_type_;
-  std::string rounding_;
   RequantiseMode mode_ = {};
 };
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -65,7 +66,9 @@ std::optional<ChainPath> PathOf(const MatMulCase<T>& c) {
   call.filters = 1;
   call.datapath = {c.accumulator_size, &mult_shift, c.use_fp16_acc};
   HeapScratch scratch;
-  const ChainEngine<D, T> engine(call, {weights.data(), false, {}}, 1, &scratch);
+  CallingThread calling_thread;
+  const ChainEngine<D, T> engine(call, {weights.data(), false, {}}, {}, {&calling_thread, 1, 1},
+                                 &scratch);
   if (!engine.plan()) return std::nullopt;
   return engine.plan()->path;
 }
@@ -159,7 +162,12 @@ void CheckFailures(const MatMulCase<T>& c) {
     testing::FailingScratch scratch(failing);
     auto actual = testing::Output<T>{testing::UnwrittenBuffer<T>(c.count(), 1), ""};
     const MatMulCall<T> call = c.CallOf(c.a.data(), c.b.data(), actual.values.data(), &mult_shift);
-    actual.lines = testing::PrintedBy([&] { ComputeMatMul(call, 0, &scratch); });
+    CallingThread calling_thread;
+    actual.lines = testing::PrintedBy([&] {
+      ComputeMatMul(
+          call, 1, [&] { return std::make_unique<testing::BorrowedScratch>(&scratch); },
+          &calling_thread);
+    });
     ASSERT_TRUE(
         testing::SameOutputs(c, definition, actual, "without request " + std::to_string(failing)));
     if (failing < 0) requests = scratch.requests();

@@ -7,9 +7,11 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "chain/lane_windows.h"
+#include "chain/output_blocks.h"
 #include "support/bits.h"
 
 namespace bitfold {
@@ -48,9 +50,9 @@ TEST(ChainWindows, TapsInside) {
   });
 }
 
-// Every output is in a tile, none outside, and a tile's columns have its taps.
+// Every output of each block is in a tile, none outside, and a tile's columns have its taps.
 void CheckTiles(const ConvolutionAxis& columns, int32_t channels, bool is_depthwise,
-                const std::string& inputs) {
+                const OutputExtent& step, const std::string& inputs) {
   ConvolutionCall<float> call{};
   call.in_channels = channels;
   call.out_channels = channels;
@@ -59,25 +61,31 @@ void CheckTiles(const ConvolutionAxis& columns, int32_t channels, bool is_depthw
   call.is_depthwise = is_depthwise;
   const LaneWindows windows(call);
   const WindowAxis axis(columns);
-  std::vector<int> covered(static_cast<size_t>(axis.outputs * channels));
-  windows.ForEachTile([&](const LanePlace& place) {
-    ASSERT_TRUE(place.pixels == 1 || place.pixels == kTilePixels) << inputs;
-    ASSERT_TRUE(place.panels == 1 || place.panels == kTilePanels) << inputs;
-    ASSERT_GE(place.column, 0);
-    ASSERT_LE(place.column + place.pixels, axis.outputs) << inputs;
-    ASSERT_GE(place.channel, 0);
-    ASSERT_LE(place.channel + place.panels * kPanel, channels) << inputs;
-    for (int32_t p = place.column; p < place.column + place.pixels; ++p) {
-      const TapRange taps = TapsInside(axis, p);
-      ASSERT_EQ(taps.count, place.taps.count) << inputs;
-      ASSERT_EQ(taps.first, place.taps.first) << inputs;
-      for (int32_t c = place.channel; c < place.channel + place.panels * kPanel; ++c) {
-        ++covered[static_cast<size_t>(p * channels + c)];
+  const OutputBlocks blocks({1, axis.outputs, channels}, step);
+  std::vector<int64_t> covered(static_cast<size_t>(axis.outputs * channels), -1);
+  for (int64_t b = 0; b < blocks.count(); ++b) {
+    const OutputBlock block = blocks[b];
+    windows.ForEachTile(block, [&](const LanePlace& place) {
+      ASSERT_TRUE(place.pixels == 1 || place.pixels == kTilePixels) << inputs;
+      ASSERT_TRUE(place.panels == 1 || place.panels == kTilePanels) << inputs;
+      ASSERT_GE(place.column, block.first_column);
+      ASSERT_LE(place.column + place.pixels, block.end_column) << inputs;
+      ASSERT_GE(place.channel, block.first_channel);
+      ASSERT_LE(place.channel + place.panels * kPanel, block.end_channel) << inputs;
+      for (int32_t p = place.column; p < place.column + place.pixels; ++p) {
+        const TapRange taps = TapsInside(axis, p);
+        ASSERT_EQ(taps.count, place.taps.count) << inputs;
+        ASSERT_EQ(taps.first, place.taps.first) << inputs;
+        for (int32_t c = place.channel; c < place.channel + place.panels * kPanel; ++c) {
+          int64_t& by_block = covered[static_cast<size_t>(p * channels + c)];
+          ASSERT_TRUE(by_block == -1 || by_block == b) << inputs;
+          by_block = b;
+        }
       }
-    }
-  });
+    });
+  }
   for (size_t i = 0; i < covered.size(); ++i) {
-    ASSERT_GE(covered[i], 1) << inputs << "output " << i << " of " << channels << " channels";
+    ASSERT_GE(covered[i], 0) << inputs << "output " << i << " of " << channels << " channels";
   }
 }
 
@@ -86,9 +94,41 @@ TEST(ChainWindows, TilesCoverEveryOutput) {
     if (getOutputSize(axis) < 1) return;
     for (const int32_t channels : {16, 17, 31, 32, 33, 47, 48, 49, 63, 64, 65, 80, 129}) {
       if (channels > 49 && axis.input % 5 != 0) continue;
-      ASSERT_NO_FATAL_FAILURE(CheckTiles(axis, channels, channels % 2 == 0, inputs));
+      const bool is_depthwise = channels % 2 == 0;
+      const OutputExtent all = {1, getOutputSize(axis), channels};
+      ASSERT_NO_FATAL_FAILURE(CheckTiles(axis, channels, is_depthwise, all, inputs));
+      ASSERT_NO_FATAL_FAILURE(CheckTiles(axis, channels, is_depthwise, {1, 3, channels}, inputs));
+      if (channels % kPanel != 0) continue;
+      ASSERT_NO_FATAL_FAILURE(CheckTiles(axis, channels, is_depthwise, {1, 5, 16}, inputs));
     }
   });
+}
+
+TEST(ChainBlocks, EveryOutputIsInOneBlock) {
+  for (const auto& [all, step] : std::vector<std::pair<OutputExtent, OutputExtent>>{
+           {{7, 5, 32}, {7, 5, 32}},
+           {{7, 5, 32}, {2, 5, 32}},
+           {{7, 5, 48}, {3, 5, 32}},
+           {{1, 11, 16}, {1, 4, 16}},
+           {{1, 2147483000, 16}, {1, 1 << 30, 16}}}) {
+    const OutputBlocks blocks(all, step);
+    int64_t outputs = 0;
+    for (int64_t b = 0; b < blocks.count(); ++b) {
+      const OutputBlock block = blocks[b];
+      outputs +=
+          int64_t{block.rows()} * block.columns() * (block.end_channel - block.first_channel);
+      ASSERT_GT(block.rows(), 0);
+      ASSERT_GT(block.columns(), 0);
+      ASSERT_LE(block.rows(), step.rows);
+      ASSERT_LE(block.columns(), step.columns);
+      ASSERT_GT(block.end_channel, block.first_channel);
+      if (b == 0) continue;
+      const OutputBlock before = blocks[b - 1];  // above it, left of it, or of other channels
+      ASSERT_TRUE(before.end_row == block.first_row || before.end_column == block.first_column ||
+                  before.end_channel == block.first_channel);
+    }
+    EXPECT_EQ(outputs, int64_t{all.rows} * all.columns * all.channels);
+  }
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ std::vector<float> Convolve(CreateThread create, int32_t shift) {
                                        false,
                                        1,
                                        {24, &mult_shift, false}};
-  ComputeConvolution(call, &scratch, create);
+  ComputeByImageThreads(call, &scratch, create);
   return output;
 }
 

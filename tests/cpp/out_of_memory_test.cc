@@ -1,8 +1,8 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// Every allocation of a call fails in turn, on image threads too: std::bad_alloc on the calling
-// thread or the right result, and the floating-point environment as it was.
+// Every allocation of a call fails in turn, on threads of all kinds too: std::bad_alloc on the
+// calling thread or the right result, and the floating-point environment as it was.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "bitfold/HSoftmax.h"
 #include "cpu/bilinear.h"
 #include "cpu/convolution.h"
+#include "cpu/image_threads.h"
 #include "cpu/layernorm.h"
 #include "cpu/matmul.h"
 #include "cpu/nms.h"
@@ -28,6 +30,7 @@
 #include "support/convolution.h"
 #include "support/log_stub.h"
 #include "support/random.h"
+#include "support/workers.h"
 
 namespace {
 
@@ -103,9 +106,19 @@ int FailConvolution(reference::Convolution c, int32_t batch) {
   std::vector<T> output(static_cast<size_t>(testing::OutputCount(c)));
   const int8_t mult_shift = 3;
   const ConvolutionCall<T> call = testing::CallOf<T>(c, data, output.data(), &mult_shift);
+  testing::BackwardParts parts(2);
+  testing::ThreadParts threads(3, 1);
+  for (Workers* workers : {static_cast<Workers*>(&parts), static_cast<Workers*>(&threads)}) {
+    EXPECT_GE(FailEach(&output,
+                       [&call, workers] {
+                         HeapScratch scratch;
+                         ComputeConvolution(call, &scratch, workers);
+                       }),
+              1);
+  }
   return FailEach(&output, [&call] {
     HeapScratch scratch;
-    ComputeConvolution(call, &scratch);
+    ComputeByImageThreads(call, &scratch);
   });
 }
 
@@ -133,7 +146,9 @@ TEST(OutOfMemory, MatrixProduct) {
   FailEach(&product, [&call] {
     const DefaultFloatingPointScope scope;
     HeapScratch scratch;
-    ComputeMatMul(call, 0, &scratch);
+    testing::BackwardParts parts(1);
+    ComputeMatMul(
+        call, 1, [] { return std::make_unique<HeapScratch>(); }, &parts);
   });
 }
 

@@ -13,6 +13,7 @@
 
 #include "fuzz_input.h"
 #include "support/chain_convolution.h"
+#include "support/workers.h"
 
 namespace bitfold::testing {
 namespace {
@@ -67,6 +68,9 @@ void FuzzConvolution(FuzzInput* input) {
   const auto threaded = ThreadedConvolution(c, data, pthread_create);
   RequireSame(defined.values.data(), threaded.values.data(), OutputCount(c), "image threads",
               describe);
+  BackwardParts parts(1);
+  const auto shared = SharedConvolution(c, data, &parts);
+  RequireSame(defined.values.data(), shared.values.data(), OutputCount(c), "shared", describe);
 }
 
 }  // namespace

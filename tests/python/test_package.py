@@ -49,6 +49,7 @@ def test_public_names():
         "ops",
         "raw_ops",
         "resize",
+        "set_image_threads",
         "set_warnings",
         "tables",
         "warning_counts",

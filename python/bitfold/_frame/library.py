@@ -44,7 +44,8 @@ def library_path() -> str:
 def include_dir() -> str:
     """Return the folder to compile C and C++ callers with.
 
-    It holds ``bitfold/single_step.h``, ``bitfold/fpx.h`` and ``bitfold/warning_counts.h``.
+    It holds ``bitfold/single_step.h``, ``bitfold/fpx.h``, ``bitfold/image_threads.h`` and
+    ``bitfold/warning_counts.h``.
 
     Example:
         >>> import bitfold, os

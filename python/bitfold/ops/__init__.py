@@ -26,7 +26,8 @@ Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take
 ``bitfold.tables`` makes. ``bitfold.resize`` makes the inputs of ``bilinear``, ``bitfold.detection``
 those of the box decoders and of ``non_max_suppression``.
 
-Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output.
+Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output;
+``prepared_conv2d`` is a whole layer from stored integers to stored integers.
 
 Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
 
@@ -46,6 +47,7 @@ from bitfold.ops._bilinear import bilinear
 from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
 from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
 from bitfold.ops._matmul import matmul
+from bitfold.ops._prepared import prepared_conv2d
 from bitfold.ops._requantise import requantise
 from bitfold.ops._units import activation, layer_norm, softmax
 
@@ -63,6 +65,7 @@ __all__ = [
     "layer_norm",
     "matmul",
     "non_max_suppression",
+    "prepared_conv2d",
     "requantise",
     "softmax",
     "weighted_add",

@@ -44,8 +44,8 @@ ChainOutput<T> ChainConvolution(const reference::Convolution& c, const Convoluti
   ChainOutput<T> out{ExactBuffer<T>(OutputCount(c) + kOutputGuard, (offset + 3) % 4), "", {}};
   std::fill_n(out.values.data(), out.values.count(), static_cast<T>(kUntouched));
   const auto run = [&](T* output, Scratch* memory) {
-    const BatchConvolution<T> convolution(call.To(output), memory);
-    for (int32_t image = 0; image < c.batch; ++image) convolution.Run(image);
+    const BatchConvolution<T> convolution(call.To(output), 1, memory);
+    for (int32_t image = 0; image < c.batch; ++image) convolution.RunImage(image, 0);
     return convolution.plan();
   };
   out.lines = PrintedBy([&] { out.plan = run(out.values.data(), scratch); });

@@ -265,6 +265,17 @@ class FailingScratch : public Scratch {
   HeapScratch heap_;
 };
 
+// Another's memory, for who wants an object of its own.
+class BorrowedScratch : public Scratch {
+ public:
+  explicit BorrowedScratch(Scratch* lender) : lender_(lender) {}
+
+  void* Allocate(size_t bytes) override { return lender_->Allocate(bytes); }
+
+ private:
+  Scratch* const lender_;
+};
+
 }  // namespace bitfold::testing
 
 #endif  // BITFOLD_TESTS_CPP_SUPPORT_CHAIN_RECIPES_H_

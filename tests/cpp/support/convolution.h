@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The convolution as its tests see it: one case, computed by the oracle, by the definition image by
-// image, and by the threads.
+// image, and by threads of both kinds.
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_CONVOLUTION_H_
 #define BITFOLD_TESTS_CPP_SUPPORT_CONVOLUTION_H_
@@ -16,6 +16,7 @@
 
 #include "bitfold/HConv2D.h"
 #include "cpu/convolution.h"
+#include "cpu/image_threads.h"
 #include "reference.h"
 #include "support/bits.h"
 #include "support/buffer.h"
@@ -176,7 +177,18 @@ ConvolutionOutput<T> ThreadedConvolution(const reference::Convolution& c,
   HeapScratch scratch;
   const auto mult_shift = static_cast<int8_t>(c.mult_shift);
   const ConvolutionCall<T> call = CallOf<T>(c, data, out.values.data(), &mult_shift);
-  out.lines = PrintedAndCountedBy([&] { ComputeConvolution(call, &scratch, create); });
+  out.lines = PrintedAndCountedBy([&] { ComputeByImageThreads(call, &scratch, create); });
+  return out;
+}
+
+template <typename T>
+ConvolutionOutput<T> SharedConvolution(const reference::Convolution& c,
+                                       const ConvolutionData<T>& data, Workers* workers) {
+  ConvolutionOutput<T> out{ExactBuffer<T>(OutputCount(c)), ""};
+  HeapScratch scratch;
+  const auto mult_shift = static_cast<int8_t>(c.mult_shift);
+  const ConvolutionCall<T> call = CallOf<T>(c, data, out.values.data(), &mult_shift);
+  out.lines = PrintedAndCountedBy([&] { ComputeConvolution(call, &scratch, workers); });
   return out;
 }
 

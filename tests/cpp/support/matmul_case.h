@@ -7,6 +7,7 @@
 #define BITFOLD_TESTS_CPP_SUPPORT_MATMUL_CASE_H_
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "bitfold/HMatMul.h"
 #include "cpu/matmul.h"
 #include "frame/scratch.h"
+#include "frame/workers.h"
 #include "reference/matmul.h"
 #include "support/bits.h"
 #include "support/op_case.h"
@@ -72,11 +74,16 @@ struct MatMulCase {
   }
 
   void Run(int offset, T* out) const {
+    CallingThread calling_thread;
+    Share(&calling_thread, offset, out);
+  }
+
+  void Share(Workers* workers, int offset, T* out) const {
     const auto in = Misaligned<T>({&a, &b}, offset);
     const auto shift = static_cast<int8_t>(mult_shift);
     const MatMulCall<T> call = CallOf(in[0].data(), in[1].data(), out, &shift);
-    HeapScratch scratch;
-    for (int32_t i = 0; i < batch; ++i) ComputeMatMul(call, i, &scratch);
+    ComputeMatMul(
+        call, batch, [] { return std::make_unique<HeapScratch>(); }, workers);
   }
 };
 

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <exception>
 #include <thread>
 #include <vector>
 
@@ -21,7 +22,8 @@ class BackwardParts : public Workers {
  public:
   explicit BackwardParts(int64_t units) : units_(units) {}
 
-  int AtOnce() const override { return 1; }
+  int AtOnce() const override { return 2; }  // so that work is cut
+  int64_t LeastCost() const override { return 1; }
 
  private:
   void ShareGuarded(int64_t units, int64_t, const Part& part) override {
@@ -39,18 +41,22 @@ class ThreadParts : public Workers {
   ThreadParts(int threads, int64_t units) : threads_(threads), units_(units) {}
 
   int AtOnce() const override { return threads_; }
+  int64_t LeastCost() const override { return 1; }
 
  private:
   void ShareGuarded(int64_t units, int64_t, const Part& part) override {
     std::atomic<int64_t> next{0};
+    const auto work = [&] {
+      for (int64_t first = next.fetch_add(units_); first < units; first = next.fetch_add(units_)) {
+        part(first, first + units_ < units ? first + units_ : units);
+      }
+    };
     std::vector<std::thread> threads;
-    for (int t = 0; t < threads_; ++t) {
-      threads.emplace_back([&, this] {
-        for (int64_t first = next.fetch_add(units_); first < units;
-             first = next.fetch_add(units_)) {
-          part(first, first + units_ < units ? first + units_ : units);
-        }
-      });
+    try {
+      threads.reserve(static_cast<size_t>(threads_));
+      for (int t = 0; t < threads_; ++t) threads.emplace_back(work);
+    } catch (const std::exception&) {
+      work();  // there are fewer threads, or none
     }
     for (std::thread& thread : threads) thread.join();
   }

@@ -4,6 +4,8 @@
 
 from __future__ import annotations
 
+from typing import Any
+
 import numpy as np
 import tensorflow as tf
 
@@ -102,18 +104,21 @@ class Requantiser:
             sums = tf.cast(sums, tf.int32)
         return self._by_model(sums) if self._table is None else self._by_unit(sums)
 
-    def _by_model(self, sums: tf.Tensor) -> tf.Tensor:
+    @property
+    def keywords(self) -> dict[str, Any]:
+        """What an op is told that requantises by the model's rule, but for the shift."""
         minimum, maximum = self._bounds
-        return ops.requantise(
-            sums,
-            self._multipliers,
+        return dict(
+            multipliers=self._multipliers,
             rounding=self._rounding,
             zero_point=self._output.zero_point,
             minimum=minimum,
             maximum=maximum,
             dtype=tf.as_dtype(self._output.dtype),
-            shift=self._shift,
         )
+
+    def _by_model(self, sums: tf.Tensor) -> tf.Tensor:
+        return ops.requantise(sums, shift=self._shift, **self.keywords)
 
     def _by_unit(self, sums: tf.Tensor) -> tf.Tensor:
         keywords = self._table.keywords

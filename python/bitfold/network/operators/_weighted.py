@@ -14,6 +14,7 @@ from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks
 from bitfold.network.operators._accumulator import Accumulator, exact_groups
+from bitfold.network.operators._prepared import Placement, PreparedLayer, can_be_prepared
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
 from bitfold.network.operators._step import SummingStep
 
@@ -85,6 +86,7 @@ class WeightedStep(SummingStep):
             arithmetic,
             self.roundings[self.is_wide],
         )
+        self._prepared = self._prepare()
 
     @property
     def is_wide(self) -> bool:
@@ -96,6 +98,31 @@ class WeightedStep(SummingStep):
         exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
         groups = self.groups(weights) if exact and self.is_wide else None
         return Accumulator(self.product, weights, self.bias, self.arithmetic, groups, self.of_group)
+
+    def _prepare(self) -> PreparedLayer | None:
+        """Return the whole layer as one op; None where it is several, one after the other."""
+        placement, output = self.placement, self.node.outputs[0]
+        is_exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
+        if placement is None or (is_exact and self.is_wide):
+            return None
+        if not can_be_prepared(self.arithmetic, self.data.dtype, output.dtype):
+            return None
+        return PreparedLayer(
+            self.weights(),
+            self.bias,
+            arithmetic=self.arithmetic,
+            placement=placement,
+            input_zero_point=self._zero_point,
+            **self._requantise.keywords,
+        )
+
+    @property
+    def placement(self) -> Placement | None:
+        """Where the windows lie in what `arrange` makes of stored data; None where it takes more.
+
+        A layer without one is computed by the public ops, one after the other.
+        """
+        return None
 
     def groups(self, weights: np.ndarray) -> list[slice]:
         """Return the groups of input channels whose sums fit 32 bits."""
@@ -122,11 +149,11 @@ class WeightedStep(SummingStep):
         return data[..., group]
 
     def arrange(self, data: tf.Tensor) -> tf.Tensor:
-        """Return data, less its zero point, as `product` takes it."""
+        """Return data, stored or less its zero point, as `product` takes it."""
         return data
 
     def arrange_sums(self, sums: tf.Tensor) -> tf.Tensor:
-        """Return sums in the shape of the output."""
+        """Return sums, or what is stored of them, in the shape of the output."""
         return sums
 
     def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
@@ -137,6 +164,13 @@ class WeightedStep(SummingStep):
     def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:
         """Requantise."""
         return [self._requantise(sums)]
+
+    def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Compute the stored output."""
+        if self._prepared is None:
+            return super().run(inputs)
+        data = self.arrange(inputs[self.places[0]])
+        return [self.arrange_sums(self._prepared(data))]
 
     @classmethod
     def layer_problems(cls, node: Node, rank: int, data_rank: int | None) -> Iterator[str]:

@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._weighted import WeightedStep
 from bitfold.network.operators._windows import Windows
 
@@ -15,6 +16,13 @@ class WindowedStep(WeightedStep):
     def windows(self) -> Windows:
         """Where the filter meets the image."""
         return Windows.of(self.node, *self.node.inputs[1].shape[1:3])
+
+    @property
+    def placement(self) -> Placement | None:
+        """Where the windows lie in the stored image."""
+        windows = self.windows
+        padding = (*windows.rows.padding, *windows.columns.padding)
+        return Placement(windows.strides, windows.dilations, padding)
 
     @property
     def multiply_adds(self) -> int:

@@ -16,6 +16,7 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
+from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._windowed import WindowedStep
 from bitfold.network.operators._windows import window_problems
 
@@ -40,6 +41,11 @@ class Convolution(WindowedStep):
     def weights(self) -> np.ndarray:
         """Return [height, width, inputs of a group, outputs]."""
         return self.filter.transpose(1, 2, 3, 0)
+
+    @property
+    def placement(self) -> Placement | None:
+        """Where the windows lie in the stored image; of several groups they are several ops."""
+        return super().placement if self._parts == 1 else None
 
     @property
     def _parts(self) -> int:

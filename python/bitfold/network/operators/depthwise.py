@@ -8,6 +8,7 @@ multiplier for each output channel, two roundings in int8, a short multiplier in
 
 from __future__ import annotations
 
+import dataclasses
 from collections.abc import Iterator
 
 import numpy as np
@@ -16,6 +17,7 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
+from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._windowed import WindowedStep
 from bitfold.network.operators._windows import window_problems
 
@@ -42,6 +44,11 @@ class DepthwiseConvolution(WindowedStep):
     def weights(self) -> np.ndarray:
         """Return [height, width, 1, outputs], the layout of the accelerator."""
         return self.filter.transpose(1, 2, 0, 3)
+
+    @property
+    def placement(self) -> Placement | None:
+        """Where the windows lie in the stored image."""
+        return dataclasses.replace(super().placement, depthwise=True)
 
     def groups(self, weights: np.ndarray) -> list[slice]:
         """Return one group: a channel's taps alone must fit 32 bits."""

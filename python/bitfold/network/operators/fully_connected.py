@@ -16,6 +16,7 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
+from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._weighted import WeightedStep
 
 
@@ -51,6 +52,11 @@ class FullyConnected(WeightedStep):
     def multiply_adds(self) -> int:
         """Products for one image."""
         return self._rows * self.filter.size
+
+    @property
+    def placement(self) -> Placement:
+        """A window of one pixel."""
+        return Placement()
 
     def weights(self) -> np.ndarray:
         """Return [1, 1, inputs, outputs]."""

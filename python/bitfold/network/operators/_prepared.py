@@ -1,0 +1,96 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""A layer with stored weights as one op, which plans and packs once for all its calls."""
+
+from __future__ import annotations
+
+import dataclasses
+from typing import Any
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold import ops
+from bitfold.network.arithmetic import Arithmetic
+from bitfold.network.operators._accumulator import narrowed
+
+_STORED = (np.int8, np.int16)
+_LARGEST_SHIFT = 31
+
+
+@dataclasses.dataclass(frozen=True)
+class Placement:
+    """Where a layer's windows lie, each pair for rows and columns.
+
+    Attributes:
+        strides: from a window to the next.
+        dilations: from a tap to the next.
+        padding: zeros above, below, left and right of the image.
+        depthwise: whether channels are summed each for itself.
+    """
+
+    strides: tuple[int, int] = (1, 1)
+    dilations: tuple[int, int] = (1, 1)
+    padding: tuple[int, int, int, int] = (0, 0, 0, 0)
+    depthwise: bool = False
+
+
+def can_be_prepared(arithmetic: Arithmetic, *stored: np.dtype) -> bool:
+    """Return whether a layer whose sums have 32 bits is one op in an arithmetic.
+
+    The activation unit requantises in an op of its own.
+    """
+    return (
+        arithmetic.requantisation == "model"
+        and arithmetic.mult_shift <= _LARGEST_SHIFT
+        and all(dtype in _STORED for dtype in stored)
+    )
+
+
+class PreparedLayer:
+    """A layer of stored integers, in one arithmetic."""
+
+    def __init__(
+        self,
+        weights: np.ndarray,
+        bias: np.ndarray | None,
+        multipliers: np.ndarray,
+        arithmetic: Arithmetic,
+        placement: Placement,
+        **stored: Any,
+    ) -> None:
+        """Make it.
+
+        Args:
+            weights: int8 [height, width, inputs, outputs].
+            bias: [outputs] or None; of a wide one the low 32 bits count.
+            multipliers: from sums to the output.
+            arithmetic: the layer's.
+            placement: of the windows.
+            **stored: what `bitfold.ops.prepared_conv2d` is told of the input and the output.
+        """
+        bias = np.zeros(0, np.int32) if bias is None else narrowed(bias)
+        self._constants = (np.ascontiguousarray(weights), bias, multipliers)
+        self._keywords = dict(
+            dataclasses.asdict(placement),
+            accumulator_size=32
+            if arithmetic.accumulator_size is None
+            else arithmetic.accumulator_size,
+            mult_shift=arithmetic.mult_shift,
+            use_fp16_acc=arithmetic.use_fp16_acc,
+            **stored,
+        )
+        self._tensors: tuple[tf.Tensor, ...] | None = None
+
+    def __call__(self, data: tf.Tensor) -> tf.Tensor:
+        """Return the stored output of stored data [N, H, W, inputs]."""
+        return ops.prepared_conv2d(data, *self._shared(), **self._keywords)
+
+    def _shared(self) -> tuple[tf.Tensor | np.ndarray, ...]:
+        """Return the constants: the same tensors for all functions, which know them by memory."""
+        if not (tf.executing_eagerly() or tf.inside_function()):
+            return self._constants
+        if self._tensors is None:
+            with tf.init_scope():
+                self._tensors = tuple(map(tf.constant, self._constants))
+        return self._tensors

@@ -1,0 +1,111 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""A layer of a quantised network in one op."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from typing import Any
+
+import tensorflow as tf
+
+from bitfold._frame.arguments import integer
+from bitfold._frame.layers import accepts_symbolic
+from bitfold._frame.loaded import raw_ops
+
+_STORED = (tf.int8, tf.int16)
+
+
+@accepts_symbolic
+def prepared_conv2d(
+    input: Any,
+    filter: Any,
+    bias: Any | None,
+    multipliers: Any,
+    *,
+    strides: Sequence[int] = (1, 1),
+    dilations: Sequence[int] = (1, 1),
+    padding: Sequence[int] = (0, 0, 0, 0),
+    depthwise: bool = False,
+    input_zero_point: int = 0,
+    accumulator_size: int = 32,
+    mult_shift: int = 0,
+    use_fp16_acc: bool = False,
+    rounding: str = "two_roundings",
+    zero_point: int = 0,
+    minimum: int | None = None,
+    maximum: int | None = None,
+    dtype: Any = tf.int8,
+    name: str | None = None,
+) -> tf.Tensor:
+    """Compute a layer of a quantised network, from stored integers to stored integers.
+
+    The bits and the printed lines of `conv2d`, `dilated_conv2d` or `depthwise_conv2d` on the input
+    less its zero point and surrounded by zeros, then `bias_add` and `requantise`; in half precision
+    the first two on floats. What can be known of the layer is decided at the first call, which
+    packs the weights; later calls with the same tensors `filter`, `bias` and `multipliers` and the
+    same image size use it again.
+
+    Args:
+        input: int8 or int16 [N, H, W, C].
+        filter: int8 [h, w, C, outputs]; depthwise [h, w, 1, outputs], outputs at most C.
+        bias: int32 [outputs], or None.
+        multipliers: float64 [1] or [outputs], as `requantise` takes them.
+        strides: of the windows, for rows and columns.
+        dilations: distances of the taps, for rows and columns.
+        padding: rows of zeros above and below, columns left and right of the image.
+        depthwise: whether each channel is summed for itself.
+        input_zero_point: the stored integer of the input that stands for 0.
+        accumulator_size: bits of the accumulator, at most 32.
+        mult_shift: every product, and the bias, is divided by 2^mult_shift, halves to even, which
+            the multipliers undo. At most 31, in half precision 6.
+        use_fp16_acc: whether sums are accumulated in half precision.
+        rounding: that of `requantise`.
+        zero_point: the stored integer of the output that stands for 0.
+        minimum: the least output, by default that of `dtype`.
+        maximum: the greatest output, by default that of `dtype`.
+        dtype: of the output: int8 or int16.
+        name: the node's name.
+
+    Returns:
+        A tensor [N, H', W', outputs] of `dtype`.
+
+    Raises:
+        TypeError: for tensors of other types.
+        ValueError, tf.errors.InvalidArgumentError: for shapes, sizes and multipliers that do not
+            fit.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> image = np.arange(9, dtype=np.int8).reshape(1, 3, 3, 1)
+        >>> filter = np.ones([2, 2, 1, 1], np.int8)
+        >>> bitfold.ops.prepared_conv2d(image, filter, [100], [0.5]).numpy()[0, :, :, 0]
+        array([[54, 56],
+               [60, 62]], dtype=int8)
+    """
+    dtype = tf.as_dtype(dtype)
+    if dtype not in _STORED:
+        raise TypeError(f"dtype must be int8 or int16, got {dtype.name}")
+    input = tf.convert_to_tensor(input)
+    if input.dtype not in _STORED:
+        raise TypeError(f"input must be int8 or int16, got {input.dtype.name}")
+    return raw_ops.h_prepared_convolution(
+        input=input,
+        filter=tf.convert_to_tensor(filter, tf.int8),
+        bias=tf.convert_to_tensor([] if bias is None else bias, tf.int32),
+        multipliers=tf.convert_to_tensor(multipliers, tf.float64),
+        strides=[integer(value, "strides") for value in strides],
+        dilations=[integer(value, "dilations") for value in dilations],
+        padding=[integer(value, "padding") for value in padding],
+        is_depthwise=bool(depthwise),
+        input_zero_point=integer(input_zero_point, "input_zero_point"),
+        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        mult_shift=integer(mult_shift, "mult_shift"),
+        use_fp16_acc=bool(use_fp16_acc),
+        rounding=rounding,
+        zero_point=integer(zero_point, "zero_point"),
+        minimum=dtype.min if minimum is None else integer(minimum, "minimum"),
+        maximum=dtype.max if maximum is None else integer(maximum, "maximum"),
+        T_out=dtype,
+        name=name,
+    )

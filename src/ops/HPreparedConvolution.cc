@@ -1,0 +1,325 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#define EIGEN_USE_THREADS
+
+#include "bitfold/HPreparedConvolution.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "absl/strings/str_format.h"
+#include "absl/strings/str_join.h"
+#include "cpu/prepared_convolution.h"
+#include "frame/op_frame.h"
+#include "frame/op_registration.h"
+#include "frame/op_workers.h"
+#include "ops/requantise_attributes.h"
+#include "tensorflow/core/framework/common_shape_fns.h"
+#include "tensorflow/core/framework/op.h"
+#include "tensorflow/core/framework/op_kernel.h"
+#include "tensorflow/core/framework/shape_inference.h"
+
+namespace bitfold {
+
+using tensorflow::DataType;
+using tensorflow::OpKernelConstruction;
+using tensorflow::OpKernelContext;
+using tensorflow::Tensor;
+using tensorflow::TensorShape;
+using tensorflow::shape_inference::DimensionHandle;
+using tensorflow::shape_inference::InferenceContext;
+using tensorflow::shape_inference::ShapeHandle;
+
+namespace {
+
+// Sizes, and sums of them, stay far from 2^31.
+constexpr int32_t kLargestSize = 1 << 28;
+
+// Where windows lie: attributes of the op and of its shape function.
+struct WindowAttributes {
+  std::vector<int32_t> strides;    // rows, columns
+  std::vector<int32_t> dilations;  // rows, columns
+  std::vector<int32_t> padding;    // top, bottom, left, right
+
+  template <typename Context>
+  absl::Status Read(Context* context) {
+    TF_RETURN_IF_ERROR(context->GetAttr("strides", &strides));
+    TF_RETURN_IF_ERROR(context->GetAttr("dilations", &dilations));
+    TF_RETURN_IF_ERROR(context->GetAttr("padding", &padding));
+    TF_RETURN_IF_ERROR(Check("strides", strides, 2, 1));
+    TF_RETURN_IF_ERROR(Check("dilations", dilations, 2, 1));
+    return Check("padding", padding, 4, 0);
+  }
+
+  // Requires sizes of at most kLargestSize, and gives an axis of at least one output.
+  absl::Status AxisOf(size_t axis, int64_t input, int64_t taps, LayerAxis* result) const {
+    const char* name = axis == 0 ? "height" : "width";
+    if (input < 1 || input > kLargestSize || taps < 1 || taps > kLargestSize) {
+      return absl::InvalidArgumentError(
+          absl::StrFormat("Need an input and a filter of a %s from 1 to %d, got %d and %d", name,
+                          kLargestSize, input, taps));
+    }
+    *result = {
+        static_cast<int32_t>(input), static_cast<int32_t>(taps), strides[axis], dilations[axis],
+        padding[2 * axis],           padding[2 * axis + 1]};
+    const int64_t extent = (taps - 1) * dilations[axis] + 1;
+    if (extent <= result->padded()) return absl::OkStatus();
+    return absl::InvalidArgumentError(absl::StrFormat(
+        "Need a padded %s of at least the filter's %d, got %d", name, extent, result->padded()));
+  }
+
+ private:
+  static absl::Status Check(const char* name, const std::vector<int32_t>& values, size_t count,
+                            int32_t least) {
+    bool fits = values.size() == count;
+    for (const int32_t value : values) fits &= least <= value && value <= kLargestSize;
+    if (fits) return absl::OkStatus();
+    return absl::InvalidArgumentError(absl::StrFormat("Need %d %s from %d to %d, got [%s]", count,
+                                                      name, least, kLargestSize,
+                                                      absl::StrJoin(values, ", ")));
+  }
+};
+
+absl::Status InferShape(InferenceContext* c) {
+  ShapeHandle input;
+  ShapeHandle filter;
+  ShapeHandle unused;
+  TF_RETURN_IF_ERROR(c->WithRank(c->input(0), 4, &input));
+  TF_RETURN_IF_ERROR(c->WithRank(c->input(1), 4, &filter));
+  TF_RETURN_IF_ERROR(c->WithRank(c->input(2), 1, &unused));
+  TF_RETURN_IF_ERROR(c->WithRank(c->input(3), 1, &unused));
+  WindowAttributes windows;
+  TF_RETURN_IF_ERROR(windows.Read(c));
+  std::vector<DimensionHandle> sizes = {c->Dim(input, 0)};
+  for (const int axis : {0, 1}) {
+    const DimensionHandle size = c->Dim(input, axis + 1);
+    const DimensionHandle taps = c->Dim(filter, axis);
+    sizes.push_back(c->UnknownDim());
+    if (!c->ValueKnown(size) || !c->ValueKnown(taps)) continue;
+    LayerAxis found{};
+    TF_RETURN_IF_ERROR(
+        windows.AxisOf(static_cast<size_t>(axis), c->Value(size), c->Value(taps), &found));
+    sizes.back() = c->MakeDim(found.outputs());
+  }
+  sizes.push_back(c->Dim(filter, 3));
+  c->set_output(0, c->MakeShape(sizes));
+  return absl::OkStatus();
+}
+
+}  // namespace
+
+BITFOLD_WHEN_LOADED(RegisterOp) {
+  REGISTER_OP("HPreparedConvolution")
+      .Attr("T: {int8, int16}")
+      .Attr("T_out: {int8, int16}")
+      .Input("input: T")
+      .Input("filter: int8")
+      .Input("bias: int32")
+      .Input("multipliers: double")
+      .Output("output: T_out")
+      .Attr("strides: list(int)")
+      .Attr("dilations: list(int)")
+      .Attr("padding: list(int)")
+      .Attr("is_depthwise: bool")
+      .Attr("input_zero_point: int")
+      .Attr("accumulator_size: int")
+      .Attr("mult_shift: int")
+      .Attr("use_fp16_acc: bool")
+      .Attr(kRoundingAttribute)
+      .Attr("zero_point: int")
+      .Attr("minimum: int")
+      .Attr("maximum: int")
+      .SetShapeFn(InferShape);
+}
+
+// The layer is made at the first call and kept: its weights are constants, and calls that bring the
+// same memory and the same image sizes use it again. The kernel holds that memory, so that no other
+// weights can come to lie there.
+template <typename In, typename Out>
+class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
+ public:
+  explicit HPreparedConvolutionOp(OpKernelConstruction* context) : AccumulatorOp<int32_t>(context) {
+    if (!context->status().ok()) return;
+    OP_REQUIRES_OK(context, windows_.Read(context));
+    OP_REQUIRES_OK(context, context->GetAttr("is_depthwise", &is_depthwise_));
+    OP_REQUIRES_OK(context, context->GetAttr("input_zero_point", &input_zero_point_));
+    OP_REQUIRES_OK(context, context->GetAttr("mult_shift", &mode_.shift));
+    OP_REQUIRES_OK(context, context->GetAttr("use_fp16_acc", &use_fp16_acc_));
+    std::string rounding;
+    OP_REQUIRES_OK(context, context->GetAttr("rounding", &rounding));
+    mode_.rescaling = RescalingOf(rounding);
+    OP_REQUIRES_OK(context, context->GetAttr("zero_point", &mode_.zero_point));
+    OP_REQUIRES_OK(context, context->GetAttr("minimum", &mode_.minimum));
+    OP_REQUIRES_OK(context, context->GetAttr("maximum", &mode_.maximum));
+    OP_REQUIRES_OK(context, CheckStored(mode_, tensorflow::DataTypeToEnum<Out>::value));
+    OP_REQUIRES_OK(context, CheckAttributes());
+  }
+
+  void Run(OpKernelContext* context) override {
+    const Tensor& input = context->input(0);
+    std::shared_ptr<const Held> held;
+    OP_REQUIRES_OK(context, Hold(context, &held));
+    const PreparedLayer& layer = held->layer->layer();
+    TensorShape shape = input.shape();
+    OP_REQUIRES_OK(context, shape.SetDimWithStatus(1, layer.rows.outputs()));
+    OP_REQUIRES_OK(context, shape.SetDimWithStatus(2, layer.columns.outputs()));
+    OP_REQUIRES_OK(context, shape.SetDimWithStatus(3, layer.out_channels));
+    Tensor* output = nullptr;
+    OP_REQUIRES_OK(context, context->allocate_output(0, shape, &output));
+    if (IsEmpty(*output)) return;
+    OpWorkers workers(context);
+    held->layer->Run(input.flat<In>().data(), static_cast<int32_t>(input.dim_size(0)),
+                     output->flat<Out>().data(), &workers);
+  }
+
+ private:
+  using Layer = PreparedConvolution<In, Out>;
+
+  // A layer and what it was made of.
+  struct Held {
+    Tensor filter;
+    Tensor bias;
+    Tensor multipliers;
+    std::unique_ptr<const Layer> layer;
+
+    bool IsOf(OpKernelContext* context) const {
+      const Tensor& input = context->input(0);
+      return IsSame(filter, context->input(1)) && IsSame(bias, context->input(2)) &&
+             IsSame(multipliers, context->input(3)) && input.dims() == 4 &&
+             input.dim_size(1) == layer->layer().rows.input &&
+             input.dim_size(2) == layer->layer().columns.input &&
+             input.dim_size(3) == layer->layer().in_channels && input.dim_size(0) <= kLargestSize;
+    }
+
+    static bool IsSame(const Tensor& a, const Tensor& b) {
+      return a.SharesBufferWith(b) && a.data() == b.data() && a.shape() == b.shape();
+    }
+  };
+
+  // Finds or makes the layer of a call.
+  absl::Status Hold(OpKernelContext* context, std::shared_ptr<const Held>* held) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (held_ == nullptr || !held_->IsOf(context)) {
+      PreparedLayer layer{};
+      TF_RETURN_IF_ERROR(Describe(context, &layer));
+      held_ =
+          std::make_shared<const Held>(Held{context->input(1), context->input(2), context->input(3),
+                                            std::make_unique<const Layer>(layer)});
+    }
+    *held = held_;
+    return absl::OkStatus();
+  }
+
+  absl::Status CheckAttributes() const {
+    const int64_t low = std::numeric_limits<In>::min();
+    const int64_t high = std::numeric_limits<In>::max();
+    if (input_zero_point_ < low || input_zero_point_ > high) {
+      return absl::InvalidArgumentError(absl::StrFormat(
+          "Need an input_zero_point in [%d, %d], got %d", low, high, input_zero_point_));
+    }
+    const int32_t most = use_fp16_acc_ ? 6 : 31;
+    if (mode_.shift >= 0 && mode_.shift <= most) return absl::OkStatus();
+    return absl::InvalidArgumentError(
+        absl::StrFormat("Need a mult_shift in [0, %d]%s, got %d", most,
+                        use_fp16_acc_ ? " in half precision" : "", mode_.shift));
+  }
+
+  absl::Status Describe(OpKernelContext* context, PreparedLayer* layer) const {
+    const Tensor& input = context->input(0);
+    const Tensor& filter = context->input(1);
+    const Tensor& bias = context->input(2);
+    const Tensor& multipliers = context->input(3);
+    if (input.dims() != 4 || filter.dims() != 4) {
+      return absl::InvalidArgumentError(absl::StrCat("Need input and filter of rank 4, got shapes ",
+                                                     input.shape().DebugString(), " and ",
+                                                     filter.shape().DebugString()));
+    }
+    TF_RETURN_IF_ERROR(CheckChannels(input, filter));
+    LayerAxis rows{};
+    LayerAxis columns{};
+    TF_RETURN_IF_ERROR(windows_.AxisOf(0, input.dim_size(1), filter.dim_size(0), &rows));
+    TF_RETURN_IF_ERROR(windows_.AxisOf(1, input.dim_size(2), filter.dim_size(1), &columns));
+    const int64_t out_channels = filter.dim_size(3);
+    if (bias.dims() != 1 || (bias.NumElements() != 0 && bias.NumElements() != out_channels)) {
+      return absl::InvalidArgumentError(absl::StrCat("Need a bias of 0 or ", out_channels,
+                                                     " elements, got shape ",
+                                                     bias.shape().DebugString()));
+    }
+    TF_RETURN_IF_ERROR(CheckMultipliers(mode_, multipliers, out_channels));
+    *layer = {static_cast<int32_t>(input.dim_size(3)),
+              static_cast<int32_t>(out_channels),
+              rows,
+              columns,
+              is_depthwise_,
+              input_zero_point_,
+              filter.flat<int8_t>().data(),
+              bias.NumElements() == 0 ? nullptr : bias.flat<int32_t>().data(),
+              multipliers.flat<double>().data(),
+              multipliers.NumElements() > 1,
+              accumulator_size_,
+              mode_.shift,
+              use_fp16_acc_,
+              mode_};
+    return CheckSizes(input, *layer);
+  }
+
+  absl::Status CheckChannels(const Tensor& input, const Tensor& filter) const {
+    const int64_t channels = input.dim_size(3);
+    const int64_t outputs = filter.dim_size(3);
+    const bool fits = is_depthwise_ ? filter.dim_size(2) == 1 && outputs <= channels
+                                    : filter.dim_size(2) == channels;
+    if (fits && channels >= 1 && outputs >= 1 && std::max(channels, outputs) <= kLargestSize) {
+      return absl::OkStatus();
+    }
+    return absl::InvalidArgumentError(absl::StrCat(
+        "Need a filter of height x width x ",
+        is_depthwise_ ? "1 x at most the input's channels" : "input channels x output channels",
+        ", got shapes ", filter.shape().DebugString(), " and ", input.shape().DebugString()));
+  }
+
+  // What is made of an image's sizes and of padding can be larger than what came.
+  static absl::Status CheckSizes(const Tensor& input, const PreparedLayer& layer) {
+    const int64_t padded =
+        SaturatingProduct({layer.rows.padded(), layer.columns.padded(), layer.in_channels});
+    const int64_t outputs =
+        SaturatingProduct({layer.rows.outputs(), layer.columns.outputs(), layer.out_channels});
+    constexpr int64_t kMost = int64_t{1} << 31;
+    if (padded < kMost && outputs < kMost && input.dim_size(0) <= kLargestSize) {
+      return absl::OkStatus();
+    }
+    return absl::InvalidArgumentError(absl::StrFormat(
+        "Need at most %d images of fewer than 2^31 elements, padded and as outputs, got %d of %d "
+        "and %d",
+        kLargestSize, input.dim_size(0), padded, outputs));
+  }
+
+  WindowAttributes windows_;
+  bool is_depthwise_ = false;
+  int32_t input_zero_point_ = 0;
+  bool use_fp16_acc_ = false;
+  RequantiseMode mode_ = {};
+
+  std::mutex mutex_;
+  std::shared_ptr<const Held> held_;
+};
+
+BITFOLD_WHEN_LOADED(RegisterKernels) {
+#define BITFOLD_REGISTER_TYPES(In, Out)                       \
+  REGISTER_KERNEL_BUILDER(Name("HPreparedConvolution")        \
+                              .Device(tensorflow::DEVICE_CPU) \
+                              .TypeConstraint<In>("T")        \
+                              .TypeConstraint<Out>("T_out"),  \
+                          HPreparedConvolutionOp<In, Out>)
+  BITFOLD_REGISTER_TYPES(int8_t, int8_t);
+  BITFOLD_REGISTER_TYPES(int8_t, int16_t);
+  BITFOLD_REGISTER_TYPES(int16_t, int8_t);
+  BITFOLD_REGISTER_TYPES(int16_t, int16_t);
+#undef BITFOLD_REGISTER_TYPES
+}
+
+}  // namespace bitfold
