@@ -112,7 +112,6 @@ ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights, const 
   facts.weight_sum = [this] { return WeightSum(); };
   facts.takes_remainders = !call_.is_depthwise && CurrentDotKernels<SumOutput<T>>().HasRemainders();
   facts.products = call_.FilterElements() / call_.out_channels;
-  if (std::is_same_v<T, float> && facts.use_fp16_acc) return facts;  // stepwise, whatever comes
   facts.weights =
       weights ? *weights
               : SharedFactsOf(call_.filter, call_.filters * call_.FilterElements(), workers);
@@ -203,7 +202,7 @@ bool ChainEngine<D, T>::Prepare(const ChainSharing& sharing, Scratch* scratch) {
   if (call_.is_depthwise && call_.out_channels < kPanel) return false;
   blocks_ = Cut(sharing);
   if (plan_->path == ChainPath::kStepwise) {
-    return stepwise_.emplace(call_, datapath_).Prepare(call_, scratch);
+    return stepwise_.emplace(call_, datapath_, plan_->half).Prepare(call_, scratch);
   }
   return sums_.emplace(call_, *plan_, datapath_.mult_shift())
       .Prepare(call_, blocks_->largest().columns, sharing.slots, scratch);

@@ -19,6 +19,11 @@ constexpr ChainPlan kStepwise = {ChainPath::kStepwise, 0, 32};
 constexpr int64_t kExactFloat = int64_t{1} << 24;
 constexpr int64_t kSilentSum = (int64_t{1} << 23) - 2;
 
+// Whole numbers that the half-precision quantiser leaves as they are, and those that it makes
+// numbers below 2^15.
+constexpr int64_t kUnchangedHalf = 4096;
+constexpr int64_t kLargestWholeHalf = 32763;
+
 // A product that rounding by the addition of 1.5 * 2^23 takes, and one whose quotient by a number
 // that is no power of two is rounded right (RoundedSums).
 constexpr int64_t kRoundable = int64_t{1} << 22;
@@ -35,6 +40,28 @@ std::optional<int32_t> ByteOffset(const ChainFacts& facts) {
   if (!facts.weights.LieIn(INT8_MIN, INT8_MAX)) return std::nullopt;
   if (input.min < INT16_MIN || input.max - input.min > UINT8_MAX) return std::nullopt;
   return static_cast<int32_t>(-input.min);
+}
+
+// Whether the magnitudes of all addends of an output add up to at most `most`.
+bool SumsAreAtMost(const ChainFacts& facts, int64_t most) {
+  const int64_t left = most - facts.elementwise.Magnitude();
+  const int64_t input = facts.input.Magnitude();
+  return left >= 0 && (input == 0 || facts.weight_sum() <= left / input);
+}
+
+// Theorems 2 and 3: sums of `bits` bits, or all of them.
+bool IsProven(const ChainFacts& facts, int32_t bits) {
+  const int32_t w = facts.accumulator_size;
+  const int64_t addend = std::max(LargestProduct(facts), facts.elementwise.Magnitude());
+  const int64_t magnitude = int64_t{1} << (bits - 1);  // M, or less
+  const bool by_theorem_2 =
+      w <= 23 && addend <= 2 * magnitude && magnitude + addend <= kSilentSum + 1;
+  return by_theorem_2 || SumsAreAtMost(facts, std::min(magnitude - 1, kSilentSum));
+}
+
+HalfAddends HalfAddendsOf(int64_t product) {
+  if (product > kLargestWholeHalf) return HalfAddends::kAny;
+  return product > kUnchangedHalf ? HalfAddends::kWhole : HalfAddends::kUnchanged;
 }
 
 // The narrowest dot products that hold the numbers, or `otherwise`.
@@ -93,35 +120,30 @@ ChainPlan PlanInt32(const ChainFacts& facts, bool has_bytes) {
   return {ChainPath::kModular, 0, w};
 }
 
-// Theorems 2 and 3, in whole numbers. Scaling makes no product larger in magnitude.
+// Whole numbers, of which no product is larger than a float holds. Scaling makes none larger.
 ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
   const int32_t w = facts.accumulator_size;
   const bool is_whole =
       facts.input.is_whole && facts.weights.is_whole && facts.elementwise.is_whole;
-  if (facts.use_fp16_acc || !is_whole || w < 1) return kStepwise;
+  if (!is_whole || w < 1) return kStepwise;
   const int64_t product = LargestProduct(facts);
   if (product > kExactFloat) return kStepwise;
-  const int64_t addend = std::max(product, facts.elementwise.Magnitude());
-  const int32_t bits = std::min(w, 32);
-  const int64_t magnitude = int64_t{1} << (bits - 1);  // M, or less
-  const bool by_theorem_2 =
-      w <= 23 && addend <= 2 * magnitude && magnitude + addend <= kSilentSum + 1;
-  const auto largest_sum = [&] {
-    return facts.input.Magnitude() * facts.weight_sum() + facts.elementwise.Magnitude();
-  };
-  const bool is_proven = by_theorem_2 || largest_sum() <= std::min(magnitude - 1, kSilentSum);
-  if (!is_proven) return kStepwise;
+  ChainPlan stepwise = kStepwise;
+  if (facts.use_fp16_acc) stepwise.half = HalfAddendsOf(product);
+  const int32_t bits = facts.use_fp16_acc ? 32 : std::min(w, 32);
+  if (!(facts.use_fp16_acc ? SumsAreAtMost(facts, kUnchangedHalf) : IsProven(facts, bits))) {
+    return stepwise;
+  }
   const int32_t s = facts.mult_shift;
   if (s == 0) {
     ChainPlan plan = Narrowest(facts, has_bytes, bits, ChainPath::kStepwise);
-    const bool needs_lanes = plan.path == ChainPath::kStepwise;
-    if (needs_lanes && largest_sum() <= kExactFloat) plan.path = ChainPath::kModular;
-    return plan;
+    if (plan.path != ChainPath::kStepwise) return plan;
+    return SumsAreAtMost(facts, kExactFloat) ? ChainPlan{ChainPath::kModular, 0, bits} : stepwise;
   }
   const bool is_exact = IsPowerOfTwo(s);
   const bool is_rounded =
       is_exact ? product / std::abs(s) < kRoundable : facts.divides && product < kRoundableQuotient;
-  return is_rounded ? Scaled(facts, ShiftOf(s), bits) : kStepwise;
+  return is_rounded ? Scaled(facts, ShiftOf(s), bits) : stepwise;
 }
 
 }  // namespace bitfold

@@ -29,6 +29,13 @@ constexpr bool IsDots(ChainPath path) {
          path == ChainPath::kDotRemainders;
 }
 
+// What is known of the addends of a half-precision accumulator, and of its sums with them.
+enum class HalfAddends {
+  kAny,
+  kWhole,      // whole numbers, quantised at most 32760 in magnitude: sums are below 2^16
+  kUnchanged,  // of at most 4096: to quantise them changes nothing
+};
+
 // What a call is, as far as the plan asks.
 struct ChainFacts {
   int32_t accumulator_size;
@@ -51,7 +58,8 @@ struct ChainPlan {
   int32_t input_offset;
   // All paths but the first: the sums are sign-extended from this many bits, 1 to 32.
   int32_t bits;
-  int32_t shift = 0;  // kDotRemainders: 2^shift divides the products
+  int32_t shift = 0;                     // kDotRemainders: 2^shift divides the products
+  HalfAddends half = HalfAddends::kAny;  // kStepwise
 };
 
 // Of an instruction set with or without dot products of bytes.

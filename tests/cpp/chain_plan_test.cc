@@ -316,7 +316,6 @@ TEST(ChainPlanFloat, EveryNumberMustBeWhole) {
 
 TEST(ChainPlanFloat, HalfPrecisionIsSteps) {
   Call call = OfWidth(16);
-  call.weight_sum = 1;
   call.use_fp16_acc = true;
   EXPECT_EQ(Float(call).path, kStepwise);
 }
@@ -467,6 +466,70 @@ TEST(ChainPlanFloat, OtherDivisorsRoundProductsBelowTheirs) {
     // The product with the reciprocal rounds twice before it rounds to a whole number.
     EXPECT_EQ(Float(Proven(shift, 100, false)).path, kStepwise) << shift;
   }
+}
+
+// ---- Half precision ----------------------------------------------------------------------------
+
+// Whole numbers whose sums are not known to stay small.
+Call Half(int64_t input, int64_t weight) {
+  Call call = OfProducts(24, 0, input, weight);
+  call.use_fp16_acc = true;
+  return call;
+}
+
+TEST(ChainPlanHalf, Addends) {
+  const auto of = [](int64_t input, int64_t weight) {
+    const ChainPlan plan = Float(Half(input, weight));
+    EXPECT_EQ(plan.path, kStepwise);
+    return plan.half;
+  };
+  EXPECT_EQ(of(4096, 1), HalfAddends::kUnchanged);
+  EXPECT_EQ(of(64, 64), HalfAddends::kUnchanged);
+  EXPECT_EQ(of(17, 241), HalfAddends::kWhole);  // 4097
+  EXPECT_EQ(of(32763, 1), HalfAddends::kWhole);
+  EXPECT_EQ(of(32764, 1), HalfAddends::kAny);
+  EXPECT_EQ(of(255, 128), HalfAddends::kWhole);
+  EXPECT_EQ(of(1 << 24, 1), HalfAddends::kAny);
+  EXPECT_EQ(of((1 << 24) + 1, 1), HalfAddends::kAny);
+}
+
+TEST(ChainPlanHalf, FractionsAreAny) {
+  const auto without = [](Facts Call::*member) {
+    Call call = Half(3, 3);
+    (call.*member).is_whole = false;
+    return Float(call);
+  };
+  for (const auto member : {&Call::input, &Call::weights, &Call::elementwise}) {
+    EXPECT_EQ(without(member).path, kStepwise);
+    EXPECT_EQ(without(member).half, HalfAddends::kAny);
+  }
+}
+
+// Sums up to 4096 are what they are without a quantiser.
+TEST(ChainPlanHalf, SmallSumsAreExact) {
+  Call call = Half(255, 1);
+  call.weight_sum = 16;
+  call.elementwise = Range(-16, 9);  // 16 * 255 + 16
+  EXPECT_EQ(Float(call).path, kBytes);
+  EXPECT_EQ(Float(call).bits, 32);
+  EXPECT_EQ(Float(call, false).path, kShorts);
+  call.elementwise = Range(-16, 17);
+  EXPECT_EQ(Float(call).path, kStepwise);
+  EXPECT_EQ(Float(call).half, HalfAddends::kUnchanged);
+  call.elementwise = Range(-16, 9);
+  call.weight_sum = 17;
+  EXPECT_EQ(Float(call).path, kStepwise);
+  call.weight_sum = 16;
+  call.shift = 4;
+  EXPECT_EQ(Float(call).path, kRounded);
+  call.shift = 3;
+  EXPECT_EQ(Float(call).path, kRounded);
+  call.divides = false;
+  EXPECT_EQ(Float(call).path, kStepwise);
+  EXPECT_EQ(Float(call).half, HalfAddends::kUnchanged);
+  call.shift = 4;
+  call.takes_remainders = true;
+  EXPECT_EQ(Float(call).path, kRemainders);
 }
 
 // ---- Remainders --------------------------------------------------------------------------------
