@@ -174,7 +174,8 @@ OutputBlocks ChainEngine<D, T>::Cut(const ChainSharing& sharing) const {
     if (CanCutChannels()) step.channels = StepOf(all.channels, parts, kPanel);
   };
   if (call_.FilterElements() > call_.InputElements()) cut_channels(blocks);
-  const int64_t near = (call_.InputElements() + kNearNumbers - 1) / kNearNumbers;
+  const int64_t near_numbers = kNearNumbers >> std::max(0, plan_->shift - 2);  // with their tables
+  const int64_t near = (call_.InputElements() + near_numbers - 1) / near_numbers;
   const int64_t channel_parts = PartsOf(all.channels, step.channels);
   const int64_t parts = std::max(near, (blocks + channel_parts - 1) / channel_parts);
   if (all.rows > 1) {
