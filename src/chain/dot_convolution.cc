@@ -4,6 +4,7 @@
 #include "chain/dot_convolution.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "bitfold/int32_arithmetic.h"
 #include "chain/pack.h"
@@ -14,8 +15,8 @@ namespace {
 // Whole words of any kind.
 constexpr int32_t kChannelsTogether = 16;
 
-// The tables of a word are read with what follows them.
-constexpr int64_t kWordsBehindTables = 8;
+// That hold so many bytes and what a word reads beyond them.
+int64_t WordsOf(int64_t bytes) { return bytes / int64_t{sizeof(int32_t)} + 2; }
 
 std::optional<RemainderTables> TablesOf(const ChainPlan& plan) {
   if (plan.path != ChainPath::kDotRemainders) return std::nullopt;
@@ -32,7 +33,12 @@ DotConvolution<In, Output>::DotConvolution(const DotLayer& layer, const ChainPla
       padded_columns_(before_ + std::max(0, layer.columns.Coordinate(layer.columns.outputs - 1,
                                                                      layer.columns.taps - 1) +
                                                 1)),
-      words_((layer.in_channels + NumbersInAWord() - 1) / NumbersInAWord()),
+      is_dense_((layer.columns.dilation == 1 || layer.columns.taps == 1) &&
+                int64_t{layer.columns.taps} * layer.in_channels <= INT32_MAX),
+      taps_(is_dense_ ? 1 : layer.columns.taps),
+      tap_size_(int64_t{layer.in_channels} * (is_dense_ ? layer.columns.taps : 1)),
+      pixel_(is_dense_ ? layer.in_channels : WholeWords(layer.in_channels)),
+      words_(static_cast<int32_t>(WholeWords(tap_size_) / NumbersInAWord())),
       panels_((layer.out_channels + kPanel - 1) / kPanel),
       remainders_(TablesOf(plan)) {}
 
@@ -48,27 +54,29 @@ template <typename In, typename Output>
 int64_t DotConvolution<In, Output>::StripWords(int32_t rows) const {
   const int64_t packed_rows = (int64_t{rows} - 1) * layer_.rows.stride +
                               (int64_t{layer_.rows.taps} - 1) * layer_.rows.dilation + 1;
-  int64_t words;
-  const bool overflows =
-      __builtin_mul_overflow(packed_rows, int64_t{padded_columns_} * words_, &words);
-  return overflows ? INT64_MAX : WithTables(words);
+  int64_t bytes;
+  const bool overflows = __builtin_mul_overflow(packed_rows, RowBytes(), &bytes);
+  return overflows ? INT64_MAX : WithTables(bytes);
 }
 
 template <typename In, typename Output>
 int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
-  return WithTables(pixels * words_);
+  return WithTables(pixels * PixelBytes());
 }
 
-// So many words and their tables.
+// The words of so many packed bytes and of their tables, and those of what is read beyond them.
 template <typename In, typename Output>
-int64_t DotConvolution<In, Output>::WithTables(int64_t words) const {
-  if (!remainders_) return words;
+int64_t DotConvolution<In, Output>::WithTables(int64_t bytes) const {
+  if (!remainders_) return WordsOf(bytes);
   constexpr int64_t kMost = INT64_MAX / (2 << kMostRemainderShift);
-  return words > kMost ? INT64_MAX : words * (1 + TableWords()) + kWordsBehindTables;
+  if (bytes > kMost) return INT64_MAX;
+  constexpr int64_t kReadBehindTables = 32;
+  const int64_t looked_up = bytes + int64_t{sizeof(int32_t)};
+  return WordsOf(bytes) + WordsOf(looked_up * remainders_->Entries() + kReadBehindTables);
 }
 
 template <typename In, typename Output>
-bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
+bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                                          const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
@@ -78,38 +86,47 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
   if (remainders_) choices_ = words(2 * panels_ * PanelWords());
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
   if (remainders_ && choices_ == nullptr) return false;
-  const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
-  for (int64_t tap = 0; tap < taps; ++tap) PackTap(filter, tap);
-  for (int32_t panel = 0; panel < panels_; ++panel) SumPanel(panel, addends);
+  const int64_t taps = int64_t{layer_.rows.taps} * taps_;
+  const int64_t groups = (tap_size_ + kChannelsTogether - 1) / kChannelsTogether;
+  const int64_t cost = kChannelsTogether * int64_t{layer_.out_channels} / 4;  // in cycles
+  workers->Share(taps * groups, cost, [&](int64_t first, int64_t end) {
+    for (int64_t i = first; i < end; ++i) {
+      PackGroup(filter, i / groups, i % groups * kChannelsTogether);
+    }
+  });
+  workers->Share(panels_, PanelWords() / 4, [&](int64_t first, int64_t end) {
+    for (int64_t panel = first; panel < end; ++panel) {
+      SumPanel(static_cast<int32_t>(panel), addends);
+    }
+  });
   return true;
 }
 
-// A few input channels of all panels at a time, which lie near each other: twice as fast for a
-// layer of 512 to 512 channels as panel by panel. The filter is read in place but for a panel that
-// is not full, which zeros fill up.
+// A few input channels of a tap, from `first` on, for all panels: they lie near each other, so that
+// this is twice as fast for a layer of 512 to 512 channels as panel by panel. The filter is read in
+// place but for a panel that is not full, which zeros fill up.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackTap(const Weight* filter, int64_t tap) {
+void DotConvolution<In, Output>::PackGroup(const Weight* filter, int64_t tap, int64_t first) {
   Weight filled[kChannelsTogether * kPanel];
-  for (int32_t first = 0; first < layer_.in_channels; first += kChannelsTogether) {
-    const int32_t channels = std::min(kChannelsTogether, layer_.in_channels - first);
-    const Weight* rows = filter + (tap * layer_.in_channels + first) * layer_.out_channels;
-    int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
-    for (int32_t panel = 0; panel < panels_; ++panel) {
-      const Weight* weights = rows + panel * kPanel;
-      int32_t* out = words + panel * PanelWords();
-      int64_t stride = layer_.out_channels;
-      const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
-      if (lanes < kPanel) {
-        for (int32_t c = 0; c < channels; ++c) {
-          Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
-          std::fill_n(end, kPanel - lanes, Weight{0});
-        }
-        weights = filled;
-        stride = kPanel;
+  const auto channels =
+      static_cast<int32_t>(std::min<int64_t>(kChannelsTogether, tap_size_ - first));
+  const Weight* rows = filter + (tap * tap_size_ + first) * layer_.out_channels;
+  int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
+  for (int32_t panel = 0; panel < panels_; ++panel) {
+    const Weight* weights = rows + panel * kPanel;
+    int32_t* out = words + panel * PanelWords();
+    int64_t stride = layer_.out_channels;
+    const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
+    if (lanes < kPanel) {
+      for (int32_t c = 0; c < channels; ++c) {
+        Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
+        std::fill_n(end, kPanel - lanes, Weight{0});
       }
-      IsBytes() ? PackWeightBytes(weights, channels, stride, out)
-                : PackWeightShorts(weights, channels, stride, out);
+      weights = filled;
+      stride = kPanel;
     }
+    IsBytes() ? PackWeightBytes(weights, channels, stride, out)
+              : PackWeightShorts(weights, channels, stride, out);
   }
 }
 
@@ -126,61 +143,65 @@ void DotConvolution<In, Output>::SumPanel(int32_t panel, const int32_t* addends)
                    [this](int32_t x) { return ShiftLeft(x, plan_.shift); });
   }
   const int32_t* weights = weights_ + panel * PanelWords();
-  if (plan_.input_offset != 0) {
-    for (int64_t i = 0; i < PanelWords(); ++i) {
-      int32_t& sum = sums[i % kPanel];
-      sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
-    }
+  if (remainders_) {
+    remainders_->Choose(weights, PanelWords() / kPanel, choices_ + 2 * panel * PanelWords(), sums);
   }
-  if (!remainders_) return;
-  remainders_->Choose(weights, PanelWords() / kPanel, choices_ + 2 * panel * PanelWords(), sums);
+  if (plan_.input_offset == 0) return;
+  for (int64_t i = 0; i < PanelWords(); ++i) {
+    int32_t& sum = sums[i % kPanel];
+    sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
+  }
 }
 
-// Channels are filled up to whole words: what they meet is 0 in the weights.
+// What fills a pixel up meets 0 in the weights.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, int32_t* words) const {
-  const auto pack = [this](const In* x, int64_t numbers, int32_t* out) {
+void DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, uint8_t* out) const {
+  const auto pack = [this](const In* x, int64_t numbers, uint8_t* to) {
     if (IsBytes()) {
-      PackBytes(x, numbers, StoredOffset(), reinterpret_cast<uint8_t*>(out));
+      PackBytes(x, numbers, StoredOffset(), to);
     } else {
-      PackShorts(x, numbers, StoredOffset(), reinterpret_cast<int16_t*>(out));
+      PackShorts(x, numbers, StoredOffset(), reinterpret_cast<int16_t*>(to));
     }
   };
-  const int32_t channels = layer_.in_channels;
-  if (channels % NumbersInAWord() == 0) return pack(pixels, count * channels, words);
+  const int64_t channels = layer_.in_channels;
+  if (pixel_ == channels) return pack(pixels, count * channels, out);
+  std::memset(out, 0, static_cast<size_t>(count * PixelBytes()));
   for (int64_t pixel = 0; pixel < count; ++pixel) {
-    words[(pixel + 1) * words_ - 1] = 0;
-    pack(pixels + pixel * channels, channels, words + pixel * words_);
+    pack(pixels + pixel * channels, channels, out + pixel * PixelBytes());
   }
 }
 
-// `rows` rows from the image's row `first` on, which may lie outside: there all is 0.
+// `rows` rows from the image's row `first` on, which may lie outside: there all is 0. After them
+// comes what the last tap's words read beyond its numbers.
 template <typename In, typename Output>
 void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32_t rows,
-                                           int32_t* words) const {
-  const int32_t zero = IsBytes() ? WrapMultiply(plan_.input_offset, 0x01010101) : 0;
+                                           uint8_t* out) const {
+  const int zero = IsBytes() ? plan_.input_offset : 0;
+  const auto fill = [zero](uint8_t* to, int64_t bytes) {
+    std::memset(to, zero, static_cast<size_t>(bytes));
+  };
   const int32_t inside = std::min(layer_.columns.input, padded_columns_ - before_);
-  const int64_t padded_row = int64_t{padded_columns_} * words_;
-  const int64_t before = int64_t{before_} * words_;
-  const int64_t used = int64_t{inside} * words_;
+  const int64_t before = before_ * PixelBytes();
+  const int64_t used = inside * PixelBytes();
   const int64_t image_row = int64_t{layer_.columns.input} * layer_.in_channels;
-  for (int32_t row = first; row < first + rows; ++row, words += padded_row) {
+  for (int32_t row = first; row < first + rows; ++row, out += RowBytes()) {
     if (row < 0 || row >= layer_.rows.input) {
-      std::fill_n(words, padded_row, zero);
+      fill(out, RowBytes());
       continue;
     }
-    std::fill_n(words, before, zero);
-    PackPixels(image + row * image_row, inside, words + before);
-    std::fill_n(words + before + used, padded_row - before - used, zero);
+    fill(out, before);
+    PackPixels(image + row * image_row, inside, out + before);
+    fill(out + before + used, RowBytes() - before - used);
   }
+  fill(out, sizeof(int32_t));
 }
 
-// The tables of all words, written behind them; null where there are none.
+// Those of all packed bytes and of what follows them, behind them; null where there are none.
 template <typename In, typename Output>
-const uint8_t* DotConvolution<In, Output>::LookUpTables(int32_t* words, int64_t count) const {
+const uint8_t* DotConvolution<In, Output>::LookUpTables(uint8_t* numbers, int64_t bytes) const {
   if (!remainders_) return nullptr;
-  auto* tables = reinterpret_cast<uint8_t*>(words + count);
-  remainders_->LookUp(reinterpret_cast<const uint8_t*>(words), 4 * count, tables);
+  uint8_t* tables = numbers + WordsOf(bytes) * int64_t{sizeof(int32_t)};
+  remainders_->LookUp(numbers, bytes + int64_t{sizeof(int32_t)}, tables);
   return tables;
 }
 
@@ -188,16 +209,16 @@ template <typename In, typename Output>
 void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, const Output& output,
                                      int32_t* words) const {
   const WindowAxis& rows = layer_.rows;
+  auto* numbers = reinterpret_cast<uint8_t*>(words);
   const int32_t first = rows.Coordinate(block.first_row, 0);
   const int32_t end = rows.Coordinate(block.end_row - 1, rows.taps - 1) + 1;
-  PackStrip(image, first, end - first, words);
-  const int64_t padded_row = int64_t{padded_columns_} * words_;
-  const uint8_t* tables = LookUpTables(words, (end - first) * padded_row);
-  const int64_t column = (int64_t{layer_.columns.first} + before_) * words_;
-  const Strip strip = {words + column,
-                       tables + 4 * TableWords() * column,
-                       rows.stride * padded_row,
-                       int64_t{layer_.columns.stride} * words_,
+  PackStrip(image, first, end - first, numbers);
+  const uint8_t* tables = LookUpTables(numbers, (end - first) * RowBytes());
+  const int64_t column = (int64_t{layer_.columns.first} + before_) * PixelBytes();
+  const Strip strip = {numbers + column,
+                       remainders_ ? tables + column * remainders_->Entries() : nullptr,
+                       rows.stride * RowBytes(),
+                       layer_.columns.stride * PixelBytes(),
                        block.end_row - block.first_row,
                        layer_.columns.outputs};
   const int64_t position = int64_t{block.first_row} * layer_.columns.outputs;
@@ -207,9 +228,12 @@ void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, con
 template <typename In, typename Output>
 void DotConvolution<In, Output>::RunPixels(const In* pixels, int32_t count, const DotBlock& panels,
                                            const Output& output, int32_t* words) const {
-  PackPixels(pixels, count, words);
-  const uint8_t* tables = LookUpTables(words, int64_t{count} * words_);
-  RunStrip({words, tables, 0, words_, 1, count}, panels.first_panel, panels.end_panel, output);
+  auto* numbers = reinterpret_cast<uint8_t*>(words);
+  PackPixels(pixels, count, numbers);
+  std::memset(numbers + count * PixelBytes(), 0, sizeof(int32_t));
+  const uint8_t* tables = LookUpTables(numbers, count * PixelBytes());
+  RunStrip({numbers, tables, 0, PixelBytes(), 1, count}, panels.first_panel, panels.end_panel,
+           output);
 }
 
 template <typename In, typename Output>
@@ -236,27 +260,23 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
   const int32_t lanes = kernels.panels[size_index] * kPanel;
   const int32_t channels = std::min(lanes, layer_.out_channels - first_channel);
 
-  RemainderTile with_remainders;
+  RemainderTile with_remainders{};
   DotTile& tile = with_remainders.dot;
   tile.w = weights_ + panel * PanelWords();
   tile.initial = initial_sums_ + first_channel;
   tile.x_pixel = strip.column;
-  tile.x_tap = int64_t{layer_.columns.dilation} * words_;
-  tile.x_row = int64_t{layer_.rows.dilation} * padded_columns_ * words_;
+  tile.x_tap = layer_.columns.dilation * PixelBytes();
+  tile.x_row = layer_.rows.dilation * RowBytes();
   tile.w_panel = PanelWords();
   tile.rows = layer_.rows.taps;
-  tile.taps = layer_.columns.taps;
+  tile.taps = taps_;
   tile.words = words_;
-  // Taps that follow one another are one long one.
-  const int64_t words_in_a_row = int64_t{layer_.columns.taps} * words_;
-  if (layer_.columns.dilation == 1 && words_in_a_row <= INT32_MAX) {
-    tile.taps = 1;
-    tile.words = static_cast<int32_t>(words_in_a_row);
+  if (remainders_) {
+    with_remainders.choices = choices_ + 2 * panel * PanelWords();
+    with_remainders.entries = remainders_->Entries();
+    with_remainders.shift = plan_.shift;
   }
-  with_remainders.choices = remainders_ ? choices_ + 2 * panel * PanelWords() : nullptr;
-  with_remainders.table_bytes = 4 * TableWords();
-  with_remainders.shift = plan_.shift;
-  const bool is_wide = with_remainders.table_bytes > 32;
+  const bool is_wide = with_remainders.entries == 16;
   for (int32_t row = 0; row < strip.rows; ++row) {
     for (int32_t next = 0; next < strip.columns;) {
       const int32_t left = strip.columns - next;
@@ -266,10 +286,10 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
       const int32_t pixels = kernels.pixels[size];
       const int32_t column = std::min(next, strip.columns - pixels);
       const int64_t x = row * strip.row + column * strip.column;
-      tile.x = strip.words + x;
       const Output at = output.At(int64_t{row} * strip.columns + column, first_channel, channels);
+      tile.x = strip.numbers + x;
       if (remainders_) {
-        with_remainders.tables = strip.tables + x * with_remainders.table_bytes;
+        with_remainders.tables = strip.tables + x * with_remainders.entries;
         kernels.remainders[is_wide][size][size_index](with_remainders, at);
       } else {
         table[size][size_index](tile, at);

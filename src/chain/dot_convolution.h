@@ -16,6 +16,7 @@
 #include "chain/plan.h"
 #include "chain/remainder_tables.h"
 #include "frame/scratch.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
@@ -48,9 +49,10 @@ class DotConvolution {
 
   DotConvolution(const DotLayer& layer, const ChainPlan& plan);
 
-  // Packs the weights; false where there is no memory. Every sum of an output channel begins with
-  // its addend, where there are some.
-  bool Prepare(const Weight* filter, Scratch* scratch, const int32_t* addends = nullptr);
+  // Packs the weights, which `workers` share; false where there is no memory. Every sum of an
+  // output channel begins with its addend, where there are some.
+  bool Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
+               const int32_t* addends = nullptr);
 
   // Panels of 16 output channels.
   int32_t panels() const { return panels_; }
@@ -73,12 +75,12 @@ class DotConvolution {
                  int32_t* words) const;
 
  private:
-  // A strip of packed rows: where its words lie, and their tables of remainders, and how its
+  // A strip of packed rows: where it lies, the tables of its bytes, if they have any, and how its
   // outputs follow one another.
   struct Strip {
-    const int32_t* words;
+    const uint8_t* numbers;
     const uint8_t* tables;
-    int64_t row;     // words from an output's row to the next
+    int64_t row;     // bytes from an output's row to the next
     int64_t column;  // from a column to the next
     int32_t rows;
     int32_t columns;
@@ -86,18 +88,20 @@ class DotConvolution {
 
   bool IsBytes() const { return plan_.path != ChainPath::kDotShorts; }
   int32_t NumbersInAWord() const { return IsBytes() ? 4 : 2; }
-  int64_t PanelWords() const {
-    return int64_t{layer_.rows.taps} * layer_.columns.taps * words_ * kPanel;
+  int64_t WholeWords(int64_t numbers) const {
+    return (numbers + NumbersInAWord() - 1) / NumbersInAWord() * NumbersInAWord();
   }
+  int64_t PixelBytes() const { return pixel_ * (IsBytes() ? 1 : 2); }
+  int64_t RowBytes() const { return padded_columns_ * PixelBytes(); }
+  int64_t PanelWords() const { return int64_t{layer_.rows.taps} * taps_ * words_ * kPanel; }
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
-  void PackTap(const Weight* filter, int64_t tap);
+  void PackGroup(const Weight* filter, int64_t tap, int64_t first);
   void SumPanel(int32_t panel, const int32_t* addends);
-  void PackPixels(const In* pixels, int64_t count, int32_t* words) const;
-  void PackStrip(const In* image, int32_t first, int32_t rows, int32_t* words) const;
-  int32_t TableWords() const { return remainders_ ? remainders_->Entries() : 0; }  // of a word
-  int64_t WithTables(int64_t words) const;
-  const uint8_t* LookUpTables(int32_t* words, int64_t count) const;
+  void PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
+  void PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;
+  int64_t WithTables(int64_t bytes) const;
+  const uint8_t* LookUpTables(uint8_t* numbers, int64_t bytes) const;
   void RunStrip(const Strip& strip, int32_t first_panel, int32_t end_panel,
                 const Output& output) const;
   void RunPanels(const Strip& strip, int32_t panel, int size_index, const Output& output) const;
@@ -106,7 +110,13 @@ class DotConvolution {
   const ChainPlan plan_;
   const int32_t before_;          // columns of padding
   const int32_t padded_columns_;  // of a packed row
-  const int32_t words_;           // for a pixel
+  // Taps of a row that follow one another are one long tap, whose numbers fill whole words. Others
+  // have words of their own, so that a pixel is filled up.
+  const bool is_dense_;
+  const int32_t taps_;      // of a row
+  const int64_t tap_size_;  // numbers
+  const int64_t pixel_;     // numbers, some of which may be none of the image's
+  const int32_t words_;     // of a tap
   const int32_t panels_;
   int32_t* weights_ = nullptr;
   int32_t* initial_sums_ = nullptr;  // for each lane: takes the input's offset off again

@@ -6,163 +6,282 @@
 #include <algorithm>
 
 #include "bitfold/int32_arithmetic.h"
-#include "chain/lane_windows.h"
 #include "chain/pack.h"
 
 namespace bitfold {
 namespace {
 
-// Enough rows that those of a window never share a place.
-int32_t KeptRows(const WindowAxis& rows) {
-  return std::min(std::max(rows.input, 1), (rows.taps - 1) * rows.dilation + 1);
+// Sums of stored outputs at a time, roughly: a part of the nearest cache.
+constexpr int32_t kSumsTogether = 4096;
+
+constexpr int64_t kLine = 64;  // of a cache
+
+int64_t WholeLines(int64_t bytes) { return (bytes + kLine - 1) / kLine * kLine; }
+
+// Whole outputs of at least a block, of which an eighth at most is computed twice.
+int32_t PeriodOf(int32_t channels) {
+  int32_t period = channels;
+  const auto twice = [&period] { return (kRowBlock - period % kRowBlock) % kRowBlock; };
+  while (period < kRowBlock || twice() > period / 8) period += channels;
+  return period;
+}
+
+// The columns modulo the stride that taps meet, each once.
+std::vector<int32_t> PhasesOf(const WindowAxis& columns) {
+  std::vector<int32_t> phases;
+  for (int32_t tap = 0; tap < columns.taps; ++tap) {
+    phases.push_back(tap * columns.dilation % columns.stride);
+  }
+  std::sort(phases.begin(), phases.end());
+  phases.erase(std::unique(phases.begin(), phases.end()), phases.end());
+  return phases;
+}
+
+// The first `channels` lanes again and again.
+void RepeatLanes(int32_t* words, int32_t channels, int32_t lanes) {
+  for (int64_t done = channels; done < lanes; done *= 2) {
+    std::copy_n(words, std::min(done, lanes - done), words + done);
+  }
+}
+
+template <typename T>
+void RunKernel(const DotRow<uint8_t>& row, const SumOutput<T>& output) {
+  CurrentDotRowKernels<T>().bytes(row, output);
+}
+template <typename T>
+void RunKernel(const DotRow<int16_t>& row, const SumOutput<T>& output) {
+  CurrentDotRowKernels<T>().shorts(row, output);
 }
 
 }  // namespace
 
-template <typename T>
-DotDepthwise<T>::DotDepthwise(const ConvolutionCall<T>& call, const ChainPlan& plan)
-    : rows_(call.rows),
-      columns_(call.columns),
-      in_channels_(call.in_channels),
-      channels_(call.out_channels),
+template <typename In, typename Output>
+DotDepthwise<In, Output>::DotDepthwise(const DotLayer& layer, const ChainPlan& plan)
+    : layer_(layer),
       plan_(plan),
-      groups_((columns_.taps + NumbersInAWord() - 1) / NumbersInAWord()),
-      period_((kPanel + channels_ - 1) / channels_ * channels_),
-      kept_rows_(KeptRows(rows_)) {}
-
-template <typename T>
-bool DotDepthwise<T>::Prepare(const T* filter, int32_t filters, int slots, Scratch* scratch) {
-  bool has_memory = true;
-  const auto allocate = [&](int64_t count, size_t size) {
-    void* memory = scratch->Allocate(static_cast<size_t>(count) * size);
-    has_memory &= memory != nullptr;
-    return memory;
-  };
-  const auto words = [&](int64_t count) {
-    return static_cast<int32_t*>(allocate(count, sizeof(int32_t)));
-  };
-  const int64_t rows = int64_t{filters} * rows_.taps;
-  weights_ = words(rows * WeightRow());
-  corrections_ = words(rows * period_);
-  zeros_ = static_cast<T*>(allocate(channels_, sizeof(T)));
-  for (int slot = 0; slot < slots; ++slot) {
-    int32_t* kept = words(KeptWords());
-    int32_t* held = words(kept_rows_);
-    auto* used = static_cast<const int32_t**>(
-        allocate(int64_t{rows_.taps} * groups_, sizeof(const int32_t*)));
-    slots_.push_back({kept, held, used, words(period_)});
+      taps_(layer.rows.taps * layer.columns.taps),
+      period_(PeriodOf(layer.out_channels)),
+      lanes_((period_ + kRowBlock - 1) / kPanel * kPanel + kPanel),
+      kept_rows_(
+          std::min(std::max(layer.rows.input, 1), (layer.rows.taps - 1) * layer.rows.dilation + 1)),
+      phases_(PhasesOf(layer.columns)) {
+  const WindowAxis& columns = layer.columns;
+  phase_columns_ = columns.outputs + (columns.taps - 1) * columns.dilation / columns.stride;
+  for (int32_t tap = 0; tap < columns.taps; ++tap) {
+    const int32_t column = tap * columns.dilation;
+    const auto phase = std::lower_bound(phases_.begin(), phases_.end(), column % columns.stride);
+    const int64_t planes = phase - phases_.begin();
+    tap_offsets_.push_back((planes * phase_columns_ + column / columns.stride) *
+                           layer.out_channels);
   }
-  if (!has_memory) return false;
-  std::fill_n(zeros_, channels_, T{0});
-  for (int64_t row = 0; row < rows; ++row) {
-    int32_t* weights = weights_ + row * WeightRow();
-    PackWeights(filter + row * columns_.taps * channels_, weights);
-    CorrectRow(weights, corrections_ + row * period_);
+  const auto phases = static_cast<int64_t>(phases_.size());
+  row_numbers_ = WholeLines(phases * phase_columns_ * layer.out_channels + kRowBlock);
+}
+
+template <typename In, typename Output>
+int64_t DotDepthwise<In, Output>::HeldBytes() const {
+  return WholeLines(kept_rows_ * int64_t{sizeof(int32_t)});
+}
+
+template <typename In, typename Output>
+int64_t DotDepthwise<In, Output>::TapBytes() const {
+  return WholeLines(int64_t{Words()} * NumbersInAWord() * int64_t{sizeof(void*)});
+}
+
+template <typename In, typename Output>
+int32_t DotDepthwise<In, Output>::ColumnsTogether() const {
+  const int32_t columns = std::max(1, kSumsTogether / layer_.out_channels);
+  return std::min(columns, layer_.columns.outputs);
+}
+
+template <typename In, typename Output>
+int64_t DotDepthwise<In, Output>::SumBytes() const {
+  if constexpr (!std::is_same_v<Output, StoredOutput>) return 0;
+  // FinishTile reads whole panels.
+  const int64_t sums = int64_t{ColumnsTogether()} * layer_.out_channels + kPanel;
+  return WholeLines(sums * int64_t{sizeof(int32_t)});
+}
+
+template <typename In, typename Output>
+int64_t DotDepthwise<In, Output>::MemoryBytes() const {
+  int64_t bytes;
+  const bool overflows =
+      __builtin_mul_overflow(int64_t{kept_rows_}, RowBytes(), &bytes) ||
+      __builtin_add_overflow(bytes, HeldBytes() + TapBytes() + SumBytes(), &bytes);
+  return overflows ? INT64_MAX : bytes;
+}
+
+template <typename In, typename Output>
+bool DotDepthwise<In, Output>::Prepare(const Weight* filter, int32_t filters, Scratch* scratch,
+                                       const int32_t* addends) {
+  const auto words = [scratch](int64_t count) {
+    return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
+  };
+  const int64_t filter_words = int64_t{Words()} * lanes_;
+  weights_ = words(filters * filter_words);
+  initial_sums_ = words(int64_t{filters} * lanes_);
+  outside_ = scratch->Allocate(static_cast<size_t>(RowBytes()));
+  if (weights_ == nullptr || initial_sums_ == nullptr || outside_ == nullptr) return false;
+  // Shorts have no offset.
+  std::fill_n(static_cast<uint8_t*>(outside_), RowBytes(),
+              static_cast<uint8_t>(plan_.input_offset));
+  for (int32_t i = 0; i < filters; ++i, filter += int64_t{taps_} * layer_.out_channels) {
+    PackWeights(filter, weights_ + i * filter_words);
+    SumWeights(filter, addends, initial_sums_ + int64_t{i} * lanes_);
   }
   return true;
 }
 
-// The weights of a row of taps, for each output of a period; taps that do not exist have 0.
-template <typename T>
-void DotDepthwise<T>::PackWeights(const T* row, int32_t* words) const {
-  const int32_t numbers = NumbersInAWord();
-  const int32_t bits = 32 / numbers;
-  const uint32_t mask = UINT32_MAX >> (32 - bits);
-  std::fill_n(words, WeightRow(), 0);
-  for (int32_t tap = 0; tap < columns_.taps; ++tap, row += channels_) {
-    int32_t* group = words + tap / numbers * int64_t{period_};
-    for (int32_t c = 0; c < channels_; ++c) {
-      const auto weight = static_cast<uint32_t>(static_cast<int32_t>(row[c]));
-      group[c] |= ShiftLeft(static_cast<int32_t>(weight & mask), tap % numbers * bits);
-    }
-  }
-  for (int32_t g = 0; g < groups_; ++g, words += period_) {
-    for (int32_t lane = channels_; lane < period_; ++lane) words[lane] = words[lane - channels_];
+template <typename In, typename Output>
+void DotDepthwise<In, Output>::PackWeights(const Weight* filter, int32_t* words) const {
+  const int32_t each = NumbersInAWord();
+  const int32_t channels = layer_.out_channels;
+  for (int32_t first = 0; first < taps_; first += each, words += lanes_) {
+    const int32_t taps = std::min(each, taps_ - first);
+    const Weight* x[4] = {};
+    for (int32_t k = 0; k < taps; ++k) x[k] = filter + int64_t{first + k} * channels;
+    IsBytes() ? PackTapBytes(x, taps, channels, words) : PackTapShorts(x, taps, channels, words);
+    RepeatLanes(words, channels, lanes_);
   }
 }
 
-// Minus the offset times the weights of a row, which what lies left and right of the image has,
-// too.
-template <typename T>
-void DotDepthwise<T>::CorrectRow(const int32_t* weights, int32_t* sums) const {
-  std::fill_n(sums, period_, 0);
-  if (plan_.input_offset == 0) return;
-  for (int32_t g = 0; g < groups_; ++g, weights += period_) {
-    for (int32_t lane = 0; lane < period_; ++lane) {
-      const int32_t weight = WrapMultiply(plan_.input_offset, SumOfBytes(weights[lane]));
-      sums[lane] = WrapSubtract(sums[lane], weight);
+// The addends minus the offset times the weights, which what lies outside the image has, too.
+template <typename In, typename Output>
+void DotDepthwise<In, Output>::SumWeights(const Weight* filter, const int32_t* addends,
+                                          int32_t* sums) const {
+  const int32_t channels = layer_.out_channels;
+  std::fill_n(sums, channels, 0);
+  for (int32_t tap = 0; tap < taps_ && plan_.input_offset != 0; ++tap) {
+    AddNumbers(filter + int64_t{tap} * channels, channels, sums);
+  }
+  for (int32_t c = 0; c < channels; ++c) {
+    const int32_t addend = addends == nullptr ? 0 : addends[c];
+    sums[c] = WrapSubtract(addend, WrapMultiply(plan_.input_offset, sums[c]));
+  }
+  RepeatLanes(sums, channels, lanes_);
+}
+
+// Phase by phase; what lies left and right of the image is 0 there.
+template <typename In, typename Output>
+template <typename Number>
+void DotDepthwise<In, Output>::PackRow(const In* row, Number* out) const {
+  const WindowAxis& columns = layer_.columns;
+  const int64_t channels = layer_.out_channels;
+  const auto outside = static_cast<Number>(plan_.input_offset);
+  for (const int32_t phase : phases_) {
+    const int32_t first = columns.first + phase;
+    // Columns [begin, end) of the phase lie inside.
+    const int64_t before = first < 0 ? (int64_t{-first} + columns.stride - 1) / columns.stride : 0;
+    const int64_t room = int64_t{columns.input} - first;
+    const int64_t inside = room <= 0 ? 0 : (room - 1) / columns.stride + 1;
+    const int64_t begin = std::min(before, phase_columns_);
+    const int64_t end = std::max(begin, std::min(inside, phase_columns_));
+    std::fill_n(out, begin * channels, outside);
+    if (end > begin) {
+      const In* x = row + (first + begin * columns.stride) * layer_.in_channels;
+      PackColumns(x,
+                  ColumnShape{end - begin, int64_t{columns.stride} * layer_.in_channels, channels},
+                  plan_.input_offset - layer_.zero_point, out + begin * channels);
     }
+    std::fill(out + end * channels, out + phase_columns_ * channels, outside);
+    out += phase_columns_ * channels;
   }
 }
 
-// A word for each channel of each output. Outputs whose taps all lie inside the image are packed in
-// one go where they follow one another in it.
-template <typename T>
-void DotDepthwise<T>::PackGroup(const T* row, int32_t group, int32_t* out) const {
-  const int32_t first = group * NumbersInAWord();
-  const int32_t count = std::min(NumbersInAWord(), columns_.taps - first);
-  const bool is_dense = columns_.stride == 1 && in_channels_ == channels_;
-  for (int32_t column = 0; column < columns_.outputs;) {
-    const T* taps[4];
-    bool is_inside = true;
-    for (int32_t k = 0; k < count; ++k) {
-      const int32_t x = columns_.Coordinate(column, first + k);
-      is_inside &= columns_.Contains(x);
-      taps[k] = columns_.Contains(x) ? row + int64_t{x} * in_channels_ : zeros_;
-    }
-    int32_t end = column + 1;
-    while (is_dense && is_inside && end < columns_.outputs &&
-           columns_.Contains(columns_.Coordinate(end, first + count - 1))) {
-      ++end;
-    }
-    const int64_t numbers = int64_t{end - column} * channels_;
-    IsBytes() ? PackTapBytes(taps, count, numbers, plan_.input_offset, out)
-              : PackTapShorts(taps, count, numbers, out);
-    out += numbers;
-    column = end;
-  }
-}
-
-// The words of a row of the image.
-template <typename T>
-const int32_t* DotDepthwise<T>::KeepRow(const T* image, int32_t row, const Slot& slot) const {
+template <typename In, typename Output>
+template <typename Number>
+const Number* DotDepthwise<In, Output>::KeepRow(const In* image, int32_t row,
+                                                const Kept<Number>& kept) const {
   const int32_t place = row % kept_rows_;
-  int32_t* words = slot.words + place * (groups_ * RowWords());
-  if (slot.held[place] == row) return words;
-  slot.held[place] = row;
-  const T* numbers = image + int64_t{row} * columns_.input * in_channels_;
-  for (int32_t group = 0; group < groups_; ++group) {
-    PackGroup(numbers, group, words + group * RowWords());
-  }
-  return words;
+  Number* numbers = kept.rows + place * row_numbers_;
+  if (kept.held[place] == row) return numbers;
+  kept.held[place] = row;
+  PackRow(image + int64_t{row} * layer_.columns.input * layer_.in_channels, numbers);
+  return numbers;
 }
 
-template <typename T>
-void DotDepthwise<T>::Run(const T* image, int32_t filter, const T* elementwise, T* output,
-                          int32_t first_row, int32_t end_row, int slot_index) const {
-  const Slot& slot = slots_[static_cast<size_t>(slot_index)];
-  const DotKernels<SumOutput<T>>& kernels = CurrentDotKernels<SumOutput<T>>();
-  const auto kernel = IsBytes() ? kernels.row_of_bytes : kernels.row_of_shorts;
-  std::fill_n(slot.held, kept_rows_, -1);
-  for (int32_t row = first_row; row < end_row; ++row) {
-    const TapRange taps = TapsInside(rows_, row);
-    const int64_t first = int64_t{filter} * rows_.taps + taps.first;
-    std::fill_n(slot.initial, period_, 0);
-    for (int32_t r = 0; r < taps.count; ++r) {
-      const int32_t* words = KeepRow(image, rows_.Coordinate(row, taps.first + r), slot);
-      for (int32_t g = 0; g < groups_; ++g) slot.used[r * groups_ + g] = words + g * RowWords();
-      const int32_t* corrections = corrections_ + (first + r) * period_;
-      std::transform(slot.initial, slot.initial + period_, corrections, slot.initial, WrapAdd);
+// The taps of a row of outputs; those that fill up the last word are its last tap again.
+template <typename In, typename Output>
+template <typename Number>
+void DotDepthwise<In, Output>::FindTaps(const In* image, int32_t row,
+                                        const Kept<Number>& kept) const {
+  const WindowAxis& rows = layer_.rows;
+  const Number** next = kept.taps;
+  for (int32_t tap = 0; tap < rows.taps; ++tap) {
+    const int32_t y = rows.Coordinate(row, tap);
+    const Number* numbers =
+        rows.Contains(y) ? KeepRow(image, y, kept) : static_cast<const Number*>(outside_);
+    for (const int64_t offset : tap_offsets_) *next++ = numbers + offset;
+  }
+  const Number* last = next[-1];
+  std::fill(next, kept.taps + Words() * NumbersInAWord(), last);
+}
+
+template <typename In, typename Output>
+void DotDepthwise<In, Output>::Run(const In* image, const DepthwiseBlock& block,
+                                   const Output& output, void* memory) const {
+  IsBytes() ? RunAs<uint8_t>(image, block, output, memory)
+            : RunAs<int16_t>(image, block, output, memory);
+}
+
+template <typename In, typename Output>
+template <typename Number>
+void DotDepthwise<In, Output>::RunAs(const In* image, const DepthwiseBlock& block,
+                                     const Output& output, void* memory) const {
+  char* next = static_cast<char*>(memory);
+  const auto carve = [&next](int64_t bytes) -> void* {
+    char* part = next;
+    next += bytes;
+    return part;
+  };
+  Kept<Number> kept{};
+  kept.rows = static_cast<Number*>(carve(kept_rows_ * RowBytes()));
+  kept.held = static_cast<int32_t*>(carve(HeldBytes()));
+  kept.taps = static_cast<const Number**>(carve(TapBytes()));
+  kept.sums = static_cast<int32_t*>(carve(SumBytes()));
+  std::fill_n(kept.held, kept_rows_, -1);
+
+  const int32_t channels = layer_.out_channels;
+  const int32_t outputs = layer_.columns.outputs;
+  DotRow<Number> dots{};
+  dots.x = kept.taps;
+  dots.w = weights_ + block.filter * (int64_t{Words()} * lanes_);
+  dots.initial = initial_sums_ + int64_t{block.filter} * lanes_;
+  dots.length = int64_t{outputs} * channels;
+  dots.period = period_;
+  dots.lanes = lanes_;
+  dots.taps = taps_;
+  for (int32_t row = block.first_row; row < block.end_row; ++row) {
+    FindTaps(image, row, kept);
+    const Output row_output = output.At(int64_t{row} * outputs, 0, channels);
+    if constexpr (std::is_same_v<Output, StoredOutput>) {
+      StoreRow(dots, row_output, kept);
+    } else {
+      RunKernel(dots, row_output);
     }
-    const int64_t o = row * RowWords();
-    kernel(DotRow{slot.used, weights_ + first * WeightRow(), slot.initial, RowWords(), period_,
-                  taps.count * groups_},
-           SumOutput<T>{elementwise == nullptr ? nullptr : elementwise + o, output + o, 0, 0,
-                        plan_.bits});
   }
 }
 
-template class DotDepthwise<int32_t>;
-template class DotDepthwise<float>;
+// A few columns at a time, whose sums stay in the nearest cache.
+template <typename In, typename Output>
+template <typename Number>
+void DotDepthwise<In, Output>::StoreRow(DotRow<Number> dots, const StoredOutput& output,
+                                        const Kept<Number>& kept) const {
+  const int32_t channels = layer_.out_channels;
+  const int32_t outputs = layer_.columns.outputs;
+  for (int32_t column = 0; column < outputs;) {
+    const int32_t columns = std::min(ColumnsTogether(), outputs - column);
+    dots.length = int64_t{columns} * channels;
+    RunKernel(dots, SumOutput<int32_t>{nullptr, kept.sums, 0, 0, 32});
+    FinishTile(kept.sums, columns, channels, output.At(column, 0, channels));
+    column += columns;
+    for (int32_t k = 0; k < Words() * NumbersInAWord(); ++k) kept.taps[k] += dots.length;
+  }
+}
+
+template class DotDepthwise<int32_t, SumOutput<int32_t>>;
+template class DotDepthwise<float, SumOutput<float>>;
+template class DotDepthwise<int8_t, StoredOutput>;
+template class DotDepthwise<int16_t, StoredOutput>;
 
 }  // namespace bitfold

@@ -1,78 +1,102 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// A depthwise convolution as dot products modulo 2^32 of narrow numbers. The numbers that the taps
-// of a row meet lie side by side in words, so rows of the image are rewritten, as many as a window
-// is high.
+// A depthwise convolution as dot products modulo 2^32 of narrow numbers. Rows of the image are
+// packed as they are met, as many as a window is high, so that what a tap meets in the outputs of a
+// row lies side by side: of a stride s, columns that lie s apart.
 
 #ifndef BITFOLD_SRC_CHAIN_DOT_DEPTHWISE_H_
 #define BITFOLD_SRC_CHAIN_DOT_DEPTHWISE_H_
 
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
-#include "bitfold/convolution_call.h"
-#include "bitfold/geometry.h"
-#include "chain/dot_tile.h"
+#include "chain/dot_convolution.h"
+#include "chain/dot_row.h"
 #include "chain/plan.h"
+#include "chain/stored_output.h"
 #include "frame/scratch.h"
 
 namespace bitfold {
 
-// Requires strides and dilations of at least 1, out_channels <= in_channels and a plan of dot
-// products; T is int32_t or float, and its numbers are whole and fit the plan.
-template <typename T>
+// Rows of outputs of an image: those from `first_row` on, before `end_row`.
+struct DepthwiseBlock {
+  int32_t filter;  // which of the filters the image meets
+  int32_t first_row;
+  int32_t end_row;
+};
+
+// Requires windows that go forward, out_channels <= in_channels and a plan of dot products, which
+// is about numbers less their zero point. In is int32_t, float, or a stored int8_t or int16_t; its
+// numbers are whole and fit the plan. Output is a SumOutput or a StoredOutput. Once prepared,
+// several threads may run at the same time.
+template <typename In, typename Output>
 class DotDepthwise {
  public:
-  DotDepthwise(const ConvolutionCall<T>& call, const ChainPlan& plan);
+  using Weight = std::conditional_t<std::is_same_v<In, float>, float, int32_t>;
 
-  // Whether a row of outputs is long enough for the kernels.
-  bool HasWholePeriods() const { return RowWords() >= period_; }
+  DotDepthwise(const DotLayer& layer, const ChainPlan& plan);
 
-  // The words of the rows that are kept.
-  int64_t KeptWords() const { return kept_rows_ * (groups_ * RowWords()); }
+  // Packs the weights of so many filters; false where there is no memory. The sums of a channel
+  // begin with its addend, where there are some.
+  bool Prepare(const Weight* filter, int32_t filters, Scratch* scratch,
+               const int32_t* addends = nullptr);
 
-  // Packs the weights of all filters and makes room for the rows of each slot; false where there is
-  // no memory.
-  bool Prepare(const T* filter, int32_t filters, int slots, Scratch* scratch);
+  // What a run needs, in bytes. Dilations can make them any number: at most INT64_MAX.
+  int64_t MemoryBytes() const;
 
-  // Rows [first_row, end_row) of an image's outputs, with one of the filters; elementwise may be
-  // null. The slots are for calls at the same time.
-  void Run(const T* image, int32_t filter, const T* elementwise, T* output, int32_t first_row,
-           int32_t end_row, int slot) const;
+  // Computes a block of an image, whose outputs begin at `output`. `memory` has MemoryBytes,
+  // aligned for any number; what it holds does not count.
+  void Run(const In* image, const DepthwiseBlock& block, const Output& output, void* memory) const;
 
  private:
-  // What an image needs: the rows that are kept, which ones these are, the words that a row of
-  // outputs meets and its initial sums.
-  struct Slot {
-    int32_t* words;
+  // The memory of a run: the rows that are kept, which ones these are, where the numbers of each
+  // tap begin, and sums that are not stored yet. Number is uint8_t or int16_t.
+  template <typename Number>
+  struct Kept {
+    Number* rows;
     int32_t* held;
-    const int32_t** used;
-    int32_t* initial;
+    const Number** taps;
+    int32_t* sums;
   };
 
   bool IsBytes() const { return plan_.path == ChainPath::kDotBytes; }
   int32_t NumbersInAWord() const { return IsBytes() ? 4 : 2; }
-  int64_t RowWords() const { return int64_t{columns_.outputs} * channels_; }
-  int64_t WeightRow() const { return int64_t{groups_} * period_; }
+  int32_t Words() const { return (taps_ - 1) / NumbersInAWord() + 1; }
+  int64_t RowBytes() const { return row_numbers_ * (IsBytes() ? 1 : 2); }
+  int64_t HeldBytes() const;
+  int64_t TapBytes() const;
+  int64_t SumBytes() const;
+  int32_t ColumnsTogether() const;
 
-  void PackWeights(const T* row, int32_t* words) const;
-  void CorrectRow(const int32_t* weights, int32_t* sums) const;
-  void PackGroup(const T* row, int32_t group, int32_t* out) const;
-  const int32_t* KeepRow(const T* image, int32_t row, const Slot& slot) const;
+  void PackWeights(const Weight* filter, int32_t* words) const;
+  void SumWeights(const Weight* filter, const int32_t* addends, int32_t* sums) const;
+  template <typename Number>
+  void RunAs(const In* image, const DepthwiseBlock& block, const Output& output,
+             void* memory) const;
+  template <typename Number>
+  void PackRow(const In* row, Number* out) const;
+  template <typename Number>
+  const Number* KeepRow(const In* image, int32_t row, const Kept<Number>& kept) const;
+  template <typename Number>
+  void FindTaps(const In* image, int32_t row, const Kept<Number>& kept) const;
+  template <typename Number>
+  void StoreRow(DotRow<Number> dots, const StoredOutput& output, const Kept<Number>& kept) const;
 
-  const WindowAxis rows_;
-  const WindowAxis columns_;
-  const int32_t in_channels_;
-  const int32_t channels_;  // of the outputs
+  const DotLayer layer_;
   const ChainPlan plan_;
-  const int32_t groups_;  // words for the taps of a row
-  const int32_t period_;  // whole outputs of at least a panel
-  const int32_t kept_rows_;
-  int32_t* weights_ = nullptr;      // [filter][row][group][lane]
-  int32_t* corrections_ = nullptr;  // [filter][row][lane]: takes the input's offset off again
-  T* zeros_ = nullptr;              // the numbers of an output outside the image
-  std::vector<Slot> slots_;
+  const int32_t taps_;
+  const int32_t period_;              // whole outputs of at least a block
+  const int32_t lanes_;               // of the weights: a period and a block
+  const int32_t kept_rows_;           // so many that those of a window never share a place
+  std::vector<int32_t> phases_;       // the columns modulo the stride that taps meet
+  std::vector<int64_t> tap_offsets_;  // where in a packed row a tap's numbers begin
+  int64_t phase_columns_;             // of a phase in a packed row
+  int64_t row_numbers_;               // of a packed row
+  int32_t* weights_ = nullptr;        // [filter][word][lane]
+  int32_t* initial_sums_ = nullptr;   // [filter][lane]: takes the input's offset off again
+  void* outside_ = nullptr;           // a packed row of what lies outside the image
 };
 
 }  // namespace bitfold

@@ -2,9 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include <algorithm>
-#include <type_traits>
+#include <cstring>
 
 #include "bitfold/int32_arithmetic.h"
+#include "chain/dot_row.h"
 #include "chain/dot_tile.h"
 #include "vector/intrinsics.h"
 #include "vector/target.h"
@@ -34,6 +35,20 @@ inline Vector SignExtend(Vector v, int32_t unused) {
 inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   return _mm_add_epi32(acc, _mm_madd_epi16(x, w));
 }
+inline Vector LoadShorts(const int16_t* x) {
+  return _mm_loadu_si128(reinterpret_cast<const Vector*>(x));
+}
+inline void TapWords(const int16_t* const* x, int64_t i, Vector (&words)[2]) {
+  const Vector a = LoadShorts(x[0] + i);
+  const Vector b = LoadShorts(x[1] + i);
+  words[0] = _mm_unpacklo_epi16(a, b);
+  words[1] = _mm_unpackhi_epi16(a, b);
+}
+inline void LastTapWords(const int16_t* x, int64_t i, Vector (&words)[2]) {
+  const Vector a = LoadShorts(x + i);
+  words[0] = _mm_unpacklo_epi16(a, a);
+  words[1] = _mm_unpackhi_epi16(a, a);
+}
 #else
 using Vector = int32_t;
 constexpr int kVectors = 16;
@@ -51,6 +66,10 @@ inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   const int32_t low = WrapMultiply(static_cast<int16_t>(x), static_cast<int16_t>(w));
   return WrapAdd(acc, WrapAdd(low, WrapMultiply(x >> 16, w >> 16)));
 }
+inline void TapWords(const int16_t* const* x, int64_t i, Vector (&words)[1]) {
+  words[0] = (x[0][i] & UINT16_MAX) | ShiftLeft(x[1][i], 16);
+}
+inline void LastTapWords(const int16_t* x, int64_t i, Vector (&words)[1]) { words[0] = x[i]; }
 #endif
 inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
@@ -59,10 +78,10 @@ inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 template <typename Output>
 constexpr DotKernels<Output> kKernels = {
-    {2, 1},  {1},
-    {},      {{Dot<2, 1, false, Output>}, {Dot<1, 1, false, Output>}},
-    nullptr, RowKernelOf<2, false, Output>(),
-    {}};
+    {2, 1}, {1}, {}, {{Dot<2, 1, false, Output>}, {Dot<1, 1, false, Output>}}};
+
+template <typename T>
+constexpr DotRowKernels<T> kRowKernels = {nullptr, Row<int16_t, T>};
 
 }  // namespace portable
 
@@ -91,6 +110,22 @@ inline Vector SignExtend(Vector v, int32_t unused) {
 inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   return _mm256_add_epi32(acc, _mm256_madd_epi16(x, w));
 }
+// In the order in which unpacking leaves them.
+inline Vector LoadShorts(const int16_t* x) {
+  const Vector shorts = _mm256_loadu_si256(reinterpret_cast<const Vector*>(x));
+  return _mm256_permute4x64_epi64(shorts, _MM_SHUFFLE(3, 1, 2, 0));
+}
+inline void TapWords(const int16_t* const* x, int64_t i, Vector (&words)[2]) {
+  const Vector a = LoadShorts(x[0] + i);
+  const Vector b = LoadShorts(x[1] + i);
+  words[0] = _mm256_unpacklo_epi16(a, b);
+  words[1] = _mm256_unpackhi_epi16(a, b);
+}
+inline void LastTapWords(const int16_t* x, int64_t i, Vector (&words)[2]) {
+  const auto* shorts = reinterpret_cast<const __m128i*>(x + i);
+  words[0] = _mm256_cvtepi16_epi32(_mm_loadu_si128(shorts));
+  words[1] = _mm256_cvtepi16_epi32(_mm_loadu_si128(shorts + 1));
+}
 inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
@@ -103,10 +138,10 @@ constexpr DotKernels<Output> kKernels = {{6, 4, 2, 1},
                                          {{Dot<6, 1, false, Output>},
                                           {Dot<4, 1, false, Output>},
                                           {Dot<2, 1, false, Output>},
-                                          {Dot<1, 1, false, Output>}},
-                                         nullptr,
-                                         RowKernelOf<4, false, Output>(),
-                                         {}};
+                                          {Dot<1, 1, false, Output>}}};
+
+template <typename T>
+constexpr DotRowKernels<T> kRowKernels = {nullptr, Row<int16_t, T>};
 
 }  // namespace avx2
 BITFOLD_END_TARGET
@@ -139,19 +174,32 @@ inline Vector SignExtend(Vector v, int32_t unused) {
 inline Vector DotShorts(Vector acc, Vector x, Vector w) {
   return _mm512_add_epi32(acc, _mm512_madd_epi16(x, w));
 }
+// In the order in which unpacking leaves them.
+inline Vector LoadShorts(const int16_t* x) {
+  const Vector order = _mm512_setr_epi64(0, 4, 1, 5, 2, 6, 3, 7);
+  return _mm512_permutexvar_epi64(order, _mm512_loadu_si512(x));
+}
+inline void TapWords(const int16_t* const* x, int64_t i, Vector (&words)[2]) {
+  const Vector a = LoadShorts(x[0] + i);
+  const Vector b = LoadShorts(x[1] + i);
+  words[0] = _mm512_unpacklo_epi16(a, b);
+  words[1] = _mm512_unpackhi_epi16(a, b);
+}
+inline void LastTapWords(const int16_t* x, int64_t i, Vector (&words)[2]) {
+  const auto* shorts = reinterpret_cast<const __m256i*>(x + i);
+  words[0] = _mm512_cvtepi16_epi32(_mm256_loadu_si256(shorts));
+  words[1] = _mm512_cvtepi16_epi32(_mm256_loadu_si256(shorts + 1));
+}
 inline Vector DotBytes(Vector acc, Vector, Vector) { return acc; }
 
 #include "chain/dot_loops.inc"
 #include "chain/dot_row_loops.inc"
 
 template <typename Output>
-constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1},
-                                         {4, 2, 1},
-                                         {},
-                                         BITFOLD_DOT_TABLE(false),
-                                         nullptr,
-                                         RowKernelOf<4, false, Output>(),
-                                         {}};
+constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1}, {4, 2, 1}, {}, BITFOLD_DOT_TABLE(false)};
+
+template <typename T>
+constexpr DotRowKernels<T> kRowKernels = {nullptr, Row<int16_t, T>};
 
 }  // namespace avx512
 BITFOLD_END_TARGET
@@ -161,26 +209,51 @@ namespace avx512_vnni {
 
 using avx512::Add;
 using avx512::kVectors;
+using avx512::LastTapWords;
 using avx512::Load;
 using avx512::LoadWhole;
 using avx512::Same;
 using avx512::SignExtend;
 using avx512::StoreWhole;
+using avx512::TapWords;
 using avx512::Vector;
 inline Vector DotShorts(Vector acc, Vector x, Vector w) { return _mm512_dpwssd_epi32(acc, x, w); }
 inline Vector DotBytes(Vector acc, Vector x, Vector w) { return _mm512_dpbusd_epi32(acc, x, w); }
+
+// In the order in which unpacking twice leaves them.
+inline Vector LoadBytes(const uint8_t* x) {
+  const Vector order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  return _mm512_permutexvar_epi32(order, _mm512_loadu_si512(x));
+}
+inline void TapWords(const uint8_t* const* x, int64_t i, Vector (&words)[4]) {
+  const Vector a = LoadBytes(x[0] + i);
+  const Vector b = LoadBytes(x[1] + i);
+  const Vector c = LoadBytes(x[2] + i);
+  const Vector d = LoadBytes(x[3] + i);
+  const Vector ab_low = _mm512_unpacklo_epi8(a, b);
+  const Vector ab_high = _mm512_unpackhi_epi8(a, b);
+  const Vector cd_low = _mm512_unpacklo_epi8(c, d);
+  const Vector cd_high = _mm512_unpackhi_epi8(c, d);
+  words[0] = _mm512_unpacklo_epi16(ab_low, cd_low);
+  words[1] = _mm512_unpackhi_epi16(ab_low, cd_low);
+  words[2] = _mm512_unpacklo_epi16(ab_high, cd_high);
+  words[3] = _mm512_unpackhi_epi16(ab_high, cd_high);
+}
+inline void LastTapWords(const uint8_t* x, int64_t i, Vector (&words)[4]) {
+  const auto* bytes = reinterpret_cast<const __m128i*>(x + i);
+  BITFOLD_UNROLL
+  for (int v = 0; v < 4; ++v) words[v] = _mm512_cvtepu8_epi32(_mm_loadu_si128(bytes + v));
+}
 
 #include "chain/dot_loops.inc"
 #include "chain/dot_row_loops.inc"
 
 template <typename Output>
-constexpr DotKernels<Output> kKernels = {{7, 4, 2, 1},
-                                         {4, 2, 1},
-                                         BITFOLD_DOT_TABLE(true),
-                                         BITFOLD_DOT_TABLE(false),
-                                         RowKernelOf<4, true, Output>(),
-                                         RowKernelOf<4, false, Output>(),
-                                         {}};
+constexpr DotKernels<Output> kKernels = {
+    {7, 4, 2, 1}, {4, 2, 1}, BITFOLD_DOT_TABLE(true), BITFOLD_DOT_TABLE(false)};
+
+template <typename T>
+constexpr DotRowKernels<T> kRowKernels = {Row<uint8_t, T>, Row<int16_t, T>};
 
 }  // namespace avx512_vnni
 BITFOLD_END_TARGET
@@ -216,12 +289,12 @@ using avx512_vnni::DotShorts;
 
 template <typename Output>
 constexpr DotKernels<Output> WithRemainders(DotKernels<Output> kernels) {
-  constexpr typename DotKernels<Output>::RemainderKernel kRemainders[2][4][3] = {
-      BITFOLD_REMAINDER_TABLE(false), BITFOLD_REMAINDER_TABLE(true)};
-  for (int wide = 0; wide < 2; ++wide) {
-    for (int size = 0; size < 4; ++size) {
-      for (int panels = 0; panels < 3; ++panels) {
-        kernels.remainders[wide][size][panels] = kRemainders[wide][size][panels];
+  const DotKernels<Output> remainders = {
+      {}, {}, {}, {}, {BITFOLD_REMAINDER_TABLE(false), BITFOLD_REMAINDER_TABLE(true)}};
+  for (int size = 0; size < 4; ++size) {
+    for (int panels = 0; panels < 3; ++panels) {
+      for (const bool wide : {false, true}) {
+        kernels.remainders[wide][size][panels] = remainders.remainders[wide][size][panels];
       }
     }
   }
@@ -244,6 +317,23 @@ BITFOLD_END_TARGET
 
 }  // namespace
 
+template <typename T>
+const DotRowKernels<T>& CurrentDotRowKernels() {
+#if BITFOLD_HAS_TARGETS
+  switch (CurrentTarget()) {
+    case Target::kAvx512Vnni:
+      return avx512_vnni::kRowKernels<T>;
+    case Target::kAvx512:
+      return avx512::kRowKernels<T>;
+    case Target::kAvx2:
+      return avx2::kRowKernels<T>;
+    case Target::kPortable:
+      break;
+  }
+#endif
+  return portable::kRowKernels<T>;
+}
+
 template <typename Output>
 const DotKernels<Output>& CurrentDotKernels() {
 #if BITFOLD_HAS_TARGETS
@@ -264,6 +354,8 @@ const DotKernels<Output>& CurrentDotKernels() {
 
 template const DotKernels<SumOutput<int32_t>>& CurrentDotKernels();
 template const DotKernels<SumOutput<float>>& CurrentDotKernels();
+template const DotRowKernels<int32_t>& CurrentDotRowKernels();
+template const DotRowKernels<float>& CurrentDotRowKernels();
 template const DotKernels<StoredOutput>& CurrentDotKernels();
 
 }  // namespace bitfold

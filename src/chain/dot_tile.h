@@ -16,9 +16,10 @@ namespace bitfold {
 
 // The sum of lane l of panel n in column p is
 //   initial[n * 16 + l] + the dot products of x and w over rows, taps and words,
-// where x is one word for all lanes of a column and w one word for each lane. Strides in words.
+// where x is one word for all lanes of a column and w one word for each lane. Words of x lie
+// anywhere, one after the other those of a tap; strides of x in bytes, of w in words.
 struct DotTile {
-  const int32_t* x;  // of column 0
+  const uint8_t* x;  // of column 0
   const int32_t* w;  // [row][tap][word][lane] of panel 0
   const int32_t* initial;
   int64_t x_pixel;
@@ -35,23 +36,10 @@ struct DotTile {
 // the entries' excess off.
 struct RemainderTile {
   DotTile dot;
-  const uint8_t* tables;   // of dot.x, four of them a word
+  const uint8_t* tables;   // of the byte dot.x and those that follow it, one after the other
   const int32_t* choices;  // of dot.w, two vectors for each of its vectors
-  int32_t table_bytes;     // of a word: 4 to 64
+  int32_t entries;         // of a byte's table: 1 to 16
   int32_t shift;
-};
-
-// Depthwise, a row of outputs. The sum of output i, of `length`, is
-//   initial[i % period] + the dot products over k < words of x[k][i] and w[k][i % period].
-// Requires 16 <= period <= length. Where length is no multiple of period, lanes repeat themselves
-// within one so that those of the last `period` outputs begin with the first.
-struct DotRow {
-  const int32_t* const* x;
-  const int32_t* w;  // [word][lane], lane < period
-  const int32_t* initial;
-  int64_t length;
-  int32_t period;
-  int32_t words;
 };
 
 // The kernels of a target that write to a kind of output, by the number of columns and of panels,
@@ -60,15 +48,12 @@ struct DotRow {
 template <typename Output>
 struct DotKernels {
   using Kernel = void (*)(const DotTile&, const Output&);
-  using RowKernel = void (*)(const DotRow&, const Output&);  // the channels do not count
   using RemainderKernel = void (*)(const RemainderTile&, const Output&);
   int pixels[5];
   int panels[4];
-  Kernel bytes[4][3];   // of unsigned x and signed w
-  Kernel shorts[4][3];  // of signed x and w
-  RowKernel row_of_bytes;
-  RowKernel row_of_shorts;
-  RemainderKernel remainders[2][4][3];  // by whether a word's tables have 64 bytes; or null
+  Kernel bytes[4][3];                        // of unsigned x and signed w
+  Kernel shorts[4][3];                       // of signed x and w
+  RemainderKernel remainders[2][4][3] = {};  // by whether tables have 16 entries; or null
   bool HasBytes() const { return bytes[0][0] != nullptr; }
   bool HasRemainders() const { return remainders[0][0][0] != nullptr; }
 };

@@ -219,20 +219,22 @@ bool ChainEngine<D, T>::PrepareDots(const ChainSharing& sharing, Scratch* scratc
     return false;
   }
   dot_words_ = AllocateFor<int32_t>(scratch, DotWords() * sharing.slots);
-  return dot_words_ != nullptr && dot_->Prepare(call_.filter, scratch);
+  return dot_words_ != nullptr && dot_->Prepare(call_.filter, sharing.workers, scratch);
 }
 
-// The same with dot_depthwise_, which rows must fill, too.
+// The same with dot_depthwise_.
 template <typename D, typename T>
 bool ChainEngine<D, T>::PrepareDotDepthwise(const ChainSharing& sharing, Scratch* scratch) {
-  dot_depthwise_.emplace(call_, *plan_);
+  dot_depthwise_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0},
+                         *plan_);
   blocks_ = Cut(sharing);
-  if (!dot_depthwise_->HasWholePeriods() ||
-      dot_depthwise_->KeptWords() > kMostPadding * call_.InputElements() + kAlwaysPadded) {
+  const int64_t bytes = dot_depthwise_->MemoryBytes();
+  if (bytes > kMostPadding * call_.InputElements() + kAlwaysPadded) {
     dot_depthwise_.reset();
     return false;
   }
-  return dot_depthwise_->Prepare(call_.filter, call_.filters, sharing.slots, scratch);
+  dot_memory_ = AllocateFor<char>(scratch, bytes * sharing.slots);
+  return dot_memory_ != nullptr && dot_depthwise_->Prepare(call_.filter, call_.filters, scratch);
 }
 
 // Of a slot.
@@ -248,11 +250,7 @@ template <typename D, typename T>
 void ChainEngine<D, T>::Run(ChainImage<T> image, const OutputBlock& block, int slot,
                             const DefineOutput& define) const {
   if (!has_centre_) image.elementwise = nullptr;
-  if (dot_) return RunDots(image, block, slot);
-  if (dot_depthwise_) {
-    return dot_depthwise_->Run(image.input, image.filter, image.elementwise, image.output,
-                               block.first_row, block.end_row, slot);
-  }
+  if (dot_ || dot_depthwise_) return RunDots(image, block, slot);
   if (sums_) return sums_->Run(image, block, slot);
   stepwise_->Run(image, block, define);
 }
@@ -262,6 +260,10 @@ void ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& b
                                 int slot) const {
   const SumOutput<T> output = {image.elementwise, image.output, call_.out_channels,
                                call_.out_channels, plan_->bits};
+  if (dot_depthwise_) {
+    return dot_depthwise_->Run(image.input, {image.filter, block.first_row, block.end_row}, output,
+                               dot_memory_ + slot * dot_depthwise_->MemoryBytes());
+  }
   const DotBlock part = {block.first_row, block.end_row, block.first_channel / kPanel,
                          (block.end_channel + kPanel - 1) / kPanel};
   int32_t* words = dot_words_ + slot * DotWords();
@@ -269,6 +271,24 @@ void ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& b
   const int64_t first = block.first_column;
   dot_->RunPixels(image.input + first * call_.in_channels, block.columns(), part,
                   output.At(first, 0, call_.out_channels), words);
+}
+
+template <typename D, typename T>
+std::vector<int64_t> ChainEngine<D, T>::RunShared(const ChainImage<T>& image, Slots* slots,
+                                                  Workers* workers) const {
+  std::vector<std::vector<int64_t>> may_print(static_cast<size_t>(blocks_->count()));
+  workers->Share(blocks_->count(), BlockCost(), [&](int64_t first, int64_t end) {
+    const Slots::Lease slot(slots);
+    for (int64_t block = first; block < end; ++block) {
+      auto& of_block = may_print[static_cast<size_t>(block)];
+      Run(image, (*blocks_)[block], slot.number(),
+          [&of_block](int64_t output) { of_block.push_back(output); });
+    }
+  });
+  std::vector<int64_t> all;
+  for (const auto& of_block : may_print) all.insert(all.end(), of_block.begin(), of_block.end());
+  std::sort(all.begin(), all.end());  // blocks may lie side by side
+  return all;
 }
 
 template class ChainEngine<Datapath<int32_t>, int32_t>;

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "bitfold/convolution_call.h"
 #include "bitfold/datapath.h"
@@ -24,6 +25,7 @@
 #include "chain/plan.h"
 #include "chain/stepwise.h"
 #include "frame/scratch.h"
+#include "frame/slots.h"
 #include "frame/workers.h"
 
 namespace bitfold {
@@ -72,6 +74,10 @@ class ChainEngine {
     for (int64_t i = 0; i < blocks_->count(); ++i) Run(image, (*blocks_)[i], slot, define);
   }
 
+  // All blocks, which `workers` share; `slots` are the engine's. Returns the outputs that may print
+  // a line, in the order of the definition: the caller computes them by it.
+  std::vector<int64_t> RunShared(const ChainImage<T>& image, Slots* slots, Workers* workers) const;
+
   // The numbers of an image of outputs.
   int64_t OutputElements() const {
     return int64_t{rows_.outputs} * columns_.outputs * call_.out_channels;
@@ -106,7 +112,8 @@ class ChainEngine {
   std::optional<OutputBlocks> blocks_;
   std::optional<DotConvolution<T, SumOutput<T>>> dot_;
   int32_t* dot_words_ = nullptr;  // what the slots have of an image, packed
-  std::optional<DotDepthwise<T>> dot_depthwise_;
+  std::optional<DotDepthwise<T, SumOutput<T>>> dot_depthwise_;
+  char* dot_memory_ = nullptr;  // what the slots need for it
   std::optional<LaneSums<T>> sums_;
   std::optional<Stepwise<D, T>> stepwise_;
 };

@@ -18,8 +18,11 @@ struct PackLoops {
   void (*shorts)(const T*, int64_t, int32_t, int16_t*);
   void (*weight_bytes)(const T*, int32_t, int64_t, int32_t*);
   void (*weight_shorts)(const T*, int32_t, int64_t, int32_t*);
-  void (*tap_bytes[4])(const T* const*, int64_t, int32_t, int32_t*);
+  void (*byte_columns)(const T*, const ColumnShape&, int32_t, uint8_t*);
+  void (*short_columns)(const T*, const ColumnShape&, int32_t, int16_t*);
+  void (*tap_bytes[4])(const T* const*, int64_t, int32_t*);
   void (*tap_shorts[2])(const T* const*, int64_t, int32_t*);
+  void (*sums)(const T*, int64_t, int32_t*);
   void (*magnitudes)(const T*, int64_t, int64_t*);
 };
 
@@ -79,8 +82,22 @@ void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* o
 }
 
 template <typename T>
-void PackTapBytes(const T* const* x, int32_t taps, int64_t count, int32_t offset, int32_t* out) {
-  LoopsOf<T>().tap_bytes[taps - 1](x, count, offset, out);
+void PackColumns(const T* x, const ColumnShape& shape, int32_t offset, uint8_t* out) {
+  const int64_t numbers = shape.columns * shape.count;
+  if (shape.stride == shape.count) return PackBytes(x, numbers, offset, out);
+  LoopsOf<T>().byte_columns(x, shape, offset, out);
+}
+
+template <typename T>
+void PackColumns(const T* x, const ColumnShape& shape, int32_t offset, int16_t* out) {
+  const int64_t numbers = shape.columns * shape.count;
+  if (shape.stride == shape.count) return PackShorts(x, numbers, offset, out);
+  LoopsOf<T>().short_columns(x, shape, offset, out);
+}
+
+template <typename T>
+void PackTapBytes(const T* const* x, int32_t taps, int64_t count, int32_t* out) {
+  LoopsOf<T>().tap_bytes[taps - 1](x, count, out);
 }
 
 template <typename T>
@@ -89,17 +106,25 @@ void PackTapShorts(const T* const* x, int32_t taps, int64_t count, int32_t* out)
 }
 
 template <typename T>
+void AddNumbers(const T* x, int64_t count, int32_t* sums) {
+  LoopsOf<T>().sums(x, count, sums);
+}
+
+template <typename T>
 void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
   LoopsOf<T>().magnitudes(x, count, sums);
 }
 
-#define BITFOLD_INSTANTIATE(T)                                                      \
-  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);                    \
-  template void PackShorts(const T*, int64_t, int32_t, int16_t*);                   \
-  template void PackWeightBytes(const T*, int32_t, int64_t, int32_t*);              \
-  template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*);             \
-  template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t, int32_t*); \
-  template void PackTapShorts(const T* const*, int32_t, int64_t, int32_t*);         \
+#define BITFOLD_INSTANTIATE(T)                                                \
+  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);              \
+  template void PackShorts(const T*, int64_t, int32_t, int16_t*);             \
+  template void PackWeightBytes(const T*, int32_t, int64_t, int32_t*);        \
+  template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*);       \
+  template void PackColumns(const T*, const ColumnShape&, int32_t, uint8_t*); \
+  template void PackColumns(const T*, const ColumnShape&, int32_t, int16_t*); \
+  template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t*);    \
+  template void AddNumbers(const T*, int64_t, int32_t*);                      \
+  template void PackTapShorts(const T* const*, int32_t, int64_t, int32_t*);   \
   template void AddMagnitudes(const T*, int64_t, int64_t*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)

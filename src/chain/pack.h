@@ -27,12 +27,29 @@ void PackWeightBytes(const T* weights, int32_t rows, int64_t stride, int32_t* ou
 template <typename T>
 void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* out);
 
-// out[i] holds the whole numbers x[0][i], x[1][i], ... of `taps` arrays: up to four of 0 to 255
-// where each has had `offset` added, or up to two shorts.
+// Columns of numbers that follow one another, `stride` from one to the next.
+struct ColumnShape {
+  int64_t columns;
+  int64_t stride;
+  int64_t count;  // numbers of a column
+};
+
+// The same of columns, packed without what lies between them.
 template <typename T>
-void PackTapBytes(const T* const* x, int32_t taps, int64_t count, int32_t offset, int32_t* out);
+void PackColumns(const T* x, const ColumnShape& shape, int32_t offset, uint8_t* out);
+template <typename T>
+void PackColumns(const T* x, const ColumnShape& shape, int32_t offset, int16_t* out);
+
+// out[i] holds the low bits of the whole numbers x[0][i], x[1][i], ... of `taps` arrays, as up to
+// four bytes or two shorts.
+template <typename T>
+void PackTapBytes(const T* const* x, int32_t taps, int64_t count, int32_t* out);
 template <typename T>
 void PackTapShorts(const T* const* x, int32_t taps, int64_t count, int32_t* out);
+
+// sums[i] += x[i] of whole numbers, modulo 2^32.
+template <typename T>
+void AddNumbers(const T* x, int64_t count, int32_t* sums);
 
 // Of the signed bytes of a word.
 inline int32_t SumOfBytes(int32_t word) {

@@ -14,8 +14,10 @@
 
 #include "bitfold/HPreparedConvolution.h"
 #include "chain/dot_convolution.h"
+#include "chain/dot_depthwise.h"
 #include "chain/layer_finish.h"
 #include "chain/plan.h"
+#include "cpu/prepared_sums.h"
 #include "frame/scratch.h"
 #include "frame/workers.h"
 
@@ -25,41 +27,48 @@ namespace bitfold {
 template <typename In, typename Out>
 class PreparedConvolution {
  public:
-  // Copies what the layer points to. Throws std::bad_alloc where there is no memory.
-  explicit PreparedConvolution(const PreparedLayer& layer);
+  // Takes what the layer points to. As many parts as `workers` have threads run at the same time.
+  // Throws std::bad_alloc where there is no memory.
+  PreparedConvolution(const PreparedLayer& layer, Workers* workers);
+  PreparedConvolution(const PreparedConvolution&) = delete;
+  PreparedConvolution& operator=(const PreparedConvolution&) = delete;
 
+  // Of which no pointer counts.
   const PreparedLayer& layer() const { return layer_; }
 
-  // How sums are formed.
-  const ChainPlan& plan() const { return plan_; }
+  // How sums are formed; empty where by the definition.
+  const std::optional<ChainPlan>& plan() const { return plan_; }
 
   // The bits of DefinePreparedConvolution, and its lines: those of an image in their order. Several
   // threads may call it at the same time.
   void Run(const In* input, int32_t batch, Out* output, Workers* workers) const;
 
  private:
-  using Dots = DotConvolution<In, StoredOutput>;
-
-  ChainFacts Facts() const;
-  int64_t LargestSum() const;
-  void PrepareDots();
+  DotLayer Dots() const;
+  bool HasTapsFarApart() const;
+  Facts InputFacts() const;
+  ChainFacts FactsWith(const std::vector<int32_t>& weights) const;
+  int64_t LargestSum(const std::vector<int32_t>& weights) const;
+  bool HasNarrowBias() const;
+  int64_t LargestOutcome() const;
+  void PrepareDots(const std::vector<int32_t>& weights);
+  template <typename T>
+  void PrepareSums(std::optional<PreparedSums<T>>* sums, std::vector<T> weights, bool corrects,
+                   Workers* workers);
   LayerFinishCall FinishCall() const;
 
+  int64_t CostOf(int64_t outputs) const;
   void RunPixels(const In* input, int64_t pixels, Out* output, Workers* workers) const;
   void RunWindows(const In* input, int32_t batch, Out* output, Workers* workers) const;
-  template <typename T>
-  void RunImage(const In* image, Out* output) const;
+  void RunDepthwise(const In* input, int32_t batch, Out* output, Workers* workers) const;
 
-  std::vector<int8_t> filter_;
-  std::vector<int32_t> bias_;
-  std::vector<double> multipliers_;
-  std::vector<int32_t> wide_filter_;  // with corrected signs
-  bool corrects_ = false;             // the sign of some weight
-  int8_t shift_;
-  PreparedLayer layer_;  // points to the vectors above
-  ChainPlan plan_{};
+  PreparedLayer layer_;  // once prepared its sizes alone
+  std::optional<ChainPlan> plan_;
   HeapScratch memory_;
-  std::optional<Dots> dots_;
+  std::optional<DotConvolution<In, StoredOutput>> dots_;
+  std::optional<DotDepthwise<In, StoredOutput>> depthwise_;
+  std::optional<PreparedSums<int32_t>> sums_;
+  std::optional<PreparedSums<float>> halves_;
   std::unique_ptr<LayerFinish> finish_;
 };
 

@@ -217,11 +217,12 @@ TEST(ChainConvolution, HugePadding) {
       }));
 }
 
-// Of a wide depthwise filter every number of the image would stand in many words: it is not packed.
-TEST(ChainConvolution, WideDepthwiseFilters) {
+// Of depthwise taps that lie far apart packed rows would be zeros for the most part.
+TEST(ChainConvolution, DepthwiseTapsFarApart) {
   Random random(0x31de);
-  Convolution c = Plain(1, 2100, 16, 1, 150, 16);
+  Convolution c = Plain(1, 7, 100, 1, 3, 100);
   c.same = true;
+  c.dilation_w = 8000;
   c.is_depthwise = true;
   const ChainRecipe recipe = {"bytes", {}, 20, 0, {0, 255}, {-128, 127}, {0, 9}};
   ASSERT_TRUE(CheckChains(c, testing::DrawRecipe<int32_t>(&random, recipe, true, &c), 0,
@@ -231,22 +232,20 @@ TEST(ChainConvolution, WideDepthwiseFilters) {
 }
 
 // What the engine leaves to the definition: windows that do not go forward, filters of no tap, few
-// depthwise channels where a row of outputs does not fill a panel or numbers are large.
+// depthwise channels of large numbers.
 TEST(ChainConvolution, LeftToTheDefinition) {
   Random random(0x1ef7);
   ChainRecipe recipe = {"bytes", {}, 20, 0, {0, 255}, {-128, 127}, {0, 9}};
-  std::vector<Convolution> cases(7, Plain(4, 5, 2, 2, 3, 20));
+  std::vector<Convolution> cases(6, Plain(4, 5, 2, 2, 3, 20));
   cases[0].stride_h = -1;
   cases[1].stride_w = -2;
   cases[2].dilation_h = 0;
   cases[3].dilation_w = -1;
   cases[4].filter_height = 0;
   cases[5].is_depthwise = true;
-  cases[5].in_channels = cases[5].out_channels = 5;
-  cases[6].is_depthwise = true;
-  cases[6].in_channels = cases[6].out_channels = 15;
+  cases[5].in_channels = cases[5].out_channels = 15;
   for (Convolution& c : cases) {
-    if (&c == &cases[6]) recipe.input = {0, 65536};
+    if (&c == &cases[5]) recipe.input = {0, 65536};
     const auto data = testing::DrawRecipe<int32_t>(&random, recipe, true, &c);
     ASSERT_TRUE(CheckChains(c, data));
     HeapScratch scratch;
@@ -480,7 +479,8 @@ TEST(ChainConvolution, RedLineOfEachImage) {
   }
 }
 
-// Filters of fewer channels than a panel, in narrow numbers: several outputs fill one.
+// Filters of fewer channels than a panel, in narrow numbers: several outputs are computed together,
+// or a row that is shorter than that.
 template <typename T>
 void CrossFewChannels(uint64_t seed) {
   Random random(seed);
@@ -491,11 +491,10 @@ void CrossFewChannels(uint64_t seed) {
           DrawWindow(&random, random.Between(1, 40), channels + random.Between(0, 2), channels);
       c.is_depthwise = true;
       c.filter_per_image = random.Flag();
-      const int32_t in_a_panel = (15 + channels) / channels;
       const auto data = testing::DrawRecipe<T>(&random, recipe, random.Flag(), &c);
       const bool is_known = testing::HasRecipe(c);
       ASSERT_TRUE(CheckChains(c, data, random.Between(0, 3), [&](Target target) {
-        if (!is_known || testing::OutWidth(c) < in_a_panel) return std::optional<ChainPath>();
+        if (!is_known) return std::optional<ChainPath>();
         return testing::PathOn<T>(recipe, true, 0, target);
       })) << recipe.name;
     }
@@ -520,6 +519,37 @@ void CrossDepthwise(uint64_t seed) {
     }
   }
 }
+
+// Windows of 1 to 7 taps a side by strides of 1 to 4 and dilations of 1 and 2, which put the taps
+// of a row in one to four phases, on rows shorter and longer than a window.
+template <typename T>
+void CrossDepthwiseWindows(uint64_t seed) {
+  Random random(seed);
+  const auto recipes = ChainRecipes<T>();
+  const auto bytes = std::find_if(recipes.begin(), recipes.end(), [](const ChainRecipe& recipe) {
+    return recipe.path == ChainPath::kDotBytes;
+  });
+  ASSERT_NE(bytes, recipes.end());
+  for (const int32_t taps : {1, 2, 3, 4, 5, 7}) {
+    for (const int32_t stride : {1, 2, 3, 4}) {
+      for (const int32_t dilation : {1, 2}) {
+        const int32_t channels = random.Pick<int32_t>({8, 16, 24, 40, 64, 96, 130});
+        Convolution c = Plain(random.Between(1, 9), random.Between(1, 19), channels,
+                              random.Between(1, 3), taps, channels);
+        c.same = true;
+        c.is_depthwise = true;
+        c.stride_h = random.Between(1, 3);
+        c.stride_w = stride;
+        c.dilation_h = random.Between(1, 2);
+        c.dilation_w = dilation;
+        ASSERT_TRUE(CheckRecipe<T>(&random, *bytes, random.Flag(), c));
+      }
+    }
+  }
+}
+
+TEST(ChainConvolution, DepthwiseInt32Windows) { CrossDepthwiseWindows<int32_t>(0xd3b1); }
+TEST(ChainConvolution, DepthwiseFloatWindows) { CrossDepthwiseWindows<float>(0xd3b2); }
 
 TEST(ChainConvolution, DepthwiseInt32Shapes) { CrossDepthwise<int32_t>(0xd3a1); }
 TEST(ChainConvolution, DepthwiseFloatShapes) { CrossDepthwise<float>(0xd3a2); }

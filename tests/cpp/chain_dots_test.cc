@@ -8,9 +8,13 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <optional>
+#include <type_traits>
 #include <vector>
 
+#include "bitfold/int32_arithmetic.h"
+#include "chain/dot_row.h"
 #include "chain/dot_tile.h"
 #include "support/buffer.h"
 #include "support/compare.h"
@@ -117,8 +121,9 @@ void CheckDot(const DotShape& s, bool of_bytes, typename DotKernels<SumOutput<T>
     }
   }
   ExactBuffer<T> out(std::vector<T>(static_cast<size_t>(count), T{77}), random->Between(0, 3));
-  kernel(DotTile{x.data(), w.data(), initial.data(), x_pixel, x_row, x_tap, w_panel, s.rows, s.taps,
-                 s.words},
+  constexpr int64_t kWord = sizeof(int32_t);
+  kernel(DotTile{reinterpret_cast<const uint8_t*>(x.data()), w.data(), initial.data(),
+                 x_pixel * kWord, x_row * kWord, x_tap * kWord, w_panel, s.rows, s.taps, s.words},
          SumOutput<T>{addends, out.data(), stride, channels, bits});
   ASSERT_TRUE(testing::SameArrays(
       expected.data(), out.data(), count, of_bytes ? "bytes" : "shorts", [&](int64_t) {
@@ -127,41 +132,78 @@ void CheckDot(const DotShape& s, bool of_bytes, typename DotKernels<SumOutput<T>
       }));
 }
 
+// Numbers at the ends of the type's range, or any.
+template <typename Number>
+ExactBuffer<Number> DrawNumbers(Random* random, int64_t count) {
+  constexpr int32_t kLow = std::numeric_limits<Number>::min();
+  constexpr int32_t kHigh = std::numeric_limits<Number>::max();
+  ExactBuffer<Number> numbers(count, random->Between(0, 3));
+  for (int64_t i = 0; i < count; ++i) {
+    const int32_t any = random->Between(kLow, kHigh);
+    numbers[i] = static_cast<Number>(random->Flag() ? any : random->Flag() ? kLow : kHigh);
+  }
+  return numbers;
+}
+
+// The weights of a depthwise row, as numbers and as words, whose lanes repeat themselves.
+template <typename Number>
+struct RowWeights {
+  using Weight = std::make_signed_t<Number>;
+  static constexpr int32_t kEach = sizeof(int32_t) / sizeof(Number);
+  std::vector<ExactBuffer<Weight>> taps;
+  int32_t period;
+  int32_t lanes;
+  ExactBuffer<int32_t> words;
+
+  RowWeights(Random* random, int32_t channels, int32_t count)
+      : period((kRowBlock + channels - 1) / channels * channels),
+        lanes(period + kRowBlock - 1 + random->Between(0, 1)),
+        words((count + kEach - 1) / kEach * int64_t{lanes}, random->Between(0, 3)) {
+    for (int32_t k = 0; k < count; ++k) {
+      taps.push_back(DrawNumbers<Weight>(random, channels));
+      for (int32_t lane = 0; lane < lanes; ++lane) {
+        const int32_t bits = static_cast<Number>(taps.back()[lane % channels]);
+        const int32_t part = sizeof(Number) == 1 ? bits : bits & UINT16_MAX;
+        const int at = k % kEach * 8 * static_cast<int>(sizeof(Number));
+        words[int64_t{k} / kEach * lanes + lane] |= ShiftLeft(part, at);
+      }
+    }
+  }
+};
+
 // A row of `outputs` of a depthwise convolution of few channels or many.
-template <typename T>
-void CheckRow(int32_t channels, int32_t outputs, int32_t words, bool of_bytes,
-              typename DotKernels<SumOutput<T>>::RowKernel kernel, Random* random, Word word = {}) {
-  const int32_t period = (kPanel + channels - 1) / channels * channels;
-  const int64_t length = std::max(period, channels * outputs);
-  std::vector<ExactBuffer<int32_t>> rows;
-  std::vector<const int32_t*> x;
-  for (int32_t k = 0; k < words; ++k) {
-    rows.push_back(DrawWords(random, length, word));
+template <typename T, typename Number, typename Kernel>
+void CheckRow(int32_t channels, int32_t outputs, int32_t taps, Kernel kernel, Random* random) {
+  const int64_t length = int64_t{channels} * outputs;
+  const RowWeights<Number> weights(random, channels, taps);
+  std::vector<ExactBuffer<Number>> rows;
+  std::vector<const Number*> x;
+  for (int32_t k = 0; k < taps; ++k) {
+    rows.push_back(DrawNumbers<Number>(random, std::max<int64_t>(length, kRowBlock)));
     x.push_back(rows.back().data());
   }
-  auto w = DrawWords(random, int64_t{words} * period, word);
-  auto initial = DrawWords(random, period);
-  for (int32_t i = channels; i < period; ++i) {
-    initial[i] = initial[i - channels];
-    for (int32_t k = 0; k < words; ++k) w[k * period + i] = w[k * period + i - channels];
-  }
+  while (x.size() % RowWeights<Number>::kEach != 0) x.push_back(x[x.size() / 2]);
+  auto initial = DrawWords(random, weights.lanes);
+  for (int32_t i = channels; i < weights.lanes; ++i) initial[i] = initial[i - channels];
   const auto elementwise = DrawElementwise<T>(random, length);
   const T* addends = random->Flag() ? elementwise.data() : nullptr;
   const int32_t bits = random->Between(1, 32);
   std::vector<T> expected;
   for (int64_t i = 0; i < length; ++i) {
     int64_t sum = initial[i % channels];
-    for (int32_t k = 0; k < words; ++k) {
-      sum += DotOf(rows[static_cast<size_t>(k)][i], w[k * period + i % channels], of_bytes);
+    for (size_t k = 0; k < rows.size(); ++k) {
+      sum += int64_t{rows[k][i]} * weights.taps[k][i % channels];
     }
     expected.push_back(Finished(sum, addends, i, bits));
   }
   ExactBuffer<T> out(length, random->Between(0, 3));
-  kernel(DotRow{x.data(), w.data(), initial.data(), length, period, words},
+  kernel(DotRow<Number>{x.data(), weights.words.data(), initial.data(), length, weights.period,
+                        weights.lanes, taps},
          SumOutput<T>{addends, out.data(), 0, 0, bits});
-  ASSERT_TRUE(testing::SameArrays(
-      expected.data(), out.data(), length, of_bytes ? "row of bytes" : "row of shorts",
-      [&](int64_t) { return Describe("channels", channels, "words", words, "bits", bits); }));
+  ASSERT_TRUE(testing::SameArrays(expected.data(), out.data(), length, "row", [&](int64_t) {
+    return Describe("bytes of a number", static_cast<int>(sizeof(Number)), "channels", channels,
+                    "taps", taps, "bits", bits);
+  }));
 }
 
 // Calls check(of_bytes, kernel, pixels, panels) for each kernel of every target.
@@ -233,22 +275,24 @@ void CrossDotShapes() {
 TEST(ChainDots, Int32Shapes) { CrossDotShapes<int32_t>(); }
 TEST(ChainDots, FloatShapes) { CrossDotShapes<float>(); }
 
-// Rows of one period, of several and of parts of one.
+// Rows shorter than a block, of one period, of several and of parts of one.
 template <typename T>
 void CrossRows() {
   Random random(0xd08);
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    const DotKernels<SumOutput<T>>& kernels = CurrentDotKernels<SumOutput<T>>();
-    for (const int32_t channels : {1, 2, 3, 5, 8, 15, 16, 17, 31, 32, 33, 100}) {
-      for (const int32_t outputs : {1, 2, 3, 4, 5, 8, 9, 23}) {
-        for (const int32_t words : {0, 1, 2, 3, 9}) {
+    const DotRowKernels<T>& kernels = CurrentDotRowKernels<T>();
+    ASSERT_EQ(kernels.bytes != nullptr, target == Target::kAvx512Vnni) << name;
+    for (const int32_t channels : {1, 2, 3, 5, 8, 15, 16, 17, 24, 32, 33, 64, 65, 100, 144}) {
+      for (const int32_t outputs : {1, 2, 3, 4, 5, 8, 9, 23, 70}) {
+        for (const int32_t taps : {1, 2, 3, 4, 5, 6, 9, 25}) {
+          if (random.Between(0, 2) != 0) continue;
           ASSERT_NO_FATAL_FAILURE(
-              CheckRow<T>(channels, outputs, words, false, kernels.row_of_shorts, &random))
+              (CheckRow<T, int16_t>(channels, outputs, taps, kernels.shorts, &random)))
               << name;
-          if (!kernels.HasBytes()) continue;
+          if (kernels.bytes == nullptr) continue;
           ASSERT_NO_FATAL_FAILURE(
-              CheckRow<T>(channels, outputs, words, true, kernels.row_of_bytes, &random))
+              (CheckRow<T, uint8_t>(channels, outputs, taps, kernels.bytes, &random)))
               << name;
         }
       }
@@ -269,9 +313,6 @@ TEST(ChainDots, LargestProducts) {
       for (const int words : {1, 2, 7}) {
         const DotShape shape = {pixels, panels, 1, 1, words};
         ASSERT_NO_FATAL_FAILURE(CheckDot<int32_t>(shape, of_bytes, kernel, &random, word));
-        const DotKernels<SumOutput<int32_t>>& kernels = CurrentDotKernels<SumOutput<int32_t>>();
-        const auto row = of_bytes ? kernels.row_of_bytes : kernels.row_of_shorts;
-        ASSERT_NO_FATAL_FAILURE(CheckRow<int32_t>(20, 5, words, of_bytes, row, &random, word));
       }
     });
   }

@@ -222,29 +222,67 @@ TEST(ChainPack, Images) {
   CheckPacks<float>();
 }
 
+// Columns with something between them, and without.
+template <typename T, typename Number>
+void CheckColumns(Random* random, int32_t count, int32_t between, int32_t offset) {
+  constexpr bool kIsShort = sizeof(Number) == 2;
+  const int32_t columns = random->Between(1, 5);
+  const int32_t stride = count + between;
+  const int32_t low = kIsShort ? INT16_MIN / 2 : -offset;
+  const int32_t high = kIsShort ? INT16_MAX / 2 : 255 - offset;
+  const ExactBuffer<T> x(Numbers<T>(random, (columns - 1) * stride + count, low, high),
+                         random->Between(0, 3));
+  ExactBuffer<Number> out(int64_t{columns} * count, random->Between(0, 3));
+  PackColumns(x.data(), ColumnShape{columns, stride, count}, offset, out.data());
+  for (int32_t i = 0; i < columns * count; ++i) {
+    const T number = x[i / count * stride + i % count];
+    ASSERT_EQ(static_cast<int32_t>(out[i]), static_cast<int32_t>(number) + offset)
+        << "number " << i << " of columns of " << count;
+  }
+}
+
+template <typename T>
+void CrossColumns() {
+  Random random(0xc01);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    for (const int count : testing::LaneSizes()) {
+      if (count == 0) continue;
+      for (const int32_t between : {0, 1, 7, count}) {
+        ASSERT_NO_FATAL_FAILURE((CheckColumns<T, uint8_t>(&random, count, between, 128))) << name;
+        ASSERT_NO_FATAL_FAILURE((CheckColumns<T, int16_t>(&random, count, between, 0))) << name;
+        ASSERT_NO_FATAL_FAILURE((CheckColumns<T, int16_t>(&random, count, between, -300))) << name;
+      }
+    }
+  }
+}
+
+TEST(ChainPack, Columns) {
+  CrossColumns<int32_t>();
+  CrossColumns<float>();
+}
+
 // `taps` arrays side by side in words, each number by itself; a word's others are 0.
 template <typename T, typename Each>
-void CheckTaps(Random* random, int32_t taps, int size, int32_t added) {
+void CheckTaps(Random* random, int32_t taps, int size) {
   constexpr bool kIsShort = sizeof(Each) == 2;
-  const int32_t low = kIsShort ? INT16_MIN : -added;
+  const int32_t low = std::numeric_limits<Each>::min();
+  const int32_t high = std::numeric_limits<Each>::max();
   std::vector<ExactBuffer<T>> arrays;
   std::vector<const T*> x;
   for (int32_t k = 0; k < taps; ++k) {
-    arrays.emplace_back(Numbers<T>(random, size, low, kIsShort ? INT16_MAX : 255 - added), k);
+    arrays.emplace_back(Numbers<T>(random, size, low, high), k);
     x.push_back(arrays.back().data());
   }
   ExactBuffer<int32_t> out(size, random->Between(0, 3));
-  if constexpr (kIsShort) {
-    PackTapShorts(x.data(), taps, size, out.data());
-  } else {
-    PackTapBytes(x.data(), taps, size, added, out.data());
-  }
+  kIsShort ? PackTapShorts(x.data(), taps, size, out.data())
+           : PackTapBytes(x.data(), taps, size, out.data());
   for (int i = 0; i < size; ++i) {
     Each numbers[4 / sizeof(Each)];
     std::memcpy(numbers, out.data() + i, sizeof numbers);
     for (size_t k = 0; k < 4 / sizeof(Each); ++k) {
       const bool is_tap = static_cast<int32_t>(k) < taps;
-      const int32_t expected = is_tap ? static_cast<int32_t>(arrays[k][i]) + added : 0;
+      const int32_t expected = is_tap ? static_cast<int32_t>(arrays[k][i]) : 0;
       ASSERT_EQ(static_cast<int32_t>(numbers[k]), expected) << i << " of " << size << ", tap " << k;
     }
   }
@@ -257,10 +295,9 @@ void CrossTaps() {
     const testing::ForcedTarget forced(target);
     for (const int size : testing::LaneSizes()) {
       for (int32_t taps = 1; taps <= 4; ++taps) {
-        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, uint8_t>(&random, taps, size, 0))) << name;
-        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, uint8_t>(&random, taps, size, 128))) << name;
+        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, int8_t>(&random, taps, size))) << name;
         if (taps > 2) continue;
-        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, int16_t>(&random, taps, size, 0))) << name;
+        ASSERT_NO_FATAL_FAILURE((CheckTaps<T, int16_t>(&random, taps, size))) << name;
       }
     }
   }
@@ -269,6 +306,28 @@ void CrossTaps() {
 TEST(ChainPack, Taps) {
   CrossTaps<int32_t>();
   CrossTaps<float>();
+}
+
+template <typename T>
+void CheckSums() {
+  Random random(0x5a5);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    for (const int size : testing::LaneSizes()) {
+      const ExactBuffer<T> x(Numbers<T>(&random, size, -(1 << 24), 1 << 24), 1);
+      ExactBuffer<int32_t> sums(size, 2);
+      std::fill_n(sums.data(), size, INT32_MAX - 5);
+      AddNumbers(x.data(), size, sums.data());
+      for (int i = 0; i < size; ++i) {
+        ASSERT_EQ(sums[i], WrapAdd(INT32_MAX - 5, static_cast<int32_t>(x[i]))) << name << i;
+      }
+    }
+  }
+}
+
+TEST(ChainPack, Sums) {
+  CheckSums<int32_t>();
+  CheckSums<float>();
 }
 
 TEST(ChainPack, SumsOfBytes) {

@@ -98,13 +98,11 @@ ExactBuffer<int32_t> DrawBytes(Random* random, int64_t words) {
 }
 
 // The sum of the scaled products of a word.
-int32_t ScaledDot(int32_t x, int32_t w, int32_t shift) {
-  uint8_t a[4];
-  int8_t b[4];
-  std::memcpy(a, &x, sizeof a);
-  std::memcpy(b, &w, sizeof b);
+int32_t ScaledDot(const uint8_t* x, int32_t w, int32_t shift) {
+  int8_t weights[4];
+  std::memcpy(weights, &w, sizeof weights);
   int32_t sum = 0;
-  for (int k = 0; k < 4; ++k) sum += Shifted(a[k] * b[k], shift);
+  for (int k = 0; k < 4; ++k) sum += Shifted(x[k] * weights[k], shift);
   return sum;
 }
 
@@ -112,18 +110,18 @@ template <typename T>
 void CheckKernel(const Shape& s, typename DotKernels<SumOutput<T>>::RemainderKernel kernel,
                  Random* random) {
   const RemainderTables remainders(s.shift, 0);
-  const int64_t x_pixel = random->Between(1, 3) * s.words;
-  const int64_t x_tap = random->Between(1, 3) * s.words;
+  const int64_t x_pixel = random->Between(1, 8 * s.words);  // in bytes, as words lie anywhere
+  const int64_t x_tap = random->Between(1, 8 * s.words);
   const int64_t x_row = random->Between(0, 3) + (s.pixels - 1) * x_pixel + s.taps * x_tap;
   const int64_t panel = int64_t{s.rows} * s.taps * s.words * kPanel;
-  const int64_t x_words =
-      (s.rows - 1) * x_row + (s.taps - 1) * x_tap + (s.pixels - 1) * x_pixel + s.words;
-  const auto x = DrawBytes(random, x_words);
+  const int64_t x_bytes =
+      (s.rows - 1) * x_row + (s.taps - 1) * x_tap + (s.pixels - 1) * x_pixel + 4 * s.words;
+  const auto x_words = DrawBytes(random, (x_bytes + 3) / 4);
+  const auto* x = reinterpret_cast<const uint8_t*>(x_words.data());
   const auto w = DrawBytes(random, s.panels * panel);
   // The tables of a word are read with what follows them.
-  const int32_t table_bytes = 4 * remainders.Entries();
-  ExactBuffer<uint8_t> tables(x_words * table_bytes + 32, random->Between(0, 3));
-  remainders.LookUp(reinterpret_cast<const uint8_t*>(x.data()), 4 * x_words, tables.data());
+  ExactBuffer<uint8_t> tables(x_bytes * remainders.Entries() + 32, random->Between(0, 3));
+  remainders.LookUp(x, x_bytes, tables.data());
   ExactBuffer<int32_t> choices(2 * s.panels * panel, random->Between(0, 3));
   const int32_t lanes = s.panels * kPanel;
   ExactBuffer<int32_t> initial(lanes, 0);
@@ -138,7 +136,7 @@ void CheckKernel(const Shape& s, typename DotKernels<SumOutput<T>>::RemainderKer
   const int32_t bits = random->Between(1, 32);
   const int64_t base = bits <= 32 - s.shift ? random->Between(INT32_MIN, INT32_MAX) : 0;
   for (int32_t l = 0; l < lanes; ++l) {
-    initial[l] = testing::LowBits(initial[l] + (base << s.shift), 32);
+    initial[l] = testing::LowBits(initial[l] + base * (1 << s.shift), 32);
   }
   std::vector<T> expected(static_cast<size_t>(count), T{77});
   for (int p = 0; p < s.pixels; ++p) {
@@ -146,17 +144,17 @@ void CheckKernel(const Shape& s, typename DotKernels<SumOutput<T>>::RemainderKer
       int64_t sum = base;
       for (int64_t k = 0; k < panel / kPanel; ++k) {
         const int64_t tap = k / s.words;
-        const int64_t at = tap / s.taps * x_row + tap % s.taps * x_tap + k % s.words;
-        sum += ScaledDot(x[at + p * x_pixel], w[l / kPanel * panel + k * kPanel + l % kPanel],
+        const int64_t at = tap / s.taps * x_row + tap % s.taps * x_tap + 4 * (k % s.words);
+        sum += ScaledDot(x + at + p * x_pixel, w[l / kPanel * panel + k * kPanel + l % kPanel],
                          s.shift);
       }
       expected[static_cast<size_t>(p * stride + l)] = static_cast<T>(testing::LowBits(sum, bits));
     }
   }
   ExactBuffer<T> out(std::vector<T>(static_cast<size_t>(count), T{77}), random->Between(0, 3));
-  const DotTile dot = {x.data(), w.data(), initial.data(), x_pixel, x_row,
-                       x_tap,    panel,    s.rows,         s.taps,  s.words};
-  kernel(RemainderTile{dot, tables.data(), choices.data(), table_bytes, s.shift},
+  const DotTile dot = {x,     w.data(), initial.data(), x_pixel, x_row,
+                       x_tap, panel,    s.rows,         s.taps,  s.words};
+  kernel(RemainderTile{dot, tables.data(), choices.data(), remainders.Entries(), s.shift},
          SumOutput<T>{nullptr, out.data(), stride, channels, bits});
   ASSERT_TRUE(testing::SameArrays(expected.data(), out.data(), count, "remainders", [&](int64_t) {
     return Describe("pixels", s.pixels, "panels", s.panels, "rows", s.rows, "taps", s.taps, "words",

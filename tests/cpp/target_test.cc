@@ -13,7 +13,7 @@
 #include <set>
 #include <string>
 
-#include "chain/dot_tile.h"
+#include "chain/dot_row.h"
 #include "chain/lane_tile.h"
 #include "cpu/vector_datapath.h"
 #include "support/targets.h"
@@ -66,7 +66,7 @@ TEST(Target, MatchesTheSystem) {
 std::map<std::string, const void*> FunctionsInUse() {
   const auto address = [](auto function) { return reinterpret_cast<const void*>(function); };
   return {
-      {"dot products", address(CurrentDotKernels<SumOutput<int32_t>>().row_of_shorts)},
+      {"dot products", address(CurrentDotRowKernels<int32_t>().shorts)},
       {"lanes", address(LaneKernelsOf<Datapath<float>, float>().ordinary[1][1])},
       {"modular lanes", address(LaneKernelsOf<ModularDatapath, int32_t>().depthwise[0][0])},
       {"plain sums", address(CurrentSumKernels<float>().ordinary[1][0])},
