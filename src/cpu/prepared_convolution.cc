@@ -128,19 +128,25 @@ int64_t PreparedConvolution<In, Out>::LargestSum(const std::vector<int32_t>& wei
   return sum;
 }
 
+// Whether adding the bias to a sum of the accumulator wraps into its range again.
+template <typename In, typename Out>
+bool PreparedConvolution<In, Out>::HasNarrowBias() const {
+  if (layer_.accumulator_size >= 31 || layer_.bias == nullptr) return true;
+  const int64_t period = int64_t{1} << layer_.accumulator_size;
+  return std::all_of(layer_.bias, layer_.bias + layer_.out_channels,
+                     [period](int64_t bias) { return std::abs(bias) <= period; });
+}
+
 // The wrap of a bias of at most 2^w is the wrap of the whole sum, which then begins with it; and
 // where no sum of the layer can leave the width, nothing wraps.
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::PrepareDots(const std::vector<int32_t>& weights) {
   const int64_t period = int64_t{1} << layer_.accumulator_size;
-  const int32_t biases = layer_.bias == nullptr ? 0 : layer_.out_channels;
-  const bool begins = layer_.accumulator_size >= 31 ||
-                      std::all_of(layer_.bias, layer_.bias + biases,
-                                  [period](int64_t bias) { return std::abs(bias) <= period; });
+  const bool begins = HasNarrowBias();
   const int64_t largest = LargestSum(weights);
   LayerFinishCall finish = FinishCall();
   finish.bits = largest < period / 2 ? 32 : plan_->bits;
-  finish.largest_sum = std::min(largest, period / 2);
+  finish.largest_sum = std::min(largest, finish.largest_sum);
   if (begins) finish.bias = nullptr;
   const int32_t* addends = begins ? layer_.bias : nullptr;
   const bool has_memory =
@@ -173,7 +179,7 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
           layer_.per_channel,
           layer_.requantise,
           std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16,
-          int64_t{1} << std::max(0, layer_.accumulator_size - 1)};
+          int64_t{1} << (HasNarrowBias() ? std::max(0, layer_.accumulator_size - 1) : 62)};
 }
 
 template <typename In, typename Out>

@@ -49,6 +49,7 @@ class PreparedConvolution {
   Facts InputFacts() const;
   ChainFacts FactsWith(const std::vector<int32_t>& weights) const;
   int64_t LargestSum(const std::vector<int32_t>& weights) const;
+  bool HasNarrowBias() const;
   void PrepareDots(const std::vector<int32_t>& weights);
   template <typename T>
   void PrepareSums(std::optional<PreparedSums<T>>* sums, std::vector<T> weights, bool corrects,
