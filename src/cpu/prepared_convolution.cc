@@ -24,8 +24,9 @@ constexpr int64_t kBlocksForEach = 4;
 // Weights of so many panels go by together.
 constexpr int32_t kPanelsTogether = 4;
 
-// Multiply-adds in a cycle.
-constexpr int64_t kProducts = 64;
+// In a cycle.
+constexpr int64_t kProducts = 96;
+constexpr int64_t kFinishedSums = 3;
 
 // Packed rows of more than this many times the image, and more than this, are not made.
 constexpr int64_t kMostPadding = 4;
@@ -86,11 +87,15 @@ DotLayer PreparedConvolution<In, Out>::Dots() const {
           layer_.zero_point};
 }
 
-// Whether packed rows of a depthwise layer would be far larger than the image.
+// Whether packed rows would be far larger than the image.
 template <typename In, typename Out>
 bool PreparedConvolution<In, Out>::HasTapsFarApart() const {
-  return layer_.is_depthwise && DotDepthwise<In, StoredOutput>(Dots(), *plan_).MemoryBytes() >
-                                    kMostPadding * layer_.InputElements() + kAlwaysPadded;
+  const int64_t most = kMostPadding * layer_.InputElements() + kAlwaysPadded;
+  if (layer_.is_depthwise) {
+    return DotDepthwise<In, StoredOutput>(Dots(), *plan_).MemoryBytes() > most;
+  }
+  const DotConvolution<In, StoredOutput> dots(Dots(), *plan_);
+  return dots.StripWords(1) > most / int64_t{sizeof(int32_t)};
 }
 
 // What the type and the zero point bound.
@@ -196,6 +201,13 @@ void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* outp
   sums_->Run(input, batch, outputs, workers);
 }
 
+// The cycles of so many outputs, roughly.
+template <typename In, typename Out>
+int64_t PreparedConvolution<In, Out>::CostOf(int64_t outputs) const {
+  const int64_t products = layer_.FilterElements() / layer_.out_channels;
+  return outputs * products / kProducts + outputs / kFinishedSums;
+}
+
 // All images are one long row.
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::RunPixels(const In* input, int64_t pixels, Out* output,
@@ -208,7 +220,7 @@ void PreparedConvolution<In, Out>::RunPixels(const In* input, int64_t pixels, Ou
   step = std::min(step, pixels);
   const int64_t blocks = Parts(pixels, step);
   const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
-  const int64_t cost = step * panels * kPanel * layer_.in_channels / kProducts;
+  const int64_t cost = CostOf(step * panels * kPanel);
   workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
     const std::unique_ptr<int32_t[]> words(new int32_t[dots_->PixelWords(step)]);
     for (int64_t unit = first; unit < end; ++unit) {
@@ -238,9 +250,7 @@ void PreparedConvolution<In, Out>::RunWindows(const In* input, int32_t batch, Ou
   const int64_t in_image = Parts(rows, step);
   const int64_t blocks = batch * in_image;
   const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
-  const int64_t taps = int64_t{layer_.rows.taps} * layer_.columns.taps;
-  const int64_t cost =
-      int64_t{step} * columns * taps * layer_.in_channels * panels * kPanel / kProducts;
+  const int64_t cost = CostOf(int64_t{step} * columns * panels * kPanel);
   workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
     const std::unique_ptr<int32_t[]> words(new int32_t[dots_->StripWords(step)]);
     for (int64_t unit = first; unit < end; ++unit) {

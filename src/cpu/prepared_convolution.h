@@ -56,6 +56,7 @@ class PreparedConvolution {
                    Workers* workers);
   LayerFinishCall FinishCall() const;
 
+  int64_t CostOf(int64_t outputs) const;
   void RunPixels(const In* input, int64_t pixels, Out* output, Workers* workers) const;
   void RunWindows(const In* input, int32_t batch, Out* output, Workers* workers) const;
   void RunDepthwise(const In* input, int32_t batch, Out* output, Workers* workers) const;
