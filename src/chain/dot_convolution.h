@@ -90,8 +90,6 @@ class DotConvolution {
   int64_t PanelWords() const { return int64_t{layer_.rows.taps} * taps_ * words_ * kPanel; }
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
-  void PackTap(const Weight* filter, int64_t tap);
-  void SumPanel(int32_t panel, const int32_t* addends);
   void PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
   void PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;
   void RunStrip(const Strip& strip, int32_t first_panel, int32_t end_panel,
