@@ -27,7 +27,8 @@ struct HAddCase {
   }
 
   void Run(const DatapathAttributes& attributes, const float* feed_repeat) {
-    ComputeAdd(Call(attributes, feed_repeat), kAdditionCount);
+    CallingThread workers;
+    ComputeAdd(Call(attributes, feed_repeat), kAdditionCount, &workers);
   }
 };
 

@@ -29,7 +29,10 @@ struct HBboxDecoderCase : DecoderData<T> {
     DefineBboxDecoder(call, row, 0, kDecoderSide * kDecoderAnchors);
   }
 
-  static void Run(const BboxDecoderCall<T>& call) { ComputeBboxDecoder(call); }
+  static void Run(const BboxDecoderCall<T>& call) {
+    CallingThread workers;
+    ComputeBboxDecoder(call, &workers);
+  }
 };
 
 [[maybe_unused]] const bool registered = RegisterDecoder<HBboxDecoderCase>("HBboxDecoder");

@@ -27,7 +27,8 @@ struct HBiasAddCase {
   }
 
   void Run(const DatapathAttributes& attributes, const float* feed_repeat) {
-    ComputeBiasAdd(Call(attributes, feed_repeat), kAdditionCount);
+    CallingThread workers;
+    ComputeBiasAdd(Call(attributes, feed_repeat), kAdditionCount, &workers);
   }
 };
 

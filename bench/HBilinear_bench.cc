@@ -39,8 +39,8 @@ template <typename T>
 void Register(const std::string& name, int mult_shift, bool float_accumulator) {
   benchmark::RegisterBenchmark(name.c_str(), HBilinear<T>, run_bilinear<T>, mult_shift,
                                float_accumulator);
-  benchmark::RegisterBenchmark((name + " loops").c_str(), HBilinear<T>, ComputeBilinear<T>,
-                               mult_shift, float_accumulator);
+  benchmark::RegisterBenchmark((name + " loops").c_str(), HBilinear<T>,
+                               kOnCallingThread<ComputeBilinear<T>>, mult_shift, float_accumulator);
 }
 
 [[maybe_unused]] const bool registered = [] {

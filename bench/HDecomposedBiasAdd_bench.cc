@@ -29,7 +29,8 @@ struct HDecomposedBiasAddCase {
   }
 
   void Run(const DatapathAttributes& attributes, const float* feed_repeat) {
-    ComputeDecomposedBiasAdd(Call(attributes, feed_repeat), kAdditionCount);
+    CallingThread workers;
+    ComputeDecomposedBiasAdd(Call(attributes, feed_repeat), kAdditionCount, &workers);
   }
 };
 

@@ -44,7 +44,7 @@ void HLayernormUnit(benchmark::State& state, decltype(run_layernorm)* run) {
 [[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
     benchmark::RegisterBenchmark("HLayernorm/float/196x768", HLayernormUnit, run_layernorm),
     benchmark::RegisterBenchmark("HLayernorm/float/196x768 loops", HLayernormUnit,
-                                 ComputeLayernorm),
+                                 kOnCallingThread<ComputeLayernorm>),
 };
 
 }  // namespace

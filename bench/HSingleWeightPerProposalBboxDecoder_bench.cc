@@ -29,7 +29,10 @@ struct SingleWeightCase : DecoderData<T> {
     DefineSingleWeightPerProposalBboxDecoder(call, row, 0, kDecoderSide * kDecoderAnchors);
   }
 
-  static void Run(const Record& call) { ComputeSingleWeightPerProposalBboxDecoder(call); }
+  static void Run(const Record& call) {
+    CallingThread workers;
+    ComputeSingleWeightPerProposalBboxDecoder(call, &workers);
+  }
 };
 
 [[maybe_unused]] const bool registered =

@@ -38,7 +38,8 @@ void HSoftmaxUnit(benchmark::State& state, decltype(run_softmax)* run) {
 // The definition and the vector loops on the machine's widest target.
 [[maybe_unused]] const benchmark::internal::Benchmark* const kRegistered[] = {
     benchmark::RegisterBenchmark("HSoftmax/float/128x256", HSoftmaxUnit, run_softmax),
-    benchmark::RegisterBenchmark("HSoftmax/float/128x256 loops", HSoftmaxUnit, ComputeSoftmax),
+    benchmark::RegisterBenchmark("HSoftmax/float/128x256 loops", HSoftmaxUnit,
+                                 kOnCallingThread<ComputeSoftmax>),
 };
 
 }  // namespace

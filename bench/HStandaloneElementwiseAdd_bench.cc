@@ -27,7 +27,8 @@ struct HStandaloneElementwiseAddCase {
   }
 
   void Run(const DatapathAttributes& attributes, const float*) {
-    ComputeStandaloneElementwiseAdd(Call(attributes), kAdditionCount);
+    CallingThread workers;
+    ComputeStandaloneElementwiseAdd(Call(attributes), kAdditionCount, &workers);
   }
 };
 

@@ -48,11 +48,11 @@ void HActivationUnit(benchmark::State& state, decltype(DefineActivation)* run, i
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, 7 breakpoints", HActivationUnit,
                                  DefineActivation, 1),
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, 7 breakpoints loops", HActivationUnit,
-                                 ComputeActivation, 1),
+                                 kOnCallingThread<ComputeActivation>, 1),
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, a group a channel", HActivationUnit,
                                  DefineActivation, kChannels),
     benchmark::RegisterBenchmark("HActivation/int64/56x56x64, a group a channel loops",
-                                 HActivationUnit, ComputeActivation, kChannels),
+                                 HActivationUnit, kOnCallingThread<ComputeActivation>, kChannels),
 };
 
 }  // namespace

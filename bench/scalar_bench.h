@@ -16,6 +16,7 @@
 
 #include "bitfold/addition_shape.h"
 #include "bitfold/datapath_attributes.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
@@ -28,6 +29,13 @@ std::vector<T> RandomIntegers(int64_t count, int low, int high) {
   for (T& value : values) value = static_cast<T>(distribution(generator));
   return values;
 }
+
+// A kernel as a function of its call alone, as its definition is one.
+template <auto kCompute>
+inline constexpr auto kOnCallingThread = [](auto... call) {
+  CallingThread workers;
+  kCompute(call..., &workers);
+};
 
 inline constexpr int kAdditionChannels = 64;
 inline constexpr int64_t kAdditionCount = 112 * 112 * kAdditionChannels;

@@ -50,16 +50,22 @@ struct DetectionRow {
   int64_t y;      // of the row's first pair in y_centers
 };
 
+// Row `index` of those of all images.
+inline DetectionRow DetectionRowAt(const DetectionGrid& grid, int64_t index) {
+  const int64_t row_pairs = int64_t{grid.columns} * 2 * grid.anchors;
+  return {index * row_pairs, index % grid.rows * 2 * grid.anchors};
+}
+
+// How many rows have anchors.
+inline int64_t DetectionRows(const DetectionGrid& grid) {
+  const bool is_empty = grid.images < 1 || grid.rows < 1 || grid.columns < 1 || grid.anchors < 1;
+  return is_empty ? 0 : int64_t{grid.images} * grid.rows;
+}
+
 // The rows of all images in order: visit(row).
 template <typename Visit>
 void ForEachDetectionRow(const DetectionGrid& grid, Visit visit) {
-  if (grid.columns < 1 || grid.anchors < 1) return;
-  const int64_t row_pairs = int64_t{grid.columns} * 2 * grid.anchors;
-  for (int64_t image = 0; image < grid.images; ++image) {
-    for (int64_t row = 0; row < grid.rows; ++row) {
-      visit(DetectionRow{(image * grid.rows + row) * row_pairs, row * 2 * grid.anchors});
-    }
-  }
+  for (int64_t index = 0; index < DetectionRows(grid); ++index) visit(DetectionRowAt(grid, index));
 }
 
 // The definition of anchors first <= t < first + count of a row, counted over its positions. Each

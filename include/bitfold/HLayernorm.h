@@ -105,9 +105,11 @@ inline int32_t get_sum_of_x_minus_zp(const float* x, uint16_t n, uint16_t zero_p
   return sum;
 }
 
+inline bool IsSumOfSquares(uint64_t sum) { return sum < uint64_t{1} << N_SUM_SQUARES_BITS; }
+
 inline uint64_t CheckedSumOfSquares(uint64_t sum) {
   BITFOLD_LAYERNORM_ASSERT(
-      sum < (uint64_t{1} << N_SUM_SQUARES_BITS),
+      IsSumOfSquares(sum),
       "sum_squares_of_x_minus_zp_times_n < ((uint64_t)1 << N_SUM_SQUARES_BITS)",
       "uint64_t get_sum_squares_of_x_minus_zp_times_n(const float*, uint16_t, uint16_t, uint16_t)");
   return sum;
@@ -197,26 +199,30 @@ inline int64_t RoundedSum(int32_t sum, const LayerNormParams& params) {
   return signed_clip(static_cast<int32_t>(static_cast<uint32_t>(shifted)), kLayerNormSumBits, true);
 }
 
-// What the elements of a vector are scaled by, from its rounded sum and its checked sum of squares.
-// lut holds 256 entries. A variance whose 58 bits are all zero ends the process as a variance of
-// zero does: no leading one could be found.
-inline LayerNormScale GetLayerNormScale(int64_t rounded_sum, uint64_t sum_of_squares,
-                                        const float* lut, const LayerNormParams& params) {
+// The 58 bits of a vector's variance term, from its rounded sum and its checked sum of squares. The
+// rounded sum is squared, not the mean term.
+inline uint64_t LayerNormVariance(int64_t rounded_sum, uint64_t sum_of_squares,
+                                  const LayerNormParams& params) {
   const int64_t squares = right_shift_bankers_rounding(
       static_cast<int64_t>(sum_of_squares), params.sum_of_x_squares_shift, kLayerNormSumRoundBits);
+  const int64_t variance = squares + int64_t{params.epsilon} - rounded_sum * rounded_sum;
+  return static_cast<uint64_t>(variance) & ((uint64_t{1} << kLayerNormVarianceBits) - 1);
+}
+
+// What the elements of a vector are scaled by, from its rounded sum and its variance term. lut
+// holds 256 entries. A variance whose 58 bits are all zero ends the process as a variance of zero
+// does: no leading one could be found.
+inline LayerNormScale GetLayerNormScale(int64_t rounded_sum, uint64_t variance, const float* lut,
+                                        const LayerNormParams& params) {
   LayerNormScale scale;
   scale.mean = signed_clip(
       right_shift_bankers_rounding(params.sum_of_x_mult * rounded_sum, params.sum_of_x_mult_n_shift,
                                    kLayerNormSumRoundBits),
       kLayerNormMeanBits, true);
-  // The rounded sum is squared, not the mean term.
-  const int64_t variance = squares + int64_t{params.epsilon} - rounded_sum * rounded_sum;
-  const uint64_t bits =
-      static_cast<uint64_t>(variance) & ((uint64_t{1} << kLayerNormVarianceBits) - 1);
   BITFOLD_LAYERNORM_ASSERT(
-      bits != 0, "variance > 0",
+      variance != 0, "variance > 0",
       "void normalize_vector(const float*, float*, int32_t, const float*, const LayerNormParams&)");
-  SetInverseSquareRoot(bits, lut, params.exponent_sub_value, &scale);
+  SetInverseSquareRoot(variance, lut, params.exponent_sub_value, &scale);
   return scale;
 }
 
@@ -240,7 +246,8 @@ inline void normalize_vector(const float* x, float* out, int32_t n, const float*
       RoundedSum(get_sum_of_x_minus_zp(x, count, params.zero_point), params);
   const uint64_t squares =
       get_sum_squares_of_x_minus_zp_times_n(x, count, params.zero_point, params.x_squared_mult);
-  const LayerNormScale scale = GetLayerNormScale(rounded_sum, squares, lut, params);
+  const uint64_t variance = LayerNormVariance(rounded_sum, squares, params);
+  const LayerNormScale scale = GetLayerNormScale(rounded_sum, variance, lut, params);
   for (int32_t i = 0; i < n; ++i) out[i] = NormalizeElement(x[i], scale, params);
 }
 

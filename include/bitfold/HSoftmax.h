@@ -74,13 +74,23 @@ inline uint16_t SoftmaxExponential(const uint16_t* exp_lut, float distance) {
              : uint16_t{0};
 }
 
-// The reciprocal of a sum in the accumulator of 24 bits: one variant saturates, the other wraps and
-// says so.
-inline float SoftmaxReciprocal(float sum, const SoftmaxSum* sums, bool is_velquin) {
+// Whether a sum does not fit the accumulator of 24 bits where it wraps, in one variant; the other
+// saturates.
+inline bool OverflowsSoftmax(float sum, bool is_velquin) {
+  return !is_velquin && sum > kMaxSoftmaxSum;
+}
+
+// The reciprocal of a sum as the accumulator holds it.
+inline float LimitedSoftmaxReciprocal(float sum, const SoftmaxSum* sums, bool is_velquin) {
   if (is_velquin) return lut_inv(sum < kMaxSoftmaxSum ? sum : kMaxSoftmaxSum, sums);
-  if (sum > kMaxSoftmaxSum) WarnSoftmaxOverflow();
   const int64_t wrapped = TruncateToInt64(sum) & 0xffffff;
   return lut_inv(static_cast<float>(wrapped), sums);
+}
+
+// The same, and a sum that wraps says so.
+inline float SoftmaxReciprocal(float sum, const SoftmaxSum* sums, bool is_velquin) {
+  if (OverflowsSoftmax(sum, is_velquin)) WarnSoftmaxOverflow();
+  return LimitedSoftmaxReciprocal(sum, sums, is_velquin);
 }
 
 // One element: exponential times reciprocal, rounded by 6 and then by 10 bits.

@@ -10,8 +10,8 @@ from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs 
 those of the registered operations; ``bitfold.tables`` fits the table-driven units to functions;
 ``bitfold.detection`` and ``bitfold.resize`` prepare the inputs of the box decoders, of suppression
 and of the resampler; ``bitfold.fpx`` holds the accelerator's narrow floats;
-``bitfold.set_warnings`` says what becomes of the lines that ops print, ``bitfold.set_image_threads``
-which threads compute convolutions.
+``bitfold.set_warnings`` says what becomes of the lines that ops print,
+``bitfold.set_image_threads`` which threads compute convolutions.
 
 Example:
     >>> import bitfold

@@ -56,7 +56,7 @@ int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
 }
 
 template <typename In, typename Output>
-bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
+bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                                          const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
@@ -64,22 +64,31 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Scratch* scratch,
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
-  std::fill_n(initial_sums_, panels_ * kPanel, 0);
-  const WeightShape shape = {tap_size_, layer_.out_channels, PanelWords()};
-  const int64_t taps = int64_t{layer_.rows.taps} * taps_;
-  for (int64_t tap = 0; tap < taps; ++tap) {
-    const Weight* weights = filter + tap * tap_size_ * layer_.out_channels;
-    int32_t* out = weights_ + tap * words_ * kPanel;
-    IsBytes() ? PackWeightBytes(weights, shape, out, initial_sums_)
-              : PackWeightShorts(weights, shape, out, initial_sums_);
-  }
-  // The padding has the offset, too.
-  for (int32_t channel = 0; channel < layer_.out_channels; ++channel) {
-    const int32_t offsets = WrapMultiply(plan_.input_offset, initial_sums_[channel]);
-    const int32_t addend = addends == nullptr ? 0 : addends[channel];
-    initial_sums_[channel] = WrapSubtract(addend, offsets);
-  }
+  workers->Share(panels_, PanelWords(),
+                 [&](int64_t first, int64_t end) { PackPanels(filter, addends, first, end); });
   return true;
+}
+
+template <typename In, typename Output>
+void DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t* addends,
+                                            int64_t first, int64_t end) {
+  const int64_t channel = first * kPanel;
+  const int64_t stride = layer_.out_channels;
+  const int64_t channels = std::min(end * kPanel, stride) - channel;
+  const WeightShape shape = {tap_size_, channels, stride, PanelWords()};
+  int32_t* sums = initial_sums_ + channel;
+  std::fill_n(sums, (end - first) * kPanel, 0);
+  for (int64_t tap = 0; tap < int64_t{layer_.rows.taps} * taps_; ++tap) {
+    const Weight* weights = filter + tap * tap_size_ * stride + channel;
+    int32_t* out = weights_ + first * PanelWords() + tap * words_ * kPanel;
+    IsBytes() ? PackWeightBytes(weights, shape, out, sums)
+              : PackWeightShorts(weights, shape, out, sums);
+  }
+  // What surrounds the image has the offset, too.
+  for (int64_t c = 0; c < channels; ++c) {
+    const int32_t addend = addends == nullptr ? 0 : addends[channel + c];
+    sums[c] = WrapSubtract(addend, WrapMultiply(plan_.input_offset, sums[c]));
+  }
 }
 
 // What fills a pixel up meets 0 in the weights.

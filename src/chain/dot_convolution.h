@@ -14,6 +14,7 @@
 #include "chain/dot_tile.h"
 #include "chain/plan.h"
 #include "frame/scratch.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
@@ -46,9 +47,10 @@ class DotConvolution {
 
   DotConvolution(const DotLayer& layer, const ChainPlan& plan);
 
-  // Packs the weights; false where there is no memory. Every sum of an output channel begins with
-  // its addend, where there are some.
-  bool Prepare(const Weight* filter, Scratch* scratch, const int32_t* addends = nullptr);
+  // Packs the weights, which `workers` share; false where there is no memory. Every sum of an
+  // output channel begins with its addend, where there are some.
+  bool Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
+               const int32_t* addends = nullptr);
 
   // Panels of 16 output channels.
   int32_t panels() const { return panels_; }
@@ -90,6 +92,7 @@ class DotConvolution {
   int64_t PanelWords() const { return int64_t{layer_.rows.taps} * taps_ * words_ * kPanel; }
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
+  void PackPanels(const Weight* filter, const int32_t* addends, int64_t first, int64_t end);
   void PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
   void PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;
   void RunStrip(const Strip& strip, int32_t first_panel, int32_t end_panel,

@@ -208,7 +208,7 @@ bool ChainEngine<D, T>::PrepareDots(const ChainSharing& sharing, Scratch* scratc
     return false;
   }
   dot_words_ = AllocateFor<int32_t>(scratch, DotWords() * sharing.slots);
-  return dot_words_ != nullptr && dot_->Prepare(call_.filter, scratch);
+  return dot_words_ != nullptr && dot_->Prepare(call_.filter, sharing.workers, scratch);
 }
 
 // The same with dot_depthwise_.
@@ -260,6 +260,24 @@ void ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& b
   const int64_t first = block.first_column;
   dot_->RunPixels(image.input + first * call_.in_channels, block.columns(), part,
                   output.At(first, 0, call_.out_channels), words);
+}
+
+template <typename D, typename T>
+std::vector<int64_t> ChainEngine<D, T>::RunShared(const ChainImage<T>& image, Slots* slots,
+                                                  Workers* workers) const {
+  std::vector<std::vector<int64_t>> may_print(static_cast<size_t>(blocks_->count()));
+  workers->Share(blocks_->count(), BlockCost(), [&](int64_t first, int64_t end) {
+    const Slots::Lease slot(slots);
+    for (int64_t block = first; block < end; ++block) {
+      auto& of_block = may_print[static_cast<size_t>(block)];
+      Run(image, (*blocks_)[block], slot.number(),
+          [&of_block](int64_t output) { of_block.push_back(output); });
+    }
+  });
+  std::vector<int64_t> all;
+  for (const auto& of_block : may_print) all.insert(all.end(), of_block.begin(), of_block.end());
+  std::sort(all.begin(), all.end());  // blocks may lie side by side
+  return all;
 }
 
 template class ChainEngine<Datapath<int32_t>, int32_t>;

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "bitfold/convolution_call.h"
 #include "bitfold/datapath.h"
@@ -24,6 +25,7 @@
 #include "chain/plan.h"
 #include "chain/stepwise.h"
 #include "frame/scratch.h"
+#include "frame/slots.h"
 #include "frame/workers.h"
 
 namespace bitfold {
@@ -71,6 +73,10 @@ class ChainEngine {
   void RunAll(const ChainImage<T>& image, int slot, const DefineOutput& define) const {
     for (int64_t i = 0; i < blocks_->count(); ++i) Run(image, (*blocks_)[i], slot, define);
   }
+
+  // All blocks, which `workers` share; `slots` are the engine's. Returns the outputs that may print
+  // a line, in the order of the definition: the caller computes them by it.
+  std::vector<int64_t> RunShared(const ChainImage<T>& image, Slots* slots, Workers* workers) const;
 
   // The numbers of an image of outputs.
   int64_t OutputElements() const {

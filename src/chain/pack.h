@@ -18,11 +18,12 @@ void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out);
 template <typename T>
 void PackShorts(const T* x, int64_t count, int32_t offset, int16_t* out);
 
-// Rows of weights of an output channel each, in panels of 16 of them.
+// Rows of weights, whose columns belong to an output channel each, and panels of 16 of these.
 struct WeightShape {
   int64_t rows;
   int64_t columns;
-  int64_t panel;  // words from a panel to the next
+  int64_t stride;  // weights from a row to the next
+  int64_t panel;   // words from a panel to the next
 };
 
 // Packs whole numbers as words of four bytes or two shorts: of a panel a word of each column for

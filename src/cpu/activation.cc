@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <optional>
 
@@ -105,12 +106,13 @@ int LaneRows(int64_t points) {
 class GroupWalk {
  public:
   GroupWalk(const int64_t* in, const ActivationShape& shape, const ActivationGroups& groups,
-            const ActivationMode& mode, int32_t* out)
+            const ActivationMode& mode, int32_t* out, Workers* workers)
       : in_(in),
         shape_(shape),
         groups_(groups),
         mode_(mode),
         out_(out),
+        workers_(workers),
         clip_{mode.is_8bit_to_16bit_mode ? 8 : 0, -int64_t{mode.clip_bits} - 1, mode.clip_bits},
         is_plain_(mode.is_16bit_precision_mode || mode.is_velquin),
         max_lanes_(kMaxLanes * 8 / std::max(LaneRows(groups.x_points.columns), 8)) {}
@@ -147,23 +149,44 @@ class GroupWalk {
 
   void RunLoop(const Runs& elements, const PieceTable& table) {
     const auto loop = is_plain_ ? CurrentLoops().plain : CurrentLoops().magnitude;
-    for (int64_t run = 0; run < elements.runs; ++run) {
-      const int64_t first = channel_ + run * elements.stride;
-      const int64_t end = first + elements.count;
+    const auto run = [&](int64_t first, int64_t end) {
       for (int64_t i = first; i < end; i += kPieceBlock) {
         const int block = static_cast<int>(std::min<int64_t>(kPieceBlock, end - i));
         loop(in_ + i, block, table, clip_, out_ + i);
       }
-    }
+    };
+    ShareElements(elements, LoopCost(), run);
   }
 
   void RunDefinition(const Runs& elements, int64_t group) {
-    for (int64_t run = 0; run < elements.runs; ++run) {
-      const int64_t first = channel_ + run * elements.stride;
-      for (int64_t i = first; i < first + elements.count; ++i) {
+    const auto run = [&](int64_t first, int64_t end) {
+      for (int64_t i = first; i < end; ++i) {
         out_[i] = DefineActivationElement(in_[i], group, groups_, mode_);
       }
-    }
+    };
+    ShareElements(elements, 15 + groups_.x_points.columns, run);
+  }
+
+  // The cycles of an element in the loops, roughly.
+  int64_t LoopCost() const { return 1 + groups_.x_points.columns / 8; }
+
+  // Shares out the elements from the channel on, a run or a block of the only one at a time: run
+  // takes a range of neighbours. `cost` are the cycles of an element.
+  template <typename Run>
+  void ShareElements(const Runs& elements, int64_t cost, const Run& run) {
+    const bool is_one = elements.runs == 1;
+    const int64_t unit = is_one ? kPieceBlock : elements.count;
+    const int64_t units = is_one ? (elements.count + unit - 1) / unit : elements.runs;
+    const auto part = [&](int64_t first, int64_t end) {
+      if (is_one) {
+        return run(channel_ + first * unit, channel_ + std::min(end * unit, elements.count));
+      }
+      for (int64_t k = first; k < end; ++k) {
+        const int64_t begin = channel_ + k * elements.stride;
+        run(begin, begin + elements.count);
+      }
+    };
+    workers_->Share(units, unit * cost, std::cref(part));
   }
 
   // Gives the channel after those in lanes a lane.
@@ -207,7 +230,11 @@ class GroupWalk {
 
   void RunLanes(const Runs& runs, int64_t first) {
     const auto loop = is_plain_ ? CurrentLoops().plain_lanes : CurrentLoops().magnitude_lanes;
-    loop(in_ + first, runs, *lane_tables_, clip_, out_ + first);
+    const auto part = [&](int64_t begin, int64_t end) {
+      const int64_t at = first + begin * runs.stride;
+      loop(in_ + at, {end - begin, runs.count, runs.stride}, *lane_tables_, clip_, out_ + at);
+    };
+    workers_->Share(runs.runs, runs.count * LoopCost(), std::cref(part));
   }
 
   void RepeatLanes(int times) {
@@ -227,6 +254,7 @@ class GroupWalk {
   const ActivationGroups& groups_;
   const ActivationMode& mode_;
   int32_t* out_;
+  Workers* workers_;
   ActivationClip clip_;
   bool is_plain_;
   int max_lanes_;        // the tables of so many stay in the nearest cache
@@ -238,8 +266,9 @@ class GroupWalk {
 }  // namespace
 
 void ComputeActivation(const int64_t* in, const ActivationShape& shape,
-                       const ActivationGroups& groups, const ActivationMode& mode, int32_t* out) {
-  GroupWalk(in, shape, groups, mode, out).Run();
+                       const ActivationGroups& groups, const ActivationMode& mode, int32_t* out,
+                       Workers* workers) {
+  GroupWalk(in, shape, groups, mode, out, workers).Run();
 }
 
 }  // namespace bitfold

@@ -1,7 +1,8 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the kernels of the four additions run: the definitions over 0 <= i < count, block by block.
+// What the kernels of the four additions run: the definitions over 0 <= i < count, block by block,
+// the blocks shared out among the workers.
 
 #ifndef BITFOLD_SRC_CPU_ADDITIONS_H_
 #define BITFOLD_SRC_CPU_ADDITIONS_H_
@@ -13,6 +14,7 @@
 #include "bitfold/HDecomposedBiasAdd.h"
 #include "bitfold/HStandaloneElementwiseAdd.h"
 #include "frame/cancellation.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
@@ -22,18 +24,20 @@ namespace bitfold {
 // milliseconds and the output holds any values.
 
 template <typename T>
-void ComputeAdd(const AddCall<T>& call, int64_t count, const Cancellation* cancellation = nullptr);
+void ComputeAdd(const AddCall<T>& call, int64_t count, Workers* workers,
+                const Cancellation* cancellation = nullptr);
 
 template <typename T>
-void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count,
+void ComputeBiasAdd(const BiasAddCall<T>& call, int64_t count, Workers* workers,
                     const Cancellation* cancellation = nullptr);
 
 template <typename T>
-void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count,
+void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t count, Workers* workers,
                               const Cancellation* cancellation = nullptr);
 
 template <typename T>
-void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call, int64_t count);
+void ComputeStandaloneElementwiseAdd(const StandaloneElementwiseAddCall<T>& call, int64_t count,
+                                     Workers* workers);
 
 }  // namespace bitfold
 

@@ -5,13 +5,14 @@
 #define BITFOLD_SRC_CPU_BILINEAR_H_
 
 #include "bitfold/HBilinear.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
-// What the kernel of HBilinear runs: run_bilinear, block by block. T is int32_t or float; the
-// output shares no memory with the inputs.
+// What the kernel of HBilinear runs: run_bilinear, block by block, the blocks shared out among the
+// workers. T is int32_t or float; the output shares no memory with the inputs.
 template <typename T>
-void ComputeBilinear(const BilinearCall<T>& call);
+void ComputeBilinear(const BilinearCall<T>& call, Workers* workers);
 
 }  // namespace bitfold
 

@@ -38,6 +38,11 @@ class BatchConvolution {
   // How; empty where by the definition.
   std::optional<ChainPlan> plan() const { return engine_ ? engine_->plan() : std::nullopt; }
 
+  // Into what images are cut, where they are; null otherwise.
+  const OutputBlocks* blocks() const {
+    return engine_ && cuts_images_ ? &engine_->blocks() : nullptr;
+  }
+
  private:
   using Engine = ChainEngine<Datapath<T>, T>;
 

@@ -66,23 +66,9 @@ Rest Multiply(const MatMulCall<T>& call, int32_t batch_index, Workers* workers, 
       scratch);
   if (!engine.plan()) return {};
 
-  const int64_t blocks = engine.blocks().count();
-  std::vector<std::vector<int64_t>> may_print(static_cast<size_t>(blocks));
   Slots slots(threads);
-  workers->Share(blocks, engine.BlockCost(), [&](int64_t first, int64_t end) {
-    const Slots::Lease slot(&slots);
-    for (int64_t i = first; i < end; ++i) {
-      std::vector<int64_t>* of_block = &may_print[static_cast<size_t>(i)];
-      engine.Run({image.input, nullptr, image.output, 0}, engine.blocks()[i], slot.number(),
-                 [of_block](int64_t output) { of_block->push_back(output); });
-    }
-  });
-  Rest rest{true, weights.corrected, {}};
-  for (const auto& of_block : may_print) {
-    rest.may_print.insert(rest.may_print.end(), of_block.begin(), of_block.end());
-  }
-  std::sort(rest.may_print.begin(), rest.may_print.end());  // blocks may lie side by side
-  return rest;
+  return {true, weights.corrected,
+          engine.RunShared({image.input, nullptr, image.output, 0}, &slots, workers)};
 }
 
 template <typename T>

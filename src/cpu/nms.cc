@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <utility>
 
 #include "frame/log.h"
@@ -131,6 +132,12 @@ Frame ClassFrame(std::vector<Box> boxes, const SuppressionOptions& options, Supp
   return frame;
 }
 
+// The cycles of a frame, roughly.
+int64_t FrameCost(const SuppressionInput& in, int64_t frame_rows) {
+  const int64_t boxes = int64_t{in.d1} * in.d2 * in.d3 / in.k / 5;
+  return 500 + 50 * boxes + 5 * frame_rows;
+}
+
 // What NMSTensor logs at the end.
 void LogFrames(const float* rows, int64_t frames, int64_t frame_rows, SuppressionLog log) {
   if (log == nullptr) return;
@@ -147,23 +154,32 @@ void LogFrames(const float* rows, int64_t frames, int64_t frame_rows, Suppressio
 
 }  // namespace
 
-void ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options, float* out) {
+void ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options, float* out,
+                Workers* workers) {
   const SuppressionLog log = InformationLogIsOn() ? LogInformation : nullptr;
   const auto frame_rows = static_cast<int64_t>(options.max_output_size);
-  float* next = out;
-  for (int32_t batch = 0; batch < in.b; ++batch) {
-    for (int32_t c = 0; c < in.k; ++c) {
+  const int64_t frames = int64_t{in.b} * in.k;
+  const auto part = [&](int64_t first, int64_t end) {
+    for (int64_t f = first; f < end; ++f) {
+      const auto batch = static_cast<int32_t>(f / in.k);
+      const auto c = static_cast<int32_t>(f % in.k);
       LogParts(log, "batch = ", batch, " class = ", c, "\n");
       std::vector<Box> boxes = in.BoxesOf(batch, c);
       LogBoxes(log, boxes);
-      float* const end = next + 5 * frame_rows;
+      float* next = out + f * 5 * frame_rows;
+      float* const frame_end = next + 5 * frame_rows;
       for (const std::vector<float>& row : ClassFrame(std::move(boxes), options, log)) {
         next = std::copy(row.begin(), row.end(), next);
       }
-      next = std::fill_n(next, end - next, 0.0f);
+      std::fill(next, frame_end, 0.0f);
     }
+  };
+  if (log != nullptr) {
+    part(0, frames);  // messages come in the order of the frames
+  } else {
+    workers->Share(frames, FrameCost(in, frame_rows), std::cref(part));
   }
-  LogFrames(out, int64_t{in.b} * in.k, frame_rows, log);
+  LogFrames(out, frames, frame_rows, log);
 }
 
 }  // namespace bitfold

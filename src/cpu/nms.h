@@ -9,13 +9,16 @@
 #include <vector>
 
 #include "bitfold/HNMS.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
 // The frames, the messages and the assertions of NMSTensor, with the same requirements and a
 // max_output_size of at least 1; the log is the runtime's. The rows of all frames go to `out`, one
-// after the other: in.b * in.k * max_output_size rows of five numbers.
-void ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options, float* out);
+// after the other: in.b * in.k * max_output_size rows of five numbers. Without a log the frames are
+// shared out among the workers.
+void ComputeNMS(const SuppressionInput& in, const SuppressionOptions& options, float* out,
+                Workers* workers);
 
 // The quiet form, with the frame of DefineClassNMS and no message: candidates in the order of their
 // selection, each tested against the boxes selected before it. False, and nothing written, where

@@ -142,6 +142,16 @@ bool PreparedConvolution<In, Out>::HasNarrowBias() const {
                      [period](int64_t bias) { return std::abs(bias) <= period; });
 }
 
+// What no sum with its bias exceeds in magnitude. A step at a time sums whose addends exceed the
+// period leave the accumulator's range.
+template <typename In, typename Out>
+int64_t PreparedConvolution<In, Out>::LargestOutcome() const {
+  constexpr int64_t kLargestHalf = int64_t{1} << 15;
+  if (layer_.use_fp16_acc) return kLargestHalf;
+  const bool is_in_range = plan_ && plan_->path != ChainPath::kStepwise && HasNarrowBias();
+  return is_in_range ? int64_t{1} << (layer_.accumulator_size - 1) : INT64_MAX;
+}
+
 // The wrap of a bias of at most 2^w is the wrap of the whole sum, which then begins with it; and
 // where no sum of the layer can leave the width, nothing wraps.
 template <typename In, typename Out>
@@ -154,10 +164,12 @@ void PreparedConvolution<In, Out>::PrepareDots(const std::vector<int32_t>& weigh
   finish.largest_sum = std::min(largest, finish.largest_sum);
   if (begins) finish.bias = nullptr;
   const int32_t* addends = begins ? layer_.bias : nullptr;
+  CallingThread calling_thread;  // once for a network
   const bool has_memory =
       layer_.is_depthwise
           ? depthwise_.emplace(Dots(), *plan_).Prepare(weights.data(), 1, &memory_, addends)
-          : dots_.emplace(Dots(), *plan_).Prepare(weights.data(), &memory_, addends);
+          : dots_.emplace(Dots(), *plan_)
+                .Prepare(weights.data(), &calling_thread, &memory_, addends);
   if (!has_memory) throw std::bad_alloc();
   finish_ = std::make_unique<LayerFinish>(finish);
 }
@@ -184,7 +196,7 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
           layer_.per_channel,
           layer_.requantise,
           std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16,
-          int64_t{1} << (HasNarrowBias() ? std::max(0, layer_.accumulator_size - 1) : 62)};
+          LargestOutcome()};
 }
 
 template <typename In, typename Out>

@@ -50,6 +50,7 @@ class PreparedConvolution {
   ChainFacts FactsWith(const std::vector<int32_t>& weights) const;
   int64_t LargestSum(const std::vector<int32_t>& weights) const;
   bool HasNarrowBias() const;
+  int64_t LargestOutcome() const;
   void PrepareDots(const std::vector<int32_t>& weights);
   template <typename T>
   void PrepareSums(std::optional<PreparedSums<T>>* sums, std::vector<T> weights, bool corrects,

@@ -58,22 +58,11 @@ PreparedSums<T>::PreparedSums(const PreparedLayer& layer, std::vector<T> weights
 // By blocks, whose outputs that may print a line come after all of them, in their order.
 template <typename T>
 void PreparedSums<T>::SumBlocks(const ConvolutionCall<T>& call, Workers* workers) const {
-  const ChainImage<T> image = {call.input, nullptr, call.output, 0};
-  std::vector<std::vector<int64_t>> may_print(static_cast<size_t>(engine_.blocks().count()));
-  workers->Share(engine_.blocks().count(), engine_.BlockCost(), [&](int64_t first, int64_t end) {
-    const Slots::Lease slot(&slots_);
-    for (int64_t block = first; block < end; ++block) {
-      auto& of_block = may_print[static_cast<size_t>(block)];
-      engine_.Run(image, engine_.blocks()[block], slot.number(),
-                  [&of_block](int64_t output) { of_block.push_back(output); });
-    }
-  });
-  std::vector<int64_t> all;
-  for (const auto& of_block : may_print) all.insert(all.end(), of_block.begin(), of_block.end());
-  std::sort(all.begin(), all.end());
+  const std::vector<int64_t> may_print =
+      engine_.RunShared({call.input, nullptr, call.output, 0}, &slots_, workers);
   ImageConvolution<T> definition(call, 0);
   const int64_t columns = layer_.columns.outputs();
-  for (const int64_t output : all) {
+  for (const int64_t output : may_print) {
     const int64_t position = output / layer_.out_channels;
     definition.DefineOutput(static_cast<int32_t>(position / columns),
                             static_cast<int32_t>(position % columns),
@@ -93,14 +82,14 @@ void PreparedSums<T>::Sum(Buffers* buffers, Workers* workers) const {
 }
 
 template <typename T>
-void PreparedSums<T>::AddBias(Buffers* buffers) const {
+void PreparedSums<T>::AddBias(Buffers* buffers, Workers* workers) const {
   const T factor = T{1};
   const float once = 1.0f;
   const std::vector<T> sums = buffers->sums;
   ComputeBiasAdd<T>({sums.data(), bias_.data(), &factor, &once, buffers->sums.data(),
                      AdditionShape{1, 1, 1, layer_.out_channels},
                      DatapathAttributes{layer_.accumulator_size, &shift_, layer_.use_fp16_acc}},
-                    layer_.OutputElements());
+                    layer_.OutputElements(), workers);
 }
 
 template <typename T>
@@ -112,7 +101,7 @@ void PreparedSums<T>::RunImage(const In* image, const StoredOutput& output,
   Sum(&buffers, workers);
   const int32_t* sums = buffers.whole.data();
   if constexpr (std::is_same_v<T, float>) {
-    if (!bias_.empty()) AddBias(&buffers);
+    if (!bias_.empty()) AddBias(&buffers, workers);
     std::transform(buffers.sums.begin(), buffers.sums.end(), buffers.whole.begin(),
                    [](float sum) { return static_cast<int32_t>(sum); });
   } else {

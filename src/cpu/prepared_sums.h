@@ -45,7 +45,7 @@ class PreparedSums {
 
   void Sum(Buffers* buffers, Workers* workers) const;
   void SumBlocks(const ConvolutionCall<T>& call, Workers* workers) const;
-  void AddBias(Buffers* buffers) const;
+  void AddBias(Buffers* buffers, Workers* workers) const;
   template <typename In>
   void RunImage(const In* image, const StoredOutput& output, Workers* workers) const;
 

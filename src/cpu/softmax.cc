@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bitfold/HSoftmax.h"
+#include "frame/replay.h"
 #include "vector/target.h"
 
 namespace bitfold {
@@ -39,7 +40,7 @@ float SumInOrder(const std::vector<int32_t>& exponentials, int64_t total) {
 }  // namespace
 
 void ComputeSoftmax(const float* in, float* out, int total, int num_vectors,
-                    const uint32_t* lut_table, bool is_velquin) {
+                    const uint32_t* lut_table, bool is_velquin, Workers* workers) {
   if (num_vectors <= 0 || total < num_vectors) return;
   uint16_t exp_lut[kSoftmaxRows];
   SoftmaxSum sums[kSoftmaxRows];
@@ -50,14 +51,20 @@ void ComputeSoftmax(const float* in, float* out, int total, int num_vectors,
 
   const SoftmaxLoops& loops = CurrentLoops();
   const int size = total / num_vectors;
-  std::vector<int32_t> exponentials(static_cast<size_t>(size));
-  for (int v = 0; v < num_vectors; ++v) {
-    const float* x = in + int64_t{v} * size;
-    const float maximum = loops.maximum(x, size);
-    const int64_t whole = loops.look_up(x, size, maximum, table, exponentials.data());
-    const int32_t reciprocal = SoftmaxReciprocal(SumInOrder(exponentials, whole), sums, is_velquin);
-    loops.scale(exponentials.data(), size, reciprocal, out + int64_t{v} * size);
-  }
+  const int64_t cost = 150 + int64_t{5} * size / 2;  // cycles of a vector
+  const auto part = [&](int64_t first, int64_t end, const Replay& replay) {
+    std::vector<int32_t> exponentials(static_cast<size_t>(size));
+    for (int64_t v = first; v < end; ++v) {
+      const float* x = in + v * size;
+      const float maximum = loops.maximum(x, size);
+      const int64_t whole = loops.look_up(x, size, maximum, table, exponentials.data());
+      const float sum = SumInOrder(exponentials, whole);
+      if (OverflowsSoftmax(sum, is_velquin)) replay(v);
+      const int32_t reciprocal = LimitedSoftmaxReciprocal(sum, sums, is_velquin);
+      loops.scale(exponentials.data(), size, reciprocal, out + v * size);
+    }
+  };
+  ShareWithReplay(workers, num_vectors, cost, part, [](int64_t) { WarnSoftmaxOverflow(); });
 }
 
 }  // namespace bitfold

@@ -6,11 +6,14 @@
 
 #include <cstdint>
 
+#include "frame/workers.h"
+
 namespace bitfold {
 
-// The bits and the printed lines of run_softmax, with the same requirements, by vector loops.
+// The bits and the printed lines of run_softmax, with the same requirements, by vector loops, the
+// vectors shared out among the workers.
 void ComputeSoftmax(const float* in, float* out, int total, int num_vectors,
-                    const uint32_t* lut_table, bool is_velquin);
+                    const uint32_t* lut_table, bool is_velquin, Workers* workers);
 
 }  // namespace bitfold
 

@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "bitfold/datapath.h"
+#include "frame/replay.h"
+#include "frame/workers.h"
 
 namespace bitfold {
 
@@ -67,14 +69,27 @@ struct PairLoops {
 template <typename T>
 const PairLoops<T>& CurrentPairLoops();
 
-// Calls fast(first, n) for each block of [0, count), and define(first, n) after those for which it
-// returned that a line may have been printed.
+// How often a block of kDatapathBlock elements fits `count`, begun ones included.
+inline int64_t BlocksOf(int64_t count) { return (count + kDatapathBlock - 1) / kDatapathBlock; }
+
+// The elements of block `block` of `count`.
+inline int BlockSize(int64_t block, int64_t count) {
+  return static_cast<int>(std::min<int64_t>(kDatapathBlock, count - block * kDatapathBlock));
+}
+
+// Calls fast(first, n) for each block of [0, count), shared out among the workers, and
+// define(first, n), in order, for those for which it returned that a line may have been printed.
+// `cost` are the cycles of a block, roughly.
 template <typename Fast, typename Define>
-void ForEachBlock(int64_t count, Fast fast, Define define) {
-  for (int64_t first = 0; first < count; first += kDatapathBlock) {
-    const int n = static_cast<int>(std::min<int64_t>(kDatapathBlock, count - first));
-    if (fast(first, n)) define(first, n);
-  }
+void ForEachBlock(Workers* workers, int64_t count, int64_t cost, const Fast& fast,
+                  const Define& define) {
+  const auto part = [&](int64_t first, int64_t end, const Replay& replay) {
+    for (int64_t block = first; block < end; ++block) {
+      if (fast(block * kDatapathBlock, BlockSize(block, count))) replay(block);
+    }
+  };
+  ShareWithReplay(workers, BlocksOf(count), cost, part,
+                  [&](int64_t block) { define(block * kDatapathBlock, BlockSize(block, count)); });
 }
 
 // An array of `period` elements continued periodically, so that a block may start anywhere in it.

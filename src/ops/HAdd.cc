@@ -11,6 +11,7 @@
 #include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -48,9 +49,10 @@ struct HAddElementwise2DFunctor;
 
 template <typename T>
 struct HAddElementwise4dFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const AddCall<T>& call,
+  void operator()(OpKernelContext* context, const AddCall<T>& call,
                   const Cancellation& cancellation) const {
-    ComputeAdd(call, call.shape.ElementCount(), &cancellation);
+    OpWorkers workers(context);
+    ComputeAdd(call, call.shape.ElementCount(), &workers, &cancellation);
   }
 };
 
@@ -61,15 +63,15 @@ struct HAddElementwise2DFunctor<CPUDevice, T> : HAddElementwise4dFunctor<CPUDevi
 
 template <typename T>
 struct HAddElementwise4dFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const AddCall<T>& call, const Cancellation&) const {
-    LaunchAddEwFeedRepeat4D(device.stream, call);
+  void operator()(OpKernelContext* context, const AddCall<T>& call, const Cancellation&) const {
+    LaunchAddEwFeedRepeat4D(DeviceOf<GPUDevice>(context).stream, call);
   }
 };
 
 template <typename T>
 struct HAddElementwise2DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const AddCall<T>& call, const Cancellation&) const {
-    LaunchAddEwFeedRepeat2D(device.stream, call);
+  void operator()(OpKernelContext* context, const AddCall<T>& call, const Cancellation&) const {
+    LaunchAddEwFeedRepeat2D(DeviceOf<GPUDevice>(context).stream, call);
   }
 };
 
@@ -101,9 +103,9 @@ class HAddOp : public AdditionOp<T> {
                           shape,
                           this->AttributesWith(context->input(4))};
     if (value.dims() == 4) {
-      HAddElementwise4dFunctor<Device, T>()(device, call, cancellation);
+      HAddElementwise4dFunctor<Device, T>()(context, call, cancellation);
     } else {
-      HAddElementwise2DFunctor<Device, T>()(device, call, cancellation);
+      HAddElementwise2DFunctor<Device, T>()(context, call, cancellation);
     }
     OP_REQUIRES_OK(context, cancellation.Status());
   }

@@ -9,6 +9,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "ops/box_decoder_op.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -60,9 +61,11 @@ class HBboxDecoderOp : public BoxDecoderOp<T> {
 
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
+    OpWorkers workers(context);
     ComputeBboxDecoder<T>({data(0), data(1), data(2), data(3), data(4), data(5), data(6), data(7),
                            data(8), data(9), context->mutable_output(0)->flat<T>().data(), *grid,
-                           this->AttributesWith(context->input(10))});
+                           this->AttributesWith(context->input(10))},
+                          &workers);
   }
 };
 

@@ -11,6 +11,7 @@
 #include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -46,9 +47,10 @@ struct HAddBias4DFunctor;
 
 template <typename T>
 struct HAddBias4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const BiasAddCall<T>& call,
+  void operator()(OpKernelContext* context, const BiasAddCall<T>& call,
                   const Cancellation& cancellation) const {
-    ComputeBiasAdd(call, call.shape.ElementCount(), &cancellation);
+    OpWorkers workers(context);
+    ComputeBiasAdd(call, call.shape.ElementCount(), &workers, &cancellation);
   }
 };
 
@@ -56,8 +58,8 @@ struct HAddBias4DFunctor<CPUDevice, T> {
 
 template <typename T>
 struct HAddBias4DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const BiasAddCall<T>& call, const Cancellation&) const {
-    LaunchAddFeedRepeat(device.stream, call);
+  void operator()(OpKernelContext* context, const BiasAddCall<T>& call, const Cancellation&) const {
+    LaunchAddFeedRepeat(DeviceOf<GPUDevice>(context).stream, call);
   }
 };
 
@@ -92,7 +94,7 @@ class HBiasAddOp : public AdditionOp<T> {
                               output->flat<T>().data(),
                               shape,
                               this->AttributesWith(context->input(4))};
-    HAddBias4DFunctor<Device, T>()(device, call, cancellation);
+    HAddBias4DFunctor<Device, T>()(context, call, cancellation);
     OP_REQUIRES_OK(context, cancellation.Status());
   }
 

@@ -9,6 +9,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -57,6 +58,7 @@ class HBilinearOp : public GuardedOp {
     const DefaultFloatingPointScope scope;
     const auto data = [context](int i) { return context->input(i).flat<T>().data(); };
     const int64_t items = first.dim_size(0);
+    OpWorkers workers(context);
     ComputeBilinear<T>(
         {{{data(0), data(1), data(2), data(3)}, {data(4), data(5), data(6), data(7)}},
          output->flat<T>().data(),
@@ -64,7 +66,8 @@ class HBilinearOp : public GuardedOp {
          static_cast<unsigned>(items),
          context->input(9).flat<float>()(0),
          float_accumulator_,
-         {accumulator_size_, context->input(8).flat<int8_t>().data(), false}});
+         {accumulator_size_, context->input(8).flat<int8_t>().data(), false}},
+        &workers);
   }
 
  private:

@@ -11,6 +11,7 @@
 #include "frame/op_cancellation.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -48,9 +49,10 @@ struct HAddDecomposedBias4DFunctor;
 
 template <typename T>
 struct HAddDecomposedBias4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const DecomposedBiasAddCall<T>& call,
+  void operator()(OpKernelContext* context, const DecomposedBiasAddCall<T>& call,
                   const Cancellation& cancellation) const {
-    ComputeDecomposedBiasAdd(call, call.shape.ElementCount(), &cancellation);
+    OpWorkers workers(context);
+    ComputeDecomposedBiasAdd(call, call.shape.ElementCount(), &workers, &cancellation);
   }
 };
 
@@ -58,9 +60,9 @@ struct HAddDecomposedBias4DFunctor<CPUDevice, T> {
 
 template <typename T>
 struct HAddDecomposedBias4DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const DecomposedBiasAddCall<T>& call,
+  void operator()(OpKernelContext* context, const DecomposedBiasAddCall<T>& call,
                   const Cancellation&) const {
-    LaunchAddDecomposedFeedRepeat(device.stream, call);
+    LaunchAddDecomposedFeedRepeat(DeviceOf<GPUDevice>(context).stream, call);
   }
 };
 
@@ -97,7 +99,7 @@ class HDecomposedBiasAddOp : public AdditionOp<T> {
                                         output->flat<T>().data(),
                                         shape,
                                         this->AttributesWith(context->input(6))};
-    HAddDecomposedBias4DFunctor<Device, T>()(device, call, cancellation);
+    HAddDecomposedBias4DFunctor<Device, T>()(context, call, cancellation);
     OP_REQUIRES_OK(context, cancellation.Status());
   }
 

@@ -12,6 +12,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -127,8 +128,9 @@ class HLayernormOp : public GuardedOp {
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
     const DefaultFloatingPointScope scope;
+    OpWorkers workers(context);
     ComputeLayernorm(value.flat<float>().data(), output->flat<float>().data(), shape,
-                     lut_table->flat<float>().data(), params);
+                     lut_table->flat<float>().data(), params, &workers);
   }
 
  private:

@@ -12,6 +12,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -66,7 +67,8 @@ class HNMSOp : public GuardedOp {
     Tensor* output = nullptr;
     OP_REQUIRES_OK(context, AllocateFrames(context, {size(0), classes, rows, 5}, &output));
     const DefaultFloatingPointScope scope;
-    ComputeNMS(in, options, output->flat<float>().data());
+    OpWorkers workers(context);
+    ComputeNMS(in, options, output->flat<float>().data(), &workers);
     LOG(INFO) << "batch_size=" << size(0) << ", classes=" << classes_ << ", boxes=" << rows
               << ", params=" << 5 << "\n";
   }

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "absl/strings/str_format.h"
@@ -23,6 +24,7 @@
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
 #include "tensorflow/core/framework/shape_inference.h"
+#include "tensorflow/core/framework/tensor_util.h"
 
 namespace bitfold {
 
@@ -85,6 +87,13 @@ struct WindowAttributes {
   }
 };
 
+// The inputs that a layer is made of.
+struct Weights {
+  Tensor filter;
+  Tensor bias;
+  Tensor multipliers;
+};
+
 absl::Status InferShape(InferenceContext* c) {
   ShapeHandle input;
   ShapeHandle filter;
@@ -134,12 +143,13 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
       .Attr("zero_point: int")
       .Attr("minimum: int")
       .Attr("maximum: int")
+      .Attr("has_constant_weights: bool")
       .SetShapeFn(InferShape);
 }
 
-// The layer is made at the first call and kept: its weights are constants, and calls that bring the
-// same memory and the same image sizes use it again. The kernel holds that memory, so that no other
-// weights can come to lie there.
+// The layer is made at the first call and kept; calls that bring the same weights and image sizes
+// use it again. Weights that nothing rewrites in place are known by their memory, which the kernel
+// holds, so that no others can come to lie there; of any the kernel has a copy to compare with.
 template <typename In, typename Out>
 class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
  public:
@@ -156,6 +166,7 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
     OP_REQUIRES_OK(context, context->GetAttr("zero_point", &mode_.zero_point));
     OP_REQUIRES_OK(context, context->GetAttr("minimum", &mode_.minimum));
     OP_REQUIRES_OK(context, context->GetAttr("maximum", &mode_.maximum));
+    OP_REQUIRES_OK(context, context->GetAttr("has_constant_weights", &has_constant_weights_));
     OP_REQUIRES_OK(context, CheckStored(mode_, tensorflow::DataTypeToEnum<Out>::value));
     OP_REQUIRES_OK(context, CheckAttributes());
   }
@@ -182,24 +193,24 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
 
   // A layer and what it was made of.
   struct Held {
-    Tensor filter;
-    Tensor bias;
-    Tensor multipliers;
+    Weights weights;
     std::unique_ptr<const Layer> layer;
 
     bool IsOf(OpKernelContext* context) const {
       const Tensor& input = context->input(0);
-      return IsSame(filter, context->input(1)) && IsSame(bias, context->input(2)) &&
-             IsSame(multipliers, context->input(3)) && input.dims() == 4 &&
-             input.dim_size(1) == layer->layer().rows.input &&
+      return input.dims() == 4 && input.dim_size(1) == layer->layer().rows.input &&
              input.dim_size(2) == layer->layer().columns.input &&
-             input.dim_size(3) == layer->layer().in_channels && input.dim_size(0) <= kLargestSize;
+             input.dim_size(3) == layer->layer().in_channels && input.dim_size(0) <= kLargestSize &&
+             IsSame(weights.bias, context->input(2)) &&
+             IsSame(weights.multipliers, context->input(3)) &&
+             IsSame(weights.filter, context->input(1));
     }
 
-    // Without elements there is no memory, and nothing to differ.
-    static bool IsSame(const Tensor& a, const Tensor& b) {
-      if (a.shape() != b.shape()) return false;
-      return IsEmpty(a) || (a.SharesBufferWith(b) && a.data() == b.data());
+    // The kernel's own copies share no memory with an input.
+    static bool IsSame(const Tensor& held, const Tensor& given) {
+      if (held.shape() != given.shape()) return false;
+      if (held.SharesBufferWith(given) && held.data() == given.data()) return true;
+      return held.tensor_data() == given.tensor_data();
     }
   };
 
@@ -209,13 +220,18 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
     if (held_ == nullptr || !held_->IsOf(context)) {
       PreparedLayer layer{};
       OpWorkers workers(context);
-      TF_RETURN_IF_ERROR(Describe(context, &layer));
-      held_ =
-          std::make_shared<const Held>(Held{context->input(1), context->input(2), context->input(3),
-                                            std::make_unique<const Layer>(layer, &workers)});
+      Weights weights = {WeightsOf(context, 1), WeightsOf(context, 2), WeightsOf(context, 3)};
+      TF_RETURN_IF_ERROR(Describe(context->input(0), weights, &layer));
+      held_ = std::make_shared<const Held>(
+          Held{std::move(weights), std::make_unique<const Layer>(layer, &workers)});
     }
     *held = held_;
     return absl::OkStatus();
+  }
+
+  Tensor WeightsOf(OpKernelContext* context, int index) const {
+    const Tensor& given = context->input(index);
+    return has_constant_weights_ ? given : tensorflow::tensor::DeepCopy(given);
   }
 
   absl::Status CheckAttributes() const {
@@ -232,11 +248,9 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
                         use_fp16_acc_ ? " in half precision" : "", mode_.shift));
   }
 
-  absl::Status Describe(OpKernelContext* context, PreparedLayer* layer) const {
-    const Tensor& input = context->input(0);
-    const Tensor& filter = context->input(1);
-    const Tensor& bias = context->input(2);
-    const Tensor& multipliers = context->input(3);
+  // The layer points to the weights.
+  absl::Status Describe(const Tensor& input, const Weights& weights, PreparedLayer* layer) const {
+    const auto& [filter, bias, multipliers] = weights;
     if (input.dims() != 4 || filter.dims() != 4) {
       return absl::InvalidArgumentError(absl::StrCat("Need input and filter of rank 4, got shapes ",
                                                      input.shape().DebugString(), " and ",
@@ -306,6 +320,7 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
   int32_t input_zero_point_ = 0;
   bool use_fp16_acc_ = false;
   RequantiseMode mode_ = {};
+  bool has_constant_weights_ = false;
 
   std::mutex mutex_;
   std::shared_ptr<const Held> held_;

@@ -10,6 +10,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -49,10 +50,11 @@ class HSoftmaxOp : public GuardedOp {
     OP_REQUIRES_OK(context, context->allocate_output(0, value.shape(), &output));
     if (IsEmpty(*output)) return;
     const DefaultFloatingPointScope scope;
+    OpWorkers workers(context);
     ComputeSoftmax(value.flat<float>().data(), output->flat<float>().data(),
                    static_cast<int>(value.NumElements()),
                    value.dims() > 1 ? static_cast<int>(value.dim_size(0)) : 1,
-                   lut_table.flat<uint32_t>().data(), is_velquin_);
+                   lut_table.flat<uint32_t>().data(), is_velquin_, &workers);
   }
 
  private:

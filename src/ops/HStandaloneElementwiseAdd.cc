@@ -10,6 +10,7 @@
 #include "frame/floating_point_scope.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "ops/addition_op.h"
 #include "ops/gpu_device.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -43,8 +44,9 @@ struct HStandaloneElementwiseAdd4DFunctor;
 
 template <typename T>
 struct HStandaloneElementwiseAdd4DFunctor<CPUDevice, T> {
-  void operator()(const CPUDevice&, const StandaloneElementwiseAddCall<T>& call) const {
-    ComputeStandaloneElementwiseAdd(call, call.shape.ElementCount());
+  void operator()(OpKernelContext* context, const StandaloneElementwiseAddCall<T>& call) const {
+    OpWorkers workers(context);
+    ComputeStandaloneElementwiseAdd(call, call.shape.ElementCount(), &workers);
   }
 };
 
@@ -52,8 +54,8 @@ struct HStandaloneElementwiseAdd4DFunctor<CPUDevice, T> {
 
 template <typename T>
 struct HStandaloneElementwiseAdd4DFunctor<GPUDevice, T> {
-  void operator()(const GPUDevice& device, const StandaloneElementwiseAddCall<T>& call) const {
-    LaunchAddStandaloneEw(device.stream, call);
+  void operator()(OpKernelContext* context, const StandaloneElementwiseAddCall<T>& call) const {
+    LaunchAddStandaloneEw(DeviceOf<GPUDevice>(context).stream, call);
   }
 };
 
@@ -78,7 +80,7 @@ class HStandaloneElementwiseAddOp : public AdditionOp<T> {
     const StandaloneElementwiseAddCall<T> call{data(0), data(1),
                                                data(2), output->flat<T>().data(),
                                                shape,   this->AttributesWith(context->input(3))};
-    HStandaloneElementwiseAdd4DFunctor<Device, T>()(device, call);
+    HStandaloneElementwiseAdd4DFunctor<Device, T>()(context, call);
   }
 
  private:

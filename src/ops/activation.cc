@@ -12,6 +12,7 @@
 #include "cpu/activation.h"
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
+#include "frame/op_workers.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -78,8 +79,9 @@ class Activation : public GuardedOp {
                                      size_splits.data(),
                                      size_splits.dimension(0)};
     const int64_t positions = inp.dimension(0) * inp.dimension(1) * inp.dimension(2);
+    OpWorkers workers(context);
     ComputeActivation(inp.data(), {positions, channels}, groups, mode_,
-                      output->flat<int32_t>().data());
+                      output->flat<int32_t>().data(), &workers);
   }
 
  private:

@@ -23,6 +23,7 @@
 #include "support/scale.h"
 #include "support/tables.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold {
 namespace {
@@ -336,16 +337,20 @@ void MarkPaths(const LayerNormCase& c, Target target) {
       continue;
     }
     Ran(PathOf(target));
-    const auto scale = GetLayerNormScale(
-        get_sum_of_x_minus_zp(x, n, p.zero_point),
-        get_sum_squares_of_x_minus_zp_times_n(x, n, p.zero_point, p.x_squared_mult), c.lut.data(),
-        p);
+    const int64_t sum = get_sum_of_x_minus_zp(x, n, p.zero_point);
+    const uint64_t squares =
+        get_sum_squares_of_x_minus_zp_times_n(x, n, p.zero_point, p.x_squared_mult);
+    const auto scale = GetLayerNormScale(sum, LayerNormVariance(sum, squares, p), c.lut.data(), p);
     Ran(scale.shift >= 0 ? Path::kLayerNormShiftsLeft : Path::kLayerNormShiftsRight);
   }
 }
 
+ExactBuffer<float> RunLoops(const LayerNormCase& c, Workers* workers, int offset = 0) {
+  return testing::RunLayerNormBy(c, testing::SharedBy<ComputeLayernorm>(workers), offset);
+}
+
 // The two comparisons, each on its own: the definition against the oracle, and the vector loops of
-// each target against the definition.
+// each target, and of parts of a call, against the definition.
 ::testing::AssertionResult Check(const LayerNormCase& c, int offset = 0) {
   ExactBuffer<float> expected(c.count());
   if (OracleLayerNorm(c, &expected) != LayernormStatus::kOk) {
@@ -354,14 +359,16 @@ void MarkPaths(const LayerNormCase& c, Target target) {
   const auto definition = testing::RunLayerNormBy(c, run_layernorm, offset);
   const auto oracle = SameOutputs(c, expected, definition, "definition");
   if (!oracle) return oracle;
+  CallingThread calling_thread;
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
-    const auto same =
-        SameOutputs(c, definition, testing::RunLayerNormBy(c, ComputeLayernorm, offset), name);
+    const auto same = SameOutputs(c, definition, RunLoops(c, &calling_thread, offset), name);
     if (!same) return same;
     MarkPaths(c, target);
   }
-  return ::testing::AssertionSuccess();
+  testing::BackwardParts parts(1);
+  if (c.count() > c.vector_size) Ran(Path::kLayerNormParts);
+  return SameOutputs(c, definition, RunLoops(c, &parts, offset), "in parts");
 }
 
 LayerNormCase PlainCase(const std::vector<float>& x) {
@@ -426,7 +433,8 @@ TEST(HLayernorm, OutputsSaturate) {
     c.params.mul_act_bias = 0;
     c.params.mul_act_man = 65535;
     c.params.mul_act_exp = 0;
-    const auto out = testing::RunLayerNormBy(c, ComputeLayernorm);
+    CallingThread calling_thread;
+    const auto out = RunLoops(c, &calling_thread);
     EXPECT_EQ(out[0], 0.0f);
     EXPECT_EQ(out[2], wide ? 32767.0f : 255.0f);
     ASSERT_TRUE(Check(c));
@@ -498,7 +506,8 @@ TEST(HLayernorm, WritesItsOutputAlone) {
     for (const int size : testing::LaneSizes()) {
       LayerNormCase c = PlainCase(std::vector<float>(static_cast<size_t>(size), 3.0f));
       std::vector<float> out(static_cast<size_t>(size) + 64, 77.0f);
-      ComputeLayernorm(c.in.data(), out.data(), {size, 1, 1, 1}, c.lut.data(), c.params);
+      CallingThread workers;
+      ComputeLayernorm(c.in.data(), out.data(), {size, 1, 1, 1}, c.lut.data(), c.params, &workers);
       for (size_t i = static_cast<size_t>(size); i < out.size(); ++i) {
         ASSERT_EQ(out[i], 77.0f) << name << " wrote element " << i << " of " << size;
       }
@@ -539,8 +548,12 @@ TEST(HLayernormDeathTest, Primitives) {
                Failure(kSumSquares, kSumSquaresLimit));
 }
 
+// The definition or the vector loops.
+using Unit = decltype(&run_layernorm);
+constexpr Unit kLoops = testing::kOnCallingThread<ComputeLayernorm>;
+
 TEST(HLayernormDeathTest, WholeVectors) {
-  for (const auto run : {run_layernorm, ComputeLayernorm}) {
+  for (const Unit run : {Unit{run_layernorm}, kLoops}) {
     const auto dies = [run](const LayerNormCase& c) { testing::RunLayerNormBy(c, run); };
     LayerNormCase c = PlainCase({5.0f, 5.0f});
     c.params.zero_point = 5;
@@ -575,8 +588,30 @@ TEST(HLayernormDeathTest, TheFirstFailureIsReported) {
   const std::string first = reference::LayernormFailure(StatusOf(c));
   ASSERT_EQ(first, "shift_amount <= 64");
   EXPECT_DEATH(testing::RunLayerNormBy(c, run_layernorm), Failure(kRoundingShift, first.c_str()));
-  EXPECT_DEATH(testing::RunLayerNormBy(c, ComputeLayernorm),
-               Failure(kRoundingShift, first.c_str()));
+  EXPECT_DEATH(testing::RunLayerNormBy(c, kLoops), Failure(kRoundingShift, first.c_str()));
+}
+
+// And the first vector's, whichever a part meets first.
+TEST(HLayernormDeathTest, TheFirstVectorsFailureIsReported) {
+  const std::vector<float> no_variance = {5.0f, 5.0f};
+  const std::vector<float> large = {0x1p29f, 0.0f};
+  LayerNormCase c = PlainCase({1.0f, 2.0f});
+  c.params.zero_point = 5;
+  c.params.epsilon = 0;
+  c.width = 4;
+  const std::vector<float> sound = {1.0f, 2.0f};
+  testing::BackwardParts parts(1);
+  for (const bool variance_first : {false, true}) {
+    c.in = sound;
+    for (const auto& vector :
+         {variance_first ? no_variance : large, variance_first ? large : no_variance, sound}) {
+      c.in.insert(c.in.end(), vector.begin(), vector.end());
+    }
+    const std::string failure = variance_first ? Failure(kNormalizeVector, "variance > 0")
+                                               : Failure(kSumSquares, kSumSquaresLimit);
+    EXPECT_DEATH(testing::RunLayerNormBy(c, run_layernorm), failure);
+    EXPECT_DEATH(RunLoops(c, &parts), failure);
+  }
 }
 
 }  // namespace

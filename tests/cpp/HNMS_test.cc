@@ -349,14 +349,17 @@ TEST(HNMS, MessagesOfASmallCase) {
 
 TEST(HNMS, NoEntry) {
   const testing::InformationLog on(true);
-  ComputeNMS({nullptr, 0, 4, 5, 1, 2}, {0, 0.5f, 3, false, false}, nullptr);
+  CallingThread calling_thread;
+  ComputeNMS({nullptr, 0, 4, 5, 1, 2}, {0, 0.5f, 3, false, false}, nullptr, &calling_thread);
   EXPECT_EQ(testing::LoggedInformation(),
             (std::vector<std::string>{"final:\n", "vec size = 0, internal_size = 0\n"}));
 }
 
 TEST(HNMS, NoBoxForVelquin) {
   const testing::InformationLog off(false);
-  const auto frames = testing::ComputedFrames({nullptr, 1, 0, 5, 1, 1}, {0, 0.5f, 2, false, true});
+  CallingThread calling_thread;
+  const auto frames =
+      testing::ComputedFrames({nullptr, 1, 0, 5, 1, 1}, {0, 0.5f, 2, false, true}, &calling_thread);
   EXPECT_EQ(frames, (std::vector<Frame>{Frame(2, std::vector<float>(5))}));
 }
 
@@ -379,10 +382,11 @@ TEST(HNMSDeathTest, Assertions) {
   const SuppressionOptions velquin = {0, 0.5f, 1, false, true};
   const SuppressionOptions other = {0, 0.5f, 1, false, false};
   float out[15];
+  CallingThread workers;
   EXPECT_DEATH(NMSTensor(thirds, velquin, nullptr), partial);
-  EXPECT_DEATH(ComputeNMS(thirds, velquin, out), partial);
+  EXPECT_DEATH(ComputeNMS(thirds, velquin, out, &workers), partial);
   EXPECT_DEATH(NMSTensor(nothing, other, nullptr), empty);
-  EXPECT_DEATH(ComputeNMS(nothing, other, out), empty);
+  EXPECT_DEATH(ComputeNMS(nothing, other, out, &workers), empty);
 }
 
 // ---- The definition against the oracle, the quiet form against the definition ------------------

@@ -22,6 +22,7 @@
 #include "support/softmax_case.h"
 #include "support/tables.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold {
 namespace {
@@ -51,22 +52,28 @@ Path PathOf(Target target) {
                                      : Path::kSoftmaxAvx512;
 }
 
+SoftmaxOutput RunLoops(const SoftmaxCase& c, Workers* workers, int offset = 0) {
+  return testing::RunSoftmaxBy(c, testing::SharedBy<ComputeSoftmax>(workers), offset);
+}
+
 // The two comparisons, each on its own: the definition against the oracle, and the vector loops of
-// each target against the definition.
+// each target, and of parts of a call, against the definition.
 ::testing::AssertionResult Check(const SoftmaxCase& c, int offset = 0) {
   const SoftmaxOutput definition = testing::RunSoftmaxBy(c, run_softmax, offset);
   const auto oracle = SameOutputs(c, testing::OracleSoftmax(c), definition, "definition");
   if (!oracle) return oracle;
+  CallingThread calling_thread;
   const bool in_order = testing::SumsInOrder(c);
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
-    const auto same =
-        SameOutputs(c, definition, testing::RunSoftmaxBy(c, ComputeSoftmax, offset), name);
+    const auto same = SameOutputs(c, definition, RunLoops(c, &calling_thread, offset), name);
     if (!same) return same;
     Ran(PathOf(target));
     if (in_order) Ran(Path::kSoftmaxSumInOrder);
   }
-  return ::testing::AssertionSuccess();
+  testing::BackwardParts parts(1);
+  if (c.vectors > 1) Ran(Path::kSoftmaxParts);
+  return SameOutputs(c, definition, RunLoops(c, &parts, offset), "in parts");
 }
 
 // Falling exponentials, sums and rising reciprocals.
@@ -232,18 +239,19 @@ TEST(HSoftmax, SumsAround24Bits) {
 }
 
 TEST(HSoftmax, OverflowIsReported) {
+  CallingThread calling_thread;
   SoftmaxCase c = SumAround24Bits(-1, 0, false);
-  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, "");
+  EXPECT_EQ(RunLoops(c, &calling_thread).lines, "");
   c = SumAround24Bits(0, 0, false);
-  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, kWarning);
+  EXPECT_EQ(RunLoops(c, &calling_thread).lines, kWarning);
   c.is_velquin = true;
-  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, "");
+  EXPECT_EQ(RunLoops(c, &calling_thread).lines, "");
   // Once for each vector.
   c.is_velquin = false;
   const std::vector<float> once = c.in;
   c.in.insert(c.in.end(), once.begin(), once.end());
   c.vectors = 2;
-  EXPECT_EQ(testing::RunSoftmaxBy(c, ComputeSoftmax).lines, std::string(kWarning) + kWarning);
+  EXPECT_EQ(RunLoops(c, &calling_thread).lines, std::string(kWarning) + kWarning);
   ASSERT_TRUE(Check(c));
 }
 
@@ -419,7 +427,8 @@ TEST(HSoftmax, WritesItsOutputAlone) {
     for (const int size : testing::LaneSizes()) {
       const std::vector<float> in(static_cast<size_t>(size), 1.0f);
       std::vector<float> out(static_cast<size_t>(size) + 64, 77.0f);
-      ComputeSoftmax(in.data(), out.data(), size, 1, table.data(), true);
+      CallingThread workers;
+      ComputeSoftmax(in.data(), out.data(), size, 1, table.data(), true, &workers);
       for (size_t i = static_cast<size_t>(size); i < out.size(); ++i) {
         ASSERT_EQ(out[i], 77.0f) << name << " wrote element " << i << " of " << size;
       }

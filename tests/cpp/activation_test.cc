@@ -22,6 +22,7 @@
 #include "support/scale.h"
 #include "support/tables.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold {
 namespace {
@@ -189,8 +190,13 @@ void MarkPaths(const ActivationCase& c, Target target) {
   MarkLanes(c, target, lanes);
 }
 
+ExactBuffer<int32_t> RunLoops(const ActivationCase& c, Workers* workers, int offset = 0) {
+  return testing::RunActivationBy(c, testing::SharedBy<ComputeActivation>(workers), offset);
+}
+
 // The two comparisons, each on its own: the definition against the oracle, and the vector loops of
-// each target against the definition, which leaves alone what no group takes.
+// each target, and of parts of a call, against the definition, which leaves alone what no group
+// takes.
 ::testing::AssertionResult Check(const ActivationCase& c, int offset = 0) {
   const auto describe = [&c](int64_t i) { return c.Inputs(i); };
   reference::ActivationStatus status;
@@ -203,15 +209,20 @@ void MarkPaths(const ActivationCase& c, Target target) {
                                           "HActivation definition", describe);
   if (!oracle) return oracle;
   const auto definition = testing::RunActivationBy(c, DefineActivation, offset);
+  CallingThread calling_thread;
   for (const auto& [target, name] : testing::SupportedTargets()) {
     const testing::ForcedTarget forced(target);
-    const auto actual = testing::RunActivationBy(c, ComputeActivation, offset);
+    const auto actual = RunLoops(c, &calling_thread, offset);
     const auto same = testing::SameArrays(definition.data(), actual.data(), c.count(),
                                           std::string("HActivation ") + name, describe);
     if (!same) return same;
     MarkPaths(c, target);
   }
-  return ::testing::AssertionSuccess();
+  testing::BackwardParts parts(1);
+  if (c.positions > 1) Ran(Path::kActivationParts);
+  const auto actual = RunLoops(c, &parts, offset);
+  return testing::SameArrays(definition.data(), actual.data(), c.count(), "HActivation in parts",
+                             describe);
 }
 
 enum class Points { kSmall, kWide, kBeyond, kUnordered };
@@ -466,11 +477,12 @@ TEST(Activation, ProductOfTheSmallestInt64) {
 TEST(Activation, UnusedSettings) {
   Random random(0xbe7a);
   ActivationCase c = DrawCase(&random, Points::kSmall, 7, 2, {50}, 0);
-  const auto expected = testing::RunActivationBy(c, ComputeActivation);
+  CallingThread calling_thread;
+  const auto expected = RunLoops(c, &calling_thread);
   for (const int32_t beta : {0, 1, -1, INT32_MAX, INT32_MIN}) {
     c.mode.beta = beta;
     c.mode.is_signed_output = !c.mode.is_signed_output;
-    const auto actual = testing::RunActivationBy(c, ComputeActivation);
+    const auto actual = RunLoops(c, &calling_thread);
     EXPECT_TRUE(testing::SameArrays(expected.data(), actual.data(), c.count(), "unused settings",
                                     [&c](int64_t i) { return c.Inputs(i); }));
   }

@@ -337,20 +337,21 @@ void CheckWeights(Random* random, int32_t rows, int32_t columns, Pack pack) {
   const int32_t panels = (columns + kPanel - 1) / kPanel;
   const int32_t words = (rows + kEach - 1) / kEach;
   const int64_t panel = int64_t{words} * kPanel + random->Between(0, 40);
+  const int32_t stride = columns + random->Between(0, 2);
   const ExactBuffer<T> weights(
-      Numbers<T>(random, int64_t{rows} * columns, std::numeric_limits<Each>::min(),
+      Numbers<T>(random, (rows - 1) * stride + columns, std::numeric_limits<Each>::min(),
                  std::numeric_limits<Each>::max()),
       random->Between(0, 3));
   ExactBuffer<int32_t> out((panels - 1) * panel + int64_t{words} * kPanel, random->Between(0, 3));
   std::fill_n(out.data(), out.count(), 77);
   ExactBuffer<int32_t> sums(int64_t{panels} * kPanel);
   std::fill_n(sums.data(), sums.count(), INT32_MAX);
-  pack(weights.data(), WeightShape{rows, columns, panel}, out.data(), sums.data());
+  pack(weights.data(), WeightShape{rows, columns, stride, panel}, out.data(), sums.data());
   for (int32_t lane = 0; lane < panels * kPanel; ++lane) {
     int64_t sum = INT32_MAX;
     for (int32_t row = 0; row < words * kEach; ++row) {
       const bool is_there = row < rows && lane < columns;
-      const auto expected = static_cast<int32_t>(is_there ? weights[row * columns + lane] : T{0});
+      const auto expected = static_cast<int32_t>(is_there ? weights[row * stride + lane] : T{0});
       Each numbers[kEach];
       const int64_t at = lane / kPanel * panel + int64_t{row / kEach} * kPanel + lane % kPanel;
       std::memcpy(numbers, out.data() + at, sizeof numbers);

@@ -19,6 +19,7 @@
 #include "support/chain_recipes.h"
 #include "support/matmul_case.h"
 #include "support/scale.h"
+#include "support/workers.h"
 
 namespace bitfold {
 namespace {
@@ -151,6 +152,42 @@ TEST(ChainMatrices, LinesFromInsideTiles) {
     }
   }
 }
+
+// Entries, rows and columns shared out: the lines of all entries keep their order.
+template <typename T>
+void CheckShared(const MatMulCase<T>& c, const std::string& name) {
+  const auto definition = DefinitionOf(c);
+  testing::BackwardParts backward(1);
+  testing::ThreadParts threads(3, 1);
+  for (Workers* workers : {static_cast<Workers*>(&backward), static_cast<Workers*>(&threads)}) {
+    auto actual = testing::Output<T>{testing::UnwrittenBuffer<T>(c.count(), 1), ""};
+    actual.lines = testing::PrintedAndCountedBy([&] { c.Share(workers, 2, actual.values.data()); });
+    ASSERT_TRUE(testing::SameOutputs(c, definition, actual, "shared, " + name));
+  }
+}
+
+template <typename T>
+void CheckSharedRecipes(uint64_t seed) {
+  Random random(seed);
+  for (const auto& [target, name] : testing::AllTargets()) {
+    const testing::ForcedTarget forced(target);
+    for (const ChainRecipe& recipe : ChainRecipes<T>()) {
+      const int32_t rows = random.Pick(std::vector<int32_t>{1, 7, 130});
+      MatMulCase<T> c = DrawProduct<T>(&random, recipe, rows, 5, 48);
+      ASSERT_NO_FATAL_FAILURE(CheckShared(c, std::string(recipe.name) + ", " + name));
+      c = DrawProduct<T>(&random, recipe, 3, 5, 17);
+      c.batch = random.Pick(std::vector<int32_t>{2, 20});
+      c.a = testing::DrawRange<T>(&random, c.a_count(), recipe.input, recipe);
+      c.b = testing::DrawRange<T>(&random, c.b_count(), recipe.weights, recipe);
+      ASSERT_NO_FATAL_FAILURE(CheckShared(c, std::string(recipe.name) + ", entries, " + name));
+    }
+  }
+  testing::Ran(testing::Path::kSharedProduct);
+  testing::Ran(testing::Path::kSharedMatrices);
+}
+
+TEST(ChainMatrices, SharedInt32Recipes) { CheckSharedRecipes<int32_t>(0x5b1); }
+TEST(ChainMatrices, SharedFloatRecipes) { CheckSharedRecipes<float>(0x5b2); }
 
 // Each request in turn is refused: the definition does it.
 template <typename T>

@@ -82,7 +82,7 @@ struct Add4D : testing::HAddTraits {
     return {d[0], d[1], d[2], d[3]};
   }
   template <typename T>
-  static void Run(const AddCall<T>& call, int64_t) {
+  static void Run(const AddCall<T>& call, int64_t, Workers*) {
     LaunchAddEwFeedRepeat4D(kStream, call);
   }
 };
@@ -98,7 +98,7 @@ struct Add2D : Add4D {
     return {d[0], 1, 1, d[1] * d[2] * d[3]};
   }
   template <typename T>
-  static void Run(const AddCall<T>& call, int64_t) {
+  static void Run(const AddCall<T>& call, int64_t, Workers*) {
     LaunchAddEwFeedRepeat2D(kStream, call);
   }
 };
@@ -117,7 +117,7 @@ struct Bias : testing::HBiasAddTraits {
   }
   static AdditionShape ShapeOf(int64_t count, int64_t channels) { return Rows(count, channels); }
   template <typename T>
-  static void Run(const BiasAddCall<T>& call, int64_t) {
+  static void Run(const BiasAddCall<T>& call, int64_t, Workers*) {
     LaunchAddFeedRepeat(kStream, call);
   }
 };
@@ -136,7 +136,7 @@ struct DecomposedBias : testing::HDecomposedBiasAddTraits {
   }
   static AdditionShape ShapeOf(int64_t count, int64_t channels) { return Rows(count, channels); }
   template <typename T>
-  static void Run(const DecomposedBiasAddCall<T>& call, int64_t) {
+  static void Run(const DecomposedBiasAddCall<T>& call, int64_t, Workers*) {
     LaunchAddDecomposedFeedRepeat(kStream, call);
   }
 };
@@ -155,7 +155,7 @@ struct Standalone : testing::HStandaloneElementwiseAddTraits {
   }
   static AdditionShape ShapeOf(int64_t count, int64_t channels) { return Rows(count, channels); }
   template <typename T>
-  static void Run(const StandaloneElementwiseAddCall<T>& call, int64_t) {
+  static void Run(const StandaloneElementwiseAddCall<T>& call, int64_t, Workers*) {
     LaunchAddStandaloneEw(kStream, call);
   }
 };
@@ -448,7 +448,7 @@ Launcher LauncherOf(const char* place) {
   return {place, [](const AdditionShape& dimensions) {
             const AdditionShape shape = std::is_same_v<Op, Add2D> ? Flat(dimensions) : dimensions;
             const testing::AdditionInputs<T> nothing(Addition<T>{}, 0);
-            Op::Run(Op::CallOf(nothing, shape, static_cast<T*>(nullptr)), 0);
+            Op::Run(Op::CallOf(nothing, shape, static_cast<T*>(nullptr)), 0, nullptr);
           }};
 }
 

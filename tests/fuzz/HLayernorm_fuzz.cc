@@ -10,6 +10,7 @@
 #include "fuzz_input.h"
 #include "support/layernorm_case.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold::testing {
 namespace {
@@ -48,6 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);
   const LayerNormCase c = ReadLayerNorm(&input);
   const int offset = input.Between(0, 3);
+  BackwardParts parts(input.Between(1, 4));
   const auto describe = [&c](int64_t i) { return c.Inputs(i); };
   ExactBuffer<float> oracle(c.count());
   if (OracleLayerNorm(c, &oracle) != reference::LayernormStatus::kOk) return 0;
@@ -55,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   RequireSame(oracle.data(), definition.data(), c.count(), "definition", describe);
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
-    const auto loops = RunLayerNormBy(c, bitfold::ComputeLayernorm, offset);
+    const auto loops = RunLayerNormBy(c, SharedBy<bitfold::ComputeLayernorm>(&parts), offset);
     RequireSame(definition.data(), loops.data(), c.count(), name, describe);
   }
   return 0;

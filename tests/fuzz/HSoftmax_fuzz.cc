@@ -10,6 +10,7 @@
 #include "fuzz_input.h"
 #include "support/softmax_case.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold::testing {
 namespace {
@@ -45,6 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);
   const SoftmaxCase c = ReadSoftmax(&input);
   const int offset = input.Between(0, 3);
+  BackwardParts parts(input.Between(1, 4));
   const auto describe = [&c](int64_t i) { return c.Inputs(i); };
   const auto oracle = OracleSoftmax(c);
   const auto definition = RunSoftmaxBy(c, bitfold::run_softmax, offset);
@@ -52,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   RequireSameText(oracle.lines, definition.lines, "definition", describe(0));
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
-    const auto loops = RunSoftmaxBy(c, bitfold::ComputeSoftmax, offset);
+    const auto loops = RunSoftmaxBy(c, SharedBy<bitfold::ComputeSoftmax>(&parts), offset);
     RequireSame(definition.values.data(), loops.values.data(), c.count(), name, describe);
     RequireSameText(definition.lines, loops.lines, name, describe(0));
   }

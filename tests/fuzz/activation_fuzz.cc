@@ -11,6 +11,7 @@
 #include "fuzz_input.h"
 #include "support/activation_case.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold::testing {
 namespace {
@@ -63,6 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);
   const ActivationCase c = ReadActivation(&input);
   const int offset = input.Between(0, 3);
+  BackwardParts parts(input.Between(1, 4));
   const auto describe = [&c](int64_t i) { return c.Inputs(i); };
   reference::ActivationStatus status;
   const auto oracle = OracleActivation(c, &status);
@@ -72,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto definition = RunActivationBy(c, bitfold::DefineActivation, offset);
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
-    const auto loops = RunActivationBy(c, bitfold::ComputeActivation, offset);
+    const auto loops = RunActivationBy(c, SharedBy<bitfold::ComputeActivation>(&parts), offset);
     RequireSame(definition.data(), loops.data(), c.count(), name, describe);
   }
   return 0;

@@ -15,7 +15,7 @@ TYPES = ("float", "int32")
 class Registration:
     """An op's definition as text, and its kernels: (device, element type) -> printable name.
 
-    A kernel without a constraint on its type has "" for it.
+    A kernel without a constraint on its type has "" for it; one of two has both, "int8 int16".
     """
 
     inputs: list[str]

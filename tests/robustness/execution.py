@@ -125,9 +125,10 @@ def run_in_function(many: list[calls.Call]) -> list[Outcome]:
 
 
 def _node(call: calls.Call, tensors: list[tf.Tensor]) -> tf.Tensor:
-    names = [argument.name for argument in op_def_registry.get(call.op).input_arg]
-    arguments = dict(zip(names, tensors, strict=True))
-    attributes = {k: v for k, v in call.attributes.items() if k != "T"}
+    inputs = op_def_registry.get(call.op).input_arg
+    arguments = dict(zip([argument.name for argument in inputs], tensors, strict=True))
+    inferred = {argument.type_attr for argument in inputs}
+    attributes = {k: v for k, v in call.attributes.items() if k not in inferred}
     return op_def_library.apply_op(call.op, **arguments, **attributes)
 
 

@@ -11,6 +11,8 @@ from typing import Any
 import numpy as np
 import tensorflow as tf
 
+from bitfold._frame.tensors import as_tensor, is_tensor, limits
+
 # Narrower types that the ops' two element types hold exactly.
 _WIDENED = {
     tf.int8: tf.int32,
@@ -39,9 +41,9 @@ def element_tensor(x: Any, name: str, dtype: tf.DType | None = None) -> tf.Tenso
         TypeError: for other types, and where `x` cannot become `dtype` exactly.
         ValueError: for int64 data with values that no int32 holds.
     """
-    if not tf.is_tensor(x):
+    if not is_tensor(x):
         x = _host_array(x, name, dtype)
-    tensor = tf.convert_to_tensor(x)
+    tensor = as_tensor(x)
     if tensor.dtype in _WIDENED:
         tensor = tf.cast(tensor, _WIDENED[tensor.dtype])
     wanted = _ELEMENT_TYPES if dtype is None else (dtype,)
@@ -91,39 +93,53 @@ def fixed_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
         TypeError: for data that is not of an integer type, or a tensor that `dtype` does not hold.
         ValueError: for numbers outside the type's range.
     """
-    if tf.is_tensor(x):
-        tensor = tf.convert_to_tensor(x)
+    if is_tensor(x):
+        tensor = as_tensor(x)
         if tensor.dtype == dtype:
             return tensor
         fits = tensor.dtype.is_integer and dtype.min <= tensor.dtype.min
         if not fits or tensor.dtype.max > dtype.max:
             raise TypeError(f"{name} must be {dtype.name}, got {tensor.dtype.name}")
         return tf.cast(tensor, dtype)
-    return scalar_tensor(x, name, dtype)
+    return _number_tensor(x, name, dtype)
 
 
-def scalar_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
+def scalar_operand(x: Any, name: str, dtype: tf.DType) -> tf.Tensor | int:
     """Return a scalar input of an op: a tensor passes, a number becomes one of its type.
+
+    The generated op itself makes tensors of the small whole numbers, which takes no time: the
+    runtime keeps one of every Python number that it has seen, for good and taking -0.0 for 0.0. So
+    other numbers do not go that way, nor does a 0 that becomes a float.
 
     Raises:
         TypeError: for a tensor of another type, for what is no number, and for a number that is
             no integer where one is needed.
         ValueError: for a number that the type does not hold.
     """
-    if tf.is_tensor(x):
+    if type(x) in (int, float) and 0 <= x < 128 and x == int(x) and (x or dtype.is_integer):
+        return int(x)
+    if is_tensor(x):
         if x.dtype != dtype:
             raise TypeError(f"{name} must be {dtype.name}, got {x.dtype.name}")
         return x
+    return _number_tensor(x, name, dtype)
+
+
+def _number_tensor(x: Any, name: str, dtype: tf.DType) -> tf.Tensor:
+    """Return a tensor of numbers that a type holds, one or an array."""
     value = np.asarray(x)
     if value.dtype.kind not in "iubf":
         raise TypeError(f"{name} must be a number, got {x!r}")
     if not dtype.is_integer:
-        return tf.convert_to_tensor(_float32(value, name), dtype)
+        return tf.constant(_float32(value, name), dtype)
     if value.dtype.kind == "f" and not (value == np.floor(value)).all():
         raise TypeError(f"{name} must be an integer, got {x}")
-    if (value < dtype.min).any() or (value > dtype.max).any():
-        raise ValueError(f"{name} must lie in [{dtype.min}, {dtype.max}], got {x}")
-    return tf.convert_to_tensor(value.astype(dtype.as_numpy_dtype))
+    least, greatest = limits(dtype)
+    if not np.can_cast(value.dtype, dtype.as_numpy_dtype) and (
+        (value < least).any() or (value > greatest).any()
+    ):
+        raise ValueError(f"{name} must lie in [{least}, {greatest}], got {x}")
+    return tf.constant(value.astype(dtype.as_numpy_dtype, copy=False))
 
 
 def integer(x: Any, name: str) -> int:
@@ -166,6 +182,8 @@ def spatial_values(value: int | Sequence[int], name: str) -> list[int]:
         ValueError: for anything else: another count, fractions, nested lists, or values other
             than 1 for batch and channels.
     """
+    if type(value) is int:
+        return [1, value, value, 1]
     try:
         values = [operator.index(v) for v in (value if np.iterable(value) else [value])]
     except TypeError:

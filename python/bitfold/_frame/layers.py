@@ -25,10 +25,10 @@ def accepts_symbolic(op: Callable) -> Callable:
 
     @functools.wraps(op)
     def call(*args, **kwargs):
+        if not any(isinstance(x, keras.KerasTensor) for x in (*args, *kwargs.values())):
+            return op(*args, **kwargs)
         arguments = signature.bind(*args, **kwargs).arguments
         symbolic = {k: v for k, v in arguments.items() if isinstance(v, keras.KerasTensor)}
-        if not symbolic:
-            return op(*args, **kwargs)
         constants = {k: v for k, v in arguments.items() if k not in symbolic}
         name = constants.pop("name", None)
         return OpLayer(op.__name__, constants, name=name)(symbolic)

@@ -15,6 +15,7 @@ from typing import Any
 import tensorflow as tf
 
 from bitfold._frame.checks import require
+from bitfold._frame.tensors import is_tensor
 
 # A number of elements, or a tensor that will hold it.
 Size = Any
@@ -32,7 +33,7 @@ class Needs:
 
     def holds(self, condition: Any, what: str, got: Any) -> None:
         """Require a condition: a bool, or a tensor that will hold one."""
-        if not tf.is_tensor(condition):
+        if not is_tensor(condition):
             require(bool(condition), f"Need {what}", got)
             return
         with self.met():  # the first that fails is reported
@@ -64,7 +65,7 @@ class Needs:
         """Require a number of elements."""
         equal = _equal(elements(tensor), wanted)
         if equal is not True:
-            count = why if tf.is_tensor(wanted) else f"{wanted} elements ({why})"
+            count = why if is_tensor(wanted) else f"{wanted} elements ({why})"
             self.holds(equal, f"{name} to hold {count}", _shape_of(tensor, equal))
 
     def half_precision_float(self, use_fp16_acc: bool, dtype: tf.DType) -> None:
@@ -92,7 +93,7 @@ def elements(tensor: tf.Tensor) -> Size:
 
 
 def _equal(a: Size, b: Size) -> bool | tf.Tensor:
-    if tf.is_tensor(a) or tf.is_tensor(b):
+    if is_tensor(a) or is_tensor(b):
         return tf.equal(tf.cast(a, tf.int64), tf.cast(b, tf.int64))
     return a == b
 
@@ -103,6 +104,6 @@ def _is_one_of(rank: tf.Tensor, ranks: tuple[int, ...]) -> tf.Tensor:
 
 def _shape_of(tensor: tf.Tensor, condition: Any) -> str | tf.Tensor:
     """Return the shape to report: as it is known now, or as it will be where the condition is."""
-    if tf.is_tensor(condition):
+    if is_tensor(condition):
         return tf.shape(tensor)
     return f"shape [{','.join('?' if n is None else str(n) for n in tensor.shape)}]"

@@ -29,6 +29,9 @@ those of the box decoders and of ``non_max_suppression``.
 Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output;
 ``prepared_conv2d`` is a whole layer from stored integers to stored integers.
 
+Stored tensors. The ``stored_`` functions take and give the integers that a quantised network keeps,
+int8 and int16, as they are; results have the bits of the mobile runtime's reference kernels.
+
 Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
@@ -49,6 +52,13 @@ from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non
 from bitfold.ops._matmul import matmul
 from bitfold.ops._prepared import prepared_conv2d
 from bitfold.ops._requantise import requantise
+from bitfold.ops._stored import (
+    stored_elementwise,
+    stored_lookup,
+    stored_mean,
+    stored_pool,
+    stored_quantise,
+)
 from bitfold.ops._units import activation, layer_norm, softmax
 
 __all__ = [
@@ -68,6 +78,11 @@ __all__ = [
     "prepared_conv2d",
     "requantise",
     "softmax",
+    "stored_elementwise",
+    "stored_lookup",
+    "stored_mean",
+    "stored_pool",
+    "stored_quantise",
     "weighted_add",
 ]
 

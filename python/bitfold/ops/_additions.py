@@ -8,7 +8,7 @@ from typing import Any
 
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
@@ -72,9 +72,9 @@ def add(
         return raw_ops.h_add(
             value=value,
             elementwise=elementwise,
-            elementwise_factor=scalar_tensor(factor, "factor", value.dtype),
-            elementwise_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            elementwise_factor=scalar_operand(factor, "factor", value.dtype),
+            elementwise_feed_repeat=scalar_operand(feed_repeat, "feed_repeat", tf.float32),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,
@@ -132,9 +132,9 @@ def bias_add(
         return raw_ops.h_bias_add(
             value=value,
             bias=bias,
-            bias_factor=scalar_tensor(factor, "factor", value.dtype),
-            bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            bias_factor=scalar_operand(factor, "factor", value.dtype),
+            bias_feed_repeat=scalar_operand(feed_repeat, "feed_repeat", tf.float32),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,
@@ -203,10 +203,10 @@ def decomposed_bias_add(
             value=value,
             bias_a=bias_a,
             bias_b=bias_b,
-            bias_a_factor=scalar_tensor(factor_a, "factor_a", value.dtype),
-            bias_b_factor=scalar_tensor(factor_b, "factor_b", value.dtype),
-            bias_feed_repeat=scalar_tensor(feed_repeat, "feed_repeat", tf.float32),
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            bias_a_factor=scalar_operand(factor_a, "factor_a", value.dtype),
+            bias_b_factor=scalar_operand(factor_b, "factor_b", value.dtype),
+            bias_feed_repeat=scalar_operand(feed_repeat, "feed_repeat", tf.float32),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,
@@ -272,7 +272,7 @@ def weighted_add(
             value=value,
             elementwise=elementwise,
             weights=weights,
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,

@@ -8,7 +8,7 @@ from typing import Any
 
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
@@ -91,8 +91,8 @@ def bilinear(
         return raw_ops.h_bilinear(
             upper_left,
             *tensors.values(),
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
-            bias=scalar_tensor(bias, "bias", tf.float32),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
+            bias=scalar_operand(bias, "bias", tf.float32),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             float_accumulator=float_accumulator,
             name=name,

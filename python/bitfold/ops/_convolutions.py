@@ -7,19 +7,21 @@ from __future__ import annotations
 from collections.abc import Sequence
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold._frame.arguments import (
     element_tensor,
     integer,
     padding_name,
-    scalar_tensor,
+    scalar_operand,
     spatial_values,
 )
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
 from bitfold._frame.shapes import convolution_shape, without_static_shape
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -206,7 +208,7 @@ def _require_depthwise_channels(needs: Needs, input: tf.Tensor, filter: tf.Tenso
     if filter.shape.rank == 5:
         pairs.append(("images", needs.dimension(filter, 0), needs.dimension(input, 0), "at least"))
     for what, got, wanted, side in pairs:
-        if tf.is_tensor(got) or tf.is_tensor(wanted):
+        if is_tensor(got) or is_tensor(wanted):
             continue  # the kernel refuses, which reads nothing beyond
         fits = got <= wanted if side == "at most" else got >= wanted
         needs.holds(fits, f"filter to have {side} the {wanted} {what} of input", f"{got} in shape "
@@ -217,11 +219,15 @@ def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
     """Return [..., C, 1] as [..., 1, C], the same memory; [..., 1, C] as it is."""
     static = filter.shape
     forms = "filter must be [height, width, C, 1] or [height, width, 1, C], got shape"
-    last = static[-2:] if static.rank is not None else [None, None]
-    if static.rank is not None and static.rank < 4:
-        return filter  # the kernel refuses
+    sizes = static.as_list() if static.rank is not None else [None, None]
+    last = sizes[-2:]
+    if static.rank is not None and (static.rank < 4 or last[0] == 1):
+        return filter  # of fewer dimensions the kernel refuses it
     if None not in last and min(last) > 1:
         raise ValueError(f"{forms} {static}: there is no channel multiplier")
+    if None not in sizes:
+        merged = np.array([*sizes[:-2], 1, last[0] * last[1]], np.int32)
+        return tf.raw_ops.Reshape(tensor=filter, shape=merged)
     shape = tf.shape(filter)
     checks = []
     if None in last and 1 not in last:
@@ -234,7 +240,7 @@ def _one_input_channel(filter: tf.Tensor) -> tf.Tensor:
     result = tf.reshape(filter, merged)
     if static.rank is not None:
         count = None if None in last else last[0] * last[1]
-        result.set_shape([*static[:-2], 1, count])
+        result.set_shape([*sizes[:-2], 1, count])
     return result
 
 
@@ -246,7 +252,7 @@ def _convolve_ordinary(raw_op, input, filters, *arguments) -> tf.Tensor:
     needs.rank(input, "input", 4)
     needs.rank(filters, "filters", 4, 5)
     channels = needs.dimension(input, -1)
-    count = "" if tf.is_tensor(channels) else f"{channels} "
+    count = "" if is_tensor(channels) else f"{channels} "
     needs.size(
         needs.dimension(filters, -2),
         channels,
@@ -269,9 +275,11 @@ def _convolve(
     dilations = spatial_values(dilations, "dilations")
     padding = padding_name(padding)
     needs.half_precision_float(use_fp16_acc, input.dtype)
-    shape = convolution_shape(input.shape, filters.shape, strides, dilations, padding)
+    is_eager = tf.executing_eagerly()
+    if elementwise is not None or not is_eager:
+        shape = convolution_shape(input.shape, filters.shape, strides, dilations, padding)
     if elementwise is None:
-        addend = tf.zeros([0], input.dtype)
+        addend = _NO_ADDEND[input.dtype]
     else:
         addend = element_tensor(elementwise, "elementwise", input.dtype)
         _require_centre(needs, filters, dilations[1])
@@ -282,7 +290,7 @@ def _convolve(
             input=without_static_shape(input),
             filter=without_static_shape(filters),
             elementwise=addend,
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
             strides=strides,
             dilations=dilations,
             padding=padding,
@@ -290,7 +298,7 @@ def _convolve(
             use_fp16_acc=use_fp16_acc,
             name=name,
         )
-    if tf.executing_eagerly():
+    if is_eager:
         return output
     output.set_shape(shape)
     if elementwise is not None and shape.num_elements() is None:
@@ -301,6 +309,8 @@ def _convolve(
 
 
 _AS_RESULT = "as many as the result"
+# Arrays, of which the op makes tensors where it runs: a tensor belongs to one device and context.
+_NO_ADDEND = {dtype: np.zeros([0], dtype.as_numpy_dtype) for dtype in (tf.float32, tf.int32)}
 
 
 def _require_centre(needs: Needs, filters: tf.Tensor, dilation: int) -> None:
@@ -308,7 +318,7 @@ def _require_centre(needs: Needs, filters: tf.Tensor, dilation: int) -> None:
     height = needs.dimension(filters, -4)
     if dilation > 1:
         needs.holds(
-            height % 2 == 1 if not tf.is_tensor(height) else tf.equal(height % 2, 1),
+            height % 2 == 1 if not is_tensor(height) else tf.equal(height % 2, 1),
             "a filter of odd height for elementwise with a dilation above 1",
             height,
         )

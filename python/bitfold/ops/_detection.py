@@ -8,11 +8,12 @@ from typing import Any
 
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, float_attribute, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, float_attribute, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs, elements
 from bitfold._frame.shapes import without_static_shape
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -232,7 +233,7 @@ def non_max_suppression(
     with needs.met():
         output = raw_ops.hnms(
             value=without_static_shape(value),
-            scores_threshold=scalar_tensor(scores_threshold, "scores_threshold", tf.float32),
+            scores_threshold=scalar_operand(scores_threshold, "scores_threshold", tf.float32),
             iou_threshold=float_attribute(iou_threshold, "iou_threshold"),
             max_output_size=float_attribute(max_output_size, "max_output_size"),
             classes=float_attribute(classes, "classes"),
@@ -256,7 +257,7 @@ def _require_boxes(needs: Needs, value: tf.Tensor, classes: int, may_be_none: bo
     if classes < 1:
         return  # the kernel refuses
     boxes = needs.dimension(value, 1)
-    divides = tf.equal(boxes % classes, 0) if tf.is_tensor(boxes) else boxes % classes == 0
+    divides = tf.equal(boxes % classes, 0) if is_tensor(boxes) else boxes % classes == 0
     needs.holds(divides, f"value to hold a multiple of {classes} boxes, its classes", boxes)
     if not may_be_none:
         needs.holds(boxes > 0, "value to hold a box of each class, without is_velquin", boxes)
@@ -282,7 +283,7 @@ def _decode(
         return raw_op(
             centers,
             *tensors.values(),
-            scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,
@@ -294,7 +295,7 @@ def _require_anchors(needs: Needs, centers: tf.Tensor, others: dict[str, tf.Tens
     needs.rank(centers, "detection_centers", 4)
     pairs = needs.dimension(centers, -1)
     what = "detection_centers with an even last dimension, a pair for each anchor"
-    needs.holds(tf.equal(pairs % 2, 0) if tf.is_tensor(pairs) else pairs % 2 == 0, what, pairs)
+    needs.holds(tf.equal(pairs % 2, 0) if is_tensor(pairs) else pairs % 2 == 0, what, pairs)
     counts = {
         "detection_sizes": (elements(centers), "as many as detection_centers"),
         "y_centers": (needs.dimension(centers, 1) * pairs, "a pair for each anchor of each row"),

@@ -8,11 +8,12 @@ from typing import Any
 
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
 from bitfold._frame.shapes import product_shape, unrelated, without_static_shape
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -71,7 +72,7 @@ def matmul(
         product = raw_ops.h_matmul(
             a=without_static_shape(unrelated(a)),
             b=without_static_shape(unrelated(b)),
-            mult_shift=scalar_tensor(mult_shift, "mult_shift", tf.int8),
+            mult_shift=scalar_operand(mult_shift, "mult_shift", tf.int8),
             accumulator_size=integer(accumulator_size, "accumulator_size"),
             use_fp16_acc=use_fp16_acc,
             name=name,
@@ -110,4 +111,4 @@ def _require_matrices(needs: Needs, a: tf.Tensor, b: tf.Tensor) -> None:
 
 
 def _known(size: Any) -> str:
-    return "as many " if tf.is_tensor(size) else f"{size} "
+    return "as many " if is_tensor(size) else f"{size} "

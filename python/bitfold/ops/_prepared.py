@@ -12,6 +12,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import integer
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.tensors import as_tensor, limits
 
 _STORED = (tf.int8, tf.int16)
 
@@ -36,6 +37,7 @@ def prepared_conv2d(
     minimum: int | None = None,
     maximum: int | None = None,
     dtype: Any = tf.int8,
+    constant_weights: bool = False,
     name: str | None = None,
 ) -> tf.Tensor:
     """Compute a layer of a quantised network, from stored integers to stored integers.
@@ -43,8 +45,8 @@ def prepared_conv2d(
     The bits and the printed lines of `conv2d`, `dilated_conv2d` or `depthwise_conv2d` on the input
     less its zero point and surrounded by zeros, then `bias_add` and `requantise`; in half precision
     the first two on floats. What can be known of the layer is decided at the first call, which
-    packs the weights; later calls with the same tensors `filter`, `bias` and `multipliers` and the
-    same image size use it again.
+    packs the weights; later calls with the same `filter`, `bias` and `multipliers` and the same
+    image size use it again.
 
     Args:
         input: int8 or int16 [N, H, W, C].
@@ -65,6 +67,10 @@ def prepared_conv2d(
         minimum: the least output, by default that of `dtype`.
         maximum: the greatest output, by default that of `dtype`.
         dtype: of the output: int8 or int16.
+        constant_weights: whether nothing rewrites the memory of `filter`, `bias` and `multipliers`:
+            the same tensors are then the same numbers, which calls need not compare. Tensors keep
+            theirs; what a reference variable of a graph of version 1 gives, or what
+            `tf.raw_ops.InplaceUpdate` was called with, does not.
         name: the node's name.
 
     Returns:
@@ -86,14 +92,15 @@ def prepared_conv2d(
     dtype = tf.as_dtype(dtype)
     if dtype not in _STORED:
         raise TypeError(f"dtype must be int8 or int16, got {dtype.name}")
-    input = tf.convert_to_tensor(input)
+    input = as_tensor(input)
     if input.dtype not in _STORED:
         raise TypeError(f"input must be int8 or int16, got {input.dtype.name}")
+    least, greatest = limits(dtype)
     return raw_ops.h_prepared_convolution(
         input=input,
-        filter=tf.convert_to_tensor(filter, tf.int8),
-        bias=tf.convert_to_tensor([] if bias is None else bias, tf.int32),
-        multipliers=tf.convert_to_tensor(multipliers, tf.float64),
+        filter=as_tensor(filter, tf.int8),
+        bias=as_tensor([] if bias is None else bias, tf.int32),
+        multipliers=as_tensor(multipliers, tf.float64),
         strides=[integer(value, "strides") for value in strides],
         dilations=[integer(value, "dilations") for value in dilations],
         padding=[integer(value, "padding") for value in padding],
@@ -104,8 +111,9 @@ def prepared_conv2d(
         use_fp16_acc=bool(use_fp16_acc),
         rounding=rounding,
         zero_point=integer(zero_point, "zero_point"),
-        minimum=dtype.min if minimum is None else integer(minimum, "minimum"),
-        maximum=dtype.max if maximum is None else integer(maximum, "maximum"),
+        minimum=least if minimum is None else integer(minimum, "minimum"),
+        maximum=greatest if maximum is None else integer(maximum, "maximum"),
+        has_constant_weights=bool(constant_weights),
         T_out=dtype,
         name=name,
     )

@@ -13,6 +13,7 @@ from bitfold._frame.arguments import integer
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.multipliers import require_multipliers
+from bitfold._frame.tensors import as_tensor, is_tensor, limits
 
 _ROUNDINGS = ("two_roundings", "short_multiplier", "one_rounding")
 _OUTPUTS = (tf.int8, tf.int16, tf.int32)
@@ -86,8 +87,9 @@ def requantise(
     shift = integer(shift, "shift")
     dtype = _output_type(dtype)
     zero_point = integer(zero_point, "zero_point")
-    minimum = dtype.min if minimum is None else integer(minimum, "minimum")
-    maximum = dtype.max if maximum is None else integer(maximum, "maximum")
+    least, greatest = limits(dtype)
+    minimum = least if minimum is None else integer(minimum, "minimum")
+    maximum = greatest if maximum is None else integer(maximum, "maximum")
     _require_range(dtype, zero_point, minimum, maximum)
     return raw_ops.h_requantise(
         sums=sums,
@@ -104,12 +106,12 @@ def requantise(
 
 def _sum_tensor(sums: Any, rounding: str) -> tf.Tensor:
     """Return the sums as a tensor of a type that the rounding takes."""
-    if not tf.is_tensor(sums):
+    if not is_tensor(sums):
         listed = not isinstance(sums, (np.ndarray, np.generic))
         sums = np.asarray(sums)
         if listed and (sums.size == 0 or (sums.dtype == np.int64 and _fits_int32(sums))):
             sums = sums.astype(np.int32)
-    tensor = tf.convert_to_tensor(sums)
+    tensor = as_tensor(sums)
     if tensor.dtype in (tf.int8, tf.uint8, tf.int16, tf.uint16):
         tensor = tf.cast(tensor, tf.int32)
     allowed = (tf.int32,) if rounding == "two_roundings" else (tf.int32, tf.int64)
@@ -124,7 +126,8 @@ def _sum_tensor(sums: Any, rounding: str) -> tf.Tensor:
 
 
 def _fits_int32(array: np.ndarray) -> bool:
-    return array.min() >= tf.int32.min and array.max() <= tf.int32.max
+    least, greatest = limits(tf.int32)
+    return array.min() >= least and array.max() <= greatest
 
 
 def _output_type(dtype: Any) -> tf.DType:
@@ -135,11 +138,12 @@ def _output_type(dtype: Any) -> tf.DType:
 
 
 def _require_range(dtype: tf.DType, zero_point: int, minimum: int, maximum: int) -> None:
-    if not dtype.min <= zero_point <= dtype.max:
-        raise ValueError(f"zero_point must lie in [{dtype.min}, {dtype.max}], got {zero_point}")
-    if not dtype.min <= minimum <= maximum <= dtype.max:
+    least, greatest = limits(dtype)
+    if not least <= zero_point <= greatest:
+        raise ValueError(f"zero_point must lie in [{least}, {greatest}], got {zero_point}")
+    if not least <= minimum <= maximum <= greatest:
         raise ValueError(
-            f"minimum and maximum must be in order and lie in [{dtype.min}, {dtype.max}], "
+            f"minimum and maximum must be in order and lie in [{least}, {greatest}], "
             f"got {minimum} and {maximum}"
         )
 
@@ -148,8 +152,8 @@ def _multiplier_tensor(
     multipliers: Any, sums: tf.TensorShape, rounding: str, shift: int
 ) -> tf.Tensor:
     """Return the multipliers as a tensor of rank 1; what can be known of them is checked."""
-    if tf.is_tensor(multipliers):
-        tensor = tf.convert_to_tensor(multipliers)
+    if is_tensor(multipliers):
+        tensor = as_tensor(multipliers)
         if tensor.dtype != tf.float64:
             raise TypeError(f"multipliers must be float64, got {tensor.dtype.name}")
     else:
@@ -158,7 +162,7 @@ def _multiplier_tensor(
             raise TypeError(f"multipliers must be real numbers, got {multipliers!r}")
         array = array.astype(np.float64)
         require_multipliers(array, rounding, shift)
-        tensor = tf.convert_to_tensor(array)
+        tensor = tf.constant(array)
     if tensor.shape.rank == 0:
         tensor = tf.reshape(tensor, [1])
     count = tensor.shape[0] if tensor.shape.rank == 1 else None

@@ -9,10 +9,11 @@ from typing import Any
 import numpy as np
 import tensorflow as tf
 
-from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scalar_tensor
+from bitfold._frame.arguments import element_tensor, fixed_tensor, integer, scalar_operand
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
+from bitfold._frame.tensors import is_tensor
 
 
 @accepts_symbolic
@@ -106,7 +107,7 @@ def layer_norm(
     )
     value = element_tensor(value, "value", tf.float32)
     lut = element_tensor(lut, "lut", tf.float32)
-    tensors = {key: scalar_tensor(number, key, tf.uint32) for key, number in scalars.items()}
+    tensors = {key: scalar_operand(number, key, tf.uint32) for key, number in scalars.items()}
     needs = Needs()
     _require_vectors(needs, value)
     _require_shifts(needs, tensors)
@@ -124,7 +125,7 @@ def _require_vectors(needs: Needs, value: tf.Tensor) -> None:
     needs.holds(positions <= 2**20, "value of a height x width of at most 2^20", positions)
 
 
-def _require_shifts(needs: Needs, scalars: dict[str, tf.Tensor]) -> None:
+def _require_shifts(needs: Needs, scalars: dict[str, tf.Tensor | int]) -> None:
     """Require shifts that the normalisation unit makes."""
     by_ebias = _number(scalars["activation_ebias_mode"])
     limits = {
@@ -138,9 +139,11 @@ def _require_shifts(needs: Needs, scalars: dict[str, tf.Tensor]) -> None:
         needs.holds(shift is None or shift <= most, f"{key} of at most {most}", shift)
 
 
-def _number(tensor: tf.Tensor) -> int | None:
+def _number(scalar: tf.Tensor | int) -> int | None:
     """Return the number that the unit will read of a scalar, None where it is not known."""
-    value = tf.get_static_value(tensor)
+    if isinstance(scalar, int):
+        return scalar
+    value = tf.get_static_value(scalar)
     return None if value is None or value.size == 0 else int(np.ravel(value)[0])
 
 
@@ -259,7 +262,7 @@ def activation(
     needs = Needs()
     needs.rank(value, "value", 4)
     if size_splits is None:
-        groups, size_splits = 1, tf.shape(value, tf.int64)[-1:]
+        groups, size_splits = 1, _all_channels(value)
     else:
         size_splits = fixed_tensor(size_splits, "size_splits", tf.int64)
         _require_splits(needs, size_splits, needs.dimension(value, -1))
@@ -281,12 +284,19 @@ def activation(
         )
 
 
+def _all_channels(value: tf.Tensor) -> list[int] | tf.Tensor:
+    """Return the sizes of one group of all channels."""
+    if value.shape.rank is None or value.shape[-1] is None:
+        return tf.shape(value, tf.int64)[-1:]
+    return [value.shape[-1]]
+
+
 def _require_splits(needs: Needs, size_splits: tf.Tensor, channels: Any) -> None:
     """Require groups that take every channel."""
     needs.rank(size_splits, "size_splits", 1)
     sizes = tf.get_static_value(size_splits)
     what = "size_splits to sum to the channels of value"
-    if sizes is None or tf.is_tensor(channels):
+    if sizes is None or is_tensor(channels):
         needs.holds(tf.equal(tf.reduce_sum(size_splits), channels), what, size_splits)
         return
     sizes = sizes.tolist()
@@ -300,7 +310,7 @@ def _require_tables(needs: Needs, tables: dict[str, tf.Tensor], groups: Any) -> 
         needs.rank(table, key, 2)
     pieces = needs.dimension(tables["x_points"], 1) + 1
     for key, table in tables.items():
-        count = "" if tf.is_tensor(groups) else f"{groups} "
+        count = "" if is_tensor(groups) else f"{groups} "
         what = f"{key} to have {count}rows, one for each group of size_splits"
         needs.size(needs.dimension(table, 0), groups, what, table)
         if key != "x_points":

@@ -81,11 +81,11 @@ struct ActivationCase {
 };
 
 // What a run starts from, so that elements that are not written show.
-inline constexpr int32_t kUnwritten = 0x5eed;
+inline constexpr int32_t kUnwrittenActivation = 0x5eed;
 
 template <typename Run>
 ExactBuffer<int32_t> RunActivationBy(const ActivationCase& c, Run run, int offset = 0,
-                                     int32_t unwritten = kUnwritten) {
+                                     int32_t unwritten = kUnwrittenActivation) {
   const ExactBuffer<int64_t> in(c.in, offset);
   const ExactBuffer<int64_t> x_points(c.x_points);
   const ExactBuffer<int64_t> offsets(c.offsets);
@@ -96,7 +96,7 @@ ExactBuffer<int32_t> RunActivationBy(const ActivationCase& c, Run run, int offse
   const ActivationGroups groups = {{x_points.data(), c.points}, {offsets.data(), c.pieces},
                                    {slopes_m.data(), c.pieces}, {slopes_e.data(), c.pieces},
                                    c.size_splits.data(),        c.groups()};
-  run(in.data(), {c.positions, c.channels}, groups, c.mode, out.data());
+  run(in.data(), ActivationShape{c.positions, c.channels}, groups, c.mode, out.data());
   return out;
 }
 

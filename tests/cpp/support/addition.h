@@ -106,9 +106,9 @@ struct HAddTraits : AdditionTraits {
     DefineAdd(call, 0, count, EveryPass{});
   }
   template <typename T>
-  static void Run(const AddCall<T>& call, int64_t count,
+  static void Run(const AddCall<T>& call, int64_t count, Workers* workers,
                   const Cancellation* cancellation = nullptr) {
-    ComputeAdd(call, count, cancellation);
+    ComputeAdd(call, count, workers, cancellation);
   }
 };
 
@@ -135,9 +135,9 @@ struct HBiasAddTraits : AdditionTraits {
     DefineBiasAdd(call, 0, count, EveryPass{});
   }
   template <typename T>
-  static void Run(const BiasAddCall<T>& call, int64_t count,
+  static void Run(const BiasAddCall<T>& call, int64_t count, Workers* workers,
                   const Cancellation* cancellation = nullptr) {
-    ComputeBiasAdd(call, count, cancellation);
+    ComputeBiasAdd(call, count, workers, cancellation);
   }
 };
 
@@ -174,9 +174,9 @@ struct HDecomposedBiasAddTraits : AdditionTraits {
     DefineDecomposedBiasAdd(call, 0, count, EveryPass{});
   }
   template <typename T>
-  static void Run(const DecomposedBiasAddCall<T>& call, int64_t count,
+  static void Run(const DecomposedBiasAddCall<T>& call, int64_t count, Workers* workers,
                   const Cancellation* cancellation = nullptr) {
-    ComputeDecomposedBiasAdd(call, count, cancellation);
+    ComputeDecomposedBiasAdd(call, count, workers, cancellation);
   }
 };
 
@@ -209,8 +209,8 @@ struct HStandaloneElementwiseAddTraits : AdditionTraits {
     DefineStandaloneElementwiseAdd(call, 0, count);
   }
   template <typename T>
-  static void Run(const StandaloneElementwiseAddCall<T>& call, int64_t count) {
-    ComputeStandaloneElementwiseAdd(call, count);
+  static void Run(const StandaloneElementwiseAddCall<T>& call, int64_t count, Workers* workers) {
+    ComputeStandaloneElementwiseAdd(call, count, workers);
   }
 };
 
@@ -242,8 +242,8 @@ struct AdditionCase {
   void Define(int offset, T* out) const {
     With(offset, out, [this](const auto& call) { Op::Define(call, count()); });
   }
-  void Run(int offset, T* out) const {
-    With(offset, out, [this](const auto& call) { Op::Run(call, count()); });
+  void Run(int offset, Workers* workers, T* out) const {
+    With(offset, out, [=](const auto& call) { Op::Run(call, count(), workers); });
   }
 
  private:

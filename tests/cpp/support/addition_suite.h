@@ -240,13 +240,18 @@ TYPED_TEST_P(FeedSuite, Cancelled) {
     const AdditionInputs<float> in(c, 0);
     std::vector<float> out(c.value.size());
     const CancelledAtOnce cancelled;
-    EXPECT_EQ(PrintedBy([&] {
-                TypeParam::Run(
-                    TypeParam::CallOf(in, TypeParam::ShapeOf(c.count(), TypeParam::Channels(c)),
-                                      out.data()),
-                    c.count(), &cancelled);
-              }),
-              "");
+    CallingThread calling_thread;
+    BackwardParts parts(1);
+    for (Workers* workers :
+         {static_cast<Workers*>(&calling_thread), static_cast<Workers*>(&parts)}) {
+      EXPECT_EQ(PrintedBy([&] {
+                  TypeParam::Run(
+                      TypeParam::CallOf(in, TypeParam::ShapeOf(c.count(), TypeParam::Channels(c)),
+                                        out.data()),
+                      c.count(), workers, &cancelled);
+                }),
+                "");
+    }
   }
   Ran(Path::kPassesCancelled);
 }

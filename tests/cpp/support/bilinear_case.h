@@ -57,7 +57,10 @@ struct BilinearCase {
   }
 
   void Define(int offset, T* out) const { With(offset, run_bilinear<T>, out); }
-  void Run(int offset, T* out) const { With(offset, ComputeBilinear<T>, out); }
+  void Run(int offset, Workers* workers, T* out) const {
+    With(
+        offset, [=](const BilinearCall<T>& call) { ComputeBilinear(call, workers); }, out);
+  }
 
  private:
   template <typename How>

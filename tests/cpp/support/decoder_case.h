@@ -44,8 +44,8 @@ struct HBboxDecoderTraits {
     DefineBboxDecoder(call, row, 0, int64_t{call.grid.columns} * call.grid.anchors);
   }
   template <typename T>
-  static void Run(const BboxDecoderCall<T>& call) {
-    ComputeBboxDecoder(call);
+  static void Run(const BboxDecoderCall<T>& call, Workers* workers) {
+    ComputeBboxDecoder(call, workers);
   }
   template <typename T>
   static constexpr auto kOracle = reference::DecodeBoxes<T>;
@@ -72,8 +72,8 @@ struct HSingleWeightDecoderTraits {
                                              int64_t{call.grid.columns} * call.grid.anchors);
   }
   template <typename T>
-  static void Run(const SingleWeightPerProposalBboxDecoderCall<T>& call) {
-    ComputeSingleWeightPerProposalBboxDecoder(call);
+  static void Run(const SingleWeightPerProposalBboxDecoderCall<T>& call, Workers* workers) {
+    ComputeSingleWeightPerProposalBboxDecoder(call, workers);
   }
   template <typename T>
   static constexpr auto kOracle = reference::DecodeBoxesSingleWeight<T>;
@@ -142,8 +142,8 @@ struct DecoderCase {
     });
   }
 
-  void Run(int offset, T* out) const {
-    With(offset, out, [](const auto& call) { Op::Run(call); });
+  void Run(int offset, Workers* workers, T* out) const {
+    With(offset, out, [workers](const auto& call) { Op::Run(call, workers); });
   }
 
  private:

@@ -73,12 +73,7 @@ struct MatMulCase {
     for (int32_t i = 0; i < batch; ++i) MatrixMultiplication(call, i);
   }
 
-  void Run(int offset, T* out) const {
-    CallingThread calling_thread;
-    Share(&calling_thread, offset, out);
-  }
-
-  void Share(Workers* workers, int offset, T* out) const {
+  void Run(int offset, Workers* workers, T* out) const {
     const auto in = Misaligned<T>({&a, &b}, offset);
     const auto shift = static_cast<int8_t>(mult_shift);
     const MatMulCall<T> call = CallOf(in[0].data(), in[1].data(), out, &shift);

@@ -22,6 +22,7 @@
 #include "support/buffer.h"
 #include "support/log_stub.h"
 #include "support/targets.h"
+#include "support/workers.h"
 
 namespace bitfold::testing {
 
@@ -108,12 +109,12 @@ inline std::vector<Frame> FramesWithoutPadding(const SuppressionInput& in,
 
 // The frames of ComputeNMS, from memory that was not zero.
 inline std::vector<Frame> ComputedFrames(const SuppressionInput& in,
-                                         const SuppressionOptions& options) {
+                                         const SuppressionOptions& options, Workers* workers) {
   const auto rows = static_cast<size_t>(options.max_output_size);
   if (rows == 0) return FramesWithoutPadding(in, options);
   const auto count = static_cast<size_t>(in.b) * static_cast<size_t>(in.k);
   ExactBuffer<float> out(std::vector<float>(count * rows * 5, 77.0f));
-  ComputeNMS(in, options, out.data());
+  ComputeNMS(in, options, out.data(), workers);
   std::vector<Frame> frames(count);
   const float* next = out.data();
   for (Frame& frame : frames) {
@@ -123,13 +124,18 @@ inline std::vector<Frame> ComputedFrames(const SuppressionInput& in,
 }
 
 // As the kernel calls it, with the log on or off.
-inline NmsOutput RunNms(const NmsCase& c, bool log) {
+inline NmsOutput RunNms(const NmsCase& c, bool log, Workers* workers) {
   const InformationLog on(log);
   const ExactBuffer<float> value(c.Value());
   NmsOutput output;
-  output.frames = ComputedFrames(c.Input(value.data()), c.Options());
+  output.frames = ComputedFrames(c.Input(value.data()), c.Options(), workers);
   output.messages = LoggedInformation();
   return output;
+}
+
+inline NmsOutput RunNms(const NmsCase& c, bool log) {
+  CallingThread calling_thread;
+  return RunNms(c, log, &calling_thread);
 }
 
 inline ::testing::AssertionResult SameFrames(const std::vector<Frame>& expected,
@@ -179,7 +185,7 @@ inline ::testing::AssertionResult LoggedAgainstOracle(const NmsCase& c, const Nm
   return messages ? messages : ::testing::AssertionFailure() << messages.message() << c.Text();
 }
 
-// With the log off the same frames on every target, and no message.
+// With the log off the same frames on every target and in parts, and no message.
 inline ::testing::AssertionResult QuietAgainstLogged(const NmsCase& c, const NmsOutput& logged) {
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
@@ -191,11 +197,14 @@ inline ::testing::AssertionResult QuietAgainstLogged(const NmsCase& c, const Nms
       return ::testing::AssertionFailure() << "logged " << quiet.messages[0];
     }
   }
-  return ::testing::AssertionSuccess();
+  BackwardParts parts(1);
+  return SameFrames(logged.frames, RunNms(c, false, &parts).frames,
+                    "ComputeNMS in parts " + c.Text());
 }
 
 inline ::testing::AssertionResult CheckNms(const NmsCase& c) {
-  const NmsOutput logged = RunNms(c, true);
+  BackwardParts parts(1);  // but its messages have an order
+  const NmsOutput logged = RunNms(c, true, &parts);
   const auto oracle = LoggedAgainstOracle(c, logged);
   return oracle ? QuietAgainstLogged(c, logged) : oracle;
 }

@@ -9,7 +9,7 @@
 //   count(), Inputs(i)         the number of output elements, and what goes into one
 //   Oracle(out, lines)         the three ways to compute it; `offset` misaligns the inputs
 //   Define(offset, out)
-//   Run(offset, out)
+//   Run(offset, workers, out)
 //   Loops()                    the portable one of the vector loops that the kernel takes, if any
 
 #ifndef BITFOLD_TESTS_CPP_SUPPORT_OP_CASE_H_
@@ -30,6 +30,7 @@
 #include "support/ledger.h"
 #include "support/targets.h"
 #include "support/warnings.h"
+#include "support/workers.h"
 
 namespace bitfold::testing {
 
@@ -82,12 +83,18 @@ bool CountsWarnings(const Case&) {
 
 // On the target in use.
 template <typename Case>
-Output<typename Case::Element> KernelOf(const Case& c, int offset = 0) {
+Output<typename Case::Element> KernelOf(const Case& c, int offset, Workers* workers) {
   Output<typename Case::Element> output{
       UnwrittenBuffer<typename Case::Element>(c.count(), (offset + 3) % 4), ""};
-  const auto run = [&] { c.Run(offset, output.values.data()); };
+  const auto run = [&] { c.Run(offset, workers, output.values.data()); };
   output.lines = CountsWarnings(c) ? PrintedAndCountedBy(run) : PrintedBy(run);
   return output;
+}
+
+template <typename Case>
+Output<typename Case::Element> KernelOf(const Case& c, int offset = 0) {
+  CallingThread calling_thread;
+  return KernelOf(c, offset, &calling_thread);
 }
 
 template <typename Case>
@@ -116,7 +123,7 @@ std::vector<NamedTarget> TargetsOf(const Case&) {
   return SupportedTargets();
 }
 
-// The second comparison.
+// The second comparison: on one thread, on every target, and cut at every place.
 template <typename Case>
 ::testing::AssertionResult KernelAgainstDefinition(const Case& c,
                                                    const Output<typename Case::Element>& definition,
@@ -127,7 +134,8 @@ template <typename Case>
         SameOutputs(c, definition, KernelOf(c, offset), std::string("kernel, ") + name);
     if (!same) return same;
   }
-  return ::testing::AssertionSuccess();
+  BackwardParts parts(1);
+  return SameOutputs(c, definition, KernelOf(c, offset, &parts), "kernel, in parts");
 }
 
 template <typename Case>
@@ -154,7 +162,8 @@ template <typename Case>
   for (const auto& [target, name] : TargetsOf(c)) {
     const ForcedTarget forced(target);
     std::vector<T> guarded(static_cast<size_t>(c.count()) + 64, T{kUnwritten});
-    PrintedBy([&] { c.Run(0, guarded.data()); });
+    CallingThread calling_thread;
+    PrintedBy([&] { c.Run(0, &calling_thread, guarded.data()); });
     for (size_t i = static_cast<size_t>(c.count()); i < guarded.size(); ++i) {
       if (SameBits(guarded[i], T{kUnwritten})) continue;
       return ::testing::AssertionFailure()

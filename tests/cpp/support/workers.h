@@ -65,6 +65,18 @@ class ThreadParts : public Workers {
   const int64_t units_;
 };
 
+// A kernel as a function of its call alone, as its definition is one.
+template <auto kCompute>
+auto SharedBy(Workers* workers) {
+  return [workers](auto... call) { kCompute(call..., workers); };
+}
+
+template <auto kCompute>
+inline constexpr auto kOnCallingThread = [](auto... call) {
+  CallingThread workers;
+  kCompute(call..., &workers);
+};
+
 }  // namespace bitfold::testing
 
 #endif  // BITFOLD_TESTS_CPP_SUPPORT_WORKERS_H_

@@ -10,6 +10,7 @@ from collections.abc import Iterator, Sequence
 import numpy as np
 import tensorflow as tf
 
+from bitfold import ops
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks
@@ -84,6 +85,27 @@ def _rest(tensor: Tensor, rank: int) -> tuple[int, ...] | None:
     if tensor.is_constant or not missing or tensor.shape[0] != 1:
         return None
     return (*(1,) * missing, *tensor.shape[1:])
+
+
+def stored_result(
+    node: Node, operation: str, first: tf.Tensor, second: tf.Tensor, bounds: tuple[int, int]
+) -> tf.Tensor:
+    """Return the stored sum, difference or product of stored operands."""
+    a, b, output = *node.inputs, node.outputs[0]
+    minimum, maximum = bounds
+    return ops.stored_elementwise(
+        first,
+        second,
+        operation=operation,
+        first_scale=a.scale,
+        first_zero_point=a.zero_point,
+        second_scale=b.scale,
+        second_zero_point=b.zero_point,
+        output_scale=output.scale,
+        output_zero_point=output.zero_point,
+        minimum=minimum,
+        maximum=maximum,
+    )
 
 
 class PairStep(Step):

@@ -78,6 +78,7 @@ class PreparedLayer:
             else arithmetic.accumulator_size,
             mult_shift=arithmetic.mult_shift,
             use_fp16_acc=arithmetic.use_fp16_acc,
+            constant_weights=True,
             **stored,
         )
         self._tensors: tuple[tf.Tensor, ...] | None = None

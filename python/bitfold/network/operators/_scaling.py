@@ -50,15 +50,15 @@ class CommonScale:
         self._zero_points = [operand.zero_point for operand in operands]
         self._spare = spare
 
-    def __call__(self, i: int, stored: tf.Tensor, sign: int = 1) -> tf.Tensor:
-        """Scale the i-th operand, negated before it is rounded where `sign` is -1."""
+    def __call__(self, i: int, stored: tf.Tensor) -> tf.Tensor:
+        """Scale the i-th operand."""
         centred = tf.cast(stored, tf.int32) - self._zero_points[i]
         multiplier = self._multipliers[i]
         if multiplier == 0.5:
-            return centred * (sign << (self._spare - 1))
+            return centred * (1 << (self._spare - 1))
         # The op takes no scalar.
         sums = tf.reshape(centred, [-1]) if centred.shape.rank == 0 else centred
         scaled = ops.requantise(
-            sums * (sign << self._spare), [multiplier], rounding="two_roundings", dtype=tf.int32
+            sums * (1 << self._spare), [multiplier], rounding="two_roundings", dtype=tf.int32
         )
         return tf.reshape(scaled, []) if centred.shape.rank == 0 else scaled

@@ -8,9 +8,9 @@ import dataclasses
 from collections.abc import Iterator
 from typing import Any
 
-import numpy as np
 import tensorflow as tf
 
+from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._moves import need_elements
@@ -63,11 +63,6 @@ class Axis:
     def padded_size(self) -> int:
         """Of the image and what windows meet beyond it."""
         return self.size + sum(self.padding)
-
-    def inside(self) -> np.ndarray:
-        """Return how many of each window's taps, which lie side by side, are in the image."""
-        first = np.arange(self.outputs) * self.stride - self.padding[0]
-        return np.minimum(first + self.window, self.size) - np.maximum(first, 0)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -139,6 +134,19 @@ class Windows:
             return images, "SAME"
         return self.padded(images), "VALID"
 
+    def pooled(self, images: tf.Tensor, pooling: str, bounds: tuple[int, int]) -> tf.Tensor:
+        """Pool stored images [N, H, W, C] and clamp the results."""
+        minimum, maximum = bounds
+        return ops.stored_pool(
+            images,
+            pooling=pooling,
+            window=[self.rows.window, self.columns.window],
+            strides=self.strides,
+            padding="SAME" if self.rows.is_same else "VALID",
+            minimum=minimum,
+            maximum=maximum,
+        )
+
 
 def window_problems(node: Node, height: int, width: int) -> Iterator[str]:
     """Yield what is wrong with the options that place windows."""
@@ -168,39 +176,3 @@ def pool_problems(node: Node) -> Iterator[str]:
     yield from before
     if not before:
         yield from window_problems(node, node.option("filter_height"), node.option("filter_width"))
-
-
-def window_sums(images: tf.Tensor, windows: Windows) -> tf.Tensor:
-    """Add up the pixels of each window; what lies beyond the image is 0.
-
-    Args:
-        images: int32 [N, H, W, C].
-        windows: without dilation.
-
-    Returns:
-        [N, H', W', C].
-    """
-    rows = _sums(windows.padded(images), 1, windows.rows)
-    return _sums(rows, 2, windows.columns)
-
-
-def _sums(pixels: tf.Tensor, dimension: int, axis: Axis) -> tf.Tensor:
-    """Add up windows along one dimension, from sums over 1, 2, 4, ... pixels."""
-    begin, total = 0, None
-    for bit in range(axis.window.bit_length()):
-        if axis.window >> bit & 1:
-            last = begin + (axis.outputs - 1) * axis.stride
-            part = _part(pixels, dimension, begin, last + 1, axis.stride)
-            total = part if total is None else total + part
-            begin += 1 << bit
-        if axis.window >> bit > 1:
-            length = pixels.shape[dimension] - (1 << bit)
-            later = _part(pixels, dimension, 1 << bit, None)
-            pixels = _part(pixels, dimension, 0, length) + later
-    return total
-
-
-def _part(
-    values: tf.Tensor, dimension: int, first: int, end: int | None, stride: int = 1
-) -> tf.Tensor:
-    return values[(slice(None),) * dimension + (slice(first, end, stride),)]

@@ -3,8 +3,8 @@
 """AVERAGE_POOL_2D: the mean of each window's pixels, on stored integers.
 
 A window counts the pixels within the image. Its sum is exact, and divided with halves away from
-zero. No
-scale matters but the output's, for the fused activation.
+zero. No scale
+matters but the output's, for the fused activation.
 """
 
 from __future__ import annotations
@@ -16,10 +16,9 @@ import tensorflow as tf
 
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
-from bitfold.network.operators._fixed_point import quotient_away
 from bitfold.network.operators._requantisation import activation_range
 from bitfold.network.operators._step import Step
-from bitfold.network.operators._windows import Windows, pool_problems, window_sums
+from bitfold.network.operators._windows import Windows, pool_problems
 
 
 class AveragePool(Step):
@@ -28,11 +27,9 @@ class AveragePool(Step):
     stacks = True
 
     def __init__(self, node: Node, arithmetic: Arithmetic) -> None:
-        """Count the pixels of each window."""
+        """Make the bounds."""
         super().__init__(node, arithmetic)
         self._windows = Windows.of_pool(node)
-        rows, columns = (axis.inside() for axis in (self._windows.rows, self._windows.columns))
-        self._counts = np.outer(rows, columns).astype(np.int32)[..., None]
         self._bounds = activation_range(
             node.outputs[0], node.option("fused_activation_function", "NONE")
         )
@@ -50,6 +47,4 @@ class AveragePool(Step):
 
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
         """Divide the windows' sums."""
-        sums = window_sums(tf.cast(inputs[0], tf.int32), self._windows)
-        means = tf.clip_by_value(quotient_away(sums, self._counts), *self._bounds)
-        return [tf.cast(means, inputs[0].dtype)]
+        return [self._windows.pooled(inputs[0], "average", self._bounds)]

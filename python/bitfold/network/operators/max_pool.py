@@ -38,11 +38,4 @@ class MaxPool(Step):
 
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
         """Take the windows' maxima."""
-        rows, columns = self._windows.rows, self._windows.columns
-        maxima = tf.nn.max_pool2d(
-            inputs[0],
-            [rows.window, columns.window],
-            [rows.stride, columns.stride],
-            "SAME" if rows.is_same else "VALID",
-        )
-        return [tf.clip_by_value(maxima, *(tf.cast(b, maxima.dtype) for b in self._bounds))]
+        return [self._windows.pooled(inputs[0], "max", self._bounds)]

@@ -12,11 +12,10 @@ from collections.abc import Iterator
 import numpy as np
 import tensorflow as tf
 
-from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
-from bitfold.network.operators._pairs import PairStep, pair_problems
-from bitfold.network.operators._requantisation import FUSED, Requantiser
+from bitfold.network.operators._pairs import PairStep, pair_problems, stored_result
+from bitfold.network.operators._requantisation import FUSED, activation_range
 from bitfold.network.operators._scaling import need_multiplier
 
 
@@ -35,22 +34,17 @@ class Product(PairStep):
             yield from need_multiplier("the multiplier", _multiplier(node))
 
     def set_up(self) -> None:
-        """Make the requantisation."""
-        self._requantise = Requantiser(
-            self.node.outputs[0],
-            np.array([_multiplier(self.node)]),
-            self.node.option("fused_activation_function"),
-            Arithmetic(),
-            "two_roundings",
-        )
+        """Make the bounds."""
+        fused = self.node.option("fused_activation_function")
+        self._bounds = activation_range(self.node.outputs[0], fused)
 
     def prepare(self, i: int, stored: tf.Tensor) -> tf.Tensor:
-        """Subtract the zero point."""
-        return tf.cast(stored, tf.int32) - self.node.inputs[i].zero_point
+        """Leave an operand as it is."""
+        return stored
 
     def combine(self, first: tf.Tensor, second: tf.Tensor) -> tf.Tensor:
         """Multiply and requantise."""
-        return self._requantise(first * second)
+        return stored_result(self.node, "multiply", first, second, self._bounds)
 
 
 def _multiplier(node: Node) -> float:

@@ -28,22 +28,16 @@ from bitfold.network.operators._scaling import need_multiplier
 from bitfold.network.operators._step import Step
 
 STORED_OR_UNSIGNED = (*_checks.STORED, "uint8")
-# The largest number below a half: it rounds halves away from zero where a half itself would
-# round up what is just below one.
-_HALF = np.nextafter(np.float32(0.5), np.float32(0))
-# Beyond the stored types, whatever the zero point, and exact in single precision.
-_BEYOND = 2.0**18
 
 
 def quantise(values: tf.Tensor, tensor: Tensor) -> tf.Tensor:
     """Return the stored integers of float32 values, in a tensor's type, scale and zero point."""
-    limits = np.iinfo(tensor.dtype)
-    # When a graph is optimised, a plain division by a constant becomes a product with a reciprocal.
-    steps = tf.math.divide_no_nan(values, np.float32(tensor.scale))
-    steps = tf.where(tf.math.is_nan(steps), tf.zeros_like(steps), steps)
-    steps = tf.clip_by_value(steps, -_BEYOND, _BEYOND)
-    whole = tf.cast(steps + tf.sign(steps) * _HALF, tf.int32) + tensor.zero_point
-    return tf.cast(tf.clip_by_value(whole, int(limits.min), int(limits.max)), tensor.dtype)
+    return ops.stored_quantise(
+        values,
+        output_scale=tensor.scale,
+        output_zero_point=tensor.zero_point,
+        dtype=tf.as_dtype(tensor.dtype),
+    )
 
 
 def dequantise(stored: tf.Tensor, tensor: Tensor) -> tf.Tensor:
@@ -106,19 +100,30 @@ class Rescale(Step):
         yield from need_multiplier("scale / the output's scale", _ratio(node))
 
     def __init__(self, node: Node, arithmetic: Arithmetic) -> None:
-        """Make the multiplier."""
+        """Make the multiplier, and the table for bytes."""
         super().__init__(node, arithmetic)
         limits = np.iinfo(node.outputs[0].dtype)
         self._bounds = int(limits.min), int(limits.max)
         self._ratio = [_ratio(node)]
+        self._table = None
+        if node.inputs[0].dtype.itemsize == 1:
+            ends = np.iinfo(node.inputs[0].dtype)
+            with tf.init_scope():
+                self._table = self._rescaled(tf.range(ends.min, ends.max + 1)).numpy()
 
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
-        """Requantise."""
+        """Requantise; bytes by a table of all results."""
+        if self._table is not None:
+            return [ops.stored_lookup(inputs[0], self._table)]
+        return [self._rescaled(tf.cast(inputs[0], tf.int32))]
+
+    def _rescaled(self, stored: tf.Tensor) -> tf.Tensor:
+        """Requantise stored integers, given as int32."""
         data, output = self.node.inputs[0], self.node.outputs[0]
         minimum, maximum = self._bounds
         is_signed = output.dtype != np.uint8
-        stored = ops.requantise(
-            tf.cast(inputs[0], tf.int32) - data.zero_point,
+        rescaled = ops.requantise(
+            stored - data.zero_point,
             self._ratio,
             rounding="two_roundings",
             zero_point=output.zero_point,
@@ -126,7 +131,7 @@ class Rescale(Step):
             maximum=maximum,
             dtype=tf.as_dtype(output.dtype) if is_signed else tf.int16,
         )
-        return [stored if is_signed else tf.cast(stored, tf.uint8)]
+        return rescaled if is_signed else tf.cast(rescaled, tf.uint8)
 
 
 def _ratio(node: Node) -> float:

@@ -19,17 +19,11 @@ import numpy as np
 import tensorflow as tf
 
 from bitfold import ops
-from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks
-from bitfold.network.operators._pairs import PairStep, pair_problems
-from bitfold.network.operators._requantisation import FUSED, Requantiser, activation_range
-from bitfold.network.operators._scaling import (
-    CommonScale,
-    need_fraction,
-    scale_problems,
-    twice_larger_scale,
-)
+from bitfold.network.operators._pairs import PairStep, pair_problems, stored_result
+from bitfold.network.operators._requantisation import FUSED, activation_range
+from bitfold.network.operators._scaling import need_fraction, scale_problems, twice_larger_scale
 
 # More bits than int16 has cannot be shifted out.
 _MOST_SHIFT = 15
@@ -56,27 +50,24 @@ class Addition(PairStep):
         yield from need_fraction("the multiplier of the sum", _multiplier(node))
 
     def set_up(self) -> None:
-        """Make the scaling of the operands and of their sum."""
+        """Make the shifts and the bounds."""
         output = self.node.outputs[0]
         fused = self.node.option("fused_activation_function")
         self._signs = (1, -1 if self.node.kind == "SUB" else 1)
         self._shifts = None if _exponents(self.node) is None else _shifts(self.node)
         self._bounds = activation_range(output, fused)
-        if self._shifts is None:
-            multiplier = np.array([_multiplier(self.node)])
-            self._scaled = CommonScale(self.node.inputs, _spare(self.node))
-            self._requantise = Requantiser(output, multiplier, fused, Arithmetic(), "two_roundings")
 
     def prepare(self, i: int, stored: tf.Tensor) -> tf.Tensor:
-        """Bring an operand to the common scale, or to the output's."""
+        """Bring an operand to the output's scale where that is done by shifts."""
         if self._shifts is None:
-            return self._scaled(i, stored, self._signs[i])
+            return stored
         return self._signs[i] * _divided(tf.cast(stored, tf.int32), self._shifts[i])
 
     def combine(self, first: tf.Tensor, second: tf.Tensor) -> tf.Tensor:
         """Add and requantise."""
         if self._shifts is None:
-            return self._requantise(first + second)
+            operation = "subtract" if self.node.kind == "SUB" else "add"
+            return stored_result(self.node, operation, first, second, self._bounds)
         return tf.cast(tf.clip_by_value(first + second, *self._bounds), tf.int16)
 
 

@@ -18,6 +18,7 @@ from collections.abc import Iterator, Sequence
 import numpy as np
 import tensorflow as tf
 
+from bitfold import ops
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.kernels import tabulate
@@ -54,19 +55,11 @@ class Table(Step):
     def __init__(self, node: Node, arithmetic: Arithmetic) -> None:
         """Make the table."""
         super().__init__(node, arithmetic)
-        table = _table(node)
-        # From 0 on, and what is below 0 behind it: the order of the same bits without a sign.
-        self._table = np.roll(table, table.size // 2)
+        self._table = _table(node)
 
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
         """Look up every element."""
-        return [lookup(self._table, inputs[0])]
-
-
-def lookup(table: np.ndarray, stored: tf.Tensor) -> tf.Tensor:
-    """Return the entry of every stored integer; those of the negative ones are at the end."""
-    unsigned = tf.uint8 if stored.dtype == tf.int8 else tf.uint16
-    return tf.gather(table, tf.cast(tf.bitcast(stored, unsigned), tf.int32))
+        return [ops.stored_lookup(inputs[0], self._table)]
 
 
 def _table(node: Node) -> np.ndarray:

@@ -1,0 +1,75 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Prepared layers, from stored bytes to stored bytes, beside the stock convolution of floats."""
+
+from __future__ import annotations
+
+import functools
+from dataclasses import dataclass
+
+import tensorflow as tf
+
+import bitfold
+from timing import Case, in_graph, integers, vector_target
+
+
+@dataclass(frozen=True)
+class Layer:
+    """The shape of a convolution of one image whose outputs lie as its pixels do."""
+
+    name: str
+    side: int
+    channels: int
+    outputs: int
+    taps: int
+
+
+LAYERS = (
+    Layer("56x56x64 to 64, 3x3", 56, 64, 64, 3),
+    Layer("28x28x32 to 192, 1x1", 28, 32, 192, 1),
+    Layer("14x14x576, 3x3", 14, 576, 0, 3),
+)
+ARITHMETICS = {
+    "proven": {},
+    "shift 4": {"accumulator_size": 24, "mult_shift": 4},
+    "half precision": {"use_fp16_acc": True},
+}
+
+
+def cases() -> list[Case]:
+    """Return each layer in each arithmetic."""
+    return [
+        _case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()
+    ]
+
+
+def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
+    channels = layer.channels if layer.outputs else 1
+    outputs = layer.outputs or layer.channels
+    x = integers((1, layer.side, layer.side, layer.channels), -128, 127, tf.int8)
+    w = integers((layer.taps, layer.taps, channels, outputs), -127, 127, tf.int8)
+    bias = integers((outputs,), -1000, 1000, tf.int32)
+    multipliers = tf.fill([outputs], tf.constant(1e-3, tf.float64))
+    ours = functools.partial(
+        bitfold.ops.prepared_conv2d,
+        padding=(layer.taps // 2,) * 4,
+        depthwise=not layer.outputs,
+        input_zero_point=-1,
+        constant_weights=True,
+        **options,
+    )
+
+    def stock(x, w):
+        if layer.outputs:
+            return tf.nn.conv2d(x, w, 1, "SAME")
+        return tf.nn.depthwise_conv2d(x, tf.transpose(w, [0, 1, 3, 2]), [1] * 4, "SAME")
+
+    floats = (tf.cast(x, tf.float32), tf.cast(w, tf.float32))
+    return Case(
+        f"HPreparedConvolution/{layer.name}, {name}",
+        layer.name,
+        layer.side**2 * layer.taps**2 * layer.channels * (layer.outputs or 1),
+        in_graph(ours, x, w, bias, multipliers),
+        in_graph(stock, *floats),
+        vector_target(),
+    )

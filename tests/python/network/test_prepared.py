@@ -1,0 +1,122 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Layers that are one op: what they store is what the public ops give one after the other."""
+
+from __future__ import annotations
+
+import generated
+import numpy as np
+import packed
+import pytest
+import sum_cases
+import tensorflow as tf
+from comparing import stored_values
+from support import assert_bits
+from witness import Witness
+
+import bitfold
+from bitfold.network.operators._prepared import PreparedLayer
+from bitfold.network.operators._step import SummingStep
+from bitfold.network.operators._weighted import WeightedStep
+
+# By what the sums are then: dot products where no sum or every sum may wrap, scaled products of
+# whole numbers as floats, and as integers, a step at a time, in half precision.
+ARITHMETICS = {
+    "dot products": bitfold.Arithmetic(),
+    "dot products of 32 bits": bitfold.Arithmetic(accumulator_size=32),
+    "dot products that wrap": bitfold.Arithmetic(accumulator_size=16),
+    "rounded": bitfold.Arithmetic(accumulator_size=24, mult_shift=2),
+    "rounded and wrapped": bitfold.Arithmetic(accumulator_size=16, mult_shift=1),
+    "shifted far": bitfold.Arithmetic(accumulator_size=20, mult_shift=25),
+    "stepwise": bitfold.Arithmetic(accumulator_size=12),
+    "stepwise, shifted": bitfold.Arithmetic(accumulator_size=8, mult_shift=3),
+    "of one bit": bitfold.Arithmetic(accumulator_size=1),
+    "of no bit": bitfold.Arithmetic(accumulator_size=0),
+    "half precision": bitfold.Arithmetic(use_fp16_acc=True),
+    "half precision, shifted": bitfold.Arithmetic(use_fp16_acc=True, mult_shift=6),
+}
+KINDS = ("CONV_2D", "DEPTHWISE_CONV_2D", "FULLY_CONNECTED")
+
+
+def _weighted(network: bitfold.Network) -> list[WeightedStep]:
+    return [step for step in network._program.steps if isinstance(step, WeightedStep)]
+
+
+def _compare(step: WeightedStep, inputs, what: str) -> None:
+    """Eagerly and in a function, twice: the layer is made once."""
+    (expected,) = SummingStep.run(step, inputs)
+    call = tf.function(lambda *tensors: step.run(tensors), autograph=False)
+    tensors = [x for x in inputs if x is not None]
+    runs = [step.run, step.run]
+    if len(tensors) == len(inputs):
+        runs += [lambda inputs: call(*inputs)] * 2
+    for run in runs:
+        (actual,) = run(inputs)
+        assert_bits(actual, expected.numpy(), arithmetic=step.arithmetic, what=what)
+
+
+@pytest.mark.parametrize("name", ARITHMETICS)
+@pytest.mark.parametrize("dtype", ["int8", "int16"])
+@pytest.mark.parametrize("kind", KINDS)
+def test_one_op_is_the_public_ops(kind, dtype, name):
+    """Each operator with stored weights, in each arithmetic."""
+    prepared = 0
+    for case in sum_cases.CASES[kind](dtype, np.random.default_rng(9)):
+        network = bitfold.Network.from_tflite(case.content)
+        try:
+            network = network.with_arithmetic(ARITHMETICS[name])
+        except ValueError:
+            continue  # a shift beyond the multipliers' exponents
+        (step,) = _weighted(network)
+        inputs = [tf.constant(x) for x in packed.stored_values(case, 2)]
+        read = step.node.inputs
+        given = iter(inputs)
+        row = [
+            None if t is None else tf.constant(t.data) if t.is_constant else next(given)
+            for t in read
+        ]
+        prepared += isinstance(step._prepared, PreparedLayer)
+        _compare(step, row, f"{name}, {case.label}")
+    if dtype == "int8" or ARITHMETICS[name].accumulator_size is not None:
+        assert prepared or ARITHMETICS[name].mult_shift > 7
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("seed", range(6))
+def test_layers_of_networks(seed):
+    """Of random networks, with what the network itself gives each layer."""
+    made = generated.network(seed)
+    file = Witness(made.content)
+    rng = np.random.default_rng(seed)
+    images = [stored_values(rng, file.dtype(i), (2, *file.shape(i)[1:])) for i in file.inputs]
+    given = images if len(images) > 1 else images[0]
+    exact = bitfold.Network.from_tflite(made.content)
+    for name in list(ARITHMETICS)[seed % 2 :: 2]:
+        if ARITHMETICS[name].mult_shift > 7:
+            continue
+        network = exact.with_arithmetic(ARITHMETICS[name])
+        known = dict(zip(file.inputs, images, strict=True)) | network.trace(given)
+        for step in _weighted(network):
+            if step._prepared is None:
+                continue
+            read = step.node.inputs[step.places[0]]
+            if read.index not in known:
+                continue
+            row = [None] * len(step.node.inputs)
+            row[step.places[0]] = tf.constant(known[read.index])
+            _compare(step, row, f"seed {seed}, {name}, {step.node}")
+
+
+@pytest.mark.parametrize(
+    ("kind", "dtype", "arithmetic"),
+    [
+        ("TRANSPOSE_CONV", "int8", bitfold.Arithmetic()),
+        ("CONV_2D", "int16", bitfold.Arithmetic()),
+        ("CONV_2D", "int8", bitfold.Arithmetic(requantisation="unit")),
+    ],
+)
+def test_layers_that_are_several_ops(kind, dtype, arithmetic):
+    """A filter over an image that is spread out, sums of 64 bits, the unit that requantises."""
+    case = next(iter(sum_cases.CASES[kind](dtype, np.random.default_rng(0))))
+    (step,) = _weighted(bitfold.Network.from_tflite(case.content).with_arithmetic(arithmetic))
+    assert step._prepared is None
