@@ -12,9 +12,6 @@
 namespace bitfold {
 namespace {
 
-// Whole words of any kind.
-constexpr int32_t kChannelsTogether = 16;
-
 // That hold so many bytes and what a word reads beyond them.
 int64_t WordsOf(int64_t bytes) { return bytes / int64_t{sizeof(int32_t)} + 2; }
 
@@ -86,70 +83,34 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers,
   if (remainders_) choices_ = words(2 * panels_ * PanelWords());
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
   if (remainders_ && choices_ == nullptr) return false;
-  const int64_t taps = int64_t{layer_.rows.taps} * taps_;
-  const int64_t groups = (tap_size_ + kChannelsTogether - 1) / kChannelsTogether;
-  const int64_t cost = kChannelsTogether * int64_t{layer_.out_channels} / 4;  // in cycles
-  workers->Share(taps * groups, cost, [&](int64_t first, int64_t end) {
-    for (int64_t i = first; i < end; ++i) {
-      PackGroup(filter, i / groups, i % groups * kChannelsTogether);
-    }
-  });
-  workers->Share(panels_, PanelWords() / 4, [&](int64_t first, int64_t end) {
-    for (int64_t panel = first; panel < end; ++panel) {
-      SumPanel(static_cast<int32_t>(panel), addends);
-    }
-  });
+  workers->Share(panels_, PanelWords(),
+                 [&](int64_t first, int64_t end) { PackPanels(filter, addends, first, end); });
   return true;
 }
 
-// A few input channels of a tap, from `first` on, for all panels: they lie near each other, so that
-// this is twice as fast for a layer of 512 to 512 channels as panel by panel. The filter is read in
-// place but for a panel that is not full, which zeros fill up.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackGroup(const Weight* filter, int64_t tap, int64_t first) {
-  Weight filled[kChannelsTogether * kPanel];
-  const auto channels =
-      static_cast<int32_t>(std::min<int64_t>(kChannelsTogether, tap_size_ - first));
-  const Weight* rows = filter + (tap * tap_size_ + first) * layer_.out_channels;
-  int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
-  for (int32_t panel = 0; panel < panels_; ++panel) {
-    const Weight* weights = rows + panel * kPanel;
-    int32_t* out = words + panel * PanelWords();
-    int64_t stride = layer_.out_channels;
-    const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
-    if (lanes < kPanel) {
-      for (int32_t c = 0; c < channels; ++c) {
-        Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
-        std::fill_n(end, kPanel - lanes, Weight{0});
-      }
-      weights = filled;
-      stride = kPanel;
-    }
-    IsBytes() ? PackWeightBytes(weights, channels, stride, out)
-              : PackWeightShorts(weights, channels, stride, out);
+void DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t* addends,
+                                            int64_t first, int64_t end) {
+  const int64_t channel = first * kPanel;
+  const int64_t stride = layer_.out_channels;
+  const int64_t channels = std::min(end * kPanel, stride) - channel;
+  const WeightShape shape = {tap_size_, channels, stride, PanelWords()};
+  int32_t* sums = initial_sums_ + channel;
+  std::fill_n(sums, (end - first) * kPanel, 0);
+  for (int64_t tap = 0; tap < int64_t{layer_.rows.taps} * taps_; ++tap) {
+    const Weight* weights = filter + tap * tap_size_ * stride + channel;
+    int32_t* out = weights_ + first * PanelWords() + tap * words_ * kPanel;
+    IsBytes() ? PackWeightBytes(weights, shape, out, sums)
+              : PackWeightShorts(weights, shape, out, sums);
   }
-}
-
-// Minus the offset times the weights of a lane, which the padding has, too. And what remainders
-// need.
-template <typename In, typename Output>
-void DotConvolution<In, Output>::SumPanel(int32_t panel, const int32_t* addends) {
-  int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
-  std::fill_n(sums, kPanel, 0);
-  if (addends != nullptr) {
-    const int32_t first = panel * kPanel;
-    const int32_t lanes = std::min(kPanel, layer_.out_channels - first);
-    std::transform(addends + first, addends + first + lanes, sums,
-                   [this](int32_t x) { return ShiftLeft(x, plan_.shift); });
+  // What surrounds the image has the offset, too.
+  for (int64_t c = 0; c < channels; ++c) {
+    const int32_t addend = addends == nullptr ? 0 : ShiftLeft(addends[channel + c], plan_.shift);
+    sums[c] = WrapSubtract(addend, WrapMultiply(plan_.input_offset, sums[c]));
   }
-  const int32_t* weights = weights_ + panel * PanelWords();
-  if (remainders_) {
-    remainders_->Choose(weights, PanelWords() / kPanel, choices_ + 2 * panel * PanelWords(), sums);
-  }
-  if (plan_.input_offset == 0) return;
-  for (int64_t i = 0; i < PanelWords(); ++i) {
-    int32_t& sum = sums[i % kPanel];
-    sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
+  for (int64_t panel = first; remainders_ && panel < end; ++panel) {
+    remainders_->Choose(weights_ + panel * PanelWords(), PanelWords() / kPanel,
+                        choices_ + 2 * panel * PanelWords(), initial_sums_ + panel * kPanel);
   }
 }
 

@@ -96,8 +96,7 @@ class DotConvolution {
   int64_t PanelWords() const { return int64_t{layer_.rows.taps} * taps_ * words_ * kPanel; }
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
-  void PackGroup(const Weight* filter, int64_t tap, int64_t first);
-  void SumPanel(int32_t panel, const int32_t* addends);
+  void PackPanels(const Weight* filter, const int32_t* addends, int64_t first, int64_t end);
   void PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
   void PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;
   int64_t WithTables(int64_t bytes) const;
