@@ -188,6 +188,12 @@ OutputBlocks ChainEngine<D, T>::Cut(const ChainSharing& sharing) const {
   return OutputBlocks(all, step);
 }
 
+template <typename D, typename T>
+void ChainEngine<D, T>::CutInto(const ChainSharing& sharing) {
+  blocks_ = Cut(sharing);
+  slots_ = static_cast<int>(std::min<int64_t>(sharing.slots, sharing.images * blocks_->count()));
+}
+
 // ---- Preparation -------------------------------------------------------------------------------
 
 template <typename D, typename T>
@@ -201,24 +207,24 @@ bool ChainEngine<D, T>::Prepare(const ChainSharing& sharing, Scratch* scratch) {
     plan_->path = InLanes<T>(plan_->path);
   }
   if (call_.is_depthwise && call_.out_channels < kPanel) return false;
-  blocks_ = Cut(sharing);
+  CutInto(sharing);
   if (plan_->path == ChainPath::kStepwise) {
     return stepwise_.emplace(call_, datapath_, plan_->half).Prepare(call_, scratch);
   }
   return sums_.emplace(call_, *plan_, datapath_.mult_shift())
-      .Prepare(call_, blocks_->largest().columns, sharing.slots, scratch);
+      .Prepare(call_, blocks_->largest().columns, slots_, scratch);
 }
 
 // False with dot_ where there is no memory, without it where too much would be needed.
 template <typename D, typename T>
 bool ChainEngine<D, T>::PrepareDots(const ChainSharing& sharing, Scratch* scratch) {
   dot_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0}, *plan_);
-  blocks_ = Cut(sharing);
+  CutInto(sharing);
   if (DotWords() > kMostPadding * call_.InputElements() + kAlwaysPadded) {
     dot_.reset();
     return false;
   }
-  dot_words_ = AllocateFor<int32_t>(scratch, DotWords() * sharing.slots);
+  dot_words_ = AllocateFor<int32_t>(scratch, DotWords() * slots_);
   return dot_words_ != nullptr && dot_->Prepare(call_.filter, sharing.workers, scratch);
 }
 
@@ -227,13 +233,13 @@ template <typename D, typename T>
 bool ChainEngine<D, T>::PrepareDotDepthwise(const ChainSharing& sharing, Scratch* scratch) {
   dot_depthwise_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0},
                          *plan_);
-  blocks_ = Cut(sharing);
+  CutInto(sharing);
   const int64_t bytes = dot_depthwise_->MemoryBytes();
   if (bytes > kMostPadding * call_.InputElements() + kAlwaysPadded) {
     dot_depthwise_.reset();
     return false;
   }
-  dot_memory_ = AllocateFor<char>(scratch, bytes * sharing.slots);
+  dot_memory_ = AllocateFor<char>(scratch, bytes * slots_);
   return dot_memory_ != nullptr && dot_depthwise_->Prepare(call_.filter, call_.filters, scratch);
 }
 

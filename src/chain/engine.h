@@ -41,6 +41,7 @@ struct ChainSharing {
   Workers* workers;  // look at the numbers together
   int slots;         // blocks that run at the same time, at most
   int64_t blocks;    // of an image that there should be, if each is worth a thread's while
+  int64_t images = INT32_MAX;  // that run at the same time, at most
 };
 
 template <typename D, typename T>
@@ -60,12 +61,15 @@ class ChainEngine {
   // Those of an image, which together are all its outputs. Requires plan(), as what follows.
   const OutputBlocks& blocks() const { return *blocks_; }
 
+  // What runs at the same time has one each: no more than blocks that can.
+  int slots() const { return slots_; }
+
   // The cycles of a block, roughly.
   int64_t BlockCost() const { return ImageCost() / blocks_->count(); }
 
   // Computes and writes a block, or less. The outputs that may print a line are computed by
-  // `define`, in the order of the definition. `slot` < sharing.slots tells apart what runs at the
-  // same time.
+  // `define`, in the order of the definition. `slot` < slots() tells apart what runs at the same
+  // time.
   void Run(ChainImage<T> image, const OutputBlock& block, int slot,
            const DefineOutput& define) const;
 
@@ -95,6 +99,7 @@ class ChainEngine {
   bool CanCutColumns() const;
   bool CanCutChannels() const;
   OutputBlocks Cut(const ChainSharing& sharing) const;
+  void CutInto(const ChainSharing& sharing);
 
   bool Prepare(const ChainSharing& sharing, Scratch* scratch);
   bool PrepareDots(const ChainSharing& sharing, Scratch* scratch);
@@ -110,6 +115,7 @@ class ChainEngine {
   const ConvolutionCall<T> call_;  // with the corrected weights
   std::optional<ChainPlan> plan_;
   std::optional<OutputBlocks> blocks_;
+  int slots_ = 1;
   std::optional<DotConvolution<T, SumOutput<T>>> dot_;
   int32_t* dot_words_ = nullptr;  // what the slots have of an image, packed
   std::optional<DotDepthwise<T, SumOutput<T>>> dot_depthwise_;

@@ -63,13 +63,13 @@ BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Workers* w
   const int64_t units = workers->AtOnce() == 1 ? 1 : workers->AtOnce() * kUnitsForEach;
   const int64_t images = rows_of_pixels_.batch;
   cuts_images_ = images < units;
-  Decide({workers, workers->AtOnce(), (units + images - 1) / images}, scratch);
+  Decide({workers, workers->AtOnce(), (units + images - 1) / images, images}, scratch);
 }
 
 template <typename T>
 BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, int slots, Scratch* scratch)
     : call_(call), rows_of_pixels_(AsRowsOfPixels(call, false)) {
-  Decide({&TheCallingThread(), slots, 1}, scratch);
+  Decide({&TheCallingThread(), slots, 1, call.batch}, scratch);
 }
 
 template <typename T>
@@ -161,7 +161,7 @@ void BatchConvolution<T>::Run() const {
   const int64_t images = engine_ ? rows_of_pixels_.batch : call_.batch;
   const int64_t units = images * UnitsOfImage();
   std::vector<std::vector<int64_t>> may_print(UnitsOfImage() == 1 ? 0 : static_cast<size_t>(units));
-  Slots slots(workers_->AtOnce());
+  Slots slots(engine_ ? engine_->slots() : workers_->AtOnce());
   workers_->Share(units, UnitCost(), [&](int64_t first, int64_t end) {
     const Slots::Lease slot(&slots);
     for (int64_t unit = first; unit < end; ++unit) {

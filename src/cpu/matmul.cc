@@ -62,11 +62,11 @@ Rest Multiply(const MatMulCall<T>& call, int32_t batch_index, Workers* workers, 
   if (weights.weights == nullptr) return {};
   const int threads = workers->AtOnce();
   const ChainEngine<ChainDatapath<T>, T> engine(
-      image, weights, KnownFacts{}, {workers, threads, threads == 1 ? 1 : threads * kUnitsForEach},
-      scratch);
+      image, weights, KnownFacts{},
+      {workers, threads, threads == 1 ? 1 : threads * kUnitsForEach, 1}, scratch);
   if (!engine.plan()) return {};
 
-  Slots slots(threads);
+  Slots slots(engine.slots());
   return {true, weights.corrected,
           engine.RunShared({image.input, nullptr, image.output, 0}, &slots, workers)};
 }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "bitfold/warning.h"
+#include "frame/slots.h"
 #include "support/workers.h"
 
 namespace bitfold {
@@ -90,6 +91,21 @@ TEST(Workers, PartsHaveTheDefaultFloatingPointEnvironment) {
     EXPECT_EQ(std::fegetround(), FE_UPWARD) << "the caller's own is kept";
     std::fesetenv(&saved);
   }
+}
+
+// Each slot is lent to one thread at a time, more threads than slots or not.
+TEST(Slots, AreLentToOneAtATime) {
+  Slots slots(3);
+  std::atomic<int> lent[3] = {{0}, {0}, {0}};
+  std::atomic<int> shared{0};
+  testing::ThreadParts threads(6, 1);
+  threads.Share(600, 1, [&](int64_t, int64_t) {
+    const Slots::Lease slot(&slots);
+    ASSERT_LT(slot.number(), 3);
+    if (lent[slot.number()].fetch_add(1) != 0) ++shared;
+    lent[slot.number()].fetch_sub(1);
+  });
+  EXPECT_EQ(shared, 0);
 }
 
 }  // namespace
