@@ -36,10 +36,6 @@ struct alignas(64) CacheLine {
   char bytes[64];
 };
 
-bool IsOfDots(const ChainPlan& plan) {
-  return plan.path == ChainPath::kDotBytes || plan.path == ChainPath::kDotShorts;
-}
-
 int64_t Parts(int64_t all, int64_t step) { return (all + step - 1) / step; }
 
 // Panels of a block: fewer than all where the blocks would else be too few for the threads.
@@ -70,7 +66,7 @@ PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Wo
   } else {
     plan_ = PlanInt32(FactsWith(weights), CurrentDotKernels<StoredOutput>().HasBytes());
     // Lines about corrected signs come from the sums' images.
-    if (IsOfDots(*plan_) && !corrects && !HasTapsFarApart()) {
+    if (IsDots(plan_->path) && !corrects && !HasTapsFarApart()) {
       PrepareDots(weights);
     } else {
       PrepareSums(&sums_, std::move(weights), corrects, workers);
@@ -114,6 +110,9 @@ ChainFacts PreparedConvolution<In, Out>::FactsWith(const std::vector<int32_t>& w
   facts.packs = true;
   facts.input = InputFacts();
   facts.weights = FactsOf(weights.data(), static_cast<int64_t>(weights.size()));
+  facts.takes_remainders =
+      !layer_.is_depthwise && CurrentDotKernels<StoredOutput>().HasRemainders();
+  facts.products = layer_.FilterElements() / layer_.out_channels;
   return facts;
 }
 
@@ -153,11 +152,12 @@ int64_t PreparedConvolution<In, Out>::LargestOutcome() const {
 }
 
 // The wrap of a bias of at most 2^w is the wrap of the whole sum, which then begins with it; and
-// where no sum of the layer can leave the width, nothing wraps.
+// where no sum of the layer can leave the width, nothing wraps. A shift makes no sum larger; the
+// bias is shifted by itself.
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::PrepareDots(const std::vector<int32_t>& weights) {
   const int64_t period = int64_t{1} << layer_.accumulator_size;
-  const bool begins = HasNarrowBias();
+  const bool begins = HasNarrowBias() && plan_->path != ChainPath::kDotRemainders;
   const int64_t largest = LargestSum(weights);
   LayerFinishCall finish = FinishCall();
   finish.bits = largest < period / 2 ? 32 : plan_->bits;

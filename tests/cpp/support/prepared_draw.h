@@ -36,6 +36,7 @@ std::vector<PreparedRecipe> PreparedRecipes() {
   constexpr auto kStepwise = ChainPath::kStepwise;
   constexpr auto kModular = ChainPath::kModular;
   constexpr auto kRounded = ChainPath::kRounded;
+  constexpr auto kRemainders = ChainPath::kDotRemainders;
   constexpr auto kShorts = ChainPath::kDotShorts;
   constexpr auto kBytes = ChainPath::kDotBytes;
   if constexpr (std::is_same_v<In, int8_t>) {
@@ -44,7 +45,9 @@ std::vector<PreparedRecipe> PreparedRecipes() {
             {"bytes of 20 bits, the greatest zero point", kBytes, 20, 0, 127},
             {"products above 14 bits", kStepwise, 14, 0, 127},
             {"products of 8 bits, shifted", kStepwise, 8, 2, -3},
-            {"a shift of 1", kRounded, 20, 1, 11},
+            {"a shift of 1", kRemainders, 20, 1, 11},
+            {"a shift of 5", kRemainders, 32, 5, -128},
+            {"a shift of 6", kRounded, 22, 6, 127},
             {"a shift of 24", kRounded, 32, 24, -128},
             {"a shift of 25", kModular, 17, 25, 0},
             {"half precision", kStepwise, 32, 0, 5, true},
