@@ -89,13 +89,13 @@ T PooledElement(const StoredPoolCall<T>& call, int64_t image, int64_t row, int64
                 int64_t channel) {
   const PoolAxis& rows = call.rows;
   const PoolAxis& columns = call.columns;
-  int32_t greatest = std::numeric_limits<T>::min();
+  auto greatest = int32_t{std::numeric_limits<T>::min()};
   int32_t sum = 0;
   int32_t count = 0;
   for (int64_t y = rows.Begin(row); y < rows.End(row); ++y) {
     for (int64_t x = columns.Begin(column); x < columns.End(column); ++x) {
       const int64_t pixel = (image * rows.size + y) * columns.size + x;
-      const int32_t stored = call.data[pixel * call.channels + channel];
+      const auto stored = int32_t{call.data[pixel * call.channels + channel]};
       greatest = std::max(greatest, stored);
       sum += call.mode.pooling == StoredPooling::kAverage ? stored : 0;
       ++count;

@@ -228,8 +228,8 @@ TYPED_TEST(StoredElementwiseTensors, EveryPair) {
   Random random(0x57e3);
   constexpr int kStep = sizeof(TypeParam) == 1 ? 1 : 255;
   std::vector<TypeParam> every;
-  for (int x = std::numeric_limits<TypeParam>::min(); x <= std::numeric_limits<TypeParam>::max();
-       x += kStep * testing::Step(7)) {
+  for (auto x = int{std::numeric_limits<TypeParam>::min()};
+       x <= std::numeric_limits<TypeParam>::max(); x += kStep * testing::Step(7)) {
     every.push_back(static_cast<TypeParam>(x));
   }
   every.push_back(std::numeric_limits<TypeParam>::max());

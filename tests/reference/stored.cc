@@ -96,7 +96,8 @@ int32_t StoredPool(const int32_t* image, int32_t row, int32_t column, int32_t ch
       count += 1;
     }
   }
-  return Clamp(is_average ? NearestQuotient(sum, count) : greatest, minimum, maximum);
+  const bool divides = is_average && count > 0;
+  return Clamp(divides ? NearestQuotient(sum, count) : greatest, minimum, maximum);
 }
 
 int32_t StoredMean(const int32_t* data, int64_t count, int64_t step, const Scale& input,
