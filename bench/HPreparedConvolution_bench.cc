@@ -36,7 +36,7 @@ const std::vector<Arithmetic> kArithmetics = {
 
 void Prepared(benchmark::State& state, const Shape& shape, const Arithmetic& arithmetic,
               bool is_made_once) {
-  const LayerAxis axis = {shape.side, shape.taps, 1, 1, shape.taps / 2, shape.taps / 2};
+  const LayerAxis axis = {shape.side, shape.taps, 1, 1, 0, 0, Padding::kSame};
   const std::vector<double> multipliers(static_cast<size_t>(shape.out_channels), 1e-3);
   const auto bias = RandomIntegers<int32_t>(shape.out_channels, -1000, 1000);
   PreparedLayer layer = {shape.in_channels,

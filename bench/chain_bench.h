@@ -65,6 +65,8 @@ inline const char* PathName(const ChainPlan& plan) {
       return "dot products of shorts";
     case ChainPath::kDotBytes:
       return "dot products of bytes";
+    case ChainPath::kDotRemainders:
+      return "dot products and remainders";
   }
   return "";
 }

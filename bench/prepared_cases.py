@@ -52,7 +52,7 @@ def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
     multipliers = tf.fill([outputs], tf.constant(1e-3, tf.float64))
     ours = functools.partial(
         bitfold.ops.prepared_conv2d,
-        padding=(layer.taps // 2,) * 4,
+        padding="SAME",
         depthwise=not layer.outputs,
         input_zero_point=-1,
         constant_weights=True,

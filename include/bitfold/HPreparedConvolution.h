@@ -20,7 +20,9 @@
 
 namespace bitfold {
 
-// One axis of a layer's windows: `before` and `after` rows of zeros surround the input's.
+// One axis of a layer's windows: they lie as the padding says in the input's rows and the zeros
+// before and after these. What SAME windows meet beyond is no addend, as a zero is: of sums outside
+// the accumulator's range that makes a difference.
 struct LayerAxis {
   int32_t input;
   int32_t taps;
@@ -28,9 +30,10 @@ struct LayerAxis {
   int32_t dilation;
   int32_t before;
   int32_t after;
+  Padding padding = Padding::kValid;
 
   int32_t padded() const { return input + before + after; }
-  ConvolutionAxis OfPadded() const { return {padded(), taps, stride, dilation, Padding::kValid}; }
+  ConvolutionAxis OfPadded() const { return {padded(), taps, stride, dilation, padding}; }
   int32_t outputs() const { return getOutputSize(OfPadded()); }
 };
 
@@ -43,9 +46,8 @@ inline WindowAxis WindowOf(const LayerAxis& axis) {
 }
 
 // A layer and what it is made of. Requires
-//   axes        of at least one output; sizes of at least 1, padding of at least 0, and sums of
-//   them
-//               that stay below 2^30;
+//   axes        of one padding and at least one output; sizes of at least 1, zeros around of at
+//               least 0, and sums of all that stay below 2^30;
 //   filter      HWIO, or, depthwise, HWO, numbers of 8 bits with a sign;
 //   bias        null or of out_channels;
 //   multipliers one or, per_channel, out_channels, for which the rescaling is defined; two

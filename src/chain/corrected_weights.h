@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "bitfold/geometry.h"
 #include "bitfold/weight_sign.h"
 #include "chain/facts.h"
 #include "chain/shared_facts.h"
@@ -39,6 +40,27 @@ CorrectedWeights<T> CorrectWeights(const WeightSign<T>& sign, const T* weights, 
   std::transform(weights, weights + count, copy,
                  [&sign](T x) { return sign.NeedsCorrection(x) ? sign.Correct(x) : x; });
   return {copy, true, SharedFactsOf(copy, count, workers)};
+}
+
+// Whether a weight whose sign is corrected meets an input under some window: others are not seen.
+// Of a depthwise filter.
+template <typename T>
+bool MeetsCorrectedWeight(const WeightSign<T>& sign, const T* weights, int32_t channels,
+                          const WindowAxis& rows, const WindowAxis& columns) {
+  const auto is_used = [](const WindowAxis& axis, int32_t tap) {
+    for (int32_t output = 0; output < axis.outputs; ++output) {
+      if (axis.Contains(axis.Coordinate(output, tap))) return true;
+    }
+    return false;
+  };
+  for (int32_t row = 0; row < rows.taps; ++row) {
+    for (int32_t column = 0; column < columns.taps; ++column, weights += channels) {
+      const bool needs = std::any_of(weights, weights + channels,
+                                     [&sign](T x) { return sign.NeedsCorrection(x); });
+      if (needs && is_used(rows, row) && is_used(columns, column)) return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace bitfold

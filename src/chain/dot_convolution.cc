@@ -12,11 +12,13 @@
 namespace bitfold {
 namespace {
 
-// Whole words of any kind.
-constexpr int32_t kChannelsTogether = 16;
-
 // That hold so many bytes and what a word reads beyond them.
 int64_t WordsOf(int64_t bytes) { return bytes / int64_t{sizeof(int32_t)} + 2; }
+
+std::optional<RemainderTables> TablesOf(const ChainPlan& plan) {
+  if (plan.path != ChainPath::kDotRemainders) return std::nullopt;
+  return RemainderTables(plan.shift, plan.input_offset);
+}
 
 }  // namespace
 
@@ -34,7 +36,8 @@ DotConvolution<In, Output>::DotConvolution(const DotLayer& layer, const ChainPla
       tap_size_(int64_t{layer.in_channels} * (is_dense_ ? layer.columns.taps : 1)),
       pixel_(is_dense_ ? layer.in_channels : WholeWords(layer.in_channels)),
       words_(static_cast<int32_t>(WholeWords(tap_size_) / NumbersInAWord())),
-      panels_((layer.out_channels + kPanel - 1) / kPanel) {}
+      panels_((layer.out_channels + kPanel - 1) / kPanel),
+      remainders_(TablesOf(plan)) {}
 
 template <typename In, typename Output>
 bool DotConvolution<In, Output>::IsPixelwise() const {
@@ -50,12 +53,23 @@ int64_t DotConvolution<In, Output>::StripWords(int32_t rows) const {
                               (int64_t{layer_.rows.taps} - 1) * layer_.rows.dilation + 1;
   int64_t bytes;
   const bool overflows = __builtin_mul_overflow(packed_rows, RowBytes(), &bytes);
-  return overflows ? INT64_MAX : WordsOf(bytes);
+  return overflows ? INT64_MAX : WithTables(bytes);
 }
 
 template <typename In, typename Output>
 int64_t DotConvolution<In, Output>::PixelWords(int64_t pixels) const {
-  return WordsOf(pixels * PixelBytes());
+  return WithTables(pixels * PixelBytes());
+}
+
+// The words of so many packed bytes and of their tables, and those of what is read beyond them.
+template <typename In, typename Output>
+int64_t DotConvolution<In, Output>::WithTables(int64_t bytes) const {
+  if (!remainders_) return WordsOf(bytes);
+  constexpr int64_t kMost = INT64_MAX / (2 << kMostRemainderShift);
+  if (bytes > kMost) return INT64_MAX;
+  constexpr int64_t kReadBehindTables = 32;
+  const int64_t looked_up = bytes + int64_t{sizeof(int32_t)};
+  return WordsOf(bytes) + WordsOf(looked_up * remainders_->Entries() + kReadBehindTables);
 }
 
 template <typename In, typename Output>
@@ -66,65 +80,37 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers,
   };
   weights_ = words(panels_ * PanelWords());
   initial_sums_ = words(panels_ * kPanel);
+  if (remainders_) choices_ = words(2 * panels_ * PanelWords());
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
-  const int64_t taps = int64_t{layer_.rows.taps} * taps_;
-  const int64_t groups = (tap_size_ + kChannelsTogether - 1) / kChannelsTogether;
-  const int64_t cost = kChannelsTogether * int64_t{layer_.out_channels} / 4;  // in cycles
-  workers->Share(taps * groups, cost, [&](int64_t first, int64_t end) {
-    for (int64_t i = first; i < end; ++i) {
-      PackGroup(filter, i / groups, i % groups * kChannelsTogether);
-    }
-  });
-  workers->Share(panels_, PanelWords() / 4, [&](int64_t first, int64_t end) {
-    for (int64_t panel = first; panel < end; ++panel) {
-      SumPanel(static_cast<int32_t>(panel), addends);
-    }
-  });
+  if (remainders_ && choices_ == nullptr) return false;
+  workers->Share(panels_, PanelWords(),
+                 [&](int64_t first, int64_t end) { PackPanels(filter, addends, first, end); });
   return true;
 }
 
-// A few input channels of a tap, from `first` on, for all panels: they lie near each other, so that
-// this is twice as fast for a layer of 512 to 512 channels as panel by panel. The filter is read in
-// place but for a panel that is not full, which zeros fill up.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackGroup(const Weight* filter, int64_t tap, int64_t first) {
-  Weight filled[kChannelsTogether * kPanel];
-  const auto channels =
-      static_cast<int32_t>(std::min<int64_t>(kChannelsTogether, tap_size_ - first));
-  const Weight* rows = filter + (tap * tap_size_ + first) * layer_.out_channels;
-  int32_t* words = weights_ + (tap * words_ + first / NumbersInAWord()) * kPanel;
-  for (int32_t panel = 0; panel < panels_; ++panel) {
-    const Weight* weights = rows + panel * kPanel;
-    int32_t* out = words + panel * PanelWords();
-    int64_t stride = layer_.out_channels;
-    const int32_t lanes = std::min(kPanel, layer_.out_channels - panel * kPanel);
-    if (lanes < kPanel) {
-      for (int32_t c = 0; c < channels; ++c) {
-        Weight* end = std::copy_n(weights + c * stride, lanes, filled + c * kPanel);
-        std::fill_n(end, kPanel - lanes, Weight{0});
-      }
-      weights = filled;
-      stride = kPanel;
-    }
-    IsBytes() ? PackWeightBytes(weights, channels, stride, out)
-              : PackWeightShorts(weights, channels, stride, out);
+void DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t* addends,
+                                            int64_t first, int64_t end) {
+  const int64_t channel = first * kPanel;
+  const int64_t stride = layer_.out_channels;
+  const int64_t channels = std::min(end * kPanel, stride) - channel;
+  const WeightShape shape = {tap_size_, channels, stride, PanelWords()};
+  int32_t* sums = initial_sums_ + channel;
+  std::fill_n(sums, (end - first) * kPanel, 0);
+  for (int64_t tap = 0; tap < int64_t{layer_.rows.taps} * taps_; ++tap) {
+    const Weight* weights = filter + tap * tap_size_ * stride + channel;
+    int32_t* out = weights_ + first * PanelWords() + tap * words_ * kPanel;
+    IsBytes() ? PackWeightBytes(weights, shape, out, sums)
+              : PackWeightShorts(weights, shape, out, sums);
   }
-}
-
-// Minus the offset times the weights of a lane, which the padding has, too.
-template <typename In, typename Output>
-void DotConvolution<In, Output>::SumPanel(int32_t panel, const int32_t* addends) {
-  int32_t* sums = initial_sums_ + int64_t{panel} * kPanel;
-  std::fill_n(sums, kPanel, 0);
-  if (addends != nullptr) {
-    const int32_t first = panel * kPanel;
-    std::copy_n(addends + first, std::min(kPanel, layer_.out_channels - first), sums);
+  // What surrounds the image has the offset, too.
+  for (int64_t c = 0; c < channels; ++c) {
+    const int32_t addend = addends == nullptr ? 0 : ShiftLeft(addends[channel + c], plan_.shift);
+    sums[c] = WrapSubtract(addend, WrapMultiply(plan_.input_offset, sums[c]));
   }
-  if (plan_.input_offset == 0) return;
-  const int32_t* weights = weights_ + panel * PanelWords();
-  for (int64_t i = 0; i < PanelWords(); ++i) {
-    int32_t& sum = sums[i % kPanel];
-    sum = WrapSubtract(sum, WrapMultiply(plan_.input_offset, SumOfBytes(weights[i])));
+  for (int64_t panel = first; remainders_ && panel < end; ++panel) {
+    remainders_->Choose(weights_ + panel * PanelWords(), PanelWords() / kPanel,
+                        choices_ + 2 * panel * PanelWords(), initial_sums_ + panel * kPanel);
   }
 }
 
@@ -171,6 +157,15 @@ void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32
   fill(out, sizeof(int32_t));
 }
 
+// Those of all packed bytes and of what follows them, behind them; null where there are none.
+template <typename In, typename Output>
+const uint8_t* DotConvolution<In, Output>::LookUpTables(uint8_t* numbers, int64_t bytes) const {
+  if (!remainders_) return nullptr;
+  uint8_t* tables = numbers + WordsOf(bytes) * int64_t{sizeof(int32_t)};
+  remainders_->LookUp(numbers, bytes + int64_t{sizeof(int32_t)}, tables);
+  return tables;
+}
+
 template <typename In, typename Output>
 void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, const Output& output,
                                      int32_t* words) const {
@@ -179,9 +174,13 @@ void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, con
   const int32_t first = rows.Coordinate(block.first_row, 0);
   const int32_t end = rows.Coordinate(block.end_row - 1, rows.taps - 1) + 1;
   PackStrip(image, first, end - first, numbers);
-  const int64_t column = int64_t{layer_.columns.first} + before_;
-  const Strip strip = {numbers + column * PixelBytes(), rows.stride * RowBytes(),
-                       layer_.columns.stride * PixelBytes(), block.end_row - block.first_row,
+  const uint8_t* tables = LookUpTables(numbers, (end - first) * RowBytes());
+  const int64_t column = (int64_t{layer_.columns.first} + before_) * PixelBytes();
+  const Strip strip = {numbers + column,
+                       remainders_ ? tables + column * remainders_->Entries() : nullptr,
+                       rows.stride * RowBytes(),
+                       layer_.columns.stride * PixelBytes(),
+                       block.end_row - block.first_row,
                        layer_.columns.outputs};
   const int64_t position = int64_t{block.first_row} * layer_.columns.outputs;
   RunStrip(strip, block.first_panel, block.end_panel, output.At(position, 0, layer_.out_channels));
@@ -193,7 +192,9 @@ void DotConvolution<In, Output>::RunPixels(const In* pixels, int32_t count, cons
   auto* numbers = reinterpret_cast<uint8_t*>(words);
   PackPixels(pixels, count, numbers);
   std::memset(numbers + count * PixelBytes(), 0, sizeof(int32_t));
-  RunStrip({numbers, 0, PixelBytes(), 1, count}, panels.first_panel, panels.end_panel, output);
+  const uint8_t* tables = LookUpTables(numbers, count * PixelBytes());
+  RunStrip({numbers, tables, 0, PixelBytes(), 1, count}, panels.first_panel, panels.end_panel,
+           output);
 }
 
 template <typename In, typename Output>
@@ -220,7 +221,8 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
   const int32_t lanes = kernels.panels[size_index] * kPanel;
   const int32_t channels = std::min(lanes, layer_.out_channels - first_channel);
 
-  DotTile tile;
+  RemainderTile with_remainders{};
+  DotTile& tile = with_remainders.dot;
   tile.w = weights_ + panel * PanelWords();
   tile.initial = initial_sums_ + first_channel;
   tile.x_pixel = strip.column;
@@ -230,6 +232,12 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
   tile.rows = layer_.rows.taps;
   tile.taps = taps_;
   tile.words = words_;
+  if (remainders_) {
+    with_remainders.choices = choices_ + 2 * panel * PanelWords();
+    with_remainders.entries = remainders_->Entries();
+    with_remainders.shift = plan_.shift;
+  }
+  const bool is_wide = with_remainders.entries == 16;
   for (int32_t row = 0; row < strip.rows; ++row) {
     for (int32_t next = 0; next < strip.columns;) {
       const int32_t left = strip.columns - next;
@@ -238,9 +246,15 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
       while (kernels.pixels[size] > left && kernels.pixels[size + 1] >= left) ++size;
       const int32_t pixels = kernels.pixels[size];
       const int32_t column = std::min(next, strip.columns - pixels);
-      tile.x = strip.numbers + row * strip.row + column * strip.column;
-      const int64_t position = int64_t{row} * strip.columns + column;
-      table[size][size_index](tile, output.At(position, first_channel, channels));
+      const int64_t x = row * strip.row + column * strip.column;
+      const Output at = output.At(int64_t{row} * strip.columns + column, first_channel, channels);
+      tile.x = strip.numbers + x;
+      if (remainders_) {
+        with_remainders.tables = strip.tables + x * with_remainders.entries;
+        kernels.remainders[is_wide][size][size_index](with_remainders, at);
+      } else {
+        table[size][size_index](tile, at);
+      }
       next = column + pixels;
     }
   }

@@ -8,11 +8,13 @@
 #define BITFOLD_SRC_CHAIN_DOT_CONVOLUTION_H_
 
 #include <cstdint>
+#include <optional>
 #include <type_traits>
 
 #include "bitfold/geometry.h"
 #include "chain/dot_tile.h"
 #include "chain/plan.h"
+#include "chain/remainder_tables.h"
 #include "frame/scratch.h"
 #include "frame/workers.h"
 
@@ -73,16 +75,18 @@ class DotConvolution {
                  int32_t* words) const;
 
  private:
-  // A strip of packed rows: where it lies and how its outputs follow one another.
+  // A strip of packed rows: where it lies, the tables of its bytes, if they have any, and how its
+  // outputs follow one another.
   struct Strip {
     const uint8_t* numbers;
+    const uint8_t* tables;
     int64_t row;     // bytes from an output's row to the next
     int64_t column;  // from a column to the next
     int32_t rows;
     int32_t columns;
   };
 
-  bool IsBytes() const { return plan_.path == ChainPath::kDotBytes; }
+  bool IsBytes() const { return plan_.path != ChainPath::kDotShorts; }
   int32_t NumbersInAWord() const { return IsBytes() ? 4 : 2; }
   int64_t WholeWords(int64_t numbers) const {
     return (numbers + NumbersInAWord() - 1) / NumbersInAWord() * NumbersInAWord();
@@ -92,10 +96,11 @@ class DotConvolution {
   int64_t PanelWords() const { return int64_t{layer_.rows.taps} * taps_ * words_ * kPanel; }
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
-  void PackGroup(const Weight* filter, int64_t tap, int64_t first);
-  void SumPanel(int32_t panel, const int32_t* addends);
+  void PackPanels(const Weight* filter, const int32_t* addends, int64_t first, int64_t end);
   void PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
   void PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;
+  int64_t WithTables(int64_t bytes) const;
+  const uint8_t* LookUpTables(uint8_t* numbers, int64_t bytes) const;
   void RunStrip(const Strip& strip, int32_t first_panel, int32_t end_panel,
                 const Output& output) const;
   void RunPanels(const Strip& strip, int32_t panel, int size_index, const Output& output) const;
@@ -114,6 +119,8 @@ class DotConvolution {
   const int32_t panels_;
   int32_t* weights_ = nullptr;
   int32_t* initial_sums_ = nullptr;  // for each lane: takes the input's offset off again
+  const std::optional<RemainderTables> remainders_;
+  int32_t* choices_ = nullptr;  // of the remainders, two vectors for each of the weights'
 };
 
 }  // namespace bitfold

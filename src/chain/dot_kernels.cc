@@ -258,6 +258,58 @@ constexpr DotRowKernels<T> kRowKernels = {Row<uint8_t, T>, Row<int16_t, T>};
 }  // namespace avx512_vnni
 BITFOLD_END_TARGET
 
+// The same with what permutes bytes.
+BITFOLD_BEGIN_AVX512_VBMI
+namespace avx512_vbmi {
+
+using avx512::Add;
+using avx512::kVectors;
+using avx512::Load;
+using avx512::LoadWhole;
+using avx512::Same;
+using avx512::SignExtend;
+using avx512::StoreWhole;
+using avx512::Vector;
+using avx512_vnni::DotBytes;
+using avx512_vnni::DotShorts;
+
+#include "chain/dot_loops.inc"
+#include "chain/remainder_loops.inc"
+
+#define BITFOLD_REMAINDER_ROW(pixels, wide)                                   \
+  {                                                                           \
+    Remainders<pixels, 4, wide, Output>, Remainders<pixels, 2, wide, Output>, \
+        Remainders<pixels, 1, wide, Output>                                   \
+  }
+#define BITFOLD_REMAINDER_TABLE(wide)                                  \
+  {                                                                    \
+    BITFOLD_REMAINDER_ROW(7, wide), BITFOLD_REMAINDER_ROW(4, wide),    \
+        BITFOLD_REMAINDER_ROW(2, wide), BITFOLD_REMAINDER_ROW(1, wide) \
+  }
+
+template <typename Output>
+constexpr DotKernels<Output> WithRemainders(DotKernels<Output> kernels) {
+  const DotKernels<Output> remainders = {
+      {}, {}, {}, {}, {BITFOLD_REMAINDER_TABLE(false), BITFOLD_REMAINDER_TABLE(true)}};
+  for (int size = 0; size < 4; ++size) {
+    for (int panels = 0; panels < 3; ++panels) {
+      for (const bool wide : {false, true}) {
+        kernels.remainders[wide][size][panels] = remainders.remainders[wide][size][panels];
+      }
+    }
+  }
+  return kernels;
+}
+
+template <typename Output>
+constexpr DotKernels<Output> kKernels = WithRemainders(avx512_vnni::kKernels<Output>);
+
+}  // namespace avx512_vbmi
+BITFOLD_END_TARGET
+
+#undef BITFOLD_REMAINDER_TABLE
+#undef BITFOLD_REMAINDER_ROW
+
 #undef BITFOLD_DOT_TABLE
 #undef BITFOLD_DOT_ROW
 
@@ -285,9 +337,10 @@ const DotRowKernels<T>& CurrentDotRowKernels() {
 template <typename Output>
 const DotKernels<Output>& CurrentDotKernels() {
 #if BITFOLD_HAS_TARGETS
+  static const bool permutes_bytes = __builtin_cpu_supports("avx512vbmi") != 0;
   switch (CurrentTarget()) {
     case Target::kAvx512Vnni:
-      return avx512_vnni::kKernels<Output>;
+      return permutes_bytes ? avx512_vbmi::kKernels<Output> : avx512_vnni::kKernels<Output>;
     case Target::kAvx512:
       return avx512::kKernels<Output>;
     case Target::kAvx2:

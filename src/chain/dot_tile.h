@@ -31,16 +31,31 @@ struct DotTile {
   int32_t words;  // for each tap
 };
 
+// The same of bytes whose products are scaled by a shift: of the dot products of `dot` the
+// remainders are taken off (remainder_tables.h), and 2^shift divides what is left. initial takes
+// the entries' excess off.
+struct RemainderTile {
+  DotTile dot;
+  const uint8_t* tables;   // of the byte dot.x and those that follow it, one after the other
+  const int32_t* choices;  // of dot.w, two vectors for each of its vectors
+  int32_t entries;         // of a byte's table: 1 to 16
+  int32_t shift;
+};
+
 // The kernels of a target that write to a kind of output, by the number of columns and of panels,
-// largest first; 0 ends a list. Where there are no dot products of bytes theirs are null.
+// largest first; 0 ends a list. Where there are no dot products of bytes theirs are null, and where
+// no instruction permutes bytes those of remainders.
 template <typename Output>
 struct DotKernels {
   using Kernel = void (*)(const DotTile&, const Output&);
+  using RemainderKernel = void (*)(const RemainderTile&, const Output&);
   int pixels[5];
   int panels[4];
-  Kernel bytes[4][3];   // of unsigned x and signed w
-  Kernel shorts[4][3];  // of signed x and w
+  Kernel bytes[4][3];                        // of unsigned x and signed w
+  Kernel shorts[4][3];                       // of signed x and w
+  RemainderKernel remainders[2][4][3] = {};  // by whether tables have 16 entries; or null
   bool HasBytes() const { return bytes[0][0] != nullptr; }
+  bool HasRemainders() const { return remainders[0][0][0] != nullptr; }
 };
 
 // For the target in use. Output is SumOutput<int32_t>, SumOutput<float> or StoredOutput.

@@ -32,6 +32,13 @@ constexpr int64_t kNearNumbers = 256 << 10;
 // The columns of a tile of any path go into so many.
 constexpr int32_t kColumnsTogether = 48;
 
+// What a path of dot products that need too much room becomes.
+template <typename T>
+ChainPath InLanes(ChainPath path) {
+  if (path == ChainPath::kDotRemainders) return ChainPath::kRounded;
+  return std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
+}
+
 template <typename D>
 constexpr bool kDivides = std::is_same_v<D, Datapath<float>>;
 
@@ -42,6 +49,8 @@ int64_t ProductsInACycle(ChainPath path, bool is_depthwise) {
       return is_depthwise ? 8 : 64;
     case ChainPath::kDotShorts:
       return is_depthwise ? 8 : 32;
+    case ChainPath::kDotRemainders:
+      return 32;
     case ChainPath::kModular:
     case ChainPath::kRounded:
       return 4;
@@ -101,7 +110,8 @@ ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights, const 
   const int64_t outputs = int64_t{call_.batch} * rows_.outputs * columns_.outputs;
   facts.packs = call_.is_depthwise || known.input || outputs >= kOutputsWorthPacking<T>;
   facts.weight_sum = [this] { return WeightSum(); };
-  if (std::is_same_v<T, float> && facts.use_fp16_acc) return facts;  // stepwise, whatever comes
+  facts.takes_remainders = !call_.is_depthwise && CurrentDotKernels<SumOutput<T>>().HasRemainders();
+  facts.products = call_.FilterElements() / call_.out_channels;
   facts.weights =
       weights ? *weights
               : SharedFactsOf(call_.filter, call_.filters * call_.FilterElements(), workers);
@@ -164,7 +174,8 @@ OutputBlocks ChainEngine<D, T>::Cut(const ChainSharing& sharing) const {
     if (CanCutChannels()) step.channels = StepOf(all.channels, parts, kPanel);
   };
   if (call_.FilterElements() > call_.InputElements()) cut_channels(blocks);
-  const int64_t near = (call_.InputElements() + kNearNumbers - 1) / kNearNumbers;
+  const int64_t near_numbers = kNearNumbers >> std::max(0, plan_->shift - 2);  // with their tables
+  const int64_t near = (call_.InputElements() + near_numbers - 1) / near_numbers;
   const int64_t channel_parts = PartsOf(all.channels, step.channels);
   const int64_t parts = std::max(near, (blocks + channel_parts - 1) / channel_parts);
   if (all.rows > 1) {
@@ -187,18 +198,18 @@ void ChainEngine<D, T>::CutInto(const ChainSharing& sharing) {
 
 template <typename D, typename T>
 bool ChainEngine<D, T>::Prepare(const ChainSharing& sharing, Scratch* scratch) {
-  if (plan_->path == ChainPath::kDotBytes || plan_->path == ChainPath::kDotShorts) {
+  if (IsDots(plan_->path)) {
     if (call_.is_depthwise ? PrepareDotDepthwise(sharing, scratch)
                            : PrepareDots(sharing, scratch)) {
       return true;
     }
     if (dot_ || dot_depthwise_) return false;
-    plan_->path = std::is_same_v<T, float> ? ChainPath::kStepwise : ChainPath::kModular;
+    plan_->path = InLanes<T>(plan_->path);
   }
   if (call_.is_depthwise && call_.out_channels < kPanel) return false;
   CutInto(sharing);
   if (plan_->path == ChainPath::kStepwise) {
-    return stepwise_.emplace(call_, datapath_).Prepare(call_, scratch);
+    return stepwise_.emplace(call_, datapath_, plan_->half).Prepare(call_, scratch);
   }
   return sums_.emplace(call_, *plan_, datapath_.mult_shift())
       .Prepare(call_, blocks_->largest().columns, slots_, scratch);

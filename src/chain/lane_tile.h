@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "bitfold/datapath.h"
+#include "chain/plan.h"
 #include "chain/sum_output.h"
 
 namespace bitfold {
@@ -39,7 +40,8 @@ struct LaneTile {
   // Floats: [columns][lanes], the largest magnitude of the sums so far, as bits; in half precision
   // where one of the tile may print a line.
   int32_t* largest;
-  int32_t* sums;  // RoundedKernel, in place of these: [columns][lanes]
+  int32_t* sums;     // RoundedKernel, in place of these: [columns][lanes]
+  HalfAddends half;  // in half precision; the sums so far are whole, too, and at most 2^15
 };
 
 // What a sum does that needs no wrap: modulo 2^32. The proofs of the plan say when that is enough.

@@ -16,8 +16,8 @@ template <typename T>
 struct PackLoops {
   void (*bytes)(const T*, int64_t, int32_t, uint8_t*);
   void (*shorts)(const T*, int64_t, int32_t, int16_t*);
-  void (*weight_bytes)(const T*, int32_t, int64_t, int32_t*);
-  void (*weight_shorts)(const T*, int32_t, int64_t, int32_t*);
+  void (*weight_bytes)(const T*, const WeightShape&, int32_t*, int32_t*);
+  void (*weight_shorts)(const T*, const WeightShape&, int32_t*, int32_t*);
   void (*byte_columns)(const T*, const ColumnShape&, int32_t, uint8_t*);
   void (*short_columns)(const T*, const ColumnShape&, int32_t, int16_t*);
   void (*tap_bytes[4])(const T* const*, int64_t, int32_t*);
@@ -72,13 +72,13 @@ void PackShorts(const T* x, int64_t count, int32_t offset, int16_t* out) {
 }
 
 template <typename T>
-void PackWeightBytes(const T* weights, int32_t rows, int64_t stride, int32_t* out) {
-  LoopsOf<T>().weight_bytes(weights, rows, stride, out);
+void PackWeightBytes(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums) {
+  LoopsOf<T>().weight_bytes(weights, shape, out, sums);
 }
 
 template <typename T>
-void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* out) {
-  LoopsOf<T>().weight_shorts(weights, rows, stride, out);
+void PackWeightShorts(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums) {
+  LoopsOf<T>().weight_shorts(weights, shape, out, sums);
 }
 
 template <typename T>
@@ -115,16 +115,16 @@ void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
   LoopsOf<T>().magnitudes(x, count, sums);
 }
 
-#define BITFOLD_INSTANTIATE(T)                                                \
-  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);              \
-  template void PackShorts(const T*, int64_t, int32_t, int16_t*);             \
-  template void PackWeightBytes(const T*, int32_t, int64_t, int32_t*);        \
-  template void PackWeightShorts(const T*, int32_t, int64_t, int32_t*);       \
-  template void PackColumns(const T*, const ColumnShape&, int32_t, uint8_t*); \
-  template void PackColumns(const T*, const ColumnShape&, int32_t, int16_t*); \
-  template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t*);    \
-  template void AddNumbers(const T*, int64_t, int32_t*);                      \
-  template void PackTapShorts(const T* const*, int32_t, int64_t, int32_t*);   \
+#define BITFOLD_INSTANTIATE(T)                                                      \
+  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);                    \
+  template void PackShorts(const T*, int64_t, int32_t, int16_t*);                   \
+  template void PackWeightBytes(const T*, const WeightShape&, int32_t*, int32_t*);  \
+  template void PackWeightShorts(const T*, const WeightShape&, int32_t*, int32_t*); \
+  template void PackColumns(const T*, const ColumnShape&, int32_t, uint8_t*);       \
+  template void PackColumns(const T*, const ColumnShape&, int32_t, int16_t*);       \
+  template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t*);          \
+  template void AddNumbers(const T*, int64_t, int32_t*);                            \
+  template void PackTapShorts(const T* const*, int32_t, int64_t, int32_t*);         \
   template void AddMagnitudes(const T*, int64_t, int64_t*);
 BITFOLD_INSTANTIATE(int32_t)
 BITFOLD_INSTANTIATE(float)

@@ -8,7 +8,6 @@
 #define BITFOLD_SRC_CHAIN_PACK_H_
 
 #include <cstdint>
-#include <cstring>
 
 namespace bitfold {
 
@@ -19,13 +18,21 @@ void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out);
 template <typename T>
 void PackShorts(const T* x, int64_t count, int32_t offset, int16_t* out);
 
-// Packs 16 columns of `rows` rows of whole numbers, which lie `stride` apart, as words of four
-// bytes or two shorts: one word of each column for the first rows, one for the next, and so on.
-// Rows are filled up with zeros to whole words.
+// Rows of weights, whose columns belong to an output channel each, and panels of 16 of these.
+struct WeightShape {
+  int64_t rows;
+  int64_t columns;
+  int64_t stride;  // weights from a row to the next
+  int64_t panel;   // words from a panel to the next
+};
+
+// Packs whole numbers as words of four bytes or two shorts: of a panel a word of each column for
+// the first rows, one for the next, and so on. Rows and columns are filled up with zeros, columns
+// to whole panels. Adds the numbers of each column to `sums`, modulo 2^32.
 template <typename T>
-void PackWeightBytes(const T* weights, int32_t rows, int64_t stride, int32_t* out);
+void PackWeightBytes(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums);
 template <typename T>
-void PackWeightShorts(const T* weights, int32_t rows, int64_t stride, int32_t* out);
+void PackWeightShorts(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums);
 
 // Columns of numbers that follow one another, `stride` from one to the next.
 struct ColumnShape {
@@ -50,13 +57,6 @@ void PackTapShorts(const T* const* x, int32_t taps, int64_t count, int32_t* out)
 // sums[i] += x[i] of whole numbers, modulo 2^32.
 template <typename T>
 void AddNumbers(const T* x, int64_t count, int32_t* sums);
-
-// Of the signed bytes of a word.
-inline int32_t SumOfBytes(int32_t word) {
-  int8_t bytes[4];
-  std::memcpy(bytes, &word, sizeof bytes);
-  return bytes[0] + bytes[1] + bytes[2] + bytes[3];
-}
 
 // sums[i] += |x[i]| of whole numbers.
 template <typename T>

@@ -20,6 +20,20 @@ enum class ChainPath {
   kRounded,    // sums modulo 2^32 of scaled products, formed as floats, in lanes
   kDotShorts,  // dot products of 16-bit numbers
   kDotBytes,   // dot products of 8-bit numbers
+  // The same, less the remainders that a shift of every product leaves, divided at the end.
+  kDotRemainders,
+};
+
+constexpr bool IsDots(ChainPath path) {
+  return path == ChainPath::kDotShorts || path == ChainPath::kDotBytes ||
+         path == ChainPath::kDotRemainders;
+}
+
+// What is known of the addends of a half-precision accumulator, and of its sums with them.
+enum class HalfAddends {
+  kAny,
+  kWhole,      // whole numbers, quantised at most 32760 in magnitude: sums are below 2^16
+  kUnchanged,  // of at most 4096: to quantise them changes nothing
 };
 
 // What a call is, as far as the plan asks.
@@ -34,14 +48,18 @@ struct ChainFacts {
   Facts elementwise;  // all 0 where there is none
   // The largest sum of magnitudes of the weights of one output. Asked for only where it decides.
   std::function<int64_t()> weight_sum;
+  bool takes_remainders = false;  // ordinary windows, and the instruction set permutes bytes
+  int64_t products = 0;           // of one output, where it takes remainders
 };
 
 struct ChainPlan {
   ChainPath path;
-  // kDotBytes: input numbers are stored with this added, so that they are unsigned.
+  // kDotBytes, kDotRemainders: input numbers are stored with this added, so that they are unsigned.
   int32_t input_offset;
   // All paths but the first: the sums are sign-extended from this many bits, 1 to 32.
   int32_t bits;
+  int32_t shift = 0;                     // kDotRemainders: 2^shift divides the products
+  HalfAddends half = HalfAddends::kAny;  // kStepwise
 };
 
 // Of an instruction set with or without dot products of bytes.

@@ -12,8 +12,9 @@
 namespace bitfold {
 
 template <typename D, typename T>
-Stepwise<D, T>::Stepwise(const ConvolutionCall<T>& call, const D& datapath)
+Stepwise<D, T>::Stepwise(const ConvolutionCall<T>& call, const D& datapath, HalfAddends half)
     : datapath_(datapath),
+      half_(half),
       rows_(call.rows),
       columns_(call.columns),
       centre_(CentreTaps{rows_}.first),
@@ -62,6 +63,7 @@ bool Stepwise<D, T>::RunTile(const ChainImage<T>& image, int32_t row, const Lane
                                        filter_.Of(image.filter));
     tile.acc = acc;
     tile.largest = largest;
+    tile.half = half_;
     kernel(datapath_, tile);
   };
 

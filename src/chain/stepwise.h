@@ -15,6 +15,7 @@
 #include "chain/lane_filter.h"
 #include "chain/lane_windows.h"
 #include "chain/output_blocks.h"
+#include "chain/plan.h"
 #include "frame/scratch.h"
 
 namespace bitfold {
@@ -24,7 +25,7 @@ namespace bitfold {
 template <typename D, typename T>
 class Stepwise {
  public:
-  Stepwise(const ConvolutionCall<T>& call, const D& datapath);
+  Stepwise(const ConvolutionCall<T>& call, const D& datapath, HalfAddends half);
 
   // Takes the filters of a call of these sizes; false where there is no memory.
   bool Prepare(const ConvolutionCall<T>& call, Scratch* scratch) {
@@ -58,6 +59,7 @@ class Stepwise {
   int32_t ChannelsOf(const LanePlace& place) const;
 
   const D datapath_;
+  const HalfAddends half_;
   const WindowAxis rows_;
   const WindowAxis columns_;
   const int32_t centre_;  // the row of taps after which the elementwise values come, or -1

@@ -22,14 +22,6 @@ constexpr int64_t kUnitsForEach = 3;
 // Cycles of a product by the definition.
 constexpr int64_t kDefinitionCost = 8;
 
-// Whether a tap lies inside the image for some output.
-bool IsUsed(const WindowAxis& axis, int32_t tap) {
-  for (int32_t output = 0; output < axis.outputs; ++output) {
-    if (axis.Contains(axis.Coordinate(output, tap))) return true;
-  }
-  return false;
-}
-
 // Of the whole batch.
 template <typename T>
 int64_t OutputElements(const ConvolutionCall<T>& call) {
@@ -92,28 +84,13 @@ void BatchConvolution<T>::Decide(const ChainSharing& sharing, Scratch* scratch) 
   engine_.emplace(rows_of_pixels_, weights, KnownFacts{}, sharing, scratch);
   if (!engine_->plan()) return engine_.reset();
   if (!weights.corrected) return;
-  for (int32_t filter = 0; filter < call_.filters; ++filter) {
-    corrected_.push_back(MeetsCorrectedWeight(filter) ? 1 : 0);
-  }
-}
-
-// Weights that meet no input are not seen.
-template <typename T>
-bool BatchConvolution<T>::MeetsCorrectedWeight(int32_t filter) const {
   const WeightSign<T> sign(call_.datapath.accumulator_size);
-  const WindowAxis rows(call_.rows);
-  const WindowAxis columns(call_.columns);
-  const int64_t taps = int64_t{rows.taps} * columns.taps;
-  const T* weights = call_.filter + filter * call_.FilterElements();
-  for (int64_t tap = 0; tap < taps; ++tap, weights += call_.out_channels) {
-    const bool corrected = std::any_of(weights, weights + call_.out_channels,
-                                       [&sign](T x) { return sign.NeedsCorrection(x); });
-    if (corrected && IsUsed(rows, static_cast<int32_t>(tap / columns.taps)) &&
-        IsUsed(columns, static_cast<int32_t>(tap % columns.taps))) {
-      return true;
-    }
+  for (int32_t filter = 0; filter < call_.filters; ++filter) {
+    const T* of_filter = call_.filter + filter * call_.FilterElements();
+    const bool meets = MeetsCorrectedWeight(sign, of_filter, call_.out_channels,
+                                            WindowAxis(call_.rows), WindowAxis(call_.columns));
+    corrected_.push_back(meets ? 1 : 0);
   }
-  return false;
 }
 
 // ---- Running -----------------------------------------------------------------------------------

@@ -54,7 +54,6 @@ class BatchConvolution {
   ChainImage<T> ImageOf(int32_t image) const;
   void Define(int32_t image, int64_t output) const;
   void Warn(int32_t image) const;
-  bool MeetsCorrectedWeight(int32_t filter) const;
 
   const ConvolutionCall<T> call_;
   const ConvolutionCall<T> rows_of_pixels_;  // the same where that is possible

@@ -9,6 +9,8 @@
 
 #include "bitfold/HConv2D.h"
 #include "bitfold/warning.h"
+#include "bitfold/weight_sign.h"
+#include "chain/corrected_weights.h"
 #include "chain/sum_output.h"
 #include "cpu/additions.h"
 
@@ -49,7 +51,9 @@ PreparedSums<T>::PreparedSums(const PreparedLayer& layer, std::vector<T> weights
       filter_(layer.filter, layer.filter + layer.FilterElements()),
       weights_(std::move(weights)),
       bias_(layer.bias, layer.bias == nullptr ? nullptr : layer.bias + layer.out_channels),
-      corrects_(corrects),
+      warns_(corrects && MeetsCorrectedWeight(WeightSign<T>(layer.accumulator_size), filter_.data(),
+                                              layer.out_channels, WindowAxis(layer.rows.OfPadded()),
+                                              WindowAxis(layer.columns.OfPadded()))),
       engine_(ConvolutionOf<T>(layer, &shift_), CorrectedWeights<T>{weights_.data(), corrects, {}},
               KnownFacts{input, {}}, ChainSharing{workers, workers->AtOnce(), BlocksFor(workers)},
               &memory_),
@@ -78,7 +82,7 @@ void PreparedSums<T>::Sum(Buffers* buffers, Workers* workers) const {
   call.output = buffers->sums.data();
   if (!engine_.plan()) return convolveOneImage(call, 0);
   SumBlocks(call, workers);
-  if (corrects_) WarnDepthwiseWeights();
+  if (warns_) WarnDepthwiseWeights();
 }
 
 template <typename T>

@@ -54,7 +54,7 @@ class PreparedSums {
   const std::vector<T> filter_;   // as it is stored
   const std::vector<T> weights_;  // with corrected signs
   const std::vector<T> bias_;
-  const bool corrects_;
+  const bool warns_;  // of a corrected sign
   HeapScratch memory_;
   ChainEngine<Datapath<T>, T> engine_;
   mutable Slots slots_;  // of the engine, for all calls

@@ -91,15 +91,21 @@ template <typename T>
 class Operand {
  public:
   Operand(const StoredElementwiseCall<T>& call, int operand)
-      : data_(call.operands[operand]), broadcast_(*call.broadcast), operand_(operand) {}
+      : data_(call.operands[operand]), broadcast_(*call.broadcast), operand_(operand) {
+    int64_t step = 1;
+    for (auto axis = broadcast_.rbegin(); axis != broadcast_.rend(); ++axis) {
+      is_whole_ = is_whole_ && axis->strides[operand] == step;
+      step *= axis->size;
+    }
+  }
 
   // Elements [first, first + count) side by side; in `copy` where they do not lie so.
   const T* Block(int64_t first, int count, T* copy) const {
-    if (broadcast_.empty()) return data_;
+    if (is_whole_) return data_ + first;
     const auto [run, strides] = broadcast_.back();
     const int64_t stride = strides[operand_];
-    if (broadcast_.size() == 1 && stride == 1) return data_ + first;
     for (int done = 0; done < count;) {
+      const int begin = done;
       const int64_t i = first + done;
       const auto length = static_cast<int>(std::min<int64_t>(count - done, run - i % run));
       const T* from = data_ + PlaceInOperand(broadcast_, operand_, i);
@@ -109,14 +115,32 @@ class Operand {
         std::copy_n(from, length, copy + done);
       }
       done += length;
+      // The same runs again and again, as many at once as there are.
+      const auto end = static_cast<int>(std::min<int64_t>(count, RepeatedTo(i) - first));
+      while (done < end && done - begin >= run) {
+        const auto period = static_cast<int>((done - begin) / run * run);
+        const int repeated = std::min(period, end - done);
+        std::copy_n(copy + done - period, repeated, copy + done);
+        done += repeated;
+      }
     }
     return copy;
   }
 
  private:
+  // To where the elements from i on are those of its run again: the end of the dimension above,
+  // where the operand is repeated along that.
+  int64_t RepeatedTo(int64_t i) const {
+    if (broadcast_.size() < 2) return i;
+    const BroadcastAxis& above = broadcast_[broadcast_.size() - 2];
+    const int64_t span = broadcast_.back().size * above.size;
+    return above.strides[operand_] == 0 ? i - i % span + span : i;
+  }
+
   const T* data_;
   const Broadcast& broadcast_;
   int operand_;
+  bool is_whole_ = true;  // nothing is repeated
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "cpu/stored_pool.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
@@ -94,6 +95,7 @@ class Pool {
   explicit Pool(const StoredPoolCall<T>& call)
       : call_(call),
         loops_(CurrentLoopsOf<T>()),
+        row_outputs_(std::max<int64_t>(call.rows.Outputs(), 1)),
         outputs_(call.columns.Outputs()),
         average_(HasShortSums(call.rows.MostPixels() * call.columns.MostPixels())
                      ? loops_.short_average
@@ -102,8 +104,8 @@ class Pool {
   // Row `row` of all images' rows of the output.
   void ComputeRow(int64_t row) const {
     const auto& [data, output, images, rows, columns, channels, mode] = call_;
-    const int64_t image = row / rows.Outputs();
-    const int64_t y = row % rows.Outputs();
+    const int64_t image = row / row_outputs_;
+    const int64_t y = row % row_outputs_;
     const int64_t width = columns.size * channels;
     const T* const first_row = data + (image * rows.size + rows.Begin(y)) * width;
     WindowTaps taps = {rows.End(y) - rows.Begin(y), 0, width, channels};
@@ -127,6 +129,7 @@ class Pool {
  private:
   const StoredPoolCall<T>& call_;
   const LoopsOf<T>& loops_;
+  int64_t row_outputs_;  // where there is none, no row is computed
   int64_t outputs_;
   typename LoopsOf<T>::Average average_;
 };

@@ -46,16 +46,20 @@ constexpr int32_t kLargestSize = 1 << 28;
 struct WindowAttributes {
   std::vector<int32_t> strides;    // rows, columns
   std::vector<int32_t> dilations;  // rows, columns
-  std::vector<int32_t> padding;    // top, bottom, left, right
+  std::vector<int32_t> zeros;      // above, below, left, right
+  Padding padding = Padding::kValid;
 
   template <typename Context>
   absl::Status Read(Context* context) {
     TF_RETURN_IF_ERROR(context->GetAttr("strides", &strides));
     TF_RETURN_IF_ERROR(context->GetAttr("dilations", &dilations));
-    TF_RETURN_IF_ERROR(context->GetAttr("padding", &padding));
+    TF_RETURN_IF_ERROR(context->GetAttr("zeros", &zeros));
+    std::string name;
+    TF_RETURN_IF_ERROR(context->GetAttr("padding", &name));
+    padding = name == "SAME" ? Padding::kSame : Padding::kValid;
     TF_RETURN_IF_ERROR(Check("strides", strides, 2, 1));
     TF_RETURN_IF_ERROR(Check("dilations", dilations, 2, 1));
-    return Check("padding", padding, 4, 0);
+    return Check("zeros", zeros, 4, 0);
   }
 
   // Requires sizes of at most kLargestSize, and gives an axis of at least one output.
@@ -66,11 +70,15 @@ struct WindowAttributes {
           absl::StrFormat("Need an input and a filter of a %s from 1 to %d, got %d and %d", name,
                           kLargestSize, input, taps));
     }
-    *result = {
-        static_cast<int32_t>(input), static_cast<int32_t>(taps), strides[axis], dilations[axis],
-        padding[2 * axis],           padding[2 * axis + 1]};
+    *result = {static_cast<int32_t>(input),
+               static_cast<int32_t>(taps),
+               strides[axis],
+               dilations[axis],
+               zeros[2 * axis],
+               zeros[2 * axis + 1],
+               padding};
     const int64_t extent = (taps - 1) * dilations[axis] + 1;
-    if (extent <= result->padded()) return absl::OkStatus();
+    if (padding == Padding::kSame || extent <= result->padded()) return absl::OkStatus();
     return absl::InvalidArgumentError(absl::StrFormat(
         "Need a padded %s of at least the filter's %d, got %d", name, extent, result->padded()));
   }
@@ -133,7 +141,8 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
       .Output("output: T_out")
       .Attr("strides: list(int)")
       .Attr("dilations: list(int)")
-      .Attr("padding: list(int)")
+      .Attr("padding: {'SAME', 'VALID'}")
+      .Attr("zeros: list(int)")
       .Attr("is_depthwise: bool")
       .Attr("input_zero_point: int")
       .Attr("accumulator_size: int")

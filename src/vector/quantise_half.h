@@ -51,6 +51,26 @@ inline float QuantiseHalf(float x) {
   return FloatOf((BitsOf(result) & finite) | (bits & ~finite));
 }
 
+constexpr int32_t kLargestHalfBits = 0x46fffe00;  // of 32767
+
+// The same for whole numbers below 2^15 in magnitude, which need no floor: 12 bits of x, halves to
+// even. 2^12 + 1 times x and then what that is more than x each lose 12 bits to the rounding of
+// single precision. Zero comes back without its sign.
+inline float RoundHalfOfWhole(float x) {
+  const float scaled = x * 4097.0f;
+  return scaled - (scaled - x);
+}
+
+// For those below 2^16: from 2^15 on, where the largest exponent ends, half of them with the other
+// sign. Both results are there before one is selected, or the compiler makes a branch.
+inline float QuantiseHalfOfWhole(float x) {
+  const float rounded = RoundHalfOfWhole(x);
+  const int32_t inside = BitsOf(rounded);
+  const int32_t beyond = BitsOf(rounded * -0.5f);
+  const int32_t is_beyond = -static_cast<int32_t>((BitsOf(x) & INT32_MAX) > kLargestHalfBits);
+  return FloatOf(inside ^ ((inside ^ beyond) & is_beyond));
+}
+
 }  // namespace bitfold
 
 #endif  // BITFOLD_SRC_VECTOR_QUANTISE_HALF_H_

@@ -8,6 +8,7 @@
 //   BITFOLD_BEGIN_AVX2      what follows, up to BITFOLD_END_TARGET, is compiled for that target; no
 //   BITFOLD_BEGIN_AVX512    standard header may be included there
 //   BITFOLD_BEGIN_AVX512_VNNI
+//   BITFOLD_BEGIN_AVX512_VBMI
 //   BITFOLD_INDEPENDENT     before a loop whose iterations do not depend on one another
 //   BITFOLD_UNROLL          before a loop of a constant number of iterations, at most 16
 //
@@ -44,6 +45,8 @@
 #define BITFOLD_BEGIN_AVX512 BITFOLD_BEGIN_TARGET(BITFOLD_AVX512 BITFOLD_PREFER_512)
 #define BITFOLD_BEGIN_AVX512_VNNI \
   BITFOLD_BEGIN_TARGET(BITFOLD_AVX512 ",avx512vnni" BITFOLD_PREFER_512)
+#define BITFOLD_BEGIN_AVX512_VBMI \
+  BITFOLD_BEGIN_TARGET(BITFOLD_AVX512 ",avx512vnni,avx512vbmi" BITFOLD_PREFER_512)
 
 // Never BITFOLD_INDEPENDENT before a loop that sums floats: clang takes its pragma for leave to
 // change the order of the sum. It warns where it makes no vectors of such a loop; clang 14 makes

@@ -99,6 +99,27 @@ TEST(PreparedConvolution, HalfPrecisionRoundsSumsAndOverflows) {
   EXPECT_EQ(Outputs(far), (std::vector<int>{95}));  // -48768 becomes 24384
 }
 
+// A zero is an addend, and one more wrap for a sum outside the range; what lies beyond is none.
+TEST(PreparedConvolution, ZerosAndWhatLiesBeyond) {
+  auto c = Row({100}, {1, 127, 1});
+  c.accumulator_size = 12;
+  c.multipliers = {1.0 / 128};
+  testing::PlaceAsSame(&c);
+  EXPECT_EQ(Outputs(c), (std::vector<int>{67}));  // 12700 - 4096
+  c.rows.padding = c.columns.padding = Padding::kValid;
+  c.columns.before = c.columns.after = 1;
+  EXPECT_EQ(Outputs(c), (std::vector<int>{35}));  // and - 4096 once more
+}
+
+TEST(PreparedConvolution, WeightsBeyondTheImageAreNotSeen) {
+  auto c = Row({5}, {100, 3, 100});
+  c.is_depthwise = true;
+  c.accumulator_size = 12;
+  testing::PlaceAsSame(&c);
+  EXPECT_EQ(Outputs(c), (std::vector<int>{15}));
+  EXPECT_EQ(c.Definition().lines, "");
+}
+
 TEST(PreparedConvolution, LinesOfCorrectedWeights) {
   auto c = Row({1, 1}, {100, 1});
   c.is_depthwise = true;
@@ -165,6 +186,7 @@ TYPED_TEST(PreparedLayers, WidthsAndShifts) {
       c.is_depthwise = random.Between(0, 3) == 0;
       c.rows = {3, 2, 1, 1, random.Between(0, 1), 0};
       c.columns = {5, 3, 1, 1, 1, random.Between(0, 2)};
+      if (random.Flag()) testing::PlaceAsSame(&c);
       c.in_channels = random.Between(1, 5);
       c.out_channels = c.is_depthwise ? c.in_channels : random.Between(1, 18);
       FillPrepared(&random, &c, testing::DrawNumbers(&random));

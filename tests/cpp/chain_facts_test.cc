@@ -330,44 +330,52 @@ TEST(ChainPack, Sums) {
   CheckSums<float>();
 }
 
-TEST(ChainPack, SumsOfBytes) {
-  EXPECT_EQ(SumOfBytes(0), 0);
-  EXPECT_EQ(SumOfBytes(0x7f7f7f7f), 4 * 127);
-  EXPECT_EQ(SumOfBytes(WrapMultiply(0x01010101, 128)), 4 * -128);
-  EXPECT_EQ(SumOfBytes(0x0102fd7f), 1 + 2 - 3 + 127);
-}
-
-// Each number of a word by itself; rows of other columns behind, and the last word is not full.
+// Each number of a word by itself, whether panels and words are full or not.
 template <typename T, typename Each, typename Pack>
-void CheckWeights(int32_t low, int32_t high, Pack pack) {
+void CheckWeights(Random* random, int32_t rows, int32_t columns, Pack pack) {
   constexpr int kEach = sizeof(int32_t) / sizeof(Each);
-  Random random(0x3e1);
-  for (int32_t rows = 1; rows <= 3 * kEach + 1; ++rows) {
-    const int64_t stride = 16 + random.Between(0, 5);
-    const ExactBuffer<T> weights(Numbers<T>(&random, (rows - 1) * stride + 16, low, high),
-                                 random.Between(0, 3));
-    const int32_t words = (rows + kEach - 1) / kEach;
-    ExactBuffer<int32_t> out(int64_t{words} * 16, random.Between(0, 3));
-    pack(weights.data(), rows, stride, out.data());
-    for (int32_t i = 0; i < words * 16 * kEach; ++i) {
+  const int32_t panels = (columns + kPanel - 1) / kPanel;
+  const int32_t words = (rows + kEach - 1) / kEach;
+  const int64_t panel = int64_t{words} * kPanel + random->Between(0, 40);
+  const int32_t stride = columns + random->Between(0, 2);
+  const ExactBuffer<T> weights(
+      Numbers<T>(random, (rows - 1) * stride + columns, std::numeric_limits<Each>::min(),
+                 std::numeric_limits<Each>::max()),
+      random->Between(0, 3));
+  ExactBuffer<int32_t> out((panels - 1) * panel + int64_t{words} * kPanel, random->Between(0, 3));
+  std::fill_n(out.data(), out.count(), 77);
+  ExactBuffer<int32_t> sums(int64_t{panels} * kPanel);
+  std::fill_n(sums.data(), sums.count(), INT32_MAX);
+  pack(weights.data(), WeightShape{rows, columns, stride, panel}, out.data(), sums.data());
+  for (int32_t lane = 0; lane < panels * kPanel; ++lane) {
+    int64_t sum = INT32_MAX;
+    for (int32_t row = 0; row < words * kEach; ++row) {
+      const bool is_there = row < rows && lane < columns;
+      const auto expected = static_cast<int32_t>(is_there ? weights[row * stride + lane] : T{0});
       Each numbers[kEach];
-      std::memcpy(numbers, out.data() + i / kEach, sizeof numbers);
-      const int32_t lane = i / kEach % 16;
-      const int32_t row = i / kEach / 16 * kEach + i % kEach;
-      const int32_t expected = row < rows ? static_cast<int32_t>(weights[row * stride + lane]) : 0;
-      ASSERT_EQ(static_cast<int32_t>(numbers[i % kEach]), expected)
-          << "row " << row << " of " << rows << ", lane " << lane;
+      const int64_t at = lane / kPanel * panel + int64_t{row / kEach} * kPanel + lane % kPanel;
+      std::memcpy(numbers, out.data() + at, sizeof numbers);
+      ASSERT_EQ(static_cast<int32_t>(numbers[row % kEach]), expected)
+          << "row " << row << " of " << rows << ", lane " << lane << " of " << columns;
+      sum += expected;
     }
+    ASSERT_EQ(sums[lane], testing::LowBits(sum, 32)) << "lane " << lane << " of " << columns;
   }
+  for (int64_t i = int64_t{words} * kPanel; i < panel && panels > 1; ++i) ASSERT_EQ(out[i], 77);
 }
 
 TEST(ChainPack, Weights) {
+  Random random(0x3e1);
   for (const auto& [target, name] : testing::AllTargets()) {
     const testing::ForcedTarget forced(target);
-    CheckWeights<int32_t, int8_t>(INT8_MIN, INT8_MAX, PackWeightBytes<int32_t>);
-    CheckWeights<float, int8_t>(INT8_MIN, INT8_MAX, PackWeightBytes<float>);
-    CheckWeights<int32_t, int16_t>(INT16_MIN, INT16_MAX, PackWeightShorts<int32_t>);
-    CheckWeights<float, int16_t>(INT16_MIN, INT16_MAX, PackWeightShorts<float>);
+    for (int32_t rows = 1; rows <= 13; ++rows) {
+      for (const int32_t columns : {1, 7, 15, 16, 17, 32, 50}) {
+        CheckWeights<int32_t, int8_t>(&random, rows, columns, PackWeightBytes<int32_t>);
+        CheckWeights<float, int8_t>(&random, rows, columns, PackWeightBytes<float>);
+        CheckWeights<int32_t, int16_t>(&random, rows, columns, PackWeightShorts<int32_t>);
+        CheckWeights<float, int16_t>(&random, rows, columns, PackWeightShorts<float>);
+      }
+    }
   }
 }
 

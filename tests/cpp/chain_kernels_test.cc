@@ -82,6 +82,7 @@ struct TileNumbers {
   ExactBuffer<T> w;
   std::vector<T> acc;
   std::vector<int32_t> largest;
+  HalfAddends half = HalfAddends::kAny;
 
   template <typename DrawNumber>
   TileNumbers(const TileShape& s, int offset, DrawNumber draw)
@@ -107,6 +108,7 @@ struct TileNumbers {
     tile.taps = shape.taps;
     tile.acc = sums;
     tile.largest = magnitudes;
+    tile.half = half;
     return tile;
   }
 
@@ -453,6 +455,77 @@ TEST(ChainHalfPrecision, OverflowOfSums) {
   const TileNumbers<float> largest = OneTap(32767.99f);
   ASSERT_TRUE(CheckTile(datapath, largest, ""));
 }
+
+// Sums of quantised numbers of all sizes in range, as the chains have them.
+TEST(ChainHalfPrecision, SumsOfEverySize) {
+  const Datapath<float> datapath(24, 0, true);
+  Random random(0x50b5);
+  const auto draw = [&random] {
+    const float mantissa = static_cast<float>(random.Between(-(1 << 24), 1 << 24));
+    return f32_to_hf16(std::ldexp(mantissa, random.Between(-38, -10)));
+  };
+  TileNumbers<float> in = OneTap(0.0f);
+  for (int turn = 0; turn < 4000 / testing::Step(7); ++turn) {
+    for (float& acc : in.acc) acc = draw();
+    SetAddends(&in, [&](int) { return draw(); });
+    ASSERT_TRUE(CheckTile(datapath, in, Describe("turn", turn)));
+  }
+}
+
+// ---- Half precision of whole numbers -----------------------------------------------------------
+
+// Every sum of a number in range and a product of the largest that is known to be one.
+TEST(ChainWholeHalves, EverySum) {
+  const Datapath<float> datapath(24, 0, true);
+  for (const float acc : {0.0f, 32768.0f, -32768.0f, 32760.0f, -4098.0f}) {
+    for (const HalfAddends half : {HalfAddends::kWhole, HalfAddends::kUnchanged}) {
+      TileNumbers<float> in = OneTap(acc);
+      in.half = half;
+      const int most = half == HalfAddends::kWhole ? 32763 : 4096;
+      for (int first = -most; first <= most; first += 128 * testing::Step(5)) {
+        SetAddends(&in, [&](int i) { return static_cast<float>(std::min(first + i, most)); });
+        ASSERT_TRUE(CheckTile(datapath, in, Describe("acc", acc, "first", first)));
+      }
+    }
+  }
+}
+
+// Chains that stay in range, that leave it now and then, and that do at nearly every step.
+template <typename D>
+void CrossWholeHalves(uint64_t seed) {
+  Random random(seed);
+  struct {
+    int input, weight;
+    HalfAddends half;
+  } const ranges[] = {{3, 2, HalfAddends::kUnchanged},    {64, 64, HalfAddends::kUnchanged},
+                      {4096, 1, HalfAddends::kUnchanged}, {127, 127, HalfAddends::kWhole},
+                      {255, 128, HalfAddends::kWhole},    {32763, 1, HalfAddends::kWhole}};
+  for (const auto& range : ranges) {
+    for (const int shift : {0, 1, 3, -2, 100}) {
+      TileShape shape;
+      shape.rows = random.Between(1, 3);
+      shape.channels = random.Between(1, 9);
+      shape.taps = random.Between(1, 5);
+      for (const TileShape& s : OfEveryKernel(shape)) {
+        TileNumbers<float> in(s, random.Between(0, 3), [&] {
+          return static_cast<float>(random.Between(-range.input, range.input));
+        });
+        for (int64_t i = 0; i < in.w.count(); ++i) {
+          in.w[i] = static_cast<float>(random.Between(-range.weight, range.weight));
+        }
+        in.half = range.half;
+        for (float& acc : in.acc) {
+          acc = f32_to_hf16(static_cast<float>(random.Between(-32768, 32768)));
+        }
+        ASSERT_TRUE(CheckTile(MakeDatapath<D>(24, shift, true), in,
+                              Describe("input", range.input, "shift", shift)));
+      }
+    }
+  }
+}
+
+TEST(ChainWholeHalves, Divided) { CrossWholeHalves<Datapath<float>>(0x3a1f); }
+TEST(ChainWholeHalves, Multiplied) { CrossWholeHalves<ReciprocalDatapath<float>>(0x3a20); }
 
 // ---- Sums of rounded products ------------------------------------------------------------------
 

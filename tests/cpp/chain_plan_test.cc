@@ -21,7 +21,8 @@
 namespace bitfold {
 
 std::ostream& operator<<(std::ostream& out, ChainPath path) {
-  constexpr const char* kNames[] = {"stepwise", "modular", "rounded", "shorts", "bytes"};
+  constexpr const char* kNames[] = {"stepwise", "modular", "rounded",
+                                    "shorts",   "bytes",   "remainders"};
   return out << kNames[static_cast<int>(path)];
 }
 
@@ -40,6 +41,7 @@ constexpr auto kModular = ChainPath::kModular;
 constexpr auto kRounded = ChainPath::kRounded;
 constexpr auto kShorts = ChainPath::kDotShorts;
 constexpr auto kBytes = ChainPath::kDotBytes;
+constexpr auto kRemainders = ChainPath::kDotRemainders;
 
 Facts Range(int64_t min, int64_t max) { return {true, min, max}; }
 Facts UpTo(int64_t max) { return Range(0, max); }
@@ -56,6 +58,8 @@ struct Call {
   bool divides = true;
   bool use_fp16_acc = false;
   bool packs = true;
+  bool takes_remainders = false;
+  int64_t products = 1;
   mutable int asked = 0;  // how often for weight_sum
 
   ChainFacts facts() const {
@@ -63,7 +67,8 @@ struct Call {
       ++asked;
       return weight_sum;
     };
-    return {width, shift, use_fp16_acc, divides, packs, input, weights, elementwise, ask};
+    return {width,   shift,       use_fp16_acc, divides,          packs,   input,
+            weights, elementwise, ask,          takes_remainders, products};
   }
 };
 
@@ -311,7 +316,6 @@ TEST(ChainPlanFloat, EveryNumberMustBeWhole) {
 
 TEST(ChainPlanFloat, HalfPrecisionIsSteps) {
   Call call = OfWidth(16);
-  call.weight_sum = 1;
   call.use_fp16_acc = true;
   EXPECT_EQ(Float(call).path, kStepwise);
 }
@@ -461,6 +465,144 @@ TEST(ChainPlanFloat, OtherDivisorsRoundProductsBelowTheirs) {
     EXPECT_EQ(Float(Proven(shift, kTwoTo19)).path, kStepwise) << shift;
     // The product with the reciprocal rounds twice before it rounds to a whole number.
     EXPECT_EQ(Float(Proven(shift, 100, false)).path, kStepwise) << shift;
+  }
+}
+
+// ---- Half precision ----------------------------------------------------------------------------
+
+// Whole numbers whose sums are not known to stay small.
+Call Half(int64_t input, int64_t weight) {
+  Call call = OfProducts(24, 0, input, weight);
+  call.use_fp16_acc = true;
+  return call;
+}
+
+TEST(ChainPlanHalf, Addends) {
+  const auto of = [](int64_t input, int64_t weight) {
+    const ChainPlan plan = Float(Half(input, weight));
+    EXPECT_EQ(plan.path, kStepwise);
+    return plan.half;
+  };
+  EXPECT_EQ(of(4096, 1), HalfAddends::kUnchanged);
+  EXPECT_EQ(of(64, 64), HalfAddends::kUnchanged);
+  EXPECT_EQ(of(17, 241), HalfAddends::kWhole);  // 4097
+  EXPECT_EQ(of(32763, 1), HalfAddends::kWhole);
+  EXPECT_EQ(of(32764, 1), HalfAddends::kAny);
+  EXPECT_EQ(of(255, 128), HalfAddends::kWhole);
+  EXPECT_EQ(of(1 << 24, 1), HalfAddends::kAny);
+  EXPECT_EQ(of((1 << 24) + 1, 1), HalfAddends::kAny);
+}
+
+TEST(ChainPlanHalf, FractionsAreAny) {
+  const auto without = [](Facts Call::*member) {
+    Call call = Half(3, 3);
+    (call.*member).is_whole = false;
+    return Float(call);
+  };
+  for (const auto member : {&Call::input, &Call::weights, &Call::elementwise}) {
+    EXPECT_EQ(without(member).path, kStepwise);
+    EXPECT_EQ(without(member).half, HalfAddends::kAny);
+  }
+}
+
+// Sums up to 4096 are what they are without a quantiser.
+TEST(ChainPlanHalf, SmallSumsAreExact) {
+  Call call = Half(255, 1);
+  call.weight_sum = 16;
+  call.elementwise = Range(-16, 9);  // 16 * 255 + 16
+  EXPECT_EQ(Float(call).path, kBytes);
+  EXPECT_EQ(Float(call).bits, 32);
+  EXPECT_EQ(Float(call, false).path, kShorts);
+  call.elementwise = Range(-16, 17);
+  EXPECT_EQ(Float(call).path, kStepwise);
+  EXPECT_EQ(Float(call).half, HalfAddends::kUnchanged);
+  call.elementwise = Range(-16, 9);
+  call.weight_sum = 17;
+  EXPECT_EQ(Float(call).path, kStepwise);
+  call.weight_sum = 16;
+  call.shift = 4;
+  EXPECT_EQ(Float(call).path, kRounded);
+  call.shift = 3;
+  EXPECT_EQ(Float(call).path, kRounded);
+  call.divides = false;
+  EXPECT_EQ(Float(call).path, kStepwise);
+  EXPECT_EQ(Float(call).half, HalfAddends::kUnchanged);
+  call.shift = 4;
+  call.takes_remainders = true;
+  EXPECT_EQ(Float(call).path, kRemainders);
+}
+
+// ---- Remainders --------------------------------------------------------------------------------
+
+// Bytes, of which a machine adds up the remainders.
+Call Bytes(int32_t width, int32_t shift) {
+  Call call = OfProducts(width, shift, 255, 127);
+  call.weights = Range(-128, 127);
+  call.takes_remainders = true;
+  return call;
+}
+
+TEST(ChainPlanRemainders, ShiftsOfOneToFive) {
+  for (int32_t shift = -40; shift <= 127; ++shift) {
+    if (shift == 0) continue;
+    const ChainPlan plan = Int32(Bytes(20, shift));
+    EXPECT_EQ(plan.path == kRemainders, 1 <= shift && shift <= 5) << shift;
+    if (plan.path != kRemainders) continue;
+    EXPECT_EQ(plan.shift, shift);
+    EXPECT_EQ(plan.bits, 20);
+    EXPECT_EQ(plan.input_offset, 0);
+  }
+}
+
+TEST(ChainPlanRemainders, DivisorsOfTwoToThirtyTwo) {
+  for (const bool divides : {false, true}) {
+    for (int32_t divisor = -128; divisor <= 127; ++divisor) {
+      Call call = Bytes(20, divisor);
+      call.divides = divides;
+      const ChainPlan plan = Float(call);
+      int32_t shift = 0;
+      for (int32_t s = 1; s <= 5; ++s) shift = divisor == 1 << s ? s : shift;
+      EXPECT_EQ(plan.path == kRemainders, shift != 0) << divisor;
+      EXPECT_EQ(plan.shift, shift);
+    }
+  }
+}
+
+TEST(ChainPlanRemainders, BytesOnMachinesThatAddThemUp) {
+  Call call = Bytes(20, 4);
+  call.input = Range(-100, 155);
+  EXPECT_EQ(Int32(call).path, kRemainders);
+  EXPECT_EQ(Int32(call).input_offset, 100);
+  call.input = Range(-100, 156);
+  EXPECT_EQ(Int32(call).path, kRounded);
+  call = Bytes(20, 4);
+  call.weights = Range(-128, 128);
+  EXPECT_EQ(Int32(call).path, kRounded);
+  call.weights = Range(-129, 127);
+  EXPECT_EQ(Int32(call).path, kRounded);
+  call = Bytes(20, 4);
+  call.packs = false;
+  EXPECT_EQ(Int32(call).path, kRounded);
+  call = Bytes(20, 4);
+  call.takes_remainders = false;
+  EXPECT_EQ(Int32(call).path, kRounded);
+  EXPECT_EQ(Float(call).path, kRounded);
+}
+
+// Up to 32 - s bits any sum will do, above them those that 32 bits hold with s more.
+TEST(ChainPlanRemainders, SumsOfAllBits) {
+  for (int32_t shift = 1; shift <= 5; ++shift) {
+    Call call = Bytes(32 - shift, shift);
+    call.products = int64_t{1} << 40;
+    EXPECT_EQ(Int32(call).path, kRemainders) << shift;
+    const int64_t most = 255 * 128 + (1 << (shift - 1));
+    for (int32_t width = 33 - shift; width <= 32; ++width) {
+      call = Bytes(width, shift);
+      call.products = INT32_MAX / most;
+      EXPECT_EQ(Int32(call).path, kRemainders) << shift;
+      ++call.products;
+      EXPECT_EQ(Int32(call).path, kRounded) << shift;
+    }
   }
 }
 

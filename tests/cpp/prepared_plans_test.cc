@@ -88,6 +88,7 @@ TYPED_TEST(PreparedPlans, SizesOfEveryPlan) {
       ++turn;
       c.rows = w.rows;
       c.columns = w.columns;
+      if (random.Between(0, 2) == 0) testing::PlaceAsSame(&c);
       c.batch = random.Between(1, 3);
       FillForPlan(&random, &c, testing::DrawNumbers(&random));
       ASSERT_TRUE(CheckPrepared(c, recipe.path, static_cast<int>(turn % 4))) << recipe.name;

@@ -80,6 +80,20 @@ TEST(QuantiseHalf, FineStepsAroundOneAndTwo) {
   }
 }
 
+// Zero apart, whose sign does not come back.
+TEST(QuantiseHalf, EveryWholeNumber) {
+  for (int32_t magnitude = 1; magnitude < 65536; ++magnitude) {
+    for (const int32_t whole : {magnitude, -magnitude}) {
+      const auto x = static_cast<float>(whole);
+      const float expected = f32_to_hf16(x);
+      ASSERT_TRUE(testing::SameBits(expected, QuantiseHalfOfWhole(x))) << whole;
+      if (magnitude >= 32768) continue;
+      ASSERT_TRUE(testing::SameBits(expected, RoundHalfOfWhole(x))) << whole;
+    }
+  }
+  EXPECT_TRUE(testing::SameBits(0.0f, QuantiseHalfOfWhole(0.0f)));
+}
+
 TEST(QuantiseHalf, Boundaries) {
   for (const float x : testing::FloatBoundaries()) ASSERT_TRUE(SameAsDefinition(x));
 }

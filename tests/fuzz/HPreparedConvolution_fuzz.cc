@@ -77,6 +77,7 @@ void Compare(FuzzInput* input) {
   c.batch = input->Between(1, 3);
   c.rows = ReadAxis(input);
   c.columns = ReadAxis(input);
+  c.rows.padding = c.columns.padding = input->Flag() ? Padding::kSame : Padding::kValid;
   c.is_depthwise = input->Between(0, 3) == 0;
   c.in_channels = input->Between(1, input->Flag() ? 36 : 5);
   c.out_channels = input->Between(1, c.is_depthwise ? c.in_channels : 36);

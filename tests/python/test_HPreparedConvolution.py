@@ -28,7 +28,8 @@ REGISTRATION = {
             "T_out: {int8, int16}",
             "strides: list(int)",
             "dilations: list(int)",
-            "padding: list(int)",
+            'padding: {"SAME", "VALID"}',
+            "zeros: list(int)",
             "is_depthwise: bool",
             "input_zero_point: int",
             "accumulator_size: int",
@@ -55,7 +56,8 @@ STORED = (np.int8, np.int16)
 DEFAULTS = {
     "strides": (1, 1),
     "dilations": (1, 1),
-    "padding": (0, 0, 0, 0),
+    "padding": "VALID",
+    "zeros": (0, 0, 0, 0),
     "is_depthwise": False,
     "input_zero_point": 0,
     "accumulator_size": 32,
@@ -84,9 +86,9 @@ def raw(input, filter, bias, multipliers, *, dtype=np.int8, **attributes):
     )
 
 
-def surrounded(image, padding, zero_point):
+def surrounded(image, zeros, zero_point):
     """Stored integers less their zero point, zeros around them."""
-    top, bottom, left, right = padding
+    top, bottom, left, right = zeros
     return np.pad(
         image.astype(np.int32) - zero_point, ((0, 0), (top, bottom), (left, right), (0, 0))
     )
@@ -104,7 +106,7 @@ def expected(reference, input, filter, bias, multipliers, *, dtype=np.int8, **at
         "use_fp16_acc": half,
     }
     kind = np.float32 if half else np.int32
-    data = surrounded(input, settings["padding"], settings["input_zero_point"]).astype(kind)
+    data = surrounded(input, settings["zeros"], settings["input_zero_point"]).astype(kind)
     found, text = [], ""
     for image in data:
         sums, lines = reference.convolve(
@@ -112,7 +114,7 @@ def expected(reference, input, filter, bias, multipliers, *, dtype=np.int8, **at
             filter.astype(kind),
             strides=settings["strides"],
             dilations=settings["dilations"],
-            padding="VALID",
+            padding=settings["padding"],
             is_depthwise=settings["is_depthwise"],
             **datapath,
         )
@@ -166,10 +168,10 @@ def draw(rng, stored=np.int8, dtype=np.int8):
     """Return the tensors and the attributes of a call."""
     rows, columns = rng.integers(1, 9, 2)
     taps, strides, dilations = rng.integers(1, 4, (3, 2))
-    padding = rng.integers(0, 4, 4)
+    zeros = rng.integers(0, 4, 4)
     for axis, size in enumerate((rows, columns)):
         needed = (taps[axis] - 1) * dilations[axis] + 1
-        padding[2 * axis + 1] += max(0, needed - size - padding[2 * axis : 2 * axis + 2].sum())
+        zeros[2 * axis + 1] += max(0, needed - size - zeros[2 * axis : 2 * axis + 2].sum())
     channels = int(rng.integers(1, 20))
     depthwise = rng.integers(0, 3) == 0
     outputs = int(rng.integers(1, channels + 1 if depthwise else 20))
@@ -182,7 +184,8 @@ def draw(rng, stored=np.int8, dtype=np.int8):
     settings = {
         "strides": tuple(map(int, strides)),
         "dilations": tuple(map(int, dilations)),
-        "padding": tuple(map(int, padding)),
+        "padding": str(rng.choice(["SAME", "VALID"])),
+        "zeros": tuple(map(int, zeros)),
         "is_depthwise": bool(depthwise),
         "input_zero_point": int(draw_stored(rng, stored, [])),
         "accumulator_size": int(rng.choice([32, 24, 20, rng.integers(1, 33)])),
@@ -237,7 +240,7 @@ def test_large_images(check, half, taps):
         draw_stored(rng, np.int8, (taps, taps, 24, 40)),
         rng.integers(-9999, 9999, 40).astype(np.int32),
         rng.uniform(1e-4, 1e-3, 40),
-        padding=(side, 1, side, 1),
+        zeros=(side, 1, side, 1),
         input_zero_point=-5,
         use_fp16_acc=half,
     )
@@ -321,11 +324,11 @@ LARGEST = 1 << 28
         ({"strides": (0, 1)}, "Need 2 strides from 1 to 268435456, got [0, 1]"),
         ({"dilations": ()}, "Need 2 dilations from 1 to 268435456, got []"),
         ({"dilations": (1, -1)}, "Need 2 dilations from 1 to 268435456, got [1, -1]"),
-        ({"padding": (0, 0)}, "Need 4 padding from 0 to 268435456, got [0, 0]"),
-        ({"padding": (0, -1, 0, 0)}, "Need 4 padding from 0 to 268435456, got [0, -1, 0, 0]"),
-        ({"padding": (0, 0, 0, LARGEST + 1)}, "Need 4 padding from 0 to 268435456, got"),
-        ({"padding": (LARGEST, LARGEST, 0, 0)}, "fewer than 2^31 elements, padded and as outputs"),
-        ({"padding": (30000,) * 4, "strides": (99999, 99999)}, "fewer than 2^31 elements, padded"),
+        ({"zeros": (0, 0)}, "Need 4 zeros from 0 to 268435456, got [0, 0]"),
+        ({"zeros": (0, -1, 0, 0)}, "Need 4 zeros from 0 to 268435456, got [0, -1, 0, 0]"),
+        ({"zeros": (0, 0, 0, LARGEST + 1)}, "Need 4 zeros from 0 to 268435456, got"),
+        ({"zeros": (LARGEST, LARGEST, 0, 0)}, "fewer than 2^31 elements, padded and as outputs"),
+        ({"zeros": (30000,) * 4, "strides": (99999, 99999)}, "fewer than 2^31 elements, padded"),
         ({"input_zero_point": 128}, "Need an input_zero_point in [-128, 127], got 128"),
         ({"accumulator_size": -1}, "Need accumulator_size >= 0, got -1"),
         ({"accumulator_size": 33}, "accumulator_size"),
@@ -366,8 +369,14 @@ def test_a_refused_call_loses_nothing():
         (([None, 9, 8, 3], [3, 2, 3, 5], [0], [5]), {"strides": (2, 3)}, [None, 4, 3, 5]),
         (([None, None, 8, 3], [3, 2, 3, 5], None, None), {}, [None, None, 7, 5]),
         (([2, 9, 8, 3], [3, None, 3, None], [5], [1]), {}, [2, 7, None, None]),
-        (([2, 9, 8, 3], [3, 3, 3, 5], [5], [1]), {"padding": (1, 2, 3, 4)}, [2, 10, 13, 5]),
+        (([2, 9, 8, 3], [3, 3, 3, 5], [5], [1]), {"zeros": (1, 2, 3, 4)}, [2, 10, 13, 5]),
         (([2, 9, 8, 3], [3, 3, 3, 5], [5], [1]), {"dilations": (4, 3)}, [2, 1, 2, 5]),
+        (([2, 9, 8, 3], [9, 19, 3, 5], [5], [1]), {"padding": "SAME"}, [2, 9, 8, 5]),
+        (
+            ([2, 9, 8, 3], [3, 3, 3, 5], [5], [1]),
+            {"padding": "SAME", "zeros": (1, 0, 0, 1), "strides": (2, 3)},
+            [2, 5, 3, 5],
+        ),
         ((None, None, None, None), {}, [None] * 4),
     ],
 )
@@ -628,7 +637,8 @@ def test_threads_share_a_kernel(constant):
 SETTINGS = {
     "strides": ((2, 1), "strides"),
     "dilations": ((1, 2), "dilations"),
-    "padding": ((1, 0, 2, 1), "padding"),
+    "zeros": ((1, 0, 2, 1), "zeros"),
+    "padding": ("SAME", "padding"),
     "input_zero_point": (3, "input_zero_point"),
     "accumulator_size": (9, "accumulator_size"),
     "mult_shift": (2, "mult_shift"),

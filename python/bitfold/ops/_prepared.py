@@ -7,6 +7,7 @@ from __future__ import annotations
 from collections.abc import Sequence
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold._frame.arguments import integer
@@ -15,6 +16,7 @@ from bitfold._frame.loaded import raw_ops
 from bitfold._frame.tensors import as_tensor, limits
 
 _STORED = (tf.int8, tf.int16)
+_NO_BIAS = np.zeros([0], np.int32)
 
 
 @accepts_symbolic
@@ -26,7 +28,8 @@ def prepared_conv2d(
     *,
     strides: Sequence[int] = (1, 1),
     dilations: Sequence[int] = (1, 1),
-    padding: Sequence[int] = (0, 0, 0, 0),
+    padding: str = "VALID",
+    zeros: Sequence[int] = (0, 0, 0, 0),
     depthwise: bool = False,
     input_zero_point: int = 0,
     accumulator_size: int = 32,
@@ -43,7 +46,7 @@ def prepared_conv2d(
     """Compute a layer of a quantised network, from stored integers to stored integers.
 
     The bits and the printed lines of `conv2d`, `dilated_conv2d` or `depthwise_conv2d` on the input
-    less its zero point and surrounded by zeros, then `bias_add` and `requantise`; in half precision
+    less its zero point, with zeros around it, then `bias_add` and `requantise`; in half precision
     the first two on floats. What can be known of the layer is decided at the first call, which
     packs the weights; later calls with the same `filter`, `bias` and `multipliers` and the same
     image size use it again.
@@ -55,7 +58,8 @@ def prepared_conv2d(
         multipliers: float64 [1] or [outputs], as `requantise` takes them.
         strides: of the windows, for rows and columns.
         dilations: distances of the taps, for rows and columns.
-        padding: rows of zeros above and below, columns left and right of the image.
+        padding: "SAME" or "VALID", where the windows lie: as those of the convolutions.
+        zeros: rows of zeros above and below, columns left and right, that the image has before.
         depthwise: whether each channel is summed for itself.
         input_zero_point: the stored integer of the input that stands for 0.
         accumulator_size: bits of the accumulator, at most 32.
@@ -99,11 +103,12 @@ def prepared_conv2d(
     return raw_ops.h_prepared_convolution(
         input=input,
         filter=as_tensor(filter, tf.int8),
-        bias=as_tensor([] if bias is None else bias, tf.int32),
+        bias=as_tensor(_NO_BIAS if bias is None else bias, tf.int32),
         multipliers=as_tensor(multipliers, tf.float64),
         strides=[integer(value, "strides") for value in strides],
         dilations=[integer(value, "dilations") for value in dilations],
-        padding=[integer(value, "padding") for value in padding],
+        padding=padding,
+        zeros=[integer(value, "zeros") for value in zeros],
         is_depthwise=bool(depthwise),
         input_zero_point=integer(input_zero_point, "input_zero_point"),
         accumulator_size=integer(accumulator_size, "accumulator_size"),

@@ -284,11 +284,11 @@ def activation(
         )
 
 
-def _all_channels(value: tf.Tensor) -> list[int] | tf.Tensor:
+def _all_channels(value: tf.Tensor) -> np.ndarray | tf.Tensor:
     """Return the sizes of one group of all channels."""
     if value.shape.rank is None or value.shape[-1] is None:
         return tf.shape(value, tf.int64)[-1:]
-    return [value.shape[-1]]
+    return np.array([value.shape[-1]], np.int64)
 
 
 def _require_splits(needs: Needs, size_splits: tf.Tensor, channels: Any) -> None:

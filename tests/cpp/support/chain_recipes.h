@@ -55,6 +55,7 @@ inline std::vector<ChainRecipe> ChainRecipes<int32_t>() {
   constexpr auto kRounded = ChainPath::kRounded;
   constexpr auto kShorts = ChainPath::kDotShorts;
   constexpr auto kBytes = ChainPath::kDotBytes;
+  constexpr auto kRemainders = ChainPath::kDotRemainders;
   return {
       {"unsigned bytes", kBytes, 32, 0, kUint8, kInt8, kAnyInt32},
       {"signed bytes", kBytes, 32, 0, kInt8, kInt8, kAnyInt32},
@@ -96,8 +97,14 @@ inline std::vector<ChainRecipe> ChainRecipes<int32_t>() {
       {"bytes, shifted by -3", kModular, 16, -3, kInt8, kInt8, kInt8},
       {"bytes, shifted by 33", kModular, 16, 33, kInt8, kInt8, kInt8},
       {"bytes, shifted by 127", kModular, 16, 127, kInt8, kInt8, kInt8},
-      {"rounded bytes", kRounded, 20, 4, kUint8, kInt8, {-1048576, 1048576}},
-      {"rounded by 1", kRounded, 15, 1, kUint8, kInt8, kInt16},
+      {"rounded bytes", kRemainders, 20, 4, kUint8, kInt8, {-1048576, 1048576}},
+      {"rounded by 1", kRemainders, 15, 1, kUint8, kInt8, kInt16},
+      {"rounded by 2", kRemainders, 30, 2, {-40, 215}, kInt8, kInt16},
+      {"rounded by 3", kRemainders, 32, 3, {-128, 0}, kInt8, kAnyInt32},
+      {"rounded by 5", kRemainders, 32, 5, kInt8, kInt8, kAnyInt32},
+      {"rounded by 6", kRounded, 32, 6, kInt8, kInt8, kAnyInt32},
+      {"one more than bytes rounded", kRounded, 20, 4, {0, 256}, kInt8, kInt16},
+      {"weights of one more", kRounded, 20, 4, kUint8, {-127, 128}, kInt16},
       {"rounded by 24", kRounded, 32, 24, {-4096, 4096}, {-4096, 4096}, kAnyInt32},
       {"the largest products rounded", kRounded, 32, 3, {-4096, 4096}, {-4096, 4096}, kAnyInt32},
       {"quotients too large to round", kModular, 32, 2, {-4096, 4096}, {-4096, 4096}, kAnyInt32},
@@ -115,6 +122,7 @@ inline std::vector<ChainRecipe> ChainRecipes<float>() {
   constexpr auto kRounded = ChainPath::kRounded;
   constexpr auto kShorts = ChainPath::kDotShorts;
   constexpr auto kBytes = ChainPath::kDotBytes;
+  constexpr auto kRemainders = ChainPath::kDotRemainders;
   constexpr NumberRange kMillion = {-1000000, 1000000};
   constexpr NumberRange kLarge = {-3000000, 3000000};
   return {
@@ -148,6 +156,12 @@ inline std::vector<ChainRecipe> ChainRecipes<float>() {
       {"large numbers of 40 bits", kModular, 40, 0, {-40000, 40000}, {-1, 1}, kInt16},
       {"sums around 24 bits", {}, 22, 0, {-40000, 40000}, {-100, 100}, kInt16},
       {"rounded by 2", kRounded, 22, 2, {-2048, 2047}, {-2048, 2047}, {-4194304, 4194304}},
+      {"bytes rounded by 2", kRemainders, 20, 2, kUint8, kInt8, kInt16},
+      {"bytes rounded by 4", kRemainders, 22, 4, kInt8, kInt8, {-4194304, 4194304}},
+      {"bytes rounded by 8", kRemainders, 40, 8, {-55, 200}, {-2, 2}, kInt16},
+      {"bytes rounded by 16", kRemainders, 15, 16, kUint8, kInt8, {-32768, 32768}},
+      {"bytes rounded by 32", kRemainders, 16, 32, {-255, 0}, kInt8, kInt16},
+      {"bytes rounded by 64", kRounded, 16, 64, kUint8, kInt8, kInt16},
       {"rounded by 1", kRounded, 16, 1, {-255, 255}, kInt8, kInt16},
       {"rounded by -4", kRounded, 20, -4, kUint8, kInt8, kInt16},
       {"rounded by -128", kRounded, 30, -128, kInt8, {-2, 2}, kInt8},
@@ -176,6 +190,13 @@ inline std::vector<ChainRecipe> ChainRecipes<float>() {
       {"half precision", kStepwise, 24, 0, {-99, 99}, {-99, 99}, {-99, 99}, true, 0.13f},
       {"half precision, shifted", kStepwise, 24, 3, kInt8, kInt8, kInt8, true, 1.0f},
       {"small half precision", kStepwise, 24, 0, {-99, 99}, {-99, 99}, {-99, 99}, true, 0.0037f},
+      {"half precision of whole numbers", {}, 24, 0, {-11, 11}, {-9, 9}, kInt16, true},
+      {"the largest unchanged halves", {}, 24, 0, {-64, 64}, {-64, 64}, kInt16, true},
+      {"the largest whole halves", kStepwise, 24, 0, {-127, 127}, {-257, 257}, kLarge, true},
+      {"half precision of bytes", kStepwise, 24, 0, kUint8, kInt8, {-400000, 400000}, true},
+      {"small sums in half precision", kBytes, 24, 0, {-2, 3}, {-1, 1}, kInt8, true},
+      {"small sums divided by 4", kRemainders, 24, 4, {-2, 3}, {-1, 1}, kInt8, true},
+      {"small sums divided by 3", kRounded, 24, 3, {-2, 3}, {-1, 1}, kInt8, true},
       {"half precision out of range", kStepwise, 24, 0, {-400, 400}, {-400, 400}, kInt16, true},
       {"half precision that prints", kStepwise, 24, 2, kMillion, {-99, 99}, kLarge, true},
       {"others in half precision", kStepwise, 24, 0, kInt8, kInt8, kInt8, true, 0.13f, true},
@@ -187,9 +208,12 @@ inline std::vector<ChainRecipe> ChainRecipes<float>() {
 template <typename T>
 std::optional<ChainPath> PathOn(const ChainRecipe& recipe, bool is_depthwise, int64_t outputs,
                                 Target target) {
-  const bool is_dot = recipe.path == ChainPath::kDotBytes || recipe.path == ChainPath::kDotShorts;
+  const bool is_remainders = recipe.path == ChainPath::kDotRemainders;
+  const bool is_dot =
+      recipe.path == ChainPath::kDotBytes || recipe.path == ChainPath::kDotShorts || is_remainders;
   constexpr int64_t kManyOutputs = 16;
   if (is_dot && !is_depthwise && outputs < kManyOutputs) return std::nullopt;
+  if (is_remainders && (is_depthwise || !HasRemainders(target))) return ChainPath::kRounded;
   if (recipe.path == ChainPath::kDotBytes && target != Target::kAvx512Vnni) {
     return ChainPath::kDotShorts;
   }

@@ -39,13 +39,15 @@ constexpr const char* kPathNames[] = {
 std::atomic<bool> ran[kPaths];
 
 // Each in the order of its enumeration.
-constexpr const char* kChainPaths[] = {"stepwise", "modular", "rounded", "shorts", "bytes"};
+constexpr const char* kChainPaths[] = {"stepwise", "modular", "rounded",
+                                       "shorts",   "bytes",   "remainders"};
+constexpr int kAllChainPaths = sizeof(kChainPaths) / sizeof(kChainPaths[0]);
 constexpr const char* kChainNumbers[] = {"int32", "float", "half precision"};
 constexpr const char* kChainForms[] = {"ordinary", "depthwise", "matrices"};
 constexpr const char* kChainTargets[] = {"portable", "AVX2", "AVX-512", "AVX-512 VNNI"};
 static_assert(sizeof(kChainTargets) / sizeof(kChainTargets[0]) == kTargets);
 
-std::atomic<bool> chain_ran[5][3][3][kTargets];
+std::atomic<bool> chain_ran[kAllChainPaths][3][3][kTargets];
 
 // "chains, bytes, float, ordinary, AVX-512 VNNI"
 std::string ChainName(int path, int numbers, int form, int target) {
@@ -54,19 +56,21 @@ std::string ChainName(int path, int numbers, int form, int target) {
 }
 
 // Calls visit(path, numbers, form, target) for each that the engine can take on a machine with all
-// targets.
+// targets; of half-precision sums so small that they are exact for some.
 template <typename Visit>
 void ForEachChain(Visit visit) {
-  for (int p = 0; p < 5; ++p) {
+  for (int p = 0; p < kAllChainPaths; ++p) {
     for (int n = 0; n < 3; ++n) {
       for (int f = 0; f < 3; ++f) {
         for (int t = 0; t < kTargets; ++t) {
           const auto path = static_cast<ChainPath>(p);
           const auto numbers = static_cast<ChainNumbers>(n);
-          if (numbers == ChainNumbers::kHalf && path != ChainPath::kStepwise) continue;
-          if (path == ChainPath::kDotBytes && static_cast<Target>(t) != Target::kAvx512Vnni) {
-            continue;
-          }
+          const bool is_any_half = path != ChainPath::kModular && path != ChainPath::kDotShorts;
+          if (numbers == ChainNumbers::kHalf && !is_any_half) continue;
+          const bool is_remainders = path == ChainPath::kDotRemainders;
+          const bool is_bytes = path == ChainPath::kDotBytes || is_remainders;
+          if (is_bytes && static_cast<Target>(t) != Target::kAvx512Vnni) continue;
+          if (is_remainders && static_cast<ChainForm>(f) == ChainForm::kDepthwise) continue;
           visit(p, n, f, t);
         }
       }
@@ -76,6 +80,7 @@ void ForEachChain(Visit visit) {
 
 // Whether this machine can take a path.
 bool CanRun(const std::string& name) {
+  if (name.find("remainders") != std::string::npos) return HasRemainders(Target::kAvx512Vnni);
   if (name.find("VNNI") != std::string::npos) return IsSupported(Target::kAvx512Vnni);
   if (name.find("AVX-512") != std::string::npos) return IsSupported(Target::kAvx512);
   return name.find("AVX2") == std::string::npos || IsSupported(Target::kAvx2);

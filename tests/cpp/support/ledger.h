@@ -10,6 +10,7 @@
 
 #include "chain/plan.h"
 #include "vector/target.h"
+#include "vector/target_code.h"
 
 namespace bitfold::testing {
 
@@ -25,6 +26,15 @@ void Ran(Path path);
 // What the chain engine can take: a path for a kind of numbers and of call, on a target.
 enum class ChainNumbers { kInt32, kFloat, kHalf };
 enum class ChainForm { kOrdinary, kDepthwise, kMatrices };
+
+// Whether the machine adds up remainders where it is forced to a target.
+inline bool HasRemainders(Target target) {
+#if BITFOLD_HAS_TARGETS
+  return target == Target::kAvx512Vnni && __builtin_cpu_supports("avx512vbmi") != 0;
+#else
+  return false;
+#endif
+}
 
 void Ran(ChainPath path, ChainNumbers numbers, ChainForm form, Target target);
 

@@ -85,7 +85,7 @@ struct PreparedCase {
 
   std::string Inputs(int64_t i) const {
     const auto axis = [](const char* name, const LayerAxis& a) {
-      return std::string("\n  ") + name +
+      return std::string("\n  ") + name + (a.padding == Padding::kSame ? ", SAME" : ", VALID") +
              Describe(": input", a.input, "taps", a.taps, "stride", a.stride, "dilation",
                       a.dilation, "before", a.before, "after", a.after);
     };
@@ -174,6 +174,7 @@ struct PreparedCase {
     c.filter_width = columns.taps;
     c.out_channels = out_channels;
     c.accumulator_size = accumulator_size;
+    c.same = rows.padding == Padding::kSame;
     c.stride_h = rows.stride;
     c.stride_w = columns.stride;
     c.dilation_h = rows.dilation;

@@ -185,12 +185,19 @@ inline LayerAxis DrawAxis(Random* random) {
   return axis;
 }
 
+// Both axes go by one rule.
+template <typename In, typename Out>
+void PlaceAsSame(PreparedCase<In, Out>* c) {
+  c->rows.padding = c->columns.padding = Padding::kSame;
+}
+
 template <typename In, typename Out>
 PreparedCase<In, Out> DrawPrepared(Random* random) {
   PreparedCase<In, Out> c;
   c.batch = random->Between(1, 3);
   c.rows = DrawAxis(random);
   c.columns = DrawAxis(random);
+  if (random->Flag()) PlaceAsSame(&c);
   c.is_depthwise = random->Between(0, 3) == 0;
   c.in_channels = random->Between(1, random->Flag() ? 40 : 6);
   c.out_channels = c.is_depthwise ? random->Between(1, c.in_channels) : random->Between(1, 40);

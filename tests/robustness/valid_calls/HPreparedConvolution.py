@@ -10,7 +10,7 @@ from drawing import Call, Draw, Input
 
 
 def _axis(draw: Draw, size: int) -> tuple[int, int, int, list[int]]:
-    """Return taps, stride, dilation and padding of windows that an axis holds."""
+    """Return taps, stride, dilation and zeros of windows that an axis holds."""
     taps, stride = draw.choice((1, 2, 3, 3, 5)), draw.choice((1, 1, 2, 3))
     dilation = draw.choice((1, 1, 2, 3))
     before, after = draw.choice((0, 1, draw.randint(0, 5))), draw.choice((0, 1))
@@ -47,7 +47,8 @@ def _prepared(draw: Draw) -> Call:
         "T_out": f"int{bits}",
         "strides": [rows[1], columns[1]],
         "dilations": [rows[2], columns[2]],
-        "padding": rows[3] + columns[3],
+        "padding": draw.choice(("SAME", "VALID")),
+        "zeros": rows[3] + columns[3],
         "is_depthwise": depthwise,
         "input_zero_point": draw.choice((0, draw.randint(-128, 127))),
         "accumulator_size": draw.choice((8, 16, 20, 24, 32, draw.randint(0, 32))),

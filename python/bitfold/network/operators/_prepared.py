@@ -25,13 +25,15 @@ class Placement:
     Attributes:
         strides: from a window to the next.
         dilations: from a tap to the next.
-        padding: zeros above, below, left and right of the image.
+        padding: SAME or VALID, by which the convolutions place them.
+        zeros: written out above, below, left and right of the image.
         depthwise: whether channels are summed each for itself.
     """
 
     strides: tuple[int, int] = (1, 1)
     dilations: tuple[int, int] = (1, 1)
-    padding: tuple[int, int, int, int] = (0, 0, 0, 0)
+    padding: str = "VALID"
+    zeros: tuple[int, int, int, int] = (0, 0, 0, 0)
     depthwise: bool = False
 
 

@@ -21,8 +21,10 @@ class WindowedStep(WeightedStep):
     def placement(self) -> Placement | None:
         """Where the windows lie in the stored image."""
         windows = self.windows
-        padding = (*windows.rows.padding, *windows.columns.padding)
-        return Placement(windows.strides, windows.dilations, padding)
+        zeros = (
+            (*windows.rows.padding, *windows.columns.padding) if windows.needs_zeros else (0,) * 4
+        )
+        return Placement(windows.strides, windows.dilations, windows.placed_by, zeros)
 
     @property
     def multiply_adds(self) -> int:

@@ -123,16 +123,18 @@ class Windows:
         return tf.pad(images, paddings, constant_values=tf.cast(value, images.dtype))
 
     def placed(self, images: tf.Tensor) -> tuple[tf.Tensor, str]:
-        """Return images and the padding by which the public convolutions place these windows.
+        """Return images and the padding by which the public convolutions place these windows."""
+        return (self.padded(images) if self.needs_zeros else images), self.placed_by
 
-        They place a SAME window elsewhere than the model at strides above 2; there the zeros are
-        written out.
-        """
-        if not self.rows.is_same:
-            return images, "VALID"
-        if max(self.strides) <= 2:
-            return images, "SAME"
-        return self.padded(images), "VALID"
+    @property
+    def needs_zeros(self) -> bool:
+        """Whether zeros are written out: above strides of 2 the ops place SAME elsewhere."""
+        return self.rows.is_same and max(self.strides) > 2
+
+    @property
+    def placed_by(self) -> str:
+        """The padding by which the public convolutions place these windows."""
+        return "SAME" if self.rows.is_same and not self.needs_zeros else "VALID"
 
     def pooled(self, images: tf.Tensor, pooling: str, bounds: tuple[int, int]) -> tf.Tensor:
         """Pool stored images [N, H, W, C] and clamp the results."""
