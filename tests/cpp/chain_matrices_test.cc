@@ -161,7 +161,7 @@ void CheckShared(const MatMulCase<T>& c, const std::string& name) {
   testing::ThreadParts threads(3, 1);
   for (Workers* workers : {static_cast<Workers*>(&backward), static_cast<Workers*>(&threads)}) {
     auto actual = testing::Output<T>{testing::UnwrittenBuffer<T>(c.count(), 1), ""};
-    actual.lines = testing::PrintedAndCountedBy([&] { c.Share(workers, 2, actual.values.data()); });
+    actual.lines = testing::PrintedAndCountedBy([&] { c.Run(2, workers, actual.values.data()); });
     ASSERT_TRUE(testing::SameOutputs(c, definition, actual, "shared, " + name));
   }
 }
