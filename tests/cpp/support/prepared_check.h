@@ -20,10 +20,6 @@
 
 namespace bitfold::testing {
 
-inline bool IsDots(ChainPath path) {
-  return path == ChainPath::kDotBytes || path == ChainPath::kDotShorts;
-}
-
 template <typename In, typename Out>
 void RanPrepared(const PreparedCase<In, Out>& c, ChainPath path) {
   const auto index = static_cast<int>(path);  // in the order of the paths
