@@ -112,6 +112,9 @@ ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights, const 
   facts.weight_sum = [this] { return WeightSum(); };
   facts.takes_remainders = !call_.is_depthwise && CurrentDotKernels<SumOutput<T>>().HasRemainders();
   facts.products = call_.FilterElements() / call_.out_channels;
+  // Of int32, sums modulo 2^32, whatever comes.
+  const bool is_plain = facts.mult_shift == 0 && facts.accumulator_size >= 31;
+  if (std::is_same_v<T, int32_t> && is_plain && !facts.packs) return facts;
   facts.weights =
       weights ? *weights
               : SharedFactsOf(call_.filter, call_.filters * call_.FilterElements(), workers);
