@@ -16,8 +16,8 @@ extern "C" {
 #endif
 
 /* What convolutions that begin from now on compute with. 0: the runtime's pool of threads, which
- * share images and parts of images. Anything else: a POSIX thread of its own for each image, at most
- * 20 of them at a time. The results and the lines of an image are the same.
+ * share images and parts of images. Anything else: a POSIX thread of its own for each image, at
+ * most 20 of them at a time. The results and the lines of an image are the same.
  *
  * When the library is loaded, the environment variable BITFOLD_IMAGE_THREADS decides: 1 stands for
  * a thread for each image. Returns the setting before, 0 or 1. */

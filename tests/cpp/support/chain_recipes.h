@@ -197,6 +197,7 @@ inline std::vector<ChainRecipe> ChainRecipes<float>() {
       {"small sums in half precision", kBytes, 24, 0, {-2, 3}, {-1, 1}, kInt8, true},
       {"small sums divided by 4", kRemainders, 24, 4, {-2, 3}, {-1, 1}, kInt8, true},
       {"small sums divided by 3", kRounded, 24, 3, {-2, 3}, {-1, 1}, kInt8, true},
+      {"small sums divided by 64", kRounded, 24, 64, {-2, 3}, {-1, 1}, kInt8, true},
       {"half precision out of range", kStepwise, 24, 0, {-400, 400}, {-400, 400}, kInt16, true},
       {"half precision that prints", kStepwise, 24, 2, kMillion, {-99, 99}, kLarge, true},
       {"others in half precision", kStepwise, 24, 0, kInt8, kInt8, kInt8, true, 0.13f, true},
