@@ -6,47 +6,14 @@
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
-#include <new>
 #include <type_traits>
 #include <utility>
 
 #include "bitfold/weight_sign.h"
+#include "chain/dot_tile.h"
+#include "chain/facts.h"
 
 namespace bitfold {
-namespace {
-
-// Packed numbers of a block of outputs stay in the second-level cache beside the weights.
-constexpr int64_t kBlockWords = int64_t{1} << 15;
-
-// Blocks for each thread, so that all end at about the same time.
-constexpr int64_t kBlocksForEach = 4;
-
-// Weights of so many panels go by together.
-constexpr int32_t kPanelsTogether = 4;
-
-// In a cycle.
-constexpr int64_t kProducts = 96;
-constexpr int64_t kFinishedSums = 3;
-
-// Packed rows of more than this many times the image, and more than this, are not made.
-constexpr int64_t kMostPadding = 4;
-constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
-
-struct alignas(64) CacheLine {
-  char bytes[64];
-};
-
-int64_t Parts(int64_t all, int64_t step) { return (all + step - 1) / step; }
-
-// Panels of a block: fewer than all where the blocks would else be too few for the threads.
-int32_t PanelsOfBlock(int32_t panels, int64_t blocks, int threads) {
-  if (threads == 1 || blocks >= threads) return panels;
-  const int64_t pieces = Parts(kBlocksForEach * threads, blocks);
-  const int64_t groups = std::max<int64_t>(1, Parts(panels, kPanelsTogether) / pieces);
-  return static_cast<int32_t>(std::min<int64_t>(panels, groups * kPanelsTogether));
-}
-
-}  // namespace
 
 template <typename In, typename Out>
 PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Workers* workers)
@@ -66,7 +33,9 @@ PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Wo
   } else {
     plan_ = PlanInt32(FactsWith(weights), CurrentDotKernels<StoredOutput>().HasBytes());
     // Lines about corrected signs come from the sums' images.
-    if (IsDots(plan_->path) && !corrects && !HasTapsFarApart()) {
+    if (IsDots(plan_->path) && !corrects) dots_.emplace(layer_, *plan_);
+    if (dots_ && !dots_->Fits()) dots_.reset();
+    if (dots_) {
       PrepareDots(weights);
     } else {
       PrepareSums(&sums_, std::move(weights), corrects, workers);
@@ -75,23 +44,6 @@ PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Wo
   layer_.filter = nullptr;
   layer_.bias = nullptr;
   layer_.multipliers = nullptr;
-}
-
-template <typename In, typename Out>
-DotLayer PreparedConvolution<In, Out>::Dots() const {
-  return {WindowOf(layer_.rows), WindowOf(layer_.columns), layer_.in_channels, layer_.out_channels,
-          layer_.zero_point};
-}
-
-// Whether packed rows would be far larger than the image.
-template <typename In, typename Out>
-bool PreparedConvolution<In, Out>::HasTapsFarApart() const {
-  const int64_t most = kMostPadding * layer_.InputElements() + kAlwaysPadded;
-  if (layer_.is_depthwise) {
-    return DotDepthwise<In, StoredOutput>(Dots(), *plan_).MemoryBytes() > most;
-  }
-  const DotConvolution<In, StoredOutput> dots(Dots(), *plan_);
-  return dots.StripWords(1) > most / int64_t{sizeof(int32_t)};
 }
 
 // What the type and the zero point bound.
@@ -163,14 +115,7 @@ void PreparedConvolution<In, Out>::PrepareDots(const std::vector<int32_t>& weigh
   finish.bits = largest < period / 2 ? 32 : plan_->bits;
   finish.largest_sum = std::min(largest, finish.largest_sum);
   if (begins) finish.bias = nullptr;
-  const int32_t* addends = begins ? layer_.bias : nullptr;
-  CallingThread calling_thread;  // once for a network
-  const bool has_memory =
-      layer_.is_depthwise
-          ? depthwise_.emplace(Dots(), *plan_).Prepare(weights.data(), 1, &memory_, addends)
-          : dots_.emplace(Dots(), *plan_)
-                .Prepare(weights.data(), &calling_thread, &memory_, addends);
-  if (!has_memory) throw std::bad_alloc();
+  dots_->Prepare(weights, begins ? layer_.bias : nullptr);
   finish_ = std::make_unique<LayerFinish>(finish);
 }
 
@@ -202,108 +147,11 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* output,
                                        Workers* workers) const {
-  if (dots_ && dots_->IsPixelwise()) {
-    return RunPixels(input, batch * layer_.Positions(), output, workers);
-  }
-  if (dots_) return RunWindows(input, batch, output, workers);
-  if (depthwise_) return RunDepthwise(input, batch, output, workers);
   const StoredOutput outputs = {finish_.get(),       output, 0,
                                 layer_.out_channels, 0,      layer_.out_channels};
+  if (dots_) return dots_->Run(input, batch, outputs, workers);
   if (halves_) return halves_->Run(input, batch, outputs, workers);
   sums_->Run(input, batch, outputs, workers);
-}
-
-// The cycles of so many outputs, roughly.
-template <typename In, typename Out>
-int64_t PreparedConvolution<In, Out>::CostOf(int64_t outputs) const {
-  const int64_t products = layer_.FilterElements() / layer_.out_channels;
-  return outputs * products / kProducts + outputs / kFinishedSums;
-}
-
-// All images are one long row.
-template <typename In, typename Out>
-void PreparedConvolution<In, Out>::RunPixels(const In* input, int64_t pixels, Out* output,
-                                             Workers* workers) const {
-  const int threads = workers->AtOnce();
-  int64_t step = std::max<int64_t>(56, kBlockWords / dots_->PixelWords(1) / 56 * 56);
-  if (threads > 1) {
-    step = std::min(step, std::max<int64_t>(56, Parts(pixels, kBlocksForEach * threads)));
-  }
-  step = std::min(step, pixels);
-  const int64_t blocks = Parts(pixels, step);
-  const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
-  const int64_t cost = CostOf(step * panels * kPanel);
-  workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
-    const std::unique_ptr<int32_t[]> words(new int32_t[dots_->PixelWords(step)]);
-    for (int64_t unit = first; unit < end; ++unit) {
-      const int64_t pixel = unit % blocks * step;
-      const auto panel = static_cast<int32_t>(unit / blocks) * panels;
-      dots_->RunPixels(
-          input + pixel * layer_.in_channels, static_cast<int32_t>(std::min(step, pixels - pixel)),
-          {0, 0, panel, std::min(panel + panels, dots_->panels())},
-          StoredOutput{finish_.get(), output, pixel, layer_.out_channels, 0, layer_.out_channels},
-          words.get());
-    }
-  });
-}
-
-template <typename In, typename Out>
-void PreparedConvolution<In, Out>::RunWindows(const In* input, int32_t batch, Out* output,
-                                              Workers* workers) const {
-  const int threads = workers->AtOnce();
-  const int32_t rows = layer_.rows.outputs();
-  const int32_t columns = layer_.columns.outputs();
-  int32_t step = rows;
-  while (step > 1 && dots_->StripWords(step) > kBlockWords) step = (step + 1) / 2;
-  if (threads > 1) {
-    const int64_t wished = Parts(int64_t{batch} * rows, kBlocksForEach * threads);
-    step = std::min<int32_t>(step, static_cast<int32_t>(std::max<int64_t>(2, wished)));
-  }
-  const int64_t in_image = Parts(rows, step);
-  const int64_t blocks = batch * in_image;
-  const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
-  const int64_t cost = CostOf(int64_t{step} * columns * panels * kPanel);
-  workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
-    const std::unique_ptr<int32_t[]> words(new int32_t[dots_->StripWords(step)]);
-    for (int64_t unit = first; unit < end; ++unit) {
-      const int64_t image = unit % blocks / in_image;
-      const auto row = static_cast<int32_t>(unit % blocks % in_image) * step;
-      const auto panel = static_cast<int32_t>(unit / blocks) * panels;
-      dots_->Run(
-          input + image * layer_.InputElements(),
-          {row, std::min(row + step, rows), panel, std::min(panel + panels, dots_->panels())},
-          StoredOutput{finish_.get(), output, image * layer_.Positions(), layer_.out_channels, 0,
-                       layer_.out_channels},
-          words.get());
-    }
-  });
-}
-
-// Rows that a block shares with the one before it are packed again.
-template <typename In, typename Out>
-void PreparedConvolution<In, Out>::RunDepthwise(const In* input, int32_t batch, Out* output,
-                                                Workers* workers) const {
-  const int threads = workers->AtOnce();
-  const int32_t rows = layer_.rows.outputs();
-  int32_t step = rows;
-  if (threads > 1) {
-    const int64_t wished = Parts(int64_t{batch} * rows, kBlocksForEach * threads);
-    step = static_cast<int32_t>(std::min<int64_t>(rows, std::max<int64_t>(4, wished)));
-  }
-  const int64_t in_image = Parts(rows, step);
-  const int64_t cost = int64_t{step} * layer_.columns.outputs() * layer_.out_channels;
-  workers->Share(batch * in_image, cost, [&](int64_t first, int64_t end) {
-    const auto lines = Parts(depthwise_->MemoryBytes(), sizeof(CacheLine));
-    const std::unique_ptr<CacheLine[]> memory(new CacheLine[static_cast<size_t>(lines)]);
-    for (int64_t unit = first; unit < end; ++unit) {
-      const int64_t image = unit / in_image;
-      const auto row = static_cast<int32_t>(unit % in_image) * step;
-      depthwise_->Run(input + image * layer_.InputElements(), {0, row, std::min(row + step, rows)},
-                      StoredOutput{finish_.get(), output, image * layer_.Positions(),
-                                   layer_.out_channels, 0, layer_.out_channels},
-                      memory.get());
-    }
-  });
 }
 
 template class PreparedConvolution<int8_t, int8_t>;

@@ -13,12 +13,10 @@
 #include <vector>
 
 #include "bitfold/HPreparedConvolution.h"
-#include "chain/dot_convolution.h"
-#include "chain/dot_depthwise.h"
 #include "chain/layer_finish.h"
 #include "chain/plan.h"
+#include "cpu/prepared_dots.h"
 #include "cpu/prepared_sums.h"
-#include "frame/scratch.h"
 #include "frame/workers.h"
 
 namespace bitfold {
@@ -44,8 +42,6 @@ class PreparedConvolution {
   void Run(const In* input, int32_t batch, Out* output, Workers* workers) const;
 
  private:
-  DotLayer Dots() const;
-  bool HasTapsFarApart() const;
   Facts InputFacts() const;
   ChainFacts FactsWith(const std::vector<int32_t>& weights) const;
   int64_t LargestSum(const std::vector<int32_t>& weights) const;
@@ -57,16 +53,9 @@ class PreparedConvolution {
                    Workers* workers);
   LayerFinishCall FinishCall() const;
 
-  int64_t CostOf(int64_t outputs) const;
-  void RunPixels(const In* input, int64_t pixels, Out* output, Workers* workers) const;
-  void RunWindows(const In* input, int32_t batch, Out* output, Workers* workers) const;
-  void RunDepthwise(const In* input, int32_t batch, Out* output, Workers* workers) const;
-
   PreparedLayer layer_;  // once prepared its sizes alone
   std::optional<ChainPlan> plan_;
-  HeapScratch memory_;
-  std::optional<DotConvolution<In, StoredOutput>> dots_;
-  std::optional<DotDepthwise<In, StoredOutput>> depthwise_;
+  std::optional<PreparedDots<In>> dots_;
   std::optional<PreparedSums<int32_t>> sums_;
   std::optional<PreparedSums<float>> halves_;
   std::unique_ptr<LayerFinish> finish_;

@@ -251,7 +251,7 @@ TYPED_TEST(PreparedLayers, RandomCases) {
   using In = typename TypeParam::In;
   using Out = typename TypeParam::Out;
   Random random(0xa11f);
-  for (int round = 0; round < 300 / testing::Step(10); ++round) {
+  for (int round = 0; round < 200 / testing::Step(10); ++round) {
     const auto c = testing::DrawPrepared<In, Out>(&random);
     ASSERT_TRUE(CheckPrepared(c, std::nullopt, random.Between(0, 3)));
   }

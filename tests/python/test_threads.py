@@ -356,13 +356,16 @@ def test_large_products(batch, dtype, reference, printed, assert_bits, assert_li
     assert_lines(text.out, lines)
 
 
+# Lines of the library end before a line of Python begins.
 _CHILD = """
-import hashlib, sys
+import ctypes, hashlib, sys
 import tensorflow as tf
 tf.config.threading.set_intra_op_parallelism_threads(int(sys.argv[1]))
 import bitfold, test_threads
 for name in test_threads.LARGE_CALLS:
-    print(hashlib.sha256(test_threads._large(name).numpy().tobytes()).hexdigest(), flush=True)
+    digest = hashlib.sha256(test_threads._large(name).numpy().tobytes()).hexdigest()
+    ctypes.CDLL(None).fflush(None)
+    print(digest, flush=True)
 print(bitfold.set_image_threads(False))
 """
 

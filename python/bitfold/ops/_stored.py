@@ -11,6 +11,7 @@ import tensorflow as tf
 from bitfold._frame.arguments import float_attribute, integer, padding_name, spatial_values
 from bitfold._frame.layers import accepts_symbolic
 from bitfold._frame.loaded import raw_ops
+from bitfold._frame.tensors import as_tensor, limits
 
 _STORED = (tf.int8, tf.int16)
 
@@ -77,7 +78,7 @@ def stored_elementwise(
         raise ValueError(f"operation must be one of {', '.join(operations)}, got {operation!r}")
     first = _stored_tensor(first, "first", _STORED)
     second = _stored_tensor(second, "second", (first.dtype,))
-    lowest, highest = first.dtype.min, first.dtype.max
+    lowest, highest = limits(first.dtype)
     return raw_ops.h_stored_elementwise(
         first=first,
         second=second,
@@ -156,8 +157,8 @@ def stored_pool(
         stride_height=integer(stride_height, "strides"),
         stride_width=integer(stride_width, "strides"),
         padding=padding_name(padding),
-        minimum=data.dtype.min if minimum is None else integer(minimum, "minimum"),
-        maximum=data.dtype.max if maximum is None else integer(maximum, "maximum"),
+        minimum=limits(data.dtype)[0] if minimum is None else integer(minimum, "minimum"),
+        maximum=limits(data.dtype)[1] if maximum is None else integer(maximum, "maximum"),
         name=name,
     )
 
@@ -294,7 +295,7 @@ def stored_quantise(
 
 def _stored_tensor(x: Any, name: str, types: tuple[tf.DType, ...]) -> tf.Tensor:
     """Return `x` as a tensor; its type says what it holds, so none is changed."""
-    tensor = tf.convert_to_tensor(x)
+    tensor = as_tensor(x)
     if tensor.dtype not in types:
         allowed = " or ".join(dtype.name for dtype in types)
         raise TypeError(f"{name} must be {allowed}, got {tensor.dtype.name}")

@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "chain/plan.h"
 #include "support/ledger.h"
@@ -32,8 +32,8 @@ void RanPrepared(const PreparedCase<In, Out>& c, ChainPath path) {
 }
 
 // The two comparisons, each on its own: the definition against the oracle, and the layer that each
-// target makes against the definition, with several pools of threads. `path` is what is expected
-// of a target with all instructions.
+// target makes against the definition, on the calling thread and by one of several pools in turn.
+// `path` is what is expected of a target with all instructions.
 template <typename In, typename Out>
 ::testing::AssertionResult CheckPrepared(const PreparedCase<In, Out>& c,
                                          std::optional<ChainPath> path = std::nullopt,
@@ -42,14 +42,12 @@ template <typename In, typename Out>
   const auto oracle =
       SamePrepared(c, c.Oracle(), definition, "HPreparedConvolution definition", true);
   if (!oracle) return oracle;
+  static size_t turn = 0;
   CallingThread calling_thread;
   BackwardParts backward(1);
   ThreadParts two(2, 1);
   ThreadParts five(5, 1);
-  const std::pair<const char*, Workers*> pools[] = {{"the calling thread", &calling_thread},
-                                                    {"parts backward", &backward},
-                                                    {"2 threads", &two},
-                                                    {"5 threads", &five}};
+  Workers* const pools[] = {&backward, &two, &five};
   for (const auto& [target, target_name] : AllTargets()) {
     const ForcedTarget forced(target);
     const auto layer = c.Prepare(&two);  // fewer than what calls it
@@ -63,10 +61,12 @@ template <typename In, typename Out>
                                              << ", not " << static_cast<int>(expected);
       }
     }
-    for (const auto& [pool, workers] : pools) {
+    Workers* const pool = pools[turn++ % std::size(pools)];
+    for (Workers* workers : {static_cast<Workers*>(&calling_thread), pool}) {
       const auto actual = c.By(*layer, workers, offset);
       const auto same = SamePrepared(c, definition, actual,
-                                     std::string("prepared layer, ") + target_name + ", " + pool,
+                                     std::string("prepared layer, ") + target_name + ", " +
+                                         std::to_string(workers->AtOnce()) + " at once",
                                      workers == &calling_thread);
       if (!same) return same;
     }

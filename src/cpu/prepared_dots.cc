@@ -1,0 +1,174 @@
+// Copyright 2026 The Bitfold Authors.
+// SPDX-License-Identifier: Apache-2.0
+
+#include "cpu/prepared_dots.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include "chain/sum_output.h"
+
+namespace bitfold {
+namespace {
+
+// Packed numbers of a block of outputs stay in the second-level cache beside the weights.
+constexpr int64_t kBlockWords = int64_t{1} << 15;
+
+// Blocks for each thread, so that all end at about the same time.
+constexpr int64_t kBlocksForEach = 4;
+
+// Weights of so many panels go by together.
+constexpr int32_t kPanelsTogether = 4;
+
+// In a cycle.
+constexpr int64_t kProducts = 96;
+constexpr int64_t kFinishedSums = 3;
+
+// Packed rows of more than this many times the image, and more than this, are not made.
+constexpr int64_t kMostPadding = 4;
+constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
+
+struct alignas(64) CacheLine {
+  char bytes[64];
+};
+
+int64_t Parts(int64_t all, int64_t step) { return (all + step - 1) / step; }
+
+// Panels of a block: fewer than all where the blocks would else be too few for the threads.
+int32_t PanelsOfBlock(int32_t panels, int64_t blocks, int threads) {
+  if (threads == 1 || blocks >= threads) return panels;
+  const int64_t pieces = Parts(kBlocksForEach * threads, blocks);
+  const int64_t groups = std::max<int64_t>(1, Parts(panels, kPanelsTogether) / pieces);
+  return static_cast<int32_t>(std::min<int64_t>(panels, groups * kPanelsTogether));
+}
+
+}  // namespace
+
+template <typename In>
+PreparedDots<In>::PreparedDots(const PreparedLayer& layer, const ChainPlan& plan) : layer_(layer) {
+  const DotLayer dots = {WindowOf(layer.rows), WindowOf(layer.columns), layer.in_channels,
+                         layer.out_channels, layer.zero_point};
+  if (layer.is_depthwise) {
+    depthwise_.emplace(dots, plan);
+  } else {
+    dots_.emplace(dots, plan);
+  }
+}
+
+template <typename In>
+bool PreparedDots<In>::Fits() const {
+  const int64_t most = kMostPadding * layer_.InputElements() + kAlwaysPadded;
+  if (depthwise_) return depthwise_->MemoryBytes() <= most;
+  return dots_->StripWords(1) <= most / int64_t{sizeof(int32_t)};
+}
+
+template <typename In>
+void PreparedDots<In>::Prepare(const std::vector<int32_t>& weights, const int32_t* addends) {
+  CallingThread calling_thread;  // once for a network
+  const bool has_memory = depthwise_
+                              ? depthwise_->Prepare(weights.data(), 1, &memory_, addends)
+                              : dots_->Prepare(weights.data(), &calling_thread, &memory_, addends);
+  if (!has_memory) throw std::bad_alloc();
+}
+
+template <typename In>
+void PreparedDots<In>::Run(const In* input, int32_t batch, const StoredOutput& output,
+                           Workers* workers) const {
+  if (depthwise_) return RunDepthwise(input, batch, output, workers);
+  if (!dots_->IsPixelwise()) return RunWindows(input, batch, output, workers);
+  RunPixels(input, batch * layer_.Positions(), output, workers);
+}
+
+// The cycles of so many outputs, roughly.
+template <typename In>
+int64_t PreparedDots<In>::CostOf(int64_t outputs) const {
+  const int64_t products = layer_.FilterElements() / layer_.out_channels;
+  return outputs * products / kProducts + outputs / kFinishedSums;
+}
+
+// All images are one long row.
+template <typename In>
+void PreparedDots<In>::RunPixels(const In* input, int64_t pixels, const StoredOutput& output,
+                                 Workers* workers) const {
+  const int threads = workers->AtOnce();
+  int64_t step = std::max<int64_t>(56, kBlockWords / dots_->PixelWords(1) / 56 * 56);
+  if (threads > 1) {
+    step = std::min(step, std::max<int64_t>(56, Parts(pixels, kBlocksForEach * threads)));
+  }
+  step = std::min(step, pixels);
+  const int64_t blocks = Parts(pixels, step);
+  const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
+  const int64_t cost = CostOf(step * panels * kPanel);
+  workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
+    const std::unique_ptr<int32_t[]> words(new int32_t[dots_->PixelWords(step)]);
+    for (int64_t unit = first; unit < end; ++unit) {
+      const int64_t pixel = unit % blocks * step;
+      const auto panel = static_cast<int32_t>(unit / blocks) * panels;
+      dots_->RunPixels(input + pixel * layer_.in_channels,
+                       static_cast<int32_t>(std::min(step, pixels - pixel)),
+                       {0, 0, panel, std::min(panel + panels, dots_->panels())},
+                       output.At(pixel, 0, layer_.out_channels), words.get());
+    }
+  });
+}
+
+template <typename In>
+void PreparedDots<In>::RunWindows(const In* input, int32_t batch, const StoredOutput& output,
+                                  Workers* workers) const {
+  const int threads = workers->AtOnce();
+  const int32_t rows = layer_.rows.outputs();
+  const int32_t columns = layer_.columns.outputs();
+  int32_t step = rows;
+  while (step > 1 && dots_->StripWords(step) > kBlockWords) step = (step + 1) / 2;
+  if (threads > 1) {
+    const int64_t wished = Parts(int64_t{batch} * rows, kBlocksForEach * threads);
+    step = std::min<int32_t>(step, static_cast<int32_t>(std::max<int64_t>(2, wished)));
+  }
+  const int64_t in_image = Parts(rows, step);
+  const int64_t blocks = batch * in_image;
+  const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
+  const int64_t cost = CostOf(int64_t{step} * columns * panels * kPanel);
+  workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
+    const std::unique_ptr<int32_t[]> words(new int32_t[dots_->StripWords(step)]);
+    for (int64_t unit = first; unit < end; ++unit) {
+      const int64_t image = unit % blocks / in_image;
+      const auto row = static_cast<int32_t>(unit % blocks % in_image) * step;
+      const auto panel = static_cast<int32_t>(unit / blocks) * panels;
+      dots_->Run(
+          input + image * layer_.InputElements(),
+          {row, std::min(row + step, rows), panel, std::min(panel + panels, dots_->panels())},
+          output.At(image * layer_.Positions(), 0, layer_.out_channels), words.get());
+    }
+  });
+}
+
+// Rows that a block shares with the one before it are packed again.
+template <typename In>
+void PreparedDots<In>::RunDepthwise(const In* input, int32_t batch, const StoredOutput& output,
+                                    Workers* workers) const {
+  const int threads = workers->AtOnce();
+  const int32_t rows = layer_.rows.outputs();
+  int32_t step = rows;
+  if (threads > 1) {
+    const int64_t wished = Parts(int64_t{batch} * rows, kBlocksForEach * threads);
+    step = static_cast<int32_t>(std::min<int64_t>(rows, std::max<int64_t>(4, wished)));
+  }
+  const int64_t in_image = Parts(rows, step);
+  const int64_t cost = int64_t{step} * layer_.columns.outputs() * layer_.out_channels;
+  workers->Share(batch * in_image, cost, [&](int64_t first, int64_t end) {
+    const auto lines = Parts(depthwise_->MemoryBytes(), sizeof(CacheLine));
+    const std::unique_ptr<CacheLine[]> memory(new CacheLine[static_cast<size_t>(lines)]);
+    for (int64_t unit = first; unit < end; ++unit) {
+      const int64_t image = unit / in_image;
+      const auto row = static_cast<int32_t>(unit % in_image) * step;
+      depthwise_->Run(input + image * layer_.InputElements(), {0, row, std::min(row + step, rows)},
+                      output.At(image * layer_.Positions(), 0, layer_.out_channels), memory.get());
+    }
+  });
+}
+
+template class PreparedDots<int8_t>;
+template class PreparedDots<int16_t>;
+
+}  // namespace bitfold
