@@ -87,13 +87,21 @@ int64_t PreparedDots<In>::CostOf(int64_t outputs) const {
   return outputs * products / kProducts + outputs / kFinishedSums;
 }
 
+// Of the weights and the images the larger is cut first, so that a thread reads its own part of it
+// alone; the weights where they have panels enough.
+template <typename In>
+bool PreparedDots<In>::CutsWeights(int64_t images, int threads) const {
+  return threads > 1 && dots_->panels() >= 2 * threads * kPanelsTogether &&
+         layer_.FilterElements() > images * layer_.InputElements();
+}
+
 // All images are one long row.
 template <typename In>
 void PreparedDots<In>::RunPixels(const In* input, int64_t pixels, const StoredOutput& output,
                                  Workers* workers) const {
   const int threads = workers->AtOnce();
   int64_t step = std::max<int64_t>(56, kBlockWords / dots_->PixelWords(1) / 56 * 56);
-  if (threads > 1) {
+  if (threads > 1 && !CutsWeights(pixels / layer_.Positions(), threads)) {
     step = std::min(step, std::max<int64_t>(56, Parts(pixels, kBlocksForEach * threads)));
   }
   step = std::min(step, pixels);
@@ -121,7 +129,7 @@ void PreparedDots<In>::RunWindows(const In* input, int32_t batch, const StoredOu
   const int32_t columns = layer_.columns.outputs();
   int32_t step = rows;
   while (step > 1 && dots_->StripWords(step) > kBlockWords) step = (step + 1) / 2;
-  if (threads > 1) {
+  if (threads > 1 && !CutsWeights(batch, threads)) {
     const int64_t wished = Parts(int64_t{batch} * rows, kBlocksForEach * threads);
     step = std::min<int32_t>(step, static_cast<int32_t>(std::max<int64_t>(2, wished)));
   }

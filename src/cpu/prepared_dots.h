@@ -42,6 +42,7 @@ class PreparedDots {
 
  private:
   int64_t CostOf(int64_t outputs) const;
+  bool CutsWeights(int64_t images, int threads) const;
   void RunPixels(const In* input, int64_t pixels, const StoredOutput& output,
                  Workers* workers) const;
   void RunWindows(const In* input, int32_t batch, const StoredOutput& output,

@@ -58,7 +58,7 @@ void CheckEveryPair(int32_t shift, int32_t offset) {
     for (int s = 0; s < 256; ++s) {
       const int32_t product = weight * (s - offset);
       const int32_t entry = tables[s * entries + place % entries];
-      ASSERT_EQ(product + factor * (entry - excess), Shifted(product, shift) << shift)
+      ASSERT_EQ(product + factor * (entry - excess), Shifted(product, shift) * (1 << shift))
           << Describe("shift", shift, "offset", offset, "weight", weight, "stored", s);
     }
   }

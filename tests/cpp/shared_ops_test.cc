@@ -16,7 +16,6 @@
 #include "frame/replay.h"
 #include "support/activation_case.h"
 #include "support/addition.h"
-#include "support/addition_suite.h"
 #include "support/bilinear_case.h"
 #include "support/decoder_case.h"
 #include "support/layernorm_case.h"

@@ -186,7 +186,7 @@ inline std::vector<ChainRecipe> ChainRecipes<float>() {
       {"rounded sums that print", kStepwise, 40, 3, kLarge, {-9, 9}, kLarge},
       {"sums above every float", kStepwise, 130, 0, kMillion, kMillion, kMillion, false, 1e14f},
       {"others", kStepwise, 24, 0, {-99, 99}, {-99, 99}, {-99, 99}, false, 0.37f, true},
-      {"others, shifted", kStepwise, 33, -7, {-99, 99}, {-99, 99}, {-99, 99}, false, 1.0f, true},
+      {"others, shifted", {}, 33, -7, {-99, 99}, {-99, 99}, {-99, 99}, false, 1.0f, true},
       {"half precision", kStepwise, 24, 0, {-99, 99}, {-99, 99}, {-99, 99}, true, 0.13f},
       {"half precision, shifted", kStepwise, 24, 3, kInt8, kInt8, kInt8, true, 1.0f},
       {"small half precision", kStepwise, 24, 0, {-99, 99}, {-99, 99}, {-99, 99}, true, 0.0037f},
