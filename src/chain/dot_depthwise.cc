@@ -29,6 +29,7 @@ int32_t PeriodOf(int32_t channels) {
 // The columns modulo the stride that taps meet, each once.
 std::vector<int32_t> PhasesOf(const WindowAxis& columns) {
   std::vector<int32_t> phases;
+  phases.reserve(static_cast<size_t>(columns.taps));
   for (int32_t tap = 0; tap < columns.taps; ++tap) {
     phases.push_back(tap * columns.dilation % columns.stride);
   }

@@ -27,7 +27,7 @@ template <int kEntries>
 void Copy(const uint8_t* tables, const uint8_t* stored, int64_t count, uint8_t* out) {
   constexpr int kLowest = 4 * kEntries - 1;  // s + 1 bits
   for (int64_t i = 0; i < count; ++i) {
-    std::memcpy(out + i * kEntries, tables + (stored[i] & kLowest) * kEntries, kEntries);
+    std::memcpy(out + i * kEntries, tables + int64_t{kEntries} * (stored[i] & kLowest), kEntries);
   }
 }
 
@@ -52,8 +52,9 @@ void RemainderTables::LookUp(const uint8_t* stored, int64_t count, uint8_t* out)
 void RemainderTables::Choose(const int32_t* weights, int64_t vectors, int32_t* choices,
                              int32_t* sums) const {
   const ChoiceLoops& loops = CurrentLoops();
+  constexpr int64_t kBoth = 2 * int64_t{kPanel};
   int32_t factors[kPanel] = {};
-  for (int64_t v = 0; v < vectors; ++v, weights += kPanel, choices += 2 * kPanel) {
+  for (int64_t v = 0; v < vectors; ++v, weights += kPanel, choices += kBoth) {
     loops.choose(reinterpret_cast<const uint8_t*>(weights), shift_,
                  reinterpret_cast<uint8_t*>(choices), reinterpret_cast<int8_t*>(choices + kPanel));
     loops.add_bytes(choices + kPanel, factors);

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+#include "bitfold/int32_arithmetic.h"
+
 namespace bitfold {
 
 inline constexpr int32_t kMostRemainderShift = 5;
@@ -24,7 +26,7 @@ class RemainderTables {
   int32_t shift() const { return shift_; }
 
   // The bytes of a table.
-  int32_t Entries() const { return 1 << (shift_ - 1); }
+  int32_t Entries() const { return ShiftLeft(1, shift_ - 1); }
 
   // out: the tables of `count` stored bytes, one after the other.
   void LookUp(const uint8_t* stored, int64_t count, uint8_t* out) const;

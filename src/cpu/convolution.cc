@@ -59,11 +59,15 @@ CallingThread& TheCallingThread() {
 template <typename T>
 BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Workers* workers,
                                       Scratch* scratch)
-    : call_(call), rows_of_pixels_(AsRowsOfPixels(call, true)), workers_(workers) {
+    : call_(call),
+      rows_of_pixels_(AsRowsOfPixels(call, true)),
+      workers_(workers),
+      slots_(workers->AtOnce()) {
   const int64_t units = workers->AtOnce() == 1 ? 1 : workers->AtOnce() * kUnitsForEach;
   const int64_t images = rows_of_pixels_.batch;
   cuts_images_ = images < units;
   Decide({workers, workers->AtOnce(), (units + images - 1) / images, images}, scratch);
+  if (engine_) slots_ = engine_->slots();
 }
 
 template <typename T>
@@ -161,7 +165,7 @@ void BatchConvolution<T>::Run() const {
   const int64_t images = engine_ ? rows_of_pixels_.batch : call_.batch;
   const int64_t units = images * UnitsOfImage();
   std::vector<std::vector<int64_t>> may_print(UnitsOfImage() == 1 ? 0 : static_cast<size_t>(units));
-  Slots slots(engine_ ? engine_->slots() : workers_->AtOnce());
+  Slots slots(slots_);
   workers_->Share(units, UnitCost(), [&](int64_t first, int64_t end) {
     const Slots::Lease slot(&slots);
     for (int64_t unit = first; unit < end; ++unit) {

@@ -58,6 +58,7 @@ class BatchConvolution {
   const ConvolutionCall<T> call_;
   const ConvolutionCall<T> rows_of_pixels_;  // the same where that is possible
   Workers* const workers_ = nullptr;
+  int slots_ = 0;             // units that run at the same time
   bool cuts_images_ = false;  // units are blocks, not whole images
   std::optional<Engine> engine_;
   std::vector<char> corrected_;  // depthwise: the filters with a weight whose sign is corrected

@@ -132,11 +132,10 @@ void PreparedConvolution<In, Out>::PrepareSums(std::optional<PreparedSums<T>>* s
 // Of sums that are reduced.
 template <typename In, typename Out>
 LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
-  const auto shift = static_cast<int32_t>(layer_.Shift());
   return {layer_.out_channels,
           32,
           layer_.use_fp16_acc ? nullptr : layer_.bias,
-          Datapath<int32_t>(layer_.accumulator_size, shift, false),
+          Datapath<int32_t>(layer_.accumulator_size, layer_.mult_shift, false),
           layer_.multipliers,
           layer_.per_channel,
           layer_.requantise,
