@@ -78,17 +78,29 @@ def python_stages() -> list[Stage]:
     doctests = ("--doctest-modules", "--pyargs", "bitfold")
     return [
         pytest_stage("runtime", RUNTIME, *WITHOUT_NETWORKS),
-        pytest_stage("networks", "Networks against the interpreter, and the ops", str(NETWORKS)),
+        pytest_stage(
+            "networks",
+            "Networks against the interpreter, and the ops",
+            str(NETWORKS),
+            f"--ignore={OPERATORS}",
+        ),
         pytest_stage("robustness", "Calls that are wrong on purpose", "tests/robustness"),
         pytest_stage("doctests", "Examples in docstrings", *doctests),
     ]
 
 
+def operators_stage() -> Stage:
+    """Return the stage of networks' operators, in the lane that else would end first."""
+    title = "Networks' operators, each for itself"
+    return dataclasses.replace(pytest_stage("operators", title, str(OPERATORS)), lane="compiled")
+
+
 RUNTIME = "Python: the ops through the runtime, package, repository"
 NETWORKS = pathlib.Path("tests", "python", "network")
+OPERATORS = NETWORKS / "operators"
 WITHOUT_NETWORKS = ("tests/python", f"--ignore={NETWORKS}")
 CPP = cpp_stages()
-STAGES = (*CPP.values(), lint_stage(), *python_stages())
+STAGES = (*CPP.values(), lint_stage(), operators_stage(), *python_stages())
 
 # For daily work: what a change breaks most often, in seconds to two minutes.
 QUICK = (

@@ -42,7 +42,7 @@ def cases(op: str) -> list[calls.Call]:
         if any(tensor.is_empty for tensor in call.inputs[:2]):
             continue  # nothing may be left to compute
         many = has_images(call.op) and call.inputs[0].shape[0] > 3
-        leading = len(call.inputs[1].shape) > 4
+        leading = any(len(tensor.shape) > 4 for tensor in call.inputs[1:2])
         found.setdefault((call.attributes.get("T"), many, leading), call)
     return list(found.values())
 
