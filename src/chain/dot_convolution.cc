@@ -100,8 +100,9 @@ void DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t*
   for (int64_t tap = 0; tap < int64_t{layer_.rows.taps} * taps_; ++tap) {
     const Weight* weights = filter + tap * tap_size_ * stride + channel;
     int32_t* out = weights_ + first * PanelWords() + tap * words_ * kPanel;
-    IsBytes() ? PackWeightBytes(weights, shape, out, sums)
-              : PackWeightShorts(weights, shape, out, sums);
+    int32_t* of_columns = plan_.input_offset == 0 ? nullptr : sums;  // else nobody asks for them
+    IsBytes() ? PackWeightBytes(weights, shape, out, of_columns)
+              : PackWeightShorts(weights, shape, out, of_columns);
   }
   // What surrounds the image has the offset, too.
   for (int64_t c = 0; c < channels; ++c) {

@@ -28,7 +28,7 @@ struct WeightShape {
 
 // Packs whole numbers as words of four bytes or two shorts: of a panel a word of each column for
 // the first rows, one for the next, and so on. Rows and columns are filled up with zeros, columns
-// to whole panels. Adds the numbers of each column to `sums`, modulo 2^32.
+// to whole panels. Adds the numbers of each column to `sums`, modulo 2^32, unless it is null.
 template <typename T>
 void PackWeightBytes(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums);
 template <typename T>
