@@ -24,6 +24,10 @@ struct ChainImage {
 // Computes one output of an image by the definition and writes it: element `output`.
 using DefineOutput = std::function<void(int64_t output)>;
 
+// How large packed rows of an image of so many numbers may become: rows whose taps lie far apart
+// would be far larger than the image.
+inline int64_t MostPacked(int64_t numbers) { return 4 * numbers + (int64_t{1} << 20); }
+
 // Whether each output meets one pixel of its own, in the same order.
 inline bool IsPixelwise(const ConvolutionAxis& sizes) {
   const WindowAxis axis(sizes);

@@ -19,10 +19,6 @@ namespace {
 template <typename T>
 constexpr int64_t kOutputsWorthPacking = std::is_same_v<T, float> ? 1 : 6;
 
-// Packed rows of more than this many times the image, and more than this, are not made.
-constexpr int64_t kMostPadding = 4;
-constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
-
 // Channels are counted in 32 bits, filled up to whole panels and words.
 constexpr int32_t kMostChannels = 1 << 30;
 
@@ -223,7 +219,7 @@ template <typename D, typename T>
 bool ChainEngine<D, T>::PrepareDots(const ChainSharing& sharing, Scratch* scratch) {
   dot_.emplace(DotLayer{rows_, columns_, call_.in_channels, call_.out_channels, 0}, *plan_);
   CutInto(sharing);
-  if (DotWords() > kMostPadding * call_.InputElements() + kAlwaysPadded) {
+  if (DotWords() > MostPacked(call_.InputElements())) {
     dot_.reset();
     return false;
   }
@@ -238,7 +234,7 @@ bool ChainEngine<D, T>::PrepareDotDepthwise(const ChainSharing& sharing, Scratch
                          *plan_);
   CutInto(sharing);
   const int64_t bytes = dot_depthwise_->MemoryBytes();
-  if (bytes > kMostPadding * call_.InputElements() + kAlwaysPadded) {
+  if (bytes > MostPacked(call_.InputElements())) {
     dot_depthwise_.reset();
     return false;
   }

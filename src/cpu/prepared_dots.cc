@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "chain/chain_image.h"
 #include "chain/sum_output.h"
 
 namespace bitfold {
@@ -24,10 +25,6 @@ constexpr int32_t kPanelsTogether = 4;
 // In a cycle.
 constexpr int64_t kProducts = 96;
 constexpr int64_t kFinishedSums = 3;
-
-// Packed rows of more than this many times the image, and more than this, are not made.
-constexpr int64_t kMostPadding = 4;
-constexpr int64_t kAlwaysPadded = int64_t{1} << 20;
 
 struct alignas(64) CacheLine {
   char bytes[64];
@@ -58,7 +55,7 @@ PreparedDots<In>::PreparedDots(const PreparedLayer& layer, const ChainPlan& plan
 
 template <typename In>
 bool PreparedDots<In>::Fits() const {
-  const int64_t most = kMostPadding * layer_.InputElements() + kAlwaysPadded;
+  const int64_t most = MostPacked(layer_.InputElements());
   if (depthwise_) return depthwise_->MemoryBytes() <= most;
   return dots_->StripWords(1) <= most / int64_t{sizeof(int32_t)};
 }
