@@ -126,10 +126,11 @@ void DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, uin
     }
   };
   const int64_t channels = layer_.in_channels;
-  if (pixel_ == channels) return pack(pixels, count * channels, out);
-  std::memset(out, 0, static_cast<size_t>(count * PixelBytes()));
+  const int64_t stride = layer_.PixelStride();
+  if (pixel_ == channels && stride == channels) return pack(pixels, count * channels, out);
+  if (pixel_ != channels) std::memset(out, 0, static_cast<size_t>(count * PixelBytes()));
   for (int64_t pixel = 0; pixel < count; ++pixel) {
-    pack(pixels + pixel * channels, channels, out + pixel * PixelBytes());
+    pack(pixels + pixel * stride, channels, out + pixel * PixelBytes());
   }
 }
 
@@ -145,7 +146,7 @@ void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32
   const int32_t inside = std::min(layer_.columns.input, padded_columns_ - before_);
   const int64_t before = before_ * PixelBytes();
   const int64_t used = inside * PixelBytes();
-  const int64_t image_row = int64_t{layer_.columns.input} * layer_.in_channels;
+  const int64_t image_row = int64_t{layer_.columns.input} * layer_.PixelStride();
   for (int32_t row = first; row < first + rows; ++row, out += RowBytes()) {
     if (row < 0 || row >= layer_.rows.input) {
       fill(out, RowBytes());
@@ -183,8 +184,7 @@ void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, con
                        layer_.columns.stride * PixelBytes(),
                        block.end_row - block.first_row,
                        layer_.columns.outputs};
-  const int64_t position = int64_t{block.first_row} * layer_.columns.outputs;
-  RunStrip(strip, block.first_panel, block.end_panel, output.At(position, 0, layer_.out_channels));
+  RunStrip(strip, block.first_panel, block.end_panel, output);
 }
 
 template <typename In, typename Output>
@@ -263,6 +263,8 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
 
 template class DotConvolution<int32_t, SumOutput<int32_t>>;
 template class DotConvolution<float, SumOutput<float>>;
+template class DotConvolution<int8_t, SumOutput<int32_t>>;
+template class DotConvolution<int16_t, SumOutput<int32_t>>;
 template class DotConvolution<int8_t, StoredOutput>;
 template class DotConvolution<int16_t, StoredOutput>;
 

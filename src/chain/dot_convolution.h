@@ -27,6 +27,10 @@ struct DotLayer {
   int32_t in_channels;
   int32_t out_channels;
   int32_t zero_point;  // the stored number that stands for 0
+  // Numbers from a pixel of the image to the next, where the channels are some of more; else 0.
+  int32_t pixel_stride = 0;
+
+  int32_t PixelStride() const { return pixel_stride == 0 ? in_channels : pixel_stride; }
 };
 
 // Part of an image's outputs: rows [first_row, end_row) by panels of 16 channels [first_panel,
@@ -66,8 +70,8 @@ class DotConvolution {
   int64_t StripWords(int32_t rows) const;
   int64_t PixelWords(int64_t pixels) const;
 
-  // Computes a block of an image, whose outputs begin at `output`. `words` has room for the strip
-  // of the block's rows; what it holds does not count.
+  // Computes a block of an image: the outputs of its first row, of all panels, begin at `output`.
+  // `words` has room for the strip of the block's rows; what it holds does not count.
   void Run(const In* image, const DotBlock& block, const Output& output, int32_t* words) const;
 
   // Computes panels [first_panel, end_panel) of so many pixels, at least 1. Requires IsPixelwise.

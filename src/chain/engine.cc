@@ -272,7 +272,10 @@ void ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& b
   const DotBlock part = {block.first_row, block.end_row, block.first_channel / kPanel,
                          (block.end_channel + kPanel - 1) / kPanel};
   int32_t* words = dot_words_ + slot * DotWords();
-  if (!RunsPixels()) return dot_->Run(image.input, part, output, words);
+  if (!RunsPixels()) {
+    const int64_t position = int64_t{block.first_row} * columns_.outputs;
+    return dot_->Run(image.input, part, output.At(position, 0, call_.out_channels), words);
+  }
   const int64_t first = block.first_column;
   dot_->RunPixels(image.input + first * call_.in_channels, block.columns(), part,
                   output.At(first, 0, call_.out_channels), words);

@@ -16,7 +16,8 @@ from bitfold._frame.loaded import raw_ops
 from bitfold._frame.tensors import as_tensor, limits
 
 _STORED = (tf.int8, tf.int16)
-_NO_BIAS = np.zeros([0], np.int32)
+_NO_BIAS = {tf.int32: np.zeros([0], np.int32), tf.int64: np.zeros([0], np.int64)}
+_WIDE = 64
 
 
 @accepts_symbolic
@@ -47,14 +48,15 @@ def prepared_conv2d(
 
     The bits and the printed lines of `conv2d`, `dilated_conv2d` or `depthwise_conv2d` on the input
     less its zero point, with zeros around it, then `bias_add` and `requantise`; in half precision
-    the first two on floats. What can be known of the layer is decided at the first call, which
-    packs the weights; later calls with the same `filter`, `bias` and `multipliers` and the same
-    image size use it again.
+    the first two on floats. With a bias of int64 sums have 64 bits, which nothing wraps. What can
+    be known of the layer is decided at the first call, which packs the weights; later calls with
+    the same `filter`, `bias` and `multipliers` and the same image size use it again.
 
     Args:
         input: int8 or int16 [N, H, W, C].
         filter: int8 [h, w, C, outputs]; depthwise [h, w, 1, outputs], outputs at most C.
-        bias: int32 [outputs], or None.
+        bias: int32 or int64 [outputs], or None. Of int64 with `accumulator_size` 64, and with a
+            rounding that takes sums of int64.
         multipliers: float64 [1] or [outputs], as `requantise` takes them.
         strides: of the windows, for rows and columns.
         dilations: distances of the taps, for rows and columns.
@@ -62,7 +64,7 @@ def prepared_conv2d(
         zeros: rows of zeros above and below, columns left and right, that the image has before.
         depthwise: whether each channel is summed for itself.
         input_zero_point: the stored integer of the input that stands for 0.
-        accumulator_size: bits of the accumulator, at most 32.
+        accumulator_size: bits of the accumulator, at most 32; or 64, of exact sums.
         mult_shift: every product, and the bias, is divided by 2^mult_shift, halves to even, which
             the multipliers undo. At most 31, in half precision 6.
         use_fp16_acc: whether sums are accumulated in half precision.
@@ -100,10 +102,12 @@ def prepared_conv2d(
     if input.dtype not in _STORED:
         raise TypeError(f"input must be int8 or int16, got {input.dtype.name}")
     least, greatest = limits(dtype)
+    accumulator_size = integer(accumulator_size, "accumulator_size")
+    bias_type = tf.int64 if accumulator_size == _WIDE else tf.int32
     return raw_ops.h_prepared_convolution(
         input=input,
         filter=as_tensor(filter, tf.int8),
-        bias=as_tensor(_NO_BIAS if bias is None else bias, tf.int32),
+        bias=as_tensor(_NO_BIAS[bias_type] if bias is None else bias, bias_type),
         multipliers=as_tensor(multipliers, tf.float64),
         strides=[integer(value, "strides") for value in strides],
         dilations=[integer(value, "dilations") for value in dilations],
@@ -111,7 +115,7 @@ def prepared_conv2d(
         zeros=[integer(value, "zeros") for value in zeros],
         is_depthwise=bool(depthwise),
         input_zero_point=integer(input_zero_point, "input_zero_point"),
-        accumulator_size=integer(accumulator_size, "accumulator_size"),
+        accumulator_size=accumulator_size,
         mult_shift=integer(mult_shift, "mult_shift"),
         use_fp16_acc=bool(use_fp16_acc),
         rounding=rounding,

@@ -16,6 +16,7 @@ from bitfold.network.operators._accumulator import narrowed
 
 _STORED = (np.int8, np.int16)
 _LARGEST_SHIFT = 31
+_WIDE = 64
 
 
 @dataclasses.dataclass(frozen=True)
@@ -38,7 +39,7 @@ class Placement:
 
 
 def can_be_prepared(arithmetic: Arithmetic, *stored: np.dtype) -> bool:
-    """Return whether a layer whose sums have 32 bits is one op in an arithmetic.
+    """Return whether a layer is one op in an arithmetic.
 
     The activation unit requantises in an op of its own.
     """
@@ -59,25 +60,28 @@ class PreparedLayer:
         multipliers: np.ndarray,
         arithmetic: Arithmetic,
         placement: Placement,
+        is_wide: bool = False,
         **stored: Any,
     ) -> None:
         """Make it.
 
         Args:
             weights: int8 [height, width, inputs, outputs].
-            bias: [outputs] or None; of a wide one the low 32 bits count.
+            bias: [outputs] or None; of a wide one the low 32 bits count, unless `is_wide`.
             multipliers: from sums to the output.
             arithmetic: the layer's.
             placement: of the windows.
+            is_wide: whether sums have 64 bits, which nothing wraps.
             **stored: what `bitfold.ops.prepared_conv2d` is told of the input and the output.
         """
-        bias = np.zeros(0, np.int32) if bias is None else narrowed(bias)
+        if bias is None:
+            bias = np.zeros(0, np.int64)
+        bias = bias.astype(np.int64) if is_wide else narrowed(bias)
+        width = 32 if arithmetic.accumulator_size is None else arithmetic.accumulator_size
         self._constants = (np.ascontiguousarray(weights), bias, multipliers)
         self._keywords = dict(
             dataclasses.asdict(placement),
-            accumulator_size=32
-            if arithmetic.accumulator_size is None
-            else arithmetic.accumulator_size,
+            accumulator_size=_WIDE if is_wide else width,
             mult_shift=arithmetic.mult_shift,
             use_fp16_acc=arithmetic.use_fp16_acc,
             constant_weights=True,

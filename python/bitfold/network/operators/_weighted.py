@@ -78,6 +78,7 @@ class WeightedStep(SummingStep):
         self.filter = filter.data
         self.bias = None if bias is None else bias.data
         self._zero_point = data.zero_point
+        self._groups = self.groups(self.weights()) if self.adds_in_64_bits else None
         self._accumulator = self._make_accumulator()
         self._requantise = Requantiser(
             node.outputs[0],
@@ -93,17 +94,29 @@ class WeightedStep(SummingStep):
         """Whether exact sums are those of 64 bits."""
         return has_wide_sums(self.node, self.node.inputs[self.places[0]])
 
-    def _make_accumulator(self) -> Accumulator:
-        weights = self.weights()
+    @property
+    def adds_in_64_bits(self) -> bool:
+        """Whether the layer's arithmetic is exact, in 64 bits."""
         exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
-        groups = self.groups(weights) if exact and self.is_wide else None
-        return Accumulator(self.product, weights, self.bias, self.arithmetic, groups, self.of_group)
+        return exact and self.is_wide
+
+    def _make_accumulator(self) -> Accumulator:
+        return Accumulator(
+            self.product,
+            self.weights(),
+            self.bias,
+            self.arithmetic,
+            self._groups,
+            self.of_group,
+        )
 
     def _prepare(self) -> PreparedLayer | None:
         """Return the whole layer as one op; None where it is several, one after the other."""
         placement, output = self.placement, self.node.outputs[0]
-        is_exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
-        if placement is None or (is_exact and self.is_wide):
+        if placement is None:
+            return None
+        # Rounded products, so many that 32 bits may not hold them, the one op adds up one by one.
+        if self.arithmetic.mult_shift and self._groups is not None and len(self._groups) > 1:
             return None
         if not can_be_prepared(self.arithmetic, self.data.dtype, output.dtype):
             return None
@@ -112,6 +125,7 @@ class WeightedStep(SummingStep):
             self.bias,
             arithmetic=self.arithmetic,
             placement=placement,
+            is_wide=self.adds_in_64_bits,
             input_zero_point=self._zero_point,
             **self._requantise.keywords,
         )
@@ -148,8 +162,8 @@ class WeightedStep(SummingStep):
         """Return the input channels of one of the `groups`."""
         return data[..., group]
 
-    def arrange(self, data: tf.Tensor) -> tf.Tensor:
-        """Return data, stored or less its zero point, as `product` takes it."""
+    def arrange(self, data: tf.Tensor, zero: int) -> tf.Tensor:
+        """Return data as `product` takes it; `zero` is the number of them that stands for 0."""
         return data
 
     def arrange_sums(self, sums: tf.Tensor) -> tf.Tensor:
@@ -159,7 +173,7 @@ class WeightedStep(SummingStep):
     def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
         """Return the sums with their bias."""
         data = tf.cast(inputs[self.places[0]], tf.int32) - self._zero_point
-        return self.arrange_sums(self._accumulator(self.arrange(data)))
+        return self.arrange_sums(self._accumulator(self.arrange(data, 0)))
 
     def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:
         """Requantise."""
@@ -169,7 +183,7 @@ class WeightedStep(SummingStep):
         """Compute the stored output."""
         if self._prepared is None:
             return super().run(inputs)
-        data = self.arrange(inputs[self.places[0]])
+        data = self.arrange(inputs[self.places[0]], self._zero_point)
         return [self.arrange_sums(self._prepared(data))]
 
     @classmethod
