@@ -134,7 +134,7 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
   REGISTER_OP("HPreparedConvolution")
       .Attr("T: {int8, int16}")
       .Attr("T_out: {int8, int16}")
-      .Attr("T_bias: {int32, int64} = DT_INT32")
+      .Attr("T_bias: {int32, int64}")
       .Input("input: T")
       .Input("filter: int8")
       .Input("bias: T_bias")

@@ -71,6 +71,22 @@ bool ReadMultipliers(FuzzInput* input, PreparedCase<In, Out>* c) {
   return true;
 }
 
+// Makes its sums wide.
+template <typename In, typename Out>
+void Widen(FuzzInput* input, PreparedCase<In, Out>* c) {
+  c->accumulator_size = kWideAccumulator;
+  c->use_fp16_acc = false;
+  if (c->mode.rescaling == Rescaling::kTwoRoundings) {
+    c->mode.rescaling = Rescaling::kShortMultiplier;
+  }
+  for (int32_t i = 0; i < c->out_channels; ++i) {
+    const auto word =
+        uint64_t{static_cast<uint32_t>(input->Word())} << 32 | static_cast<uint32_t>(input->Word());
+    c->wide_bias.push_back(static_cast<int64_t>(word) >> input->Between(0, 63));
+  }
+  if (input->Flag()) c->wide_bias.clear();
+}
+
 template <typename In, typename Out>
 void Compare(FuzzInput* input) {
   PreparedCase<In, Out> c;
@@ -86,8 +102,10 @@ void Compare(FuzzInput* input) {
   c.accumulator_size = input->Width<int32_t>();
   c.mult_shift = input->Flag() ? 0 : input->Between(0, c.use_fp16_acc ? 6 : 31);
   c.mode = ReadMode<Out>(input);
+  const bool is_wide = input->Between(0, 3) == 0;
+  if (is_wide) Widen(input, &c);
   if (!ReadMultipliers(input, &c)) return;
-  if (input->Flag()) c.bias = input->Values<int32_t>(c.out_channels);
+  if (!is_wide && input->Flag()) c.bias = input->Values<int32_t>(c.out_channels);
   c.filter = ReadStored<int8_t>(input, c.FilterElements());
   c.input = ReadStored<In>(input, c.InputElements());
 

@@ -22,10 +22,11 @@ from bitfold import ops, raw_ops
 _TYPES = {"int8": "int8_t", "int16": "int16_t"}
 REGISTRATION = {
     "HPreparedConvolution": registration.Registration(
-        inputs=["input: T", "filter: int8", "bias: int32", "multipliers: float64"],
+        inputs=["input: T", "filter: int8", "bias: T_bias", "multipliers: float64"],
         attributes=[
             "T: {int8, int16}",
             "T_out: {int8, int16}",
+            "T_bias: {int32, int64}",
             "strides: list(int)",
             "dilations: list(int)",
             'padding: {"SAME", "VALID"}',

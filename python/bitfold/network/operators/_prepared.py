@@ -101,3 +101,31 @@ class PreparedLayer:
             with tf.init_scope():
                 self._tensors = tuple(map(tf.constant, self._constants))
         return self._tensors
+
+
+class GroupedLayer:
+    """A convolution in groups of channels: a layer for each, side by side."""
+
+    def __init__(
+        self,
+        groups: int,
+        weights: np.ndarray,
+        bias: np.ndarray | None,
+        multipliers: np.ndarray,
+        **keywords: Any,
+    ) -> None:
+        """Make it of what a layer is made of; outputs lie group after group, as inputs do."""
+
+        def split(x: np.ndarray | None) -> list[np.ndarray | None]:
+            return [x] * groups if x is None or x.size == 1 else np.split(x, groups, axis=-1)
+
+        parts = zip(*map(split, (weights, bias, multipliers)), strict=True)
+        self._layers = [
+            PreparedLayer(weights, bias, multipliers=multipliers, **keywords)
+            for weights, bias, multipliers in parts
+        ]
+
+    def __call__(self, data: tf.Tensor) -> tf.Tensor:
+        """Return the stored output of stored data [N, H, W, inputs]."""
+        parts = zip(self._layers, tf.split(data, len(self._layers), axis=3), strict=True)
+        return tf.concat([layer(part) for layer, part in parts], axis=3)

@@ -14,7 +14,12 @@ from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks
 from bitfold.network.operators._accumulator import Accumulator, exact_groups
-from bitfold.network.operators._prepared import Placement, PreparedLayer, can_be_prepared
+from bitfold.network.operators._prepared import (
+    GroupedLayer,
+    Placement,
+    PreparedLayer,
+    can_be_prepared,
+)
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
 from bitfold.network.operators._step import SummingStep
 
@@ -110,8 +115,8 @@ class WeightedStep(SummingStep):
             self.of_group,
         )
 
-    def _prepare(self) -> PreparedLayer | None:
-        """Return the whole layer as one op; None where it is several, one after the other."""
+    def _prepare(self) -> PreparedLayer | GroupedLayer | None:
+        """Return the whole layer as one op, or one for each part; None where it is several."""
         placement, output = self.placement, self.node.outputs[0]
         if placement is None:
             return None
@@ -120,15 +125,21 @@ class WeightedStep(SummingStep):
             return None
         if not can_be_prepared(self.arithmetic, self.data.dtype, output.dtype):
             return None
-        return PreparedLayer(
-            self.weights(),
-            self.bias,
+        keywords = dict(
             arithmetic=self.arithmetic,
             placement=placement,
             is_wide=self.adds_in_64_bits,
             input_zero_point=self._zero_point,
             **self._requantise.keywords,
         )
+        if self.parts > 1:
+            return GroupedLayer(self.parts, self.weights(), self.bias, **keywords)
+        return PreparedLayer(self.weights(), self.bias, **keywords)
+
+    @property
+    def parts(self) -> int:
+        """In how many groups the data's channels come, each with outputs of its own."""
+        return 1
 
     @property
     def placement(self) -> Placement | None:

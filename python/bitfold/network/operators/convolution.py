@@ -16,7 +16,6 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
-from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._windowed import WindowedStep
 from bitfold.network.operators._windows import window_problems
 
@@ -43,23 +42,18 @@ class Convolution(WindowedStep):
         return self.filter.transpose(1, 2, 3, 0)
 
     @property
-    def placement(self) -> Placement | None:
-        """Where the windows lie in the stored image; of several groups they are several ops."""
-        return super().placement if self._parts == 1 else None
-
-    @property
-    def _parts(self) -> int:
+    def parts(self) -> int:
         """In how many groups the image's channels come."""
         return self.node.inputs[0].shape[3] // self.node.inputs[1].shape[3]
 
     def of_group(self, data: tf.Tensor, group: slice) -> tf.Tensor:
         """Return the channels of a slice of each of the image's groups."""
-        if self._parts == 1:
+        if self.parts == 1:
             return data[..., group]
         *images, channels = data.shape
-        by_part = tf.reshape(data, [-1, *images[1:], self._parts, channels // self._parts])
+        by_part = tf.reshape(data, [-1, *images[1:], self.parts, channels // self.parts])
         chosen = by_part[..., group]
-        return tf.reshape(chosen, [-1, *images[1:], self._parts * chosen.shape[-1]])
+        return tf.reshape(chosen, [-1, *images[1:], self.parts * chosen.shape[-1]])
 
     def product(self, data: tf.Tensor, weights: np.ndarray, **datapath) -> tf.Tensor:
         """Sum the products."""
@@ -69,7 +63,7 @@ class Convolution(WindowedStep):
         if max(windows.dilations) > 1:
             keywords["dilations"] = windows.dilations
         convolve = ops.dilated_conv2d if "dilations" in keywords else ops.conv2d
-        parts = self._parts
+        parts = self.parts
         if parts == 1:
             return convolve(data, weights, **keywords)
         pairs = zip(tf.split(data, parts, 3), np.split(weights, parts, 3), strict=True)
