@@ -1,6 +1,10 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Prepared layers, from stored bytes to stored bytes, beside the stock convolution of floats."""
+"""Prepared layers, from stored integers to stored integers.
+
+Those of bytes stand beside the stock convolution of floats, those of sums of 64 bits beside the ops
+that they are one after the other.
+"""
 
 from __future__ import annotations
 
@@ -10,6 +14,7 @@ from dataclasses import dataclass
 import tensorflow as tf
 
 import bitfold
+from bitfold.network.operators._accumulator import exact_groups
 from timing import Case, in_graph, integers, vector_target
 
 
@@ -36,10 +41,19 @@ ARITHMETICS = {
 }
 
 
+# Sums that 32 bits hold, and sums that they may not.
+WIDE_LAYERS = (
+    *LAYERS,
+    Layer("7x7x512 to 512, 3x3", 7, 512, 512, 3),
+    Layer("1x1x4096 to 1000, 1x1", 1, 4096, 1000, 1),
+)
+
+
 def cases() -> list[Case]:
     """Return each layer in each arithmetic."""
     return [
-        _case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()
+        *(_case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()),
+        *map(_wide_case, WIDE_LAYERS),
     ]
 
 
@@ -71,5 +85,40 @@ def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
         layer.side**2 * layer.taps**2 * layer.channels * (layer.outputs or 1),
         in_graph(ours, x, w, bias, multipliers),
         in_graph(stock, *floats),
+        vector_target(),
+    )
+
+
+def _wide_case(layer: Layer) -> Case:
+    channels = layer.channels if layer.outputs else 1
+    outputs = layer.outputs or layer.channels
+    x = integers((1, layer.side, layer.side, layer.channels), -(2**15), 2**15 - 1, tf.int16)
+    w = integers((layer.taps, layer.taps, channels, outputs), -127, 127, tf.int8)
+    bias = integers((outputs,), -1000, 1000, tf.int64)
+    multipliers = tf.fill([outputs], tf.constant(1e-3, tf.float64))
+    rounded = dict(rounding="short_multiplier", dtype=tf.int16)
+    ours = functools.partial(
+        bitfold.ops.prepared_conv2d,
+        padding="SAME",
+        depthwise=not layer.outputs,
+        accumulator_size=64,
+        constant_weights=True,
+        **rounded,
+    )
+    groups = exact_groups(w.numpy(), 2**15, 0) if layer.outputs else [slice(None)]
+
+    def one_after_the_other(x, w, bias, multipliers):
+        data, weights = tf.cast(x, tf.int32), tf.cast(w, tf.int32)
+        convolve = bitfold.ops.conv2d if layer.outputs else bitfold.ops.depthwise_conv2d
+        sums = [convolve(data[..., g], weights[:, :, g], padding="SAME") for g in groups]
+        total = tf.add_n([tf.cast(part, tf.int64) for part in sums]) + bias
+        return bitfold.ops.requantise(total, multipliers, **rounded)
+
+    return Case(
+        f"HPreparedConvolution/{layer.name}, 64 bits",
+        layer.name,
+        layer.side**2 * layer.taps**2 * layer.channels * (layer.outputs or 1),
+        in_graph(ours, x, w, bias, multipliers),
+        in_graph(one_after_the_other, x, w, bias, multipliers),
         vector_target(),
     )

@@ -80,9 +80,9 @@ void Widen(FuzzInput* input, PreparedCase<In, Out>* c) {
     c->mode.rescaling = Rescaling::kShortMultiplier;
   }
   for (int32_t i = 0; i < c->out_channels; ++i) {
-    const auto word =
-        uint64_t{static_cast<uint32_t>(input->Word())} << 32 | static_cast<uint32_t>(input->Word());
-    c->wide_bias.push_back(static_cast<int64_t>(word) >> input->Between(0, 63));
+    const uint64_t high = input->Word();
+    const auto word = static_cast<int64_t>(high << 32 | input->Word());
+    c->wide_bias.push_back(word >> input->Between(0, 63));
   }
   if (input->Flag()) c->wide_bias.clear();
 }
