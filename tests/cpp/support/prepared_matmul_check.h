@@ -108,8 +108,7 @@ void FillMatmul(Random* random, PreparedMatmulCase<In, Out>* c, Numbers numbers 
 
 // Also where a sign is corrected, whose line says so.
 template <typename In, typename Out>
-void RanMatmul(const PreparedMatmulCase<In, Out>& c, const PreparedMatmul<In, Out>& matmul,
-               bool warns) {
+void RanMatmul(const PreparedMatmul<In, Out>& matmul, bool warns) {
   if (!matmul.plan()) return Ran(Path::kPreparedMatmulHalf);
   const ChainPath path = matmul.plan()->path;
   Ran(static_cast<Path>(static_cast<int>(Path::kPreparedMatmulStepwise) + static_cast<int>(path)));
@@ -155,7 +154,7 @@ template <typename In, typename Out>
                                        std::to_string(workers->AtOnce()) + " at once");
       if (!same) return same;
     }
-    RanMatmul(c, *matmul, warns);
+    RanMatmul(*matmul, warns);
   }
   return ::testing::AssertionSuccess();
 }

@@ -15,9 +15,7 @@ from support import assert_bits
 from witness import Witness
 
 import bitfold
-from bitfold.network.operators._prepared import PreparedLayer
 from bitfold.network.operators._step import SummingStep
-from bitfold.network.operators._weighted import WeightedStep
 
 # By what the sums are then: dot products where no sum or every sum may wrap, scaled products of
 # whole numbers as floats, and as integers, a step at a time, in half precision.
@@ -35,14 +33,16 @@ ARITHMETICS = {
     "half precision": bitfold.Arithmetic(use_fp16_acc=True),
     "half precision, shifted": bitfold.Arithmetic(use_fp16_acc=True, mult_shift=6),
 }
-KINDS = ("CONV_2D", "DEPTHWISE_CONV_2D", "FULLY_CONNECTED")
+KINDS = ("CONV_2D", "DEPTHWISE_CONV_2D", "FULLY_CONNECTED", "BATCH_MATMUL")
 
 
-def _weighted(network: bitfold.Network) -> list[WeightedStep]:
-    return [step for step in network._program.steps if isinstance(step, WeightedStep)]
+def _summing(network: bitfold.Network) -> list[SummingStep]:
+    """Return the layers that may be one op."""
+    steps = [step for step in network._program.steps if isinstance(step, SummingStep)]
+    return [step for step in steps if hasattr(step, "_prepared")]
 
 
-def _compare(step: WeightedStep, inputs, what: str) -> None:
+def _compare(step: SummingStep, inputs, what: str) -> None:
     """Eagerly and in a function, twice: the layer is made once."""
     (expected,) = SummingStep.run(step, inputs)
     call = tf.function(lambda *tensors: step.run(tensors), autograph=False)
@@ -59,7 +59,7 @@ def _compare(step: WeightedStep, inputs, what: str) -> None:
 @pytest.mark.parametrize("dtype", ["int8", "int16"])
 @pytest.mark.parametrize("kind", KINDS)
 def test_one_op_is_the_public_ops(kind, dtype, name):
-    """Each operator with stored weights, in each arithmetic."""
+    """Each operator that adds up products, in each arithmetic."""
     prepared = 0
     for case in sum_cases.CASES[kind](dtype, np.random.default_rng(9)):
         network = bitfold.Network.from_tflite(case.content)
@@ -67,7 +67,7 @@ def test_one_op_is_the_public_ops(kind, dtype, name):
             network = network.with_arithmetic(ARITHMETICS[name])
         except ValueError:
             continue  # a shift beyond the multipliers' exponents
-        (step,) = _weighted(network)
+        (step,) = _summing(network)
         inputs = [tf.constant(x) for x in packed.stored_values(case, 2)]
         read = step.node.inputs
         given = iter(inputs)
@@ -75,7 +75,7 @@ def test_one_op_is_the_public_ops(kind, dtype, name):
             None if t is None else tf.constant(t.data) if t.is_constant else next(given)
             for t in read
         ]
-        prepared += isinstance(step._prepared, PreparedLayer)
+        prepared += step._prepared is not None
         _compare(step, row, f"{name}, {case.label}")
     if dtype == "int8" or ARITHMETICS[name].accumulator_size is not None:
         assert prepared or ARITHMETICS[name].mult_shift > 7
@@ -96,14 +96,16 @@ def test_layers_of_networks(seed):
             continue
         network = exact.with_arithmetic(ARITHMETICS[name])
         known = dict(zip(file.inputs, images, strict=True)) | network.trace(given)
-        for step in _weighted(network):
+        for step in _summing(network):
             if step._prepared is None:
                 continue
-            read = step.node.inputs[step.places[0]]
-            if read.index not in known:
+            read = step.node.inputs
+            if any(not t.is_constant and t.index not in known for t in read if t is not None):
                 continue
-            row = [None] * len(step.node.inputs)
-            row[step.places[0]] = tf.constant(known[read.index])
+            row = [
+                None if t is None else tf.constant(t.data if t.is_constant else known[t.index])
+                for t in read
+            ]
             _compare(step, row, f"seed {seed}, {name}, {step.node}")
 
 
@@ -112,11 +114,13 @@ def test_layers_of_networks(seed):
     [
         ("TRANSPOSE_CONV", "int8", bitfold.Arithmetic()),
         ("CONV_2D", "int16", bitfold.Arithmetic()),
+        ("BATCH_MATMUL", "int16", bitfold.Arithmetic()),
         ("CONV_2D", "int8", bitfold.Arithmetic(requantisation="unit")),
+        ("BATCH_MATMUL", "int8", bitfold.Arithmetic(requantisation="unit")),
     ],
 )
 def test_layers_that_are_several_ops(kind, dtype, arithmetic):
     """A filter over an image that is spread out, sums of 64 bits, the unit that requantises."""
     case = next(iter(sum_cases.CASES[kind](dtype, np.random.default_rng(0))))
-    (step,) = _weighted(bitfold.Network.from_tflite(case.content).with_arithmetic(arithmetic))
+    (step,) = _summing(bitfold.Network.from_tflite(case.content).with_arithmetic(arithmetic))
     assert step._prepared is None
