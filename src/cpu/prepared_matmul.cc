@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -60,16 +61,16 @@ class PreparedMatmul<In, Out>::Packed {
     const PreparedProduct& product = matmul_.product_;
     const In* stored = second;
     if (product.transpose_second) {
-      transposed_.resize(static_cast<size_t>(product.SecondElements()));
-      TransposeStored(second, product.inner, product.cols, transposed_.data());
-      stored = transposed_.data();
+      if (transposed_ == nullptr) transposed_.reset(new In[product.SecondElements()]);
+      TransposeStored(second, product.inner, product.cols, transposed_.get());
+      stored = transposed_.get();
     }
-    weights_.resize(static_cast<size_t>(product.SecondElements()));
+    if (weights_ == nullptr) weights_.reset(new int16_t[product.SecondElements()]);
     corrected_ = CorrectStored(stored, product.SecondElements(), product.second_zero_point,
-                               matmul_.sign_, weights_.data());
+                               matmul_.sign_, weights_.get());
     second_ = nullptr;
     dots_.emplace(matmul_.layer_, *matmul_.plan_);
-    dots_->Prepare(weights_.data(), workers);
+    dots_->Prepare(weights_.get(), workers);
     second_ = second;
   }
 
@@ -79,8 +80,8 @@ class PreparedMatmul<In, Out>::Packed {
  private:
   const PreparedMatmul& matmul_;
   const In* second_ = nullptr;
-  std::vector<In> transposed_;
-  std::vector<int16_t> weights_;
+  std::unique_ptr<In[]> transposed_;
+  std::unique_ptr<int16_t[]> weights_;
   bool corrected_ = false;
   std::optional<PreparedDots<In>> dots_;
 };

@@ -3,6 +3,8 @@
 
 #include "cpu/stored_matrices.h"
 
+#include <algorithm>
+#include <limits>
 #include <type_traits>
 
 #include "vector/target.h"
@@ -17,9 +19,14 @@ struct SignTerms {
   int32_t period;
 };
 
+// The side of what is transposed together.
+constexpr int kSquare = 16;
+
 template <typename T>
 struct MatrixLoops {
-  int32_t (*correct)(const T*, int64_t, const SignTerms&, int16_t*);
+  T (*largest)(const T*, int64_t);
+  void (*correct)(const T*, int64_t, const SignTerms&, int16_t*);
+  void (*shift)(const T*, int64_t, int32_t, int16_t*);
   void (*transpose)(const T*, int64_t, int64_t, T*);
 };
 
@@ -29,10 +36,8 @@ struct AllLoops {
 };
 
 #define BITFOLD_LOOPS "cpu/stored_matrices_loops.inc"
-#define BITFOLD_LOOP_TABLE                                                                       \
-  AllLoops {                                                                                     \
-    {CorrectNumbers<int8_t>, Transpose<int8_t>}, { CorrectNumbers<int16_t>, Transpose<int16_t> } \
-  }
+#define BITFOLD_LOOP_TABLE \
+  AllLoops { kMatrixLoopsOf<int8_t>, kMatrixLoopsOf<int16_t> }
 #include "vector/vector_loops.inc"
 
 template <typename T>
@@ -54,9 +59,15 @@ void TransposeStored(const T* stored, int64_t rows, int64_t cols, T* out) {
 template <typename T>
 bool CorrectStored(const T* stored, int64_t count, int32_t zero_point,
                    const WeightSign<int32_t>& sign, int16_t* out) {
+  const MatrixLoops<T>& loops = LoopsOf<T>();
+  const auto needs = [&](T number) { return sign.NeedsCorrection(int32_t{number} - zero_point); };
+  if (!needs(std::numeric_limits<T>::max()) || !needs(loops.largest(stored, count))) {
+    loops.shift(stored, count, zero_point, out);
+    return false;
+  }
   const int32_t period = sign.max() - sign.Correct(sign.max());
-  const SignTerms terms = {zero_point, sign.max(), period};
-  return LoopsOf<T>().correct(stored, count, terms, out) > sign.max();
+  loops.correct(stored, count, {zero_point, sign.max(), period}, out);
+  return true;
 }
 
 #define BITFOLD_INSTANTIATE(T)                                   \

@@ -16,7 +16,7 @@ namespace bitfold {
 template <typename T>
 void TransposeStored(const T* stored, int64_t rows, int64_t cols, T* out);
 
-// `count` stored numbers less their zero point, with their signs corrected, which fit 16 bits.
+// `count` >= 1 stored numbers less their zero point, with their signs corrected, which fit 16 bits.
 // Returns whether one was corrected.
 template <typename T>
 bool CorrectStored(const T* stored, int64_t count, int32_t zero_point,
