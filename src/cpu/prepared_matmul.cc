@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "bitfold/int32_arithmetic.h"
 #include "bitfold/warning.h"
 #include "chain/dot_tile.h"
 #include "chain/sum_output.h"
@@ -66,8 +67,11 @@ class PreparedMatmul<In, Out>::Packed {
       stored = transposed_.get();
     }
     if (weights_ == nullptr) weights_.reset(new int16_t[product.SecondElements()]);
-    corrected_ = CorrectStored(stored, product.SecondElements(), product.second_zero_point,
-                               matmul_.sign_, weights_.get());
+    const bool moves = matmul_.moves_zero_point_;
+    const WeightSign<int32_t> none(32);  // corrects no byte
+    corrected_ =
+        CorrectStored(stored, product.SecondElements(), moves ? 0 : product.second_zero_point,
+                      moves ? none : matmul_.sign_, weights_.get());
     second_ = nullptr;
     dots_.emplace(matmul_.layer_, *matmul_.plan_);
     dots_->Prepare(weights_.get(), workers);
@@ -91,6 +95,7 @@ PreparedMatmul<In, Out>::PreparedMatmul(const PreparedProduct& product)
     : product_(product), sign_(product.arithmetic.accumulator_size), layer_(AsLayer()) {
   if (!product.arithmetic.use_fp16_acc) {
     plan_ = PlanInt32(TypeFacts(), CurrentDotKernels<StoredOutput>().HasBytes());
+    MoveZeroPoint();
   }
   takes_dots_ = TakesDots();
   finish_ = std::make_unique<LayerFinish>(FinishCall());
@@ -118,6 +123,17 @@ ChainFacts PreparedMatmul<In, Out>::TypeFacts() const {
   facts.takes_remainders = CurrentDotKernels<StoredOutput>().HasRemainders();
   facts.products = product_.inner;
   return facts;
+}
+
+// Nine bits as bytes: with z the zero point, the sum of x (y - z) is that of x y less z times that
+// of x, a number of the row, modulo 2^32. Corrected signs depend on the numbers: they stay shorts.
+template <typename In, typename Out>
+void PreparedMatmul<In, Out>::MoveZeroPoint() {
+  if (!std::is_same_v<In, int8_t> || plan_->path != ChainPath::kDotShorts) return;
+  if (!CurrentDotKernels<StoredOutput>().HasBytes()) return;
+  if (sign_.NeedsCorrection(INT8_MAX - product_.second_zero_point)) return;
+  moves_zero_point_ = true;
+  plan_ = {ChainPath::kDotBytes, static_cast<int32_t>(-FirstFacts().min), plan_->bits};
 }
 
 // The first operand's rows are pixels of `inner` channels, one below the other.
@@ -168,8 +184,20 @@ LayerFinishCall PreparedMatmul<In, Out>::FinishCall() const {
 
 template <typename In, typename Out>
 StoredOutput PreparedMatmul<In, Out>::OutputOf(const Call& call, int64_t pair) const {
-  const StoredOutput first = {finish_.get(), call.output, 0, product_.cols, 0, product_.cols};
-  return first.At(pair * product_.AllRows(), 0, product_.cols);
+  Out* const first = call.output + pair * product_.OutputElements();
+  return {finish_.get(), first, 0, product_.cols, 0, product_.cols};
+}
+
+// What takes the zero point of the second operand off.
+template <typename In, typename Out>
+std::vector<int32_t> PreparedMatmul<In, Out>::RowAddends(const In* first) const {
+  std::vector<int32_t> addends(static_cast<size_t>(product_.AllRows()));
+  SumStoredRows(first, product_.AllRows(), product_.inner, addends.data());
+  const int32_t zeros = WrapMultiply(product_.inner, product_.first_zero_point);
+  for (int32_t& sum : addends) {
+    sum = WrapMultiply(-product_.second_zero_point, WrapSubtract(sum, zeros));
+  }
+  return addends;
 }
 
 template <typename In, typename Out>
@@ -223,7 +251,13 @@ bool PreparedMatmul<In, Out>::MultiplyDots(const Call& call, int64_t pair, Packe
     }
     first = transposed.data();
   }
-  packed->dots().Run(first, 1, OutputOf(call, pair), workers);
+  StoredOutput output = OutputOf(call, pair);
+  std::vector<int32_t> addends;
+  if (moves_zero_point_) {
+    addends = RowAddends(first);
+    output.addends = addends.data();
+  }
+  packed->dots().Run(first, 1, output, workers);
   return packed->corrected();
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "bitfold/HPreparedConvolution.h"
 #include "bitfold/HPreparedMatmul.h"
@@ -37,6 +38,9 @@ class PreparedMatmul {
   // How sums may be formed, whatever is stored; empty in half precision.
   const std::optional<ChainPlan>& plan() const { return plan_; }
 
+  // Whether the second operand keeps its zero point, and what that adds is taken off by rows.
+  bool moves_zero_point() const { return moves_zero_point_; }
+
   // Whether they are dot products of what is stored. If not, they are made as HMatmul does it.
   bool takes_dots() const { return takes_dots_; }
 
@@ -50,10 +54,12 @@ class PreparedMatmul {
   Facts FirstFacts() const;
   Facts SecondFacts() const;
   ChainFacts TypeFacts() const;
+  void MoveZeroPoint();
   bool TakesDots() const;
   PreparedLayer AsLayer() const;
   LayerFinishCall FinishCall() const;
   StoredOutput OutputOf(const Call& call, int64_t pair) const;
+  std::vector<int32_t> RowAddends(const In* first) const;
 
   void RunDots(const Call& call, Workers* workers) const;
   bool MultiplyDots(const Call& call, int64_t pair, Packed* packed, Workers* workers) const;
@@ -68,6 +74,7 @@ class PreparedMatmul {
   const WeightSign<int32_t> sign_;
   const PreparedLayer layer_;  // a pair as an image of pixels, without its weights
   std::optional<ChainPlan> plan_;
+  bool moves_zero_point_ = false;
   bool takes_dots_;
   std::unique_ptr<LayerFinish> finish_;
 };

@@ -28,6 +28,7 @@ struct MatrixLoops {
   void (*correct)(const T*, int64_t, const SignTerms&, int16_t*);
   void (*shift)(const T*, int64_t, int32_t, int16_t*);
   void (*transpose)(const T*, int64_t, int64_t, T*);
+  void (*sum_rows)(const T*, int64_t, int64_t, int32_t*);
 };
 
 struct AllLoops {
@@ -70,9 +71,15 @@ bool CorrectStored(const T* stored, int64_t count, int32_t zero_point,
   return true;
 }
 
-#define BITFOLD_INSTANTIATE(T)                                   \
-  template void TransposeStored(const T*, int64_t, int64_t, T*); \
-  template bool CorrectStored(const T*, int64_t, int32_t, const WeightSign<int32_t>&, int16_t*);
+template <typename T>
+void SumStoredRows(const T* stored, int64_t rows, int64_t cols, int32_t* sums) {
+  LoopsOf<T>().sum_rows(stored, rows, cols, sums);
+}
+
+#define BITFOLD_INSTANTIATE(T)                                                                   \
+  template void TransposeStored(const T*, int64_t, int64_t, T*);                                 \
+  template bool CorrectStored(const T*, int64_t, int32_t, const WeightSign<int32_t>&, int16_t*); \
+  template void SumStoredRows(const T*, int64_t, int64_t, int32_t*);
 BITFOLD_INSTANTIATE(int8_t)
 BITFOLD_INSTANTIATE(int16_t)
 #undef BITFOLD_INSTANTIATE

@@ -22,6 +22,10 @@ template <typename T>
 bool CorrectStored(const T* stored, int64_t count, int32_t zero_point,
                    const WeightSign<int32_t>& sign, int16_t* out);
 
+// The sum of each row modulo 2^32.
+template <typename T>
+void SumStoredRows(const T* stored, int64_t rows, int64_t cols, int32_t* sums);
+
 }  // namespace bitfold
 
 #endif  // BITFOLD_SRC_CPU_STORED_MATRICES_H_

@@ -48,10 +48,10 @@ std::vector<MatmulRecipe> MatmulRecipes() {
     return {{"bytes of 32 bits", kBytes, 32, 0, {-5, 0}},
             {"bytes of 15 bits, corrected", kBytes, 15, 0, {-128, 0}},
             {"bytes by correction of 16 bits", kBytes, 16, 0, {127, -128}},
-            {"nine bits", kShorts, 32, 0, {0, 1}},
-            {"nine bits, the least zero points", kShorts, 18, 0, {-128, -128}},
-            {"nine bits, the greatest zero points, 16 bits", kShorts, 16, 0, {127, 127}},
-            {"nine bits of 17, corrected", kShorts, 17, 0, {0, 100}},
+            {"nine bits", kBytes, 32, 0, {0, 1}},
+            {"nine bits, the least zero points", kBytes, 18, 0, {-128, -128}},
+            {"nine bits, the greatest zero points, 16 bits", kBytes, 16, 0, {127, 127}},
+            {"nine bits of 15, corrected", kShorts, 15, 0, {0, 1}},
             {"products above 14 bits", kStepwise, 14, 0, {127, 0}},
             {"products of 8 bits, shifted", kStepwise, 8, 2, {-3, 7}},
             {"a shift of 1", kRemainders, 20, 1, {11, 0}},
@@ -112,6 +112,7 @@ void RanMatmul(const PreparedMatmul<In, Out>& matmul, bool warns) {
   if (!matmul.plan()) return Ran(Path::kPreparedMatmulHalf);
   const ChainPath path = matmul.plan()->path;
   Ran(static_cast<Path>(static_cast<int>(Path::kPreparedMatmulStepwise) + static_cast<int>(path)));
+  if (matmul.moves_zero_point()) Ran(Path::kPreparedMatmulMovedZeroPoint);
   if (IsDots(path) && !matmul.takes_dots()) Ran(Path::kPreparedMatmulInLanes);
   if (!warns) return;
   Ran(matmul.takes_dots() ? Path::kPreparedMatmulDotWarning : Path::kPreparedMatmulWarning);
