@@ -302,7 +302,7 @@ TYPED_TEST(PreparedProducts, RandomCases) {
   using In = typename TypeParam::In;
   using Out = typename TypeParam::Out;
   Random random(0xa120);
-  for (int round = 0; round < 200 / testing::Step(10); ++round) {
+  for (int round = 0; round < 80 / testing::Step(10); ++round) {
     const auto c = DrawMatmul<In, Out>(&random);
     ASSERT_TRUE(CheckMatmul(c, std::nullopt, random.Between(0, 3)));
   }
