@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Prepared layers, from stored integers to stored integers.
 
-Those of bytes stand beside the stock convolution of floats, those of sums of 64 bits beside the ops
-that they are one after the other.
+Those of bytes stand beside the stock ops of floats, those of sums of 64 bits beside the ops that they
+are one after the other.
 """
 
 from __future__ import annotations
@@ -49,12 +49,32 @@ WIDE_LAYERS = (
 )
 
 
+@dataclass(frozen=True)
+class Product:
+    """The shapes of products of matrices."""
+
+    name: str
+    pairs: int
+    rows: int
+    inner: int
+    columns: int
+    transposed: bool
+
+
+PRODUCTS = (
+    Product("12x197x64 by 12x197x64 transposed", 12, 197, 64, 197, transposed=True),
+    Product("12x197x197 by 12x197x64", 12, 197, 197, 64, transposed=False),
+)
+ZERO_POINTS = (-3, 7)
+
+
 def cases() -> list[Case]:
     """Return each layer in each arithmetic."""
-    return [
+    layers = [
         *(_case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()),
         *map(_wide_case, WIDE_LAYERS),
     ]
+    return layers + [case for product in PRODUCTS for case in _products(product)]
 
 
 def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
@@ -122,3 +142,51 @@ def _wide_case(layer: Layer) -> Case:
         in_graph(one_after_the_other, x, w, bias, multipliers),
         vector_target(),
     )
+
+
+def _products(product: Product) -> list[Case]:
+    """Return the cases of a product: beside the stock op, and beside the ops that define it."""
+    shape = (product.inner, product.columns)
+    a = integers((product.pairs, product.rows, product.inner), -128, 127, tf.int8)
+    b = integers(
+        (product.pairs, *(shape[::-1] if product.transposed else shape)), -128, 127, tf.int8
+    )
+    floats = (tf.cast(a, tf.float32), tf.cast(b, tf.float32))
+    first, second = ZERO_POINTS
+
+    def ours(a, b, **options):
+        return bitfold.ops.prepared_matmul(
+            a,
+            b,
+            [1e-3],
+            transpose_second=product.transposed,
+            first_zero_point=first,
+            second_zero_point=second,
+            **options,
+        )
+
+    def op_by_op(a, b):
+        a, b = tf.cast(a, tf.int32) - first, tf.cast(b, tf.int32) - second
+        b = tf.linalg.matrix_transpose(b) if product.transposed else b
+        sums = bitfold.ops.matmul(a, b, accumulator_size=32)
+        return bitfold.ops.requantise(sums, [1e-3], dtype=tf.int8)
+
+    def stock(a, b):
+        return tf.matmul(a, b, transpose_b=product.transposed)
+
+    def case(name, call, other):
+        return Case(
+            f"HPreparedMatmul/{product.name}, {name}",
+            product.name,
+            product.pairs * product.rows * product.inner * product.columns,
+            call,
+            other,
+            vector_target(),
+        )
+
+    half = functools.partial(ours, use_fp16_acc=True)
+    return [
+        case("proven", in_graph(ours, a, b), in_graph(stock, *floats)),
+        case("proven, to op by op", in_graph(ours, a, b), in_graph(op_by_op, a, b)),
+        case("half precision", in_graph(half, a, b), in_graph(stock, *floats)),
+    ]

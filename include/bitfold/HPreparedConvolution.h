@@ -19,6 +19,7 @@
 #include "bitfold/datapath_attributes.h"
 #include "bitfold/geometry.h"
 #include "bitfold/int64_arithmetic.h"
+#include "bitfold/prepared_arithmetic.h"
 #include "bitfold/product_scaling.h"
 
 namespace bitfold {
@@ -87,10 +88,7 @@ struct PreparedLayer {
   int64_t Positions() const { return int64_t{rows.outputs()} * columns.outputs(); }
   int64_t OutputElements() const { return Positions() * out_channels; }
 
-  // What the datapath takes for the shift.
-  int8_t Shift() const {
-    return static_cast<int8_t>(use_fp16_acc && mult_shift != 0 ? 1 << mult_shift : mult_shift);
-  }
+  int8_t Shift() const { return ShiftOfDatapath(mult_shift, use_fp16_acc); }
 };
 
 // An image as the convolutions take it: numbers less their zero point, surrounded by zeros. `out`

@@ -73,6 +73,7 @@ int64_t DotConvolution<In, Output>::WithTables(int64_t bytes) const {
 }
 
 template <typename In, typename Output>
+template <typename Weight>
 bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                                          const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
@@ -89,6 +90,7 @@ bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers,
 }
 
 template <typename In, typename Output>
+template <typename Weight>
 void DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t* addends,
                                             int64_t first, int64_t end) {
   const int64_t channel = first * kPanel;
@@ -267,5 +269,16 @@ template class DotConvolution<int8_t, SumOutput<int32_t>>;
 template class DotConvolution<int16_t, SumOutput<int32_t>>;
 template class DotConvolution<int8_t, StoredOutput>;
 template class DotConvolution<int16_t, StoredOutput>;
+
+#define BITFOLD_INSTANTIATE(In, Output, Weight)                                        \
+  template bool DotConvolution<In, Output>::Prepare(const Weight*, Workers*, Scratch*, \
+                                                    const int32_t*);
+BITFOLD_INSTANTIATE(int32_t, SumOutput<int32_t>, int32_t)
+BITFOLD_INSTANTIATE(float, SumOutput<float>, float)
+BITFOLD_INSTANTIATE(int8_t, StoredOutput, int32_t)
+BITFOLD_INSTANTIATE(int8_t, StoredOutput, int16_t)
+BITFOLD_INSTANTIATE(int16_t, StoredOutput, int32_t)
+BITFOLD_INSTANTIATE(int16_t, StoredOutput, int16_t)
+#undef BITFOLD_INSTANTIATE
 
 }  // namespace bitfold

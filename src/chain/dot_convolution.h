@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <type_traits>
 
 #include "bitfold/geometry.h"
 #include "chain/dot_tile.h"
@@ -49,12 +48,12 @@ struct DotBlock {
 template <typename In, typename Output>
 class DotConvolution {
  public:
-  using Weight = std::conditional_t<std::is_same_v<In, float>, float, int32_t>;
-
   DotConvolution(const DotLayer& layer, const ChainPlan& plan);
 
   // Packs the weights, which `workers` share; false where there is no memory. Every sum of an
-  // output channel begins with its addend, where there are some.
+  // output channel begins with its addend, where there are some. Weight is int32_t, for stored
+  // inputs int16_t, too; of floats it is float.
+  template <typename Weight>
   bool Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                const int32_t* addends = nullptr);
 
@@ -100,6 +99,7 @@ class DotConvolution {
   int64_t PanelWords() const { return int64_t{layer_.rows.taps} * taps_ * words_ * kPanel; }
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
+  template <typename Weight>
   void PackPanels(const Weight* filter, const int32_t* addends, int64_t first, int64_t end);
   void PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
   void PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;

@@ -30,6 +30,7 @@ struct FinishLoops {
   FinishLoop<int32_t> modest[2][2][2];
   FinishLoop<int32_t> widened[2][2];
   FinishLoop<int64_t> wide[2][2];
+  void (*add)(const int32_t*, int32_t, int32_t, const int32_t*, int32_t*);
 };
 
 #define BITFOLD_LOOPS "chain/layer_finish_loops.inc"
@@ -141,7 +142,10 @@ void LayerFinish::Run(const int64_t* sums, int32_t pixels, int32_t lanes,
 }
 
 void FinishTile(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) {
-  output.finish->Run(sums, pixels, lanes, output);
+  if (output.addends == nullptr) return output.finish->Run(sums, pixels, lanes, output);
+  int32_t moved[kMostTileSums];
+  CurrentLoops().add(sums, pixels, lanes, output.addends + output.position, moved);
+  output.finish->Run(moved, pixels, lanes, output);
 }
 
 }  // namespace bitfold

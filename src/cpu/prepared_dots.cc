@@ -51,6 +51,11 @@ void PreparedDots<In>::Prepare(const std::vector<int32_t>& weights, const int32_
 }
 
 template <typename In>
+void PreparedDots<In>::Prepare(const int16_t* weights, Workers* workers) {
+  if (!dots_->Prepare(weights, workers, &memory_)) throw std::bad_alloc();
+}
+
+template <typename In>
 void PreparedDots<In>::Run(const In* input, int32_t batch, const StoredOutput& output,
                            Workers* workers) const {
   if (depthwise_) return RunDepthwise(input, batch, output, workers);

@@ -19,6 +19,7 @@
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
 #include "frame/op_workers.h"
+#include "ops/prepared_attributes.h"
 #include "ops/requantise_attributes.h"
 #include "ops/window_attributes.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -116,18 +117,11 @@ class HPreparedConvolutionOp : public AccumulatorOp<int64_t> {
     is_wide_ = bias_type == tensorflow::DT_INT64;
     OP_REQUIRES_OK(context, windows_.Read(context));
     OP_REQUIRES_OK(context, context->GetAttr("is_depthwise", &is_depthwise_));
-    OP_REQUIRES_OK(context, context->GetAttr("input_zero_point", &input_zero_point_));
-    OP_REQUIRES_OK(context, context->GetAttr("mult_shift", &mode_.shift));
-    OP_REQUIRES_OK(context, context->GetAttr("use_fp16_acc", &use_fp16_acc_));
-    std::string rounding;
-    OP_REQUIRES_OK(context, context->GetAttr("rounding", &rounding));
-    mode_.rescaling = RescalingOf(rounding);
-    OP_REQUIRES_OK(context, context->GetAttr("zero_point", &mode_.zero_point));
-    OP_REQUIRES_OK(context, context->GetAttr("minimum", &mode_.minimum));
-    OP_REQUIRES_OK(context, context->GetAttr("maximum", &mode_.maximum));
+    OP_REQUIRES_OK(context, GetPreparedArithmetic(context, tensorflow::DataTypeToEnum<Out>::value,
+                                                  &use_fp16_acc_, &mode_));
+    OP_REQUIRES_OK(context, GetInputZeroPoint<In>(context, "input_zero_point", &input_zero_point_));
     OP_REQUIRES_OK(context, context->GetAttr("has_constant_weights", &has_constant_weights_));
-    OP_REQUIRES_OK(context, CheckStored(mode_, tensorflow::DataTypeToEnum<Out>::value));
-    OP_REQUIRES_OK(context, CheckAttributes());
+    OP_REQUIRES_OK(context, CheckAccumulator());
   }
 
   void Run(OpKernelContext* context) override {
@@ -207,21 +201,6 @@ class HPreparedConvolutionOp : public AccumulatorOp<int64_t> {
       return absl::InvalidArgumentError("Need a bias of int32 for two_roundings, got int64");
     }
     return absl::OkStatus();
-  }
-
-  absl::Status CheckAttributes() const {
-    TF_RETURN_IF_ERROR(CheckAccumulator());
-    const int64_t low = std::numeric_limits<In>::min();
-    const int64_t high = std::numeric_limits<In>::max();
-    if (input_zero_point_ < low || input_zero_point_ > high) {
-      return absl::InvalidArgumentError(absl::StrFormat(
-          "Need an input_zero_point in [%d, %d], got %d", low, high, input_zero_point_));
-    }
-    const int32_t most = use_fp16_acc_ ? 6 : 31;
-    if (mode_.shift >= 0 && mode_.shift <= most) return absl::OkStatus();
-    return absl::InvalidArgumentError(
-        absl::StrFormat("Need a mult_shift in [0, %d]%s, got %d", most,
-                        use_fp16_acc_ ? " in half precision" : "", mode_.shift));
   }
 
   // The layer points to the weights.

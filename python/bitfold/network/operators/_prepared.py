@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""A layer with stored weights as one op, which plans and packs once for all its calls."""
+"""Layers as one op each, from stored tensors to stored tensors."""
 
 from __future__ import annotations
 
@@ -50,8 +50,20 @@ def can_be_prepared(arithmetic: Arithmetic, *stored: np.dtype) -> bool:
     )
 
 
+def arithmetic_keywords(arithmetic: Arithmetic) -> dict[str, Any]:
+    """Return what ops of stored integers are told of an arithmetic, exact within 32 bits."""
+    return dict(
+        accumulator_size=32 if arithmetic.accumulator_size is None else arithmetic.accumulator_size,
+        mult_shift=arithmetic.mult_shift,
+        use_fp16_acc=arithmetic.use_fp16_acc,
+    )
+
+
 class PreparedLayer:
-    """A layer of stored integers, in one arithmetic."""
+    """A layer of stored integers with stored weights, in one arithmetic.
+
+    It plans and packs once for all its calls.
+    """
 
     def __init__(
         self,
@@ -77,14 +89,14 @@ class PreparedLayer:
         if bias is None:
             bias = np.zeros(0, np.int64)
         bias = bias.astype(np.int64) if is_wide else narrowed(bias)
-        width = 32 if arithmetic.accumulator_size is None else arithmetic.accumulator_size
+        summed = arithmetic_keywords(arithmetic)
+        if is_wide:
+            summed["accumulator_size"] = _WIDE
         self._constants = (np.ascontiguousarray(weights), bias, multipliers)
         self._keywords = dict(
             dataclasses.asdict(placement),
-            accumulator_size=_WIDE if is_wide else width,
-            mult_shift=arithmetic.mult_shift,
-            use_fp16_acc=arithmetic.use_fp16_acc,
             constant_weights=True,
+            **summed,
             **stored,
         )
         self._tensors: tuple[tf.Tensor, ...] | None = None
