@@ -7,8 +7,8 @@
 
 #include "bitfold/int32_arithmetic.h"
 #include "chain/sum_output.h"
-#include "vector/quantise_half.h"
 #include "vector/target.h"
+#include "vector/whole_bits.h"
 
 namespace bitfold {
 namespace {

@@ -13,6 +13,7 @@
 #include "bitfold/warning.h"
 #include "chain/corrected_weights.h"
 #include "chain/engine.h"
+#include "chain/row_product.h"
 #include "frame/slots.h"
 
 namespace bitfold {
@@ -75,6 +76,7 @@ Rest RunEngine(const ConvolutionCall<T>& image, const CorrectedWeights<T>& weigh
 template <typename T>
 Rest Multiply(const MatMulCall<T>& call, int32_t batch_index, Workers* workers, Scratch* scratch) {
   if (call.rows < 1 || call.cols < 1 || call.inner < 1) return {};
+  if (call.rows == 1 && MultiplyRow(call, batch_index, workers, scratch)) return {true, false, {}};
   const ConvolutionCall<T> image = ConvolutionOf(call, batch_index);
   const WeightSign<T> sign(call.datapath.accumulator_size);
   if (!sign.NeedsCorrection(T{INT8_MAX})) {
