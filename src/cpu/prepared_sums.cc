@@ -55,7 +55,7 @@ PreparedSums<T>::PreparedSums(const PreparedLayer& layer, std::vector<T> weights
                                               layer.out_channels, WindowAxis(layer.rows.OfPadded()),
                                               WindowAxis(layer.columns.OfPadded()))),
       engine_(ConvolutionOf<T>(layer, &shift_), CorrectedWeights<T>{weights_.data(), corrects, {}},
-              KnownFacts{input, {}, Look::kFirst}, ChainSharing{workers, workers->AtOnce(), BlocksFor(workers)},
+              KnownFacts{input, {}}, ChainSharing{workers, workers->AtOnce(), BlocksFor(workers)},
               &memory_),
       slots_(workers->AtOnce()) {}
 
