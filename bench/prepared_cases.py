@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Prepared layers, from stored integers to stored integers.
 
-Those of bytes stand beside the stock ops of floats, those of sums of 64 bits beside the ops that they
-are one after the other.
+Those of bytes stand beside the stock ops of floats, those of sums of 64 bits beside the ops that
+they are one after the other.
 """
 
 from __future__ import annotations
