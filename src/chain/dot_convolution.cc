@@ -284,6 +284,8 @@ template class DotConvolution<int16_t, StoredOutput>;
                                                     const int32_t*);
 BITFOLD_INSTANTIATE(int32_t, SumOutput<int32_t>, int32_t)
 BITFOLD_INSTANTIATE(float, SumOutput<float>, float)
+BITFOLD_INSTANTIATE(int8_t, SumOutput<int32_t>, int32_t)
+BITFOLD_INSTANTIATE(int16_t, SumOutput<int32_t>, int32_t)
 BITFOLD_INSTANTIATE(int8_t, StoredOutput, int32_t)
 BITFOLD_INSTANTIATE(int8_t, StoredOutput, int16_t)
 BITFOLD_INSTANTIATE(int16_t, StoredOutput, int32_t)

@@ -49,7 +49,8 @@ void FillWide(Random* random, PreparedCase<In, Out>* c, Numbers numbers = Number
   }
   if (random->Between(0, 5) == 0) c->wide_bias.clear();
   c->mode.rescaling = random->Flag() ? Rescaling::kShortMultiplier : Rescaling::kOneRounding;
-  for (double& multiplier : c->multipliers) multiplier = DrawMultiplier(random, *c);
+  for (double& multiplier : c->multipliers)
+    multiplier = DrawMultiplier<Out>(random, c->mode, BitsOfSums(*c));
 }
 
 // ---- Worked examples ---------------------------------------------------------------------------
