@@ -123,7 +123,7 @@ def wraps_of(step: SummingStep, reference: SummingStep, harmless_from: int) -> W
     if corrected_weights(step) or _is_bias_narrowed(step):
         method = Method.CHAIN
     elif is_half:
-        is_exact = -_HALF_EXACT <= low and high <= _HALF_EXACT
+        is_exact = low >= -_HALF_EXACT and high <= _HALF_EXACT
         method = Method.NOTHING if is_exact else Method.CHAIN
     elif bits_of(low, high) <= width:
         method = Method.NOTHING

@@ -19,6 +19,7 @@ if TYPE_CHECKING:
     from bitfold import ops
     from bitfold.network.arithmetic import Arithmetic
     from bitfold.network.graph import Node, Tensor
+    from bitfold.network.operators._products import Products
 
 
 class Step(abc.ABC):
@@ -71,6 +72,11 @@ class SummingStep(Step):
     data: Tensor
     weights_tensor: Tensor | None = None
     bias_tensor: Tensor | None = None
+
+    @property
+    @abc.abstractmethod
+    def products(self) -> Products:
+        """What the sums are sums of, beside the bias."""
 
     @abc.abstractmethod
     def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:

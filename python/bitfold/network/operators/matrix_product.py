@@ -22,7 +22,8 @@ from bitfold.network.operators import _checks
 from bitfold.network.operators._accumulator import datapath, element_type
 from bitfold.network.operators._moves import need_elements
 from bitfold.network.operators._partial_sums import Chain
-from bitfold.network.operators._requantisation import Requantiser
+from bitfold.network.operators._products import Products
+from bitfold.network.operators._requantisation import Requantiser, stored_range
 from bitfold.network.operators._step import SummingStep
 
 # Products of a byte, with or without sign, and an int16: below 2^23, so that so many fit 32 bits.
@@ -80,6 +81,30 @@ class MatrixProduct(SummingStep):
     def multiply_adds(self) -> int:
         """Products for one image."""
         return math.prod(self._output_shape) * _shapes(self.node)[0][-1]
+
+    @property
+    def products(self) -> Products:
+        """What the sums are sums of: each output meets the rows of one matrix."""
+        second = self.node.inputs[1]
+        *others, rows, columns = _shapes(self.node)[1]
+        if second.is_constant:
+            weights = second.data.astype(np.int64) - second.zero_point
+            if _is_transposed(self.node, 1):
+                weights = weights.swapaxes(-1, -2)
+            least = greatest = weights.reshape(math.prod(others), 1, rows, columns)
+        else:
+            least, greatest = (
+                np.full((1, 1, rows, columns), limit - second.zero_point, np.int64)
+                for limit in stored_range(second.dtype)
+            )
+        return Products(
+            least,
+            greatest,
+            rows=np.eye(len(least), dtype=bool),
+            columns=np.ones((1, 1), bool),
+            is_wide=self._is_wide,
+            has_half_weights=True,
+        )
 
     @property
     def _output_shape(self) -> tuple[int, ...]:
