@@ -289,7 +289,7 @@ class Network:
         Returns:
             What a call gives, as numpy arrays.
         """
-        size = self._batch_size(batch_size)
+        size = self.batch_size(batch_size)
         parts = []
         with evaluation.progress("predict", self._count(x)) as advance:
             for part in evaluation.batches(x, size):
@@ -318,7 +318,7 @@ class Network:
         Raises:
             ValueError: for labels that do not fit.
         """
-        size = self._batch_size(batch_size)
+        size = self.batch_size(batch_size)
         with evaluation.progress("evaluate", self._count(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
 
@@ -340,6 +340,11 @@ class Network:
             name = called.get(node.split("/", 1)[0], node)
             found.setdefault(name, Counter()).update(counts)
         return {name: dict(counts) for name, counts in found.items()}
+
+    @property
+    def model_file(self) -> bytes:
+        """The model file that the network was read from."""
+        return self._model
 
     @property
     def steps(self) -> tuple[Step, ...]:
@@ -471,7 +476,12 @@ class Network:
         found = {int(place): value.numpy() for place, value in results.items()}
         return dict(sorted(found.items()))
 
-    def _batch_size(self, batch_size: int | None) -> int:
+    def batch_size(self, batch_size: int | None = None) -> int:
+        """Return how many images to compute at once: as given, or what keeps memory modest.
+
+        Raises:
+            ValueError: for a number below 1.
+        """
         if batch_size is None:
             shapes = [shape for layer in self.layers for shape in layer.output_shapes]
             return evaluation.default_batch_size(max((int(np.prod(s)) for s in shapes), default=1))

@@ -33,6 +33,11 @@ class Shard:
     index: int
     batches: list[tuple[Any, Any]]
 
+    @property
+    def images(self) -> int:
+        """How many images it holds."""
+        return sum(count_of(images) for images, _ in self.batches)
+
     def digest(self) -> str:
         """Return what tells these data from others."""
         found = hashlib.blake2b(digest_size=16)
@@ -52,11 +57,12 @@ class Data:
     Attributes:
         images: how many; None where that is not known beforehand.
         is_indexed: whether any shard is at hand at any time.
+        batch_size: images at once, of arrays.
     """
 
     def __init__(self, x: Any, y: Any, batch_size: int) -> None:
         """Take what `Network.evaluate` takes, or images alone."""
-        self._x, self._y, self._batch_size = x, y, batch_size
+        self._x, self._y, self.batch_size = x, y, batch_size
         self.images = evaluation.count_images(x)
         self.is_indexed = self.images is not None
         if y is not None:
@@ -77,7 +83,7 @@ class Data:
         """Yield the data in shards, always the same ones of arrays."""
         size = _DATASET_BATCHES
         if self.is_indexed:
-            size = max(1, -(-self.images // (self._batch_size * _SHARDS)))
+            size = max(1, -(-self.images // (self.batch_size * _SHARDS)))
         batches = self._batches()
         for index in itertools.count():
             part = list(itertools.islice(batches, size))
@@ -87,9 +93,9 @@ class Data:
 
     def _batches(self) -> Iterator[tuple[Any, Any]]:
         if self.is_indexed and self._y is None:
-            yield from ((images, None) for images in evaluation.batches(self._x, self._batch_size))
+            yield from ((images, None) for images in evaluation.batches(self._x, self.batch_size))
         elif self.has_labels:
-            yield from evaluation.pairs(self._x, self._y, self._batch_size)
+            yield from evaluation.pairs(self._x, self._y, self.batch_size)
         else:
             for element in self._x:
                 yield (element[0] if isinstance(element, tuple) else element), None
