@@ -469,7 +469,8 @@ class Network:
         kinds = tf.nest.map_structure(
             lambda state: tf.TensorSpec(np.shape(state), tf.as_dtype(state.dtype)), dict(states)
         )
-        return tf.function(run, input_signature=[self._signature, kinds]).get_concrete_function()
+        traced = tf.function(run, input_signature=[self._signature, kinds], autograph=False)
+        return traced.get_concrete_function()
 
     def _arrays(self, key: str, function: Callable, x: Any) -> dict[int, np.ndarray]:
         results = self._function(key, function)(*self._quantised(self._images(x)))

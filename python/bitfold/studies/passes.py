@@ -19,9 +19,9 @@ from typing import Any
 import numpy as np
 import tensorflow as tf
 
-from bitfold import ops
 from bitfold.network import Arithmetic, Network
 from bitfold.network.operators import SummingStep
+from bitfold.ops._partial_sums import PartialSums
 from bitfold.studies.data import Shard, count_of
 from bitfold.studies.metrics import Metric
 from bitfold.studies.records import Counts
@@ -255,7 +255,7 @@ class _Group:
         """What sums reach that none of the widths excludes."""
         return _limits(max(self.widths), self.reference.products.least.shape[-1])
 
-    def counts(self, inputs: Inputs, found: ops.PartialSums) -> dict[str, tf.Tensor]:
+    def counts(self, inputs: Inputs, found: PartialSums) -> dict[str, tf.Tensor]:
         """Return what becomes of the sums, by arithmetic."""
         exact = None
         seen = {}

@@ -26,9 +26,9 @@ from collections.abc import Sequence
 import numpy as np
 import tensorflow as tf
 
-from bitfold import ops
 from bitfold.network.operators import SummingStep
 from bitfold.network.operators._products import scaled
+from bitfold.ops._partial_sums import PartialSums
 from bitfold.studies.bounds import bits_of, layer_bounds
 
 _WIDEST = 32
@@ -70,7 +70,7 @@ class Wraps:
     def counts(
         self,
         inputs: Sequence[tf.Tensor | None],
-        found: ops.PartialSums,
+        found: PartialSums,
         place: int,
         sums: tf.Tensor | None = None,
         exact: tf.Tensor | None = None,

@@ -17,6 +17,7 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._windows import Axis
+from bitfold.ops._partial_sums import PartialSums
 
 # Partial sums, and whether one of them until now was outside.
 _State = tuple[tf.Tensor, tf.Tensor]
@@ -45,7 +46,7 @@ def partial_sums(
     mult_shift: int,
     accumulator_sizes: Sequence[int],
     known_extremes: tf.Tensor | None,
-) -> ops.PartialSums:
+) -> PartialSums:
     """Return what the partial sums of all parts reach, channels side by side."""
     found, first = [], 0
     for part in parts:
@@ -72,7 +73,7 @@ def partial_sums(
         first += channels
     if len(found) == 1:
         return found[0]
-    return ops.PartialSums(*(tf.concat(same, 1) for same in zip(*found, strict=True)))
+    return type(found[0])(*(tf.concat(same, 1) for same in zip(*found, strict=True)))
 
 
 def was_outside(

@@ -16,10 +16,10 @@ from typing import TYPE_CHECKING
 import tensorflow as tf
 
 if TYPE_CHECKING:
-    from bitfold import ops
     from bitfold.network.arithmetic import Arithmetic
     from bitfold.network.graph import Node, Tensor
     from bitfold.network.operators._products import Products
+    from bitfold.ops._partial_sums import PartialSums
 
 
 class Step(abc.ABC):
@@ -88,7 +88,7 @@ class SummingStep(Step):
         inputs: Sequence[tf.Tensor | None],
         accumulator_sizes: Sequence[int],
         known_extremes: tf.Tensor | None = None,
-    ) -> ops.PartialSums:
+    ) -> PartialSums:
         """Return what the partial sums of full width reach, with the arithmetic's shift.
 
         Args:

@@ -10,7 +10,6 @@ from collections.abc import Iterator, Sequence
 import numpy as np
 import tensorflow as tf
 
-from bitfold import ops
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks, _partial_sums
@@ -19,6 +18,7 @@ from bitfold.network.operators._partial_sums import Part
 from bitfold.network.operators._prepared import Placement, PreparedLayer, can_be_prepared
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
 from bitfold.network.operators._step import SummingStep
+from bitfold.ops._partial_sums import PartialSums
 
 
 def need_weights(what: str, filter: Tensor | None, outputs_axis: int, rank: int) -> Iterator[str]:
@@ -182,7 +182,7 @@ class WeightedStep(SummingStep):
         inputs: Sequence[tf.Tensor | None],
         accumulator_sizes: Sequence[int],
         known_extremes: tf.Tensor | None = None,
-    ) -> ops.PartialSums:
+    ) -> PartialSums:
         """Return what the partial sums of full width reach."""
         return _partial_sums.partial_sums(
             self.parts(inputs),

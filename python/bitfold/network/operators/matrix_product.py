@@ -25,6 +25,7 @@ from bitfold.network.operators._partial_sums import Chain
 from bitfold.network.operators._products import Products
 from bitfold.network.operators._requantisation import Requantiser, stored_range
 from bitfold.network.operators._step import SummingStep
+from bitfold.ops._partial_sums import PartialSums
 
 # Products of a byte, with or without sign, and an int16: below 2^23, so that so many fit 32 bits.
 _BYTES = 255
@@ -122,7 +123,7 @@ class MatrixProduct(SummingStep):
         inputs: Sequence[tf.Tensor | None],
         accumulator_sizes: Sequence[int],
         known_extremes: tf.Tensor | None = None,
-    ) -> ops.PartialSums:
+    ) -> PartialSums:
         """Return what the partial sums of full width reach."""
         first, second = self._operands(inputs)
         return ops.matmul_partial_sums(
