@@ -49,7 +49,7 @@ def accuracy(findings: Findings) -> Picture | None:
     def draw(figure: Figure, size: Size) -> None:
         canvas = Canvas(figure, size, 280 if size is NARROW else 370)
         axes = canvas.axes(46, 26, size.width - 62, canvas.height - 70)
-        axes.grid(color=colour("grid"), linewidth=0.7)
+        axes.grid(color=colour("grid"), linewidth=0.8)
         factor = 100 if words.is_percentage(findings.metric_name) else 1
         for curve in curves:
             _draw_curve(axes, curve, factor)

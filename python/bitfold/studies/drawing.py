@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the pictures of a report share: sizes, marks, colours by role, and SVG for a page.
 
-A picture is drawn in colours that each stand for a role; in its text the page's variables take their
+A picture is drawn in colours that each stand for a role; in its SVG the page's variables take their
 place, so that one drawing serves light and dark. Texts stay texts, in the page's font.
 """
 
@@ -29,7 +29,7 @@ SERIES = tuple(f"series-{i}" for i in range(1, 7))
 HEAT = tuple(f"heat-{i}" for i in range(1, 7))
 """Roles of shares, from the smallest; "heat-0" is that of none."""
 
-_ROLES = ("ink", "muted", "grid", "surface", *SERIES, "heat-0", *HEAT)
+_ROLES = ("ink", "muted", "grid", "rail", "surface", *SERIES, "heat-0", *HEAT)
 # A colour that no picture has otherwise, for each role.
 _COLOURS = {role: f"#0102{index:02x}" for index, role in enumerate(_ROLES)}
 
@@ -47,6 +47,15 @@ MARKS = {
     "tick": ("|", '<path d="M12 1v12" fill="none"/>'),
 }
 """Marks by name: as they are drawn, and as a key shows them."""
+
+# So that marks in the same place can be told apart: hollow ones show around others.
+_MARK_SIZES = {
+    ("circle", False): 7.5,
+    ("diamond", False): 7.5,
+    ("tick", False): 12,
+    ("diamond", True): 8.5,
+    ("square", True): 11,
+}
 
 DASHES = {"solid": "", "dashed": "5 2.5", "dotted": "1.5 2"}
 
@@ -144,7 +153,7 @@ class Canvas:
         )
         axes = self.figure.add_axes(place)
         axes.set_axisbelow(True)
-        axes.tick_params(length=0, pad=4)
+        axes.tick_params(which="both", pad=4, left=False, bottom=False)
         axes.spines[:].set_visible(False)
         return axes
 
@@ -183,30 +192,41 @@ def label_width(names: Sequence[str], size: Size) -> float:
 
 
 def draw_rows(canvas: Canvas, axes: Axes, names: Sequence[str], room: float) -> None:
-    """Give axes a row for each name, from the top, with a line along it."""
+    """Give axes a row for each name, from the top."""
     axes.set_ylim(len(names) - 0.5, -0.5)
     axes.set_yticks(range(len(names)), [canvas.fitted(name, room) for name in names])
-    axes.grid(axis="y", color=colour("grid"), linewidth=0.7)
+
+
+def draw_lines(axes: Axes, rows: Sequence[float], columns: Sequence[float], **style: Any) -> None:
+    """Draw lines along rows and columns of axes whose limits are set, as one shape."""
+    from matplotlib.patches import PathPatch
+    from matplotlib.path import Path
+
+    (left, right), (bottom, top) = axes.get_xlim(), axes.get_ylim()
+    points = [point for y in rows for point in ((left, y), (right, y))]
+    points += [point for x in columns for point in ((x, bottom), (x, top))]
+    codes = [Path.MOVETO, Path.LINETO] * (len(points) // 2)
+    axes.add_patch(PathPatch(Path(points, codes), fill=False, **style))
 
 
 def draw_marks(
     axes: Axes, places: Sequence[tuple[float, float]], entry: KeyEntry, zorder: float
 ) -> None:
     """Draw the marks that a key has an entry for."""
-    size = {"circle": 7, "tick": 11, "square": 8.5, "diamond": 7}.get(entry.mark, 7)
+    size = _MARK_SIZES.get((entry.mark, entry.is_hollow), 7)
     style = mark_style(entry.role, entry.mark, entry.is_hollow, size)
     axes.plot(*zip(*places, strict=True), ls="none", zorder=zorder, **style)
 
 
-def fill_cells(axes: Axes, cells: Sequence[tuple[int, int]], role: str) -> None:
-    """Fill cells of a grid, given by column and row, as one shape."""
+def fill_cells(axes: Axes, cells: Sequence[tuple[int, int, int]], role: str) -> None:
+    """Fill cells of a grid, given by row, first column and the column behind, as one shape."""
     from matplotlib.patches import PathPatch
     from matplotlib.path import Path
 
-    # A narrow seam of the page's own colour stays between cells.
-    x, y = 0.47, 0.44
-    corners = [(-x, -y), (x, -y), (x, y), (-x, y), (-x, -y)]
-    points = [(column + dx, row + dy) for column, row in cells for dx, dy in corners]
+    points = []
+    for row, first, end in cells:
+        left, right, top, bottom = first - 0.5, end - 0.5, row - 0.5, row + 0.5
+        points += [(left, top), (right, top), (right, bottom), (left, bottom), (left, top)]
     codes = [Path.MOVETO, Path.LINETO, Path.LINETO, Path.LINETO, Path.CLOSEPOLY] * len(cells)
     axes.add_patch(PathPatch(Path(points, codes), facecolor=colour(role), linewidth=0))
 
@@ -306,10 +326,21 @@ def _for_page(svg: bytes, key: str) -> str:
         element.attrib.clear()
         for name, value in attributes.items():
             _set(element, name.rpartition("}")[2], value, key, names)
+    _unwrap(root)
     root.attrib.clear()
     width, height = (svg.split(b'viewBox="0 0 ')[1].split(b'"')[0]).decode().split()
     root.set("viewBox", f"0 0 {_rounded(width)} {_rounded(height)}")
     return ElementTree.tostring(root, "unicode", short_empty_elements=True)
+
+
+def _unwrap(element: ElementTree.Element) -> None:
+    """Put the content of groups that say nothing in their place."""
+    children = []
+    for child in element:
+        _unwrap(child)
+        is_idle = child.tag in ("g", "defs") and not child.attrib
+        children += list(child) if is_idle and (child.tag == "g" or not len(child)) else [child]
+    element[:] = children
 
 
 def _set(element: ElementTree.Element, name: str, value: str, key: str, names: set[str]) -> None:

@@ -6,7 +6,7 @@ from __future__ import annotations
 
 import dataclasses
 import html as markup
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Iterator, Sequence
 
 from bitfold.studies import curves, pictures, rows, sentences, words
 from bitfold.studies.drawing import DASHES, MARKS, KeyEntry, Picture
@@ -66,7 +66,7 @@ def html(findings: Findings) -> str:
         "<header>",
         f"<h1>{markup.escape(title)}</h1>",
         _facts(findings),
-        *_paragraphs(sentences.overall(findings), is_result=True),
+        *_came_out(sentences.overall(findings)),
         '<nav aria-label="Contents"><ul>',
         *(f'<li><a href="#{s.name}">{markup.escape(s.title)}</a></li>' for s in sections),
         "</ul></nav>",
@@ -109,17 +109,15 @@ def _accuracy(findings: Findings) -> Iterator[str]:
     if picture is None:
         return
     name = words.printable(findings.metric_name or "metric")
-    yield from _paragraphs(
-        [
-            f"Each curve is the {name} of the network with all accumulators of one width. Where it "
-            "leaves the line of full width, accumulators have become too narrow; a shift makes "
-            "sums smaller and costs a little precision of each product."
-        ]
+    yield _paragraph(
+        f"Each curve is the {name} of the network with all accumulators of one width. Where it "
+        "leaves the line of full width, accumulators have become too narrow; a shift makes "
+        "sums smaller and costs a little precision of each product."
     )
     every = all_series(findings)
     said = [sentence for series in every for sentence in sentences.accuracy(findings, series)]
     said += sentences.shifts(findings, every)
-    yield from _paragraphs(said, is_result=True)
+    yield from _came_out(said)
     yield _figure(picture, f"{name} by accumulator width", " ".join(said))
     yield _details("The numbers, for each arithmetic", [rows.results(findings)])
 
@@ -127,13 +125,11 @@ def _accuracy(findings: Findings) -> Iterator[str]:
 def _wrong(findings: Findings) -> Iterator[str]:
     if not findings.results or not findings.layers:
         return
-    yield from _paragraphs(
-        [
-            "A cell is a layer in an accumulator; its colour is the share of the layer's sums that "
-            "are wrong. On the left each layer alone, fed by the full-width run; on the right all "
-            "layers together. A layer that is dark on the left wants a wider accumulator or a "
-            "shift; one that is dark only on the right suffers from layers before it."
-        ]
+    yield _paragraph(
+        "A cell is a layer in an accumulator; its colour is the share of the layer's sums that "
+        "are wrong. On the left each layer alone, fed by the full-width run; on the right all "
+        "layers together. A layer that is dark on the left wants a wider accumulator or a "
+        "shift; one that is dark only on the right suffers from layers before it."
     )
     every = all_series(findings)
     for index, series in enumerate(every):
@@ -161,12 +157,10 @@ def _other_maps(findings: Findings) -> Iterator[str]:
 
 
 def _bits(findings: Findings) -> Iterator[str]:
-    yield from _paragraphs(
-        [
-            "Each row is a layer at full width. The line goes from the bits that its sums needed "
-            "on this data to the bits that are proven for any data: between them lies what only "
-            "measurement can tell. A signed number of 8 bits goes from -128 to 127."
-        ]
+    yield _paragraph(
+        "Each row is a layer at full width. The line goes from the bits that its sums needed "
+        "on this data to the bits that are proven for any data: between them lies what only "
+        "measurement can tell. A signed number of 8 bits goes from -128 to 127."
     )
     said = sentences.bits(findings)
     tables = [rows.layers(findings)] if findings.layers else []
@@ -178,13 +172,11 @@ def _bits(findings: Findings) -> Iterator[str]:
 def _attributions(findings: Findings) -> Iterator[str]:
     if not findings.attributions:
         return
-    yield from _paragraphs(
-        [
-            "On the way from the float model to an arithmetic one cause after the other is "
-            "switched on, with all before it. The further right a mark, the nearer the layer's "
-            "output is to the float model's: 20 dB are an error of a tenth, 40 dB of a hundredth. "
-            "Between two curves lies what one cause costs."
-        ]
+    yield _paragraph(
+        "On the way from the float model to an arithmetic one cause after the other is "
+        "switched on, with all before it. The further right a mark, the nearer the layer's "
+        "output is to the float model's: 20 dB are an error of a tenth, 40 dB of a hundredth. "
+        "Between two curves lies what one cause costs."
     )
     for index, found in enumerate(findings.attributions):
         name = words.printable(found.name)
@@ -199,12 +191,10 @@ def _attributions(findings: Findings) -> Iterator[str]:
 def _searches(findings: Findings) -> Iterator[str]:
     if not findings.searches:
         return
-    yield from _paragraphs(
-        [
-            "The search takes the widths that are proven where they suffice, and else the "
-            "narrowest that were measured to keep the loss within the bound. Left of the bits "
-            "needed some sums are wrong, which the network forgives."
-        ]
+    yield _paragraph(
+        "The search takes the widths that are proven where they suffice, and else the "
+        "narrowest that were measured to keep the loss within the bound. A width below the "
+        "bits needed, less the shift, makes some sums wrong, which the network forgives."
     )
     for index, search in enumerate(findings.searches):
         loss = words.difference(findings, search.metric_loss)
@@ -223,6 +213,7 @@ def _arithmetics(findings: Findings) -> Iterator[str]:
         yield "<p>Studied beside full width, which is exact:</p>"
         yield "<ul>" + "\n".join(listed) + "</ul>"
     yield from map(_scrolled, tables)
+    yield _paragraph(f"The measurements took {words.seconds(findings.seconds)}.")
 
 
 def _arithmetic(result: Result) -> str:
@@ -253,19 +244,24 @@ def _facts(findings: Findings) -> str:
     return f'<dl class="facts">{items}</dl>'
 
 
-def _paragraphs(texts: Iterable[str], is_result: bool = False) -> list[str]:
-    """Return what to say: how to read a picture, or, marked, what it comes to."""
-    joined = markup.escape(" ".join(texts))
-    if not joined:
+def _paragraph(text: str) -> str:
+    return f"<p>{markup.escape(text)}</p>"
+
+
+def _came_out(texts: Sequence[str]) -> list[str]:
+    """Return what a picture comes to: a line for each sentence."""
+    if not texts:
         return []
-    return [f'<p class="result">{joined}</p>' if is_result else f"<p>{joined}</p>"]
+    return [
+        '<ul class="result">' + "".join(f"<li>{markup.escape(t)}</li>" for t in texts) + "</ul>"
+    ]
 
 
 def _described(
     picture: Picture | None, title: str, said: Sequence[str], tables: Sequence[Table]
 ) -> list[str]:
     """Return a picture with what it comes to above it and its numbers below."""
-    parts = _paragraphs(said, is_result=True)
+    parts = _came_out(said)
     if picture is not None:
         parts.append(_figure(picture, title, " ".join(said)))
     if tables:
@@ -289,10 +285,10 @@ def _figure(picture: Picture, title: str, said: str) -> str:
         for size, svg in (("wide", picture.wide), ("narrow", picture.narrow))
     ]
     key = "".join(f"<li>{_swatch(entry)}{markup.escape(entry.text)}</li>" for entry in picture.key)
-    caption = markup.escape(f"{title[:1].upper()}{title[1:]}.")
+    caption = markup.escape(f"{title[:1].upper()}{title[1:]}")
     return "\n".join(
-        ("<figure>", f'<ul class="key">{key}</ul>', *drawn,
-         f"<figcaption>{caption}</figcaption>", "</figure>")
+        ("<figure>", f"<figcaption>{caption}</figcaption>", f'<ul class="key">{key}</ul>', *drawn,
+         "</figure>")
     )  # fmt: skip
 
 

@@ -6,7 +6,7 @@ CSS = """
 :root {
   color-scheme: light dark;
   --surface: #ffffff; --raised: #f5f7f9; --ink: #17212b; --muted: #566573; --grid: #e1e6ea;
-  --accent: #00609c;
+  --rail: #c3ced6; --accent: #00609c;
   --series-1: #0072b2; --series-2: #d55e00; --series-3: #00805e; --series-4: #8a4b9e;
   --series-5: #b07800; --series-6: #b8336a;
   --heat-0: #edf1f3; --heat-1: #fde3c2; --heat-2: #fbc583; --heat-3: #f0944a;
@@ -15,7 +15,7 @@ CSS = """
 @media screen and (prefers-color-scheme: dark) {
   :root {
     --surface: #12181d; --raised: #1b232a; --ink: #e8edf1; --muted: #9fb0bd; --grid: #2b363f;
-    --accent: #6cbcf0;
+    --rail: #46545f; --accent: #6cbcf0;
     --series-1: #4db2ee; --series-2: #ff8a4a; --series-3: #35c79d; --series-4: #c79be0;
     --series-5: #e8bd45; --series-6: #f48bb4;
     --heat-0: #1e272d; --heat-1: #43281a; --heat-2: #703515; --heat-3: #a84a14;
@@ -32,34 +32,55 @@ header, main, footer { max-width: 52rem; margin: 0 auto; padding: 0 1.25rem; }
 header { padding-top: 2.5rem; }
 h1, h2, h3 { line-height: 1.25; text-wrap: balance; overflow-wrap: anywhere; }
 h1 { font-size: 1.9rem; margin: 0 0 .5rem; }
-h2 { font-size: 1.35rem; margin: 3rem 0 .5rem; padding-top: .75rem; border-top: 1px solid var(--grid); }
+h2 {
+  font-size: 1.35rem; margin: 3rem 0 .5rem; padding-top: 1rem; border-top: 1px solid var(--grid);
+}
 h3 { font-size: 1.05rem; margin: 2rem 0 .25rem; }
 p { margin: .5rem 0 1rem; max-width: 44rem; overflow-wrap: anywhere; }
-.result { border-left: 3px solid var(--accent); padding-left: .8rem; }
+.result {
+  border-left: 3px solid var(--accent); margin: 1rem 0; padding: 0 0 0 .9rem; max-width: 44rem;
+}
+ul.result { list-style: none; }
+ul.result li + li { margin-top: .35rem; }
+.result li { overflow-wrap: anywhere; }
 a { color: var(--accent); }
 .facts { display: flex; flex-wrap: wrap; gap: .75rem; margin: 1.5rem 0; padding: 0; }
-.facts div { flex: 1 1 9rem; background: var(--raised); border-radius: .5rem; padding: .7rem .9rem; }
+.facts div {
+  flex: 1 1 9rem; display: flex; flex-direction: column; justify-content: space-between;
+  background: var(--raised); border-radius: .5rem; padding: .7rem .9rem;
+}
 .facts dt { color: var(--muted); font-size: .85rem; line-height: 1.3; }
 .facts dd { margin: .15rem 0 0; font-size: 1.35rem; font-variant-numeric: tabular-nums; }
-nav ul { display: flex; flex-wrap: wrap; gap: .25rem 1.25rem; list-style: none; padding: 0; margin: 1rem 0; }
+nav ul {
+  display: flex; flex-wrap: wrap; gap: .25rem 1.25rem; list-style: none; padding: 0; margin: 1rem 0;
+}
 .words dt { font-weight: 600; margin-top: .6rem; }
 .words dd { margin: 0; max-width: 44rem; }
-figure { margin: 1.25rem 0; }
+figure { margin: 1.5rem 0 .75rem; }
 figure svg { display: block; width: 100%; height: auto; }
 figure svg * { stroke-linejoin: round; stroke-linecap: butt; }
 figure svg text { font-family: inherit; font-variant-numeric: tabular-nums; }
 .wide { max-width: 760px; }
 .narrow { display: none !important; }
-figcaption { color: var(--muted); font-size: .9rem; margin-top: .6rem; }
-.key { display: flex; flex-wrap: wrap; gap: .15rem 1.1rem; list-style: none; margin: 0 0 .6rem; padding: 0; font-size: .875rem; }
+figcaption { font-weight: 600; margin-bottom: .4rem; overflow-wrap: anywhere; }
+.key {
+  display: flex; flex-wrap: wrap; gap: .15rem 1.1rem; list-style: none;
+  margin: 0 0 .6rem; padding: 0; font-size: .875rem;
+}
 .key li { display: flex; align-items: center; gap: .4rem; }
 figure .key svg { width: 24px; height: 14px; flex: none; }
 .scroll { overflow-x: auto; margin: .75rem 0 1.25rem; }
 .scroll:focus-visible { outline: 2px solid var(--accent); }
-table { border-collapse: collapse; font-size: .875rem; line-height: 1.35; font-variant-numeric: tabular-nums; }
+table {
+  border-collapse: collapse; font-size: .875rem; line-height: 1.35;
+  font-variant-numeric: tabular-nums;
+}
 caption { text-align: left; color: var(--muted); padding: 0 0 .4rem; caption-side: top; }
 th, td { padding: .3rem .7rem .3rem 0; text-align: left; vertical-align: top; }
-thead th { vertical-align: bottom; font-weight: 600; color: var(--muted); border-bottom: 1px solid var(--muted); }
+thead th {
+  vertical-align: bottom; font-weight: 600; color: var(--muted);
+  border-bottom: 1px solid var(--muted);
+}
 thead th[scope=colgroup] { border-bottom: 1px solid var(--grid); }
 tbody th { font-weight: 500; overflow-wrap: anywhere; min-width: 8rem; max-width: 20rem; }
 tbody tr { border-bottom: 1px solid var(--grid); }

@@ -5,11 +5,12 @@
 from __future__ import annotations
 
 import bisect
+import itertools
 import math
 from collections.abc import Sequence
 from typing import TYPE_CHECKING
 
-from bitfold.studies import drawing
+from bitfold.studies import drawing, words
 from bitfold.studies.drawing import HEAT, NARROW, SERIES, Canvas, KeyEntry, Picture, Size, colour
 from bitfold.studies.records import Attribution, Counts, Findings, Narrowest, Result
 
@@ -23,6 +24,7 @@ _SHARES = ("up to 0.01%", "up to 0.1%", "up to 1%", "up to 10%", "up to 50%", "m
 _MANY_ROWS = 24
 _CELL = 46.0  # the widest column of a map
 _TOP, _BOTTOM = 26.0, 40.0
+_NO_ERROR, _NO_SIGNAL = words.decibels(math.inf), words.decibels(-math.inf)
 
 
 # ---- Wrong sums ----------------------------------------------------------------------------------
@@ -44,8 +46,8 @@ def wrong_sums(key: str, columns: Sequence[tuple[str, Result]], axis: str) -> Pi
         return None
 
     def draw(figure: Figure, size: Size) -> None:
-        top, bottom = _TOP + 20, _BOTTOM
-        canvas = Canvas(figure, size, top + len(names) * size.row + bottom)
+        top = 24 + (20 if len(names) > _MANY_ROWS else 0)
+        canvas = Canvas(figure, size, top + len(names) * size.row + _BOTTOM)
         room = drawing.label_width(names, size)
         gap, left = 18, room + 12
         width = min((size.width - left - gap - 6) / 2, _CELL * len(columns))
@@ -65,14 +67,22 @@ def wrong_sums(key: str, columns: Sequence[tuple[str, Result]], axis: str) -> Pi
 
 def _draw_map(axes: Axes, columns: Sequence[tuple[str, Result]], is_alone: bool) -> None:
     """Fill a cell for each layer and column, all cells of a colour as one shape."""
-    cells: dict[str, list[tuple[int, int]]] = {}
-    for x, (_, result) in enumerate(columns):
-        for y, layer in enumerate(result.layers):
-            counts = layer.alone if is_alone else layer.end_to_end
-            cells.setdefault(_heat(counts), []).append((x, y))
-    axes.set_xlim(-0.5, len(columns) - 0.5)
+    results = [result for _, result in columns]
+    axes.set_xlim(-0.5, len(results) - 0.5)
+    cells: dict[str, list[tuple[int, int, int]]] = {}
+    rows = len(results[0].layers)
+    for row in range(rows):
+        layers = [result.layers[row] for result in results]
+        heats = [_heat(layer.alone if is_alone else layer.end_to_end) for layer in layers]
+        column = 0
+        for role, run in itertools.groupby(heats):
+            end = column + len(list(run))
+            cells.setdefault(role, []).append((row, column, end))
+            column = end
     for role in sorted(cells):
         drawing.fill_cells(axes, cells[role], role)
+    seams = [i - 0.5 for i in range(rows + 1)], [i - 0.5 for i in range(len(results) + 1)]
+    drawing.draw_lines(axes, *seams, edgecolor=colour("surface"), linewidth=1.6, zorder=3)
 
 
 def _heat(counts: Counts) -> str:
@@ -147,7 +157,7 @@ def _rows_of_bits(
 
     def draw(figure: Figure, size: Size) -> None:
         many = len(names) > _MANY_ROWS
-        top = _TOP if many else 8
+        top = _TOP if many else 4
         canvas = Canvas(figure, size, top + len(names) * size.row + _BOTTOM)
         room = drawing.label_width(names, size)
         noted = max((drawing.text_width(note, size.font) for note in notes), default=0)
@@ -155,10 +165,12 @@ def _rows_of_bits(
         width = size.width - room - 24 - side
         axes = canvas.axes(room + 12, top, width, len(names) * size.row)
         drawing.draw_rows(canvas, axes, names, room)
-        axes.grid(axis="x", color=colour("grid"), linewidth=0.7)
-        for y, row in enumerate(zip(*values, strict=True)):
-            present = [value for value in row if value is not None]
-            axes.plot([min(present), max(present)], [y, y], color=colour("muted"), lw=1.6, zorder=1)
+        low, high = min(seen), max(seen)
+        axes.set_xlim(low - 0.7, high + 0.7)
+        ticks = drawing.whole_ticks(low, high, 6 if size is NARROW else 16)
+        axes.set_xticks(ticks)
+        _draw_grid(axes, len(names), ticks)
+        _draw_spans(axes, values)
         # What is hollow and large lies below.
         for order, (entry, of_entry) in enumerate(reversed([*zip(entries, values, strict=True)])):
             places = [(x, y) for y, x in enumerate(of_entry) if x is not None]
@@ -167,13 +179,22 @@ def _rows_of_bits(
         for y, note in enumerate(notes):
             if note:
                 canvas.text(size.width - 4, top + (y + 0.5) * size.row, note, align="right")
-        low, high = min(seen), max(seen)
-        axes.set_xlim(low - 0.7, high + 0.7)
-        axes.set_xticks(drawing.whole_ticks(low, high, 6 if size is NARROW else 16))
         axes.set_xlabel("bits")
         axes.tick_params(labeltop=many)
 
     return drawing.both_sizes(key, draw, entries)
+
+
+def _draw_grid(axes: Axes, rows: int, ticks: Sequence[float]) -> None:
+    drawing.draw_lines(axes, range(rows), ticks, edgecolor=colour("grid"), lw=0.8, zorder=0.5)
+
+
+def _draw_spans(axes: Axes, values: Sequence[Sequence[int | None]]) -> None:
+    """Join the first mark of each row with its last."""
+    for y, row in enumerate(zip(*values, strict=True)):
+        present = [value for value in row if value is not None]
+        if min(present) < max(present):
+            axes.plot([min(present), max(present)], [y, y], color=colour("rail"), lw=3.5, zorder=1)
 
 
 # ---- Attribution ---------------------------------------------------------------------------------
@@ -199,13 +220,15 @@ def attribution(key: str, findings: Findings, found: Attribution) -> Picture | N
 
     def draw(figure: Figure, size: Size) -> None:
         many = len(names) > _MANY_ROWS
-        top = _TOP if many else 8
+        top = _TOP if many else 4
         canvas = Canvas(figure, size, top + len(names) * size.row + _BOTTOM)
         room = drawing.label_width(names, size)
-        axes = canvas.axes(room + 12, top, size.width - room - 34, len(names) * size.row)
+        side = drawing.text_width(_NO_ERROR, size.font) / 2 if math.inf in known else 8
+        width = size.width - room - 16 - side
+        axes = canvas.axes(room + 12, top, width, len(names) * size.row)
         drawing.draw_rows(canvas, axes, names, room)
-        axes.grid(axis="x", color=colour("grid"), linewidth=0.7)
         _set_decibels(axes, finite, known, 5 if size is NARROW else 9)
+        _draw_grid(axes, len(names), axes.get_xticks())
         low, high = axes.get_xlim()
         for cause, entry in zip(found.causes, entries, strict=True):
             values = [cause.signal_to_error.get(name, math.nan) for name in names]
@@ -231,9 +254,9 @@ def _set_decibels(axes: Axes, finite: Sequence[float], known: set[float], most: 
     room = 1.2 * (ticks[1] - ticks[0])
     if math.inf in known:
         high += room
-        ticks, labels = [*ticks, high], [*labels, "no error"]
+        ticks, labels = [*ticks, high], [*labels, _NO_ERROR]
     if -math.inf in known:
         low -= room
-        ticks, labels = [low, *ticks], ["no signal", *labels]
+        ticks, labels = [low, *ticks], [_NO_SIGNAL, *labels]
     axes.set_xlim(low, high)
     axes.set_xticks(ticks, labels)

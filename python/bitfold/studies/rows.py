@@ -77,14 +77,13 @@ def overview(findings: Findings) -> Table:
         ("network", words.printable(findings.title)),
         ("images", words.count(findings.images)),
         ("layers with an accumulator", words.count(len(findings.layers))),
-        ("multiply-adds for one image", words.count(work)),
+        ("multiply-adds for one image", words.large(work)),
     ]
     name = findings.metric_name or "metric"
     if findings.metric is not None:
         rows.append((f"{name} at full width", words.metric(findings, findings.metric)))
     if findings.float_metric is not None:
         rows.append((f"{name} of the float model", words.metric(findings, findings.float_metric)))
-    rows.append(("measurements took", words.seconds(findings.seconds)))
     return Table("What was studied.", (Column("what"), Column("value")), tuple(rows))
 
 

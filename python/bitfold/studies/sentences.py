@@ -21,6 +21,11 @@ from bitfold.studies.series import Series, all_series, mean_width, width_of
 
 # A loss of a metric that most people would take.
 _SMALL_LOSS = 0.005
+_NAMES = {
+    "shift": "the shift",
+    "accumulator": "the accumulator",
+    "unit requantisation": "requantisation by the unit",
+}
 # A share of wrong sums that is worth being named.
 _NOTABLE = 0.01
 
@@ -99,7 +104,7 @@ def shifts(findings: Findings, every: Sequence[Series]) -> list[str]:
         return []
     width, negated, name = min(good)
     value = words.metric(findings, -negated)
-    return [f"The narrowest accumulator of all within it has {width} bits, with {name}: {value}."]
+    return [f"Of all, {width} bits with {name} are the narrowest that stay within it: {value}."]
 
 
 def wrong(findings: Findings, series: Series) -> list[str]:
@@ -110,14 +115,13 @@ def wrong(findings: Findings, series: Series) -> list[str]:
         return [f"With {series.name}, no sum is wrong at {min(widths)} bits or more."]
     result, name, counts = worst
     layer = next((layer for layer in findings.layers if layer.name == name), None)
-    need = f"{words.printable(name)} needs {layer.needed} bits; " if layer else ""
-    text = (
-        f"{need}with {series.name}, at {width_of(result)} bits {words.share(counts.wrong_share)} "
-        f"of its sums are wrong by its own doing"
-    )
     end = next(x.end_to_end for x in result.layers if x.name == name)
-    text += f", {words.share(end.wrong_share)} end to end."
-    return [text if layer else text[0].upper() + text[1:]]
+    need = f"needs {layer.needed} bits; at" if layer else "goes wrong: at"
+    return [
+        f"{words.printable(name)} {need} {width_of(result)} bits and {series.name} "
+        f"{words.share(counts.wrong_share)} of its sums are wrong alone, "
+        f"{words.share(end.wrong_share)} end to end."
+    ]
 
 
 def _worst(series: Series, more_than: float) -> tuple[Result, str, Counts] | None:
@@ -186,19 +190,20 @@ def causes(findings: Findings, attribution: Attribution) -> list[str]:
     for cause, value in known:
         losses.append((before - value, cause))
         before = value
-    changes = words.listed(
-        [
-            f"{cause} {'costs' if loss >= 0 else 'gains'} {words.difference(findings, loss)}"
-            for loss, cause in losses
-        ]
-    )
     metric = findings.metric_name or "metric"
-    text = f"On the way to {name}, of the {metric}, {changes}."
+    changes = [
+        f"{_NAMES.get(cause, cause)} {'costs' if loss >= 0 else 'gains'} "
+        f"{words.difference(findings, loss)}"
+        for loss, cause in losses
+    ]
+    text = f"Of the {metric}, on the way to {name}, {words.listed(changes)}."
     most, cause = max(losses)
     if most <= 0:
         return [f"{text} Nothing is lost."]
-    blame = "the conversion" if cause == "quantisation" else "the accelerator's numerics"
-    return [f"{text} The most is lost by {cause}: {blame}."]
+    is_conversion = cause == "quantisation"
+    blame = ("the conversion", "not the accelerator's numerics")
+    blame = blame if is_conversion else ("the accelerator's numerics", "not the conversion")
+    return [f"{text} The most is lost by {_NAMES.get(cause, cause)}: {', '.join(blame)}."]
 
 
 def _noise(attribution: Attribution) -> list[str]:
@@ -235,7 +240,7 @@ def chosen(findings: Findings, search: Narrowest) -> list[str]:
         f"{text}.",
         f"The {metric} with them is {words.metric(findings, search.metric)}, at full width "
         f"{words.metric(findings, search.reference)}.",
-        f"{words.some(proven, 'width')} of {len(widths)} hold by proof, the others by measurement; "
+        f"{proven} of {words.some(len(widths), 'width')} hold by proof, the others by measurement; "
         f"the search took {words.some(search.evaluations, 'evaluation')} and "
         f"{words.seconds(search.seconds)}.",
     ]

@@ -35,12 +35,15 @@ def print_findings(findings: Findings, file: TextIO | None = None) -> None:
     for sentence in sentences.overall(findings):
         console.print(sentence, markup=False, soft_wrap=True)
     for table in _tables(findings):
-        console.print()
+        console.print(f"\n{table.caption}", markup=False, soft_wrap=True)
         console.print(_drawn(table))
+    for layer in findings.layers:
+        for remark in layer.remarks:
+            console.print(f"{words.printable(layer.name)}: {remark}", markup=False, soft_wrap=True)
 
 
 def _tables(findings: Findings) -> list[Table]:
-    tables = [_shortened(rows.layers(findings))]
+    tables = [_without_remarks(rows.layers(findings))] if findings.layers else []
     if findings.results:
         tables.append(rows.results(findings))
     for series in all_series(findings):
@@ -51,14 +54,9 @@ def _tables(findings: Findings) -> list[Table]:
     return tables
 
 
-def _shortened(table: Table) -> Table:
-    """Return a table without the columns that are empty in every row."""
-    kept = [
-        index
-        for index in range(len(table.columns))
-        if not index or any(row[index] is not None for row in table.rows)
-    ]
-    return _with_columns(table, kept)
+def _without_remarks(table: Table) -> Table:
+    """Return a table without its remarks, which would fold into many lines."""
+    return _with_columns(table, [i for i, c in enumerate(table.columns) if c.heading != "remarks"])
 
 
 def _where_wrong(table: Table) -> Table:
@@ -80,9 +78,7 @@ def _with_columns(table: Table, kept: list[int]) -> Table:
 
 
 def _drawn(table: Table) -> rich_table.Table:
-    drawn = rich_table.Table(
-        title=escape(table.caption), title_justify="left", box=None, pad_edge=False
-    )
+    drawn = rich_table.Table(box=None, pad_edge=False)
     for column in table.columns:
         heading = f"{column.group}\n{column.heading}" if column.group else column.heading
         justify = "right" if column.is_number else "left"

@@ -72,7 +72,7 @@ def count(value: int) -> str:
 
 def large(value: int) -> str:
     """Return a whole number in short, as "5.2 million"."""
-    for size, word in ((10**9, "thousand million"), (10**6, "million")):
+    for size, word in ((10**9, "billion"), (10**6, "million")):
         if value >= size:
             return f"{value / size:.3g} {word}"
     return count(value)
@@ -121,9 +121,9 @@ FORMATS: Mapping[str, Callable[[Any], str]] = {
     "flag": lambda value: "yes" if value else "no",
     "share": share,
     "percent": lambda value: f"{100 * value:.2f}%",
-    "points": lambda value: f"{100 * value:+.2f}",
+    "points": lambda value: f"{round(100 * value, 2) or 0.0:+.2f}",
     "number": number,
-    "change": lambda value: f"{value:+.4g}",
+    "change": lambda value: f"{value or 0.0:+.4g}",
     "decibels": decibels,
 }
 """How values of a table's columns are written, by the column's kind."""
