@@ -6,18 +6,21 @@ from __future__ import annotations
 
 import dataclasses
 import hashlib
+import io
 import json
 import os
 import platform
-from collections.abc import Iterator, Mapping
-from typing import Any
+from collections.abc import Callable, Iterator, Mapping
+from typing import Any, TextIO
 
 import keras
 import numpy as np
 import tensorflow as tf
 
 from bitfold._frame.library import VERSION
-from bitfold.network import Network, evaluation
+from bitfold.network import Network, archive, evaluation
+from bitfold.studies import document, page, search, tables, terminal
+from bitfold.studies.bounds import Bounds, layer_bounds
 from bitfold.studies.data import Data, Shard
 from bitfold.studies.layers import bits_of_layer
 from bitfold.studies.metrics import Metric
@@ -29,6 +32,7 @@ from bitfold.studies.records import (
     Findings,
     LayerBits,
     LayerCounts,
+    Narrowest,
     Result,
 )
 from bitfold.studies.resuming import Parts
@@ -97,7 +101,7 @@ def study(
     parts = Parts(resume, _fingerprint(plan, data))
     example = _measure(plan, data, parts)
     findings = _found(plan, parts.tallies, example)
-    return Study(findings, _Subject(network, x, y, metric, float_model, batch_size))
+    return Study(findings, _Subject(network, x, y, metric, batch_size))
 
 
 @dataclasses.dataclass(frozen=True)
@@ -108,8 +112,30 @@ class _Subject:
     x: Any
     y: Any
     metric: Any
-    float_model: Any
     batch_size: int | None
+
+    def evaluate(self, network: Network) -> float:
+        """Return the metric of a network over all data."""
+        return network.evaluate(self.x, self.y, metric=self.metric, batch_size=self.batch_size)
+
+    def evaluation_of(self, images: int) -> Callable[[Network], float]:
+        """Return the same over the first images.
+
+        Raises:
+            ValueError: for a number below 1, and of a dataset.
+        """
+        if images < 1 or evaluation.count_images(self.x) is None:
+            raise ValueError(f"Need images >= 1 of arrays for a sample, got {images}")
+        x = next(evaluation.batches(self.x, images))
+        return dataclasses.replace(self, x=x, y=self.y[:images]).evaluate
+
+    def bounds(self, name: str, shift: int) -> Bounds:
+        """Return what is proven of a layer."""
+        steps = summing_steps(self.network)
+        layer = next(layer for layer in self.network.layers if layer.name == name)
+        step = steps[layer.position]
+        limits = np.iinfo(step.data.dtype)
+        return layer_bounds(step, int(limits.min), int(limits.max), shift)
 
 
 class Study:
@@ -152,6 +178,105 @@ class Study:
         if name not in self._findings.channels:
             raise ValueError(f"Need a layer of {list(self._findings.channels)}, got {name!r}")
         return self._findings.channels[name]
+
+    def narrowest(
+        self, metric_loss: float = 0.005, *, images: int | None = None, **options: Any
+    ) -> Narrowest:
+        """Search the narrowest accumulators with which the metric stays within a bound.
+
+        What is found joins the study's `findings`.
+
+        Args:
+            metric_loss: by how much the metric may be worse than at full width.
+            images: of which a sample is taken, the first so many; it can only reject, and saves
+                time where there are many. By default none.
+            **options: as `widths`, `shifts`, `larger_is_better`, `most_evaluations`: see
+                `bitfold.studies.search.narrowest`.
+
+        Returns:
+            A width, or a width and a shift, for each layer, measured together end to end.
+
+        Raises:
+            ValueError: without labels, for a study that was loaded from a file, for numbers that
+                cannot be used, and where no width is enough.
+        """
+        if self._subject is None:
+            raise ValueError(
+                "Need the network and its data for a search, got findings from a file; make the "
+                "study anew with bitfold.study"
+            )
+        if self._findings.metric is None:
+            raise ValueError("Need labels for a search, got a study without; give bitfold.study y")
+        found = search.narrowest(
+            full_width(self._subject.network),
+            self._findings.layers,
+            self._subject.evaluate,
+            metric_loss=metric_loss,
+            channels=self._findings.channels,
+            bounds=self._subject.bounds,
+            images=self._findings.images,
+            sample=None if images is None else self._subject.evaluation_of(images),
+            **options,
+        )
+        searches = (*self._findings.searches, found)
+        self._findings = dataclasses.replace(self._findings, searches=searches)
+        return found
+
+    def save(self, path: str | os.PathLike[str]) -> None:
+        """Write a report for people (.html) or all numbers for machines (.json).
+
+        Raises:
+            OSError: for a path that cannot be written.
+            ValueError: for another ending.
+        """
+        ending = os.path.splitext(path)[1].lower()
+        if ending not in (".html", ".json"):
+            raise ValueError(f"Need a path that ends in .html or .json, got {os.fspath(path)!r}")
+        write = page.html if ending == ".html" else document.to_json
+        archive.write(path, write(self._findings).encode())
+
+    @classmethod
+    def load(cls, path: str | os.PathLike[str]) -> Study:
+        """Read what `save` wrote as .json. All is there but the network, so nothing is searched.
+
+        Raises:
+            OSError: for a path that cannot be read.
+            ValueError: for a file that is damaged or of another kind.
+        """
+        with open(path, "rb") as file:
+            content = file.read()
+        try:
+            return cls(document.from_json(content.decode()))
+        except ValueError as error:
+            raise ValueError(
+                f"Need a .json file that Study.save wrote, got {os.fspath(path)}: {error}"
+            ) from None
+
+    def to_dataframe(self) -> Any:
+        """Return a data frame of pandas, a row for each layer and arithmetic.
+
+        Raises:
+            ImportError: where pandas is not installed.
+        """
+        return tables.to_dataframe(self._findings)
+
+    def print(self, file: TextIO | None = None) -> None:
+        """Print tables.
+
+        Args:
+            file: where to; standard output by default.
+        """
+        terminal.print_findings(self._findings, file)
+
+    def __repr__(self) -> str:
+        """Return the tables as plain lines."""
+        text = io.StringIO()
+        self.print(text)
+        return text.getvalue().rstrip()
+
+    def _repr_html_(self) -> str:
+        """Return the tables for a notebook."""
+        return tables.html_tables(self._findings)
 
 
 def _measure(plan: Plan, data: Data, parts: Parts) -> Any:
