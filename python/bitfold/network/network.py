@@ -336,6 +336,11 @@ class Network:
             found.setdefault(name, Counter()).update(counts)
         return {name: dict(counts) for name, counts in found.items()}
 
+    @property
+    def model_file(self) -> bytes:
+        """The model file that the network was read from."""
+        return self._model
+
     def as_layer(self, name: str | None = None) -> NetworkLayer:
         """Return a Keras layer that computes this network; it has no weights to train."""
         return NetworkLayer(self, name=name)
