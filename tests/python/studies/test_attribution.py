@@ -16,7 +16,7 @@ from bitfold.network import evaluation, model_file
 from bitfold.network.converter import convert_keras_to_floats
 from bitfold.network.kernels import FloatModel
 from bitfold.studies.attribution import attribute, causes_of
-from bitfold.studies.partners import float_file, partners_of
+from bitfold.studies.partners import partners_of
 
 LAYERS = ("first", "second", "third", "last")
 NARROW = {
