@@ -46,11 +46,13 @@ ul.result li + li { margin-top: .35rem; }
 a { color: var(--accent); }
 .facts { display: flex; flex-wrap: wrap; gap: .75rem; margin: 1.5rem 0; padding: 0; }
 .facts div {
-  flex: 1 1 9rem; display: flex; flex-direction: column; justify-content: space-between;
+  flex: 1 1 8.5rem; display: flex; flex-direction: column; justify-content: space-between;
   background: var(--raised); border-radius: .5rem; padding: .7rem .9rem;
 }
 .facts dt { color: var(--muted); font-size: .85rem; line-height: 1.3; }
-.facts dd { margin: .15rem 0 0; font-size: 1.35rem; font-variant-numeric: tabular-nums; }
+.facts dd {
+  margin: .15rem 0 0; font-size: 1.2rem; white-space: nowrap; font-variant-numeric: tabular-nums;
+}
 nav ul {
   display: flex; flex-wrap: wrap; gap: .25rem 1.25rem; list-style: none; padding: 0; margin: 1rem 0;
 }
