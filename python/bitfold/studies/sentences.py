@@ -144,10 +144,12 @@ def bits(findings: Findings) -> list[str]:
     if not layers:
         return ["No layer has an accumulator."]
     widest = max(layers, key=lambda layer: layer.needed)
+    most = f"; {words.printable(widest.name)} needs the most" if len(layers) > 1 else ""
+    everywhere = " in every layer" if len(layers) > 1 else ""
+    proven = max(layer.proven for layer in layers)
     said = [
-        f"{widest.needed} bits hold every sum that was seen; {words.printable(widest.name)} needs "
-        f"the most. {max(layer.proven for layer in layers)} bits are proven enough in every layer "
-        "for any input."
+        f"{widest.needed} bits hold every sum that was seen{most}. {proven} bits are proven "
+        f"enough{everywhere} for any input."
     ]
     if len(layers) > 1:
         least = min(layers, key=lambda layer: layer.needed)
