@@ -115,15 +115,20 @@ def elided(text: str, fits: Callable[[str], bool]) -> str:
     return "\N{HORIZONTAL ELLIPSIS}"
 
 
+def _signed(text: str) -> str:
+    """Return a number with its sign; none before what was rounded to zero."""
+    return text if text.strip("+-0.") else text[1:]
+
+
 FORMATS: Mapping[str, Callable[[Any], str]] = {
     "text": lambda value: printable(str(value)),
     "count": count,
     "flag": lambda value: "yes" if value else "no",
     "share": share,
     "percent": lambda value: f"{100 * value:.2f}%",
-    "points": lambda value: f"{round(100 * value, 2) or 0.0:+.2f}",
+    "points": lambda value: _signed(f"{100 * value:+.2f}"),
     "number": number,
-    "change": lambda value: f"{value or 0.0:+.4g}",
+    "change": lambda value: _signed(f"{value:+.4g}"),
     "decibels": decibels,
 }
 """How values of a table's columns are written, by the column's kind."""

@@ -100,7 +100,7 @@ def test_series_differ_in_their_width_alone():
         assert every["shift 2"].widths == made_findings.WIDTHS
         assert all(r.arithmetic.mult_shift == 2 for r in every["shift 2"].results)
         others = {result.name for result in series.other_results(found)}
-        assert others == {"half precision, shift 2", "needed bits by layer"}
+        assert others == {"half precision, shift 2", "a bit less by layer"}
 
 
 def test_mean_width_is_weighted():
