@@ -88,7 +88,7 @@ def test_texts_of_pictures_are_whole(shown, width):
             const where = svg.getAttribute('aria-label') + ': ' + texts[i].textContent;
             if (b.left < frame.left - 1 || b.right > frame.right + 1
                 || b.top < frame.top - 1 || b.bottom > frame.bottom + 1) bad.push('out ' + where);
-            if (b.height < 10) bad.push('small ' + where);
+            if (b.height < 9.5) bad.push('small ' + where);
             for (let j = 0; j < i; j++) {{
                 const c = boxes[j];
                 if (Math.min(b.right, c.right) - Math.max(b.left, c.left) > 0.5

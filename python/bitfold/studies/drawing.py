@@ -80,7 +80,7 @@ class Size:
 
 
 WIDE = Size("wide", 760, 230, 19, 12)
-NARROW = Size("narrow", 344, 116, 17, 10.5)
+NARROW = Size("narrow", 330, 112, 17, 10.5)
 
 
 @dataclasses.dataclass(frozen=True)

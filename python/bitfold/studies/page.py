@@ -12,7 +12,7 @@ from bitfold.studies import curves, pictures, rows, sentences, words
 from bitfold.studies import page_parts as parts
 from bitfold.studies.page_style import CSS
 from bitfold.studies.records import Findings, Result
-from bitfold.studies.series import all_series, describe, is_mixture, other_results
+from bitfold.studies.series import Series, all_series, describe, is_mixture, other_results
 
 _WORDS = (
     ("needed", "Bits that hold every final sum that was seen, as signed numbers."),
@@ -209,24 +209,33 @@ def _searches(findings: Findings) -> Iterator[str]:
 
 
 def _arithmetics(findings: Findings) -> Iterator[str]:
-    tables = [rows.versions(findings)] if findings.versions else []
-    if findings.results:
-        listed = [f"<li>{_arithmetic(result)}</li>" for result in findings.results]
-        yield "<p>Studied beside full width, which is exact:</p>"
-        yield "<ul>" + "\n".join(listed) + "</ul>"
-    yield from map(parts.scrolled, tables)
+    lines = [*map(_of_series, all_series(findings)), *map(_of_result, other_results(findings))]
+    if lines:
+        yield parts.paragraph("Studied beside full width, which is exact:")
+        items = (
+            f"<li>{markup.escape(words.printable(name))}: <code>{markup.escape(what)}</code></li>"
+            for name, what in lines
+        )
+        yield f"<ul>{''.join(items)}</ul>"
+    if findings.versions:
+        yield parts.scrolled(rows.versions(findings))
     yield parts.paragraph(f"The measurements took {words.seconds(findings.seconds)}.")
 
 
-def _arithmetic(result: Result) -> str:
-    """Return a result's arithmetic, as one would write it."""
-    if is_mixture(result):
-        kinds = sorted({describe(layer.arithmetic) for layer in result.layers})
-        what = f"by layer: {words.listed(kinds)}"
-    else:
-        what = repr(result.arithmetic)
-    name = words.printable(result.name)
-    return f"{markup.escape(name)}: <code>{markup.escape(what)}</code>"
+def _of_series(series: Series) -> tuple[str, str]:
+    """Return a series' name, and its arithmetic as one would write it."""
+    common = dataclasses.replace(series.results[0].arithmetic, accumulator_size=None)
+    others = repr(common).removeprefix("Arithmetic(").removesuffix(")")
+    widths = words.listed([str(width) for width in series.widths])
+    what = ", ".join(filter(None, ("accumulator_size=w", others)))
+    return series.name, f"Arithmetic({what}) for w = {widths}"
+
+
+def _of_result(result: Result) -> tuple[str, str]:
+    if not is_mixture(result):
+        return result.name, repr(result.arithmetic)
+    kinds = {describe(layer.arithmetic) for layer in result.layers}
+    return result.name, f"by layer: {words.listed(sorted(kinds)) or 'none'}"
 
 
 def _words() -> str:

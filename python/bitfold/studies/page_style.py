@@ -82,8 +82,12 @@ thead th {
   vertical-align: bottom; font-weight: 600; color: var(--muted);
   border-bottom: 1px solid var(--muted);
 }
-thead th[scope=colgroup] { border-bottom: 1px solid var(--grid); }
+thead th[scope=colgroup] { border-bottom: 1px solid var(--grid); text-align: center; }
 tbody th { font-weight: 500; overflow-wrap: anywhere; min-width: 8rem; max-width: 20rem; }
+tbody th, thead tr:first-child th:first-child {
+  position: sticky; left: 0; background: var(--surface);
+}
+td:not(.number) { min-width: 8rem; max-width: 24rem; }
 tbody tr { border-bottom: 1px solid var(--grid); }
 .number { text-align: right; white-space: nowrap; }
 thead .number { white-space: normal; }
@@ -107,7 +111,8 @@ footer { color: var(--muted); font-size: .9rem; padding-bottom: 3rem; }
   .narrow { display: none !important; }
   .scroll { overflow: visible; }
   table { font-size: 7.5pt; }
-  .facts div { border: 1px solid var(--grid); }
+  .facts div { border: 1px solid var(--grid); flex-basis: 6rem; }
+  .facts dd { font-size: 1rem; }
   * { -webkit-print-color-adjust: exact; print-color-adjust: exact; }
   details::details-content { content-visibility: visible; display: block; height: auto; }
 }

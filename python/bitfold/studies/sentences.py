@@ -19,8 +19,9 @@ from bitfold.studies.records import (
 )
 from bitfold.studies.series import Series, all_series, mean_width, width_of
 
-# A loss of a metric that most people would take.
-_SMALL_LOSS = 0.005
+SMALL_LOSS = 0.005
+"""A loss of a metric that most people would take."""
+
 _NAMES = {
     "shift": "the shift",
     "accumulator": "the accumulator",
@@ -69,10 +70,10 @@ def accuracy(findings: Findings, series: Series) -> list[str]:
     name = findings.metric_name or "metric"
     good = None
     for width, value in reversed(measured):
-        if not value >= findings.metric - _SMALL_LOSS:
+        if not value >= findings.metric - SMALL_LOSS:
             break
         good = width
-    loss = words.difference(findings, _SMALL_LOSS)
+    loss = words.difference(findings, SMALL_LOSS)
     if good is None:
         width, value = measured[-1]
         return [
@@ -98,7 +99,7 @@ def shifts(findings: Findings, every: Sequence[Series]) -> list[str]:
         (width, -(result.metric or 0), series.name)
         for series in every
         for width, result in zip(series.widths, series.results, strict=True)
-        if result.metric is not None and result.metric >= findings.metric - _SMALL_LOSS
+        if result.metric is not None and result.metric >= findings.metric - SMALL_LOSS
     ]
     if not good:
         return []

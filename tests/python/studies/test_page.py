@@ -206,7 +206,7 @@ def test_every_result_is_in_it(name):
     for result in findings.results:
         assert result.name in outline.texts
         assert f"{100 * result.metric:.2f}%" in outline.texts
-        assert f"{result.name}: " in outline.texts
+    assert "Arithmetic(accumulator_size=w, mult_shift=2) for w = 14" in " ".join(outline.texts)
     assert "2.21.0" in outline.texts
 
 
