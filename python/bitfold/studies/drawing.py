@@ -9,6 +9,7 @@ place, so that one drawing serves light and dark. Texts stay texts, in the page'
 from __future__ import annotations
 
 import dataclasses
+import functools
 import io
 import warnings
 from collections.abc import Callable, Iterator, Sequence
@@ -176,6 +177,7 @@ class Canvas:
         return words.elided(words.printable(text), lambda t: text_width(t, self.size.font) <= width)
 
 
+@functools.lru_cache(4096)
 def text_width(text: str, font: float) -> float:
     """Return how wide a text is."""
     from matplotlib.font_manager import FontProperties

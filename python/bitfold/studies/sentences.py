@@ -105,7 +105,8 @@ def shifts(findings: Findings, every: Sequence[Series]) -> list[str]:
         return []
     width, negated, name = min(good)
     value = words.metric(findings, -negated)
-    return [f"Of all, {width} bits with {name} are the narrowest that stay within it: {value}."]
+    loss = words.difference(findings, SMALL_LOSS)
+    return [f"Of all, {width} bits with {name} are the narrowest within {loss}: {value}."]
 
 
 def wrong(findings: Findings, series: Series) -> list[str]:
@@ -117,9 +118,10 @@ def wrong(findings: Findings, series: Series) -> list[str]:
     result, name, counts = worst
     layer = next((layer for layer in findings.layers if layer.name == name), None)
     end = next(x.end_to_end for x in result.layers if x.name == name)
-    need = f"needs {layer.needed} bits; at" if layer else "goes wrong: at"
+    unshifted = " unshifted" if layer and result.layers[0].arithmetic.mult_shift else ""
+    need = f"needs {layer.needed} bits{unshifted}; at" if layer else "goes wrong: at"
     return [
-        f"{words.printable(name)} {need} {width_of(result)} bits and {series.name} "
+        f"{words.printable(name)} {need} {width_of(result)} bits with {series.name}, "
         f"{words.share(counts.wrong_share)} of its sums are wrong alone, "
         f"{words.share(end.wrong_share)} end to end."
     ]

@@ -213,7 +213,7 @@ def test_every_result_is_in_it(name):
 def test_says_what_came_out():
     """The sentences have the findings' own numbers."""
     text = " ".join(_outline("small").texts)
-    assert "block_1_project needs 19 bits; at 16 bits and no shift 9.0% of its sums" in text
+    assert "block_1_project needs 19 bits; at 16 bits with no shift, 9.0% of its sums" in text
     assert "With no shift, 19 bits keep the accuracy within 0.5 percentage points" in text
     assert "The most is lost by the accumulator: the accelerator's numerics" in text
     assert "1 of 9 widths hold by proof" in text
