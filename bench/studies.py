@@ -21,6 +21,8 @@ from timing import interleaved
 IMAGES = {"mobilenet_v2": 4, "fashion": 64}
 WIDTHS = (24, 18, 16, 14)
 NETWORKS = tuple(IMAGES)
+# What a study does.
+BITS, COUNTS, END_TO_END = "bits", "bits and counts", "end to end"
 
 
 @dataclass(frozen=True)
@@ -29,13 +31,15 @@ class StudyTimes:
 
     Attributes:
         network: its name.
-        work: what a study does: its bits, or a width.
+        work: what the study does, in words.
+        kind: of work.
         evaluation_seconds: of the evaluation beside.
         study_seconds: of the study.
     """
 
     network: str
     work: str
+    kind: str
     evaluation_seconds: float
     study_seconds: float
 
@@ -65,9 +69,13 @@ def measure(name: str, budget: float) -> list[StudyTimes]:
     )
     evaluation = times["evaluation"]
     rows = [
-        StudyTimes(name, "bits of all layers, at full width", evaluation, times["bits"]),
+        StudyTimes(name, "bits of all layers at full width", BITS, evaluation, times["bits"]),
         StudyTimes(
-            name, f"the same with the counts of {len(WIDTHS)} widths", evaluation, times["counts"]
+            name,
+            f"the same and what {len(WIDTHS)} widths do alone",
+            COUNTS,
+            evaluation,
+            times["counts"],
         ),
     ]
     for i, setting in enumerate(plan.settings):
@@ -81,5 +89,5 @@ def measure(name: str, budget: float) -> list[StudyTimes]:
             budget,
         )
         work = f"{setting.name}, end to end"
-        rows.append(StudyTimes(name, work, times["evaluation"], times["study"]))
+        rows.append(StudyTimes(name, work, END_TO_END, times["evaluation"], times["study"]))
     return rows
