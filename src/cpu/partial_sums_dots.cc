@@ -64,7 +64,8 @@ class Layer {
     PackWeights();
     Bound();
     for (int32_t c = 0; c < windows.columns.outputs; ++c) {
-      taps.push_back(TapsInside(windows.columns, c));
+      const TapRange inside = TapsInside(windows.columns, c);
+      taps.push_back({inside.first, inside.count});
     }
   }
 
@@ -85,7 +86,7 @@ class Layer {
   const int32_t row_segments;
   std::vector<WeightVector> weights;  // [panel][row][word][column]
   std::vector<SegmentBounds> bounds;  // [panel][row][segment]
-  std::vector<TapRange> taps;         // of each column of outputs
+  std::vector<PixelTaps> taps;        // of each column of outputs
 
  private:
   void PackWeights() {
@@ -242,76 +243,45 @@ class Part {
     for (int32_t n = 0; n < place.panels; ++n) End(place, tile, end, n);
   }
 
-  // One pixel and panel of a tile, within a segment.
-  struct Spot {
-    int32_t segment;
-    int32_t n;
-    int32_t p;
-    TapRange taps;
-  };
-
   // A segment in which a panel's extremes or counts may change.
   void Change(const Place& place, const BorderTile& tile, int32_t segment, int32_t n) {
-    const SegmentBounds& bounds = tile.bounds[n * tile.bounds_panel + segment];
-    const int32_t* before = ExcessBefore(place, tile, segment, n);
-    const PanelRecord& panel = record_.panel(place.panel + n);
-    for (int32_t p = 0; p < place.pixels; ++p) {
-      SegmentSums sums;
-      const SegmentChange change =
-          layer_.loops.look({sums_.start[p][n], sums_.end[p][n], before, &bounds}, panel, &sums);
-      if (change == SegmentChange::kNone) continue;
-      const Spot spot = {segment, n, p, layer_.taps[static_cast<size_t>(place.column + p)]};
-      if (spot.taps.count == 0) continue;
-      if (change == SegmentChange::kCounts && CountWhole(place, spot, sums)) continue;
-      StepThrough(place, tile, spot, sums);
+    const int32_t row = segment / layer_.row_segments;
+    const int32_t word = segment % layer_.row_segments * layer_.segment_words;
+    const int32_t words = std::min(layer_.segment_words, layer_.words - word);
+    const int32_t first = word * kInWord;
+    const int64_t vector = (int64_t{row} * tile.words + word) * tile.taps;
+    const PixelTaps* const taps = &layer_.taps[static_cast<size_t>(place.column)];
+    const SegmentSpot spot = {tile.x + row * tile.x_row + first,
+                              tile.w + n * tile.w_panel + vector * kSumLanes,
+                              &tile.bounds[n * tile.bounds_panel + segment],
+                              ExcessBefore(place, tile, segment, n),
+                              taps,
+                              tile.x_pixel,
+                              tile.x_tap,
+                              n,
+                              place.pixels,
+                              words,
+                              tile.taps,
+                              std::min(words * kInWord, layer_.call.in_channels - first),
+                              row * layer_.call.in_channels + first,
+                              layer_.Offset(),
+                              IsPlain(taps, place.pixels, segment)};
+    const int32_t panel = place.panel + n;
+    CountedWidths counted = {nullptr, record_.widths(), record_.limits(), nullptr, 0};
+    if (counted.count != 0) {
+      counted.widths = &record_.width(panel, 0);
+      counted.counts = CountsOf(n, 0);
+      counted.pixel_counts = kBorderPanels * record_.widths();
     }
+    layer_.kernels.resolve(spot, sums_, &record_.panel(panel), counted);
   }
 
-  int32_t FirstChannel(int32_t segment) const {
-    return segment % layer_.row_segments * layer_.segment_words * kInWord;
-  }
-  int32_t ChannelsOf(int32_t segment) const {
-    return std::min(layer_.segment_words * kInWord,
-                    layer_.call.in_channels - FirstChannel(segment));
-  }
-  // The addends before a segment.
-  int32_t StepsBefore(const Spot& spot) const {
-    const int32_t row = spot.segment / layer_.row_segments;
-    return (row * layer_.call.in_channels + FirstChannel(spot.segment)) * spot.taps.count;
-  }
-
-  // Counts a segment whose partial sums are all on one side of each limit; false where not.
-  bool CountWhole(const Place& place, const Spot& spot, const SegmentSums& sums) {
-    const int32_t panel = place.panel + spot.n;
-    int32_t outside[kSumLanes];
-    for (int32_t i = 0; i < record_.widths(); ++i) {
-      if (!layer_.loops.is_whole(sums, record_.width(panel, i), outside)) return false;
-    }
-    for (int32_t i = 0; i < record_.widths(); ++i) {
-      WidthRecord& width = record_.width(panel, i);
-      layer_.loops.is_whole(sums, width, outside);
-      layer_.loops.count_whole(outside, ChannelsOf(spot.segment) * spot.taps.count,
-                               StepsBefore(spot), &width, CountsOf(spot.n, spot.p) + i);
+  // In the first segment taps may come before the first addend, and some pixels have none.
+  static bool IsPlain(const PixelTaps* taps, int32_t pixels, int32_t segment) {
+    for (int32_t p = 0; p < pixels; ++p) {
+      if (taps[p].count == 0 || (segment == 0 && taps[p].first != 0)) return false;
     }
     return true;
-  }
-
-  void StepThrough(const Place& place, const BorderTile& tile, const Spot& spot,
-                   const SegmentSums& sums) {
-    const int32_t row = spot.segment / layer_.row_segments;
-    const int32_t first = FirstChannel(spot.segment);
-    const int64_t vector = (int64_t{row} * tile.words + first / kInWord) * tile.taps;
-    const int32_t count = layer_.kernels.step(
-        {tile.x + spot.p * tile.x_pixel + row * tile.x_row + first,
-         tile.w + spot.n * tile.w_panel + vector * kSumLanes, tile.x_tap, layer_.Offset(),
-         ChannelsOf(spot.segment), tile.taps, spot.taps.first, spot.taps.first + spot.taps.count},
-        sums.start, partial_);
-    const StepSums steps = {partial_, count, StepsBefore(spot)};
-    const int32_t panel = place.panel + spot.n;
-    if (!layer_.loops.include(steps, record_.limits(), &record_.panel(panel))) return;
-    for (int32_t i = 0; i < record_.widths(); ++i) {
-      layer_.loops.count_steps(steps, &record_.width(panel, i), CountsOf(spot.n, spot.p) + i);
-    }
   }
 
   // Of the tile, of each width; all 0 at first.
@@ -333,7 +303,7 @@ class Part {
     const bool ends_outside = layer_.loops.end(&sums[0], place.pixels, &record_.panel(panel));
     if (!ends_outside && !is_counted_) return;
     for (int32_t p = 0; p < place.pixels; ++p) {
-      const TapRange taps = layer_.taps[static_cast<size_t>(place.column + p)];
+      const PixelTaps taps = layer_.taps[static_cast<size_t>(place.column + p)];
       const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
       record_.AddOutput(panel, sums[p], products, is_counted_ ? CountsOf(n, p) : nullptr);
     }
@@ -343,7 +313,6 @@ class Part {
   SumRecord record_;
   PackedRows<uint8_t> rows_;
   BorderSums sums_;
-  alignas(64) int32_t partial_[kMostSegmentSteps][kSumLanes];
   bool is_counted_ = false;
   std::vector<OutputCounts> counts_;  // of the tile: [pixel][panel][width]
 };
