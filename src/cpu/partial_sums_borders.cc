@@ -97,41 +97,84 @@ inline void Store(const Sums<P, N>& sums, int32_t (*to)[kBorderPanels][kSumLanes
   }
 }
 
+// Takes the ends into the record. Returns in which panels one is outside of a width.
 template <int P, int N>
-int32_t Advance(const BorderTile& tile, const PanelRecord* panels, int32_t first,
-                BorderSums* state) {
+inline uint32_t Finish(const BorderTile& tile, int32_t segments, PanelRecord* panels,
+                       Sums<P, N>* sums) {
+  uint32_t outside = 0;
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    const int32_t* from =
+        segments == 0 ? tile.excess[n] : tile.bounds[n * tile.bounds_panel + segments - 1].excess;
+    const Vector excess = _mm512_loadu_si512(from);
+    PanelRecord& panel = panels[n];
+    Vector least = _mm512_set1_epi32(INT32_MAX);
+    Vector greatest = _mm512_set1_epi32(INT32_MIN);
+    BITFOLD_UNROLL
+    for (int p = 0; p < P; ++p) {
+      const Vector sum = _mm512_sub_epi32(sums->v[p][n], excess);
+      sums->v[p][n] = sum;
+      least = _mm512_min_epi32(least, sum);
+      greatest = _mm512_max_epi32(greatest, sum);
+    }
+    const __mmask16 is_outside =
+        _mm512_cmplt_epi32_mask(least, _mm512_load_si512(panel.end_least)) |
+        _mm512_cmpgt_epi32_mask(greatest, _mm512_load_si512(panel.end_greatest));
+    outside |= is_outside != 0 ? 1u << n : 0u;
+    least = _mm512_min_epi32(least, _mm512_load_si512(panel.least_final));
+    greatest = _mm512_max_epi32(greatest, _mm512_load_si512(panel.greatest_final));
+    _mm512_store_si512(panel.least_final, least);
+    _mm512_store_si512(panel.greatest_final, greatest);
+  }
+  return outside;
+}
+
+template <int P, int N>
+int32_t Advance(const BorderTile& tile, PanelRecord* panels, int32_t first, BorderSums* state) {
   Sums<P, N> sums;
   Vector least[N];
   Vector greatest[N];
   BITFOLD_UNROLL
   for (int n = 0; n < N; ++n) {
-    least[n] = _mm512_load_si512(state->least[n]);
-    greatest[n] = _mm512_load_si512(state->greatest[n]);
+    const Vector excess = _mm512_loadu_si512(tile.excess[n]);
+    least[n] = first == 0 ? _mm512_setzero_si512() : _mm512_load_si512(state->least[n]);
+    greatest[n] = first == 0 ? _mm512_setzero_si512() : _mm512_load_si512(state->greatest[n]);
     BITFOLD_UNROLL
-    for (int p = 0; p < P; ++p) sums.v[p][n] = _mm512_load_si512(state->end[p][n]);
+    for (int p = 0; p < P; ++p) {
+      sums.v[p][n] = first == 0 ? excess : _mm512_load_si512(state->end[p][n]);
+    }
   }
   const int32_t of_row = tile.RowSegments();
-  const int32_t end = tile.Segments();
+  const int32_t end = tile.rows * of_row;
   int32_t segment = first;
+  int32_t row = first / of_row;
+  int32_t word = first % of_row * tile.segment_words;
+  const int32_t* w = tile.w + (int64_t{row} * tile.words + word) * tile.taps * kSumLanes;
   uint32_t changes = 0;
   for (; segment < end; ++segment) {
-    const int32_t row = segment / of_row;
-    const int32_t word = segment % of_row * tile.segment_words;
     const int32_t words = std::min(tile.segment_words, tile.words - word);
-    const int64_t taps_before = (int64_t{row} * tile.words + word) * tile.taps;
     Store<P, N>(sums, state->start);
-    AddSegment<P, N>(tile, tile.x + row * tile.x_row + word * 4, tile.w + taps_before * kSumLanes,
-                     words, &sums);
+    AddSegment<P, N>(tile, tile.x + row * tile.x_row + word * 4, w, words, &sums);
     changes =
         Changes<P, N>(sums, tile.bounds + segment, tile.bounds_panel, panels, least, greatest);
     if (changes != 0) break;
+    w += int64_t{words} * tile.taps * kSumLanes;
+    word += words;
+    if (word == tile.words) {
+      word = 0;
+      ++row;
+    }
+  }
+  if (segment == end) {
+    changes = Finish<P, N>(tile, end, panels, &sums);
+  } else {
+    BITFOLD_UNROLL
+    for (int n = 0; n < N; ++n) {
+      _mm512_store_si512(state->least[n], least[n]);
+      _mm512_store_si512(state->greatest[n], greatest[n]);
+    }
   }
   Store<P, N>(sums, state->end);
-  BITFOLD_UNROLL
-  for (int n = 0; n < N; ++n) {
-    _mm512_store_si512(state->least[n], least[n]);
-    _mm512_store_si512(state->greatest[n], greatest[n]);
-  }
   state->changes = changes;
   return segment;
 }

@@ -31,9 +31,10 @@ struct alignas(64) SegmentBounds {
 //   sum += dot product of the bytes x (no sign) and w (sign).
 // A segment is so many words of a row. Strides of x in bytes, of w in words.
 struct BorderTile {
-  const uint8_t* x;             // of pixel 0, the first row
-  const int32_t* w;             // [row][word][tap][lane] of panel 0, the first row
-  const SegmentBounds* bounds;  // of panel 0, the first segment of the first row
+  const uint8_t* x;                      // of pixel 0, the first row
+  const int32_t* w;                      // [row][word][tap][lane] of panel 0, the first row
+  const SegmentBounds* bounds;           // of panel 0, the first segment of the first row
+  const int32_t* excess[kBorderPanels];  // of each panel, before it
   int64_t x_pixel;
   int64_t x_row;
   int64_t x_tap;
@@ -95,9 +96,9 @@ struct CountedWidths {
 
 struct BorderKernels {
   // Goes on from segment `first` until the end of one that may change something, and returns its
-  // number, or the number of segments.
-  using Advance = int32_t (*)(const BorderTile&, const PanelRecord* panels, int32_t first,
-                              BorderSums*);
+  // number. Or to the end, and returns the number of segments: then it has taken the ends into the
+  // record, `end` is without excess, and `changes` says in which panels one is outside of a width.
+  using Advance = int32_t (*)(const BorderTile&, PanelRecord* panels, int32_t first, BorderSums*);
   int pixels[4];                      // largest first
   Advance advance[4][kBorderPanels];  // by panels - 1
   // Takes what happens inside of the segment into the record.

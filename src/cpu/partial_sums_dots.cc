@@ -22,8 +22,11 @@ constexpr int32_t kInWord = 4;
 constexpr int32_t kSegmentSteps = 12;  // about as many, in whole words
 constexpr int32_t kMostTaps = kMostSegmentSteps / kInWord;
 
+constexpr int32_t kNoExcess[kSumLanes] = {};
+
+// Of each lane four channels' weights.
 struct alignas(64) WeightVector {
-  int8_t bytes[kSumLanes][kInWord];
+  int32_t words[kSumLanes];
 };
 
 // The extremes that all threads have reached.
@@ -91,17 +94,21 @@ class Layer {
  private:
   void PackWeights() {
     weights.resize(static_cast<size_t>(layout.panels() * PanelVectors()));
-    const int8_t* from = call.filter;
-    for (int32_t kh = 0; kh < windows.rows.taps; ++kh) {
-      for (int32_t kw = 0; kw < windows.columns.taps; ++kw) {
-        for (int32_t ic = 0; ic < call.in_channels; ++ic, from += call.out_channels) {
-          const int64_t vector =
-              kh * RowVectors() + int64_t{ic} / kInWord * windows.columns.taps + kw;
-          for (int32_t p = 0; p < layout.panels(); ++p) {
-            WeightVector& to = weights[static_cast<size_t>(p * PanelVectors() + vector)];
-            const int32_t lanes = std::min(kSumLanes, call.out_channels - p * kSumLanes);
-            for (int32_t l = 0; l < lanes; ++l) to.bytes[l][ic % kInWord] = from[p * kSumLanes + l];
+    const int64_t outputs = call.out_channels;
+    const std::vector<int8_t> none(static_cast<size_t>(outputs));
+    for (int64_t kh = 0; kh < windows.rows.taps; ++kh) {
+      for (int64_t kw = 0; kw < windows.columns.taps; ++kw) {
+        const int8_t* tap =
+            call.filter + (kh * windows.columns.taps + kw) * call.in_channels * outputs;
+        for (int32_t word = 0; word < words; ++word) {
+          const int8_t* rows[kInWord];
+          for (int32_t c = 0; c < kInWord; ++c) {
+            const int32_t channel = word * kInWord + c;
+            rows[c] = channel < call.in_channels ? tap + channel * outputs : none.data();
           }
+          const int64_t vector = kh * RowVectors() + int64_t{word} * windows.columns.taps + kw;
+          loops.pack_words(rows, call.out_channels, PanelVectors() * kSumLanes,
+                           weights[static_cast<size_t>(vector)].words);
         }
       }
     }
@@ -133,10 +140,9 @@ class Layer {
         const int64_t vector =
             p * PanelVectors() + row * RowVectors() + int64_t{word} * windows.columns.taps;
         SegmentBounds& of = bounds[static_cast<size_t>(p * PanelSegments() + s)];
-        loops.bound(
-            {&weights[static_cast<size_t>(vector)].bytes[0][0], ranges.data() + word * kInWord,
-             std::min(segment_words, words - word), windows.columns.taps, Offset()},
-            before, &of);
+        loops.bound({weights[static_cast<size_t>(vector)].words, ranges.data() + word * kInWord,
+                     std::min(segment_words, words - word), windows.columns.taps, Offset()},
+                    before, &of);
         before = &of;
       }
     }
@@ -194,11 +200,14 @@ class Part {
   BorderTile TileAt(const Place& place, const uint8_t* rows) const {
     const SumWindows& windows = layer_.windows;
     BorderTile tile{};
+    tile.excess[0] = tile.excess[1] = kNoExcess;
+    tile.segment_words = layer_.segment_words;
+    tile.words = layer_.words;
     if (place.rows.count == 0) return tile;  // no addends
     tile.x = rows + windows.ColumnAt(place.column);
     const int64_t vector =
         place.panel * layer_.PanelVectors() + place.rows.first * layer_.RowVectors();
-    tile.w = reinterpret_cast<const int32_t*>(&layer_.weights[static_cast<size_t>(vector)]);
+    tile.w = layer_.weights[static_cast<size_t>(vector)].words;
     const int64_t segment =
         place.panel * layer_.PanelSegments() + int64_t{place.rows.first} * layer_.row_segments;
     tile.bounds = &layer_.bounds[static_cast<size_t>(segment)];
@@ -208,39 +217,26 @@ class Part {
     tile.w_panel = layer_.PanelVectors() * kSumLanes;
     tile.bounds_panel = layer_.PanelSegments();
     tile.rows = place.rows.count;
-    tile.words = layer_.words;
-    tile.segment_words = layer_.segment_words;
     tile.taps = windows.columns.taps;
+    for (int32_t n = 0; n < place.panels && place.rows.first != 0; ++n) {
+      tile.excess[n] = tile.bounds[n * tile.bounds_panel - 1].excess;
+    }
     return tile;
-  }
-
-  // What the bytes' offset has added before a segment of the tile.
-  const int32_t* ExcessBefore(const Place& place, const BorderTile& tile, int32_t segment,
-                              int32_t n) const {
-    static constexpr int32_t kNone[kSumLanes] = {};
-    const bool is_first = segment == 0 && place.rows.first == 0;
-    return is_first || tile.rows == 0 ? kNone
-                                      : tile.bounds[n * tile.bounds_panel + segment - 1].excess;
   }
 
   void RunTile(const Place& place, const uint8_t* rows, BorderKernels::Advance advance) {
     const BorderTile tile = TileAt(place, rows);
+    PanelRecord* const panels = &record_.panel(place.panel);
     is_counted_ = false;
-    for (int32_t n = 0; n < place.panels; ++n) {
-      const int32_t* excess = ExcessBefore(place, tile, 0, n);
-      std::fill_n(sums_.least[n], kSumLanes, 0);
-      std::fill_n(sums_.greatest[n], kSumLanes, 0);
-      for (int32_t p = 0; p < place.pixels; ++p) std::copy_n(excess, kSumLanes, sums_.end[p][n]);
-    }
-    const int32_t end = tile.rows == 0 ? 0 : tile.Segments();
-    for (int32_t segment = 0; segment < end; ++segment) {
-      segment = advance(tile, &record_.panel(place.panel), segment, &sums_);
-      if (segment == end) break;
+    for (int32_t next = 0;;) {
+      const int32_t segment = advance(tile, panels, next, &sums_);
+      if (segment == tile.Segments()) break;
       for (int32_t n = 0; n < place.panels; ++n) {
         if ((sums_.changes >> n & 1) != 0) Change(place, tile, segment, n);
       }
+      next = segment + 1;
     }
-    for (int32_t n = 0; n < place.panels; ++n) End(place, tile, end, n);
+    if (sums_.changes != 0 || is_counted_) AddOutputs(place);
   }
 
   // A segment in which a panel's extremes or counts may change.
@@ -250,11 +246,12 @@ class Part {
     const int32_t words = std::min(layer_.segment_words, layer_.words - word);
     const int32_t first = word * kInWord;
     const int64_t vector = (int64_t{row} * tile.words + word) * tile.taps;
+    const SegmentBounds* const bounds = &tile.bounds[n * tile.bounds_panel + segment];
     const PixelTaps* const taps = &layer_.taps[static_cast<size_t>(place.column)];
     const SegmentSpot spot = {tile.x + row * tile.x_row + first,
                               tile.w + n * tile.w_panel + vector * kSumLanes,
-                              &tile.bounds[n * tile.bounds_panel + segment],
-                              ExcessBefore(place, tile, segment, n),
+                              bounds,
+                              segment == 0 ? tile.excess[n] : (bounds - 1)->excess,
                               taps,
                               tile.x_pixel,
                               tile.x_tap,
@@ -293,19 +290,18 @@ class Part {
     return counts_.data() + (p * kBorderPanels + n) * record_.widths();
   }
 
-  void End(const Place& place, const BorderTile& tile, int32_t segments, int32_t n) {
-    const int32_t panel = place.panel + n;
-    const int32_t* excess = ExcessBefore(place, tile, segments, n);
-    int32_t sums[kBorderPixels][kSumLanes];
-    for (int32_t p = 0; p < place.pixels; ++p) {
-      for (int32_t l = 0; l < kSumLanes; ++l) sums[p][l] = sums_.end[p][n][l] - excess[l];
-    }
-    const bool ends_outside = layer_.loops.end(&sums[0], place.pixels, &record_.panel(panel));
-    if (!ends_outside && !is_counted_) return;
-    for (int32_t p = 0; p < place.pixels; ++p) {
-      const PixelTaps taps = layer_.taps[static_cast<size_t>(place.column + p)];
-      const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
-      record_.AddOutput(panel, sums[p], products, is_counted_ ? CountsOf(n, p) : nullptr);
+  void AddOutputs(const Place& place) {
+    for (int32_t n = 0; n < place.panels; ++n) {
+      for (int32_t p = 0; p < place.pixels; ++p) {
+        const PixelTaps taps = layer_.taps[static_cast<size_t>(place.column + p)];
+        const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
+        const OutputCounts* const counts = is_counted_ ? CountsOf(n, p) : nullptr;
+        for (int32_t i = 0; i < record_.widths(); ++i) {
+          layer_.loops.add_output({sums_.end[p][n], counts == nullptr ? nullptr : counts + i,
+                                   static_cast<int32_t>(products), record_.has_bias()},
+                                  &record_.width(place.panel + n, i));
+        }
+      }
     }
   }
 

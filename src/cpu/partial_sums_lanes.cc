@@ -152,7 +152,11 @@ class Part {
         layer_.loops.count[layer_.call.is_depthwise](of_pixel, &record_.width(p, i),
                                                      &counts_[static_cast<size_t>(i)]);
       }
-      record_.AddOutput(p, ranges.sums[pixel], tile.Products(), counts_.data());
+      for (int32_t i = 0; i < record_.widths(); ++i) {
+        layer_.loops.add_output({ranges.sums[pixel], &counts_[static_cast<size_t>(i)],
+                                 static_cast<int32_t>(tile.Products()), record_.has_bias()},
+                                &record_.width(p, i));
+      }
     }
   }
 

@@ -18,7 +18,7 @@ namespace {
   SummedLoops {                                                                          \
     {{BITFOLD_RANGES_OF(1, false), BITFOLD_RANGES_OF(1, true)},                          \
      {BITFOLD_RANGES_OF(kSummedPixels, false), BITFOLD_RANGES_OF(kSummedPixels, true)}}, \
-        {Count<false>, Count<true>}, Record, ChannelRanges, Bound, End                   \
+        {Count<false>, Count<true>}, Record, ChannelRanges, Bound, PackWords, AddOutput  \
   }
 #include "vector/vector_loops.inc"
 #undef BITFOLD_RANGES_OF

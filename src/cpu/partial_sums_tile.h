@@ -50,11 +50,20 @@ struct ChannelRange {
 // The weights of a segment and a panel, [word][tap][lane] of four channels each, and the numbers
 // that they meet, less the offset that the bytes have.
 struct SegmentWeights {
-  const int8_t* weights;
+  const int32_t* words_of_weights;
   const ChannelRange* ranges;
   int32_t words;
   int32_t taps;
   int32_t offset;
+};
+
+// An output of each lane: how it ended, after so many products, and what was counted on its way, or
+// null.
+struct EndedOutput {
+  const int32_t* sums;
+  const OutputCounts* counts;
+  int32_t products;
+  bool has_bias;  // the last addend
 };
 
 struct SummedLoops {
@@ -72,8 +81,10 @@ struct SummedLoops {
                          int8_t* greatest);
   // `before` is the segment before, or null.
   void (*bound)(const SegmentWeights&, const SegmentBounds* before, SegmentBounds*);
-  // Takes the ends of so many pixels; returns whether one is outside of a width.
-  bool (*end)(const int32_t (*sums)[kSumLanes], int pixels, PanelRecord*);
+  // Puts four rows of numbers together as words, by panels.
+  void (*pack_words)(const int8_t* const* rows, int32_t columns, int64_t panel, int32_t* words);
+  // Adds an output of one width.
+  void (*add_output)(const EndedOutput&, WidthRecord*);
 };
 
 // For the target in use.
