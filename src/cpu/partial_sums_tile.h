@@ -13,7 +13,9 @@
 
 namespace bitfold {
 
-inline constexpr int kSummedPixels = 4;  // columns of outputs in a tile, or 1
+// Columns of outputs in a tile, largest first.
+inline constexpr int kSummedPixels[] = {8, 4, 2, 1};
+inline constexpr int kMostSummedPixels = 8;
 
 // The chains: for each row, for each channel, for each tap an addend x * w, divided by 2^shift,
 // where x is one number for all lanes or, depthwise, one for each. Strides are in numbers; that of
@@ -35,10 +37,10 @@ struct SummedTile {
 };
 
 // Of each pixel and lane: the sum, the least and the greatest partial sum.
-struct TileRanges {
-  int32_t sums[kSummedPixels][kSumLanes];
-  int32_t least[kSummedPixels][kSumLanes];
-  int32_t greatest[kSummedPixels][kSumLanes];
+struct alignas(64) TileRanges {
+  int32_t sums[kMostSummedPixels][kSumLanes];
+  int32_t least[kMostSummedPixels][kSumLanes];
+  int32_t greatest[kMostSummedPixels][kSumLanes];
 };
 
 // What a channel's numbers lie within; 0 is among them.
@@ -68,7 +70,7 @@ struct EndedOutput {
 
 struct SummedLoops {
   using Ranges = void (*)(const SummedTile&, TileRanges*);
-  Ranges ranges[2][2][2];  // by whether kSummedPixels, depthwise, shift != 0
+  Ranges ranges[4][2][2];  // by the number of pixels, whether depthwise, shift != 0
   // Counts the partial sums of pixel 0 that are outside, and the first step with one; `counts` has
   // been cleared.
   void (*count[2])(const SummedTile&, WidthRecord*, OutputCounts*);  // by whether depthwise
