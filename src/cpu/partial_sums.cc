@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
 #include <type_traits>
 #include <vector>
@@ -120,18 +121,30 @@ bool HasPlainWindows(const PartialSumsCall<In, Weight>& call) {
   return numbers <= std::max(kSmall, 8 * call.InputElements());
 }
 
-// Whether 16 bits hold the factors and 32 bits all sums.
+// The largest magnitude that the type allows.
+template <typename T>
+int64_t LargestOfType(int32_t zero_point) {
+  return std::max(int64_t{std::numeric_limits<T>::max()} - zero_point,
+                  zero_point - int64_t{std::numeric_limits<T>::min()});
+}
+
+// Whether 16 bits hold the factors and 32 bits all sums. The numbers are looked at only where their
+// types do not say so; of bytes as data any is taken for possible, as with their offset it is.
 template <typename In, typename Weight>
 bool IsNarrow(const PartialSumsCall<In, Weight>& call) {
   constexpr int64_t kMostFactor = INT16_MAX;
   constexpr int64_t kMostSum = int64_t{1} << 30;
-  const int64_t numbers = call.batch * call.InputElements();
-  // Of bytes any: with their offset they have 8 bits.
-  const int64_t data = std::is_same_v<In, int8_t>
-                           ? UINT8_MAX
-                           : LargestMagnitude(call.input, numbers, call.input_zero_point);
-  const int64_t weights =
-      LargestMagnitude(call.filter, call.FilterElements(), call.filter_zero_point);
+  const bool is_bytes = std::is_same_v<In, int8_t>;
+  int64_t data = is_bytes ? UINT8_MAX : LargestOfType<In>(call.input_zero_point);
+  int64_t weights = LargestOfType<Weight>(call.filter_zero_point);
+  const int64_t products = call.FilterElements() / call.out_channels;
+  if (data <= kMostFactor && weights <= kMostFactor && products < kMostSum / (data * weights)) {
+    return true;
+  }
+  if (!is_bytes) {
+    data = LargestMagnitude(call.input, call.batch * call.InputElements(), call.input_zero_point);
+  }
+  weights = LargestMagnitude(call.filter, call.FilterElements(), call.filter_zero_point);
   if (data > kMostFactor || weights > kMostFactor) return false;
   return data * LargestWeightSum(call) < kMostSum;
 }

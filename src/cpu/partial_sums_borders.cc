@@ -97,61 +97,293 @@ inline void Store(const Sums<P, N>& sums, int32_t (*to)[kBorderPanels][kSumLanes
   }
 }
 
+// Takes the ends into the record. Returns in which panels one is outside of a width.
 template <int P, int N>
-int32_t Advance(const BorderTile& tile, const PanelRecord* panels, int32_t first,
-                BorderSums* state) {
+inline uint32_t Finish(const BorderTile& tile, int32_t segments, PanelRecord* panels,
+                       Sums<P, N>* sums) {
+  uint32_t outside = 0;
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    const int32_t* from =
+        segments == 0 ? tile.excess[n] : tile.bounds[n * tile.bounds_panel + segments - 1].excess;
+    const Vector excess = _mm512_loadu_si512(from);
+    PanelRecord& panel = panels[n];
+    Vector least = _mm512_set1_epi32(INT32_MAX);
+    Vector greatest = _mm512_set1_epi32(INT32_MIN);
+    BITFOLD_UNROLL
+    for (int p = 0; p < P; ++p) {
+      const Vector sum = _mm512_sub_epi32(sums->v[p][n], excess);
+      sums->v[p][n] = sum;
+      least = _mm512_min_epi32(least, sum);
+      greatest = _mm512_max_epi32(greatest, sum);
+    }
+    const __mmask16 is_outside =
+        _mm512_cmplt_epi32_mask(least, _mm512_load_si512(panel.end_least)) |
+        _mm512_cmpgt_epi32_mask(greatest, _mm512_load_si512(panel.end_greatest));
+    outside |= is_outside != 0 ? 1u << n : 0u;
+    least = _mm512_min_epi32(least, _mm512_load_si512(panel.least_final));
+    greatest = _mm512_max_epi32(greatest, _mm512_load_si512(panel.greatest_final));
+    _mm512_store_si512(panel.least_final, least);
+    _mm512_store_si512(panel.greatest_final, greatest);
+  }
+  return outside;
+}
+
+template <int P, int N>
+int32_t Advance(const BorderTile& tile, PanelRecord* panels, int32_t first, BorderSums* state) {
   Sums<P, N> sums;
   Vector least[N];
   Vector greatest[N];
   BITFOLD_UNROLL
   for (int n = 0; n < N; ++n) {
-    least[n] = _mm512_load_si512(state->least[n]);
-    greatest[n] = _mm512_load_si512(state->greatest[n]);
+    const Vector excess = _mm512_loadu_si512(tile.excess[n]);
+    least[n] = first == 0 ? _mm512_setzero_si512() : _mm512_load_si512(state->least[n]);
+    greatest[n] = first == 0 ? _mm512_setzero_si512() : _mm512_load_si512(state->greatest[n]);
     BITFOLD_UNROLL
-    for (int p = 0; p < P; ++p) sums.v[p][n] = _mm512_load_si512(state->end[p][n]);
+    for (int p = 0; p < P; ++p) {
+      sums.v[p][n] = first == 0 ? excess : _mm512_load_si512(state->end[p][n]);
+    }
   }
   const int32_t of_row = tile.RowSegments();
-  const int32_t end = tile.Segments();
+  const int32_t end = tile.rows * of_row;
   int32_t segment = first;
+  int32_t row = first / of_row;
+  int32_t word = first % of_row * tile.segment_words;
+  const int32_t* w = tile.w + (int64_t{row} * tile.words + word) * tile.taps * kSumLanes;
   uint32_t changes = 0;
   for (; segment < end; ++segment) {
-    const int32_t row = segment / of_row;
-    const int32_t word = segment % of_row * tile.segment_words;
     const int32_t words = std::min(tile.segment_words, tile.words - word);
-    const int64_t taps_before = (int64_t{row} * tile.words + word) * tile.taps;
     Store<P, N>(sums, state->start);
-    AddSegment<P, N>(tile, tile.x + row * tile.x_row + word * 4, tile.w + taps_before * kSumLanes,
-                     words, &sums);
+    AddSegment<P, N>(tile, tile.x + row * tile.x_row + word * 4, w, words, &sums);
     changes =
         Changes<P, N>(sums, tile.bounds + segment, tile.bounds_panel, panels, least, greatest);
     if (changes != 0) break;
+    w += int64_t{words} * tile.taps * kSumLanes;
+    word += words;
+    if (word == tile.words) {
+      word = 0;
+      ++row;
+    }
+  }
+  if (segment == end) {
+    changes = Finish<P, N>(tile, end, panels, &sums);
+  } else {
+    BITFOLD_UNROLL
+    for (int n = 0; n < N; ++n) {
+      _mm512_store_si512(state->least[n], least[n]);
+      _mm512_store_si512(state->greatest[n], greatest[n]);
+    }
   }
   Store<P, N>(sums, state->end);
-  BITFOLD_UNROLL
-  for (int n = 0; n < N; ++n) {
-    _mm512_store_si512(state->least[n], least[n]);
-    _mm512_store_si512(state->greatest[n], greatest[n]);
-  }
   state->changes = changes;
   return segment;
 }
 
-int32_t Step(const SegmentSteps& steps, const int32_t* sums, int32_t (*partial)[kSumLanes]) {
-  Vector sum = _mm512_loadu_si512(sums);
-  int32_t count = 0;
-  for (int32_t c = 0; c < steps.channels; ++c) {
-    const uint8_t* const x = steps.x + c;
-    const int32_t* const w = steps.w + int64_t{c / 4} * steps.taps * kSumLanes;
-    const __m128i up = _mm_cvtsi32_si128(24 - c % 4 * 8);
-    for (int32_t t = steps.first_tap; t < steps.end_tap; ++t) {
-      const Vector word = _mm512_loadu_si512(w + t * kSumLanes);
-      const Vector weight = _mm512_srai_epi32(_mm512_sll_epi32(word, up), 24);
-      const Vector number = _mm512_set1_epi32(x[t * steps.x_tap] - steps.offset);
-      sum = _mm512_add_epi32(sum, _mm512_mullo_epi32(weight, number));
-      _mm512_store_si512(partial[count++], sum);
+// ---- Inside of a segment -----------------------------------------------------------------------
+
+// What the partial sums of a segment lie within.
+struct Span {
+  Vector start;
+  Vector bottom;
+  Vector top;
+};
+
+inline Span SpanOf(const SegmentSpot& spot, const BorderSums& sums, int32_t p) {
+  const Vector start = _mm512_sub_epi32(_mm512_load_si512(sums.start[p][spot.panel]),
+                                        _mm512_loadu_si512(spot.excess_before));
+  const Vector end = _mm512_sub_epi32(_mm512_load_si512(sums.end[p][spot.panel]),
+                                      _mm512_load_si512(spot.bounds->excess));
+  return {start,
+          _mm512_sub_epi32(_mm512_min_epi32(start, end), _mm512_load_si512(spot.bounds->below)),
+          _mm512_add_epi32(_mm512_max_epi32(start, end), _mm512_load_si512(spot.bounds->above))};
+}
+
+inline bool IsBeyond(Vector low, Vector high, Vector least, Vector greatest) {
+  return (_mm512_cmplt_epi32_mask(low, least) | _mm512_cmpgt_epi32_mask(high, greatest)) != 0;
+}
+
+inline bool MayExtend(const Span& span, const PanelRecord& panel) {
+  return IsBeyond(span.bottom, span.top, _mm512_load_si512(panel.least),
+                  _mm512_load_si512(panel.greatest));
+}
+
+inline void Extend(Vector low, Vector high, const SumLimits& limits, PanelRecord* panel) {
+  const Vector least = _mm512_min_epi32(low, _mm512_load_si512(panel->least));
+  const Vector greatest = _mm512_max_epi32(high, _mm512_load_si512(panel->greatest));
+  _mm512_store_si512(panel->least, least);
+  _mm512_store_si512(panel->greatest, greatest);
+  _mm512_store_si512(panel->quiet_least, _mm512_max_epi32(least, _mm512_set1_epi32(limits.low)));
+  _mm512_store_si512(panel->quiet_greatest,
+                     _mm512_min_epi32(greatest, _mm512_set1_epi32(limits.high)));
+}
+
+// The weights of a channel of a word.
+inline Vector WeightOf(Vector word, __m128i up) {
+  return _mm512_srai_epi32(_mm512_sll_epi32(word, up), 24);
+}
+
+// All steps of P pixels at the same time: a dot product for each.
+template <int P>
+inline void StepPixels(const SegmentSpot& spot, const BorderSums& state, const SumLimits& limits,
+                       PanelRecord* panel) {
+  const int64_t pixel = spot.x_pixel;
+  const Vector offset = _mm512_set1_epi32(spot.offset);
+  Vector excess = _mm512_loadu_si512(spot.excess_before);
+  Vector least = _mm512_load_si512(panel->least);
+  Vector greatest = _mm512_load_si512(panel->greatest);
+  Vector sums[P];
+  BITFOLD_UNROLL
+  for (int p = 0; p < P; ++p) sums[p] = _mm512_load_si512(state.start[p][spot.panel]);
+  for (int32_t k = 0; k < spot.words; ++k) {
+    const int32_t* const words = spot.w + int64_t{k} * spot.taps * kSumLanes;
+    for (int32_t b = 0; b < 4; ++b) {
+      const Vector mask = _mm512_set1_epi32(static_cast<int32_t>(0xffu << (8 * b)));
+      const __m128i up = _mm_cvtsi32_si128(24 - 8 * b);
+      const uint8_t* tap = spot.x + 4 * k;
+      for (int32_t t = 0; t < spot.taps; ++t, tap += spot.x_tap) {
+        const Vector word = _mm512_loadu_si512(words + t * kSumLanes);
+        const Vector one = _mm512_and_si512(word, mask);
+        excess = _mm512_add_epi32(excess, _mm512_mullo_epi32(WeightOf(word, up), offset));
+        Vector low;
+        Vector high;
+        BITFOLD_UNROLL
+        for (int p = 0; p < P; ++p) {
+          sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(tap + p * pixel)), one);
+          low = p == 0 ? sums[p] : _mm512_min_epi32(low, sums[p]);
+          high = p == 0 ? sums[p] : _mm512_max_epi32(high, sums[p]);
+        }
+        least = _mm512_min_epi32(least, _mm512_sub_epi32(low, excess));
+        greatest = _mm512_max_epi32(greatest, _mm512_sub_epi32(high, excess));
+      }
     }
   }
+  Extend(least, greatest, limits, panel);
+}
+
+// Writes the partial sums of a pixel, takes them into the extremes and returns how many.
+inline int32_t StepPixel(const SegmentSpot& spot, int32_t p, Vector sum, const SumLimits& limits,
+                         PanelRecord* panel, Vector* steps) {
+  const PixelTaps taps = spot.pixel_taps[p];
+  Vector least = _mm512_load_si512(panel->least);
+  Vector greatest = _mm512_load_si512(panel->greatest);
+  int32_t count = 0;
+  for (int32_t c = 0; c < spot.channels; ++c) {
+    const uint8_t* const x = spot.x + p * spot.x_pixel + c;
+    const int32_t* const w = spot.w + int64_t{c / 4} * spot.taps * kSumLanes;
+    const __m128i up = _mm_cvtsi32_si128(24 - c % 4 * 8);
+    for (int32_t t = taps.first; t < taps.first + taps.count; ++t) {
+      const Vector number = _mm512_set1_epi32(x[t * spot.x_tap] - spot.offset);
+      const Vector weight = WeightOf(_mm512_loadu_si512(w + t * kSumLanes), up);
+      sum = _mm512_add_epi32(sum, _mm512_mullo_epi32(weight, number));
+      least = _mm512_min_epi32(least, sum);
+      greatest = _mm512_max_epi32(greatest, sum);
+      steps[count++] = sum;
+    }
+  }
+  Extend(least, greatest, limits, panel);
   return count;
+}
+
+inline void AddCounts(Vector outside, Vector first, WidthRecord* width, OutputCounts* counts) {
+  const Vector sum = _mm512_add_epi32(outside, _mm512_loadu_si512(counts->outside));
+  _mm512_storeu_si512(counts->outside, sum);
+  _mm512_storeu_si512(width->first, _mm512_min_epi32(first, _mm512_loadu_si512(width->first)));
+}
+
+inline void CountSteps(const Vector* steps, int32_t count, int32_t before, WidthRecord* width,
+                       OutputCounts* counts) {
+  const Vector low = _mm512_set1_epi32(width->low);
+  const Vector high = _mm512_set1_epi32(width->high);
+  const Vector one = _mm512_set1_epi32(1);
+  Vector outside = _mm512_setzero_si512();
+  Vector first = _mm512_set1_epi32(INT32_MAX);
+  Vector number = _mm512_set1_epi32(before);
+  for (int32_t i = 0; i < count; ++i) {
+    const __mmask16 is_outside =
+        _mm512_cmplt_epi32_mask(steps[i], low) | _mm512_cmpgt_epi32_mask(steps[i], high);
+    number = _mm512_add_epi32(number, one);
+    outside = _mm512_mask_add_epi32(outside, is_outside, outside, one);
+    first = _mm512_mask_min_epi32(first, is_outside, first, number);
+  }
+  AddCounts(outside, first, width, counts);
+}
+
+// The lanes of a span that are outside of a width, and whether that is true of all of it.
+struct Sides {
+  __mmask16 outside;
+  bool is_known;
+};
+
+inline Sides SidesOf(const Span& span, const WidthRecord& width) {
+  const Vector low = _mm512_set1_epi32(width.low);
+  const Vector high = _mm512_set1_epi32(width.high);
+  const __mmask16 outside =
+      _mm512_cmpgt_epi32_mask(span.bottom, high) | _mm512_cmplt_epi32_mask(span.top, low);
+  const __mmask16 may_be =
+      _mm512_cmpgt_epi32_mask(span.top, high) | _mm512_cmplt_epi32_mask(span.bottom, low);
+  return {outside, outside == may_be};
+}
+
+// Counts without steps where a span does not meet a limit; false where it does.
+inline bool CountWhole(const SegmentSpot& spot, int32_t p, const Span& span,
+                       const CountedWidths& counted) {
+  for (int32_t i = 0; i < counted.count; ++i) {
+    if (!SidesOf(span, counted.widths[i]).is_known) return false;
+  }
+  const int32_t taps = spot.pixel_taps[p].count;
+  for (int32_t i = 0; i < counted.count; ++i) {
+    const __mmask16 outside = SidesOf(span, counted.widths[i]).outside;
+    if (outside == 0) continue;
+    const Vector count = _mm512_maskz_set1_epi32(outside, spot.channels * taps);
+    const Vector first = _mm512_mask_set1_epi32(_mm512_set1_epi32(INT32_MAX), outside,
+                                                spot.channels_before * taps + 1);
+    AddCounts(count, first, &counted.widths[i], counted.counts + p * counted.pixel_counts + i);
+  }
+  return true;
+}
+
+// `is_extended`: the extremes have this pixel's sums already.
+inline void ResolvePixel(const SegmentSpot& spot, int32_t p, const BorderSums& sums,
+                         bool is_extended, PanelRecord* panel, const CountedWidths& counted) {
+  const PixelTaps taps = spot.pixel_taps[p];
+  if (taps.count == 0) return;
+  const Span span = SpanOf(spot, sums, p);
+  const bool extends = !is_extended && MayExtend(span, *panel);
+  const bool leaves = counted.count != 0 &&
+                      IsBeyond(span.bottom, span.top, _mm512_set1_epi32(counted.narrowest.low),
+                               _mm512_set1_epi32(counted.narrowest.high));
+  if (!extends && (!leaves || CountWhole(spot, p, span, counted))) return;
+  Vector steps[kMostSegmentSteps];
+  const int32_t count = StepPixel(spot, p, span.start, counted.narrowest, panel, steps);
+  if (!leaves) return;
+  for (int32_t i = 0; i < counted.count; ++i) {
+    CountSteps(steps, count, spot.channels_before * taps.count, &counted.widths[i],
+               counted.counts + p * counted.pixel_counts + i);
+  }
+}
+
+// Whether the extremes may change at more than one pixel.
+inline bool MayExtendSeveral(const SegmentSpot& spot, const BorderSums& sums,
+                             const PanelRecord& panel) {
+  int extending = 0;
+  for (int32_t p = 0; p < spot.pixels; ++p) {
+    extending += MayExtend(SpanOf(spot, sums, p), panel) ? 1 : 0;
+  }
+  return extending > 1;
+}
+
+void Resolve(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* panel,
+             const CountedWidths& counted) {
+  const bool is_extended = spot.is_plain && MayExtendSeveral(spot, sums, *panel);
+  if (is_extended) {
+    if (spot.pixels == 7) StepPixels<7>(spot, sums, counted.narrowest, panel);
+    if (spot.pixels == 4) StepPixels<4>(spot, sums, counted.narrowest, panel);
+    if (spot.pixels == 2) StepPixels<2>(spot, sums, counted.narrowest, panel);
+    if (counted.count == 0) return;
+  }
+  for (int32_t p = 0; p < spot.pixels; ++p) {
+    ResolvePixel(spot, p, sums, is_extended, panel, counted);
+  }
 }
 
 #define BITFOLD_ADVANCE(pixels) \
@@ -159,7 +391,7 @@ int32_t Step(const SegmentSteps& steps, const int32_t* sums, int32_t (*partial)[
 constexpr BorderKernels kKernels = {
     {7, 4, 2, 1},
     {BITFOLD_ADVANCE(7), BITFOLD_ADVANCE(4), BITFOLD_ADVANCE(2), BITFOLD_ADVANCE(1)},
-    Step};
+    Resolve};
 #undef BITFOLD_ADVANCE
 
 BITFOLD_END_TARGET

@@ -31,9 +31,10 @@ struct alignas(64) SegmentBounds {
 //   sum += dot product of the bytes x (no sign) and w (sign).
 // A segment is so many words of a row. Strides of x in bytes, of w in words.
 struct BorderTile {
-  const uint8_t* x;             // of pixel 0, the first row
-  const int32_t* w;             // [row][word][tap][lane] of panel 0, the first row
-  const SegmentBounds* bounds;  // of panel 0, the first segment of the first row
+  const uint8_t* x;                      // of pixel 0, the first row
+  const int32_t* w;                      // [row][word][tap][lane] of panel 0, the first row
+  const SegmentBounds* bounds;           // of panel 0, the first segment of the first row
+  const int32_t* excess[kBorderPanels];  // of each panel, before it
   int64_t x_pixel;
   int64_t x_row;
   int64_t x_tap;
@@ -58,27 +59,50 @@ struct alignas(64) BorderSums {
   uint32_t changes;  // panels in which the segment that is looked at may change something
 };
 
-// The partial sums of a segment of one pixel and panel.
-struct SegmentSteps {
-  const uint8_t* x;
+// Which taps of a row a pixel has.
+struct PixelTaps {
+  int32_t first;
+  int32_t count;
+};
+
+// A panel of a tile in a segment that may change something.
+struct SegmentSpot {
+  const uint8_t* x;  // of pixel 0, the segment's first word, tap 0
   const int32_t* w;
+  const SegmentBounds* bounds;
+  const int32_t* excess_before;  // of the sums where it begins
+  const PixelTaps* pixel_taps;
+  int64_t x_pixel;
   int64_t x_tap;
+  int32_t panel;  // of the tile
+  int32_t pixels;
+  int32_t words;
+  int32_t taps;      // of a row
+  int32_t channels;  // that exist
+  int32_t channels_before;
   int32_t offset;  // of the bytes
-  int32_t channels;
-  int32_t taps;       // of a row
-  int32_t first_tap;  // those inside the image
-  int32_t end_tap;
+  bool is_plain;   // after every tap, be it in the image or not, there has been an addend
+};
+
+// The widths of a panel, and what is counted of an output: `counts` of pixel 0, `pixel_counts` from
+// one to the next.
+struct CountedWidths {
+  WidthRecord* widths;
+  int32_t count;
+  SumLimits narrowest;
+  OutputCounts* counts;
+  int64_t pixel_counts;
 };
 
 struct BorderKernels {
   // Goes on from segment `first` until the end of one that may change something, and returns its
-  // number, or the number of segments.
-  using Advance = int32_t (*)(const BorderTile&, const PanelRecord* panels, int32_t first,
-                              BorderSums*);
+  // number. Or to the end, and returns the number of segments: then it has taken the ends into the
+  // record, `end` is without excess, and `changes` says in which panels one is outside of a width.
+  using Advance = int32_t (*)(const BorderTile&, PanelRecord* panels, int32_t first, BorderSums*);
   int pixels[4];                      // largest first
   Advance advance[4][kBorderPanels];  // by panels - 1
-  // Writes the partial sums after `sums`; returns how many.
-  int32_t (*step)(const SegmentSteps&, const int32_t* sums, int32_t (*partial)[kSumLanes]);
+  // Takes what happens inside of the segment into the record.
+  void (*resolve)(const SegmentSpot&, const BorderSums&, PanelRecord*, const CountedWidths&);
 };
 
 // For the target in use; null where it has no dot products of bytes.

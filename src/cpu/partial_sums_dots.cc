@@ -22,8 +22,11 @@ constexpr int32_t kInWord = 4;
 constexpr int32_t kSegmentSteps = 12;  // about as many, in whole words
 constexpr int32_t kMostTaps = kMostSegmentSteps / kInWord;
 
+constexpr int32_t kNoExcess[kSumLanes] = {};
+
+// Of each lane four channels' weights.
 struct alignas(64) WeightVector {
-  int8_t bytes[kSumLanes][kInWord];
+  int32_t words[kSumLanes];
 };
 
 // The extremes that all threads have reached.
@@ -64,7 +67,8 @@ class Layer {
     PackWeights();
     Bound();
     for (int32_t c = 0; c < windows.columns.outputs; ++c) {
-      taps.push_back(TapsInside(windows.columns, c));
+      const TapRange inside = TapsInside(windows.columns, c);
+      taps.push_back({inside.first, inside.count});
     }
   }
 
@@ -85,22 +89,26 @@ class Layer {
   const int32_t row_segments;
   std::vector<WeightVector> weights;  // [panel][row][word][column]
   std::vector<SegmentBounds> bounds;  // [panel][row][segment]
-  std::vector<TapRange> taps;         // of each column of outputs
+  std::vector<PixelTaps> taps;        // of each column of outputs
 
  private:
   void PackWeights() {
     weights.resize(static_cast<size_t>(layout.panels() * PanelVectors()));
-    const int8_t* from = call.filter;
-    for (int32_t kh = 0; kh < windows.rows.taps; ++kh) {
-      for (int32_t kw = 0; kw < windows.columns.taps; ++kw) {
-        for (int32_t ic = 0; ic < call.in_channels; ++ic, from += call.out_channels) {
-          const int64_t vector =
-              kh * RowVectors() + int64_t{ic} / kInWord * windows.columns.taps + kw;
-          for (int32_t p = 0; p < layout.panels(); ++p) {
-            WeightVector& to = weights[static_cast<size_t>(p * PanelVectors() + vector)];
-            const int32_t lanes = std::min(kSumLanes, call.out_channels - p * kSumLanes);
-            for (int32_t l = 0; l < lanes; ++l) to.bytes[l][ic % kInWord] = from[p * kSumLanes + l];
+    const int64_t outputs = call.out_channels;
+    const std::vector<int8_t> none(static_cast<size_t>(outputs));
+    for (int64_t kh = 0; kh < windows.rows.taps; ++kh) {
+      for (int64_t kw = 0; kw < windows.columns.taps; ++kw) {
+        const int8_t* tap =
+            call.filter + (kh * windows.columns.taps + kw) * call.in_channels * outputs;
+        for (int32_t word = 0; word < words; ++word) {
+          const int8_t* rows[kInWord];
+          for (int32_t c = 0; c < kInWord; ++c) {
+            const int32_t channel = word * kInWord + c;
+            rows[c] = channel < call.in_channels ? tap + channel * outputs : none.data();
           }
+          const int64_t vector = kh * RowVectors() + int64_t{word} * windows.columns.taps + kw;
+          loops.pack_words(rows, call.out_channels, PanelVectors() * kSumLanes,
+                           weights[static_cast<size_t>(vector)].words);
         }
       }
     }
@@ -132,10 +140,9 @@ class Layer {
         const int64_t vector =
             p * PanelVectors() + row * RowVectors() + int64_t{word} * windows.columns.taps;
         SegmentBounds& of = bounds[static_cast<size_t>(p * PanelSegments() + s)];
-        loops.bound(
-            {&weights[static_cast<size_t>(vector)].bytes[0][0], ranges.data() + word * kInWord,
-             std::min(segment_words, words - word), windows.columns.taps, Offset()},
-            before, &of);
+        loops.bound({weights[static_cast<size_t>(vector)].words, ranges.data() + word * kInWord,
+                     std::min(segment_words, words - word), windows.columns.taps, Offset()},
+                    before, &of);
         before = &of;
       }
     }
@@ -193,11 +200,14 @@ class Part {
   BorderTile TileAt(const Place& place, const uint8_t* rows) const {
     const SumWindows& windows = layer_.windows;
     BorderTile tile{};
+    tile.excess[0] = tile.excess[1] = kNoExcess;
+    tile.segment_words = layer_.segment_words;
+    tile.words = layer_.words;
     if (place.rows.count == 0) return tile;  // no addends
     tile.x = rows + windows.ColumnAt(place.column);
     const int64_t vector =
         place.panel * layer_.PanelVectors() + place.rows.first * layer_.RowVectors();
-    tile.w = reinterpret_cast<const int32_t*>(&layer_.weights[static_cast<size_t>(vector)]);
+    tile.w = layer_.weights[static_cast<size_t>(vector)].words;
     const int64_t segment =
         place.panel * layer_.PanelSegments() + int64_t{place.rows.first} * layer_.row_segments;
     tile.bounds = &layer_.bounds[static_cast<size_t>(segment)];
@@ -207,111 +217,68 @@ class Part {
     tile.w_panel = layer_.PanelVectors() * kSumLanes;
     tile.bounds_panel = layer_.PanelSegments();
     tile.rows = place.rows.count;
-    tile.words = layer_.words;
-    tile.segment_words = layer_.segment_words;
     tile.taps = windows.columns.taps;
+    for (int32_t n = 0; n < place.panels && place.rows.first != 0; ++n) {
+      tile.excess[n] = tile.bounds[n * tile.bounds_panel - 1].excess;
+    }
     return tile;
-  }
-
-  // What the bytes' offset has added before a segment of the tile.
-  const int32_t* ExcessBefore(const Place& place, const BorderTile& tile, int32_t segment,
-                              int32_t n) const {
-    static constexpr int32_t kNone[kSumLanes] = {};
-    const bool is_first = segment == 0 && place.rows.first == 0;
-    return is_first || tile.rows == 0 ? kNone
-                                      : tile.bounds[n * tile.bounds_panel + segment - 1].excess;
   }
 
   void RunTile(const Place& place, const uint8_t* rows, BorderKernels::Advance advance) {
     const BorderTile tile = TileAt(place, rows);
+    PanelRecord* const panels = &record_.panel(place.panel);
     is_counted_ = false;
-    for (int32_t n = 0; n < place.panels; ++n) {
-      const int32_t* excess = ExcessBefore(place, tile, 0, n);
-      std::fill_n(sums_.least[n], kSumLanes, 0);
-      std::fill_n(sums_.greatest[n], kSumLanes, 0);
-      for (int32_t p = 0; p < place.pixels; ++p) std::copy_n(excess, kSumLanes, sums_.end[p][n]);
-    }
-    const int32_t end = tile.rows == 0 ? 0 : tile.Segments();
-    for (int32_t segment = 0; segment < end; ++segment) {
-      segment = advance(tile, &record_.panel(place.panel), segment, &sums_);
-      if (segment == end) break;
+    for (int32_t next = 0;;) {
+      const int32_t segment = advance(tile, panels, next, &sums_);
+      if (segment == tile.Segments()) break;
       for (int32_t n = 0; n < place.panels; ++n) {
         if ((sums_.changes >> n & 1) != 0) Change(place, tile, segment, n);
       }
+      next = segment + 1;
     }
-    for (int32_t n = 0; n < place.panels; ++n) End(place, tile, end, n);
+    if (sums_.changes != 0 || is_counted_) AddOutputs(place);
   }
-
-  // One pixel and panel of a tile, within a segment.
-  struct Spot {
-    int32_t segment;
-    int32_t n;
-    int32_t p;
-    TapRange taps;
-  };
 
   // A segment in which a panel's extremes or counts may change.
   void Change(const Place& place, const BorderTile& tile, int32_t segment, int32_t n) {
-    const SegmentBounds& bounds = tile.bounds[n * tile.bounds_panel + segment];
-    const int32_t* before = ExcessBefore(place, tile, segment, n);
-    const PanelRecord& panel = record_.panel(place.panel + n);
-    for (int32_t p = 0; p < place.pixels; ++p) {
-      SegmentSums sums;
-      const SegmentChange change =
-          layer_.loops.look({sums_.start[p][n], sums_.end[p][n], before, &bounds}, panel, &sums);
-      if (change == SegmentChange::kNone) continue;
-      const Spot spot = {segment, n, p, layer_.taps[static_cast<size_t>(place.column + p)]};
-      if (spot.taps.count == 0) continue;
-      if (change == SegmentChange::kCounts && CountWhole(place, spot, sums)) continue;
-      StepThrough(place, tile, spot, sums);
+    const int32_t row = segment / layer_.row_segments;
+    const int32_t word = segment % layer_.row_segments * layer_.segment_words;
+    const int32_t words = std::min(layer_.segment_words, layer_.words - word);
+    const int32_t first = word * kInWord;
+    const int64_t vector = (int64_t{row} * tile.words + word) * tile.taps;
+    const SegmentBounds* const bounds = &tile.bounds[n * tile.bounds_panel + segment];
+    const PixelTaps* const taps = &layer_.taps[static_cast<size_t>(place.column)];
+    const SegmentSpot spot = {tile.x + row * tile.x_row + first,
+                              tile.w + n * tile.w_panel + vector * kSumLanes,
+                              bounds,
+                              segment == 0 ? tile.excess[n] : (bounds - 1)->excess,
+                              taps,
+                              tile.x_pixel,
+                              tile.x_tap,
+                              n,
+                              place.pixels,
+                              words,
+                              tile.taps,
+                              std::min(words * kInWord, layer_.call.in_channels - first),
+                              row * layer_.call.in_channels + first,
+                              layer_.Offset(),
+                              IsPlain(taps, place.pixels, segment)};
+    const int32_t panel = place.panel + n;
+    CountedWidths counted = {nullptr, record_.widths(), record_.limits(), nullptr, 0};
+    if (counted.count != 0) {
+      counted.widths = &record_.width(panel, 0);
+      counted.counts = CountsOf(n, 0);
+      counted.pixel_counts = kBorderPanels * record_.widths();
     }
+    layer_.kernels.resolve(spot, sums_, &record_.panel(panel), counted);
   }
 
-  int32_t FirstChannel(int32_t segment) const {
-    return segment % layer_.row_segments * layer_.segment_words * kInWord;
-  }
-  int32_t ChannelsOf(int32_t segment) const {
-    return std::min(layer_.segment_words * kInWord,
-                    layer_.call.in_channels - FirstChannel(segment));
-  }
-  // The addends before a segment.
-  int32_t StepsBefore(const Spot& spot) const {
-    const int32_t row = spot.segment / layer_.row_segments;
-    return (row * layer_.call.in_channels + FirstChannel(spot.segment)) * spot.taps.count;
-  }
-
-  // Counts a segment whose partial sums are all on one side of each limit; false where not.
-  bool CountWhole(const Place& place, const Spot& spot, const SegmentSums& sums) {
-    const int32_t panel = place.panel + spot.n;
-    int32_t outside[kSumLanes];
-    for (int32_t i = 0; i < record_.widths(); ++i) {
-      if (!layer_.loops.is_whole(sums, record_.width(panel, i), outside)) return false;
-    }
-    for (int32_t i = 0; i < record_.widths(); ++i) {
-      WidthRecord& width = record_.width(panel, i);
-      layer_.loops.is_whole(sums, width, outside);
-      layer_.loops.count_whole(outside, ChannelsOf(spot.segment) * spot.taps.count,
-                               StepsBefore(spot), &width, CountsOf(spot.n, spot.p) + i);
+  // In the first segment taps may come before the first addend, and some pixels have none.
+  static bool IsPlain(const PixelTaps* taps, int32_t pixels, int32_t segment) {
+    for (int32_t p = 0; p < pixels; ++p) {
+      if (taps[p].count == 0 || (segment == 0 && taps[p].first != 0)) return false;
     }
     return true;
-  }
-
-  void StepThrough(const Place& place, const BorderTile& tile, const Spot& spot,
-                   const SegmentSums& sums) {
-    const int32_t row = spot.segment / layer_.row_segments;
-    const int32_t first = FirstChannel(spot.segment);
-    const int64_t vector = (int64_t{row} * tile.words + first / kInWord) * tile.taps;
-    const int32_t count = layer_.kernels.step(
-        {tile.x + spot.p * tile.x_pixel + row * tile.x_row + first,
-         tile.w + spot.n * tile.w_panel + vector * kSumLanes, tile.x_tap, layer_.Offset(),
-         ChannelsOf(spot.segment), tile.taps, spot.taps.first, spot.taps.first + spot.taps.count},
-        sums.start, partial_);
-    const StepSums steps = {partial_, count, StepsBefore(spot)};
-    const int32_t panel = place.panel + spot.n;
-    if (!layer_.loops.include(steps, record_.limits(), &record_.panel(panel))) return;
-    for (int32_t i = 0; i < record_.widths(); ++i) {
-      layer_.loops.count_steps(steps, &record_.width(panel, i), CountsOf(spot.n, spot.p) + i);
-    }
   }
 
   // Of the tile, of each width; all 0 at first.
@@ -323,19 +290,18 @@ class Part {
     return counts_.data() + (p * kBorderPanels + n) * record_.widths();
   }
 
-  void End(const Place& place, const BorderTile& tile, int32_t segments, int32_t n) {
-    const int32_t panel = place.panel + n;
-    const int32_t* excess = ExcessBefore(place, tile, segments, n);
-    int32_t sums[kBorderPixels][kSumLanes];
-    for (int32_t p = 0; p < place.pixels; ++p) {
-      for (int32_t l = 0; l < kSumLanes; ++l) sums[p][l] = sums_.end[p][n][l] - excess[l];
-    }
-    const bool ends_outside = layer_.loops.end(&sums[0], place.pixels, &record_.panel(panel));
-    if (!ends_outside && !is_counted_) return;
-    for (int32_t p = 0; p < place.pixels; ++p) {
-      const TapRange taps = layer_.taps[static_cast<size_t>(place.column + p)];
-      const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
-      record_.AddOutput(panel, sums[p], products, is_counted_ ? CountsOf(n, p) : nullptr);
+  void AddOutputs(const Place& place) {
+    for (int32_t n = 0; n < place.panels; ++n) {
+      for (int32_t p = 0; p < place.pixels; ++p) {
+        const PixelTaps taps = layer_.taps[static_cast<size_t>(place.column + p)];
+        const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
+        const OutputCounts* const counts = is_counted_ ? CountsOf(n, p) : nullptr;
+        for (int32_t i = 0; i < record_.widths(); ++i) {
+          layer_.loops.add_output({sums_.end[p][n], counts == nullptr ? nullptr : counts + i,
+                                   static_cast<int32_t>(products), record_.has_bias()},
+                                  &record_.width(place.panel + n, i));
+        }
+      }
     }
   }
 
@@ -343,7 +309,6 @@ class Part {
   SumRecord record_;
   PackedRows<uint8_t> rows_;
   BorderSums sums_;
-  alignas(64) int32_t partial_[kMostSegmentSteps][kSumLanes];
   bool is_counted_ = false;
   std::vector<OutputCounts> counts_;  // of the tile: [pixel][panel][width]
 };

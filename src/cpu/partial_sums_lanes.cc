@@ -101,19 +101,22 @@ class Part {
 
   void RunPanel(const SumUnit& unit, int32_t p, const InputRows& input) {
     for (int32_t column = unit.first_column; column < unit.end_column;) {
-      const int32_t pixels = HasWhole(column, unit.end_column) ? kSummedPixels : 1;
-      RunTile(p, TileAt(p, column, input), pixels);
-      column += pixels;
+      const int size = SizeAt(column, unit.end_column);
+      RunTile(p, TileAt(p, column, input), size);
+      column += kSummedPixels[size];
     }
   }
 
-  // Whether a tile of columns with the same taps begins here.
-  bool HasWhole(int32_t column, int32_t end) const {
-    if (column + kSummedPixels > end) return false;
-    const auto& taps = layer_.taps;
-    const TapRange a = taps[static_cast<size_t>(column)];
-    const TapRange b = taps[static_cast<size_t>(column + kSummedPixels - 1)];
-    return a.first == b.first && a.count == b.count;
+  // The largest tile of columns with the same taps that begins here.
+  int SizeAt(int32_t column, int32_t end) const {
+    const TapRange a = layer_.taps[static_cast<size_t>(column)];
+    for (int size = 0;; ++size) {
+      const int32_t last = column + kSummedPixels[size] - 1;
+      if (last == column) return size;
+      if (last >= end) continue;
+      const TapRange b = layer_.taps[static_cast<size_t>(last)];
+      if (a.first == b.first && a.count == b.count) return size;
+    }
   }
 
   SummedTile TileAt(int32_t p, int32_t column, const InputRows& input) const {
@@ -138,11 +141,10 @@ class Part {
     return tile;
   }
 
-  void RunTile(int32_t p, const SummedTile& tile, int32_t pixels) {
+  void RunTile(int32_t p, const SummedTile& tile, int size) {
     TileRanges ranges;
-    const bool is_whole = pixels == kSummedPixels;
-    layer_.loops.ranges[is_whole][layer_.call.is_depthwise][layer_.call.mult_shift != 0](tile,
-                                                                                         &ranges);
+    const int32_t pixels = kSummedPixels[size];
+    layer_.loops.ranges[size][layer_.call.is_depthwise][layer_.call.mult_shift != 0](tile, &ranges);
     const bool may_be_outside =
         layer_.loops.record(ranges, pixels, record_.limits(), &record_.panel(p));
     if (!may_be_outside) return;
@@ -152,7 +154,11 @@ class Part {
         layer_.loops.count[layer_.call.is_depthwise](of_pixel, &record_.width(p, i),
                                                      &counts_[static_cast<size_t>(i)]);
       }
-      record_.AddOutput(p, ranges.sums[pixel], tile.Products(), counts_.data());
+      for (int32_t i = 0; i < record_.widths(); ++i) {
+        layer_.loops.add_output({ranges.sums[pixel], &counts_[static_cast<size_t>(i)],
+                                 static_cast<int32_t>(tile.Products()), record_.has_bias()},
+                                &record_.width(p, i));
+      }
     }
   }
 

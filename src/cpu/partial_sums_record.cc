@@ -100,24 +100,6 @@ void SumRecord::Exchange(std::vector<int32_t>* least, std::vector<int32_t>* grea
   }
 }
 
-void SumRecord::AddOutput(int32_t p, const int32_t* sums, int64_t products,
-                          const OutputCounts* counts) {
-  for (int32_t i = 0; i < layout_.size_count; ++i) {
-    WidthRecord& width = this->width(p, i);
-    for (int32_t l = 0; l < kSumLanes; ++l) {
-      const bool ends = sums[l] < width.end_low[l] || sums[l] > width.end_high[l];
-      const int64_t outside =
-          (counts == nullptr ? 0 : counts[i].outside[l]) + (ends && has_bias() ? 1 : 0);
-      width.ends_outside[l] += ends ? 1 : 0;
-      width.partials_outside[l] += outside;
-      width.was_outside[l] += outside != 0 ? 1 : 0;
-      if (ends && has_bias()) {
-        width.first[l] = std::min(width.first[l], static_cast<int32_t>(products + 1));
-      }
-    }
-  }
-}
-
 void SumRecord::AddTo(const PartialSumsTables& tables) const {
   for (int32_t channel = 0; channel < layout_.channels; ++channel) AddChannel(channel, tables);
 }

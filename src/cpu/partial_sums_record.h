@@ -96,10 +96,6 @@ class SumRecord {
   // Adds what was seen.
   void AddTo(const PartialSumsTables& tables) const;
 
-  // One output of a panel: how it ended, after so many products, and, by width, what was counted
-  // on its way, or null.
-  void AddOutput(int32_t p, const int32_t* sums, int64_t products, const OutputCounts* counts);
-
  private:
   void InitPanel(int32_t p, const PartialSumsTables& tables);
   void InitWidth(int32_t p, int32_t i);

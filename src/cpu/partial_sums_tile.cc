@@ -6,20 +6,23 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "vector/intrinsics.h"
 #include "vector/target.h"
 
 namespace bitfold {
 namespace {
 
 #define BITFOLD_LOOPS "cpu/partial_sums_loops.inc"
-#define BITFOLD_RANGES_OF(pixels, depthwise) \
-  { Ranges<pixels, depthwise, false>, Ranges<pixels, depthwise, true> }
+#define BITFOLD_RANGES_OF(pixels)                                  \
+  {                                                                \
+    {Ranges<pixels, false, false>, Ranges<pixels, false, true>}, { \
+      Ranges<pixels, true, false>, Ranges<pixels, true, true>      \
+    }                                                              \
+  }
 #define BITFOLD_LOOP_TABLE                                                                    \
   SummedLoops {                                                                               \
-    {{BITFOLD_RANGES_OF(1, false), BITFOLD_RANGES_OF(1, true)},                               \
-     {BITFOLD_RANGES_OF(kSummedPixels, false), BITFOLD_RANGES_OF(kSummedPixels, true)}},      \
-        {Count<false>, Count<true>}, Record, ChannelRanges, Bound, Look, IsWhole, CountWhole, \
-        Include, CountSteps, End                                                              \
+    {BITFOLD_RANGES_OF(8), BITFOLD_RANGES_OF(4), BITFOLD_RANGES_OF(2), BITFOLD_RANGES_OF(1)}, \
+        {Count<false>, Count<true>}, Record, ChannelRanges, Bound, PackWords, AddOutput       \
   }
 #include "vector/vector_loops.inc"
 #undef BITFOLD_RANGES_OF

@@ -13,7 +13,9 @@
 
 namespace bitfold {
 
-inline constexpr int kSummedPixels = 4;  // columns of outputs in a tile, or 1
+// Columns of outputs in a tile, largest first.
+inline constexpr int kSummedPixels[] = {8, 4, 2, 1};
+inline constexpr int kMostSummedPixels = 8;
 
 // The chains: for each row, for each channel, for each tap an addend x * w, divided by 2^shift,
 // where x is one number for all lanes or, depthwise, one for each. Strides are in numbers; that of
@@ -35,10 +37,10 @@ struct SummedTile {
 };
 
 // Of each pixel and lane: the sum, the least and the greatest partial sum.
-struct TileRanges {
-  int32_t sums[kSummedPixels][kSumLanes];
-  int32_t least[kSummedPixels][kSumLanes];
-  int32_t greatest[kSummedPixels][kSumLanes];
+struct alignas(64) TileRanges {
+  int32_t sums[kMostSummedPixels][kSumLanes];
+  int32_t least[kMostSummedPixels][kSumLanes];
+  int32_t greatest[kMostSummedPixels][kSumLanes];
 };
 
 // What a channel's numbers lie within; 0 is among them.
@@ -50,41 +52,25 @@ struct ChannelRange {
 // The weights of a segment and a panel, [word][tap][lane] of four channels each, and the numbers
 // that they meet, less the offset that the bytes have.
 struct SegmentWeights {
-  const int8_t* weights;
+  const int32_t* words_of_weights;
   const ChannelRange* ranges;
   int32_t words;
   int32_t taps;
   int32_t offset;
 };
 
-// Where a segment of a pixel and a panel begins and ends, with the excess.
-struct SegmentEnds {
-  const int32_t* start;
-  const int32_t* end;
-  const int32_t* excess_before;
-  const SegmentBounds* bounds;
-};
-
-// Without it: where the segment begins, and what its partial sums lie within.
-struct SegmentSums {
-  int32_t start[kSumLanes];
-  int32_t bottom[kSumLanes];
-  int32_t top[kSumLanes];
-};
-
-// What a segment may change.
-enum class SegmentChange { kNone, kCounts, kExtremes };
-
-// Partial sums, and how many addends came before the first.
-struct StepSums {
-  const int32_t (*sums)[kSumLanes];
-  int32_t count;
-  int32_t before;
+// An output of each lane: how it ended, after so many products, and what was counted on its way, or
+// null.
+struct EndedOutput {
+  const int32_t* sums;
+  const OutputCounts* counts;
+  int32_t products;
+  bool has_bias;  // the last addend
 };
 
 struct SummedLoops {
   using Ranges = void (*)(const SummedTile&, TileRanges*);
-  Ranges ranges[2][2][2];  // by whether kSummedPixels, depthwise, shift != 0
+  Ranges ranges[4][2][2];  // by the number of pixels, whether depthwise, shift != 0
   // Counts the partial sums of pixel 0 that are outside, and the first step with one; `counts` has
   // been cleared.
   void (*count[2])(const SummedTile&, WidthRecord*, OutputCounts*);  // by whether depthwise
@@ -97,17 +83,10 @@ struct SummedLoops {
                          int8_t* greatest);
   // `before` is the segment before, or null.
   void (*bound)(const SegmentWeights&, const SegmentBounds* before, SegmentBounds*);
-  SegmentChange (*look)(const SegmentEnds&, const PanelRecord&, SegmentSums*);
-  // Whether the sums of a segment are all inside or all outside of a width; `outside` says which.
-  bool (*is_whole)(const SegmentSums&, const WidthRecord&, int32_t* outside);
-  // Counts `count` steps after `before` others.
-  void (*count_whole)(const int32_t* outside, int32_t count, int32_t before, WidthRecord*,
-                      OutputCounts*);
-  // Takes steps into the extremes; returns whether one is outside of the limits.
-  bool (*include)(const StepSums&, const SumLimits&, PanelRecord*);
-  void (*count_steps)(const StepSums&, WidthRecord*, OutputCounts*);
-  // Takes the ends of so many pixels; returns whether one is outside of a width.
-  bool (*end)(const int32_t (*sums)[kSumLanes], int pixels, PanelRecord*);
+  // Puts four rows of numbers together as words, by panels.
+  void (*pack_words)(const int8_t* const* rows, int32_t columns, int64_t panel, int32_t* words);
+  // Adds an output of one width.
+  void (*add_output)(const EndedOutput&, WidthRecord*);
 };
 
 // For the target in use.

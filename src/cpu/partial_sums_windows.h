@@ -136,13 +136,20 @@ class PackedRows {
     const int64_t first = std::max<int64_t>(0, windows_.image_first);
     const int64_t end =
         std::min(windows_.packed_columns, windows_.image_first + windows_.image_columns);
-    for (int64_t column = first; column < end; ++column) {
-      const In* const from = image + (column - windows_.image_first) * windows_.channels;
-      X* const to = packed + column * windows_.pixel;
-      for (int32_t c = 0; c < windows_.channels; ++c) {
-        to[c] = static_cast<X>(from[c] + offset_);
-      }
+    if (first >= end) return;
+    const In* const from = image + (first - windows_.image_first) * windows_.channels;
+    X* const to = packed + first * windows_.pixel;
+    const int64_t columns = end - first;
+    if (windows_.pixel == windows_.channels) return Convert(from, columns * windows_.channels, to);
+    for (int64_t column = 0; column < columns; ++column) {
+      Convert(from + column * windows_.channels, windows_.channels, to + column * windows_.pixel);
     }
+  }
+
+  template <typename In>
+  void Convert(const In* from, int64_t count, X* to) const {
+    const int32_t offset = offset_;
+    for (int64_t i = 0; i < count; ++i) to[i] = static_cast<X>(from[i] + offset);
   }
 
   const SumWindows& windows_;
