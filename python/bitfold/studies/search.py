@@ -62,7 +62,8 @@ def narrowest(
     allows it is what a layer gets; a wider one is not taken for the proof alone.
 
     Args:
-        network: at full width.
+        network: whatever its layers with an accumulator compute in: the search is about exact sums
+            and narrower ones, requantised by the model's rule. Its other layers stay as they are.
         layers: those with an accumulator, in the file's order.
         evaluate: from a network to its metric.
         metric_loss: by how much the metric may be worse than at full width, at least 0.
@@ -106,6 +107,7 @@ def narrowest(
     if not layers:
         raise ValueError("Need a layer with an accumulator, got none")
     bounds = bounds or _bounds_by(layers)
+    network = network.with_arithmetic({layer.name: Arithmetic() for layer in layers})
     possible = _possible_shifts(network, [layer.name for layer in layers], shifts, max(widths))
     harmless = [
         {shift: bounds(layer.name, shift).harmless_from for shift in possible[layer.name]}
@@ -143,7 +145,7 @@ def narrowest(
         reference=trials.reference,
         metric=trials.metric,
         choices=tuple(
-            Choice(layer.name, width, shift, width >= bounds(layer.name, shift).bits.max())
+            Choice(layer.name, width, shift, _is_proven(bounds(layer.name, shift), width))
             for layer, (width, shift) in zip(layers, trials.kept, strict=True)
         ),
         evaluations=trials.count,
@@ -272,6 +274,11 @@ def _bounds_by(layers: Sequence[LayerBits]) -> BoundsOf:
         return Bounds(np.array([bits]), known[name].harmless_from, (), ())
 
     return bounds
+
+
+def _is_proven(bounds: Bounds, width: int) -> bool:
+    """Return whether no input can give a wrong sum."""
+    return width >= int(bounds.bits.max())
 
 
 def _possible_shifts(

@@ -164,6 +164,7 @@ def test_proven_widths():
     metric = Metric(lambda _, width, shift: 0.1 * max(20 - width - shift, 0))
     found = narrowest(_made_up(layers), layers, metric, shifts=(0, 1), bounds=bounds)
     # The rounding of one bit is dearer to "b" here than the width of 20 that it has.
+    assert all(isinstance(c.is_proven, bool) for c in found.choices)
     assert all(c.is_proven == (c.width >= 21 - c.shift) for c in found.choices)
     assert [c.width + c.shift for c in found.choices] == [20, 20, 20]
 
