@@ -55,7 +55,7 @@ def accuracy(findings: Findings) -> Picture | None:
     if findings.metric is None or not any(curve.points for curve in curves):
         return None
 
-    factor = 100 if words.is_percentage(findings.metric_name) else 1
+    factor = 100 if words.is_percentage(findings) else 1
     floor = _floor_of_zoom(findings, curves) if factor == 100 else None
 
     def draw(figure: Figure, size: Size) -> None:
