@@ -64,8 +64,9 @@ def wrong_sums(key: str, columns: Sequence[tuple[str, Result]], axis: str) -> Pi
             drawing.draw_rows(canvas, axes, names if not index else [""] * len(names), room)
             _draw_map(axes, columns, is_alone=not index)
             _set_columns(axes, [name for name, _ in columns], width, size.font, len(names))
-            axes.set_xlabel(axis)
             canvas.text(begin + width / 2, 10, title, role="ink", align="center", weight="bold")
+        # One name for both: a map of one column has no room for its own.
+        canvas.text(left + width + gap / 2, canvas.height - 10, axis, align="center")
 
     none = KeyEntry("none", "heat-0", "box")
     shares = [KeyEntry(text, role, "box") for text, role in zip(_SHARES, HEAT, strict=True)]

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+import math
 from typing import Any
 
 from bitfold.studies import words
@@ -43,7 +44,11 @@ class Column:
 
     def text(self, value: Any) -> str:
         """Return a value as it is read; nothing for None."""
-        return "" if value is None else words.FORMATS[self.kind](value)
+        if value is None:
+            return ""
+        if isinstance(value, float) and not math.isfinite(value) and self.kind != "decibels":
+            return "undefined"
+        return words.FORMATS[self.kind](value)
 
 
 @dataclasses.dataclass(frozen=True)

@@ -23,12 +23,17 @@ def is_percentage(findings: Findings) -> bool:
     )
 
 
+def is_known(value: float | None) -> bool:
+    """Return whether a metric was measured and is a number."""
+    return value is not None and math.isfinite(value)
+
+
 def metric(findings: Findings, value: float | None) -> str:
     """Return a metric for a sentence, as "91.2%" or "0.412"."""
     if value is None:
         return "not measured"
     if not math.isfinite(value):
-        return number(value)
+        return "undefined"
     return f"{100 * value:.1f}%" if is_percentage(findings) else f"{value:.4g}"
 
 

@@ -52,11 +52,6 @@ def _odd() -> Findings:
     )
 
 
-def _one_width() -> Findings:
-    findings = made_findings.small()
-    return dataclasses.replace(findings, results=findings.results[:1], float_metric=None)
-
-
 def _mixtures_alone() -> Findings:
     findings = made_findings.small()
     return dataclasses.replace(findings, results=findings.results[-2:], searches=())
@@ -81,7 +76,7 @@ MADE = {
     "no layer": lambda: made_findings.bare(0),
     "without labels": _without_labels,
     "odd": _odd,
-    "one width": _one_width,
+    "one width": made_findings.single,
     "mixtures alone": _mixtures_alone,
 }
 
@@ -228,6 +223,13 @@ def test_says_what_came_out():
     assert "With no shift, 19 bits keep the accuracy within 0.5 percentage points" in text
     assert "The most is lost by the accumulator: the accelerator's numerics" in text
     assert "1 of 9 widths hold by proof" in text
+
+
+@pytest.mark.parametrize("name", MADE)
+def test_no_number_is_none(name):
+    """What has no number is said in words."""
+    said = " ".join(_outline(name).texts)
+    assert not re.search(r"\b(nan|inf|None|NaN)\b", said)
 
 
 def test_names_are_escaped():
