@@ -23,6 +23,7 @@ MADE = {
     "small": made_findings.small,
     "large": made_findings.large,
     "hostile": made_findings.hostile,
+    "single": made_findings.single,
     "bare": made_findings.bare,
     "empty": lambda: made_findings.bare(0),
 }

@@ -6,7 +6,6 @@ from __future__ import annotations
 
 import dataclasses
 import itertools
-import math
 from collections.abc import Iterator, Sequence
 from typing import TYPE_CHECKING
 
@@ -41,7 +40,7 @@ class _Curve:
         """All heights that are numbers."""
         found = [value for _, value in self.points]
         found += [] if self.level is None else [self.level]
-        return [value for value in found if math.isfinite(value)]
+        return found
 
     @property
     def entry(self) -> KeyEntry:
@@ -52,10 +51,10 @@ class _Curve:
 def accuracy(findings: Findings) -> Picture | None:
     """Draw the metric by width, a curve for each series; None where there is nothing to draw."""
     curves = [*_references(findings), *_curves(findings)]
-    if findings.metric is None or not any(curve.points for curve in curves):
+    if not words.is_known(findings.metric) or not any(curve.points for curve in curves):
         return None
 
-    factor = 100 if words.is_percentage(findings.metric_name) else 1
+    factor = 100 if words.is_percentage(findings) else 1
     floor = _floor_of_zoom(findings, curves) if factor == 100 else None
 
     def draw(figure: Figure, size: Size) -> None:
@@ -107,7 +106,7 @@ def _references(findings: Findings) -> Iterator[_Curve]:
         ("full width", "muted", "solid", findings.metric),
         ("float model", "ink", "dashed", findings.float_metric),
     ):
-        if value is not None:
+        if words.is_known(value):
             text = f"{name}: {words.metric(findings, value)}"
             yield _Curve(text, role, level=value, line=line)
 
@@ -117,11 +116,11 @@ def _curves(findings: Findings) -> Iterator[_Curve]:
     styles = zip(itertools.cycle(SERIES), itertools.cycle(_MARKS), strict=False)
     for series in all_series(findings):
         results = zip(series.widths, series.results, strict=True)
-        points = tuple((w, r.metric) for w, r in results if r.metric is not None)
+        points = tuple((w, r.metric) for w, r in results if words.is_known(r.metric))
         if points:
             role, mark = next(styles)
             yield _Curve(series.name, role, points, mark=mark, line="solid")
-    others = [result for result in other_results(findings) if result.metric is not None]
+    others = [result for result in other_results(findings) if words.is_known(result.metric)]
     for result in [result for result in others if not is_mixture(result)][:_MOST_LEVELS]:
         text = f"{words.printable(result.name)}: {words.metric(findings, result.metric)}"
         yield _Curve(text, next(styles)[0], level=result.metric, line="dotted")
@@ -133,7 +132,7 @@ def _curves(findings: Findings) -> Iterator[_Curve]:
     for search in findings.searches[:_MOST_MIXTURES]:
         chosen = {choice.name: choice.width for choice in search.choices}
         width = mean_width(findings.layers, [chosen.get(layer.name) for layer in findings.layers])
-        if width is not None:
+        if width is not None and words.is_known(search.metric):
             loss = words.difference(findings, search.metric_loss)
             text = f"narrowest within {loss}: mean of {width:.1f} bits"
             yield _Curve(text, next(styles)[0], ((width, search.metric),), mark="star")

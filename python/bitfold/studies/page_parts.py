@@ -106,6 +106,6 @@ def scrolled(table: Table) -> str:
     """Return a table that moves in a frame of its own where it is wider than the page."""
     label = markup.escape(table.caption)
     return (
-        f'<div class="scroll" role="region" tabindex="0" aria-label="{label}">\n'
+        f'<div class="scroll" role="group" tabindex="0" aria-label="{label}">\n'
         f"{html_table(table)}\n</div>"
     )

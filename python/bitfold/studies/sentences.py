@@ -64,8 +64,8 @@ def reach(findings: Findings) -> str:
 def accuracy(findings: Findings, series: Series) -> list[str]:
     """Return from where on the metric falls as accumulators get narrower."""
     known = [(width, r.metric) for width, r in zip(series.widths, series.results, strict=True)]
-    measured = [(width, value) for width, value in known if value is not None]
-    if findings.metric is None or not measured:
+    measured = [(width, value) for width, value in known if words.is_known(value)]
+    if not words.is_known(findings.metric) or not measured:
         return []
     name = findings.metric_name or "metric"
     good = None
@@ -113,7 +113,9 @@ def wrong(findings: Findings, series: Series) -> list[str]:
     """Return where sums first go wrong, and in which layer most."""
     worst = _worst(series, _NOTABLE) or _worst(series, 0.0)
     if worst is None:
-        widths = series.widths
+        widths = [w for w, r in zip(series.widths, series.results, strict=True) if r.layers]
+        if not widths:
+            return []
         return [f"With {series.name}, no sum is wrong at {min(widths)} bits or more."]
     result, name, counts = worst
     layer = next((layer for layer in findings.layers if layer.name == name), None)
@@ -188,8 +190,8 @@ def causes(findings: Findings, attribution: Attribution) -> list[str]:
     """Return what each cause costs: is it the numerics or the conversion?"""
     name = words.printable(attribution.name)
     steps = [(cause.name, cause.metric) for cause in attribution.causes]
-    known = [(cause, value) for cause, value in steps if value is not None]
-    if findings.float_metric is None or len(known) != len(steps) or not steps:
+    known = [(cause, value) for cause, value in steps if words.is_known(value)]
+    if not words.is_known(findings.float_metric) or len(known) != len(steps) or not steps:
         return _noise(attribution)
     losses, before = [], findings.float_metric
     for cause, value in known:

@@ -14,10 +14,18 @@ from bitfold.studies.records import Findings
 _SHARES = ("accuracy", "precision", "recall", "top-", "top_")
 
 
-def is_percentage(metric_name: str | None) -> bool:
-    """Return whether a metric is a share that is read in percent."""
-    name = (metric_name or "").lower()
-    return any(word in name for word in _SHARES)
+def is_percentage(findings: Findings) -> bool:
+    """Return whether the metric is a share that is read in percent, not one in percent already."""
+    name = (findings.metric_name or "").lower()
+    known = (findings.metric, findings.float_metric, *(r.metric for r in findings.results))
+    return any(word in name for word in _SHARES) and not any(
+        value is not None and value > 1 for value in known
+    )
+
+
+def is_known(value: float | None) -> bool:
+    """Return whether a metric was measured and is a number."""
+    return value is not None and math.isfinite(value)
 
 
 def metric(findings: Findings, value: float | None) -> str:
@@ -25,13 +33,13 @@ def metric(findings: Findings, value: float | None) -> str:
     if value is None:
         return "not measured"
     if not math.isfinite(value):
-        return number(value)
-    return f"{100 * value:.1f}%" if is_percentage(findings.metric_name) else f"{value:.4g}"
+        return "undefined"
+    return f"{100 * value:.1f}%" if is_percentage(findings) else f"{value:.4g}"
 
 
 def difference(findings: Findings, value: float) -> str:
     """Return how much of a metric is lost or gained, without a sign."""
-    if not is_percentage(findings.metric_name):
+    if not is_percentage(findings):
         return f"{abs(value):.3g}"
     points = f"{abs(100 * value):.2f}".rstrip("0").rstrip(".")
     return f"{points} percentage point" + ("" if points == "1" else "s")

@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 import math
 import random
 from collections.abc import Sequence
@@ -54,6 +55,12 @@ def bare(layers: int = 1) -> Findings:
         layers=whole.layers,
         channels={},
     )
+
+
+def single() -> Findings:
+    """One width for nine layers, and no float model."""
+    findings = small()
+    return dataclasses.replace(findings, results=findings.results[:1], float_metric=None)
 
 
 HOSTILE_NAMES = (

@@ -52,17 +52,23 @@ def _odd() -> Findings:
     )
 
 
-def _one_width() -> Findings:
-    findings = made_findings.small()
-    return dataclasses.replace(findings, results=findings.results[:1], float_metric=None)
-
-
 def _mixtures_alone() -> Findings:
     findings = made_findings.small()
     return dataclasses.replace(findings, results=findings.results[-2:], searches=())
 
 
+def _uneven() -> Findings:
+    """A result that knows a layer less than the others, and one of a layer that is not listed."""
+    findings = made_findings.small()
+    first, second, *rest = findings.results
+    less = dataclasses.replace(second, layers=second.layers[1:])
+    strange = dataclasses.replace(rest[0].layers[0], name="unlisted")
+    more = dataclasses.replace(rest[0], layers=(strange, *rest[0].layers[1:]))
+    return dataclasses.replace(findings, results=(first, less, more, *rest[1:]))
+
+
 MADE = {
+    "uneven": _uneven,
     "small": made_findings.small,
     "large": made_findings.large,
     "hostile": made_findings.hostile,
@@ -70,7 +76,7 @@ MADE = {
     "no layer": lambda: made_findings.bare(0),
     "without labels": _without_labels,
     "odd": _odd,
-    "one width": _one_width,
+    "one width": made_findings.single,
     "mixtures alone": _mixtures_alone,
 }
 
@@ -219,6 +225,13 @@ def test_says_what_came_out():
     assert "1 of 9 widths hold by proof" in text
 
 
+@pytest.mark.parametrize("name", MADE)
+def test_no_number_is_none(name):
+    """What has no number is said in words."""
+    said = " ".join(_outline(name).texts)
+    assert not re.search(r"\b(nan|inf|None|NaN)\b", said)
+
+
 def test_names_are_escaped():
     """A name is text wherever it stands."""
     text = _page("hostile")
@@ -235,7 +248,7 @@ def test_tables_can_be_read_aloud():
         assert table.count("<caption>") == 1
         assert all("scope=" in heading for heading in re.findall(r"<th\b[^>]*>", table))
     for frame in re.findall(r'<div class="scroll"[^>]*>', text):
-        assert 'role="region"' in frame
+        assert 'role="group"' in frame
         assert 'tabindex="0"' in frame
         assert "aria-label=" in frame
 

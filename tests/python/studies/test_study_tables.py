@@ -66,6 +66,14 @@ def test_another_metric_has_no_percent():
     assert texts[0][1:3] == [f"{findings.results[0].metric:.4g}", "-0.8072"]
 
 
+def test_a_metric_in_percent_stays_so():
+    """An accuracy above 1 is in percent already."""
+    findings = dataclasses.replace(made_findings.bare(), metric_name="accuracy", metric=91.25)
+    assert words.metric(findings, findings.metric) == "91.25"
+    findings = dataclasses.replace(findings, metric=0.9125)
+    assert words.metric(findings, findings.metric) == "91.2%"
+
+
 def test_channels_that_stand_out():
     """Channels with remarks alone, and not more than people read."""
     findings = made_findings.small()
@@ -226,8 +234,12 @@ def test_records():
 
 
 class _Frame:
-    def __init__(self, records):
-        self.records = records
+    def __init__(self, records, columns):
+        self.records, self.columns = records, columns
+
+    def astype(self, types):
+        self.types = types
+        return self
 
 
 def test_data_frame(monkeypatch):
@@ -236,7 +248,11 @@ def test_data_frame(monkeypatch):
     pandas.DataFrame = _Frame
     monkeypatch.setitem(sys.modules, "pandas", pandas)
     findings = made_findings.small()
-    assert tables.to_dataframe(findings).records == tables.records(findings)
+    frame = tables.to_dataframe(findings)
+    assert frame.records == tables.records(findings)
+    assert frame.columns == list(frame.records[0])
+    assert frame.types == {"accumulator_size": "Int64"}
+    assert tables.to_dataframe(made_findings.bare(0)).columns == frame.columns
 
 
 def test_data_frame_without_pandas(monkeypatch):
