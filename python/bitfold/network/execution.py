@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 from collections.abc import Callable, Mapping, Sequence
+from typing import Any
 
 import tensorflow as tf
 
@@ -14,6 +15,10 @@ from bitfold.network.operators import Step, SummingStep
 
 # From a step with an accumulator and its inputs to its outputs.
 Summing = Callable[[SummingStep, Sequence[tf.Tensor | None]], list[tf.Tensor]]
+# From these and a state to the outputs and to what was seen.
+Observe = Callable[
+    [SummingStep, Sequence[tf.Tensor | None], Any], tuple[list[tf.Tensor], Mapping[str, tf.Tensor]]
+]
 
 
 class Program:
@@ -57,6 +62,29 @@ class Program:
                 value.set_shape([None, *tensor.shape[1:]])
                 tensors[tensor.index] = value
         return tensors
+
+    def observed(
+        self, images: Sequence[tf.Tensor], observe: Observe, states: Mapping[str, Any]
+    ) -> tuple[list[tf.Tensor], dict[str, Mapping[str, tf.Tensor]]]:
+        """Compute a batch while somebody computes the steps with an accumulator, and looks on.
+
+        Args:
+            images: as for `run`.
+            observe: who does.
+            states: what it is given, by the position of the operator as text.
+
+        Returns:
+            The outputs, stored, and what was seen by the position.
+        """
+        seen: dict[str, Mapping[str, tf.Tensor]] = {}
+
+        def watched(step: SummingStep, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+            position = str(step.node.operator.position)
+            outputs, seen[position] = observe(step, inputs, states.get(position))
+            return outputs
+
+        tensors = self.run(images, watched)
+        return [tensors[index] for index in self.assembly.graph.outputs], seen
 
     @staticmethod
     def _value(tensor, tensors: Mapping[int, tf.Tensor]) -> tf.Tensor | None:

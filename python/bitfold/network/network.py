@@ -19,7 +19,7 @@ from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
 from bitfold.network.converter import convert_keras
-from bitfold.network.execution import Program
+from bitfold.network.execution import Observe, Program
 from bitfold.network.graph import Node
 from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
@@ -27,11 +27,6 @@ from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_nor
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 from bitfold.network.summary import print_summary
-
-# From a step with an accumulator, its inputs and a state to its outputs and what was seen.
-Observe = Callable[
-    [SummingStep, Sequence[tf.Tensor | None], Any], tuple[list[tf.Tensor], Mapping[str, tf.Tensor]]
-]
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -453,22 +448,12 @@ class Network:
         """Return a graph of `observed`."""
 
         def run(images: Sequence[tf.Tensor], states: Mapping[str, Any]) -> tuple[list, dict]:
-            seen: dict[str, Any] = {}
-
-            def watched(step: SummingStep, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
-                position = str(step.node.operator.position)
-                outputs, seen[position] = observe(step, inputs, states.get(position))
-                return outputs
-
-            tensors = self._program.run(images, watched)
-            outputs = [tensors[index] for index in self._program.assembly.graph.outputs]
+            outputs, seen = self._program.observed(images, observe, states)
             if is_real:
                 outputs = list(map(values.real, outputs, self._program.assembly.outputs))
             return outputs, seen
 
-        kinds = tf.nest.map_structure(
-            lambda state: tf.TensorSpec(np.shape(state), tf.as_dtype(state.dtype)), dict(states)
-        )
+        kinds = tf.nest.map_structure(tf.type_spec_from_value, dict(states))
         traced = tf.function(run, input_signature=[self._signature, kinds], autograph=False)
         return traced.get_concrete_function()
 

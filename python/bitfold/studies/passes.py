@@ -29,6 +29,8 @@ from bitfold.studies.settings import Setting, exact, full_width
 from bitfold.studies.tallies import NO_RANGE, LayerTally, Tally, no_extremes
 from bitfold.studies.wraps import Method, Wraps, harmless_from, wraps_of
 
+# That `bitfold.ops.partial_sums` takes.
+_WIDEST_BIAS = 1 << 62
 # The name of the only counts of a pass end to end.
 END_TO_END = "end to end"
 Inputs = Sequence[tf.Tensor | None]
@@ -75,6 +77,18 @@ def summing_steps(network: Network) -> dict[int, SummingStep]:
     return {
         step.node.operator.position: step for step in network.steps if isinstance(step, SummingStep)
     }
+
+
+def check_biases(network: Network) -> None:
+    """Raise ValueError for a bias whose partial sums 64 bits do not hold."""
+    for layer in network.layers:
+        if layer.has_accumulator and layer.bias is not None and layer.bias.size:
+            widest = max(int(layer.bias.max()), -int(layer.bias.min()))
+            if widest > _WIDEST_BIAS:
+                raise ValueError(
+                    f"Need biases of at most 2^62 in a study, got one of {widest} in layer "
+                    f"{layer.name!r}"
+                )
 
 
 class Runner:

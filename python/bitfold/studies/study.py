@@ -5,42 +5,33 @@
 from __future__ import annotations
 
 import dataclasses
-import hashlib
 import io
-import json
 import os
-import platform
-import time
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Callable
 from typing import Any, TextIO
 
-import keras
 import numpy as np
-import tensorflow as tf
 
-from bitfold._frame.library import VERSION
 from bitfold.network import Network, archive, evaluation
 from bitfold.studies import document, page, search, tables, terminal
-from bitfold.studies.attribution import attribute
 from bitfold.studies.bounds import Bounds, layer_bounds
-from bitfold.studies.data import Data, Shard
-from bitfold.studies.layers import bits_of_layer
-from bitfold.studies.metrics import Metric
-from bitfold.studies.passes import END_TO_END, Plan, Runner, Task, key_of, summing_steps
+from bitfold.studies.data import Data
+from bitfold.studies.finding import attributed, found
+from bitfold.studies.measuring import measure
+from bitfold.studies.passes import (
+    Plan,
+    check_biases,
+    summing_steps,
+)
 from bitfold.studies.records import (
     Attribution,
     ChannelBits,
-    Counts,
     Findings,
     LayerBits,
-    LayerCounts,
     Narrowest,
     Result,
 )
-from bitfold.studies.resuming import Parts
-from bitfold.studies.settings import Setting, full_width, settings_of
-from bitfold.studies.tallies import LayerTally, Tally
-from bitfold.studies.wraps import corrected_weights
+from bitfold.studies.settings import full_width, settings_of
 
 
 def study(
@@ -97,14 +88,14 @@ def study(
         >>> study.results[0].name, study.results[0].layers[0].alone.sums
         ('12 bits', 150)
     """
+    check_biases(network)
     settings = settings_of(network, arithmetics)
     data = Data(x, y, network.batch_size(batch_size))
     plan = Plan(network, settings, metric, data.has_labels)
-    parts = Parts(resume, _fingerprint(plan, data))
-    example = _measure(plan, data, parts)
-    findings = _found(plan, parts.tallies, example)
+    tallies, example = measure(plan, data, resume)
+    findings = found(plan, tallies, example)
     if float_model is not None:
-        findings = _attributed(findings, plan, data, float_model)
+        findings = attributed(findings, plan, data, float_model)
     return Study(findings, _Subject(network, x, y, metric, batch_size))
 
 
@@ -211,7 +202,7 @@ class Study:
             )
         if self._findings.metric is None:
             raise ValueError("Need labels for a search, got a study without; give bitfold.study y")
-        found = search.narrowest(
+        result = search.narrowest(
             full_width(self._subject.network),
             self._findings.layers,
             self._subject.evaluate,
@@ -222,9 +213,9 @@ class Study:
             sample=None if images is None else self._subject.evaluation_of(images),
             **options,
         )
-        searches = (*self._findings.searches, found)
+        searches = (*self._findings.searches, result)
         self._findings = dataclasses.replace(self._findings, searches=searches)
-        return found
+        return result
 
     def save(self, path: str | os.PathLike[str]) -> None:
         """Write a report for people (.html) or all numbers for machines (.json).
@@ -281,156 +272,3 @@ class Study:
     def _repr_html_(self) -> str:
         """Return the tables for a notebook."""
         return tables.html_tables(self._findings)
-
-
-def _measure(plan: Plan, data: Data, parts: Parts) -> Any:
-    """Compute all parts that are not finished; return a label and an output for the metric."""
-    settings = [None, *range(len(plan.settings))]
-    total = None if data.images is None else data.images * len(settings)
-    example = None
-    runners: dict[int | None, Runner] = {}
-    with evaluation.progress("study", total) as advance:
-        for setting, shard in _order(data, settings):
-            if setting is None:
-                if parts.needs_digests:
-                    parts.check(shard.index, shard.digest())
-                if plan.has_metric and example is None:
-                    example = _example(plan.network, shard)
-            task = Task(setting, shard.index)
-            if parts.is_done(task):
-                advance(shard.images)
-                continue
-            if setting not in runners:
-                if data.is_indexed:
-                    runners.clear()  # of other settings: their graphs are needed no more
-                runners[setting] = Runner(plan, setting)
-            parts.add(task, runners[setting].run(shard, advance))
-    return example
-
-
-def _order(data: Data, settings: list[int | None]) -> Iterator[tuple[int | None, Shard]]:
-    """Yield settings with shards: arrays are gone through again and again, datasets once."""
-    if data.is_indexed:
-        yield from ((setting, shard) for setting in settings for shard in data.shards())
-    else:
-        yield from ((setting, shard) for shard in data.shards() for setting in settings)
-
-
-def _example(network: Network, shard: Shard) -> tuple[Any, Any]:
-    """Return a label and an output of a network's kind."""
-    _, labels = shard.batches[0]
-    output = network.outputs[0]
-    return np.asarray(labels)[:1], np.zeros((1, *output.shape[1:]), np.float32)
-
-
-def _fingerprint(plan: Plan, data: Data) -> dict[str, str]:
-    """Return what tells a study from others, but for the data, which are told shard by shard."""
-    own = {layer.name: repr(layer.arithmetic) for layer in plan.network.layers}
-    settings = [(setting.name, repr(setting.arithmetic)) for setting in plan.settings]
-    return {
-        "the network": hashlib.sha256(plan.network.model_file).hexdigest(),
-        "its own arithmetic": hashlib.sha256(json.dumps(own).encode()).hexdigest(),
-        "the arithmetics": json.dumps(settings),
-        "the metric": Metric(plan.metric).description if plan.has_metric else "none",
-        "the number of images": str(data.images),
-        "the batch size": str(data.batch_size),
-        "the version": VERSION,
-    }
-
-
-def _found(plan: Plan, tallies: Mapping[int | None, Tally], example: Any) -> Findings:
-    """Make records of what was counted."""
-    network = full_width(plan.network)
-    whole = tallies.get(None, Tally())
-    metric = Metric(plan.metric) if plan.has_metric else None
-    steps = summing_steps(network)
-    layers, channels = [], {}
-    for layer in network.layers:
-        if layer.position in steps:
-            tally = whole.layers.get(layer.position, LayerTally())
-            bits, channels[layer.name] = bits_of_layer(layer, steps[layer.position], tally)
-            layers.append(bits)
-
-    def measured(tally: Tally) -> float | None:
-        if metric is None or not tally.states:
-            return None
-        return metric.result(tally.states, example)
-
-    results = [
-        Result(
-            setting.name,
-            setting.arithmetic,
-            measured(tallies.get(i, Tally())),
-            tuple(_layer_counts(plan.network, setting, whole, tallies.get(i, Tally()))),
-        )
-        for i, setting in enumerate(plan.settings)
-    ]
-    return Findings(
-        title=f"network of {len(network.layers)} operators",
-        images=whole.images,
-        metric_name=None if metric is None else metric.name,
-        metric=measured(whole),
-        float_metric=None,
-        layers=tuple(layers),
-        channels=channels,
-        results=tuple(results),
-        versions={
-            "bitfold": VERSION,
-            "tensorflow": tf.__version__,
-            "keras": keras.__version__,
-            "numpy": np.__version__,
-            "python": platform.python_version(),
-        },
-        seconds=sum(tally.seconds for tally in tallies.values()),
-    )
-
-
-def _attributed(findings: Findings, plan: Plan, data: Data, float_model: Any) -> Findings:
-    """Return findings with what each cause adds to the error against a model in floats."""
-    begin = time.perf_counter()
-    with evaluation.progress("attribution", data.images) as advance:
-        found = attribute(
-            plan.network,
-            {setting.name: setting.arithmetic for setting in plan.settings},
-            float_model,
-            data.batches(),
-            Metric(plan.metric).start if plan.has_metric else None,
-            advance,
-        )
-    layers = [
-        dataclasses.replace(layer, remarks=(*layer.remarks, "not found in the float model"))
-        if layer.name in found.missing
-        else layer
-        for layer in findings.layers
-    ]
-    return dataclasses.replace(
-        findings,
-        float_metric=found.float_metric,
-        layers=tuple(layers),
-        attributions=found.attributions,
-        seconds=findings.seconds + time.perf_counter() - begin,
-    )
-
-
-def _layer_counts(
-    network: Network, setting: Setting, whole: Tally, tally: Tally
-) -> Iterator[LayerCounts]:
-    """Yield what became of the sums of each layer in a setting."""
-    narrow = network.with_arithmetic(setting.arithmetic)
-    steps = summing_steps(narrow)
-    for layer in narrow.layers:
-        if layer.position not in steps:
-            continue
-        alone = whole.layers.get(layer.position, LayerTally())
-        end_to_end = tally.layers.get(layer.position, LayerTally())
-        step = steps[layer.position]
-        is_stored = step.weights_tensor is not None
-        yield LayerCounts(
-            layer.position,
-            layer.name,
-            layer.arithmetic,
-            alone.counts.get(key_of(layer.arithmetic), Counts(alone.sums)),
-            end_to_end.counts.get(END_TO_END, Counts(end_to_end.sums)),
-            corrected_weights(step) if is_stored else 0,
-            tally.lines.get(layer.name, 0),
-        )

@@ -161,6 +161,15 @@ def test_biases_of_64_bits(bias):
     check(_with("dense", "int16", bias=bias), half)
 
 
+def test_a_bias_beyond_all_sums_is_refused():
+    """Partial sums are counted in 64 bits."""
+    case = _with("dense", "int16", bias=[-(2**63)])
+    with pytest.raises(
+        ValueError, match=r"at most 2\^62 in a study, got one of 9223372036854775808"
+    ):
+        bitfold.study(bitfold.Network.from_tflite(case.content), np.zeros((1, 40), np.int16))
+
+
 @pytest.mark.parametrize("zero_point", [-128, 127])
 def test_zero_points_at_the_ends(zero_point):
     """Then data less the zero point have one sign alone."""
