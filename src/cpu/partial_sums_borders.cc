@@ -97,6 +97,86 @@ inline void Store(const Sums<P, N>& sums, int32_t (*to)[kBorderPanels][kSumLanes
   }
 }
 
+inline void Extend(Vector low, Vector high, const SumLimits& limits, PanelRecord* panel) {
+  const Vector least = _mm512_min_epi32(low, _mm512_load_si512(panel->least));
+  const Vector greatest = _mm512_max_epi32(high, _mm512_load_si512(panel->greatest));
+  _mm512_store_si512(panel->least, least);
+  _mm512_store_si512(panel->greatest, greatest);
+  _mm512_store_si512(panel->quiet_least, _mm512_max_epi32(least, _mm512_set1_epi32(limits.low)));
+  _mm512_store_si512(panel->quiet_greatest,
+                     _mm512_min_epi32(greatest, _mm512_set1_epi32(limits.high)));
+}
+
+// What the bytes' offset has added to the sums before a segment.
+template <int N>
+inline void ExcessAt(const BorderTile& tile, int32_t segment, Vector (&excess)[N]) {
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    excess[n] = _mm512_loadu_si512(
+        segment == 0 ? tile.excess[n] : tile.bounds[n * tile.bounds_panel + segment - 1].excess);
+  }
+}
+
+// Adds a segment step by step, and takes all partial sums into the extremes. Returns in which
+// panels one is outside of the limits.
+template <int P, int N>
+inline uint32_t StepLoud(const BorderTile& tile, const uint8_t* x, const int32_t* w,
+                         int32_t channels, int32_t segment, PanelRecord* panels, Sums<P, N>* sums) {
+  Vector excess[N];
+  ExcessAt<N>(tile, segment, excess);
+  tile.loudness[segment] = static_cast<uint8_t>(tile.loudness[segment] - 1);
+  const int64_t pixel = tile.x_pixel;
+  const Vector offset = _mm512_set1_epi8(static_cast<char>(tile.offset));
+  Vector least[N];
+  Vector greatest[N];
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    least[n] = _mm512_set1_epi32(INT32_MAX);
+    greatest[n] = _mm512_set1_epi32(INT32_MIN);
+  }
+  for (int32_t c = 0; c < channels; ++c) {
+    const Vector mask = _mm512_set1_epi32(static_cast<int32_t>(0xffu << (c % 4 * 8)));
+    const uint8_t* tap = x + c / 4 * 4;
+    const int32_t* word = w + int64_t{c / 4} * tile.taps * kSumLanes;
+    for (int32_t t = 0; t < tile.taps; ++t, tap += tile.x_tap, word += kSumLanes) {
+      Vector one[N];
+      BITFOLD_UNROLL
+      for (int n = 0; n < N; ++n) {
+        one[n] = _mm512_and_si512(_mm512_loadu_si512(word + n * tile.w_panel), mask);
+        excess[n] = _mm512_dpbusd_epi32(excess[n], offset, one[n]);
+      }
+      Vector low[N];
+      Vector high[N];
+      BITFOLD_UNROLL
+      for (int p = 0; p < P; ++p) {
+        const Vector same = _mm512_set1_epi32(WordAt(tap + p * pixel));
+        BITFOLD_UNROLL
+        for (int n = 0; n < N; ++n) {
+          const Vector sum = _mm512_dpbusd_epi32(sums->v[p][n], same, one[n]);
+          sums->v[p][n] = sum;
+          low[n] = p == 0 ? sum : _mm512_min_epi32(low[n], sum);
+          high[n] = p == 0 ? sum : _mm512_max_epi32(high[n], sum);
+        }
+      }
+      BITFOLD_UNROLL
+      for (int n = 0; n < N; ++n) {
+        least[n] = _mm512_min_epi32(least[n], _mm512_sub_epi32(low[n], excess[n]));
+        greatest[n] = _mm512_max_epi32(greatest[n], _mm512_sub_epi32(high[n], excess[n]));
+      }
+    }
+  }
+  uint32_t outside = 0;
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    const __mmask16 is_outside =
+        _mm512_cmplt_epi32_mask(least[n], _mm512_set1_epi32(tile.narrowest.low)) |
+        _mm512_cmpgt_epi32_mask(greatest[n], _mm512_set1_epi32(tile.narrowest.high));
+    outside |= is_outside != 0 ? 1u << n : 0u;
+    Extend(least[n], greatest[n], tile.narrowest, &panels[n]);
+  }
+  return outside;
+}
+
 // Takes the ends into the record. Returns in which panels one is outside of a width.
 template <int P, int N>
 inline uint32_t Finish(const BorderTile& tile, int32_t segments, PanelRecord* panels,
@@ -153,10 +233,19 @@ int32_t Advance(const BorderTile& tile, PanelRecord* panels, int32_t first, Bord
   uint32_t changes = 0;
   for (; segment < end; ++segment) {
     const int32_t words = std::min(tile.segment_words, tile.words - word);
+    const uint8_t* const x = tile.x + row * tile.x_row + word * 4;
     Store<P, N>(sums, state->start);
-    AddSegment<P, N>(tile, tile.x + row * tile.x_row + word * 4, w, words, &sums);
-    changes =
+    state->is_extended = tile.loudness[segment] != 0 && segment >= tile.first_plain;
+    if (state->is_extended) {
+      const int32_t channels = std::min(words * 4, tile.channels - word * 4);
+      changes = StepLoud<P, N>(tile, x, w, channels, segment, panels, &sums);
+    } else {
+      AddSegment<P, N>(tile, x, w, words, &sums);
+    }
+    const uint32_t may_change =
         Changes<P, N>(sums, tile.bounds + segment, tile.bounds_panel, panels, least, greatest);
+    if (!state->is_extended) changes = may_change;
+    if (state->is_extended && may_change != 0) tile.loudness[segment] = kLoud;
     if (changes != 0) break;
     w += int64_t{words} * tile.taps * kSumLanes;
     word += words;
@@ -205,16 +294,6 @@ inline bool IsBeyond(Vector low, Vector high, Vector least, Vector greatest) {
 inline bool MayExtend(const Span& span, const PanelRecord& panel) {
   return IsBeyond(span.bottom, span.top, _mm512_load_si512(panel.least),
                   _mm512_load_si512(panel.greatest));
-}
-
-inline void Extend(Vector low, Vector high, const SumLimits& limits, PanelRecord* panel) {
-  const Vector least = _mm512_min_epi32(low, _mm512_load_si512(panel->least));
-  const Vector greatest = _mm512_max_epi32(high, _mm512_load_si512(panel->greatest));
-  _mm512_store_si512(panel->least, least);
-  _mm512_store_si512(panel->greatest, greatest);
-  _mm512_store_si512(panel->quiet_least, _mm512_max_epi32(least, _mm512_set1_epi32(limits.low)));
-  _mm512_store_si512(panel->quiet_greatest,
-                     _mm512_min_epi32(greatest, _mm512_set1_epi32(limits.high)));
 }
 
 // The weights of a channel of a word.
@@ -413,7 +492,7 @@ inline OpenPixels OpenPixelsOf(const SegmentSpot& spot, const BorderSums& sums,
     const uint32_t bit = 1u << p;
     const Span span = SpanOf(spot, sums, p);
     if (taps.count == spot.taps) open.whole |= bit;
-    if (MayExtend(span, panel)) open.extending |= bit;
+    if (!sums.is_extended && MayExtend(span, panel)) open.extending |= bit;
     const bool leaves = counted.count != 0 &&
                         IsBeyond(span.bottom, span.top, _mm512_set1_epi32(counted.narrowest.low),
                                  _mm512_set1_epi32(counted.narrowest.high));
@@ -428,6 +507,7 @@ void StepTile(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* pane
   constexpr auto has_several = [](uint32_t pixels) { return (pixels & (pixels - 1)) != 0; };
   if (spot.is_plain && has_several(open->extending)) {
     StepPixels<P>(spot, sums, counted.narrowest, panel);
+    *spot.loudness = kLoud;
     open->extending = 0;
   }
   const uint32_t together = open->counting & open->whole;
