@@ -152,14 +152,24 @@ bool IsNarrow(const PartialSumsCall<In, Weight>& call) {
 template <typename In, typename Weight>
 void ComputeOfOneFilter(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
                         Workers* workers) {
-  if (!HasPlainWindows(call) || !IsNarrow(call)) return ShareDefinition(call, tables, workers);
+  const PartialSumsForm form = FormOf(call);
+  if (form == PartialSumsForm::kDefinition) return ShareDefinition(call, tables, workers);
   if constexpr (std::is_same_v<In, int8_t> && std::is_same_v<Weight, int8_t>) {
-    if (HasSumDots(call)) return SumByDots(call, tables, workers);
+    if (form == PartialSumsForm::kDots) return SumByDots(call, tables, workers);
   }
   SumInLanes(call, tables, workers);
 }
 
 }  // namespace
+
+template <typename In, typename Weight>
+PartialSumsForm FormOf(const PartialSumsCall<In, Weight>& call) {
+  if (!HasPlainWindows(call) || !IsNarrow(call)) return PartialSumsForm::kDefinition;
+  if constexpr (std::is_same_v<In, int8_t> && std::is_same_v<Weight, int8_t>) {
+    if (HasSumDots(call)) return PartialSumsForm::kDots;
+  }
+  return PartialSumsForm::kLanes;
+}
 
 template <typename In, typename Weight>
 void ComputePartialSums(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
@@ -177,6 +187,7 @@ void ComputePartialSums(const PartialSumsCall<In, Weight>& call, const PartialSu
 }
 
 #define BITFOLD_INSTANTIATE(In, Weight)                                                          \
+  template PartialSumsForm FormOf(const PartialSumsCall<In, Weight>&);                           \
   template void ComputePartialSums(const PartialSumsCall<In, Weight>&, const PartialSumsTables&, \
                                    Workers*);
 BITFOLD_INSTANTIATE(int8_t, int8_t)

@@ -97,6 +97,86 @@ inline void Store(const Sums<P, N>& sums, int32_t (*to)[kBorderPanels][kSumLanes
   }
 }
 
+inline void Extend(Vector low, Vector high, const SumLimits& limits, PanelRecord* panel) {
+  const Vector least = _mm512_min_epi32(low, _mm512_load_si512(panel->least));
+  const Vector greatest = _mm512_max_epi32(high, _mm512_load_si512(panel->greatest));
+  _mm512_store_si512(panel->least, least);
+  _mm512_store_si512(panel->greatest, greatest);
+  _mm512_store_si512(panel->quiet_least, _mm512_max_epi32(least, _mm512_set1_epi32(limits.low)));
+  _mm512_store_si512(panel->quiet_greatest,
+                     _mm512_min_epi32(greatest, _mm512_set1_epi32(limits.high)));
+}
+
+// What the bytes' offset has added to the sums before a segment.
+template <int N>
+inline void ExcessAt(const BorderTile& tile, int32_t segment, Vector (&excess)[N]) {
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    excess[n] = _mm512_loadu_si512(
+        segment == 0 ? tile.excess[n] : tile.bounds[n * tile.bounds_panel + segment - 1].excess);
+  }
+}
+
+// Adds a segment step by step, and takes all partial sums into the extremes. Returns in which
+// panels one is outside of the limits.
+template <int P, int N>
+inline uint32_t StepLoud(const BorderTile& tile, const uint8_t* x, const int32_t* w,
+                         int32_t channels, int32_t segment, PanelRecord* panels, Sums<P, N>* sums) {
+  Vector excess[N];
+  ExcessAt<N>(tile, segment, excess);
+  tile.loudness[segment] = static_cast<uint8_t>(tile.loudness[segment] - 1);
+  const int64_t pixel = tile.x_pixel;
+  const Vector offset = _mm512_set1_epi8(static_cast<char>(tile.offset));
+  Vector least[N];
+  Vector greatest[N];
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    least[n] = _mm512_set1_epi32(INT32_MAX);
+    greatest[n] = _mm512_set1_epi32(INT32_MIN);
+  }
+  for (int32_t c = 0; c < channels; ++c) {
+    const Vector mask = _mm512_set1_epi32(static_cast<int32_t>(0xffu << (c % 4 * 8)));
+    const uint8_t* tap = x + c / 4 * 4;
+    const int32_t* word = w + int64_t{c / 4} * tile.taps * kSumLanes;
+    for (int32_t t = 0; t < tile.taps; ++t, tap += tile.x_tap, word += kSumLanes) {
+      Vector one[N];
+      BITFOLD_UNROLL
+      for (int n = 0; n < N; ++n) {
+        one[n] = _mm512_and_si512(_mm512_loadu_si512(word + n * tile.w_panel), mask);
+        excess[n] = _mm512_dpbusd_epi32(excess[n], offset, one[n]);
+      }
+      Vector low[N];
+      Vector high[N];
+      BITFOLD_UNROLL
+      for (int p = 0; p < P; ++p) {
+        const Vector same = _mm512_set1_epi32(WordAt(tap + p * pixel));
+        BITFOLD_UNROLL
+        for (int n = 0; n < N; ++n) {
+          const Vector sum = _mm512_dpbusd_epi32(sums->v[p][n], same, one[n]);
+          sums->v[p][n] = sum;
+          low[n] = p == 0 ? sum : _mm512_min_epi32(low[n], sum);
+          high[n] = p == 0 ? sum : _mm512_max_epi32(high[n], sum);
+        }
+      }
+      BITFOLD_UNROLL
+      for (int n = 0; n < N; ++n) {
+        least[n] = _mm512_min_epi32(least[n], _mm512_sub_epi32(low[n], excess[n]));
+        greatest[n] = _mm512_max_epi32(greatest[n], _mm512_sub_epi32(high[n], excess[n]));
+      }
+    }
+  }
+  uint32_t outside = 0;
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    const __mmask16 is_outside =
+        _mm512_cmplt_epi32_mask(least[n], _mm512_set1_epi32(tile.narrowest.low)) |
+        _mm512_cmpgt_epi32_mask(greatest[n], _mm512_set1_epi32(tile.narrowest.high));
+    outside |= is_outside != 0 ? 1u << n : 0u;
+    Extend(least[n], greatest[n], tile.narrowest, &panels[n]);
+  }
+  return outside;
+}
+
 // Takes the ends into the record. Returns in which panels one is outside of a width.
 template <int P, int N>
 inline uint32_t Finish(const BorderTile& tile, int32_t segments, PanelRecord* panels,
@@ -153,10 +233,19 @@ int32_t Advance(const BorderTile& tile, PanelRecord* panels, int32_t first, Bord
   uint32_t changes = 0;
   for (; segment < end; ++segment) {
     const int32_t words = std::min(tile.segment_words, tile.words - word);
+    const uint8_t* const x = tile.x + row * tile.x_row + word * 4;
     Store<P, N>(sums, state->start);
-    AddSegment<P, N>(tile, tile.x + row * tile.x_row + word * 4, w, words, &sums);
-    changes =
+    state->is_extended = tile.loudness[segment] != 0 && segment >= tile.first_plain;
+    if (state->is_extended) {
+      const int32_t channels = std::min(words * 4, tile.channels - word * 4);
+      changes = StepLoud<P, N>(tile, x, w, channels, segment, panels, &sums);
+    } else {
+      AddSegment<P, N>(tile, x, w, words, &sums);
+    }
+    const uint32_t may_change =
         Changes<P, N>(sums, tile.bounds + segment, tile.bounds_panel, panels, least, greatest);
+    if (!state->is_extended) changes = may_change;
+    if (state->is_extended && may_change != 0) tile.loudness[segment] = kLoud;
     if (changes != 0) break;
     w += int64_t{words} * tile.taps * kSumLanes;
     word += words;
@@ -207,57 +296,101 @@ inline bool MayExtend(const Span& span, const PanelRecord& panel) {
                   _mm512_load_si512(panel.greatest));
 }
 
-inline void Extend(Vector low, Vector high, const SumLimits& limits, PanelRecord* panel) {
-  const Vector least = _mm512_min_epi32(low, _mm512_load_si512(panel->least));
-  const Vector greatest = _mm512_max_epi32(high, _mm512_load_si512(panel->greatest));
-  _mm512_store_si512(panel->least, least);
-  _mm512_store_si512(panel->greatest, greatest);
-  _mm512_store_si512(panel->quiet_least, _mm512_max_epi32(least, _mm512_set1_epi32(limits.low)));
-  _mm512_store_si512(panel->quiet_greatest,
-                     _mm512_min_epi32(greatest, _mm512_set1_epi32(limits.high)));
-}
-
 // The weights of a channel of a word.
 inline Vector WeightOf(Vector word, __m128i up) {
   return _mm512_srai_epi32(_mm512_sll_epi32(word, up), 24);
 }
 
-// All steps of P pixels at the same time: a dot product for each.
-template <int P>
-inline void StepPixels(const SegmentSpot& spot, const BorderSums& state, const SumLimits& limits,
-                       PanelRecord* panel) {
-  const int64_t pixel = spot.x_pixel;
-  const Vector offset = _mm512_set1_epi32(spot.offset);
+// Calls step(x, one, excess) for each step of P pixels: a dot product of the word at x, of pixel 0,
+// with one channel's weights, after which the sums have `excess`.
+template <typename F>
+inline void ForEachStep(const SegmentSpot& spot, F step) {
+  const Vector offset = _mm512_set1_epi8(static_cast<char>(spot.offset));
   Vector excess = _mm512_loadu_si512(spot.excess_before);
+  for (int32_t k = 0; k < spot.words; ++k) {
+    const int32_t* const words = spot.w + int64_t{k} * spot.taps * kSumLanes;
+    for (int32_t c = 0; c < 4 && 4 * k + c < spot.channels; ++c) {
+      const Vector mask = _mm512_set1_epi32(static_cast<int32_t>(0xffu << (8 * c)));
+      const uint8_t* tap = spot.x + 4 * k;
+      for (int32_t t = 0; t < spot.taps; ++t, tap += spot.x_tap) {
+        const Vector one = _mm512_and_si512(_mm512_loadu_si512(words + t * kSumLanes), mask);
+        excess = _mm512_dpbusd_epi32(excess, offset, one);
+        step(tap, one, excess);
+      }
+    }
+  }
+}
+
+// Takes all steps of P pixels into the extremes.
+template <int P>
+void StepPixels(const SegmentSpot& spot, const BorderSums& state, const SumLimits& limits,
+                PanelRecord* panel) {
+  const int64_t pixel = spot.x_pixel;
   Vector least = _mm512_load_si512(panel->least);
   Vector greatest = _mm512_load_si512(panel->greatest);
   Vector sums[P];
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) sums[p] = _mm512_load_si512(state.start[p][spot.panel]);
-  for (int32_t k = 0; k < spot.words; ++k) {
-    const int32_t* const words = spot.w + int64_t{k} * spot.taps * kSumLanes;
-    for (int32_t b = 0; b < 4; ++b) {
-      const Vector mask = _mm512_set1_epi32(static_cast<int32_t>(0xffu << (8 * b)));
-      const __m128i up = _mm_cvtsi32_si128(24 - 8 * b);
-      const uint8_t* tap = spot.x + 4 * k;
-      for (int32_t t = 0; t < spot.taps; ++t, tap += spot.x_tap) {
-        const Vector word = _mm512_loadu_si512(words + t * kSumLanes);
-        const Vector one = _mm512_and_si512(word, mask);
-        excess = _mm512_add_epi32(excess, _mm512_mullo_epi32(WeightOf(word, up), offset));
-        Vector low;
-        Vector high;
+  ForEachStep(
+      spot, [&](const uint8_t* x, Vector one, Vector excess) __attribute__((always_inline)) {
         BITFOLD_UNROLL
         for (int p = 0; p < P; ++p) {
-          sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(tap + p * pixel)), one);
-          low = p == 0 ? sums[p] : _mm512_min_epi32(low, sums[p]);
-          high = p == 0 ? sums[p] : _mm512_max_epi32(high, sums[p]);
+          sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(x + p * pixel)), one);
+        }
+        Vector low = sums[0];
+        Vector high = sums[0];
+        BITFOLD_UNROLL
+        for (int p = 1; p < P; ++p) {
+          low = _mm512_min_epi32(low, sums[p]);
+          high = _mm512_max_epi32(high, sums[p]);
         }
         least = _mm512_min_epi32(least, _mm512_sub_epi32(low, excess));
         greatest = _mm512_max_epi32(greatest, _mm512_sub_epi32(high, excess));
-      }
-    }
-  }
+      });
   Extend(least, greatest, limits, panel);
+}
+
+// Counts the steps of some of P pixels, which have all taps, and of a width; `counts` of pixel 0.
+template <int P>
+void CountPixels(const SegmentSpot& spot, const BorderSums& state, uint32_t counted,
+                 WidthRecord* width, OutputCounts* counts, int64_t pixel_counts) {
+  const int64_t pixel = spot.x_pixel;
+  const Vector low = _mm512_set1_epi32(width->low);
+  const Vector range = _mm512_set1_epi32(
+      static_cast<int32_t>(static_cast<uint32_t>(width->high) - static_cast<uint32_t>(width->low)));
+  const Vector one_more = _mm512_set1_epi32(1);
+  Vector first = _mm512_loadu_si512(width->first);
+  Vector number = _mm512_set1_epi32(spot.channels_before * spot.taps);
+  Vector sums[P];
+  Vector outside[P];
+  __mmask16 lanes[P];
+  BITFOLD_UNROLL
+  for (int p = 0; p < P; ++p) {
+    sums[p] = _mm512_load_si512(state.start[p][spot.panel]);
+    outside[p] = _mm512_setzero_si512();
+    lanes[p] = static_cast<__mmask16>((counted >> p & 1) != 0 ? 0xffff : 0);
+  }
+  ForEachStep(
+      spot, [&](const uint8_t* x, Vector one, Vector excess) __attribute__((always_inline)) {
+        const Vector from = _mm512_add_epi32(low, excess);
+        __mmask16 any = 0;
+        number = _mm512_add_epi32(number, one_more);
+        BITFOLD_UNROLL
+        for (int p = 0; p < P; ++p) {
+          sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(x + p * pixel)), one);
+          const __mmask16 is_outside =
+              _mm512_mask_cmpgt_epu32_mask(lanes[p], _mm512_sub_epi32(sums[p], from), range);
+          outside[p] = _mm512_mask_add_epi32(outside[p], is_outside, outside[p], one_more);
+          any = static_cast<__mmask16>(any | is_outside);
+        }
+        first = _mm512_mask_min_epi32(first, any, first, number);
+      });
+  _mm512_storeu_si512(width->first, first);
+  BITFOLD_UNROLL
+  for (int p = 0; p < P; ++p) {
+    int32_t* const of_pixel = counts[p * pixel_counts].outside;
+    _mm512_storeu_si512(of_pixel, _mm512_add_epi32(outside[p], _mm512_loadu_si512(of_pixel)));
+  }
 }
 
 // Writes the partial sums of a pixel, takes them into the extremes and returns how many.
@@ -342,47 +475,66 @@ inline bool CountWhole(const SegmentSpot& spot, int32_t p, const Span& span,
   return true;
 }
 
-// `is_extended`: the extremes have this pixel's sums already.
-inline void ResolvePixel(const SegmentSpot& spot, int32_t p, const BorderSums& sums,
-                         bool is_extended, PanelRecord* panel, const CountedWidths& counted) {
-  const PixelTaps taps = spot.pixel_taps[p];
-  if (taps.count == 0) return;
-  const Span span = SpanOf(spot, sums, p);
-  const bool extends = !is_extended && MayExtend(span, *panel);
-  const bool leaves = counted.count != 0 &&
-                      IsBeyond(span.bottom, span.top, _mm512_set1_epi32(counted.narrowest.low),
-                               _mm512_set1_epi32(counted.narrowest.high));
-  if (!extends && (!leaves || CountWhole(spot, p, span, counted))) return;
-  Vector steps[kMostSegmentSteps];
-  const int32_t count = StepPixel(spot, p, span.start, counted.narrowest, panel, steps);
-  if (!leaves) return;
-  for (int32_t i = 0; i < counted.count; ++i) {
-    CountSteps(steps, count, spot.channels_before * taps.count, &counted.widths[i],
-               counted.counts + p * counted.pixel_counts + i);
+// Pixels, a bit for each.
+struct OpenPixels {
+  uint32_t extending = 0;  // whose steps may change the extremes
+  uint32_t counting = 0;   // whose steps must be counted
+  uint32_t whole = 0;      // that have all taps of a row
+};
+
+// Counts what needs no steps; the pixels that need them are left.
+inline OpenPixels OpenPixelsOf(const SegmentSpot& spot, const BorderSums& sums,
+                               const PanelRecord& panel, const CountedWidths& counted) {
+  OpenPixels open;
+  for (int32_t p = 0; p < spot.pixels; ++p) {
+    const PixelTaps taps = spot.pixel_taps[p];
+    if (taps.count == 0) continue;
+    const uint32_t bit = 1u << p;
+    const Span span = SpanOf(spot, sums, p);
+    if (taps.count == spot.taps) open.whole |= bit;
+    if (!sums.is_extended && MayExtend(span, panel)) open.extending |= bit;
+    const bool leaves = counted.count != 0 &&
+                        IsBeyond(span.bottom, span.top, _mm512_set1_epi32(counted.narrowest.low),
+                                 _mm512_set1_epi32(counted.narrowest.high));
+    if (leaves && !CountWhole(spot, p, span, counted)) open.counting |= bit;
   }
+  return open;
 }
 
-// Whether the extremes may change at more than one pixel.
-inline bool MayExtendSeveral(const SegmentSpot& spot, const BorderSums& sums,
-                             const PanelRecord& panel) {
-  int extending = 0;
-  for (int32_t p = 0; p < spot.pixels; ++p) {
-    extending += MayExtend(SpanOf(spot, sums, p), panel) ? 1 : 0;
+template <int P>
+void StepTile(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* panel,
+              const CountedWidths& counted, OpenPixels* open) {
+  constexpr auto has_several = [](uint32_t pixels) { return (pixels & (pixels - 1)) != 0; };
+  if (spot.is_plain && has_several(open->extending)) {
+    StepPixels<P>(spot, sums, counted.narrowest, panel);
+    *spot.loudness = kLoud;
+    open->extending = 0;
   }
-  return extending > 1;
+  const uint32_t together = open->counting & open->whole;
+  if (!has_several(together)) return;
+  for (int32_t i = 0; i < counted.count; ++i) {
+    CountPixels<P>(spot, sums, together, &counted.widths[i], counted.counts + i,
+                   counted.pixel_counts);
+  }
+  open->counting &= ~together;
 }
 
 void Resolve(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* panel,
              const CountedWidths& counted) {
-  const bool is_extended = spot.is_plain && MayExtendSeveral(spot, sums, *panel);
-  if (is_extended) {
-    if (spot.pixels == 7) StepPixels<7>(spot, sums, counted.narrowest, panel);
-    if (spot.pixels == 4) StepPixels<4>(spot, sums, counted.narrowest, panel);
-    if (spot.pixels == 2) StepPixels<2>(spot, sums, counted.narrowest, panel);
-    if (counted.count == 0) return;
-  }
-  for (int32_t p = 0; p < spot.pixels; ++p) {
-    ResolvePixel(spot, p, sums, is_extended, panel, counted);
+  OpenPixels open = OpenPixelsOf(spot, sums, *panel, counted);
+  if (spot.pixels == 7) StepTile<7>(spot, sums, panel, counted, &open);
+  if (spot.pixels == 4) StepTile<4>(spot, sums, panel, counted, &open);
+  if (spot.pixels == 2) StepTile<2>(spot, sums, panel, counted, &open);
+  for (uint32_t left = open.extending | open.counting; left != 0; left &= left - 1) {
+    const int32_t p = __builtin_ctz(left);
+    Vector steps[kMostSegmentSteps];
+    const int32_t count =
+        StepPixel(spot, p, SpanOf(spot, sums, p).start, counted.narrowest, panel, steps);
+    if ((open.counting >> p & 1) == 0) continue;
+    for (int32_t i = 0; i < counted.count; ++i) {
+      CountSteps(steps, count, spot.channels_before * spot.pixel_taps[p].count, &counted.widths[i],
+                 counted.counts + p * counted.pixel_counts + i);
+    }
   }
 }
 

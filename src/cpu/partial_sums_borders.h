@@ -18,6 +18,9 @@ inline constexpr int kBorderPixels = 7;  // columns of outputs in a tile, at mos
 inline constexpr int kBorderPanels = 2;
 inline constexpr int kMostSegmentSteps = 64;
 
+// A segment is loud for so many tiles after one in which several pixels might change the extremes.
+inline constexpr uint8_t kLoud = 4;
+
 // Of a segment and a panel. With s and e the sums where it begins and ends, every partial sum of
 // the segment is within [min(s, e) - below, max(s, e) + above].
 struct alignas(64) SegmentBounds {
@@ -44,6 +47,14 @@ struct BorderTile {
   int32_t words;
   int32_t segment_words;
   int32_t taps;
+  int32_t channels;
+  int32_t offset;  // of the bytes
+  // Of each segment from the first of the first row on, whether to step through it at once; so it
+  // is where the last ones needed it. Updated.
+  uint8_t* loudness;
+  // Before it tiles cannot be stepped through: a tap may come before the first addend.
+  int32_t first_plain;
+  SumLimits narrowest;
 
   int32_t RowSegments() const { return (words + segment_words - 1) / segment_words; }
   int32_t Segments() const { return rows * RowSegments(); }
@@ -57,6 +68,7 @@ struct alignas(64) BorderSums {
   int32_t least[kBorderPanels][kSumLanes];
   int32_t greatest[kBorderPanels][kSumLanes];
   uint32_t changes;  // panels in which the segment that is looked at may change something
+  bool is_extended;  // the extremes have its partial sums already
 };
 
 // Which taps of a row a pixel has.
@@ -82,6 +94,7 @@ struct SegmentSpot {
   int32_t channels_before;
   int32_t offset;  // of the bytes
   bool is_plain;   // after every tap, be it in the image or not, there has been an addend
+  uint8_t* loudness;
 };
 
 // The widths of a panel, and what is counted of an output: `counts` of pixel 0, `pixel_counts` from

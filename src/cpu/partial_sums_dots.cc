@@ -156,6 +156,7 @@ class Part {
       : layer_(layer),
         record_(layer.begins),
         rows_(layer.windows, 128, static_cast<uint8_t>(layer.Offset())),
+        loudness_(layer.bounds.size(), kLoud),
         counts_(static_cast<size_t>(layer.layout.size_count * kBorderPixels * kBorderPanels)) {}
 
   SumRecord& record() { return record_; }
@@ -197,7 +198,7 @@ class Part {
     }
   }
 
-  BorderTile TileAt(const Place& place, const uint8_t* rows) const {
+  BorderTile TileAt(const Place& place, const uint8_t* rows) {
     const SumWindows& windows = layer_.windows;
     BorderTile tile{};
     tile.excess[0] = tile.excess[1] = kNoExcess;
@@ -218,6 +219,11 @@ class Part {
     tile.bounds_panel = layer_.PanelSegments();
     tile.rows = place.rows.count;
     tile.taps = windows.columns.taps;
+    tile.channels = layer_.call.in_channels;
+    tile.offset = layer_.Offset();
+    tile.loudness = loudness_.data() + segment;
+    tile.first_plain = FirstPlain(place);
+    tile.narrowest = record_.limits();
     for (int32_t n = 0; n < place.panels && place.rows.first != 0; ++n) {
       tile.excess[n] = tile.bounds[n * tile.bounds_panel - 1].excess;
     }
@@ -262,7 +268,8 @@ class Part {
                               std::min(words * kInWord, layer_.call.in_channels - first),
                               row * layer_.call.in_channels + first,
                               layer_.Offset(),
-                              IsPlain(taps, place.pixels, segment)};
+                              segment >= tile.first_plain,
+                              tile.loudness + segment};
     const int32_t panel = place.panel + n;
     CountedWidths counted = {nullptr, record_.widths(), record_.limits(), nullptr, 0};
     if (counted.count != 0) {
@@ -274,11 +281,14 @@ class Part {
   }
 
   // In the first segment taps may come before the first addend, and some pixels have none.
-  static bool IsPlain(const PixelTaps* taps, int32_t pixels, int32_t segment) {
-    for (int32_t p = 0; p < pixels; ++p) {
-      if (taps[p].count == 0 || (segment == 0 && taps[p].first != 0)) return false;
+  int32_t FirstPlain(const Place& place) const {
+    const PixelTaps* const taps = &layer_.taps[static_cast<size_t>(place.column)];
+    int32_t first = 0;
+    for (int32_t p = 0; p < place.pixels; ++p) {
+      if (taps[p].count == 0) return std::numeric_limits<int32_t>::max();
+      if (taps[p].first != 0) first = 1;
     }
-    return true;
+    return first;
   }
 
   // Of the tile, of each width; all 0 at first.
@@ -309,6 +319,7 @@ class Part {
   SumRecord record_;
   PackedRows<uint8_t> rows_;
   BorderSums sums_;
+  std::vector<uint8_t> loudness_;  // of the segments of every second panel
   bool is_counted_ = false;
   std::vector<OutputCounts> counts_;  // of the tile: [pixel][panel][width]
 };
