@@ -47,6 +47,13 @@ def html(findings: Findings) -> str:
 
     Raises:
         ImportError: without matplotlib.
+
+    Example:
+        >>> from bitfold.studies import page
+        >>> from bitfold.studies.records import Findings
+        >>> text = page.html(Findings("network", 1, None, None, None, (), {}))
+        >>> text.splitlines()[0]
+        '<!DOCTYPE html>'
     """
     sections = [section for section in _sections(findings) if section.content]
     title = f"{words.printable(findings.title)}: accumulators, layer by layer"

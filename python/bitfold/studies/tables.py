@@ -81,7 +81,14 @@ def _record(
 
 
 def html_tables(findings: Findings) -> str:
-    """Return what a notebook shows: what was studied, bits by layer, arithmetics, searches."""
+    """Return what a notebook shows: what was studied, bits by layer, arithmetics, searches.
+
+    Example:
+        >>> from bitfold.studies.records import Findings
+        >>> from bitfold.studies.tables import html_tables
+        >>> html_tables(Findings("network", 1, None, None, None, (), {})).count("<table>")
+        2
+    """
     tables = [rows.overview(findings), rows.layers(findings)]
     if findings.results:
         tables.append(rows.results(findings))

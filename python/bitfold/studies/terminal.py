@@ -29,6 +29,14 @@ def print_findings(findings: Findings, file: TextIO | None = None) -> None:
     Args:
         findings: what to print.
         file: where to; `sys.stdout` by default.
+
+    Example:
+        >>> from bitfold.studies.records import Findings
+        >>> from bitfold.studies.terminal import print_findings
+        >>> print_findings(Findings("network", 1, None, None, None, (), {}))
+        network
+        1 image went through 0 layers with an accumulator; without labels there is no metric.
+        No layer has an accumulator.
     """
     console = Console(file=sys.stdout if file is None else file, highlight=False)
     if not console.is_terminal:
