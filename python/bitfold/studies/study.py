@@ -185,8 +185,9 @@ class Study:
             metric_loss: by how much the metric may be worse than at full width.
             images: of which a sample is taken, the first so many; it can only reject, and saves
                 time where there are many. By default none.
-            **options: as `widths`, `shifts`, `larger_is_better`, `most_evaluations`: see
-                `bitfold.studies.search.narrowest`.
+            **options: as `widths`, `shifts`, `most_evaluations`: see
+                `bitfold.studies.search.narrowest`. Of a metric that does not say itself whether a
+                larger one is better, `larger_is_better` must.
 
         Returns:
             A width, or a width and a shift, for each layer, measured together end to end.
@@ -202,6 +203,8 @@ class Study:
             )
         if self._findings.metric is None:
             raise ValueError("Need labels for a search, got a study without; give bitfold.study y")
+        if "larger_is_better" not in options:
+            options["larger_is_better"] = search.is_larger_better(self._subject.metric)
         result = search.narrowest(
             full_width(self._subject.network),
             self._findings.layers,

@@ -318,3 +318,23 @@ def test_a_network():
     assert network.with_arithmetic(found.arithmetic).evaluate(x, labels) == found.metric
     assert all(c.width <= starts[c.name].accumulator_size for c in found.choices)
     assert any(c.width < starts[c.name].accumulator_size for c in found.choices)
+
+
+def test_a_study_searches_by_its_own_metric():
+    """A smaller loss is better; where nothing says so, nothing is searched."""
+    keras.utils.set_random_seed(4)
+    model = keras.Sequential([keras.Input((6,)), keras.layers.Dense(3, name="dense")])
+    x = np.random.default_rng(2).normal(size=(40, 6)).astype(np.float32)
+    y = model.predict(x, verbose=0)
+    network = bitfold.Network.from_keras(model, calibration=x)
+    study = bitfold.study(network, x, y, metric="mean_squared_error")
+    found = study.narrowest(2.0**-10)
+    assert found.metric <= found.reference + 2.0**-10
+    assert found.choices[0].width > 8
+    found = study.narrowest(1000.0)
+    assert found.reference < found.metric <= 1000.0
+    assert found.choices[0].width == 8
+    study = bitfold.study(network, x, y, metric=lambda y, p: keras.ops.mean(y - p, axis=-1))
+    with pytest.raises(ValueError, match="Need larger_is_better"):
+        study.narrowest()
+    assert study.narrowest(0.5, larger_is_better=False).choices
