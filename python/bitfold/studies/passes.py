@@ -26,7 +26,7 @@ from bitfold.studies.data import Shard, count_of
 from bitfold.studies.metrics import Metric
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import Setting, exact, full_width
-from bitfold.studies.tallies import NO_RANGE, LayerTally, Tally, no_extremes
+from bitfold.studies.tallies import LayerTally, Tally, no_extremes
 from bitfold.studies.wraps import Method, Wraps, harmless_from, wraps_of
 
 # That `bitfold.ops.partial_sums` takes.
@@ -147,7 +147,7 @@ class FullWidthPass:
         """
         self.network = network
         self._groups: dict[int, list[_Group]] = {}
-        self._known: dict[str, dict[str, np.ndarray]] = {}
+        self._known: dict[str, np.ndarray] = {}
         asked: dict[int, dict[str, SummingStep]] = {}
         for setting in settings:
             for position, step in summing_steps(
@@ -156,21 +156,23 @@ class FullWidthPass:
                 asked.setdefault(position, {}).setdefault(key_of(step.arithmetic), step)
         for position, step in summing_steps(network).items():
             self._groups[position] = _groups(step, list(asked.get(position, {}).values()))
-            extremes = no_extremes(step.products.least.shape[-1])
-            self._known[str(position)] = {"extremes": extremes, "range": NO_RANGE}
+            self._known[str(position)] = no_extremes(step.products.least.shape[-1])
 
-    def states(self) -> dict[str, dict[str, np.ndarray]]:
+    def states(self) -> dict[str, np.ndarray]:
         """Return the extremes until now: the more they span, the sooner new ones are found."""
         return self._known
 
-    def observe(self, step: SummingStep, inputs: Inputs, known: Mapping) -> tuple[list, dict]:
+    def observe(self, step: SummingStep, inputs: Inputs, known: tf.Tensor) -> tuple[list, dict]:
         """Compute a layer, what its sums reach, and what becomes of them in other arithmetics."""
         outputs = step.run(inputs)
         data = inputs[step.node.inputs.index(step.data)]
-        data_range = _range_with(data, known["range"])
-        seen = {"sums": tf.size(outputs[0], tf.int64), "range": data_range}
+        seen = {
+            "sums": tf.size(outputs[0], tf.int64),
+            "low": tf.reduce_min(data),
+            "high": tf.reduce_max(data),
+        }
         for group in self._groups[step.node.operator.position]:
-            reached = known["extremes"] if group.shift == 0 else group.limits
+            reached = known if group.shift == 0 else group.limits
             found = group.reference.partial_sums(inputs, group.widths, reached)
             if group.shift == 0:
                 seen["extremes"] = found.extremes
@@ -183,10 +185,10 @@ class FullWidthPass:
         for place, values in seen.items():
             position, values = int(place), {key: value.numpy() for key, value in values.items()}
             sums, extremes = int(values.pop("sums")), values.pop("extremes")
-            low, high = map(int, values.pop("range"))
-            self._known[place] = {"extremes": extremes, "range": np.array([low, high])}
+            low, high = int(values.pop("low")), int(values.pop("high"))
+            self._known[place] = extremes
             counts = {key: _counts(sums, value) for key, value in values.items()}
-            data_range = (low, high) if low <= high else None
+            data_range = (low, high) if low <= high else None  # of no images
             found[position] = LayerTally(sums, counts, extremes, data_range)
         return found
 
@@ -319,19 +321,6 @@ def _limits(width: int, channels: int) -> np.ndarray:
 def _differ(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
     """Return which sums are wrong; floats hold whole numbers."""
     return tf.cast(sums, tf.int64) != tf.cast(exact, tf.int64)
-
-
-def _range_with(data: tf.Tensor, known: tf.Tensor) -> tf.Tensor:
-    """Return the least and the greatest of stored numbers and of a range, int64 [2]."""
-    ends = tf.constant([data.dtype.min, data.dtype.max], tf.int64)
-
-    def widened() -> tf.Tensor:
-        found = (tf.reduce_min(data), tf.reduce_max(data))
-        low, high = (tf.cast(number, tf.int64) for number in found)
-        return tf.stack([tf.minimum(low, known[0]), tf.maximum(high, known[1])])
-
-    # Nothing is beyond the ends of the type; most tensors of 8 bits soon reach them.
-    return tf.cond(tf.reduce_all(known == ends), lambda: known, widened)
 
 
 def _counts(sums: int, values: np.ndarray) -> Counts:
