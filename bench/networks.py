@@ -23,6 +23,7 @@ from concurrent.futures import Executor, ProcessPoolExecutor
 import layer_times
 import network_profile
 import network_times
+import studies
 import targets
 import thread_times
 from run import ROOT, machine
@@ -68,6 +69,14 @@ def measure_fashion(_: Executor, two: Executor, budget: float) -> dict[str, floa
     return two.submit(thread_times.fashion, budget).result()
 
 
+def measure_studies(one: Executor, _: Executor, budget: float) -> list:
+    """Time studies."""
+    found = []
+    for name in studies.NETWORKS:
+        found += one.submit(studies.measure, name, budget).result()
+    return found
+
+
 PARTS: dict[str, Callable[[Executor, Executor, float], list | dict]] = {
     "networks": measure_networks,
     "profiles": measure_profiles,
@@ -75,6 +84,7 @@ PARTS: dict[str, Callable[[Executor, Executor, float], list | dict]] = {
     "named": measure_named,
     "fashion": measure_fashion,
     "threads": thread_times.compare,
+    "studies": measure_studies,
 }
 
 
@@ -211,6 +221,25 @@ def print_threads(rows: list[thread_times.ThreadTimes]) -> None:
     )
 
 
+def print_studies(rows: list[studies.StudyTimes]) -> None:
+    """Print studies beside evaluations."""
+    table(
+        "Studies of a batch, one thread: how many evaluations they take",
+        ("network", "work", "evaluation ms", "study ms", "ratio"),
+        [
+            (
+                row.network,
+                row.work,
+                milliseconds(row.evaluation_seconds),
+                milliseconds(row.study_seconds),
+                f"{row.ratio:.2f}",
+            )
+            for row in rows
+        ],
+        texts=2,
+    )
+
+
 def print_targets(rows: list[targets.Target]) -> None:
     """Print what should be beside what is."""
     table(
@@ -221,7 +250,7 @@ def print_targets(rows: list[targets.Target]) -> None:
                 row.work,
                 "met" if row.is_met else "missed",
                 f"{row.ratio:.2f}",
-                f"{row.target:g}",
+                f"{row.target:.3g}",
                 f"{row.aim:g}" if row.aim else "",
             )
             for row in rows
@@ -237,6 +266,7 @@ PRINTERS: dict[str, Callable[[list | dict], None]] = {
     "named": print_layers,
     "fashion": print_fashion,
     "threads": print_threads,
+    "studies": print_studies,
 }
 
 

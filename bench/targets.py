@@ -11,6 +11,7 @@ import numpy as np
 
 from layer_times import NAMED, LayerTimes, name_of
 from network_times import FASTEST, FULL, NARROW, STOCK, NetworkTimes
+from studies import BITS, END_TO_END, StudyTimes
 from thread_times import OURS, ThreadTimes
 from thread_times import STOCK as STOCK_FLOAT
 
@@ -24,6 +25,8 @@ LEAST, MEAN = 0.9, 1.5
 NAMED_SPEEDS = (1.0, 1.0, 1.0, 3.2, 3.0, 2.2, 1.0)
 FASHION_SPEED = 1.0
 THREADS_SPEED = 1.7
+# Evaluations that a study may take: for the bits of all layers, and end to end in an arithmetic.
+STUDIES = {BITS: 3.0, END_TO_END: 1.2}
 
 
 @dataclass(frozen=True)
@@ -88,10 +91,18 @@ def of_fashion(times: dict[str, float]) -> Iterator[Target]:
     yield Target("Fashion-MNIST network, 10,000 images, two threads", ratio, FASHION_SPEED)
 
 
+def of_studies(rows: Sequence[StudyTimes]) -> Iterator[Target]:
+    """Yield the targets of studies, as the speed of a study to that of an evaluation."""
+    for row in rows:
+        if row.kind in STUDIES:
+            yield Target(f"{row.network}, study, {row.work}", 1 / row.ratio, 1 / STUDIES[row.kind])
+
+
 OF: dict[str, Callable[..., Iterator[Target]]] = {
     "networks": of_networks,
     "layers": of_layers,
     "named": of_named,
     "fashion": of_fashion,
     "threads": of_threads,
+    "studies": of_studies,
 }

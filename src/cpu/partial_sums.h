@@ -9,6 +9,17 @@
 
 namespace bitfold {
 
+// How the sums of a call with one filter are formed.
+enum class PartialSumsForm {
+  kDefinition,  // one by one, in 64 bits
+  kLanes,       // step by step in lanes of output channels
+  kDots,        // by dot products of bytes, looked at where segments end
+};
+
+// For the target in use. Looks at the numbers where their types do not say enough.
+template <typename In, typename Weight>
+PartialSumsForm FormOf(const PartialSumsCall<In, Weight>& call);
+
 // What DefinePartialSums adds to the tables, with the same requirements, shared out. In and Weight
 // are int8_t or int16_t.
 template <typename In, typename Weight>

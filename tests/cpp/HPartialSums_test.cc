@@ -187,6 +187,65 @@ TEST(PartialSums, AFilterForEachImage) {
   EXPECT_EQ(Found(c), (Values{28 - 300, 50, -300, 50}));
 }
 
+// ---- Segments ----------------------------------------------------------------------------------
+
+// A layer whose sums are mostly far from its extremes, as those of networks are: what is known, and
+// the widths, decide which segments are quiet, stepped through or counted as a whole.
+PartialSumsCase<int8_t, int8_t> DrawLayer(Random* random, int32_t taps, int32_t channels) {
+  PartialSumsCase<int8_t, int8_t> c;
+  c.rows = {4, taps, 1, 1, 0, 0, Padding::kSame};
+  c.columns = {16, taps, 1, 1, 0, 0, Padding::kSame};
+  c.batch = 2;
+  c.in_channels = channels;
+  c.out_channels = 36;
+  c.input_zero_point = -128;
+  for (int64_t i = c.InputElements(); i > 0; --i) {
+    c.input.push_back(static_cast<int8_t>(random->Flag() ? -128 : random->Between(-128, -30)));
+  }
+  for (int64_t i = c.FilterElements(); i > 0; --i) {
+    c.filter.push_back(static_cast<int8_t>(random->Between(-60, 60)));
+  }
+  return c;
+}
+
+TEST(PartialSums, EveryWidthOfALayer) {
+  Random random(0x3e9);
+  for (const auto& [taps, channels] : std::vector<std::pair<int32_t, int32_t>>{
+           {1, 70}, {3, 7}, {3, 20}, {2, 3}, {16, 1}, {17, 1}}) {
+    auto c = DrawLayer(&random, taps, channels);
+    if (taps == 3) c.bias.assign(36, channels == 7 ? 2000 : -(1 << 20));
+    for (int32_t size = 8; size <= 20; size += 2 * testing::Step(3)) {
+      c.sizes = {size};
+      c.known.clear();
+      ASSERT_TRUE(CheckPartialSums(c)) << size << " bits, nothing known";
+      const auto found = c.Definition();
+      c.known.assign(found.data(), found.data() + kSumExtremes * c.out_channels);
+      ASSERT_TRUE(CheckPartialSums(c)) << size << " bits, all known";
+      for (size_t i = 0; i < c.known.size(); ++i) {
+        c.known[i] = i / 36 % 2 == 0 ? INT64_MIN : INT64_MAX;
+      }
+      c.sizes = {size, size + 2, 32};
+      ASSERT_TRUE(CheckPartialSums(c)) << size << " bits and two more, extremes not asked for";
+    }
+  }
+}
+
+// Sums as large as they may be for 32 bits, and one step more.
+TEST(PartialSums, TheLongestChains) {
+  for (const int32_t channels : {32895, 32896, 33152}) {
+    PartialSumsCase<int8_t, int8_t> c;
+    c.in_channels = channels;
+    c.out_channels = 2;
+    c.input_zero_point = 127;
+    c.input.assign(static_cast<size_t>(channels), -128);
+    c.filter.assign(static_cast<size_t>(2 * channels), -128);
+    c.filter[1] = 127;
+    c.sizes = {24, 31, 32};
+    c.bias = {int64_t{1} << 40, -5};
+    ASSERT_TRUE(CheckPartialSums(c)) << channels;
+  }
+}
+
 // ---- Random layers -----------------------------------------------------------------------------
 
 template <typename In, typename Weight>

@@ -5,12 +5,20 @@
 from __future__ import annotations
 
 from collections.abc import Callable, Mapping, Sequence
+from typing import Any
 
 import tensorflow as tf
 
 from bitfold._frame import warning_lines
 from bitfold.network.assemble import Assembly
 from bitfold.network.operators import Step, SummingStep
+
+# From a step with an accumulator and its inputs to its outputs.
+Summing = Callable[[SummingStep, Sequence[tf.Tensor | None]], list[tf.Tensor]]
+# From these and a state to the outputs and to what was seen.
+Observe = Callable[
+    [SummingStep, Sequence[tf.Tensor | None], Any], tuple[list[tf.Tensor], Mapping[str, tf.Tensor]]
+]
 
 
 class Program:
@@ -30,32 +38,53 @@ class Program:
         self._scopes = tuple(scopes)
 
     def run(
-        self, images: Sequence[tf.Tensor], with_sums: bool = False
-    ) -> tuple[dict[int, tf.Tensor], dict[int, tf.Tensor]]:
+        self, images: Sequence[tf.Tensor], summing: Summing | None = None
+    ) -> dict[int, tf.Tensor]:
         """Compute every tensor of a batch.
 
         Args:
             images: for each input of the network stored elements, [B * d0, ...].
-            with_sums: whether to return the sums of the steps with an accumulator.
+            summing: what computes the steps with an accumulator, and may look at them; by default
+                these themselves.
 
         Returns:
-            The tensors by index, and the sums by the operator's position.
+            The tensors by index.
         """
         tensors = dict(zip(self.assembly.graph.inputs, images, strict=True))
-        sums: dict[int, tf.Tensor] = {}
         for step, scope in zip(self.steps, self._scopes, strict=True):
             with tf.name_scope(f"{self.scope}/{scope}/"):
                 inputs = [self._value(tensor, tensors) for tensor in step.node.inputs]
-                if with_sums and isinstance(step, SummingStep):
-                    position = step.node.operator.position
-                    sums[position] = step.sums(inputs)
-                    outputs = step.finish(sums[position])
+                if summing is not None and isinstance(step, SummingStep):
+                    outputs = summing(step, inputs)
                 else:
                     outputs = self._outputs(step, inputs)
             for tensor, value in zip(step.node.outputs, outputs, strict=True):
                 value.set_shape([None, *tensor.shape[1:]])
                 tensors[tensor.index] = value
-        return tensors, sums
+        return tensors
+
+    def observed(
+        self, images: Sequence[tf.Tensor], observe: Observe, states: Mapping[str, Any]
+    ) -> tuple[list[tf.Tensor], dict[str, Mapping[str, tf.Tensor]]]:
+        """Compute a batch while somebody computes the steps with an accumulator, and looks on.
+
+        Args:
+            images: as for `run`.
+            observe: who does.
+            states: what it is given, by the position of the operator as text.
+
+        Returns:
+            The outputs, stored, and what was seen by the position.
+        """
+        seen: dict[str, Mapping[str, tf.Tensor]] = {}
+
+        def watched(step: SummingStep, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+            position = str(step.node.operator.position)
+            outputs, seen[position] = observe(step, inputs, states.get(position))
+            return outputs
+
+        tensors = self.run(images, watched)
+        return [tensors[index] for index in self.assembly.graph.outputs], seen
 
     @staticmethod
     def _value(tensor, tensors: Mapping[int, tf.Tensor]) -> tf.Tensor | None:

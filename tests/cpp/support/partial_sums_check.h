@@ -11,6 +11,7 @@
 #include <iterator>
 #include <string>
 
+#include "support/ledger.h"
 #include "support/partial_sums_case.h"
 #include "support/targets.h"
 #include "support/workers.h"
@@ -24,6 +25,16 @@ template <typename In, typename Weight>
                                            const std::string& path) {
   return SameArrays(expected.data(), actual.data(), c.count(), path,
                     [&c](int64_t i) { return c.Inputs(i); });
+}
+
+template <typename In, typename Weight>
+void RanPartialSums(const PartialSumsCall<In, Weight>& call, Target target) {
+  if (call.batch == 0 || call.filters > 1) return;
+  const PartialSumsForm form = FormOf(call);
+  if (form == PartialSumsForm::kDefinition) return Ran(Path::kPartialSumsDefinition);
+  if (form == PartialSumsForm::kDots) return Ran(Path::kPartialSumsDots);
+  const Target loops = target == Target::kAvx512Vnni ? Target::kAvx512 : target;
+  Ran(OnTarget(Path::kPartialSumsPortable, loops));
 }
 
 // The two comparisons, each on its own: the definition against the oracle, and each target's form
@@ -48,6 +59,7 @@ template <typename In, typename Weight>
                                             std::to_string(workers->AtOnce()) + " at once");
       if (!same) return same;
     }
+    RanPartialSums(c.Call(), target);
   }
   return ::testing::AssertionSuccess();
 }

@@ -18,7 +18,7 @@ import tensorflow as tf
 from keras import layers
 
 from bitfold.network import console
-from bitfold.network.converter import convert_keras
+from bitfold.network.converter import convert_keras, convert_keras_to_floats
 from bitfold.network.model_file import read
 
 
@@ -257,7 +257,7 @@ if "closed" in sys.argv:
     os.close(1), os.close(2)
     sys.stdout = sys.stderr = None
 import logging, numpy as np, keras
-from bitfold.network.converter import convert_keras
+from bitfold.network.converter import convert_keras, convert_keras_to_floats
 model = keras.Sequential([keras.layers.Input((4,), name="an input"), keras.layers.Dense(2)])
 for bits in (8, 16):
     file = convert_keras(model, np.random.default_rng(0).random((8, 4)), activation_bits=bits)
@@ -361,3 +361,16 @@ def test_captures_take_turns(capfd):
         thread.join()
     assert texts == {i: f"{i}\n{i}\n" for i in range(8)}
     assert capfd.readouterr() == ("", "")
+
+
+def test_floats(sequential, images):
+    """Without quantisation: tensors in float32, of the same names as with it, and silence."""
+    floats = read(convert_keras_to_floats(sequential))
+    stored = read(convert_keras(sequential, images))
+    written = [[g.tensors[o.outputs[0]] for o in g.operators] for g in (floats, stored)]
+    assert [t.name for t in written[0]] == [t.name for t in written[1]]
+    assert {t.dtype.name for t in written[0]} == {"float32"}
+    assert floats.input_names == stored.input_names
+    assert not any(t.is_quantised for t in written[0])
+    with pytest.raises(ValueError, match="Need a functional or sequential Keras model"):
+        convert_keras_to_floats("a model")

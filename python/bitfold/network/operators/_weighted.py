@@ -12,8 +12,9 @@ import tensorflow as tf
 
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
-from bitfold.network.operators import _checks
+from bitfold.network.operators import _checks, _partial_sums
 from bitfold.network.operators._accumulator import Accumulator, exact_groups
+from bitfold.network.operators._partial_sums import Part
 from bitfold.network.operators._prepared import (
     GroupedLayer,
     Placement,
@@ -22,6 +23,7 @@ from bitfold.network.operators._prepared import (
 )
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
 from bitfold.network.operators._step import SummingStep
+from bitfold.ops._partial_sums import PartialSums
 
 
 def need_weights(what: str, filter: Tensor | None, outputs_axis: int, rank: int) -> Iterator[str]:
@@ -132,12 +134,12 @@ class WeightedStep(SummingStep):
             input_zero_point=self._zero_point,
             **self._requantise.keywords,
         )
-        if self.parts > 1:
-            return GroupedLayer(self.parts, self.weights(), self.bias, **keywords)
+        if self.part_count > 1:
+            return GroupedLayer(self.part_count, self.weights(), self.bias, **keywords)
         return PreparedLayer(self.weights(), self.bias, **keywords)
 
     @property
-    def parts(self) -> int:
+    def part_count(self) -> int:
         """In how many groups the data's channels come, each with outputs of its own."""
         return 1
 
@@ -185,6 +187,39 @@ class WeightedStep(SummingStep):
         """Return the sums with their bias."""
         data = tf.cast(inputs[self.places[0]], tf.int32) - self._zero_point
         return self.arrange_sums(self._accumulator(self.arrange(data, 0)))
+
+    @property
+    def parts_placement(self) -> Placement:
+        """Where the windows lie in what `parts` gives."""
+        return self.placement or Placement()
+
+    def parts(self, inputs: Sequence[tf.Tensor | None]) -> list[Part]:
+        """Return convolutions whose sums, side by side, are those of the layer."""
+        data = self.arrange(inputs[self.places[0]], self._zero_point)
+        return [Part(data, self._zero_point, self.weights(), self.bias)]
+
+    def partial_sums(
+        self,
+        inputs: Sequence[tf.Tensor | None],
+        accumulator_sizes: Sequence[int],
+        known_extremes: tf.Tensor | None = None,
+    ) -> PartialSums:
+        """Return what the partial sums of full width reach."""
+        return _partial_sums.partial_sums(
+            self.parts(inputs),
+            self.parts_placement,
+            self.arithmetic.mult_shift,
+            accumulator_sizes,
+            known_extremes,
+        )
+
+    def was_outside(self, inputs: Sequence[tf.Tensor | None], accumulator_size: int) -> tf.Tensor:
+        """Return for each of the sums whether one of its partial sums was outside of a width."""
+        shift = self.arithmetic.mult_shift
+        parts = self.parts(inputs)
+        return self.arrange_sums(
+            _partial_sums.was_outside(parts, self.parts_placement, shift, accumulator_size)
+        )
 
     def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:
         """Requantise."""

@@ -1,0 +1,277 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""What an arithmetic does to a network: the call that finds out, and what it gives."""
+
+from __future__ import annotations
+
+import dataclasses
+import io
+import os
+from collections.abc import Callable
+from typing import Any, TextIO
+
+import numpy as np
+
+from bitfold.network import Network, archive, evaluation
+from bitfold.studies import document, page, search, tables, terminal
+from bitfold.studies.bounds import Bounds, layer_bounds
+from bitfold.studies.data import Data
+from bitfold.studies.finding import attributed, found
+from bitfold.studies.measuring import measure
+from bitfold.studies.passes import (
+    Plan,
+    check_biases,
+    summing_steps,
+)
+from bitfold.studies.records import (
+    Attribution,
+    ChannelBits,
+    Findings,
+    LayerBits,
+    Narrowest,
+    Result,
+)
+from bitfold.studies.settings import full_width, settings_of
+
+
+def study(
+    network: Network,
+    x: Any,
+    y: Any = None,
+    *,
+    arithmetics: Any = None,
+    metric: Any = None,
+    float_model: Any = None,
+    batch_size: int | None = None,
+    resume: str | os.PathLike[str] | None = None,
+) -> Study:
+    """Find out what accumulators do to a network, layer by layer.
+
+    One pass at full width finds what the sums of every layer need, and what would become of them in
+    each arithmetic if the layer alone computed in it. Then the network computes end to end in each.
+    All counts are exact; memory does not grow with the data.
+
+    Args:
+        network: the network. What is full width of it has exact sums, its units stay.
+        x: the data, as `Network.evaluate` takes them: an array, for several inputs a list or a
+            dictionary, or a `tf.data.Dataset` of batches (of pairs with labels).
+        y: labels, an element for each image; None for a study without a metric.
+        arithmetics: what to compute in: a list of `bitfold.Arithmetic` or, for mixtures, of
+            dictionaries by layer as `Network.with_arithmetic` takes them; or a dictionary from
+            names of your own to these. By default the network's own, where that is not exact.
+        metric: as in `Network.evaluate`: None for the share of right answers, a Keras metric whose
+            variables are sums over images, its name, or a function of labels and outputs.
+        float_model: the Keras model that the network was made of. With it the study finds what
+            quantisation, shift, accumulator and unit add to the error of each layer.
+        batch_size: images at once; by default what keeps memory modest. A dataset has its own.
+        resume: a file where finished parts are kept. A study that was interrupted goes on from
+            them; it must be the same in all but what it is called by.
+
+    Returns:
+        What was found.
+
+    Raises:
+        OSError: for a `resume` that cannot be read or written, before work begins.
+        TypeError: for arithmetics that are none.
+        ValueError: for labels that do not fit, arithmetics that a layer has not, and a `resume` of
+            another study.
+
+    Example:
+        >>> import bitfold, keras, numpy as np
+        >>> keras.utils.set_random_seed(1)
+        >>> model = keras.Sequential([keras.Input((8,)), keras.layers.Dense(3, name="dense")])
+        >>> x = np.random.default_rng(1).normal(size=(50, 8)).astype(np.float32)
+        >>> network = bitfold.Network.from_keras(model, calibration=x)
+        >>> study = bitfold.study(network, x, arithmetics=[bitfold.Arithmetic(12)])
+        >>> [(layer.name, layer.sums) for layer in study.layers]
+        [('dense', 150)]
+        >>> study.results[0].name, study.results[0].layers[0].alone.sums
+        ('12 bits', 150)
+    """
+    check_biases(network)
+    settings = settings_of(network, arithmetics)
+    data = Data(x, y, network.batch_size(batch_size))
+    plan = Plan(network, settings, metric, data.has_labels)
+    tallies, example = measure(plan, data, resume)
+    findings = found(plan, tallies, example)
+    if float_model is not None:
+        findings = attributed(findings, plan, data, float_model)
+    return Study(findings, _Subject(network, x, y, metric, batch_size))
+
+
+@dataclasses.dataclass(frozen=True)
+class _Subject:
+    """What a study was of; a search goes on with it."""
+
+    network: Network
+    x: Any
+    y: Any
+    metric: Any
+    batch_size: int | None
+
+    def evaluate(self, network: Network) -> float:
+        """Return the metric of a network over all data."""
+        return network.evaluate(self.x, self.y, metric=self.metric, batch_size=self.batch_size)
+
+    def evaluation_of(self, images: int) -> Callable[[Network], float]:
+        """Return the same over the first images.
+
+        Raises:
+            ValueError: for a number below 1, and of a dataset.
+        """
+        if images < 1 or evaluation.count_images(self.x) is None:
+            raise ValueError(f"Need images >= 1 of arrays for a sample, got {images}")
+        x = next(evaluation.batches(self.x, images))
+        return dataclasses.replace(self, x=x, y=self.y[:images]).evaluate
+
+    def bounds(self, name: str, shift: int) -> Bounds:
+        """Return what is proven of a layer."""
+        steps = summing_steps(self.network)
+        layer = next(layer for layer in self.network.layers if layer.name == name)
+        step = steps[layer.position]
+        limits = np.iinfo(step.data.dtype)
+        return layer_bounds(step, int(limits.min), int(limits.max), shift)
+
+
+class Study:
+    """What a study found: numbers, tables, a report.
+
+    Made by `bitfold.study`, or of a file by `load`.
+    """
+
+    def __init__(self, findings: Findings, subject: _Subject | None = None) -> None:
+        """Take what was found, and what it was found of where that is at hand."""
+        self._findings = findings
+        self._subject = subject
+
+    @property
+    def findings(self) -> Findings:
+        """All that was found, as plain records."""
+        return self._findings
+
+    @property
+    def layers(self) -> tuple[LayerBits, ...]:
+        """The layers with an accumulator: what their sums need, and what is proven."""
+        return self._findings.layers
+
+    @property
+    def results(self) -> tuple[Result, ...]:
+        """What became of the sums, for each arithmetic."""
+        return self._findings.results
+
+    @property
+    def attributions(self) -> tuple[Attribution, ...]:
+        """What each cause adds on the way from the float model, with one."""
+        return self._findings.attributions
+
+    def channels(self, name: str) -> tuple[ChannelBits, ...]:
+        """Return the channels of a layer.
+
+        Raises:
+            ValueError: for a name of none.
+        """
+        if name not in self._findings.channels:
+            raise ValueError(f"Need a layer of {list(self._findings.channels)}, got {name!r}")
+        return self._findings.channels[name]
+
+    def narrowest(
+        self, metric_loss: float = 0.005, *, images: int | None = None, **options: Any
+    ) -> Narrowest:
+        """Search the narrowest accumulators with which the metric stays within a bound.
+
+        What is found joins the study's `findings`.
+
+        Args:
+            metric_loss: by how much the metric may be worse than at full width.
+            images: of which a sample is taken, the first so many; it can only reject, and saves
+                time where there are many. By default none.
+            **options: as `widths`, `shifts`, `most_evaluations`: see
+                `bitfold.studies.search.narrowest`. Of a metric that does not say itself whether a
+                larger one is better, `larger_is_better` must.
+
+        Returns:
+            A width, or a width and a shift, for each layer, measured together end to end.
+
+        Raises:
+            ValueError: without labels, for a study that was loaded from a file, for numbers that
+                cannot be used, and where no width is enough.
+        """
+        if self._subject is None:
+            raise ValueError(
+                "Need the network and its data for a search, got findings from a file; make the "
+                "study anew with bitfold.study"
+            )
+        if self._findings.metric is None:
+            raise ValueError("Need labels for a search, got a study without; give bitfold.study y")
+        if "larger_is_better" not in options:
+            options["larger_is_better"] = search.is_larger_better(self._subject.metric)
+        result = search.narrowest(
+            full_width(self._subject.network),
+            self._findings.layers,
+            self._subject.evaluate,
+            metric_loss=metric_loss,
+            channels=self._findings.channels,
+            bounds=self._subject.bounds,
+            images=self._findings.images,
+            sample=None if images is None else self._subject.evaluation_of(images),
+            **options,
+        )
+        searches = (*self._findings.searches, result)
+        self._findings = dataclasses.replace(self._findings, searches=searches)
+        return result
+
+    def save(self, path: str | os.PathLike[str]) -> None:
+        """Write a report for people (.html) or all numbers for machines (.json).
+
+        Raises:
+            OSError: for a path that cannot be written.
+            ValueError: for another ending.
+        """
+        ending = os.path.splitext(path)[1].lower()
+        if ending not in (".html", ".json"):
+            raise ValueError(f"Need a path that ends in .html or .json, got {os.fspath(path)!r}")
+        write = page.html if ending == ".html" else document.to_json
+        archive.write(path, write(self._findings).encode())
+
+    @classmethod
+    def load(cls, path: str | os.PathLike[str]) -> Study:
+        """Read what `save` wrote as .json. All is there but the network, so nothing is searched.
+
+        Raises:
+            OSError: for a path that cannot be read.
+            ValueError: for a file that is damaged or of another kind.
+        """
+        with open(path, "rb") as file:
+            content = file.read()
+        try:
+            return cls(document.from_json(content.decode()))
+        except ValueError as error:
+            raise ValueError(
+                f"Need a .json file that Study.save wrote, got {os.fspath(path)}: {error}"
+            ) from None
+
+    def to_dataframe(self) -> Any:
+        """Return a data frame of pandas, a row for each layer and arithmetic.
+
+        Raises:
+            ImportError: where pandas is not installed.
+        """
+        return tables.to_dataframe(self._findings)
+
+    def print(self, file: TextIO | None = None) -> None:
+        """Print tables.
+
+        Args:
+            file: where to; standard output by default.
+        """
+        terminal.print_findings(self._findings, file)
+
+    def __repr__(self) -> str:
+        """Return the tables as plain lines."""
+        text = io.StringIO()
+        self.print(text)
+        return text.getvalue().rstrip()
+
+    def _repr_html_(self) -> str:
+        """Return the tables for a notebook."""
+        return tables.html_tables(self._findings)
