@@ -26,33 +26,49 @@ BITFOLD_BEGIN_AVX512_VNNI
 
 using Vector = __m512i;
 
-// The sums of P columns of N panels.
+// The sums of P columns of N panels. What adds to them does so in a copy of its own: its address is
+// not taken, and it stays in registers.
 template <int P, int N>
 struct Sums {
   Vector v[P][N];
 };
+
+template <int P, int N>
+inline void Copy(const Vector (&from)[P][N], Vector (&to)[P][N]) {
+  BITFOLD_UNROLL
+  for (int p = 0; p < P; ++p) {
+    BITFOLD_UNROLL
+    for (int n = 0; n < N; ++n) to[p][n] = from[p][n];
+  }
+}
 
 // Adds `words` words of a row.
 template <int P, int N>
 inline void AddSegment(const BorderTile& tile, const uint8_t* x, const int32_t* w, int32_t words,
                        Sums<P, N>* sums) {
   const int64_t pixel = tile.x_pixel;
+  const int64_t panel = tile.w_panel;
+  const int64_t x_tap = tile.x_tap;
+  const int32_t taps = tile.taps;
+  Vector acc[P][N];
+  Copy<P, N>(sums->v, acc);
   for (int32_t k = 0; k < words; ++k, x += sizeof(int32_t)) {
     const uint8_t* tap = x;
-    for (int32_t t = 0; t < tile.taps; ++t, tap += tile.x_tap, w += kSumLanes) {
+    for (int32_t t = 0; t < taps; ++t, tap += x_tap, w += kSumLanes) {
       Vector weights[N];
       BITFOLD_UNROLL
-      for (int n = 0; n < N; ++n) weights[n] = _mm512_loadu_si512(w + n * tile.w_panel);
+      for (int n = 0; n < N; ++n) weights[n] = _mm512_loadu_si512(w + n * panel);
       BITFOLD_UNROLL
       for (int p = 0; p < P; ++p) {
         const Vector same = _mm512_set1_epi32(WordAt(tap + p * pixel));
         BITFOLD_UNROLL
         for (int n = 0; n < N; ++n) {
-          sums->v[p][n] = _mm512_dpbusd_epi32(sums->v[p][n], same, weights[n]);
+          acc[p][n] = _mm512_dpbusd_epi32(acc[p][n], same, weights[n]);
         }
       }
     }
   }
+  Copy<P, N>(acc, sums->v);
 }
 
 // Looks at where the segment ends: whether a panel's partial sums may have left what is quiet.
@@ -89,6 +105,15 @@ inline uint32_t Changes(const Sums<P, N>& sums, const SegmentBounds* bounds, int
 }
 
 template <int P, int N>
+inline void Load(const int32_t (*from)[kBorderPanels][kSumLanes], Sums<P, N>* sums) {
+  BITFOLD_UNROLL
+  for (int p = 0; p < P; ++p) {
+    BITFOLD_UNROLL
+    for (int n = 0; n < N; ++n) sums->v[p][n] = _mm512_load_si512(from[p][n]);
+  }
+}
+
+template <int P, int N>
 inline void Store(const Sums<P, N>& sums, int32_t (*to)[kBorderPanels][kSumLanes]) {
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) {
@@ -117,27 +142,25 @@ inline void ExcessAt(const BorderTile& tile, int32_t segment, Vector (&excess)[N
   }
 }
 
-// Adds a segment step by step, and takes all partial sums into the extremes. Returns in which
-// panels one is outside of the limits.
-template <int P, int N>
-inline uint32_t StepLoud(const BorderTile& tile, const uint8_t* x, const int32_t* w,
-                         int32_t channels, int32_t segment, PanelRecord* panels, Sums<P, N>* sums) {
-  Vector excess[N];
-  ExcessAt<N>(tile, segment, excess);
-  tile.loudness[segment] = static_cast<uint8_t>(tile.loudness[segment] - 1);
-  const int64_t pixel = tile.x_pixel;
+// Where a segment of a tile begins, and its channels.
+struct SegmentAt {
+  const uint8_t* x;
+  const int32_t* w;
+  int32_t channels;
+  int32_t segment;
+};
+
+// Calls step(x, one, excess) for each step of a segment: a dot product of the word at x, of pixel
+// 0, with one channel's weights of each panel, after which the sums have `excess`.
+template <int N, typename F>
+inline void ForEachStepOfPanels(const BorderTile& tile, const SegmentAt& at, F step) {
   const Vector offset = _mm512_set1_epi8(static_cast<char>(tile.offset));
-  Vector least[N];
-  Vector greatest[N];
-  BITFOLD_UNROLL
-  for (int n = 0; n < N; ++n) {
-    least[n] = _mm512_set1_epi32(INT32_MAX);
-    greatest[n] = _mm512_set1_epi32(INT32_MIN);
-  }
-  for (int32_t c = 0; c < channels; ++c) {
+  Vector excess[N];
+  ExcessAt<N>(tile, at.segment, excess);
+  for (int32_t c = 0; c < at.channels; ++c) {
     const Vector mask = _mm512_set1_epi32(static_cast<int32_t>(0xffu << (c % 4 * 8)));
-    const uint8_t* tap = x + c / 4 * 4;
-    const int32_t* word = w + int64_t{c / 4} * tile.taps * kSumLanes;
+    const uint8_t* tap = at.x + c / 4 * 4;
+    const int32_t* word = at.w + int64_t{c / 4} * tile.taps * kSumLanes;
     for (int32_t t = 0; t < tile.taps; ++t, tap += tile.x_tap, word += kSumLanes) {
       Vector one[N];
       BITFOLD_UNROLL
@@ -145,26 +168,96 @@ inline uint32_t StepLoud(const BorderTile& tile, const uint8_t* x, const int32_t
         one[n] = _mm512_and_si512(_mm512_loadu_si512(word + n * tile.w_panel), mask);
         excess[n] = _mm512_dpbusd_epi32(excess[n], offset, one[n]);
       }
-      Vector low[N];
-      Vector high[N];
-      BITFOLD_UNROLL
-      for (int p = 0; p < P; ++p) {
-        const Vector same = _mm512_set1_epi32(WordAt(tap + p * pixel));
-        BITFOLD_UNROLL
-        for (int n = 0; n < N; ++n) {
-          const Vector sum = _mm512_dpbusd_epi32(sums->v[p][n], same, one[n]);
-          sums->v[p][n] = sum;
-          low[n] = p == 0 ? sum : _mm512_min_epi32(low[n], sum);
-          high[n] = p == 0 ? sum : _mm512_max_epi32(high[n], sum);
-        }
-      }
-      BITFOLD_UNROLL
-      for (int n = 0; n < N; ++n) {
-        least[n] = _mm512_min_epi32(least[n], _mm512_sub_epi32(low[n], excess[n]));
-        greatest[n] = _mm512_max_epi32(greatest[n], _mm512_sub_epi32(high[n], excess[n]));
-      }
+      step(tap, one, excess);
     }
   }
+}
+
+// Adds a segment step by step. Returns whether all partial sums are quiet. One comparison is enough
+// for both limits: what is below the lower one is large as an unsigned distance from it.
+template <int P, int N>
+inline bool StepQuietly(const BorderTile& tile, const SegmentAt& at, const PanelRecord* panels,
+                        Sums<P, N>* sums) {
+  const int64_t pixel = tile.x_pixel;
+  Vector acc[P][N];
+  Copy<P, N>(sums->v, acc);
+  Vector least[N];
+  Vector furthest[N][2];
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    least[n] = _mm512_load_si512(panels[n].quiet_least);
+    furthest[n][0] = furthest[n][1] = _mm512_setzero_si512();
+  }
+  ForEachStepOfPanels<N>(
+      tile, at,
+      [&](const uint8_t* x, const Vector(&one)[N], const Vector(&excess)[N])
+          __attribute__((always_inline)) {
+            Vector from[N];
+            BITFOLD_UNROLL
+            for (int n = 0; n < N; ++n) from[n] = _mm512_add_epi32(least[n], excess[n]);
+            BITFOLD_UNROLL
+            for (int p = 0; p < P; ++p) {
+              const Vector same = _mm512_set1_epi32(WordAt(x + p * pixel));
+              BITFOLD_UNROLL
+              for (int n = 0; n < N; ++n) {
+                const Vector sum = _mm512_dpbusd_epi32(acc[p][n], same, one[n]);
+                acc[p][n] = sum;
+                furthest[n][p % 2] =
+                    _mm512_max_epu32(furthest[n][p % 2], _mm512_sub_epi32(sum, from[n]));
+              }
+            }
+          });
+  Copy<P, N>(acc, sums->v);
+  __mmask16 is_loud = 0;
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    const Vector greatest = _mm512_load_si512(panels[n].quiet_greatest);
+    const Vector distance = _mm512_max_epu32(furthest[n][0], furthest[n][1]);
+    is_loud |= _mm512_cmpgt_epu32_mask(distance, _mm512_sub_epi32(greatest, least[n]));
+    is_loud |= _mm512_cmpgt_epi32_mask(least[n], greatest);  // there is no range
+  }
+  return is_loud == 0;
+}
+
+// Adds a segment step by step, and takes all partial sums into the extremes. Returns in which
+// panels one is outside of the limits.
+template <int P, int N>
+inline uint32_t StepLoudly(const BorderTile& tile, const SegmentAt& at, PanelRecord* panels,
+                           Sums<P, N>* sums) {
+  const int64_t pixel = tile.x_pixel;
+  Vector acc[P][N];
+  Copy<P, N>(sums->v, acc);
+  Vector least[N];
+  Vector greatest[N];
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    least[n] = _mm512_set1_epi32(INT32_MAX);
+    greatest[n] = _mm512_set1_epi32(INT32_MIN);
+  }
+  ForEachStepOfPanels<N>(
+      tile, at,
+      [&](const uint8_t* x, const Vector(&one)[N], const Vector(&excess)[N])
+          __attribute__((always_inline)) {
+            Vector low[N];
+            Vector high[N];
+            BITFOLD_UNROLL
+            for (int p = 0; p < P; ++p) {
+              const Vector same = _mm512_set1_epi32(WordAt(x + p * pixel));
+              BITFOLD_UNROLL
+              for (int n = 0; n < N; ++n) {
+                const Vector sum = _mm512_dpbusd_epi32(acc[p][n], same, one[n]);
+                acc[p][n] = sum;
+                low[n] = p == 0 ? sum : _mm512_min_epi32(low[n], sum);
+                high[n] = p == 0 ? sum : _mm512_max_epi32(high[n], sum);
+              }
+            }
+            BITFOLD_UNROLL
+            for (int n = 0; n < N; ++n) {
+              least[n] = _mm512_min_epi32(least[n], _mm512_sub_epi32(low[n], excess[n]));
+              greatest[n] = _mm512_max_epi32(greatest[n], _mm512_sub_epi32(high[n], excess[n]));
+            }
+          });
+  Copy<P, N>(acc, sums->v);
   uint32_t outside = 0;
   BITFOLD_UNROLL
   for (int n = 0; n < N; ++n) {
@@ -237,8 +330,13 @@ int32_t Advance(const BorderTile& tile, PanelRecord* panels, int32_t first, Bord
     Store<P, N>(sums, state->start);
     state->is_extended = tile.loudness[segment] != 0 && segment >= tile.first_plain;
     if (state->is_extended) {
-      const int32_t channels = std::min(words * 4, tile.channels - word * 4);
-      changes = StepLoud<P, N>(tile, x, w, channels, segment, panels, &sums);
+      const SegmentAt at = {x, w, std::min(words * 4, tile.channels - word * 4), segment};
+      tile.loudness[segment] = static_cast<uint8_t>(tile.loudness[segment] - 1);
+      changes = 0;
+      if (!StepQuietly<P, N>(tile, at, panels, &sums)) {
+        Load<P, N>(state->start, &sums);
+        changes = StepLoudly<P, N>(tile, at, panels, &sums);
+      }
     } else {
       AddSegment<P, N>(tile, x, w, words, &sums);
     }
