@@ -399,8 +399,8 @@ inline Vector WeightOf(Vector word, __m128i up) {
   return _mm512_srai_epi32(_mm512_sll_epi32(word, up), 24);
 }
 
-// Calls step(x, one, excess) for each step of P pixels: a dot product of the word at x, of pixel 0,
-// with one channel's weights, after which the sums have `excess`.
+// Calls step(t, x, one, excess) for each step of P pixels: tap t's dot product of the word at x, of
+// pixel 0, with one channel's weights, after which the sums have `excess`.
 template <typename F>
 inline void ForEachStep(const SegmentSpot& spot, F step) {
   const Vector offset = _mm512_set1_epi8(static_cast<char>(spot.offset));
@@ -413,7 +413,7 @@ inline void ForEachStep(const SegmentSpot& spot, F step) {
       for (int32_t t = 0; t < spot.taps; ++t, tap += spot.x_tap) {
         const Vector one = _mm512_and_si512(_mm512_loadu_si512(words + t * kSumLanes), mask);
         excess = _mm512_dpbusd_epi32(excess, offset, one);
-        step(tap, one, excess);
+        step(t, tap, one, excess);
       }
     }
   }
@@ -430,7 +430,8 @@ void StepPixels(const SegmentSpot& spot, const BorderSums& state, const SumLimit
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) sums[p] = _mm512_load_si512(state.start[p][spot.panel]);
   ForEachStep(
-      spot, [&](const uint8_t* x, Vector one, Vector excess) __attribute__((always_inline)) {
+      spot, [&](int32_t, const uint8_t* x, Vector one,
+                Vector excess) __attribute__((always_inline)) {
         BITFOLD_UNROLL
         for (int p = 0; p < P; ++p) {
           sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(x + p * pixel)), one);
@@ -448,10 +449,26 @@ void StepPixels(const SegmentSpot& spot, const BorderSums& state, const SumLimit
   Extend(least, greatest, limits, panel);
 }
 
-// Counts the steps of some of P pixels, which have all taps, and of a width; `counts` of pixel 0.
+// Which lanes of a pixel are counted, at each tap: all or none.
+struct CountedLanes {
+  __mmask16 at[kMostSegmentSteps / 4][kBorderPixels] = {};
+
+  CountedLanes(const SegmentSpot& spot, uint32_t counted) {
+    for (int32_t p = 0; p < spot.pixels; ++p) {
+      const PixelTaps taps = spot.pixel_taps[p];
+      if ((counted >> p & 1) == 0) continue;
+      for (int32_t t = taps.first; t < taps.first + taps.count; ++t) at[t][p] = 0xffff;
+    }
+  }
+};
+
+// Counts the steps of some of P pixels and of a width; `counts` of pixel 0. The first step outside
+// is looked for in `whole` pixels, which have all taps. Returns the others where it may come
+// sooner.
 template <int P>
-void CountPixels(const SegmentSpot& spot, const BorderSums& state, uint32_t counted,
-                 WidthRecord* width, OutputCounts* counts, int64_t pixel_counts) {
+uint32_t CountPixels(const SegmentSpot& spot, const BorderSums& state, const CountedLanes& lanes,
+                     uint32_t whole, WidthRecord* width, OutputCounts* counts,
+                     int64_t pixel_counts) {
   const int64_t pixel = spot.x_pixel;
   const Vector low = _mm512_set1_epi32(width->low);
   const Vector range = _mm512_set1_epi32(
@@ -461,15 +478,16 @@ void CountPixels(const SegmentSpot& spot, const BorderSums& state, uint32_t coun
   Vector number = _mm512_set1_epi32(spot.channels_before * spot.taps);
   Vector sums[P];
   Vector outside[P];
-  __mmask16 lanes[P];
+  __mmask16 is_whole[P];
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) {
     sums[p] = _mm512_load_si512(state.start[p][spot.panel]);
     outside[p] = _mm512_setzero_si512();
-    lanes[p] = static_cast<__mmask16>((counted >> p & 1) != 0 ? 0xffff : 0);
+    is_whole[p] = static_cast<__mmask16>((whole >> p & 1) != 0 ? 0xffff : 0);
   }
   ForEachStep(
-      spot, [&](const uint8_t* x, Vector one, Vector excess) __attribute__((always_inline)) {
+      spot, [&](int32_t t, const uint8_t* x, Vector one,
+                Vector excess) __attribute__((always_inline)) {
         const Vector from = _mm512_add_epi32(low, excess);
         __mmask16 any = 0;
         number = _mm512_add_epi32(number, one_more);
@@ -477,18 +495,24 @@ void CountPixels(const SegmentSpot& spot, const BorderSums& state, uint32_t coun
         for (int p = 0; p < P; ++p) {
           sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(x + p * pixel)), one);
           const __mmask16 is_outside =
-              _mm512_mask_cmpgt_epu32_mask(lanes[p], _mm512_sub_epi32(sums[p], from), range);
+              _mm512_mask_cmpgt_epu32_mask(lanes.at[t][p], _mm512_sub_epi32(sums[p], from), range);
           outside[p] = _mm512_mask_add_epi32(outside[p], is_outside, outside[p], one_more);
-          any = static_cast<__mmask16>(any | is_outside);
+          any = static_cast<__mmask16>(any | (is_outside & is_whole[p]));
         }
         first = _mm512_mask_min_epi32(first, any, first, number);
       });
   _mm512_storeu_si512(width->first, first);
+  uint32_t sooner = 0;
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) {
     int32_t* const of_pixel = counts[p * pixel_counts].outside;
     _mm512_storeu_si512(of_pixel, _mm512_add_epi32(outside[p], _mm512_loadu_si512(of_pixel)));
+    const Vector next = _mm512_set1_epi32(spot.channels_before * spot.pixel_taps[p].count + 1);
+    const __mmask16 may_be =
+        _mm512_mask_cmpgt_epi32_mask(_mm512_test_epi32_mask(outside[p], outside[p]), first, next);
+    if (is_whole[p] == 0 && may_be != 0) sooner |= 1u << p;
   }
+  return sooner;
 }
 
 // Writes the partial sums of a pixel, takes them into the extremes and returns how many.
@@ -577,6 +601,7 @@ inline bool CountWhole(const SegmentSpot& spot, int32_t p, const Span& span,
 struct OpenPixels {
   uint32_t extending = 0;  // whose steps may change the extremes
   uint32_t counting = 0;   // whose steps must be counted
+  uint32_t searching = 0;  // that have been counted, and may have left a width sooner than others
   uint32_t whole = 0;      // that have all taps of a row
 };
 
@@ -608,13 +633,13 @@ void StepTile(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* pane
     *spot.loudness = kLoud;
     open->extending = 0;
   }
-  const uint32_t together = open->counting & open->whole;
-  if (!has_several(together)) return;
+  if (!has_several(open->counting)) return;
+  const CountedLanes lanes(spot, open->counting);
   for (int32_t i = 0; i < counted.count; ++i) {
-    CountPixels<P>(spot, sums, together, &counted.widths[i], counted.counts + i,
-                   counted.pixel_counts);
+    open->searching |= CountPixels<P>(spot, sums, lanes, open->whole, &counted.widths[i],
+                                      counted.counts + i, counted.pixel_counts);
   }
-  open->counting &= ~together;
+  open->counting = 0;
 }
 
 void Resolve(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* panel,
@@ -623,15 +648,18 @@ void Resolve(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* panel
   if (spot.pixels == 7) StepTile<7>(spot, sums, panel, counted, &open);
   if (spot.pixels == 4) StepTile<4>(spot, sums, panel, counted, &open);
   if (spot.pixels == 2) StepTile<2>(spot, sums, panel, counted, &open);
-  for (uint32_t left = open.extending | open.counting; left != 0; left &= left - 1) {
+  for (uint32_t left = open.extending | open.counting | open.searching; left != 0;
+       left &= left - 1) {
     const int32_t p = __builtin_ctz(left);
     Vector steps[kMostSegmentSteps];
     const int32_t count =
         StepPixel(spot, p, SpanOf(spot, sums, p).start, counted.narrowest, panel, steps);
-    if ((open.counting >> p & 1) == 0) continue;
+    const bool is_counted = (open.counting >> p & 1) != 0;
+    if (!is_counted && (open.searching >> p & 1) == 0) continue;
+    OutputCounts unused = {};
     for (int32_t i = 0; i < counted.count; ++i) {
       CountSteps(steps, count, spot.channels_before * spot.pixel_taps[p].count, &counted.widths[i],
-                 counted.counts + p * counted.pixel_counts + i);
+                 is_counted ? counted.counts + p * counted.pixel_counts + i : &unused);
     }
   }
 }
