@@ -26,33 +26,49 @@ BITFOLD_BEGIN_AVX512_VNNI
 
 using Vector = __m512i;
 
-// The sums of P columns of N panels.
+// The sums of P columns of N panels. What adds to them does so in a copy of its own: its address is
+// not taken, and it stays in registers.
 template <int P, int N>
 struct Sums {
   Vector v[P][N];
 };
+
+template <int P, int N>
+inline void Copy(const Vector (&from)[P][N], Vector (&to)[P][N]) {
+  BITFOLD_UNROLL
+  for (int p = 0; p < P; ++p) {
+    BITFOLD_UNROLL
+    for (int n = 0; n < N; ++n) to[p][n] = from[p][n];
+  }
+}
 
 // Adds `words` words of a row.
 template <int P, int N>
 inline void AddSegment(const BorderTile& tile, const uint8_t* x, const int32_t* w, int32_t words,
                        Sums<P, N>* sums) {
   const int64_t pixel = tile.x_pixel;
+  const int64_t panel = tile.w_panel;
+  const int64_t x_tap = tile.x_tap;
+  const int32_t taps = tile.taps;
+  Vector acc[P][N];
+  Copy<P, N>(sums->v, acc);
   for (int32_t k = 0; k < words; ++k, x += sizeof(int32_t)) {
     const uint8_t* tap = x;
-    for (int32_t t = 0; t < tile.taps; ++t, tap += tile.x_tap, w += kSumLanes) {
+    for (int32_t t = 0; t < taps; ++t, tap += x_tap, w += kSumLanes) {
       Vector weights[N];
       BITFOLD_UNROLL
-      for (int n = 0; n < N; ++n) weights[n] = _mm512_loadu_si512(w + n * tile.w_panel);
+      for (int n = 0; n < N; ++n) weights[n] = _mm512_loadu_si512(w + n * panel);
       BITFOLD_UNROLL
       for (int p = 0; p < P; ++p) {
         const Vector same = _mm512_set1_epi32(WordAt(tap + p * pixel));
         BITFOLD_UNROLL
         for (int n = 0; n < N; ++n) {
-          sums->v[p][n] = _mm512_dpbusd_epi32(sums->v[p][n], same, weights[n]);
+          acc[p][n] = _mm512_dpbusd_epi32(acc[p][n], same, weights[n]);
         }
       }
     }
   }
+  Copy<P, N>(acc, sums->v);
 }
 
 // Looks at where the segment ends: whether a panel's partial sums may have left what is quiet.
@@ -89,6 +105,15 @@ inline uint32_t Changes(const Sums<P, N>& sums, const SegmentBounds* bounds, int
 }
 
 template <int P, int N>
+inline void Load(const int32_t (*from)[kBorderPanels][kSumLanes], Sums<P, N>* sums) {
+  BITFOLD_UNROLL
+  for (int p = 0; p < P; ++p) {
+    BITFOLD_UNROLL
+    for (int n = 0; n < N; ++n) sums->v[p][n] = _mm512_load_si512(from[p][n]);
+  }
+}
+
+template <int P, int N>
 inline void Store(const Sums<P, N>& sums, int32_t (*to)[kBorderPanels][kSumLanes]) {
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) {
@@ -117,27 +142,25 @@ inline void ExcessAt(const BorderTile& tile, int32_t segment, Vector (&excess)[N
   }
 }
 
-// Adds a segment step by step, and takes all partial sums into the extremes. Returns in which
-// panels one is outside of the limits.
-template <int P, int N>
-inline uint32_t StepLoud(const BorderTile& tile, const uint8_t* x, const int32_t* w,
-                         int32_t channels, int32_t segment, PanelRecord* panels, Sums<P, N>* sums) {
-  Vector excess[N];
-  ExcessAt<N>(tile, segment, excess);
-  tile.loudness[segment] = static_cast<uint8_t>(tile.loudness[segment] - 1);
-  const int64_t pixel = tile.x_pixel;
+// Where a segment of a tile begins, and its channels.
+struct SegmentAt {
+  const uint8_t* x;
+  const int32_t* w;
+  int32_t channels;
+  int32_t segment;
+};
+
+// Calls step(x, one, excess) for each step of a segment: a dot product of the word at x, of pixel
+// 0, with one channel's weights of each panel, after which the sums have `excess`.
+template <int N, typename F>
+inline void ForEachStepOfPanels(const BorderTile& tile, const SegmentAt& at, F step) {
   const Vector offset = _mm512_set1_epi8(static_cast<char>(tile.offset));
-  Vector least[N];
-  Vector greatest[N];
-  BITFOLD_UNROLL
-  for (int n = 0; n < N; ++n) {
-    least[n] = _mm512_set1_epi32(INT32_MAX);
-    greatest[n] = _mm512_set1_epi32(INT32_MIN);
-  }
-  for (int32_t c = 0; c < channels; ++c) {
+  Vector excess[N];
+  ExcessAt<N>(tile, at.segment, excess);
+  for (int32_t c = 0; c < at.channels; ++c) {
     const Vector mask = _mm512_set1_epi32(static_cast<int32_t>(0xffu << (c % 4 * 8)));
-    const uint8_t* tap = x + c / 4 * 4;
-    const int32_t* word = w + int64_t{c / 4} * tile.taps * kSumLanes;
+    const uint8_t* tap = at.x + c / 4 * 4;
+    const int32_t* word = at.w + int64_t{c / 4} * tile.taps * kSumLanes;
     for (int32_t t = 0; t < tile.taps; ++t, tap += tile.x_tap, word += kSumLanes) {
       Vector one[N];
       BITFOLD_UNROLL
@@ -145,26 +168,96 @@ inline uint32_t StepLoud(const BorderTile& tile, const uint8_t* x, const int32_t
         one[n] = _mm512_and_si512(_mm512_loadu_si512(word + n * tile.w_panel), mask);
         excess[n] = _mm512_dpbusd_epi32(excess[n], offset, one[n]);
       }
-      Vector low[N];
-      Vector high[N];
-      BITFOLD_UNROLL
-      for (int p = 0; p < P; ++p) {
-        const Vector same = _mm512_set1_epi32(WordAt(tap + p * pixel));
-        BITFOLD_UNROLL
-        for (int n = 0; n < N; ++n) {
-          const Vector sum = _mm512_dpbusd_epi32(sums->v[p][n], same, one[n]);
-          sums->v[p][n] = sum;
-          low[n] = p == 0 ? sum : _mm512_min_epi32(low[n], sum);
-          high[n] = p == 0 ? sum : _mm512_max_epi32(high[n], sum);
-        }
-      }
-      BITFOLD_UNROLL
-      for (int n = 0; n < N; ++n) {
-        least[n] = _mm512_min_epi32(least[n], _mm512_sub_epi32(low[n], excess[n]));
-        greatest[n] = _mm512_max_epi32(greatest[n], _mm512_sub_epi32(high[n], excess[n]));
-      }
+      step(tap, one, excess);
     }
   }
+}
+
+// Adds a segment step by step. Returns whether all partial sums are quiet. One comparison is enough
+// for both limits: what is below the lower one is large as an unsigned distance from it.
+template <int P, int N>
+inline bool StepQuietly(const BorderTile& tile, const SegmentAt& at, const PanelRecord* panels,
+                        Sums<P, N>* sums) {
+  const int64_t pixel = tile.x_pixel;
+  Vector acc[P][N];
+  Copy<P, N>(sums->v, acc);
+  Vector least[N];
+  Vector furthest[N][2];
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    least[n] = _mm512_load_si512(panels[n].quiet_least);
+    furthest[n][0] = furthest[n][1] = _mm512_setzero_si512();
+  }
+  ForEachStepOfPanels<N>(
+      tile, at,
+      [&](const uint8_t* x, const Vector(&one)[N], const Vector(&excess)[N])
+          __attribute__((always_inline)) {
+            Vector from[N];
+            BITFOLD_UNROLL
+            for (int n = 0; n < N; ++n) from[n] = _mm512_add_epi32(least[n], excess[n]);
+            BITFOLD_UNROLL
+            for (int p = 0; p < P; ++p) {
+              const Vector same = _mm512_set1_epi32(WordAt(x + p * pixel));
+              BITFOLD_UNROLL
+              for (int n = 0; n < N; ++n) {
+                const Vector sum = _mm512_dpbusd_epi32(acc[p][n], same, one[n]);
+                acc[p][n] = sum;
+                furthest[n][p % 2] =
+                    _mm512_max_epu32(furthest[n][p % 2], _mm512_sub_epi32(sum, from[n]));
+              }
+            }
+          });
+  Copy<P, N>(acc, sums->v);
+  __mmask16 is_loud = 0;
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    const Vector greatest = _mm512_load_si512(panels[n].quiet_greatest);
+    const Vector distance = _mm512_max_epu32(furthest[n][0], furthest[n][1]);
+    is_loud |= _mm512_cmpgt_epu32_mask(distance, _mm512_sub_epi32(greatest, least[n]));
+    is_loud |= _mm512_cmpgt_epi32_mask(least[n], greatest);  // there is no range
+  }
+  return is_loud == 0;
+}
+
+// Adds a segment step by step, and takes all partial sums into the extremes. Returns in which
+// panels one is outside of the limits.
+template <int P, int N>
+inline uint32_t StepLoudly(const BorderTile& tile, const SegmentAt& at, PanelRecord* panels,
+                           Sums<P, N>* sums) {
+  const int64_t pixel = tile.x_pixel;
+  Vector acc[P][N];
+  Copy<P, N>(sums->v, acc);
+  Vector least[N];
+  Vector greatest[N];
+  BITFOLD_UNROLL
+  for (int n = 0; n < N; ++n) {
+    least[n] = _mm512_set1_epi32(INT32_MAX);
+    greatest[n] = _mm512_set1_epi32(INT32_MIN);
+  }
+  ForEachStepOfPanels<N>(
+      tile, at,
+      [&](const uint8_t* x, const Vector(&one)[N], const Vector(&excess)[N])
+          __attribute__((always_inline)) {
+            Vector low[N];
+            Vector high[N];
+            BITFOLD_UNROLL
+            for (int p = 0; p < P; ++p) {
+              const Vector same = _mm512_set1_epi32(WordAt(x + p * pixel));
+              BITFOLD_UNROLL
+              for (int n = 0; n < N; ++n) {
+                const Vector sum = _mm512_dpbusd_epi32(acc[p][n], same, one[n]);
+                acc[p][n] = sum;
+                low[n] = p == 0 ? sum : _mm512_min_epi32(low[n], sum);
+                high[n] = p == 0 ? sum : _mm512_max_epi32(high[n], sum);
+              }
+            }
+            BITFOLD_UNROLL
+            for (int n = 0; n < N; ++n) {
+              least[n] = _mm512_min_epi32(least[n], _mm512_sub_epi32(low[n], excess[n]));
+              greatest[n] = _mm512_max_epi32(greatest[n], _mm512_sub_epi32(high[n], excess[n]));
+            }
+          });
+  Copy<P, N>(acc, sums->v);
   uint32_t outside = 0;
   BITFOLD_UNROLL
   for (int n = 0; n < N; ++n) {
@@ -237,8 +330,13 @@ int32_t Advance(const BorderTile& tile, PanelRecord* panels, int32_t first, Bord
     Store<P, N>(sums, state->start);
     state->is_extended = tile.loudness[segment] != 0 && segment >= tile.first_plain;
     if (state->is_extended) {
-      const int32_t channels = std::min(words * 4, tile.channels - word * 4);
-      changes = StepLoud<P, N>(tile, x, w, channels, segment, panels, &sums);
+      const SegmentAt at = {x, w, std::min(words * 4, tile.channels - word * 4), segment};
+      tile.loudness[segment] = static_cast<uint8_t>(tile.loudness[segment] - 1);
+      changes = 0;
+      if (!StepQuietly<P, N>(tile, at, panels, &sums)) {
+        Load<P, N>(state->start, &sums);
+        changes = StepLoudly<P, N>(tile, at, panels, &sums);
+      }
     } else {
       AddSegment<P, N>(tile, x, w, words, &sums);
     }
@@ -301,8 +399,8 @@ inline Vector WeightOf(Vector word, __m128i up) {
   return _mm512_srai_epi32(_mm512_sll_epi32(word, up), 24);
 }
 
-// Calls step(x, one, excess) for each step of P pixels: a dot product of the word at x, of pixel 0,
-// with one channel's weights, after which the sums have `excess`.
+// Calls step(t, x, one, excess) for each step of P pixels: tap t's dot product of the word at x, of
+// pixel 0, with one channel's weights, after which the sums have `excess`.
 template <typename F>
 inline void ForEachStep(const SegmentSpot& spot, F step) {
   const Vector offset = _mm512_set1_epi8(static_cast<char>(spot.offset));
@@ -315,7 +413,7 @@ inline void ForEachStep(const SegmentSpot& spot, F step) {
       for (int32_t t = 0; t < spot.taps; ++t, tap += spot.x_tap) {
         const Vector one = _mm512_and_si512(_mm512_loadu_si512(words + t * kSumLanes), mask);
         excess = _mm512_dpbusd_epi32(excess, offset, one);
-        step(tap, one, excess);
+        step(t, tap, one, excess);
       }
     }
   }
@@ -332,7 +430,8 @@ void StepPixels(const SegmentSpot& spot, const BorderSums& state, const SumLimit
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) sums[p] = _mm512_load_si512(state.start[p][spot.panel]);
   ForEachStep(
-      spot, [&](const uint8_t* x, Vector one, Vector excess) __attribute__((always_inline)) {
+      spot, [&](int32_t, const uint8_t* x, Vector one,
+                Vector excess) __attribute__((always_inline)) {
         BITFOLD_UNROLL
         for (int p = 0; p < P; ++p) {
           sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(x + p * pixel)), one);
@@ -350,10 +449,26 @@ void StepPixels(const SegmentSpot& spot, const BorderSums& state, const SumLimit
   Extend(least, greatest, limits, panel);
 }
 
-// Counts the steps of some of P pixels, which have all taps, and of a width; `counts` of pixel 0.
+// Which lanes of a pixel are counted, at each tap: all or none.
+struct CountedLanes {
+  __mmask16 at[kMostSegmentSteps / 4][kBorderPixels] = {};
+
+  CountedLanes(const SegmentSpot& spot, uint32_t counted) {
+    for (int32_t p = 0; p < spot.pixels; ++p) {
+      const PixelTaps taps = spot.pixel_taps[p];
+      if ((counted >> p & 1) == 0) continue;
+      for (int32_t t = taps.first; t < taps.first + taps.count; ++t) at[t][p] = 0xffff;
+    }
+  }
+};
+
+// Counts the steps of some of P pixels and of a width; `counts` of pixel 0. The first step outside
+// is looked for in `whole` pixels, which have all taps. Returns the others where it may come
+// sooner.
 template <int P>
-void CountPixels(const SegmentSpot& spot, const BorderSums& state, uint32_t counted,
-                 WidthRecord* width, OutputCounts* counts, int64_t pixel_counts) {
+uint32_t CountPixels(const SegmentSpot& spot, const BorderSums& state, const CountedLanes& lanes,
+                     uint32_t whole, WidthRecord* width, OutputCounts* counts,
+                     int64_t pixel_counts) {
   const int64_t pixel = spot.x_pixel;
   const Vector low = _mm512_set1_epi32(width->low);
   const Vector range = _mm512_set1_epi32(
@@ -363,15 +478,16 @@ void CountPixels(const SegmentSpot& spot, const BorderSums& state, uint32_t coun
   Vector number = _mm512_set1_epi32(spot.channels_before * spot.taps);
   Vector sums[P];
   Vector outside[P];
-  __mmask16 lanes[P];
+  __mmask16 is_whole[P];
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) {
     sums[p] = _mm512_load_si512(state.start[p][spot.panel]);
     outside[p] = _mm512_setzero_si512();
-    lanes[p] = static_cast<__mmask16>((counted >> p & 1) != 0 ? 0xffff : 0);
+    is_whole[p] = static_cast<__mmask16>((whole >> p & 1) != 0 ? 0xffff : 0);
   }
   ForEachStep(
-      spot, [&](const uint8_t* x, Vector one, Vector excess) __attribute__((always_inline)) {
+      spot, [&](int32_t t, const uint8_t* x, Vector one,
+                Vector excess) __attribute__((always_inline)) {
         const Vector from = _mm512_add_epi32(low, excess);
         __mmask16 any = 0;
         number = _mm512_add_epi32(number, one_more);
@@ -379,18 +495,24 @@ void CountPixels(const SegmentSpot& spot, const BorderSums& state, uint32_t coun
         for (int p = 0; p < P; ++p) {
           sums[p] = _mm512_dpbusd_epi32(sums[p], _mm512_set1_epi32(WordAt(x + p * pixel)), one);
           const __mmask16 is_outside =
-              _mm512_mask_cmpgt_epu32_mask(lanes[p], _mm512_sub_epi32(sums[p], from), range);
+              _mm512_mask_cmpgt_epu32_mask(lanes.at[t][p], _mm512_sub_epi32(sums[p], from), range);
           outside[p] = _mm512_mask_add_epi32(outside[p], is_outside, outside[p], one_more);
-          any = static_cast<__mmask16>(any | is_outside);
+          any = static_cast<__mmask16>(any | (is_outside & is_whole[p]));
         }
         first = _mm512_mask_min_epi32(first, any, first, number);
       });
   _mm512_storeu_si512(width->first, first);
+  uint32_t sooner = 0;
   BITFOLD_UNROLL
   for (int p = 0; p < P; ++p) {
     int32_t* const of_pixel = counts[p * pixel_counts].outside;
     _mm512_storeu_si512(of_pixel, _mm512_add_epi32(outside[p], _mm512_loadu_si512(of_pixel)));
+    const Vector next = _mm512_set1_epi32(spot.channels_before * spot.pixel_taps[p].count + 1);
+    const __mmask16 may_be =
+        _mm512_mask_cmpgt_epi32_mask(_mm512_test_epi32_mask(outside[p], outside[p]), first, next);
+    if (is_whole[p] == 0 && may_be != 0) sooner |= 1u << p;
   }
+  return sooner;
 }
 
 // Writes the partial sums of a pixel, takes them into the extremes and returns how many.
@@ -479,6 +601,7 @@ inline bool CountWhole(const SegmentSpot& spot, int32_t p, const Span& span,
 struct OpenPixels {
   uint32_t extending = 0;  // whose steps may change the extremes
   uint32_t counting = 0;   // whose steps must be counted
+  uint32_t searching = 0;  // that have been counted, and may have left a width sooner than others
   uint32_t whole = 0;      // that have all taps of a row
 };
 
@@ -510,13 +633,13 @@ void StepTile(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* pane
     *spot.loudness = kLoud;
     open->extending = 0;
   }
-  const uint32_t together = open->counting & open->whole;
-  if (!has_several(together)) return;
+  if (!has_several(open->counting)) return;
+  const CountedLanes lanes(spot, open->counting);
   for (int32_t i = 0; i < counted.count; ++i) {
-    CountPixels<P>(spot, sums, together, &counted.widths[i], counted.counts + i,
-                   counted.pixel_counts);
+    open->searching |= CountPixels<P>(spot, sums, lanes, open->whole, &counted.widths[i],
+                                      counted.counts + i, counted.pixel_counts);
   }
-  open->counting &= ~together;
+  open->counting = 0;
 }
 
 void Resolve(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* panel,
@@ -525,15 +648,18 @@ void Resolve(const SegmentSpot& spot, const BorderSums& sums, PanelRecord* panel
   if (spot.pixels == 7) StepTile<7>(spot, sums, panel, counted, &open);
   if (spot.pixels == 4) StepTile<4>(spot, sums, panel, counted, &open);
   if (spot.pixels == 2) StepTile<2>(spot, sums, panel, counted, &open);
-  for (uint32_t left = open.extending | open.counting; left != 0; left &= left - 1) {
+  for (uint32_t left = open.extending | open.counting | open.searching; left != 0;
+       left &= left - 1) {
     const int32_t p = __builtin_ctz(left);
     Vector steps[kMostSegmentSteps];
     const int32_t count =
         StepPixel(spot, p, SpanOf(spot, sums, p).start, counted.narrowest, panel, steps);
-    if ((open.counting >> p & 1) == 0) continue;
+    const bool is_counted = (open.counting >> p & 1) != 0;
+    if (!is_counted && (open.searching >> p & 1) == 0) continue;
+    OutputCounts unused = {};
     for (int32_t i = 0; i < counted.count; ++i) {
       CountSteps(steps, count, spot.channels_before * spot.pixel_taps[p].count, &counted.widths[i],
-                 counted.counts + p * counted.pixel_counts + i);
+                 is_counted ? counted.counts + p * counted.pixel_counts + i : &unused);
     }
   }
 }
