@@ -2,9 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The datapath as the kernels of a GPU compute it (rules D1 to D4 of docs/arithmetic.md). Products,
-// their scaling, the quantiser and the integer accumulator are the host's rules; what differs, on
-// purpose, stands here and has a name of its own. Plain functions, so that the host computes the
-// same bits where it must.
+// their scaling and the integer accumulator are the host's rules, and the quantiser has its bits in
+// steps that suit a GPU; what differs, on purpose, stands here and has a name of its own. Plain
+// functions, so that the host computes the same bits where it must.
 
 #ifndef BITFOLD_DEVICE_DATAPATH_H_
 #define BITFOLD_DEVICE_DATAPATH_H_
@@ -13,7 +13,7 @@
 
 #include "bitfold/accumulator.h"
 #include "bitfold/datapath.h"
-#include "bitfold/half_accumulator.h"
+#include "bitfold/device_half.h"
 #include "bitfold/host_device.h"
 #include "bitfold/warning.h"
 
@@ -35,11 +35,22 @@ BITFOLD_HOST_DEVICE inline float WrapOnDevice(float sum, float min, float max) {
   return sum;
 }
 
+BITFOLD_HOST_DEVICE inline int32_t QuantiseInitialValueOnDevice(int32_t value) {
+  return TruncateToInt32(QuantiseHalfOnDevice(static_cast<float>(value)));
+}
+BITFOLD_HOST_DEVICE inline float QuantiseInitialValueOnDevice(float value) {
+  return QuantiseHalfOnDevice(value);
+}
+
 // What the datapaths of both element types share with the host's: all up to the scaled product.
 template <typename T>
 class CommonDeviceDatapath : public CommonDatapath<T> {
  public:
   using CommonDatapath<T>::CommonDatapath;
+
+  BITFOLD_HOST_DEVICE T InitialValue(T value) const {
+    return this->use_fp16_acc() ? QuantiseInitialValueOnDevice(value) : value;
+  }
 
   BITFOLD_HOST_DEVICE T Product(T a, T b) const { return this->ScaleProduct(this->Multiply(a, b)); }
 };
@@ -61,6 +72,8 @@ class DeviceDatapath<int32_t> : public CommonDeviceDatapath<int32_t> {
     return bitfold::Accumulate(acc, addend, limits_);
   }
 
+  BITFOLD_HOST_DEVICE const AccumulatorLimits<int32_t>& limits() const { return limits_; }
+
  private:
   AccumulatorLimits<int32_t> limits_;
 };
@@ -76,8 +89,11 @@ class DeviceDatapath<float> : public CommonDeviceDatapath<float> {
   BITFOLD_HOST_DEVICE float Accumulate(float acc, float addend) const {
     const float sum = acc + addend;
     if (IsOutOfDeviceWarningRange(sum)) PrintAccumulatorWarning(sum);
-    return use_fp16_acc() ? AccumulateHalf(acc, addend) : WrapOnDevice(sum, min_, max_);
+    return use_fp16_acc() ? AccumulateHalfOnDevice(acc, addend) : WrapOnDevice(sum, min_, max_);
   }
+
+  BITFOLD_HOST_DEVICE float min() const { return min_; }
+  BITFOLD_HOST_DEVICE float max() const { return max_; }
 
  private:
   float min_;

@@ -4,6 +4,7 @@
 // HConv2d on a GPU: the filter rearranged into a row for each output channel, each image unfolded
 // into a column for each position, and their product by tiles.
 
+#include "bitfold/device_chain.h"
 #include "bitfold/device_convolution.h"
 #include "bitfold/device_datapath.h"
 #include "device/device.h"
@@ -57,35 +58,163 @@ __global__ void im2col_kernel(int n, const T* image, int in_c, int in_h, int in_
   }
 }
 
+namespace {
+
+// What a thread reads of a tile at once.
+template <typename T>
+struct alignas(16) Four {
+  T of[4];
+};
+
+// A tile of each factor. Columns lie such that the threads which read at once, one column each, do
+// not wait for each other.
+template <typename T>
+struct Tiles {
+  Four<T> a_row[kTile][kTile / 4];
+  Four<T> b_col[kTile][kTile / 4 + 1];
+};
+
+// The factors of a product. Outside of them there are zeros.
+template <typename T>
+struct Factors {
+  const T* a;
+  uint32_t a_cols;
+  uint32_t a_rows;
+  const T* b;
+  uint32_t b_cols;
+  uint32_t b_rows;
+};
+
+// What one thread brings into the tiles, one pair after the other.
+template <typename T>
+class TileReader {
+ public:
+  __device__ TileReader(const Factors<T>& factors, uint32_t row, uint32_t col)
+      : factors_(factors),
+        has_row_(row < factors.a_rows),
+        has_col_(col < factors.b_cols),
+        a_col_(threadIdx.x),
+        b_row_(threadIdx.y),
+        a_at_(row * factors.a_cols + threadIdx.x),
+        b_at_(threadIdx.y * factors.b_cols + col) {}
+
+  __device__ void Read() {
+    a = has_row_ && a_col_ < factors_.a_cols ? factors_.a[a_at_] : T{0};
+    b = has_col_ && b_row_ < factors_.b_rows ? factors_.b[b_at_] : T{0};
+    a_col_ += uint32_t{kTile};
+    a_at_ += uint32_t{kTile};
+    b_row_ += uint32_t{kTile};
+    b_at_ += uint32_t{kTile} * factors_.b_cols;
+  }
+
+  T a;
+  T b;
+
+ private:
+  const Factors<T>& factors_;
+  bool has_row_;
+  bool has_col_;
+  uint32_t a_col_;
+  uint32_t b_row_;
+  uint32_t a_at_;
+  uint32_t b_at_;
+};
+
+// acc and the products of one tile.
+template <typename T, typename Chain>
+__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Chain& chain, T acc,
+                                     const Four<T>* a_row, const Four<T>* b_col) {
+  T quiet = chain.Enter(acc);
+  bool may_be_loud = false;
+  BITFOLD_UNROLL
+  for (int j = 0; j < kTile / 4; ++j) {
+    const Four<T> a = a_row[j];
+    const Four<T> b = b_col[j];
+    BITFOLD_UNROLL
+    for (int i = 0; i < 4; ++i) may_be_loud |= chain.Add(a.of[i], b.of[i], &quiet);
+  }
+  if (!may_be_loud) return chain.Leave(quiet);
+  BITFOLD_NO_UNROLL
+  for (int j = 0; j < kTile; ++j) {
+    const T product = datapath.Product(a_row[j / 4].of[j % 4], b_col[j / 4].of[j % 4]);
+    acc = datapath.Accumulate(acc, product);
+  }
+  return acc;
+}
+
+// The chain of the thread's output, if it has one; all threads of the block bring the tiles. While
+// some still read one pair of tiles, others write the next.
+template <typename Chain, typename T>
+__device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
+                                           const Factors<T>& factors, uint32_t row, uint32_t col,
+                                           Tiles<T>* both) {
+  const Chain chain(datapath);
+  const uint32_t tx = threadIdx.x;
+  const uint32_t ty = threadIdx.y;
+  const bool is_output = row < factors.a_rows && col < factors.b_cols;
+  const int last = (static_cast<int>(factors.a_cols) - 1) / kTile;
+  TileReader<T> reader(factors, row, col);
+  reader.Read();
+  T acc = T{0};
+  for (int t = 0; t <= last; ++t) {
+    Tiles<T>& tiles = both[t & 1];
+    tiles.a_row[ty][tx / 4].of[tx % 4] = reader.a;
+    tiles.b_col[tx][ty / 4].of[ty % 4] = reader.b;
+    __syncthreads();
+    reader.Read();
+    if (is_output) acc = AddTile(datapath, chain, acc, tiles.a_row[ty], tiles.b_col[tx]);
+  }
+  return acc;
+}
+
+// A loop for each arithmetic, so that none carries the others' instructions.
+__device__ float Multiply(const DeviceDatapath<float>& datapath, const Factors<float>& factors,
+                          uint32_t row, uint32_t col, Tiles<float>* tiles) {
+  const bool is_half = datapath.use_fp16_acc();
+  if (datapath.mult_shift() == 0) {
+    if (is_half) {
+      return MultiplyTiles<QuietHalfChain<NoDivision>>(datapath, factors, row, col, tiles);
+    }
+    return MultiplyTiles<QuietFloatChain<NoDivision>>(datapath, factors, row, col, tiles);
+  }
+  if (DivisionByPower::Divides(datapath.mult_shift())) {
+    if (is_half) {
+      return MultiplyTiles<QuietHalfChain<DivisionByPower>>(datapath, factors, row, col, tiles);
+    }
+    return MultiplyTiles<QuietFloatChain<DivisionByPower>>(datapath, factors, row, col, tiles);
+  }
+  if (is_half) {
+    return MultiplyTiles<QuietHalfChain<DivisionByAny>>(datapath, factors, row, col, tiles);
+  }
+  return MultiplyTiles<QuietFloatChain<DivisionByAny>>(datapath, factors, row, col, tiles);
+}
+
+__device__ int32_t Multiply(const DeviceDatapath<int32_t>& datapath,
+                            const Factors<int32_t>& factors, uint32_t row, uint32_t col,
+                            Tiles<int32_t>* tiles) {
+  if (datapath.mult_shift() == 0) {
+    return MultiplyTiles<QuietIntegerChain<false>>(datapath, factors, row, col, tiles);
+  }
+  return MultiplyTiles<QuietIntegerChain<true>>(datapath, factors, row, col, tiles);
+}
+
+}  // namespace
+
 // C[col][row] = the chain over A[row][k] * B[k][col], then elementwise[col][row] unless that is
 // null; a thread for each. The last tile is filled up with zeros, whose products are added too.
 template <typename T>
 __global__ void matrix_mul_opt_kernel(const T* A, int a_cols, int a_rows, const T* B, int b_cols,
                                       int b_rows, T* C, const int8_t* mult_shift, bool use_fp16_acc,
                                       T acc_min, T acc_max, const T* elementwise) {
-  __shared__ T a_tile[kTile][kTile];
-  __shared__ T b_tile[kTile][kTile];
-  const int tx = static_cast<int>(threadIdx.x);
-  const int ty = static_cast<int>(threadIdx.y);
-  const int row = static_cast<int>(blockIdx.y) * kTile + ty;
-  const int col = static_cast<int>(blockIdx.x) * kTile + tx;
-  const bool is_output = row < a_rows && col < b_cols;
+  __shared__ Tiles<T> tiles[2];
+  const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
+  const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
+  const Factors<T> factors = {A, static_cast<uint32_t>(a_cols), static_cast<uint32_t>(a_rows),
+                              B, static_cast<uint32_t>(b_cols), static_cast<uint32_t>(b_rows)};
   const DeviceDatapath<T> datapath(acc_min, acc_max, mult_shift[0], use_fp16_acc);
-  T acc = T{0};
-  for (int t = 0; t <= (a_cols - 1) / kTile; ++t) {
-    const int k = t * kTile;
-    a_tile[ty][tx] = row < a_rows && k + tx < a_cols ? A[row * a_cols + k + tx] : T{0};
-    b_tile[ty][tx] = col < b_cols && k + ty < b_rows ? B[(k + ty) * b_cols + col] : T{0};
-    __syncthreads();
-    if (is_output) {
-      for (int j = 0; j < kTile; ++j) {
-        acc = datapath.Accumulate(acc, datapath.Product(a_tile[ty][j], b_tile[j][tx]));
-      }
-    }
-    __syncthreads();
-  }
-  if (!is_output) return;
-  const int o = col * a_rows + row;
+  T acc = Multiply(datapath, factors, row, col, tiles);
+  if (row >= factors.a_rows || col >= factors.b_cols) return;
+  const uint32_t o = col * factors.a_rows + row;
   if (elementwise != nullptr) acc = datapath.Accumulate(acc, elementwise[o]);
   C[o] = acc;
 }

@@ -15,9 +15,16 @@
 #define BITFOLD_LAUNCH(kernel, blocks, threads, stream, ...) \
   kernel<<<blocks, threads, 0, static_cast<cudaStream_t>(stream)>>>(__VA_ARGS__)
 
+// Ahead of a loop: all its rounds one after the other, or not.
+#define BITFOLD_UNROLL _Pragma("unroll")
+#define BITFOLD_NO_UNROLL _Pragma("unroll 1")
+
 #else
 
 #include "support/device_emulation.h"
+
+#define BITFOLD_UNROLL
+#define BITFOLD_NO_UNROLL
 
 #endif
 

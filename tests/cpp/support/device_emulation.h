@@ -21,6 +21,7 @@
 #define __global__
 #define __device__
 #define __host__
+#define __forceinline__ inline
 // One storage for all blocks, since they run in turn: a block finds what the one before left.
 #define __shared__ static
 // NOLINTEND(bugprone-reserved-identifier)
