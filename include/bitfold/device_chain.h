@@ -85,7 +85,7 @@ class QuietFloatChain {
     }
     *acc = *acc + addend;
     // NaN neither prints nor wraps.
-    return may_be_loud | (fabsf(*acc) > bound_);
+    return may_be_loud || fabsf(*acc) > bound_;
   }
 
  private:
@@ -114,7 +114,7 @@ class QuietHalfChain {
     const float addend = Addend(a * b);
     const float sum = *acc + Quantise(addend);
     *acc = Quantise(sum);
-    return !(fabsf(addend) < kHalfOverflow) | !(fabsf(sum) < kHalfOverflow);
+    return !(fabsf(addend) < kHalfOverflow) || !(fabsf(sum) < kHalfOverflow);
   }
 
  private:
