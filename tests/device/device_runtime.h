@@ -34,6 +34,9 @@ void CopyToHost(void* host, const void* device, size_t bytes);
 void CopyOnDevice(void* to, const void* from, size_t bytes);
 void Fill(void* device, int byte, size_t bytes);
 
+// What the runtime calls the error of a code.
+std::string ErrorText(int code);
+
 // What `work` puts on the stream, from its begin to its end there.
 double Milliseconds(const std::function<void()>& work);
 

@@ -53,6 +53,8 @@ bool OpenDevice(std::string* description) {
   return true;
 }
 
+std::string ErrorText(int code) { return cudaGetErrorString(static_cast<cudaError_t>(code)); }
+
 void* Stream() { return stream; }
 
 void WaitForDevice() { Require(cudaDeviceSynchronize(), "waiting for the device"); }

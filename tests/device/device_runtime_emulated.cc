@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "device_runtime.h"
+#include "support/device_emulation.h"
 
 namespace bitfold::device_test {
 
@@ -16,6 +17,8 @@ bool OpenDevice(std::string* description) {
   *description = "an emulation on the host";
   return true;
 }
+
+std::string ErrorText(int code) { return cudaGetErrorString(static_cast<cudaError_t>(code)); }
 
 void* Stream() { return nullptr; }
 

@@ -22,6 +22,7 @@ class Registration:
     attributes: list[str]
     kernels: dict[tuple[str, str], str]
     output: str = "output: T"
+    outputs: list[str] | None = None  # where they are several
 
     @property
     def has_element_type(self) -> bool:

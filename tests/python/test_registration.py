@@ -136,7 +136,8 @@ def test_definition(name, loaded):
     (op,) = [op for op in _definitions(loaded["first"]).op if op.name == name]
     assert [_argument(a) for a in op.input_arg] == OPS[name].inputs
     assert [_attribute(a) for a in op.attr] == OPS[name].attributes
-    assert [_argument(a) for a in op.output_arg] == [OPS[name].output]
+    outputs = OPS[name].outputs or [OPS[name].output]
+    assert [_argument(a) for a in op.output_arg] == outputs
     flags = (op.is_stateful, op.is_commutative, op.is_aggregate, op.allows_uninitialized_input)
     assert not any(flags)
 

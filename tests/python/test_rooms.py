@@ -148,6 +148,7 @@ PACKAGE = ROOT / "python" / "bitfold"
 # training, commands) gets floors of its own between the door and the helpers.
 FLOORS = (
     ("bitfold",),  # the door: what `import bitfold` offers
+    ("bitfold.studies",),  # what an arithmetic does to a network
     ("bitfold.network",),  # trained networks
     ("bitfold.detection", "bitfold.fpx", "bitfold.resize", "bitfold.tables"),  # an op's company
     ("bitfold.ops",),  # single ops

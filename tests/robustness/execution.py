@@ -37,7 +37,7 @@ def digest(output: tf.Tensor) -> str:
 
 def _attribute(name: str, value: Any) -> Any:
     """Return an attribute as the runtime's C interface takes it."""
-    if name in ("T", "T_out"):
+    if name in ("T", "T_out", "T_filter", "T_bias"):
         return tf.as_dtype(value or "float64").as_datatype_enum
     return value.encode() if isinstance(value, str) else value
 
@@ -56,10 +56,11 @@ class PreparedCall:
     def run(self) -> Outcome:
         """Run the call and return what came of it."""
         try:
-            (output,) = execute.quick_execute(
-                self.call.op, 1, self.tensors, tuple(self._attributes), context.context()
+            count = len(op_def_registry.get(self.call.op).output_arg)
+            outputs = execute.quick_execute(
+                self.call.op, count, self.tensors, tuple(self._attributes), context.context()
             )
-            return ["ok", digest(output)]
+            return ["ok", " ".join(map(digest, outputs))]
         except (tf.errors.OpError, TypeError, ValueError, OverflowError) as error:
             return _error(error)
 
@@ -106,25 +107,25 @@ def run_in_function(many: list[calls.Call]) -> list[Outcome]:
     refused: dict[int, Outcome] = {}
 
     @tf.function(input_signature=specs, autograph=False)
-    def together(*arguments: tf.Tensor) -> dict[str, tf.Tensor]:
+    def together(*arguments: tf.Tensor) -> dict[str, list[tf.Tensor]]:
         rest = list(arguments)
         outputs = {}
         for index, call in enumerate(many):
             mine, rest = rest[: len(call.inputs)], rest[len(call.inputs) :]
             try:
-                outputs[str(index)] = _node(call, mine)
+                outputs[str(index)] = tf.nest.flatten(_node(call, mine))
             except (tf.errors.OpError, TypeError, ValueError) as error:
                 refused[index] = _error(error)
         return outputs
 
     outputs = together(*tensors)
     return [
-        refused[index] if index in refused else ["ok", digest(outputs[str(index)])]
+        refused[index] if index in refused else ["ok", " ".join(map(digest, outputs[str(index)]))]
         for index in range(len(many))
     ]
 
 
-def _node(call: calls.Call, tensors: list[tf.Tensor]) -> tf.Tensor:
+def _node(call: calls.Call, tensors: list[tf.Tensor]) -> Any:
     inputs = op_def_registry.get(call.op).input_arg
     arguments = dict(zip([argument.name for argument in inputs], tensors, strict=True))
     inferred = {argument.type_attr for argument in inputs}

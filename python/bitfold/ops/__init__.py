@@ -29,6 +29,9 @@ those of the box decoders and of ``non_max_suppression``.
 Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output;
 ``prepared_conv2d`` is a whole layer from stored integers to stored integers.
 
+Partial sums. ``partial_sums`` and ``matmul_partial_sums`` say which values the sums of a layer take
+on their way, as whole numbers that never wrap, and what would leave an accumulator.
+
 Stored tensors. The ``stored_`` functions take and give the integers that a quantised network keeps,
 int8 and int16, as they are; results have the bits of the mobile runtime's reference kernels.
 
@@ -50,6 +53,7 @@ from bitfold.ops._bilinear import bilinear
 from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
 from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
 from bitfold.ops._matmul import matmul
+from bitfold.ops._partial_sums import matmul_partial_sums, partial_sums
 from bitfold.ops._prepared import prepared_conv2d
 from bitfold.ops._requantise import requantise
 from bitfold.ops._stored import (
@@ -74,7 +78,9 @@ __all__ = [
     "dilated_conv2d",
     "layer_norm",
     "matmul",
+    "matmul_partial_sums",
     "non_max_suppression",
+    "partial_sums",
     "prepared_conv2d",
     "requantise",
     "softmax",

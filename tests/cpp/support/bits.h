@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
 namespace bitfold::testing {
 
@@ -40,6 +41,12 @@ inline int32_t LowBits(int64_t sum, int32_t bits) {
 inline bool IsNan(float x) { return (BitsOf(x) & 0x7fffffffu) > 0x7f800000u; }
 
 inline bool SameBits(int32_t a, int32_t b) { return a == b; }
+
+// For these alone: narrower ones convert to int32_t.
+template <typename T, std::enable_if_t<std::is_same_v<T, int64_t>, int> = 0>
+bool SameBits(T a, T b) {
+  return a == b;
+}
 
 inline bool SameBits(float a, float b) { return BitsOf(a) == BitsOf(b) || (IsNan(a) && IsNan(b)); }
 
