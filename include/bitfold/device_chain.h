@@ -30,6 +30,7 @@ namespace bitfold {
 // Of a mult_shift of 0.
 struct NoDivision {
   static constexpr bool kDivides = false;
+  int32_t mult_shift = 0;
   BITFOLD_HOST_DEVICE explicit NoDivision(int32_t) {}
   BITFOLD_HOST_DEVICE float operator()(float x) const { return x; }
 };
@@ -37,23 +38,32 @@ struct NoDivision {
 // A power of two of either sign: its reciprocal is exact, so product and quotient round alike.
 struct DivisionByPower {
   static constexpr bool kDivides = true;
+  int32_t mult_shift;
   float reciprocal;
-  BITFOLD_HOST_DEVICE explicit DivisionByPower(int32_t mult_shift)
-      : reciprocal(1.0f / static_cast<float>(mult_shift)) {}
+  BITFOLD_HOST_DEVICE explicit DivisionByPower(int32_t in_mult_shift)
+      : mult_shift(in_mult_shift), reciprocal(1.0f / static_cast<float>(in_mult_shift)) {}
   BITFOLD_HOST_DEVICE float operator()(float x) const { return x * reciprocal; }
 
-  BITFOLD_HOST_DEVICE static bool Divides(int32_t mult_shift) {
-    const int32_t magnitude = mult_shift < 0 ? -mult_shift : mult_shift;
+  BITFOLD_HOST_DEVICE static bool Divides(int32_t shift) {
+    const int32_t magnitude = shift < 0 ? -shift : shift;
     return magnitude != 0 && (magnitude & (magnitude - 1)) == 0;
   }
 };
 
+// What is too small to become anything but a zero is made larger: a GPU divides zeros and subnormal
+// numbers, and no others of this size, by a slow function. Zeros lose their sign.
 struct DivisionByAny {
   static constexpr bool kDivides = true;
+  int32_t mult_shift;
   float divisor;
-  BITFOLD_HOST_DEVICE explicit DivisionByAny(int32_t mult_shift)
-      : divisor(static_cast<float>(mult_shift)) {}
-  BITFOLD_HOST_DEVICE float operator()(float x) const { return x / divisor; }
+  BITFOLD_HOST_DEVICE explicit DivisionByAny(int32_t in_mult_shift)
+      : mult_shift(in_mult_shift), divisor(static_cast<float>(in_mult_shift)) {}
+  BITFOLD_HOST_DEVICE float operator()(float x) const {
+    return (fabsf(x) < kRoundsToZero ? kRoundsToZero : x) / divisor;
+  }
+
+  // Every other divisor is 3 at least.
+  static constexpr float kRoundsToZero = 1.0f;
 };
 
 // Up to this magnitude RoundToWhole rounds as rintf does; what is larger, it makes no smaller.
@@ -121,8 +131,8 @@ class QuietHalfChain {
   // The signs of zeros matter here: a sum that is rounded to -0 stays so until something is added.
   BITFOLD_HOST_DEVICE float Addend(float product) const {
     if constexpr (!Division::kDivides) return product;
-    const float quotient = division_(product);
-    return FloatOf(BitsOf(RoundToWhole(quotient)) | (BitsOf(quotient) & INT32_MIN));
+    const int32_t sign = (BitsOf(product) ^ division_.mult_shift) & INT32_MIN;
+    return FloatOf(BitsOf(RoundToWhole(division_(product))) | sign);
   }
 
   // Divided products are whole, and so are the sums of a chain of them.

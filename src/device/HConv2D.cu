@@ -4,6 +4,8 @@
 // HConv2d on a GPU: the filter rearranged into a row for each output channel, each image unfolded
 // into a column for each position, and their product by tiles.
 
+#include <type_traits>
+
 #include "bitfold/device_chain.h"
 #include "bitfold/device_convolution.h"
 #include "bitfold/device_datapath.h"
@@ -59,6 +61,9 @@ __global__ void im2col_kernel(int n, const T* image, int in_c, int in_h, int in_
 }
 
 namespace {
+
+template <bool kHalf, typename Division>
+using FloatChain = std::conditional_t<kHalf, QuietHalfChain<Division>, QuietFloatChain<Division>>;
 
 // What a thread reads of a tile at once.
 template <typename T>
@@ -120,24 +125,33 @@ class TileReader {
   uint32_t b_at_;
 };
 
-// acc and the products of one tile.
+// acc and the products of one tile. While *expects_quiet, the steps are first made as quiet ones. A
+// chain that was loud once likely is again, and is made as defined from there on.
 template <typename T, typename Chain>
 __device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Chain& chain, T acc,
-                                     const Four<T>* a_row, const Four<T>* b_col) {
-  T quiet = chain.Enter(acc);
-  bool may_be_loud = false;
-  BITFOLD_UNROLL
+                                     const Four<T>* a_row, const Four<T>* b_col,
+                                     bool* expects_quiet) {
+  if (*expects_quiet) {
+    T quiet = chain.Enter(acc);
+    bool may_be_loud = false;
+    BITFOLD_UNROLL
+    for (int j = 0; j < kTile / 4; ++j) {
+      const Four<T> a = a_row[j];
+      const Four<T> b = b_col[j];
+      BITFOLD_UNROLL
+      for (int i = 0; i < 4; ++i) may_be_loud |= chain.Add(a.of[i], b.of[i], &quiet);
+    }
+    if (!may_be_loud) return chain.Leave(quiet);
+    *expects_quiet = false;
+  }
+  BITFOLD_NO_UNROLL
   for (int j = 0; j < kTile / 4; ++j) {
     const Four<T> a = a_row[j];
     const Four<T> b = b_col[j];
     BITFOLD_UNROLL
-    for (int i = 0; i < 4; ++i) may_be_loud |= chain.Add(a.of[i], b.of[i], &quiet);
-  }
-  if (!may_be_loud) return chain.Leave(quiet);
-  BITFOLD_NO_UNROLL
-  for (int j = 0; j < kTile; ++j) {
-    const T product = datapath.Product(a_row[j / 4].of[j % 4], b_col[j / 4].of[j % 4]);
-    acc = datapath.Accumulate(acc, product);
+    for (int i = 0; i < 4; ++i) {
+      acc = datapath.Accumulate(acc, datapath.Product(a.of[i], b.of[i]));
+    }
   }
   return acc;
 }
@@ -156,44 +170,51 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
   TileReader<T> reader(factors, row, col);
   reader.Read();
   T acc = T{0};
+  bool expects_quiet = true;
   for (int t = 0; t <= last; ++t) {
     Tiles<T>& tiles = both[t & 1];
     tiles.a_row[ty][tx / 4].of[tx % 4] = reader.a;
     tiles.b_col[tx][ty / 4].of[ty % 4] = reader.b;
     __syncthreads();
     reader.Read();
-    if (is_output) acc = AddTile(datapath, chain, acc, tiles.a_row[ty], tiles.b_col[tx]);
+    if (!is_output) continue;
+    acc = AddTile(datapath, chain, acc, tiles.a_row[ty], tiles.b_col[tx], &expects_quiet);
   }
   return acc;
 }
 
-// A loop for each arithmetic, so that none carries the others' instructions.
-__device__ float Multiply(const DeviceDatapath<float>& datapath, const Factors<float>& factors,
-                          uint32_t row, uint32_t col, Tiles<float>* tiles) {
-  const bool is_half = datapath.use_fp16_acc();
-  if (datapath.mult_shift() == 0) {
-    if (is_half) {
-      return MultiplyTiles<QuietHalfChain<NoDivision>>(datapath, factors, row, col, tiles);
-    }
-    return MultiplyTiles<QuietFloatChain<NoDivision>>(datapath, factors, row, col, tiles);
+// Float data, in half precision or not: a loop for each way to scale, so that none has the others'
+// instructions.
+template <bool kHalf>
+__device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& datapath,
+                                                const Factors<float>& factors, uint32_t row,
+                                                uint32_t col, Tiles<float>* tiles) {
+  const int32_t mult_shift = datapath.mult_shift();
+  if (mult_shift == 0) {
+    const DeviceDatapath<float> unscaled(datapath.min(), datapath.max(), 0, kHalf);
+    return MultiplyTiles<FloatChain<kHalf, NoDivision>>(unscaled, factors, row, col, tiles);
   }
-  if (DivisionByPower::Divides(datapath.mult_shift())) {
-    if (is_half) {
-      return MultiplyTiles<QuietHalfChain<DivisionByPower>>(datapath, factors, row, col, tiles);
-    }
-    return MultiplyTiles<QuietFloatChain<DivisionByPower>>(datapath, factors, row, col, tiles);
+  const DeviceDatapath<float> scaled(datapath.min(), datapath.max(), mult_shift, kHalf);
+  if (DivisionByPower::Divides(mult_shift)) {
+    return MultiplyTiles<FloatChain<kHalf, DivisionByPower>>(scaled, factors, row, col, tiles);
   }
-  if (is_half) {
-    return MultiplyTiles<QuietHalfChain<DivisionByAny>>(datapath, factors, row, col, tiles);
-  }
-  return MultiplyTiles<QuietFloatChain<DivisionByAny>>(datapath, factors, row, col, tiles);
+  return MultiplyTiles<FloatChain<kHalf, DivisionByAny>>(scaled, factors, row, col, tiles);
 }
 
-__device__ int32_t Multiply(const DeviceDatapath<int32_t>& datapath,
-                            const Factors<int32_t>& factors, uint32_t row, uint32_t col,
-                            Tiles<int32_t>* tiles) {
+__device__ __forceinline__ float Multiply(const DeviceDatapath<float>& datapath,
+                                          const Factors<float>& factors, uint32_t row, uint32_t col,
+                                          Tiles<float>* tiles) {
+  if (datapath.use_fp16_acc()) return MultiplyFloats<true>(datapath, factors, row, col, tiles);
+  return MultiplyFloats<false>(datapath, factors, row, col, tiles);
+}
+
+__device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datapath,
+                                            const Factors<int32_t>& factors, uint32_t row,
+                                            uint32_t col, Tiles<int32_t>* tiles) {
+  const AccumulatorLimits<int32_t>& limits = datapath.limits();
   if (datapath.mult_shift() == 0) {
-    return MultiplyTiles<QuietIntegerChain<false>>(datapath, factors, row, col, tiles);
+    const DeviceDatapath<int32_t> unscaled(limits.min, limits.max, 0, false);
+    return MultiplyTiles<QuietIntegerChain<false>>(unscaled, factors, row, col, tiles);
   }
   return MultiplyTiles<QuietIntegerChain<true>>(datapath, factors, row, col, tiles);
 }
