@@ -2,14 +2,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Chains of multiply-adds while they are quiet: no sum prints, wraps or overflows. A step then
-// takes few instructions, and one comparison of a magnitude tells that it was quiet. A kernel makes
-// some steps this way and, if one of them was not, makes them anew as DeviceDatapath defines them.
-// What a quiet step computes are the bits of that definition.
+// takes few instructions, and the largest magnitude of several steps tells whether all were quiet.
+// If not, a kernel makes them anew as DeviceDatapath defines them. What quiet steps compute are the
+// bits of that definition.
 //
 // Each class has
-//   Enter, Leave   an accumulator as the class keeps it, and back
-//   Add            acc plus the scaled product of a and b, and whether the step may not be quiet;
-//                  acc is then anything
+//   State     an accumulator and what tells whether the steps since Enter were quiet
+//   Enter     the state of an accumulator
+//   Add       a step: adds the scaled product of a and b
+//   IsQuiet   whether all steps were; NaN is, which neither prints nor wraps
+//   Leave     the accumulator, which is anything if they were not
 
 #ifndef BITFOLD_DEVICE_CHAIN_H_
 #define BITFOLD_DEVICE_CHAIN_H_
@@ -80,23 +82,32 @@ BITFOLD_HOST_DEVICE inline float RoundToWhole(float x) { return (x + 12582912.0f
 template <typename Division>
 class QuietFloatChain {
  public:
+  struct State {
+    float acc;
+    float largest_addend = 0.0f;
+    float largest_sum = 0.0f;
+  };
+
   BITFOLD_HOST_DEVICE explicit QuietFloatChain(const DeviceDatapath<float>& datapath)
       : division_(datapath.mult_shift()), bound_(QuietBound(datapath)) {}
 
-  BITFOLD_HOST_DEVICE static float Enter(float acc) { return acc; }
-  BITFOLD_HOST_DEVICE static float Leave(float acc) { return acc; }
+  BITFOLD_HOST_DEVICE static State Enter(float acc) { return {acc}; }
 
-  BITFOLD_HOST_DEVICE bool Add(float a, float b, float* acc) const {
+  BITFOLD_HOST_DEVICE void Add(float a, float b, State* state) const {
     float addend = division_(a * b);
-    bool may_be_loud = false;
     if constexpr (Division::kDivides) {
-      may_be_loud = !(fabsf(addend) <= kLargestRounded);
+      state->largest_addend = fmaxf(state->largest_addend, fabsf(addend));
       addend = RoundToWhole(addend);
     }
-    *acc = *acc + addend;
-    // NaN neither prints nor wraps.
-    return may_be_loud || fabsf(*acc) > bound_;
+    state->acc = state->acc + addend;
+    state->largest_sum = fmaxf(state->largest_sum, fabsf(state->acc));
   }
+
+  BITFOLD_HOST_DEVICE bool IsQuiet(const State& state) const {
+    return state.largest_sum <= bound_ && state.largest_addend <= kLargestRounded;
+  }
+
+  BITFOLD_HOST_DEVICE static float Leave(const State& state) { return state.acc; }
 
  private:
   // No sum of at most this magnitude prints or wraps; where there is none, it is below 0.
@@ -109,23 +120,33 @@ class QuietFloatChain {
   float bound_;
 };
 
-// Float sums in half precision. The addend and the sum must be inside the format's range, which the
+// Float sums in half precision. Addends and sums must be inside the format's range, which the
 // warning's contains with room for both.
 template <typename Division>
 class QuietHalfChain {
  public:
+  struct State {
+    float acc;
+    float largest = 0.0f;
+  };
+
   BITFOLD_HOST_DEVICE explicit QuietHalfChain(const DeviceDatapath<float>& datapath)
       : division_(datapath.mult_shift()) {}
 
-  BITFOLD_HOST_DEVICE static float Enter(float acc) { return acc; }
-  BITFOLD_HOST_DEVICE static float Leave(float acc) { return acc; }
+  BITFOLD_HOST_DEVICE static State Enter(float acc) { return {acc}; }
 
-  BITFOLD_HOST_DEVICE bool Add(float a, float b, float* acc) const {
+  BITFOLD_HOST_DEVICE void Add(float a, float b, State* state) const {
     const float addend = Addend(a * b);
-    const float sum = *acc + Quantise(addend);
-    *acc = Quantise(sum);
-    return !(fabsf(addend) < kHalfOverflow) || !(fabsf(sum) < kHalfOverflow);
+    const float sum = state->acc + Quantise(addend);
+    state->acc = Quantise(sum);
+    state->largest = fmaxf(state->largest, fmaxf(fabsf(addend), fabsf(sum)));
   }
+
+  BITFOLD_HOST_DEVICE static bool IsQuiet(const State& state) {
+    return state.largest < kHalfOverflow;
+  }
+
+  BITFOLD_HOST_DEVICE static float Leave(const State& state) { return state.acc; }
 
  private:
   // The signs of zeros matter here: a sum that is rounded to -0 stays so until something is added.
@@ -144,30 +165,96 @@ class QuietHalfChain {
   Division division_;
 };
 
-// Integer sums, kept by how far they are above the least of the range. Where the range has a limit,
-// a sum beyond it is further above than the greatest; where none wraps, none is.
+// What the chains of integers share: the scaled product, and sums kept by how far they are above
+// the least of the range.
 template <bool kShifts>
-class QuietIntegerChain {
+class IntegerChain {
  public:
-  BITFOLD_HOST_DEVICE explicit QuietIntegerChain(const DeviceDatapath<int32_t>& datapath)
+  struct State {
+    int32_t acc;
+    uint32_t largest;
+  };
+
+ protected:
+  BITFOLD_HOST_DEVICE explicit IntegerChain(const DeviceDatapath<int32_t>& datapath)
       : mult_shift_(datapath.mult_shift()),
         min_(datapath.limits().min),
         greatest_(static_cast<uint32_t>(WrapSubtract(datapath.limits().max, min_))) {}
 
-  BITFOLD_HOST_DEVICE int32_t Enter(int32_t acc) const { return WrapSubtract(acc, min_); }
-  BITFOLD_HOST_DEVICE int32_t Leave(int32_t acc) const { return WrapAdd(acc, min_); }
-
-  BITFOLD_HOST_DEVICE bool Add(int32_t a, int32_t b, int32_t* acc) const {
+  BITFOLD_HOST_DEVICE int32_t Addend(int32_t a, int32_t b) const {
     const int32_t product = WrapMultiply(a, b);
-    const int32_t addend = kShifts ? ShiftRoundHalfToEven(product, mult_shift_) : product;
-    *acc = WrapAdd(*acc, addend);
-    return static_cast<uint32_t>(*acc) > greatest_;
+    return kShifts ? ShiftRoundHalfToEven(product, mult_shift_) : product;
+  }
+
+  BITFOLD_HOST_DEVICE static uint32_t Larger(uint32_t a, uint32_t b) { return a > b ? a : b; }
+
+  int32_t mult_shift_;
+  int32_t min_;
+  uint32_t greatest_;  // sum of the range; where nothing wraps, all are
+};
+
+// Integer sums none of which wraps.
+template <bool kShifts>
+class QuietIntegerChain : public IntegerChain<kShifts> {
+ public:
+  using typename IntegerChain<kShifts>::State;
+
+  BITFOLD_HOST_DEVICE explicit QuietIntegerChain(const DeviceDatapath<int32_t>& datapath)
+      : IntegerChain<kShifts>(datapath) {}
+
+  BITFOLD_HOST_DEVICE State Enter(int32_t acc) const { return {WrapSubtract(acc, this->min_), 0}; }
+
+  BITFOLD_HOST_DEVICE void Add(int32_t a, int32_t b, State* state) const {
+    state->acc = WrapAdd(state->acc, this->Addend(a, b));
+    state->largest = this->Larger(state->largest, static_cast<uint32_t>(state->acc));
+  }
+
+  BITFOLD_HOST_DEVICE bool IsQuiet(const State& state) const {
+    return state.largest <= this->greatest_;
+  }
+
+  BITFOLD_HOST_DEVICE int32_t Leave(const State& state) const {
+    return WrapAdd(state.acc, this->min_);
+  }
+};
+
+// Integer sums that may wrap, once a step: theorem 1 of docs/arithmetic.md, which wants a sum in
+// range and addends of at most a period, forms them modulo 2^32 and reduces the last one.
+template <bool kShifts>
+class WrappingIntegerChain : public IntegerChain<kShifts> {
+ public:
+  using typename IntegerChain<kShifts>::State;
+
+  BITFOLD_HOST_DEVICE explicit WrappingIntegerChain(const DeviceDatapath<int32_t>& datapath)
+      : IntegerChain<kShifts>(datapath) {
+    // Of 2^31 or more nothing is beyond it. `greatest_` is the period less 1, all bits of it 1.
+    if (this->greatest_ >= uint32_t{INT32_MAX}) return;
+    period_ = this->greatest_ + 1;
+    most_ = 2 * period_;
+  }
+
+  BITFOLD_HOST_DEVICE State Enter(int32_t acc) const {
+    const int32_t above = WrapSubtract(acc, this->min_);
+    const bool is_in_range = static_cast<uint32_t>(above) <= this->greatest_;
+    return {above, is_in_range ? 0 : UINT32_MAX};
+  }
+
+  BITFOLD_HOST_DEVICE void Add(int32_t a, int32_t b, State* state) const {
+    const int32_t addend = this->Addend(a, b);
+    state->acc = WrapAdd(state->acc, addend);
+    state->largest = this->Larger(state->largest, static_cast<uint32_t>(addend) + period_);
+  }
+
+  BITFOLD_HOST_DEVICE bool IsQuiet(const State& state) const { return state.largest <= most_; }
+
+  BITFOLD_HOST_DEVICE int32_t Leave(const State& state) const {
+    const uint32_t above = static_cast<uint32_t>(state.acc) & this->greatest_;
+    return WrapAdd(static_cast<int32_t>(above), this->min_);
   }
 
  private:
-  int32_t mult_shift_;
-  int32_t min_;
-  uint32_t greatest_;
+  uint32_t period_ = 0;
+  uint32_t most_ = UINT32_MAX;
 };
 
 }  // namespace bitfold

@@ -10,11 +10,14 @@
 #define BITFOLD_DEVICE_DATAPATH_H_
 
 #include <cstdint>
+#include <type_traits>
 
 #include "bitfold/accumulator.h"
 #include "bitfold/datapath.h"
 #include "bitfold/device_half.h"
+#include "bitfold/feed_repeat.h"
 #include "bitfold/host_device.h"
+#include "bitfold/int32_passes.h"
 #include "bitfold/warning.h"
 
 namespace bitfold {
@@ -100,12 +103,39 @@ class DeviceDatapath<float> : public CommonDeviceDatapath<float> {
   float max_;
 };
 
+// The passes of a feed repeat on a device (rule D3): as many as on the host, none for NaN, and
+// kMaxDevicePasses where that has none to give.
+BITFOLD_HOST_DEVICE inline int64_t DeviceFeedRepeatCount(float feed_repeat) {
+  if (!(feed_repeat > 0.0f)) return 0;
+  return feed_repeat > kMaxFeedRepeat ? int64_t{kMaxDevicePasses} : FeedRepeatCount(feed_repeat);
+}
+
+// Integer passes, of which the rest is not made from the first one on that is proven.
+template <typename... Addends>
+BITFOLD_HOST_DEVICE int32_t AddManyOnDevice(const DeviceDatapath<int32_t>& datapath, int32_t acc,
+                                            int64_t passes, Addends... addends) {
+  for (; passes > 0; --passes) {
+    if ((... && IsProvenPass(datapath.limits(), acc, addends))) {
+      return MakeProvenPasses(datapath.limits(), acc, (... + int64_t{addends}), passes);
+    }
+    ((acc = datapath.Accumulate(acc, addends)), ...);
+  }
+  return acc;
+}
+
 // The passes of a feed: each adds the addends, which are scaled products, one after the other. A
-// feed repeat that is NaN, like one that is not positive, adds nothing.
+// feed repeat that is NaN, like one that is not positive, adds nothing. Few integer passes are made
+// faster than they are proven.
 template <typename T, typename... Addends>
 BITFOLD_HOST_DEVICE T AddRepeatedlyOnDevice(const DeviceDatapath<T>& datapath, T acc,
                                             float feed_repeat, Addends... addends) {
   if (!(feed_repeat > 0.0f)) return acc;
+  if constexpr (std::is_same_v<T, int32_t>) {
+    constexpr float kFewPasses = 64.0f;
+    if (feed_repeat > kFewPasses) {
+      return AddManyOnDevice(datapath, acc, DeviceFeedRepeatCount(feed_repeat), addends...);
+    }
+  }
   uint32_t k = 0;
   do {
     ((acc = datapath.Accumulate(acc, addends)), ...);

@@ -125,30 +125,32 @@ class TileReader {
   uint32_t b_at_;
 };
 
-// acc and the products of one tile. While *expects_quiet, the steps are first made as quiet ones. A
-// chain that was loud once likely is again, and is made as defined from there on.
+// Adds the products of one tile to *acc, unless they are not quiet in the sense of the chain.
 template <typename T, typename Chain>
-__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Chain& chain, T acc,
-                                     const Four<T>* a_row, const Four<T>* b_col,
-                                     bool* expects_quiet) {
-  if (*expects_quiet) {
-    T quiet = chain.Enter(acc);
-    bool may_be_loud = false;
-    BITFOLD_UNROLL
-    for (int j = 0; j < kTile / 4; ++j) {
-      const Four<T> a = a_row[j];
-      const Four<T> b = b_col[j];
-      BITFOLD_UNROLL
-      for (int i = 0; i < 4; ++i) may_be_loud |= chain.Add(a.of[i], b.of[i], &quiet);
-    }
-    if (!may_be_loud) return chain.Leave(quiet);
-    *expects_quiet = false;
-  }
-  BITFOLD_NO_UNROLL
+__device__ __forceinline__ bool AddQuietTile(const Chain& chain, const Four<T>* a_row,
+                                             const Four<T>* b_col, T* acc) {
+  typename Chain::State state = chain.Enter(*acc);
+  BITFOLD_UNROLL_ALL
   for (int j = 0; j < kTile / 4; ++j) {
     const Four<T> a = a_row[j];
     const Four<T> b = b_col[j];
-    BITFOLD_UNROLL
+    BITFOLD_UNROLL_ALL
+    for (int i = 0; i < 4; ++i) chain.Add(a.of[i], b.of[i], &state);
+  }
+  if (!chain.IsQuiet(state)) return false;
+  *acc = chain.Leave(state);
+  return true;
+}
+
+// As defined, step by step.
+template <typename T>
+__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Four<T>* a_row,
+                                     const Four<T>* b_col, T acc) {
+  BITFOLD_KEEP_ROLLED
+  for (int j = 0; j < kTile / 4; ++j) {
+    const Four<T> a = a_row[j];
+    const Four<T> b = b_col[j];
+    BITFOLD_UNROLL_ALL
     for (int i = 0; i < 4; ++i) {
       acc = datapath.Accumulate(acc, datapath.Product(a.of[i], b.of[i]));
     }
@@ -157,12 +159,14 @@ __device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Ch
 }
 
 // The chain of the thread's output, if it has one; all threads of the block bring the tiles. While
-// some still read one pair of tiles, others write the next.
-template <typename Chain, typename T>
+// some still read one pair of tiles, others write the next. Each tile is tried by the chains in
+// their order; one that failed likely fails again and is tried no more.
+template <typename First, typename Second, typename T>
 __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
                                            const Factors<T>& factors, uint32_t row, uint32_t col,
                                            Tiles<T>* both) {
-  const Chain chain(datapath);
+  const First first(datapath);
+  const Second second(datapath);
   const uint32_t tx = threadIdx.x;
   const uint32_t ty = threadIdx.y;
   const bool is_output = row < factors.a_rows && col < factors.b_cols;
@@ -170,7 +174,7 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
   TileReader<T> reader(factors, row, col);
   reader.Read();
   T acc = T{0};
-  bool expects_quiet = true;
+  int failed = 0;
   for (int t = 0; t <= last; ++t) {
     Tiles<T>& tiles = both[t & 1];
     tiles.a_row[ty][tx / 4].of[tx % 4] = reader.a;
@@ -178,7 +182,19 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
     __syncthreads();
     reader.Read();
     if (!is_output) continue;
-    acc = AddTile(datapath, chain, acc, tiles.a_row[ty], tiles.b_col[tx], &expects_quiet);
+    const Four<T>* const a_row = tiles.a_row[ty];
+    const Four<T>* const b_col = tiles.b_col[tx];
+    if (failed == 0) {
+      if (AddQuietTile(first, a_row, b_col, &acc)) continue;
+      failed = std::is_same_v<First, Second> ? 2 : 1;
+    }
+    if constexpr (!std::is_same_v<First, Second>) {
+      if (failed == 1) {
+        if (AddQuietTile(second, a_row, b_col, &acc)) continue;
+        failed = 2;
+      }
+    }
+    acc = AddTile(datapath, a_row, b_col, acc);
   }
   return acc;
 }
@@ -192,13 +208,16 @@ __device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& dat
   const int32_t mult_shift = datapath.mult_shift();
   if (mult_shift == 0) {
     const DeviceDatapath<float> unscaled(datapath.min(), datapath.max(), 0, kHalf);
-    return MultiplyTiles<FloatChain<kHalf, NoDivision>>(unscaled, factors, row, col, tiles);
+    using Chain = FloatChain<kHalf, NoDivision>;
+    return MultiplyTiles<Chain, Chain>(unscaled, factors, row, col, tiles);
   }
   const DeviceDatapath<float> scaled(datapath.min(), datapath.max(), mult_shift, kHalf);
   if (DivisionByPower::Divides(mult_shift)) {
-    return MultiplyTiles<FloatChain<kHalf, DivisionByPower>>(scaled, factors, row, col, tiles);
+    using Chain = FloatChain<kHalf, DivisionByPower>;
+    return MultiplyTiles<Chain, Chain>(scaled, factors, row, col, tiles);
   }
-  return MultiplyTiles<FloatChain<kHalf, DivisionByAny>>(scaled, factors, row, col, tiles);
+  using Chain = FloatChain<kHalf, DivisionByAny>;
+  return MultiplyTiles<Chain, Chain>(scaled, factors, row, col, tiles);
 }
 
 __device__ __forceinline__ float Multiply(const DeviceDatapath<float>& datapath,
@@ -214,9 +233,11 @@ __device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datap
   const AccumulatorLimits<int32_t>& limits = datapath.limits();
   if (datapath.mult_shift() == 0) {
     const DeviceDatapath<int32_t> unscaled(limits.min, limits.max, 0, false);
-    return MultiplyTiles<QuietIntegerChain<false>>(unscaled, factors, row, col, tiles);
+    return MultiplyTiles<QuietIntegerChain<false>, WrappingIntegerChain<false>>(unscaled, factors,
+                                                                                row, col, tiles);
   }
-  return MultiplyTiles<QuietIntegerChain<true>>(datapath, factors, row, col, tiles);
+  return MultiplyTiles<QuietIntegerChain<true>, WrappingIntegerChain<true>>(datapath, factors, row,
+                                                                            col, tiles);
 }
 
 }  // namespace

@@ -98,11 +98,11 @@ void CheckChain(const Arithmetic<T>& arithmetic, Steps* steps) {
       std::string lines;
       const T expected = reference::DeviceAccumulate(
           acc, reference::ScaledProduct(factors.a, factors.b, shift), width, use_fp16_acc, &lines);
-      T quiet = chain.Enter(acc);
-      const bool may_be_loud = chain.Add(factors.a, factors.b, &quiet);
-      const T actual = chain.Leave(quiet);
-      ++(may_be_loud ? steps->loud : steps->quiet);
-      if (!may_be_loud) {
+      typename Chain::State state = chain.Enter(acc);
+      chain.Add(factors.a, factors.b, &state);
+      const T actual = chain.Leave(state);
+      ++(chain.IsQuiet(state) ? steps->quiet : steps->loud);
+      if (chain.IsQuiet(state)) {
         const std::string where =
             Describe("acc", acc, "a", factors.a, "b", factors.b, "width", width, "shift", shift);
         ASSERT_TRUE(testing::Same(expected, actual, "a quiet step", where));
@@ -154,21 +154,44 @@ TEST(DeviceChain, PowersAreFound) {
 
 TEST(DeviceChain, Integers) {
   Steps steps;
+  Steps wrapping;
   for (const int width : {-200, -5, 0, 1, 2, 8, 16, 24, 30, 31, 32}) {
     CheckChain<QuietIntegerChain<false>, int32_t>({width, 0, false}, &steps);
     for (const int shift : {1, 2, 7, 30, 31, 32, 33, -1, -32, INT8_MAX, INT8_MIN}) {
       CheckChain<QuietIntegerChain<true>, int32_t>({width, shift, false}, &steps);
+      CheckChain<WrappingIntegerChain<true>, int32_t>({width, shift, false}, &wrapping);
     }
+    CheckChain<WrappingIntegerChain<false>, int32_t>({width, 0, false}, &wrapping);
   }
-  EXPECT_GT(steps.quiet, 1000);
-  EXPECT_GT(steps.loud, 1000);
+  for (const Steps& each : {steps, wrapping}) {
+    EXPECT_GT(each.quiet, 1000);
+    EXPECT_GT(each.loud, 1000);
+  }
+}
+
+// Several steps, one reduction: wraps on the way leave no trace.
+TEST(DeviceChain, WrapsAreMadeAtOnce) {
+  const auto datapath = DatapathOf<int32_t>(8, 0, false);
+  const WrappingIntegerChain<false> chain(datapath);
+  auto state = chain.Enter(100);
+  int32_t expected = 100;
+  for (const int32_t addend : {100, 100, -256, 256, -5, 127}) {
+    chain.Add(addend, 1, &state);
+    expected = reference::DeviceAccumulate(expected, addend, 8, false, nullptr);
+    EXPECT_TRUE(chain.IsQuiet(state));
+    EXPECT_EQ(chain.Leave(state), expected);
+  }
+  chain.Add(257, 1, &state);
+  EXPECT_FALSE(chain.IsQuiet(state));
+  EXPECT_FALSE(chain.IsQuiet(chain.Enter(128)));
 }
 
 // Sums that keep away from every limit are quiet, or kernels would make all of them twice.
 TEST(DeviceChain, SumsAwayFromLimitsAreQuiet) {
   const auto is_quiet = [](const auto& chain, auto a, auto b) {
-    auto acc = chain.Enter(a);
-    return !chain.Add(a, b, &acc);
+    auto state = chain.Enter(a);
+    chain.Add(a, b, &state);
+    return chain.IsQuiet(state);
   };
   for (const float a : {0.0f, 1.0f, -100.0f, 1000.0f}) {
     const float b = 2.5f;
