@@ -8,9 +8,6 @@ import ctypes
 
 from bitfold._frame.library import library_path
 
-_LIBRARY = ctypes.CDLL(library_path())
-_LIBRARY.bitfold_flush_device_lines.argtypes = []
-
 
 def flush_device_lines() -> None:
     """Wait for the GPUs that ops ran on, and write the lines that the ops printed there.
@@ -27,6 +24,8 @@ def flush_device_lines() -> None:
         >>> import bitfold
         >>> bitfold.flush_device_lines()
     """
-    code = _LIBRARY.bitfold_flush_device_lines()
+    # Not while modules are imported: the runtime must load the library first.
+    library = ctypes.CDLL(library_path())
+    code = library.bitfold_flush_device_lines()
     if code != 0:
         raise RuntimeError(f"Need every GPU that ops ran on to end its work, got CUDA error {code}")
