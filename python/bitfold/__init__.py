@@ -3,7 +3,7 @@
 """Bit-exact accelerator arithmetic as TensorFlow operations.
 
 ``Network`` is a trained network in the accelerator's arithmetic, ``Arithmetic`` what its layers
-compute in.
+compute in, and ``study`` finds out what that does to it.
 
 Importing the package loads the op library once. ``bitfold.ops`` holds the ops as people know them
 from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
@@ -29,10 +29,12 @@ __version__ = VERSION
 
 from bitfold import detection, fpx, ops, resize, tables
 from bitfold.network import Arithmetic, Network, UnsupportedModelError
+from bitfold.studies import Study, study
 
 __all__ = [
     "Arithmetic",
     "Network",
+    "Study",
     "UnsupportedModelError",
     "__version__",
     "detection",
@@ -44,6 +46,7 @@ __all__ = [
     "resize",
     "set_image_threads",
     "set_warnings",
+    "study",
     "tables",
     "warning_counts",
 ]

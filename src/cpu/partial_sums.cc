@@ -5,8 +5,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <mutex>
 #include <vector>
+
+#include "chain/lane_windows.h"
+#include "cpu/partial_sums_lanes.h"
+#include "cpu/partial_sums_record.h"
+#include "cpu/partial_sums_windows.h"
 
 namespace bitfold {
 namespace {
@@ -52,11 +58,10 @@ class OwnTables {
   std::vector<int64_t> first_;
 };
 
-}  // namespace
-
+// By the definition, whatever the numbers.
 template <typename In, typename Weight>
-void ComputePartialSums(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
-                        Workers* workers) {
+void ShareDefinition(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
+                     Workers* workers) {
   const int64_t columns = call.columns.outputs();
   const int64_t positions = call.Positions();
   std::mutex mutex;
@@ -74,6 +79,80 @@ void ComputePartialSums(const PartialSumsCall<In, Weight>& call, const PartialSu
                    const std::lock_guard<std::mutex> lock(mutex);
                    own.AddTo(tables);
                  });
+}
+
+// ---- Which form --------------------------------------------------------------------------------
+
+// The largest magnitude of numbers less their zero point.
+template <typename T>
+int64_t LargestMagnitude(const T* numbers, int64_t count, int32_t zero_point) {
+  T least = numbers[0];
+  T greatest = numbers[0];
+  for (int64_t i = 0; i < count; ++i) {
+    least = std::min(least, numbers[i]);
+    greatest = std::max(greatest, numbers[i]);
+  }
+  return std::max(std::abs(int64_t{least} - zero_point), std::abs(int64_t{greatest} - zero_point));
+}
+
+// The largest sum of magnitudes of the weights of a channel.
+template <typename In, typename Weight>
+int64_t LargestWeightSum(const PartialSumsCall<In, Weight>& call) {
+  std::vector<int64_t> sums(static_cast<size_t>(call.out_channels));
+  const Weight* weight = call.filter;
+  for (int64_t i = call.FilterElements() / call.out_channels; i > 0; --i) {
+    for (int64_t& sum : sums) sum += std::abs(int64_t{*weight++} - call.filter_zero_point);
+  }
+  return *std::max_element(sums.begin(), sums.end());
+}
+
+// Whether the windows go forward, and packed rows take no more than a few times the room of what
+// they are made of.
+template <typename In, typename Weight>
+bool HasPlainWindows(const PartialSumsCall<In, Weight>& call) {
+  const WindowAxis rows(call.rows.OfPadded());
+  const WindowAxis columns(call.columns.OfPadded());
+  if (!GoesForward(rows) || !GoesForward(columns)) return false;
+  constexpr int64_t kSmall = 1 << 20;
+  const int64_t numbers = SumWindows(call, kSumLanes).Numbers();
+  return numbers <= std::max(kSmall, 8 * call.InputElements());
+}
+
+// Whether 16 bits hold the factors and 32 bits all sums.
+template <typename In, typename Weight>
+bool IsNarrow(const PartialSumsCall<In, Weight>& call) {
+  constexpr int64_t kMostFactor = INT16_MAX;
+  constexpr int64_t kMostSum = int64_t{1} << 30;
+  const int64_t numbers = call.batch * call.InputElements();
+  const int64_t data = LargestMagnitude(call.input, numbers, call.input_zero_point);
+  const int64_t weights =
+      LargestMagnitude(call.filter, call.FilterElements(), call.filter_zero_point);
+  if (data > kMostFactor || weights > kMostFactor) return false;
+  return data * LargestWeightSum(call) < kMostSum;
+}
+
+template <typename In, typename Weight>
+void ComputeOfOneFilter(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
+                        Workers* workers) {
+  if (!HasPlainWindows(call) || !IsNarrow(call)) return ShareDefinition(call, tables, workers);
+  SumInLanes(call, tables, workers);
+}
+
+}  // namespace
+
+template <typename In, typename Weight>
+void ComputePartialSums(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
+                        Workers* workers) {
+  if (call.batch == 0) return;
+  if (call.filters == 1) return ComputeOfOneFilter(call, tables, workers);
+  PartialSumsCall<In, Weight> of_image = call;
+  of_image.batch = 1;
+  of_image.filters = 1;
+  for (int32_t image = 0; image < call.batch; ++image) {
+    ComputeOfOneFilter(of_image, tables, workers);
+    of_image.input += call.InputElements();
+    of_image.filter += call.FilterElements();
+  }
 }
 
 #define BITFOLD_INSTANTIATE(In, Weight)                                                          \

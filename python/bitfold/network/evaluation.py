@@ -93,6 +93,15 @@ class Accuracy:
         self._right += int((outputs.argmax(axis=1) == labels.reshape(-1)).sum())
         self._total += len(outputs)
 
+    @property
+    def state(self) -> tuple[int, int]:
+        """How many were right, and of how many. States of parts of the data add up."""
+        return self._right, self._total
+
+    @state.setter
+    def state(self, state: Iterable[int]) -> None:
+        self._right, self._total = map(int, state)
+
     def result(self) -> float:
         """Return the share."""
         return self._right / self._total if self._total else math.nan

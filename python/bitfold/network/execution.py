@@ -12,6 +12,9 @@ from bitfold._frame import warning_lines
 from bitfold.network.assemble import Assembly
 from bitfold.network.operators import Step, SummingStep
 
+# From a step with an accumulator and its inputs to its outputs.
+Summing = Callable[[SummingStep, Sequence[tf.Tensor | None]], list[tf.Tensor]]
+
 
 class Program:
     """The steps of a network in their order.
@@ -30,32 +33,30 @@ class Program:
         self._scopes = tuple(scopes)
 
     def run(
-        self, images: Sequence[tf.Tensor], with_sums: bool = False
-    ) -> tuple[dict[int, tf.Tensor], dict[int, tf.Tensor]]:
+        self, images: Sequence[tf.Tensor], summing: Summing | None = None
+    ) -> dict[int, tf.Tensor]:
         """Compute every tensor of a batch.
 
         Args:
             images: for each input of the network stored elements, [B * d0, ...].
-            with_sums: whether to return the sums of the steps with an accumulator.
+            summing: what computes the steps with an accumulator, and may look at them; by default
+                these themselves.
 
         Returns:
-            The tensors by index, and the sums by the operator's position.
+            The tensors by index.
         """
         tensors = dict(zip(self.assembly.graph.inputs, images, strict=True))
-        sums: dict[int, tf.Tensor] = {}
         for step, scope in zip(self.steps, self._scopes, strict=True):
             with tf.name_scope(f"{self.scope}/{scope}/"):
                 inputs = [self._value(tensor, tensors) for tensor in step.node.inputs]
-                if with_sums and isinstance(step, SummingStep):
-                    position = step.node.operator.position
-                    sums[position] = step.sums(inputs)
-                    outputs = step.finish(sums[position])
+                if summing is not None and isinstance(step, SummingStep):
+                    outputs = summing(step, inputs)
                 else:
                     outputs = self._outputs(step, inputs)
             for tensor, value in zip(step.node.outputs, outputs, strict=True):
                 value.set_shape([None, *tensor.shape[1:]])
                 tensors[tensor.index] = value
-        return tensors, sums
+        return tensors
 
     @staticmethod
     def _value(tensor, tensors: Mapping[int, tf.Tensor]) -> tf.Tensor | None:

@@ -23,10 +23,15 @@ from bitfold.network.execution import Program
 from bitfold.network.graph import Node
 from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
-from bitfold.network.operators import Step, step_of, unit_layer_norm
+from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_norm
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 from bitfold.network.summary import print_summary
+
+# From a step with an accumulator, its inputs and a state to its outputs and what was seen.
+Observe = Callable[
+    [SummingStep, Sequence[tf.Tensor | None], Any], tuple[list[tf.Tensor], Mapping[str, tf.Tensor]]
+]
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -284,7 +289,7 @@ class Network:
         Returns:
             What a call gives, as numpy arrays.
         """
-        size = self._batch_size(batch_size)
+        size = self.batch_size(batch_size)
         parts = []
         with evaluation.progress("predict", self._count(x)) as advance:
             for part in evaluation.batches(x, size):
@@ -313,7 +318,7 @@ class Network:
         Raises:
             ValueError: for labels that do not fit.
         """
-        size = self._batch_size(batch_size)
+        size = self.batch_size(batch_size)
         with evaluation.progress("evaluate", self._count(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
 
@@ -335,6 +340,40 @@ class Network:
             name = called.get(node.split("/", 1)[0], node)
             found.setdefault(name, Counter()).update(counts)
         return {name: dict(counts) for name, counts in found.items()}
+
+    @property
+    def model_file(self) -> bytes:
+        """The model file that the network was read from."""
+        return self._model
+
+    @property
+    def steps(self) -> tuple[Step, ...]:
+        """The operators as they compute, in the order of `layers`."""
+        return self._steps
+
+    def observed(self, observe: Observe) -> Callable[..., Any]:
+        """Return a call in which somebody computes the layers with an accumulator, and looks on.
+
+        Args:
+            observe: from a step, its inputs and its state to its outputs and what was seen, a
+                dictionary of tensors. It becomes part of a graph.
+
+        Returns:
+            A function of a batch, as a call takes it, and of the states by the position of the
+            operator, as text, of one shape at each call; an operator without one gets None. It
+            returns what a call does, of several outputs a list, and what was seen by the position.
+        """
+        graphs: dict[bool, Callable] = {}
+
+        def call(x: Any, states: Mapping[str, Any]) -> tuple[Any, dict[str, Any]]:
+            images = self._images(x)
+            is_real = values.is_real(images, self._program.assembly.inputs)
+            if is_real not in graphs:
+                graphs[is_real] = self._observing(observe, states, is_real)
+            results, seen = graphs[is_real](self._quantised(images), dict(states))
+            return (results[0] if len(results) == 1 else list(results)), seen
+
+        return call
 
     def as_layer(self, name: str | None = None) -> NetworkLayer:
         """Return a Keras layer that computes this network; it has no weights to train."""
@@ -370,24 +409,28 @@ class Network:
     def _function(self, key: str, function: Callable) -> Callable:
         """Return a graph of a function of the stored inputs."""
         if key not in self._functions:
-            signature = [
-                tf.TensorSpec([None, *tensor.shape[1:]], tensor.dtype)
-                for tensor in self._program.assembly.inputs
-            ]
             # Concrete: of a polymorphic one the runtime warns when many networks have traced it.
-            traced = tf.function(function, input_signature=signature).get_concrete_function()
+            traced = tf.function(function, input_signature=self._signature).get_concrete_function()
             self._functions[key] = traced
         return self._functions[key]
 
+    @property
+    def _signature(self) -> list[tf.TensorSpec]:
+        """Of a graph of the stored inputs."""
+        return [
+            tf.TensorSpec([None, *tensor.shape[1:]], tensor.dtype)
+            for tensor in self._program.assembly.inputs
+        ]
+
     def _stored(self, *images: tf.Tensor) -> list[tf.Tensor]:
-        tensors, _ = self._program.run(images)
+        tensors = self._program.run(images)
         return [tensors[index] for index in self._program.assembly.graph.outputs]
 
     def _real(self, *images: tf.Tensor) -> list[tf.Tensor]:
         return list(map(values.real, self._stored(*images), self._program.assembly.outputs))
 
     def _traced(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
-        tensors, _ = self._program.run(images)
+        tensors = self._program.run(images)
         written = (tensor for step in self._program.steps for tensor in step.node.outputs)
         file = self._program.assembly.graph.tensors
         return {
@@ -397,15 +440,49 @@ class Network:
         }
 
     def _summed(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
-        _, sums = self._program.run(images, with_sums=True)
-        return {str(position): value for position, value in sums.items()}
+        sums: dict[str, tf.Tensor] = {}
+
+        def kept(step: SummingStep, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+            found = sums[str(step.node.operator.position)] = step.sums(inputs)
+            return step.finish(found)
+
+        self._program.run(images, kept)
+        return sums
+
+    def _observing(self, observe: Observe, states: Mapping[str, Any], is_real: bool) -> Callable:
+        """Return a graph of `observed`."""
+
+        def run(images: Sequence[tf.Tensor], states: Mapping[str, Any]) -> tuple[list, dict]:
+            seen: dict[str, Any] = {}
+
+            def watched(step: SummingStep, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+                position = str(step.node.operator.position)
+                outputs, seen[position] = observe(step, inputs, states.get(position))
+                return outputs
+
+            tensors = self._program.run(images, watched)
+            outputs = [tensors[index] for index in self._program.assembly.graph.outputs]
+            if is_real:
+                outputs = list(map(values.real, outputs, self._program.assembly.outputs))
+            return outputs, seen
+
+        kinds = tf.nest.map_structure(
+            lambda state: tf.TensorSpec(np.shape(state), tf.as_dtype(state.dtype)), dict(states)
+        )
+        traced = tf.function(run, input_signature=[self._signature, kinds], autograph=False)
+        return traced.get_concrete_function()
 
     def _arrays(self, key: str, function: Callable, x: Any) -> dict[int, np.ndarray]:
         results = self._function(key, function)(*self._quantised(self._images(x)))
         found = {int(place): value.numpy() for place, value in results.items()}
         return dict(sorted(found.items()))
 
-    def _batch_size(self, batch_size: int | None) -> int:
+    def batch_size(self, batch_size: int | None = None) -> int:
+        """Return how many images to compute at once: as given, or what keeps memory modest.
+
+        Raises:
+            ValueError: for a number below 1.
+        """
         if batch_size is None:
             shapes = [shape for layer in self.layers for shape in layer.output_shapes]
             return evaluation.default_batch_size(max((int(np.prod(s)) for s in shapes), default=1))

@@ -8,6 +8,7 @@ import numpy as np
 
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
+from bitfold.network.operators._products import Products, biases, scaled
 from bitfold.network.operators._step import Step, SummingStep
 from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
@@ -46,7 +47,17 @@ from bitfold.network.operators.unit_addition import UnitAddition
 from bitfold.network.operators.unit_resize import UnitResize
 from bitfold.network.operators.unit_softmax import UnitSoftmax
 
-__all__ = ["FLOATS", "STEPS", "UNITS", "Step", "SummingStep", "step_of"]
+__all__ = [
+    "FLOATS",
+    "STEPS",
+    "UNITS",
+    "Products",
+    "Step",
+    "SummingStep",
+    "biases",
+    "scaled",
+    "step_of",
+]
 
 STEPS: dict[str, type[Step]] = {
     "ABS": Table,

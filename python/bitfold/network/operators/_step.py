@@ -18,6 +18,8 @@ import tensorflow as tf
 if TYPE_CHECKING:
     from bitfold.network.arithmetic import Arithmetic
     from bitfold.network.graph import Node, Tensor
+    from bitfold.network.operators._products import Products
+    from bitfold.ops._partial_sums import PartialSums
 
 
 class Step(abc.ABC):
@@ -71,9 +73,36 @@ class SummingStep(Step):
     weights_tensor: Tensor | None = None
     bias_tensor: Tensor | None = None
 
+    @property
+    @abc.abstractmethod
+    def products(self) -> Products:
+        """What the sums are sums of, beside the bias."""
+
     @abc.abstractmethod
     def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
         """Return the sums with their bias, as the accumulator holds them at the end."""
+
+    @abc.abstractmethod
+    def partial_sums(
+        self,
+        inputs: Sequence[tf.Tensor | None],
+        accumulator_sizes: Sequence[int],
+        known_extremes: tf.Tensor | None = None,
+    ) -> PartialSums:
+        """Return what the partial sums of full width reach, with the arithmetic's shift.
+
+        Args:
+            inputs: of the step.
+            accumulator_sizes: the widths that they are compared with, 1 to 32.
+            known_extremes: int64 [4, channels] that the result's include, or None.
+        """
+
+    @abc.abstractmethod
+    def was_outside(self, inputs: Sequence[tf.Tensor | None], accumulator_size: int) -> tf.Tensor:
+        """Return for each of the sums whether one of its partial sums was outside of a width.
+
+        Partial sums are those of full width, with the arithmetic's shift.
+        """
 
     @abc.abstractmethod
     def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:

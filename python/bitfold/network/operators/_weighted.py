@@ -12,11 +12,13 @@ import tensorflow as tf
 
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node, Tensor
-from bitfold.network.operators import _checks
+from bitfold.network.operators import _checks, _partial_sums
 from bitfold.network.operators._accumulator import Accumulator, exact_groups
+from bitfold.network.operators._partial_sums import Part
 from bitfold.network.operators._prepared import Placement, PreparedLayer, can_be_prepared
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
 from bitfold.network.operators._step import SummingStep
+from bitfold.ops._partial_sums import PartialSums
 
 
 def need_weights(what: str, filter: Tensor | None, outputs_axis: int, rank: int) -> Iterator[str]:
@@ -160,6 +162,43 @@ class WeightedStep(SummingStep):
         """Return the sums with their bias."""
         data = tf.cast(inputs[self.places[0]], tf.int32) - self._zero_point
         return self.arrange_sums(self._accumulator(self.arrange(data)))
+
+    @property
+    def parts_placement(self) -> Placement:
+        """Where the windows lie in what `parts` gives."""
+        return self.placement or Placement()
+
+    def parts(self, inputs: Sequence[tf.Tensor | None]) -> list[Part]:
+        """Return convolutions whose sums, side by side, are those of the layer."""
+        data, zero_point = inputs[self.places[0]], self._zero_point
+        if self.placement is None:
+            # What `arrange` fills in must be zeros.
+            data = tf.cast(tf.cast(data, tf.int32) - zero_point, tf.int16)
+            zero_point = 0
+        return [Part(self.arrange(data), zero_point, self.weights(), self.bias)]
+
+    def partial_sums(
+        self,
+        inputs: Sequence[tf.Tensor | None],
+        accumulator_sizes: Sequence[int],
+        known_extremes: tf.Tensor | None = None,
+    ) -> PartialSums:
+        """Return what the partial sums of full width reach."""
+        return _partial_sums.partial_sums(
+            self.parts(inputs),
+            self.parts_placement,
+            self.arithmetic.mult_shift,
+            accumulator_sizes,
+            known_extremes,
+        )
+
+    def was_outside(self, inputs: Sequence[tf.Tensor | None], accumulator_size: int) -> tf.Tensor:
+        """Return for each of the sums whether one of its partial sums was outside of a width."""
+        shift = self.arithmetic.mult_shift
+        parts = self.parts(inputs)
+        return self.arrange_sums(
+            _partial_sums.was_outside(parts, self.parts_placement, shift, accumulator_size)
+        )
 
     def finish(self, sums: tf.Tensor) -> list[tf.Tensor]:
         """Requantise."""

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 from bitfold.network.operators._prepared import Placement
+from bitfold.network.operators._products import Products, met_by_windows
 from bitfold.network.operators._weighted import WeightedStep
 from bitfold.network.operators._windows import Windows
 
@@ -25,6 +26,17 @@ class WindowedStep(WeightedStep):
             (*windows.rows.padding, *windows.columns.padding) if windows.needs_zeros else (0,) * 4
         )
         return Placement(windows.strides, windows.dilations, windows.placed_by, zeros)
+
+    @property
+    def products(self) -> Products:
+        """What the sums are sums of."""
+        windows = self.windows
+        return Products.of_stored(
+            self.weights(),
+            is_wide=self.is_wide,
+            rows=met_by_windows(windows.rows),
+            columns=met_by_windows(windows.columns),
+        )
 
     @property
     def multiply_adds(self) -> int:

@@ -8,7 +8,7 @@ one multiplier for each output channel, two roundings in int8, a short multiplie
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 
 import numpy as np
 import tensorflow as tf
@@ -16,6 +16,7 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
+from bitfold.network.operators._partial_sums import Part
 from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._windowed import WindowedStep
 from bitfold.network.operators._windows import window_problems
@@ -46,6 +47,20 @@ class Convolution(WindowedStep):
     def placement(self) -> Placement | None:
         """Where the windows lie in the stored image; of several groups they are several ops."""
         return super().placement if self._parts == 1 else None
+
+    @property
+    def parts_placement(self) -> Placement:
+        """Where the windows lie in the image of a group."""
+        return super().placement
+
+    def parts(self, inputs: Sequence[tf.Tensor | None]) -> list[Part]:
+        """Return the convolutions of the groups."""
+        count = self._parts
+        bias = [None] * count if self.bias is None else np.split(self.bias.reshape(-1), count)
+        pairs = zip(
+            tf.split(inputs[0], count, 3), np.split(self.weights(), count, 3), bias, strict=True
+        )
+        return [Part(data, self._zero_point, weights, part) for data, weights, part in pairs]
 
     @property
     def _parts(self) -> int:

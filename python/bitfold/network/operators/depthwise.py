@@ -18,6 +18,7 @@ from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._prepared import Placement
+from bitfold.network.operators._products import Products
 from bitfold.network.operators._windowed import WindowedStep
 from bitfold.network.operators._windows import window_problems
 
@@ -49,6 +50,11 @@ class DepthwiseConvolution(WindowedStep):
     def placement(self) -> Placement | None:
         """Where the windows lie in the stored image."""
         return dataclasses.replace(super().placement, depthwise=True)
+
+    @property
+    def products(self) -> Products:
+        """What the sums are sums of."""
+        return dataclasses.replace(super().products, has_half_weights=True)
 
     def groups(self, weights: np.ndarray) -> list[slice]:
         """Return one group: a channel's taps alone must fit 32 bits."""

@@ -17,6 +17,7 @@ from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._prepared import Placement
+from bitfold.network.operators._products import Products
 from bitfold.network.operators._weighted import WeightedStep
 
 
@@ -57,6 +58,11 @@ class FullyConnected(WeightedStep):
     def placement(self) -> Placement:
         """A window of one pixel."""
         return Placement()
+
+    @property
+    def products(self) -> Products:
+        """What the sums are sums of."""
+        return Products.of_stored(self.weights(), is_wide=self.is_wide)
 
     def weights(self) -> np.ndarray:
         """Return [1, 1, inputs, outputs]."""

@@ -21,8 +21,11 @@ from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._accumulator import datapath, element_type
 from bitfold.network.operators._moves import need_elements
-from bitfold.network.operators._requantisation import Requantiser
+from bitfold.network.operators._partial_sums import Chain
+from bitfold.network.operators._products import Products
+from bitfold.network.operators._requantisation import Requantiser, stored_range
 from bitfold.network.operators._step import SummingStep
+from bitfold.ops._partial_sums import PartialSums
 
 # Products of a byte, with or without sign, and an int16: below 2^23, so that so many fit 32 bits.
 _BYTES = 255
@@ -81,6 +84,30 @@ class MatrixProduct(SummingStep):
         return math.prod(self._output_shape) * _shapes(self.node)[0][-1]
 
     @property
+    def products(self) -> Products:
+        """What the sums are sums of: each output meets the rows of one matrix."""
+        second = self.node.inputs[1]
+        *others, rows, columns = _shapes(self.node)[1]
+        if second.is_constant:
+            weights = second.data.astype(np.int64) - second.zero_point
+            if _is_transposed(self.node, 1):
+                weights = weights.swapaxes(-1, -2)
+            least = greatest = weights.reshape(math.prod(others), 1, rows, columns)
+        else:
+            least, greatest = (
+                np.full((1, 1, rows, columns), limit - second.zero_point, np.int64)
+                for limit in stored_range(second.dtype)
+            )
+        return Products(
+            least,
+            greatest,
+            rows=np.eye(len(least), dtype=bool),
+            columns=np.ones((1, 1), bool),
+            is_wide=self._is_wide,
+            has_half_weights=True,
+        )
+
+    @property
     def _output_shape(self) -> tuple[int, ...]:
         """That of an image."""
         (*front, rows, _), (*others, _, columns) = _shapes(self.node)
@@ -88,21 +115,59 @@ class MatrixProduct(SummingStep):
 
     def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
         """Return the sums."""
+        total = self._product(*self._numbers(inputs))
+        return tf.reshape(total, [-1, *self._output_shape[1:]])
+
+    def partial_sums(
+        self,
+        inputs: Sequence[tf.Tensor | None],
+        accumulator_sizes: Sequence[int],
+        known_extremes: tf.Tensor | None = None,
+    ) -> PartialSums:
+        """Return what the partial sums of full width reach."""
+        first, second = self._operands(inputs)
+        return ops.matmul_partial_sums(
+            first,
+            second,
+            a_zero_point=self.node.inputs[0].zero_point,
+            b_zero_point=self.node.inputs[1].zero_point,
+            mult_shift=self.arithmetic.mult_shift,
+            accumulator_sizes=accumulator_sizes,
+            known_extremes=known_extremes,
+        )
+
+    def was_outside(self, inputs: Sequence[tf.Tensor | None], accumulator_size: int) -> tf.Tensor:
+        """Return for each of the sums whether one of its partial sums was outside of a width."""
+        first, second = (tf.cast(operand, tf.int64) for operand in self._numbers(inputs))
+        chain = Chain(self.arithmetic.mult_shift, accumulator_size)
+        shape = tf.concat([tf.shape(first)[:-1], tf.shape(second)[-1:]], 0)
+        _, outside = chain.add_all(
+            chain.start(shape),
+            lambda k: [first[..., k, None] * second[..., k, None, :]],
+            first.shape[-1],
+        )
+        return tf.reshape(outside, [-1, *self._output_shape[1:]])
+
+    def _numbers(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Return the operands less their zero points, int32, as `_operands` has them."""
+        return [
+            tf.cast(operand, tf.int32) - tensor.zero_point
+            for operand, tensor in zip(self._operands(inputs), self.node.inputs, strict=True)
+        ]
+
+    def _operands(self, inputs: Sequence[tf.Tensor | None]) -> tuple[tf.Tensor, tf.Tensor]:
+        """Return the stored matrices to multiply, [rows, inner] or [matrices, rows, inner]."""
         first, second = (self._matrices(i, inputs[i]) for i in (0, 1))
         weights = self.weights_tensor
         if weights is not None and math.prod(weights.shape[:-2]) == 1:
             # One matrix for all: their rows are rows of one.
             first = tf.reshape(first, [-1, first.shape[-1]])
-            second = tf.reshape(second, second.shape[-2:])
-        else:
-            first, second = self._side_by_side(first, second)
-        total = self._product(first, second)
-        return tf.reshape(total, [-1, *self._output_shape[1:]])
+            return first, tf.reshape(second, second.shape[-2:])
+        return self._side_by_side(first, second)
 
     def _matrices(self, i: int, stored: tf.Tensor) -> tf.Tensor:
-        """Return an operand less its zero point, [B, ..., rows, columns], transposed if need be."""
-        tensor = self.node.inputs[i]
-        images = tf.reshape(tf.cast(stored, tf.int32) - tensor.zero_point, [-1, *tensor.shape])
+        """Return a stored operand, [B, ..., rows, columns], transposed if need be."""
+        images = tf.reshape(stored, [-1, *self.node.inputs[i].shape])
         return tf.linalg.matrix_transpose(images) if _is_transposed(self.node, i) else images
 
     def _side_by_side(self, first: tf.Tensor, second: tf.Tensor) -> tuple[tf.Tensor, tf.Tensor]:

@@ -20,6 +20,7 @@ from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._moves import need_elements, need_numbers, numbers
+from bitfold.network.operators._products import Products, met_by_spread
 from bitfold.network.operators._weighted import WeightedStep
 from bitfold.network.operators._windows import MODEST, Axis
 
@@ -70,6 +71,12 @@ class TransposeConvolution(WeightedStep):
         """Products for one image, without those with the zeros between pixels."""
         images, rows, columns, _ = self.node.inputs[2].shape
         return images * rows * columns * self.filter.size
+
+    @property
+    def products(self) -> Products:
+        """What the sums are sums of: the zeros between pixels are none."""
+        rows, columns = map(met_by_spread, axes_of(self.node), self.data.shape[1:3])
+        return Products.of_stored(self.weights(), is_wide=self.is_wide, rows=rows, columns=columns)
 
     def weights(self) -> np.ndarray:
         """Return [height, width, inputs, outputs], turned by half a turn."""

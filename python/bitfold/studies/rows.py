@@ -1,0 +1,307 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Findings as rows with headings: what a terminal, a page and a notebook show alike."""
+
+from __future__ import annotations
+
+import dataclasses
+from typing import Any
+
+from bitfold.studies import words
+from bitfold.studies.records import (
+    Attribution,
+    Cause,
+    Findings,
+    Narrowest,
+    Result,
+)
+from bitfold.studies.series import Series, describe, total
+
+# More rows of channels than a person reads; the JSON file has all.
+_MOST_CHANNELS = 200
+
+
+@dataclasses.dataclass(frozen=True)
+class Column:
+    """A column of a table.
+
+    Attributes:
+        heading: what stands above it.
+        kind: how its values are written, a key of `words.FORMATS`.
+        group: what stands above the headings of neighbours that belong together.
+    """
+
+    heading: str
+    kind: str = "text"
+    group: str = ""
+
+    @property
+    def is_number(self) -> bool:
+        """Whether values stand at the right."""
+        return self.kind not in ("text", "flag")
+
+    def text(self, value: Any) -> str:
+        """Return a value as it is read; nothing for None."""
+        return "" if value is None else words.FORMATS[self.kind](value)
+
+
+@dataclasses.dataclass(frozen=True)
+class Table:
+    """Rows with headings; the first column names the row.
+
+    Attributes:
+        caption: what it shows, a sentence.
+        columns: of each row.
+        rows: values as they are, None where there is none.
+    """
+
+    caption: str
+    columns: tuple[Column, ...]
+    rows: tuple[tuple[Any, ...], ...]
+
+    def texts(self) -> list[list[str]]:
+        """Return the rows as they are read."""
+        return [
+            [column.text(value) for column, value in zip(self.columns, row, strict=True)]
+            for row in self.rows
+        ]
+
+
+# ---- What was studied ----------------------------------------------------------------------------
+
+
+def overview(findings: Findings) -> Table:
+    """What was studied, and the network at full width."""
+    work = sum(layer.multiply_adds for layer in findings.layers)
+    rows: list[tuple[str, str]] = [
+        ("network", words.printable(findings.title)),
+        ("images", words.count(findings.images)),
+        ("layers with an accumulator", words.count(len(findings.layers))),
+        ("multiply-adds for one image", words.large(work)),
+    ]
+    name = findings.metric_name or "metric"
+    if findings.metric is not None:
+        rows.append((f"{name} at full width", words.metric(findings, findings.metric)))
+    if findings.float_metric is not None:
+        rows.append((f"{name} of the float model", words.metric(findings, findings.float_metric)))
+    return Table("What was studied.", (Column("what"), Column("value")), tuple(rows))
+
+
+def versions(findings: Findings) -> Table:
+    """The packages that computed it."""
+    columns = (Column("package"), Column("version"))
+    return Table("Versions of what computed this.", columns, tuple(findings.versions.items()))
+
+
+# ---- Bits ----------------------------------------------------------------------------------------
+
+
+def layers(findings: Findings) -> Table:
+    """The bits of each layer at full width."""
+    columns = (
+        Column("layer"),
+        Column("operator"),
+        Column("multiply-adds", "count"),
+        Column("channels", "count"),
+        Column("needed", "count", "bits"),
+        Column("on the way", "count", "bits"),
+        Column("proven, inputs as seen", "count", "bits"),
+        Column("proven, any input", "count", "bits"),
+        Column("wraps harmless from", "count", "bits"),
+        Column("remarks"),
+    )
+    rows = tuple(
+        (
+            layer.name,
+            layer.operator,
+            layer.multiply_adds,
+            layer.channels,
+            layer.needed,
+            layer.on_the_way,
+            layer.proven_for_range,
+            layer.proven,
+            layer.harmless_from,
+            "; ".join(layer.remarks) or None,
+        )
+        for layer in findings.layers
+    )
+    return Table("Bits of each layer's sums at full width.", columns, rows)
+
+
+def channels(findings: Findings) -> Table:
+    """The channels that stand out."""
+    columns = (
+        Column("layer"),
+        Column("channel", "count"),
+        Column("needed", "count", "bits"),
+        Column("on the way", "count", "bits"),
+        Column("proven, any input", "count", "bits"),
+        Column("bias", "count"),
+        Column("remarks"),
+    )
+    rows = [
+        (
+            name,
+            channel.channel,
+            channel.needed,
+            channel.on_the_way,
+            channel.proven,
+            channel.bias,
+            "; ".join(channel.remarks),
+        )
+        for name, found in findings.channels.items()
+        for channel in found
+        if channel.remarks
+    ]
+    caption = "Channels that stand out."
+    if len(rows) > _MOST_CHANNELS:
+        caption = f"The first {_MOST_CHANNELS} of {len(rows):,} channels that stand out."
+    return Table(caption, columns, tuple(rows[:_MOST_CHANNELS]))
+
+
+# ---- Arithmetics ---------------------------------------------------------------------------------
+
+
+def _metric_columns(findings: Findings, group: str = "") -> tuple[Column, Column]:
+    name = findings.metric_name or "metric"
+    if words.is_percentage(name):
+        return Column(name, "percent", group), Column("change in points", "points", group)
+    return Column(name, "number", group), Column("change", "change", group)
+
+
+def _change(value: float | None, base: float | None) -> float | None:
+    return None if value is None or base is None else value - base
+
+
+def results(findings: Findings) -> Table:
+    """Each arithmetic in a line, end to end."""
+    has_metric = any(result.metric is not None for result in findings.results)
+    columns = (
+        Column("arithmetic"),
+        *(_metric_columns(findings) if has_metric else ()),
+        Column("wrong sums", "share"),
+        Column("right again", "share"),
+        Column("layers with wrong sums", "count"),
+        Column("corrected weights", "count"),
+        Column("warning lines", "count"),
+    )
+    rows = []
+    for result in findings.results:
+        counts = total(result)
+        metric = (result.metric, _change(result.metric, findings.metric)) if has_metric else ()
+        rows.append(
+            (
+                result.name,
+                *metric,
+                counts.wrong_share,
+                counts.right_again_share,
+                sum(layer.end_to_end.wrong > 0 for layer in result.layers),
+                sum(layer.corrected_weights for layer in result.layers),
+                sum(layer.out_of_bounds for layer in result.layers),
+            )
+        )
+    return Table("Each arithmetic, end to end.", columns, tuple(rows))
+
+
+def wrong_by_width(series: Series, is_alone: bool) -> Table:
+    """The share of each layer's wrong sums by width."""
+    feed = "fed by the full-width run" if is_alone else "end to end"
+    columns = (Column("layer"), *(Column(f"{w} bits", "share") for w in series.widths))
+    shares: dict[str, list[float]] = {}
+    for result in series.results:
+        for layer in result.layers:
+            counts = layer.alone if is_alone else layer.end_to_end
+            shares.setdefault(layer.name, []).append(counts.wrong_share)
+    rows = tuple((name, *of_layer) for name, of_layer in shares.items())
+    return Table(f"Share of wrong sums by width, {series.name}, {feed}.", columns, rows)
+
+
+def counts(result: Result) -> Table:
+    """Each layer in one arithmetic."""
+    columns = (
+        Column("layer"),
+        Column("arithmetic"),
+        Column("wrong", "share", "alone"),
+        Column("right again", "share", "alone"),
+        Column("wrong", "share", "end to end"),
+        Column("right again", "share", "end to end"),
+        Column("partial sums outside", "count", "end to end"),
+        Column("first after addends", "count", "end to end"),
+        Column("corrected weights", "count"),
+        Column("warning lines", "count"),
+    )
+    rows = tuple(
+        (
+            layer.name,
+            "exact" if layer.arithmetic.is_exact else describe(layer.arithmetic),
+            layer.alone.wrong_share,
+            layer.alone.right_again_share,
+            layer.end_to_end.wrong_share,
+            layer.end_to_end.right_again_share,
+            layer.end_to_end.partial_sums_outside,
+            layer.end_to_end.first_step or None,
+            layer.corrected_weights,
+            layer.out_of_bounds,
+        )
+        for layer in result.layers
+    )
+    return Table(f"Layers with {words.printable(result.name)}.", columns, rows)
+
+
+# ---- Attribution and search ----------------------------------------------------------------------
+
+
+def causes(findings: Findings, attribution: Attribution) -> Table:
+    """What each cause costs of the metric, and at the network's last layer."""
+    columns = (Column("up to and with"), *_metric_columns(findings))
+    columns += (Column("median layer", "decibels", "signal to error [dB]"),)
+    columns += (Column("last layer", "decibels", "signal to error [dB]"),)
+    rows, before = [], findings.float_metric
+    for cause in attribution.causes:
+        change = _change(cause.metric, before)
+        rows.append((cause.name, cause.metric, change, _median(cause), _last(findings, cause)))
+        before = cause.metric
+    caption = f"From the float model to {words.printable(attribution.name)}, a cause at a time."
+    return Table(caption, columns, tuple(rows))
+
+
+def _median(cause: Cause) -> float | None:
+    values = sorted(value for value in cause.signal_to_error.values() if value == value)
+    return values[(len(values) - 1) // 2] if values else None
+
+
+def _last(findings: Findings, cause: Cause) -> float | None:
+    return cause.signal_to_error.get(findings.layers[-1].name) if findings.layers else None
+
+
+def signal_to_error(findings: Findings, attribution: Attribution) -> Table:
+    """The signal-to-error ratio of each layer after each cause."""
+    group = "signal to error [dB] up to and with"
+    columns = (Column("layer"), *(Column(c.name, "decibels", group) for c in attribution.causes))
+    rows = tuple(
+        (layer.name, *(cause.signal_to_error.get(layer.name) for cause in attribution.causes))
+        for layer in findings.layers
+    )
+    name = words.printable(attribution.name)
+    return Table(f"Signal to error of each layer's output on the way to {name}.", columns, rows)
+
+
+def choices(findings: Findings, search: Narrowest) -> Table:
+    """What a search chose for each layer."""
+    columns = (
+        Column("layer"),
+        Column("accumulator", "count", "bits"),
+        Column("shift", "count", "bits"),
+        Column("needed", "count", "bits"),
+        Column("proven, any input", "count", "bits"),
+        Column("chosen by"),
+    )
+    known = {layer.name: layer for layer in findings.layers}
+    rows = []
+    for choice in search.choices:
+        layer = known.get(choice.name)
+        bits = (layer.needed, layer.proven) if layer else (None, None)
+        reason = "proof" if choice.is_proven else "measurement"
+        rows.append((choice.name, choice.width, choice.shift, *bits, reason))
+    loss = words.difference(findings, search.metric_loss)
+    return Table(f"Narrowest accumulators within {loss}.", columns, tuple(rows))

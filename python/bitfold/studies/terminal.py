@@ -1,0 +1,88 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Findings as tables for a terminal."""
+
+from __future__ import annotations
+
+import dataclasses
+import sys
+from typing import TextIO
+
+from rich import table as rich_table
+from rich.console import Console
+from rich.markup import escape
+
+from bitfold.studies import rows, sentences, words
+from bitfold.studies.records import Findings
+from bitfold.studies.rows import Table
+from bitfold.studies.series import all_series
+
+# Wide enough for a layer's line, where the output is not a terminal.
+_WIDTH = 140
+
+
+def print_findings(findings: Findings, file: TextIO | None = None) -> None:
+    """Print what a study found: sentences and tables, plain lines where there is no terminal.
+
+    Args:
+        findings: what to print.
+        file: where to; `sys.stdout` by default.
+    """
+    console = Console(file=sys.stdout if file is None else file, highlight=False)
+    if not console.is_terminal:
+        console.width = _WIDTH
+    console.print(words.printable(findings.title), style="bold", markup=False)
+    for sentence in sentences.overall(findings):
+        console.print(sentence, markup=False, soft_wrap=True)
+    for table in _tables(findings):
+        console.print(f"\n{table.caption}", markup=False, soft_wrap=True)
+        console.print(_drawn(table))
+    for layer in findings.layers:
+        for remark in layer.remarks:
+            console.print(f"{words.printable(layer.name)}: {remark}", markup=False, soft_wrap=True)
+
+
+def _tables(findings: Findings) -> list[Table]:
+    tables = [_without_remarks(rows.layers(findings))] if findings.layers else []
+    if findings.results:
+        tables.append(rows.results(findings))
+    for series in all_series(findings):
+        table = _where_wrong(rows.wrong_by_width(series, is_alone=True))
+        tables += [table] if table.rows else []
+    tables += [rows.causes(findings, attribution) for attribution in findings.attributions]
+    tables += [rows.choices(findings, search) for search in findings.searches]
+    return tables
+
+
+def _without_remarks(table: Table) -> Table:
+    """Return a table without its remarks, which would fold into many lines."""
+    return _with_columns(table, [i for i, c in enumerate(table.columns) if c.heading != "remarks"])
+
+
+def _where_wrong(table: Table) -> Table:
+    """Return a table of shares without the rows and columns that are zero throughout."""
+    kept = [0, *(i for i in range(1, len(table.columns)) if any(row[i] for row in table.rows))]
+    left = tuple(row for row in table.rows if any(row[1:]))
+    caption = table.caption
+    if len(left) < len(table.rows):
+        caption += f" Of the other {words.some(len(table.rows) - len(left), 'layer')} no sum."
+    return _with_columns(dataclasses.replace(table, caption=caption, rows=left), kept)
+
+
+def _with_columns(table: Table, kept: list[int]) -> Table:
+    return dataclasses.replace(
+        table,
+        columns=tuple(table.columns[index] for index in kept),
+        rows=tuple(tuple(row[index] for index in kept) for row in table.rows),
+    )
+
+
+def _drawn(table: Table) -> rich_table.Table:
+    drawn = rich_table.Table(box=None, pad_edge=False)
+    for column in table.columns:
+        heading = f"{column.group}\n{column.heading}" if column.group else column.heading
+        justify = "right" if column.is_number else "left"
+        drawn.add_column(escape(heading), justify=justify, overflow="fold", vertical="bottom")
+    for row in table.texts():
+        drawn.add_row(*map(escape, row))
+    return drawn

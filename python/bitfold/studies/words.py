@@ -1,0 +1,129 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Numbers and names as people read them; one place for all that shows findings."""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Callable, Mapping
+from typing import Any
+
+from bitfold.studies.records import Findings
+
+# Of these metrics 0.5 is half of all, which people call 50%.
+_SHARES = ("accuracy", "precision", "recall", "top-", "top_")
+
+
+def is_percentage(metric_name: str | None) -> bool:
+    """Return whether a metric is a share that is read in percent."""
+    name = (metric_name or "").lower()
+    return any(word in name for word in _SHARES)
+
+
+def metric(findings: Findings, value: float | None) -> str:
+    """Return a metric for a sentence, as "91.2%" or "0.412"."""
+    if value is None:
+        return "not measured"
+    if not math.isfinite(value):
+        return number(value)
+    return f"{100 * value:.1f}%" if is_percentage(findings.metric_name) else f"{value:.4g}"
+
+
+def difference(findings: Findings, value: float) -> str:
+    """Return how much of a metric is lost or gained, without a sign."""
+    if not is_percentage(findings.metric_name):
+        return f"{abs(value):.3g}"
+    points = f"{abs(100 * value):.2f}".rstrip("0").rstrip(".")
+    return f"{points} percentage point" + ("" if points == "1" else "s")
+
+
+def share(value: float) -> str:
+    """Return a share in percent, whose smallness and nearness to all are not rounded away."""
+    percent = 100 * value
+    if percent == 0:
+        return "0%"
+    if percent < 0.001:
+        return "<0.001%"
+    if percent < 1:
+        return f"{percent:.1g}%" if percent < 0.095 else f"{percent:.2f}%"
+    if percent < 9.95:
+        return f"{percent:.1f}%"
+    return ">99%" if 99 < percent < 100 else f"{percent:.0f}%"
+
+
+def decibels(value: float) -> str:
+    """Return a signal-to-error ratio; without a difference there is no number."""
+    if math.isnan(value):
+        return "undefined"
+    if math.isinf(value):
+        return "no error" if value > 0 else "no signal"
+    return f"{value:.1f}"
+
+
+def number(value: float) -> str:
+    """Return a number whose unit is not known."""
+    return f"{value:.4g}"
+
+
+def count(value: int) -> str:
+    """Return a whole number."""
+    return f"{value:,}"
+
+
+def large(value: int) -> str:
+    """Return a whole number in short, as "5.2 million"."""
+    for size, word in ((10**9, "billion"), (10**6, "million")):
+        if value >= size:
+            return f"{value / size:.3g} {word}"
+    return count(value)
+
+
+def seconds(value: float) -> str:
+    """Return a time."""
+    if value < 120:
+        return f"{value:.3g} s"
+    minutes, rest = divmod(round(value), 60)
+    return f"{minutes} min {rest} s"
+
+
+def some(quantity: int, noun: str) -> str:
+    """Return a number of things, as "1 layer" or "5 layers"."""
+    return f"{quantity:,} {noun}" + ("" if quantity == 1 else "s")
+
+
+def listed(names: list[str]) -> str:
+    """Return names as a sentence lists them."""
+    if len(names) < 2:
+        return "".join(names)
+    return f"{', '.join(names[:-1])} and {names[-1]}"
+
+
+def printable(text: str) -> str:
+    """Return a name with a mark in place of what neither a terminal nor a page can show."""
+    return "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in text)
+
+
+def elided(text: str, fits: Callable[[str], bool]) -> str:
+    """Return a name as it is if it fits, or without its middle."""
+    if fits(text):
+        return text
+    for kept in range(len(text) - 1, 1, -1):
+        head = kept // 2
+        short = f"{text[:head]}\N{HORIZONTAL ELLIPSIS}{text[len(text) - (kept - head) :]}"
+        if fits(short):
+            return short
+    return "\N{HORIZONTAL ELLIPSIS}"
+
+
+FORMATS: Mapping[str, Callable[[Any], str]] = {
+    "text": lambda value: printable(str(value)),
+    "count": count,
+    "flag": lambda value: "yes" if value else "no",
+    "share": share,
+    "percent": lambda value: f"{100 * value:.2f}%",
+    "points": lambda value: f"{round(100 * value, 2) or 0.0:+.2f}",
+    "number": number,
+    "change": lambda value: f"{value or 0.0:+.4g}",
+    "decibels": decibels,
+}
+"""How values of a table's columns are written, by the column's kind."""

@@ -1,0 +1,194 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""How it is found what becomes of a layer's sums in an accumulator, as cheaply as it can be proven.
+
+A sum is wrong if it differs from that of full width for the same inputs and shift. It is right
+again if it is not wrong although some partial sum of full width was outside of the accumulator.
+
+- **NOTHING.** No input of the stored type leads a partial sum out of the accumulator. Every sum is
+  right, and none is looked at.
+- **COUNT.** No addend is above 2^w in magnitude, so that by theorem 1 (docs/arithmetic.md) a sum is
+  wrong exactly where it ends outside: it suffices to count sums that end outside, and that were.
+- **COMPARISON.** An addend may be above. Then sums are computed in both, and compared. Addends are
+  those of full width, so a sum of which no partial sum was outside is right; those that were
+  outside and are not wrong are right again.
+- **CHAIN.** Addends differ from those of full width (weights with another sign, a bias that was
+  narrowed before its shift), or sums are rounded (half precision). A wrong sum need not have been
+  outside, so it is followed, addend by addend, which sums were; only where any was.
+"""
+
+from __future__ import annotations
+
+import dataclasses
+import enum
+from collections.abc import Sequence
+
+import numpy as np
+import tensorflow as tf
+
+from bitfold.network.operators import SummingStep
+from bitfold.network.operators._products import scaled
+from bitfold.ops._partial_sums import PartialSums
+from bitfold.studies.bounds import bits_of, layer_bounds
+
+_WIDEST = 32
+# Half precision holds no partial sum beyond 16 bits, and every whole number up to 2^12.
+_HALF_WIDTH = 16
+_HALF_EXACT = 1 << 12
+
+
+class Method(enum.Enum):
+    """How sums are judged; see the module."""
+
+    NOTHING = 0
+    COUNT = 1
+    COMPARISON = 2
+    CHAIN = 3
+
+
+@dataclasses.dataclass(frozen=True, eq=False)
+class Wraps:
+    """The sums of a layer in an arithmetic, beside those of full width.
+
+    Attributes:
+        step: the layer in the arithmetic.
+        reference: the layer at full width, with the same shift.
+        width: the bits that partial sums are compared with.
+        method: how sums are judged.
+    """
+
+    step: SummingStep
+    reference: SummingStep
+    width: int
+    method: Method
+
+    @property
+    def needs_sums(self) -> bool:
+        """Whether sums are computed in both arithmetics."""
+        return self.method in (Method.COMPARISON, Method.CHAIN)
+
+    def counts(
+        self,
+        inputs: Sequence[tf.Tensor | None],
+        found: PartialSums,
+        place: int,
+        sums: tf.Tensor | None = None,
+        exact: tf.Tensor | None = None,
+    ) -> tf.Tensor:
+        """Return int64 [4]: sums wrong and right again, partial sums outside, the first step.
+
+        Args:
+            inputs: of the layer.
+            found: what the partial sums of full width reach.
+            place: of the width among those of `found`.
+            sums: in the arithmetic, and
+            exact: at full width, where the method needs them.
+        """
+        ends, was, single = tf.unstack(tf.reduce_sum(found.counts[place], 0))
+        wrong = ends
+        if self.needs_sums:
+            differs = tf.cast(sums, tf.int64) != tf.cast(exact, tf.int64)
+            wrong = tf.math.count_nonzero(differs)
+        right_again = was - wrong
+        if self.method is Method.CHAIN:
+            right_again = tf.cond(
+                was > 0,
+                lambda: tf.math.count_nonzero(
+                    self.reference.was_outside(inputs, self.width) & ~differs
+                ),
+                lambda: tf.zeros([], tf.int64),
+            )
+        steps = found.first[place]
+        largest = np.int64(np.iinfo(np.int64).max)
+        first = tf.reduce_min(tf.where(steps == 0, largest, steps))
+        first = tf.where(first == largest, np.int64(0), first)
+        return tf.stack([wrong, right_again, single, first])
+
+
+def wraps_of(step: SummingStep, reference: SummingStep, harmless_from: int) -> Wraps:
+    """Choose how to judge a layer's sums.
+
+    Args:
+        step: in the arithmetic.
+        reference: at full width with the same shift.
+        harmless_from: of `bounds.layer_bounds` for this shift.
+    """
+    arithmetic = step.arithmetic
+    size = arithmetic.accumulator_size
+    is_half = arithmetic.use_fp16_acc
+    width = _HALF_WIDTH if is_half else size or _WIDEST
+    if size is None and not is_half:
+        return Wraps(step, reference, width, Method.NOTHING)
+    low, high = partial_range(reference)
+    if corrected_weights(step) or _is_bias_narrowed(step):
+        method = Method.CHAIN
+    elif is_half:
+        is_exact = low >= -_HALF_EXACT and high <= _HALF_EXACT
+        method = Method.NOTHING if is_exact else Method.CHAIN
+    elif bits_of(low, high) <= width:
+        method = Method.NOTHING
+    elif width >= harmless_from and (step.products.is_wide or bits_of(low, high) <= _WIDEST):
+        method = Method.COUNT
+    else:
+        method = Method.COMPARISON
+    return Wraps(step, reference, width, method)
+
+
+def harmless_from(reference: SummingStep) -> int:
+    """Return from which width on theorem 1 holds for any stored input, with the step's shift."""
+    limits = np.iinfo(reference.data.dtype)
+    return layer_bounds(
+        reference, int(limits.min), int(limits.max), reference.arithmetic.mult_shift
+    ).harmless_from
+
+
+def partial_range(reference: SummingStep) -> tuple[int, int]:
+    """Return the least and greatest partial sum that any stored input can give."""
+    products, shift = reference.products, reference.arithmetic.mult_shift
+    limits = np.iinfo(reference.data.dtype)
+    data = [int(limit) - reference.data.zero_point for limit in (limits.min, limits.max)]
+    weights = [products.least]
+    if products.greatest is not products.least:
+        weights.append(products.greatest)
+    corners = [scaled(weight * number, shift) for weight in weights for number in data]
+    least = np.minimum.reduce([np.minimum.reduce(corners), 0 * corners[0]])
+    greatest = np.maximum.reduce([np.maximum.reduce(corners), 0 * corners[0]])
+    low, high = least.sum((0, 1, 2)), greatest.sum((0, 1, 2))
+    if reference.bias_tensor is None:
+        return int(low.min()), int(high.max())
+    biases = [_scaled(int(b), shift) for b in reference.bias_tensor.data.reshape(-1)]
+    lows = [min(int(x), int(x) + b) for x, b in zip(low, biases, strict=True)]
+    highs = [max(int(x), int(x) + b) for x, b in zip(high, biases, strict=True)]
+    return min(lows), max(highs)
+
+
+def corrected_weights(step: SummingStep) -> int:
+    """Return how many weights the unit reads with another sign in a step's arithmetic.
+
+    Of a second operand that is data, how many of its elements may be: at least one counts.
+    """
+    products = step.products
+    if not products.has_half_weights:
+        return 0
+    size = step.arithmetic.accumulator_size
+    half = (_WIDEST if size is None else size) // 2
+    largest = (1 << (half - 1)) - 1 if half else 0
+    if step.weights_tensor is None:
+        return int(products.greatest.max(initial=0) > largest)
+    return int((products.greatest > largest).sum())
+
+
+def _is_bias_narrowed(step: SummingStep) -> bool:
+    """Return whether a bias loses bits before it is shifted."""
+    if step.bias_tensor is None or not step.arithmetic.mult_shift:
+        return False
+    bias = step.bias_tensor.data
+    return bool((bias != bias.astype(np.int32)).any())
+
+
+def _scaled(number: int, shift: int) -> int:
+    """Return a whole number divided by 2^shift, halves to even."""
+    if not shift:
+        return number
+    below_half = (1 << (shift - 1)) - 1
+    return (number + below_half + (number >> shift & 1)) >> shift
