@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
+#include <type_traits>
 #include <vector>
 
 #include "chain/lane_windows.h"
+#include "cpu/partial_sums_dots.h"
 #include "cpu/partial_sums_lanes.h"
 #include "cpu/partial_sums_record.h"
 #include "cpu/partial_sums_windows.h"
@@ -124,7 +126,10 @@ bool IsNarrow(const PartialSumsCall<In, Weight>& call) {
   constexpr int64_t kMostFactor = INT16_MAX;
   constexpr int64_t kMostSum = int64_t{1} << 30;
   const int64_t numbers = call.batch * call.InputElements();
-  const int64_t data = LargestMagnitude(call.input, numbers, call.input_zero_point);
+  // Of bytes any: with their offset they have 8 bits.
+  const int64_t data = std::is_same_v<In, int8_t>
+                           ? UINT8_MAX
+                           : LargestMagnitude(call.input, numbers, call.input_zero_point);
   const int64_t weights =
       LargestMagnitude(call.filter, call.FilterElements(), call.filter_zero_point);
   if (data > kMostFactor || weights > kMostFactor) return false;
@@ -135,6 +140,9 @@ template <typename In, typename Weight>
 void ComputeOfOneFilter(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
                         Workers* workers) {
   if (!HasPlainWindows(call) || !IsNarrow(call)) return ShareDefinition(call, tables, workers);
+  if constexpr (std::is_same_v<In, int8_t> && std::is_same_v<Weight, int8_t>) {
+    if (HasSumDots(call)) return SumByDots(call, tables, workers);
+  }
   SumInLanes(call, tables, workers);
 }
 

@@ -77,6 +77,7 @@ class SumRecord {
   WidthRecord& width(int32_t p, int32_t i) {
     return widths_[static_cast<size_t>(p * layout_.size_count + i)];
   }
+  int32_t panels() const { return layout_.panels(); }
   int32_t widths() const { return layout_.size_count; }
   bool has_bias() const { return layout_.bias != nullptr; }
 

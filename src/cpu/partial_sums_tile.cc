@@ -14,11 +14,12 @@ namespace {
 #define BITFOLD_LOOPS "cpu/partial_sums_loops.inc"
 #define BITFOLD_RANGES_OF(pixels, depthwise) \
   { Ranges<pixels, depthwise, false>, Ranges<pixels, depthwise, true> }
-#define BITFOLD_LOOP_TABLE                                                               \
-  SummedLoops {                                                                          \
-    {{BITFOLD_RANGES_OF(1, false), BITFOLD_RANGES_OF(1, true)},                          \
-     {BITFOLD_RANGES_OF(kSummedPixels, false), BITFOLD_RANGES_OF(kSummedPixels, true)}}, \
-        {Count<false>, Count<true>}, Record                                              \
+#define BITFOLD_LOOP_TABLE                                                                    \
+  SummedLoops {                                                                               \
+    {{BITFOLD_RANGES_OF(1, false), BITFOLD_RANGES_OF(1, true)},                               \
+     {BITFOLD_RANGES_OF(kSummedPixels, false), BITFOLD_RANGES_OF(kSummedPixels, true)}},      \
+        {Count<false>, Count<true>}, Record, ChannelRanges, Bound, Look, IsWhole, CountWhole, \
+        Include, CountSteps, End                                                              \
   }
 #include "vector/vector_loops.inc"
 #undef BITFOLD_RANGES_OF

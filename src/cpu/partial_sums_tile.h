@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "cpu/partial_sums_borders.h"
 #include "cpu/partial_sums_record.h"
 
 namespace bitfold {
@@ -40,6 +41,47 @@ struct TileRanges {
   int32_t greatest[kSummedPixels][kSumLanes];
 };
 
+// What a channel's numbers lie within; 0 is among them.
+struct ChannelRange {
+  int32_t least;
+  int32_t greatest;
+};
+
+// The weights of a segment and a panel, [word][tap][lane] of four channels each, and the numbers
+// that they meet, less the offset that the bytes have.
+struct SegmentWeights {
+  const int8_t* weights;
+  const ChannelRange* ranges;
+  int32_t words;
+  int32_t taps;
+  int32_t offset;
+};
+
+// Where a segment of a pixel and a panel begins and ends, with the excess.
+struct SegmentEnds {
+  const int32_t* start;
+  const int32_t* end;
+  const int32_t* excess_before;
+  const SegmentBounds* bounds;
+};
+
+// Without it: where the segment begins, and what its partial sums lie within.
+struct SegmentSums {
+  int32_t start[kSumLanes];
+  int32_t bottom[kSumLanes];
+  int32_t top[kSumLanes];
+};
+
+// What a segment may change.
+enum class SegmentChange { kNone, kCounts, kExtremes };
+
+// Partial sums, and how many addends came before the first.
+struct StepSums {
+  const int32_t (*sums)[kSumLanes];
+  int32_t count;
+  int32_t before;
+};
+
 struct SummedLoops {
   using Ranges = void (*)(const SummedTile&, TileRanges*);
   Ranges ranges[2][2][2];  // by whether kSummedPixels, depthwise, shift != 0
@@ -49,6 +91,23 @@ struct SummedLoops {
   // Takes the ranges of so many pixels into the record. Returns whether a partial sum is outside of
   // the limits, or an end outside of a width.
   bool (*record)(const TileRanges&, int pixels, const SumLimits&, PanelRecord*);
+
+  // Widens the least and the greatest number of each channel.
+  void (*channel_ranges)(const int8_t* numbers, int64_t pixels, int32_t channels, int8_t* least,
+                         int8_t* greatest);
+  // `before` is the segment before, or null.
+  void (*bound)(const SegmentWeights&, const SegmentBounds* before, SegmentBounds*);
+  SegmentChange (*look)(const SegmentEnds&, const PanelRecord&, SegmentSums*);
+  // Whether the sums of a segment are all inside or all outside of a width; `outside` says which.
+  bool (*is_whole)(const SegmentSums&, const WidthRecord&, int32_t* outside);
+  // Counts `count` steps after `before` others.
+  void (*count_whole)(const int32_t* outside, int32_t count, int32_t before, WidthRecord*,
+                      OutputCounts*);
+  // Takes steps into the extremes; returns whether one is outside of the limits.
+  bool (*include)(const StepSums&, const SumLimits&, PanelRecord*);
+  void (*count_steps)(const StepSums&, WidthRecord*, OutputCounts*);
+  // Takes the ends of so many pixels; returns whether one is outside of a width.
+  bool (*end)(const int32_t (*sums)[kSumLanes], int pixels, PanelRecord*);
 };
 
 // For the target in use.

@@ -58,7 +58,7 @@ class Metric:
                     f"Need a metric whose variables are sums over images, got {metric.name!r} with "
                     f"{variable.path}"
                 )
-        return [np.array(variable) for variable in metric.variables]
+        return [variable.numpy() for variable in metric.variables]
 
     def result(self, states: Mapping[int, State], example: tuple[Any, Any]) -> float:
         """Return the metric of all shards.

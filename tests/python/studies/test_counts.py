@@ -4,6 +4,8 @@
 
 from __future__ import annotations
 
+import dataclasses
+
 import chains
 import layer_files
 import numpy as np
@@ -127,3 +129,87 @@ def layer(name: str, dtype: str = "int8", **keywords) -> packed.Case:
 def test_counts_of_layers(name, dtype):
     """In every arithmetic, both alone and end to end, which of one layer are the same."""
     assert check(layer(name, dtype), ARITHMETICS) > 0
+
+
+def _with(name: str, dtype: str = "int8", bias=None, weights=None, zero_point=None) -> packed.Case:
+    """Return a layer with other numbers."""
+    case = layer(name, dtype)
+    (kind, (data, filter, old), outputs, options, version), *_ = case.operators
+    if bias is not None:
+        stored = np.resize(np.array(bias, np.int64), old.shape).astype(old.dtype)
+        old = dataclasses.replace(old, data=stored)
+    if weights is not None:
+        stored = np.broadcast_to(weights, filter.shape).astype(np.int8)
+        filter = dataclasses.replace(filter, data=stored)
+    if zero_point is not None:
+        data = dataclasses.replace(data, zero_points=(zero_point,))
+    return packed.operator(kind, [data, filter, old], outputs, options, version)
+
+
+@pytest.mark.parametrize("bias", [[2**14, -(2**18)], [2**27, 0], [-(2**31), 2**31 - 1]], ids=str)
+def test_biases_wider_than_the_sums(bias):
+    """One wrap does not bring them back, and full width itself may wrap at 32 bits."""
+    check(_with("dense", bias=bias), [A(32), A(31), A(28), A(18), A(12), A(6), A(16, 3), A(12, 9)])
+
+
+@pytest.mark.parametrize("bias", [[2**31, 5], [2**36 + 3, -(2**33)], [-(2**40) - 1]], ids=str)
+def test_biases_of_64_bits(bias):
+    """An accumulator takes the low 32 bits; with a shift that is another number."""
+    arithmetics = [A(32), A(31), A(20), A(32, 4), A(24, 8), A(28, 12), A(16, 20), A()]
+    check(_with("dense", "int16", bias=bias), arithmetics)
+    half = [A(use_fp16_acc=True), A(use_fp16_acc=True, mult_shift=6)]
+    check(_with("dense", "int16", bias=bias), half)
+
+
+@pytest.mark.parametrize("zero_point", [-128, 127])
+def test_zero_points_at_the_ends(zero_point):
+    """Then data less the zero point have one sign alone."""
+    check(_with("convolution", zero_point=zero_point), [A(16), A(15), A(12), A(14, 2)])
+
+
+def test_a_sum_that_just_fits():
+    """The ends of the range are inside, one more is outside."""
+    case = _with("dense", bias=[127, 128, -128, -129, 0, 1, -1], weights=0)
+    study = bitfold.study(
+        bitfold.Network.from_tflite(case.content),
+        np.zeros((3, 40), np.int8),
+        arithmetics=[A(8)],
+    )
+    (found,) = study.results[0].layers
+    # The bias is the 41st addend.
+    assert found.alone == Counts(21, 6, 0, 6, 41)
+
+
+def test_a_sum_that_leaves_and_returns():
+    """The wraps undo one another where every addend is at most 2^w."""
+    weights = np.zeros((7, 40), np.int64)
+    weights[:, :3] = [1, 1, -1]
+    case = _with("dense", bias=[0], weights=weights, zero_point=0)
+    data = np.zeros((1, 40), np.int8)
+    data[0, :3] = [100, 100, 110]  # 100, 200, 90: outside of 8 bits from the second to the last
+    study = bitfold.study(
+        bitfold.Network.from_tflite(case.content), data, arithmetics=[A(8), A(9), A(6)]
+    )
+    eight, nine, six = (result.layers[0].alone for result in study.results)
+    assert eight == Counts(7, 0, 7, 7, 2)
+    assert nine == Counts(7)
+    # 100 is a number above 2^6: the only wrap of 6 bits leaves it outside.
+    assert six == Counts(7, 7, 0, 7 * 41, 1)
+    (layer_bits,) = study.layers
+    assert (layer_bits.needed, layer_bits.on_the_way) == (8, 9)
+
+
+@pytest.mark.parametrize("dtype", ["int8", "int16"])
+@pytest.mark.parametrize("second", ["data", "stored", "stored for each"])
+def test_matrix_products(second, dtype):
+    """The second operand is the weights, of half the accumulator's width."""
+    rng = np.random.default_rng(3)
+    zero_points = (-3, -5) if dtype == "int8" else (0, 0)
+    matrices = 2 if second == "stored for each" else 1
+    first = packed.tensor([1, 2, 3, 9], dtype, 0.5, zero_points[0])
+    stored = None if second == "data" else rng.integers(-100, 100, [1, matrices, 9, 4])
+    other = packed.tensor([1, matrices, 9, 4], dtype, 0.25, zero_points[1], data=stored)
+    output = packed.tensor([1, 2, 3, 4], dtype, 2.0**20)
+    case = packed.operator("BATCH_MATMUL", [first, other], [output])
+    widths = [A(32), A(18), A(16), A(14), A(11), A(17, 2), A(use_fp16_acc=True), A(32, 3)]
+    check(case, [*widths, A(24), A()])
