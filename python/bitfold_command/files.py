@@ -16,21 +16,24 @@ import bitfold
 
 _IMAGES = ("x", "images", "x_test", "inputs")
 _LABELS = ("y", "labels", "y_test")
-# Where a model file has its kind.
-_KIND = slice(4, 8)
+# What files of each kind begin with.
+_MODEL = b"TFL3"  # behind four bytes
+_ARCHIVE = b"PK"
+_ARRAY = b"\x93NUMPY"
 
 
 def network(path: str) -> bitfold.Network:
     """Return the network of a model file or of what `Network.save` wrote."""
-    with open(path, "rb") as file:
-        kind = file.read(8)[_KIND]
-    if kind == b"TFL3":
+    start = _start(path)
+    if start[4:8] == _MODEL:
         return bitfold.Network.from_tflite(path)
     if path.endswith((".keras", ".h5")):
         raise ValueError(
             f"Need a quantised model, got the float model {path}; bitfold.Network.from_keras makes "
             "one of it and calibration data"
         )
+    if not start.startswith(_ARCHIVE):
+        raise ValueError(f"Need a .tflite file or one that Network.save wrote, got {path}")
     return bitfold.Network.load(path)
 
 
@@ -39,8 +42,8 @@ def float_model(path: str) -> Any:
     if path.endswith(".tflite"):
         with open(path, "rb") as file:
             return file.read()
-    with open(path, "rb"):  # for an error that says why
-        return keras.saving.load_model(path)
+    _start(path)  # where it cannot be read, this error says why
+    return keras.saving.load_model(path)
 
 
 def data(options: argparse.Namespace, of: bitfold.Network) -> tuple[Any, np.ndarray | None]:
@@ -70,12 +73,18 @@ def data(options: argparse.Namespace, of: bitfold.Network) -> tuple[Any, np.ndar
 
 
 def _load(path: str) -> np.ndarray | dict[str, np.ndarray]:
+    if not _start(path).startswith((_ARCHIVE, _ARRAY)):
+        raise ValueError(f"Need arrays as .npz or .npy, got {path}")
+    try:
+        loaded = np.load(path, allow_pickle=False)
+        return loaded if isinstance(loaded, np.ndarray) else dict(loaded)
+    except (ValueError, EOFError, zipfile.BadZipFile) as error:
+        raise ValueError(f"Need arrays as .npz or .npy, got {path}: {error}") from None
+
+
+def _start(path: str) -> bytes:
     with open(path, "rb") as file:
-        try:
-            loaded = np.load(file, allow_pickle=False)
-            return loaded if isinstance(loaded, np.ndarray) else dict(loaded)
-        except (ValueError, EOFError, zipfile.BadZipFile) as error:
-            raise ValueError(f"Need arrays as .npz or .npy, got {path}: {error}") from None
+        return file.read(8)
 
 
 def _images(
