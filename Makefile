@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect test check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -36,6 +36,11 @@ test-long: ## random networks against the interpreter, a thousand; NETWORKS=COUN
 	@scripts/install_package.sh
 	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
 	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
+
+test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
+	@scripts/setup.sh browser
+	@scripts/install_package.sh
+	@$(PYTHON) -m pytest -q tests/browser
 
 check: ## the quick tests, for daily work: C++, Python, format
 	@scripts/setup.sh tests

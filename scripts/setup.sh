@@ -10,6 +10,7 @@
 #   scripts/setup.sh demo     that, and the demo's data set; the demo has another where this fails
 #   scripts/setup.sh tests    that, and what the C++ tests and the lint need
 #   scripts/setup.sh bench    that, and what the C++ benchmarks need
+#   scripts/setup.sh browser  that of build, and a browser to look at reports with
 #
 # BITFOLD_GPU=OFF in the environment leaves out what device code needs. Running it again changes
 # nothing and takes a moment.
@@ -36,6 +37,8 @@ need() { # need PACKAGE COMMAND...: PACKAGE is missing unless COMMAND succeeds
 }
 
 has_header() { echo "#include <$1>" | c++ -x c++ -fsyntax-only -; }
+has_browser() { chromium --version || chromium-browser --version; }
+has_font() { ls /usr/share/fonts/truetype/dejavu/DejaVuSans.ttf; }
 cmake_is_recent() { cmake --version | awk 'NR == 1 { split($3, v, "."); exit !(v[1] > 3 || (v[1] == 3 && v[2] >= 25)) }'; }
 
 find_missing() {
@@ -51,6 +54,10 @@ find_missing() {
     need clang-tidy clang-tidy --version
   fi
   if [ "$goal" = bench ]; then need libbenchmark-dev has_header benchmark/benchmark.h; fi
+  if [ "$goal" = browser ]; then
+    need chromium has_browser
+    need fonts-dejavu-core has_font
+  fi
 }
 
 apt_install() { # apt_install PACKAGE...

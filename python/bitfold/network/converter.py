@@ -71,17 +71,45 @@ def convert_keras(model: Any, calibration: Any, *, activation_bits: int = 8) -> 
         raise ValueError(f"Need activation_bits of 8 or 16, got {activation_bits!r}")
     inputs = _inputs(model)
     data = Calibration(calibration, inputs)
+    try:
+        file = _logged(model, lambda: _convert(model, inputs, data, activation_bits))
+    except RuntimeError:
+        if data.error is None:
+            raise
+    if data.error is not None:
+        raise data.error
+    return file
+
+
+def convert_keras_to_floats(model: Any) -> bytes:
+    """Convert a Keras model as `convert_keras` does, but quantise nothing.
+
+    Args:
+        model: a functional or sequential Keras model that is built; it is not changed.
+
+    Returns:
+        The bytes of a model file that computes in float32. Its tensors are called as those of the
+        quantised one.
+
+    Raises:
+        ValueError: the model has no known inputs.
+        RuntimeError: the converter failed; its own words are part of the message.
+    """
+    inputs = _inputs(model)
+    return _logged(model, lambda: _converter(model, inputs, _keys_of(inputs)).convert())
+
+
+def _logged(model: Any, convert: Callable[[], bytes]) -> bytes:
+    """Convert a model; what is printed goes to the logger."""
     failure = None
     with console.captured(_TALKERS) as printed:
         try:
-            file = _convert(model, inputs, data, activation_bits)
+            file = convert()
         except Exception as error:
             failure = error
     for line in printed.text.splitlines():
         if line.strip():
             _LOGGER.log(_level(line), "%s", line)
-    if data.error is not None:
-        raise data.error
     if failure is not None:
         said = printed.text.strip()[-_MOST_CHARACTERS:] or "nothing"
         raise RuntimeError(
@@ -133,12 +161,8 @@ def _variable(variable: Any) -> Any:
 def _convert(
     model: Any, inputs: Sequence[ModelInput], data: Calibration, activation_bits: int
 ) -> bytes:
-    keys = _keys([entry.name for entry in inputs])
-    # Keeps the variables that the function refers to, and nothing else of the model.
-    holder = tf.Module()
-    holder.kept = [_variable(variable) for variable in model.variables]
-    function = _inference(model, inputs, keys)
-    converter = tf.lite.TFLiteConverter.from_concrete_functions([function], holder)
+    keys = _keys_of(inputs)
+    converter = _converter(model, inputs, keys)
     converter.optimizations = [tf.lite.Optimize.DEFAULT]
 
     def samples() -> Iterator[dict[str, np.ndarray]]:
@@ -158,6 +182,22 @@ def _convert(
     converter.experimental_new_quantizer = activation_bits == 8
     converter.inference_input_type = converter.inference_output_type = stored
     return converter.convert()
+
+
+def _converter(
+    model: Any, inputs: Sequence[ModelInput], keys: Sequence[str]
+) -> tf.lite.TFLiteConverter:
+    """Return a converter that is told of nothing but the model."""
+    # Keeps the variables that the function refers to, and nothing else of the model.
+    holder = tf.Module()
+    holder.kept = [_variable(variable) for variable in model.variables]
+    function = _inference(model, inputs, keys)
+    return tf.lite.TFLiteConverter.from_concrete_functions([function], holder)
+
+
+def _keys_of(inputs: Sequence[ModelInput]) -> list[str]:
+    """Return what a signature calls the inputs."""
+    return _keys([entry.name for entry in inputs])
 
 
 def _inference(model: Any, inputs: Sequence[ModelInput], keys: Sequence[str]) -> Callable[..., Any]:

@@ -3,7 +3,8 @@
 """Runs the runtime's own kernels on single operators, and makes tables of them.
 
 They are the reference kernels, which define what a quantised model means; where those lack an
-operator, the default ones without delegates.
+operator, the default ones without delegates. Models in floats have no such definition: the default
+ones compute them, image by image.
 """
 
 from __future__ import annotations
@@ -13,7 +14,7 @@ import dataclasses
 import functools
 import threading
 import warnings
-from collections.abc import Iterator, Mapping, Sequence
+from collections.abc import Collection, Iterator, Mapping, Sequence
 from typing import Any
 
 import numpy as np
@@ -96,11 +97,22 @@ def _listed(tensors: Sequence[Tensor | None]) -> str:
     return ", ".join("none" if tensor is None else str(tensor) for tensor in tensors) or "none"
 
 
+# Guards the process's filter of warnings.
+_WARNINGS = threading.Lock()
+
+
+def _interpreter(file: bytes, resolver: Any, **keywords: Any) -> runtime.Interpreter:
+    """Load a file; the interpreter keeps a pointer to its bytes."""
+    # It warns of being replaced by another package, which this one does not use.
+    with _WARNINGS, warnings.catch_warnings():
+        warnings.filterwarnings("ignore", message=r"\s*Warning: tf\.lite\.Interpreter")
+        return runtime.Interpreter(
+            model_content=file, experimental_op_resolver_type=resolver, num_threads=1, **keywords
+        )
+
+
 class _Runner:
     """The runtime's interpreter with a graph of one operator."""
-
-    # Guards the process's filter of warnings.
-    _lock = threading.Lock()
 
     def __init__(self, graph: Graph) -> None:
         """Load the operator.
@@ -115,13 +127,9 @@ class _Runner:
         types = runtime.OpResolverType
         reference = self._kind not in _WITHOUT_REFERENCE
         resolver = types.BUILTIN_REF if reference else types.BUILTIN_WITHOUT_DEFAULT_DELEGATES
-        # It warns of being replaced by another package, which this one does not use.
-        with self._refusals(), self._lock, warnings.catch_warnings():
-            warnings.filterwarnings("ignore", message=r"\s*Warning: tf\.lite\.Interpreter")
-            self._interpreter = runtime.Interpreter(
-                model_content=self._file, experimental_op_resolver_type=resolver, num_threads=1
-            )
-        with self._refusals():
+        with _refusals(self._kind):
+            self._interpreter = _interpreter(self._file, resolver)
+        with _refusals(self._kind):
             self._interpreter.allocate_tensors()
 
     def run(self, data: Sequence[np.ndarray]) -> list[np.ndarray]:
@@ -133,20 +141,21 @@ class _Runner:
             if values.shape != tensor.shape or values.dtype != tensor.dtype:
                 raise ValueError(f"Need data of {tensor}, got {values.dtype} {list(values.shape)}")
             self._interpreter.set_tensor(index, values)
-        with self._refusals():
+        with _refusals(self._kind):
             self._interpreter.invoke()
         return [self._interpreter.get_tensor(index) for index in self._graph.outputs]
 
-    @contextlib.contextmanager
-    def _refusals(self) -> Iterator[None]:
-        """Say that an error comes of the runtime's kernel."""
-        try:
-            yield
-        except (RuntimeError, ValueError) as error:
-            text = " ".join(str(error).split())
-            raise ValueError(
-                f"Need a {self._kind} that the runtime's kernel takes, got its refusal: {text}"
-            ) from error
+
+@contextlib.contextmanager
+def _refusals(what: str) -> Iterator[None]:
+    """Say that an error comes of the runtime's kernel."""
+    try:
+        yield
+    except (RuntimeError, ValueError) as error:
+        text = " ".join(str(error).split())
+        raise ValueError(
+            f"Need a {what} that the runtime's kernel takes, got its refusal: {text}"
+        ) from error
 
 
 def _graph(
@@ -172,6 +181,65 @@ def _graph(
         inputs=given,
         outputs=written,
     )
+
+
+# ---- Models in floats --------------------------------------------------------------------------
+
+
+class FloatModel:
+    """A model file in float32, run image by image, of which every tensor can be seen.
+
+    Attributes:
+        graph: what the file holds.
+    """
+
+    def __init__(self, file: bytes) -> None:
+        """Load a model file.
+
+        Raises:
+            ValueError: the file is damaged, its inputs and outputs are not float32 or not of one
+                image, or the runtime refuses it.
+        """
+        self.graph = model_file.read(file)
+        for index in (*self.graph.inputs, *self.graph.outputs):
+            tensor = self.graph.tensors[index]
+            if tensor.dtype != np.float32:
+                raise ValueError(f"Need a model in float32, got {tensor}")
+            if tensor.shape[:1] != (1,):
+                raise ValueError(f"Need a model that takes one image, got {tensor}")
+        self._file = bytes(file)
+        with _refusals("model in floats"):
+            self._interpreter = _interpreter(
+                self._file,
+                runtime.OpResolverType.BUILTIN_WITHOUT_DEFAULT_DELEGATES,
+                experimental_preserve_all_tensors=True,
+            )
+        self._shapes: list[tuple[int, ...]] = []
+
+    def __call__(self, image: Sequence[np.ndarray], wanted: Collection[int]) -> list[np.ndarray]:
+        """Compute an image.
+
+        Args:
+            image: float32 [1, ...] for each input, in the file's order.
+            wanted: indices of tensors that operators write.
+
+        Returns:
+            These tensors.
+
+        Raises:
+            ValueError: the runtime's kernels refuse the image.
+        """
+        shapes = [value.shape for value in image]
+        with _refusals("model in floats"):
+            if shapes != self._shapes:
+                for index, shape in zip(self.graph.inputs, shapes, strict=True):
+                    self._interpreter.resize_tensor_input(index, shape)
+                self._interpreter.allocate_tensors()
+                self._shapes = shapes
+            for index, value in zip(self.graph.inputs, image, strict=True):
+                self._interpreter.set_tensor(index, value)
+            self._interpreter.invoke()
+            return [self._interpreter.get_tensor(index) for index in wanted]
 
 
 # ---- Tables ------------------------------------------------------------------------------------

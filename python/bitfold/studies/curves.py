@@ -6,10 +6,11 @@ from __future__ import annotations
 
 import dataclasses
 import itertools
+import math
 from collections.abc import Iterator, Sequence
 from typing import TYPE_CHECKING
 
-from bitfold.studies import drawing, words
+from bitfold.studies import drawing, sentences, words
 from bitfold.studies.drawing import NARROW, SERIES, Canvas, KeyEntry, Picture, Size, colour
 from bitfold.studies.records import Findings
 from bitfold.studies.series import all_series, is_mixture, mean_width, other_results
@@ -36,7 +37,15 @@ class _Curve:
     line: str = ""
 
     @property
+    def values(self) -> list[float]:
+        """All heights that are numbers."""
+        found = [value for _, value in self.points]
+        found += [] if self.level is None else [self.level]
+        return [value for value in found if math.isfinite(value)]
+
+    @property
     def entry(self) -> KeyEntry:
+        """What the key says of it."""
         return KeyEntry(self.text, self.role, self.mark, self.line)
 
 
@@ -46,20 +55,51 @@ def accuracy(findings: Findings) -> Picture | None:
     if findings.metric is None or not any(curve.points for curve in curves):
         return None
 
-    def draw(figure: Figure, size: Size) -> None:
-        canvas = Canvas(figure, size, 280 if size is NARROW else 370)
-        axes = canvas.axes(46, 26, size.width - 62, canvas.height - 70)
-        axes.grid(color=colour("grid"), linewidth=0.8)
-        factor = 100 if words.is_percentage(findings.metric_name) else 1
-        for curve in curves:
-            _draw_curve(axes, curve, factor)
-        _set_widths(axes, curves, 6 if size is NARROW else 16)
-        axes.margins(y=0.06)
-        axes.set_xlabel("accumulator [bits]")
-        name = words.printable(findings.metric_name or "metric")
-        canvas.text(4, 12, f"{name} [%]" if factor == 100 else name)
+    factor = 100 if words.is_percentage(findings) else 1
+    floor = _floor_of_zoom(findings, curves) if factor == 100 else None
 
-    return drawing.both_sizes("accuracy", draw, [curve.entry for curve in curves])
+    def draw(figure: Figure, size: Size) -> None:
+        high, low = (200, 150) if size is NARROW else (280, 180)
+        canvas = Canvas(figure, size, high + 70 + (low + 44 if floor is not None else 0))
+        name = words.printable(findings.metric_name or "metric")
+        title = f"{name} [%]" if factor == 100 else name
+        axes = _panel(canvas, curves, factor, (26, high), title)
+        axes.margins(y=0.06)
+        if floor is not None:
+            axes.tick_params(labelbottom=True)
+            axes = _panel(canvas, curves, factor, (high + 70, low), f"{title}, near full width")
+            top = max(value for curve in curves for value in curve.values)
+            axes.axhspan(factor * (findings.metric - sentences.SMALL_LOSS),
+                         factor * findings.metric, color=colour("grid"), zorder=0.3)  # fmt: skip
+            axes.set_ylim(factor * floor, factor * (top + 0.08 * (top - floor)))
+        axes.set_xlabel("accumulator [bits]")
+
+    entries = [curve.entry for curve in curves]
+    if floor is not None:
+        loss = words.difference(findings, sentences.SMALL_LOSS)
+        entries.append(KeyEntry(f"within {loss} of full width", "grid", "box"))
+    return drawing.both_sizes("accuracy", draw, entries)
+
+
+def _panel(
+    canvas: Canvas, curves: Sequence[_Curve], factor: float, place: tuple[float, float], title: str
+) -> Axes:
+    """Draw all curves into axes of a top and a height."""
+    top, height = place
+    axes = canvas.axes(46, top, canvas.size.width - 62, height)
+    axes.grid(color=colour("grid"), linewidth=0.8)
+    for curve in curves:
+        _draw_curve(axes, curve, factor)
+    _set_widths(axes, curves, 6 if canvas.size is NARROW else 16)
+    canvas.text(4, top - 14, title)
+    return axes
+
+
+def _floor_of_zoom(findings: Findings, curves: Sequence[_Curve]) -> float | None:
+    """Return where a second look at what is near full width begins; None if one is enough."""
+    lowest = min(value for curve in curves for value in curve.values)
+    floor = findings.metric - 6 * sentences.SMALL_LOSS
+    return floor if lowest < floor - 0.05 else None
 
 
 def _references(findings: Findings) -> Iterator[_Curve]:

@@ -9,15 +9,15 @@ place, so that one drawing serves light and dark. Texts stay texts, in the page'
 from __future__ import annotations
 
 import dataclasses
+import functools
 import io
-import re
 import warnings
-import xml.etree.ElementTree as ElementTree
 from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from typing import TYPE_CHECKING, Any
 
 from bitfold.studies import words
+from bitfold.studies.svg import for_page
 
 if TYPE_CHECKING:
     from matplotlib.axes import Axes
@@ -32,10 +32,11 @@ HEAT = tuple(f"heat-{i}" for i in range(1, 7))
 _ROLES = ("ink", "muted", "grid", "rail", "surface", *SERIES, "heat-0", *HEAT)
 # A colour that no picture has otherwise, for each role.
 _COLOURS = {role: f"#0102{index:02x}" for index, role in enumerate(_ROLES)}
+_VARIABLES = {value: f"var(--{role})" for role, value in _COLOURS.items()}
 
 MARKS = {
     "circle": ("o", '<circle cx="12" cy="7" r="4"/>'),
-    "square": ("s", '<path d="M8.5 3.5h7v7h-7z"/>'),
+    "square": ("s", '<path d="M8 3h8v8h-8z"/>'),
     "up": ("^", '<path d="M12 2.5l4.5 8h-9z"/>'),
     "diamond": ("D", '<path d="M12 2l5 5-5 5-5-5z"/>'),
     "down": ("v", '<path d="M12 11.5l4.5-8h-9z"/>'),
@@ -80,7 +81,7 @@ class Size:
 
 
 WIDE = Size("wide", 760, 230, 19, 12)
-NARROW = Size("narrow", 344, 116, 17, 10.5)
+NARROW = Size("narrow", 330, 112, 17, 10.5)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -176,6 +177,7 @@ class Canvas:
         return words.elided(words.printable(text), lambda t: text_width(t, self.size.font) <= width)
 
 
+@functools.lru_cache(4096)
 def text_width(text: str, font: float) -> float:
     """Return how wide a text is."""
     from matplotlib.font_manager import FontProperties
@@ -295,71 +297,4 @@ def _svg(key: str, draw: Callable[[Figure, Size], None], size: Size) -> str:
         written = io.BytesIO()
         nothing = dict.fromkeys(("Creator", "Date", "Format", "Type"))
         figure.savefig(written, format="svg", metadata=nothing)
-    return _for_page(written.getvalue(), key)
-
-
-# ---- SVG for a page ------------------------------------------------------------------------------
-
-_VARIABLES = {value: f"var(--{role})" for role, value in _COLOURS.items()}
-_COLOUR = re.compile("|".join(_VARIABLES))
-_LONG_NUMBER = re.compile(r"-?\d+\.\d{3,}")
-_NUMBERS = {"d", "x", "y", "width", "height", "transform"}
-_REFERENCE = re.compile(r"#([\w.-]+)")
-
-
-def _for_page(svg: bytes, key: str) -> str:
-    """Return an SVG as a part of a page: no names but its own, colours by variables."""
-    root = ElementTree.fromstring(svg)
-    whole = ElementTree.tostring(root, "unicode")
-    used = set(re.findall(r'href="#([^"]+)"|url\(#([^)]+)\)', whole))
-    names = {name for pair in used for name in pair if name}
-    for parent in list(root.iter()):
-        for child in list(parent):
-            if child.tag.endswith("}style") or child.tag.endswith("}metadata"):
-                parent.remove(child)
-    for element in root.iter():
-        element.tag = element.tag.rpartition("}")[2]
-        if element.tag != "text":
-            element.text = None
-        element.tail = None
-        attributes = dict(element.attrib)
-        element.attrib.clear()
-        for name, value in attributes.items():
-            _set(element, name.rpartition("}")[2], value, key, names)
-    _unwrap(root)
-    root.attrib.clear()
-    width, height = (svg.split(b'viewBox="0 0 ')[1].split(b'"')[0]).decode().split()
-    root.set("viewBox", f"0 0 {_rounded(width)} {_rounded(height)}")
-    return ElementTree.tostring(root, "unicode", short_empty_elements=True)
-
-
-def _unwrap(element: ElementTree.Element) -> None:
-    """Put the content of groups that say nothing in their place."""
-    children = []
-    for child in element:
-        _unwrap(child)
-        is_idle = child.tag in ("g", "defs") and not child.attrib
-        children += list(child) if is_idle and (child.tag == "g" or not len(child)) else [child]
-    element[:] = children
-
-
-def _set(element: ElementTree.Element, name: str, value: str, key: str, names: set[str]) -> None:
-    """Set an attribute as the page has it."""
-    if name == "id":
-        if value not in names:
-            return
-        value = f"{key}-{value}"
-    elif name in ("href", "clip-path"):
-        value = _REFERENCE.sub(rf"#{key}-\1", value)
-    elif name == "style":
-        value = re.sub(r"font-family: [^;]*;? ?", "", value)
-        value = _COLOUR.sub(lambda found: _VARIABLES[found.group()], value)
-    elif name == "transform" and value.startswith("rotate(-0 "):
-        return
-    if name in _NUMBERS:
-        value = _LONG_NUMBER.sub(lambda found: _rounded(found.group()), value).replace("\n", "")
-    element.set(name, value)
-
-
-def _rounded(text: str) -> str:
-    return f"{float(text):.2f}".rstrip("0").rstrip(".")
+    return for_page(written.getvalue(), key, _VARIABLES)

@@ -28,13 +28,13 @@ class Rung:
     Attributes:
         width: bits.
         shifts: those that go with it, the least hurtful by guess first.
-        harm: with the first of them: the error's power relative to that of the sums.
+        harms: with each of them: the error's power relative to that of the sums.
         saved: multiply-adds times the bits that are saved from the rung before, 0 on the first.
     """
 
     width: int
     shifts: tuple[int, ...]
-    harm: float
+    harms: tuple[float, ...]
     saved: int
 
 
@@ -75,7 +75,7 @@ def ladder(
             harms[shift] = _WRONG * wrong + rounding
         order = tuple(sorted(harms, key=lambda shift: (harms[shift], shift)))
         saved = layer.multiply_adds * (rungs[-1].width - width) if rungs else 0
-        rungs.append(Rung(width, order, harms[order[0]], saved))
+        rungs.append(Rung(width, order, tuple(harms[shift] for shift in order), saved))
     return tuple(rungs)
 
 
@@ -93,6 +93,14 @@ def _outside(extreme: int, width: int) -> float:
     return math.erfc(_DEVIATIONS * 2.0 ** (width - 1) / extreme / math.sqrt(2))
 
 
+def unshifted(rungs: Ladder) -> Ladder:
+    """Return a ladder on which nothing is shifted."""
+    return [
+        dataclasses.replace(rung, shifts=(0,), harms=(rung.harms[rung.shifts.index(0)],))
+        for rung in rungs
+    ]
+
+
 def prices(rungs: Ladder) -> list[float]:
     """Return the harm of each step down a ladder for what it saves.
 
@@ -100,7 +108,7 @@ def prices(rungs: Ladder) -> list[float]:
     """
     found, price = [], 0.0
     for upper, lower in itertools.pairwise(rungs):
-        price = max(price, (lower.harm - upper.harm) / max(lower.saved, 1))
+        price = max(price, (lower.harms[0] - upper.harms[0]) / max(lower.saved, 1))
         found.append(price)
     return found
 

@@ -6,15 +6,13 @@ from __future__ import annotations
 
 import dataclasses
 import html as markup
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterator
 
 from bitfold.studies import curves, pictures, rows, sentences, words
-from bitfold.studies.drawing import DASHES, MARKS, KeyEntry, Picture
+from bitfold.studies import page_parts as parts
 from bitfold.studies.page_style import CSS
 from bitfold.studies.records import Findings, Result
-from bitfold.studies.rows import Table
-from bitfold.studies.series import all_series, describe, is_mixture, other_results
-from bitfold.studies.tables import html_table
+from bitfold.studies.series import Series, all_series, describe, is_mixture, other_results
 
 _WORDS = (
     ("needed", "Bits that hold every final sum that was seen, as signed numbers."),
@@ -50,7 +48,7 @@ def html(findings: Findings) -> str:
     Raises:
         ImportError: without matplotlib.
     """
-    sections = [section for section in _sections(findings) if section.parts]
+    sections = [section for section in _sections(findings) if section.content]
     title = f"{words.printable(findings.title)}: accumulators, layer by layer"
     lines = [
         "<!DOCTYPE html>",
@@ -65,8 +63,8 @@ def html(findings: Findings) -> str:
         "<body>",
         "<header>",
         f"<h1>{markup.escape(title)}</h1>",
-        _facts(findings),
-        *_came_out(sentences.overall(findings)),
+        parts.facts(rows.overview(findings)),
+        *parts.came_out(sentences.overall(findings)),
         '<nav aria-label="Contents"><ul>',
         *(f'<li><a href="#{s.name}">{markup.escape(s.title)}</a></li>' for s in sections),
         "</ul></nav>",
@@ -77,7 +75,7 @@ def html(findings: Findings) -> str:
         lines += [
             f'<section id="{section.name}" aria-labelledby="{section.name}-title">',
             f'<h2 id="{section.name}-title">{markup.escape(section.title)}</h2>',
-            *section.parts,
+            *section.content,
             "</section>",
         ]
     return "\n".join((*lines, "</main>", "</body>", "</html>")) + "\n"
@@ -87,7 +85,7 @@ def html(findings: Findings) -> str:
 class _Section:
     name: str
     title: str
-    parts: tuple[str, ...]
+    content: tuple[str, ...]
 
 
 def _sections(findings: Findings) -> Iterator[_Section]:
@@ -109,7 +107,7 @@ def _accuracy(findings: Findings) -> Iterator[str]:
     if picture is None:
         return
     name = words.printable(findings.metric_name or "metric")
-    yield _paragraph(
+    yield parts.paragraph(
         f"Each curve is the {name} of the network with all accumulators of one width. Where it "
         "leaves the line of full width, accumulators have become too narrow; a shift makes "
         "sums smaller and costs a little precision of each product."
@@ -117,19 +115,19 @@ def _accuracy(findings: Findings) -> Iterator[str]:
     every = all_series(findings)
     said = [sentence for series in every for sentence in sentences.accuracy(findings, series)]
     said += sentences.shifts(findings, every)
-    yield from _came_out(said)
-    yield _figure(picture, f"{name} by accumulator width", " ".join(said))
-    yield _details("The numbers, for each arithmetic", [rows.results(findings)])
+    yield from parts.came_out(said)
+    yield parts.figure(picture, f"{name} by accumulator width", " ".join(said))
+    yield parts.details("The numbers, for each arithmetic", [rows.results(findings)])
 
 
 def _wrong(findings: Findings) -> Iterator[str]:
     if not findings.results or not findings.layers:
         return
-    yield _paragraph(
+    yield parts.paragraph(
         "A cell is a layer in an accumulator; its colour is the share of the layer's sums that "
         "are wrong. On the left each layer alone, fed by the full-width run; on the right all "
-        "layers together. A layer that is dark on the left wants a wider accumulator or a "
-        "shift; one that is dark only on the right suffers from layers before it."
+        "layers together. A layer with many on the left wants a wider accumulator or a shift; "
+        "one that has more on the right suffers from what the layers before it hand on."
     )
     every = all_series(findings)
     for index, series in enumerate(every):
@@ -137,8 +135,10 @@ def _wrong(findings: Findings) -> Iterator[str]:
         picture = pictures.wrong_sums(f"wrong-{index}", columns, "accumulator [bits]")
         said = sentences.wrong(findings, series)
         tables = [rows.wrong_by_width(series, is_alone) for is_alone in (True, False)]
-        parts = _described(picture, f"Wrong sums by layer and width, {series.name}", said, tables)
-        yield from _folded(f"The same with {series.name}", parts, is_open=not index)
+        described = parts.described(
+            picture, f"Wrong sums by layer and width, {series.name}", said, tables
+        )
+        yield from parts.folded(f"The same with {series.name}", described, is_open=not index)
     yield from _other_maps(findings)
 
 
@@ -152,12 +152,14 @@ def _other_maps(findings: Findings) -> Iterator[str]:
     picture = pictures.wrong_sums("wrong-others", columns, "arithmetic")
     said = [f"The columns are {words.listed([f'{i}: {n}' for i, n in enumerate(names, 1)])}."]
     tables = [rows.counts(result) for result in others]
-    parts = _described(picture, "Wrong sums by layer in other arithmetics", said, tables)
-    yield from _folded("Mixtures and other arithmetics", parts, is_open=not all_series(findings))
+    described = parts.described(picture, "Wrong sums by layer in other arithmetics", said, tables)
+    yield from parts.folded(
+        "Mixtures and other arithmetics", described, is_open=not all_series(findings)
+    )
 
 
 def _bits(findings: Findings) -> Iterator[str]:
-    yield _paragraph(
+    yield parts.paragraph(
         "Each row is a layer at full width. The line goes from the bits that its sums needed "
         "on this data to the bits that are proven for any data: between them lies what only "
         "measurement can tell. A signed number of 8 bits goes from -128 to 127."
@@ -166,13 +168,13 @@ def _bits(findings: Findings) -> Iterator[str]:
     tables = [rows.layers(findings)] if findings.layers else []
     channels = rows.channels(findings)
     tables += [channels] if channels.rows else []
-    yield from _described(pictures.bits(findings), "Bits by layer", said, tables)
+    yield from parts.described(pictures.bits(findings), "Bits by layer", said, tables)
 
 
 def _attributions(findings: Findings) -> Iterator[str]:
     if not findings.attributions:
         return
-    yield _paragraph(
+    yield parts.paragraph(
         "On the way from the float model to an arithmetic one cause after the other is "
         "switched on, with all before it. The further right a mark, the nearer the layer's "
         "output is to the float model's: 20 dB are an error of a tenth, 40 dB of a hundredth. "
@@ -185,13 +187,13 @@ def _attributions(findings: Findings) -> Iterator[str]:
         picture = pictures.attribution(f"causes-{index}", findings, found)
         tables = [rows.causes(findings, found), rows.signal_to_error(findings, found)]
         title = f"Signal to error by layer, up to {name}"
-        yield from _described(picture, title, said, tables)
+        yield from parts.described(picture, title, said, tables)
 
 
 def _searches(findings: Findings) -> Iterator[str]:
     if not findings.searches:
         return
-    yield _paragraph(
+    yield parts.paragraph(
         "The search takes the widths that are proven where they suffice, and else the "
         "narrowest that were measured to keep the loss within the bound. A width below the "
         "bits needed, less the shift, makes some sums wrong, which the network forgives."
@@ -203,129 +205,39 @@ def _searches(findings: Findings) -> Iterator[str]:
         picture = pictures.chosen(f"search-{index}", findings, search)
         tables = [rows.choices(findings, search)]
         title = f"Accumulators chosen by layer, at most {loss} lost"
-        yield from _described(picture, title, said, tables)
+        yield from parts.described(picture, title, said, tables)
 
 
 def _arithmetics(findings: Findings) -> Iterator[str]:
-    tables = [rows.versions(findings)] if findings.versions else []
-    if findings.results:
-        listed = [f"<li>{_arithmetic(result)}</li>" for result in findings.results]
-        yield "<p>Studied beside full width, which is exact:</p>"
-        yield "<ul>" + "\n".join(listed) + "</ul>"
-    yield from map(_scrolled, tables)
-    yield _paragraph(f"The measurements took {words.seconds(findings.seconds)}.")
+    lines = [*map(_of_series, all_series(findings)), *map(_of_result, other_results(findings))]
+    if lines:
+        yield parts.paragraph("Studied beside full width, which is exact:")
+        items = (
+            f"<li>{markup.escape(words.printable(name))}: <code>{markup.escape(what)}</code></li>"
+            for name, what in lines
+        )
+        yield f"<ul>{''.join(items)}</ul>"
+    if findings.versions:
+        yield parts.scrolled(rows.versions(findings))
+    yield parts.paragraph(f"The measurements took {words.seconds(findings.seconds)}.")
 
 
-def _arithmetic(result: Result) -> str:
-    """Return a result's arithmetic, as one would write it."""
-    if is_mixture(result):
-        kinds = sorted({describe(layer.arithmetic) for layer in result.layers})
-        what = f"by layer: {words.listed(kinds)}"
-    else:
-        what = repr(result.arithmetic)
-    name = words.printable(result.name)
-    return f"{markup.escape(name)}: <code>{markup.escape(what)}</code>"
+def _of_series(series: Series) -> tuple[str, str]:
+    """Return a series' name, and its arithmetic as one would write it."""
+    common = dataclasses.replace(series.results[0].arithmetic, accumulator_size=None)
+    others = repr(common).removeprefix("Arithmetic(").removesuffix(")")
+    widths = words.listed([str(width) for width in series.widths])
+    what = ", ".join(filter(None, ("accumulator_size=w", others)))
+    return series.name, f"Arithmetic({what}) for w = {widths}"
+
+
+def _of_result(result: Result) -> tuple[str, str]:
+    if not is_mixture(result):
+        return result.name, repr(result.arithmetic)
+    kinds = {describe(layer.arithmetic) for layer in result.layers}
+    return result.name, f"by layer: {words.listed(sorted(kinds)) or 'none'}"
 
 
 def _words() -> str:
     entries = (f"<dt>{term}</dt><dd>{markup.escape(text)}</dd>" for term, text in _WORDS)
     return f'<dl class="words">{"".join(entries)}</dl>'
-
-
-# ---- Parts ---------------------------------------------------------------------------------------
-
-
-def _facts(findings: Findings) -> str:
-    table = rows.overview(findings)
-    items = "\n".join(
-        f"<div><dt>{markup.escape(what)}</dt><dd>{markup.escape(value)}</dd></div>"
-        for what, value in table.texts()[1:]
-    )
-    return f'<dl class="facts">{items}</dl>'
-
-
-def _paragraph(text: str) -> str:
-    return f"<p>{markup.escape(text)}</p>"
-
-
-def _came_out(texts: Sequence[str]) -> list[str]:
-    """Return what a picture comes to: a line for each sentence."""
-    if not texts:
-        return []
-    return [
-        '<ul class="result">' + "".join(f"<li>{markup.escape(t)}</li>" for t in texts) + "</ul>"
-    ]
-
-
-def _described(
-    picture: Picture | None, title: str, said: Sequence[str], tables: Sequence[Table]
-) -> list[str]:
-    """Return a picture with what it comes to above it and its numbers below."""
-    parts = _came_out(said)
-    if picture is not None:
-        parts.append(_figure(picture, title, " ".join(said)))
-    if tables:
-        parts.append(_details("The numbers as a table", tables))
-    return parts
-
-
-def _folded(title: str, parts: Sequence[str], is_open: bool) -> Iterator[str]:
-    if is_open:
-        yield from parts
-    else:
-        yield f"<details><summary>{markup.escape(title)}</summary>"
-        yield from parts
-        yield "</details>"
-
-
-def _figure(picture: Picture, title: str, said: str) -> str:
-    """Return a picture in both sizes, of which the page shows one, with its key and caption."""
-    drawn = [
-        _labelled(svg, size, title, said)
-        for size, svg in (("wide", picture.wide), ("narrow", picture.narrow))
-    ]
-    key = "".join(f"<li>{_swatch(entry)}{markup.escape(entry.text)}</li>" for entry in picture.key)
-    caption = markup.escape(f"{title[:1].upper()}{title[1:]}")
-    return "\n".join(
-        ("<figure>", f"<figcaption>{caption}</figcaption>", f'<ul class="key">{key}</ul>', *drawn,
-         "</figure>")
-    )  # fmt: skip
-
-
-def _labelled(svg: str, size: str, title: str, said: str) -> str:
-    """Return an SVG that is one picture to who hears the page, not hundreds of texts."""
-    start, rest = svg.split(">", 1)
-    label = markup.escape(title)
-    told = f"<desc>{markup.escape(said)}</desc>" if said else ""
-    return f'{start} class="{size}" role="img" aria-label="{label}">{told}{rest}'
-
-
-def _swatch(entry: KeyEntry) -> str:
-    """Return a mark of a key, drawn as in the picture."""
-    drawn = ""
-    ink = f"var(--{entry.role})"
-    if entry.mark == "box":
-        drawn = f'<rect x="4" width="16" height="14" rx="2" fill="{ink}"/>'
-    if entry.line:
-        width, faint = ("4", ' opacity=".4"') if entry.role == "muted" else ("1.8", "")
-        dashes = f' stroke-dasharray="{DASHES[entry.line]}"' if DASHES[entry.line] else ""
-        drawn += f'<path d="M0 7h24" stroke="{ink}" stroke-width="{width}"{dashes}{faint}/>'
-    if entry.mark in MARKS:
-        fill = "var(--surface)" if entry.is_hollow else ink
-        edge = f' stroke="{ink}" stroke-width="{2.2 if entry.mark == "tick" else 1.4}"'
-        drawn += f'<g fill="{fill}"{edge}>{MARKS[entry.mark][1]}</g>'
-    return f'<svg viewBox="0 0 24 14" aria-hidden="true">{drawn}</svg>'
-
-
-def _details(title: str, tables: Sequence[Table]) -> str:
-    inside = "\n".join(map(_scrolled, tables))
-    return f"<details><summary>{markup.escape(title)}</summary>\n{inside}\n</details>"
-
-
-def _scrolled(table: Table) -> str:
-    """Return a table that moves in a frame of its own where it is wider than the page."""
-    label = markup.escape(table.caption)
-    return (
-        f'<div class="scroll" role="region" tabindex="0" aria-label="{label}">\n'
-        f"{html_table(table)}\n</div>"
-    )

@@ -25,32 +25,33 @@ CSS = """
 * { box-sizing: border-box; }
 html { -webkit-text-size-adjust: 100%; text-size-adjust: 100%; }
 body {
-  margin: 0; background: var(--surface); color: var(--ink);
+  margin: 0; background: var(--surface); color: var(--ink); overflow-wrap: anywhere;
   font: 1rem/1.55 system-ui, "Segoe UI", Roboto, "Noto Sans", "DejaVu Sans", sans-serif;
 }
 header, main, footer { max-width: 52rem; margin: 0 auto; padding: 0 1.25rem; }
 header { padding-top: 2.5rem; }
-h1, h2, h3 { line-height: 1.25; text-wrap: balance; overflow-wrap: anywhere; }
+h1, h2, h3 { line-height: 1.25; text-wrap: balance; }
 h1 { font-size: 1.9rem; margin: 0 0 .5rem; }
 h2 {
   font-size: 1.35rem; margin: 3rem 0 .5rem; padding-top: 1rem; border-top: 1px solid var(--grid);
 }
 h3 { font-size: 1.05rem; margin: 2rem 0 .25rem; }
-p { margin: .5rem 0 1rem; max-width: 44rem; overflow-wrap: anywhere; }
+p { margin: .5rem 0 1rem; max-width: 44rem; }
 .result {
   border-left: 3px solid var(--accent); margin: 1rem 0; padding: 0 0 0 .9rem; max-width: 44rem;
 }
 ul.result { list-style: none; }
 ul.result li + li { margin-top: .35rem; }
-.result li { overflow-wrap: anywhere; }
 a { color: var(--accent); }
 .facts { display: flex; flex-wrap: wrap; gap: .75rem; margin: 1.5rem 0; padding: 0; }
 .facts div {
-  flex: 1 1 9rem; display: flex; flex-direction: column; justify-content: space-between;
+  flex: 1 1 8.5rem; display: flex; flex-direction: column; justify-content: space-between;
   background: var(--raised); border-radius: .5rem; padding: .7rem .9rem;
 }
 .facts dt { color: var(--muted); font-size: .85rem; line-height: 1.3; }
-.facts dd { margin: .15rem 0 0; font-size: 1.35rem; font-variant-numeric: tabular-nums; }
+.facts dd {
+  margin: .15rem 0 0; font-size: 1.2rem; white-space: nowrap; font-variant-numeric: tabular-nums;
+}
 nav ul {
   display: flex; flex-wrap: wrap; gap: .25rem 1.25rem; list-style: none; padding: 0; margin: 1rem 0;
 }
@@ -62,7 +63,7 @@ figure svg * { stroke-linejoin: round; stroke-linecap: butt; }
 figure svg text { font-family: inherit; font-variant-numeric: tabular-nums; }
 .wide { max-width: 760px; }
 .narrow { display: none !important; }
-figcaption { font-weight: 600; margin-bottom: .4rem; overflow-wrap: anywhere; }
+figcaption { font-weight: 600; margin-bottom: .4rem; }
 .key {
   display: flex; flex-wrap: wrap; gap: .15rem 1.1rem; list-style: none;
   margin: 0 0 .6rem; padding: 0; font-size: .875rem;
@@ -72,8 +73,8 @@ figure .key svg { width: 24px; height: 14px; flex: none; }
 .scroll { overflow-x: auto; margin: .75rem 0 1.25rem; }
 .scroll:focus-visible { outline: 2px solid var(--accent); }
 table {
-  border-collapse: collapse; font-size: .875rem; line-height: 1.35;
-  font-variant-numeric: tabular-nums;
+  overflow-wrap: normal; border-collapse: collapse; font-size: .875rem;
+  line-height: 1.35; font-variant-numeric: tabular-nums;
 }
 caption { text-align: left; color: var(--muted); padding: 0 0 .4rem; caption-side: top; }
 th, td { padding: .3rem .7rem .3rem 0; text-align: left; vertical-align: top; }
@@ -81,8 +82,12 @@ thead th {
   vertical-align: bottom; font-weight: 600; color: var(--muted);
   border-bottom: 1px solid var(--muted);
 }
-thead th[scope=colgroup] { border-bottom: 1px solid var(--grid); }
+thead th[scope=colgroup] { border-bottom: 1px solid var(--grid); text-align: center; }
 tbody th { font-weight: 500; overflow-wrap: anywhere; min-width: 8rem; max-width: 20rem; }
+tbody th, thead tr:first-child th:first-child {
+  position: sticky; left: 0; background: var(--surface);
+}
+td:not(.number) { min-width: 8rem; max-width: 24rem; }
 tbody tr { border-bottom: 1px solid var(--grid); }
 .number { text-align: right; white-space: nowrap; }
 thead .number { white-space: normal; }
@@ -106,7 +111,8 @@ footer { color: var(--muted); font-size: .9rem; padding-bottom: 3rem; }
   .narrow { display: none !important; }
   .scroll { overflow: visible; }
   table { font-size: 7.5pt; }
-  .facts div { border: 1px solid var(--grid); }
+  .facts div { border: 1px solid var(--grid); flex-basis: 6rem; }
+  .facts dd { font-size: 1rem; }
   * { -webkit-print-color-adjust: exact; print-color-adjust: exact; }
   details::details-content { content-visibility: visible; display: block; height: auto; }
 }

@@ -12,7 +12,14 @@ from typing import TYPE_CHECKING
 
 from bitfold.studies import drawing, words
 from bitfold.studies.drawing import HEAT, NARROW, SERIES, Canvas, KeyEntry, Picture, Size, colour
-from bitfold.studies.records import Attribution, Counts, Findings, Narrowest, Result
+from bitfold.studies.records import (
+    Attribution,
+    Counts,
+    Findings,
+    LayerCounts,
+    Narrowest,
+    Result,
+)
 
 if TYPE_CHECKING:
     from matplotlib.axes import Axes
@@ -67,13 +74,11 @@ def wrong_sums(key: str, columns: Sequence[tuple[str, Result]], axis: str) -> Pi
 
 def _draw_map(axes: Axes, columns: Sequence[tuple[str, Result]], is_alone: bool) -> None:
     """Fill a cell for each layer and column, all cells of a colour as one shape."""
-    results = [result for _, result in columns]
+    results = [{layer.name: layer for layer in result.layers} for _, result in columns]
     axes.set_xlim(-0.5, len(results) - 0.5)
     cells: dict[str, list[tuple[int, int, int]]] = {}
-    rows = len(results[0].layers)
-    for row in range(rows):
-        layers = [result.layers[row] for result in results]
-        heats = [_heat(layer.alone if is_alone else layer.end_to_end) for layer in layers]
+    for row, name in enumerate(results[0]):
+        heats = [_heat(layers.get(name), is_alone) for layers in results]
         column = 0
         for role, run in itertools.groupby(heats):
             end = column + len(list(run))
@@ -81,11 +86,13 @@ def _draw_map(axes: Axes, columns: Sequence[tuple[str, Result]], is_alone: bool)
             column = end
     for role in sorted(cells):
         drawing.fill_cells(axes, cells[role], role)
-    seams = [i - 0.5 for i in range(rows + 1)], [i - 0.5 for i in range(len(results) + 1)]
+    seams = [[i - 0.5 for i in range(len(of) + 1)] for of in (results[0], results)]
     drawing.draw_lines(axes, *seams, edgecolor=colour("surface"), linewidth=1.6, zorder=3)
 
 
-def _heat(counts: Counts) -> str:
+def _heat(layer: LayerCounts | None, is_alone: bool) -> str:
+    """Return the role of a cell's colour."""
+    counts = Counts() if layer is None else layer.alone if is_alone else layer.end_to_end
     if not counts.wrong:
         return "heat-0"
     return HEAT[bisect.bisect_left(_BOUNDS, counts.wrong_share)]

@@ -12,6 +12,7 @@ from bitfold.studies.records import (
     Attribution,
     Cause,
     Findings,
+    LayerCounts,
     Narrowest,
     Result,
 )
@@ -164,7 +165,7 @@ def channels(findings: Findings) -> Table:
 
 def _metric_columns(findings: Findings, group: str = "") -> tuple[Column, Column]:
     name = findings.metric_name or "metric"
-    if words.is_percentage(name):
+    if words.is_percentage(findings):
         return Column(name, "percent", group), Column("change in points", "points", group)
     return Column(name, "number", group), Column("change", "change", group)
 
@@ -207,13 +208,18 @@ def wrong_by_width(series: Series, is_alone: bool) -> Table:
     """The share of each layer's wrong sums by width."""
     feed = "fed by the full-width run" if is_alone else "end to end"
     columns = (Column("layer"), *(Column(f"{w} bits", "share") for w in series.widths))
-    shares: dict[str, list[float]] = {}
-    for result in series.results:
-        for layer in result.layers:
-            counts = layer.alone if is_alone else layer.end_to_end
-            shares.setdefault(layer.name, []).append(counts.wrong_share)
-    rows = tuple((name, *of_layer) for name, of_layer in shares.items())
+    by_layer = [{layer.name: layer for layer in result.layers} for result in series.results]
+    rows = tuple(
+        (name, *(_wrong_share(layers.get(name), is_alone) for layers in by_layer))
+        for name in dict.fromkeys(name for layers in by_layer for name in layers)
+    )
     return Table(f"Share of wrong sums by width, {series.name}, {feed}.", columns, rows)
+
+
+def _wrong_share(layer: LayerCounts | None, is_alone: bool) -> float | None:
+    if layer is None:
+        return None
+    return (layer.alone if is_alone else layer.end_to_end).wrong_share
 
 
 def counts(result: Result) -> Table:

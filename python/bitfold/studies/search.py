@@ -6,7 +6,8 @@
    the network is that of full width on what was seen.
 2. All steps of all layers, a width down each, are put into one order: the least guessed harm for
    the multiply-adds times bits that they save first (`ladders`). Bisection finds how far along this
-   order the metric stays within the bound.
+   order the metric stays within the bound: without shifts, and with those that are guessed to be
+   best.
 3. From there on steps are measured by groups; a group that costs too much is split, and a step that
    does by itself is left out. That ends where no step is left, or with the evaluations.
 
@@ -26,7 +27,7 @@ import numpy as np
 
 from bitfold.network import Arithmetic, Network, evaluation
 from bitfold.studies.bounds import WIDEST, Bounds
-from bitfold.studies.ladders import Ladder, by_price, ladder, prices
+from bitfold.studies.ladders import Ladder, by_price, ladder, prices, unshifted
 from bitfold.studies.records import ChannelBits, Choice, LayerBits, Narrowest
 from bitfold.studies.trials import Evaluate, State, Trials
 
@@ -61,7 +62,8 @@ def narrowest(
     allows it is what a layer gets; a wider one is not taken for the proof alone.
 
     Args:
-        network: at full width.
+        network: whatever its layers with an accumulator compute in: the search is about exact sums
+            and narrower ones, requantised by the model's rule. Its other layers stay as they are.
         layers: those with an accumulator, in the file's order.
         evaluate: from a network to its metric.
         metric_loss: by how much the metric may be worse than at full width, at least 0.
@@ -105,6 +107,7 @@ def narrowest(
     if not layers:
         raise ValueError("Need a layer with an accumulator, got none")
     bounds = bounds or _bounds_by(layers)
+    network = network.with_arithmetic({layer.name: Arithmetic() for layer in layers})
     possible = _possible_shifts(network, [layer.name for layer in layers], shifts, max(widths))
     harmless = [
         {shift: bounds(layer.name, shift).harmless_from for shift in possible[layer.name]}
@@ -142,7 +145,7 @@ def narrowest(
         reference=trials.reference,
         metric=trials.metric,
         choices=tuple(
-            Choice(layer.name, width, shift, width >= bounds(layer.name, shift).bits.max())
+            Choice(layer.name, width, shift, _is_proven(bounds(layer.name, shift), width))
             for layer, (width, shift) in zip(layers, trials.kept, strict=True)
         ),
         evaluations=trials.count,
@@ -178,28 +181,33 @@ def is_larger_better(metric: Any) -> bool:
 
 
 def _along_the_order(trials: Trials, ladders: Sequence[Ladder]) -> list[Place] | None:
-    """Go down in the order of guesses as far as the metric allows.
+    """Go down in the order of guesses as far as the metric allows: without shifts, and with them.
 
     Returns:
-        Where each layer stands; None where the metric allows not even the first rungs.
+        Where each layer stands, of both what saves more; None where the metric allows nothing.
     """
-    order = by_price(ladders)
-
-    def after(steps: int) -> list[Place]:
-        taken = Counter(order[:steps])
-        return [(taken[index], 0) for index in range(len(ladders))]
-
-    kept, rejected = -1, len(order) + 1
-    while rejected - kept > 1:
-        if trials.is_over and kept >= 0:
-            break
-        # The first rungs are right on what was seen, so they are measured last.
-        middle = 0 if trials.is_over else max((kept + rejected) // 2, 0)
-        if trials.accepts(_state(ladders, after(middle))):
+    best = None
+    for rungs in ([unshifted(rungs) for rungs in ladders], ladders):
+        order = by_price(rungs)
+        kept, rejected = -1, len(order) + 1
+        while rejected - kept > 1:
+            if trials.is_over and trials.kept is not None:
+                break
+            # The first rungs are right on what was seen, so they are measured last.
+            middle = 0 if trials.is_over else max((kept + rejected) // 2, 0)
+            taken = Counter(order[:middle])
+            depths = [taken[index] for index in range(len(rungs))]
+            state = _state(rungs, [(depth, 0) for depth in depths])
+            if not trials.accepts(state):
+                rejected = middle
+                continue
             kept = middle
-        else:
-            rejected = middle
-    return None if kept < 0 else after(kept)
+            if trials.kept == state:
+                best = [
+                    (depth, ladder[depth].shifts.index(shift))
+                    for ladder, depth, (_, shift) in zip(ladders, depths, state, strict=True)
+                ]
+    return best
 
 
 def _by_groups(trials: Trials, ladders: Sequence[Ladder], places: list[Place]) -> None:
@@ -266,6 +274,11 @@ def _bounds_by(layers: Sequence[LayerBits]) -> BoundsOf:
         return Bounds(np.array([bits]), known[name].harmless_from, (), ())
 
     return bounds
+
+
+def _is_proven(bounds: Bounds, width: int) -> bool:
+    """Return whether no input can give a wrong sum."""
+    return width >= int(bounds.bits.max())
 
 
 def _possible_shifts(

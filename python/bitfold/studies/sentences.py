@@ -19,8 +19,9 @@ from bitfold.studies.records import (
 )
 from bitfold.studies.series import Series, all_series, mean_width, width_of
 
-# A loss of a metric that most people would take.
-_SMALL_LOSS = 0.005
+SMALL_LOSS = 0.005
+"""A loss of a metric that most people would take."""
+
 _NAMES = {
     "shift": "the shift",
     "accumulator": "the accumulator",
@@ -69,10 +70,10 @@ def accuracy(findings: Findings, series: Series) -> list[str]:
     name = findings.metric_name or "metric"
     good = None
     for width, value in reversed(measured):
-        if not value >= findings.metric - _SMALL_LOSS:
+        if not value >= findings.metric - SMALL_LOSS:
             break
         good = width
-    loss = words.difference(findings, _SMALL_LOSS)
+    loss = words.difference(findings, SMALL_LOSS)
     if good is None:
         width, value = measured[-1]
         return [
@@ -98,13 +99,14 @@ def shifts(findings: Findings, every: Sequence[Series]) -> list[str]:
         (width, -(result.metric or 0), series.name)
         for series in every
         for width, result in zip(series.widths, series.results, strict=True)
-        if result.metric is not None and result.metric >= findings.metric - _SMALL_LOSS
+        if result.metric is not None and result.metric >= findings.metric - SMALL_LOSS
     ]
     if not good:
         return []
     width, negated, name = min(good)
     value = words.metric(findings, -negated)
-    return [f"Of all, {width} bits with {name} are the narrowest that stay within it: {value}."]
+    loss = words.difference(findings, SMALL_LOSS)
+    return [f"Of all, {width} bits with {name} are the narrowest within {loss}: {value}."]
 
 
 def wrong(findings: Findings, series: Series) -> list[str]:
@@ -116,9 +118,10 @@ def wrong(findings: Findings, series: Series) -> list[str]:
     result, name, counts = worst
     layer = next((layer for layer in findings.layers if layer.name == name), None)
     end = next(x.end_to_end for x in result.layers if x.name == name)
-    need = f"needs {layer.needed} bits; at" if layer else "goes wrong: at"
+    unshifted = " unshifted" if layer and result.layers[0].arithmetic.mult_shift else ""
+    need = f"needs {layer.needed} bits{unshifted}; at" if layer else "goes wrong: at"
     return [
-        f"{words.printable(name)} {need} {width_of(result)} bits and {series.name} "
+        f"{words.printable(name)} {need} {width_of(result)} bits with {series.name}, "
         f"{words.share(counts.wrong_share)} of its sums are wrong alone, "
         f"{words.share(end.wrong_share)} end to end."
     ]
@@ -144,10 +147,12 @@ def bits(findings: Findings) -> list[str]:
     if not layers:
         return ["No layer has an accumulator."]
     widest = max(layers, key=lambda layer: layer.needed)
+    most = f"; {words.printable(widest.name)} needs the most" if len(layers) > 1 else ""
+    everywhere = " in every layer" if len(layers) > 1 else ""
+    proven = max(layer.proven for layer in layers)
     said = [
-        f"{widest.needed} bits hold every sum that was seen; {words.printable(widest.name)} needs "
-        f"the most. {max(layer.proven for layer in layers)} bits are proven enough in every layer "
-        "for any input."
+        f"{widest.needed} bits hold every sum that was seen{most}. {proven} bits are proven "
+        f"enough{everywhere} for any input."
     ]
     if len(layers) > 1:
         least = min(layers, key=lambda layer: layer.needed)

@@ -14,6 +14,7 @@ from bitfold.studies.records import Counts, Findings, LayerBits, LayerCounts
 from bitfold.studies.rows import Column, Table
 
 _FULL_WIDTH = "full width"
+_NOTHING = LayerCounts(0, "", Arithmetic(), Counts(), Counts())
 
 
 def to_dataframe(findings: Findings) -> Any:
@@ -35,7 +36,9 @@ def to_dataframe(findings: Findings) -> Any:
         import pandas
     except ImportError:
         raise ImportError("Need pandas for a data frame: pip install pandas") from None
-    return pandas.DataFrame(records(findings))
+    frame = pandas.DataFrame(records(findings), columns=list(_record(None, _NOTHING, "", None)))
+    # Whole numbers, although sums at full width have no accumulator of some size.
+    return frame.astype({"accumulator_size": "Int64"})
 
 
 def records(findings: Findings) -> list[dict[str, Any]]:

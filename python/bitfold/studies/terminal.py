@@ -6,9 +6,10 @@ from __future__ import annotations
 
 import dataclasses
 import sys
+import textwrap
 from typing import TextIO
 
-from rich import table as rich_table
+import rich.table
 from rich.console import Console
 from rich.markup import escape
 
@@ -17,8 +18,9 @@ from bitfold.studies.records import Findings
 from bitfold.studies.rows import Table
 from bitfold.studies.series import all_series
 
-# Wide enough for a layer's line, where the output is not a terminal.
-_WIDTH = 140
+# Where the output is not a terminal, lines are as long as what they hold.
+_WIDTH = 1000
+_HEADING = 12
 
 
 def print_findings(findings: Findings, file: TextIO | None = None) -> None:
@@ -77,10 +79,11 @@ def _with_columns(table: Table, kept: list[int]) -> Table:
     )
 
 
-def _drawn(table: Table) -> rich_table.Table:
-    drawn = rich_table.Table(box=None, pad_edge=False)
+def _drawn(table: Table) -> rich.table.Table:
+    drawn = rich.table.Table(box=None, pad_edge=False)
     for column in table.columns:
-        heading = f"{column.group}\n{column.heading}" if column.group else column.heading
+        heading = textwrap.fill(column.heading, _HEADING, break_long_words=False)
+        heading = f"{column.group}\n{heading}" if column.group else heading
         justify = "right" if column.is_number else "left"
         drawn.add_column(escape(heading), justify=justify, overflow="fold", vertical="bottom")
     for row in table.texts():

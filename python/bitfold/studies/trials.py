@@ -26,7 +26,7 @@ class Trials:
 
     Attributes:
         reference: the metric at full width.
-        kept: the last state that was accepted; None before.
+        kept: of the states that were accepted what saves most; None before.
         metric: of `kept`, on all data.
         last: the last metric that was measured.
         count: how many evaluations there were, those of samples among them.
@@ -69,7 +69,7 @@ class Trials:
         return self.count >= self._most
 
     def accepts(self, state: State) -> bool:
-        """Return whether the metric of a state stays within the bound, and keep the state then."""
+        """Return whether the metric of a state stays within the bound."""
         if state not in self._seen:
             self._seen[state] = self._passes(state)
         return self._seen[state]
@@ -85,8 +85,9 @@ class Trials:
         if not self._is_within(self.reference - metric, self._bound):
             self._tell(state, metric, "too much lost")
             return False
-        self._tell(state, metric, "kept")
-        self.kept, self.metric = state, metric
+        self._tell(state, metric, "within the bound")
+        if self.kept is None or self._bits(state) < self._bits(self.kept):
+            self.kept, self.metric = state, metric
         return True
 
     def _is_within(self, loss: float, bound: float) -> bool:
@@ -109,9 +110,12 @@ class Trials:
         self._network, self._state = self._network.with_arithmetic(changed), state
         return self._network
 
-    def _tell(self, state: State, metric: float, outcome: str) -> None:
+    def _bits(self, state: State) -> float:
+        """Return the bits that products are added up in, on average."""
         products = [max(layer.multiply_adds, 1) for layer in self._layers]
         bits = sum(n * width for n, (width, _) in zip(products, state, strict=True))
-        self._progress(
-            f"evaluation {self.count}: {metric:.6g} at {bits / sum(products):.2f} bits, {outcome}"
-        )
+        return bits / sum(products)
+
+    def _tell(self, state: State, metric: float, outcome: str) -> None:
+        bits = self._bits(state)
+        self._progress(f"evaluation {self.count}: {metric:.6g} at {bits:.2f} bits, {outcome}")

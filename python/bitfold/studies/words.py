@@ -14,10 +14,13 @@ from bitfold.studies.records import Findings
 _SHARES = ("accuracy", "precision", "recall", "top-", "top_")
 
 
-def is_percentage(metric_name: str | None) -> bool:
-    """Return whether a metric is a share that is read in percent."""
-    name = (metric_name or "").lower()
-    return any(word in name for word in _SHARES)
+def is_percentage(findings: Findings) -> bool:
+    """Return whether the metric is a share that is read in percent, not one in percent already."""
+    name = (findings.metric_name or "").lower()
+    known = (findings.metric, findings.float_metric, *(r.metric for r in findings.results))
+    return any(word in name for word in _SHARES) and not any(
+        value is not None and value > 1 for value in known
+    )
 
 
 def metric(findings: Findings, value: float | None) -> str:
@@ -26,12 +29,12 @@ def metric(findings: Findings, value: float | None) -> str:
         return "not measured"
     if not math.isfinite(value):
         return number(value)
-    return f"{100 * value:.1f}%" if is_percentage(findings.metric_name) else f"{value:.4g}"
+    return f"{100 * value:.1f}%" if is_percentage(findings) else f"{value:.4g}"
 
 
 def difference(findings: Findings, value: float) -> str:
     """Return how much of a metric is lost or gained, without a sign."""
-    if not is_percentage(findings.metric_name):
+    if not is_percentage(findings):
         return f"{abs(value):.3g}"
     points = f"{abs(100 * value):.2f}".rstrip("0").rstrip(".")
     return f"{points} percentage point" + ("" if points == "1" else "s")
@@ -104,15 +107,27 @@ def printable(text: str) -> str:
 
 
 def elided(text: str, fits: Callable[[str], bool]) -> str:
-    """Return a name as it is if it fits, or without its middle."""
+    """Return a name as it is if it fits, or without its middle; `fits` grants any shorter text."""
     if fits(text):
         return text
-    for kept in range(len(text) - 1, 1, -1):
-        head = kept // 2
-        short = f"{text[:head]}\N{HORIZONTAL ELLIPSIS}{text[len(text) - (kept - head) :]}"
-        if fits(short):
-            return short
-    return "\N{HORIZONTAL ELLIPSIS}"
+    least, most = 0, len(text) - 1
+    while least < most:
+        kept = (least + most + 1) // 2
+        if fits(_ends(text, kept)):
+            least = kept
+        else:
+            most = kept - 1
+    return _ends(text, least)
+
+
+def _ends(text: str, kept: int) -> str:
+    head = kept // 2
+    return f"{text[:head]}\N{HORIZONTAL ELLIPSIS}{text[len(text) - (kept - head) :]}"
+
+
+def _signed(text: str) -> str:
+    """Return a number with its sign; none before what was rounded to zero."""
+    return text if text.strip("+-0.") else text[1:]
 
 
 FORMATS: Mapping[str, Callable[[Any], str]] = {
@@ -121,9 +136,9 @@ FORMATS: Mapping[str, Callable[[Any], str]] = {
     "flag": lambda value: "yes" if value else "no",
     "share": share,
     "percent": lambda value: f"{100 * value:.2f}%",
-    "points": lambda value: f"{round(100 * value, 2) or 0.0:+.2f}",
+    "points": lambda value: _signed(f"{100 * value:+.2f}"),
     "number": number,
-    "change": lambda value: f"{value or 0.0:+.4g}",
+    "change": lambda value: _signed(f"{value:+.4g}"),
     "decibels": decibels,
 }
 """How values of a table's columns are written, by the column's kind."""
