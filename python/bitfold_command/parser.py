@@ -9,8 +9,9 @@ import os
 import pathlib
 import re
 
-_EXIT = """exit status: 0 done; 1 what is compared differs; 2 wrong usage or input, or a search that
-found nothing; 130 interrupted. Results go to standard output, progress and errors to standard error."""
+_EXIT = """exit status: 0 done; 1 what is compared differs; 2 wrong usage or input, or a search
+that found nothing; 130 interrupted. Results go to standard output, progress and errors to
+standard error."""
 
 _INFO = """examples:
   bitfold info model.tflite

@@ -8,14 +8,14 @@ import json
 import subprocess
 import sys
 
-import bitfold_command.study
 import keras
 import numpy as np
 import pytest
-from bitfold_command import parser
-from bitfold_command.main import main
 
 import bitfold
+import bitfold_command.study
+from bitfold_command import parser
+from bitfold_command.main import main
 
 IMAGES = 60
 
@@ -75,7 +75,7 @@ def test_info(run):
     status, out, _ = run("info", "network.bitfold", "--json")
     layers = json.loads(out)["layers"]
     assert status == 0
-    assert [layer["operator"] for layer in layers][0] == "CONV_2D"
+    assert layers[0]["operator"] == "CONV_2D"
     assert sum(layer["multiply_adds"] for layer in layers) == json.loads(out)["multiply_adds"]
 
 
@@ -257,10 +257,9 @@ def test_numbers():
 
 def test_arithmetics():
     """All combinations, then half precision, then the unit, then mixtures."""
-    options = parser.make_parser().parse_args(
-        "study a --data b --widths 16,18 --shifts 0,7 --half-precision --unit-requantisation "
-        "--mixture conv*=14/4,DEPTHWISE_CONV_2D=20".split()
-    )
+    line = "study a --data b --widths 16,18 --shifts 0,7 --half-precision --unit-requantisation"
+    line += " --mixture conv*=14/4,DEPTHWISE_CONV_2D=20"
+    options = parser.make_parser().parse_args(line.split())
     make = bitfold.Arithmetic
     plain = [make(16), make(18), make(16, 7), make(18, 7), make(use_fp16_acc=True)]
     found = bitfold_command.study.arithmetics(options)
