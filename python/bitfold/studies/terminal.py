@@ -6,8 +6,8 @@ from __future__ import annotations
 
 import dataclasses
 import sys
-from collections.abc import Sequence
 import textwrap
+from collections.abc import Sequence
 from typing import TextIO
 
 import rich.table
