@@ -84,14 +84,15 @@ class Data:
         size = _DATASET_BATCHES
         if self.is_indexed:
             size = max(1, -(-self.images // (self.batch_size * _SHARDS)))
-        batches = self._batches()
+        batches = self.batches()
         for index in itertools.count():
             part = list(itertools.islice(batches, size))
             if not part:
                 return
             yield Shard(index, part)
 
-    def _batches(self) -> Iterator[tuple[Any, Any]]:
+    def batches(self) -> Iterator[tuple[Any, Any]]:
+        """Yield pairs of images and labels; labels None where there are none."""
         if self.is_indexed and self._y is None:
             yield from ((images, None) for images in evaluation.batches(self._x, self.batch_size))
         elif self.has_labels:

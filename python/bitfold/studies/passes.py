@@ -26,7 +26,7 @@ from bitfold.studies.data import Shard, count_of
 from bitfold.studies.metrics import Metric
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import Setting, exact, full_width
-from bitfold.studies.tallies import LayerTally, Tally, no_extremes
+from bitfold.studies.tallies import NO_RANGE, LayerTally, Tally, no_extremes
 from bitfold.studies.wraps import Method, Wraps, harmless_from, wraps_of
 
 # The name of the only counts of a pass end to end.
@@ -133,7 +133,7 @@ class FullWidthPass:
         """
         self.network = network
         self._groups: dict[int, list[_Group]] = {}
-        self._extremes: dict[int, np.ndarray] = {}
+        self._known: dict[str, dict[str, np.ndarray]] = {}
         asked: dict[int, dict[str, SummingStep]] = {}
         for setting in settings:
             for position, step in summing_steps(
@@ -142,19 +142,21 @@ class FullWidthPass:
                 asked.setdefault(position, {}).setdefault(key_of(step.arithmetic), step)
         for position, step in summing_steps(network).items():
             self._groups[position] = _groups(step, list(asked.get(position, {}).values()))
-            self._extremes[position] = no_extremes(step.products.least.shape[-1])
+            extremes = no_extremes(step.products.least.shape[-1])
+            self._known[str(position)] = {"extremes": extremes, "range": NO_RANGE}
 
-    def states(self) -> dict[str, np.ndarray]:
+    def states(self) -> dict[str, dict[str, np.ndarray]]:
         """Return the extremes until now: the more they span, the sooner new ones are found."""
-        return {str(position): extremes for position, extremes in self._extremes.items()}
+        return self._known
 
-    def observe(self, step: SummingStep, inputs: Inputs, known: tf.Tensor) -> tuple[list, dict]:
+    def observe(self, step: SummingStep, inputs: Inputs, known: Mapping) -> tuple[list, dict]:
         """Compute a layer, what its sums reach, and what becomes of them in other arithmetics."""
         outputs = step.run(inputs)
         data = inputs[step.node.inputs.index(step.data)]
-        seen = {"sums": tf.size(outputs[0], tf.int64), "range": _range_of(data)}
+        data_range = _range_with(data, known["range"])
+        seen = {"sums": tf.size(outputs[0], tf.int64), "range": data_range}
         for group in self._groups[step.node.operator.position]:
-            reached = known if group.shift == 0 else group.limits
+            reached = known["extremes"] if group.shift == 0 else group.limits
             found = group.reference.partial_sums(inputs, group.widths, reached)
             if group.shift == 0:
                 seen["extremes"] = found.extremes
@@ -168,7 +170,7 @@ class FullWidthPass:
             position, values = int(place), {key: value.numpy() for key, value in values.items()}
             sums, extremes = int(values.pop("sums")), values.pop("extremes")
             low, high = map(int, values.pop("range"))
-            self._extremes[position] = extremes
+            self._known[place] = {"extremes": extremes, "range": np.array([low, high])}
             counts = {key: _counts(sums, value) for key, value in values.items()}
             data_range = (low, high) if low <= high else None
             found[position] = LayerTally(sums, counts, extremes, data_range)
@@ -201,17 +203,16 @@ class SettingPass:
     def observe(self, step: SummingStep, inputs: Inputs, _: Any) -> tuple[list, dict]:
         """Compute a layer, and what became of its sums."""
         wraps = self._wraps[step.node.operator.position]
-        if wraps.needs_sums:
-            sums = step.sums(inputs)
-            outputs, exact = step.finish(sums), wraps.reference.sums(inputs)
-        else:
-            outputs, sums, exact = step.run(inputs), None, None
+        sums = step.sums(inputs) if wraps.needs_sums else None
+        outputs = step.run(inputs) if sums is None else step.finish(sums)
         seen = {"sums": tf.size(outputs[0], tf.int64)}
         if wraps.method is not Method.NOTHING:
             channels = wraps.reference.products.least.shape[-1]
             known = _limits(wraps.width, channels)
             found = wraps.reference.partial_sums(inputs, [wraps.width], known)
-            seen[END_TO_END] = wraps.counts(inputs, found, 0, sums, exact)
+            seen[END_TO_END] = wraps.counts(
+                inputs, found, 0, lambda: _differ(sums, wraps.reference.sums(inputs))
+            )
         return outputs, seen
 
     def tallied(self, seen: Mapping[str, Mapping[str, tf.Tensor]]) -> dict[int, LayerTally]:
@@ -258,14 +259,16 @@ class _Group:
     def counts(self, inputs: Inputs, found: PartialSums) -> dict[str, tf.Tensor]:
         """Return what becomes of the sums, by arithmetic."""
         exact = None
+        if any(wraps.needs_sums for wraps in self.wraps.values()):
+            exact = self.reference.sums(inputs)
         seen = {}
         for key, wraps in self.wraps.items():
-            sums = None
-            if wraps.needs_sums:
-                exact = self.reference.sums(inputs) if exact is None else exact
-                sums = wraps.step.sums(inputs)
+
+            def differs(step: SummingStep = wraps.step) -> tf.Tensor:
+                return _differ(step.sums(inputs), exact)
+
             place = self.widths.index(wraps.width)
-            seen[key] = wraps.counts(inputs, found, place, sums, exact)
+            seen[key] = wraps.counts(inputs, found, place, differs)
         return seen
 
 
@@ -299,11 +302,22 @@ def _limits(width: int, channels: int) -> np.ndarray:
     return np.repeat(np.array([[-limit], [limit - 1]] * 2, np.int64), channels, 1)
 
 
-def _range_of(data: tf.Tensor) -> tf.Tensor:
-    """Return the least and the greatest stored number, int64 [2]."""
-    return tf.stack([
-        tf.cast(tf.reduce_min(data), tf.int64), tf.cast(tf.reduce_max(data), tf.int64)
-    ])  # fmt: skip
+def _differ(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
+    """Return which sums are wrong; floats hold whole numbers."""
+    return tf.cast(sums, tf.int64) != tf.cast(exact, tf.int64)
+
+
+def _range_with(data: tf.Tensor, known: tf.Tensor) -> tf.Tensor:
+    """Return the least and the greatest of stored numbers and of a range, int64 [2]."""
+    ends = tf.constant([data.dtype.min, data.dtype.max], tf.int64)
+
+    def widened() -> tf.Tensor:
+        found = (tf.reduce_min(data), tf.reduce_max(data))
+        low, high = (tf.cast(number, tf.int64) for number in found)
+        return tf.stack([tf.minimum(low, known[0]), tf.maximum(high, known[1])])
+
+    # Nothing is beyond the ends of the type; most tensors of 8 bits soon reach them.
+    return tf.cond(tf.reduce_all(known == ends), lambda: known, widened)
 
 
 def _counts(sums: int, values: np.ndarray) -> Counts:

@@ -10,6 +10,7 @@ import io
 import json
 import os
 import platform
+import time
 from collections.abc import Callable, Iterator, Mapping
 from typing import Any, TextIO
 
@@ -20,6 +21,7 @@ import tensorflow as tf
 from bitfold._frame.library import VERSION
 from bitfold.network import Network, archive, evaluation
 from bitfold.studies import document, page, search, tables, terminal
+from bitfold.studies.attribution import attribute
 from bitfold.studies.bounds import Bounds, layer_bounds
 from bitfold.studies.data import Data, Shard
 from bitfold.studies.layers import bits_of_layer
@@ -101,6 +103,8 @@ def study(
     parts = Parts(resume, _fingerprint(plan, data))
     example = _measure(plan, data, parts)
     findings = _found(plan, parts.tallies, example)
+    if float_model is not None:
+        findings = _attributed(findings, plan, data, float_model)
     return Study(findings, _Subject(network, x, y, metric, batch_size))
 
 
@@ -378,6 +382,33 @@ def _found(plan: Plan, tallies: Mapping[int | None, Tally], example: Any) -> Fin
             "python": platform.python_version(),
         },
         seconds=sum(tally.seconds for tally in tallies.values()),
+    )
+
+
+def _attributed(findings: Findings, plan: Plan, data: Data, float_model: Any) -> Findings:
+    """Return findings with what each cause adds to the error against a model in floats."""
+    begin = time.perf_counter()
+    with evaluation.progress("attribution", data.images) as advance:
+        found = attribute(
+            plan.network,
+            {setting.name: setting.arithmetic for setting in plan.settings},
+            float_model,
+            data.batches(),
+            Metric(plan.metric).start if plan.has_metric else None,
+            advance,
+        )
+    layers = [
+        dataclasses.replace(layer, remarks=(*layer.remarks, "not found in the float model"))
+        if layer.name in found.missing
+        else layer
+        for layer in findings.layers
+    ]
+    return dataclasses.replace(
+        findings,
+        float_metric=found.float_metric,
+        layers=tuple(layers),
+        attributions=found.attributions,
+        seconds=findings.seconds + time.perf_counter() - begin,
     )
 
 

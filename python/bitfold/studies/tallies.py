@@ -18,6 +18,9 @@ from bitfold.studies.records import Counts
 _LIMITS = np.iinfo(np.int64)
 _NONE = np.array([[_LIMITS.max], [_LIMITS.min], [_LIMITS.max], [_LIMITS.min]], np.int64)
 
+# Of the least and the greatest stored input before any.
+NO_RANGE = np.array([_LIMITS.max, _LIMITS.min], np.int64)
+
 
 @dataclasses.dataclass(frozen=True, eq=False)
 class LayerTally:

@@ -21,7 +21,7 @@ from __future__ import annotations
 
 import dataclasses
 import enum
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 
 import numpy as np
 import tensorflow as tf
@@ -72,8 +72,7 @@ class Wraps:
         inputs: Sequence[tf.Tensor | None],
         found: PartialSums,
         place: int,
-        sums: tf.Tensor | None = None,
-        exact: tf.Tensor | None = None,
+        differs: Callable[[], tf.Tensor],
     ) -> tf.Tensor:
         """Return int64 [4]: sums wrong and right again, partial sums outside, the first step.
 
@@ -81,28 +80,33 @@ class Wraps:
             inputs: of the layer.
             found: what the partial sums of full width reach.
             place: of the width among those of `found`.
-            sums: in the arithmetic, and
-            exact: at full width, where the method needs them.
+            differs: returns which sums differ from those of full width, where the method needs it.
         """
         ends, was, single = tf.unstack(tf.reduce_sum(found.counts[place], 0))
-        wrong = ends
-        if self.needs_sums:
-            differs = tf.cast(sums, tf.int64) != tf.cast(exact, tf.int64)
-            wrong = tf.math.count_nonzero(differs)
-        right_again = was - wrong
-        if self.method is Method.CHAIN:
+        if self.method is Method.COUNT:
+            wrong, right_again = ends, was - ends
+        elif self.method is Method.COMPARISON:
+            wrong = tf.cond(was > 0, lambda: tf.math.count_nonzero(differs()), _nothing)
+            right_again = was - wrong
+        else:
+            is_wrong = differs()
+            wrong = tf.math.count_nonzero(is_wrong)
             right_again = tf.cond(
                 was > 0,
                 lambda: tf.math.count_nonzero(
-                    self.reference.was_outside(inputs, self.width) & ~differs
+                    self.reference.was_outside(inputs, self.width) & ~is_wrong
                 ),
-                lambda: tf.zeros([], tf.int64),
+                _nothing,
             )
         steps = found.first[place]
         largest = np.int64(np.iinfo(np.int64).max)
         first = tf.reduce_min(tf.where(steps == 0, largest, steps))
         first = tf.where(first == largest, np.int64(0), first)
         return tf.stack([wrong, right_again, single, first])
+
+
+def _nothing() -> tf.Tensor:
+    return tf.zeros([], tf.int64)
 
 
 def wraps_of(step: SummingStep, reference: SummingStep, harmless_from: int) -> Wraps:
