@@ -23,7 +23,7 @@ SHIFTS = (0, 2)
 """By how many bits every addend is divided, in all layers alike."""
 
 MIXTURE_SHIFT = 4
-"""The same where depthwise layers keep `DEPTHWISE_BITS` at least."""
+"""The same below `DEPTHWISE_BITS`, which depthwise layers keep."""
 
 DEPTHWISE_BITS = 16
 """The depthwise unit reads weights as numbers of half the accumulator's width: int8 takes 16."""
@@ -49,16 +49,16 @@ def parse_arguments() -> argparse.Namespace:
 
 
 def arithmetics(widths: list[int]) -> dict:
-    """Name what the study looks at: each shift at each width, then a mixture at each width."""
+    """Name what the study looks at: each shift at each width, then mixtures of widths."""
     from bitfold import Arithmetic
     from bitfold.studies.settings import name_of
 
     alike = [Arithmetic(width, shift) for shift in SHIFTS for width in widths]
     found = {name_of(arithmetic): arithmetic for arithmetic in alike}
-    for width in widths:
+    wider = Arithmetic(DEPTHWISE_BITS, MIXTURE_SHIFT)
+    for width in (width for width in widths if width < DEPTHWISE_BITS):
         narrow = Arithmetic(width, MIXTURE_SHIFT)
-        wider = Arithmetic(max(width, DEPTHWISE_BITS), MIXTURE_SHIFT)
-        name = f"{name_of(narrow)}, depthwise {DEPTHWISE_BITS} bits at least"
+        name = f"{name_of(narrow)}, depthwise {DEPTHWISE_BITS} bits"
         found[name] = {"CONV_2D": narrow, "FULLY_CONNECTED": narrow, "DEPTHWISE_CONV_2D": wider}
     return found
 
