@@ -50,7 +50,7 @@ void FillWide(Random* random, PreparedCase<In, Out>* c, Numbers numbers = Number
   if (random->Between(0, 5) == 0) c->wide_bias.clear();
   c->mode.rescaling = random->Flag() ? Rescaling::kShortMultiplier : Rescaling::kOneRounding;
   for (double& multiplier : c->multipliers)
-    multiplier = DrawMultiplier<Out>(random, c->mode, BitsOfSums(*c));
+    multiplier = testing::DrawMultiplier<Out>(random, c->mode, BitsOfSums(*c));
 }
 
 // ---- Worked examples ---------------------------------------------------------------------------
