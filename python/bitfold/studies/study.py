@@ -18,11 +18,7 @@ from bitfold.studies.bounds import Bounds, layer_bounds
 from bitfold.studies.data import Data
 from bitfold.studies.finding import attributed, found
 from bitfold.studies.measuring import measure
-from bitfold.studies.passes import (
-    Plan,
-    check_biases,
-    summing_steps,
-)
+from bitfold.studies.passes import Plan, check_biases
 from bitfold.studies.records import (
     Attribution,
     ChannelBits,
@@ -32,6 +28,7 @@ from bitfold.studies.records import (
     Result,
 )
 from bitfold.studies.settings import full_width, settings_of
+from bitfold.studies.watching import summing_steps
 
 
 def study(
