@@ -56,6 +56,7 @@ def study(
         arithmetics: what to compute in: a list of `bitfold.Arithmetic` or, for mixtures, of
             dictionaries by layer as `Network.with_arithmetic` takes them; or a dictionary from
             names of your own to these. By default the network's own, where that is not exact.
+            Accumulators of 1 to 32 bits, and shifts up to 30.
         metric: as in `Network.evaluate`: None for the share of right answers, a Keras metric whose
             variables are sums over images, its name, or a function of labels and outputs.
         float_model: the Keras model that the network was made of. With it the study finds what
