@@ -23,6 +23,7 @@ inline int32_t WordAt(const uint8_t* x) {
 }
 
 BITFOLD_BEGIN_AVX512_VNNI
+namespace avx512_vnni {
 
 #include "cpu/partial_sums_advance.inc"
 #include "cpu/partial_sums_resolve.inc"
@@ -35,6 +36,7 @@ constexpr BorderKernels kKernels = {
     Resolve};
 #undef BITFOLD_ADVANCE
 
+}  // namespace avx512_vnni
 BITFOLD_END_TARGET
 
 }  // namespace
@@ -42,7 +44,7 @@ BITFOLD_END_TARGET
 
 const BorderKernels* CurrentBorderKernels() {
 #if BITFOLD_HAS_TARGETS
-  if (CurrentTarget() == Target::kAvx512Vnni) return &kKernels;
+  if (CurrentTarget() == Target::kAvx512Vnni) return &avx512_vnni::kKernels;
 #endif
   return nullptr;
 }
