@@ -19,7 +19,7 @@ namespace bitfold {
 namespace {
 
 constexpr int32_t kInWord = 4;
-constexpr int32_t kSegmentSteps = 12;  // about as many, in whole words
+constexpr int32_t kSegmentSteps = 16;  // at most, unless a word has more
 constexpr int32_t kMostTaps = kMostSegmentSteps / kInWord;
 
 constexpr int32_t kNoExcess[kSumLanes] = {};

@@ -36,11 +36,11 @@ struct SummedTile {
   int64_t Products() const { return int64_t{rows} * channels * taps; }
 };
 
-// Of each pixel and lane: the sum, the least and the greatest partial sum.
+// Of each pixel and lane the sum; of each lane the least and the greatest partial sum.
 struct alignas(64) TileRanges {
   int32_t sums[kMostSummedPixels][kSumLanes];
-  int32_t least[kMostSummedPixels][kSumLanes];
-  int32_t greatest[kMostSummedPixels][kSumLanes];
+  int32_t least[kSumLanes];
+  int32_t greatest[kSumLanes];
 };
 
 // What a channel's numbers lie within; 0 is among them.
