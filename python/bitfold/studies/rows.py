@@ -244,7 +244,7 @@ def counts(result: Result) -> Table:
     rows = tuple(
         (
             layer.name,
-            "exact" if layer.arithmetic.is_exact else describe(layer.arithmetic),
+            describe(layer.arithmetic),
             layer.alone.wrong_share,
             layer.alone.right_again_share,
             layer.end_to_end.wrong_share,

@@ -240,14 +240,17 @@ def chosen(findings: Findings, search: Narrowest) -> list[str]:
     chosen_by_name = {choice.name: choice.width for choice in search.choices}
     by_layer = [chosen_by_name.get(layer.name) for layer in findings.layers]
     mean = mean_width(findings.layers, by_layer)
-    if mean is not None and len(widths) > 1:
+    if mean is not None and min(widths) < max(widths):
         text += f", {mean:.1f} in the mean of all multiply-adds"
     proven = sum(choice.is_proven for choice in search.choices)
+    whole = words.some(len(widths), "width")
+    by = f"{proven} of {whole} hold by proof, the others by measurement"
+    if proven in (0, len(widths)):
+        by = f"All is proven: {whole}" if proven else f"All is measured: {whole}"
     return [
         f"{text}.",
         f"The {metric} with them is {words.metric(findings, search.metric)}, at full width "
         f"{words.metric(findings, search.reference)}.",
-        f"{proven} of {words.some(len(widths), 'width')} hold by proof, the others by measurement; "
-        f"the search took {words.some(search.evaluations, 'evaluation')} and "
+        f"{by}; the search took {words.some(search.evaluations, 'evaluation')} and "
         f"{words.seconds(search.seconds)}.",
     ]

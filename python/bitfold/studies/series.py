@@ -10,6 +10,7 @@ from collections.abc import Sequence
 from bitfold.network import Arithmetic
 from bitfold.studies.records import Counts, Findings, LayerBits, Result
 
+_NO_SHIFT = "no shift"
 _UNITS = {
     "requantisation": "requantisation by the unit",
     "softmax": "softmax by the unit",
@@ -47,7 +48,10 @@ def all_series(findings: Findings) -> tuple[Series, ...]:
             common = dataclasses.replace(result.arithmetic, accumulator_size=None)
             groups.setdefault(common, {})[width] = result
     return tuple(
-        Series(describe(common), tuple(result for _, result in sorted(group.items())))
+        Series(
+            _NO_SHIFT if common == Arithmetic() else describe(common),
+            tuple(result for _, result in sorted(group.items())),
+        )
         for common, group in groups.items()
     )
 
@@ -82,7 +86,7 @@ def mean_width(layers: Sequence[LayerBits], widths: Sequence[int | None]) -> flo
 
 
 def describe(arithmetic: Arithmetic) -> str:
-    """Return an arithmetic in words, as "16 bits, shift 2"; "no shift" without anything to say."""
+    """Return an arithmetic in words, as "16 bits, shift 2", or "exact"."""
     words = []
     if arithmetic.accumulator_size is not None:
         words.append(f"{arithmetic.accumulator_size} bits")
@@ -91,7 +95,7 @@ def describe(arithmetic: Arithmetic) -> str:
     if arithmetic.mult_shift:
         words.append(f"shift {arithmetic.mult_shift}")
     words += [text for unit, text in _UNITS.items() if getattr(arithmetic, unit) == "unit"]
-    return ", ".join(words) or "no shift"
+    return ", ".join(words) or "exact"
 
 
 def total(result: Result) -> Counts:

@@ -125,7 +125,7 @@ def test_mean_width_is_weighted():
 
 def test_arithmetics_in_words():
     """What differs from the exact arithmetic, and nothing else."""
-    assert series.describe(Arithmetic()) == "no shift"
+    assert series.describe(Arithmetic()) == "exact"
     arithmetic = Arithmetic(16, 2, True, requantisation="unit", layer_norm="unit")
     assert series.describe(arithmetic) == (
         "16 bits, half precision, shift 2, requantisation by the unit, "
