@@ -40,6 +40,7 @@ def test_public_names():
     assert sorted(bitfold.__all__) == [
         "Arithmetic",
         "Network",
+        "Study",
         "UnsupportedModelError",
         "__version__",
         "detection",
@@ -52,6 +53,7 @@ def test_public_names():
         "resize",
         "set_image_threads",
         "set_warnings",
+        "study",
         "tables",
         "warning_counts",
     ]

@@ -20,10 +20,11 @@ from bitfold.studies.attribution import attribute
 from bitfold.studies.data import Data
 from bitfold.studies.layers import bits_of_layer
 from bitfold.studies.metrics import Metric
-from bitfold.studies.passes import END_TO_END, Plan, key_of, summing_steps
+from bitfold.studies.passes import Plan
 from bitfold.studies.records import Counts, Findings, LayerCounts, Result
 from bitfold.studies.settings import Setting, full_width
 from bitfold.studies.tallies import LayerTally, Tally
+from bitfold.studies.watching import END_TO_END, key_of, summing_steps
 from bitfold.studies.wraps import corrected_weights
 
 

@@ -18,11 +18,7 @@ from bitfold.studies.bounds import Bounds, layer_bounds
 from bitfold.studies.data import Data
 from bitfold.studies.finding import attributed, found
 from bitfold.studies.measuring import measure
-from bitfold.studies.passes import (
-    Plan,
-    check_biases,
-    summing_steps,
-)
+from bitfold.studies.passes import Plan, check_biases
 from bitfold.studies.records import (
     Attribution,
     ChannelBits,
@@ -32,6 +28,7 @@ from bitfold.studies.records import (
     Result,
 )
 from bitfold.studies.settings import full_width, settings_of
+from bitfold.studies.watching import summing_steps
 
 
 def study(
@@ -59,6 +56,7 @@ def study(
         arithmetics: what to compute in: a list of `bitfold.Arithmetic` or, for mixtures, of
             dictionaries by layer as `Network.with_arithmetic` takes them; or a dictionary from
             names of your own to these. By default the network's own, where that is not exact.
+            Accumulators of 1 to 32 bits, and shifts up to 30.
         metric: as in `Network.evaluate`: None for the share of right answers, a Keras metric whose
             variables are sums over images, its name, or a function of labels and outputs.
         float_model: the Keras model that the network was made of. With it the study finds what

@@ -28,13 +28,15 @@ import tensorflow as tf
 
 from bitfold.network.operators import SummingStep
 from bitfold.network.operators._products import scaled
-from bitfold.ops._partial_sums import PartialSums
 from bitfold.studies.bounds import bits_of, layer_bounds
+from bitfold.studies.records import Counts
 
 _WIDEST = 32
 # Half precision holds no partial sum beyond 16 bits, and every whole number up to 2^12.
 _HALF_WIDTH = 16
 _HALF_EXACT = 1 << 12
+# Of counts [channels, 3] the sums of which a partial sum was outside.
+_WAS = 1
 
 
 class Method(enum.Enum):
@@ -67,42 +69,49 @@ class Wraps:
         """Whether sums are computed in both arithmetics."""
         return self.method in (Method.COMPARISON, Method.CHAIN)
 
-    def counts(
+    def compared(
         self,
         inputs: Sequence[tf.Tensor | None],
-        found: PartialSums,
-        place: int,
+        counts: tf.Tensor,
         differs: Callable[[], tf.Tensor],
     ) -> tf.Tensor:
-        """Return int64 [4]: sums wrong and right again, partial sums outside, the first step.
+        """Return how many sums are wrong and right again, int64 [2], where sums are needed.
 
         Args:
             inputs: of the layer.
-            found: what the partial sums of full width reach.
-            place: of the width among those of `found`.
-            differs: returns which sums differ from those of full width, where the method needs it.
+            counts: of the width, int64 [channels, 3], as `bitfold.ops.partial_sums` has them.
+            differs: returns which sums differ from those of full width.
         """
-        ends, was, single = tf.unstack(tf.reduce_sum(found.counts[place], 0))
-        if self.method is Method.COUNT:
-            wrong, right_again = ends, was - ends
-        elif self.method is Method.COMPARISON:
+        was = tf.reduce_sum(counts[:, _WAS])
+        if self.method is Method.COMPARISON:
             wrong = tf.cond(was > 0, lambda: tf.math.count_nonzero(differs()), _nothing)
-            right_again = was - wrong
-        else:
-            is_wrong = differs()
-            wrong = tf.math.count_nonzero(is_wrong)
-            right_again = tf.cond(
-                was > 0,
-                lambda: tf.math.count_nonzero(
-                    self.reference.was_outside(inputs, self.width) & ~is_wrong
-                ),
-                _nothing,
-            )
-        steps = found.first[place]
-        largest = np.int64(np.iinfo(np.int64).max)
-        first = tf.reduce_min(tf.where(steps == 0, largest, steps))
-        first = tf.where(first == largest, np.int64(0), first)
-        return tf.stack([wrong, right_again, single, first])
+            return tf.stack([wrong, was - wrong])
+        is_wrong = differs()
+        right_again = tf.cond(
+            was > 0,
+            lambda: tf.math.count_nonzero(
+                self.reference.was_outside(inputs, self.width) & ~is_wrong
+            ),
+            _nothing,
+        )
+        return tf.stack([tf.math.count_nonzero(is_wrong), right_again])
+
+
+def counts_of(
+    sums: int, counts: np.ndarray, first: np.ndarray, compared: np.ndarray | None
+) -> Counts:
+    """Return what became of sums.
+
+    Args:
+        sums: how many there are.
+        counts: of the width, int64 [channels, 3], as `bitfold.ops.partial_sums` has them.
+        first: int64 [channels], the same.
+        compared: of `Wraps.compared`, where sums were needed.
+    """
+    ends, was, single = map(int, counts.sum(0))
+    wrong, right_again = (ends, was - ends) if compared is None else map(int, compared)
+    steps = first[first > 0]
+    return Counts(sums, wrong, right_again, single, int(steps.min()) if steps.size else 0)
 
 
 def _nothing() -> tf.Tensor:

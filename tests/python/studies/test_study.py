@@ -346,6 +346,80 @@ def test_remarks():
     assert any(remark.startswith("channel 2: no sum seen") for remark in found.layers[0].remarks)
 
 
+class _Largest(keras.metrics.Metric):
+    """A metric whose state does not add up."""
+
+    def __init__(self):
+        super().__init__(name="largest")
+        self.largest = self.add_variable((), "zeros", aggregation="mean")
+
+    def update_state(self, labels, outputs):
+        self.largest.assign(tf.maximum(self.largest, tf.reduce_max(outputs)))
+
+    def result(self):
+        return self.largest
+
+    def get_config(self):
+        return {}
+
+    @classmethod
+    def from_config(cls, config):
+        return cls()
+
+
+def test_metrics_that_do_not_add_up_are_refused(network, data):
+    """By what the metric says of its variables."""
+    with pytest.raises(ValueError, match="Need a metric whose variables are sums over images"):
+        bitfold.study(network, *data, metric=_Largest())
+
+
+def test_attribution_joins(data):
+    """With a float model: its metric, and what each cause adds to each result."""
+    x, y = data
+    keras.utils.set_random_seed(5)
+    model = keras.Sequential([
+        keras.Input((9, 9, 2)),
+        keras.layers.Conv2D(3, 3, name="c1"),
+        keras.layers.Flatten(),
+        keras.layers.Dense(4, name="scores"),
+    ])  # fmt: skip
+    network = bitfold.Network.from_keras(model, calibration=x)
+    found = bitfold.study(network, x, y, arithmetics=[A(14), A(18, 2)], float_model=model)
+    floats = np.asarray(model(x, training=False)).argmax(axis=1)
+    assert found.findings.float_metric == np.mean(floats == y)
+    assert [one.name for one in found.attributions] == ["14 bits", "18 bits, shift 2"]
+    for attribution, result in zip(found.attributions, found.results, strict=True):
+        first, *_, last = attribution.causes
+        assert (first.name, first.metric) == ("quantisation", found.findings.metric)
+        assert last.metric == result.metric
+        assert set(last.signal_to_error) == {"c1", "scores"}
+    assert found.layers == bitfold.study(network, x).layers
+
+
+def test_files(network, data, tmp_path):
+    """What is saved as .json is loaded whole; a search needs the network."""
+    found = bitfold.study(network, *data, arithmetics=SETTINGS)
+    narrowest = found.narrowest(0.1, widths=range(12, 20), most_evaluations=8)
+    assert found.findings.searches == (narrowest,)
+    for name in ("study.json", "study.html"):
+        found.save(tmp_path / name)
+    loaded = bitfold.Study.load(tmp_path / "study.json")
+    assert loaded.findings == found.findings
+    assert repr(loaded) == repr(found)
+    assert loaded._repr_html_() == found._repr_html_()
+    loaded.save(tmp_path / "again.html")
+    pages = [(tmp_path / name).read_text() for name in ("study.html", "again.html")]
+    assert pages[0] == pages[1]
+    with pytest.raises(ValueError, match="Need the network and its data for a search"):
+        loaded.narrowest()
+    with pytest.raises(ValueError, match=r"Need a path that ends in \.html or \.json, got '.*pdf'"):
+        found.save(tmp_path / "study.pdf")
+    with pytest.raises(ValueError, match=r"Need a \.json file that Study\.save wrote"):
+        bitfold.Study.load(tmp_path / "study.html")
+    with pytest.raises(OSError, match="none"):
+        bitfold.Study.load(tmp_path / "none.json")
+
+
 @pytest.mark.slow
 @pytest.mark.parametrize("seed", range(8))
 def test_counts_of_random_networks(seed):
