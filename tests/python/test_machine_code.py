@@ -136,7 +136,8 @@ def test_dot_products_are_instructions(instruction, expected):
 def test_code_for_any_machine_is_plain():
     """Outside the code of a target no instruction needs one."""
     portable = collections.Counter(f.unit for f in functions() if f.target == "portable")
-    assert set(portable) == set(_units())
+    # What is there for dot products of bytes alone has no form for other machines.
+    assert set(portable) == {unit for unit, targets in _units().items() if "avx2" in targets}
     wide = [f.name for f in functions() if f.target in ("", "portable") and WIDE.search(f.code)]
     assert not wide, "these run on every machine, but not there:\n" + "\n".join(wide)
     too_wide = [f.name for f in functions() if f.target == "avx2" and "%zmm" in f.code]
