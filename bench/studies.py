@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Times studies beside evaluations of the same networks.
 
-What is timed is the work on a batch of the default size, graphs made: the full-width pass beside an evaluation at full
-width, and what an arithmetic adds beside an evaluation in it.
+What is timed is the work on a batch of the default size, graphs made: the full-width pass beside an
+evaluation at full width, and what an arithmetic adds beside an evaluation in it.
 """
 
 from __future__ import annotations
