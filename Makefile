@@ -12,12 +12,12 @@ setup: ## virtual environment in .venv with the package built and installed
 	@scripts/setup.sh build
 	@scripts/install_package.sh
 
-demo: ## a network trained on Fashion-MNIST, by accumulator width and shift: table, plot, numbers
+demo: ## a network trained on Fashion-MNIST, studied and narrowed: tables and a report with pictures
 	@scripts/setup.sh demo
 	@scripts/install_package.sh
 	@$(PYTHON) examples/fashion/run.py --output-dir build/demo
 
-demo-digits: setup ## widths, shifts and half precision on handwritten digits, layer by layer
+demo-digits: setup ## shifts and half precision on handwritten digits, layer by layer
 	@$(PYTHON) examples/digits/run.py --output-dir build/demo-digits
 
 demo-numeric: setup ## softmax, layer norm and activation units in a transformer: errors and curves

@@ -1,6 +1,10 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Prepared layers, from stored bytes to stored bytes, beside the stock convolution of floats."""
+"""Prepared layers, from stored integers to stored integers.
+
+Those of bytes stand beside the stock ops of floats, those of sums of 64 bits beside the ops that
+they are one after the other.
+"""
 
 from __future__ import annotations
 
@@ -10,6 +14,7 @@ from dataclasses import dataclass
 import tensorflow as tf
 
 import bitfold
+from bitfold.network.operators._accumulator import exact_groups
 from timing import Case, in_graph, integers, vector_target
 
 
@@ -36,11 +41,40 @@ ARITHMETICS = {
 }
 
 
+# Sums that 32 bits hold, and sums that they may not.
+WIDE_LAYERS = (
+    *LAYERS,
+    Layer("7x7x512 to 512, 3x3", 7, 512, 512, 3),
+    Layer("1x1x4096 to 1000, 1x1", 1, 4096, 1000, 1),
+)
+
+
+@dataclass(frozen=True)
+class Product:
+    """The shapes of products of matrices."""
+
+    name: str
+    pairs: int
+    rows: int
+    inner: int
+    columns: int
+    transposed: bool
+
+
+PRODUCTS = (
+    Product("12x197x64 by 12x197x64 transposed", 12, 197, 64, 197, transposed=True),
+    Product("12x197x197 by 12x197x64", 12, 197, 197, 64, transposed=False),
+)
+ZERO_POINTS = (-3, 7)
+
+
 def cases() -> list[Case]:
     """Return each layer in each arithmetic."""
-    return [
-        _case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()
+    layers = [
+        *(_case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()),
+        *map(_wide_case, WIDE_LAYERS),
     ]
+    return layers + [case for product in PRODUCTS for case in _products(product)]
 
 
 def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
@@ -73,3 +107,86 @@ def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
         in_graph(stock, *floats),
         vector_target(),
     )
+
+
+def _wide_case(layer: Layer) -> Case:
+    channels = layer.channels if layer.outputs else 1
+    outputs = layer.outputs or layer.channels
+    x = integers((1, layer.side, layer.side, layer.channels), -(2**15), 2**15 - 1, tf.int16)
+    w = integers((layer.taps, layer.taps, channels, outputs), -127, 127, tf.int8)
+    bias = integers((outputs,), -1000, 1000, tf.int64)
+    multipliers = tf.fill([outputs], tf.constant(1e-3, tf.float64))
+    rounded = dict(rounding="short_multiplier", dtype=tf.int16)
+    ours = functools.partial(
+        bitfold.ops.prepared_conv2d,
+        padding="SAME",
+        depthwise=not layer.outputs,
+        accumulator_size=64,
+        constant_weights=True,
+        **rounded,
+    )
+    groups = exact_groups(w.numpy(), 2**15, 0) if layer.outputs else [slice(None)]
+
+    def one_after_the_other(x, w, bias, multipliers):
+        data, weights = tf.cast(x, tf.int32), tf.cast(w, tf.int32)
+        convolve = bitfold.ops.conv2d if layer.outputs else bitfold.ops.depthwise_conv2d
+        sums = [convolve(data[..., g], weights[:, :, g], padding="SAME") for g in groups]
+        total = tf.add_n([tf.cast(part, tf.int64) for part in sums]) + bias
+        return bitfold.ops.requantise(total, multipliers, **rounded)
+
+    return Case(
+        f"HPreparedConvolution/{layer.name}, 64 bits",
+        layer.name,
+        layer.side**2 * layer.taps**2 * layer.channels * (layer.outputs or 1),
+        in_graph(ours, x, w, bias, multipliers),
+        in_graph(one_after_the_other, x, w, bias, multipliers),
+        vector_target(),
+    )
+
+
+def _products(product: Product) -> list[Case]:
+    """Return the cases of a product: beside the stock op, and beside the ops that define it."""
+    shape = (product.inner, product.columns)
+    a = integers((product.pairs, product.rows, product.inner), -128, 127, tf.int8)
+    b = integers(
+        (product.pairs, *(shape[::-1] if product.transposed else shape)), -128, 127, tf.int8
+    )
+    floats = (tf.cast(a, tf.float32), tf.cast(b, tf.float32))
+    first, second = ZERO_POINTS
+
+    def ours(a, b, **options):
+        return bitfold.ops.prepared_matmul(
+            a,
+            b,
+            [1e-3],
+            transpose_second=product.transposed,
+            first_zero_point=first,
+            second_zero_point=second,
+            **options,
+        )
+
+    def op_by_op(a, b):
+        a, b = tf.cast(a, tf.int32) - first, tf.cast(b, tf.int32) - second
+        b = tf.linalg.matrix_transpose(b) if product.transposed else b
+        sums = bitfold.ops.matmul(a, b, accumulator_size=32)
+        return bitfold.ops.requantise(sums, [1e-3], dtype=tf.int8)
+
+    def stock(a, b):
+        return tf.matmul(a, b, transpose_b=product.transposed)
+
+    def case(name, call, other):
+        return Case(
+            f"HPreparedMatmul/{product.name}, {name}",
+            product.name,
+            product.pairs * product.rows * product.inner * product.columns,
+            call,
+            other,
+            vector_target(),
+        )
+
+    half = functools.partial(ours, use_fp16_acc=True)
+    return [
+        case("proven", in_graph(ours, a, b), in_graph(stock, *floats)),
+        case("proven, to op by op", in_graph(ours, a, b), in_graph(op_by_op, a, b)),
+        case("half precision", in_graph(half, a, b), in_graph(stock, *floats)),
+    ]

@@ -9,6 +9,9 @@
 #   scripts/device_test.sh          compiled for the GPU that is here
 #   scripts/device_test.sh 61 75    for these compute capabilities, and as PTX for newer GPUs
 #
+#   BITFOLD_DEVICE_TEST=--times scripts/device_test.sh
+#                                   an option of the program: --quick or --times
+#
 # Environment: BITFOLD_CUDA_ARCHITECTURES, the same list; NVCC and CXX, the compilers;
 # BITFOLD_TEST_SEED. Exits with 0 if all passed, 1 if something failed, 2 if something is missing.
 set -euo pipefail
@@ -69,4 +72,4 @@ for source in tests/device/*.cc; do
 done
 say "Compiling for compute capability ${wanted[*]} (a minute)."
 "${compile[@]}" "${sources[@]}" -o $out/device_test
-exec $out/device_test
+exec $out/device_test ${BITFOLD_DEVICE_TEST:+"$BITFOLD_DEVICE_TEST"}

@@ -28,12 +28,14 @@ GIB_SIDE_BY_SIDE = 6.0  # a sanitizer's compilations, and TensorFlow
 def cpp_stage(preset: str, title: str, *options: str) -> Stage:
     """Return a stage that configures, builds and runs the C++ tests of a CMake preset."""
     test = ("ctest", "--preset", preset, "-j", JOBS, *options)
+    # Tests of another stage build in the folder of the sanitizers, too.
+    alone = ("flock", str(ROOT / "build" / f"{preset}.lock"))
     return Stage(
         preset,
         title,
         (
-            ("cmake", "--preset", preset, "-Wno-dev"),
-            ("cmake", "--build", "--preset", preset, "-j", JOBS),
+            (*alone, "cmake", "--preset", preset, "-Wno-dev"),
+            (*alone, "cmake", "--build", "--preset", preset, "-j", JOBS),
             (*test, "--output-junit", str(RESULTS / f"{preset}.xml")),
         ),
         lane="compiled",
@@ -82,25 +84,17 @@ def python_stages() -> list[Stage]:
             "networks",
             "Networks against the interpreter, and the ops",
             str(NETWORKS),
-            f"--ignore={OPERATORS}",
         ),
         pytest_stage("robustness", "Calls that are wrong on purpose", "tests/robustness"),
         pytest_stage("doctests", "Examples in docstrings", *doctests),
     ]
 
 
-def operators_stage() -> Stage:
-    """Return the stage of networks' operators, in the lane that else would end first."""
-    title = "Networks' operators, each for itself"
-    return dataclasses.replace(pytest_stage("operators", title, str(OPERATORS)), lane="compiled")
-
-
 RUNTIME = "Python: the ops through the runtime, package, repository"
 NETWORKS = pathlib.Path("tests", "python", "network")
-OPERATORS = NETWORKS / "operators"
 WITHOUT_NETWORKS = ("tests/python", f"--ignore={NETWORKS}")
 CPP = cpp_stages()
-STAGES = (*CPP.values(), lint_stage(), operators_stage(), *python_stages())
+STAGES = (*CPP.values(), lint_stage(), *python_stages())
 
 # For daily work: what a change breaks most often, in seconds to two minutes.
 QUICK = (

@@ -12,9 +12,3 @@ def bits_needed(values: np.ndarray) -> int:
     """Narrowest two's complement width that holds every one of some whole numbers."""
     largest = max(int(values.max()), -1 - int(values.min()), 0)
     return largest.bit_length() + 1
-
-
-def share_beyond(values: np.ndarray, width: int) -> float:
-    """Share of whole numbers, 0..1, that a two's complement width does not hold."""
-    limit = 2 ** (width - 1)
-    return float(np.mean((values < -limit) | (values >= limit)))

@@ -18,7 +18,6 @@ from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, T
 COLOURS = ("#0072B2", "#E69F00", "#009E73", "#CC79A7", "#56B4E9", "#D55E00")
 """Colours that remain distinct for colour-blind readers."""
 
-MARKERS = ("o", "s", "^", "D", "v", "P")
 PLAIN_WIDTH = 110
 
 Report = Callable[[str, int], None]

@@ -5,7 +5,6 @@
 
 from __future__ import annotations
 
-import numpy as np
 import tensorflow as tf
 
 from pictures import CLASSES, Dataset
@@ -44,9 +43,3 @@ def train(digits: Dataset, seed: int, epochs: int) -> tf.keras.Model:
         digits.train_images, digits.train_labels, batch_size=BATCH, epochs=epochs, verbose=0
     )
     return network
-
-
-def accuracy(network: tf.keras.Model, images: np.ndarray, labels: np.ndarray) -> float:
-    """Share of images [n, 8, 8, 1] that the float network gets right, 0..1."""
-    scores = network(images, training=False).numpy()
-    return float(np.mean(scores.argmax(axis=-1) == labels))

@@ -15,14 +15,23 @@ sys.path.append(str(Path(__file__).resolve().parent.parent / "common"))
 
 import command
 
+SHIFTS = range(13)
+"""Shifts under test with an accumulator that is too narrow and with one of 32 bits."""
+
+HALF_SHIFTS = range(7)
+"""The same with the half-precision accumulator, which takes no larger ones."""
+
+BITS_SHORT = 4
+"""The too narrow accumulator lacks so many bits of what the network needs."""
+
 
 def run(options: argparse.Namespace) -> None:
-    """Do the whole job: train, import, measure, report."""
+    """Do the whole job: train, import, study, report."""
+    import bitfold
     import model
     import pictures
-    import report
-    import study
-    from console import make_console, progress_reports
+    from bitfold import Arithmetic
+    from console import make_console
 
     console = make_console()
     started = time.perf_counter()
@@ -31,40 +40,33 @@ def run(options: argparse.Namespace) -> None:
     labels = digits.test_labels[: options.images]
 
     console.print(f"Training on {len(digits.train_labels)} images, {options.epochs} epochs ...")
-    float_network = model.train(digits, options.seed, options.epochs)
-    float_accuracy = model.accuracy(float_network, images, labels)
+    float_model = model.train(digits, options.seed, options.epochs)
     trained = time.perf_counter()
-    console.print(f"Float network: accuracy {float_accuracy:.2%} after {trained - started:.1f} s")
 
-    with progress_reports(console, study.RUNS + len(options.widths)) as progress:
-        results = study.run_study(
-            float_network, digits.train_images, images, labels, options.widths, progress
-        )
-    measured = time.perf_counter()
+    network = bitfold.Network.from_keras(float_model, digits.train_images)
+    needed = max(layer.needed for layer in bitfold.study(network, images).layers)
+    cases = [Arithmetic(width) for width in options.widths]
+    cases += [Arithmetic(width, shift) for width in (needed - BITS_SHORT, 32) for shift in SHIFTS]
+    cases += [Arithmetic(mult_shift=shift, use_fp16_acc=True) for shift in HALF_SHIFTS]
+    study = bitfold.study(
+        network, images, labels,
+        arithmetics=list(dict.fromkeys(cases)), float_model=float_model,
+    )  # fmt: skip
+    studied = time.perf_counter()
 
-    settings = {
-        "seed": options.seed,
-        "epochs": options.epochs,
-        "test_images": len(labels),
-        "training_seconds": round(trained - started, 1),
-        "study_seconds": round(measured - trained, 1),
-    }
     options.output_dir.mkdir(parents=True, exist_ok=True)
-    picture = options.output_dir / "accumulator_width.png"
-    numbers = options.output_dir / "results.json"
-    report.write_plot(picture, results, float_accuracy)
-    report.write_json(numbers, settings, results, float_accuracy)
-    report.print_width_table(console, results, float_accuracy)
-    report.print_shift_table(console, results)
-    report.print_summary(console, results, float_accuracy, len(labels))
+    report, numbers = (options.output_dir / name for name in ("report.html", "results.json"))
+    study.save(report)
+    study.save(numbers)
+    study.print()
     console.print(
-        f"Training took {trained - started:.0f} s, the measurements {measured - trained:.0f} s.\n"
-        f"Picture: {picture}\nNumbers: {numbers}",
+        f"\nTraining took {trained - started:.0f} s, the study {studied - trained:.0f} s.\n"
+        f"Report: {report}\nNumbers: {numbers}",
         soft_wrap=True,
     )
 
 
 if __name__ == "__main__":
-    parser = command.make_parser(__doc__, "build/demo-digits", 50, "accumulator_width.png")
+    parser = command.make_parser(__doc__, "build/demo-digits", 50, "report.html")
     command.add_widths(parser, 8, 24)
     sys.exit(command.start(run, parser.parse_args()))

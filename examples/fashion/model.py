@@ -8,7 +8,6 @@ from __future__ import annotations
 import hashlib
 from pathlib import Path
 
-import numpy as np
 import tensorflow as tf
 
 from console import Report
@@ -67,12 +66,6 @@ def train(dataset: Dataset, seed: int, epochs: int, folder: Path, report: Report
     folder.mkdir(parents=True, exist_ok=True)
     network.save_weights(kept)
     return network
-
-
-def accuracy(network: tf.keras.Model, images: np.ndarray, labels: np.ndarray) -> float:
-    """Share of images [n, h, w, 1] that the float network gets right, 0..1."""
-    scores = network.predict(images, batch_size=500, verbose=0)
-    return float(np.mean(scores.argmax(axis=-1) == labels))
 
 
 def _separable_block(x: tf.Tensor, name: str, channels: int, strides: int = 1) -> tf.Tensor:

@@ -2,7 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // HPreparedConvolution: a layer of a quantised network from stored integers to stored integers, the
-// definition: the sums of HConv2d, HConv2dDilation or HDepthWise, then HBiasAdd, then HRequantise.
+// definition: the sums of HConv2d, HConv2dDilation or HDepthWise, then HBiasAdd, then HRequantise;
+// or sums of 64 bits, which no accumulator wraps.
 
 #ifndef BITFOLD_HPREPARED_CONVOLUTION_H_
 #define BITFOLD_HPREPARED_CONVOLUTION_H_
@@ -17,6 +18,9 @@
 #include "bitfold/convolution_call.h"
 #include "bitfold/datapath_attributes.h"
 #include "bitfold/geometry.h"
+#include "bitfold/int64_arithmetic.h"
+#include "bitfold/prepared_arithmetic.h"
+#include "bitfold/product_scaling.h"
 
 namespace bitfold {
 
@@ -45,6 +49,9 @@ inline WindowAxis WindowOf(const LayerAxis& axis) {
   return window;
 }
 
+// The accumulator_size of sums of 64 bits.
+inline constexpr int32_t kWideAccumulator = 64;
+
 // A layer and what it is made of. Requires
 //   axes        of one padding and at least one output; sizes of at least 1, zeros around of at
 //               least 0, and sums of all that stay below 2^30;
@@ -52,7 +59,9 @@ inline WindowAxis WindowOf(const LayerAxis& axis) {
 //   bias        null or of out_channels;
 //   multipliers one or, per_channel, out_channels, for which the rescaling is defined; two
 //               roundings or, of any sums, one of the others;
-//   depthwise:  out_channels <= in_channels.
+//   depthwise:  out_channels <= in_channels;
+//   wide sums:  one of the other roundings, no half precision, the wide bias instead of the other,
+//               and a shift from 0 to 31.
 struct PreparedLayer {
   int32_t in_channels;
   int32_t out_channels;
@@ -68,7 +77,9 @@ struct PreparedLayer {
   int32_t mult_shift;  // by bits; in half precision products are divided by 2^mult_shift
   bool use_fp16_acc;   // on float sums
   RequantiseMode requantise;
+  const int64_t* wide_bias = nullptr;
 
+  bool IsWide() const { return accumulator_size == kWideAccumulator; }
   int64_t FilterElements() const {
     return int64_t{rows.taps} * columns.taps * (is_depthwise ? 1 : in_channels) * out_channels;
   }
@@ -77,10 +88,7 @@ struct PreparedLayer {
   int64_t Positions() const { return int64_t{rows.outputs()} * columns.outputs(); }
   int64_t OutputElements() const { return Positions() * out_channels; }
 
-  // What the datapath takes for the shift.
-  int8_t Shift() const {
-    return static_cast<int8_t>(use_fp16_acc && mult_shift != 0 ? 1 << mult_shift : mult_shift);
-  }
+  int8_t Shift() const { return ShiftOfDatapath(mult_shift, use_fp16_acc); }
 };
 
 // An image as the convolutions take it: numbers less their zero point, surrounded by zeros. `out`
@@ -142,6 +150,47 @@ void DefinePreparedImage(const PreparedLayer& layer, const In* image, Out* outpu
                                   layer.multipliers, layer.per_channel, layer.requantise});
 }
 
+// A sum of 64 bits, of a padded image: products as the convolutions scale them.
+inline int64_t DefineWideSum(const PreparedLayer& layer, const int32_t* padded, int64_t position,
+                             int32_t channel) {
+  const WindowAxis rows(layer.rows.OfPadded());
+  const WindowAxis columns(layer.columns.OfPadded());
+  const int32_t depth = layer.is_depthwise ? 1 : layer.in_channels;
+  int64_t sum = 0;
+  for (int32_t kh = 0; kh < rows.taps; ++kh) {
+    const int32_t row = rows.Coordinate(static_cast<int32_t>(position / columns.outputs), kh);
+    for (int32_t kw = 0; rows.Contains(row) && kw < columns.taps; ++kw) {
+      const int32_t column =
+          columns.Coordinate(static_cast<int32_t>(position % columns.outputs), kw);
+      if (!columns.Contains(column)) continue;
+      const int64_t pixel = (int64_t{row} * columns.input + column) * layer.in_channels;
+      const int32_t* data = padded + pixel + (layer.is_depthwise ? channel : 0);
+      const int64_t tap = (int64_t{kh} * columns.taps + kw) * depth;
+      for (int32_t c = 0; c < depth; ++c) {
+        const int32_t weight = layer.filter[(tap + c) * layer.out_channels + channel];
+        sum += ShiftRoundHalfToEven(data[c] * weight, layer.mult_shift);
+      }
+    }
+  }
+  return sum;
+}
+
+// One image of a layer of wide sums.
+template <typename In, typename Out>
+void DefineWideImage(const PreparedLayer& layer, const In* image, Out* output) {
+  std::vector<int32_t> padded(static_cast<size_t>(layer.PaddedElements()));
+  std::vector<int64_t> sums(static_cast<size_t>(layer.OutputElements()));
+  PadImage(layer, image, padded.data());
+  for (int64_t i = 0; i < layer.OutputElements(); ++i) {
+    const auto channel = static_cast<int32_t>(i % layer.out_channels);
+    const int64_t sum = DefineWideSum(layer, padded.data(), i / layer.out_channels, channel);
+    const int64_t bias = layer.wide_bias == nullptr ? 0 : layer.wide_bias[channel];
+    sums[static_cast<size_t>(i)] = WrapAdd64(sum, ShiftRoundHalfToEven64(bias, layer.mult_shift));
+  }
+  DefineRequantise<int64_t, Out>({sums.data(), output, layer.Positions(), layer.out_channels,
+                                  layer.multipliers, layer.per_channel, layer.requantise});
+}
+
 // The op; the definition.
 template <typename In, typename Out>
 void DefinePreparedConvolution(const PreparedLayer& layer, const In* input, int32_t batch,
@@ -149,7 +198,9 @@ void DefinePreparedConvolution(const PreparedLayer& layer, const In* input, int3
   for (int32_t image = 0; image < batch; ++image) {
     const In* from = input + image * layer.InputElements();
     Out* to = output + image * layer.OutputElements();
-    if (layer.use_fp16_acc) {
+    if (layer.IsWide()) {
+      DefineWideImage(layer, from, to);
+    } else if (layer.use_fp16_acc) {
       DefinePreparedImage<float>(layer, from, to);
     } else {
       DefinePreparedImage<int32_t>(layer, from, to);

@@ -16,6 +16,9 @@
 
 namespace bitfold {
 
+// A grid has at most 65535 rows of blocks, each of 16 channels.
+inline constexpr int32_t kMaxDeviceChannels = 65535 * 16;
+
 // One axis of the window as the device places it: tap 0 of output 0 lies pad_before outside the
 // input, whatever the stride, where the CPU's window is placed by its centre (WindowAxis). Both
 // agree for odd filters at stride 1. `positions` ignores that SAME keeps the size also where
@@ -66,12 +69,21 @@ struct DeviceConvolution {
   int64_t window() const { return int64_t{rows.taps} * columns.taps * in_channels; }
   int64_t outputs() const { return int64_t{rows.outputs} * columns.outputs; }
   int64_t positions() const { return int64_t{rows.positions} * columns.positions; }
-  int64_t unfolded() const { return positions() * in_channels; }
+  // Without taps there is nothing to unfold, however many positions there are.
+  int64_t unfolded() const { return window() == 0 ? 0 : positions() * in_channels; }
   int64_t row_elements() const { return window() * out_channels; }
 
   // Room for what the product reads and for what is unfolded, which can be more (a dilation below
   // 1 with SAME).
   int64_t column_elements() const { return window() * std::max(outputs(), positions()); }
+
+  // The axis along which no position is left to unfold, null if there is none. Where some are left,
+  // rule D5 says where they lie among the outputs; without any it does not, and two such axes have
+  // a product above 0.
+  const DeviceWindowAxis* AxisWithoutPositions() const {
+    if (rows.positions <= 0) return &rows;
+    return columns.positions <= 0 ? &columns : nullptr;
+  }
 
   // Whether there is anything to compute.
   bool HasOutputs() const {

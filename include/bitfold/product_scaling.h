@@ -15,6 +15,7 @@
 
 #include "bitfold/host_device.h"
 #include "bitfold/int32_arithmetic.h"
+#include "bitfold/int64_arithmetic.h"
 
 namespace bitfold {
 
@@ -35,6 +36,15 @@ BITFOLD_HOST_DEVICE inline int32_t ShiftRoundHalfToEven(int32_t x, int32_t shift
   const int32_t sticky = (mask & x) > 0 ? 1 : 0;
   const int32_t round = sticky & ShiftRight(x, below);
   return WrapAdd(ShiftRight(x, shift), round);
+}
+
+// x / 2^shift rounded half to even, of 64 bits and of any sign. Requires 0 <= shift <= 31.
+inline int64_t ShiftRoundHalfToEven64(int64_t x, int32_t shift) {
+  if (shift == 0) return x;
+  const int64_t kept = ShiftRight64(x, shift);
+  const int64_t rest = WrapSubtract64(x, ShiftLeft64(kept, shift));
+  const int64_t half = int64_t{1} << (shift - 1);
+  return kept + (rest > half || (rest == half && kept % 2 != 0) ? 1 : 0);
 }
 
 // x / shift rounded to the nearest integer with halves to even; a shift of 0 returns x. Division

@@ -10,32 +10,11 @@
 #include <cstdint>
 
 #include "bitfold/datapath.h"
+#include "bitfold/feed_repeat.h"
 #include "bitfold/float_passes.h"
+#include "bitfold/int32_passes.h"
 
 namespace bitfold {
-
-// The largest feed repeat that the ops accept: 2^31.
-inline constexpr float kMaxFeedRepeat = 2147483648.0f;
-
-// The number of passes of the feed: none when feed_repeat <= 0, else the smallest k >= 1 with
-// (float)k >= feed_repeat. Up to 2^24 that is the ceiling; above, (float)k rounds, so fewer passes
-// than feed_repeat can do.
-// Requires feed_repeat <= kMaxFeedRepeat, which NaN and +infinity are not.
-inline int64_t FeedRepeatCount(float feed_repeat) {
-  if (0.0f >= feed_repeat) return 0;
-  // (float)k never falls as k grows, and (float)2^31 >= feed_repeat: bisect.
-  int64_t low = 1;
-  int64_t high = int64_t{1} << 31;
-  while (low < high) {
-    const int64_t middle = low + (high - low) / 2;
-    if (static_cast<float>(middle) >= feed_repeat) {
-      high = middle;
-    } else {
-      low = middle + 1;
-    }
-  }
-  return low;
-}
 
 // The definition: every pass is made.
 struct EveryPass {
@@ -64,13 +43,7 @@ struct NeverStop {
 // is true, which is asked at the start and now and then, the passes end early and the result is any
 // value.
 //
-// Integers: let P = max - min + 1 be the accumulator's period. If acc is in range and |addend| <=
-// P, one wrap after each addition brings acc back into range, congruent to the plain sum modulo P
-// (theorem 1 of docs/arithmetic.md). So from the first pass that starts in range, the rest is the
-// one value of [min, max] congruent to acc + passes * addend. Two addends a pass are the same with
-// their sum, if each obeys the bound.
-//
-// Floats: float_passes.h. Passes that print are made one after the other.
+// Integers: int32_passes.h. Floats: float_passes.h. Passes that print are made one after the other.
 template <typename Stop = NeverStop>
 struct ProvenPasses {
   Stop stop;
@@ -107,31 +80,12 @@ struct ProvenPasses {
                    Addends... addends) const {
     for (int64_t made = 0; passes > 0; ++made, --passes) {
       if (made % kPassesPerPoll == 0 && stop()) return acc;
-      if (passes > 1 && (... && IsProven(datapath, acc, addends))) {
-        return Congruent(datapath, acc, (... + int64_t{addends}), passes);
+      if (passes > 1 && (... && IsProvenPass(datapath.limits(), acc, addends))) {
+        return MakeProvenPasses(datapath.limits(), acc, (... + int64_t{addends}), passes);
       }
       acc = EveryPass{}(datapath, acc, addends..., 1);
     }
     return acc;
-  }
-
-  static int64_t Period(const Datapath<int32_t>& datapath) {
-    return int64_t{datapath.limits().max} - datapath.limits().min + 1;
-  }
-
-  static bool IsProven(const Datapath<int32_t>& datapath, int32_t acc, int64_t addend) {
-    const int64_t period = Period(datapath);
-    return datapath.limits().min <= acc && acc <= datapath.limits().max && -period <= addend &&
-           addend <= period;
-  }
-
-  // Requires 0 < passes <= 2^31: with the remainder below 2^32 the product fits 63 bits.
-  static int32_t Congruent(const Datapath<int32_t>& datapath, int64_t acc, int64_t addends,
-                           int64_t passes) {
-    const int64_t period = Period(datapath);
-    const int64_t min = datapath.limits().min;
-    const int64_t offset = (passes * (addends % period) % period + acc - min) % period;
-    return static_cast<int32_t>(min + (offset < 0 ? offset + period : offset));
   }
 };
 

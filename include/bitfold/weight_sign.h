@@ -29,6 +29,9 @@ class WeightSign {
     period_ = static_cast<T>(WrapAdd(WrapMultiply(2, max), 2));
   }
 
+  // The largest weight that is read as it is.
+  BITFOLD_HOST_DEVICE T max() const { return max_; }
+
   BITFOLD_HOST_DEVICE bool NeedsCorrection(T weight) const { return weight > max_; }
 
   // Requires NeedsCorrection(weight). One correction only.

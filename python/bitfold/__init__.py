@@ -11,7 +11,8 @@ those of the registered operations; ``bitfold.tables`` fits the table-driven uni
 ``bitfold.detection`` and ``bitfold.resize`` prepare the inputs of the box decoders, of suppression
 and of the resampler; ``bitfold.fpx`` holds the accelerator's narrow floats;
 ``bitfold.set_warnings`` says what becomes of the lines that ops print,
-``bitfold.set_image_threads`` which threads compute convolutions.
+``bitfold.flush_device_lines`` brings those of a GPU, ``bitfold.set_image_threads`` says which
+threads compute convolutions.
 
 Example:
     >>> import bitfold
@@ -20,6 +21,7 @@ Example:
     array([[-106]], dtype=int32)
 """
 
+from bitfold._frame.device_lines import flush_device_lines
 from bitfold._frame.library import VERSION, include_dir, library_path
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.thread_setting import set_image_threads
@@ -38,6 +40,7 @@ __all__ = [
     "UnsupportedModelError",
     "__version__",
     "detection",
+    "flush_device_lines",
     "fpx",
     "include_dir",
     "library_path",

@@ -4,6 +4,7 @@
 #include "chain/dot_convolution.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "bitfold/int32_arithmetic.h"
@@ -73,36 +74,43 @@ int64_t DotConvolution<In, Output>::WithTables(int64_t bytes) const {
 }
 
 template <typename In, typename Output>
+template <typename Weight>
 bool DotConvolution<In, Output>::Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                                          const int32_t* addends) {
   const auto words = [scratch](int64_t count) {
     return static_cast<int32_t*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(int32_t)));
   };
-  weights_ = words(panels_ * PanelWords());
+  weights_ = words(panels_ * PanelStride());
   initial_sums_ = words(panels_ * kPanel);
-  if (remainders_) choices_ = words(2 * panels_ * PanelWords());
+  if (remainders_) choices_ = words(2 * panels_ * PanelStride());
   if (weights_ == nullptr || initial_sums_ == nullptr) return false;
   if (remainders_ && choices_ == nullptr) return false;
-  workers->Share(panels_, PanelWords(),
-                 [&](int64_t first, int64_t end) { PackPanels(filter, addends, first, end); });
-  return true;
+  std::atomic<bool> fits{true};
+  workers->Share(panels_, PanelWords(), [&](int64_t first, int64_t end) {
+    if (!PackPanels(filter, addends, first, end)) fits = false;
+  });
+  return fits;
 }
 
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t* addends,
+template <typename Weight>
+bool DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t* addends,
                                             int64_t first, int64_t end) {
   const int64_t channel = first * kPanel;
   const int64_t stride = layer_.out_channels;
   const int64_t channels = std::min(end * kPanel, stride) - channel;
-  const WeightShape shape = {tap_size_, channels, stride, PanelWords()};
+  const WeightShape shape = {tap_size_, channels, stride, PanelStride()};
   int32_t* sums = initial_sums_ + channel;
   std::fill_n(sums, (end - first) * kPanel, 0);
   for (int64_t tap = 0; tap < int64_t{layer_.rows.taps} * taps_; ++tap) {
     const Weight* weights = filter + tap * tap_size_ * stride + channel;
-    int32_t* out = weights_ + first * PanelWords() + tap * words_ * kPanel;
+    int32_t* out = weights_ + first * PanelStride() + tap * words_ * kPanel;
     int32_t* of_columns = plan_.input_offset == 0 ? nullptr : sums;  // else nobody asks for them
-    IsBytes() ? PackWeightBytes(weights, shape, out, of_columns)
-              : PackWeightShorts(weights, shape, out, of_columns);
+    if (!IsBytes()) {
+      PackWeightShorts(weights, shape, out, of_columns);
+    } else if (!PackWeightBytes(weights, shape, out, of_columns)) {
+      return false;
+    }
   }
   // What surrounds the image has the offset, too.
   for (int64_t c = 0; c < channels; ++c) {
@@ -110,33 +118,34 @@ void DotConvolution<In, Output>::PackPanels(const Weight* filter, const int32_t*
     sums[c] = WrapSubtract(addend, WrapMultiply(plan_.input_offset, sums[c]));
   }
   for (int64_t panel = first; remainders_ && panel < end; ++panel) {
-    remainders_->Choose(weights_ + panel * PanelWords(), PanelWords() / kPanel,
-                        choices_ + 2 * panel * PanelWords(), initial_sums_ + panel * kPanel);
+    remainders_->Choose(weights_ + panel * PanelStride(), PanelWords() / kPanel,
+                        choices_ + 2 * panel * PanelStride(), initial_sums_ + panel * kPanel);
   }
+  return true;
 }
 
 // What fills a pixel up meets 0 in the weights.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, uint8_t* out) const {
+bool DotConvolution<In, Output>::PackPixels(const In* pixels, int64_t count, uint8_t* out) const {
   const auto pack = [this](const In* x, int64_t numbers, uint8_t* to) {
-    if (IsBytes()) {
-      PackBytes(x, numbers, StoredOffset(), to);
-    } else {
-      PackShorts(x, numbers, StoredOffset(), reinterpret_cast<int16_t*>(to));
-    }
+    if (IsBytes()) return PackBytes(x, numbers, StoredOffset(), to);
+    PackShorts(x, numbers, StoredOffset(), reinterpret_cast<int16_t*>(to));
+    return true;
   };
   const int64_t channels = layer_.in_channels;
-  if (pixel_ == channels) return pack(pixels, count * channels, out);
-  std::memset(out, 0, static_cast<size_t>(count * PixelBytes()));
+  const int64_t stride = layer_.PixelStride();
+  if (pixel_ == channels && stride == channels) return pack(pixels, count * channels, out);
+  if (pixel_ != channels) std::memset(out, 0, static_cast<size_t>(count * PixelBytes()));
   for (int64_t pixel = 0; pixel < count; ++pixel) {
-    pack(pixels + pixel * channels, channels, out + pixel * PixelBytes());
+    if (!pack(pixels + pixel * stride, channels, out + pixel * PixelBytes())) return false;
   }
+  return true;
 }
 
 // `rows` rows from the image's row `first` on, which may lie outside: there all is 0. After them
 // comes what the last tap's words read beyond its numbers.
 template <typename In, typename Output>
-void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32_t rows,
+bool DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32_t rows,
                                            uint8_t* out) const {
   const int zero = IsBytes() ? plan_.input_offset : 0;
   const auto fill = [zero](uint8_t* to, int64_t bytes) {
@@ -145,17 +154,18 @@ void DotConvolution<In, Output>::PackStrip(const In* image, int32_t first, int32
   const int32_t inside = std::min(layer_.columns.input, padded_columns_ - before_);
   const int64_t before = before_ * PixelBytes();
   const int64_t used = inside * PixelBytes();
-  const int64_t image_row = int64_t{layer_.columns.input} * layer_.in_channels;
+  const int64_t image_row = int64_t{layer_.columns.input} * layer_.PixelStride();
   for (int32_t row = first; row < first + rows; ++row, out += RowBytes()) {
     if (row < 0 || row >= layer_.rows.input) {
       fill(out, RowBytes());
       continue;
     }
     fill(out, before);
-    PackPixels(image + row * image_row, inside, out + before);
+    if (!PackPixels(image + row * image_row, inside, out + before)) return false;
     fill(out + before + used, RowBytes() - before - used);
   }
   fill(out, sizeof(int32_t));
+  return true;
 }
 
 // Those of all packed bytes and of what follows them, behind them; null where there are none.
@@ -168,13 +178,13 @@ const uint8_t* DotConvolution<In, Output>::LookUpTables(uint8_t* numbers, int64_
 }
 
 template <typename In, typename Output>
-void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, const Output& output,
+bool DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, const Output& output,
                                      int32_t* words) const {
   const WindowAxis& rows = layer_.rows;
   auto* numbers = reinterpret_cast<uint8_t*>(words);
   const int32_t first = rows.Coordinate(block.first_row, 0);
   const int32_t end = rows.Coordinate(block.end_row - 1, rows.taps - 1) + 1;
-  PackStrip(image, first, end - first, numbers);
+  if (!PackStrip(image, first, end - first, numbers)) return false;
   const uint8_t* tables = LookUpTables(numbers, (end - first) * RowBytes());
   const int64_t column = (int64_t{layer_.columns.first} + before_) * PixelBytes();
   const Strip strip = {numbers + column,
@@ -183,19 +193,20 @@ void DotConvolution<In, Output>::Run(const In* image, const DotBlock& block, con
                        layer_.columns.stride * PixelBytes(),
                        block.end_row - block.first_row,
                        layer_.columns.outputs};
-  const int64_t position = int64_t{block.first_row} * layer_.columns.outputs;
-  RunStrip(strip, block.first_panel, block.end_panel, output.At(position, 0, layer_.out_channels));
+  RunStrip(strip, block.first_panel, block.end_panel, output);
+  return true;
 }
 
 template <typename In, typename Output>
-void DotConvolution<In, Output>::RunPixels(const In* pixels, int32_t count, const DotBlock& panels,
+bool DotConvolution<In, Output>::RunPixels(const In* pixels, int32_t count, const DotBlock& panels,
                                            const Output& output, int32_t* words) const {
   auto* numbers = reinterpret_cast<uint8_t*>(words);
-  PackPixels(pixels, count, numbers);
+  if (!PackPixels(pixels, count, numbers)) return false;
   std::memset(numbers + count * PixelBytes(), 0, sizeof(int32_t));
   const uint8_t* tables = LookUpTables(numbers, count * PixelBytes());
   RunStrip({numbers, tables, 0, PixelBytes(), 1, count}, panels.first_panel, panels.end_panel,
            output);
+  return true;
 }
 
 template <typename In, typename Output>
@@ -224,17 +235,17 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
 
   RemainderTile with_remainders{};
   DotTile& tile = with_remainders.dot;
-  tile.w = weights_ + panel * PanelWords();
+  tile.w = weights_ + panel * PanelStride();
   tile.initial = initial_sums_ + first_channel;
   tile.x_pixel = strip.column;
   tile.x_tap = layer_.columns.dilation * PixelBytes();
   tile.x_row = layer_.rows.dilation * RowBytes();
-  tile.w_panel = PanelWords();
+  tile.w_panel = PanelStride();
   tile.rows = layer_.rows.taps;
   tile.taps = taps_;
   tile.words = words_;
   if (remainders_) {
-    with_remainders.choices = choices_ + 2 * panel * PanelWords();
+    with_remainders.choices = choices_ + 2 * panel * PanelStride();
     with_remainders.entries = remainders_->Entries();
     with_remainders.shift = plan_.shift;
   }
@@ -263,7 +274,22 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
 
 template class DotConvolution<int32_t, SumOutput<int32_t>>;
 template class DotConvolution<float, SumOutput<float>>;
+template class DotConvolution<int8_t, SumOutput<int32_t>>;
+template class DotConvolution<int16_t, SumOutput<int32_t>>;
 template class DotConvolution<int8_t, StoredOutput>;
 template class DotConvolution<int16_t, StoredOutput>;
+
+#define BITFOLD_INSTANTIATE(In, Output, Weight)                                        \
+  template bool DotConvolution<In, Output>::Prepare(const Weight*, Workers*, Scratch*, \
+                                                    const int32_t*);
+BITFOLD_INSTANTIATE(int32_t, SumOutput<int32_t>, int32_t)
+BITFOLD_INSTANTIATE(float, SumOutput<float>, float)
+BITFOLD_INSTANTIATE(int8_t, SumOutput<int32_t>, int32_t)
+BITFOLD_INSTANTIATE(int16_t, SumOutput<int32_t>, int32_t)
+BITFOLD_INSTANTIATE(int8_t, StoredOutput, int32_t)
+BITFOLD_INSTANTIATE(int8_t, StoredOutput, int16_t)
+BITFOLD_INSTANTIATE(int16_t, StoredOutput, int32_t)
+BITFOLD_INSTANTIATE(int16_t, StoredOutput, int16_t)
+#undef BITFOLD_INSTANTIATE
 
 }  // namespace bitfold

@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <type_traits>
 
 #include "bitfold/geometry.h"
 #include "chain/dot_tile.h"
@@ -27,6 +26,10 @@ struct DotLayer {
   int32_t in_channels;
   int32_t out_channels;
   int32_t zero_point;  // the stored number that stands for 0
+  // Numbers from a pixel of the image to the next, where the channels are some of more; else 0.
+  int32_t pixel_stride = 0;
+
+  int32_t PixelStride() const { return pixel_stride == 0 ? in_channels : pixel_stride; }
 };
 
 // Part of an image's outputs: rows [first_row, end_row) by panels of 16 channels [first_panel,
@@ -40,17 +43,18 @@ struct DotBlock {
 
 // Requires windows that go forward and a plan of dot products, which is about numbers less their
 // zero point. In is int32_t, float, or a stored int8_t or int16_t; its numbers are whole and fit
-// the plan. Output is a SumOutput or a StoredOutput. Once prepared, everything may be called by
-// several threads at the same time.
+// the plan, but int32_t and float that are to be bytes: packing tells whether they are. Output is a
+// SumOutput or a StoredOutput. Once prepared, everything may be called by several threads at the
+// same time.
 template <typename In, typename Output>
 class DotConvolution {
  public:
-  using Weight = std::conditional_t<std::is_same_v<In, float>, float, int32_t>;
-
   DotConvolution(const DotLayer& layer, const ChainPlan& plan);
 
-  // Packs the weights, which `workers` share; false where there is no memory. Every sum of an
-  // output channel begins with its addend, where there are some.
+  // Packs the weights, which `workers` share; false where there is no memory, and where weights
+  // that are to be bytes are none. Every sum of an output channel begins with its addend, where
+  // there are some. Weight is int32_t, for stored inputs int16_t, too; of floats it is float.
+  template <typename Weight>
   bool Prepare(const Weight* filter, Workers* workers, Scratch* scratch,
                const int32_t* addends = nullptr);
 
@@ -66,12 +70,14 @@ class DotConvolution {
   int64_t StripWords(int32_t rows) const;
   int64_t PixelWords(int64_t pixels) const;
 
-  // Computes a block of an image, whose outputs begin at `output`. `words` has room for the strip
-  // of the block's rows; what it holds does not count.
-  void Run(const In* image, const DotBlock& block, const Output& output, int32_t* words) const;
+  // Computes a block of an image: the outputs of its first row, of all panels, begin at `output`.
+  // `words` has room for the strip of the block's rows; what it holds does not count. False, with
+  // nothing computed, where a number that is to be a byte is none.
+  bool Run(const In* image, const DotBlock& block, const Output& output, int32_t* words) const;
 
-  // Computes panels [first_panel, end_panel) of so many pixels, at least 1. Requires IsPixelwise.
-  void RunPixels(const In* pixels, int32_t count, const DotBlock& panels, const Output& output,
+  // The same for panels [first_panel, end_panel) of so many pixels, at least 1. Requires
+  // IsPixelwise.
+  bool RunPixels(const In* pixels, int32_t count, const DotBlock& panels, const Output& output,
                  int32_t* words) const;
 
  private:
@@ -93,12 +99,18 @@ class DotConvolution {
   }
   int64_t PixelBytes() const { return pixel_ * (IsBytes() ? 1 : 2); }
   int64_t RowBytes() const { return padded_columns_ * PixelBytes(); }
+  // Of a panel, and from one to the next: an odd number of the cache's lines, since panels are
+  // written side by side and would share a few places in the cache.
   int64_t PanelWords() const { return int64_t{layer_.rows.taps} * taps_ * words_ * kPanel; }
+  int64_t PanelStride() const {
+    return PanelWords() / kPanel % 2 == 0 ? PanelWords() + kPanel : PanelWords();
+  }
   int32_t StoredOffset() const { return plan_.input_offset - layer_.zero_point; }
 
-  void PackPanels(const Weight* filter, const int32_t* addends, int64_t first, int64_t end);
-  void PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
-  void PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;
+  template <typename Weight>
+  bool PackPanels(const Weight* filter, const int32_t* addends, int64_t first, int64_t end);
+  bool PackPixels(const In* pixels, int64_t count, uint8_t* out) const;
+  bool PackStrip(const In* image, int32_t first, int32_t rows, uint8_t* out) const;
   int64_t WithTables(int64_t bytes) const;
   const uint8_t* LookUpTables(uint8_t* numbers, int64_t bytes) const;
   void RunStrip(const Strip& strip, int32_t first_panel, int32_t end_panel,

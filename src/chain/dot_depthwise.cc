@@ -165,10 +165,11 @@ void DotDepthwise<In, Output>::SumWeights(const Weight* filter, const int32_t* a
 // Phase by phase; what lies left and right of the image is 0 there.
 template <typename In, typename Output>
 template <typename Number>
-void DotDepthwise<In, Output>::PackRow(const In* row, Number* out) const {
+bool DotDepthwise<In, Output>::PackRow(const In* row, Number* out) const {
   const WindowAxis& columns = layer_.columns;
   const int64_t channels = layer_.out_channels;
   const auto outside = static_cast<Number>(plan_.input_offset);
+  bool fits = true;
   for (const int32_t phase : phases_) {
     const int32_t first = columns.first + phase;
     // Columns [begin, end) of the phase lie inside.
@@ -180,34 +181,41 @@ void DotDepthwise<In, Output>::PackRow(const In* row, Number* out) const {
     std::fill_n(out, begin * channels, outside);
     if (end > begin) {
       const In* x = row + (first + begin * columns.stride) * layer_.in_channels;
-      PackColumns(x,
-                  ColumnShape{end - begin, int64_t{columns.stride} * layer_.in_channels, channels},
-                  plan_.input_offset - layer_.zero_point, out + begin * channels);
+      const ColumnShape shape = {end - begin, int64_t{columns.stride} * layer_.in_channels,
+                                 channels};
+      const int32_t offset = plan_.input_offset - layer_.zero_point;
+      Number* to = out + begin * channels;
+      if constexpr (std::is_same_v<Number, uint8_t>) {
+        fits &= PackColumns(x, shape, offset, to);
+      } else {
+        PackColumns(x, shape, offset, to);
+      }
     }
     std::fill(out + end * channels, out + phase_columns_ * channels, outside);
     out += phase_columns_ * channels;
   }
+  return fits;
 }
 
 template <typename In, typename Output>
 template <typename Number>
 const Number* DotDepthwise<In, Output>::KeepRow(const In* image, int32_t row,
-                                                const Kept<Number>& kept) const {
+                                                Kept<Number>* kept) const {
   const int32_t place = row % kept_rows_;
-  Number* numbers = kept.rows + place * row_numbers_;
-  if (kept.held[place] == row) return numbers;
-  kept.held[place] = row;
-  PackRow(image + int64_t{row} * layer_.columns.input * layer_.in_channels, numbers);
+  Number* numbers = kept->rows + place * row_numbers_;
+  if (kept->held[place] == row) return numbers;
+  kept->held[place] = row;
+  const int64_t image_row = int64_t{layer_.columns.input} * layer_.in_channels;
+  kept->fits &= PackRow(image + row * image_row, numbers);
   return numbers;
 }
 
 // The taps of a row of outputs; those that fill up the last word are its last tap again.
 template <typename In, typename Output>
 template <typename Number>
-void DotDepthwise<In, Output>::FindTaps(const In* image, int32_t row,
-                                        const Kept<Number>& kept) const {
+void DotDepthwise<In, Output>::FindTaps(const In* image, int32_t row, Kept<Number>* kept) const {
   const WindowAxis& rows = layer_.rows;
-  const Number** next = kept.taps;
+  const Number** next = kept->taps;
   for (int32_t tap = 0; tap < rows.taps; ++tap) {
     const int32_t y = rows.Coordinate(row, tap);
     const Number* numbers =
@@ -215,19 +223,19 @@ void DotDepthwise<In, Output>::FindTaps(const In* image, int32_t row,
     for (const int64_t offset : tap_offsets_) *next++ = numbers + offset;
   }
   const Number* last = next[-1];
-  std::fill(next, kept.taps + Words() * NumbersInAWord(), last);
+  std::fill(next, kept->taps + Words() * NumbersInAWord(), last);
 }
 
 template <typename In, typename Output>
-void DotDepthwise<In, Output>::Run(const In* image, const DepthwiseBlock& block,
+bool DotDepthwise<In, Output>::Run(const In* image, const DepthwiseBlock& block,
                                    const Output& output, void* memory) const {
-  IsBytes() ? RunAs<uint8_t>(image, block, output, memory)
-            : RunAs<int16_t>(image, block, output, memory);
+  return IsBytes() ? RunAs<uint8_t>(image, block, output, memory)
+                   : RunAs<int16_t>(image, block, output, memory);
 }
 
 template <typename In, typename Output>
 template <typename Number>
-void DotDepthwise<In, Output>::RunAs(const In* image, const DepthwiseBlock& block,
+bool DotDepthwise<In, Output>::RunAs(const In* image, const DepthwiseBlock& block,
                                      const Output& output, void* memory) const {
   char* next = static_cast<char*>(memory);
   const auto carve = [&next](int64_t bytes) -> void* {
@@ -240,6 +248,7 @@ void DotDepthwise<In, Output>::RunAs(const In* image, const DepthwiseBlock& bloc
   kept.held = static_cast<int32_t*>(carve(HeldBytes()));
   kept.taps = static_cast<const Number**>(carve(TapBytes()));
   kept.sums = static_cast<int32_t*>(carve(SumBytes()));
+  kept.fits = true;
   std::fill_n(kept.held, kept_rows_, -1);
 
   const int32_t channels = layer_.out_channels;
@@ -253,7 +262,8 @@ void DotDepthwise<In, Output>::RunAs(const In* image, const DepthwiseBlock& bloc
   dots.lanes = lanes_;
   dots.taps = taps_;
   for (int32_t row = block.first_row; row < block.end_row; ++row) {
-    FindTaps(image, row, kept);
+    FindTaps(image, row, &kept);
+    if (!kept.fits) return false;
     const Output row_output = output.At(int64_t{row} * outputs, 0, channels);
     if constexpr (std::is_same_v<Output, StoredOutput>) {
       StoreRow(dots, row_output, kept);
@@ -261,6 +271,7 @@ void DotDepthwise<In, Output>::RunAs(const In* image, const DepthwiseBlock& bloc
       RunKernel(dots, row_output);
     }
   }
+  return true;
 }
 
 // A few columns at a time, whose sums stay in the nearest cache.

@@ -29,7 +29,8 @@ struct DepthwiseBlock {
 
 // Requires windows that go forward, out_channels <= in_channels and a plan of dot products, which
 // is about numbers less their zero point. In is int32_t, float, or a stored int8_t or int16_t; its
-// numbers are whole and fit the plan. Output is a SumOutput or a StoredOutput. Once prepared,
+// numbers are whole and fit the plan, but int32_t and float that are to be bytes: packing tells
+// whether they are. Output is a SumOutput or a StoredOutput. Once prepared,
 // several threads may run at the same time.
 template <typename In, typename Output>
 class DotDepthwise {
@@ -47,8 +48,9 @@ class DotDepthwise {
   int64_t MemoryBytes() const;
 
   // Computes a block of an image, whose outputs begin at `output`. `memory` has MemoryBytes,
-  // aligned for any number; what it holds does not count.
-  void Run(const In* image, const DepthwiseBlock& block, const Output& output, void* memory) const;
+  // aligned for any number; what it holds does not count. False, with some outputs written, where a
+  // number that is to be a byte is none.
+  bool Run(const In* image, const DepthwiseBlock& block, const Output& output, void* memory) const;
 
  private:
   // The memory of a run: the rows that are kept, which ones these are, where the numbers of each
@@ -59,6 +61,7 @@ class DotDepthwise {
     int32_t* held;
     const Number** taps;
     int32_t* sums;
+    bool fits;  // what has been packed
   };
 
   bool IsBytes() const { return plan_.path == ChainPath::kDotBytes; }
@@ -73,14 +76,14 @@ class DotDepthwise {
   void PackWeights(const Weight* filter, int32_t* words) const;
   void SumWeights(const Weight* filter, const int32_t* addends, int32_t* sums) const;
   template <typename Number>
-  void RunAs(const In* image, const DepthwiseBlock& block, const Output& output,
+  bool RunAs(const In* image, const DepthwiseBlock& block, const Output& output,
              void* memory) const;
   template <typename Number>
-  void PackRow(const In* row, Number* out) const;
+  bool PackRow(const In* row, Number* out) const;
   template <typename Number>
-  const Number* KeepRow(const In* image, int32_t row, const Kept<Number>& kept) const;
+  const Number* KeepRow(const In* image, int32_t row, Kept<Number>* kept) const;
   template <typename Number>
-  void FindTaps(const In* image, int32_t row, const Kept<Number>& kept) const;
+  void FindTaps(const In* image, int32_t row, Kept<Number>* kept) const;
   template <typename Number>
   void StoreRow(DotRow<Number> dots, const StoredOutput& output, const Kept<Number>& kept) const;
 

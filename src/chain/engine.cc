@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bitfold/datapath_attributes.h"
+#include "chain/assumed_facts.h"
 #include "chain/pack.h"
 #include "chain/shared_facts.h"
 
@@ -81,23 +82,27 @@ ChainEngine<D, T>::ChainEngine(const ConvolutionCall<T>& call, const CorrectedWe
       rows_(call.rows),
       columns_(call.columns),
       has_centre_(GoesForward(rows_) && CentreTaps{rows_}.first >= 0),
+      assumes_(known.look == Look::kWhilePacking),
       call_(With(call, weights.weights)) {
   if (!GoesForward(rows_) || !GoesForward(columns_)) return;
   if (call.batch < 1 || call.in_channels < 1 || call.out_channels < 1) return;
   if (call.in_channels > kMostChannels || call.out_channels > kMostChannels) return;
   const bool has_bytes = CurrentDotKernels<SumOutput<T>>().HasBytes();
-  const ChainFacts facts = LookAt(weights.facts, known, sharing.workers);
+  const auto facts =
+      assumes_ ? Assume(weights.facts, known) : LookAt(weights.facts, known, sharing.workers);
+  if (!facts) return;
   if constexpr (std::is_same_v<T, float>) {
-    plan_ = PlanFloat(facts, has_bytes);
+    plan_ = PlanFloat(*facts, has_bytes);
   } else {
-    plan_ = PlanInt32(facts, has_bytes);
+    plan_ = PlanInt32(*facts, has_bytes);
   }
-  if (!Prepare(sharing, scratch)) plan_.reset();
+  const bool is_packed_at_once = IsOfBytes(plan_->path) || !assumes_;
+  if (!is_packed_at_once || !Prepare(sharing, scratch)) plan_.reset();
 }
 
+// But for what the numbers are.
 template <typename D, typename T>
-ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights, const KnownFacts& known,
-                                     Workers* workers) const {
+ChainFacts ChainEngine<D, T>::FactsOfCall(const KnownFacts& known) const {
   ChainFacts facts{};
   facts.accumulator_size = datapath_.accumulator_size();
   facts.mult_shift = datapath_.mult_shift();
@@ -105,9 +110,36 @@ ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights, const 
   facts.divides = kDivides<D>;
   const int64_t outputs = int64_t{call_.batch} * rows_.outputs * columns_.outputs;
   facts.packs = call_.is_depthwise || known.input || outputs >= kOutputsWorthPacking<T>;
-  facts.weight_sum = [this] { return WeightSum(); };
   facts.takes_remainders = !call_.is_depthwise && CurrentDotKernels<SumOutput<T>>().HasRemainders();
   facts.products = call_.FilterElements() / call_.out_channels;
+  return facts;
+}
+
+// Elementwise values are not packed.
+template <typename D, typename T>
+std::optional<ChainFacts> ChainEngine<D, T>::Assume(const std::optional<Facts>& weights,
+                                                    const KnownFacts& known) const {
+  ChainFacts facts = FactsOfCall(known);
+  if (!facts.packs || (has_centre_ && call_.elementwise != nullptr)) return std::nullopt;
+  const int64_t filter = call_.filters * call_.FilterElements();
+  const auto of_weights = weights ? weights : AssumeFacts(call_.filter, filter, {kSignedByte});
+  if (!of_weights) return std::nullopt;
+  const auto of_input =
+      AssumeFacts(call_.input, call_.batch * call_.InputElements(), {kUnsignedByte, kSignedByte});
+  if (!of_input) return std::nullopt;
+  facts.weights = *of_weights;
+  facts.input = *of_input;
+  facts.weight_sum = [products = facts.products, magnitude = of_weights->Magnitude()] {
+    return magnitude > INT32_MAX ? INT64_MAX : products * magnitude;
+  };
+  return facts;
+}
+
+template <typename D, typename T>
+ChainFacts ChainEngine<D, T>::LookAt(const std::optional<Facts>& weights, const KnownFacts& known,
+                                     Workers* workers) const {
+  ChainFacts facts = FactsOfCall(known);
+  facts.weight_sum = [this] { return WeightSum(); };
   // Of int32, sums modulo 2^32, whatever comes.
   const bool is_plain = facts.mult_shift == 0 && facts.accumulator_size >= 31;
   if (std::is_same_v<T, int32_t> && is_plain && !facts.packs) return facts;
@@ -202,7 +234,7 @@ bool ChainEngine<D, T>::Prepare(const ChainSharing& sharing, Scratch* scratch) {
                            : PrepareDots(sharing, scratch)) {
       return true;
     }
-    if (dot_ || dot_depthwise_) return false;
+    if (dot_ || dot_depthwise_ || assumes_) return false;
     plan_->path = InLanes<T>(plan_->path);
   }
   if (call_.is_depthwise && call_.out_channels < kPanel) return false;
@@ -255,13 +287,16 @@ template <typename D, typename T>
 void ChainEngine<D, T>::Run(ChainImage<T> image, const OutputBlock& block, int slot,
                             const DefineOutput& define) const {
   if (!has_centre_) image.elementwise = nullptr;
-  if (dot_ || dot_depthwise_) return RunDots(image, block, slot);
+  if (dot_ || dot_depthwise_) {
+    if (is_as_assumed_ && !RunDots(image, block, slot)) is_as_assumed_ = false;
+    return;
+  }
   if (sums_) return sums_->Run(image, block, slot);
   stepwise_->Run(image, block, define);
 }
 
 template <typename D, typename T>
-void ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& block,
+bool ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& block,
                                 int slot) const {
   const SumOutput<T> output = {image.elementwise, image.output, call_.out_channels,
                                call_.out_channels, plan_->bits};
@@ -272,10 +307,13 @@ void ChainEngine<D, T>::RunDots(const ChainImage<T>& image, const OutputBlock& b
   const DotBlock part = {block.first_row, block.end_row, block.first_channel / kPanel,
                          (block.end_channel + kPanel - 1) / kPanel};
   int32_t* words = dot_words_ + slot * DotWords();
-  if (!RunsPixels()) return dot_->Run(image.input, part, output, words);
+  if (!RunsPixels()) {
+    const int64_t position = int64_t{block.first_row} * columns_.outputs;
+    return dot_->Run(image.input, part, output.At(position, 0, call_.out_channels), words);
+  }
   const int64_t first = block.first_column;
-  dot_->RunPixels(image.input + first * call_.in_channels, block.columns(), part,
-                  output.At(first, 0, call_.out_channels), words);
+  return dot_->RunPixels(image.input + first * call_.in_channels, block.columns(), part,
+                         output.At(first, 0, call_.out_channels), words);
 }
 
 template <typename D, typename T>

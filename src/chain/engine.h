@@ -2,13 +2,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The long chains of convolution and matrix product, faster than one step after the other and with
-// the same bits and printed lines. An object is what is decided once: it looks at the numbers, or
-// is told about them, decides on a path (chain/plan.h), packs the weights and cuts the outputs of
-// an image into blocks. Images then run block after block, or several blocks at the same time.
+// the same bits and printed lines. An object is what is decided once: it looks at the numbers, is
+// told about them, or assumes that they are bytes until packing them has told; it decides on a path
+// (chain/plan.h), packs the weights and cuts the outputs of an image into blocks. Images then run
+// block after block, or several blocks at the same time.
 
 #ifndef BITFOLD_SRC_CHAIN_ENGINE_H_
 #define BITFOLD_SRC_CHAIN_ENGINE_H_
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -30,10 +32,17 @@
 
 namespace bitfold {
 
+// When an engine looks at numbers of which nothing is known.
+enum class Look {
+  kFirst,         // before it decides
+  kWhilePacking,  // having decided as if those were bytes of which the first ones are
+};
+
 // What is known of an engine's numbers before they are there.
 struct KnownFacts {
   std::optional<Facts> input;
   std::optional<Facts> elementwise;  // where there are such values
+  Look look = Look::kFirst;
 };
 
 // Who shares the work of an engine.
@@ -55,7 +64,8 @@ class ChainEngine {
               const KnownFacts& known, const ChainSharing& sharing, Scratch* scratch);
 
   // Empty where the definition must do: windows that do not go forward, depthwise filters of less
-  // than a panel whose numbers are not narrow, no memory.
+  // than a panel whose numbers are not narrow, no memory. With Look::kWhilePacking also where there
+  // is no plan for bytes, or a weight is none: another look decides.
   const std::optional<ChainPlan>& plan() const { return plan_; }
 
   // Those of an image, which together are all its outputs. Requires plan(), as what follows.
@@ -73,6 +83,10 @@ class ChainEngine {
   void Run(ChainImage<T> image, const OutputBlock& block, int slot,
            const DefineOutput& define) const;
 
+  // Whether all numbers that were met are what they were assumed to be; otherwise nothing that was
+  // written counts. Requires that nothing runs.
+  bool IsAsAssumed() const { return is_as_assumed_; }
+
   // All blocks in their order.
   void RunAll(const ChainImage<T>& image, int slot, const DefineOutput& define) const {
     for (int64_t i = 0; i < blocks_->count(); ++i) Run(image, (*blocks_)[i], slot, define);
@@ -88,6 +102,9 @@ class ChainEngine {
   }
 
  private:
+  ChainFacts FactsOfCall(const KnownFacts& known) const;
+  std::optional<ChainFacts> Assume(const std::optional<Facts>& weights,
+                                   const KnownFacts& known) const;
   ChainFacts LookAt(const std::optional<Facts>& weights, const KnownFacts& known,
                     Workers* workers) const;
   int64_t WeightSum() const;
@@ -106,12 +123,13 @@ class ChainEngine {
   bool PrepareDotDepthwise(const ChainSharing& sharing, Scratch* scratch);
   bool RunsPixels() const { return rows_.outputs == 1 && dot_->IsPixelwise(); }
   int64_t DotWords() const;
-  void RunDots(const ChainImage<T>& image, const OutputBlock& block, int slot) const;
+  bool RunDots(const ChainImage<T>& image, const OutputBlock& block, int slot) const;
 
   const D datapath_;
   const WindowAxis rows_;
   const WindowAxis columns_;
   const bool has_centre_;          // a row of taps after which the elementwise values come
+  const bool assumes_;             // facts
   const ConvolutionCall<T> call_;  // with the corrected weights
   std::optional<ChainPlan> plan_;
   std::optional<OutputBlocks> blocks_;
@@ -122,6 +140,7 @@ class ChainEngine {
   char* dot_memory_ = nullptr;  // what the slots need for it
   std::optional<LaneSums<T>> sums_;
   std::optional<Stepwise<D, T>> stepwise_;
+  mutable std::atomic<bool> is_as_assumed_{true};
 };
 
 }  // namespace bitfold

@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "bitfold/int32_arithmetic.h"
+#include "bitfold/int64_arithmetic.h"
+#include "bitfold/product_scaling.h"
 #include "chain/sum_output.h"
 #include "vector/intrinsics.h"
 #include "vector/rescale_steps.h"
@@ -16,14 +19,18 @@
 namespace bitfold {
 namespace {
 
-using FinishLoop = void (*)(const int32_t*, int32_t, int32_t, const FinishTerms&,
-                            const StoredOutput&);
+template <typename T>
+using FinishLoop = void (*)(const T*, int32_t, int32_t, const FinishTerms&, const StoredOutput&);
 
-// By [rescaling][whether there is a bias][type]; and two roundings of what IsModest says, by
-// [whether there is a bias][whether the bounds are narrower than the type][type].
+// By [rescaling][whether there is a bias][type]; two roundings of what IsModest says, by [whether
+// there is a bias][whether the bounds are narrower than the type][type]; and with a bias of 64
+// bits, of narrow and of wide sums, by [whether rounded once][type].
 struct FinishLoops {
-  FinishLoop by[3][2][2];
-  FinishLoop modest[2][2][2];
+  FinishLoop<int32_t> by[3][2][2];
+  FinishLoop<int32_t> modest[2][2][2];
+  FinishLoop<int32_t> widened[2][2];
+  FinishLoop<int64_t> wide[2][2];
+  void (*add)(const int32_t*, int32_t, int32_t, const int32_t*, int32_t*);
 };
 
 #define BITFOLD_LOOPS "chain/layer_finish_loops.inc"
@@ -35,17 +42,34 @@ int32_t WholePanels(int32_t channels) { return (channels + kPanel - 1) / kPanel 
 }  // namespace
 
 LayerFinish::LayerFinish(const LayerFinishCall& call)
-    : terms_{call.datapath,     32 - call.bits,   nullptr, nullptr, nullptr,
-             nullptr,           nullptr,          nullptr, nullptr, call.mode.zero_point,
-             call.mode.minimum, call.mode.maximum} {
+    : terms_{call.datapath,
+             32 - call.bits,
+             nullptr,
+             nullptr,
+             nullptr,
+             nullptr,
+             nullptr,
+             nullptr,
+             nullptr,
+             nullptr,
+             call.mode.zero_point,
+             call.mode.minimum,
+             call.mode.maximum} {
   const int32_t lanes = WholePanels(call.channels);
   if (call.bias != nullptr) {
     bias_.resize(static_cast<size_t>(lanes));
     std::transform(call.bias, call.bias + call.channels, bias_.begin(),
                    [&](int32_t bias) { return call.datapath.ScaleProduct(bias); });
   }
+  if (call.wide_bias != nullptr) {
+    wide_bias_.resize(static_cast<size_t>(lanes));
+    std::transform(
+        call.wide_bias, call.wide_bias + call.channels, wide_bias_.begin(),
+        [&](int64_t bias) { return ShiftRoundHalfToEven64(bias, call.datapath.mult_shift()); });
+  }
   FillMultipliers(call, lanes);
   terms_.bias = bias_.data();
+  terms_.wide_bias = wide_bias_.data();
   terms_.mantissas = mantissas_.data();
   terms_.exponents = exponents_.data();
   terms_.addends = addends_.data();
@@ -53,6 +77,10 @@ LayerFinish::LayerFinish(const LayerFinishCall& call)
   terms_.excesses = excesses_.data();
   terms_.reals = reals_.data();
   loop_ = LoopOf(call);
+  if (call.wide_bias != nullptr) {
+    const bool is_once = call.mode.rescaling == Rescaling::kOneRounding;
+    wide_loop_ = CurrentLoops().wide[is_once][static_cast<int>(call.type)];
+  }
 }
 
 void LayerFinish::FillMultipliers(const LayerFinishCall& call, int32_t lanes) {
@@ -89,15 +117,18 @@ bool LayerFinish::IsModest(const LayerFinishCall& call) const {
   });
 }
 
-LayerFinish::Loop LayerFinish::LoopOf(const LayerFinishCall& call) const {
+LayerFinish::Loop<int32_t> LayerFinish::LoopOf(const LayerFinishCall& call) const {
+  const auto type = static_cast<int>(call.type);
+  if (call.wide_bias != nullptr) {
+    return CurrentLoops().widened[call.mode.rescaling == Rescaling::kOneRounding][type];
+  }
   if (IsModest(call)) {
     const bool is_byte = call.type == StoredType::kInt8;
     const bool clamps = call.mode.minimum > (is_byte ? INT8_MIN : INT16_MIN) ||
                         call.mode.maximum < (is_byte ? INT8_MAX : INT16_MAX);
-    return CurrentLoops().modest[call.bias != nullptr][clamps][static_cast<int>(call.type)];
+    return CurrentLoops().modest[call.bias != nullptr][clamps][type];
   }
-  return CurrentLoops()
-      .by[static_cast<int>(call.mode.rescaling)][call.bias != nullptr][static_cast<int>(call.type)];
+  return CurrentLoops().by[static_cast<int>(call.mode.rescaling)][call.bias != nullptr][type];
 }
 
 void LayerFinish::Run(const int32_t* sums, int32_t pixels, int32_t lanes,
@@ -105,8 +136,16 @@ void LayerFinish::Run(const int32_t* sums, int32_t pixels, int32_t lanes,
   loop_(sums, pixels, lanes, terms_, output);
 }
 
+void LayerFinish::Run(const int64_t* sums, int32_t pixels, int32_t lanes,
+                      const StoredOutput& output) const {
+  wide_loop_(sums, pixels, lanes, terms_, output);
+}
+
 void FinishTile(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) {
-  output.finish->Run(sums, pixels, lanes, output);
+  if (output.addends == nullptr) return output.finish->Run(sums, pixels, lanes, output);
+  int32_t moved[kMostTileSums];
+  CurrentLoops().add(sums, pixels, lanes, output.addends + output.position, moved);
+  output.finish->Run(moved, pixels, lanes, output);
 }
 
 }  // namespace bitfold

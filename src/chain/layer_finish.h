@@ -28,6 +28,9 @@ struct LayerFinishCall {
   RequantiseMode mode;
   StoredType type;
   int64_t largest_sum;  // the magnitude of every sum with its bias is at most this
+  // For each channel where sums have 64 bits from here on, else null. Not of two roundings; then
+  // `bits` is 32, there is no other bias and no largest sum counts.
+  const int64_t* wide_bias = nullptr;
 };
 
 // The arrays and numbers that the loops read: arrays are filled up to whole panels.
@@ -35,6 +38,7 @@ struct FinishTerms {
   Datapath<int32_t> datapath;
   int32_t unused_bits;  // above those of a sum
   const int32_t* bias;  // scaled
+  const int64_t* wide_bias;
   const int32_t* mantissas;
   const int32_t* exponents;
   const uint64_t* addends;
@@ -56,14 +60,19 @@ class LayerFinish {
   // FinishTile. Of a position whole panels of sums are read, for channels that do not exist, too.
   void Run(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) const;
 
+  // The same of sums of 64 bits. Requires a wide bias.
+  void Run(const int64_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) const;
+
  private:
-  using Loop = void (*)(const int32_t*, int32_t, int32_t, const FinishTerms&, const StoredOutput&);
+  template <typename T>
+  using Loop = void (*)(const T*, int32_t, int32_t, const FinishTerms&, const StoredOutput&);
 
   void FillMultipliers(const LayerFinishCall& call, int32_t lanes);
   bool IsModest(const LayerFinishCall& call) const;
-  Loop LoopOf(const LayerFinishCall& call) const;
+  Loop<int32_t> LoopOf(const LayerFinishCall& call) const;
 
   std::vector<int32_t> bias_;
+  std::vector<int64_t> wide_bias_;
   std::vector<int32_t> mantissas_;
   std::vector<int32_t> exponents_;
   std::vector<uint64_t> addends_;
@@ -71,7 +80,8 @@ class LayerFinish {
   std::vector<uint32_t> excesses_;
   std::vector<double> reals_;
   FinishTerms terms_;
-  Loop loop_ = nullptr;
+  Loop<int32_t> loop_ = nullptr;
+  Loop<int64_t> wide_loop_ = nullptr;
 };
 
 }  // namespace bitfold

@@ -8,18 +8,19 @@
 #include "bitfold/int32_arithmetic.h"
 #include "chain/sum_output.h"
 #include "vector/target.h"
+#include "vector/whole_bits.h"
 
 namespace bitfold {
 namespace {
 
 template <typename T>
 struct PackLoops {
-  void (*bytes)(const T*, int64_t, int32_t, uint8_t*);
+  bool (*bytes)(const T*, int64_t, int32_t, uint8_t*);
   void (*shorts)(const T*, int64_t, int32_t, int16_t*);
-  void (*weight_bytes)(const T*, const WeightShape&, int32_t*, int32_t*);
-  void (*weight_shorts)(const T*, const WeightShape&, int32_t*, int32_t*);
-  void (*byte_columns)(const T*, const ColumnShape&, int32_t, uint8_t*);
-  void (*short_columns)(const T*, const ColumnShape&, int32_t, int16_t*);
+  bool (*weight_bytes)(const T*, const WeightShape&, int32_t*, int32_t*);
+  bool (*weight_shorts)(const T*, const WeightShape&, int32_t*, int32_t*);
+  bool (*byte_columns)(const T*, const ColumnShape&, int32_t, uint8_t*);
+  bool (*short_columns)(const T*, const ColumnShape&, int32_t, int16_t*);
   void (*tap_bytes[4])(const T* const*, int64_t, int32_t*);
   void (*tap_shorts[2])(const T* const*, int64_t, int32_t*);
   void (*sums)(const T*, int64_t, int32_t*);
@@ -62,8 +63,8 @@ const PackLoops<int16_t>& LoopsOf() {
 }  // namespace
 
 template <typename T>
-void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out) {
-  LoopsOf<T>().bytes(x, count, offset, out);
+bool PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out) {
+  return LoopsOf<T>().bytes(x, count, offset, out);
 }
 
 template <typename T>
@@ -72,8 +73,8 @@ void PackShorts(const T* x, int64_t count, int32_t offset, int16_t* out) {
 }
 
 template <typename T>
-void PackWeightBytes(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums) {
-  LoopsOf<T>().weight_bytes(weights, shape, out, sums);
+bool PackWeightBytes(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums) {
+  return LoopsOf<T>().weight_bytes(weights, shape, out, sums);
 }
 
 template <typename T>
@@ -82,10 +83,10 @@ void PackWeightShorts(const T* weights, const WeightShape& shape, int32_t* out, 
 }
 
 template <typename T>
-void PackColumns(const T* x, const ColumnShape& shape, int32_t offset, uint8_t* out) {
+bool PackColumns(const T* x, const ColumnShape& shape, int32_t offset, uint8_t* out) {
   const int64_t numbers = shape.columns * shape.count;
   if (shape.stride == shape.count) return PackBytes(x, numbers, offset, out);
-  LoopsOf<T>().byte_columns(x, shape, offset, out);
+  return LoopsOf<T>().byte_columns(x, shape, offset, out);
 }
 
 template <typename T>
@@ -116,11 +117,11 @@ void AddMagnitudes(const T* x, int64_t count, int64_t* sums) {
 }
 
 #define BITFOLD_INSTANTIATE(T)                                                      \
-  template void PackBytes(const T*, int64_t, int32_t, uint8_t*);                    \
+  template bool PackBytes(const T*, int64_t, int32_t, uint8_t*);                    \
   template void PackShorts(const T*, int64_t, int32_t, int16_t*);                   \
-  template void PackWeightBytes(const T*, const WeightShape&, int32_t*, int32_t*);  \
+  template bool PackWeightBytes(const T*, const WeightShape&, int32_t*, int32_t*);  \
   template void PackWeightShorts(const T*, const WeightShape&, int32_t*, int32_t*); \
-  template void PackColumns(const T*, const ColumnShape&, int32_t, uint8_t*);       \
+  template bool PackColumns(const T*, const ColumnShape&, int32_t, uint8_t*);       \
   template void PackColumns(const T*, const ColumnShape&, int32_t, int16_t*);       \
   template void PackTapBytes(const T* const*, int32_t, int64_t, int32_t*);          \
   template void AddNumbers(const T*, int64_t, int32_t*);                            \

@@ -11,10 +11,14 @@
 
 namespace bitfold {
 
-// Packs `count` whole numbers, each with `offset` added, as bytes or as shorts. For the target in
-// use. T is int32_t, float or a stored int8_t or int16_t.
+// Packs `count` numbers, each with `offset` added, as bytes or as shorts. For the target in use. T
+// is int32_t, float or a stored int8_t or int16_t.
+//
+// What packs bytes takes any int32_t or float, and tells whether with the offset all were whole
+// numbers of 0 to 255: otherwise what is packed means nothing. Shorts, and bytes of stored numbers,
+// are to be numbers that fit.
 template <typename T>
-void PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out);
+bool PackBytes(const T* x, int64_t count, int32_t offset, uint8_t* out);
 template <typename T>
 void PackShorts(const T* x, int64_t count, int32_t offset, int16_t* out);
 
@@ -26,11 +30,12 @@ struct WeightShape {
   int64_t panel;   // words from a panel to the next
 };
 
-// Packs whole numbers as words of four bytes or two shorts: of a panel a word of each column for
+// Packs numbers as words of four signed bytes or two shorts: of a panel a word of each column for
 // the first rows, one for the next, and so on. Rows and columns are filled up with zeros, columns
-// to whole panels. Adds the numbers of each column to `sums`, modulo 2^32, unless it is null.
+// to whole panels. Adds the numbers of each column to `sums`, modulo 2^32, unless it is null. Tells
+// whether all were whole numbers of -128 to 127, and takes any, where those are to be bytes.
 template <typename T>
-void PackWeightBytes(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums);
+bool PackWeightBytes(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums);
 template <typename T>
 void PackWeightShorts(const T* weights, const WeightShape& shape, int32_t* out, int32_t* sums);
 
@@ -41,9 +46,9 @@ struct ColumnShape {
   int64_t count;  // numbers of a column
 };
 
-// The same of columns, packed without what lies between them.
+// PackBytes and PackShorts of columns, packed without what lies between them.
 template <typename T>
-void PackColumns(const T* x, const ColumnShape& shape, int32_t offset, uint8_t* out);
+bool PackColumns(const T* x, const ColumnShape& shape, int32_t offset, uint8_t* out);
 template <typename T>
 void PackColumns(const T* x, const ColumnShape& shape, int32_t offset, int16_t* out);
 

@@ -29,6 +29,10 @@ constexpr bool IsDots(ChainPath path) {
          path == ChainPath::kDotRemainders;
 }
 
+constexpr bool IsOfBytes(ChainPath path) {
+  return path == ChainPath::kDotBytes || path == ChainPath::kDotRemainders;
+}
+
 // What is known of the addends of a half-precision accumulator, and of its sums with them.
 enum class HalfAddends {
   kAny,

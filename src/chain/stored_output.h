@@ -21,12 +21,17 @@ struct StoredOutput {
   int64_t stride;
   int32_t channel;   // of the tile's first lane
   int32_t channels;  // of the tile's lanes, those that exist
+  // For each position from 0 on, modulo 2^32; or null.
+  const int32_t* addends = nullptr;
 
   // The same for `lanes` channels from `first_channel` on, of the outputs from `next` on.
   StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes) const {
-    return {finish, out, position + next, stride, channel + first_channel, lanes};
+    return {finish, out, position + next, stride, channel + first_channel, lanes, addends};
   }
 };
+
+// What a tile of outputs with addends has of sums, at most.
+inline constexpr int kMostTileSums = 512;
 
 // Finishes the sums modulo 2^32 of a tile, [pixels][lanes].
 void FinishTile(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output);

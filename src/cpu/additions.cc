@@ -161,14 +161,19 @@ void ComputeDecomposedBiasAdd(const DecomposedBiasAddCall<T>& call, int64_t coun
   if (passes >= kManyPasses<T>) return ShareDefinition<T>(workers, count, cancellation, define);
   const Stop stop{cancellation};
   const auto datapath = MakeDatapath<Datapath<T>>(call.attributes);
+  const auto& loops = LoopsOf(datapath);
   const PeriodicArray<T> parts_a =
       ScaledPerChannel(datapath, call.bias_a, call.bias_a_factor[0], call.shape.d3);
   const PeriodicArray<T> parts_b =
       ScaledPerChannel(datapath, call.bias_b, call.bias_b_factor[0], call.shape.d3);
   const auto fast = [&](int64_t i, int n) {
     if (stop()) return false;
-    return AddPasses<T>(datapath, call.value + i, {parts_a.From(i), parts_b.From(i)}, passes, n,
-                        call.output + i);
+    const T* value = call.value + i;
+    T* out = call.output + i;
+    if (passes == 1 && !datapath.use_fp16_acc()) {
+      return loops.accumulate_two(datapath, value, parts_a.From(i), parts_b.From(i), n, out);
+    }
+    return AddPasses<T>(datapath, value, {parts_a.From(i), parts_b.From(i)}, passes, n, out);
   };
   ForEachBlock(workers, count, BlockCost(datapath, 2, 2 * passes), fast,
                [&](int64_t first, int64_t n) { define(first, n, Passes{stop}); });

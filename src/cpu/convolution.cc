@@ -58,34 +58,36 @@ CallingThread& TheCallingThread() {
 
 template <typename T>
 BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, Workers* workers,
-                                      Scratch* scratch)
+                                      Scratch* scratch, Look look)
     : call_(call),
       rows_of_pixels_(AsRowsOfPixels(call, true)),
       workers_(workers),
+      look_(look),
       slots_(workers->AtOnce()) {
   const int64_t units = workers->AtOnce() == 1 ? 1 : workers->AtOnce() * kUnitsForEach;
   const int64_t images = rows_of_pixels_.batch;
   cuts_images_ = images < units;
-  Decide({workers, workers->AtOnce(), (units + images - 1) / images, images}, scratch);
+  Decide({workers, workers->AtOnce(), (units + images - 1) / images, images}, look, scratch);
   if (engine_) slots_ = engine_->slots();
 }
 
 template <typename T>
 BatchConvolution<T>::BatchConvolution(const ConvolutionCall<T>& call, int slots, Scratch* scratch)
     : call_(call), rows_of_pixels_(AsRowsOfPixels(call, false)) {
-  Decide({&TheCallingThread(), slots, 1, call.batch}, scratch);
+  Decide({&TheCallingThread(), slots, 1, call.batch}, Look::kFirst, scratch);
 }
 
 template <typename T>
-void BatchConvolution<T>::Decide(const ChainSharing& sharing, Scratch* scratch) {
+void BatchConvolution<T>::Decide(const ChainSharing& sharing, Look look, Scratch* scratch) {
   const DefaultFloatingPointScope scope;
   CorrectedWeights<T> weights{call_.filter, false, {}};
   if (call_.is_depthwise) {
     weights = CorrectWeights(WeightSign<T>(call_.datapath.accumulator_size), call_.filter,
                              call_.filters * call_.FilterElements(), sharing.workers, scratch);
     if (weights.weights == nullptr) return;
+    if (weights.corrected && look == Look::kWhilePacking) return;  // there would be lines
   }
-  engine_.emplace(rows_of_pixels_, weights, KnownFacts{}, sharing, scratch);
+  engine_.emplace(rows_of_pixels_, weights, KnownFacts{{}, {}, look}, sharing, scratch);
   if (!engine_->plan()) return engine_.reset();
   if (!weights.corrected) return;
   const WeightSign<T> sign(call_.datapath.accumulator_size);
@@ -161,7 +163,8 @@ void BatchConvolution<T>::RunUnit(int64_t unit, int slot, std::vector<int64_t>* 
 }
 
 template <typename T>
-void BatchConvolution<T>::Run() const {
+bool BatchConvolution<T>::Run() const {
+  if (look_ == Look::kWhilePacking && !engine_) return false;
   const int64_t images = engine_ ? rows_of_pixels_.batch : call_.batch;
   const int64_t units = images * UnitsOfImage();
   std::vector<std::vector<int64_t>> may_print(UnitsOfImage() == 1 ? 0 : static_cast<size_t>(units));
@@ -173,7 +176,9 @@ void BatchConvolution<T>::Run() const {
               may_print.empty() ? nullptr : &may_print[static_cast<size_t>(unit)]);
     }
   });
+  if (engine_ && !engine_->IsAsAssumed()) return false;
   if (!may_print.empty()) Replay(&may_print);
+  return true;
 }
 
 // By units; the blocks of an image may lie side by side.
@@ -213,6 +218,7 @@ bool ComputeWithoutProducts(const ConvolutionCall<T>& call) {
 template <typename T>
 void ComputeConvolution(const ConvolutionCall<T>& call, Scratch* scratch, Workers* workers) {
   if (ComputeWithoutProducts(call)) return;
+  if (BatchConvolution<T>(call, workers, scratch, Look::kWhilePacking).Run()) return;
   BatchConvolution<T>(call, workers, scratch).Run();
 }
 

@@ -24,13 +24,16 @@ template <typename T>
 class BatchConvolution {
  public:
   // For Run, which `workers` share. What the call points to stays, as does the scratch.
-  BatchConvolution(const ConvolutionCall<T>& call, Workers* workers, Scratch* scratch);
+  BatchConvolution(const ConvolutionCall<T>& call, Workers* workers, Scratch* scratch,
+                   Look look = Look::kFirst);
 
   // For RunImage, of which up to `slots` run at the same time.
   BatchConvolution(const ConvolutionCall<T>& call, int slots, Scratch* scratch);
 
-  // Computes and writes all outputs and prints all lines: those of an image in their order.
-  void Run() const;
+  // Computes and writes all outputs and prints all lines: those of an image in their order. With
+  // Look::kWhilePacking false, with nothing printed and outputs that do not count, where another
+  // look must decide.
+  bool Run() const;
 
   // The same for an image, on the calling thread.
   void RunImage(int32_t image, int slot) const;
@@ -46,7 +49,7 @@ class BatchConvolution {
  private:
   using Engine = ChainEngine<Datapath<T>, T>;
 
-  void Decide(const ChainSharing& sharing, Scratch* scratch);
+  void Decide(const ChainSharing& sharing, Look look, Scratch* scratch);
   int64_t UnitsOfImage() const;
   int64_t UnitCost() const;
   void RunUnit(int64_t unit, int slot, std::vector<int64_t>* may_print) const;
@@ -58,6 +61,7 @@ class BatchConvolution {
   const ConvolutionCall<T> call_;
   const ConvolutionCall<T> rows_of_pixels_;  // the same where that is possible
   Workers* const workers_ = nullptr;
+  const Look look_ = Look::kFirst;
   int slots_ = 0;             // units that run at the same time
   bool cuts_images_ = false;  // units are blocks, not whole images
   std::optional<Engine> engine_;

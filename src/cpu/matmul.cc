@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <memory>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "bitfold/convolution_call.h"
 #include "bitfold/warning.h"
 #include "chain/corrected_weights.h"
 #include "chain/engine.h"
+#include "chain/row_product.h"
 #include "frame/slots.h"
 
 namespace bitfold {
@@ -54,21 +56,36 @@ struct Rest {
 };
 
 template <typename T>
-Rest Multiply(const MatMulCall<T>& call, int32_t batch_index, Workers* workers, Scratch* scratch) {
-  if (call.rows < 1 || call.cols < 1 || call.inner < 1) return {};
-  const ConvolutionCall<T> image = ConvolutionOf(call, batch_index);
-  const auto weights = CorrectWeights(WeightSign<T>(call.datapath.accumulator_size), image.filter,
-                                      image.FilterElements(), workers, scratch);
+Rest RunEngine(const ConvolutionCall<T>& image, const CorrectedWeights<T>& weights, Look look,
+               Workers* workers, Scratch* scratch) {
   if (weights.weights == nullptr) return {};
   const int threads = workers->AtOnce();
   const ChainEngine<ChainDatapath<T>, T> engine(
-      image, weights, KnownFacts{},
+      image, weights, KnownFacts{{}, {}, look},
       {workers, threads, threads == 1 ? 1 : threads * kUnitsForEach, 1}, scratch);
   if (!engine.plan()) return {};
 
   Slots slots(engine.slots());
-  return {true, weights.corrected,
-          engine.RunShared({image.input, nullptr, image.output, 0}, &slots, workers)};
+  auto may_print = engine.RunShared({image.input, nullptr, image.output, 0}, &slots, workers);
+  if (!engine.IsAsAssumed()) return {};
+  return {true, weights.corrected, std::move(may_print)};
+}
+
+// Weights that are bytes of which none needs its sign corrected are looked at while they are
+// packed.
+template <typename T>
+Rest Multiply(const MatMulCall<T>& call, int32_t batch_index, Workers* workers, Scratch* scratch) {
+  if (call.rows < 1 || call.cols < 1 || call.inner < 1) return {};
+  if (call.rows == 1 && MultiplyRow(call, batch_index, workers, scratch)) return {true, false, {}};
+  const ConvolutionCall<T> image = ConvolutionOf(call, batch_index);
+  const WeightSign<T> sign(call.datapath.accumulator_size);
+  if (!sign.NeedsCorrection(T{INT8_MAX})) {
+    Rest rest = RunEngine(image, CorrectedWeights<T>{image.filter, false, {}}, Look::kWhilePacking,
+                          workers, scratch);
+    if (rest.is_computed) return rest;
+  }
+  const auto weights = CorrectWeights(sign, image.filter, image.FilterElements(), workers, scratch);
+  return RunEngine(image, weights, Look::kFirst, workers, scratch);
 }
 
 template <typename T>

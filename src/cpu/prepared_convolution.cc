@@ -18,17 +18,45 @@ namespace bitfold {
 template <typename In, typename Out>
 PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Workers* workers)
     : layer_(layer) {
-  std::vector<int32_t> weights(layer.filter, layer.filter + layer.FilterElements());
+  std::vector<int32_t> bias;
+  if (layer.IsWide()) {
+    const ExactSums exact = ExactSumsOf(layer, InputFacts().Magnitude());
+    Narrow(exact, &bias) ? Prepare(workers) : PrepareWide(exact);
+  } else {
+    Prepare(workers);
+  }
+  layer_.filter = nullptr;
+  layer_.bias = nullptr;
+  layer_.multipliers = nullptr;
+  layer_.wide_bias = nullptr;
+}
+
+template <typename In, typename Out>
+PreparedConvolution<In, Out>::Kept::Kept(const PreparedLayer& from)
+    : layer(from),
+      filter(from.filter, from.filter + from.FilterElements()),
+      bias(from.wide_bias,
+           from.wide_bias == nullptr ? nullptr : from.wide_bias + from.out_channels),
+      multipliers(from.multipliers, from.multipliers + (from.per_channel ? from.out_channels : 1)) {
+  layer.filter = filter.data();
+  layer.wide_bias = bias.empty() ? nullptr : bias.data();
+  layer.multipliers = multipliers.data();
+}
+
+// Of sums of 32 bits, but for a wide bias that may be added to them.
+template <typename In, typename Out>
+void PreparedConvolution<In, Out>::Prepare(Workers* workers) {
+  std::vector<int32_t> weights(layer_.filter, layer_.filter + layer_.FilterElements());
   bool corrects = false;
-  if (layer.is_depthwise) {
-    const WeightSign<int32_t> sign(layer.accumulator_size);
+  if (layer_.is_depthwise) {
+    const WeightSign<int32_t> sign(layer_.accumulator_size);
     for (int32_t& weight : weights) {
       if (!sign.NeedsCorrection(weight)) continue;
       weight = sign.Correct(weight);
       corrects = true;
     }
   }
-  if (layer.use_fp16_acc) {
+  if (layer_.use_fp16_acc) {
     PrepareSums(&halves_, std::vector<float>(weights.begin(), weights.end()), corrects, workers);
   } else {
     plan_ = PlanInt32(FactsWith(weights), CurrentDotKernels<StoredOutput>().HasBytes());
@@ -41,9 +69,51 @@ PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Wo
       PrepareSums(&sums_, std::move(weights), corrects, workers);
     }
   }
-  layer_.filter = nullptr;
-  layer_.bias = nullptr;
-  layer_.multipliers = nullptr;
+}
+
+// Makes a layer of 64 bits one of 32, where these hold all sums of products, with `bias` where they
+// hold that, too. To divide a bias by 2^31 the two differ.
+template <typename In, typename Out>
+bool PreparedConvolution<In, Out>::Narrow(const ExactSums& exact, std::vector<int32_t>* bias) {
+  if (exact.groups.size() != 1) return false;
+  layer_.accumulator_size = 32;
+  wide_sums_ = WideSums::kNarrow;
+  if (layer_.wide_bias == nullptr) return true;
+  const int64_t* wide = layer_.wide_bias;
+  const auto holds = [](int64_t largest, int64_t b) {
+    const int64_t left = INT32_MAX - largest;
+    return -left <= b && b <= left;
+  };
+  if (layer_.mult_shift < 31 &&
+      std::equal(exact.largest.begin(), exact.largest.end(), wide, holds)) {
+    bias->assign(wide, wide + layer_.out_channels);
+    layer_.bias = bias->data();
+    layer_.wide_bias = nullptr;
+  } else {
+    wide_sums_ = WideSums::kWideBias;
+  }
+  return true;
+}
+
+// Of sums that 32 bits may not hold.
+template <typename In, typename Out>
+void PreparedConvolution<In, Out>::PrepareWide(const ExactSums& exact) {
+  wide_sums_ = WideSums::kDefinition;
+  kept_ = std::make_unique<const Kept>(layer_);
+  if (exact.groups.empty() || layer_.mult_shift != 0) return;
+  layer_.accumulator_size = 32;
+  const std::vector<int32_t> weights(layer_.filter, layer_.filter + layer_.FilterElements());
+  const ChainPlan plan =
+      PlanInt32(FactsWith(weights), CurrentDotKernels<StoredOutput>().HasBytes());
+  if (!IsDots(plan.path)) return;
+  wide_.emplace(layer_, plan, exact.groups);
+  if (!wide_->Fits()) return wide_.reset();
+  plan_ = plan;
+  wide_sums_ = WideSums::kGroups;
+  kept_.reset();
+  const std::vector<int64_t> none(static_cast<size_t>(layer_.out_channels));
+  if (layer_.wide_bias == nullptr) layer_.wide_bias = none.data();
+  finish_ = std::make_unique<LayerFinish>(FinishCall());
 }
 
 // What the type and the zero point bound.
@@ -140,14 +210,24 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
           layer_.per_channel,
           layer_.requantise,
           std::is_same_v<Out, int8_t> ? StoredType::kInt8 : StoredType::kInt16,
-          LargestOutcome()};
+          LargestOutcome(),
+          layer_.wide_bias};
 }
 
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* output,
                                        Workers* workers) const {
+  if (kept_) {
+    const int64_t cost = layer_.Positions() * layer_.FilterElements();
+    return workers->Share(batch, cost, [&](int64_t first, int64_t end) {
+      DefinePreparedConvolution(kept_->layer, input + first * layer_.InputElements(),
+                                static_cast<int32_t>(end - first),
+                                output + first * layer_.OutputElements());
+    });
+  }
   const StoredOutput outputs = {finish_.get(),       output, 0,
                                 layer_.out_channels, 0,      layer_.out_channels};
+  if (wide_) return wide_->Run(input, batch, outputs, workers);
   if (dots_) return dots_->Run(input, batch, outputs, workers);
   if (halves_) return halves_->Run(input, batch, outputs, workers);
   sums_->Run(input, batch, outputs, workers);

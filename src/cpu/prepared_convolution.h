@@ -15,11 +15,22 @@
 #include "bitfold/HPreparedConvolution.h"
 #include "chain/layer_finish.h"
 #include "chain/plan.h"
+#include "cpu/exact_sums.h"
 #include "cpu/prepared_dots.h"
 #include "cpu/prepared_sums.h"
+#include "cpu/prepared_wide.h"
 #include "frame/workers.h"
 
 namespace bitfold {
+
+// How sums of 64 bits are formed.
+enum class WideSums {
+  kNone,        // the layer's have 32
+  kNarrow,      // in 32 bits: no data bring them beyond these
+  kWideBias,    // likewise, but for the bias, which is added in 64 bits
+  kGroups,      // of sums over groups of input channels
+  kDefinition,  // one step after the other
+};
 
 // In and Out are int8_t or int16_t.
 template <typename In, typename Out>
@@ -31,17 +42,32 @@ class PreparedConvolution {
   PreparedConvolution(const PreparedConvolution&) = delete;
   PreparedConvolution& operator=(const PreparedConvolution&) = delete;
 
-  // Of which no pointer counts.
+  // Of which no pointer and no accumulator counts.
   const PreparedLayer& layer() const { return layer_; }
 
   // How sums are formed; empty where by the definition.
   const std::optional<ChainPlan>& plan() const { return plan_; }
+
+  WideSums wide_sums() const { return wide_sums_; }
 
   // The bits of DefinePreparedConvolution, and its lines: those of an image in their order. Several
   // threads may call it at the same time.
   void Run(const In* input, int32_t batch, Out* output, Workers* workers) const;
 
  private:
+  // What the definition needs of a layer.
+  struct Kept {
+    PreparedLayer layer;
+    std::vector<int8_t> filter;
+    std::vector<int64_t> bias;
+    std::vector<double> multipliers;
+
+    explicit Kept(const PreparedLayer& from);
+  };
+
+  void Prepare(Workers* workers);
+  bool Narrow(const ExactSums& exact, std::vector<int32_t>* bias);
+  void PrepareWide(const ExactSums& exact);
   Facts InputFacts() const;
   ChainFacts FactsWith(const std::vector<int32_t>& weights) const;
   int64_t LargestSum(const std::vector<int32_t>& weights) const;
@@ -54,10 +80,13 @@ class PreparedConvolution {
   LayerFinishCall FinishCall() const;
 
   PreparedLayer layer_;  // once prepared its sizes alone
+  WideSums wide_sums_ = WideSums::kNone;
   std::optional<ChainPlan> plan_;
   std::optional<PreparedDots<In>> dots_;
   std::optional<PreparedSums<int32_t>> sums_;
   std::optional<PreparedSums<float>> halves_;
+  std::optional<PreparedWide<In>> wide_;
+  std::unique_ptr<const Kept> kept_;
   std::unique_ptr<LayerFinish> finish_;
 };
 

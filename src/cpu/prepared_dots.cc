@@ -9,6 +9,7 @@
 
 #include "chain/chain_image.h"
 #include "chain/sum_output.h"
+#include "cpu/prepared_blocks.h"
 
 namespace bitfold {
 namespace {
@@ -16,29 +17,9 @@ namespace {
 // Packed numbers of a block of outputs stay in the second-level cache beside the weights.
 constexpr int64_t kBlockWords = int64_t{1} << 15;
 
-// Blocks for each thread, so that all end at about the same time.
-constexpr int64_t kBlocksForEach = 4;
-
-// Weights of so many panels go by together.
-constexpr int32_t kPanelsTogether = 4;
-
-// In a cycle.
-constexpr int64_t kProducts = 96;
-constexpr int64_t kFinishedSums = 3;
-
 struct alignas(64) CacheLine {
   char bytes[64];
 };
-
-int64_t Parts(int64_t all, int64_t step) { return (all + step - 1) / step; }
-
-// Panels of a block: fewer than all where the blocks would else be too few for the threads.
-int32_t PanelsOfBlock(int32_t panels, int64_t blocks, int threads) {
-  if (threads == 1 || blocks >= threads) return panels;
-  const int64_t pieces = Parts(kBlocksForEach * threads, blocks);
-  const int64_t groups = std::max<int64_t>(1, Parts(panels, kPanelsTogether) / pieces);
-  return static_cast<int32_t>(std::min<int64_t>(panels, groups * kPanelsTogether));
-}
 
 }  // namespace
 
@@ -70,6 +51,11 @@ void PreparedDots<In>::Prepare(const std::vector<int32_t>& weights, const int32_
 }
 
 template <typename In>
+void PreparedDots<In>::Prepare(const int16_t* weights, Workers* workers) {
+  if (!dots_->Prepare(weights, workers, &memory_)) throw std::bad_alloc();
+}
+
+template <typename In>
 void PreparedDots<In>::Run(const In* input, int32_t batch, const StoredOutput& output,
                            Workers* workers) const {
   if (depthwise_) return RunDepthwise(input, batch, output, workers);
@@ -80,8 +66,7 @@ void PreparedDots<In>::Run(const In* input, int32_t batch, const StoredOutput& o
 // The cycles of so many outputs, roughly.
 template <typename In>
 int64_t PreparedDots<In>::CostOf(int64_t outputs) const {
-  const int64_t products = layer_.FilterElements() / layer_.out_channels;
-  return outputs * products / kProducts + outputs / kFinishedSums;
+  return CyclesOf(outputs, layer_.FilterElements() / layer_.out_channels);
 }
 
 // Of the weights and the images the larger is cut first, so that a thread reads its own part of it
@@ -143,7 +128,8 @@ void PreparedDots<In>::RunWindows(const In* input, int32_t batch, const StoredOu
       dots_->Run(
           input + image * layer_.InputElements(),
           {row, std::min(row + step, rows), panel, std::min(panel + panels, dots_->panels())},
-          output.At(image * layer_.Positions(), 0, layer_.out_channels), words.get());
+          output.At(image * layer_.Positions() + int64_t{row} * columns, 0, layer_.out_channels),
+          words.get());
     }
   });
 }

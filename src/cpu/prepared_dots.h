@@ -37,6 +37,9 @@ class PreparedDots {
   // Throws std::bad_alloc where there is no memory.
   void Prepare(const std::vector<int32_t>& weights, const int32_t* addends);
 
+  // The same of a layer that is not depthwise, without addends; `workers` share it.
+  void Prepare(const int16_t* weights, Workers* workers);
+
   // Writes the layer's outputs of stored images.
   void Run(const In* input, int32_t batch, const StoredOutput& output, Workers* workers) const;
 

@@ -44,6 +44,8 @@ struct DatapathLoops {
   void (*products)(const D&, const T* x, const T* y, int n, T* out);
   // Accumulate(acc, x)
   bool (*accumulate)(const D&, const T* acc, const T* x, int n, T* out);
+  // Accumulate(Accumulate(acc, x), y)
+  bool (*accumulate_two)(const D&, const T* acc, const T* x, const T* y, int n, T* out);
   // Accumulate(acc, ScaleProduct(x * y))
   bool (*accumulate_products)(const D&, const T* acc, const T* x, const T* y, int n, T* out);
   // min = Accumulate(ScaleProduct(centers * factors[0]), centre 0) and

@@ -4,6 +4,9 @@
 // HConv2d on a GPU: the filter rearranged into a row for each output channel, each image unfolded
 // into a column for each position, and their product by tiles.
 
+#include <type_traits>
+
+#include "bitfold/device_chain.h"
 #include "bitfold/device_convolution.h"
 #include "bitfold/device_datapath.h"
 #include "device/device.h"
@@ -57,35 +60,203 @@ __global__ void im2col_kernel(int n, const T* image, int in_c, int in_h, int in_
   }
 }
 
+namespace {
+
+template <bool kHalf, typename Division>
+using FloatChain = std::conditional_t<kHalf, QuietHalfChain<Division>, QuietFloatChain<Division>>;
+
+// What a thread reads of a tile at once.
+template <typename T>
+struct alignas(16) Four {
+  T of[4];
+};
+
+// A tile of each factor. Columns lie such that the threads which read at once, one column each, do
+// not wait for each other.
+template <typename T>
+struct Tiles {
+  Four<T> a_row[kTile][kTile / 4];
+  Four<T> b_col[kTile][kTile / 4 + 1];
+};
+
+// The factors of a product. Outside of them there are zeros.
+template <typename T>
+struct Factors {
+  const T* a;
+  uint32_t a_cols;
+  uint32_t a_rows;
+  const T* b;
+  uint32_t b_cols;
+  uint32_t b_rows;
+};
+
+// What one thread brings into the tiles, one pair after the other.
+template <typename T>
+class TileReader {
+ public:
+  __device__ TileReader(const Factors<T>& factors, uint32_t row, uint32_t col)
+      : factors_(factors),
+        has_row_(row < factors.a_rows),
+        has_col_(col < factors.b_cols),
+        a_col_(threadIdx.x),
+        b_row_(threadIdx.y),
+        a_at_(row * factors.a_cols + threadIdx.x),
+        b_at_(threadIdx.y * factors.b_cols + col) {}
+
+  __device__ void Read() {
+    a = has_row_ && a_col_ < factors_.a_cols ? factors_.a[a_at_] : T{0};
+    b = has_col_ && b_row_ < factors_.b_rows ? factors_.b[b_at_] : T{0};
+    a_col_ += uint32_t{kTile};
+    a_at_ += uint32_t{kTile};
+    b_row_ += uint32_t{kTile};
+    b_at_ += uint32_t{kTile} * factors_.b_cols;
+  }
+
+  T a;
+  T b;
+
+ private:
+  const Factors<T>& factors_;
+  bool has_row_;
+  bool has_col_;
+  uint32_t a_col_;
+  uint32_t b_row_;
+  uint32_t a_at_;
+  uint32_t b_at_;
+};
+
+// Adds the products of one tile to *acc, unless they are not quiet in the sense of the chain.
+template <typename T, typename Chain>
+__device__ __forceinline__ bool AddQuietTile(const Chain& chain, const Four<T>* a_row,
+                                             const Four<T>* b_col, T* acc) {
+  typename Chain::State state = chain.Enter(*acc);
+  BITFOLD_UNROLL_ALL
+  for (int j = 0; j < kTile / 4; ++j) {
+    const Four<T> a = a_row[j];
+    const Four<T> b = b_col[j];
+    BITFOLD_UNROLL_ALL
+    for (int i = 0; i < 4; ++i) chain.Add(a.of[i], b.of[i], &state);
+  }
+  if (!chain.IsQuiet(state)) return false;
+  *acc = chain.Leave(state);
+  return true;
+}
+
+// As defined, step by step.
+template <typename T>
+__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Four<T>* a_row,
+                                     const Four<T>* b_col, T acc) {
+  BITFOLD_KEEP_ROLLED
+  for (int j = 0; j < kTile / 4; ++j) {
+    const Four<T> a = a_row[j];
+    const Four<T> b = b_col[j];
+    BITFOLD_UNROLL_ALL
+    for (int i = 0; i < 4; ++i) {
+      acc = datapath.Accumulate(acc, datapath.Product(a.of[i], b.of[i]));
+    }
+  }
+  return acc;
+}
+
+// The chain of the thread's output, if it has one; all threads of the block bring the tiles. While
+// some still read one pair of tiles, others write the next. Each tile is tried by the chains in
+// their order; one that failed likely fails again and is tried no more.
+template <typename First, typename Second, typename T>
+__device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
+                                           const Factors<T>& factors, uint32_t row, uint32_t col,
+                                           Tiles<T>* both) {
+  const First first(datapath);
+  const Second second(datapath);
+  const uint32_t tx = threadIdx.x;
+  const uint32_t ty = threadIdx.y;
+  const bool is_output = row < factors.a_rows && col < factors.b_cols;
+  const int last = (static_cast<int>(factors.a_cols) - 1) / kTile;
+  TileReader<T> reader(factors, row, col);
+  reader.Read();
+  T acc = T{0};
+  int failed = 0;
+  for (int t = 0; t <= last; ++t) {
+    Tiles<T>& tiles = both[t & 1];
+    tiles.a_row[ty][tx / 4].of[tx % 4] = reader.a;
+    tiles.b_col[tx][ty / 4].of[ty % 4] = reader.b;
+    __syncthreads();
+    reader.Read();
+    if (!is_output) continue;
+    const Four<T>* const a_row = tiles.a_row[ty];
+    const Four<T>* const b_col = tiles.b_col[tx];
+    if (failed == 0) {
+      if (AddQuietTile(first, a_row, b_col, &acc)) continue;
+      failed = std::is_same_v<First, Second> ? 2 : 1;
+    }
+    if constexpr (!std::is_same_v<First, Second>) {
+      if (failed == 1) {
+        if (AddQuietTile(second, a_row, b_col, &acc)) continue;
+        failed = 2;
+      }
+    }
+    acc = AddTile(datapath, a_row, b_col, acc);
+  }
+  return acc;
+}
+
+// Float data, in half precision or not: a loop for each way to scale, so that none has the others'
+// instructions.
+template <bool kHalf>
+__device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& datapath,
+                                                const Factors<float>& factors, uint32_t row,
+                                                uint32_t col, Tiles<float>* tiles) {
+  const int32_t mult_shift = datapath.mult_shift();
+  if (mult_shift == 0) {
+    const DeviceDatapath<float> unscaled(datapath.min(), datapath.max(), 0, kHalf);
+    using Chain = FloatChain<kHalf, NoDivision>;
+    return MultiplyTiles<Chain, Chain>(unscaled, factors, row, col, tiles);
+  }
+  const DeviceDatapath<float> scaled(datapath.min(), datapath.max(), mult_shift, kHalf);
+  if (DivisionByPower::Divides(mult_shift)) {
+    using Chain = FloatChain<kHalf, DivisionByPower>;
+    return MultiplyTiles<Chain, Chain>(scaled, factors, row, col, tiles);
+  }
+  using Chain = FloatChain<kHalf, DivisionByAny>;
+  return MultiplyTiles<Chain, Chain>(scaled, factors, row, col, tiles);
+}
+
+__device__ __forceinline__ float Multiply(const DeviceDatapath<float>& datapath,
+                                          const Factors<float>& factors, uint32_t row, uint32_t col,
+                                          Tiles<float>* tiles) {
+  if (datapath.use_fp16_acc()) return MultiplyFloats<true>(datapath, factors, row, col, tiles);
+  return MultiplyFloats<false>(datapath, factors, row, col, tiles);
+}
+
+__device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datapath,
+                                            const Factors<int32_t>& factors, uint32_t row,
+                                            uint32_t col, Tiles<int32_t>* tiles) {
+  const AccumulatorLimits<int32_t>& limits = datapath.limits();
+  if (datapath.mult_shift() == 0) {
+    const DeviceDatapath<int32_t> unscaled(limits.min, limits.max, 0, false);
+    return MultiplyTiles<QuietIntegerChain<false>, WrappingIntegerChain<false>>(unscaled, factors,
+                                                                                row, col, tiles);
+  }
+  return MultiplyTiles<QuietIntegerChain<true>, WrappingIntegerChain<true>>(datapath, factors, row,
+                                                                            col, tiles);
+}
+
+}  // namespace
+
 // C[col][row] = the chain over A[row][k] * B[k][col], then elementwise[col][row] unless that is
 // null; a thread for each. The last tile is filled up with zeros, whose products are added too.
 template <typename T>
 __global__ void matrix_mul_opt_kernel(const T* A, int a_cols, int a_rows, const T* B, int b_cols,
                                       int b_rows, T* C, const int8_t* mult_shift, bool use_fp16_acc,
                                       T acc_min, T acc_max, const T* elementwise) {
-  __shared__ T a_tile[kTile][kTile];
-  __shared__ T b_tile[kTile][kTile];
-  const int tx = static_cast<int>(threadIdx.x);
-  const int ty = static_cast<int>(threadIdx.y);
-  const int row = static_cast<int>(blockIdx.y) * kTile + ty;
-  const int col = static_cast<int>(blockIdx.x) * kTile + tx;
-  const bool is_output = row < a_rows && col < b_cols;
+  __shared__ Tiles<T> tiles[2];
+  const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
+  const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
+  const Factors<T> factors = {A, static_cast<uint32_t>(a_cols), static_cast<uint32_t>(a_rows),
+                              B, static_cast<uint32_t>(b_cols), static_cast<uint32_t>(b_rows)};
   const DeviceDatapath<T> datapath(acc_min, acc_max, mult_shift[0], use_fp16_acc);
-  T acc = T{0};
-  for (int t = 0; t <= (a_cols - 1) / kTile; ++t) {
-    const int k = t * kTile;
-    a_tile[ty][tx] = row < a_rows && k + tx < a_cols ? A[row * a_cols + k + tx] : T{0};
-    b_tile[ty][tx] = col < b_cols && k + ty < b_rows ? B[(k + ty) * b_cols + col] : T{0};
-    __syncthreads();
-    if (is_output) {
-      for (int j = 0; j < kTile; ++j) {
-        acc = datapath.Accumulate(acc, datapath.Product(a_tile[ty][j], b_tile[j][tx]));
-      }
-    }
-    __syncthreads();
-  }
-  if (!is_output) return;
-  const int o = col * a_rows + row;
+  T acc = Multiply(datapath, factors, row, col, tiles);
+  if (row >= factors.a_rows || col >= factors.b_cols) return;
+  const uint32_t o = col * factors.a_rows + row;
   if (elementwise != nullptr) acc = datapath.Accumulate(acc, elementwise[o]);
   C[o] = acc;
 }

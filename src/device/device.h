@@ -15,9 +15,16 @@
 #define BITFOLD_LAUNCH(kernel, blocks, threads, stream, ...) \
   kernel<<<blocks, threads, 0, static_cast<cudaStream_t>(stream)>>>(__VA_ARGS__)
 
+// Ahead of a loop: all its rounds one after the other, or not.
+#define BITFOLD_UNROLL_ALL _Pragma("unroll")
+#define BITFOLD_KEEP_ROLLED _Pragma("unroll 1")
+
 #else
 
 #include "support/device_emulation.h"
+
+#define BITFOLD_UNROLL_ALL
+#define BITFOLD_KEEP_ROLLED
 
 #endif
 
@@ -33,12 +40,15 @@ inline constexpr int kBlockThreads = 512;
 // get one block, whose threads find nothing to do. So do counts that wrapped to below 0.
 inline int BlocksFor(int count, int threads) { return count < 1 ? 1 : (count - 1) / threads + 1; }
 
+// Keeps in mind that something was launched on the calling thread's device.
+void NoteDevice();
+
 // A launch that failed ends the process: what was enqueued before it cannot be taken back, so
 // nothing computed after it could be trusted. `file` and `line` are what it prints, not where the
 // call stands.
 inline void RequireLaunched(const char* file, int line) {
   const cudaError_t code = cudaPeekAtLastError();
-  if (code == cudaSuccess) return;
+  if (code == cudaSuccess) return NoteDevice();
   std::fprintf(stderr, "GPUassert: %s %s %d\n", cudaGetErrorString(code), file, line);
   std::exit(static_cast<int>(code));
 }

@@ -8,7 +8,9 @@ namespace bitfold {
 
 const char* ZeroDeviceMemory(void* stream, void* memory, size_t bytes) {
   const cudaError_t code = cudaMemsetAsync(memory, 0, bytes, static_cast<cudaStream_t>(stream));
-  return code == cudaSuccess ? nullptr : cudaGetErrorString(code);
+  if (code == cudaSuccess) return nullptr;
+  cudaGetLastError();  // or the next launch, which has nothing to do with it, would end the process
+  return cudaGetErrorString(code);
 }
 
 }  // namespace bitfold

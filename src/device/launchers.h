@@ -52,6 +52,10 @@ void LaunchImages(void* stream, const ConvolutionCall<T>& call, const T* rows, T
 // device_memory.cu: zeroes `bytes` bytes, after what the stream holds. Null, or what failed.
 const char* ZeroDeviceMemory(void* stream, void* memory, size_t bytes);
 
+// device_lines.cu: until every device on which a launcher launched has done all its work, which
+// writes the lines of its kernels to C's standard output. 0, or the code of what failed first.
+int WaitForUsedDevices();
+
 }  // namespace bitfold
 
 #endif  // BITFOLD_SRC_DEVICE_LAUNCHERS_H_

@@ -34,23 +34,23 @@ T* AllocateFor(Scratch* scratch, int64_t count) {
   return static_cast<T*>(scratch->Allocate(static_cast<size_t>(count) * sizeof(T)));
 }
 
-// From the heap.
+// From the heap, as it comes: nothing is written.
 class HeapScratch : public Scratch {
  public:
   void* Allocate(size_t bytes) override {
     try {
-      blocks_.emplace_back(bytes / sizeof(Unit) + 1);
+      blocks_.emplace_back(new Unit[bytes / sizeof(Unit) + 1]);
     } catch (const std::bad_alloc&) {
       return nullptr;
     }
-    return blocks_.back().data();
+    return blocks_.back().get();
   }
 
  private:
   struct alignas(64) Unit {
     char bytes[64];
   };
-  std::vector<std::vector<Unit>> blocks_;
+  std::vector<std::unique_ptr<Unit[]>> blocks_;
 };
 
 }  // namespace bitfold

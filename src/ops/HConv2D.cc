@@ -195,13 +195,17 @@ struct HConv2dFunctor<GPUDevice, T> {
   // The kernels count in 32 bits, and where taps lie apart fewer positions are unfolded than SAME
   // keeps, down to none.
   static absl::Status Check(const DeviceConvolution& sizes) {
-    for (const auto* axis : {&sizes.rows, &sizes.columns}) {
-      if (axis->positions > 0) continue;
+    if (const DeviceWindowAxis* axis = sizes.AxisWithoutPositions()) {
       return absl::InvalidArgumentError(absl::StrCat(
           "Need a dilation that leaves the GPU at least 1 position of the filter along the ",
           axis == &sizes.rows ? "height" : "width", ", got ", axis->positions, " from an input of ",
           axis->input, ", a filter of ", axis->taps, ", a stride of ", axis->stride,
           " and a dilation of ", axis->dilation));
+    }
+    if (sizes.out_channels > kMaxDeviceChannels) {
+      return absl::InvalidArgumentError(absl::StrCat("Need at most ", kMaxDeviceChannels,
+                                                     " output channels on a GPU, got ",
+                                                     sizes.out_channels));
     }
     const int32_t taps_h = sizes.rows.taps;
     const int32_t taps_w = sizes.columns.taps;

@@ -19,6 +19,7 @@
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
 #include "frame/op_workers.h"
+#include "ops/prepared_attributes.h"
 #include "ops/requantise_attributes.h"
 #include "ops/window_attributes.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
@@ -79,9 +80,10 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
   REGISTER_OP("HPreparedConvolution")
       .Attr("T: {int8, int16}")
       .Attr("T_out: {int8, int16}")
+      .Attr("T_bias: {int32, int64}")
       .Input("input: T")
       .Input("filter: int8")
-      .Input("bias: int32")
+      .Input("bias: T_bias")
       .Input("multipliers: double")
       .Output("output: T_out")
       .Attr("strides: list(int)")
@@ -103,26 +105,23 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
 
 // The layer is made at the first call and kept; calls that bring the same weights and image sizes
 // use it again. Weights that nothing rewrites in place are known by their memory, which the kernel
-// holds, so that no others can come to lie there; of any the kernel has a copy to compare with.
+// holds, so that no others can come to lie there; of any the kernel has a copy to compare with. A
+// bias of 64 bits makes sums of 64.
 template <typename In, typename Out>
-class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
+class HPreparedConvolutionOp : public AccumulatorOp<int64_t> {
  public:
-  explicit HPreparedConvolutionOp(OpKernelConstruction* context) : AccumulatorOp<int32_t>(context) {
+  explicit HPreparedConvolutionOp(OpKernelConstruction* context) : AccumulatorOp<int64_t>(context) {
     if (!context->status().ok()) return;
+    DataType bias_type;
+    OP_REQUIRES_OK(context, context->GetAttr("T_bias", &bias_type));
+    is_wide_ = bias_type == tensorflow::DT_INT64;
     OP_REQUIRES_OK(context, windows_.Read(context));
     OP_REQUIRES_OK(context, context->GetAttr("is_depthwise", &is_depthwise_));
-    OP_REQUIRES_OK(context, context->GetAttr("input_zero_point", &input_zero_point_));
-    OP_REQUIRES_OK(context, context->GetAttr("mult_shift", &mode_.shift));
-    OP_REQUIRES_OK(context, context->GetAttr("use_fp16_acc", &use_fp16_acc_));
-    std::string rounding;
-    OP_REQUIRES_OK(context, context->GetAttr("rounding", &rounding));
-    mode_.rescaling = RescalingOf(rounding);
-    OP_REQUIRES_OK(context, context->GetAttr("zero_point", &mode_.zero_point));
-    OP_REQUIRES_OK(context, context->GetAttr("minimum", &mode_.minimum));
-    OP_REQUIRES_OK(context, context->GetAttr("maximum", &mode_.maximum));
+    OP_REQUIRES_OK(context, GetPreparedArithmetic(context, tensorflow::DataTypeToEnum<Out>::value,
+                                                  &use_fp16_acc_, &mode_));
+    OP_REQUIRES_OK(context, GetInputZeroPoint<In>(context, "input_zero_point", &input_zero_point_));
     OP_REQUIRES_OK(context, context->GetAttr("has_constant_weights", &has_constant_weights_));
-    OP_REQUIRES_OK(context, CheckStored(mode_, tensorflow::DataTypeToEnum<Out>::value));
-    OP_REQUIRES_OK(context, CheckAttributes());
+    OP_REQUIRES_OK(context, CheckAccumulator());
   }
 
   void Run(OpKernelContext* context) override {
@@ -188,18 +187,20 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
     return has_constant_weights_ ? given : tensorflow::tensor::DeepCopy(given);
   }
 
-  absl::Status CheckAttributes() const {
-    const int64_t low = std::numeric_limits<In>::min();
-    const int64_t high = std::numeric_limits<In>::max();
-    if (input_zero_point_ < low || input_zero_point_ > high) {
-      return absl::InvalidArgumentError(absl::StrFormat(
-          "Need an input_zero_point in [%d, %d], got %d", low, high, input_zero_point_));
+  absl::Status CheckAccumulator() const {
+    if (!is_wide_) return RequireInt32AccumulatorSize(accumulator_size_);
+    if (accumulator_size_ != kWideAccumulator) {
+      return absl::InvalidArgumentError(absl::StrCat("Need an accumulator_size of ",
+                                                     kWideAccumulator, " for a bias of int64, got ",
+                                                     accumulator_size_));
     }
-    const int32_t most = use_fp16_acc_ ? 6 : 31;
-    if (mode_.shift >= 0 && mode_.shift <= most) return absl::OkStatus();
-    return absl::InvalidArgumentError(
-        absl::StrFormat("Need a mult_shift in [0, %d]%s, got %d", most,
-                        use_fp16_acc_ ? " in half precision" : "", mode_.shift));
+    if (use_fp16_acc_) {
+      return absl::InvalidArgumentError("Need a bias of int32 in half precision, got int64");
+    }
+    if (mode_.rescaling == Rescaling::kTwoRoundings) {
+      return absl::InvalidArgumentError("Need a bias of int32 for two_roundings, got int64");
+    }
+    return absl::OkStatus();
   }
 
   // The layer points to the weights.
@@ -229,13 +230,14 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
               is_depthwise_,
               input_zero_point_,
               filter.flat<int8_t>().data(),
-              bias.NumElements() == 0 ? nullptr : bias.flat<int32_t>().data(),
+              is_wide_ || bias.NumElements() == 0 ? nullptr : bias.flat<int32_t>().data(),
               multipliers.flat<double>().data(),
               multipliers.NumElements() > 1,
               accumulator_size_,
               mode_.shift,
               use_fp16_acc_,
-              mode_};
+              mode_,
+              !is_wide_ || bias.NumElements() == 0 ? nullptr : bias.flat<int64_t>().data()};
     return CheckSizes(input, *layer);
   }
 
@@ -270,6 +272,7 @@ class HPreparedConvolutionOp : public AccumulatorOp<int32_t> {
   }
 
   WindowAttributes windows_;
+  bool is_wide_ = false;
   bool is_depthwise_ = false;
   int32_t input_zero_point_ = 0;
   bool use_fp16_acc_ = false;

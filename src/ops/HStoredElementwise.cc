@@ -5,7 +5,6 @@
 
 #include "bitfold/HStoredElementwise.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "frame/op_frame.h"
 #include "frame/op_registration.h"
 #include "frame/op_workers.h"
+#include "ops/common_shape.h"
 #include "ops/stored_scale.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
@@ -47,27 +47,6 @@ BITFOLD_WHEN_LOADED(RegisterOp) {
       .Attr("maximum: int")
       .SetShapeFn(tensorflow::shape_inference::BroadcastBinaryOpShapeFn);
 }
-
-namespace {
-
-std::vector<int64_t> SizesOf(const Tensor& tensor) {
-  const auto sizes = tensor.shape().dim_sizes();
-  return {sizes.begin(), sizes.end()};
-}
-
-// The shape of two that have a common one.
-absl::Status CommonShape(const std::vector<int64_t>& first, const std::vector<int64_t>& second,
-                         TensorShape* shape) {
-  const size_t rank = std::max(first.size(), second.size());
-  for (size_t i = 0; i < rank; ++i) {
-    const int64_t a = broadcast_internal::Size(first, rank, i);
-    const int64_t b = broadcast_internal::Size(second, rank, i);
-    TF_RETURN_IF_ERROR(shape->AddDimWithStatus(a == 1 ? b : a));
-  }
-  return absl::OkStatus();
-}
-
-}  // namespace
 
 template <typename Device>
 class HStoredElementwiseOp : public GuardedOp {

@@ -1,11 +1,15 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 
-#ifdef BITFOLD_GPU
-
 #include "ops/gpu_device.h"
 
+#include <cstdio>
+
+#include "bitfold/device_lines.h"
 #include "device/launchers.h"
+
+#ifdef BITFOLD_GPU
+
 #include "tensorflow/core/framework/device_base.h"
 #include "xla/stream_executor/stream.h"
 
@@ -30,3 +34,13 @@ GPUDevice DeviceOf<GPUDevice>(tensorflow::OpKernelContext* context) {
 }  // namespace bitfold
 
 #endif  // BITFOLD_GPU
+
+int bitfold_flush_device_lines() {
+#ifdef BITFOLD_GPU
+  const int code = bitfold::WaitForUsedDevices();
+#else
+  const int code = 0;
+#endif
+  std::fflush(stdout);
+  return code;
+}

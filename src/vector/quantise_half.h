@@ -8,21 +8,10 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstring>
+
+#include "bitfold/float_bits.h"
 
 namespace bitfold {
-
-inline float FloatOf(int32_t bits) {
-  float x;
-  std::memcpy(&x, &bits, sizeof x);
-  return x;
-}
-
-inline int32_t BitsOf(float x) {
-  int32_t bits;
-  std::memcpy(&bits, &x, sizeof bits);
-  return bits;
-}
 
 // With x = m * 2^e, 0.5 <= |m| < 1, and e' = max(e, 2):
 //   rint(floor(x * 2^(18 - e')) / 64) * 2^(e' - 12)

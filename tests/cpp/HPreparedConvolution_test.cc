@@ -161,14 +161,7 @@ TEST(PreparedConvolution, LinesOfSumsOutOfBounds) {
 template <typename Types>
 class PreparedLayers : public ::testing::Test {};
 
-template <typename Input, typename Output>
-struct Types {
-  using In = Input;
-  using Out = Output;
-};
-using AllTypes = ::testing::Types<Types<int8_t, int8_t>, Types<int8_t, int16_t>,
-                                  Types<int16_t, int8_t>, Types<int16_t, int16_t>>;
-TYPED_TEST_SUITE(PreparedLayers, AllTypes);
+TYPED_TEST_SUITE(PreparedLayers, testing::AllStoredTypes);
 
 // Widths and shifts crossed, with biases around 2^w.
 TYPED_TEST(PreparedLayers, WidthsAndShifts) {

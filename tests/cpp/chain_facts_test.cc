@@ -185,7 +185,7 @@ template <typename T>
 void CheckPackBytes(Random* random, int size, int offset, int32_t added) {
   const ExactBuffer<T> x(Numbers<T>(random, size, -added, 255 - added), offset);
   ExactBuffer<uint8_t> out(size, offset + 1);
-  PackBytes(x.data(), size, added, out.data());
+  ASSERT_TRUE(PackBytes(x.data(), size, added, out.data()));
   for (int i = 0; i < size; ++i) {
     ASSERT_EQ(static_cast<int32_t>(out[i]), static_cast<int32_t>(x[i]) + added)
         << i << " of " << size;

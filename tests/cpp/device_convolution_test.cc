@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "device/device.h"
 #include "device/launchers.h"
 #include "reference/device.h"
 #include "support/convolution.h"
@@ -543,11 +544,29 @@ TEST(DeviceConvolution, AFailedLaunchEndsTheProcess) {
 
 // More rows of blocks than a grid can have.
 TEST(DeviceConvolution, AnInvalidGridEndsTheProcess) {
-  const Convolution c = Plain(1, 1, 1, 1, 1, 65535 * 16 + 1);
+  const Convolution c = Plain(1, 1, 1, 1, 1, kMaxDeviceChannels + 1);
   const ConvolutionData<int32_t> data = {
       {5}, std::vector<int32_t>(static_cast<size_t>(c.out_channels), 3), {}};
   EXPECT_EXIT(OnDevice(c, data), ::testing::ExitedWithCode(9),
               testing::LaunchError("invalid configuration argument", "src/HConv2D 250"));
+}
+
+// Only devices that something was launched on are waited for, and the thread keeps its own. Other
+// tests launch on device 0.
+TEST(DeviceLines, WaitsForTheDevicesOfLaunches) {
+  DeviceEmulation emulation;
+  for (const int device : {5, 2}) {
+    emulation.device = device;
+    OnDevice<int32_t>(Plain(1, 1, 1, 1, 1, 1), {{2}, {3}, {}});
+  }
+  emulation.device = 7;
+  EXPECT_EQ(WaitForUsedDevices(), 0);
+  if (emulation.waited_for[0] == 0) emulation.waited_for.erase(emulation.waited_for.begin());
+  EXPECT_EQ(emulation.waited_for, (std::vector<int>{2, 5}));
+  EXPECT_EQ(emulation.device, 7);
+  emulation.wait_result = cudaErrorInvalidConfiguration;
+  EXPECT_EQ(WaitForUsedDevices(), 9);
+  EXPECT_EQ(emulation.device, 7);
 }
 
 TEST(DeviceMemory, Zeroes) {
@@ -563,6 +582,15 @@ TEST(DeviceMemory, SaysWhatFailed) {
   int32_t word = 7;
   EXPECT_STREQ(ZeroDeviceMemory(nullptr, &word, sizeof(word)), "invalid configuration argument");
   EXPECT_EQ(word, 7);
+  // The failure is told to the caller alone: launches after it go on.
+  const Convolution c = Plain(1, 1, 1, 1, 1, 1);
+  EXPECT_EQ(OnDevice<int32_t>(c, {{2}, {3}, {}}).values[0], 6);
+}
+
+// Up to the most rows of blocks that a grid has.
+TEST(DeviceConvolution, MostChannels) {
+  EXPECT_EQ(BlocksFor(kMaxDeviceChannels, 16), 65535);
+  EXPECT_EQ(BlocksFor(kMaxDeviceChannels + 1, 16), 65536);
 }
 
 }  // namespace

@@ -271,6 +271,48 @@ TEST(DeviceFeed, EndsWhereNoCountReachesIt) {
   Ran(Path::kDeviceFeedEnds);
 }
 
+TEST(DeviceFeed, CountsAgainstOracle) {
+  for (const float repeat :
+       {0.0f, -0.0f, -1.0f, kNan, 1e-45f, 0.5f, 1.0f, 64.0f, 64.5f, 65.0f, 1e6f, 16777216.0f,
+        16777218.0f, 16777220.0f, 2147483520.0f, 2147483648.0f, 3e9f, kInfinity, -kInfinity}) {
+    EXPECT_EQ(DeviceFeedRepeatCount(repeat), reference::DevicePasses(repeat))
+        << testing::Show(repeat);
+  }
+}
+
+// Integers make no more passes than it takes to prove the rest.
+TEST(DeviceFeed, ManyIntegerPassesAgainstOracle) {
+  testing::Random random(0x3fee);
+  for (int i = 0; i < 3000; i += testing::Step(7)) {
+    const int width = random.Pick(WidthsOf<int32_t>());
+    const auto datapath = DatapathOf<int32_t>(width, 0, false);
+    const testing::Data data = random.Flag() ? testing::Data::kSmall : testing::Data::kCorners;
+    const std::vector<int32_t> x = testing::DrawMany<int32_t>(&random, data, 3);
+    const float repeat = random.Pick<float>({63.5f, 64.0f, 64.5f, 65.0f, 100.0f, 1000.25f});
+    const auto inputs = Describe("acc", x[0], "first", x[1], "second", x[2], "width", width);
+    int32_t one = x[0];
+    int32_t two = x[0];
+    for (int64_t pass = 0; pass < reference::DevicePasses(repeat); ++pass) {
+      one = reference::DeviceAccumulate(one, x[1], width, false, nullptr);
+      two = reference::DeviceAccumulate(two, x[1], width, false, nullptr);
+      two = reference::DeviceAccumulate(two, x[2], width, false, nullptr);
+    }
+    ASSERT_TRUE(
+        Same(one, AddRepeatedlyOnDevice(datapath, x[0], repeat, x[1]), "one addend", inputs));
+    ASSERT_TRUE(Same(two, AddRepeatedlyOnDevice(datapath, x[0], repeat, x[1], x[2]), "two addends",
+                     inputs));
+  }
+}
+
+// 2^31 passes at once: 5 + 3 * 2^31 is 5 modulo 2^24, and 2^31 more than that modulo 2^32.
+TEST(DeviceFeed, TheMostIntegerPassesTakeNoTime) {
+  for (int i = 0; i < 1000000; ++i) {
+    ASSERT_EQ(AddRepeatedlyOnDevice(DatapathOf<int32_t>(24, 0, false), 5, kInfinity, 3), 5);
+    ASSERT_EQ(AddRepeatedlyOnDevice(DatapathOf<int32_t>(32, 0, false), 5, kInfinity, 3),
+              INT32_MIN + 5);
+  }
+}
+
 // ---- The sizes of a convolution ----------------------------------------------------------------
 
 Padding PaddingOf(bool same) { return same ? Padding::kSame : Padding::kValid; }
@@ -355,6 +397,32 @@ TEST(DeviceConvolutionSizes, Products) {
   EXPECT_EQ(large.unfolded(), int64_t{1} << 34);
   EXPECT_EQ(large.row_elements(), int64_t{1} << 21);
   EXPECT_EQ(large.column_elements(), int64_t{1} << 50);
+}
+
+// However many positions there are: more than 32 bits hold, here.
+TEST(DeviceConvolutionSizes, WithoutTapsNothingIsUnfolded) {
+  const ConvolutionAxis axis = {65536, 0, 1, 1, Padding::kValid};
+  const DeviceConvolution sizes = SizesOf(1, {3, 1}, axis, axis);
+  EXPECT_GT(sizes.positions(), int64_t{1} << 32);
+  EXPECT_EQ(sizes.unfolded(), 0);
+  EXPECT_EQ(sizes.column_elements(), 0);
+}
+
+// Two axes without positions have a product above 0, so each is looked at.
+TEST(DeviceConvolutionSizes, AxisWithoutPositions) {
+  const ConvolutionAxis some = {9, 3, 1, 2, Padding::kSame};
+  const ConvolutionAxis none = {3, 3, 1, 3, Padding::kSame};
+  const ConvolutionAxis below = {2, 3, 1, 4, Padding::kSame};
+  EXPECT_EQ(DeviceWindowAxis(none).positions, -1);
+  EXPECT_EQ(DeviceWindowAxis(below).positions, -4);
+  EXPECT_EQ(SizesOf(1, {1, 1}, some, some).AxisWithoutPositions(), nullptr);
+  const DeviceConvolution rows = SizesOf(1, {1, 1}, none, some);
+  EXPECT_EQ(rows.AxisWithoutPositions(), &rows.rows);
+  const DeviceConvolution columns = SizesOf(1, {1, 1}, some, below);
+  EXPECT_EQ(columns.AxisWithoutPositions(), &columns.columns);
+  const DeviceConvolution both = SizesOf(1, {1, 1}, none, below);
+  EXPECT_GT(both.positions(), 0);
+  EXPECT_EQ(both.AxisWithoutPositions(), &both.rows);
 }
 
 TEST(DeviceConvolutionSizes, NothingToCompute) {

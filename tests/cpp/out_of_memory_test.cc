@@ -24,6 +24,7 @@
 #include "cpu/layernorm.h"
 #include "cpu/matmul.h"
 #include "cpu/nms.h"
+#include "cpu/prepared_matmul.h"
 #include "cpu/softmax.h"
 #include "frame/floating_point_scope.h"
 #include "frame/scratch.h"
@@ -150,6 +151,37 @@ TEST(OutOfMemory, MatrixProduct) {
     ComputeMatMul(
         call, 1, [] { return std::make_unique<HeapScratch>(); }, &parts);
   });
+}
+
+// Dot products of what is stored, and sums of what is widened.
+TEST(OutOfMemory, PreparedMatmul) {
+  const std::vector<int8_t> first(3 * 5 * 7, 11);
+  const std::vector<int8_t> second(3 * 7 * 20, -3);
+  std::vector<int8_t> output(3 * 5 * 20);
+  const double multiplier = 0.25;
+  const Broadcast pairs = MakeBroadcast({3}, {3});
+  for (const bool use_fp16_acc : {false, true}) {
+    const PreparedProduct product = {
+        1,
+        5,
+        7,
+        20,
+        true,
+        true,
+        2,
+        5,
+        &multiplier,
+        false,
+        {32, use_fp16_acc, {Rescaling::kTwoRoundings, 0, 0, INT8_MIN, INT8_MAX}}};
+    EXPECT_GE(FailEach(&output,
+                       [&] {
+                         const DefaultFloatingPointScope scope;
+                         testing::BackwardParts parts(1);
+                         const PreparedMatmul<int8_t, int8_t> matmul(product);
+                         matmul.Run({first.data(), second.data(), output.data(), &pairs}, &parts);
+                       }),
+              3);
+  }
 }
 
 TEST(OutOfMemory, Resampler) {

@@ -29,14 +29,7 @@ using testing::Random;
 template <typename Types>
 class PreparedPlans : public ::testing::Test {};
 
-template <typename Input, typename Output>
-struct Types {
-  using In = Input;
-  using Out = Output;
-};
-using AllTypes = ::testing::Types<Types<int8_t, int8_t>, Types<int8_t, int16_t>,
-                                  Types<int16_t, int8_t>, Types<int16_t, int16_t>>;
-TYPED_TEST_SUITE(PreparedPlans, AllTypes);
+TYPED_TEST_SUITE(PreparedPlans, testing::AllStoredTypes);
 
 struct Windows {
   LayerAxis rows, columns;

@@ -109,12 +109,13 @@ T ScaledProduct(const D& d, T x, T y) {
 // All steps on one set of operands, as they are defined.
 template <typename D, typename T>
 struct ExpectedSteps {
-  Expected<D, T> initial, products, sums, accumulated;
+  Expected<D, T> initial, products, sums, two, accumulated;
 
   ExpectedSteps(const D& d, const Arrays<T>& in, int n)
       : initial(d, n, [&](int64_t i, auto) { return d.InitialValue(in.x[i]); }),
         products(d, n, [&](int64_t i, auto) { return ScaledProduct(d, in.x[i], in.y[i]); }),
         sums(d, n, [&](int64_t i, auto sum) { return sum(in.acc[i], in.x[i]); }),
+        two(d, n, [&](int64_t i, auto sum) { return sum(sum(in.acc[i], in.x[i]), in.y[i]); }),
         accumulated(d, n, [&](int64_t i, auto sum) {
           return sum(in.acc[i], ScaledProduct(d, in.x[i], in.y[i]));
         }) {}
@@ -138,11 +139,16 @@ void CheckSteps(const D& d, const Arrays<T>& in, int n, const ExpectedSteps<D, T
   ASSERT_TRUE(expected.products.IsGivenBy(false, out, "products", inputs));
   bool warned = loops.accumulate(d, acc, x, n, out.data());
   ASSERT_TRUE(expected.sums.IsGivenBy(warned, out, "accumulate", inputs));
+  warned = loops.accumulate_two(d, acc, x, y, n, out.data());
+  ASSERT_TRUE(expected.two.IsGivenBy(warned, out, "accumulate_two", inputs));
   warned = loops.accumulate_products(d, acc, x, y, n, out.data());
   ASSERT_TRUE(expected.accumulated.IsGivenBy(warned, out, "accumulate_products", inputs));
   std::copy_n(acc, n, out.data());
   warned = loops.accumulate(d, out.data(), x, n, out.data());
   ASSERT_TRUE(expected.sums.IsGivenBy(warned, out, "accumulate in place", inputs));
+  std::copy_n(acc, n, out.data());
+  warned = loops.accumulate_two(d, out.data(), x, y, n, out.data());
+  ASSERT_TRUE(expected.two.IsGivenBy(warned, out, "accumulate_two in place", inputs));
   std::copy_n(acc, n, out.data());
   warned = loops.accumulate_products(d, out.data(), x, y, n, out.data());
   ASSERT_TRUE(expected.accumulated.IsGivenBy(warned, out, "accumulate_products in place", inputs));

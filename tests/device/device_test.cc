@@ -5,6 +5,7 @@
 //
 //   device_test            everything
 //   device_test --quick    few elements and no times, for an emulation
+//   device_test --times    times alone
 //
 // Ends with a tally. Exits with 0 if all passed, 1 if something failed, 2 without a device.
 
@@ -20,8 +21,9 @@
 int main(int argc, char** argv) {
   namespace program = bitfold::device_test;
   const std::string mode = argc > 1 ? argv[1] : "";
-  if (argc > 2 || (!mode.empty() && mode != "--quick" && mode != "--invalid-grid")) {
-    std::fprintf(stderr, "usage: %s [--quick]\n", argv[0]);
+  if (argc > 2 ||
+      (!mode.empty() && mode != "--quick" && mode != "--times" && mode != "--invalid-grid")) {
+    std::fprintf(stderr, "usage: %s [--quick | --times]\n", argv[0]);
     return 2;
   }
   std::string description;
@@ -35,6 +37,10 @@ int main(int argc, char** argv) {
   }
   std::printf("Device: %s\nSeed: %" PRIu64 "\n\n", description.c_str(), program::RunSeed());
 
+  if (mode == "--times") {
+    program::MeasureTimes();
+    return 0;
+  }
   const bool is_quick = mode == "--quick";
   program::Report report;
   program::CompareAdditions(is_quick, &report);

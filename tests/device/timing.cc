@@ -124,6 +124,43 @@ void MeasureConvolution() {
   std::fflush(stdout);
 }
 
+// So many output channels that the product takes nearly all of the time.
+constexpr ConvolutionShape kProductShape = {1, 56, 56, 64, 3, 3, 256, 1, 1, 1, 1, Padding::kSame};
+
+struct ProductCase {
+  const char* name;
+  Attributes attributes;
+};
+
+// Sums of some thousands: those of 12 bits wrap.
+constexpr ProductCase kProductCases[] = {{"no scaling", {24, 0, false}},
+                                         {"mult_shift 4", {24, 4, false}},
+                                         {"mult_shift 5", {24, 5, false}},
+                                         {"12 bits", {12, 0, false}},
+                                         {"half precision", {24, 0, true}},
+                                         {"half precision, mult_shift 4", {24, 4, true}},
+                                         {"half precision, mult_shift 5", {24, 5, true}}};
+
+template <typename T>
+void MeasureProducts() {
+  ConvolutionInputs<T> inputs{kProductShape, {}, {}, {}};
+  const ConvolutionShape& s = inputs.shape;
+  const size_t window = static_cast<size_t>(s.fh) * s.fw * s.in_c;
+  inputs.input = QuietValues<T>(static_cast<size_t>(s.in_h) * s.in_w * s.in_c);
+  inputs.filter = QuietValues<T>(window * s.out_c);
+  const double products = static_cast<double>(inputs.outputs()) * static_cast<double>(window);
+  ConvolutionOnDevice<T> device(inputs);
+  for (const ProductCase& c : kProductCases) {
+    // Integers have no half precision.
+    if (std::is_same_v<T, int32_t> && c.attributes.use_fp16_acc) continue;
+    device.Prepare(c.attributes);
+    const double milliseconds = MedianMilliseconds([&] { device.Launch(c.attributes); });
+    std::printf("%-30s %-6s %10.3f %10.1f\n", c.name, kTypeName<T>, milliseconds,
+                products / milliseconds / 1e6);
+    std::fflush(stdout);
+  }
+}
+
 }  // namespace
 
 void MeasureTimes() {
@@ -143,6 +180,13 @@ void MeasureTimes() {
               "ratio");
   MeasureConvolution<float>();
   MeasureConvolution<int32_t>();
+
+  const ConvolutionShape& p = kProductShape;
+  std::printf("\n%dx%dx%dx%d to %d, %dx%d; billions of multiply-adds a second\n", p.batch, p.in_h,
+              p.in_w, p.in_c, p.out_c, p.fh, p.fw);
+  std::printf("%-30s %-6s %10s %10s\n", "arithmetic", "type", "ms", "device");
+  MeasureProducts<float>();
+  MeasureProducts<int32_t>();
   std::printf("\n");
 }
 

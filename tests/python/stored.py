@@ -6,6 +6,7 @@ from __future__ import annotations
 
 import keras
 import numpy as np
+import oracle
 import support
 import tensorflow as tf
 
@@ -21,6 +22,29 @@ def draw(rng, dtype, shape):
     values = rng.integers(limits.min, limits.max, shape, dtype, endpoint=True)
     ends = rng.choice(np.array([limits.min, limits.max], dtype), shape)
     return np.where(rng.integers(0, 9, shape) == 0, ends, values).astype(dtype)
+
+
+ROUNDINGS = ("two_roundings", "short_multiplier", "one_rounding")
+
+
+def requantised(sums, multipliers, settings, dtype):
+    """Return what the oracle's requantisation stores of whole sums, channels last."""
+    limits = np.iinfo(dtype)
+    sums = np.ascontiguousarray(sums, np.int64)
+    multipliers = np.ascontiguousarray(multipliers)
+    (attributes,) = words(
+        [
+            ROUNDINGS.index(settings["rounding"]), settings["mult_shift"], settings["zero_point"],
+            settings.get("minimum", limits.min), settings.get("maximum", limits.max),
+        ],
+    )  # fmt: skip
+    out = np.zeros(sums.shape, np.int32)
+    status = oracle.library().reference_requantise(
+        sums.ctypes.data, sums.size, multipliers.ctypes.data, multipliers.size,
+        attributes.ctypes.data, out.ctypes.data,
+    )  # fmt: skip
+    assert status == 0, f"the oracle refuses with {status}"
+    return out.astype(dtype)
 
 
 def check_in_models(call, x, folder):

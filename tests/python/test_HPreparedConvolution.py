@@ -11,21 +11,22 @@ import hypothesis
 import hypothesis.strategies as st
 import keras
 import numpy as np
-import oracle
 import pytest
 import registration
 import support
 import tensorflow as tf
+from stored import ROUNDINGS, requantised
 
 from bitfold import ops, raw_ops
 
 _TYPES = {"int8": "int8_t", "int16": "int16_t"}
 REGISTRATION = {
     "HPreparedConvolution": registration.Registration(
-        inputs=["input: T", "filter: int8", "bias: int32", "multipliers: float64"],
+        inputs=["input: T", "filter: int8", "bias: T_bias", "multipliers: float64"],
         attributes=[
             "T: {int8, int16}",
             "T_out: {int8, int16}",
+            "T_bias: {int32, int64}",
             "strides: list(int)",
             "dilations: list(int)",
             'padding: {"SAME", "VALID"}',
@@ -51,7 +52,6 @@ REGISTRATION = {
 }
 WRAPPERS = {"prepared_conv2d": None}
 
-ROUNDINGS = ("two_roundings", "short_multiplier", "one_rounding")
 STORED = (np.int8, np.int16)
 DEFAULTS = {
     "strides": (1, 1),
@@ -97,7 +97,6 @@ def surrounded(image, zeros, zero_point):
 def expected(reference, input, filter, bias, multipliers, *, dtype=np.int8, **attributes):
     """The oracle's convolution, bias and requantisation, with the lines, image by image."""
     settings = DEFAULTS | attributes
-    limits = np.iinfo(dtype)
     half = settings["use_fp16_acc"]
     shift = settings["mult_shift"]
     datapath = {
@@ -123,22 +122,7 @@ def expected(reference, input, filter, bias, multipliers, *, dtype=np.int8, **at
             sums, lines = reference.bias_add(sums, bias.astype(kind), **datapath)
             text += lines
         found.append(sums)
-    sums = np.ascontiguousarray(np.concatenate(found), np.int64)
-    multipliers = np.ascontiguousarray(multipliers)
-    words = np.array(
-        [
-            ROUNDINGS.index(settings["rounding"]), shift, settings["zero_point"],
-            settings.get("minimum", limits.min), settings.get("maximum", limits.max),
-        ],
-        np.int32,
-    )  # fmt: skip
-    out = np.zeros(sums.shape, np.int32)
-    status = oracle.library().reference_requantise(
-        sums.ctypes.data, sums.size, multipliers.ctypes.data, multipliers.size,
-        words.ctypes.data, out.ctypes.data,
-    )  # fmt: skip
-    assert status == 0, f"the oracle refuses with {status}"
-    return out.astype(dtype), text
+    return requantised(np.concatenate(found), multipliers, settings, dtype), text
 
 
 @pytest.fixture(scope="session")

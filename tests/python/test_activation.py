@@ -320,10 +320,7 @@ def test_other_ranks_end_the_process(code):
 inp, splits = np.ones([1, 1, 1, 1], 'i8'), np.ones([1], 'i8')
 tables = {n: np.zeros([1, 1 + (n != "x_points")], 'i8') for n in units.ACTIVATION_TABLES}
 """
-    result = support.run_python(
-        units._PRELUDE + setup + code + "\nunits.activation(inp, tables, splits)",
-        units._folder(),
-    )
+    result = units.run(setup + code + "\nunits.activation(inp, tables, splits)")
     assert result.returncode == -6, result.stderr
     assert "Check failed" in result.stderr
 

@@ -69,7 +69,9 @@ def test_cpp_program(tmp_path, standard):
     assert result.returncode == 0
 
 
-@pytest.mark.parametrize("header", ["image_threads", "single_step", "warning_counts"])
+@pytest.mark.parametrize(
+    "header", ["device_lines", "image_threads", "single_step", "warning_counts"]
+)
 @pytest.mark.parametrize("standard", ["c99", "c11", "c17"])
 def test_header_alone(tmp_path, standard, header):
     """The header needs no other before it."""

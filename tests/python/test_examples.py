@@ -14,6 +14,9 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+import bitfold
+from bitfold.studies.records import Findings
+
 pytestmark = pytest.mark.slow
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
@@ -36,23 +39,43 @@ def _check_files(text: str, output: Path, picture: str) -> dict:
     return json.loads(numbers.read_text())
 
 
+def _findings(text: str, output: Path) -> Findings:
+    """Check that report and numbers are there and named; return the numbers."""
+    report, numbers = output / "report.html", output / "results.json"
+    assert report.read_text().startswith("<!DOCTYPE html>")
+    assert str(report) in text
+    assert str(numbers) in text
+    return bitfold.Study.load(numbers).findings
+
+
 def test_fashion_study(tmp_path):
     """The demo without its data set: digits, trained once and read the second time."""
     program = EXAMPLES / "fashion" / "run.py"
     options = ("--images", "40", "--epochs", "2", "--data-dir", str(tmp_path / "nowhere"))
     text = _run(program, tmp_path, *options, "--widths", "15", "24")
     assert "digits of scikit-learn" in text
-    first = _check_files(text, tmp_path, "accumulator_width.png")
-    assert all(set(row) == {"15", "24"} for row in first["accuracies"].values())
-    assert first["accuracies"]["no shift"]["24"] == first["exact_accuracy"]
-    assert len(first["layers"]) == 10
-    assert not any(layer["beyond"]["24"] for layer in first["layers"])
+    first = _findings(text, tmp_path)
+    metrics = {result.name: result.metric for result in first.results}
+    assert list(metrics) == [
+        "15 bits",
+        "24 bits",
+        "15 bits, shift 2",
+        "24 bits, shift 2",
+        "15 bits, shift 4, depthwise 16 bits",
+    ]
+    assert metrics["24 bits"] == first.metric
+    assert len(first.layers) == 10
+    assert all(layer.needed <= 24 for layer in first.layers)
+    narrowest = bitfold.Network.load(tmp_path / "narrowest.bitfold")
+    (search,) = first.searches
+    assert [layer.arithmetic for layer in narrowest.layers if layer.has_accumulator] == [
+        bitfold.Arithmetic(choice.width, choice.shift) for choice in search.choices
+    ]
     text = _run(program, tmp_path, *options, "--widths", "15")
     assert "Weights from" in text
-    second = _check_files(text, tmp_path, "accumulator_width.png")
-    assert second["exact_accuracy"] == first["exact_accuracy"]
-    for setting, row in second["accuracies"].items():
-        assert row["15"] == first["accuracies"][setting]["15"]
+    second = _findings(text, tmp_path)
+    assert second.layers == first.layers
+    assert {result.metric for result in second.results} <= set(metrics.values())
 
 
 def test_fashion_pictures(tmp_path):
@@ -80,13 +103,11 @@ def test_digits_study(tmp_path):
     """With 8 bits every layer has wrong sums, and 24 bits change nothing here."""
     program = EXAMPLES / "digits" / "run.py"
     text = _run(program, tmp_path, "--images", "20", "--epochs", "2", "--widths", "8", "24")
-    results = _check_files(text, tmp_path, "accumulator_width.png")
-    narrowest, widest = results["widths"]
-    assert (narrowest["width"], widest["width"]) == (8, 24)
-    assert all(narrowest["differing"].values())
-    assert all(narrowest["beyond"].values())
-    assert not any(widest["differing"].values())
-    assert not any(widest["beyond"].values())
+    results = {result.name: result for result in _findings(text, tmp_path).results}
+    assert all(layer.alone.wrong for layer in results["8 bits"].layers)
+    assert not any(layer.alone.wrong for layer in results["24 bits"].layers)
+    assert not any(layer.end_to_end.wrong for layer in results["24 bits"].layers)
+    assert "half precision, shift 6" in results
 
 
 def test_numeric_units(tmp_path):

@@ -44,6 +44,7 @@ def test_public_names():
         "UnsupportedModelError",
         "__version__",
         "detection",
+        "flush_device_lines",
         "fpx",
         "include_dir",
         "library_path",

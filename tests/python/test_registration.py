@@ -43,6 +43,7 @@ SYMBOLS = {
     "OverrideFloatArray_fromFPX",
     "DeleteInputFPX",
     "bitfold_counting_word",
+    "bitfold_flush_device_lines",
     "bitfold_set_image_threads",
     "bitfold_set_warnings",
     "bitfold_visit_warning_counts",

@@ -147,6 +147,7 @@ PACKAGE = ROOT / "python" / "bitfold"
 # Rooms of one floor do not know one another. What is built from several ops (networks, studies,
 # training, commands) gets floors of its own between the door and the helpers.
 FLOORS = (
+    ("bitfold.__main__",),  # the command, which stands outside as bitfold_command
     ("bitfold",),  # the door: what `import bitfold` offers
     ("bitfold.studies",),  # what an arithmetic does to a network
     ("bitfold.network",),  # trained networks

@@ -6,10 +6,11 @@ from __future__ import annotations
 
 import ctypes
 import functools
-import pathlib
 import re
+import subprocess
 from typing import Any
 
+import forks
 import numpy as np
 import oracle
 import support
@@ -224,9 +225,6 @@ def random_int64(rng: np.random.Generator, shape: Any) -> np.ndarray:
 # ---- Processes that end ------------------------------------------------------------------------
 
 _PRELUDE = """
-import os, sys
-os.environ["TF_CPP_MIN_LOG_LEVEL"] = "3"
-sys.path.insert(0, sys.argv[1])
 import numpy as np
 import tensorflow as tf
 import bitfold
@@ -234,9 +232,14 @@ import units
 """
 
 
+def run(code: str) -> subprocess.CompletedProcess[str]:
+    """Run `code`, which finds numpy, TensorFlow and this module, in a process of its own."""
+    return forks.run(_PRELUDE + code)
+
+
 def ends_with(code: str, file: str, function: str, expression: str) -> None:
     """Run `code` in a process of its own, which an assertion must end with its message."""
-    result = support.run_python(_PRELUDE + code + "\nprint('survived')\n", _folder())
+    result = run(code + "\nprint('survived', flush=True)\n")
     assert "survived" not in result.stdout, "the process did not end"
     assert result.returncode == -6, f"ended with {result.returncode}: {result.stderr}"
     pattern = rf"{re.escape(file)}:\d+: {re.escape(function)}: "
@@ -246,8 +249,4 @@ def ends_with(code: str, file: str, function: str, expression: str) -> None:
 
 def survives(code: str) -> str:
     """Run `code` in a process of its own and return what it printed."""
-    return support.passes(support.run_python(_PRELUDE + code, _folder()))
-
-
-def _folder() -> str:
-    return str(pathlib.Path(__file__).resolve().parent)
+    return support.passes(run(code))

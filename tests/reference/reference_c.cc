@@ -23,6 +23,7 @@
 
 #include "reference.h"
 #include "return_text.h"
+#include "wide.h"
 
 namespace {
 
@@ -149,6 +150,12 @@ int64_t reference_convolve_int32(const int32_t* parameters, const int32_t* input
                                  const int32_t* filter, const int32_t* elementwise, int32_t* output,
                                  char* text, int64_t capacity) {
   return ConvolveText<int32_t>(parameters, input, filter, elementwise, output, text, capacity);
+}
+
+// `bias` may be null.
+void reference_convolve_wide(const int32_t* parameters, const int32_t* input, const int32_t* filter,
+                             const int64_t* bias, int64_t* output) {
+  reference::ConvolveWide(ReadParameters(parameters), input, filter, bias, output);
 }
 
 }  // extern "C"

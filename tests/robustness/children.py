@@ -20,7 +20,7 @@ import aborts
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parent.parent
-BUILD = ROOT / "build" / "robustness"
+BUILD = ROOT / "build" / "asan-ubsan"
 MEGABYTE = 1 << 20
 
 # Freed and fresh memory has one of two patterns: blocks are not cached by the thread, and none is
@@ -87,14 +87,22 @@ def sanitized_library() -> pathlib.Path:
 
 @functools.cache
 def build() -> None:
-    """Build the library under the sanitizers, or what has changed of it."""
-    path = f"{pathlib.Path(sys.executable).parent}:{os.environ['PATH']}"
-    for command in (("--preset", "robustness", "-Wno-dev"), ("--build", "--preset", "robustness")):
-        parallel = ("-j", str(os.cpu_count())) if "--build" in command else ()
+    """Build the library under the sanitizers, or what has changed of it.
+
+    The stage of C++ tests builds in the same folder: one waits for the other.
+    """
+    variables = {"CMAKE_GENERATOR": "Ninja", **os.environ}
+    variables["PATH"] = f"{pathlib.Path(sys.executable).parent}:{os.environ['PATH']}"
+    parallel = ("-j", str(os.cpu_count()), "--target", "bitfold")
+    BUILD.parent.mkdir(exist_ok=True)
+    for command in (
+        ("cmake", "--preset", BUILD.name, "-Wno-dev"),
+        ("cmake", "--build", "--preset", BUILD.name, *parallel),
+    ):
         subprocess.run(
-            ("cmake", *command, *parallel),
+            ("flock", f"{BUILD}.lock", *command),
             cwd=ROOT,
-            env={**os.environ, "PATH": path},
+            env=variables,
             stdout=subprocess.DEVNULL,
             check=True,
         )
@@ -103,7 +111,7 @@ def build() -> None:
 @functools.cache
 def faults_library() -> pathlib.Path:
     """Build and return the library that makes allocations and threads fail."""
-    path = BUILD / "libfaults.so"
+    path = ROOT / "build" / "robustness" / "libfaults.so"
     path.parent.mkdir(parents=True, exist_ok=True)
     flags = ("-std=c++17", "-O1", "-fPIC", "-shared", "-Wall", "-Wextra", "-Werror")
     command = ("c++", *flags, str(HERE / "faults.cc"), "-o", str(path), "-ldl")

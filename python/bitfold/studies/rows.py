@@ -6,12 +6,14 @@ from __future__ import annotations
 
 import dataclasses
 import math
+from collections.abc import Sequence
 from typing import Any
 
 from bitfold.studies import words
 from bitfold.studies.records import (
     Attribution,
     Cause,
+    ChannelBits,
     Findings,
     LayerCounts,
     Narrowest,
@@ -163,6 +165,36 @@ def channels(findings: Findings) -> Table:
     if len(rows) > _MOST_CHANNELS:
         caption = f"The first {_MOST_CHANNELS} of {len(rows):,} channels that stand out."
     return Table(caption, columns, tuple(rows[:_MOST_CHANNELS]))
+
+
+def channels_of(name: str, found: Sequence[ChannelBits]) -> Table:
+    """All channels of a layer."""
+    columns = (
+        Column("channel", "count"),
+        Column("needed", "count", "bits"),
+        Column("on the way", "count", "bits"),
+        Column("proven, inputs as seen", "count", "bits"),
+        Column("proven, any input", "count", "bits"),
+        Column("smallest", "count", "sum"),
+        Column("largest", "count", "sum"),
+        Column("bias", "count"),
+        Column("remarks"),
+    )
+    rows = tuple(
+        (
+            channel.channel,
+            channel.needed,
+            channel.on_the_way,
+            channel.proven_for_range,
+            channel.proven,
+            channel.smallest_sum,
+            channel.largest_sum,
+            channel.bias,
+            "; ".join(channel.remarks) or None,
+        )
+        for channel in found
+    )
+    return Table(f"Channels of {name}.", columns, rows)
 
 
 # ---- Arithmetics ---------------------------------------------------------------------------------

@@ -7,6 +7,7 @@ from __future__ import annotations
 import dataclasses
 import sys
 import textwrap
+from collections.abc import Sequence
 from typing import TextIO
 
 import rich.table
@@ -14,7 +15,7 @@ from rich.console import Console
 from rich.markup import escape
 
 from bitfold.studies import rows, sentences, words
-from bitfold.studies.records import Findings
+from bitfold.studies.records import ChannelBits, Findings
 from bitfold.studies.rows import Table
 from bitfold.studies.series import all_series
 
@@ -38,9 +39,7 @@ def print_findings(findings: Findings, file: TextIO | None = None) -> None:
         1 image went through 0 layers with an accumulator; without labels there is no metric.
         No layer has an accumulator.
     """
-    console = Console(file=sys.stdout if file is None else file, highlight=False)
-    if not console.is_terminal:
-        console.width = _WIDTH
+    console = _console(file)
     console.print(words.printable(findings.title), style="bold", markup=False)
     for sentence in sentences.overall(findings):
         console.print(sentence, markup=False, soft_wrap=True)
@@ -50,6 +49,27 @@ def print_findings(findings: Findings, file: TextIO | None = None) -> None:
     for layer in findings.layers:
         for remark in layer.remarks:
             console.print(f"{words.printable(layer.name)}: {remark}", markup=False, soft_wrap=True)
+
+
+def print_channels(name: str, channels: Sequence[ChannelBits], file: TextIO | None = None) -> None:
+    """Print the channels of a layer.
+
+    Args:
+        name: of the layer.
+        channels: its channels.
+        file: where to; `sys.stdout` by default.
+    """
+    console = _console(file)
+    table = rows.channels_of(words.printable(name), channels)
+    console.print(f"\n{table.caption}", markup=False, soft_wrap=True)
+    console.print(_drawn(table))
+
+
+def _console(file: TextIO | None) -> Console:
+    console = Console(file=sys.stdout if file is None else file, highlight=False)
+    if not console.is_terminal:
+        console.width = _WIDTH
+    return console
 
 
 def _tables(findings: Findings) -> list[Table]:

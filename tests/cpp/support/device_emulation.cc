@@ -281,14 +281,32 @@ void __syncthreads() { bitfold::testing::BlockOfThreads::Get().Wait(); }
 
 cudaError_t cudaPeekAtLastError() { return DeviceEmulation::Current().last_error(); }
 
+cudaError_t cudaGetLastError() { return DeviceEmulation::Current().TakeLastError(); }
+
 const char* cudaGetErrorString(cudaError_t code) {
   if (code == cudaSuccess) return "no error";
   if (code == cudaErrorInvalidConfiguration) return "invalid configuration argument";
   return "unrecognized error code";
 }
 
+cudaError_t cudaGetDevice(int* device) {
+  *device = DeviceEmulation::Current().device;
+  return cudaSuccess;
+}
+
+cudaError_t cudaSetDevice(int device) {
+  DeviceEmulation::Current().device = device;
+  return cudaSuccess;
+}
+
+cudaError_t cudaDeviceSynchronize() {
+  DeviceEmulation& emulation = DeviceEmulation::Current();
+  emulation.waited_for.push_back(emulation.device);
+  return emulation.wait_result;
+}
+
 cudaError_t cudaMemsetAsync(void* memory, int byte, size_t bytes, cudaStream_t /*stream*/) {
-  const cudaError_t result = DeviceEmulation::Current().memset_result();
+  const cudaError_t result = DeviceEmulation::Current().SetMemory();
   if (result == cudaSuccess) std::memset(memory, byte, bytes);
   return result;
 }

@@ -21,6 +21,7 @@
 #define __global__
 #define __device__
 #define __host__
+#define __forceinline__ inline
 // One storage for all blocks, since they run in turn: a block finds what the one before left.
 #define __shared__ static
 // NOLINTEND(bugprone-reserved-identifier)
@@ -47,7 +48,11 @@ using cudaStream_t = struct EmulatedStream*;
 enum cudaError_t : int { cudaSuccess = 0, cudaErrorInvalidConfiguration = 9 };
 
 cudaError_t cudaPeekAtLastError();
+cudaError_t cudaGetLastError();  // and forgets it
 const char* cudaGetErrorString(cudaError_t code);
+cudaError_t cudaGetDevice(int* device);
+cudaError_t cudaSetDevice(int device);
+cudaError_t cudaDeviceSynchronize();
 cudaError_t cudaMemsetAsync(void* memory, int byte, size_t bytes, cudaStream_t stream);
 
 #define BITFOLD_LAUNCH(kernel, blocks, threads, stream, ...) \
@@ -89,6 +94,11 @@ class DeviceEmulation {
 
   const std::vector<EmulatedLaunch>& launches() const { return launches_; }
 
+  // Of the calling thread. Each device that was waited for is noted.
+  int device = 0;
+  std::vector<int> waited_for;
+  cudaError_t wait_result = cudaSuccess;
+
   // The emulation in use.
   static DeviceEmulation& Current();
 
@@ -96,7 +106,12 @@ class DeviceEmulation {
   // block without threads or above the limits. That leaves an error and does nothing.
   void Launch(const EmulatedLaunch& launch, const std::function<void()>& thread);
   cudaError_t last_error() const { return last_error_; }
-  cudaError_t memset_result() const { return options_.memset_result; }
+  cudaError_t TakeLastError() { return std::exchange(last_error_, cudaSuccess); }
+  // What setting memory results in; a failure is the last error, too.
+  cudaError_t SetMemory() {
+    if (options_.memset_result != cudaSuccess) last_error_ = options_.memset_result;
+    return options_.memset_result;
+  }
 
  private:
   struct Unrecorded {};

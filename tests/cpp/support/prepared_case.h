@@ -19,6 +19,7 @@
 #include "bitfold/HPreparedConvolution.h"
 #include "cpu/prepared_convolution.h"
 #include "reference.h"
+#include "reference/wide.h"
 #include "support/bits.h"
 #include "support/buffer.h"
 #include "support/compare.h"
@@ -50,7 +51,8 @@ struct PreparedCase {
   int32_t accumulator_size = 32;
   int32_t mult_shift = 0;
   bool use_fp16_acc = false;
-  RequantiseMode mode = {};  // its shift is the one above
+  RequantiseMode mode = {};        // its shift is the one above
+  std::vector<int64_t> wide_bias;  // where the accumulator has 64 bits; then there is no other
 
   int64_t FilterElements() const { return Layer().FilterElements(); }
   int64_t InputElements() const { return batch * Layer().InputElements(); }
@@ -80,7 +82,8 @@ struct PreparedCase {
             accumulator_size,
             mult_shift,
             use_fp16_acc,
-            requantise};
+            requantise,
+            wide_bias.empty() ? nullptr : wide_bias.data()};
   }
 
   std::string Inputs(int64_t i) const {
@@ -98,7 +101,8 @@ struct PreparedCase {
                     is_depthwise, "zero point", zero_point, "width", accumulator_size, "shift",
                     mult_shift, "half", use_fp16_acc) +
            axis("rows", rows) + axis("columns", columns) + "\n  " + NameOf(mode.rescaling) +
-           Describe(", bias", bias.empty() ? 0 : bias[channel], "zero point", mode.zero_point,
+           Describe(", bias", bias.empty() ? 0 : bias[channel], "wide bias",
+                    wide_bias.empty() ? 0 : wide_bias[channel], "zero point", mode.zero_point,
                     "minimum", mode.minimum, "maximum", mode.maximum);
   }
 
@@ -114,10 +118,12 @@ struct PreparedCase {
   std::unique_ptr<const PreparedConvolution<In, Out>> Prepare(Workers* workers) const {
     const ExactBuffer<int8_t> own_filter(filter);
     const ExactBuffer<int32_t> own_bias(bias);
+    const ExactBuffer<int64_t> own_wide_bias(wide_bias);
     const ExactBuffer<double> own_multipliers(multipliers);
     PreparedLayer layer = Layer();
     layer.filter = own_filter.data();
     layer.bias = bias.empty() ? nullptr : own_bias.data();
+    layer.wide_bias = wide_bias.empty() ? nullptr : own_wide_bias.data();
     layer.multipliers = own_multipliers.data();
     return std::make_unique<const PreparedConvolution<In, Out>>(layer, workers);
   }
@@ -134,7 +140,10 @@ struct PreparedCase {
   PreparedOutput<Out> Oracle() const {
     PreparedOutput<Out> out{ExactBuffer<Out>(count()), ""};
     for (int32_t image = 0; image < batch; ++image) {
-      use_fp16_acc ? OracleImage<float>(image, &out) : OracleImage<int32_t>(image, &out);
+      const std::vector<int64_t> sums = Layer().IsWide() ? WideOracleSums(image)
+                                        : use_fp16_acc   ? OracleSums<float>(image, &out.lines)
+                                                         : OracleSums<int32_t>(image, &out.lines);
+      OracleRequantise(sums, image, &out);
     }
     return out;
   }
@@ -186,28 +195,43 @@ struct PreparedCase {
   }
 
   template <typename T>
-  void OracleImage(int32_t image, PreparedOutput<Out>* out) const {
+  std::vector<int64_t> OracleSums(int32_t image, std::string* lines) const {
     const int64_t count = Layer().OutputElements();
     const std::vector<T> data = Surrounded<T>(image);
     const std::vector<T> weights(filter.begin(), filter.end());
     std::vector<T> sums(static_cast<size_t>(count));
     reference::Convolve<T>(OracleConvolution(), data.data(), weights.data(), nullptr, sums.data(),
-                           &out->lines);
+                           lines);
     if (!bias.empty()) {
       const std::vector<T> addends(bias.begin(), bias.end());
       const std::vector<T> before = sums;
       reference::BiasAdd<T>(before.data(), addends.data(), T{1}, 1.0f, OracleShift(),
                             accumulator_size, use_fp16_acc, count, out_channels, sums.data(),
-                            &out->lines);
+                            lines);
     }
+    return {sums.begin(), sums.end()};
+  }
+
+  std::vector<int64_t> WideOracleSums(int32_t image) const {
+    const std::vector<int32_t> data = Surrounded<int32_t>(image);
+    const std::vector<int32_t> weights(filter.begin(), filter.end());
+    std::vector<int64_t> sums(static_cast<size_t>(Layer().OutputElements()));
+    reference::ConvolveWide(OracleConvolution(), data.data(), weights.data(),
+                            wide_bias.empty() ? nullptr : wide_bias.data(), sums.data());
+    return sums;
+  }
+
+  void OracleRequantise(const std::vector<int64_t>& sums, int32_t image,
+                        PreparedOutput<Out>* out) const {
+    const int64_t count = Layer().OutputElements();
     const reference::RequantiseSettings settings = {OracleRounding(mode.rescaling), mult_shift,
                                                     mode.zero_point, mode.minimum, mode.maximum};
     for (int64_t i = 0; i < count; ++i) {
       const double multiplier =
           multipliers[multipliers.size() > 1 ? static_cast<size_t>(i % out_channels) : 0];
       int32_t result = 0;
-      const auto status = reference::Requantise(static_cast<int64_t>(sums[static_cast<size_t>(i)]),
-                                                multiplier, settings, &result);
+      const auto status =
+          reference::Requantise(sums[static_cast<size_t>(i)], multiplier, settings, &result);
       EXPECT_EQ(status, reference::RequantiseStatus::kOk) << Inputs(image * count + i);
       out->values[image * count + i] = static_cast<Out>(result);
     }

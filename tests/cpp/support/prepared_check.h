@@ -20,6 +20,12 @@
 
 namespace bitfold::testing {
 
+inline void RanWide(WideSums sums) {
+  if (sums == WideSums::kNone) return;
+  const int index = static_cast<int>(sums) - static_cast<int>(WideSums::kNarrow);
+  Ran(static_cast<Path>(static_cast<int>(Path::kPreparedWideNarrow) + index));
+}
+
 template <typename In, typename Out>
 void RanPrepared(const PreparedCase<In, Out>& c, ChainPath path) {
   const auto index = static_cast<int>(path);  // in the order of the paths
@@ -70,6 +76,8 @@ template <typename In, typename Out>
                                      workers == &calling_thread);
       if (!same) return same;
     }
+    RanWide(layer->wide_sums());
+    if (layer->wide_sums() > WideSums::kNarrow) continue;
     if (plan) {
       RanPrepared(c, plan->path);
     } else {

@@ -17,6 +17,7 @@
 #include "chain/plan.h"
 #include "support/prepared_case.h"
 #include "support/random.h"
+#include "support/stored_draw.h"
 
 namespace bitfold::testing {
 
@@ -76,21 +77,6 @@ PreparedCase<In, Out> OfRecipe(const PreparedRecipe& recipe) {
   return c;
 }
 
-// Of a whole type, or at its ends.
-enum class Numbers { kAny, kExtreme };
-
-inline Numbers DrawNumbers(Random* random) {
-  return random->Between(0, 3) == 0 ? Numbers::kExtreme : Numbers::kAny;
-}
-
-template <typename T>
-T DrawStored(Random* random, Numbers numbers) {
-  using Limits = std::numeric_limits<T>;
-  if (numbers == Numbers::kExtreme)
-    return random->Between(0, 3) == 0 ? Limits::max() : Limits::min();
-  return static_cast<T>(random->Between(Limits::min(), Limits::max()));
-}
-
 template <typename In, typename Out>
 void DrawData(Random* random, PreparedCase<In, Out>* c, Numbers numbers) {
   c->input.clear();
@@ -114,31 +100,12 @@ int BitsOfSums(const PreparedCase<In, Out>& c) {
   const double taps =
       double{1} * c.rows.taps * c.columns.taps * (c.is_depthwise ? 1 : c.in_channels);
   const double largest = taps * 128 * (std::is_same_v<In, int8_t> ? 255 : 65535);
-  const int width = c.use_fp16_acc ? 16 : std::max(c.accumulator_size, 1);
-  return std::min(width - 1, static_cast<int>(std::log2(largest)) + 1 - c.mult_shift);
-}
-
-// One that the rescaling takes; mostly one that brings sums into the output's type.
-template <typename In, typename Out>
-double DrawMultiplier(Random* random, const PreparedCase<In, Out>& c) {
-  if (random->Between(0, 20) == 0) return 0.0;
-  const double fraction = random->Between(0, 3) == 0 ? 0.5 : 0.5 + std::ldexp(random->Bits(), -33);
-  const int highest = c.mode.rescaling == Rescaling::kTwoRoundings ? kHighestTwoRoundingsExponent
-                      : c.mode.rescaling == Rescaling::kShortMultiplier
-                          ? kHighestShortMultiplierExponent
-                          : 60;
-  const int bits = static_cast<int>(8 * sizeof(Out));
-  int exponent = bits - BitsOfSums(c) + random->Between(-3, 2) - c.mult_shift;
-  const int kind = random->Between(0, 9);
-  if (kind == 0) exponent = highest - c.mult_shift - random->Between(0, 1);
-  if (kind == 1) exponent = -31 + random->Between(0, 1);
-  return std::ldexp(fraction, std::clamp(exponent, -31, highest - c.mult_shift));
+  return BitsOfSum(largest, c.use_fp16_acc ? 16 : c.accumulator_size, c.mult_shift);
 }
 
 // Draws all numbers of a layer whose shape, width, shift and zero point are set.
 template <typename In, typename Out>
 void FillPrepared(Random* random, PreparedCase<In, Out>* c, Numbers numbers = Numbers::kAny) {
-  using Limits = std::numeric_limits<Out>;
   DrawData(random, c, numbers);
   c->filter.clear();
   for (int64_t i = 0; i < c->FilterElements(); ++i) {
@@ -151,23 +118,8 @@ void FillPrepared(Random* random, PreparedCase<In, Out>* c, Numbers numbers = Nu
   for (int32_t i = 0; i < (bias < 0 ? 0 : c->out_channels); ++i) {
     c->bias.push_back(DrawBias(random, c->accumulator_size, bias));
   }
-  const int rescaling = random->Between(0, 2);
-  c->mode.rescaling = rescaling == 0   ? Rescaling::kTwoRoundings
-                      : rescaling == 1 ? Rescaling::kShortMultiplier
-                                       : Rescaling::kOneRounding;
-  c->mode.zero_point = random->Pick<int32_t>(
-      {0, Limits::min(), Limits::max(), random->Between(Limits::min(), Limits::max())});
-  c->mode.minimum = Limits::min();
-  c->mode.maximum = Limits::max();
-  if (random->Between(0, 3) == 0) {
-    c->mode.minimum = random->Between(Limits::min(), Limits::max());
-    c->mode.maximum = random->Between(c->mode.minimum, Limits::max());
-  }
-  c->multipliers.clear();
-  const int32_t multipliers = random->Between(0, 2) == 0 ? 1 : c->out_channels;
-  for (int32_t i = 0; i < multipliers; ++i) {
-    c->multipliers.push_back(DrawMultiplier(random, *c));
-  }
+  c->mode = DrawMode<Out>(random, c->mult_shift);
+  c->multipliers = DrawMultipliers<Out>(random, c->mode, BitsOfSums(*c), c->out_channels);
 }
 
 // The same, the largest product among those that the plan must allow for.

@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Layers that are one op: what they store is what the public ops give one after the other."""
+"""Layers that are prepared: what they store is what the public ops give one after the other."""
 
 from __future__ import annotations
 
@@ -15,14 +15,13 @@ from support import assert_bits
 from witness import Witness
 
 import bitfold
-from bitfold.network.operators._prepared import PreparedLayer
 from bitfold.network.operators._step import SummingStep
-from bitfold.network.operators._weighted import WeightedStep
 
 # By what the sums are then: dot products where no sum or every sum may wrap, scaled products of
 # whole numbers as floats, and as integers, a step at a time, in half precision.
 ARITHMETICS = {
-    "dot products": bitfold.Arithmetic(),
+    "exact": bitfold.Arithmetic(),
+    "exact, shifted": bitfold.Arithmetic(mult_shift=3),
     "dot products of 32 bits": bitfold.Arithmetic(accumulator_size=32),
     "dot products that wrap": bitfold.Arithmetic(accumulator_size=16),
     "rounded": bitfold.Arithmetic(accumulator_size=24, mult_shift=2),
@@ -35,14 +34,16 @@ ARITHMETICS = {
     "half precision": bitfold.Arithmetic(use_fp16_acc=True),
     "half precision, shifted": bitfold.Arithmetic(use_fp16_acc=True, mult_shift=6),
 }
-KINDS = ("CONV_2D", "DEPTHWISE_CONV_2D", "FULLY_CONNECTED")
+KINDS = ("CONV_2D", "DEPTHWISE_CONV_2D", "FULLY_CONNECTED", "TRANSPOSE_CONV", "BATCH_MATMUL")
 
 
-def _weighted(network: bitfold.Network) -> list[WeightedStep]:
-    return [step for step in network._program.steps if isinstance(step, WeightedStep)]
+def _summing(network: bitfold.Network) -> list[SummingStep]:
+    """Return the layers that may be one op."""
+    steps = [step for step in network._program.steps if isinstance(step, SummingStep)]
+    return [step for step in steps if hasattr(step, "_prepared")]
 
 
-def _compare(step: WeightedStep, inputs, what: str) -> None:
+def _compare(step: SummingStep, inputs, what: str) -> None:
     """Eagerly and in a function, twice: the layer is made once."""
     (expected,) = SummingStep.run(step, inputs)
     call = tf.function(lambda *tensors: step.run(tensors), autograph=False)
@@ -59,7 +60,7 @@ def _compare(step: WeightedStep, inputs, what: str) -> None:
 @pytest.mark.parametrize("dtype", ["int8", "int16"])
 @pytest.mark.parametrize("kind", KINDS)
 def test_one_op_is_the_public_ops(kind, dtype, name):
-    """Each operator with stored weights, in each arithmetic."""
+    """Each operator that adds up products, in each arithmetic."""
     prepared = 0
     for case in sum_cases.CASES[kind](dtype, np.random.default_rng(9)):
         network = bitfold.Network.from_tflite(case.content)
@@ -67,7 +68,7 @@ def test_one_op_is_the_public_ops(kind, dtype, name):
             network = network.with_arithmetic(ARITHMETICS[name])
         except ValueError:
             continue  # a shift beyond the multipliers' exponents
-        (step,) = _weighted(network)
+        (step,) = _summing(network)
         inputs = [tf.constant(x) for x in packed.stored_values(case, 2)]
         read = step.node.inputs
         given = iter(inputs)
@@ -75,9 +76,10 @@ def test_one_op_is_the_public_ops(kind, dtype, name):
             None if t is None else tf.constant(t.data) if t.is_constant else next(given)
             for t in read
         ]
-        prepared += isinstance(step._prepared, PreparedLayer)
+        prepared += step._prepared is not None
         _compare(step, row, f"{name}, {case.label}")
-    if dtype == "int8" or ARITHMETICS[name].accumulator_size is not None:
+    is_wide = kind == "BATCH_MATMUL" and dtype == "int16"
+    if not is_wide or ARITHMETICS[name].accumulator_size is not None:
         assert prepared or ARITHMETICS[name].mult_shift > 7
 
 
@@ -96,27 +98,59 @@ def test_layers_of_networks(seed):
             continue
         network = exact.with_arithmetic(ARITHMETICS[name])
         known = dict(zip(file.inputs, images, strict=True)) | network.trace(given)
-        for step in _weighted(network):
+        for step in _summing(network):
             if step._prepared is None:
                 continue
-            read = step.node.inputs[step.places[0]]
-            if read.index not in known:
+            read = step.node.inputs
+            if any(not t.is_constant and t.index not in known for t in read if t is not None):
                 continue
-            row = [None] * len(step.node.inputs)
-            row[step.places[0]] = tf.constant(known[read.index])
+            row = [
+                None if t is None else tf.constant(t.data if t.is_constant else known[t.index])
+                for t in read
+            ]
             _compare(step, row, f"seed {seed}, {name}, {step.node}")
 
 
+def _dense(inputs: int, outputs: int, rows: int = 1) -> packed.Case:
+    """Return a 16x8 layer whose weights are as large as they can be."""
+    data = np.full([outputs, inputs], 127)
+    data[::2] = -127
+    x = packed.tensor([rows, inputs], "int16", 2.0**-15)
+    scales = np.full(outputs, 2.0**-7, np.float32)
+    filter = packed.tensor([outputs, inputs], "int8", scales, data=data)
+    bias = packed.tensor([outputs], "int64", scales * np.float32(2.0**-15), data=[2**38] * outputs)
+    y = packed.tensor([rows, outputs], "int16", inputs * 2.0**-13)
+    return packed.operator("FULLY_CONNECTED", [x, filter, bias], [y], {"keep_num_dims": False})
+
+
+@pytest.mark.parametrize("shape", [(1500, 7), (600, 20, 3), (516, 1), (517, 2)])
+def test_sums_beyond_32_bits(shape):
+    """The interpreter's bits, too, and the narrower arithmetics'."""
+    case = _dense(*shape)
+    packed.compare(case)
+    network = bitfold.Network.from_tflite(case.content)
+    inputs = [tf.constant(x) for x in packed.stored_values(case, 2)]
+    for name in ("exact", "exact, shifted", "dot products of 32 bits", "rounded"):
+        (step,) = _summing(network.with_arithmetic(ARITHMETICS[name]))
+        constants = [tf.constant(t.data) for t in step.node.inputs[1:]]
+        _compare(step, [*inputs, *constants], f"{name}, {shape}")
+
+
+def _first(kind: str, dtype: str) -> packed.Case:
+    return next(iter(sum_cases.CASES[kind](dtype, np.random.default_rng(0))))
+
+
 @pytest.mark.parametrize(
-    ("kind", "dtype", "arithmetic"),
+    ("case", "arithmetic"),
     [
-        ("TRANSPOSE_CONV", "int8", bitfold.Arithmetic()),
-        ("CONV_2D", "int16", bitfold.Arithmetic()),
-        ("CONV_2D", "int8", bitfold.Arithmetic(requantisation="unit")),
+        (_dense(1500, 7), bitfold.Arithmetic(mult_shift=1)),
+        (_first("BATCH_MATMUL", "int16"), bitfold.Arithmetic()),
+        (_first("CONV_2D", "int8"), bitfold.Arithmetic(requantisation="unit")),
+        (_first("BATCH_MATMUL", "int8"), bitfold.Arithmetic(requantisation="unit")),
     ],
+    ids=["shifted products beyond 32 bits", "products of shorts", "unit", "unit of products"],
 )
-def test_layers_that_are_several_ops(kind, dtype, arithmetic):
-    """A filter over an image that is spread out, sums of 64 bits, the unit that requantises."""
-    case = next(iter(sum_cases.CASES[kind](dtype, np.random.default_rng(0))))
-    (step,) = _weighted(bitfold.Network.from_tflite(case.content).with_arithmetic(arithmetic))
+def test_layers_that_are_several_ops(case, arithmetic):
+    """One after the other, by the public ops."""
+    (step,) = _summing(bitfold.Network.from_tflite(case.content).with_arithmetic(arithmetic))
     assert step._prepared is None

@@ -26,7 +26,8 @@ def _prepared(draw: Draw) -> Call:
     rows, columns = _axis(draw, height), _axis(draw, width)
     depthwise = draw.chance(0.3)
     outputs = draw.randint(1, channels if depthwise else 40)
-    half = draw.chance(0.25)
+    wide = draw.chance(0.3)
+    half = not wide and draw.chance(0.25)
     shift = draw.choice((0, 0, draw.randint(0, 6 if half else 31)))
     lowest, highest = -(2 ** (bits - 1)), 2 ** (bits - 1) - 1
     minimum = draw.choice((lowest, draw.randint(lowest, highest)))
@@ -39,22 +40,24 @@ def _prepared(draw: Draw) -> Call:
     inputs = (
         draw.tensor(stored, (batch, height, width, channels)),
         draw.tensor("int8", filter_shape),
-        draw.tensor("int32", (draw.choice((0, outputs)),)),
+        draw.tensor("int64" if wide else "int32", (draw.choice((0, outputs)),)),
         Input("float64", (count,), factors),
     )
+    roundings = ("short_multiplier", "one_rounding", "two_roundings")[: 2 if wide else 3]
     attributes = {
         "T": stored,
         "T_out": f"int{bits}",
+        "T_bias": "int64" if wide else "int32",
         "strides": [rows[1], columns[1]],
         "dilations": [rows[2], columns[2]],
         "padding": draw.choice(("SAME", "VALID")),
         "zeros": rows[3] + columns[3],
         "is_depthwise": depthwise,
         "input_zero_point": draw.choice((0, draw.randint(-128, 127))),
-        "accumulator_size": draw.choice((8, 16, 20, 24, 32, draw.randint(0, 32))),
+        "accumulator_size": 64 if wide else draw.choice((8, 16, 20, 24, 32, draw.randint(0, 32))),
         "mult_shift": shift,
         "use_fp16_acc": half,
-        "rounding": draw.choice(("two_roundings", "short_multiplier", "one_rounding")),
+        "rounding": draw.choice(roundings),
         "zero_point": draw.randint(lowest, highest),
         "minimum": minimum,
         "maximum": draw.choice((highest, draw.randint(minimum, highest))),

@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""A layer with stored weights as one op, which plans and packs once for all its calls."""
+"""Layers as one op each, from stored tensors to stored tensors."""
 
 from __future__ import annotations
 
@@ -16,6 +16,7 @@ from bitfold.network.operators._accumulator import narrowed
 
 _STORED = (np.int8, np.int16)
 _LARGEST_SHIFT = 31
+_WIDE = 64
 
 
 @dataclasses.dataclass(frozen=True)
@@ -38,7 +39,7 @@ class Placement:
 
 
 def can_be_prepared(arithmetic: Arithmetic, *stored: np.dtype) -> bool:
-    """Return whether a layer whose sums have 32 bits is one op in an arithmetic.
+    """Return whether a layer is one op in an arithmetic.
 
     The activation unit requantises in an op of its own.
     """
@@ -49,8 +50,20 @@ def can_be_prepared(arithmetic: Arithmetic, *stored: np.dtype) -> bool:
     )
 
 
+def arithmetic_keywords(arithmetic: Arithmetic) -> dict[str, Any]:
+    """Return what ops of stored integers are told of an arithmetic, exact within 32 bits."""
+    return dict(
+        accumulator_size=32 if arithmetic.accumulator_size is None else arithmetic.accumulator_size,
+        mult_shift=arithmetic.mult_shift,
+        use_fp16_acc=arithmetic.use_fp16_acc,
+    )
+
+
 class PreparedLayer:
-    """A layer of stored integers, in one arithmetic."""
+    """A layer of stored integers with stored weights, in one arithmetic.
+
+    It plans and packs once for all its calls.
+    """
 
     def __init__(
         self,
@@ -59,28 +72,31 @@ class PreparedLayer:
         multipliers: np.ndarray,
         arithmetic: Arithmetic,
         placement: Placement,
+        is_wide: bool = False,
         **stored: Any,
     ) -> None:
         """Make it.
 
         Args:
             weights: int8 [height, width, inputs, outputs].
-            bias: [outputs] or None; of a wide one the low 32 bits count.
+            bias: [outputs] or None; of a wide one the low 32 bits count, unless `is_wide`.
             multipliers: from sums to the output.
             arithmetic: the layer's.
             placement: of the windows.
+            is_wide: whether sums have 64 bits, which nothing wraps.
             **stored: what `bitfold.ops.prepared_conv2d` is told of the input and the output.
         """
-        bias = np.zeros(0, np.int32) if bias is None else narrowed(bias)
+        if bias is None:
+            bias = np.zeros(0, np.int64)
+        bias = bias.astype(np.int64) if is_wide else narrowed(bias)
+        summed = arithmetic_keywords(arithmetic)
+        if is_wide:
+            summed["accumulator_size"] = _WIDE
         self._constants = (np.ascontiguousarray(weights), bias, multipliers)
         self._keywords = dict(
             dataclasses.asdict(placement),
-            accumulator_size=32
-            if arithmetic.accumulator_size is None
-            else arithmetic.accumulator_size,
-            mult_shift=arithmetic.mult_shift,
-            use_fp16_acc=arithmetic.use_fp16_acc,
             constant_weights=True,
+            **summed,
             **stored,
         )
         self._tensors: tuple[tf.Tensor, ...] | None = None
@@ -97,3 +113,31 @@ class PreparedLayer:
             with tf.init_scope():
                 self._tensors = tuple(map(tf.constant, self._constants))
         return self._tensors
+
+
+class GroupedLayer:
+    """A convolution in groups of channels: a layer for each, side by side."""
+
+    def __init__(
+        self,
+        groups: int,
+        weights: np.ndarray,
+        bias: np.ndarray | None,
+        multipliers: np.ndarray,
+        **keywords: Any,
+    ) -> None:
+        """Make it of what a layer is made of; outputs lie group after group, as inputs do."""
+
+        def split(x: np.ndarray | None) -> list[np.ndarray | None]:
+            return [x] * groups if x is None or x.size == 1 else np.split(x, groups, axis=-1)
+
+        parts = zip(*map(split, (weights, bias, multipliers)), strict=True)
+        self._layers = [
+            PreparedLayer(weights, bias, multipliers=multipliers, **keywords)
+            for weights, bias, multipliers in parts
+        ]
+
+    def __call__(self, data: tf.Tensor) -> tf.Tensor:
+        """Return the stored output of stored data [N, H, W, inputs]."""
+        parts = zip(self._layers, tf.split(data, len(self._layers), axis=3), strict=True)
+        return tf.concat([layer(part) for layer, part in parts], axis=3)

@@ -15,7 +15,12 @@ from bitfold.network.graph import Node, Tensor
 from bitfold.network.operators import _checks, _partial_sums
 from bitfold.network.operators._accumulator import Accumulator, exact_groups
 from bitfold.network.operators._partial_sums import Part
-from bitfold.network.operators._prepared import Placement, PreparedLayer, can_be_prepared
+from bitfold.network.operators._prepared import (
+    GroupedLayer,
+    Placement,
+    PreparedLayer,
+    can_be_prepared,
+)
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
 from bitfold.network.operators._step import SummingStep
 from bitfold.ops._partial_sums import PartialSums
@@ -80,6 +85,7 @@ class WeightedStep(SummingStep):
         self.filter = filter.data
         self.bias = None if bias is None else bias.data
         self._zero_point = data.zero_point
+        self._groups = self.groups(self.weights()) if self.adds_in_64_bits else None
         self._accumulator = self._make_accumulator()
         self._requantise = Requantiser(
             node.outputs[0],
@@ -95,28 +101,47 @@ class WeightedStep(SummingStep):
         """Whether exact sums are those of 64 bits."""
         return has_wide_sums(self.node, self.node.inputs[self.places[0]])
 
-    def _make_accumulator(self) -> Accumulator:
-        weights = self.weights()
+    @property
+    def adds_in_64_bits(self) -> bool:
+        """Whether the layer's arithmetic is exact, in 64 bits."""
         exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
-        groups = self.groups(weights) if exact and self.is_wide else None
-        return Accumulator(self.product, weights, self.bias, self.arithmetic, groups, self.of_group)
+        return exact and self.is_wide
 
-    def _prepare(self) -> PreparedLayer | None:
-        """Return the whole layer as one op; None where it is several, one after the other."""
+    def _make_accumulator(self) -> Accumulator:
+        return Accumulator(
+            self.product,
+            self.weights(),
+            self.bias,
+            self.arithmetic,
+            self._groups,
+            self.of_group,
+        )
+
+    def _prepare(self) -> PreparedLayer | GroupedLayer | None:
+        """Return the whole layer as one op, or one for each part; None where it is several."""
         placement, output = self.placement, self.node.outputs[0]
-        is_exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
-        if placement is None or (is_exact and self.is_wide):
+        if placement is None:
+            return None
+        # Rounded products, so many that 32 bits may not hold them, the one op adds up one by one.
+        if self.arithmetic.mult_shift and self._groups is not None and len(self._groups) > 1:
             return None
         if not can_be_prepared(self.arithmetic, self.data.dtype, output.dtype):
             return None
-        return PreparedLayer(
-            self.weights(),
-            self.bias,
+        keywords = dict(
             arithmetic=self.arithmetic,
             placement=placement,
+            is_wide=self.adds_in_64_bits,
             input_zero_point=self._zero_point,
             **self._requantise.keywords,
         )
+        if self.part_count > 1:
+            return GroupedLayer(self.part_count, self.weights(), self.bias, **keywords)
+        return PreparedLayer(self.weights(), self.bias, **keywords)
+
+    @property
+    def part_count(self) -> int:
+        """In how many groups the data's channels come, each with outputs of its own."""
+        return 1
 
     @property
     def placement(self) -> Placement | None:
@@ -150,8 +175,8 @@ class WeightedStep(SummingStep):
         """Return the input channels of one of the `groups`."""
         return data[..., group]
 
-    def arrange(self, data: tf.Tensor) -> tf.Tensor:
-        """Return data, stored or less its zero point, as `product` takes it."""
+    def arrange(self, data: tf.Tensor, zero: int) -> tf.Tensor:
+        """Return data as `product` takes it; `zero` is the number of them that stands for 0."""
         return data
 
     def arrange_sums(self, sums: tf.Tensor) -> tf.Tensor:
@@ -161,7 +186,7 @@ class WeightedStep(SummingStep):
     def sums(self, inputs: Sequence[tf.Tensor | None]) -> tf.Tensor:
         """Return the sums with their bias."""
         data = tf.cast(inputs[self.places[0]], tf.int32) - self._zero_point
-        return self.arrange_sums(self._accumulator(self.arrange(data)))
+        return self.arrange_sums(self._accumulator(self.arrange(data, 0)))
 
     @property
     def parts_placement(self) -> Placement:
@@ -170,12 +195,8 @@ class WeightedStep(SummingStep):
 
     def parts(self, inputs: Sequence[tf.Tensor | None]) -> list[Part]:
         """Return convolutions whose sums, side by side, are those of the layer."""
-        data, zero_point = inputs[self.places[0]], self._zero_point
-        if self.placement is None:
-            # What `arrange` fills in must be zeros.
-            data = tf.cast(tf.cast(data, tf.int32) - zero_point, tf.int16)
-            zero_point = 0
-        return [Part(self.arrange(data), zero_point, self.weights(), self.bias)]
+        data = self.arrange(inputs[self.places[0]], self._zero_point)
+        return [Part(data, self._zero_point, self.weights(), self.bias)]
 
     def partial_sums(
         self,
@@ -212,7 +233,7 @@ class WeightedStep(SummingStep):
         """Compute the stored output."""
         if self._prepared is None:
             return super().run(inputs)
-        data = self.arrange(inputs[self.places[0]])
+        data = self.arrange(inputs[self.places[0]], self._zero_point)
         return [self.arrange_sums(self._prepared(data))]
 
     @classmethod

@@ -17,7 +17,6 @@ from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._partial_sums import Part
-from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._windowed import WindowedStep
 from bitfold.network.operators._windows import window_problems
 
@@ -44,37 +43,27 @@ class Convolution(WindowedStep):
         return self.filter.transpose(1, 2, 3, 0)
 
     @property
-    def placement(self) -> Placement | None:
-        """Where the windows lie in the stored image; of several groups they are several ops."""
-        return super().placement if self._parts == 1 else None
-
-    @property
-    def parts_placement(self) -> Placement:
-        """Where the windows lie in the image of a group."""
-        return super().placement
+    def part_count(self) -> int:
+        """In how many groups the image's channels come."""
+        return self.node.inputs[0].shape[3] // self.node.inputs[1].shape[3]
 
     def parts(self, inputs: Sequence[tf.Tensor | None]) -> list[Part]:
         """Return the convolutions of the groups."""
-        count = self._parts
+        count = self.part_count
         bias = [None] * count if self.bias is None else np.split(self.bias.reshape(-1), count)
         pairs = zip(
             tf.split(inputs[0], count, 3), np.split(self.weights(), count, 3), bias, strict=True
         )
         return [Part(data, self._zero_point, weights, part) for data, weights, part in pairs]
 
-    @property
-    def _parts(self) -> int:
-        """In how many groups the image's channels come."""
-        return self.node.inputs[0].shape[3] // self.node.inputs[1].shape[3]
-
     def of_group(self, data: tf.Tensor, group: slice) -> tf.Tensor:
         """Return the channels of a slice of each of the image's groups."""
-        if self._parts == 1:
+        if self.part_count == 1:
             return data[..., group]
         *images, channels = data.shape
-        by_part = tf.reshape(data, [-1, *images[1:], self._parts, channels // self._parts])
+        by_part = tf.reshape(data, [-1, *images[1:], self.part_count, channels // self.part_count])
         chosen = by_part[..., group]
-        return tf.reshape(chosen, [-1, *images[1:], self._parts * chosen.shape[-1]])
+        return tf.reshape(chosen, [-1, *images[1:], self.part_count * chosen.shape[-1]])
 
     def product(self, data: tf.Tensor, weights: np.ndarray, **datapath) -> tf.Tensor:
         """Sum the products."""
@@ -84,7 +73,7 @@ class Convolution(WindowedStep):
         if max(windows.dilations) > 1:
             keywords["dilations"] = windows.dilations
         convolve = ops.dilated_conv2d if "dilations" in keywords else ops.conv2d
-        parts = self._parts
+        parts = self.part_count
         if parts == 1:
             return convolve(data, weights, **keywords)
         pairs = zip(tf.split(data, parts, 3), np.split(weights, parts, 3), strict=True)

@@ -61,7 +61,7 @@ class DepthwiseConvolution(WindowedStep):
         super().groups(weights)
         return [slice(None)]
 
-    def arrange(self, data: tf.Tensor) -> tf.Tensor:
+    def arrange(self, data: tf.Tensor, zero: int) -> tf.Tensor:
         """Repeat each channel as often as it has filters."""
         repeats = self.filter.shape[3] // self.node.inputs[0].shape[3]
         return tf.repeat(data, repeats, axis=3) if repeats > 1 else data

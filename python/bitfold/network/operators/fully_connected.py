@@ -68,7 +68,7 @@ class FullyConnected(WeightedStep):
         """Return [1, 1, inputs, outputs]."""
         return self.filter.T[None, None]
 
-    def arrange(self, data: tf.Tensor) -> tf.Tensor:
+    def arrange(self, data: tf.Tensor, zero: int) -> tf.Tensor:
         """Return vectors as images of one pixel."""
         return tf.reshape(data, [-1, 1, 1, self.filter.shape[1]])
 

@@ -5,12 +5,15 @@
 sum = the sum over the inner dimension of (first - zero point) * (second - zero point); the second
 operand is the accelerator's weights. Two roundings in int8, a short multiplier in int16, whose sums
 have 64 bits. Of the multiplier the product of the two scales is formed in single precision.
+
+Sums of 32 bits, whatever is stored, are one op together with their requantisation.
 """
 
 from __future__ import annotations
 
+import functools
 import math
-from collections.abc import Iterator, Sequence
+from collections.abc import Callable, Iterator, Sequence
 
 import numpy as np
 import tensorflow as tf
@@ -22,6 +25,7 @@ from bitfold.network.operators import _checks
 from bitfold.network.operators._accumulator import datapath, element_type
 from bitfold.network.operators._moves import need_elements
 from bitfold.network.operators._partial_sums import Chain
+from bitfold.network.operators._prepared import arithmetic_keywords, can_be_prepared
 from bitfold.network.operators._products import Products
 from bitfold.network.operators._requantisation import Requantiser, stored_range
 from bitfold.network.operators._step import SummingStep
@@ -49,6 +53,36 @@ class MatrixProduct(SummingStep):
             arithmetic,
             "short_multiplier" if self._is_wide else "two_roundings",
         )
+        self._prepared = self._prepare()
+
+    def _prepare(self) -> Callable[..., tf.Tensor] | None:
+        """Return the whole operator as one op; None where it is several, one after the other."""
+        if self._has_wide_sums:
+            return None
+        if not can_be_prepared(self.arithmetic, self.data.dtype, self.node.outputs[0].dtype):
+            return None
+        first, second = self.node.inputs
+        return functools.partial(
+            ops.prepared_matmul,
+            transpose_first=_is_transposed(self.node, 0),
+            transpose_second=_is_transposed(self.node, 1),
+            first_zero_point=first.zero_point,
+            second_zero_point=second.zero_point,
+            **arithmetic_keywords(self.arithmetic),
+            **self._requantise.keywords,
+        )
+
+    @property
+    def _has_wide_sums(self) -> bool:
+        """Whether sums are those of 64 bits."""
+        is_exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
+        return self._is_wide and is_exact
+
+    @property
+    def _is_one_matrix(self) -> bool:
+        """Whether all rows meet one constant matrix: they are rows of one product."""
+        weights = self.weights_tensor
+        return weights is not None and math.prod(weights.shape[:-2]) == 1
 
     @classmethod
     def problems(cls, node: Node) -> Iterator[str]:
@@ -161,12 +195,27 @@ class MatrixProduct(SummingStep):
     def _operands(self, inputs: Sequence[tf.Tensor | None]) -> tuple[tf.Tensor, tf.Tensor]:
         """Return the stored matrices to multiply, [rows, inner] or [matrices, rows, inner]."""
         first, second = (self._matrices(i, inputs[i]) for i in (0, 1))
-        weights = self.weights_tensor
-        if weights is not None and math.prod(weights.shape[:-2]) == 1:
-            # One matrix for all: their rows are rows of one.
+        if self._is_one_matrix:
             first = tf.reshape(first, [-1, first.shape[-1]])
             return first, tf.reshape(second, second.shape[-2:])
         return self._side_by_side(first, second)
+
+    def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
+        """Compute the stored output."""
+        if self._prepared is None:
+            return super().run(inputs)
+        if self._is_one_matrix:
+            second = tf.reshape(inputs[1], inputs[1].shape[-2:])
+        else:
+            second = self._aligned(1, inputs[1])
+        product = self._prepared(self._aligned(0, inputs[0]), second)
+        return [tf.reshape(product, [-1, *self._output_shape[1:]])]
+
+    def _aligned(self, i: int, operand: tf.Tensor) -> tf.Tensor:
+        """Return an operand as [B, ..., rows, columns], of as many dimensions as the other one."""
+        shape = self.node.inputs[i].shape
+        missing = len(self._output_shape) - len(shape)
+        return tf.reshape(operand, [-1, *[1] * missing, *shape])
 
     def _matrices(self, i: int, stored: tf.Tensor) -> tf.Tensor:
         """Return a stored operand, [B, ..., rows, columns], transposed if need be."""
@@ -188,8 +237,7 @@ class MatrixProduct(SummingStep):
 
     def _product(self, first: tf.Tensor, second: tf.Tensor) -> tf.Tensor:
         """Multiply matrices in the operator's arithmetic."""
-        is_exact = self.arithmetic.accumulator_size is None and not self.arithmetic.use_fp16_acc
-        if self._is_wide and is_exact:
+        if self._has_wide_sums:
             return self._in_64_bits(first, second)
         return ops.matmul(tf.cast(first, self._type), tf.cast(second, self._type), **self._keywords)
 

@@ -20,6 +20,7 @@ from bitfold import ops
 from bitfold.network.graph import Node
 from bitfold.network.operators import _checks
 from bitfold.network.operators._moves import need_elements, need_numbers, numbers
+from bitfold.network.operators._prepared import Placement
 from bitfold.network.operators._products import Products, met_by_spread
 from bitfold.network.operators._weighted import WeightedStep
 from bitfold.network.operators._windows import MODEST, Axis
@@ -82,11 +83,16 @@ class TransposeConvolution(WeightedStep):
         """Return [height, width, inputs, outputs], turned by half a turn."""
         return np.ascontiguousarray(self.filter[:, ::-1, ::-1].transpose(1, 2, 3, 0))
 
-    def arrange(self, data: tf.Tensor) -> tf.Tensor:
+    def arrange(self, data: tf.Tensor, zero: int) -> tf.Tensor:
         """Spread the data out, as far as the windows of the filter reach."""
         for dimension, axis in enumerate(axes_of(self.node), start=1):
-            data = spread_out(data, dimension, axis)
+            data = spread_out(data, dimension, axis, zero)
         return data
+
+    @property
+    def placement(self) -> Placement:
+        """At each pixel of what is spread out, and of its margins."""
+        return Placement()
 
     def product(self, data: tf.Tensor, weights: np.ndarray, **datapath) -> tf.Tensor:
         """Sum the products."""
@@ -104,15 +110,21 @@ def axes_of(node: Node) -> tuple[Axis, Axis]:
     return rows, columns
 
 
-def spread_out(data: tf.Tensor, dimension: int, axis: Axis) -> tf.Tensor:
-    """Set pixels a stride apart along a dimension, as far as windows of the output reach."""
+def spread_out(data: tf.Tensor, dimension: int, axis: Axis, zero: int) -> tf.Tensor:
+    """Set pixels a stride apart along a dimension, `zero` between and around them.
+
+    The result reaches as far as windows of the output do.
+    """
+    zero = tf.cast(zero, data.dtype)
     before, after = [slice(None)] * dimension, list(data.shape[dimension + 1 :])
     pixels = tf.expand_dims(data, dimension + 1)
     gaps = [[0, 0]] * (dimension + 1) + [[0, axis.stride - 1]] + [[0, 0]] * len(after)
     length = data.shape[dimension] * axis.stride
-    spread = tf.reshape(tf.pad(pixels, gaps), [-1, *data.shape[1:dimension], length, *after])
+    spread = tf.reshape(
+        tf.pad(pixels, gaps, constant_values=zero), [-1, *data.shape[1:dimension], length, *after]
+    )
     first = axis.window - 1 - axis.padding[0]
     kept = min(length, axis.size + axis.window - 1 - first)
     last = axis.size + axis.window - 1 - first - kept
     margins = [[0, 0]] * dimension + [[first, last]] + [[0, 0]] * len(after)
-    return tf.pad(spread[(*before, slice(kept))], margins)
+    return tf.pad(spread[(*before, slice(kept))], margins, constant_values=zero)

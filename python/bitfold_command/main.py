@@ -1,0 +1,71 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Where the command begins: runs a task, turns errors into a line and a status."""
+
+from __future__ import annotations
+
+import importlib
+import importlib.metadata
+import os
+import sys
+import tempfile
+from collections.abc import Sequence
+from typing import Any
+
+from bitfold_command.parser import make_parser
+
+DONE, DIFFERENT, WRONG, INTERRUPTED = 0, 1, 2, 130
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    """Run the command; return its exit status."""
+    parser = make_parser()
+    options = parser.parse_args(arguments)
+    if options.version:
+        print(importlib.metadata.version("bitfold"))
+        return DONE
+    if options.task is None:
+        parser.print_help(sys.stderr)
+        return WRONG
+    try:
+        status = _task(options.task).run(options)
+        sys.stdout.flush()
+        return status
+    except KeyboardInterrupt:
+        print("bitfold: interrupted", file=sys.stderr)
+        return INTERRUPTED
+    except BrokenPipeError:
+        # Who reads the results has enough; nothing is left to be flushed at the end.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return DONE
+    except (OSError, ValueError, TypeError, ImportError, MemoryError) as error:
+        print(f"bitfold: {_sentence(error)}", file=sys.stderr)
+        return WRONG
+
+
+def _task(name: str) -> Any:
+    """Return a task's module, without what the runtime says of itself while it is loaded."""
+    os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2")
+    sys.stderr.flush()
+    kept = os.dup(2)
+    with tempfile.TemporaryFile() as said:
+        os.dup2(said.fileno(), 2)
+        try:
+            return importlib.import_module(f"bitfold_command.{name}")
+        except BaseException:
+            said.seek(0)
+            os.write(kept, said.read())
+            raise
+        finally:
+            sys.stderr.flush()
+            os.dup2(kept, 2)
+            os.close(kept)
+
+
+def _sentence(error: Exception) -> str:
+    """Return what went wrong, as people say it."""
+    if isinstance(error, OSError) and error.strerror and error.filename is not None:
+        return f"{error.filename}: {error.strerror}"
+    if isinstance(error, MemoryError):
+        return "out of memory; a smaller --batch-size needs less"
+    return str(error) or type(error).__name__

@@ -1,0 +1,59 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Code in processes of its own that may end in any way and that start at once.
+
+They are forks of one server, which has imported TensorFlow and the package but computed nothing.
+A test of the start itself, or of the environment, needs `support.run_python` instead.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import multiprocessing
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import traceback
+
+_SERVER = multiprocessing.get_context("forkserver")
+_SERVER.set_forkserver_preload(["tensorflow", "bitfold"])
+_SECONDS = 240
+
+
+def run(code: str) -> subprocess.CompletedProcess[str]:
+    """Run `code` in a process of its own, away from the checkout, and return what it wrote."""
+    with tempfile.TemporaryDirectory() as folder:
+        process = _SERVER.Process(target=_execute, args=(code, folder))
+        process.start()
+        process.join(_SECONDS)
+        if process.exitcode is None:
+            process.kill()
+            process.join()
+            raise subprocess.TimeoutExpired(code, _SECONDS)
+        written = [_stream(folder, name).read_text(errors="replace") for name in ("out", "err")]
+        return subprocess.CompletedProcess(code, process.exitcode, *written)
+
+
+def _stream(folder: str, name: str) -> pathlib.Path:
+    return pathlib.Path(folder, name)
+
+
+def _execute(code: str, folder: str) -> None:
+    """Run `code` as an interpreter's command would be, its output in files of `folder`."""
+    os.chdir(folder)
+    for number, name in ((1, "out"), (2, "err")):
+        with _stream(folder, name).open("wb") as file:
+            os.dup2(file.fileno(), number)
+    status = 0
+    try:
+        exec(compile(code, "<code>", "exec"), {"__name__": "__main__"})
+    except BaseException:
+        traceback.print_exc()
+        status = 1
+    sys.stdout.flush()
+    sys.stderr.flush()
+    ctypes.CDLL(None).fflush(None)
+    # Without the runtime's destructors, which would wait for threads that a fork has not.
+    os._exit(status)
