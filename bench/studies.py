@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Times studies beside evaluations of the same networks.
 
-What is timed is the work on a batch, graphs made: the full-width pass beside an evaluation at full
-width, and what an arithmetic adds beside an evaluation in it.
+What is timed is the work on a batch of the default size, graphs made: the full-width pass beside an
+evaluation at full width, and what an arithmetic adds beside an evaluation in it.
 """
 
 from __future__ import annotations
@@ -17,10 +17,9 @@ from bitfold.studies.passes import Plan, Runner
 from bitfold.studies.settings import settings_of
 from timing import interleaved
 
-# Images of a batch; widths that none, some and many of the layers' sums fit, by network.
-IMAGES = {"mobilenet_v2": 4, "fashion": 64}
+NETWORKS = ("mobilenet_v2", "fashion")
+# Widths that all, most, some and few of the layers' sums fit.
 WIDTHS = (24, 18, 16, 14)
-NETWORKS = tuple(IMAGES)
 # What a study does.
 BITS, COUNTS, END_TO_END = "bits", "bits and counts", "end to end"
 
@@ -52,7 +51,7 @@ class StudyTimes:
 def measure(name: str, budget: float) -> list[StudyTimes]:
     """Time a network: the bits of all its layers, then widths end to end."""
     network = network_models.network(name)
-    count = IMAGES[name]
+    count = network.batch_size()
     images = network_models.images(name, count)
     (shard,) = Data(images, None, count).shards()
     given = [bitfold.Arithmetic(accumulator_size=width) for width in WIDTHS]

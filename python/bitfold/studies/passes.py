@@ -13,13 +13,13 @@ from __future__ import annotations
 
 import dataclasses
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Mapping
 from typing import Any
 
 import tensorflow as tf
 
 from bitfold.network import Network
-from bitfold.studies.data import Shard, count_of
+from bitfold.studies.data import Shard
 from bitfold.studies.metrics import Metric
 from bitfold.studies.settings import Setting, full_width
 from bitfold.studies.tallies import Tally
@@ -101,11 +101,21 @@ class Runner:
                 if not tf.is_tensor(outputs):
                     raise ValueError("Need a network of one output for a metric; leave y out")
                 metric.update_state(labels, outputs)
-            tally += Tally(count_of(images), self._pass.tallied(seen))
-            advance(count_of(images))
+            count = self._count(images)
+            tally += Tally(count, self._pass.tallied(seen, count))
+            advance(count)
         states = {} if metric is None else {shard.index: self._metric.state(metric)}
         lines = {
             name: count - lines_before.get(name, 0) for name, count in self._pass.lines().items()
         }
         lines = {name: count for name, count in lines.items() if count}
         return tally + Tally(0, {}, states, lines, time.perf_counter() - begin)
+
+    def _count(self, images: Any) -> int:
+        """Return how many images a batch holds, of which each may be several rows of an input."""
+        port = self._pass.network.inputs[0]
+        if isinstance(images, Mapping):
+            images = images[port.name]
+        elif isinstance(images, list | tuple):
+            images = images[0]
+        return len(images) // port.shape[0]

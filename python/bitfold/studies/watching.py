@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+import math
 from collections.abc import Mapping, Sequence
 from typing import Any
 
@@ -13,7 +14,6 @@ import tensorflow as tf
 
 from bitfold.network import Arithmetic, Network
 from bitfold.network.operators import SummingStep
-from bitfold.ops._partial_sums import PartialSums
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import Setting, exact
 from bitfold.studies.tallies import LayerTally, no_extremes
@@ -54,6 +54,7 @@ class FullWidthPass:
         self.network = network
         self._groups: dict[int, list[_Group]] = {}
         self._known: dict[str, np.ndarray] = {}
+        self._sums: dict[int, int] = {}
         asked: dict[int, dict[str, SummingStep]] = {}
         for setting in settings:
             for position, step in summing_steps(
@@ -61,6 +62,7 @@ class FullWidthPass:
             ).items():
                 asked.setdefault(position, {}).setdefault(key_of(step.arithmetic), step)
         for position, step in summing_steps(network).items():
+            self._sums[position] = _sums_of_an_image(step)
             self._groups[position] = _groups(step, list(asked.get(position, {}).values()))
             self._known[str(position)] = no_extremes(step.products.least.shape[-1])
 
@@ -72,26 +74,25 @@ class FullWidthPass:
         """Compute a layer, what its sums reach, and what becomes of them in other arithmetics."""
         outputs = step.run(inputs)
         data = inputs[step.node.inputs.index(step.data)]
-        seen = {
-            "sums": tf.size(outputs[0], tf.int64),
-            "low": tf.reduce_min(data),
-            "high": tf.reduce_max(data),
-        }
+        seen = {"low": tf.reduce_min(data), "high": tf.reduce_max(data)}
         for group in self._groups[step.node.operator.position]:
-            reached = known if group.shift == 0 else group.limits
-            found = group.reference.partial_sums(inputs, group.widths, reached)
             if group.shift == 0:
-                seen["extremes"] = found.extremes
-            seen |= group.seen(inputs, found)
+                found = group.reference.partial_sums(inputs, group.widths, known)
+                seen["extremes"], *outside = found
+            else:
+                outside = _outside(group.reference, inputs, group.widths, group.channels)
+            seen |= group.seen(inputs, *outside)
         return outputs, seen
 
-    def tallied(self, seen: Mapping[str, Mapping[str, tf.Tensor]]) -> dict[int, LayerTally]:
-        """Return what was seen of a batch."""
+    def tallied(
+        self, seen: Mapping[str, Mapping[str, tf.Tensor]], images: int
+    ) -> dict[int, LayerTally]:
+        """Return what was seen of a batch of so many images."""
         found = {}
         for place, values in seen.items():
             position, values = int(place), {key: value.numpy() for key, value in values.items()}
-            sums, extremes = int(values.pop("sums")), values.pop("extremes")
-            low, high = int(values.pop("low")), int(values.pop("high"))
+            sums, extremes = images * self._sums[position], values["extremes"]
+            low, high = int(values["low"]), int(values["high"])
             self._known[place] = extremes
             counts = {}
             for group in self._groups[position]:
@@ -116,7 +117,9 @@ class SettingPass:
         """Choose how to judge each layer's sums."""
         self.network = network
         self._wraps: dict[int, Wraps] = {}
+        self._sums: dict[int, int] = {}
         for position, step in summing_steps(network).items():
+            self._sums[position] = _sums_of_an_image(step)
             reference = _at_full_width(step, step.arithmetic.mult_shift)
             self._wraps[position] = wraps_of(step, reference, harmless_from(reference))
 
@@ -129,24 +132,24 @@ class SettingPass:
         wraps = self._wraps[step.node.operator.position]
         sums = step.sums(inputs) if wraps.needs_sums else None
         outputs = step.run(inputs) if sums is None else step.finish(sums)
-        seen = {"sums": tf.size(outputs[0], tf.int64)}
+        seen = {}
         if wraps.method is not Method.NOTHING:
-            channels = wraps.reference.products.least.shape[-1]
-            known = _limits(wraps.width, channels)
-            found = wraps.reference.partial_sums(inputs, [wraps.width], known)
-            seen |= {"counts": found.counts, "first": found.first}
+            counts, first = _outside(wraps.reference, inputs, [wraps.width], wraps.channels)
+            seen = {"counts": counts, "first": first}
             if wraps.needs_sums:
                 seen["compared"] = wraps.compared(
-                    inputs, found.counts[0], lambda: _differ(sums, wraps.reference.sums(inputs))
+                    inputs, counts[0], lambda: _differ(sums, wraps.reference.sums(inputs))
                 )
         return outputs, seen
 
-    def tallied(self, seen: Mapping[str, Mapping[str, tf.Tensor]]) -> dict[int, LayerTally]:
-        """Return what was seen of a batch."""
+    def tallied(
+        self, seen: Mapping[str, Mapping[str, tf.Tensor]], images: int
+    ) -> dict[int, LayerTally]:
+        """Return what was seen of a batch of so many images."""
         found = {}
         for place, tensors in seen.items():
             values = {key: value.numpy() for key, value in tensors.items()}
-            sums, counts = int(values["sums"]), {}
+            sums, counts = images * self._sums[int(place)], {}
             if "counts" in values:
                 counts[END_TO_END] = counts_of(
                     sums, values["counts"][0], values["first"][0], values.get("compared")
@@ -180,15 +183,15 @@ class _Group:
         return sorted({wraps.width for wraps in self.wraps.values()})
 
     @property
-    def limits(self) -> np.ndarray:
-        """What sums reach that none of the widths excludes."""
-        return _limits(max(self.widths), self.reference.products.least.shape[-1])
+    def channels(self) -> list[int]:
+        """The output channels of which a partial sum may be outside of one of the widths."""
+        return sorted({c for wraps in self.wraps.values() for c in wraps.channels})
 
-    def seen(self, inputs: Inputs, found: PartialSums) -> dict[str, tf.Tensor]:
+    def seen(self, inputs: Inputs, counts: tf.Tensor, first: tf.Tensor) -> dict[str, tf.Tensor]:
         """Return what `counts` needs of a batch."""
         if not self.wraps:
             return {}
-        seen = {f"counts/{self.shift}": found.counts, f"first/{self.shift}": found.first}
+        seen = {f"counts/{self.shift}": counts, f"first/{self.shift}": first}
         exact = None
         if any(wraps.needs_sums for wraps in self.wraps.values()):
             exact = self.reference.sums(inputs)
@@ -198,8 +201,8 @@ class _Group:
                 def differs(step: SummingStep = wraps.step) -> tf.Tensor:
                     return _differ(step.sums(inputs), exact)
 
-                counts = found.counts[self.widths.index(wraps.width)]
-                seen[f"compared/{key}"] = wraps.compared(inputs, counts, differs)
+                of_width = counts[self.widths.index(wraps.width)]
+                seen[f"compared/{key}"] = wraps.compared(inputs, of_width, differs)
         return seen
 
     def counts(self, sums: int, values: Mapping[str, np.ndarray]) -> dict[str, Counts]:
@@ -240,10 +243,21 @@ def _at_full_width(step: SummingStep, shift: int) -> SummingStep:
     return type(step)(step.node, exact(step.arithmetic, shift))
 
 
-def _limits(width: int, channels: int) -> np.ndarray:
-    """Return extremes that span an accumulator, int64 [4, channels]."""
-    limit = 1 << (width - 1)
-    return np.repeat(np.array([[-limit], [limit - 1]] * 2, np.int64), channels, 1)
+def _outside(
+    reference: SummingStep, inputs: Inputs, widths: Sequence[int], channels: Sequence[int]
+) -> tuple[tf.Tensor, tf.Tensor]:
+    """Return the counts and first steps of `bitfold.ops.partial_sums` for some channels."""
+    if not channels:
+        return tf.zeros([len(widths), 0, 3], tf.int64), tf.zeros([len(widths), 0], tf.int64)
+    # Nobody asks for extremes here: none is beyond those of the widest accumulator.
+    limit = 1 << (max(widths) - 1)
+    known = np.repeat(np.array([[-limit], [limit - 1]] * 2, np.int64), len(channels), 1)
+    found = reference.partial_sums(inputs, widths, known, channels)
+    return found.counts, found.first
+
+
+def _sums_of_an_image(step: SummingStep) -> int:
+    return math.prod(step.node.outputs[0].shape)
 
 
 def _differ(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:

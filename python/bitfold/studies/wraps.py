@@ -57,12 +57,15 @@ class Wraps:
         reference: the layer at full width, with the same shift.
         width: the bits that partial sums are compared with.
         method: how sums are judged.
+        channels: of the output, those of which some input leads a partial sum of full width out of
+            the accumulator.
     """
 
     step: SummingStep
     reference: SummingStep
     width: int
     method: Method
+    channels: tuple[int, ...]
 
     @property
     def needs_sums(self) -> bool:
@@ -131,20 +134,22 @@ def wraps_of(step: SummingStep, reference: SummingStep, harmless_from: int) -> W
     is_half = arithmetic.use_fp16_acc
     width = _HALF_WIDTH if is_half else size or _WIDEST
     if size is None and not is_half:
-        return Wraps(step, reference, width, Method.NOTHING)
-    low, high = partial_range(reference)
+        return Wraps(step, reference, width, Method.NOTHING, ())
+    ranges = partial_ranges(reference)
+    bits = [bits_of(low, high) for low, high in ranges]
     if corrected_weights(step) or _is_bias_narrowed(step):
         method = Method.CHAIN
     elif is_half:
-        is_exact = low >= -_HALF_EXACT and high <= _HALF_EXACT
+        is_exact = all(low >= -_HALF_EXACT and high <= _HALF_EXACT for low, high in ranges)
         method = Method.NOTHING if is_exact else Method.CHAIN
-    elif bits_of(low, high) <= width:
+    elif max(bits) <= width:
         method = Method.NOTHING
-    elif width >= harmless_from and (step.products.is_wide or bits_of(low, high) <= _WIDEST):
+    elif width >= harmless_from and (step.products.is_wide or max(bits) <= _WIDEST):
         method = Method.COUNT
     else:
         method = Method.COMPARISON
-    return Wraps(step, reference, width, method)
+    channels = tuple(channel for channel, needed in enumerate(bits) if needed > width)
+    return Wraps(step, reference, width, method, channels)
 
 
 def harmless_from(reference: SummingStep) -> int:
@@ -155,8 +160,8 @@ def harmless_from(reference: SummingStep) -> int:
     ).harmless_from
 
 
-def partial_range(reference: SummingStep) -> tuple[int, int]:
-    """Return the least and greatest partial sum that any stored input can give."""
+def partial_ranges(reference: SummingStep) -> list[tuple[int, int]]:
+    """Return the least and greatest partial sum of each channel that any stored input can give."""
     products, shift = reference.products, reference.arithmetic.mult_shift
     limits = np.iinfo(reference.data.dtype)
     data = [int(limit) - reference.data.zero_point for limit in (limits.min, limits.max)]
@@ -164,15 +169,15 @@ def partial_range(reference: SummingStep) -> tuple[int, int]:
     if products.greatest is not products.least:
         weights.append(products.greatest)
     corners = [scaled(weight * number, shift) for weight in weights for number in data]
-    least = np.minimum.reduce([np.minimum.reduce(corners), 0 * corners[0]])
-    greatest = np.maximum.reduce([np.maximum.reduce(corners), 0 * corners[0]])
-    low, high = least.sum((0, 1, 2)), greatest.sum((0, 1, 2))
-    if reference.bias_tensor is None:
-        return int(low.min()), int(high.max())
-    biases = [_scaled(int(b), shift) for b in reference.bias_tensor.data.reshape(-1)]
-    lows = [min(int(x), int(x) + b) for x, b in zip(low, biases, strict=True)]
-    highs = [max(int(x), int(x) + b) for x, b in zip(high, biases, strict=True)]
-    return min(lows), max(highs)
+    least = np.minimum(np.minimum.reduce(corners), 0).sum((0, 1, 2)).tolist()
+    greatest = np.maximum(np.maximum.reduce(corners), 0).sum((0, 1, 2)).tolist()
+    biases = [0] * len(least)
+    if reference.bias_tensor is not None:
+        biases = [_scaled(int(b), shift) for b in reference.bias_tensor.data.reshape(-1)]
+    return [
+        (min(low, low + bias), max(high, high + bias))
+        for low, high, bias in zip(least, greatest, biases, strict=True)
+    ]
 
 
 def corrected_weights(step: SummingStep) -> int:

@@ -40,6 +40,24 @@ class Part:
     bias: np.ndarray | None
 
 
+def chosen(parts: Sequence[Part], channels: Sequence[int], is_depthwise: bool) -> list[Part]:
+    """Return what gives the sums of some channels alone, in rising order."""
+    found, first = [], 0
+    for part in parts:
+        count = part.weights.shape[3]
+        own = [c - first for c in channels if first <= c < first + count]
+        first += count
+        if not own:
+            continue
+        # Each input channel of a depthwise layer is one of the output.
+        data = tf.gather(part.data, own, axis=3) if is_depthwise else part.data
+        bias = None if part.bias is None else part.bias.reshape(-1)[own]
+        found.append(
+            dataclasses.replace(part, data=data, weights=part.weights[..., own], bias=bias)
+        )
+    return found
+
+
 def partial_sums(
     parts: Sequence[Part],
     placement: Placement,

@@ -88,6 +88,7 @@ class SummingStep(Step):
         inputs: Sequence[tf.Tensor | None],
         accumulator_sizes: Sequence[int],
         known_extremes: tf.Tensor | None = None,
+        channels: Sequence[int] | None = None,
     ) -> PartialSums:
         """Return what the partial sums of full width reach, with the arithmetic's shift.
 
@@ -95,6 +96,8 @@ class SummingStep(Step):
             inputs: of the step.
             accumulator_sizes: the widths that they are compared with, 1 to 32.
             known_extremes: int64 [4, channels] that the result's include, or None.
+            channels: of the output, in rising order, of which alone sums are looked at; None for
+                all.
         """
 
     @abc.abstractmethod

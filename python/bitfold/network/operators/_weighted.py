@@ -203,10 +203,14 @@ class WeightedStep(SummingStep):
         inputs: Sequence[tf.Tensor | None],
         accumulator_sizes: Sequence[int],
         known_extremes: tf.Tensor | None = None,
+        channels: Sequence[int] | None = None,
     ) -> PartialSums:
         """Return what the partial sums of full width reach."""
+        parts = self.parts(inputs)
+        if channels is not None:
+            parts = _partial_sums.chosen(parts, channels, self.parts_placement.depthwise)
         return _partial_sums.partial_sums(
-            self.parts(inputs),
+            parts,
             self.parts_placement,
             self.arithmetic.mult_shift,
             accumulator_sizes,

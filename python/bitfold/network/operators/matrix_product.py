@@ -157,9 +157,12 @@ class MatrixProduct(SummingStep):
         inputs: Sequence[tf.Tensor | None],
         accumulator_sizes: Sequence[int],
         known_extremes: tf.Tensor | None = None,
+        channels: Sequence[int] | None = None,
     ) -> PartialSums:
         """Return what the partial sums of full width reach."""
         first, second = self._operands(inputs)
+        if channels is not None:
+            second = tf.gather(second, channels, axis=-1)
         return ops.matmul_partial_sums(
             first,
             second,
