@@ -19,7 +19,6 @@ from __future__ import annotations
 
 import dataclasses
 import math
-from collections import Counter
 from collections.abc import Callable, Collection, Iterable, Iterator, Mapping, Sequence
 from typing import Any
 
