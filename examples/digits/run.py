@@ -51,6 +51,7 @@ def run(options: argparse.Namespace) -> None:
     study = bitfold.study(
         network, images, labels,
         arithmetics=list(dict.fromkeys(cases)), float_model=float_model,
+        title="digits, residual network",
     )  # fmt: skip
     studied = time.perf_counter()
 

@@ -93,6 +93,7 @@ def run(options: argparse.Namespace) -> None:
     study = bitfold.study(
         network, images, labels,
         arithmetics=arithmetics(options.widths), float_model=float_model,
+        title=f"{dataset.name}, residual network",
     )  # fmt: skip
     studied = time.perf_counter()
     console.print("Searching the narrowest accumulator of each layer")

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import argparse
+import os
 import zipfile
 from collections.abc import Mapping
 from typing import Any
@@ -35,6 +36,11 @@ def network(path: str) -> bitfold.Network:
     if not start.startswith(_ARCHIVE):
         raise ValueError(f"Need a .tflite file or one that Network.save wrote, got {path}")
     return bitfold.Network.load(path)
+
+
+def title(path: str) -> str:
+    """Return what a study of a file's network is called."""
+    return os.path.basename(path)
 
 
 def float_model(path: str) -> Any:

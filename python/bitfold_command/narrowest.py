@@ -19,7 +19,14 @@ def run(options: argparse.Namespace) -> int:
     x, y = files.data(options, network)
     if y is None:
         raise ValueError(f"Need labels for a search, got none in {options.data}; give --labels")
-    study = bitfold.study(network, x, y, metric=options.metric, batch_size=options.batch_size)
+    study = bitfold.study(
+        network,
+        x,
+        y,
+        metric=options.metric,
+        batch_size=options.batch_size,
+        title=files.title(options.model),
+    )
     chosen = {
         name: value
         for name, value in (("widths", options.widths), ("shifts", options.shifts))

@@ -34,6 +34,7 @@ def run(options: argparse.Namespace) -> int:
         float_model=None if options.float_model is None else files.float_model(options.float_model),
         batch_size=options.batch_size,
         resume=options.resume,
+        title=files.title(options.model),
     )
     show(study, options)
     if not options.json:

@@ -100,6 +100,7 @@ def test_study_is_that_of_the_package(run, folder):
     ).findings
     assert (found.layers, found.results) == (expected.layers, expected.results)
     assert found.metric == 1.0
+    assert found.title == "network.bitfold"
 
 
 def test_reports_and_channels(run, folder):
@@ -154,7 +155,9 @@ def test_narrowest(run, folder):
     )  # fmt: skip
     assert status == 0, err
     assert "evaluation 1" in err
-    (found,) = bitfold.studies.document.from_json(out).searches
+    findings = bitfold.studies.document.from_json(out)
+    (found,) = findings.searches
+    assert findings.title == "network.bitfold"
     network = bitfold.Network.load(folder / "found.bitfold")
     widths = {x.name: x.arithmetic.accumulator_size for x in network.layers if x.has_accumulator}
     assert widths == {choice.name: choice.width for choice in found.choices}

@@ -8,21 +8,25 @@ of the float model, and the metric is taken, end to end. What a cause adds is th
 cause before it; so the differences add up to the whole, and the last cause ends at the arithmetic.
 
 Powers are summed in double precision, of each image by itself and then image after image, so that
-they do not depend on how images come in batches.
+they do not depend on how images come in batches. For the same reason the float model computes one
+image after the other: its kernels add up a batch in another order than an image.
+
+A state is computed once, though several arithmetics pass through it. One whose sums are all known
+to be right is not computed at all: it writes what the state before it writes.
 """
 
 from __future__ import annotations
 
 import dataclasses
 import math
-from collections import Counter
-from collections.abc import Callable, Iterable, Mapping, Sequence
+from collections.abc import Callable, Collection, Iterable, Iterator, Mapping, Sequence
 from typing import Any
 
 import numpy as np
 
-from bitfold.network import Arithmetic, Network, Port, values
+from bitfold.network import Arithmetic, Layer, Network, Port, evaluation, values
 from bitfold.network.kernels import FloatModel
+from bitfold.network.operators import SummingStep
 from bitfold.studies.partners import float_file, partners_of
 from bitfold.studies.records import Attribution, Cause
 
@@ -30,6 +34,11 @@ QUANTISATION = "quantisation"
 SHIFT = "shift"
 ACCUMULATOR = "accumulator"
 UNITS = "unit requantisation"
+
+# Elements of the layers that are compared at once: 64 MB in double precision.
+_ELEMENTS = 1 << 23
+# Elements of which a power is formed at once, so that they stay in the cache.
+_BLOCK = 1 << 15
 
 _UNIT_FIELDS = ("requantisation", "softmax", "activations", "additions", "resize", "layer_norm")
 
@@ -56,6 +65,7 @@ def attribute(
     examples: Iterable[tuple[Any, Any]],
     new_metric: Callable[[], Any] | None = None,
     advance: Callable[[int], None] = lambda images: None,
+    without_wrong_sums: Collection[str] = (),
 ) -> Attributed:
     """Measure what each cause adds to the error of a network.
 
@@ -67,6 +77,8 @@ def attribute(
         new_metric: makes a metric with `update_state(labels, outputs)` and `result()`, that has
             seen nothing; None for no metric.
         advance: takes how many images more are done.
+        without_wrong_sums: the names of arithmetics that are known to have none on these examples,
+            end to end.
 
     Returns:
         What was found.
@@ -99,36 +111,35 @@ def attribute(
     if new_metric is not None and len(network.outputs) != 1:
         raise ValueError(f"Need a network of one output for a metric, got {len(network.outputs)}")
     plans = {name: causes_of(network, asked) for name, asked in arithmetics.items()}
-    # Every state once, though several arithmetics pass through it.
     runs: dict[tuple[Arithmetic, ...], _Run] = {}
-    for _, state in (step for plan in plans.values() for step in plan):
-        if state not in runs:
-            runs[state] = _Run(_in_state(network, state), partners.tensors, new_metric)
-    original = new_metric() if new_metric is not None else None
-    powers: Counter[str] = Counter()
+    for name, plan in plans.items():
+        before = None
+        for cause, state in plan:
+            is_same = cause == ACCUMULATOR and name in without_wrong_sums and state == plan[-1][1]
+            if is_same and _has_whole_sums(state):
+                runs.setdefault(state, runs[before])
+            elif state not in runs:
+                runs[state] = _Run(_in_state(network, state), partners.tensors, new_metric)
+            before = state
+    computed = list({id(run): run for run in runs.values()}.values())
+    original = _Original(floats, partners.tensors, new_metric)
+    at_once = max(1, _ELEMENTS // _elements(network, partners.tensors))
     for images, labels in examples:
         batch = _reals(network, floats, images)
-        for run in runs.values():
-            run.start(images, labels)
-        outputs = []
-        for i in range(len(batch[0])):
-            wanted = (*partners.tensors.values(), floats.graph.outputs[0])
-            *tensors, output = floats([array[i : i + 1] for array in batch], wanted)
-            signals = dict(zip(partners.tensors, map(_flat, tensors), strict=True))
-            outputs.append(output)
-            for name, signal in signals.items():
-                powers[name] += _power(signal)
-            for run in runs.values():
-                run.compare(i, signals)
-        if original is not None:
-            original.update_state(labels, np.concatenate(outputs))
+        parts = zip(evaluation.batches(images, at_once), _slices(batch, at_once), strict=True)
+        for part, reals in parts:
+            signals = original.compute(reals)
+            for run in computed:
+                run.compute(part, signals)
+        for run in (original, *computed):
+            run.finish_batch(labels)
         advance(len(batch[0]))
     return Attributed(
         tuple(
-            Attribution(name, tuple(runs[state].cause(cause, powers) for cause, state in plan))
+            Attribution(name, tuple(runs[state].cause(c, original.powers) for c, state in plan))
             for name, plan in plans.items()
         ),
-        None if original is None else float(original.result()),
+        original.metric,
         partners.missing,
     )
 
@@ -210,20 +221,25 @@ def _real(stored: np.ndarray, port: Port) -> np.ndarray:
     return np.float32(port.scale) * (stored.astype(np.int32) - port.zero_point).astype(np.float32)
 
 
-def _parts(images: Any) -> list[Any]:
-    """Return the inputs of a batch in whatever order."""
-    if isinstance(images, Mapping):
-        return list(images.values())
-    return list(images) if isinstance(images, list | tuple) else [images]
+def _elements(network: Network, names: Collection[str]) -> int:
+    """Return how many elements the layers of these names write for an image."""
+    layers = (layer for layer in network.layers if layer.name in names)
+    return sum(math.prod(layer.output_shapes[0]) for layer in layers)
 
 
-def _flat(value: np.ndarray) -> np.ndarray:
-    return value.reshape(-1).astype(np.float64)
+def _slices(batch: Sequence[np.ndarray], size: int) -> Iterator[list[np.ndarray]]:
+    for first in range(0, len(batch[0]), size):
+        yield [array[first : first + size] for array in batch]
 
 
-def _power(signal: np.ndarray) -> float:
-    """Return the sum of squares, which numpy adds up in an order that the length alone decides."""
-    return float(np.square(signal).sum())
+def _add_powers(total: float, signals: np.ndarray) -> float:
+    """Return a sum of squares with those of images [n, elements], one image after the other.
+
+    Of an image numpy adds them up in an order that the number of its elements alone decides.
+    """
+    for power in np.square(signals).sum(axis=1).tolist():
+        total += power
+    return total
 
 
 def _in_state(network: Network, state: Sequence[Arithmetic]) -> Network:
@@ -231,7 +247,69 @@ def _in_state(network: Network, state: Sequence[Arithmetic]) -> Network:
     return network.with_arithmetic(dict(zip(names, state, strict=True)))
 
 
-class _Run:
+def _has_whole_sums(state: Sequence[Arithmetic]) -> bool:
+    """Return whether equal sums are requantised alike: those in half precision are floats."""
+    return not any(arithmetic.use_fp16_acc for arithmetic in state)
+
+
+class _Measured:
+    """A metric over batches that come in parts; without one nothing is kept."""
+
+    def __init__(self, new_metric: Callable[[], Any] | None) -> None:
+        """Start without images."""
+        self._metric = new_metric() if new_metric is not None else None
+        self._outputs: list[np.ndarray] = []
+
+    @property
+    def metric(self) -> float | None:
+        """The metric; None for none."""
+        return None if self._metric is None else float(self._metric.result())
+
+    def keep(self, outputs: np.ndarray) -> None:
+        """Take the outputs of a part of a batch."""
+        if self._metric is not None:
+            self._outputs.append(outputs)
+
+    def finish_batch(self, labels: Any) -> None:
+        """Measure a batch of which all parts are kept."""
+        if self._metric is not None:
+            self._metric.update_state(labels, np.concatenate(self._outputs))
+            self._outputs.clear()
+
+
+class _Original(_Measured):
+    """The float model on its way.
+
+    Attributes:
+        powers: by the name of a layer, the power of its outputs.
+    """
+
+    def __init__(
+        self,
+        floats: FloatModel,
+        tensors: Mapping[str, int],
+        new_metric: Callable[[], Any] | None,
+    ) -> None:
+        """Start without images; `tensors` are those that are compared, by layer."""
+        super().__init__(new_metric)
+        self._floats = floats
+        self._tensors = tensors
+        self.powers = dict.fromkeys(tensors, 0.0)
+
+    def compute(self, batch: Sequence[np.ndarray]) -> dict[str, np.ndarray]:
+        """Compute a part of a batch; return the outputs of layers, [n, elements] in doubles."""
+        wanted = (*self._tensors.values(), self._floats.graph.outputs[0])
+        images = [self._floats(image, wanted) for image in _slices(batch, 1)]
+        *tensors, outputs = map(np.concatenate, zip(*images, strict=True))
+        signals = {}
+        for name, tensor in zip(self._tensors, tensors, strict=True):
+            signals[name] = tensor.reshape(len(tensor), -1).astype(np.float64)
+            self.powers[name] = _add_powers(self.powers[name], signals[name])
+        self.keep(outputs)
+        return signals
+
+
+class _Run(_Measured):
     """A network on its way, beside the float model."""
 
     def __init__(
@@ -241,37 +319,37 @@ class _Run:
         new_metric: Callable[[], Any] | None,
     ) -> None:
         """Start without images; `names` are those of the layers that are compared."""
-        self._network = network
+        super().__init__(new_metric)
         layers = {layer.name: layer for layer in network.layers}
-        self._layers = {name: layers[name] for name in names}
-        self._metric = new_metric() if new_metric is not None else None
-        self._errors: Counter[str] = Counter()
-        self._traced: dict[int, np.ndarray] = {}
+        self._layers: dict[str, Layer] = {name: layers[name] for name in names}
+        self._errors = dict.fromkeys(self._layers, 0.0)
+        self._call = network.observed(self._observe)
+        self._wanted = {layer.position for layer in self._layers.values()}
 
-    def start(self, images: Any, labels: Any) -> None:
-        """Compute a batch."""
-        self._traced = self._network.trace(images)
+    def _observe(self, step: SummingStep, inputs: Sequence, _: Any) -> tuple[list, dict]:
+        """Compute a layer, and let what it writes be seen."""
+        outputs = step.run(inputs)
+        is_wanted = step.node.operator.position in self._wanted
+        return outputs, {"output": outputs[0]} if is_wanted else {}
+
+    def compute(self, images: Any, signals: Mapping[str, np.ndarray]) -> None:
+        """Compute a part of a batch and add up its errors."""
+        outputs, seen = self._call(images, {})
         if self._metric is not None:
-            self._metric.update_state(labels, self._outputs(images))
-
-    def _outputs(self, images: Any) -> Any:
-        """Return what a call gives: of real numbers real ones."""
-        (port,) = self._network.outputs
-        stored = self._traced.get(port.index)
-        is_real = any(np.issubdtype(np.asarray(x).dtype, np.floating) for x in _parts(images))
-        if stored is None or not is_real:
-            return self._network(images)
-        return _real(stored, port)
-
-    def compare(self, image: int, signals: Mapping[str, np.ndarray]) -> None:
-        """Add up the errors of an image of the batch."""
+            self.keep(np.asarray(outputs))
         for name, layer in self._layers.items():
-            stored = _flat(self._traced[layer.output_indices[0]][image])
-            real = (stored - layer.output_zero_point) * layer.output_scale
-            self._errors[name] += _power(real - signals[name])
+            stored = seen[str(layer.position)]["output"].numpy()
+            stored, signal = stored.reshape(len(stored), -1), signals[name]
+            rows = max(1, _BLOCK // max(1, stored.shape[1]))
+            for first in range(0, len(stored), rows):
+                block = slice(first, first + rows)
+                error = stored[block].astype(np.float64)
+                error -= layer.output_zero_point
+                error *= layer.output_scale
+                error -= signal[block]
+                self._errors[name] = _add_powers(self._errors[name], error)
 
     def cause(self, name: str, powers: Mapping[str, float]) -> Cause:
         """Return what was found."""
-        metric = None if self._metric is None else float(self._metric.result())
         ratios = {layer: decibels(powers[layer], self._errors[layer]) for layer in self._layers}
-        return Cause(name, metric, ratios)
+        return Cause(name, self.metric, ratios)

@@ -28,8 +28,10 @@ from bitfold.studies.watching import END_TO_END, key_of, summing_steps
 from bitfold.studies.wraps import corrected_weights
 
 
-def found(plan: Plan, tallies: Mapping[int | None, Tally], example: Any) -> Findings:
-    """Make records of what was counted."""
+def found(
+    plan: Plan, tallies: Mapping[int | None, Tally], example: Any, title: str | None
+) -> Findings:
+    """Make records of what was counted; by default the network's size is its title."""
     network = full_width(plan.network)
     whole = tallies.get(None, Tally())
     metric = Metric(plan.metric) if plan.has_metric else None
@@ -56,7 +58,7 @@ def found(plan: Plan, tallies: Mapping[int | None, Tally], example: Any) -> Find
         for i, setting in enumerate(plan.settings)
     ]
     return Findings(
-        title=f"network of {len(network.layers)} operators",
+        title=f"network of {len(network.layers)} operators" if title is None else title,
         images=whole.images,
         metric_name=None if metric is None else metric.name,
         metric=measured(whole),
@@ -86,6 +88,11 @@ def attributed(findings: Findings, plan: Plan, data: Data, float_model: Any) -> 
             data.batches(),
             Metric(plan.metric).start if plan.has_metric else None,
             advance,
+            {
+                result.name
+                for result in findings.results
+                if not any(layer.end_to_end.wrong for layer in result.layers)
+            },
         )
     layers = [
         dataclasses.replace(layer, remarks=(*layer.remarks, "not found in the float model"))

@@ -8,7 +8,7 @@ import dataclasses
 import html as markup
 from collections.abc import Iterator
 
-from bitfold.studies import curves, pictures, rows, sentences, words
+from bitfold.studies import cause_rows, curves, pictures, rows, sentences, words
 from bitfold.studies import page_parts as parts
 from bitfold.studies.page_style import CSS
 from bitfold.studies.records import Findings, Result
@@ -187,14 +187,18 @@ def _attributions(findings: Findings) -> Iterator[str]:
         "output is to the float model's: 20 dB are an error of a tenth, 40 dB of a hundredth. "
         "Between two curves lies what one cause costs."
     )
+    if len(findings.attributions) > 1:
+        yield parts.scrolled(cause_rows.summary(findings))
     for index, found in enumerate(findings.attributions):
         name = words.printable(found.name)
-        yield f"<h3>{markup.escape(name)}</h3>"
         said = sentences.causes(findings, found)
         picture = pictures.attribution(f"causes-{index}", findings, found)
         tables = [rows.causes(findings, found), rows.signal_to_error(findings, found)]
         title = f"Signal to error by layer, up to {name}"
-        yield from parts.described(picture, title, said, tables)
+        described = parts.described(picture, title, said, tables)
+        if not index:
+            yield f"<h3>{markup.escape(name)}</h3>"
+        yield from parts.folded(name, described, is_open=not index)
 
 
 def _searches(findings: Findings) -> Iterator[str]:

@@ -207,7 +207,8 @@ def _metric_columns(findings: Findings, group: str = "") -> tuple[Column, Column
     return Column(name, "number", group), Column("change", "change", group)
 
 
-def _change(value: float | None, base: float | None) -> float | None:
+def change(value: float | None, base: float | None) -> float | None:
+    """Return by how much a metric differs; None where one is not known."""
     return None if value is None or base is None else value - base
 
 
@@ -226,7 +227,7 @@ def results(findings: Findings) -> Table:
     rows = []
     for result in findings.results:
         counts = total(result)
-        metric = (result.metric, _change(result.metric, findings.metric)) if has_metric else ()
+        metric = (result.metric, change(result.metric, findings.metric)) if has_metric else ()
         rows.append(
             (
                 result.name,
@@ -301,8 +302,10 @@ def causes(findings: Findings, attribution: Attribution) -> Table:
     columns += (Column("last layer", "decibels", "signal to error [dB]"),)
     rows, before = [], findings.float_metric
     for cause in attribution.causes:
-        change = _change(cause.metric, before)
-        rows.append((cause.name, cause.metric, change, _median(cause), _last(findings, cause)))
+        difference = change(cause.metric, before)
+        rows.append(
+            (cause.name, cause.metric, difference, _median(cause), at_last_layer(findings, cause))
+        )
         before = cause.metric
     caption = f"From the float model to {words.printable(attribution.name)}, a cause at a time."
     return Table(caption, columns, tuple(rows))
@@ -313,7 +316,8 @@ def _median(cause: Cause) -> float | None:
     return values[(len(values) - 1) // 2] if values else None
 
 
-def _last(findings: Findings, cause: Cause) -> float | None:
+def at_last_layer(findings: Findings, cause: Cause) -> float | None:
+    """Return the signal-to-error ratio of the network's last layer; None where there is none."""
     return cause.signal_to_error.get(findings.layers[-1].name) if findings.layers else None
 
 

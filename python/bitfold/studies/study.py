@@ -41,6 +41,7 @@ def study(
     float_model: Any = None,
     batch_size: int | None = None,
     resume: str | os.PathLike[str] | None = None,
+    title: str | None = None,
 ) -> Study:
     """Find out what accumulators do to a network, layer by layer.
 
@@ -63,14 +64,15 @@ def study(
             quantisation, shift, accumulator and unit add to the error of each layer.
         batch_size: images at once; by default what keeps memory modest. A dataset has its own.
         resume: a file where finished parts are kept. A study that was interrupted goes on from
-            them; it must be the same in all but what it is called by.
+            them; it must be the same in all but its title.
+        title: what the report is called; by default by the number of the network's operators.
 
     Returns:
         What was found.
 
     Raises:
         OSError: for a `resume` that cannot be read or written, before work begins.
-        TypeError: for arithmetics that are none.
+        TypeError: for arithmetics that are none, and a title that is no text.
         ValueError: for labels that do not fit, arithmetics that a layer has not, and a `resume` of
             another study.
 
@@ -86,12 +88,14 @@ def study(
         >>> study.results[0].name, study.results[0].layers[0].alone.sums
         ('12 bits', 150)
     """
+    if title is not None and not isinstance(title, str):
+        raise TypeError(f"Need a title that is text or None, got {title!r}")
     check_biases(network)
     settings = settings_of(network, arithmetics)
     data = Data(x, y, network.batch_size(batch_size))
     plan = Plan(network, settings, metric, data.has_labels)
     tallies, example = measure(plan, data, resume)
-    findings = found(plan, tallies, example)
+    findings = found(plan, tallies, example, title)
     if float_model is not None:
         findings = attributed(findings, plan, data, float_model)
     return Study(findings, _Subject(network, x, y, metric, batch_size))

@@ -9,7 +9,7 @@ import itertools
 from typing import Any
 
 from bitfold.network import Arithmetic
-from bitfold.studies import rows
+from bitfold.studies import cause_rows, rows
 from bitfold.studies.records import Counts, Findings, LayerBits, LayerCounts
 from bitfold.studies.rows import Column, Table
 
@@ -92,7 +92,7 @@ def html_tables(findings: Findings) -> str:
     tables = [rows.overview(findings), rows.layers(findings)]
     if findings.results:
         tables.append(rows.results(findings))
-    tables += [rows.causes(findings, attribution) for attribution in findings.attributions]
+    tables += cause_rows.attributions(findings)
     tables += [rows.choices(findings, search) for search in findings.searches]
     return "<div>\n" + "\n".join(map(html_table, tables)) + "\n</div>\n"
 

@@ -14,7 +14,7 @@ import rich.table
 from rich.console import Console
 from rich.markup import escape
 
-from bitfold.studies import rows, sentences, words
+from bitfold.studies import cause_rows, rows, sentences, words
 from bitfold.studies.records import ChannelBits, Findings
 from bitfold.studies.rows import Table
 from bitfold.studies.series import all_series
@@ -22,6 +22,8 @@ from bitfold.studies.series import all_series
 # Where the output is not a terminal, lines are as long as what they hold.
 _WIDTH = 1000
 _HEADING = 12
+# Series of widths that have a table of their own; the report has all.
+_MOST_SERIES = 2
 
 
 def print_findings(findings: Findings, file: TextIO | None = None) -> None:
@@ -76,11 +78,23 @@ def _tables(findings: Findings) -> list[Table]:
     tables = [_without_remarks(rows.layers(findings))] if findings.layers else []
     if findings.results:
         tables.append(rows.results(findings))
-    for series in all_series(findings):
-        table = _where_wrong(rows.wrong_by_width(series, is_alone=True))
-        tables += [table] if table.rows else []
-    tables += [rows.causes(findings, attribution) for attribution in findings.attributions]
+    tables += _wrong_by_width(findings)
+    tables += cause_rows.attributions(findings)
     tables += [rows.choices(findings, search) for search in findings.searches]
+    return tables
+
+
+def _wrong_by_width(findings: Findings) -> list[Table]:
+    """Return where sums go wrong, of the first series; the last table names the others."""
+    found = [
+        (series, table)
+        for series in all_series(findings)
+        if (table := _where_wrong(rows.wrong_by_width(series, is_alone=True))).rows
+    ]
+    tables = [table for _, table in found[:_MOST_SERIES]]
+    if others := [series.name for series, _ in found[_MOST_SERIES:]]:
+        caption = f"{tables[-1].caption} The report has the same of {words.listed(others)}."
+        tables[-1] = dataclasses.replace(tables[-1], caption=caption)
     return tables
 
 

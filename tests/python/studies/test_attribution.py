@@ -15,6 +15,7 @@ import bitfold
 from bitfold.network import evaluation, model_file
 from bitfold.network.converter import convert_keras_to_floats
 from bitfold.network.kernels import FloatModel
+from bitfold.studies import attribution
 from bitfold.studies.attribution import attribute, causes_of
 from bitfold.studies.partners import partners_of
 
@@ -112,7 +113,7 @@ def test_each_cause_adds_to_those_before_it(network, model, images, labels):
         ["quantisation", "shift", "accumulator", "unit requantisation"],
     ]
     signals = _signals(convert_keras_to_floats(model), images)
-    for attribution, arithmetic in zip(found.attributions, NARROW.values(), strict=True):
+    for one, arithmetic in zip(found.attributions, NARROW.values(), strict=True):
         exact = bitfold.Arithmetic(mult_shift=arithmetic.mult_shift)
         wrapped = bitfold.Arithmetic(
             accumulator_size=arithmetic.accumulator_size, mult_shift=arithmetic.mult_shift
@@ -125,7 +126,7 @@ def test_each_cause_adds_to_those_before_it(network, model, images, labels):
         }
         # Metrics are so many of 24 images.
         changes, before = 0, 21
-        for cause in attribution.causes:
+        for cause in one.causes:
             state = network.with_arithmetic(states[cause.name])
             assert cause.metric == state.evaluate(images, labels)
             assert set(cause.signal_to_error) == set(LAYERS)
@@ -134,7 +135,7 @@ def test_each_cause_adds_to_those_before_it(network, model, images, labels):
             right = round(24 * cause.metric)
             changes, before = changes + right - before, right
         end = network.with_arithmetic(arithmetic).evaluate(images, labels)
-        assert (21 + changes) / 24 == attribution.causes[-1].metric == end
+        assert (21 + changes) / 24 == one.causes[-1].metric == end
 
 
 def test_batches_make_no_difference(network, model, images, labels):
@@ -154,6 +155,42 @@ def test_batches_make_no_difference(network, model, images, labels):
         for cause, same in zip(one.causes, other.causes, strict=True):
             assert same.metric is None
             assert cause.signal_to_error == same.signal_to_error
+
+
+def test_parts_of_batches_make_no_difference(network, model, images, labels, monkeypatch):
+    """Large layers are compared in parts of a batch, and in blocks."""
+    whole = attribute(network, NARROW, model, _examples(images, labels, 24), evaluation.Accuracy)
+    monkeypatch.setattr(attribution, "_ELEMENTS", 7 * (8 * 8 * 8 + 2 * 4 * 4 * 8))
+    monkeypatch.setattr(attribution, "_BLOCK", 3 * 8 * 8 * 8)
+    parts = attribute(network, NARROW, model, _examples(images, labels, 24), evaluation.Accuracy)
+    assert parts == whole
+
+
+def test_a_state_without_wrong_sums_is_not_computed(model, network, images, labels, monkeypatch):
+    """It is the state before it, as computing it would show; one in half precision is its own."""
+    asked = {
+        "32 bits": bitfold.Arithmetic(accumulator_size=32),
+        "32 bits, shift 2": bitfold.Arithmetic(accumulator_size=32, mult_shift=2),
+        "30 bits, unit": bitfold.Arithmetic(accumulator_size=30, requantisation="unit"),
+        "half precision": bitfold.Arithmetic(use_fp16_acc=True),
+    }
+    computed = []
+    in_state = attribution._in_state
+
+    def counted(network, state):
+        computed.append(state)
+        return in_state(network, state)
+
+    monkeypatch.setattr(attribution, "_in_state", counted)
+    examples = _examples(images, labels)
+    every = attribute(network, asked, model, examples, evaluation.Accuracy)
+    assert len(computed) == len(set(computed)) == 7
+    computed.clear()
+    known = attribute(
+        network, asked, model, examples, evaluation.Accuracy, without_wrong_sums=set(asked)
+    )
+    assert len(computed) == len(set(computed)) == 5
+    assert known == every
 
 
 def test_forms_of_a_float_model(network, model, images, tmp_path):
@@ -201,12 +238,10 @@ def test_a_file_of_the_converter(model, images, labels):
     found = attribute(network, NARROW, floats, _examples(images, labels), evaluation.Accuracy)
     assert found.missing == ()
     assert found.float_metric == 21 / 24
-    for attribution in found.attributions:
-        first, last = attribution.causes[0], attribution.causes[-1]
+    for one in found.attributions:
+        first, last = one.causes[0], one.causes[-1]
         assert min(first.signal_to_error.values()) > 20
-        assert last.metric == network.with_arithmetic(NARROW[attribution.name]).evaluate(
-            images, labels
-        )
+        assert last.metric == network.with_arithmetic(NARROW[one.name]).evaluate(images, labels)
 
 
 def test_layers_without_a_partner(network, model, images):

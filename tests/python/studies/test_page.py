@@ -288,3 +288,15 @@ def test_without_matplotlib(monkeypatch):
     monkeypatch.setitem(sys.modules, "matplotlib", None)
     with pytest.raises(ImportError, match=r"pip install bitfold\[report\]"):
         page.html(made_findings.small())
+
+
+def test_several_attributions_begin_with_a_summary():
+    """One table of all, then the first with its picture; the others are folded away."""
+    findings = made_findings.small()
+    text = page.html(findings)
+    summary = "What each cause adds on the way from the float model."
+    assert text.count(f"<caption>{summary}</caption>") == 1
+    assert text.index(summary) < text.index("<h3>16 bits</h3>")
+    assert "<summary>18 bits, shift 2</summary>" in text
+    one = dataclasses.replace(findings, attributions=findings.attributions[:1])
+    assert summary not in page.html(one)

@@ -294,6 +294,15 @@ def test_names(network, data):
     assert own.layers == bitfold.study(network, x, arithmetics=[{"c1": A(12)}]).results[0].layers
 
 
+def test_titles(network, data):
+    """The report is called as its reader wishes; the size of the network says what it was of."""
+    images, _ = data
+    assert bitfold.study(network, images).findings.title == "network of 5 operators"
+    assert bitfold.study(network, images, title="mine").findings.title == "mine"
+    with pytest.raises(TypeError, match="Need a title that is text or None, got 3"):
+        bitfold.study(network, images, title=3)
+
+
 def test_labels_are_refused(network, data):
     """That are too few, or beside a dataset."""
     x, y = data

@@ -13,7 +13,7 @@ import made_findings
 import pytest
 
 from bitfold.network import Arithmetic
-from bitfold.studies import rows, series, tables, words
+from bitfold.studies import cause_rows, rows, series, tables, words
 from bitfold.studies.records import Counts, LayerCounts, Result
 
 # ---- Rows ----------------------------------------------------------------------------------------
@@ -93,6 +93,46 @@ def test_causes_follow_one_another():
     table = rows.causes(findings, attribution)
     assert [row[0] for row in table.rows] == ["quantisation", "shift", "accumulator"]
     assert [row[2] for row in table.rows][:2] == [0.9123 - 0.9151, 0.908 - 0.9123]
+
+
+def test_several_attributions_have_one_table():
+    """A line for each arithmetic, a column for each cause; the changes of a line add up."""
+    findings = made_findings.small()
+    (table,) = cause_rows.attributions(findings)
+    headings = [column.heading for column in table.columns]
+    assert headings == ["arithmetic", "quantisation", "shift", "accumulator", "last layer"]
+    assert [row[0] for row in table.rows] == ["16 bits", "18 bits, shift 2"]
+    assert [row[2] for row in table.rows] == [None, 0.908 - 0.9123]
+    for row, attribution in zip(table.rows, findings.attributions, strict=True):
+        last = attribution.causes[-1]
+        whole = sum(value for value in row[1:4] if value is not None)
+        assert whole == pytest.approx(last.metric - findings.float_metric, abs=1e-12)
+        assert row[4] == last.signal_to_error[findings.layers[-1].name]
+
+
+def test_one_attribution_has_its_own_table():
+    """And none has none."""
+    findings = made_findings.small()
+    one = dataclasses.replace(findings, attributions=findings.attributions[:1])
+    assert cause_rows.attributions(one) == [rows.causes(one, one.attributions[0])]
+    assert cause_rows.attributions(made_findings.bare()) == []
+
+
+def test_attributions_without_a_metric():
+    """The error is what is left; an attribution without causes has an empty line."""
+    findings = made_findings.small()
+    attributions = tuple(
+        dataclasses.replace(
+            one, causes=tuple(dataclasses.replace(cause, metric=None) for cause in one.causes)
+        )
+        for one in findings.attributions
+    )
+    empty = dataclasses.replace(attributions[0], causes=())
+    table = cause_rows.summary(
+        dataclasses.replace(findings, attributions=(*attributions, empty), float_metric=None)
+    )
+    assert [column.heading for column in table.columns] == ["arithmetic", "last layer"]
+    assert table.rows[-1] == (empty.name, None)
 
 
 # ---- Series --------------------------------------------------------------------------------------

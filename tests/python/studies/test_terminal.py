@@ -33,6 +33,16 @@ def test_plain_lines():
         assert any(line.startswith(f"{result.name} ") for line in lines), result.name
 
 
+def test_tables_stay_few():
+    """One for all attributions, two of widths at most; a caption names the series left out."""
+    text = _printed(made_findings.large())
+    assert text.count("Share of wrong sums by width") == 2
+    assert "The report has the same of shift 2, shift 3 and shift 4." in text
+    assert text.count("from the float model") == 1
+    few = _printed(made_findings.made("few", ["first", "last"], shifts=(0, 2)))
+    assert "The report has the same" not in few
+
+
 def test_standard_output_by_default(capsys):
     """Without a file it prints where print() does."""
     print_findings(made_findings.bare())
