@@ -52,8 +52,6 @@ def bits_of_layer(
             proven_for_range=int(in_range.bits[channel]),
             smallest_sum=low,
             largest_sum=high,
-            smallest_partial_sum=least,
-            largest_partial_sum=greatest,
             bias=None if bias is None else bias[channel],
             remarks=tuple(remarks[channel]),
         )

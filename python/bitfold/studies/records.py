@@ -24,8 +24,6 @@ class ChannelBits:
         proven_for_range: the same for inputs within the layer's `LayerBits.data_range`.
         smallest_sum: of the final sums seen; 0 where none was.
         largest_sum: the same.
-        smallest_partial_sum: of all partial sums, the final ones among them.
-        largest_partial_sum: the same.
         bias: the stored one; None without.
         remarks: what makes the channel stand out, a sentence each without full stop.
     """
@@ -37,8 +35,6 @@ class ChannelBits:
     proven_for_range: int
     smallest_sum: int
     largest_sum: int
-    smallest_partial_sum: int
-    largest_partial_sum: int
     bias: int | None = None
     remarks: tuple[str, ...] = ()
 

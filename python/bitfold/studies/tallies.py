@@ -137,6 +137,26 @@ def no_extremes(channels: int) -> np.ndarray:
     return np.repeat(_NONE, channels, 1)
 
 
+def within_bits(extremes: np.ndarray) -> np.ndarray:
+    """Return extremes of which those of partial sums span all that as many bits hold.
+
+    Args:
+        extremes: int64 [4, channels], as `bitfold.ops.partial_sums` gives them.
+
+    Example:
+        >>> within_bits(np.array([[-3], [90], [-5], [100]]))[:, 0].tolist()
+        [-3, 90, -128, 127]
+    """
+    least, greatest = extremes[2:]
+    span = np.maximum(greatest, -1 - least)
+    for shift in (1, 2, 4, 8, 16, 32):
+        span |= span >> shift
+    seen = least <= greatest  # else of no sums
+    result = extremes.copy()
+    result[2], result[3] = np.where(seen, -1 - span, least), np.where(seen, span, greatest)
+    return result
+
+
 def _joined(one: np.ndarray | None, other: np.ndarray | None) -> np.ndarray | None:
     """Return the extremes of both."""
     if one is None or other is None:

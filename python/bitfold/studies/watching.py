@@ -16,7 +16,7 @@ from bitfold.network import Arithmetic, Network
 from bitfold.network.operators import SummingStep
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import Setting, exact
-from bitfold.studies.tallies import LayerTally, no_extremes
+from bitfold.studies.tallies import LayerTally, no_extremes, within_bits
 from bitfold.studies.wraps import Method, Wraps, counts_of, harmless_from, wraps_of
 
 # The name of the only counts of a pass end to end.
@@ -54,6 +54,7 @@ class FullWidthPass:
         self.network = network
         self._groups: dict[int, list[_Group]] = {}
         self._known: dict[str, np.ndarray] = {}
+        self._has_seen = False
         self._sums: dict[int, int] = {}
         asked: dict[int, dict[str, SummingStep]] = {}
         for setting in settings:
@@ -67,8 +68,16 @@ class FullWidthPass:
             self._known[str(position)] = no_extremes(step.products.least.shape[-1])
 
     def states(self) -> dict[str, np.ndarray]:
-        """Return the extremes until now: the more they span, the sooner new ones are found."""
+        """Return the extremes until now, of partial sums what their bits hold.
+
+        What lies between is not looked for.
+        """
         return self._known
+
+    @property
+    def knows_nothing(self) -> bool:
+        """Whether no batch has come, so that everything would have to be looked for."""
+        return not self._has_seen
 
     def observe(self, step: SummingStep, inputs: Inputs, known: tf.Tensor) -> tuple[list, dict]:
         """Compute a layer, what its sums reach, and what becomes of them in other arithmetics."""
@@ -91,7 +100,8 @@ class FullWidthPass:
         found = {}
         for place, values in seen.items():
             position, values = int(place), {key: value.numpy() for key, value in values.items()}
-            sums, extremes = images * self._sums[position], values["extremes"]
+            # Whatever was known: tallies must not depend on the order of batches.
+            sums, extremes = images * self._sums[position], within_bits(values["extremes"])
             low, high = int(values["low"]), int(values["high"])
             self._known[place] = extremes
             counts = {}
@@ -100,6 +110,12 @@ class FullWidthPass:
             data_range = (low, high) if low <= high else None  # of no images
             found[position] = LayerTally(sums, counts, extremes, data_range)
         return found
+
+    def learn(self, seen: Mapping[str, Mapping[str, tf.Tensor]]) -> None:
+        """Take what was seen of some images for known, and count nothing."""
+        for place, values in seen.items():
+            self._known[place] = within_bits(values["extremes"].numpy())
+        self._has_seen = True
 
     def lines(self) -> dict[str, int]:
         """Return how many lines the pass would have printed: exact sums print none."""
@@ -123,8 +139,11 @@ class SettingPass:
             reference = _at_full_width(step, step.arithmetic.mult_shift)
             self._wraps[position] = wraps_of(step, reference, harmless_from(reference))
 
+    # No batch depends on those before.
+    knows_nothing = False
+
     def states(self) -> dict[str, np.ndarray]:
-        """Return nothing: no batch depends on those before."""
+        """Return nothing."""
         return {}
 
     def observe(self, step: SummingStep, inputs: Inputs, _: Any) -> tuple[list, dict]:

@@ -138,8 +138,6 @@ def _channels(draw: random.Random, layer: LayerBits) -> tuple[ChannelBits, ...]:
             proven_for_range=layer.proven_for_range,
             smallest_sum=-(2 ** (layer.needed - 1)) + channel,
             largest_sum=2 ** (layer.needed - 2),
-            smallest_partial_sum=-(2 ** (layer.on_the_way - 1)),
-            largest_partial_sum=2 ** (layer.on_the_way - 1) - 1,
             bias=None if layer.position == 4 else draw.randrange(-5000, 5000),
             remarks=("it alone costs the layer a bit",) if channel == 3 else (),
         )
