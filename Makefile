@@ -31,11 +31,12 @@ test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
 
-test-long: ## random networks against the interpreter, a thousand; NETWORKS=COUNT, FIRST=SEED
+test-long: ## a thousand random networks against the interpreter, studies of 50; NETWORKS=COUNT, FIRST=SEED
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
 	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
+	@BITFOLD_STUDIED_NETWORKS=50 $(PYTHON) -m pytest -q tests/python/studies/test_study.py -k random
 
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser

@@ -430,7 +430,7 @@ def test_files(network, data, tmp_path):
 
 
 @pytest.mark.slow
-@pytest.mark.parametrize("seed", range(8))
+@pytest.mark.parametrize("seed", range(int(os.environ.get("BITFOLD_STUDIED_NETWORKS", "3"))))
 def test_counts_of_random_networks(seed):
     """Layer by layer, with what the network itself gives each layer: alone and end to end."""
     made = generated.network(seed)
