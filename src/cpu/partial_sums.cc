@@ -27,7 +27,6 @@ class OwnTables {
  public:
   OwnTables(int64_t channels, int64_t sizes)
       : channels_(channels),
-        sizes_(sizes),
         extremes_(static_cast<size_t>(kSumExtremes * channels)),
         counts_(static_cast<size_t>(sizes * channels * kSumCounts)),
         first_(static_cast<size_t>(sizes * channels)) {
@@ -55,7 +54,6 @@ class OwnTables {
 
  private:
   const int64_t channels_;
-  const int64_t sizes_;
   std::vector<int64_t> extremes_;
   std::vector<int64_t> counts_;
   std::vector<int64_t> first_;

@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 namespace bitfold {
@@ -39,7 +40,9 @@ class HeapScratch : public Scratch {
  public:
   void* Allocate(size_t bytes) override {
     try {
-      blocks_.emplace_back(new Unit[bytes / sizeof(Unit) + 1]);
+      // Owned before the list grows, which may fail, too.
+      std::unique_ptr<Unit[]> block(new Unit[bytes / sizeof(Unit) + 1]);
+      blocks_.push_back(std::move(block));
     } catch (const std::bad_alloc&) {
       return nullptr;
     }
