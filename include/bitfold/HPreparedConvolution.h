@@ -167,7 +167,7 @@ inline int64_t DefineWideSum(const PreparedLayer& layer, const int32_t* padded, 
       const int32_t* data = padded + pixel + (layer.is_depthwise ? channel : 0);
       const int64_t tap = (int64_t{kh} * columns.taps + kw) * depth;
       for (int32_t c = 0; c < depth; ++c) {
-        const int32_t weight = layer.filter[(tap + c) * layer.out_channels + channel];
+        const auto weight = int32_t{layer.filter[(tap + c) * layer.out_channels + channel]};
         sum += ShiftRoundHalfToEven(data[c] * weight, layer.mult_shift);
       }
     }

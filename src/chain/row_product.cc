@@ -84,7 +84,7 @@ class RowProduct {
         cols_(call.cols),
         sign_(call.datapath.accumulator_size) {
     facts_.accumulator_size = call.datapath.accumulator_size;
-    facts_.mult_shift = call.datapath.mult_shift[0];
+    facts_.mult_shift = int32_t{call.datapath.mult_shift[0]};
     facts_.use_fp16_acc = call.datapath.use_fp16_acc;
     facts_.divides = false;
     facts_.packs = true;  // which asks for no more than that sums are known modulo 2^32

@@ -140,9 +140,10 @@ class Layer {
         const int64_t vector =
             p * PanelVectors() + row * RowVectors() + int64_t{word} * windows.columns.taps;
         SegmentBounds& of = bounds[static_cast<size_t>(p * PanelSegments() + s)];
-        loops.bound({weights[static_cast<size_t>(vector)].words, ranges.data() + word * kInWord,
-                     std::min(segment_words, words - word), windows.columns.taps, Offset()},
-                    before, &of);
+        loops.bound(
+            {weights[static_cast<size_t>(vector)].words, ranges.data() + int64_t{word} * kInWord,
+             std::min(segment_words, words - word), windows.columns.taps, Offset()},
+            before, &of);
         before = &of;
       }
     }
@@ -275,7 +276,7 @@ class Part {
     if (counted.count != 0) {
       counted.widths = &record_.width(panel, 0);
       counted.counts = CountsOf(n, 0);
-      counted.pixel_counts = kBorderPanels * record_.widths();
+      counted.pixel_counts = int64_t{kBorderPanels} * record_.widths();
     }
     layer_.kernels.resolve(spot, sums_, &record_.panel(panel), counted);
   }
@@ -297,13 +298,13 @@ class Part {
       std::fill(counts_.begin(), counts_.end(), OutputCounts{});
       is_counted_ = true;
     }
-    return counts_.data() + (p * kBorderPanels + n) * record_.widths();
+    return counts_.data() + (int64_t{p} * kBorderPanels + n) * record_.widths();
   }
 
   void AddOutputs(const Place& place) {
     for (int32_t n = 0; n < place.panels; ++n) {
       for (int32_t p = 0; p < place.pixels; ++p) {
-        const PixelTaps taps = layer_.taps[static_cast<size_t>(place.column + p)];
+        const PixelTaps taps = layer_.taps[static_cast<size_t>(int64_t{place.column} + p)];
         const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
         const OutputCounts* const counts = is_counted_ ? CountsOf(n, p) : nullptr;
         for (int32_t i = 0; i < record_.widths(); ++i) {

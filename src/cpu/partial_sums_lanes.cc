@@ -126,7 +126,7 @@ class Part {
     SummedTile tile{};
     if (input.taps.count == 0 || taps.count == 0) return tile;  // no addends
     tile.x = input.first + windows.ColumnAt(column) + taps.first * tap;
-    if (layer_.call.is_depthwise) tile.x += p * kSumLanes;
+    if (layer_.call.is_depthwise) tile.x += int64_t{p} * kSumLanes;
     tile.w =
         layer_.PanelWeights(p) + input.taps.first * layer_.WeightRow() + taps.first * kSumLanes;
     tile.x_pixel = windows.columns.stride * windows.pixel;

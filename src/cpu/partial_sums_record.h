@@ -75,7 +75,7 @@ class SumRecord {
 
   PanelRecord& panel(int32_t p) { return panels_[static_cast<size_t>(p)]; }
   WidthRecord& width(int32_t p, int32_t i) {
-    return widths_[static_cast<size_t>(p * layout_.size_count + i)];
+    return widths_[static_cast<size_t>(int64_t{p} * layout_.size_count + i)];
   }
   int32_t panels() const { return layout_.panels(); }
   int32_t widths() const { return layout_.size_count; }
