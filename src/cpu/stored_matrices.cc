@@ -76,8 +76,9 @@ void SumStoredRows(const T* stored, int64_t rows, int64_t cols, int32_t* sums) {
   LoopsOf<T>().sum_rows(stored, rows, cols, sums);
 }
 
+template void TransposeStored(const int8_t*, int64_t, int64_t, int8_t*);
+template void TransposeStored(const int16_t*, int64_t, int64_t, int16_t*);
 #define BITFOLD_INSTANTIATE(T)                                                                   \
-  template void TransposeStored(const T*, int64_t, int64_t, T*);                                 \
   template bool CorrectStored(const T*, int64_t, int32_t, const WeightSign<int32_t>&, int16_t*); \
   template void SumStoredRows(const T*, int64_t, int64_t, int32_t*);
 BITFOLD_INSTANTIATE(int8_t)

@@ -112,8 +112,8 @@ class TileReader {
     b_at_ += uint32_t{kTile} * factors_.b_cols;
   }
 
-  T a;
-  T b;
+  T a{0};
+  T b{0};
 
  private:
   const Factors<T>& factors_;
