@@ -6,6 +6,7 @@ from __future__ import annotations
 
 import dataclasses
 import html.parser
+import itertools
 import math
 import sys
 
@@ -96,7 +97,7 @@ def test_causes_follow_one_another():
 
 
 def test_several_attributions_have_one_table():
-    """A line for each arithmetic, a column for each cause; the changes of a line add up."""
+    """A line for each arithmetic, a column for each cause: the change to the one before."""
     findings = made_findings.small()
     (table,) = cause_rows.attributions(findings)
     headings = [column.heading for column in table.columns]
@@ -104,9 +105,10 @@ def test_several_attributions_have_one_table():
     assert [row[0] for row in table.rows] == ["16 bits", "18 bits, shift 2"]
     assert [row[2] for row in table.rows] == [None, 0.908 - 0.9123]
     for row, attribution in zip(table.rows, findings.attributions, strict=True):
+        reached = [findings.float_metric, *(cause.metric for cause in attribution.causes)]
+        changes = [after - before for before, after in itertools.pairwise(reached)]
+        assert [value for value in row[1:4] if value is not None] == changes
         last = attribution.causes[-1]
-        whole = sum(value for value in row[1:4] if value is not None)
-        assert whole == pytest.approx(last.metric - findings.float_metric, abs=1e-12)
         assert row[4] == last.signal_to_error[findings.layers[-1].name]
 
 
