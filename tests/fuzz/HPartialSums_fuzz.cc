@@ -9,32 +9,13 @@
 #include <cstdint>
 
 #include "fuzz_input.h"
+#include "stored_fuzz.h"
 #include "support/partial_sums_case.h"
 #include "support/targets.h"
 #include "support/workers.h"
 
 namespace bitfold::testing {
 namespace {
-
-LayerAxis ReadAxis(FuzzInput* input) {
-  LayerAxis axis = {input->Between(1, 8), input->Between(1, 4), input->Between(1, 3),
-                    input->Between(1, 3), input->Between(0, 4), input->Between(0, 4)};
-  const int32_t extent = (axis.taps - 1) * axis.dilation + 1;
-  axis.after += std::max(0, extent - axis.padded());
-  return axis;
-}
-
-template <typename T>
-std::vector<T> ReadStored(FuzzInput* input, int64_t count) {
-  const int shift = input->Between(0, 7);
-  std::vector<T> values;
-  for (int64_t i = 0; i < count; ++i) {
-    const auto high = static_cast<T>(static_cast<int8_t>(input->Byte()));
-    values.push_back(
-        static_cast<T>(sizeof(T) == 1 ? high >> shift : (high * 256 + input->Byte()) >> shift));
-  }
-  return values;
-}
 
 template <typename In, typename Weight>
 void Compare(FuzzInput* input) {

@@ -17,14 +17,6 @@
 namespace bitfold::testing {
 namespace {
 
-LayerAxis ReadAxis(FuzzInput* input) {
-  LayerAxis axis = {input->Between(1, 8), input->Between(1, 4), input->Between(1, 3),
-                    input->Between(1, 3), input->Between(0, 4), input->Between(0, 4)};
-  const int32_t extent = (axis.taps - 1) * axis.dilation + 1;
-  axis.after += std::max(0, extent - axis.padded());
-  return axis;
-}
-
 // Makes its sums wide.
 template <typename In, typename Out>
 void Widen(FuzzInput* input, PreparedCase<In, Out>* c) {

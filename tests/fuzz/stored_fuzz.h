@@ -1,17 +1,19 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// Stored integers, and how sums become such, read from a fuzzer's bytes.
+// Stored integers, windows over them, and how sums become such, read from a fuzzer's bytes.
 
 #ifndef BITFOLD_TESTS_FUZZ_STORED_FUZZ_H_
 #define BITFOLD_TESTS_FUZZ_STORED_FUZZ_H_
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <utility>
 #include <vector>
 
+#include "bitfold/HPreparedConvolution.h"
 #include "bitfold/HRequantise.h"
 #include "fuzz_input.h"
 
@@ -47,6 +49,15 @@ std::vector<T> ReadStored(FuzzInput* input, int64_t count) {
         static_cast<T>(sizeof(T) == 1 ? high >> shift : (high * 256 + input->Byte()) >> shift));
   }
   return values;
+}
+
+// An axis of at least one output.
+inline LayerAxis ReadAxis(FuzzInput* input) {
+  LayerAxis axis = {input->Between(1, 8), input->Between(1, 4), input->Between(1, 3),
+                    input->Between(1, 3), input->Between(0, 4), input->Between(0, 4)};
+  const int32_t extent = (axis.taps - 1) * axis.dilation + 1;
+  axis.after += std::max(0, extent - axis.padded());
+  return axis;
 }
 
 // One for all channels, or for each; false where the op would refuse one.

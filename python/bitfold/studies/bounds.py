@@ -130,7 +130,7 @@ def _harmless(
     widths = [_exponent(int(magnitude)) for magnitude in magnitudes]
     if products.has_half_weights:
         weights = products.greatest[products.met].max(axis=(0, 1), initial=0)
-        widths = list(map(max, widths, (_width_for_weight(int(weight)) for weight in weights)))
+        widths = list(map(max, widths, (width_for_weight(int(weight)) for weight in weights)))
     # Another number in place of the bias: its low 32 bits, which are as good without a shift, or
     # with a shift a quotient of them, which is not.
     differs = (exact - added) & ((1 << WIDEST) - 1) != 0
@@ -142,6 +142,6 @@ def _exponent(magnitude: int) -> int:
     return max(magnitude - 1, 0).bit_length()
 
 
-def _width_for_weight(weight: int) -> int:
+def width_for_weight(weight: int) -> int:
     """Return the least width of an accumulator of whose half a weight is a signed number."""
     return 2 * (weight.bit_length() + 1) if weight > 0 else 0

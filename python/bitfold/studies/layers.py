@@ -10,7 +10,7 @@ import numpy as np
 
 from bitfold.network import Layer
 from bitfold.network.operators import SummingStep
-from bitfold.studies.bounds import Bounds, bits_of, layer_bounds
+from bitfold.studies.bounds import Bounds, bits_of, layer_bounds, width_for_weight
 from bitfold.studies.records import ChannelBits, LayerBits
 from bitfold.studies.tallies import LayerTally
 
@@ -131,8 +131,7 @@ def _of_layer(step: SummingStep, channels: Sequence[ChannelBits]) -> Iterator[st
     """Yield what stands out of a layer: its channels that do, and weights with another sign."""
     products = step.products
     if products.has_half_weights:
-        largest = int(products.greatest.max(initial=0))
-        width = 2 * (largest.bit_length() + 1) if largest > 0 else 0
+        width = width_for_weight(int(products.greatest.max(initial=0)))
         if width > 1:
             what = "weights" if step.weights_tensor is not None else "second operand's numbers"
             yield f"below {width} bits the unit reads {what} with another sign"
