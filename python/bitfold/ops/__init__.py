@@ -48,6 +48,7 @@ it, or an assertion in a function whose shapes were unknown when it was traced. 
 zeros, or end the process.
 """
 
+from bitfold.ops._activation import activation
 from bitfold.ops._additions import add, bias_add, decomposed_bias_add, weighted_add
 from bitfold.ops._bilinear import bilinear
 from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
@@ -63,7 +64,7 @@ from bitfold.ops._stored import (
     stored_pool,
     stored_quantise,
 )
-from bitfold.ops._units import activation, layer_norm, softmax
+from bitfold.ops._units import layer_norm, softmax
 
 __all__ = [
     "activation",
