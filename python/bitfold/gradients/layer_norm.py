@@ -52,7 +52,7 @@ def _layer_norm(op: Any, gradient: tf.Tensor) -> list[tf.Tensor | None]:
     centred = distances - total * unit.mean_scale
     results = slope * centred + unit.bias
     is_inside = (results >= 0) & (results <= unit.largest)
-    upstream = tf.where(is_inside, tf.cast(gradient, tf.float64), 0.0)
+    upstream = tf.cast(tf.where(is_inside, gradient, 0.0), tf.float64)
     # An element raises its own result, lowers all by the mean, and all by the root.
     by_mean = tf.reduce_sum(upstream, -1, keepdims=True) * unit.mean_scale
     by_root = tf.reduce_sum(upstream * centred, -1, keepdims=True) / variance
@@ -85,9 +85,9 @@ class Unit:
         fields = zip(_FIELDS.items(), numbers, strict=False)
         field = {name: tf.cast(n % 2**bits, tf.float64) for (name, bits), n in fields}
         is_rms, has_more, is_wide = (n != 0 for n in numbers[len(_FIELDS) :])
-        sums = tf.where(is_rms, 0.0, tf.ones([], tf.float64))
-        step = tf.where(is_wide, tf.constant(8.0, tf.float64), 1024.0)
-        more = tf.where(has_more, tf.constant(11.0, tf.float64), 6.0)
+        sums = _either(is_rms, 0.0, 1.0)
+        step = _either(is_wide, 8.0, 1024.0)
+        more = _either(has_more, 11.0, 6.0)
         self.zero_point = field["zero_point"]
         self.sum_scale = sums * _power(-field["sum_of_x_shift"])
         mean = field["sum_of_x_mult"] * _power(-field["sum_of_x_mult_n_shift"])
@@ -97,7 +97,7 @@ class Unit:
         exponent = field["exponent_sub_value"] - field["mul_act_exp"] - more
         self.gain = table_factor(lut) * field["mul_act_man"] * _power(exponent) / step
         self.bias = field["mul_act_bias"] / step
-        self.largest = tf.where(is_wide, tf.constant(32767.0, tf.float64), 255.0)
+        self.largest = _either(is_wide, 32767.0, 255.0)
 
 
 def table_factor(lut: tf.Tensor) -> tf.Tensor:
@@ -112,6 +112,11 @@ def table_factor(lut: tf.Tensor) -> tf.Tensor:
     )
     roots = tf.sqrt((tf.range(64, 256, dtype=tf.float64) + 0.5) / 256)
     return tf.round(tf.reduce_mean(middle * roots))
+
+
+def _either(flag: tf.Tensor, first: float, second: float) -> tf.Tensor:
+    """Return the first number where a flag is set."""
+    return tf.where(flag, tf.constant(first, tf.float64), tf.constant(second, tf.float64))
 
 
 def _power(exponent: tf.Tensor) -> tf.Tensor:

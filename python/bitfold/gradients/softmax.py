@@ -56,10 +56,10 @@ def _scale(exponentials: tf.Tensor) -> tf.Tensor:
     distances = tf.range(1, _ROWS, dtype=tf.float64)
     least = tf.reduce_max(tf.math.log(largest / (others + 0.5)) / distances)
     # A rounded 0 may be anything below a half, so it bounds the scale from below only.
-    bounds = tf.math.log(largest / tf.where(others > 0, others - 0.5, 0.0)) / distances
+    bounds = tf.math.log(largest / tf.maximum(others - 0.5, 0.0)) / distances
     greatest = tf.reduce_min(bounds)
     middle = tf.where(tf.math.is_finite(greatest), (least + greatest) / 2, least)
-    return tf.where(largest > 0, middle, 0.0)
+    return tf.where(largest > 0, middle, tf.zeros_like(middle))
 
 
 def _vectors(value: tf.Tensor) -> list[Any]:
