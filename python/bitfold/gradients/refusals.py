@@ -12,7 +12,8 @@ from typing import Any, NoReturn
 
 import tensorflow as tf
 
-_FUNCTIONS = {
+# The public function of each.
+FUNCTIONS = {
     "HBboxDecoder": "decode_boxes",
     "HSingleWeightPerProposalBboxDecoder": "decode_boxes_single_weight",
     "HNMS": "non_max_suppression",
@@ -31,10 +32,10 @@ _FUNCTIONS = {
 
 def _refuse(op: Any, *_: tf.Tensor) -> NoReturn:
     raise LookupError(
-        f"{op.type} (bitfold.ops.{_FUNCTIONS[op.type]}) has no gradient: train what comes before "
-        "it by another loss, or put tf.stop_gradient around its result."
+        f"{op.type} (bitfold.ops.{FUNCTIONS[op.type]}) has no gradient: put "
+        "tf.stop_gradient around its result, or leave it out where a loss is computed"
     )
 
 
-for _name in _FUNCTIONS:
+for _name in FUNCTIONS:
     tf.RegisterGradient(_name)(_refuse)

@@ -78,8 +78,9 @@ def matmul(
             name=name,
         )
     if not tf.executing_eagerly():
-        # With unknown ranks the runtime infers a matrix, whatever will come.
-        product = without_static_shape(product)
+        # With unknown ranks the runtime infers a matrix, whatever will come, and would hold a
+        # gradient of the product against that.
+        product = unrelated(without_static_shape(product))
         product.set_shape(product_shape(a.shape, b.shape))
     return product
 
