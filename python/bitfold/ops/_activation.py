@@ -39,6 +39,9 @@ def activation(
     plus `ebias` with halves to even, clipped and offset. ``bitfold.tables.activation`` fits the
     tables to a function.
 
+    The gradient, by a `value` of floats, is the slope of the element's piece, 0 where the result is
+    clipped.
+
     Args:
         value: whole numbers [N, H, W, C] of any integer type up to int64; their low 32 bits count.
             Or a float32 tensor of whole numbers, for training: fractions are cut off, and what no

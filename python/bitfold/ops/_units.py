@@ -43,6 +43,9 @@ def layer_norm(
     through a multiply, shift and bias stage. ``bitfold.tables.layer_norm`` makes a table and the
     scalars that fit together.
 
+    The gradient, by `value`, is that of the same steps in real numbers with an exact inverse square
+    root, 0 where the result is at the end of its range.
+
     Args:
         value: float32 [N, H, W, C] holding whole numbers, C at most 4096, H * W at most 2^20.
         lut: float32 with 256 elements: bits 0 to 15 the inverse square root at the start of an
@@ -155,6 +158,9 @@ def softmax(
     The unit looks up an exponential for each element's distance below the vector's maximum, sums
     them in 24 bits, finds the sum's reciprocal in a second table, and multiplies. Distances of 256
     and more count as an exponential of 0. ``bitfold.tables.softmax`` makes the table.
+
+    The gradient, by `value`, is that of the softmax of real numbers, with the scales of input and
+    result that the table tells.
 
     Args:
         value: float32 holding whole numbers; dimension 0 counts the vectors, the rest is one

@@ -6,6 +6,7 @@ from __future__ import annotations
 
 import numpy as np
 import pytest
+import support
 import tensorflow as tf
 from tensorflow.core.framework import op_def_pb2
 from tensorflow.python.client import pywrap_tf_session
@@ -93,3 +94,11 @@ def test_narrower_floats_get_theirs():
     gradient = tape.gradient(result, x)
     assert gradient.dtype == tf.bfloat16
     assert tf.cast(gradient, tf.float32).numpy().tolist() == [[3, 7], [3, 7]]
+
+
+@pytest.mark.parametrize("name", ops.__all__)
+def test_gradients_are_documented(name):
+    """A function's text speaks of its gradient, and so does the page that has all of them."""
+    assert "gradient" in getattr(ops, name).__doc__, f"say which gradient bitfold.ops.{name} has"
+    page = (support.ROOT / "docs" / "gradients.md").read_text()
+    assert f"`{name}`" in page or ("`stored_` functions" in page and name.startswith("stored_"))
