@@ -40,9 +40,9 @@ def sizes(tensor: tf.Tensor, rank: int) -> list[Size]:
 
 def choose(condition: Any, first: Size, second: Size) -> Size:
     """Return one of two sizes, at once where the condition is known."""
-    return tf.where(condition, first, second) if tf.is_tensor(condition) else (
-        first if condition else second
-    )  # fmt: skip
+    if tf.is_tensor(condition):
+        return tf.where(condition, first, second)
+    return first if condition else second
 
 
 def divided(gradient: tf.Tensor, mult_shift: tf.Tensor) -> tf.Tensor:
