@@ -153,6 +153,7 @@ FLOORS = (
     ("bitfold.network",),  # trained networks
     ("bitfold.detection", "bitfold.fpx", "bitfold.resize", "bitfold.tables"),  # an op's company
     ("bitfold.ops",),  # single ops
+    ("bitfold.gradients",),  # of what real function an op's gradient is
     ("bitfold._frame",),  # loading, arguments, shapes, layers
 )
 _FLOOR = {room: floor for floor, rooms in enumerate(FLOORS) for room in rooms}
