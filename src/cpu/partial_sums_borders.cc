@@ -25,14 +25,16 @@ inline int32_t WordAt(const uint8_t* x) {
 BITFOLD_BEGIN_AVX512_VNNI
 namespace avx512_vnni {
 
+#include "cpu/partial_sums_steps.inc"
+// What they are made of comes first.
 #include "cpu/partial_sums_advance.inc"
 #include "cpu/partial_sums_resolve.inc"
 
 #define BITFOLD_ADVANCE(pixels) \
-  { Advance<pixels, 1>, Advance<pixels, 2> }
+  { Advance<pixels, false>, Advance<pixels, true> }
 constexpr BorderKernels kKernels = {
-    {7, 4, 2, 1},
-    {BITFOLD_ADVANCE(7), BITFOLD_ADVANCE(4), BITFOLD_ADVANCE(2), BITFOLD_ADVANCE(1)},
+    {14, 7, 2, 1},
+    {BITFOLD_ADVANCE(14), BITFOLD_ADVANCE(7), BITFOLD_ADVANCE(2), BITFOLD_ADVANCE(1)},
     Resolve};
 #undef BITFOLD_ADVANCE
 

@@ -98,14 +98,24 @@ struct SumWindows {
   int64_t ColumnAt(int32_t output) const { return int64_t{output} * columns.stride * pixel; }
 };
 
-// The rows of an image as X, each packed when it is first met. A number is stored as the image's
-// plus `offset`; one of the zeros as `zero`.
-template <typename X>
+// What a number of an image is stored as.
+struct WithOffset {
+  int32_t offset;
+  int32_t operator()(int32_t x) const { return x + offset; }
+};
+struct MagnitudeOf {
+  int32_t zero_point;
+  int32_t operator()(int32_t x) const { return x < zero_point ? zero_point - x : x - zero_point; }
+};
+
+// The rows of an image as X, each packed when it is first met. One of the zeros is stored as
+// `zero`.
+template <typename X, typename Stored = WithOffset>
 class PackedRows {
  public:
-  PackedRows(const SumWindows& windows, int32_t offset, X zero)
+  PackedRows(const SumWindows& windows, const Stored& stored, X zero)
       : windows_(windows),
-        offset_(offset),
+        stored_(stored),
         zero_(zero),
         numbers_(static_cast<size_t>(windows.Numbers() + kBeyond), zero),
         images_(static_cast<size_t>(windows.rows.input), -1) {}
@@ -148,12 +158,12 @@ class PackedRows {
 
   template <typename In>
   void Convert(const In* from, int64_t count, X* to) const {
-    const int32_t offset = offset_;
-    for (int64_t i = 0; i < count; ++i) to[i] = static_cast<X>(from[i] + offset);
+    const Stored stored = stored_;
+    for (int64_t i = 0; i < count; ++i) to[i] = static_cast<X>(stored(from[i]));
   }
 
   const SumWindows& windows_;
-  const int32_t offset_;
+  const Stored stored_;
   const X zero_;
   std::vector<X> numbers_;
   std::vector<int32_t> images_;  // whose row is held
