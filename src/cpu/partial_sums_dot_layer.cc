@@ -13,7 +13,14 @@ namespace bitfold {
 namespace {
 
 constexpr int32_t kInWord = 4;
-constexpr int32_t kSegmentSteps = 32;  // at most, unless a word has more
+// At most, unless a word has more. Numbers of both signs carry sums further.
+constexpr int32_t kSegmentSteps = 24;
+constexpr int32_t kSegmentStepsOfOneSign = 32;
+
+int32_t SegmentWords(const BytesCall& call, bool has_one_sign, int32_t words) {
+  const int32_t steps = has_one_sign ? kSegmentStepsOfOneSign : kSegmentSteps;
+  return std::clamp(steps / kInWord / call.columns.taps, 1, words);
+}
 
 // Where each output meets one number of each channel, the pixels of an image are a single row, and
 // so are images of one pixel: tiles are the larger.
@@ -43,7 +50,7 @@ DotLayer::DotLayer(const BytesCall& of, const PartialSumsTables& tables)
       kernels(*CurrentBorderKernels()),
       loops(CurrentSummedLoops()),
       words((of.in_channels + kInWord - 1) / kInWord),
-      segment_words(std::clamp(kSegmentSteps / kInWord / windows.columns.taps, 1, words)),
+      segment_words(SegmentWords(call, HasOwnMagnitudes(), words)),
       row_segments((words + segment_words - 1) / segment_words) {
   PackWeights();
   Bound();

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <limits>
 #include <mutex>
-#include <optional>
 #include <vector>
 
 #include "chain/lane_windows.h"
@@ -46,17 +45,57 @@ class SharedExtremes {
   std::vector<int32_t> greatest_;
 };
 
+// The rows of an image as bytes, and the magnitudes of the numbers that they stand for.
+class DotRows {
+ public:
+  explicit DotRows(const DotLayer& layer)
+      : layer_(layer), bytes_(layer.windows, 128, static_cast<uint8_t>(layer.Offset())) {
+    if (layer.HasOwnMagnitudes()) return;
+    magnitudes_.resize(static_cast<size_t>(layer.windows.Numbers() + PackedRows<uint8_t>::kBeyond));
+    images_.assign(static_cast<size_t>(layer.windows.rows.input), -1);
+  }
+
+  struct Row {
+    const uint8_t* bytes;
+    const uint8_t* magnitudes;
+  };
+
+  // Row `row` of the padded image.
+  Row Get(int32_t image, int32_t row) {
+    const uint8_t* const bytes = bytes_.Row(layer_.call.input, image, row);
+    if (layer_.HasOwnMagnitudes()) return {bytes, bytes};
+    uint8_t* const magnitudes = magnitudes_.data() + row * bytes_.row_numbers();
+    int32_t& held = images_[static_cast<size_t>(row)];
+    if (held != image) {
+      held = image;
+      const auto zero = static_cast<uint8_t>(layer_.Offset());
+      for (int64_t i = 0; i < bytes_.row_numbers(); ++i) {
+        magnitudes[i] = static_cast<uint8_t>(bytes[i] < zero ? zero - bytes[i] : bytes[i] - zero);
+      }
+    }
+    return {bytes, magnitudes};
+  }
+
+ private:
+  const DotLayer& layer_;
+  PackedRows<uint8_t> bytes_;
+  std::vector<uint8_t> magnitudes_;
+  std::vector<int32_t> images_;  // whose row is held
+};
+
 // What a thread sees.
 class Part {
  public:
   explicit Part(const DotLayer& layer)
       : layer_(layer),
         record_(layer.begins),
-        rows_(layer.windows, {128}, static_cast<uint8_t>(layer.Offset())),
-        loudness_(layer.bounds.size(), kLoud),
+        rows_(layer),
+        loudness_(layer.bounds.size()),
         counts_(static_cast<size_t>(layer.layout.size_count * kBorderPixels)) {
-    if (layer.HasOwnMagnitudes()) return;
-    magnitudes_.emplace(layer.windows, MagnitudeOf{layer.call.input_zero_point}, uint8_t{0});
+    for (int32_t p = 0; p < layer.layout.panels(); ++p) {
+      const auto first = loudness_.begin() + p * layer.PanelSegments();
+      if (KnowsNothing(record_.panel(p))) std::fill_n(first, layer.PanelSegments(), kLoud);
+    }
   }
 
   SumRecord& record() { return record_; }
@@ -68,12 +107,12 @@ class Part {
   }
 
  private:
-  // The rows that a row of outputs meets, as bytes and as magnitudes.
-  struct InputRows {
-    const uint8_t* bytes;
-    const uint8_t* magnitudes;
-    TapRange taps;
-  };
+  static bool KnowsNothing(const PanelRecord& panel) {
+    for (int l = 0; l < kSumLanes; ++l) {
+      if (panel.least[l] > panel.greatest[l]) return true;
+    }
+    return false;
+  }
 
   // A tile of outputs.
   struct Place {
@@ -83,32 +122,29 @@ class Part {
     TapRange rows;
   };
 
-  InputRows RowsAt(int32_t image, int32_t row) {
+  // The first row that a row of outputs meets; the others follow it.
+  DotRows::Row RowsAt(int32_t image, int32_t row, int32_t taps) {
     const WindowAxis& axis = layer_.windows.rows;
-    InputRows rows = {nullptr, nullptr, TapsInside(axis, row)};
-    const int32_t y = axis.Coordinate(row, rows.taps.first);
-    for (int32_t r = rows.taps.count - 1; r >= 0; --r) {
-      const int32_t tap = y + r * axis.dilation;
-      rows.bytes = rows_.Row(layer_.call.input, image, tap);
-      rows.magnitudes =
-          magnitudes_.has_value() ? magnitudes_->Row(layer_.call.input, image, tap) : rows.bytes;
-    }
-    return rows;
+    DotRows::Row first = {nullptr, nullptr};
+    for (int32_t r = taps - 1; r >= 0; --r) first = rows_.Get(image, row + r * axis.dilation);
+    return first;
   }
 
   void RunRow(const SumUnit& unit, int32_t row, int32_t panel) {
-    const InputRows rows = RowsAt(unit.image, row);
+    const WindowAxis& axis = layer_.windows.rows;
+    const TapRange taps = TapsInside(axis, row);
+    const DotRows::Row rows = RowsAt(unit.image, axis.Coordinate(row, taps.first), taps.count);
     for (int32_t column = unit.first_column; column < unit.end_column;) {
       int size = 0;
       while (layer_.kernels.pixels[size] > unit.end_column - column) ++size;
       const int32_t pixels = layer_.kernels.pixels[size];
-      RunTile({column, pixels, panel, rows.taps}, rows,
+      RunTile({column, pixels, panel, taps}, rows,
               layer_.kernels.advance[size][layer_.HasOwnMagnitudes()]);
       column += pixels;
     }
   }
 
-  BorderTile TileAt(const Place& place, const InputRows& rows) {
+  BorderTile TileAt(const Place& place, const DotRows::Row& rows) {
     const SumWindows& windows = layer_.windows;
     BorderTile tile{};
     tile.excess = kNoExcess;
@@ -137,7 +173,7 @@ class Part {
     return tile;
   }
 
-  void RunTile(const Place& place, const InputRows& rows, BorderKernels::Advance advance) {
+  void RunTile(const Place& place, const DotRows::Row& rows, BorderKernels::Advance advance) {
     const BorderTile tile = TileAt(place, rows);
     PanelRecord* const panel = &record_.panel(place.panel);
     is_counted_ = false;
@@ -218,8 +254,7 @@ class Part {
 
   const DotLayer& layer_;
   SumRecord record_;
-  PackedRows<uint8_t> rows_;
-  std::optional<PackedRows<uint8_t, MagnitudeOf>> magnitudes_;  // of the numbers of the bytes
+  DotRows rows_;
   BorderSums sums_;
   std::vector<uint8_t> loudness_;  // of the segments
   bool is_counted_ = false;

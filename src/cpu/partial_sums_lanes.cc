@@ -74,7 +74,7 @@ class Part {
   explicit Part(const Layer<In, Weight>& layer)
       : layer_(layer),
         record_(layer.begins),
-        rows_(layer.windows, {-layer.call.input_zero_point}, 0),
+        rows_(layer.windows, -layer.call.input_zero_point, 0),
         counts_(static_cast<size_t>(layer.layout.size_count)) {}
 
   const SumRecord& record() const { return record_; }

@@ -98,24 +98,14 @@ struct SumWindows {
   int64_t ColumnAt(int32_t output) const { return int64_t{output} * columns.stride * pixel; }
 };
 
-// What a number of an image is stored as.
-struct WithOffset {
-  int32_t offset;
-  int32_t operator()(int32_t x) const { return x + offset; }
-};
-struct MagnitudeOf {
-  int32_t zero_point;
-  int32_t operator()(int32_t x) const { return x < zero_point ? zero_point - x : x - zero_point; }
-};
-
-// The rows of an image as X, each packed when it is first met. One of the zeros is stored as
-// `zero`.
-template <typename X, typename Stored = WithOffset>
+// The rows of an image as X, each packed when it is first met. A number is stored as the image's
+// plus `offset`; one of the zeros, and what pixels are filled up with, as `zero`.
+template <typename X>
 class PackedRows {
  public:
-  PackedRows(const SumWindows& windows, const Stored& stored, X zero)
+  PackedRows(const SumWindows& windows, int32_t offset, X zero)
       : windows_(windows),
-        stored_(stored),
+        offset_(offset),
         zero_(zero),
         numbers_(static_cast<size_t>(windows.Numbers() + kBeyond), zero),
         images_(static_cast<size_t>(windows.rows.input), -1) {}
@@ -137,10 +127,10 @@ class PackedRows {
 
   int64_t row_numbers() const { return windows_.RowNumbers(); }
 
- private:
   // What is read beyond the last pixel and does not count.
   static constexpr int64_t kBeyond = 64;
 
+ private:
   template <typename In>
   void Pack(const In* image, X* packed) const {
     const int64_t first = std::max<int64_t>(0, windows_.image_first);
@@ -151,19 +141,31 @@ class PackedRows {
     X* const to = packed + first * windows_.pixel;
     const int64_t columns = end - first;
     if (windows_.pixel == windows_.channels) return Convert(from, columns * windows_.channels, to);
+    if (windows_.channels == 1) return ConvertPixels<1>(from, columns, to);
+    if (windows_.channels == 3) return ConvertPixels<3>(from, columns, to);
     for (int64_t column = 0; column < columns; ++column) {
       Convert(from + column * windows_.channels, windows_.channels, to + column * windows_.pixel);
     }
   }
 
+  // Images as they are mostly stored.
+  template <int kChannels, typename In>
+  void ConvertPixels(const In* from, int64_t columns, X* to) const {
+    const int32_t offset = offset_;
+    const int64_t pixel = windows_.pixel;
+    for (int64_t column = 0; column < columns; ++column, from += kChannels, to += pixel) {
+      for (int c = 0; c < kChannels; ++c) to[c] = static_cast<X>(from[c] + offset);
+    }
+  }
+
   template <typename In>
   void Convert(const In* from, int64_t count, X* to) const {
-    const Stored stored = stored_;
-    for (int64_t i = 0; i < count; ++i) to[i] = static_cast<X>(stored(from[i]));
+    const int32_t offset = offset_;
+    for (int64_t i = 0; i < count; ++i) to[i] = static_cast<X>(from[i] + offset);
   }
 
   const SumWindows& windows_;
-  const Stored stored_;
+  const int32_t offset_;
   const X zero_;
   std::vector<X> numbers_;
   std::vector<int32_t> images_;  // whose row is held
