@@ -22,6 +22,9 @@ inline int32_t WordAt(const uint8_t* x) {
   return word;
 }
 
+// From a word's bytes to their magnitudes.
+constexpr int32_t MagnitudesAt(int32_t x_word) { return x_word - 4; }
+
 BITFOLD_BEGIN_AVX512_VNNI
 namespace avx512_vnni {
 

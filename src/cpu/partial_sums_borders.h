@@ -39,17 +39,17 @@ struct alignas(64) SegmentBounds {
 
 // The chain of a tile: rows of taps, of each words of four channels, of each the taps of the row:
 //   sum += dot product of the bytes x (no sign) and w (sign).
-// A segment is so many words of a row. Strides of x in bytes, also those of the magnitudes of the
-// numbers that x stands for, which lie where x does, perhaps the same ones.
+// A segment is so many words of a row. Strides of x in bytes; behind each word, if they are not the
+// same, lie the magnitudes of the numbers that its bytes stand for.
 struct BorderTile {
-  const uint8_t* x;  // of pixel 0, the first row
-  const uint8_t* magnitudes;
+  const uint8_t* x;             // of pixel 0, the first row
   const WeightVector* w;        // [row][word][tap], the first row
   const SegmentBounds* bounds;  // of the first segment of the first row
   const int32_t* excess;        // before it
   int64_t x_pixel;
   int64_t x_row;
   int64_t x_tap;
+  int32_t x_word;
   int32_t rows;
   int32_t words;
   int32_t segment_words;
@@ -84,13 +84,13 @@ struct PixelTaps {
 // A segment of a tile that may change something.
 struct SegmentSpot {
   const uint8_t* x;  // of pixel 0, the segment's first word, tap 0
-  const uint8_t* magnitudes;
   const WeightVector* w;
   const SegmentBounds* bounds;
   const int32_t* excess_before;  // of the sums where it begins
   const PixelTaps* pixel_taps;
   int64_t x_pixel;
   int64_t x_tap;
+  int32_t x_word;
   int32_t pixels;
   int32_t words;
   int32_t taps;      // of a row

@@ -41,7 +41,7 @@ BytesCall InOneRow(const BytesCall& call) {
 
 }  // namespace
 
-DotLayer::DotLayer(const BytesCall& of, const PartialSumsTables& tables)
+SummedDotLayer::SummedDotLayer(const BytesCall& of, const PartialSumsTables& tables)
     : call(InOneRow(of)),
       layout{of.out_channels, of.bias, of.mult_shift, of.sizes, of.size_count},
       windows(call, kInWord),
@@ -60,7 +60,7 @@ DotLayer::DotLayer(const BytesCall& of, const PartialSumsTables& tables)
   }
 }
 
-void DotLayer::PackWeights() {
+void SummedDotLayer::PackWeights() {
   weights.resize(static_cast<size_t>(layout.panels() * PanelVectors()));
   const int64_t outputs = call.out_channels;
   const int64_t panel = PanelVectors() * static_cast<int64_t>(sizeof(WeightVector) / kInWord);
@@ -83,7 +83,7 @@ void DotLayer::PackWeights() {
   }
 }
 
-void DotLayer::Bound() {
+void SummedDotLayer::Bound() {
   bounds.resize(static_cast<size_t>(layout.panels() * PanelSegments()));
   for (int32_t p = 0; p < layout.panels(); ++p) {
     const SegmentBounds* before = nullptr;

@@ -18,9 +18,9 @@
 namespace bitfold {
 
 // Requires what SumByDots does.
-class DotLayer {
+class SummedDotLayer {
  public:
-  DotLayer(const BytesCall& of, const PartialSumsTables& tables);
+  SummedDotLayer(const BytesCall& of, const PartialSumsTables& tables);
 
   int64_t RowVectors() const { return int64_t{words} * windows.columns.taps; }
   int64_t PanelVectors() const { return windows.rows.taps * RowVectors(); }

@@ -45,48 +45,52 @@ class SharedExtremes {
   std::vector<int32_t> greatest_;
 };
 
-// The rows of an image as bytes, and the magnitudes of the numbers that they stand for.
+// The rows of an image as tiles read them: as bytes, or, where these are not the magnitudes of the
+// numbers that they stand for, as words of bytes and of magnitudes in turn.
 class DotRows {
  public:
-  explicit DotRows(const DotLayer& layer)
+  explicit DotRows(const SummedDotLayer& layer)
       : layer_(layer), bytes_(layer.windows, 128, static_cast<uint8_t>(layer.Offset())) {
     if (layer.HasOwnMagnitudes()) return;
-    magnitudes_.resize(static_cast<size_t>(layer.windows.Numbers() + PackedRows<uint8_t>::kBeyond));
+    pairs_.resize(static_cast<size_t>(2 * (layer.windows.Numbers() + bytes_.kBeyond)));
     images_.assign(static_cast<size_t>(layer.windows.rows.input), -1);
   }
 
-  struct Row {
-    const uint8_t* bytes;
-    const uint8_t* magnitudes;
-  };
-
   // Row `row` of the padded image.
-  Row Get(int32_t image, int32_t row) {
+  const uint8_t* Row(int32_t image, int32_t row) {
     const uint8_t* const bytes = bytes_.Row(layer_.call.input, image, row);
-    if (layer_.HasOwnMagnitudes()) return {bytes, bytes};
-    uint8_t* const magnitudes = magnitudes_.data() + row * bytes_.row_numbers();
+    if (layer_.HasOwnMagnitudes()) return bytes;
+    uint8_t* const pairs = pairs_.data() + 2 * row * bytes_.row_numbers();
     int32_t& held = images_[static_cast<size_t>(row)];
-    if (held != image) {
-      held = image;
-      const auto zero = static_cast<uint8_t>(layer_.Offset());
-      for (int64_t i = 0; i < bytes_.row_numbers(); ++i) {
-        magnitudes[i] = static_cast<uint8_t>(bytes[i] < zero ? zero - bytes[i] : bytes[i] - zero);
-      }
-    }
-    return {bytes, magnitudes};
+    if (held != image) Pair(bytes, pairs);
+    held = image;
+    return pairs;
   }
 
  private:
-  const DotLayer& layer_;
+  void Pair(const uint8_t* bytes, uint8_t* pairs) const {
+    const auto zero = static_cast<uint8_t>(layer_.Offset());
+    for (int64_t i = bytes_.row_numbers() / kInWord; i > 0; --i) {
+      for (int32_t c = 0; c < kInWord; ++c) {
+        const uint8_t byte = bytes[c];
+        pairs[c] = byte;
+        pairs[kInWord + c] = static_cast<uint8_t>(byte < zero ? zero - byte : byte - zero);
+      }
+      bytes += kInWord;
+      pairs += 2 * kInWord;
+    }
+  }
+
+  const SummedDotLayer& layer_;
   PackedRows<uint8_t> bytes_;
-  std::vector<uint8_t> magnitudes_;
-  std::vector<int32_t> images_;  // whose row is held
+  std::vector<uint8_t> pairs_;
+  std::vector<int32_t> images_;  // whose row is held in pairs
 };
 
 // What a thread sees.
 class Part {
  public:
-  explicit Part(const DotLayer& layer)
+  explicit Part(const SummedDotLayer& layer)
       : layer_(layer),
         record_(layer.begins),
         rows_(layer),
@@ -123,17 +127,17 @@ class Part {
   };
 
   // The first row that a row of outputs meets; the others follow it.
-  DotRows::Row RowsAt(int32_t image, int32_t row, int32_t taps) {
+  const uint8_t* RowsAt(int32_t image, int32_t row, int32_t taps) {
     const WindowAxis& axis = layer_.windows.rows;
-    DotRows::Row first = {nullptr, nullptr};
-    for (int32_t r = taps - 1; r >= 0; --r) first = rows_.Get(image, row + r * axis.dilation);
+    const uint8_t* first = nullptr;
+    for (int32_t r = taps - 1; r >= 0; --r) first = rows_.Row(image, row + r * axis.dilation);
     return first;
   }
 
   void RunRow(const SumUnit& unit, int32_t row, int32_t panel) {
     const WindowAxis& axis = layer_.windows.rows;
     const TapRange taps = TapsInside(axis, row);
-    const DotRows::Row rows = RowsAt(unit.image, axis.Coordinate(row, taps.first), taps.count);
+    const uint8_t* const rows = RowsAt(unit.image, axis.Coordinate(row, taps.first), taps.count);
     for (int32_t column = unit.first_column; column < unit.end_column;) {
       int size = 0;
       while (layer_.kernels.pixels[size] > unit.end_column - column) ++size;
@@ -144,24 +148,25 @@ class Part {
     }
   }
 
-  BorderTile TileAt(const Place& place, const DotRows::Row& rows) {
+  BorderTile TileAt(const Place& place, const uint8_t* rows) {
     const SumWindows& windows = layer_.windows;
     BorderTile tile{};
     tile.excess = kNoExcess;
     tile.segment_words = layer_.segment_words;
     tile.words = layer_.words;
-    if (place.rows.count == 0) return tile;  // no addends
-    tile.x = rows.bytes + windows.ColumnAt(place.column);
-    tile.magnitudes = rows.magnitudes + windows.ColumnAt(place.column);
+    if (place.rows.count == 0) return tile;                   // no addends
+    const int64_t bytes = layer_.HasOwnMagnitudes() ? 1 : 2;  // of a number
+    tile.x = rows + bytes * windows.ColumnAt(place.column);
     const int64_t vector =
         place.panel * layer_.PanelVectors() + place.rows.first * layer_.RowVectors();
     tile.w = &layer_.weights[static_cast<size_t>(vector)];
     const int64_t segment =
         place.panel * layer_.PanelSegments() + int64_t{place.rows.first} * layer_.row_segments;
     tile.bounds = &layer_.bounds[static_cast<size_t>(segment)];
-    tile.x_pixel = windows.columns.stride * windows.pixel;
-    tile.x_row = windows.rows.dilation * windows.RowNumbers();
-    tile.x_tap = windows.columns.dilation * windows.pixel;
+    tile.x_pixel = bytes * windows.columns.stride * windows.pixel;
+    tile.x_row = bytes * windows.rows.dilation * windows.RowNumbers();
+    tile.x_tap = bytes * windows.columns.dilation * windows.pixel;
+    tile.x_word = static_cast<int32_t>(bytes * kInWord);
     tile.rows = place.rows.count;
     tile.taps = windows.columns.taps;
     tile.channels = layer_.call.in_channels;
@@ -173,7 +178,7 @@ class Part {
     return tile;
   }
 
-  void RunTile(const Place& place, const DotRows::Row& rows, BorderKernels::Advance advance) {
+  void RunTile(const Place& place, const uint8_t* rows, BorderKernels::Advance advance) {
     const BorderTile tile = TileAt(place, rows);
     PanelRecord* const panel = &record_.panel(place.panel);
     is_counted_ = false;
@@ -192,16 +197,15 @@ class Part {
     const int32_t word = segment % layer_.row_segments * layer_.segment_words;
     const int32_t words = std::min(layer_.segment_words, layer_.words - word);
     const int32_t first = word * kInWord;
-    const int64_t x = row * tile.x_row + first;
     const SegmentBounds* const bounds = &tile.bounds[segment];
-    const SegmentSpot spot = {tile.x + x,
-                              tile.magnitudes + x,
+    const SegmentSpot spot = {tile.x + row * tile.x_row + int64_t{word} * tile.x_word,
                               tile.w + (int64_t{row} * tile.words + word) * tile.taps,
                               bounds,
                               segment == 0 ? tile.excess : (bounds - 1)->excess,
                               &layer_.taps[static_cast<size_t>(place.column)],
                               tile.x_pixel,
                               tile.x_tap,
+                              tile.x_word,
                               place.pixels,
                               words,
                               tile.taps,
@@ -252,7 +256,7 @@ class Part {
     }
   }
 
-  const DotLayer& layer_;
+  const SummedDotLayer& layer_;
   SumRecord record_;
   DotRows rows_;
   BorderSums sums_;
@@ -269,7 +273,7 @@ bool HasSumDots(const BytesCall& call) {
 }
 
 void SumByDots(const BytesCall& call, const PartialSumsTables& tables, Workers* workers) {
-  const DotLayer layer(call, tables);
+  const SummedDotLayer layer(call, tables);
   SharedExtremes extremes(layer.begins);
   const int64_t products = layer.units.Pixels() * call.FilterElements();
   constexpr int64_t kProductsInACycle = 32;
