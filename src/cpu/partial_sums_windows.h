@@ -105,7 +105,7 @@ class PackedRows {
  public:
   PackedRows(const SumWindows& windows, int32_t offset, X zero)
       : windows_(windows),
-        offset_(offset),
+        offset_(static_cast<X>(offset)),
         zero_(zero),
         numbers_(static_cast<size_t>(windows.Numbers() + kBeyond), zero),
         images_(static_cast<size_t>(windows.rows.input), -1) {}
@@ -151,7 +151,7 @@ class PackedRows {
   // Images as they are mostly stored.
   template <int kChannels, typename In>
   void ConvertPixels(const In* from, int64_t columns, X* to) const {
-    const int32_t offset = offset_;
+    const X offset = offset_;
     const int64_t pixel = windows_.pixel;
     for (int64_t column = 0; column < columns; ++column, from += kChannels, to += pixel) {
       for (int c = 0; c < kChannels; ++c) to[c] = static_cast<X>(from[c] + offset);
@@ -160,12 +160,12 @@ class PackedRows {
 
   template <typename In>
   void Convert(const In* from, int64_t count, X* to) const {
-    const int32_t offset = offset_;
+    const X offset = offset_;
     for (int64_t i = 0; i < count; ++i) to[i] = static_cast<X>(from[i] + offset);
   }
 
   const SumWindows& windows_;
-  const int32_t offset_;
+  const X offset_;  // modulo its numbers
   const X zero_;
   std::vector<X> numbers_;
   std::vector<int32_t> images_;  // whose row is held
