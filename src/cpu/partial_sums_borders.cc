@@ -28,9 +28,13 @@ constexpr int32_t MagnitudesAt(int32_t x_word) { return x_word - 4; }
 BITFOLD_BEGIN_AVX512_VNNI
 namespace avx512_vnni {
 
+// A tile in registers, step by step.
 #include "cpu/partial_sums_steps.inc"
-// What they are made of comes first.
+// From segment to segment, and what one may have inside.
 #include "cpu/partial_sums_advance.inc"
+#include "cpu/partial_sums_spans.inc"
+// What it has inside.
+#include "cpu/partial_sums_count.inc"
 #include "cpu/partial_sums_resolve.inc"
 
 #define BITFOLD_ADVANCE(pixels) \

@@ -52,7 +52,7 @@ class DotRows {
   explicit DotRows(const SummedDotLayer& layer)
       : layer_(layer), bytes_(layer.windows, 128, static_cast<uint8_t>(layer.Offset())) {
     if (layer.HasOwnMagnitudes()) return;
-    pairs_.resize(static_cast<size_t>(2 * (layer.windows.Numbers() + bytes_.kBeyond)));
+    pairs_.resize(static_cast<size_t>(int64_t{2} * (layer.windows.Numbers() + bytes_.kBeyond)));
     images_.assign(static_cast<size_t>(layer.windows.rows.input), -1);
   }
 
@@ -60,7 +60,7 @@ class DotRows {
   const uint8_t* Row(int32_t image, int32_t row) {
     const uint8_t* const bytes = bytes_.Row(layer_.call.input, image, row);
     if (layer_.HasOwnMagnitudes()) return bytes;
-    uint8_t* const pairs = pairs_.data() + 2 * row * bytes_.row_numbers();
+    uint8_t* const pairs = pairs_.data() + int64_t{2} * row * bytes_.row_numbers();
     int32_t& held = images_[static_cast<size_t>(row)];
     if (held != image) Pair(bytes, pairs);
     held = image;
@@ -77,7 +77,7 @@ class DotRows {
         pairs[kInWord + c] = static_cast<uint8_t>(byte < zero ? zero - byte : byte - zero);
       }
       bytes += kInWord;
-      pairs += 2 * kInWord;
+      pairs += int64_t{2} * kInWord;
     }
   }
 
