@@ -14,8 +14,8 @@ import numpy as np
 
 from bitfold._frame.library import VERSION
 from bitfold.network import Network, evaluation
-from bitfold.studies.data import Data, Shard
-from bitfold.studies.metrics import Metric
+from bitfold.network.shards.data import Data, Shard
+from bitfold.network.shards.metrics import Metric
 from bitfold.studies.passes import Plan, Runner, Task
 from bitfold.studies.resuming import Parts
 from bitfold.studies.tallies import Tally
@@ -84,6 +84,6 @@ def _fingerprint(plan: Plan, data: Data) -> dict[str, str]:
         "the arithmetics": json.dumps(settings),
         "the metric": Metric(plan.metric).description if plan.has_metric else "none",
         "the number of images": str(data.images),
-        "the batch size": str(data.batch_size),
+        "the shard size": str(data.shard_size),
         "the version": VERSION,
     }

@@ -19,8 +19,8 @@ from typing import Any
 import tensorflow as tf
 
 from bitfold.network import Network, evaluation
-from bitfold.studies.data import Shard
-from bitfold.studies.metrics import Metric
+from bitfold.network.shards.data import Shard
+from bitfold.network.shards.metrics import Metric
 from bitfold.studies.settings import Setting, full_width
 from bitfold.studies.tallies import Tally
 from bitfold.studies.watching import FullWidthPass, SettingPass

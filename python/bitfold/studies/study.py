@@ -13,9 +13,9 @@ from typing import Any, TextIO
 import numpy as np
 
 from bitfold.network import Network, archive, evaluation
+from bitfold.network.shards.data import Data
 from bitfold.studies import document, page, search, tables, terminal
 from bitfold.studies.bounds import Bounds, layer_bounds
-from bitfold.studies.data import Data
 from bitfold.studies.finding import attributed, found
 from bitfold.studies.measuring import measure
 from bitfold.studies.passes import Plan, check_biases
@@ -40,6 +40,7 @@ def study(
     metric: Any = None,
     float_model: Any = None,
     batch_size: int | None = None,
+    shard_size: int | None = None,
     resume: str | os.PathLike[str] | None = None,
     title: str | None = None,
 ) -> Study:
@@ -63,6 +64,8 @@ def study(
         float_model: the Keras model that the network was made of. With it the study finds what
             quantisation, shift, accumulator and unit add to the error of each layer.
         batch_size: images at once; by default what keeps memory modest. A dataset has its own.
+        shard_size: how many images are a part of the work, of which each is finished or not; by
+            default what suits the data. It changes no count.
         resume: a file where finished parts are kept. A study that was interrupted goes on from
             them; it must be the same in all but its title.
         title: what the report is called; by default by the number of the network's operators.
@@ -92,7 +95,8 @@ def study(
         raise TypeError(f"Need a title that is text or None, got {title!r}")
     check_biases(network)
     settings = settings_of(network, arithmetics)
-    data = Data(x, y, network.batch_size(batch_size))
+    size = network.batch_size(batch_size)
+    data = Data(x, y, size, shard_size=shard_size, rows=network.inputs[0].shape[0])
     plan = Plan(network, settings, metric, data.has_labels)
     tallies, example = measure(plan, data, resume)
     findings = found(plan, tallies, example, title)

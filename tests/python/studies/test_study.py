@@ -21,7 +21,7 @@ from test_counts import expected_counts
 from witness import Witness
 
 import bitfold
-from bitfold.studies.data import Data
+from bitfold.network.shards.data import Data
 from bitfold.studies.passes import Plan, Runner
 from bitfold.studies.records import Findings
 from bitfold.studies.settings import settings_of
@@ -152,7 +152,7 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
     given = data
     if is_dataset:
         given = (tf.data.Dataset.from_tensor_slices(data).batch(5),)
-    keywords = dict(arithmetics=SETTINGS[:2], batch_size=5, resume=path)
+    keywords = dict(arithmetics=SETTINGS[:2], batch_size=5, shard_size=5, resume=path)
     finished = 0
     while True:
         with monkeypatch.context() as patch:
@@ -173,7 +173,7 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
 def test_a_crash_while_writing_leaves_the_parts_before(network, data, tmp_path, monkeypatch):
     """The file is replaced as a whole."""
     path = tmp_path / "parts"
-    keywords = dict(arithmetics=SETTINGS[:1], batch_size=10, resume=path)
+    keywords = dict(arithmetics=SETTINGS[:1], shard_size=10, resume=path)
     written = []
 
     def crash(source, target):
@@ -196,15 +196,15 @@ def test_a_crash_while_writing_leaves_the_parts_before(network, data, tmp_path, 
 
 
 def test_parts_of_another_study_are_refused(network, data, tmp_path):
-    """Of another network, arithmetic, metric, batch size or other data, with what differs."""
+    """Of another network, arithmetic, metric, shard size or other data, with what differs."""
     x, y = data
     path = tmp_path / "parts"
-    keywords = dict(arithmetics=[A(14)], batch_size=20, resume=path)
+    keywords = dict(arithmetics=[A(14)], shard_size=20, resume=path)
     bitfold.study(network, x, y, **keywords)
     before = path.read_bytes()
     others = {
         "the arithmetics": dict(keywords, arithmetics=[A(15)]),
-        "the batch size": dict(keywords, batch_size=21),
+        "the shard size": dict(keywords, shard_size=21),
         "the metric": dict(keywords, metric="sparse_categorical_accuracy"),
     }
     for text, changed in others.items():
@@ -242,7 +242,7 @@ def test_a_path_that_cannot_be_written_is_refused_first(network, data, tmp_path,
 
 def test_parts_add_up_in_any_order(network, data):
     """Tasks are computed anywhere: what they need and what they give can be pickled."""
-    images = Data(*data, 10)
+    images = Data(*data, 10, shard_size=10)
     plan = Plan(network, settings_of(network, SETTINGS), None, has_metric=True)
     plan = pickle.loads(pickle.dumps(plan))
     for setting in (None, 1):
