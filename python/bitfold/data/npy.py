@@ -7,7 +7,6 @@ from __future__ import annotations
 import bisect
 import dataclasses
 import itertools
-import os
 from collections.abc import Iterable, Iterator, Mapping
 from typing import Any
 

@@ -49,7 +49,8 @@ def npz(
         >>> import bitfold, numpy as np, pathlib, tempfile
         >>> folder = pathlib.Path(tempfile.mkdtemp())
         >>> for i in range(3):
-        ...     np.savez(folder / f"part{i}.npz", images=np.ones((10, 4), np.float32), labels=[i] * 10)
+        ...     x = np.full((10, 4), i, np.float32)
+        ...     np.savez(folder / f"part{i}.npz", images=x, labels=np.full(10, i))
         >>> source = bitfold.data.npz(folder / "part*.npz", x="images", y="labels")
         >>> source
         <bitfold.data.Files of 30: images float32 [4] with labels int64 []>

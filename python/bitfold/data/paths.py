@@ -8,6 +8,7 @@ import contextlib
 import errno
 import glob
 import os
+import re
 import socket
 import zipfile
 import zlib
@@ -99,5 +100,7 @@ def _unreachable(reason: str) -> str:
 
 
 def _damaged(path: str, error: Exception) -> str:
-    reason = error.message if isinstance(error, tf.errors.OpError) else str(error)
+    reason = str(error)
+    if isinstance(error, tf.errors.OpError):
+        reason = re.sub(r"^{{.*?}} | \[Op:.*", "", error.message, flags=re.DOTALL)
     return f"Need data that can be read, got {path} on {_here()}: {reason or type(error).__name__}"

@@ -109,8 +109,9 @@ class Network:
         Args:
             model: a functional or sequential model; it is not changed.
             calibration: examples of inputs, from which the ranges of all tensors are taken: an
-                array (a list or dictionary of them for several inputs), a `tf.data.Dataset` or an
-                iterable of batches. A few hundred that look like what will come.
+                array (a list or dictionary of them for several inputs), files as `bitfold.data`
+                names them, a `tf.data.Dataset` or an iterable of batches. A few hundred that look
+                like what will come.
             activation_bits: 8, or 16 for tensors of 16 bits and weights of 8.
 
         Raises:
@@ -275,10 +276,11 @@ class Network:
         return self._arrays("accumulators", self._summed, x)
 
     def predict(self, x: Any, batch_size: int | None = None) -> Any:
-        """Compute arrays of any length or a dataset, batch by batch, with progress.
+        """Compute arrays of any length, files or a dataset, batch by batch, with progress.
 
         Args:
-            x: as for a call, or a `tf.data.Dataset` of batches of it; of pairs the first is taken.
+            x: as for a call; or files as `bitfold.data` names them, or a `tf.data.Dataset` of
+                batches, of which labels are left aside.
             batch_size: images at once; by default what keeps memory modest. A dataset has its own.
 
         Returns:
@@ -300,8 +302,8 @@ class Network:
         """Measure how well the network does.
 
         Args:
-            x: as for `predict`, or a `tf.data.Dataset` of pairs (x, y).
-            y: labels, an element for each image.
+            x: as for `predict`; a `tf.data.Dataset` of pairs (x, y).
+            y: labels, an element for each image; None with files and datasets, which have theirs.
             metric: None for the share of images whose largest output is the label's, labels being
                 integers or one-hot; or a Keras metric, its name, or a function of labels and
                 outputs.

@@ -14,6 +14,7 @@ import numpy as np
 
 from bitfold.network import Network, archive, evaluation
 from bitfold.network.shards.data import Data
+from bitfold.network.shards.source import Source
 from bitfold.studies import document, page, search, tables, terminal
 from bitfold.studies.bounds import Bounds, layer_bounds
 from bitfold.studies.finding import attributed, found
@@ -53,8 +54,10 @@ def study(
     Args:
         network: the network. What is full width of it has exact sums, its units stay.
         x: the data, as `Network.evaluate` takes them: an array, for several inputs a list or a
-            dictionary, or a `tf.data.Dataset` of batches (of pairs with labels).
-        y: labels, an element for each image; None for a study without a metric.
+            dictionary, files as `bitfold.data` names them, or a `tf.data.Dataset` of batches (of
+            pairs with labels).
+        y: labels, an element for each image; None for a study without a metric, and for files and
+            datasets, which have their own.
         arithmetics: what to compute in: a list of `bitfold.Arithmetic` or, for mixtures, of
             dictionaries by layer as `Network.with_arithmetic` takes them; or a dictionary from
             names of your own to these. By default the network's own, where that is not exact.
@@ -126,7 +129,10 @@ class _Subject:
             ValueError: for a number below 1, and of a dataset.
         """
         if images < 1 or evaluation.count_images(self.x) is None:
-            raise ValueError(f"Need images >= 1 of arrays for a sample, got {images}")
+            raise ValueError(f"Need images >= 1 of arrays or files for a sample, got {images}")
+        if isinstance(self.x, Source):
+            x, y = self.x.part(0, min(images, self.x.images)).read()
+            return dataclasses.replace(self, x=x, y=y).evaluate
         x = next(evaluation.batches(self.x, images))
         return dataclasses.replace(self, x=x, y=self.y[:images]).evaluate
 
