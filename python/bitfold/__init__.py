@@ -30,7 +30,7 @@ from bitfold._frame.warning_lines import set_warnings, warning_counts
 __version__ = VERSION
 
 from bitfold import data, detection, fpx, ops, resize, tables
-from bitfold.network import Arithmetic, Network, UnsupportedModelError
+from bitfold.network import Arithmetic, Network, UnsupportedModelError, WorkerError
 from bitfold.studies import Study, study
 
 __all__ = [
@@ -38,6 +38,7 @@ __all__ = [
     "Network",
     "Study",
     "UnsupportedModelError",
+    "WorkerError",
     "__version__",
     "data",
     "detection",

@@ -41,6 +41,11 @@ def main(arguments: Sequence[str] | None = None) -> int:
     except (OSError, ValueError, TypeError, ImportError, MemoryError) as error:
         print(f"bitfold: {_sentence(error)}", file=sys.stderr)
         return WRONG
+    except RuntimeError as error:
+        if not _is_of_workers(error):
+            raise
+        print(f"bitfold: {error}", file=sys.stderr)
+        return WRONG
 
 
 def _task(name: str) -> Any:
@@ -60,6 +65,12 @@ def _task(name: str) -> Any:
             sys.stderr.flush()
             os.dup2(kept, 2)
             os.close(kept)
+
+
+def _is_of_workers(error: RuntimeError) -> bool:
+    from bitfold import WorkerError  # imported already, where workers have failed
+
+    return isinstance(error, WorkerError)
 
 
 def _sentence(error: Exception) -> str:

@@ -20,7 +20,9 @@ _STUDY = """examples:
   bitfold study model.tflite --data images.npz --widths 14:24 --shifts 0:4 --report report.html
   bitfold study model.tflite --data images.npy --labels labels.npy --widths 16,18 --half-precision
   bitfold study model.tflite --data images.npz --widths 16 --mixture 'block1*=14/4,conv_out=20'
-  bitfold study model.tflite --data images.npz --widths 14:24 --resume study.parts --json"""
+  bitfold study model.tflite --data images.npz --widths 14:24 --resume study.parts --json
+  bitfold study model.tflite --data images.npz --widths 14:24 --workers 8
+  bitfold study model.tflite --data images.npz --widths 14:24 --scheduler tls://head:8786"""
 _NARROWEST = """examples:
   bitfold narrowest model.tflite --data images.npz
   bitfold narrowest model.tflite --data images.npz --shifts 0:4 --save narrow.bitfold
@@ -118,6 +120,7 @@ def make_parser() -> argparse.ArgumentParser:
     _add_data(study)
     _add_arithmetics(study)
     _add_reports(study)
+    _add_workers(study)
     study.add_argument(
         "--channels", metavar="LAYER", action="append", default=[],
         help="print the channels of a layer, too; may be repeated",
@@ -154,6 +157,7 @@ def make_parser() -> argparse.ArgumentParser:
         "--save", type=output, metavar="FILE", help="write the network in the arithmetic found"
     )
     _add_reports(narrowest)
+    _add_workers(narrowest)
 
     compare = _task(tasks, "compare", "two networks on data, or two saved studies", _COMPARE)
     compare.add_argument("a", metavar="A", help="a model, a saved network, or a study's .json")
@@ -227,4 +231,17 @@ def _add_reports(parser: argparse.ArgumentParser) -> None:
     parser.add_argument(
         "--report", type=report, action="append", default=[], metavar="FILE",
         help="write a report for people (.html) or all numbers (.json); may be repeated",
+    )  # fmt: skip
+
+
+def _add_workers(parser: argparse.ArgumentParser) -> None:
+    group = parser.add_argument_group("workers, which change no result")
+    chosen = group.add_mutually_exclusive_group()
+    chosen.add_argument(
+        "--workers", type=_positive, metavar="COUNT",
+        help="so many processes of this machine, which share its cores (default: this process)",
+    )  # fmt: skip
+    chosen.add_argument(
+        "--scheduler", metavar="ADDRESS",
+        help="the workers of a Dask scheduler, as tcp://head:8786; needs bitfold[distributed]",
     )  # fmt: skip

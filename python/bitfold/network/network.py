@@ -5,9 +5,11 @@
 from __future__ import annotations
 
 import base64
+import functools
 import os
 from collections import Counter
 from collections.abc import Callable, Collection, Mapping, Sequence
+from concurrent.futures import Executor
 from typing import Any, TextIO
 
 import keras
@@ -26,6 +28,8 @@ from bitfold.network.model_file import read
 from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_norm
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
+from bitfold.network.shards import evaluating
+from bitfold.network.shards.data import Data
 from bitfold.network.summary import print_summary
 
 
@@ -297,7 +301,13 @@ class Network:
         return evaluation.concatenated(parts) if parts else self._nothing(x)
 
     def evaluate(
-        self, x: Any, y: Any = None, *, metric: Any = None, batch_size: int | None = None
+        self,
+        x: Any,
+        y: Any = None,
+        *,
+        metric: Any = None,
+        batch_size: int | None = None,
+        executor: Executor | None = None,
     ) -> float:
         """Measure how well the network does.
 
@@ -308,14 +318,23 @@ class Network:
                 integers or one-hot; or a Keras metric, its name, or a function of labels and
                 outputs.
             batch_size: as for `predict`.
+            executor: who computes, as for `bitfold.study`; by default this process. Workers add up
+                what a metric counts by parts of the data, so that numbers in floating point may be
+                rounded elsewhere than here, however many workers there are.
 
         Returns:
             The metric.
 
         Raises:
-            ValueError: for labels that do not fit.
+            TypeError: for an executor that is none, and a metric that cannot be sent to its
+                workers.
+            ValueError: for labels that do not fit, and data that cannot be sent to workers.
+            bitfold.WorkerError: for a part of the work that an executor cannot do.
         """
         size = self.batch_size(batch_size)
+        if executor is not None:
+            data = Data(x, y, size, rows=self.inputs[0].shape[0])
+            return evaluating.evaluate(self, self._anew, data, metric, executor)
         with evaluation.progress("evaluate", self._count(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
 
@@ -410,6 +429,11 @@ class Network:
             traced = tf.function(function, input_signature=self._signature).get_concrete_function()
             self._functions[key] = traced
         return self._functions[key]
+
+    @property
+    def _anew(self) -> Callable[[], Network]:
+        """What makes a network of this one's file, sums exact; the same for each arithmetic."""
+        return functools.partial(Network, self._model, known_names=self._known_names)
 
     @property
     def _signature(self) -> list[tf.TensorSpec]:

@@ -8,6 +8,7 @@ import dataclasses
 import io
 import os
 from collections.abc import Callable
+from concurrent.futures import Executor
 from typing import Any, TextIO
 
 import numpy as np
@@ -43,6 +44,7 @@ def study(
     batch_size: int | None = None,
     shard_size: int | None = None,
     resume: str | os.PathLike[str] | None = None,
+    executor: Executor | None = None,
     title: str | None = None,
 ) -> Study:
     """Find out what accumulators do to a network, layer by layer.
@@ -70,7 +72,10 @@ def study(
         shard_size: how many images are a part of the work, of which each is finished or not; by
             default what suits the data. It changes no count.
         resume: a file where finished parts are kept. A study that was interrupted goes on from
-            them; it must be the same in all but its title.
+            them; it must be the same in all but its title and executor.
+        executor: who computes: any `concurrent.futures.Executor` whose workers have this package,
+            as a `ProcessPoolExecutor` that spawns or `get_executor()` of a Dask client; by default
+            this process. Results are the same. What `float_model` asks for this process computes.
         title: what the report is called; by default by the number of the network's operators.
 
     Returns:
@@ -78,9 +83,11 @@ def study(
 
     Raises:
         OSError: for a `resume` that cannot be read or written, before work begins.
-        TypeError: for arithmetics that are none, and a title that is no text.
-        ValueError: for labels that do not fit, arithmetics that a layer has not, and a `resume` of
-            another study.
+        TypeError: for arithmetics that are none, a title that is no text, an executor that is none,
+            and a metric that cannot be sent to its workers.
+        ValueError: for labels that do not fit, arithmetics that a layer has not, a `resume` of
+            another study, and data that cannot be sent to workers.
+        bitfold.WorkerError: for a part of the work that an executor cannot do.
 
     Example:
         >>> import bitfold, keras, numpy as np
@@ -101,11 +108,11 @@ def study(
     size = network.batch_size(batch_size)
     data = Data(x, y, size, shard_size=shard_size, rows=network.inputs[0].shape[0])
     plan = Plan(network, settings, metric, data.has_labels)
-    tallies, example = measure(plan, data, resume)
+    tallies, example = measure(plan, data, resume=resume, executor=executor)
     findings = found(plan, tallies, example, title)
     if float_model is not None:
         findings = attributed(findings, plan, data, float_model)
-    return Study(findings, _Subject(network, x, y, metric, batch_size))
+    return Study(findings, _Subject(network, x, y, metric, batch_size, executor))
 
 
 @dataclasses.dataclass(frozen=True)
@@ -117,10 +124,17 @@ class _Subject:
     y: Any
     metric: Any
     batch_size: int | None
+    executor: Executor | None
 
     def evaluate(self, network: Network) -> float:
         """Return the metric of a network over all data."""
-        return network.evaluate(self.x, self.y, metric=self.metric, batch_size=self.batch_size)
+        return network.evaluate(
+            self.x,
+            self.y,
+            metric=self.metric,
+            batch_size=self.batch_size,
+            executor=self.executor,
+        )
 
     def evaluation_of(self, images: int) -> Callable[[Network], float]:
         """Return the same over the first images.
@@ -191,7 +205,8 @@ class Study:
     ) -> Narrowest:
         """Search the narrowest accumulators with which the metric stays within a bound.
 
-        What is found joins the study's `findings`.
+        What is found joins the study's `findings`. The study's executor, which must still take
+        work, computes the metrics.
 
         Args:
             metric_loss: by how much the metric may be worse than at full width.

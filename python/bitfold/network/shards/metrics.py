@@ -12,6 +12,8 @@ import keras
 import numpy as np
 
 from bitfold.network import evaluation
+from bitfold.network.records import Port
+from bitfold.network.shards.data import Shard
 
 State = list[np.ndarray]
 
@@ -83,6 +85,12 @@ class Metric:
             # A copy: states of several shards live at once.
             given = given.__class__.from_config(given.get_config())
         return evaluation.metric_of(given)
+
+
+def example_of(output: Port, shard: Shard) -> tuple[Any, Any]:
+    """Return a label and an output of a network's kind."""
+    _, labels = shard.batches[0]
+    return np.asarray(labels)[:1], np.zeros((1, *output.shape[1:]), np.float32)
 
 
 def metric_is_accuracy(metric: Any) -> bool:
