@@ -20,7 +20,7 @@ from bitfold.network.shards.source import Source
 _PATIENCE = 1.0
 # Elements of the largest tensor that a batch may have by default: 32 MB in 32 bits.
 _ELEMENTS = 1 << 23
-# How much of what is in files is read at once: enough that finding the place costs little.
+# How much of data in files is read at once: enough that finding the place costs little.
 _READ_BYTES = 64 << 20
 
 
@@ -52,7 +52,7 @@ def batches(x: Any, batch_size: int) -> Iterator[Any]:
         yield from x
         return
     if isinstance(x, Source):
-        yield from (images for images, _ in _read(x, batch_size))
+        yield from (images for images, _ in read(x, batch_size))
         return
     for first in range(0, count_images(x), batch_size):
         part = slice(first, first + batch_size)
@@ -79,7 +79,7 @@ def pairs(x: Any, y: Any, batch_size: int) -> Iterator[tuple[Any, Any]]:
             raise ValueError("Need y=None with data in files, which have their own labels")
         if not x.has_labels:
             raise ValueError(f"Need data with labels, got {x}")
-        yield from _read(x, batch_size)
+        yield from read(x, batch_size)
         return
     if y is None:
         raise ValueError("Need labels y with arrays x")
@@ -88,7 +88,7 @@ def pairs(x: Any, y: Any, batch_size: int) -> Iterator[tuple[Any, Any]]:
     yield from zip(batches(x, batch_size), batches(np.asarray(y), batch_size), strict=True)
 
 
-def _read(source: Source, batch_size: int) -> Iterator[tuple[Any, Any]]:
+def read(source: Source, batch_size: int) -> Iterator[tuple[Any, Any]]:
     """Yield batches of images with their labels, None where there are none."""
     size = max(1, _READ_BYTES // max(1, source.image_bytes * batch_size)) * batch_size
     for first in range(0, source.images, size):

@@ -11,7 +11,7 @@ from __future__ import annotations
 import dataclasses
 import itertools
 import math
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from typing import Any
 
 import tensorflow as tf
@@ -20,11 +20,15 @@ from bitfold.network import evaluation
 from bitfold.network.shards.arrays import Arrays
 from bitfold.network.shards.source import Part, Source, digest_of
 
-# Into how many shards data are split as far as a shard stays within these images and bytes: enough
-# of them that sending one costs little beside its work, few enough to be held and sent at once.
+# Into how many shards arrays are split as far as a shard stays within these images and bytes:
+# enough of them that sending one costs little beside its work, few enough to be held and sent at
+# once.
 _SHARDS = 32
 _FEWEST_IMAGES = 1024
 _MOST_BYTES = 8 << 20
+# Into how many what is read batch by batch, so that a shard may be large: enough for hundreds of
+# workers, few enough that a scheduler bears them for hundreds of settings.
+_READ_SHARDS = 256
 # How many batches of a dataset, whose length is not known, are a shard: they are kept meanwhile.
 _DATASET_BATCHES = 8
 
@@ -35,11 +39,12 @@ class Shard:
 
     Attributes:
         index: its place.
-        batches: pairs of images and labels; labels None where there are none.
+        batches: pairs of images and labels; labels None where there are none. They may be read anew
+            each time that they are gone through.
     """
 
     index: int
-    batches: list[tuple[Any, Any]]
+    batches: Iterable[tuple[Any, Any]]
 
     @property
     def images(self) -> int:
@@ -48,11 +53,23 @@ class Shard:
 
     def digest(self) -> str:
         """Return what tells these data from others."""
-        return digest_of(self.batches)
+        return digest_of(list(self.batches))
 
     def load(self) -> Shard:
         """Return this: it is read already."""
         return self
+
+
+@dataclasses.dataclass(frozen=True, eq=False)
+class _Batches:
+    """Batches that are read when they are asked for."""
+
+    source: Source
+    batch_size: int
+
+    def __iter__(self) -> Iterator[tuple[Any, Any]]:
+        """Read them."""
+        return evaluation.read(self.source, self.batch_size)
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
@@ -79,7 +96,9 @@ class ShardReference:
         return self.part.digest()
 
     def load(self) -> Shard:
-        """Read the shard."""
+        """Read the shard, or let it be read batch by batch where that can be done."""
+        if isinstance(self.part, Source):
+            return Shard(self.index, _Batches(self.part, self.batch_size))
         return Shard(self.index, list(_pairs(*self.part.read(), self.batch_size)))
 
 
@@ -117,7 +136,7 @@ class Data:
         if self.is_indexed:
             self._source = _with_labels(x, y) if isinstance(x, Source) else Arrays(x, y)
             self.images, self.has_labels = self._source.images, self._source.has_labels
-            size = shard_size or _shard_size(self.images, self._source.image_bytes)
+            size = shard_size or _shard_size(self._source)
             self.shard_size = math.ceil(size / rows) * rows
         elif y is not None:
             raise ValueError("Need y=None with a dataset, whose elements are pairs (x, y)")
@@ -182,10 +201,12 @@ def _pairs(x: Any, y: Any, batch_size: int) -> Iterator[tuple[Any, Any]]:
         yield from evaluation.pairs(x, y, batch_size)
 
 
-def _shard_size(images: int, image_bytes: int) -> int:
+def _shard_size(source: Source) -> int:
     """Return how many images are a shard, if nobody says."""
-    size = max(math.ceil(images / _SHARDS), _FEWEST_IMAGES)
-    return max(1, min(size, _MOST_BYTES // max(image_bytes, 1)))
+    if not isinstance(source, Arrays):
+        return max(math.ceil(source.images / _READ_SHARDS), _FEWEST_IMAGES)
+    size = max(math.ceil(source.images / _SHARDS), _FEWEST_IMAGES)
+    return max(1, min(size, _MOST_BYTES // max(source.image_bytes, 1)))
 
 
 def _with_labels(source: Source, y: Any) -> Source:

@@ -89,7 +89,7 @@ class Metric:
 
 def example_of(output: Port, shard: Shard) -> tuple[Any, Any]:
     """Return a label and an output of a network's kind."""
-    _, labels = shard.batches[0]
+    _, labels = next(iter(shard.batches))
     return np.asarray(labels)[:1], np.zeros((1, *output.shape[1:]), np.float32)
 
 

@@ -15,6 +15,8 @@ import tensorflow as tf
 class Part(abc.ABC):
     """Some images of a source: enough to read them in another process, where it is pickled to.
 
+    One that is a source, too, is not read as a whole but batch by batch.
+
     Attributes:
         images: how many.
     """
