@@ -9,16 +9,14 @@ import sys
 
 import bitfold
 from bitfold.studies import search
-from bitfold_command import files, workers
+from bitfold_command import data, files, workers
 from bitfold_command.study import show
 
 
 def run(options: argparse.Namespace) -> int:
     """Search, print what was found, and write the network in it."""
     network = files.network(options.model)
-    x, y = files.data(options, network)
-    if y is None:
-        raise ValueError(f"Need labels for a search, got none in {options.data}; give --labels")
+    x, y = data.of(options, network, needs_labels=True)
     chosen = {
         name: value
         for name, value in (("widths", options.widths), ("shifts", options.shifts))

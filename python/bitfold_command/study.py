@@ -11,7 +11,7 @@ from typing import Any
 
 import bitfold
 from bitfold.studies import document, terminal
-from bitfold_command import files, workers
+from bitfold_command import data, files, workers
 
 # The largest shift of a sum in half precision.
 _MOST_HALF = 6
@@ -24,7 +24,7 @@ def run(options: argparse.Namespace) -> int:
     if unknown := [name for name in options.channels if name not in known]:
         raise ValueError(f"Need layers of {sorted(known)} for --channels, got {unknown}")
     chosen = arithmetics(options)
-    x, y = files.data(options, network)
+    x, y = data.of(options, network)
     float_model = None if options.float_model is None else files.float_model(options.float_model)
     with workers.executor(options) as executor:
         study = bitfold.study(
