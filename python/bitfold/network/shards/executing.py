@@ -29,7 +29,7 @@ from bitfold.network.shards.work import Failure, Run, Task, Work
 _MOST_FAILURES = 3
 # Of data in memory all that may be sent, and what may be on its way at once.
 _MOST_SENT = 256 << 20
-_MOST_UNDERWAY = 64 << 20
+_MOST_UNDERWAY = 256 << 20
 # Tasks that are handed over before they are computed: for each worker where their number is known.
 _AHEAD = 2
 _AHEAD_OF_ALL = 1000
