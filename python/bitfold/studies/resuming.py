@@ -11,7 +11,6 @@ to the number of parts.
 
 from __future__ import annotations
 
-import contextlib
 import errno
 import fcntl
 import json
@@ -68,14 +67,11 @@ class Parts:
         self._secured = time.monotonic()
         if path is None:
             return
-        if os.path.exists(path):
-            with open(path, "rb") as file:
-                _lock(file, path)
-                self._read(file.read())
-        folder = os.path.dirname(os.path.abspath(path))
-        if shutil.disk_usage(folder).free < _LEAST_ROOM:
-            raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC), os.fspath(path))
-        self._replace()
+        _need_room(path)
+        if self._is_whole():
+            self._open()
+        else:
+            self._replace()
 
     def __enter__(self) -> Parts:
         """Return this."""
@@ -84,6 +80,7 @@ class Parts:
     def __exit__(self, *_: object) -> None:
         """Close the file, with all that was added on the disk."""
         if self._file is not None:
+            os.fsync(self._file.fileno())
             self._file.close()
 
     @property
@@ -126,21 +123,28 @@ class Parts:
 
     def _append(self, content: Mapping[str, Any]) -> None:
         line = _line(content)
-        self._file.write(line)
         self._added += len(line)
+        try:
+            while line:
+                line = line[self._file.write(line) :]
+        except OSError as error:
+            raise OSError(error.errno, error.strerror, os.fspath(self._path)) from None
         if time.monotonic() - self._secured > _SECONDS:
             os.fsync(self._file.fileno())
             self._secured = time.monotonic()
 
     def _replace(self) -> None:
         """Write a file of as few lines as there can be in place of what is there."""
-        content = b"".join(map(_line, self._lines()))
-        archive.write(self._path, content)
+        archive.write(self._path, b"".join(map(_line, self._lines())))
         if self._file is not None:
             self._file.close()
+        self._open()
+
+    def _open(self) -> None:
+        """Have a file to which lines are added."""
         self._file = open(self._path, "ab", buffering=0)  # noqa: SIM115
         _lock(self._file, self._path)
-        self._whole, self._added = len(content), 0
+        self._whole, self._added = self._file.tell(), 0
 
     def _lines(self) -> Iterator[dict[str, Any]]:
         yield {
@@ -153,10 +157,23 @@ class Parts:
         for setting, tally in self.tallies.items():
             yield _part(setting, sorted(self._done[setting]), tally)
 
-    def _read(self, content: bytes) -> None:
-        lines = content.split(b"\n")
+    def _is_whole(self) -> bool:
+        """Read the file; return whether it is there, and no line of it is damaged."""
+        path = self._path
+        if not os.path.exists(path):
+            return False
+        if not os.path.isfile(path) and not os.path.isdir(path):  # a device may have no end
+            raise OSError(errno.EINVAL, "is no file", os.fspath(path))
+        with open(path, "rb") as file:
+            _lock(file, path)
+            lines = file.read().split(b"\n")
+        self._read_head(lines[0])
+        are_whole = [self._has_read(line) for line in lines[1:-1]]
+        return all(are_whole) and not lines[-1]
+
+    def _read_head(self, line: bytes) -> None:
         try:
-            head = _content(lines[0])
+            head = _content(line)
             if head["format"] != _FORMAT:
                 raise ValueError(f"its format is {head['format']}")
             fingerprint = head["fingerprint"]
@@ -174,16 +191,19 @@ class Parts:
                 f"Need finished parts of this study, got {self._path} of another: it differs in "
                 f"{', '.join(different)}"
             )
-        for line in lines[1:]:
-            with contextlib.suppress(*_DAMAGES):  # what was cut off is computed again
-                self._take(_content(line))
 
-    def _take(self, found: Mapping[str, Any]) -> None:
-        if "digest" in found:
-            self._digests[int(found["shard"])] = str(found["digest"])
-        else:
-            shards, tally = list(map(int, found["shards"])), Tally.from_json(found["tally"])
-            self._add(found["setting"], shards, tally)
+    def _has_read(self, line: bytes) -> bool:
+        """Take what a line holds; False for one that is damaged, as a crash leaves it."""
+        try:
+            found = _content(line)
+            if "digest" in found:
+                self._digests[int(found["shard"])] = str(found["digest"])
+            else:
+                shards, tally = list(map(int, found["shards"])), Tally.from_json(found["tally"])
+                self._add(found["setting"], shards, tally)
+        except _DAMAGES:
+            return False
+        return True
 
 
 def _part(setting: int | None, shards: list[int], tally: Tally) -> dict[str, Any]:
@@ -205,6 +225,13 @@ def _content(line: bytes) -> Any:
     if int(checksum, 16) != zlib.crc32(text):
         raise ValueError("a line is damaged")
     return json.loads(text)
+
+
+def _need_room(path: str | os.PathLike[str]) -> None:
+    """Raise OSError where a disk is full."""
+    folder = os.path.dirname(os.path.abspath(path))
+    if shutil.disk_usage(folder).free < _LEAST_ROOM:
+        raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC), os.fspath(path))
 
 
 def _lock(file: BinaryIO, path: str | os.PathLike[str]) -> None:

@@ -160,7 +160,6 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
             try:
                 found = bitfold.study(network, *given, **keywords)
             except CrashError:
-                json.loads(path.read_bytes())
                 continue
             finally:
                 finished += len(parts)
@@ -168,31 +167,6 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
     shards = 2 if is_dataset else 14
     assert finished == 3 * shards
     assert _plain(found) == _plain(bitfold.study(network, *data, arithmetics=SETTINGS[:2]))
-
-
-def test_a_crash_while_writing_leaves_the_parts_before(network, data, tmp_path, monkeypatch):
-    """The file is replaced as a whole."""
-    path = tmp_path / "parts"
-    keywords = dict(arithmetics=SETTINGS[:1], shard_size=10, resume=path)
-    written = []
-
-    def crash(source, target):
-        if len(written) == 4:
-            raise CrashError
-        written.append(target)
-        replace(source, target)
-
-    replace = os.replace
-    with monkeypatch.context() as patch:
-        patch.setattr("os.replace", crash)
-        with pytest.raises(CrashError):
-            bitfold.study(network, *data, **keywords)
-    parts = json.loads(path.read_bytes())["parts"]
-    assert parts[0]["shards"] == [0, 1, 2]
-    assert [file.name for file in tmp_path.iterdir()] == ["parts"]
-    finished = _interrupt(monkeypatch, 100)
-    bitfold.study(network, *data, **keywords)
-    assert len(finished) == 2 * 7 - 3
 
 
 def test_parts_of_another_study_are_refused(network, data, tmp_path):
@@ -219,16 +193,6 @@ def test_parts_of_another_study_are_refused(network, data, tmp_path):
     with pytest.raises(ValueError, match="got other data"):
         bitfold.study(network, x + 1, y, **keywords)
     assert path.read_bytes() == before
-
-
-@pytest.mark.parametrize("content", [b"", b"{", b"[]", b"{}", b'{"format": 2}', b"\xff" * 9])
-def test_other_files_are_refused(network, data, tmp_path, content):
-    """And stay as they are."""
-    path = tmp_path / "parts"
-    path.write_bytes(content)
-    with pytest.raises(ValueError, match=r"Need a file of a study's finished parts, got .*parts"):
-        bitfold.study(network, *data, resume=path)
-    assert path.read_bytes() == content
 
 
 def test_a_path_that_cannot_be_written_is_refused_first(network, data, tmp_path, monkeypatch):

@@ -53,6 +53,14 @@ def shared(executor: Executor, value: Any) -> Any:
         return executor._client.submit(_same, value, pure=False)
 
 
+def scattered(executor: Executor, value: Any) -> Any:
+    """Return what stands for a value that a worker gets now, and others from it.
+
+    Where all that have it are gone, so is the value, and what needs it is given up.
+    """
+    return executor._client.scatter(value, hash=False)
+
+
 def threads_of_worker() -> int | None:
     """Return how many threads Dask gives this worker; None where this is none of its workers."""
     module = sys.modules.get("distributed.worker")

@@ -35,7 +35,7 @@ def evaluate(network: Any, load: Load, data: Data, metric: Any, executor: Execut
     """
     if not data.has_labels:
         raise ValueError("Need labels y with arrays x")
-    references = data.references() if data.is_indexed else []
+    references = data.references()
     executing.check(executor, references)
     measured = Metric(metric)
     key = tuple((layer.name, layer.arithmetic) for layer in network.layers)

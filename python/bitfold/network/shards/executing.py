@@ -10,26 +10,21 @@ work to each worker once, and to try a shard again.
 from __future__ import annotations
 
 import concurrent.futures
-import contextlib
-import dataclasses
-import pathlib
-import pickle
 import queue
-import tempfile
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from concurrent.futures import Executor
 from typing import Any
 
 from bitfold.network.errors import WorkerError
-from bitfold.network.shards import dask_cluster, workers
+from bitfold.network.shards import workers
 from bitfold.network.shards.data import ShardReference
+from bitfold.network.shards.delivery import Delivery, delivered
 from bitfold.network.shards.work import Failure, Run, Task, Work
 
 # With so many failures of a shard the work ends.
 _MOST_FAILURES = 3
-# Of data in memory all that may be sent, and what may be on its way at once.
+# Of data in memory all that may be sent.
 _MOST_SENT = 256 << 20
-_MOST_UNDERWAY = 64 << 20
 # Tasks that are handed over before they are computed: for each worker where their number is known.
 _AHEAD = 2
 _AHEAD_OF_ALL = 1000
@@ -89,8 +84,8 @@ def computed(
     if executor is None:
         yield from _computed_here(work, tasks, advance, keeps_runners)
         return
-    with _delivered(work, executor) as parcel:
-        flow = _Flow(work, executor, parcel)
+    with delivered(work, executor) as delivery:
+        flow = _Flow(work, executor, delivery)
         try:
             for task, found in flow.results(iter(tasks)):
                 advance(task.shard.images)
@@ -111,56 +106,27 @@ def _computed_here(
         yield task, runners[task.key](task.shard.load(), advance)
 
 
-@contextlib.contextmanager
-def _delivered(work: Work, executor: Executor) -> Iterator[Any]:
-    """Yield what stands for a work among the arguments of a task.
-
-    Raises:
-        TypeError: for a work that cannot be pickled.
-    """
-    try:
-        content = pickle.dumps(work)
-    except Exception as error:  # whatever it is made of says so in its own way
-        raise TypeError(
-            "Need a metric that can be sent to workers, as a name or a function of a module, got "
-            f"{error}"
-        ) from error
-    parcel = workers.parcel(content, getattr(executor, "_max_workers", None))
-    try:
-        if dask_cluster.is_executor(executor):
-            yield dask_cluster.shared(executor, parcel)
-            return
-        with tempfile.TemporaryDirectory(prefix="bitfold-") as folder:
-            path = pathlib.Path(folder, "work")
-            path.write_bytes(content)
-            yield dataclasses.replace(parcel, content=path)
-    finally:
-        workers.forget(parcel.digest)
-
-
 class _Flow:
     """Tasks on their way through an executor."""
 
-    def __init__(self, work: Work, executor: Executor, parcel: Any) -> None:
-        """Take who computes, and what stands for the work."""
-        self._work, self._executor, self._parcel = work, executor, parcel
+    def __init__(self, work: Work, executor: Executor, delivery: Delivery) -> None:
+        """Take who computes, and how the work gets there."""
+        self._work, self._executor, self._delivery = work, executor, delivery
         count = getattr(executor, "_max_workers", None)
         self._ahead = _AHEAD_OF_ALL if count is None else _AHEAD * count
         # How often each has failed.
         self._underway: dict[concurrent.futures.Future, tuple[Task, int]] = {}
-        self._bytes = 0
         self._done: queue.SimpleQueue[concurrent.futures.Future] = queue.SimpleQueue()
 
     def results(self, tasks: Iterator[Task]) -> Iterator[tuple[Task, Any]]:
         """Yield tasks with what was found, as they come."""
         while True:
-            while self._has_room() and (task := next(tasks, None)) is not None:
+            while len(self._underway) < self._ahead and (task := next(tasks, None)) is not None:
                 self._submit(task, 0)
             if not self._underway:
                 return
             future = self._done.get()
             task, failures = self._underway.pop(future)
-            self._bytes -= task.shard.part.held_bytes
             found = _outcome(future)
             if not isinstance(found, Failure):
                 yield task, found
@@ -174,19 +140,17 @@ class _Flow:
         for future in list(self._underway):
             future.cancel()
 
-    def _has_room(self) -> bool:
-        return len(self._underway) < self._ahead and self._bytes < _MOST_UNDERWAY
-
     def _submit(self, task: Task, failures: int) -> None:
+        # What a worker had that is gone now comes with the task.
+        shard = task.shard if failures else self._delivery.shard(task.shard)
         try:
-            future = self._executor.submit(workers.compute, self._parcel, task.key, task.shard)
-        except RuntimeError as error:  # of a pool that is broken or shut down
+            future = self._executor.submit(workers.compute, self._delivery.parcel, task.key, shard)
+        except Exception as error:  # of whatever kind: it is broken, shut down or disconnected
             raise WorkerError(
                 f"Need an executor that takes work, got {type(error).__name__}: {error}. A new one "
                 "goes on with the finished shards, where they are kept by resume"
             ) from error
         self._underway[future] = task, failures
-        self._bytes += task.shard.part.held_bytes
         future.add_done_callback(self._done.put)
 
     def _error(self, task: Task, failure: Failure) -> WorkerError:

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import json
+import math
 from collections.abc import Mapping
 from typing import Any
 
@@ -63,12 +64,14 @@ class Metric:
         return [variable.numpy() for variable in metric.variables]
 
     def result(self, states: Mapping[int, State], example: tuple[Any, Any]) -> float:
-        """Return the metric of all shards.
+        """Return the metric of all shards; not a number of none.
 
         Args:
             states: by shard.
             example: a label and an output, which let a metric make its variables.
         """
+        if not states:
+            return math.nan
         metric = self._new()
         ordered = [states[shard] for shard in sorted(states)]
         if metric_is_accuracy(metric):
