@@ -23,8 +23,10 @@ import tensorflow as tf
 
 import bitfold
 import network_models
+from bitfold.network.shards import executing
 from bitfold.network.shards.data import Data
 from bitfold.network.shards.processes import Processes
+from bitfold.network.shards.work import Task
 from bitfold.studies.passes import Plan
 from bitfold.studies.settings import settings_of
 from timing import use_threads
@@ -37,6 +39,8 @@ except ImportError:
 # Networks, with how many images: of the small one in files, of the large one in memory.
 WORK = (("fashion", 8192), ("mobilenet_v2", 52))
 ARITHMETIC = bitfold.Arithmetic(accumulator_size=18)
+# Full width, and the arithmetic.
+KEYS = (None, 0)
 TURNS = 3
 # Tasks that do nothing, to see how many an engine bears.
 EMPTY_TASKS = 2000
@@ -128,22 +132,29 @@ def _times(
     name: str, images: int, folder: pathlib.Path, one: Executor, two: Executor
 ) -> tuple[str, int, float, float, float]:
     """Return what a study is of, its tasks, and its seconds in a loop, by one and by two."""
-    network, x = network_models.network(name), network_models.images(name, images)
-    y = np.arange(images) % network.outputs[0].shape[-1]
-    data, where = (x, y), "memory"
+    x, y = _data(name, images)
+    where = "memory"
     if name == "fashion":
         where = "files"
-        for stem, array in (("x", x), ("y", y)):
-            np.save(folder / f"{stem}.npy", array)
-        data = (bitfold.data.npy(folder / "x.npy", folder / "y.npy"), None)
+        np.save(folder / "x.npy", x)
+        np.save(folder / "y.npy", y)
+        x, y = bitfold.data.npy(folder / "x.npy", folder / "y.npy"), None
+    network = network_models.network(name)
+    references = Data(x, y, network.batch_size()).references()
+    # One plan for all turns: workers know it again, and keep its graphs.
+    plan = _plan(name)
+    tasks = [Task(key, reference) for key in KEYS for reference in references]
 
-    def study(executor: Executor) -> None:
-        bitfold.study(network, *data, arithmetics=[ARITHMETIC], executor=executor)
+    def study(executor: Executor) -> float:
+        begin = time.perf_counter()
+        for _ in executing.computed(plan, tasks, executor, lambda images: None):
+            pass
+        return time.perf_counter() - begin
 
     calls = {
-        "loop": functools.partial(_loop, one, name, images),
-        "one": functools.partial(_timed, study, one),
-        "two": functools.partial(_timed, study, two),
+        "loop": lambda: one.submit(_computed, name, images, time.perf_counter()).result(),
+        "one": lambda: study(one),
+        "two": lambda: study(two),
     }
     for call in calls.values():
         call()
@@ -151,24 +162,25 @@ def _times(
     for _ in range(TURNS):
         for turn, call in calls.items():
             taken[turn].append(call())
-    shards = len(Data(*data, network.batch_size()).references())
     work = f"{name}, {images:,} images in {where}"
-    return work, 2 * shards, *(min(times) for times in taken.values())
+    return work, len(tasks), *(min(times) for times in taken.values())
 
 
-def _timed(call, *arguments) -> float:
-    begin = time.perf_counter()
-    call(*arguments)
-    return time.perf_counter() - begin
+def _data(name: str, images: int) -> tuple[np.ndarray, np.ndarray]:
+    outputs = network_models.network(name).outputs[0].shape[-1]
+    return network_models.images(name, images), np.arange(images) % outputs
 
 
-def _loop(one: Executor, name: str, images: int) -> float:
-    """Return the seconds that a worker takes for the tasks by itself."""
-    return one.submit(_computed, name, images).result()
+def _plan(name: str) -> Plan:
+    network = network_models.network(name)
+    return Plan(network, settings_of(network, [ARITHMETIC]), None, has_metric=True)
 
 
-def _computed(name: str, images: int) -> float:
-    """Compute what a study computes in this process, of which the graphs are kept."""
+def _computed(name: str, images: int, _: float) -> float:
+    """Return the seconds that this process takes for all tasks by itself.
+
+    The last argument differs between calls, or Dask would take the result of the first.
+    """
     shards, runners = _kept(name, images)
     begin = time.perf_counter()
     for run in runners:
@@ -179,9 +191,7 @@ def _computed(name: str, images: int) -> float:
 
 @functools.cache
 def _kept(name: str, images: int) -> tuple:
-    """Return the shards and what computes them."""
-    network = network_models.network(name)
-    y = np.arange(images) % network.outputs[0].shape[-1]
-    data = Data(network_models.images(name, images), y, network.batch_size())
-    plan = Plan(network, settings_of(network, [ARITHMETIC]), None, has_metric=True)
-    return list(data.shards()), [plan.runner(key) for key in (None, 0)]
+    """Return the shards, read, and what computes them."""
+    data = Data(*_data(name, images), network_models.network(name).batch_size())
+    plan = _plan(name)
+    return list(data.shards()), [plan.runner(key) for key in KEYS]
