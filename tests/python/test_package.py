@@ -42,6 +42,7 @@ def test_public_names():
         "Network",
         "Study",
         "UnsupportedModelError",
+        "WorkerError",
         "__version__",
         "detection",
         "flush_device_lines",

@@ -131,6 +131,7 @@ def test_shards_make_no_difference(network, data, expected, threads):
         assert _plain(found) == expected
 
 
+@pytest.mark.slow
 def test_a_cluster_loses_a_worker(network, data, expected, cluster, monkeypatch):
     """The other one computes what it had in work: no count differs, and nothing is counted twice.
 
@@ -162,6 +163,7 @@ def _workers(client: distributed.Client) -> dict[str, dict]:
     return client.scheduler_info(n_workers=-1)["workers"]
 
 
+@pytest.mark.slow
 def test_the_command_on_a_cluster(network, data, cluster, tmp_path, capfd):
     """Studies and searches, with the numbers of this process."""
     network.save(tmp_path / "network.bitfold")
@@ -179,6 +181,7 @@ def test_the_command_on_a_cluster(network, data, cluster, tmp_path, capfd):
     assert found[0] == found[1]
 
 
+@pytest.mark.slow
 def test_spawned_processes_lose_one(network, data, expected, processes, monkeypatch):
     """They are replaced, and compute again what was in work."""
     spawned = processes._pool
@@ -195,6 +198,7 @@ def test_spawned_processes_lose_one(network, data, expected, processes, monkeypa
     assert processes._pool is not spawned
 
 
+@pytest.mark.slow
 def test_a_broken_pool(network, data, expected, processes, monkeypatch, tmp_path):
     """Of the standard library says what to do, and the study goes on from what was finished."""
     path = tmp_path / "parts"
@@ -260,9 +264,10 @@ def test_an_executor_that_fails(network, data, expected):
     """Gets the same shards again; what it says is in the error."""
     errors = [OSError("a cable"), concurrent.futures.CancelledError(), MemoryError("no")]
     found = bitfold.study(
-        network, *data, arithmetics=SETTINGS, shard_size=SHARD, executor=_Failing(*errors)
+        network, *data, arithmetics=SETTINGS[:1], shard_size=SHARD, executor=_Failing(*errors)
     )
-    assert _plain(found) == expected
+    assert found.layers == expected.layers
+    assert found.results == expected.results[:1]
     with pytest.raises(
         bitfold.WorkerError, match=r"3 failures of shard 0, .*, executor: OSError: a"
     ):
@@ -286,31 +291,39 @@ def test_workers_of_another_version(network, data, threads, monkeypatch):
 def test_an_interrupt(network, data, expected, threads, tmp_path, monkeypatch):
     """Ends the study at once, with the file whole; it goes on from there."""
     path = tmp_path / "parts"
-    keywords = dict(arithmetics=SETTINGS, shard_size=SHARD, resume=path)
-    process = os.getpid()
+    keywords = dict(arithmetics=SETTINGS[:1], shard_size=SHARD, resume=path)
+    process, parts = os.getpid(), 2 * IMAGES // SHARD
     with monkeypatch.context() as patch:
-        before = _after(patch, 20, lambda: os.kill(process, signal.SIGINT))
+        before = _after(patch, 8, lambda: os.kill(process, signal.SIGINT))
         with pytest.raises(KeyboardInterrupt):
             bitfold.study(network, *data, **keywords, executor=threads)
     after = _after(monkeypatch, 0, lambda: None)
     found = bitfold.study(network, *data, **keywords, executor=threads)
-    assert _plain(found) == expected
-    assert before == [20]
-    assert after == [PARTS - 20]
+    assert found.layers == expected.layers
+    assert found.results == expected.results[:1]
+    assert before == [8]
+    assert after == [parts - 8]
 
 
 # ---- What is refused ---------------------------------------------------------------------------
 
 
-def test_executors_are_refused(network, data, cluster):
+class _Client:
+    """Has an executor, as a client of Dask, and is none."""
+
+    def get_executor(self) -> None:
+        """Stand for the client's."""
+
+
+def test_executors_are_refused(network, data):
     """That are none, and those whose workers would hang."""
-    for wrong in ("processes", 2, cluster):
+    for wrong in ("processes", 2, _Client()):
         with pytest.raises(TypeError, match=r"Need a concurrent\.futures\.Executor, got"):
             bitfold.study(network, *data, executor=wrong)
         with pytest.raises(TypeError, match=r"Need a concurrent\.futures\.Executor, got"):
             network.evaluate(*data, executor=wrong)
     with pytest.raises(TypeError, match=r"of a Dask client take get_executor\(\)"):
-        network.evaluate(*data, executor=cluster)
+        network.evaluate(*data, executor=_Client())
     forks = concurrent.futures.ProcessPoolExecutor(
         1, mp_context=multiprocessing.get_context("fork")
     )

@@ -14,7 +14,7 @@ from collections.abc import Iterator
 from concurrent.futures import Executor
 from typing import Any
 
-# What Dask says of a task that brings a network along, which is what is meant.
+# What Dask says of a task that brings a network or data along, which is what is meant.
 _LARGE = "Sending large graph"
 
 
@@ -47,18 +47,11 @@ def shared(executor: Executor, value: Any) -> Any:
     """Return what stands for a value as an argument: each worker gets it once, when it needs it.
 
     It lives with those who have it as their result, and is made anew where all of them are gone.
+    Scattered data would be lost with them, and tasks would wait for them without end.
     """
     with warnings.catch_warnings():
         warnings.filterwarnings("ignore", _LARGE)
         return executor._client.submit(_same, value, pure=False)
-
-
-def scattered(executor: Executor, value: Any) -> Any:
-    """Return what stands for a value that a worker gets now, and others from it.
-
-    Where all that have it are gone, so is the value, and what needs it is given up.
-    """
-    return executor._client.scatter(value, hash=False)
 
 
 def threads_of_worker() -> int | None:

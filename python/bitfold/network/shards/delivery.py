@@ -51,7 +51,7 @@ class Delivery:
 
     def _sent(self, reference: ShardReference) -> Any:
         if dask_cluster.is_executor(self._executor):
-            return dask_cluster.scattered(self._executor, reference)
+            return dask_cluster.shared(self._executor, reference)
         path = self._folder / f"shard{reference.index}"
         path.write_bytes(pickle.dumps(reference))
         return _Filed(path)
