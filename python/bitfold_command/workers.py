@@ -11,6 +11,7 @@ from concurrent.futures import Executor
 
 from bitfold.network.shards import dask_cluster
 from bitfold.network.shards.processes import Processes
+from bitfold_command import quiet
 
 
 @contextlib.contextmanager
@@ -25,7 +26,7 @@ def executor(options: argparse.Namespace) -> Iterator[Executor | None]:
         with dask_cluster.connected(options.scheduler) as cluster:
             yield cluster
     elif options.workers is not None:
-        with Processes(options.workers) as processes:
+        with Processes(options.workers, quiet.begin_worker) as processes:
             yield processes
     else:
         yield None

@@ -13,6 +13,11 @@ from concurrent.futures.process import BrokenProcessPool
 from typing import Any
 
 
+def ignore_interrupts() -> None:
+    """Leave it to the process that the user talks to what an interrupt ends."""
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+
+
 class Processes(concurrent.futures.Executor):
     """Spawned worker processes; where one of them dies, all are replaced by new ones.
 
@@ -20,8 +25,12 @@ class Processes(concurrent.futures.Executor):
     and whoever wants it submits it again.
     """
 
-    def __init__(self, count: int) -> None:
+    def __init__(self, count: int, begin: Callable[[], None] = ignore_interrupts) -> None:
         """Take how many; they start with the first work.
+
+        Args:
+            count: of the processes.
+            begin: what each of them begins with.
 
         Raises:
             ValueError: for a number below 1.
@@ -29,6 +38,7 @@ class Processes(concurrent.futures.Executor):
         if count < 1:
             raise ValueError(f"Need workers >= 1, got {count}")
         self._max_workers = count  # as the standard pools call it
+        self._begin = begin
         self._lock = threading.Lock()
         self._pool = self._started()
 
@@ -51,10 +61,5 @@ class Processes(concurrent.futures.Executor):
         return concurrent.futures.ProcessPoolExecutor(
             self._max_workers,
             mp_context=multiprocessing.get_context("spawn"),
-            initializer=_ignore_interrupts,
+            initializer=self._begin,
         )
-
-
-def _ignore_interrupts() -> None:
-    """Leave it to the process that the user talks to what an interrupt ends."""
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
