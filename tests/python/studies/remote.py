@@ -16,7 +16,7 @@ import numpy as np
 import tensorflow as tf
 
 _FOLDER = pathlib.Path(__file__).parent
-_SECONDS = 120
+_SECONDS = 300
 # A label that stands for damaged data.
 BAD = 99
 

@@ -137,7 +137,7 @@ def test_a_cluster_loses_a_worker(network, data, expected, cluster, monkeypatch)
 
     Until then both compute, one of them with other instructions.
     """
-    cluster.wait_for_workers(2, timeout=120)
+    cluster.wait_for_workers(2, timeout=300)
     names = {info["name"]: address for address, info in _workers(cluster).items()}
     pids = cluster.run(os.getpid)
     in_work = []
