@@ -44,6 +44,7 @@ def test_public_names():
         "UnsupportedModelError",
         "WorkerError",
         "__version__",
+        "data",
         "detection",
         "flush_device_lines",
         "fpx",
