@@ -105,7 +105,7 @@ def _processes(count: int) -> Iterator[Executor]:
 @contextlib.contextmanager
 def _dask(count: int) -> Iterator[Executor]:
     with (
-        LocalCluster(count, threads_per_worker=1, dashboard_address=None) as cluster,
+        LocalCluster(count, threads_per_worker=1, dashboard_address=":0") as cluster,
         cluster.get_client() as client,
     ):
         yield client.get_executor()
