@@ -10,6 +10,7 @@ import keras
 import tensorflow as tf
 
 from bitfold.training import quantising
+from bitfold.training.clamping import Term, clamped
 from bitfold.training.flow import Flow, current
 from bitfold.training.layers import Emulated, Ranged
 
@@ -29,7 +30,13 @@ class Quantised(Ranged):
         grid = self.range.grid()
         if training:
             self.range.average(tf.reduce_min(values), tf.reduce_max(values))
-        return self.result(quantising.quantised(values, grid), grid)
+        centred = clamped(
+            tf.stop_gradient(quantising.whole(values, grid)),
+            [Term(values, 1.0 / grid[0])],
+            quantising.bounds(grid),
+            log_scale=self.log_scale,
+        )
+        return self.result(centred, grid)
 
     def compute_output_spec(self, values: Any, training: bool = False) -> Any:
         """Return what a call gives, symbolically."""

@@ -236,17 +236,12 @@ class _Rewriter:
 
     def _add(self, group: Group) -> None:
         """Call what a group becomes."""
-        if group.kind == "float":
+        gives_real = not any(map(self._takes_integers, self._users(group)))
+        # With floats behind it alone, what moves elements may move floats.
+        if group.kind == "float" or (group.kind in ("move", "noise") and gives_real):
             self._add_float(group)
             return
-        if group.kind in _WRAPPERS and not any(map(self._takes_integers, self._users(group))):
-            # Nothing but floats behind it.
-            if group.kind != "average":
-                self._add_float(group)
-                return
         arguments = [part for tensor in group.inputs for part in self._integers(tensor)]
-        users = self._users(group)
-        gives_real = not any(map(self._takes_integers, users))
         layer = self._layer(group, gives_real)
         result = layer(*arguments)
         name = group.nodes[-1].operation.name

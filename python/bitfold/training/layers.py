@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""What the layers of a model in training share: integers in, integers out, a range of the output."""
+"""What the layers of a model in training share: integers in, integers out, and a range."""
 
 from __future__ import annotations
 

@@ -70,18 +70,12 @@ def bounds(grid: tf.Tensor) -> tuple[tf.Tensor, tf.Tensor]:
     return LEAST - grid[1], GREATEST - grid[1]
 
 
-def quantised(values: tf.Tensor, grid: tf.Tensor) -> tf.Tensor:
-    """Return the centred integers of real numbers: value / scale, halves away from zero.
-
-    Gradients are those in units of the integers, and 0 for what lies beyond the grid.
-    """
-    low, high = bounds(grid)
+def whole(values: tf.Tensor, grid: tf.Tensor) -> tf.Tensor:
+    """Return the whole numbers next to value / scale, halves away from zero; not clamped."""
     quotients = values / grid[0]
-    clipped = tf.clip_by_value(quotients, low, high)
-    whole = tf.sign(quotients) * tf.floor(tf.abs(quotients) + 0.5)
-    # A sum of a half may round to the next whole number.
-    whole = tf.where(tf.abs(whole - quotients) > 0.5, whole - tf.sign(quotients), whole)
-    return replaced(clipped, tf.clip_by_value(whole, low, high))
+    found = tf.sign(quotients) * tf.floor(tf.abs(quotients) + 0.5)
+    # The sum with a half may round to the next whole number.
+    return tf.where(tf.abs(found - quotients) > 0.5, found - tf.sign(quotients), found)
 
 
 def real(centred: tf.Tensor, grid: tf.Tensor) -> tf.Tensor:

@@ -11,10 +11,12 @@ docs/arithmetic.md). The proof is a look at the weights, which change with every
 from __future__ import annotations
 
 import dataclasses
+import re
 
 import tensorflow as tf
 
 from bitfold import ops
+from bitfold._frame import warning_lines
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.training import quantising
 from bitfold.training.products import Product
@@ -24,6 +26,8 @@ GRADIENTS = ("straight", "zero_where_wrapped")
 _EXACT = 2.0**24
 # Half precision changes the sign of sums from here on.
 _HALF_LIMIT = 32768
+# Where the lines of ops are counted: a step of training prints nothing.
+_SCOPE = warning_lines.counting_scope("training")
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
@@ -44,8 +48,9 @@ class Sums:
 class Accumulator:
     """Adds up a layer's products and its bias."""
 
-    def __init__(self, product: Product, arithmetic: Arithmetic, gradient: str) -> None:
-        """Take the products, what they are added up in and whether wrong sums are asked for."""
+    def __init__(self, name: str, product: Product, arithmetic: Arithmetic, gradient: str) -> None:
+        """Take the layer's name, its products, what they are added up in, and its gradient."""
+        self._name = re.sub(r"[^\w.-]", "_", name)
         self._product = product
         self._arithmetic = arithmetic
         self._asks = gradient == "zero_where_wrapped"
@@ -118,8 +123,9 @@ class Accumulator:
             use_fp16_acc=is_half,
         )
         bias = tf.cast(tf.cast(bias, tf.int32), dtype)
-        sums = self._product.public(tf.cast(data, dtype), tf.cast(filter, dtype), **datapath)
-        return tf.cast(ops.bias_add(sums, bias, **datapath), tf.int32)
+        with tf.name_scope(f"{_SCOPE}/{self._name}/"):
+            sums = self._product.public(tf.cast(data, dtype), tf.cast(filter, dtype), **datapath)
+            return tf.cast(ops.bias_add(sums, bias, **datapath), tf.int32)
 
     def _is_wrong(self, held: tf.Tensor, full: tf.Tensor) -> tf.Tensor | None:
         if not self._asks:

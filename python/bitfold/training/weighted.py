@@ -73,7 +73,7 @@ class EmulatedLayer(Ranged):
         self.filter_rule = filter_rule or FilterRule()
         self.penalty = penalty
         self._product = PRODUCTS[type(layer)](layer)
-        self._sums = Accumulator(self._product, self.arithmetic, gradient)
+        self._sums = Accumulator(self.name, self._product, self.arithmetic, gradient)
         self.kind = self._product.kind
 
     def build(self, values_shape: Any, grid_shape: Any) -> None:
