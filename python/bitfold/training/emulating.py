@@ -283,7 +283,9 @@ class _Rewriter:
         """Call a layer in floats."""
         node = group.nodes[0]
         layer = InFloats(group.layer) if group.layer.variables else _anew(group.layer)
-        arguments = node.arguments.fill_in({tensor: self._real(tensor) for tensor in group.inputs})
+        arguments = node.arguments.fill_in(
+            {id(tensor): self._real(tensor) for tensor in group.inputs}
+        )
         results = layer(*arguments[0], **arguments[1])
         for tensor, result in zip(group.outputs, keras.tree.flatten(results), strict=True):
             self._values[id(tensor)] = _Value(layer.name, real=result)

@@ -186,8 +186,17 @@ class Depthwise(_Windowed):
         self, data: tf.Tensor, filter: np.ndarray, scales: np.ndarray, largest: np.ndarray
     ) -> tf.Tensor:
         """Sum with nodes for a converter, whose channels are the filter's last dimension."""
-        together = (filter * scales)[:, :, 0]
-        return self.stock(data, self._annotated_filter(together, largest))
+        layer = self._layer
+        together = self._annotated_filter((filter * scales)[:, :, 0], largest)
+        # A dilation is to remain one, and no rearrangement of the image.
+        return tf.raw_ops.DepthwiseConv2dNative(
+            input=data,
+            filter=self._kernel(data, together),
+            strides=[1, *layer.strides, 1],
+            padding=self._padding,
+            dilations=[1, *layer.dilation_rate, 1],
+            name="depthwise",
+        )
 
     def stored(self, filter: np.ndarray) -> np.ndarray:
         """Return [1, height, width, outputs]."""
