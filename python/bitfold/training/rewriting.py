@@ -13,7 +13,7 @@ import keras
 from bitfold.training.calls import Call, Calls
 from bitfold.training.edges import Dequantised, Quantised
 from bitfold.training.functions import EmulatedFunction
-from bitfold.training.joins import EmulatedAddition, EmulatedConcatenation
+from bitfold.training.joins import EmulatedAddition, EmulatedConcatenation, EmulatedProduct
 from bitfold.training.patterns import Group
 from bitfold.training.pools import (
     EmulatedAverage,
@@ -147,6 +147,8 @@ class Rewriter:
         keywords |= self._ranged
         if group.kind == "mean":
             return EmulatedMean(keeps_dimensions=layer.keepdims, **keywords)
+        if group.kind == "product":
+            return EmulatedProduct(activation=group.activation, **keywords)
         if group.kind == "function":
             return EmulatedFunction(group.function, **keywords)
         return EmulatedConcatenation(axis=layer.axis, **keywords)
