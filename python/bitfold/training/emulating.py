@@ -173,14 +173,17 @@ def _by_layer(
 def _calibrate(model: keras.Model, data: Calibration) -> None:
     """Run examples in real numbers; every range becomes what they reach."""
     structure = model._inputs_struct
+    signature = [tf.TensorSpec((None, *tensor.shape[1:]), tensor.dtype) for tensor in model.inputs]
 
-    @tf.function(reduce_retracing=True, autograph=False)
-    def observe(arrays: list[tf.Tensor]) -> None:
-        model(keras.tree.pack_sequence_as(structure, arrays), training=False)
+    def observe(*arrays: tf.Tensor) -> None:
+        model(keras.tree.pack_sequence_as(structure, list(arrays)), training=False)
 
     with calibrating():
+        # Concrete: of a polymorphic one the runtime warns when many models have traced it.
+        graph = tf.function(observe, input_signature=signature, autograph=False)
+        traced = graph.get_concrete_function()
         for batch in _batches(data.images()):
-            observe([tf.convert_to_tensor(array) for array in batch])
+            traced(*map(tf.convert_to_tensor, batch))
 
 
 def _batches(images: Iterable[list[Any]]) -> Iterable[list[Any]]:

@@ -120,8 +120,11 @@ class Rewriter:
         if group.kind == "sum":
             value = self._sum(group, operands, name, gives_real)
         elif group.kind == "weighted" and group.function is not None:
-            between = self._call(self._weighted(group, name, False), operands, name)
-            outer = self._named(f"{name}_{group.function.kind.lower()}")
+            # An output is called as the layer that gives it.
+            is_output = self._calls.is_output(group.outputs[0])
+            outer = self._named(f"{name}_{'sums' if is_output else group.function.kind.lower()}")
+            inner, outer = (outer, name) if is_output else (name, outer)
+            between = self._call(self._weighted(group, inner, False), operands, inner)
             layer = EmulatedFunction(
                 group.function, name=outer, gives_real=gives_real, **self._ranged
             )

@@ -77,9 +77,8 @@ class EmulatedLayer(Ranged):
         self.filter_rule = filter_rule or FilterRule()
         self.penalty = penalty
         self.part = part
-        self.called = layer.name if part is None else f"{layer.name}/{part}"
         self._product = (PRODUCTS[type(layer)] if part is None else PARTS[part])(layer)
-        self._sums = Accumulator(self.called, self._product, self.arithmetic, gradient)
+        self._sums = Accumulator(self.name, self._product, self.arithmetic, gradient)
         self.kind = self._product.kind
 
     def build(self, values_shape: Any, grid_shape: Any) -> None:
