@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from typing import Any
 
@@ -137,10 +138,11 @@ def emulated_layers(model: keras.Model) -> list[EmulatedLayer]:
 
 
 def _require_trainable(name: str, arithmetic: Arithmetic) -> None:
-    if arithmetic.requantisation != "model":
+    units = [field for field, value in dataclasses.asdict(arithmetic).items() if value == "unit"]
+    if units:
         raise ValueError(
-            f'Need requantisation="model" to train layer {name!r}, got {arithmetic!r}; the unit\'s '
-            "tables are made of scales that do not change"
+            f'Need {units[0]}="model" to train layer {name!r}, got {arithmetic!r}: the tables of '
+            "units are made for scales that do not change"
         )
 
 
