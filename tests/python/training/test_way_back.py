@@ -4,6 +4,8 @@
 
 from __future__ import annotations
 
+import logging
+
 import keras
 import models
 import numpy as np
@@ -135,3 +137,36 @@ def test_the_network_of_a_trained_model_needs_no_calibration():
         bitfold.Network.from_keras(emulated, models.images())
     with pytest.raises(ValueError, match="got activation_bits=16"):
         bitfold.Network.from_keras(emulated, activation_bits=16)
+
+
+def test_operands_of_a_concatenation_keep_their_grids():
+    """The converter stores them in the grid of the result; they are put back and rescaled."""
+    inputs = keras.Input(models.SHAPE)
+    wide = keras.layers.Conv2D(3, 3, padding="same", name="wide")(inputs)
+    narrow = keras.layers.Conv2D(2, 3, padding="same", activation="relu", name="narrow")(inputs)
+    narrow = keras.layers.MaxPooling2D(3, 1, "same", name="largest")(narrow)
+    x = keras.layers.Concatenate(name="both")([wide, narrow])
+    model = keras.Model(inputs, keras.layers.Conv2D(2, 1, name="last")(x))
+    images = models.images()
+    emulated = training.emulate(model, None, images)
+    network = bitfold.Network.from_keras(emulated)
+    assert np.array_equal(network(images), emulated(images))
+    operators = {layer.name: layer for layer in network.layers}
+    scales = [operators[name].output_scale for name in ("narrow", "largest", "both")]
+    assert scales[0] == scales[1] != scales[2]
+    assert [layer.operator for layer in network.layers].count("QUANTIZE") == 1
+
+
+def test_what_the_converter_stores_against_training(caplog):
+    """A layer without a form in integers, between layers that have one, is named in a warning."""
+    layers = keras.layers
+    names = [layers.Conv2D(2, 1), layers.Conv2DTranspose(2, 2, name="spread"), layers.Conv2D(2, 1)]
+    model = keras.Sequential([keras.Input(models.SHAPE), *names])
+    emulated = training.emulate(model, None, models.images())
+    logger = logging.getLogger("bitfold.converter")
+    logger.addHandler(caplog.handler)
+    try:
+        bitfold.Network.from_keras(emulated)
+    finally:
+        logger.removeHandler(caplog.handler)
+    assert "layer 'spread' was trained in floats and is stored in integers" in caplog.text
