@@ -149,8 +149,8 @@ PACKAGE = ROOT / "python" / "bitfold"
 FLOORS = (
     ("bitfold.__main__",),  # the command, which stands outside as bitfold_command
     ("bitfold",),  # the door: what `import bitfold` offers
-    # What an arithmetic does to a network; data in files.
-    ("bitfold.data", "bitfold.studies"),
+    # What an arithmetic does to a network; learning it; data in files.
+    ("bitfold.data", "bitfold.studies", "bitfold.training"),
     ("bitfold.network",),  # trained networks
     ("bitfold.detection", "bitfold.fpx", "bitfold.resize", "bitfold.tables"),  # an op's company
     ("bitfold.ops",),  # single ops

@@ -6,6 +6,7 @@ from __future__ import annotations
 
 import base64
 import functools
+import logging
 import os
 from collections import Counter
 from collections.abc import Callable, Collection, Mapping, Sequence
@@ -20,7 +21,7 @@ from bitfold._frame import warning_lines
 from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
-from bitfold.network.converter import convert_keras
+from bitfold.network.converter import convert_keras, convert_trained
 from bitfold.network.execution import Observe, Program
 from bitfold.network.graph import Node
 from bitfold.network.keras_layer import NetworkLayer
@@ -31,6 +32,9 @@ from bitfold.network.records import Layer, Port
 from bitfold.network.shards import evaluating
 from bitfold.network.shards.data import Data
 from bitfold.network.summary import print_summary
+from bitfold.network.trained import integers_for_floats, is_trained, known_names
+
+_LOGGER = logging.getLogger("bitfold.converter")
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -104,26 +108,45 @@ class Network:
             return cls(file.read())
 
     @classmethod
-    def from_keras(cls, model: Any, calibration: Any, *, activation_bits: int = 8) -> Network:
+    def from_keras(
+        cls, model: Any, calibration: Any = None, *, activation_bits: int = 8
+    ) -> Network:
         """Quantise a Keras model by the runtime's converter, and import the result.
 
         Batch normalisation is folded, activations are fused, weights get 8 bits and a scale for
-        each output channel.
+        each output channel. A model that `bitfold.training.emulate` made brings its scales and
+        integers with it, and its arithmetic. Layers that it trained in floats stay in floats, or,
+        between layers whose scales are known, are stored in integers by the converter: the logger
+        "bitfold.converter" has a warning for each of these.
 
         Args:
             model: a functional or sequential model; it is not changed.
             calibration: examples of inputs, from which the ranges of all tensors are taken: an
                 array (a list or dictionary of them for several inputs), files as `bitfold.data`
                 names them, a `tf.data.Dataset` or an iterable of batches. A few hundred that look
-                like what will come.
+                like what will come. None for a model that was trained in integers.
             activation_bits: 8, or 16 for tensors of 16 bits and weights of 8.
 
         Raises:
             ValueError: for calibration data or a number of bits that cannot be used.
+            RuntimeError: where the converter fails.
             bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
         """
-        file = convert_keras(model, calibration, activation_bits=activation_bits)
-        return cls(file, known_names=[layer.name for layer in model.layers])
+        names = [layer.name for layer in model.layers]
+        if not is_trained(model):
+            file = convert_keras(model, calibration, activation_bits=activation_bits)
+            return cls(file, known_names=names)
+        if calibration is not None or activation_bits != 8:
+            raise ValueError(
+                "Need no calibration and activation_bits=8 for a model that was trained in "
+                f"integers of 8 bits, got activation_bits={activation_bits}"
+                + (" and calibration data" if calibration is not None else "")
+            )
+        file, trained = convert_trained(model)
+        network = cls(file, known_names=known_names(model, trained))
+        for name in integers_for_floats(model, network.layers):
+            _LOGGER.warning("layer %r was trained in floats and is stored in integers", name)
+        return network.with_arithmetic({record.name: record.arithmetic for record in trained})
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Network:
