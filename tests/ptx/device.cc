@@ -95,6 +95,7 @@ int Launch(const Module& module, const Kernel& kernel, Size3 grid, Size3 block,
   Window shared(bytes.data(), bytes.size());
   testing::EmulationOptions options;
   options.is_reversed = is_reversed;
+  if (is_reversed) options.most_blocks = 1;
   options.before_block = [&shared](const testing::EmulatedLaunch&) { shared.Poison(); };
   testing::DeviceEmulation emulation(options);
   emulation.Launch({kernel.symbol, Dim3(grid), Dim3(block), stream},

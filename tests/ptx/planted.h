@@ -18,7 +18,7 @@ struct DefectCounts {
   int64_t reached;
   int64_t differed;
 };
-extern DefectCounts defect_counts;
+extern DefectCounts& defect_counts;
 
 inline bool IsPlanted(int number) {
   if (__builtin_expect(planted_defect != number, 1)) return false;
