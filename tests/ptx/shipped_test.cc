@@ -8,27 +8,11 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "device.h"
 #include "groups.h"
-#include "planted.h"
 #include "values.h"
-
-namespace bitfold::ptx {
-
-int planted_defect = -1;
-
-namespace {
-
-DefectCounts counts;
-
-}  // namespace
-
-DefectCounts& defect_counts = counts;
-
-}  // namespace bitfold::ptx
 
 int main(int argc, char** argv) {
   namespace program = bitfold::device_test;
