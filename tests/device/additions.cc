@@ -31,8 +31,8 @@ std::vector<int> Widths() {
   return widths;
 }
 
-// The passes of an infinite repeat are 2^31, which comparisons cannot wait for. Above 64 integers end
-// with the pass from which the rest is proven.
+// The passes of an infinite repeat are 2^31, which comparisons cannot wait for. Above 64 integers
+// end with the pass from which the rest is proven.
 template <typename T>
 std::vector<float> Repeats() {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();

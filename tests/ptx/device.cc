@@ -87,7 +87,7 @@ const Kernel* FindKernel(const Module& module, std::string_view symbol) {
 }
 
 int Launch(const Module& module, const Kernel& kernel, Size3 grid, Size3 block,
-            const void* const* arguments, void* stream) {
+           const void* const* arguments, void* stream) {
   static std::mutex mutex;
   const std::lock_guard<std::mutex> lock(mutex);
   ++launches;

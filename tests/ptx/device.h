@@ -54,8 +54,8 @@ int Launch(const Module& module, const Kernel& kernel, Size3 grid, Size3 block,
 // Launches so far.
 int64_t LaunchCount();
 
-// From now on blocks and threads run from the last to the first, and grids of one dimension have one
-// block, whose threads step to what the others had. No result may depend on it.
+// From now on blocks and threads run from the last to the first, and grids of one dimension have
+// one block, whose threads step to what the others had. No result may depend on it.
 void ReverseOrder();
 
 }  // namespace bitfold::ptx

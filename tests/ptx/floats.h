@@ -25,9 +25,7 @@ inline bool IsNaN(float x) { return x != x; }
 inline uint32_t Computed(float x) { return IsNaN(x) ? kNaN : BitsOf<F32>(x); }
 
 // Zero of the same sign for a subnormal number.
-inline uint32_t Flushed(uint32_t x) {
-  return (x & 0x7f800000U) == 0 ? x & 0x80000000U : x;
-}
+inline uint32_t Flushed(uint32_t x) { return (x & 0x7f800000U) == 0 ? x & 0x80000000U : x; }
 
 enum class Towards { kZero, kMinusInfinity, kPlusInfinity };
 
@@ -112,36 +110,36 @@ Bits<T> FmaRn(Bits<F32> a, Bits<F32> b, Bits<F32> c) {
 }
 
 // The same in the other directions, and with subnormals taken for zeros.
-#define BITFOLD_PTX_DIRECTED(Suffix, towards)                             \
-  template <typename T>                                                   \
-  Bits<T> Add##Suffix(Bits<F32> a, Bits<F32> b) {                         \
-    return Computed(Sum(ValueOf<T>(a), ValueOf<T>(b), towards));          \
-  }                                                                       \
-  template <typename T>                                                   \
-  Bits<T> Sub##Suffix(Bits<F32> a, Bits<F32> b) {                         \
-    return Computed(Sum(ValueOf<T>(a), -ValueOf<T>(b), towards));         \
-  }                                                                       \
-  template <typename T>                                                   \
-  Bits<T> Mul##Suffix(Bits<F32> a, Bits<F32> b) {                         \
-    return Computed(Product(ValueOf<T>(a), ValueOf<T>(b), towards));      \
-  }                                                                       \
-  template <typename T>                                                   \
-  Bits<T> Div##Suffix(Bits<F32> a, Bits<F32> b) {                         \
-    return Computed(Quotient(ValueOf<T>(a), ValueOf<T>(b), towards));     \
-  }                                                                       \
-  template <typename T>                                                   \
-  Bits<T> Rcp##Suffix(Bits<F32> a) {                                      \
-    return Computed(Quotient(1.0f, ValueOf<T>(a), towards));              \
+#define BITFOLD_PTX_DIRECTED(Suffix, towards)                         \
+  template <typename T>                                               \
+  Bits<T> Add##Suffix(Bits<F32> a, Bits<F32> b) {                     \
+    return Computed(Sum(ValueOf<T>(a), ValueOf<T>(b), towards));      \
+  }                                                                   \
+  template <typename T>                                               \
+  Bits<T> Sub##Suffix(Bits<F32> a, Bits<F32> b) {                     \
+    return Computed(Sum(ValueOf<T>(a), -ValueOf<T>(b), towards));     \
+  }                                                                   \
+  template <typename T>                                               \
+  Bits<T> Mul##Suffix(Bits<F32> a, Bits<F32> b) {                     \
+    return Computed(Product(ValueOf<T>(a), ValueOf<T>(b), towards));  \
+  }                                                                   \
+  template <typename T>                                               \
+  Bits<T> Div##Suffix(Bits<F32> a, Bits<F32> b) {                     \
+    return Computed(Quotient(ValueOf<T>(a), ValueOf<T>(b), towards)); \
+  }                                                                   \
+  template <typename T>                                               \
+  Bits<T> Rcp##Suffix(Bits<F32> a) {                                  \
+    return Computed(Quotient(1.0f, ValueOf<T>(a), towards));          \
   }
 BITFOLD_PTX_DIRECTED(Rz, Towards::kZero)
 BITFOLD_PTX_DIRECTED(Rm, Towards::kMinusInfinity)
 BITFOLD_PTX_DIRECTED(Rp, Towards::kPlusInfinity)
 #undef BITFOLD_PTX_DIRECTED
 
-#define BITFOLD_PTX_FLUSHED(Name)                                    \
-  template <typename T>                                              \
-  Bits<T> Name##RnFtz(Bits<F32> a, Bits<F32> b) {                    \
-    return Flushed(Name##Rn<T>(Flushed(a), Flushed(b)));             \
+#define BITFOLD_PTX_FLUSHED(Name)                        \
+  template <typename T>                                  \
+  Bits<T> Name##RnFtz(Bits<F32> a, Bits<F32> b) {        \
+    return Flushed(Name##Rn<T>(Flushed(a), Flushed(b))); \
   }
 BITFOLD_PTX_FLUSHED(Add)
 BITFOLD_PTX_FLUSHED(Sub)

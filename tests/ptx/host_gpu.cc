@@ -118,17 +118,14 @@ void SetStreamsAndEvents(SP_StreamExecutor* executor) {
 
 void SetCopies(SP_StreamExecutor* executor) {
   executor->memcpy_dtoh = [](const SP_Device* device, SP_Stream, void* to,
-                             const SP_DeviceMemoryBase* from, uint64_t size, TF_Status* status) {
-    CopyToHost(device, to, from, size, status);
-  };
+                             const SP_DeviceMemoryBase* from, uint64_t size,
+                             TF_Status* status) { CopyToHost(device, to, from, size, status); };
   executor->memcpy_htod = [](const SP_Device* device, SP_Stream, SP_DeviceMemoryBase* to,
-                             const void* from, uint64_t size, TF_Status* status) {
-    CopyToDevice(device, to, from, size, status);
-  };
+                             const void* from, uint64_t size,
+                             TF_Status* status) { CopyToDevice(device, to, from, size, status); };
   executor->memcpy_dtod = [](const SP_Device* device, SP_Stream, SP_DeviceMemoryBase* to,
-                             const SP_DeviceMemoryBase* from, uint64_t size, TF_Status* status) {
-    CopyOnDevice(device, to, from, size, status);
-  };
+                             const SP_DeviceMemoryBase* from, uint64_t size,
+                             TF_Status* status) { CopyOnDevice(device, to, from, size, status); };
   executor->sync_memcpy_dtoh = CopyToHost;
   executor->sync_memcpy_htod = CopyToDevice;
   executor->sync_memcpy_dtod = CopyOnDevice;

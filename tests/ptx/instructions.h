@@ -19,7 +19,8 @@
 
 namespace bitfold::ptx {
 
-// ---- Integers ------------------------------------------------------------------------------------
+// ---- Integers
+// ------------------------------------------------------------------------------------
 
 // Modulo 2^width; 64 bits without a sign hold each step of narrower types.
 template <typename T>
@@ -69,7 +70,8 @@ Bits<T> Rem(Bits<T> a, Bits<T> b) {
   return BitsOf<T>(ValueOf<T>(a) % ValueOf<T>(b));
 }
 
-// ---- Integers and floats -------------------------------------------------------------------------
+// ---- Integers and floats
+// -------------------------------------------------------------------------
 
 template <typename T>
 Bits<T> Max(Bits<T> a, Bits<T> b) {
@@ -100,7 +102,8 @@ Bits<T> Abs(Bits<T> a) {
   return ValueOf<T>(a) < 0 ? Neg<T>(a) : a;
 }
 
-// ---- Bits ----------------------------------------------------------------------------------------
+// ---- Bits
+// ----------------------------------------------------------------------------------------
 
 template <typename T>
 Bits<T> And(Bits<T> a, Bits<T> b) {
@@ -141,7 +144,8 @@ Bits<T> Shr(Bits<T> a, uint32_t count) {
   return static_cast<Bits<T>>((a >> count) | Shl<T>(filled, kWidth - count));
 }
 
-// ---- Selection and comparison --------------------------------------------------------------------
+// ---- Selection and comparison
+// --------------------------------------------------------------------
 
 template <typename T>
 Bits<T> Selp(Bits<T> a, Bits<T> b, bool which) {
@@ -149,17 +153,17 @@ Bits<T> Selp(Bits<T> a, Bits<T> b, bool which) {
 }
 
 // With a NaN all but Ne are false, and those that end with u true.
-#define BITFOLD_PTX_COMPARISON(Name, operation)    \
-  template <typename T>                            \
-  bool Setp##Name(Bits<T> a, Bits<T> b) {          \
-    return ValueOf<T>(a) operation ValueOf<T>(b);  \
-  }                                                \
-  template <typename T>                            \
-  bool Setp##Name##u(Bits<T> a, Bits<T> b) {       \
-    static_assert(T::kIsFloat);                    \
-    const Value<T> x = ValueOf<T>(a);              \
-    const Value<T> y = ValueOf<T>(b);              \
-    return x != x || y != y || x operation y;      \
+#define BITFOLD_PTX_COMPARISON(Name, operation)   \
+  template <typename T>                           \
+  bool Setp##Name(Bits<T> a, Bits<T> b) {         \
+    return ValueOf<T>(a) operation ValueOf<T>(b); \
+  }                                               \
+  template <typename T>                           \
+  bool Setp##Name##u(Bits<T> a, Bits<T> b) {      \
+    static_assert(T::kIsFloat);                   \
+    const Value<T> x = ValueOf<T>(a);             \
+    const Value<T> y = ValueOf<T>(b);             \
+    return x != x || y != y || x operation y;     \
   }
 BITFOLD_PTX_COMPARISON(Eq, ==)
 BITFOLD_PTX_COMPARISON(Lt, <)
@@ -177,7 +181,8 @@ bool SetpNe(Bits<T> a, Bits<T> b) {
   return SetpNeu<T>(a, b) && ValueOf<T>(a) == ValueOf<T>(a) && ValueOf<T>(b) == ValueOf<T>(b);
 }
 
-// ---- Conversions ---------------------------------------------------------------------------------
+// ---- Conversions
+// ---------------------------------------------------------------------------------
 
 // A value into a register of as many bits or more; integers keep their sign.
 template <typename Register, typename ValueT>

@@ -4,13 +4,13 @@
 // The arithmetic of floats.h against the machine's own in each of its rounding modes, and what the
 // definition of the text says of NaN, zeros, shifts and conversions, as literal values.
 
+#include "instructions.h"
+
 #include <cfenv>
 #include <cstdint>
 #include <cstdio>
 #include <random>
 #include <vector>
-
-#include "instructions.h"
 
 namespace {
 

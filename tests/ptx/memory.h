@@ -26,7 +26,8 @@ class Window {
   // Filled with what is a NaN as a float and a large integer.
   void Poison() {
     const uint32_t word = ptx::Poison<U32>();
-    for (uint64_t i = 0; i < bytes_; ++i) data_[i] = static_cast<unsigned char>(word >> 8 * (i % 4));
+    for (uint64_t i = 0; i < bytes_; ++i)
+      data_[i] = static_cast<unsigned char>(word >> 8 * (i % 4));
   }
 
   unsigned char* At(uint64_t address, uint64_t size) const {
@@ -35,9 +36,7 @@ class Window {
     return data_ + address;
   }
   // The address by which any instruction may name the place.
-  uint64_t Generic(uint64_t address) const {
-    return reinterpret_cast<uint64_t>(data_) + address;
-  }
+  uint64_t Generic(uint64_t address) const { return reinterpret_cast<uint64_t>(data_) + address; }
 
  private:
   unsigned char* data_;
@@ -102,7 +101,8 @@ Value<T> LdParam(const void* argument) {
   return Load<T>(argument);
 }
 
-// The device's printf: addresses of the format and of the arguments, each at a multiple of its size.
+// The device's printf: addresses of the format and of the arguments, each at a multiple of its
+// size.
 uint32_t Vprintf(uint64_t format, uint64_t arguments);
 
 }  // namespace bitfold::ptx

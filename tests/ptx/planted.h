@@ -35,9 +35,9 @@ T Altered(T original, T altered) {
 }
 
 // What an instruction gives, and while the defect is there, what the other one gives.
-#define PLANTED(number, original, altered)                                           \
-  (__builtin_expect(::bitfold::ptx::planted_defect == (number), 0)                   \
-       ? ::bitfold::ptx::Altered(original, altered)                                  \
+#define PLANTED(number, original, altered)                         \
+  (__builtin_expect(::bitfold::ptx::planted_defect == (number), 0) \
+       ? ::bitfold::ptx::Altered(original, altered)                \
        : (original))
 
 }  // namespace bitfold::ptx

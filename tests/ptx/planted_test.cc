@@ -8,8 +8,10 @@
 //
 // A line is a defect's number and the groups of comparisons to run, by the begins of their names,
 // with tabs between. For each line it prints the number; `found` where a comparison failed, `ended`
-// where the process broke, `endless` where it took more seconds of a processor, else `same`; how often
-// the altered instruction was reached; and how often it gave something else.
+// where the process broke, `endless` where it took more seconds of a processor, else `same`; how
+// often the altered instruction was reached; and how often it gave something else.
+
+#include "planted.h"
 
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -28,7 +30,6 @@
 
 #include "device.h"
 #include "groups.h"
-#include "planted.h"
 
 namespace bitfold {
 namespace ptx {

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the comparisons with each planted defect and says which are found.
 
-    planting.py PROGRAM LIST.json
+planting.py PROGRAM LIST.json
 """
 
 from __future__ import annotations

@@ -100,8 +100,11 @@ def _constants(instruction: Instruction) -> Iterator[Instruction]:
     for place, operand in enumerate(instruction.operands):
         if re.fullmatch(r"-?\d+", operand):
             is_predicate = instruction.form.endswith(".pred")
-            yield _with(instruction, place, str(int(operand) + 1 if not is_predicate else
-                                                (0 if int(operand) else 1)))
+            yield _with(
+                instruction,
+                place,
+                str(int(operand) + 1 if not is_predicate else (0 if int(operand) else 1)),
+            )
         elif match := re.fullmatch(r"0f([0-9A-F]{8})", operand):
             yield _with(instruction, place, f"0f{int(match[1], 16) ^ 1:08X}")
         elif match := re.fullmatch(r"\[(%\w+)(?:\+(\d+))?\]", operand):
@@ -110,7 +113,9 @@ def _constants(instruction: Instruction) -> Iterator[Instruction]:
                 yield _with(instruction, place, f"[{match[1]}+{int(match[2] or 0) + step}]")
 
 
-def _registers(instruction: Instruction, recent: Sequence[str], kernel: Kernel) -> Iterator[Instruction]:
+def _registers(
+    instruction: Instruction, recent: Sequence[str], kernel: Kernel
+) -> Iterator[Instruction]:
     """Yield it with one of the registers that it reads another of the same kind, lately written."""
     first = 0 if instruction.form.startswith("st.") else 1
     for place, operand in enumerate(instruction.operands):

@@ -20,8 +20,9 @@ _ENTRY = re.compile(r"\.visible \.entry (?P<name>\w+)\((?P<parameters>[^)]*)\)")
 _PARAMETER = re.compile(r"\.param \.\w+ (\w+)")
 _REGISTERS = re.compile(r"\.reg \.(\w+) (%\w+)(?:<(\d+)>)?")
 _CALL = re.compile(r"call\.uni \(retval0\), vprintf, \( param0, param1 \)")
+_DIRECTIVE = re.compile(r"\.(version|target|address_size) [\w.]+")
 _IGNORED = re.compile(
-    r'\.(version|target|address_size) .*|\.pragma "nounroll"|'
+    r'\.pragma "nounroll"|'
     r"\.extern \.func \(\.param \.b32 func_retval0\) vprintf "
     r"\( \.param \.b64 vprintf_param_0, \.param \.b64 vprintf_param_1 \)"
 )
@@ -94,6 +95,8 @@ def _statements(text: str) -> list[tuple[int, str]]:
             continue
         if not parts:
             begin = number
+            if _DIRECTIVE.fullmatch(line):
+                continue
             if line in "{}" or re.fullmatch(r"\$\w+:", line):
                 found.append((number, line))
                 continue
