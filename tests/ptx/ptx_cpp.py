@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Writes the C++ of device code's assembly text: a function for a kernel, one statement for an instruction.
+"""Writes the C++ of device code's assembly text: kernels as functions, instructions as statements.
 
 An instruction may have defects planted in it, each a number and another instruction in its place,
 which runs while `planted_defect` is the number.
@@ -61,10 +61,13 @@ class _KernelWriter:
 
     def _statement(self, place: int, instruction: Instruction) -> str:
         form = instruction.form
-        if form in "{}" or form.endswith(":"):
+        if form == "{":
             # A block is a call's; its variables stand for the parameters.
-            block = "{ uint64_t param0 = 0, param1 = 0; uint32_t retval0 = 0;"
-            return block if form == "{" else form.replace("$", "") + (" ;" if form != "}" else "")
+            return "{ uint64_t param0 = 0, param1 = 0; uint32_t retval0 = 0;"
+        if form == "}":
+            return form
+        if form.endswith(":"):
+            return form.removeprefix("$") + " ;"
         if form not in ptx_forms.KNOWN:
             raise self.operands.refuse(instruction, "an instruction that is not known")
         defects = self.defects.get((self.kernel.name, place), ())

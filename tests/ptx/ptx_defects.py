@@ -29,6 +29,12 @@ _OPERATORS = {
 _TYPES = {"s32": ("u32",), "u32": ("s32",), "s64": ("u64",), "u64": ("s64",), "b32": (), "f32": ()}
 _WAYS = ("rn", "rz", "rm", "rp", "rn.ftz")
 _WHOLE_WAYS = ("rni", "rzi", "rmi")
+# What reads constants and registers that a defect may change. Addresses of variables stay.
+_READING = (
+    (ptx_forms.VALUES | ptx_forms.LOADS | ptx_forms.STORES | ptx_forms.VECTOR_LOADS)
+    - {form for form in ptx_forms.LOADS if form.startswith("ld.param")}
+    - {"mov.u64"}
+)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -139,11 +145,9 @@ def _of_kernel(kernel: Kernel) -> Iterator[Defect]:
             found += [("predicate", other) for other in _predicates(instruction)]
         if form == "bar.sync":
             found.append(("barrier", None))
-        if form in ptx_forms.VALUES or form.startswith(("ld.global", "ld.shared", "st.")):
-            if form not in ("mov.u64", "st.param.b64") and not form.startswith("ld.param"):
-                if form != "bar.sync":
-                    found += [("constant", other) for other in _constants(instruction)]
-                found += [("register", other) for other in _registers(instruction, recent, kernel)]
+        if form in _READING:
+            found += [("constant", other) for other in _constants(instruction)]
+            found += [("register", other) for other in _registers(instruction, recent, kernel)]
         for kind, altered in found:
             yield Defect(kernel.name, place, kind, instruction, altered)
         if instruction.operands and instruction.operands[0] in kernel.registers:

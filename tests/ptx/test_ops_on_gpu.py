@@ -189,7 +189,7 @@ def network(gpu):
 @pytest.mark.parametrize("device", [None, "CPU:0", "GPU:0"])
 @pytest.mark.parametrize("dtype", [np.int8, np.float32])
 def test_a_network_runs_on_the_cpu(gpu, network, is_soft, device, dtype):
-    """Wherever it is called, placement soft or not: nothing is copied, its result lies there, too."""
+    """Wherever it is called, placement soft or not: nothing is copied, the result is there."""
     stored = _draw((7, 9, 9, 3), np.int8, 127).astype(dtype)
     with gpu.tf.device("CPU:0"):
         expected = network(stored).numpy()

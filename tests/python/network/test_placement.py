@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Placement onto a GPU that is not there: an error that says so, or the CPU where placement is soft."""
+"""Placement onto a GPU that is not there: an error that says so, or the CPU, if it is soft."""
 
 from __future__ import annotations
 
