@@ -10,14 +10,14 @@ import pytest
 TYPES = (np.float32, np.int32)
 
 
-def _draw(shape, dtype, most=60) -> np.ndarray:
-    return np.random.default_rng(sum(shape)).integers(-most, most + 1, shape).astype(dtype)
+def _draw(shape, dtype, most=60, seed=0) -> np.ndarray:
+    return np.random.default_rng([seed, *shape]).integers(-most, most + 1, shape).astype(dtype)
 
 
 def _additions(ops, dtype, **attributes):
     """Yield a call of each addition."""
-    value, other = _draw((2, 5, 7, 3), dtype, 3000), _draw((2, 5, 7, 3), dtype, 3000)
-    bias, second = _draw((3,), dtype, 3000), _draw((3,), dtype, 3000)
+    value, other = _draw((2, 5, 7, 3), dtype, 3000), _draw((2, 5, 7, 3), dtype, 3000, 1)
+    bias, second = _draw((3,), dtype, 3000), _draw((3,), dtype, 3000, 1)
     yield lambda: ops.add(value, other, **attributes)
     yield lambda: ops.add(value[0, 0], other[0, 0], **attributes)
     yield lambda: ops.bias_add(value, bias, **attributes)
@@ -114,8 +114,7 @@ def test_in_a_function_nothing_is_copied_between_ops(gpu):
         result = model(x, f)
         after = gpu.copies()
     assert result.device.endswith("GPU:0")
-    assert after[1] == before[1]  # nothing came back
-    print(f"\n{after[0] - before[0]} copies to the device: scalars")
+    assert after == before
 
 
 # ---- What only the GPU refuses -------------------------------------------------------------------
