@@ -22,7 +22,7 @@ from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
 from bitfold.network.converter import convert_keras, convert_trained
-from bitfold.network.execution import Observe, Program
+from bitfold.network.execution import HOST, Observe, Program
 from bitfold.network.graph import Node
 from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
@@ -438,18 +438,25 @@ class Network:
         tensors = self._program.assembly.inputs
         names = [port.name for port in self.inputs]
         given = values.as_list(x, names, [len(tensor.shape) for tensor in tensors])
-        images = list(map(values.as_input, given, names, tensors))
+        with tf.device(HOST):
+            images = list(map(values.as_input, given, names, tensors))
         values.need_equal_batches(images, tensors)
         return images
 
     def _quantised(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
-        return list(map(values.stored, images, self._program.assembly.inputs))
+        with tf.device(HOST):
+            return list(map(values.stored, images, self._program.assembly.inputs))
 
     def _function(self, key: str, function: Callable) -> Callable:
         """Return a graph of a function of the stored inputs."""
         if key not in self._functions:
             # Concrete: of a polymorphic one the runtime warns when many networks have traced it.
-            traced = tf.function(function, input_signature=self._signature).get_concrete_function()
+
+            def run(*images: tf.Tensor) -> Any:
+                with tf.device(HOST):
+                    return function(*images)
+
+            traced = tf.function(run, input_signature=self._signature).get_concrete_function()
             self._functions[key] = traced
         return self._functions[key]
 
@@ -497,9 +504,10 @@ class Network:
         """Return a graph of `observed`."""
 
         def run(images: Sequence[tf.Tensor], states: Mapping[str, Any]) -> tuple[list, dict]:
-            outputs, seen = self._program.observed(images, observe, states)
-            if is_real:
-                outputs = list(map(values.real, outputs, self._program.assembly.outputs))
+            with tf.device(HOST):
+                outputs, seen = self._program.observed(images, observe, states)
+                if is_real:
+                    outputs = list(map(values.real, outputs, self._program.assembly.outputs))
             return outputs, seen
 
         kinds = tf.nest.map_structure(tf.type_spec_from_value, dict(states))
