@@ -12,6 +12,7 @@
 namespace bitfold {
 
 class LayerFinish;  // chain/layer_finish.h
+class SumWatch;     // chain/sum_watch.h
 
 // Outputs of a layer, from `position` on: positions lie `stride` channels apart.
 struct StoredOutput {
@@ -23,10 +24,11 @@ struct StoredOutput {
   int32_t channels;  // of the tile's lanes, those that exist
   // For each position from 0 on, modulo 2^32; or null.
   const int32_t* addends = nullptr;
+  SumWatch* watch = nullptr;  // what looks at the sums before they are finished, or null
 
   // The same for `lanes` channels from `first_channel` on, of the outputs from `next` on.
   StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes) const {
-    return {finish, out, position + next, stride, channel + first_channel, lanes, addends};
+    return {finish, out, position + next, stride, channel + first_channel, lanes, addends, watch};
   }
 };
 
