@@ -28,10 +28,12 @@ class Shard:
     Attributes:
         index: its place.
         batches: pairs of images and labels; labels None where there are none.
+        first: how many images lie before it.
     """
 
     index: int
     batches: list[tuple[Any, Any]]
+    first: int = 0
 
     @property
     def images(self) -> int:
@@ -84,12 +86,14 @@ class Data:
         size = _DATASET_BATCHES
         if self.is_indexed:
             size = max(1, -(-self.images // (self.batch_size * _SHARDS)))
-        batches = self.batches()
+        batches, first = self.batches(), 0
         for index in itertools.count():
             part = list(itertools.islice(batches, size))
             if not part:
                 return
-            yield Shard(index, part)
+            shard = Shard(index, part, first)
+            first += shard.images
+            yield shard
 
     def batches(self) -> Iterator[tuple[Any, Any]]:
         """Yield pairs of images and labels; labels None where there are none."""

@@ -13,16 +13,19 @@ from __future__ import annotations
 
 import dataclasses
 import time
+from collections import Counter
 from collections.abc import Callable, Mapping
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold.network import Network, evaluation
 from bitfold.studies.data import Shard
 from bitfold.studies.metrics import Metric
+from bitfold.studies.sampling import Sample
 from bitfold.studies.settings import Setting, full_width
-from bitfold.studies.tallies import Tally
+from bitfold.studies.tallies import LayerTally, Tally
 from bitfold.studies.watching import FullWidthPass, SettingPass
 
 # That `bitfold.ops.partial_sums` takes.
@@ -38,12 +41,14 @@ class Plan:
         settings: its arithmetics.
         metric: how results are measured; None without labels. What `Network.evaluate` takes.
         has_metric: whether there are labels.
+        sample: the images whose partial sums are looked at.
     """
 
     network: Network
     settings: tuple[Setting, ...]
     metric: Any
     has_metric: bool
+    sample: Sample = dataclasses.field(default_factory=Sample)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -82,7 +87,9 @@ class Runner:
         else:
             given = plan.network.with_arithmetic(plan.settings[setting].arithmetic)
             self._pass = SettingPass(given)
-        self._call = self._pass.network.observed(self._pass.observe)
+        self._call = self._pass.network.observed(self._pass.observe_finals)
+        self._call_to_look = self._pass.network.observed(self._pass.observe)
+        self._sample = plan.sample
         self._metric = Metric(plan.metric) if plan.has_metric else None
 
     def run(self, shard: Shard, advance: Callable[[int], None] = lambda _: None) -> Tally:
@@ -93,27 +100,53 @@ class Runner:
         """
         begin = time.perf_counter()
         metric = None if self._metric is None else self._metric.start()
-        lines_before = self._pass.lines()
-        tally = Tally()
+        tally, place = Tally(), shard.first // self._rows
         for images, labels in shard.batches:
-            if self._pass.knows_nothing and self._count(images) > 1:
-                # One image alone has most of the bits, and finds them at less cost than a batch.
-                first = next(evaluation.batches(images, self._rows))
-                self._pass.learn(self._call(first, self._pass.states())[1])
-            outputs, seen = self._call(images, self._pass.states())
+            count = self._count(images)
+            outputs, found = self._batch(images, self._sample.places(place, count))
             if metric is not None:
                 if not tf.is_tensor(outputs):
                     raise ValueError("Need a network of one output for a metric; leave y out")
                 metric.update_state(labels, outputs)
-            count = self._count(images)
-            tally += Tally(count, self._pass.tallied(seen, count))
+            tally += found
+            place += count
             advance(count)
         states = {} if metric is None else {shard.index: self._metric.state(metric)}
-        lines = {
-            name: count - lines_before.get(name, 0) for name, count in self._pass.lines().items()
-        }
-        lines = {name: count for name, count in lines.items() if count}
-        return tally + Tally(0, {}, states, lines, time.perf_counter() - begin)
+        return tally + Tally(0, {}, states, seconds=time.perf_counter() - begin)
+
+    def _batch(self, images: Any, looked: np.ndarray) -> tuple[Any, Tally]:
+        """Return the outputs of a batch, and what was counted; `looked` are the sample's places."""
+        count, before = self._count(images), self._pass.lines()
+        if looked.size == count:
+            outputs, layers = self._look(images, count)
+        else:
+            outputs, seen = self._call(images, {})
+            layers = self._pass.tallied_finals(seen, count)
+        # The lines of the sample's images were counted just now.
+        lines = Counter(self._pass.lines())
+        lines.subtract(before)
+        tally = Tally(count, layers, {}, {name: number for name, number in lines.items() if number})
+        if looked.size == count:
+            return outputs, dataclasses.replace(tally, looked=count)
+        if looked.size:
+            _, found = self._look(self._some(images, looked), looked.size)
+            sample = {place: layer.of_sample() for place, layer in found.items()}
+            tally += Tally(layers=sample, looked=looked.size)
+        return outputs, tally
+
+    def _look(self, images: Any, count: int) -> tuple[Any, dict[int, LayerTally]]:
+        """Return the outputs of images, and what was seen of all their sums."""
+        if self._pass.knows_nothing and count > 1:
+            # One image alone has most of the bits, and finds them at less cost than a batch.
+            first = next(evaluation.batches(images, self._rows))
+            self._pass.learn(self._call_to_look(first, self._pass.states())[1])
+        outputs, seen = self._call_to_look(images, self._pass.states())
+        return outputs, self._pass.tallied(seen, count)
+
+    def _some(self, images: Any, places: np.ndarray) -> Any:
+        """Return some images of a batch."""
+        rows = (places[:, None] * self._rows + np.arange(self._rows)).reshape(-1)
+        return tf.nest.map_structure(lambda value: np.asarray(value)[rows], images)
 
     @property
     def _rows(self) -> int:

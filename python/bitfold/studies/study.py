@@ -27,6 +27,7 @@ from bitfold.studies.records import (
     Narrowest,
     Result,
 )
+from bitfold.studies.sampling import sample_of
 from bitfold.studies.settings import full_width, settings_of
 from bitfold.studies.watching import summing_steps
 
@@ -39,6 +40,7 @@ def study(
     arithmetics: Any = None,
     metric: Any = None,
     float_model: Any = None,
+    partial_sums: str | int = "sample",
     batch_size: int | None = None,
     resume: str | os.PathLike[str] | None = None,
     title: str | None = None,
@@ -47,7 +49,10 @@ def study(
 
     One pass at full width finds what the sums of every layer need, and what would become of them in
     each arithmetic if the layer alone computed in it. Then the network computes end to end in each.
-    All counts are exact; memory does not grow with the data.
+    All counts are exact; memory does not grow with the data. Wrong sums, and the bits that final
+    sums need, are those of all images. What happens on the way to a sum costs many times as much as
+    the sum, so partial sums are looked at of a sample of the images, as findings say beside each
+    such number.
 
     Args:
         network: the network. What is full width of it has exact sums, its units stay.
@@ -62,6 +67,10 @@ def study(
             variables are sums over images, its name, or a function of labels and outputs.
         float_model: the Keras model that the network was made of. With it the study finds what
             quantisation, shift, accumulator and unit add to the error of each layer.
+        partial_sums: the images whose partial sums are looked at, for the bits on the way, the sums
+            that come right again, the partial sums outside and the first of them: "sample" for the
+            first 16 images and every 256th, a number for one image in so many, from the first one
+            on, or "all".
         batch_size: images at once; by default what keeps memory modest. A dataset has its own.
         resume: a file where finished parts are kept. A study that was interrupted goes on from
             them; it must be the same in all but its title.
@@ -73,8 +82,8 @@ def study(
     Raises:
         OSError: for a `resume` that cannot be read or written, before work begins.
         TypeError: for arithmetics that are none, and a title that is no text.
-        ValueError: for labels that do not fit, arithmetics that a layer has not, and a `resume` of
-            another study.
+        ValueError: for labels that do not fit, arithmetics that a layer has not, `partial_sums` of
+            another kind, and a `resume` of another study.
 
     Example:
         >>> import bitfold, keras, numpy as np
@@ -93,7 +102,7 @@ def study(
     check_biases(network)
     settings = settings_of(network, arithmetics)
     data = Data(x, y, network.batch_size(batch_size))
-    plan = Plan(network, settings, metric, data.has_labels)
+    plan = Plan(network, settings, metric, data.has_labels, sample_of(partial_sums))
     tallies, example = measure(plan, data, resume)
     findings = found(plan, tallies, example, title)
     if float_model is not None:
