@@ -32,6 +32,7 @@ def run(options: argparse.Namespace) -> int:
         arithmetics=chosen,
         metric=options.metric,
         float_model=None if options.float_model is None else files.float_model(options.float_model),
+        partial_sums=options.partial_sums,
         batch_size=options.batch_size,
         resume=options.resume,
         title=files.title(options.model),

@@ -14,26 +14,18 @@
 namespace bitfold {
 namespace {
 
-// A tile of at least one position, [pixels][stride], and from its first lane on what was seen of
-// all lanes, [lanes] and [sizes][lanes].
+// Of a tile, from its first lane on.
 template <typename T>
 struct WatchedTile {
   const T* sums;
   int32_t pixels;
   int32_t stride;
-  int32_t channels;
-  int32_t sizes;
-  int32_t lanes;
-  T* least;
-  T* greatest;
-  const T* low;  // of what is inside
-  const T* high;
-  int64_t* outside;
 };
 
 struct WatchLoops {
-  void (*narrow)(const WatchedTile<int32_t>&);
-  void (*wide)(const WatchedTile<int64_t>&);
+  void (*narrow)(const WatchedSums<int32_t>&, const int32_t*, int32_t, int32_t,
+                 const StoredOutput&);
+  void (*wide)(const WatchedSums<int64_t>&, const int64_t*, int32_t, int32_t, const StoredOutput&);
 };
 
 #define BITFOLD_LOOPS "chain/sum_watch_loops.inc"
@@ -95,32 +87,23 @@ const int64_t* WatchLimits::greatest() const {
 SumWatch::SumWatch(const WatchLimits& limits)
     : limits_(limits),
       outside_(static_cast<size_t>(int64_t{limits.sizes().count} * limits.lanes())) {
-  const auto start = [lanes = static_cast<size_t>(limits.lanes())](auto* extremes) {
-    using Limits =
-        std::numeric_limits<typename std::decay_t<decltype(extremes->least)>::value_type>;
-    extremes->least.assign(lanes, Limits::max());
-    extremes->greatest.assign(lanes, Limits::min());
-  };
-  limits.tiles() == WatchedTiles::kNarrow ? start(&narrow_) : start(&wide_);
+  if (limits.tiles() == WatchedTiles::kNarrow) {
+    Start(&narrow_, CurrentLoops().narrow);
+  } else {
+    Start(&wide_, CurrentLoops().wide);
+  }
 }
 
-template <typename T, typename Loop>
-void SumWatch::SeeTile(const Tile<T>& tile, const StoredOutput& output, Extremes<T>* extremes,
-                       Loop loop) {
-  if (tile.pixels < 1) return;
-  const int32_t lane = output.channel;
-  loop(WatchedTile<T>{tile.sums, tile.pixels, tile.lanes, output.channels, limits_.sizes().count,
-                      limits_.lanes(), extremes->least.data() + lane,
-                      extremes->greatest.data() + lane, limits_.least<T>() + lane,
-                      limits_.greatest<T>() + lane, outside_.data() + lane});
-}
-
-void SumWatch::See(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) {
-  SeeTile<int32_t>({sums, pixels, lanes}, output, &narrow_, CurrentLoops().narrow);
-}
-
-void SumWatch::See(const int64_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) {
-  SeeTile<int64_t>({sums, pixels, lanes}, output, &wide_, CurrentLoops().wide);
+template <typename T>
+void SumWatch::Start(Kind<T>* kind, Loop<T> loop) {
+  using Limits = std::numeric_limits<T>;
+  const auto lanes = static_cast<size_t>(limits_.lanes());
+  kind->least.assign(lanes, Limits::max());
+  kind->greatest.assign(lanes, Limits::min());
+  kind->seen = {limits_.sizes().count, limits_.lanes(),    kind->least.data(),
+                kind->greatest.data(), limits_.least<T>(), limits_.greatest<T>(),
+                outside_.data()};
+  kind->loop = loop;
 }
 
 void SumWatch::Join(const SumWatch& part) {
@@ -138,14 +121,14 @@ void SumWatch::Join(const SumWatch& part) {
 }
 
 template <typename T>
-void SumWatch::AddExtremes(const Extremes<T>& extremes, const WatchedTables& tables) const {
+void SumWatch::AddExtremes(const Kind<T>& kind, const WatchedTables& tables) const {
   int64_t* const least = tables.extremes;
   int64_t* const greatest = tables.extremes + limits_.channels();
   for (int32_t c = 0; c < limits_.channels(); ++c) {
     const auto lane = static_cast<size_t>(c);
-    if (extremes.least[lane] > extremes.greatest[lane]) continue;  // of no sums
-    least[c] = std::min(least[c], extremes.least[lane] + limits_.addend(c));
-    greatest[c] = std::max(greatest[c], extremes.greatest[lane] + limits_.addend(c));
+    if (kind.least[lane] > kind.greatest[lane]) continue;  // of no sums
+    least[c] = std::min(least[c], kind.least[lane] + limits_.addend(c));
+    greatest[c] = std::max(greatest[c], kind.greatest[lane] + limits_.addend(c));
   }
 }
 

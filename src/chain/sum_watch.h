@@ -56,6 +56,18 @@ class WatchLimits {
   std::vector<int64_t> wide_greatest_;
 };
 
+// What the loops read and write: of each lane, and of each size and lane.
+template <typename T>
+struct WatchedSums {
+  int32_t sizes;
+  int32_t lanes;
+  T* least;
+  T* greatest;
+  const T* low;  // of what is inside
+  const T* high;
+  int64_t* outside;
+};
+
 // What was seen, of a call or of a part of it.
 class SumWatch {
  public:
@@ -65,10 +77,14 @@ class SumWatch {
 
   const WatchLimits& limits() const { return limits_; }
 
-  // A tile, [pixels][lanes], of `channels` channels from `channel` on. Of a position whole panels
-  // are read.
-  void See(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output);
-  void See(const int64_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output);
+  // A tile of at least one position, [pixels][lanes], of the output's channels. Of a position whole
+  // panels are read.
+  void See(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) {
+    narrow_.loop(narrow_.seen, sums, pixels, lanes, output);
+  }
+  void See(const int64_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) {
+    wide_.loop(wide_.seen, sums, pixels, lanes, output);
+  }
 
   // What another part of the call saw; several threads may do so at the same time.
   void Join(const SumWatch& part);
@@ -78,27 +94,26 @@ class SumWatch {
 
  private:
   template <typename T>
-  struct Extremes {
+  using Loop = void (*)(const WatchedSums<T>&, const T*, int32_t, int32_t, const StoredOutput&);
+
+  // Of sums of a type.
+  template <typename T>
+  struct Kind {
     std::vector<T> least;  // of each lane
     std::vector<T> greatest;
+    WatchedSums<T> seen = {};
+    Loop<T> loop = nullptr;
   };
 
   template <typename T>
-  struct Tile {
-    const T* sums;
-    int32_t pixels;
-    int32_t lanes;
-  };
-
-  template <typename T, typename Loop>
-  void SeeTile(const Tile<T>& tile, const StoredOutput& output, Extremes<T>* extremes, Loop loop);
+  void Start(Kind<T>* kind, Loop<T> loop);
   template <typename T>
-  void AddExtremes(const Extremes<T>& extremes, const WatchedTables& tables) const;
+  void AddExtremes(const Kind<T>& kind, const WatchedTables& tables) const;
 
   const WatchLimits& limits_;
-  Extremes<int32_t> narrow_;  // one of the two
-  Extremes<int64_t> wide_;
   std::vector<int64_t> outside_;  // [sizes][lanes]
+  Kind<int32_t> narrow_;          // one of the two
+  Kind<int64_t> wide_;
   std::mutex mutex_;
 };
 

@@ -100,48 +100,59 @@ class Runner:
         """
         begin = time.perf_counter()
         metric = None if self._metric is None else self._metric.start()
-        tally, place = Tally(), shard.first // self._rows
+        tally, place, sample = Tally(), shard.first // self._rows, []
         for images, labels in shard.batches:
             count = self._count(images)
-            outputs, found = self._batch(images, self._sample.places(place, count))
+            looked = self._sample.places(place, count)
+            outputs, found = self._batch(images, is_looked_at=looked.size == count)
             if metric is not None:
                 if not tf.is_tensor(outputs):
                     raise ValueError("Need a network of one output for a metric; leave y out")
                 metric.update_state(labels, outputs)
             tally += found
+            if 0 < looked.size < count:
+                sample.append(self._some(images, looked))
             place += count
             advance(count)
+        tally += self._look_at_sample(sample, self._count(shard.batches[0][0]))
         states = {} if metric is None else {shard.index: self._metric.state(metric)}
         return tally + Tally(0, {}, states, seconds=time.perf_counter() - begin)
 
-    def _batch(self, images: Any, looked: np.ndarray) -> tuple[Any, Tally]:
-        """Return the outputs of a batch, and what was counted; `looked` are the sample's places."""
+    def _batch(self, images: Any, *, is_looked_at: bool) -> tuple[Any, Tally]:
+        """Return the outputs of a batch, and what was counted, of partial sums, too, or not."""
         count, before = self._count(images), self._pass.lines()
-        if looked.size == count:
-            outputs, layers = self._look(images, count)
+        if is_looked_at:
+            outputs, layers = self._look(images)
         else:
             outputs, seen = self._call(images, {})
             layers = self._pass.tallied_finals(seen, count)
-        # The lines of the sample's images were counted just now.
         lines = Counter(self._pass.lines())
         lines.subtract(before)
-        tally = Tally(count, layers, {}, {name: number for name, number in lines.items() if number})
-        if looked.size == count:
-            return outputs, dataclasses.replace(tally, looked=count)
-        if looked.size:
-            _, found = self._look(self._some(images, looked), looked.size)
-            sample = {place: layer.of_sample() for place, layer in found.items()}
-            tally += Tally(layers=sample, looked=looked.size)
-        return outputs, tally
+        lines = {name: number for name, number in lines.items() if number}
+        return outputs, Tally(count, layers, {}, lines, looked=count if is_looked_at else 0)
 
-    def _look(self, images: Any, count: int) -> tuple[Any, dict[int, LayerTally]]:
+    def _look_at_sample(self, parts: list[Any], most: int) -> Tally:
+        """Return what partial sums tell of images that were counted; so many are looked at once.
+
+        Their lines were counted, too.
+        """
+        if not parts:
+            return Tally()
+        tally = Tally()
+        sample = tf.nest.map_structure(lambda *values: np.concatenate(values), *parts)
+        for images in evaluation.batches(sample, most * self._rows):
+            layers = {place: layer.of_sample() for place, layer in self._look(images)[1].items()}
+            tally += Tally(0, layers, looked=self._count(images))
+        return tally
+
+    def _look(self, images: Any) -> tuple[Any, dict[int, LayerTally]]:
         """Return the outputs of images, and what was seen of all their sums."""
-        if self._pass.knows_nothing and count > 1:
+        if self._pass.knows_nothing and self._count(images) > 1:
             # One image alone has most of the bits, and finds them at less cost than a batch.
             first = next(evaluation.batches(images, self._rows))
             self._pass.learn(self._call_to_look(first, self._pass.states())[1])
         outputs, seen = self._call_to_look(images, self._pass.states())
-        return outputs, self._pass.tallied(seen, count)
+        return outputs, self._pass.tallied(seen, self._count(images))
 
     def _some(self, images: Any, places: np.ndarray) -> Any:
         """Return some images of a batch."""

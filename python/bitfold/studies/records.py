@@ -76,6 +76,11 @@ class LayerBits:
     remarks: tuple[str, ...] = ()
     looked_at: int | None = None
 
+    @property
+    def looked(self) -> int:
+        """Of how many sums partial sums were looked at, as a number."""
+        return self.sums if self.looked_at is None else self.looked_at
+
 
 @dataclasses.dataclass(frozen=True)
 class Counts:

@@ -10,7 +10,7 @@ alone: of a sample of the images (`bitfold.studies.sampling`), or of all.
 from __future__ import annotations
 
 import math
-from collections.abc import Iterator, Mapping, Sequence
+from collections.abc import Mapping, Sequence
 from typing import Any
 
 import numpy as np
@@ -99,11 +99,12 @@ class FullWidthPass:
         return outputs, seen
 
     def tallied_finals(
-        self, seen: Mapping[str, Mapping[str, tf.Tensor]], images: int
+        self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int
     ) -> dict[int, LayerTally]:
         """Return what was seen of the final sums of a batch of so many images."""
         found = {}
-        for position, values in _by_position(seen):
+        for place, values in seen.items():
+            position = int(place)
             sums = images * self._sums[position]
             counts = {}
             for group in self._groups[position]:
@@ -127,24 +128,25 @@ class FullWidthPass:
         return outputs, seen
 
     def tallied(
-        self, seen: Mapping[str, Mapping[str, tf.Tensor]], images: int
+        self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int
     ) -> dict[int, LayerTally]:
         """Return what was seen of all sums of a batch of so many images."""
         found = {}
-        for position, values in _by_position(seen):
+        for place, values in seen.items():
+            position = int(place)
             # Whatever was known: tallies must not depend on the order of batches.
             sums, extremes = images * self._sums[position], within_bits(values["extremes"])
-            self._known[str(position)] = extremes
+            self._known[place] = extremes
             counts = {}
             for group in self._groups[position]:
                 counts |= group.counts(sums, values)
             found[position] = LayerTally(sums, counts, extremes, _range_of(values), sums)
         return found
 
-    def learn(self, seen: Mapping[str, Mapping[str, tf.Tensor]]) -> None:
+    def learn(self, seen: Mapping[str, Mapping[str, np.ndarray]]) -> None:
         """Take what was seen of some images for known, and count nothing."""
         for place, values in seen.items():
-            self._known[place] = within_bits(values["extremes"].numpy())
+            self._known[place] = within_bits(values["extremes"])
         self._has_seen = True
 
     def lines(self) -> dict[str, int]:
@@ -189,11 +191,12 @@ class SettingPass:
         return step.run(inputs), {}
 
     def tallied_finals(
-        self, seen: Mapping[str, Mapping[str, tf.Tensor]], images: int
+        self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int
     ) -> dict[int, LayerTally]:
         """Return what was seen of the final sums of a batch of so many images."""
         found = {}
-        for position, values in _by_position(seen):
+        for place, values in seen.items():
+            position = int(place)
             sums, counts = images * self._sums[position], {}
             if "wrong" in values:
                 counts[END_TO_END] = Counts(sums, int(values["wrong"]), looked_at=0)
@@ -216,11 +219,12 @@ class SettingPass:
         return outputs, seen
 
     def tallied(
-        self, seen: Mapping[str, Mapping[str, tf.Tensor]], images: int
+        self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int
     ) -> dict[int, LayerTally]:
         """Return what was seen of all sums of a batch of so many images."""
         found = {}
-        for position, values in _by_position(seen):
+        for place, values in seen.items():
+            position = int(place)
             sums, counts = images * self._sums[position], {}
             if "counts" in values:
                 counts[END_TO_END] = counts_of(
@@ -250,14 +254,6 @@ def _outside(
 
 def _sums_of_an_image(step: SummingStep) -> int:
     return math.prod(step.node.outputs[0].shape)
-
-
-def _by_position(
-    seen: Mapping[str, Mapping[str, tf.Tensor]],
-) -> Iterator[tuple[int, dict[str, np.ndarray]]]:
-    """Yield what was seen of each layer, as numbers."""
-    for place, tensors in seen.items():
-        yield int(place), {key: value.numpy() for key, value in tensors.items()}
 
 
 def _data_range(step: SummingStep, inputs: Inputs) -> dict[str, tf.Tensor]:
