@@ -25,10 +25,13 @@ struct StoredOutput {
   // For each position from 0 on, modulo 2^32; or null.
   const int32_t* addends = nullptr;
   SumWatch* watch = nullptr;  // what looks at the sums before they are finished, or null
+  int32_t repeated = 0;       // of the tile's positions the first so many were finished before
 
   // The same for `lanes` channels from `first_channel` on, of the outputs from `next` on.
-  StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes) const {
-    return {finish, out, position + next, stride, channel + first_channel, lanes, addends, watch};
+  StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes,
+                  int32_t repeated_positions = 0) const {
+    return {finish,  out,   position + next,   stride, channel + first_channel, lanes,
+            addends, watch, repeated_positions};
   }
 };
 

@@ -39,8 +39,8 @@ class WatchedConvolution {
 
   WatchForm form() const;
 
-  // What DefineWatchedConvolution writes, prints and adds to the tables. Several threads may call
-  // it at the same time.
+  // What DefineWatchedConvolution writes, prints and adds to the tables. Requires images. Several
+  // threads may call it at the same time.
   void Run(const In* input, int32_t batch, Out* output, const WatchedTables& tables,
            Workers* workers) const;
 

@@ -141,13 +141,6 @@ TEST(WatchedConvolution, WeightsAreAsTheyAreStored) {
   EXPECT_EQ(Tables(c, {8}), (Values{100, 200, 1}));
 }
 
-TEST(WatchedConvolution, NoImages) {
-  auto c = Pixels({1});
-  c.batch = 0;
-  c.input.clear();
-  EXPECT_EQ(Tables(c, {8}), (Values{INT64_MAX, INT64_MIN, 0}));
-}
-
 // ---- The watch ---------------------------------------------------------------------------------
 
 // Limits that a bias moves to either end of the sums' type and beyond, on every target.
