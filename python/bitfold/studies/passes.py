@@ -114,7 +114,8 @@ class Runner:
                 sample.append(self._some(images, looked))
             place += count
             advance(count)
-        tally += self._look_at_sample(sample, self._count(shard.batches[0][0]))
+        if sample:
+            tally += self._look_at_sample(sample, self._count(shard.batches[0][0]))
         states = {} if metric is None else {shard.index: self._metric.state(metric)}
         return tally + Tally(0, {}, states, seconds=time.perf_counter() - begin)
 
@@ -136,8 +137,6 @@ class Runner:
 
         Their lines were counted, too.
         """
-        if not parts:
-            return Tally()
         tally = Tally()
         sample = tf.nest.map_structure(lambda *values: np.concatenate(values), *parts)
         for images in evaluation.batches(sample, most * self._rows):
