@@ -148,7 +148,7 @@ void FinishTile(const int32_t* sums, int32_t pixels, int32_t lanes, const Stored
     CurrentLoops().add(sums, pixels, lanes, output.addends + output.position, moved);
     sums = moved;
   }
-  if (output.watch != nullptr) {
+  if (output.watch != nullptr && output.repeated < pixels) {
     output.watch->See(sums + int64_t{output.repeated} * lanes, pixels - output.repeated, lanes,
                       output);
   }

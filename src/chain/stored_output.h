@@ -7,6 +7,7 @@
 #ifndef BITFOLD_SRC_CHAIN_STORED_OUTPUT_H_
 #define BITFOLD_SRC_CHAIN_STORED_OUTPUT_H_
 
+#include <algorithm>
 #include <cstdint>
 
 namespace bitfold {
@@ -26,6 +27,9 @@ struct StoredOutput {
   const int32_t* addends = nullptr;
   SumWatch* watch = nullptr;  // what looks at the sums before they are finished, or null
   int32_t repeated = 0;       // of the tile's positions the first so many were finished before
+
+  // How many of the positions from `first` on were.
+  int32_t RepeatedFrom(int32_t first) const { return std::max(0, repeated - first); }
 
   // The same for `lanes` channels from `first_channel` on, of the outputs from `next` on.
   StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes,
