@@ -231,7 +231,7 @@ TYPED_TEST(WatchedLayers, EveryPlan) {
   using Out = typename TypeParam::Out;
   Random random(0x3a7c);
   for (const auto& recipe : testing::PreparedRecipes<In>()) {
-    for (int round = 0; round < 8 / testing::Step(2); ++round) {
+    for (int round = 0; round < 4; ++round) {
       auto c = testing::OfRecipe<In, Out>(recipe);
       c.batch = random.Between(1, 3);
       c.is_depthwise = round % 4 == 3;
@@ -283,7 +283,7 @@ TYPED_TEST(WatchedLayers, RandomCases) {
   using In = typename TypeParam::In;
   using Out = typename TypeParam::Out;
   Random random(0xca5e);
-  for (int round = 0; round < 80 / testing::Step(8); ++round) {
+  for (int round = 0; round < 40 / testing::Step(8); ++round) {
     auto c = testing::DrawPrepared<In, Out>(&random);
     if (c.mult_shift > kMostSummedShift) continue;
     std::vector<int32_t> sizes;
