@@ -93,6 +93,10 @@ def _positive(text: str) -> int:
     return int(text)
 
 
+def _sample(text: str) -> str | int:
+    return text if text in ("sample", "all") else _positive(text)
+
+
 def _share(text: str) -> float:
     try:
         value = float(text)
@@ -129,6 +133,11 @@ def make_parser() -> argparse.ArgumentParser:
     study.add_argument(
         "--float-model", metavar="FILE",
         help="the float model, .keras or .tflite: what adds which error, layer by layer",
+    )  # fmt: skip
+    study.add_argument(
+        "--partial-sums", type=_sample, default="sample", metavar="sample|all|COUNT",
+        help="the images whose partial sums are looked at: the first 16 and every 256th (sample), "
+        "all, or one in so many (default: %(default)s)",
     )  # fmt: skip
     study.add_argument(
         "--resume", type=output, metavar="FILE",

@@ -34,6 +34,7 @@ def run(options: argparse.Namespace) -> int:
             arithmetics=chosen,
             metric=options.metric,
             float_model=float_model,
+            partial_sums=options.partial_sums,
             batch_size=options.batch_size,
             resume=options.resume,
             executor=executor,

@@ -22,7 +22,7 @@ from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
 from bitfold.network.converter import convert_keras, convert_trained
-from bitfold.network.execution import HOST, Observe, Program
+from bitfold.network.execution import HOST, Observe, Program, Scalars
 from bitfold.network.graph import Node
 from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
@@ -400,17 +400,19 @@ class Network:
         Returns:
             A function of a batch, as a call takes it, and of the states by the position of the
             operator, as text, of one shape at each call; an operator without one gets None. It
-            returns what a call does, of several outputs a list, and what was seen by the position.
+            returns what a call does, of several outputs a list, and what was seen by the position,
+            as arrays.
         """
-        graphs: dict[bool, Callable] = {}
+        graphs: dict[bool, tuple[Callable, Scalars]] = {}
 
         def call(x: Any, states: Mapping[str, Any]) -> tuple[Any, dict[str, Any]]:
             images = self._images(x)
             is_real = values.is_real(images, self._program.assembly.inputs)
             if is_real not in graphs:
                 graphs[is_real] = self._observing(observe, states, is_real)
-            results, seen = graphs[is_real](self._quantised(images), dict(states))
-            return (results[0] if len(results) == 1 else list(results)), seen
+            graph, scalars = graphs[is_real]
+            results, seen = graph(self._quantised(images), dict(states))
+            return (results[0] if len(results) == 1 else list(results)), scalars.unpacked(*seen)
 
         return call
 
@@ -500,19 +502,22 @@ class Network:
         self._program.run(images, kept)
         return sums
 
-    def _observing(self, observe: Observe, states: Mapping[str, Any], is_real: bool) -> Callable:
-        """Return a graph of `observed`."""
+    def _observing(
+        self, observe: Observe, states: Mapping[str, Any], is_real: bool
+    ) -> tuple[Callable, Scalars]:
+        """Return a graph of `observed`, and how to read what it saw."""
+        scalars = Scalars()
 
         def run(images: Sequence[tf.Tensor], states: Mapping[str, Any]) -> tuple[list, dict]:
             with tf.device(HOST):
                 outputs, seen = self._program.observed(images, observe, states)
                 if is_real:
                     outputs = list(map(values.real, outputs, self._program.assembly.outputs))
-            return outputs, seen
+                return outputs, scalars.packed(seen)
 
         kinds = tf.nest.map_structure(tf.type_spec_from_value, dict(states))
         traced = tf.function(run, input_signature=[self._signature, kinds], autograph=False)
-        return traced.get_concrete_function()
+        return traced.get_concrete_function(), scalars
 
     def _arrays(self, key: str, function: Callable, x: Any) -> dict[int, np.ndarray]:
         results = self._function(key, function)(*self._quantised(self._images(x)))

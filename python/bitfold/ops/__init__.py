@@ -27,7 +27,8 @@ Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take
 those of the box decoders and of ``non_max_suppression``.
 
 Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output;
-``prepared_conv2d`` and ``prepared_matmul`` are whole layers, from stored integers to stored ones.
+``prepared_conv2d`` and ``prepared_matmul`` are whole layers, from stored integers to stored ones;
+``watched_conv2d`` also says what the final sums reach.
 
 Partial sums. ``partial_sums`` and ``matmul_partial_sums`` say which values the sums of a layer take
 on their way, as whole numbers that never wrap, and what would leave an accumulator.
@@ -60,7 +61,7 @@ from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
 from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
 from bitfold.ops._matmul import matmul
 from bitfold.ops._partial_sums import matmul_partial_sums, partial_sums
-from bitfold.ops._prepared import prepared_conv2d, prepared_matmul
+from bitfold.ops._prepared import prepared_conv2d, prepared_matmul, watched_conv2d
 from bitfold.ops._requantise import requantise
 from bitfold.ops._stored import (
     stored_elementwise,
@@ -96,6 +97,7 @@ __all__ = [
     "stored_mean",
     "stored_pool",
     "stored_quantise",
+    "watched_conv2d",
     "weighted_add",
 ]
 

@@ -102,6 +102,7 @@ def _fingerprint(plan: Plan, data: Data) -> dict[str, str]:
         "its own arithmetic": hashlib.sha256(json.dumps(own).encode()).hexdigest(),
         "the arithmetics": json.dumps(settings),
         "the metric": Metric(plan.metric).description if plan.has_metric else "none",
+        "the images whose partial sums are looked at": str(plan.sample),
         "the number of images": str(data.images),
         "the shard size": str(data.shard_size),
         "the version": VERSION,

@@ -29,6 +29,7 @@ from bitfold.studies.records import (
     Narrowest,
     Result,
 )
+from bitfold.studies.sampling import sample_of
 from bitfold.studies.settings import full_width, settings_of
 from bitfold.studies.watching import summing_steps
 
@@ -41,6 +42,7 @@ def study(
     arithmetics: Any = None,
     metric: Any = None,
     float_model: Any = None,
+    partial_sums: str | int = "sample",
     batch_size: int | None = None,
     shard_size: int | None = None,
     resume: str | os.PathLike[str] | None = None,
@@ -51,7 +53,10 @@ def study(
 
     One pass at full width finds what the sums of every layer need, and what would become of them in
     each arithmetic if the layer alone computed in it. Then the network computes end to end in each.
-    All counts are exact; memory does not grow with the data.
+    All counts are exact; memory does not grow with the data. Wrong sums, and the bits that final
+    sums need, are those of all images. What happens on the way to a sum costs many times as much as
+    the sum, so partial sums are looked at of a sample of the images, as findings say beside each
+    such number.
 
     Args:
         network: the network. What is full width of it has exact sums, its units stay.
@@ -68,6 +73,10 @@ def study(
             variables are sums over images, its name, or a function of labels and outputs.
         float_model: the Keras model that the network was made of. With it the study finds what
             quantisation, shift, accumulator and unit add to the error of each layer.
+        partial_sums: the images whose partial sums are looked at, for the bits on the way, the sums
+            that come right again, the partial sums outside and the first of them: "sample" for the
+            first 16 images and every 256th, a number for one image in so many, from the first one
+            on, or "all".
         batch_size: images at once; by default what keeps memory modest. A dataset has its own.
         shard_size: how many images are a part of the work, of which each is finished or not; by
             default what suits the data. It changes no count.
@@ -85,8 +94,8 @@ def study(
         OSError: for a `resume` that cannot be read or written, before work begins.
         TypeError: for arithmetics that are none, a title that is no text, an executor that is none,
             and a metric that cannot be sent to its workers.
-        ValueError: for labels that do not fit, arithmetics that a layer has not, a `resume` of
-            another study, and data that cannot be sent to workers.
+        ValueError: for labels that do not fit, arithmetics that a layer has not, `partial_sums` of
+            another kind, a `resume` of another study, and data that cannot be sent to workers.
         bitfold.WorkerError: for a part of the work that an executor cannot do.
 
     Example:
@@ -107,7 +116,7 @@ def study(
     settings = settings_of(network, arithmetics)
     size = network.batch_size(batch_size)
     data = Data(x, y, size, shard_size=shard_size, rows=network.inputs[0].shape[0])
-    plan = Plan(network, settings, metric, data.has_labels)
+    plan = Plan(network, settings, metric, data.has_labels, sample_of(partial_sums))
     tallies, example = measure(plan, data, resume=resume, executor=executor)
     findings = found(plan, tallies, example, title)
     if float_model is not None:

@@ -89,6 +89,62 @@ def test_batches_and_threads_make_no_difference(network, data):
         bitfold.set_image_threads(before)
 
 
+def test_samples(network, data):
+    """What partial sums say is what they say of the sample's images alone, all else as of all."""
+    settings = dict(arithmetics=SETTINGS, batch_size=16)
+    whole = bitfold.study(network, *data, partial_sums="all", **settings)
+    chosen = bitfold.study(network, *(part[::9] for part in data), **settings)
+    found = bitfold.study(network, *data, partial_sums=9, **settings)
+    assert whole.findings.looked_at is None
+    assert (found.findings.images, found.findings.looked_at) == (70, 8)
+    for layer, of_all, of_sample in zip(found.layers, whole.layers, chosen.layers, strict=True):
+        assert (layer.needed, layer.sums) == (of_all.needed, of_all.sums)
+        assert layer.looked_at == of_sample.sums
+        assert layer.on_the_way == max(of_sample.on_the_way, layer.needed)
+    for result, of_all, of_sample in zip(found.results, whole.results, chosen.results, strict=True):
+        assert result.metric == of_all.metric
+        for layer, all_of_it, sample in zip(
+            result.layers, of_all.layers, of_sample.layers, strict=True
+        ):
+            for counts, known, looked in zip(
+                (layer.alone, layer.end_to_end),
+                (all_of_it.alone, all_of_it.end_to_end),
+                (sample.alone, sample.end_to_end),
+                strict=True,
+            ):
+                assert (counts.sums, counts.wrong) == (known.sums, known.wrong)
+                expected = dataclasses.replace(
+                    looked, sums=known.sums, wrong=known.wrong, looked_at=looked.sums
+                )
+                assert counts == expected
+
+
+def test_samples_whatever_the_batches(network, data):
+    """By their places in the data alone; "sample" are the first images and some of the others."""
+    for partial_sums, looked in ((9, 8), ("sample", 16), (1, None), ("all", None)):
+        expected = _plain(bitfold.study(network, *data, arithmetics=SETTINGS,
+                                        partial_sums=partial_sums))  # fmt: skip
+        assert expected.looked_at == looked
+        for batch_size in (1, 16) if looked else ():
+            found = bitfold.study(network, *data, arithmetics=SETTINGS, batch_size=batch_size,
+                                  partial_sums=partial_sums)  # fmt: skip
+            assert _plain(found) == expected
+    for wrong in ("some", 0, -3, 2.0, True, None):
+        with pytest.raises(ValueError, match='Need partial_sums of "sample", "all" or a whole'):
+            bitfold.study(network, *data, partial_sums=wrong)
+
+
+def test_lines_are_counted_once(network, data):
+    """Images of a sample are computed twice, and counted once."""
+    half = {"1": A(use_fp16_acc=True, mult_shift=0)}
+    found = [
+        bitfold.study(network, data[0], arithmetics=half, partial_sums=partial_sums)
+        for partial_sums in ("all", 3)
+    ]
+    one, other = ([layer.out_of_bounds for layer in study.results[0].layers] for study in found)
+    assert one == other
+
+
 def test_without_labels(network, data):
     """All but the metric."""
     expected = bitfold.study(network, *data, arithmetics=SETTINGS)

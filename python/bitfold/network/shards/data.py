@@ -41,10 +41,12 @@ class Shard:
         index: its place.
         batches: pairs of images and labels; labels None where there are none. They may be read anew
             each time that they are gone through.
+        first: how many images lie before it.
     """
 
     index: int
     batches: Iterable[tuple[Any, Any]]
+    first: int = 0
 
     @property
     def images(self) -> int:
@@ -80,11 +82,13 @@ class ShardReference:
         index: its place.
         part: its images.
         batch_size: how many of them are computed at once.
+        first: how many images lie before it.
     """
 
     index: int
     part: Part
     batch_size: int
+    first: int = 0
 
     @property
     def images(self) -> int:
@@ -98,8 +102,8 @@ class ShardReference:
     def load(self) -> Shard:
         """Read the shard, or let it be read batch by batch where that can be done."""
         if isinstance(self.part, Source):
-            return Shard(self.index, _Batches(self.part, self.batch_size))
-        return Shard(self.index, list(_pairs(*self.part.read(), self.batch_size)))
+            return Shard(self.index, _Batches(self.part, self.batch_size), self.first)
+        return Shard(self.index, list(_pairs(*self.part.read(), self.batch_size)), self.first)
 
 
 class Data:
@@ -161,6 +165,7 @@ class Data:
                 index,
                 self._source.part(first, min(first + self.shard_size, self.images)),
                 self.batch_size,
+                first,
             )
             for index, first in enumerate(starts)
         ]
@@ -170,12 +175,14 @@ class Data:
         if self.is_indexed:
             yield from (reference.load() for reference in self.references())
             return
-        batches = self.batches()
+        batches, first = self.batches(), 0
         for index in itertools.count():
             part = list(itertools.islice(batches, _DATASET_BATCHES))
             if not part:
                 return
-            yield Shard(index, part)
+            shard = Shard(index, part, first)
+            first += shard.images
+            yield shard
 
     def batches(self) -> Iterator[tuple[Any, Any]]:
         """Yield pairs of images and labels; labels None where there are none."""
