@@ -22,14 +22,12 @@ import math
 
 import tensorflow as tf
 
-# Stored weights are symmetric, as model files demand.
-LARGEST_WEIGHT = 127
+from bitfold.training import quantising
+
 # The least and the greatest width that can be asked for, and the greatest shift: by 31 bits the
 # accelerator rounds in another way.
 _WIDTHS = (2, 32)
 _LARGEST_SHIFT = 30
-# A bias has 32 bits before it is shifted.
-_LARGEST_BIAS = 2.0**31 - 1
 # The scale that fits is sought from an eighth of the estimate that rounds nothing, in steps of a
 # hundredth or so, to eight times the estimate: rounding at most doubles a number, and the rounding
 # of a shifted product doubles it once more.
@@ -86,48 +84,9 @@ class Limits:
     @property
     def largest_weight(self) -> float:
         """The greatest weight that the unit reads as it is. Those below zero it always does."""
-        return 2.0 ** (self.width // 2 - 1) - 1 if self.has_half_weights else LARGEST_WEIGHT
-
-
-def scales_of(largest: tf.Tensor) -> tf.Tensor:
-    """Return the scales at which some magnitudes are stored as 127."""
-    return largest / LARGEST_WEIGHT
-
-
-def stored_filter(filter: tf.Tensor, largest: tf.Tensor) -> tf.Tensor:
-    """Return weights as they are stored: the nearest multiples of their scale, halves to even.
-
-    Args:
-        filter: float32 [..., outputs].
-        largest: float32, broadcast to the filter: what is stored as 127.
-
-    Returns:
-        Whole numbers from -127 to 127, float32 of the filter's shape.
-
-    Example:
-        >>> stored_filter(tf.constant([0.5, -300.0]), tf.constant(127 / 4)).numpy()
-        array([   2., -127.], dtype=float32)
-    """
-    return tf.clip_by_value(tf.round(filter / scales_of(largest)), -LARGEST_WEIGHT, LARGEST_WEIGHT)
-
-
-def stored_bias(bias: tf.Tensor, data_scale: tf.Tensor | float, largest: tf.Tensor) -> tf.Tensor:
-    """Return a bias as it is stored, in units of data scale * scale, halves to even.
-
-    Args:
-        bias: float32 [outputs].
-        data_scale: float32, of the layer's data.
-        largest: float32 [..., outputs], of the filter.
-
-    Returns:
-        Whole numbers, float64 of the shape of `largest`.
-
-    Example:
-        >>> stored_bias(tf.constant([3.0]), tf.constant(0.5), tf.constant([127 / 4])).numpy()
-        array([24.])
-    """
-    unit = tf.cast(data_scale, tf.float64) * tf.cast(scales_of(largest), tf.float64)
-    return tf.round(tf.cast(bias, tf.float64) / unit)
+        if not self.has_half_weights:
+            return quantising.LARGEST_WEIGHT
+        return 2.0 ** (self.width // 2 - 1) - 1
 
 
 def partial_sums_range(
@@ -191,8 +150,8 @@ def bounded_largest(
     """Return what to store as 127 so that no input leads a partial sum out of the accumulator.
 
     Args:
-        filter: float32 [..., outputs], with what is folded into it.
-        bias: float32 [outputs]; None without.
+        filter: float64 [..., outputs], with what is folded into it.
+        bias: float64 [outputs]; None without.
         largest: float32 [outputs], above 0: what would be stored as 127 if sums did not matter. It
             is returned where they do not.
         data_scale: of the layer's data.
@@ -203,13 +162,14 @@ def bounded_largest(
         They are constants to gradients.
 
     Example:
-        >>> filter = tf.constant([[0.5], [0.5], [-0.25]])
+        >>> filter = tf.constant([[0.5], [0.5], [-0.25]], tf.float64)
         >>> largest = bounded_largest(filter, None, [0.5], 1.0, Limits(12, low=0, high=255))
-        >>> stored_filter(filter, largest).numpy().ravel()  # 255 * (4 + 4) < 2^11
+        >>> scales = quantising.filter_scales(largest)
+        >>> quantising.integer_filter(filter, scales).numpy().ravel()  # 255 * (4 + 4) < 2^11
         array([ 4.,  4., -2.], dtype=float32)
     """
-    filter, largest = tf.convert_to_tensor(filter), tf.convert_to_tensor(largest)
-    estimate = LARGEST_WEIGHT * _least_scales(filter, bias, data_scale, limits)
+    filter, largest = tf.convert_to_tensor(filter), tf.convert_to_tensor(largest, tf.float32)
+    estimate = quantising.LARGEST_WEIGHT * _least_scales(filter, bias, data_scale, limits)
     low, high = tf.maximum(largest, estimate / _RANGE), tf.maximum(largest, estimate * _RANGE)
     count = min(max(_MOST_NUMBERS // max(filter.shape.num_elements(), 1), 2), _MOST_TRIES)
     # The low end is tried, too: what fits already stays.
@@ -255,17 +215,17 @@ def _least_scales(
 ) -> tf.Tensor:
     """Return the scales at which sums would just fit if nothing were rounded, float32."""
     unshifted = dataclasses.replace(limits, shift=0)
-    in_data = None if bias is None else tf.cast(bias / data_scale, tf.float64)
+    in_data = None
+    if bias is not None:
+        in_data = tf.cast(bias, tf.float64) / tf.cast(data_scale, tf.float64)
     least, greatest = partial_sums_range(filter, in_data, unshifted)
     sums = tf.maximum(greatest / limits.largest, least / limits.smallest)
-    sums /= 2.0**limits.shift
-    if limits.shift and bias is not None:
-        sums = tf.maximum(sums, tf.abs(in_data) / _LARGEST_BIAS)
-    scales = tf.cast(sums, tf.float32)
+    scales = tf.cast(sums / 2.0**limits.shift, tf.float32)
     if limits.has_half_weights:
         # Where the unit reads no number above zero as it is, all of them must round to zero.
         greatest_weight = tf.reduce_max(filter, list(range(filter.shape.rank - 1)))
-        scales = tf.maximum(scales, greatest_weight / max(limits.largest_weight, 0.5))
+        weights = greatest_weight / max(limits.largest_weight, 0.5)
+        scales = tf.maximum(scales, tf.cast(weights, tf.float32))
     return scales
 
 
@@ -279,13 +239,15 @@ def _fits(
     """Return whether sums fit with `largest` [tries, outputs], bool of that shape."""
     tries, outputs = largest.shape
     shape = [tries, *(1 for _ in filter.shape[:-1]), outputs]
-    stored = stored_filter(filter, tf.reshape(largest, shape))
-    added = None if bias is None else stored_bias(bias, data_scale, largest)
+    scales = quantising.filter_scales(largest)
+    stored = quantising.integer_filter(filter, tf.reshape(scales, shape))
+    added = None
+    if bias is not None:
+        units = tf.cast(data_scale, tf.float64) * tf.cast(scales, tf.float64)
+        added = quantising.integer_bias(bias, units)
     taps = list(range(1, len(shape) - 1))
     least, greatest = _range_over(taps, stored, added, limits)
     fits = (least >= limits.smallest) & (greatest <= limits.largest)
-    if limits.shift and added is not None:
-        fits &= tf.abs(added) <= _LARGEST_BIAS
     if limits.has_half_weights:
         fits &= tf.reduce_max(stored, taps) <= limits.largest_weight
     return fits

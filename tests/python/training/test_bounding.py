@@ -13,7 +13,7 @@ import pytest
 import tensorflow as tf
 
 import bitfold
-from bitfold.training import bounding
+from bitfold.training import bounding, quantising
 from bitfold.training.bounding import Limits
 
 DATA_SCALE = 1 / 64
@@ -26,7 +26,7 @@ class Layer:
     real: np.ndarray  # [rows, columns, inputs, outputs]
     real_bias: np.ndarray | None
     limits: Limits
-    stored: np.ndarray
+    filter: np.ndarray
     bias: np.ndarray
     largest: np.ndarray
     unbounded: np.ndarray
@@ -40,12 +40,12 @@ class Layer:
         """Return the sums of data less its zero point in an accumulator, by the public ops."""
         datapath = dict(accumulator_size=width, mult_shift=self.limits.shift)
         op = bitfold.ops.depthwise_conv2d if self.depthwise else bitfold.ops.conv2d
-        sums = op(data.astype(np.int32), self.stored, padding="VALID", **datapath)
+        sums = op(data.astype(np.int32), self.filter, padding="VALID", **datapath)
         return bitfold.ops.bias_add(sums, self.bias, **datapath).numpy().astype(np.int64)
 
     def adversaries(self) -> np.ndarray:
         """Return data that brings each output to its greatest and to its least sum."""
-        weights = np.moveaxis(self.stored, 3, 0)  # [outputs, rows, columns, inputs]
+        weights = np.moveaxis(self.filter, 3, 0)  # [outputs, rows, columns, inputs]
         if self.depthwise:
             weights = np.broadcast_to(weights, (*weights.shape[:3], weights.shape[0]))
         low, high = int(self.limits.low), int(self.limits.high)
@@ -58,7 +58,7 @@ class Layer:
         found = bitfold.ops.partial_sums(
             # As stored integers with a zero point.
             (self.adversaries() + (-128 - low)).astype(np.int8),
-            self.stored.astype(np.int8),
+            self.filter.astype(np.int8),
             self.bias,
             depthwise=self.depthwise,
             input_zero_point=-128 - low,
@@ -70,19 +70,22 @@ class Layer:
         )
 
 
+def stored(real: np.ndarray, real_bias: np.ndarray | None, largest: tf.Tensor) -> tuple:
+    """Return what is stored of weights and bias, int32."""
+    scales = quantising.filter_scales(largest)
+    filter = quantising.integer_filter(real, scales).numpy().astype(np.int32)
+    if real_bias is None:
+        return filter, np.zeros(filter.shape[-1], np.int32)
+    bias = quantising.integer_bias(real_bias, DATA_SCALE * tf.cast(scales, tf.float64))
+    return filter, bias.numpy().astype(np.int32)
+
+
 def bounded(real: np.ndarray, real_bias: np.ndarray | None, limits: Limits) -> Layer:
     """Return a layer as it is stored within limits."""
-    real = real.astype(np.float32)
-    unbounded = np.abs(real).max((0, 1, 2)) + np.float32(2.0**-20)
-    biases = None if real_bias is None else tf.constant(real_bias, tf.float32)
-    largest = bounding.bounded_largest(
-        tf.constant(real), biases, tf.constant(unbounded), DATA_SCALE, limits
-    )
-    stored = bounding.stored_filter(real, largest).numpy().astype(np.int32)
-    bias = np.zeros(stored.shape[3], np.int32)
-    if biases is not None:
-        bias = bounding.stored_bias(biases, DATA_SCALE, largest).numpy().astype(np.int32)
-    return Layer(real, real_bias, limits, stored, bias, largest.numpy(), unbounded)
+    unbounded = np.abs(real).max((0, 1, 2)).astype(np.float32) + np.float32(2.0**-20)
+    largest = bounding.bounded_largest(real, real_bias, unbounded, DATA_SCALE, limits)
+    filter, bias = stored(real, real_bias, largest)
+    return Layer(real, real_bias, limits, filter, bias, largest.numpy(), unbounded)
 
 
 SHAPES = {"convolution": (3, 3, 4, 6), "dense": (1, 1, 40, 5), "depthwise": (3, 3, 1, 8)}
@@ -124,12 +127,11 @@ def test_scales_are_hardly_greater_than_need_be(kind):
     layer = random_layer(kind, 13, "from zero", 0)
     assert (layer.largest > layer.unbounded).all()
     lesser = tf.constant(layer.largest * np.float32(1 - 1 / 30))
-    stored = bounding.stored_filter(layer.real, lesser)
-    bias = bounding.stored_bias(layer.real_bias, DATA_SCALE, lesser)
-    least, greatest = bounding.partial_sums_range(stored, bias, layer.limits)
+    filter, bias = (tf.constant(v, tf.float32) for v in stored(layer.real, layer.real_bias, lesser))
+    least, greatest = bounding.partial_sums_range(filter, bias, layer.limits)
     outside = (least < layer.limits.smallest) | (greatest > layer.limits.largest)
     if kind == "depthwise":
-        outside |= tf.reduce_max(stored, [0, 1, 2]) > layer.limits.largest_weight
+        outside |= tf.reduce_max(filter, [0, 1, 2]) > layer.limits.largest_weight
     assert outside.numpy().all()
 
 
@@ -144,9 +146,9 @@ def test_biases_count():
     """A bias may fill the accumulator alone; weights get what it leaves, and none is enough."""
     real = np.broadcast_to([[1.0], [-0.1], [0.1], [0.1]], (1, 1, 4, 2))
     layer = bounded(real, np.array([1.0e6, -0.1]), Limits(10, 0, 255))
-    assert not layer.stored[..., 0].any()
+    assert not layer.filter[..., 0].any()
     assert 490 < layer.bias[0] < 512
-    assert layer.stored[..., 1].tolist() == [[[2, 0, 0, 0]]]
+    assert layer.filter[..., 1].tolist() == [[[2, 0, 0, 0]]]
     assert layer.bias[1] == -16
 
 
@@ -154,9 +156,9 @@ def test_many_weights_are_tried_one_scale_after_the_other():
     """Large layers take no more memory than a few times their weights."""
     rng = np.random.default_rng(5)
     layer = bounded(rng.normal(size=(3, 3, 256, 256)), None, Limits(16, 0, 255))
-    sums = np.abs(layer.stored.astype(np.int64)).sum((0, 1, 2)) * 255
+    sums = np.abs(layer.filter.astype(np.int64)).sum((0, 1, 2)) * 255
     assert (sums > 1 << 15).all()  # of both signs together
-    positive = np.maximum(layer.stored, 0).sum((0, 1, 2)) * 255
+    positive = np.maximum(layer.filter, 0).sum((0, 1, 2)) * 255
     assert (positive < 1 << 15).all()
 
 
@@ -175,12 +177,12 @@ signed = st.builds(lambda magnitude, sign: magnitude * sign, magnitudes, st.samp
 def test_any_weights_fit(weights, bias, width, zero, shift, depthwise):
     """However uneven weights and bias are, and however narrow the accumulator is."""
     limits = Limits(width, -zero, 255 - zero, shift, depthwise)
-    real = np.float32(weights).reshape(1, -1, 1, 1)
-    layer = bounded(real, np.float32([bias]), limits)
+    real = np.float64(weights).reshape(1, -1, 1, 1)
+    layer = bounded(real, np.float64([bias]), limits)
     assert (layer.reached() <= width).all()
     if depthwise:
         half = width // 2
-        assert layer.stored.max(initial=0) <= (1 << (half - 1)) - 1
+        assert layer.filter.max(initial=0) <= (1 << (half - 1)) - 1
 
 
 @pytest.mark.parametrize(("width", "shift"), [(1, 0), (33, 0), (16, -1), (16, 31)])
@@ -208,7 +210,7 @@ def test_excess_pushes_magnitudes_down():
 
 def test_scales_are_constants_to_gradients():
     """And the search takes no part in training."""
-    filter = tf.constant([[2.0], [-8.0]])
+    filter = tf.constant([[2.0], [-8.0]], tf.float64)
     with tf.GradientTape() as tape:
         tape.watch(filter)
         largest = bounding.bounded_largest(filter, None, [8.0], 1.0, Limits(8, 0, 255))
