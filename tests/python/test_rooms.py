@@ -149,7 +149,7 @@ PACKAGE = ROOT / "python" / "bitfold"
 FLOORS = (
     ("bitfold.__main__",),  # the command, which stands outside as bitfold_command
     ("bitfold",),  # the door: what `import bitfold` offers
-    ("bitfold.studies",),  # what an arithmetic does to a network
+    ("bitfold.studies", "bitfold.training"),  # what an arithmetic does to a network; learning it
     ("bitfold.network",),  # trained networks
     ("bitfold.detection", "bitfold.fpx", "bitfold.resize", "bitfold.tables"),  # an op's company
     ("bitfold.ops",),  # single ops

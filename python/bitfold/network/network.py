@@ -18,7 +18,7 @@ from bitfold._frame import warning_lines
 from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
-from bitfold.network.converter import convert_keras
+from bitfold.network.converter import convert_keras, convert_trained
 from bitfold.network.execution import Observe, Program
 from bitfold.network.graph import Node
 from bitfold.network.keras_layer import NetworkLayer
@@ -27,6 +27,7 @@ from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_nor
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 from bitfold.network.summary import print_summary
+from bitfold.network.trained import is_trained
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -100,25 +101,41 @@ class Network:
             return cls(file.read())
 
     @classmethod
-    def from_keras(cls, model: Any, calibration: Any, *, activation_bits: int = 8) -> Network:
+    def from_keras(
+        cls, model: Any, calibration: Any = None, *, activation_bits: int = 8
+    ) -> Network:
         """Quantise a Keras model by the runtime's converter, and import the result.
 
         Batch normalisation is folded, activations are fused, weights get 8 bits and a scale for
-        each output channel.
+        each output channel. A model that `bitfold.training.emulate` made brings its scales and
+        integers with it, and its arithmetic.
 
         Args:
             model: a functional or sequential model; it is not changed.
             calibration: examples of inputs, from which the ranges of all tensors are taken: an
                 array (a list or dictionary of them for several inputs), a `tf.data.Dataset` or an
                 iterable of batches. A few hundred that look like what will come.
+                None for a model that was trained in integers.
             activation_bits: 8, or 16 for tensors of 16 bits and weights of 8.
 
         Raises:
             ValueError: for calibration data or a number of bits that cannot be used.
+            RuntimeError: where the converter fails.
             bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
         """
-        file = convert_keras(model, calibration, activation_bits=activation_bits)
-        return cls(file, known_names=[layer.name for layer in model.layers])
+        names = [layer.name for layer in model.layers]
+        if not is_trained(model):
+            file = convert_keras(model, calibration, activation_bits=activation_bits)
+            return cls(file, known_names=names)
+        if calibration is not None or activation_bits != 8:
+            raise ValueError(
+                "Need no calibration and activation_bits=8 for a model that was trained in "
+                f"integers of 8 bits, got activation_bits={activation_bits}"
+                + (" and calibration data" if calibration is not None else "")
+            )
+        file, trained = convert_trained(model)
+        network = cls(file, known_names=names)
+        return network.with_arithmetic({record.name: record.arithmetic for record in trained})
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Network:

@@ -1,0 +1,181 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""Models that were trained in integers: what their layers tell while they are converted.
+
+Such a layer has the class of a `TrainedLayer` among its bases. Called while a model is exported it
+computes in real numbers, with fake quantisation nodes of the ranges that it was trained with, and
+notes the integers that it was trained with. The converter makes a file of the nodes; here it is
+compared with the notes.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import contextvars
+import dataclasses
+from collections.abc import Iterator
+from typing import Any
+
+import numpy as np
+
+from bitfold.network import naming
+from bitfold.network.arithmetic import Arithmetic
+from bitfold.network.assemble import assemble
+from bitfold.network.graph import Graph, Node, Quantisation, Tensor
+from bitfold.network.model_file import read
+from bitfold.network.model_packer import pack
+
+
+class TrainedLayer:
+    """Marks the layers of models that were trained in integers."""
+
+
+@dataclasses.dataclass(frozen=True, eq=False)
+class Trained:
+    """The integers that a layer was trained with.
+
+    Attributes:
+        name: of the layer.
+        kind: of the operator that it becomes, as CONV_2D.
+        arithmetic: what it was trained in.
+        filter: int8, in the layout of a model file; None for a layer without one.
+        filter_scales: float32, one for each output.
+        axis: the dimension of the filter that counts outputs.
+        bias: int32, one for each output.
+        data: scale and zero point of the data; of several operands those of the first.
+        output: scale and zero point of the output.
+    """
+
+    name: str
+    kind: str
+    arithmetic: Arithmetic
+    filter: np.ndarray | None
+    filter_scales: np.ndarray | None
+    axis: int
+    bias: np.ndarray | None
+    data: tuple[float, int]
+    output: tuple[float, int]
+
+
+_NOTES: contextvars.ContextVar[list[Trained] | None] = contextvars.ContextVar(
+    "bitfold_trained", default=None
+)
+
+
+@contextlib.contextmanager
+def exporting() -> Iterator[list[Trained]]:
+    """Let layers that are called note what they were trained with; yield the notes."""
+    notes: list[Trained] = []
+    token = _NOTES.set(notes)
+    try:
+        yield notes
+    finally:
+        _NOTES.reset(token)
+
+
+def notes() -> list[Trained] | None:
+    """Return where a layer that is called notes itself; None where no model is exported."""
+    return _NOTES.get()
+
+
+def is_trained(model: Any) -> bool:
+    """Return whether a Keras model was made to train in integers."""
+    return any(isinstance(layer, TrainedLayer) for layer in getattr(model, "layers", ()))
+
+
+def as_trained(file: bytes, trained: list[Trained], known_names: list[str]) -> bytes:
+    """Return a converted file with the integers of training, on bits.
+
+    Args:
+        file: what the converter wrote.
+        trained: what the layers noted.
+        known_names: of the model's layers.
+
+    Returns:
+        `file` itself where it holds these integers; else the same graph with the filters, scales
+        and biases of training in place of those that differ.
+
+    Raises:
+        RuntimeError: a layer is not in the file, or its data or its output has another scale or
+            zero point there.
+    """
+    graph = read(file)
+    changed = _differences(graph, trained, known_names)
+    if not changed:
+        return file
+    tensors = tuple(changed.get(tensor.index, tensor) for tensor in graph.tensors)
+    graph = dataclasses.replace(graph, tensors=tensors)
+    # Layers may share a constant, of which there is one in the file.
+    left = _differences(graph, trained, known_names)
+    if left:
+        which = ", ".join(str(tensor) for tensor in left.values())
+        raise RuntimeError(f"the runtime's converter made one constant for several layers: {which}")
+    return pack(graph)
+
+
+def _differences(graph: Graph, trained: list[Trained], known_names: list[str]) -> dict[int, Tensor]:
+    """Return by index the constants of a graph that differ from those of training."""
+    nodes = assemble(graph).nodes
+    names = naming.layer_names(nodes, known_names)
+    changed: dict[int, Tensor] = {}
+    for record in trained:
+        node = _found(record, nodes, names)
+        _require_grids(record, node)
+        if record.filter is not None:
+            changed.update(_differing(record, node, graph))
+    return changed
+
+
+def _found(record: Trained, nodes: list[Node], names: list[str]) -> Node:
+    """Return the operator that a layer became."""
+    for node, name in zip(nodes, names, strict=True):
+        if node.kind == record.kind and name == record.name:
+            return node
+    there = ", ".join(f"{name} ({node.kind})" for node, name in zip(nodes, names, strict=True))
+    raise RuntimeError(
+        f"the runtime's converter wrote no {record.kind} for the trained layer {record.name!r}, "
+        f"but {there}"
+    )
+
+
+def _require_grids(record: Trained, node: Node) -> None:
+    """Raise unless data and output have the scales that they were trained with."""
+    pairs = (
+        ("data", record.data, [t for t in node.inputs if t is not None and not t.is_constant]),
+        ("output", record.output, node.outputs),
+    )
+    for what, grid, tensors in pairs:
+        found = [(tensor.scale, tensor.zero_point) for tensor in tensors if tensor.is_quantised]
+        if grid not in found:
+            raise RuntimeError(
+                f"the runtime's converter gave the {what} of the trained layer {record.name!r} "
+                f"the scales and zero points {found}, not {grid}"
+            )
+
+
+def _differing(record: Trained, node: Node, graph: Graph) -> dict[int, Tensor]:
+    """Return the constants of a layer that differ from those of training, as training has them."""
+    weights, bias = node.inputs[1], node.input(2)
+    changed = {}
+    scales = np.broadcast_to(weights.quantisation.scales, record.filter_scales.shape)
+    if not (
+        np.array_equal(weights.data, record.filter) and np.array_equal(scales, record.filter_scales)
+    ):
+        changed[weights.index] = _replaced(
+            graph.tensors[weights.index], record.filter, record.filter_scales, record.axis
+        )
+    if bias is None:
+        if record.bias.any():
+            raise RuntimeError(
+                f"the runtime's converter wrote no bias for the trained layer {record.name!r}"
+            )
+    elif not np.array_equal(bias.data, record.bias):
+        units = np.float32(np.float64(record.data[0]) * record.filter_scales)
+        changed[bias.index] = _replaced(graph.tensors[bias.index], record.bias, units, 0)
+    return changed
+
+
+def _replaced(tensor: Tensor, data: np.ndarray, scales: np.ndarray, axis: int) -> Tensor:
+    zeros = np.zeros(scales.size, np.int64)
+    quantisation = Quantisation(scales.astype(np.float32), zeros, axis)
+    return dataclasses.replace(tensor, data=data.reshape(tensor.shape), quantisation=quantisation)
