@@ -9,8 +9,12 @@ from typing import Any
 import keras
 import tensorflow as tf
 
+from bitfold.network.arithmetic import Arithmetic
 from bitfold.training.bounding import Limits, bounded_largest, excess_bits
 from bitfold.training.hooks import FilterRule, LayerIntegers, RealLayer
+
+# An output without weights has a scale, too.
+_LEAST = 2.0**-100
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -47,10 +51,34 @@ class ProvenWidth(FilterRule):
         Limits(width, 0, 0)
         self.width = width
 
+    def require_provable(self, name: str, arithmetic: Arithmetic) -> None:
+        """Refuse an accumulator for which this width proves nothing.
+
+        Args:
+            name: of the layer.
+            arithmetic: what it computes in.
+
+        Raises:
+            ValueError: for a narrower accumulator, one of half precision and a shift beyond those
+                that divide.
+        """
+        size = arithmetic.accumulator_size
+        if arithmetic.use_fp16_acc:
+            raise ValueError(
+                f"Need an accumulator of whole numbers to prove {self.width} bits of layer "
+                f"{name!r}, got {arithmetic!r}"
+            )
+        if size is not None and self.width > size:
+            raise ValueError(
+                f"Need a proven width of at most the {size} bits of layer {name!r}, got "
+                f"{self.width}"
+            )
+        Limits(self.width, 0, 0, arithmetic.mult_shift)
+
     def largest(self, layer: RealLayer) -> tf.Tensor:
         """Return what 127 stands for."""
         limits = _limits(layer, self.width)
-        largest = super().largest(layer)
+        largest = tf.maximum(super().largest(layer), _LEAST)
         return bounded_largest(layer.filter, layer.bias, largest, layer.data_scale, limits)
 
     def get_config(self) -> dict[str, Any]:
