@@ -21,7 +21,7 @@ import tensorflow as tf
 
 from bitfold.network import console
 from bitfold.network.calibration import Calibration, ModelInput
-from bitfold.network.trained import Trained, as_trained, exporting
+from bitfold.network.trained import Trained, as_trained, exporting, known_names
 
 _LOGGER = logging.getLogger("bitfold.converter")
 # Without a handler, Python prints warnings itself.
@@ -127,7 +127,7 @@ def convert_trained(model: Any) -> tuple[bytes, list[Trained]]:
         converter.optimizations = [tf.lite.Optimize.DEFAULT]
         converter.inference_input_type = converter.inference_output_type = tf.int8
         file = converter.convert()
-        return as_trained(file, notes, [layer.name for layer in model.layers]), notes
+        return as_trained(file, notes, known_names(model, notes)), notes
 
     return _logged(model, convert)
 

@@ -27,7 +27,7 @@ from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_nor
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 from bitfold.network.summary import print_summary
-from bitfold.network.trained import is_trained
+from bitfold.network.trained import is_trained, known_names
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -134,7 +134,7 @@ class Network:
                 + (" and calibration data" if calibration is not None else "")
             )
         file, trained = convert_trained(model)
-        network = cls(file, known_names=names)
+        network = cls(file, known_names=known_names(model, trained))
         return network.with_arithmetic({record.name: record.arithmetic for record in trained})
 
     @classmethod

@@ -83,13 +83,21 @@ def is_trained(model: Any) -> bool:
     return any(isinstance(layer, TrainedLayer) for layer in getattr(model, "layers", ()))
 
 
-def as_trained(file: bytes, trained: list[Trained], known_names: list[str]) -> bytes:
+def known_names(model: Any, trained: list[Trained]) -> list[str]:
+    """Return what the layers of a model are called, parts of layers among them."""
+    return [
+        *(layer.name for layer in model.layers),
+        *(record.name.split("/")[-1] for record in trained),
+    ]
+
+
+def as_trained(file: bytes, trained: list[Trained], known: list[str]) -> bytes:
     """Return a converted file with the integers of training, on bits.
 
     Args:
         file: what the converter wrote.
         trained: what the layers noted.
-        known_names: of the model's layers.
+        known: what `known_names` returned.
 
     Returns:
         `file` itself where it holds these integers; else the same graph with the filters, scales
@@ -100,23 +108,23 @@ def as_trained(file: bytes, trained: list[Trained], known_names: list[str]) -> b
             zero point there.
     """
     graph = read(file)
-    changed = _differences(graph, trained, known_names)
+    changed = _differences(graph, trained, known)
     if not changed:
         return file
     tensors = tuple(changed.get(tensor.index, tensor) for tensor in graph.tensors)
     graph = dataclasses.replace(graph, tensors=tensors)
     # Layers may share a constant, of which there is one in the file.
-    left = _differences(graph, trained, known_names)
+    left = _differences(graph, trained, known)
     if left:
         which = ", ".join(str(tensor) for tensor in left.values())
         raise RuntimeError(f"the runtime's converter made one constant for several layers: {which}")
     return pack(graph)
 
 
-def _differences(graph: Graph, trained: list[Trained], known_names: list[str]) -> dict[int, Tensor]:
+def _differences(graph: Graph, trained: list[Trained], known: list[str]) -> dict[int, Tensor]:
     """Return by index the constants of a graph that differ from those of training."""
     nodes = assemble(graph).nodes
-    names = naming.layer_names(nodes, known_names)
+    names = naming.layer_names(nodes, known)
     changed: dict[int, Tensor] = {}
     for record in trained:
         node = _found(record, nodes, names)

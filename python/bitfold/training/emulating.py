@@ -4,7 +4,6 @@
 
 from __future__ import annotations
 
-import dataclasses
 import numbers
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from typing import Any
@@ -16,26 +15,18 @@ from bitfold.network import naming
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.calibration import Calibration
 from bitfold.network.converter import model_inputs
-from bitfold.training.edges import Dequantised, Quantised
+from bitfold.training.calls import Calls
 from bitfold.training.flow import calibrating
 from bitfold.training.hooks import FilterRule, LayerIntegers
-from bitfold.training.joins import EmulatedAddition
-from bitfold.training.patterns import Calls, Group
-from bitfold.training.pools import (
-    EmulatedAverage,
-    EmulatedMean,
-    EmulatedMove,
-    EmulatedNoise,
-    InFloats,
-)
+from bitfold.training.patterns import groups_of
 from bitfold.training.products import PRODUCTS
 from bitfold.training.proven import ExcessPenalty, ProvenWidth
 from bitfold.training.ranges import RANGES
+from bitfold.training.rewriting import Rewriter
 from bitfold.training.sums import GRADIENTS
 from bitfold.training.weighted import EmulatedLayer
 
 Penalty = Callable[[LayerIntegers], tf.Tensor]
-_WRAPPERS = {"average": EmulatedAverage, "move": EmulatedMove, "noise": EmulatedNoise}
 _BATCH = 32
 
 
@@ -113,25 +104,28 @@ def emulate(
             raise ValueError(f"Need a proven_width or a filter_rule, got both: {filter_rule!r}")
         filter_rule = _mapped(ProvenWidth, proven_width)
     inputs = model_inputs(model)
-    functional = getattr(model, "_functional", None) or model
-    groups = list(Calls(functional).groups())
+    calls = Calls(model)
+    groups = groups_of(calls)
     summing = [group.layer for group in groups if group.kind == "weighted"]
-    by_layer = {
+    options = {
         "arithmetic": _by_layer(arithmetic, summing, Arithmetic, Arithmetic()),
         "filter_rule": _by_layer(filter_rule, summing, FilterRule, None),
         "penalty": _by_layer(_mapped(_penalty, penalty), summing, Callable, None),
     }
-    for name, chosen in by_layer["arithmetic"].items():
+    for name, chosen in options["arithmetic"].items():
         _require_trainable(name, chosen)
-        rule = by_layer["filter_rule"][name]
+        rule = options["filter_rule"][name]
         if isinstance(rule, ProvenWidth):
             rule.require_provable(name, chosen)
-    options = {
-        name: {"gradient": gradient, **{key: found[name] for key, found in by_layer.items()}}
-        for name in (layer.name for layer in summing)
+    settings = {
+        layer.name: {
+            "gradient": gradient,
+            **{key: found[layer.name] for key, found in options.items()},
+        }
+        for layer in summing
     }
-    rewriter = _Rewriter(functional, options, {"ranges": ranges, "momentum": momentum})
-    emulated = rewriter.rewritten(groups, model.name)
+    ranged = {"ranges": ranges, "momentum": momentum}
+    emulated = Rewriter(calls, groups, settings, ranged).rewritten(model.name)
     _calibrate(emulated, Calibration(calibration, inputs))
     return emulated
 
@@ -146,7 +140,7 @@ def emulated_layers(model: keras.Model) -> list[EmulatedLayer]:
         >>> [layer.name for layer in bitfold.training.emulated_layers(trained)]
         ['dense']
     """
-    return [layer for layer in model.layers if isinstance(layer, EmulatedLayer)]
+    return [layer for layer in model._flatten_layers() if isinstance(layer, EmulatedLayer)]
 
 
 def _mapped(function: Callable[[Any], Any], given: Any) -> Any:
@@ -181,7 +175,7 @@ def _by_layer(
     what = kind.__name__
     if not isinstance(given, Mapping):
         raise TypeError(f"Need {what} or a dictionary of them, got {given!r}")
-    kinds = [PRODUCTS[type(layer)].kind for layer in layers]
+    kinds = [PRODUCTS[type(layer)].kind if type(layer) in PRODUCTS else "" for layer in layers]
     result, found = dict.fromkeys(names, default), []
     for key, value in given.items():
         if not isinstance(value, kind):
@@ -218,119 +212,3 @@ def _batches(images: Iterable[list[Any]]) -> Iterable[list[Any]]:
             kept = []
     if kept:
         yield [tf.concat(arrays, 0) for arrays in zip(*kept, strict=True)]
-
-
-@dataclasses.dataclass
-class _Value:
-    """What stands for a tensor of the model: integers with their grid, real numbers, or both."""
-
-    name: str
-    centred: Any = None
-    grid: Any = None
-    real: Any = None
-
-
-class _Rewriter:
-    """Makes the layers in integers and calls them as the model calls its own."""
-
-    def __init__(
-        self, model: Any, options: Mapping[str, Mapping[str, Any]], ranged: Mapping[str, Any]
-    ) -> None:
-        """Take the model, the options of layers with weights by name, and those of ranges."""
-        self._model = model
-        self._calls = Calls(model)
-        self._options = options
-        self._ranged = dict(ranged)
-        self._values: dict[int, _Value] = {}
-        self._groups: dict[int, Group] = {}
-
-    def rewritten(self, groups: Sequence[Group], name: str) -> keras.Model:
-        """Return the model."""
-        self._groups = {id(node): group for group in groups for node in group.nodes}
-        structure = self._model._inputs_struct
-        inputs = []
-        for tensor in self._model.inputs:
-            new = keras.Input(batch_shape=tensor.shape, dtype=tensor.dtype, name=tensor.name)
-            self._values[id(tensor)] = _Value(tensor.name, real=new)
-            inputs.append(new)
-        for group in groups:
-            self._add(group)
-        outputs = keras.tree.map_structure(
-            lambda tensor: self._real(tensor), self._model._outputs_struct
-        )
-        return keras.Model(keras.tree.pack_sequence_as(structure, inputs), outputs, name=name)
-
-    def _add(self, group: Group) -> None:
-        """Call what a group becomes."""
-        gives_real = not any(map(self._takes_integers, self._users(group)))
-        # With floats behind it alone, what moves elements may move floats.
-        if group.kind == "float" or (group.kind in ("move", "noise") and gives_real):
-            self._add_float(group)
-            return
-        arguments = [part for tensor in group.inputs for part in self._integers(tensor)]
-        layer = self._layer(group, gives_real)
-        result = layer(*arguments)
-        name = group.nodes[-1].operation.name
-        if gives_real:
-            value = _Value(name, real=result)
-        else:
-            value = _Value(name, centred=result[0], grid=result[1])
-        self._values[id(group.outputs[0])] = value
-
-    def _users(self, group: Group) -> list[Any]:
-        return self._calls.consumers(group.outputs[0])
-
-    def _takes_integers(self, node: Any) -> bool:
-        """Return whether a call computes in integers, or moves them to one that does."""
-        group = self._groups[id(node)]
-        if group.kind in ("move", "noise"):
-            return any(map(self._takes_integers, self._users(group)))
-        return group.kind != "float"
-
-    def _layer(self, group: Group, gives_real: bool) -> keras.layers.Layer:
-        """Make the layer in integers."""
-        layer = group.layer
-        keywords = {"gives_real": gives_real, "name": layer.name}
-        if group.kind in _WRAPPERS:
-            return _WRAPPERS[group.kind](_anew(layer), **keywords)
-        keywords |= {"activation": group.activation, **self._ranged}
-        if group.kind == "mean":
-            return EmulatedMean(keeps_dimensions=layer.keepdims, **keywords)
-        if group.kind == "sum":
-            subtracts = type(layer) is keras.layers.Subtract
-            return EmulatedAddition(subtracts=subtracts, **keywords)
-        parts = [node.operation for node in group.nodes[1:]]
-        normalisation = next(
-            (part for part in parts if isinstance(part, keras.layers.BatchNormalization)), None
-        )
-        return EmulatedLayer(layer, normalisation, **self._options[layer.name], **keywords)
-
-    def _add_float(self, group: Group) -> None:
-        """Call a layer in floats."""
-        node = group.nodes[0]
-        layer = InFloats(group.layer) if group.layer.variables else _anew(group.layer)
-        arguments = node.arguments.fill_in({tensor: self._real(tensor) for tensor in group.inputs})
-        results = layer(*arguments[0], **arguments[1])
-        for tensor, result in zip(group.outputs, keras.tree.flatten(results), strict=True):
-            self._values[id(tensor)] = _Value(layer.name, real=result)
-
-    def _integers(self, tensor: Any) -> tuple[Any, Any]:
-        """Return centred integers and the grid that stand for a tensor."""
-        value = self._values[id(tensor)]
-        if value.centred is None:
-            layer = Quantised(name=f"{value.name}_quantised", **self._ranged)
-            value.centred, value.grid = layer(value.real)
-        return value.centred, value.grid
-
-    def _real(self, tensor: Any) -> Any:
-        """Return the real numbers that stand for a tensor."""
-        value = self._values[id(tensor)]
-        if value.real is None:
-            layer = Dequantised(name=f"{value.name}_real")
-            value.real = layer(value.centred, value.grid)
-        return value.real
-
-
-def _anew(layer: Any) -> Any:
-    """Return a layer without variables anew: the model's own keeps its calls."""
-    return type(layer).from_config(layer.get_config())

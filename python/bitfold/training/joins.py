@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Sums and differences of two tensors in integers, as the runtime's ADD and SUB."""
+"""Sums, differences and concatenations in integers: ADD, SUB, CONCATENATION of the runtime."""
 
 from __future__ import annotations
 
@@ -106,3 +106,54 @@ def _scaled(centred: tf.Tensor, multiplier: tf.Tensor) -> tf.Tensor:
     """Return an operand in the scale of both, int32."""
     sums = tf.cast(centred * 2.0**_SPARE, tf.int32)
     return ops.requantise(sums, multiplier[None], dtype=tf.int32)
+
+
+@keras.saving.register_keras_serializable("bitfold")
+class EmulatedConcatenation(Ranged):
+    """Tensors one behind the other, each brought to one grid in two roundings."""
+
+    def __init__(self, *, axis: int = -1, **kwargs: Any) -> None:
+        """Take the dimension along which they lie behind one another."""
+        super().__init__(**kwargs)
+        self.axis = axis
+        self.kind = "CONCATENATION"
+
+    def build(self, *shapes: Any, **named: Any) -> None:
+        """Build nothing."""
+        self.built = True
+
+    def call(self, *operands: tf.Tensor, training: bool = False) -> Any:
+        """Compute a batch of centred integers and grids in turn."""
+        values, grids = operands[::2], operands[1::2]
+        if current() is not Flow.INTEGERS:
+            return self.in_floats(tf.concat(values, self.axis))
+        output_grid = self.range.grid()
+        parts = [_rescaled(*pair, output_grid) for pair in zip(values, grids, strict=True)]
+        unclamped = tf.concat([part for part, _ in parts], self.axis)
+        exact = tf.concat([term.values * term.factors for _, term in parts], self.axis)
+        centred = clamped(
+            tf.stop_gradient(unclamped),
+            [Term(exact, tf.ones([]))],
+            self.output_bounds(output_grid),
+            log_scale=self.log_scale,
+        )
+        self.observe(unclamped, output_grid, training)
+        return self.result(centred, output_grid)
+
+    def compute_output_spec(self, *operands: Any, training: bool = False) -> Any:
+        """Return what a call gives, symbolically."""
+        layer = keras.layers.Concatenate(self.axis)
+        return self.spec(layer.compute_output_shape([x.shape for x in operands[::2]]))
+
+    def get_config(self) -> dict[str, Any]:
+        """Return what `from_config` needs."""
+        return {**super().get_config(), "axis": self.axis}
+
+
+def _rescaled(values: tf.Tensor, grid: tf.Tensor, output_grid: tf.Tensor) -> tuple[tf.Tensor, Term]:
+    """Return centred integers in another grid, and what they approximate."""
+    ratio = tf.cast(grid[0], tf.float64) / tf.cast(output_grid[0], tf.float64)
+    stored = ops.requantise(
+        tf.cast(tf.stop_gradient(values), tf.int32), ratio[None], dtype=tf.int16
+    )
+    return tf.cast(stored, tf.float32), Term(values, tf.cast(ratio, tf.float32))

@@ -5,14 +5,15 @@
 from __future__ import annotations
 
 import dataclasses
-from collections.abc import Iterator
 from typing import Any
 
 import keras
 from keras import layers
 
 from bitfold.training import activations
-from bitfold.training.products import PRODUCTS
+from bitfold.training.calls import Call, Calls
+from bitfold.training.functions import Function, function_of_layer, function_of_name
+from bitfold.training.products import PRODUCTS, SEPARABLE
 
 # Layers that move elements or take the largest of some: the same on integers.
 MOVES = (
@@ -31,7 +32,6 @@ NOISES = (
     layers.GaussianNoise,
     layers.SpatialDropout2D,
 )
-SUMS = (layers.Add, layers.Subtract)
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
@@ -39,148 +39,139 @@ class Group:
     """Calls that become one layer.
 
     Attributes:
-        kind: "weighted", "sum", "mean", "average", "move", "noise" or "float".
-        nodes: the calls, in order.
+        kind: "weighted", "sum", "mean", "average", "move", "noise", "concatenation", "function" or
+            "float".
+        calls: in order.
         activation: that is fused.
+        function: that is computed, or that follows a layer with weights; None where there is none.
         reason: why it stays in floats; "" where it does not.
     """
 
     kind: str
-    nodes: tuple[Any, ...]
+    calls: tuple[Call, ...]
     activation: str = "linear"
+    function: Function | None = None
     reason: str = ""
 
     @property
     def layer(self) -> Any:
         """The Keras layer of the first call."""
-        return self.nodes[0].operation
+        return self.calls[0].layer
 
     @property
-    def inputs(self) -> list[Any]:
+    def inputs(self) -> tuple[Any, ...]:
         """The tensors of the first call."""
-        return list(self.nodes[0].input_tensors)
+        return self.calls[0].inputs
 
     @property
-    def outputs(self) -> list[Any]:
+    def outputs(self) -> tuple[Any, ...]:
         """The tensors of the last call."""
-        return list(self.nodes[-1].outputs)
+        return self.calls[-1].outputs
+
+    @property
+    def normalisation(self) -> Any:
+        """The batch normalisation that is folded, or None."""
+        found = [call.layer for call in self.calls[1:]]
+        return next((x for x in found if isinstance(x, layers.BatchNormalization)), None)
 
 
-class Calls:
-    """The calls of a functional model."""
-
-    def __init__(self, model: Any) -> None:
-        """Take a functional model."""
-        self.nodes = [
-            node
-            for depth in sorted(model._nodes_by_depth, reverse=True)
-            for node in model._nodes_by_depth[depth]
-            if not node.is_input
-        ]
-        self._outputs = {id(tensor) for tensor in keras.tree.flatten(model.outputs)}
-        self._consumers: dict[int, list[Any]] = {}
-        for node in self.nodes:
-            for tensor in node.input_tensors:
-                self._consumers.setdefault(id(tensor), []).append(node)
-        operations = [id(node.operation) for node in self.nodes]
-        self._repeated = {key for key in operations if operations.count(key) > 1}
-
-    def is_output(self, tensor: Any) -> bool:
-        """Return whether a tensor is an output of the model."""
-        return id(tensor) in self._outputs
-
-    def consumers(self, tensor: Any) -> list[Any]:
-        """Return the calls that take a tensor."""
-        return self._consumers.get(id(tensor), [])
-
-    def groups(self) -> Iterator[Group]:
-        """Yield the model's calls in groups, in an order in which they can be made."""
-        taken: set[int] = set()
-        for node in self.nodes:
-            if id(node) in taken:
-                continue
-            group = self._group(node)
-            taken.update(id(part) for part in group.nodes)
-            yield group
-
-    def _group(self, node: Any) -> Group:
-        layer = node.operation
-        if type(layer) in PRODUCTS:
-            return self._weighted(node)
-        if type(layer) in SUMS:
-            return self._sum(node)
-        if type(layer) is layers.GlobalAveragePooling2D and _is_last(layer):
-            return Group("mean", (node,))
-        if type(layer) is layers.AveragePooling2D and _is_last(layer):
-            return Group("average", (node,))
-        if type(layer) in MOVES and _is_last(layer):
-            return Group("move", (node,))
-        if type(layer) in NOISES:
-            return Group("noise", (node,))
-        return Group("float", (node,), reason=f"{type(layer).__name__} is computed in floats")
-
-    def _weighted(self, node: Any) -> Group:
-        layer = node.operation
-        reason = _weighted_problem(layer, node)
-        if id(layer) in self._repeated:
-            reason = "the layer is called more than once"
-        own = activations.of_function(layer.activation)
-        if own is None:
-            name = getattr(layer.activation, "__name__", layer.activation)
-            reason = reason or f"its activation {name} is not fused"
-        if reason:
-            return Group("float", (node,), reason=reason)
-        nodes = [node]
-        if own == "linear":
-            following = self._following(nodes[-1])
-            if following is not None and _is_folded(following.operation):
-                nodes.append(following)
-        if own == "linear":
-            return self._activated("weighted", nodes)
-        return Group("weighted", tuple(nodes), own)
-
-    def _sum(self, node: Any) -> Group:
-        shapes = {tuple(tensor.shape[1:]) for tensor in node.input_tensors}
-        if len(node.input_tensors) != 2 or len(shapes) != 1:
-            return Group("float", (node,), reason="a sum in integers is one of two equal shapes")
-        return self._activated("sum", [node])
-
-    def _activated(self, kind: str, nodes: list[Any]) -> Group:
-        """Return a group with the activation that follows."""
-        following = self._following(nodes[-1])
-        name = None if following is None else activations.name_of(following.operation)
-        if name is None:
-            return Group(kind, tuple(nodes))
-        return Group(kind, (*nodes, following), name)
-
-    def _following(self, node: Any) -> Any:
-        """Return the one call that takes the output of a call, None where there is another use."""
-        tensor = node.outputs[0]
-        consumers = self.consumers(tensor)
-        if len(consumers) != 1 or self.is_output(tensor) or len(consumers[0].input_tensors) != 1:
-            return None
-        return None if id(consumers[0].operation) in self._repeated else consumers[0]
+def groups_of(calls: Calls) -> list[Group]:
+    """Return a model's calls in groups, in an order in which they can be made."""
+    found: list[Group] = []
+    taken: set[int] = set()
+    for call in calls.all:
+        if id(call) not in taken:
+            group = _group(calls, call)
+            taken.update(map(id, group.calls))
+            found.append(group)
+    return found
 
 
-def _is_last(layer: keras.layers.Layer) -> bool:
-    """Return whether channels come last."""
+def _group(calls: Calls, call: Call) -> Group:
+    layer = call.layer
+    kind = type(layer)
+    if kind in PRODUCTS or kind is SEPARABLE:
+        return _weighted(calls, call)
+    function = function_of_layer(layer)
+    if function is not None:
+        return Group("function", (call,), function=function)
+    if kind in (layers.Add, layers.Subtract):
+        return _sum(calls, call)
+    if kind is layers.Concatenate:
+        return Group("concatenation", (call,))
+    if _has_channels_last(layer):
+        if kind is layers.GlobalAveragePooling2D:
+            return Group("mean", (call,))
+        if kind is layers.AveragePooling2D:
+            return Group("average", (call,))
+        if kind in MOVES:
+            return Group("move", (call,))
+    if kind in NOISES:
+        return Group("noise", (call,))
+    return Group("float", (call,), reason=f"{kind.__name__} has no form in integers here")
+
+
+def _weighted(calls: Calls, call: Call) -> Group:
+    layer = call.layer
+    function = None
+    own = activations.of_function(layer.activation)
+    if own is None:
+        function, own = function_of_name(layer.activation), "linear"
+    reason = _weighted_problem(calls, call)
+    if not reason and function is None and activations.of_function(layer.activation) is None:
+        name = getattr(layer.activation, "__name__", layer.activation)
+        reason = f"its activation {name} has no form in integers here"
+    if reason:
+        return Group("float", (call,), reason=reason)
+    if own != "linear" or function is not None:
+        return Group("weighted", (call,), own, function)
+    found = [call]
+    following = calls.following(call)
+    if following is not None and _is_folded(following.layer):
+        found.append(following)
+    return _activated(calls, "weighted", found)
+
+
+def _sum(calls: Calls, call: Call) -> Group:
+    shapes = {tuple(tensor.shape[1:]) for tensor in call.inputs}
+    if len(shapes) != 1 or len(call.inputs) < 2:
+        return Group("float", (call,), reason="a sum in integers is one of equal shapes")
+    return _activated(calls, "sum", [call])
+
+
+def _activated(calls: Calls, kind: str, found: list[Call]) -> Group:
+    """Return a group with the activation that follows."""
+    following = calls.following(found[-1])
+    name = None if following is None else activations.name_of(following.layer)
+    if name is None:
+        return Group(kind, tuple(found))
+    return Group(kind, (*found, following), name)
+
+
+def _has_channels_last(layer: keras.layers.Layer) -> bool:
     return getattr(layer, "data_format", None) in (None, "channels_last")
 
 
 def _is_folded(layer: keras.layers.Layer) -> bool:
-    return type(layer) is layers.BatchNormalization and layer.axis in (-1, 3, (-1,), [-1], (3,))
+    """Return whether a layer is a batch normalisation of the channels, which come last."""
+    axis = getattr(layer, "axis", None)
+    axis = axis[0] if isinstance(axis, list | tuple) and len(axis) == 1 else axis
+    return type(layer) is layers.BatchNormalization and axis in (-1, 3)
 
 
-def _weighted_problem(layer: keras.layers.Layer, node: Any) -> str:
+def _weighted_problem(calls: Calls, call: Call) -> str:
     """Return why a layer with weights stays in floats, "" where it does not."""
-    if not _is_last(layer):
+    layer = call.layer
+    if calls.is_repeated(call):
+        return "it is called more than once"
+    if not _has_channels_last(layer):
         return "its channels come first"
     if getattr(layer, "groups", 1) != 1:
         return "its channels are in groups"
-    if isinstance(layer, layers.Dense) and len(node.input_tensors[0].shape) != 2:
+    if isinstance(layer, layers.Dense) and len(call.inputs[0].shape) != 2:
         return "its data has more than one dimension beside the batch"
     if getattr(layer, "lora_rank", None) or getattr(layer, "quantization_mode", None):
         return "its kernel is not a plain one"
-    if isinstance(layer, layers.DepthwiseConv2D) and len(set(layer.strides)) > 1:
+    if type(layer) not in (layers.Conv2D, layers.Dense) and len(set(layer.strides)) > 1:
         return "its strides differ, which the stock op does not compute"
     return ""

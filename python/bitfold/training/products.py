@@ -48,6 +48,15 @@ class Product(abc.ABC):
         """The variable."""
         return self._layer.kernel
 
+    @property
+    def bias(self) -> Any:
+        """The variable, None where there is none."""
+        return self._layer.bias
+
+    def output_shape(self, shape: tuple) -> tuple:
+        """Return the shape of the sums, for data of a shape."""
+        return self._layer.compute_output_shape(shape)
+
     @abc.abstractmethod
     def stock(self, data: tf.Tensor, filter: tf.Tensor) -> tf.Tensor:
         """Sum in floats, by the stock op; it has a gradient."""
@@ -74,15 +83,22 @@ class _Windowed(Product):
     def _padding(self) -> str:
         return self._layer.padding.upper()
 
+    @property
+    def _strides(self) -> tuple[int, int]:
+        return tuple(self._layer.strides)
+
+    @property
+    def _dilations(self) -> tuple[int, int]:
+        return tuple(self._layer.dilation_rate)
+
     def _windows(self, data: tf.Tensor, filter: tf.Tensor) -> Windows:
         """Return where the windows lie. Only where the image's size matters it must be known."""
-        layer = self._layer
         axes = [
             Axis(
                 data.shape[i + 1] or 1,
                 filter.shape[i],
-                layer.strides[i],
-                layer.dilation_rate[i],
+                self._strides[i],
+                self._dilations[i],
                 self._padding == "SAME",
             )
             for i in range(2)
@@ -90,8 +106,8 @@ class _Windowed(Product):
         windows = Windows(*axes)
         if windows.needs_zeros and None in data.shape[1:3]:
             raise ValueError(
-                f"Need images of a known size for {layer.name!r} with strides {layer.strides}, got "
-                f"{data.shape}"
+                f"Need images of a known size for {self._layer.name!r} with strides "
+                f"{self._strides}, got {data.shape}"
             )
         return windows
 
@@ -109,13 +125,12 @@ class Convolution(_Windowed):
 
     def stock(self, data: tf.Tensor, filter: tf.Tensor) -> tf.Tensor:
         """Sum in floats."""
-        layer = self._layer
         return tf.nn.conv2d(
             data,
             filter,
-            layer.strides,
+            self._strides,
             self._padding,
-            dilations=layer.dilation_rate,
+            dilations=self._dilations,
             name="convolution",
         )
 
@@ -158,13 +173,12 @@ class Depthwise(_Windowed):
 
     def stock(self, data: tf.Tensor, filter: tf.Tensor) -> tf.Tensor:
         """Sum in floats."""
-        layer = self._layer
         return tf.nn.depthwise_conv2d(
             data,
             self._kernel(data, filter),
-            [1, *layer.strides, 1],
+            [1, *self._strides, 1],
             self._padding,
-            dilations=layer.dilation_rate,
+            dilations=self._dilations,
             name="depthwise",
         )
 
@@ -186,8 +200,16 @@ class Depthwise(_Windowed):
         self, data: tf.Tensor, filter: np.ndarray, scales: np.ndarray, largest: np.ndarray
     ) -> tf.Tensor:
         """Sum with nodes for a converter, whose channels are the filter's last dimension."""
-        together = (filter * scales)[:, :, 0]
-        return self.stock(data, self._annotated_filter(together, largest))
+        together = self._annotated_filter((filter * scales)[:, :, 0], largest)
+        # A dilation is to remain one, and no rearrangement of the image.
+        return tf.raw_ops.DepthwiseConv2dNative(
+            input=data,
+            filter=self._kernel(data, together),
+            strides=[1, *self._strides, 1],
+            padding=self._padding,
+            dilations=[1, *self._dilations, 1],
+            name="depthwise",
+        )
 
     def stored(self, filter: np.ndarray) -> np.ndarray:
         """Return [1, height, width, outputs]."""
@@ -226,8 +248,50 @@ class Dense(Product):
         return filter[0, 0].T
 
 
+class SeparableDepthwise(Depthwise):
+    """The first products of a separable convolution."""
+
+    @property
+    def kernel(self) -> Any:
+        """The variable."""
+        return self._layer.depthwise_kernel
+
+    @property
+    def bias(self) -> None:
+        """There is none."""
+        return None
+
+    def output_shape(self, shape: tuple) -> tuple:
+        """Return the shape of the sums, for data of a shape."""
+        *images, _ = self._layer.compute_output_shape(shape)
+        return (*images, shape[-1] * self._layer.depth_multiplier)
+
+
+class SeparablePointwise(Convolution):
+    """The second products of a separable convolution."""
+
+    _padding = "VALID"
+    _strides = (1, 1)
+    _dilations = (1, 1)
+
+    @property
+    def kernel(self) -> Any:
+        """The variable."""
+        return self._layer.pointwise_kernel
+
+    def output_shape(self, shape: tuple) -> tuple:
+        """Return the shape of the sums, for data of a shape."""
+        return (*shape[:-1], self._layer.filters)
+
+
 PRODUCTS: dict[type[keras.layers.Layer], type[Product]] = {
     keras.layers.Conv2D: Convolution,
     keras.layers.DepthwiseConv2D: Depthwise,
     keras.layers.Dense: Dense,
+}
+SEPARABLE = keras.layers.SeparableConv2D
+# The parts of a separable convolution, by the names of their layers.
+PARTS: dict[str, type[Product]] = {
+    "depthwise": SeparableDepthwise,
+    "pointwise": SeparablePointwise,
 }

@@ -37,6 +37,7 @@ class Range(keras.layers.Layer):
         self.low = self._number("low", _NOTHING)
         self.high = self._number("high", _NOTHING)
         self.log_scale = self._number("log_scale", 0.0) if ranges == "learned" else None
+        self._is_given = False
         self.built = True
 
     def _number(self, name: str, value: float) -> Any:
@@ -61,6 +62,8 @@ class Range(keras.layers.Layer):
 
     def widen(self, values: tf.Tensor) -> None:
         """Let the range hold real numbers."""
+        if self._is_given:
+            return
         self.low.assign(tf.minimum(self.low, tf.reduce_min(values)))
         self.high.assign(tf.maximum(self.high, tf.reduce_max(values)))
 
@@ -72,12 +75,11 @@ class Range(keras.layers.Layer):
         self.low.assign(kept * self.low + (1 - kept) * tf.minimum(low, 0.0))
         self.high.assign(kept * self.high + (1 - kept) * tf.maximum(high, 0.0))
 
-    def set(self, low: float, high: float) -> None:
-        """Set the range."""
+    def give(self, low: float, high: float) -> None:
+        """Set a range that nothing changes."""
         self.low.assign(low)
         self.high.assign(high)
-        if self.log_scale is not None:
-            self.log_scale.assign(0.0)
+        self._is_given = True
 
     def get_config(self) -> dict[str, Any]:
         """Return what `from_config` needs."""

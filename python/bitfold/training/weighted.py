@@ -20,7 +20,7 @@ from bitfold.training.clamping import Term, clamped
 from bitfold.training.flow import Flow, current
 from bitfold.training.hooks import FilterRule, LayerIntegers, RealLayer
 from bitfold.training.layers import Ranged, eagerly, known
-from bitfold.training.products import PRODUCTS
+from bitfold.training.products import PARTS, PRODUCTS
 from bitfold.training.sums import GRADIENTS, Accumulator
 
 _ROUNDINGS = {"nearest": quantising.rounded, "towards_zero": quantising.truncated}
@@ -49,6 +49,7 @@ class EmulatedLayer(Ranged):
         normalisation: the BatchNormalization layer that is folded into it, or None.
         arithmetic: what it computes in.
         kind: of the operator that it becomes, as CONV_2D.
+        called: its name in a `bitfold.Network`.
     """
 
     def __init__(
@@ -60,9 +61,13 @@ class EmulatedLayer(Ranged):
         gradient: str = "straight",
         filter_rule: FilterRule | None = None,
         penalty: Callable[[LayerIntegers], tf.Tensor] | None = None,
+        part: str | None = None,
         **kwargs: Any,
     ) -> None:
-        """Take the layers; `bitfold.training.emulate` is the way to call."""
+        """Take the layers; `bitfold.training.emulate` is the way to call.
+
+        Of a separable convolution `part` is the one that this is.
+        """
         kwargs.setdefault("name", layer.name)
         super().__init__(**kwargs)
         if gradient not in GRADIENTS:
@@ -72,15 +77,17 @@ class EmulatedLayer(Ranged):
         self.gradient = gradient
         self.filter_rule = filter_rule or FilterRule()
         self.penalty = penalty
-        self._product = PRODUCTS[type(layer)](layer)
-        self._sums = Accumulator(self.name, self._product, self.arithmetic, gradient)
+        self.part = part
+        self.called = layer.name if part is None else f"{layer.name}/{part}"
+        self._product = (PRODUCTS[type(layer)] if part is None else PARTS[part])(layer)
+        self._sums = Accumulator(self.called, self._product, self.arithmetic, gradient)
         self.kind = self._product.kind
 
     def build(self, values_shape: Any, grid_shape: Any) -> None:
         """Build the Keras layers, unless they are built."""
         self._product.build(values_shape)
         if self.normalisation is not None and not self.normalisation.built:
-            self.normalisation.build(self.layer.compute_output_shape(values_shape))
+            self.normalisation.build(self._product.output_shape(values_shape))
         self.built = True
 
     def call(self, values: tf.Tensor, grid: tf.Tensor, training: bool = False) -> Any:
@@ -121,7 +128,8 @@ class EmulatedLayer(Ranged):
 
     @property
     def _bias(self) -> tf.Tensor | None:
-        return None if self.layer.bias is None else tf.convert_to_tensor(self.layer.bias)
+        bias = self._product.bias
+        return None if bias is None else tf.convert_to_tensor(bias)
 
     @property
     def _updates_statistics(self) -> bool:
@@ -163,7 +171,7 @@ class EmulatedLayer(Ranged):
     @property
     def _facts(self) -> tuple[str, int | None, int, bool]:
         chosen = self.arithmetic
-        return self.name, chosen.accumulator_size, chosen.mult_shift, self._product.is_depthwise
+        return self.called, chosen.accumulator_size, chosen.mult_shift, self._product.is_depthwise
 
     def integers(self, grid: tf.Tensor) -> LayerIntegers:
         """Return the integers that the layer computes with for data of a grid."""
@@ -193,7 +201,7 @@ class EmulatedLayer(Ranged):
         output = eagerly(self.range.grid)
         trained.notes().append(
             trained.Trained(
-                name=self.name,
+                name=self.called,
                 kind=self.kind,
                 arithmetic=self.arithmetic,
                 filter=self._product.stored(found["filter"]).astype(np.int8),
@@ -206,9 +214,13 @@ class EmulatedLayer(Ranged):
         )
         return self.in_floats(tf.nn.bias_add(sums, bias))
 
+    def output_shape(self, shape: tuple) -> tuple:
+        """Return the shape of the output, for data of a shape."""
+        return self._product.output_shape(shape)
+
     def compute_output_spec(self, values: Any, grid: Any, training: bool = False) -> Any:
         """Return what a call gives, symbolically."""
-        return self.spec(self.layer.compute_output_shape(values.shape))
+        return self.spec(self.output_shape(values.shape))
 
     def get_config(self) -> dict[str, Any]:
         """Return what `from_config` needs."""
@@ -219,19 +231,25 @@ class EmulatedLayer(Ranged):
             "normalisation": None if self.normalisation is None else pack(self.normalisation),
             "arithmetic": dataclasses.asdict(self.arithmetic),
             "gradient": self.gradient,
+            "part": self.part,
             "filter_rule": pack(self.filter_rule),
             "penalty": None if self.penalty is None else pack(self.penalty),
         }
 
-    @classmethod
-    def from_config(cls, config: dict[str, Any]) -> EmulatedLayer:
-        """Make the layer from `get_config`'s result."""
+    @staticmethod
+    def settings(config: dict[str, Any]) -> dict[str, Any]:
+        """Return a configuration's layers and records in place of what it keeps of them."""
         unpack = keras.saving.deserialize_keras_object
         found = {
             key: None if config[key] is None else unpack(config[key])
             for key in ("layer", "normalisation", "filter_rule", "penalty")
         }
-        return cls(**{**config, **found, "arithmetic": Arithmetic(**config["arithmetic"])})
+        return {**config, **found, "arithmetic": Arithmetic(**config["arithmetic"])}
+
+    @classmethod
+    def from_config(cls, config: dict[str, Any]) -> EmulatedLayer:
+        """Make the layer from `get_config`'s result."""
+        return cls(**cls.settings(config))
 
 
 def _scale_and_zero_point(grid: np.ndarray) -> tuple[float, int]:
