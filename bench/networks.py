@@ -253,8 +253,8 @@ def print_studies(rows: list[studies.StudyTimes]) -> None:
 def print_training(rows: list[training.StepTimes]) -> None:
     """Print steps of training through the arithmetic beside those of the float models."""
     table(
-        f"Steps of training through accumulators of {training.WIDTH} bits, two threads",
-        ("network", "width", "images", "float ms", "emulated ms", "ratio"),
+        "Steps of training through accumulators, two threads",
+        ("network", "accumulator", "images", "float ms", "emulated ms", "ratio"),
         [
             (
                 row.network,

@@ -14,7 +14,7 @@ from network_times import FASTEST, FULL, NARROW, STOCK, NetworkTimes
 from studies import BITS, END_TO_END, StudyTimes
 from thread_times import OURS, ThreadTimes
 from thread_times import STOCK as STOCK_FLOAT
-from training import PROVEN, UNPROVEN, StepTimes
+from training import ACCUMULATORS, StepTimes
 
 # By network: the speed to the stock float graph, and to the mobile runtime's fastest kernels.
 NETWORKS = {"mobilenet_v2": (3.0, 0.5), "residual18": (2.5, 0.6)}
@@ -29,8 +29,8 @@ THREADS_SPEED = 1.7
 # Evaluations that a study may take: for the bits of all layers, and end to end in an arithmetic.
 STUDIES = {BITS: 3.0, END_TO_END: 1.2}
 
-# Steps of the float model that a step of training may take, by the accumulators.
-TRAINING = {PROVEN: 2.5, UNPROVEN: 10.0}
+# Steps of the float model that a step of training may take, at proven widths and at others.
+PROVEN_STEPS, UNPROVEN_STEPS = 2.5, 10.0
 
 
 @dataclass(frozen=True)
@@ -105,8 +105,9 @@ def of_studies(rows: Sequence[StudyTimes]) -> Iterator[Target]:
 def of_training(rows: Sequence[StepTimes]) -> Iterator[Target]:
     """Yield the targets of training, as the speed of an emulated step to that in floats."""
     for row in rows:
-        work = f"{row.network}, a step of training, {row.kind} width"
-        yield Target(work, 1 / row.ratio, 1 / TRAINING[row.kind])
+        _, is_proven = ACCUMULATORS[row.kind]
+        steps = PROVEN_STEPS if is_proven else UNPROVEN_STEPS
+        yield Target(f"{row.network}, a step of training, {row.kind}", 1 / row.ratio, 1 / steps)
 
 
 OF: dict[str, Callable[..., Iterator[Target]]] = {

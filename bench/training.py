@@ -16,9 +16,11 @@ from timing import interleaved
 
 # By network: how many images a step has, and how often the calls take turns.
 NETWORKS = {"fashion": (128, 8), "mobilenet_v2": (4, 2)}
-WIDTH = 16
-# What the accumulators are.
-FLOAT, PROVEN, UNPROVEN = "float", "proven", "unproven"
+FLOAT = "float"
+# Accumulators by what they are called: bits, and whether they are proven. At 16 bits a wrap on the
+# way cannot matter, so that sums may be formed in any order; at 12 every step of a sum counts.
+PROVEN, HARMLESS, STEPWISE = "16 bits, proven", "16 bits, unproven", "12 bits, unproven"
+ACCUMULATORS = {PROVEN: (16, True), HARMLESS: (16, False), STEPWISE: (12, False)}
 CALIBRATION = 8
 
 
@@ -29,7 +31,7 @@ class StepTimes:
     Attributes:
         network: its name.
         images: of a step.
-        kind: of the accumulators.
+        kind: of the accumulators, of ACCUMULATORS.
         float_seconds: of the float model's step.
         seconds: of the emulated model's.
     """
@@ -47,18 +49,21 @@ class StepTimes:
 
 
 def measure(name: str, budget: float) -> list[StepTimes]:
-    """Time a network's steps in turns: in floats, at a proven width and at one that is not."""
+    """Time a network's steps in turns: in floats and in each accumulator."""
     count, rounds = NETWORKS[name]
     images = network_models.images(name, count)
-    models = {
-        FLOAT: _copy(name),
-        PROVEN: _emulated(name, images, proven_width=WIDTH),
-        UNPROVEN: _emulated(name, images),
-    }
+    models = {FLOAT: _copy(name)}
+    for kind, (width, is_proven) in ACCUMULATORS.items():
+        models[kind] = bitfold.training.emulate(
+            _copy(name),
+            bitfold.Arithmetic(width),
+            calibration=images[:CALIBRATION],
+            proven_width=width if is_proven else None,
+        )
     times = interleaved(
         {kind: _step(model, images) for kind, model in models.items()}, budget, rounds
     )
-    return [StepTimes(name, count, kind, times[FLOAT], times[kind]) for kind in (PROVEN, UNPROVEN)]
+    return [StepTimes(name, count, kind, times[FLOAT], times[kind]) for kind in ACCUMULATORS]
 
 
 def _copy(name: str) -> keras.Model:
@@ -67,13 +72,6 @@ def _copy(name: str) -> keras.Model:
     copy = keras.models.clone_model(model)
     copy.set_weights(model.get_weights())
     return copy
-
-
-def _emulated(name: str, images: np.ndarray, **keywords: int) -> keras.Model:
-    """Return a network in accumulators of the width."""
-    return bitfold.training.emulate(
-        _copy(name), bitfold.Arithmetic(WIDTH), calibration=images[:CALIBRATION], **keywords
-    )
 
 
 def _step(model: keras.Model, images: np.ndarray) -> Callable[[], object]:

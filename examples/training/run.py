@@ -20,9 +20,6 @@ import pictures
 
 PICTURE, NUMBERS = "training.png", "results.json"
 
-BEFORE = range(10, 21)
-"""Accumulator widths whose accuracy is measured, before training and after it."""
-
 
 def parse_arguments() -> argparse.Namespace:
     """Parse the command line."""
@@ -39,6 +36,7 @@ def parse_arguments() -> argparse.Namespace:
         "--float-epochs", type=command.positive, metavar="N",
         help="epochs of the float network's training (default: what the data set needs)",
     )  # fmt: skip
+    command.add_widths(parser, 10, 20)
     parser.add_argument(
         "--proven-widths", type=command.positive, nargs="+", default=[16, 14, 12], metavar="BITS",
         help="accumulators to train for, one after the other (default: 16 14 12)",
@@ -67,7 +65,7 @@ def run(options: argparse.Namespace) -> None:
     console = make_console()
     started = time.perf_counter()
     dataset = load(options)
-    widths = sorted({*BEFORE, *options.proven_widths})
+    widths = sorted({*options.widths, *options.proven_widths})
     float_epochs = options.float_epochs or model.EPOCHS[dataset.name]
     runs = len(options.proven_widths)
     steps = float_epochs + (1 + runs) * len(widths) + runs * options.epochs

@@ -117,7 +117,7 @@ def _draw_accuracies(axes: Axes, results: Results) -> None:
     axes.set(xlabel="accumulator, bits", ylabel="accuracy, %", ylim=(0, 100))
     axes.set_xticks(sorted(results.before.accuracy))
     axes.set_title(f"{results.dataset}, {results.images:,} test images")
-    axes.legend(frameon=False, loc="lower right")
+    axes.legend(frameon=False, loc="center right")
 
 
 def _points(values: dict[int, float]) -> tuple[list[int], list[float]]:
