@@ -55,6 +55,7 @@ def test_public_names():
         "set_warnings",
         "study",
         "tables",
+        "training",
         "warning_counts",
     ]
     raw_names = {"h_add", "h_bias_add", "h_depth_wise", "h_conv2d", "h_conv2d_dilation"}

@@ -23,6 +23,7 @@ from bitfold.training.products import PRODUCTS
 from bitfold.training.proven import ExcessPenalty, ProvenWidth
 from bitfold.training.ranges import RANGES
 from bitfold.training.rewriting import Rewriter
+from bitfold.training.separable import EmulatedSeparable
 from bitfold.training.sums import GRADIENTS
 from bitfold.training.weighted import EmulatedLayer
 
@@ -140,7 +141,13 @@ def emulated_layers(model: keras.Model) -> list[EmulatedLayer]:
         >>> [layer.name for layer in bitfold.training.emulated_layers(trained)]
         ['dense']
     """
-    return [layer for layer in model._flatten_layers() if isinstance(layer, EmulatedLayer)]
+    found: list[EmulatedLayer] = []
+    for layer in model.layers:
+        if isinstance(layer, EmulatedLayer):
+            found.append(layer)
+        elif isinstance(layer, EmulatedSeparable):
+            found += [layer.depthwise, layer.pointwise]
+    return found
 
 
 def _mapped(function: Callable[[Any], Any], given: Any) -> Any:

@@ -65,7 +65,7 @@ class Ranged(Emulated):
         """Take the activation and how the range is found."""
         super().__init__(**kwargs)
         self.activation = activation
-        self.range = Range(ranges, momentum, name="range")
+        self.range = Range(ranges, momentum, name=f"{self.name}_range")
 
     def in_floats(self, values: tf.Tensor) -> Any:
         """Finish real numbers, in the flows of real numbers."""

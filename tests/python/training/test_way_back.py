@@ -1,0 +1,136 @@
+# Copyright 2026 The Bitfold Authors.
+# SPDX-License-Identifier: Apache-2.0
+"""A network made of a model in training has every integer that training saw, layer by layer."""
+
+from __future__ import annotations
+
+import keras
+import models
+import numpy as np
+import pytest
+import tensorflow as tf
+
+import bitfold
+from bitfold import training
+from bitfold.training.edges import Dequantised, Quantised
+from bitfold.training.layers import Emulated
+from bitfold.training.pools import EmulatedNoise
+from bitfold.training.separable import EmulatedSeparable
+from bitfold.training.weighted import EmulatedLayer
+
+# What a converter writes no operator for, or one that is called otherwise.
+_NO_OPERATORS = (Quantised, Dequantised, EmulatedNoise, EmulatedSeparable)
+NARROW = bitfold.Arithmetic(accumulator_size=14)
+CASES = {
+    "exact": (models.residual, None),
+    "16 bits": (models.residual, bitfold.Arithmetic(accumulator_size=16)),
+    "14 bits": (models.windows, NARROW),
+    "shift": (models.residual, bitfold.Arithmetic(accumulator_size=16, mult_shift=3)),
+    "half": (models.windows, bitfold.Arithmetic(use_fp16_acc=True, mult_shift=2)),
+    "functions": (models.functions, bitfold.Arithmetic(accumulator_size=17)),
+    "by layer": (models.nested, {"separable": NARROW, "FULLY_CONNECTED": NARROW}),
+}
+
+
+@pytest.mark.parametrize("name", CASES)
+def test_network_has_the_integers_of_training(name):
+    """Filters, biases, scales, sums and outputs of every layer, and the model's outputs."""
+    make, arithmetic = CASES[name]
+    images = models.images()
+    emulated = training.emulate(make(), arithmetic, images)
+    network = bitfold.Network.from_keras(emulated)
+    seen = _seen(emulated, images)
+    layers = {layer.name: layer for layer in network.layers}
+    traced, sums = network.trace(images), network.accumulators(images)
+    for called, facts in seen.items():
+        layer = layers[called]
+        _assert_same_tensor(called, traced[layer.output_indices[0]], layer, facts)
+        if "sums" in facts:
+            _assert_same_integers(called, layer, facts)
+            assert np.array_equal(sums[layer.position], facts["sums"]), f"sums of {called}"
+    outputs = keras.tree.flatten(emulated(images))
+    found = keras.tree.flatten(network(images))
+    for got, expected in zip(found, outputs, strict=True):
+        assert np.array_equal(got, expected)
+
+
+def _seen(emulated: keras.Model, images: np.ndarray) -> dict[str, dict]:
+    """Return by the network's names what the layers compute with and give."""
+    seen: dict[str, dict] = {}
+    calls = []
+    for layer in [x for x in emulated._flatten_layers() if isinstance(x, Emulated)]:
+        original = layer.call
+
+        def recorded(*args, layer=layer, original=original, **kwargs):
+            result = original(*args, **kwargs)
+            calls.append((layer, args, result))
+            return result
+
+        layer.call = recorded
+    emulated(images)
+    for layer, args, result in calls:
+        if isinstance(layer, _NO_OPERATORS):
+            continue
+        facts = seen[getattr(layer, "called", layer.name)] = {"result": result}
+        if isinstance(layer, EmulatedLayer):
+            values, grid = args
+            integers = layer._integers(grid)
+            facts["integers"] = layer.integers(grid)
+            facts["grid"] = grid.numpy()
+            facts["arithmetic"] = layer.arithmetic
+            found = layer._sums(values, integers.filter, integers.bias, grid)
+            facts["sums"] = found.held.numpy()
+    return seen
+
+
+def _assert_same_tensor(called: str, stored: np.ndarray, layer: bitfold.network.Layer, facts: dict):
+    result = facts["result"]
+    if isinstance(result, tuple):
+        centred, grid = result
+        assert (layer.output_scale, layer.output_zero_point) == (float(grid[0]), int(grid[1]))
+        expected = centred.numpy() + grid[1].numpy()
+    else:
+        expected = np.rint(result.numpy() / layer.output_scale) + layer.output_zero_point
+    assert np.array_equal(stored, expected), f"output of {called}"
+
+
+def _assert_same_integers(called: str, layer: bitfold.network.Layer, facts: dict):
+    integers, grid = facts["integers"], facts["grid"]
+    assert layer.arithmetic == facts["arithmetic"]
+    assert (layer.input_scale, layer.input_zero_point) == (float(grid[0]), int(grid[1]))
+    axis = 3 if layer.operator == "DEPTHWISE_CONV_2D" else 0
+    filter = np.moveaxis(layer.filter, axis, -1).reshape(-1, layer.filter.shape[axis])
+    assert np.array_equal(filter, integers.filter), f"filter of {called}"
+    assert np.array_equal(layer.filter_scales, integers.scales), f"scales of {called}"
+    bias = np.zeros(filter.shape[1]) if layer.bias is None else layer.bias
+    assert np.array_equal(bias, integers.bias), f"bias of {called}"
+
+
+@keras.saving.register_keras_serializable("bitfold_tests")
+class _Coarse(training.FilterRule):
+    """Lets more than the largest magnitude stand for 127."""
+
+    rounding = "towards_zero"
+
+    def largest(self, layer: training.RealLayer) -> tf.Tensor:
+        return super().largest(layer) * 3.7
+
+
+def test_the_integers_of_a_filter_rule_are_kept():
+    """Of a dense layer the converter finds other scales, and the file is mended."""
+    images = models.images()
+    emulated = training.emulate(models.residual(), None, images, filter_rule=_Coarse())
+    network = bitfold.Network.from_keras(emulated)
+    assert np.array_equal(network(images), emulated(images))
+    for layer in network.layers:
+        if layer.filter is not None:
+            assert np.abs(layer.filter.astype(int)).max() == 34, layer.name
+
+
+def test_the_network_of_a_trained_model_needs_no_calibration():
+    """It brings its ranges, and has 8 bits."""
+    emulated = training.emulate(models.residual(), None, models.images())
+    with pytest.raises(ValueError, match="Need no calibration and activation_bits=8"):
+        bitfold.Network.from_keras(emulated, models.images())
+    with pytest.raises(ValueError, match="got activation_bits=16"):
+        bitfold.Network.from_keras(emulated, activation_bits=16)
