@@ -94,6 +94,9 @@ def write_picture(path: Path, results: Results) -> None:
         axes.spines[["top", "right"]].set_visible(False)
         axes.grid(axis="y", color="#dddddd")
         axes.set_axisbelow(True)
+    figure.legend(
+        *left.get_legend_handles_labels(), loc="outside lower center", ncols=4, frameon=False
+    )
     figure.savefig(path, dpi=80)
     plt.close(figure)
 
@@ -117,7 +120,6 @@ def _draw_accuracies(axes: Axes, results: Results) -> None:
     axes.set(xlabel="accumulator, bits", ylabel="accuracy, %", ylim=(0, 100))
     axes.set_xticks(sorted(results.before.accuracy))
     axes.set_title(f"{results.dataset}, {results.images:,} test images")
-    axes.legend(frameon=False, loc="center right")
 
 
 def _points(values: dict[int, float]) -> tuple[list[int], list[float]]:

@@ -4,9 +4,12 @@
 
 from __future__ import annotations
 
+import re
+
 import keras
 import numpy as np
 import pytest
+import support
 import tensorflow as tf
 
 import bitfold
@@ -15,7 +18,7 @@ from bitfold.training import ExcessPenalty, ProvenWidth, emulate, emulated_layer
 
 SHAPE = (7, 7, 2)
 # Of the accumulator.
-WIDTH = 13
+WIDTH = 16
 # The greatest and the least stored data.
 ENDS = (127, -128)
 
@@ -53,29 +56,35 @@ def proven(net: bitfold.Network) -> dict[str, int]:
 
 
 @pytest.fixture(scope="module")
-def learner() -> keras.Model:
-    """A model that was trained at a proven width."""
-    model = emulate(network(), Arithmetic(WIDTH), data()[0], proven_width=WIDTH, penalty=0.5)
-    train(model)
-    return model
+def documented() -> dict:
+    """What the first code of docs/training.md leaves, on a small network."""
+    text = (support.ROOT / "docs" / "training.md").read_text()
+    code = re.search(r"```python\n(.*?)```", text, re.DOTALL)[1]
+    (images, labels), (test_images, test_labels) = data(), data(40)
+    names = dict(bitfold=bitfold, keras=keras, model=network(), images=images, labels=labels,
+                 test_images=test_images, test_labels=test_labels)  # fmt: skip
+    exec(code.replace("epochs=3)", "epochs=3, verbose=0)"), names)
+    return names
 
 
-@pytest.mark.parametrize(("width", "rate"), [(14, 1.0), (11, 0.1)])
-def test_any_training_ends_with_a_proof(width, rate):
-    """Also one that throws the weights about, and none; the study is the witness."""
-    model = emulate(network(), Arithmetic(width), data()[0], proven_width=width)
-    if rate < 1:
-        assert max(proven(bitfold.Network.from_keras(model)).values()) == width
-    train(model, rate=rate)
-    net = bitfold.Network.from_keras(model)
-    assert max(proven(net).values()) == width
-    x = data()[0]
+def test_the_document_is_right(documented):
+    """Of the widths, and of the integers that training saw."""
+    bits = [layer.proven for layer in documented["study"].layers]
+    assert max(bits) == WIDTH
+    net, x = documented["network"], documented["images"]
     np.testing.assert_array_equal(net(x), net.with_arithmetic(Arithmetic())(x))
 
 
-def test_adversaries_of_each_layer_do_not_wrap(learner):
+def test_any_training_ends_with_a_proof():
+    """Also one that throws the weights about; the study is the witness."""
+    model = emulate(network(), Arithmetic(11), data()[0], proven_width=11)
+    train(model, rate=1.0)
+    assert max(proven(bitfold.Network.from_keras(model)).values()) <= 11
+
+
+def test_adversaries_of_each_layer_do_not_wrap(documented):
     """Data by the signs of stored weights, for each output, through the public ops."""
-    net, reached = bitfold.Network.from_keras(learner), 0
+    net, reached = documented["network"], 0
     for layer in (layer for layer in net.layers if layer.has_accumulator):
         axis = 3 if layer.operator == "DEPTHWISE_CONV_2D" else 0
         filter = np.moveaxis(layer.filter.astype(np.int64), axis, 0)
@@ -107,22 +116,24 @@ def test_widths_by_layer():
 
 def test_shifts_are_part_of_the_proof():
     """What a shift leaves of products and bias fits, though the sums would not."""
-    model = emulate(network(), Arithmetic(WIDTH, 3), data()[0], proven_width=WIDTH)
+    model = emulate(network(), Arithmetic(12, 3), data()[0], proven_width=12)
     net = bitfold.Network.from_keras(model)
-    assert max(proven(net).values()) > WIDTH
-    narrow, wide = (net.with_arithmetic(Arithmetic(size, 3)) for size in (WIDTH, 32))
+    assert max(proven(net).values()) > 12
+    narrow, wide = (net.with_arithmetic(Arithmetic(size, 3)) for size in (12, 32))
     x = np.sign(data()[0]) * 1e3
     np.testing.assert_array_equal(narrow(x), wide(x))
 
 
-def test_saved_models_keep_the_rule(learner, tmp_path):
+def test_saved_models_keep_the_rule(documented, tmp_path):
     """And train on with it."""
-    learner.save(tmp_path / "model.keras")
+    documented["emulated"].save(tmp_path / "model.keras")
     loaded = keras.models.load_model(tmp_path / "model.keras")
     assert {layer.filter_rule.width for layer in emulated_layers(loaded)} == {WIDTH}
-    assert {layer.penalty.weight for layer in emulated_layers(loaded)} == {0.5}
     train(loaded, epochs=1)
     assert max(proven(bitfold.Network.from_keras(loaded)).values()) == WIDTH
+    penalty = ExcessPenalty(0.5, width=12)
+    packed = keras.saving.serialize_keras_object(penalty)
+    assert vars(keras.saving.deserialize_keras_object(packed)) == vars(penalty)
 
 
 def of_nothing(labels: tf.Tensor, scores: tf.Tensor) -> tf.Tensor:
