@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import base64
+import logging
 import os
 from collections import Counter
 from collections.abc import Callable, Collection, Mapping, Sequence
@@ -27,7 +28,9 @@ from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_nor
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 from bitfold.network.summary import print_summary
-from bitfold.network.trained import is_trained, known_names
+from bitfold.network.trained import integers_for_floats, is_trained, known_names
+
+_LOGGER = logging.getLogger("bitfold.converter")
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -108,7 +111,9 @@ class Network:
 
         Batch normalisation is folded, activations are fused, weights get 8 bits and a scale for
         each output channel. A model that `bitfold.training.emulate` made brings its scales and
-        integers with it, and its arithmetic.
+        integers with it, and its arithmetic. Layers that it trained in floats stay in floats, or,
+        between layers whose scales are known, are stored in integers by the converter: the logger
+        "bitfold.converter" has a warning for each of these.
 
         Args:
             model: a functional or sequential model; it is not changed.
@@ -135,6 +140,8 @@ class Network:
             )
         file, trained = convert_trained(model)
         network = cls(file, known_names=known_names(model, trained))
+        for name in integers_for_floats(model, network.layers):
+            _LOGGER.warning("layer %r was trained in floats and is stored in integers", name)
         return network.with_arithmetic({record.name: record.arithmetic for record in trained})
 
     @classmethod

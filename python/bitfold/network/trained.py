@@ -13,7 +13,7 @@ from __future__ import annotations
 import contextlib
 import contextvars
 import dataclasses
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from typing import Any
 
 import numpy as np
@@ -24,6 +24,8 @@ from bitfold.network.assemble import assemble
 from bitfold.network.graph import Graph, Node, Quantisation, Tensor
 from bitfold.network.model_file import read
 from bitfold.network.model_packer import pack
+from bitfold.network.records import Layer
+from bitfold.network.rescaling import with_operand_grids
 
 
 class TrainedLayer:
@@ -37,24 +39,24 @@ class Trained:
     Attributes:
         name: of the layer.
         kind: of the operator that it becomes, as CONV_2D.
+        data: scale and zero point of the data, or of each operand.
+        output: scale and zero point of the output.
         arithmetic: what it was trained in.
         filter: int8, in the layout of a model file; None for a layer without one.
         filter_scales: float32, one for each output.
         axis: the dimension of the filter that counts outputs.
         bias: int32, one for each output.
-        data: scale and zero point of the data; of several operands those of the first.
-        output: scale and zero point of the output.
     """
 
     name: str
     kind: str
-    arithmetic: Arithmetic
-    filter: np.ndarray | None
-    filter_scales: np.ndarray | None
-    axis: int
-    bias: np.ndarray | None
-    data: tuple[float, int]
+    data: tuple[tuple[float, int], ...]
     output: tuple[float, int]
+    arithmetic: Arithmetic = dataclasses.field(default_factory=Arithmetic)
+    filter: np.ndarray | None = None
+    filter_scales: np.ndarray | None = None
+    axis: int = 0
+    bias: np.ndarray | None = None
 
 
 _NOTES: contextvars.ContextVar[list[Trained] | None] = contextvars.ContextVar(
@@ -91,6 +93,26 @@ def known_names(model: Any, trained: list[Trained]) -> list[str]:
     ]
 
 
+def integers_for_floats(model: Any, layers: Sequence[Layer]) -> list[str]:
+    """Return the layers that were trained in floats and that a network computes in integers.
+
+    The converter stores what lies between tensors whose ranges it knows.
+
+    Args:
+        model: the Keras model.
+        layers: of the network that was made of it.
+    """
+    floats = [x.name for x in model.layers if not isinstance(x, TrainedLayer)]
+    return [
+        name
+        for name in floats
+        if any(
+            layer.name.split("/")[0] == name and not layer.is_float and layer.operator != "QUANTIZE"
+            for layer in layers
+        )
+    ]
+
+
 def as_trained(file: bytes, trained: list[Trained], known: list[str]) -> bytes:
     """Return a converted file with the integers of training, on bits.
 
@@ -107,9 +129,12 @@ def as_trained(file: bytes, trained: list[Trained], known: list[str]) -> bytes:
         RuntimeError: a layer is not in the file, or its data or its output has another scale or
             zero point there.
     """
-    graph = read(file)
+    graph = original = read(file)
+    for record in trained:
+        if record.kind == "CONCATENATION":
+            graph = _with_operand_grids(graph, record, known)
     changed = _differences(graph, trained, known)
-    if not changed:
+    if graph is original and not changed:
         return file
     tensors = tuple(changed.get(tensor.index, tensor) for tensor in graph.tensors)
     graph = dataclasses.replace(graph, tensors=tensors)
@@ -119,6 +144,16 @@ def as_trained(file: bytes, trained: list[Trained], known: list[str]) -> bytes:
         which = ", ".join(str(tensor) for tensor in left.values())
         raise RuntimeError(f"the runtime's converter made one constant for several layers: {which}")
     return pack(graph)
+
+
+def _with_operand_grids(graph: Graph, record: Trained, known: list[str]) -> Graph:
+    nodes = assemble(graph).nodes
+    node = _found(record, nodes, naming.layer_names(nodes, known))
+    operator = graph.operators[node.operator.position]
+    found = [(tensor.scale, tensor.zero_point) for tensor in node.inputs]
+    if found == list(record.data):
+        return graph
+    return with_operand_grids(graph, operator, record.name, record.data)
 
 
 def _differences(graph: Graph, trained: list[Trained], known: list[str]) -> dict[int, Tensor]:
@@ -148,16 +183,17 @@ def _found(record: Trained, nodes: list[Node], names: list[str]) -> Node:
 
 def _require_grids(record: Trained, node: Node) -> None:
     """Raise unless data and output have the scales that they were trained with."""
-    pairs = (
-        ("data", record.data, [t for t in node.inputs if t is not None and not t.is_constant]),
-        ("output", record.output, node.outputs),
-    )
-    for what, grid, tensors in pairs:
+    data = [t for t in node.inputs if t is not None and not t.is_constant]
+    pairs = [("output", [record.output], node.outputs)]
+    # Operands of a concatenation are rescaled.
+    if node.kind != "CONCATENATION":
+        pairs.append(("data", list(record.data), data))
+    for what, grids, tensors in pairs:
         found = [(tensor.scale, tensor.zero_point) for tensor in tensors if tensor.is_quantised]
-        if grid not in found:
+        if sorted(found) != sorted(grids):
             raise RuntimeError(
                 f"the runtime's converter gave the {what} of the trained layer {record.name!r} "
-                f"the scales and zero points {found}, not {grid}"
+                f"the scales and zero points {found}, not {grids}"
             )
 
 
@@ -178,7 +214,7 @@ def _differing(record: Trained, node: Node, graph: Graph) -> dict[int, Tensor]:
                 f"the runtime's converter wrote no bias for the trained layer {record.name!r}"
             )
     elif not np.array_equal(bias.data, record.bias):
-        units = np.float32(np.float64(record.data[0]) * record.filter_scales)
+        units = np.float32(np.float64(record.data[0][0]) * record.filter_scales)
         changed[bias.index] = _replaced(graph.tensors[bias.index], record.bias, units, 0)
     return changed
 

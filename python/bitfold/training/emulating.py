@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 import numbers
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from typing import Any
@@ -163,10 +164,11 @@ def _penalty(given: Any) -> Any:
 
 
 def _require_trainable(name: str, arithmetic: Arithmetic) -> None:
-    if arithmetic.requantisation != "model":
+    units = [field for field, value in dataclasses.asdict(arithmetic).items() if value == "unit"]
+    if units:
         raise ValueError(
-            f'Need requantisation="model" to train layer {name!r}, got {arithmetic!r}; the unit\'s '
-            "tables are made of scales that do not change"
+            f'Need {units[0]}="model" to train layer {name!r}, got {arithmetic!r}: the tables of '
+            "units are made for scales that do not change"
         )
 
 
@@ -199,14 +201,17 @@ def _by_layer(
 def _calibrate(model: keras.Model, data: Calibration) -> None:
     """Run examples in real numbers; every range becomes what they reach."""
     structure = model._inputs_struct
+    signature = [tf.TensorSpec((None, *tensor.shape[1:]), tensor.dtype) for tensor in model.inputs]
 
-    @tf.function(reduce_retracing=True, autograph=False)
-    def observe(arrays: list[tf.Tensor]) -> None:
-        model(keras.tree.pack_sequence_as(structure, arrays), training=False)
+    def observe(*arrays: tf.Tensor) -> None:
+        model(keras.tree.pack_sequence_as(structure, list(arrays)), training=False)
 
     with calibrating():
+        # Concrete: of a polymorphic one the runtime warns when many models have traced it.
+        graph = tf.function(observe, input_signature=signature, autograph=False)
+        traced = graph.get_concrete_function()
         for batch in _batches(data.images()):
-            observe([tf.convert_to_tensor(array) for array in batch])
+            traced(*map(tf.convert_to_tensor, batch))
 
 
 def _batches(images: Iterable[list[Any]]) -> Iterable[list[Any]]:

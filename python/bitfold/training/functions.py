@@ -25,7 +25,7 @@ from bitfold.network.operators import step_of
 from bitfold.training import quantising
 from bitfold.training.clamping import Term, clamped
 from bitfold.training.flow import Flow, current
-from bitfold.training.layers import Ranged
+from bitfold.training.layers import Ranged, known
 
 _SOFTMAX = "SOFTMAX"
 # The outputs that the runtime fixes.
@@ -119,7 +119,10 @@ class EmulatedFunction(Ranged):
 
     def call(self, values: tf.Tensor, grid: tf.Tensor, training: bool = False) -> Any:
         """Compute a batch."""
-        if current() is not Flow.INTEGERS:
+        flow = current()
+        if flow is not Flow.INTEGERS:
+            if flow is Flow.EXPORT:
+                self.note([known(grid)])
             return self.in_floats(self.function(values))
         exact = self.function(quantising.real(values, grid))
         if training and self.kind == _SOFTMAX and self.gives_real:

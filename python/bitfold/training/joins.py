@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Sums, differences and concatenations in integers: ADD, SUB, CONCATENATION of the runtime."""
+"""Several tensors to one, in integers: ADD, SUB, MUL and CONCATENATION of the runtime."""
 
 from __future__ import annotations
 
@@ -10,11 +10,9 @@ import keras
 import tensorflow as tf
 
 from bitfold import ops
-from bitfold.network import trained
-from bitfold.network.arithmetic import Arithmetic
 from bitfold.training.clamping import Term, clamped
 from bitfold.training.flow import Flow, current
-from bitfold.training.layers import Ranged, eagerly, known
+from bitfold.training.layers import Ranged, known
 
 # Operands are added with so many bits to spare.
 _SPARE = 20
@@ -54,7 +52,7 @@ class EmulatedAddition(Ranged):
         flow = current()
         if flow is not Flow.INTEGERS:
             if flow is Flow.EXPORT:
-                self._note(known(grid))
+                self.note([known(grid), known(second_grid)])
             return self.in_floats(values - second if self.subtracts else values + second)
         output_grid = self.range.grid()
         scales = [tf.cast(given[0], tf.float64) for given in (grid, second_grid, output_grid)]
@@ -75,22 +73,6 @@ class EmulatedAddition(Ranged):
         self.observe(unclamped, output_grid, training)
         return self.result(centred, output_grid)
 
-    def _note(self, grid: Any) -> None:
-        output = eagerly(self.range.grid)
-        trained.notes().append(
-            trained.Trained(
-                name=self.name,
-                kind=self.kind,
-                arithmetic=Arithmetic(),
-                filter=None,
-                filter_scales=None,
-                axis=0,
-                bias=None,
-                data=(float(grid[0]), int(grid[1])),
-                output=(float(output[0]), int(output[1])),
-            )
-        )
-
     def compute_output_spec(
         self, values: Any, grid: Any, second: Any, second_grid: Any, training: bool = False
     ) -> Any:
@@ -106,6 +88,56 @@ def _scaled(centred: tf.Tensor, multiplier: tf.Tensor) -> tf.Tensor:
     """Return an operand in the scale of both, int32."""
     sums = tf.cast(centred * 2.0**_SPARE, tf.int32)
     return ops.requantise(sums, multiplier[None], dtype=tf.int32)
+
+
+@keras.saving.register_keras_serializable("bitfold")
+class EmulatedProduct(Ranged):
+    """The product of two tensors, element by element, each repeated where the other is larger."""
+
+    kind = "MUL"
+
+    def build(
+        self, values_shape: Any, grid_shape: Any, second_shape: Any, second_grid_shape: Any
+    ) -> None:
+        """Build nothing."""
+        self.built = True
+
+    def call(
+        self,
+        values: tf.Tensor,
+        grid: tf.Tensor,
+        second: tf.Tensor,
+        second_grid: tf.Tensor,
+        training: bool = False,
+    ) -> Any:
+        """Compute a batch."""
+        flow = current()
+        products = values * second
+        if flow is not Flow.INTEGERS:
+            if flow is Flow.EXPORT:
+                self.note([known(grid), known(second_grid)])
+            return self.in_floats(products)
+        output_grid = self.range.grid()
+        # In single precision, as the runtime has it.
+        multiplier = tf.cast(grid[0] * second_grid[0] / output_grid[0], tf.float64)
+        whole = tf.cast(tf.stop_gradient(products), tf.int32)
+        stored = ops.requantise(whole, multiplier[None], dtype=tf.int16)
+        unclamped = tf.stop_gradient(tf.cast(stored, tf.float32))
+        centred = clamped(
+            unclamped,
+            [Term(products, tf.cast(multiplier, tf.float32))],
+            self.output_bounds(output_grid),
+            log_scale=self.log_scale,
+        )
+        self.observe(unclamped, output_grid, training)
+        return self.result(centred, output_grid)
+
+    def compute_output_spec(
+        self, values: Any, grid: Any, second: Any, second_grid: Any, training: bool = False
+    ) -> Any:
+        """Return what a call gives, symbolically."""
+        layer = keras.layers.Multiply()
+        return self.spec(layer.compute_output_shape([values.shape, second.shape]))
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -125,7 +157,10 @@ class EmulatedConcatenation(Ranged):
     def call(self, *operands: tf.Tensor, training: bool = False) -> Any:
         """Compute a batch of centred integers and grids in turn."""
         values, grids = operands[::2], operands[1::2]
-        if current() is not Flow.INTEGERS:
+        flow = current()
+        if flow is not Flow.INTEGERS:
+            if flow is Flow.EXPORT:
+                self.note([known(grid) for grid in grids])
             return self.in_floats(tf.concat(values, self.axis))
         output_grid = self.range.grid()
         parts = [_rescaled(*pair, output_grid) for pair in zip(values, grids, strict=True)]

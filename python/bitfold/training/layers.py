@@ -4,7 +4,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from typing import Any
 
 import keras
@@ -52,7 +52,16 @@ class Emulated(keras.layers.Layer, trained.TrainedLayer):
 
 
 class Ranged(Emulated):
-    """A layer whose output has a range of its own, and maybe a fused activation."""
+    """A layer whose output has a range of its own, and maybe a fused activation.
+
+    Attributes:
+        activation: that is fused.
+        range: of the output.
+        kind: of the operator that it becomes, as CONV_2D; "" where it becomes none.
+        called: its name in a `bitfold.Network`.
+    """
+
+    kind = ""
 
     def __init__(
         self,
@@ -65,6 +74,7 @@ class Ranged(Emulated):
         """Take the activation and how the range is found."""
         super().__init__(**kwargs)
         self.activation = activation
+        self.called = self.name
         self.range = Range(ranges, momentum, name=f"{self.name}_range")
 
     def in_floats(self, values: tf.Tensor) -> Any:
@@ -76,6 +86,19 @@ class Ranged(Emulated):
         low, high = eagerly(self.range.ends)
         values = tf.quantization.fake_quant_with_min_max_vars(values, low, high)
         return self.result(values, tf.constant(eagerly(self.range.grid)))
+
+    def note(self, grids: Sequence[np.ndarray], **integers: Any) -> None:
+        """Note what the layer was trained with, for operands of these grids."""
+        output = eagerly(self.range.grid)
+        trained.notes().append(
+            trained.Trained(
+                name=self.called,
+                kind=self.kind,
+                data=tuple(map(_scale_and_zero_point, grids)),
+                output=_scale_and_zero_point(output),
+                **integers,
+            )
+        )
 
     def output_bounds(self, grid: tf.Tensor) -> tuple[tf.Tensor, tf.Tensor]:
         """Return the least and the greatest centred output."""
@@ -118,3 +141,7 @@ def known(grid: tf.Tensor) -> np.ndarray:
     if value is None:
         raise ValueError(f"Need a model that `bitfold.training.emulate` made, got the grid {grid}")
     return np.asarray(value)
+
+
+def _scale_and_zero_point(grid: np.ndarray) -> tuple[float, int]:
+    return float(grid[0]), int(grid[1])

@@ -39,8 +39,8 @@ class Group:
     """Calls that become one layer.
 
     Attributes:
-        kind: "weighted", "sum", "mean", "average", "move", "noise", "concatenation", "function" or
-            "float".
+        kind: "weighted", "sum", "product", "mean", "average", "move", "noise", "concatenation",
+            "function" or "float".
         calls: in order.
         activation: that is fused.
         function: that is computed, or that follows a layer with weights; None where there is none.
@@ -97,6 +97,8 @@ def _group(calls: Calls, call: Call) -> Group:
         return Group("function", (call,), function=function)
     if kind in (layers.Add, layers.Subtract):
         return _sum(calls, call)
+    if kind is layers.Multiply and len(call.inputs) == 2:
+        return _activated(calls, "product", [call])
     if kind is layers.Concatenate:
         return Group("concatenation", (call,))
     if _has_channels_last(layer):

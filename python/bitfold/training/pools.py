@@ -13,7 +13,7 @@ from bitfold import ops
 from bitfold.training import quantising
 from bitfold.training.clamping import Term, clamped
 from bitfold.training.flow import Flow, current
-from bitfold.training.layers import Emulated, Ranged
+from bitfold.training.layers import Emulated, Ranged, known
 from bitfold.training.means import mean_in_two_roundings
 
 
@@ -94,6 +94,8 @@ class EmulatedAverage(_Wrapped):
 class EmulatedMean(Ranged):
     """MEAN over the pixels of an image, in a range of its own."""
 
+    kind = "MEAN"
+
     def __init__(self, *, keeps_dimensions: bool = False, **kwargs: Any) -> None:
         """Take whether rows and columns of one remain."""
         super().__init__(**kwargs)
@@ -105,7 +107,10 @@ class EmulatedMean(Ranged):
 
     def call(self, values: tf.Tensor, grid: tf.Tensor, training: bool = False) -> Any:
         """Compute a batch."""
-        if current() is not Flow.INTEGERS:
+        flow = current()
+        if flow is not Flow.INTEGERS:
+            if flow is Flow.EXPORT:
+                self.note([known(grid)])
             means = tf.reduce_mean(values, [1, 2], keepdims=self.keeps_dimensions)
             return self.in_floats(means)
         output_grid = self.range.grid()

@@ -13,7 +13,7 @@ import keras
 from bitfold.training.calls import Call, Calls
 from bitfold.training.edges import Dequantised, Quantised
 from bitfold.training.functions import EmulatedFunction
-from bitfold.training.joins import EmulatedAddition, EmulatedConcatenation
+from bitfold.training.joins import EmulatedAddition, EmulatedConcatenation, EmulatedProduct
 from bitfold.training.patterns import Group
 from bitfold.training.pools import (
     EmulatedAverage,
@@ -120,8 +120,11 @@ class Rewriter:
         if group.kind == "sum":
             value = self._sum(group, operands, name, gives_real)
         elif group.kind == "weighted" and group.function is not None:
-            between = self._call(self._weighted(group, name, False), operands, name)
-            outer = self._named(f"{name}_{group.function.kind.lower()}")
+            # An output is called as the layer that gives it.
+            is_output = self._calls.is_output(group.outputs[0])
+            outer = self._named(f"{name}_{'sums' if is_output else group.function.kind.lower()}")
+            inner, outer = (outer, name) if is_output else (name, outer)
+            between = self._call(self._weighted(group, inner, False), operands, inner)
             layer = EmulatedFunction(
                 group.function, name=outer, gives_real=gives_real, **self._ranged
             )
@@ -147,6 +150,8 @@ class Rewriter:
         keywords |= self._ranged
         if group.kind == "mean":
             return EmulatedMean(keeps_dimensions=layer.keepdims, **keywords)
+        if group.kind == "product":
+            return EmulatedProduct(activation=group.activation, **keywords)
         if group.kind == "function":
             return EmulatedFunction(group.function, **keywords)
         return EmulatedConcatenation(axis=layer.axis, **keywords)

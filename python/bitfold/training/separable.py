@@ -55,6 +55,9 @@ class EmulatedSeparable(Emulated):
             **settings,
         )
 
+        for part in (self.depthwise, self.pointwise):
+            part.called = f"{self.name}/{part.name}"
+
     def build(self, values_shape: Any, grid_shape: Any) -> None:
         """Build the parts."""
         self.depthwise.build(values_shape, grid_shape)

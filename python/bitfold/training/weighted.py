@@ -13,7 +13,6 @@ import numpy as np
 import tensorflow as tf
 
 from bitfold import ops
-from bitfold.network import trained
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.training import folding, quantising
 from bitfold.training.clamping import Term, clamped
@@ -78,9 +77,8 @@ class EmulatedLayer(Ranged):
         self.filter_rule = filter_rule or FilterRule()
         self.penalty = penalty
         self.part = part
-        self.called = layer.name if part is None else f"{layer.name}/{part}"
         self._product = (PRODUCTS[type(layer)] if part is None else PARTS[part])(layer)
-        self._sums = Accumulator(self.called, self._product, self.arithmetic, gradient)
+        self._sums = Accumulator(self.name, self._product, self.arithmetic, gradient)
         self.kind = self._product.kind
 
     def build(self, values_shape: Any, grid_shape: Any) -> None:
@@ -198,19 +196,13 @@ class EmulatedLayer(Ranged):
         found = eagerly(lambda: dataclasses.asdict(self._integers(tf.constant(grid))))
         sums = self._product.annotated(values, found["filter"], found["scales"], found["largest"])
         bias = (found["bias"] * found["units"]).astype(np.float32)
-        output = eagerly(self.range.grid)
-        trained.notes().append(
-            trained.Trained(
-                name=self.called,
-                kind=self.kind,
-                arithmetic=self.arithmetic,
-                filter=self._product.stored(found["filter"]).astype(np.int8),
-                filter_scales=found["scales"],
-                axis=self._product.axis,
-                bias=found["bias"].astype(np.int32),
-                data=_scale_and_zero_point(grid),
-                output=_scale_and_zero_point(output),
-            )
+        self.note(
+            [grid],
+            arithmetic=self.arithmetic,
+            filter=self._product.stored(found["filter"]).astype(np.int8),
+            filter_scales=found["scales"],
+            axis=self._product.axis,
+            bias=found["bias"].astype(np.int32),
         )
         return self.in_floats(tf.nn.bias_add(sums, bias))
 
@@ -250,7 +242,3 @@ class EmulatedLayer(Ranged):
     def from_config(cls, config: dict[str, Any]) -> EmulatedLayer:
         """Make the layer from `get_config`'s result."""
         return cls(**cls.settings(config))
-
-
-def _scale_and_zero_point(grid: np.ndarray) -> tuple[float, int]:
-    return float(grid[0]), int(grid[1])

@@ -65,7 +65,9 @@ def functions() -> keras.Model:
     z = layers.Subtract(name="difference")([layers.LeakyReLU(0.1, name="leaky")(y), x])
     z = layers.ReLU(name="relu")(layers.Add(name="three")([x, y, z]))
     gate = layers.Conv2D(2, 1, activation="sigmoid", name="gate")(z)
+    z = layers.Concatenate(name="side_by_side")([z, layers.MaxPooling2D(2, 1, "same", name="m")(x)])
     mean = layers.GlobalAveragePooling2D(keepdims=True, name="mean")(z)
+    mean = layers.Multiply(name="squeezed")([mean, layers.GlobalMaxPooling2D(keepdims=True)(z)])
     probabilities = layers.Dense(5, activation="softmax", name="probabilities")(
         layers.Flatten(name="flat")(mean)
     )
