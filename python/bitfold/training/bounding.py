@@ -33,9 +33,9 @@ _LARGEST_SHIFT = 30
 # of a shifted product doubles it once more.
 _RANGE = 8.0
 _STEPS = 256
-# A layer's weights are rounded at so many scales at once as make this many numbers.
-_MOST_NUMBERS = 1 << 20
-_MOST_TRIES = 16
+# Weights are rounded at so many scales at once, few of them where a layer has many weights.
+_TRIES = (3, 16)
+_MOST_NUMBERS = 1 << 16
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
@@ -171,17 +171,19 @@ def bounded_largest(
     filter, largest = tf.convert_to_tensor(filter), tf.convert_to_tensor(largest, tf.float32)
     estimate = quantising.LARGEST_WEIGHT * _least_scales(filter, bias, data_scale, limits)
     low, high = tf.maximum(largest, estimate / _RANGE), tf.maximum(largest, estimate * _RANGE)
-    count = min(max(_MOST_NUMBERS // max(filter.shape.num_elements(), 1), 2), _MOST_TRIES)
-    # The low end is tried, too: what fits already stays.
-    places = tf.range(count, dtype=tf.float32)[:, None] / count
-    for _ in range(math.ceil(math.log(_STEPS, count))):
+    # What fits already stays.
+    (fits,) = tf.unstack(_fits(filter, bias, low[None], data_scale, limits))
+    high = tf.where(fits, low, high)
+    least, most = _TRIES
+    count = min(max(_MOST_NUMBERS // max(filter.shape.num_elements(), 1), least), most)
+    places = tf.range(1, count + 1, dtype=tf.float32)[:, None] / (count + 1)
+    for _ in range(math.ceil(math.log(_STEPS, count + 1))):
         tried = low * (high / low) ** places
         fits = _fits(filter, bias, tried, data_scale, limits)
-        ends = tf.transpose(tf.concat([tried, high[None]], 0))
         fits = tf.pad(fits, [[0, 1], [0, 0]], constant_values=True)
         first = tf.argmax(fits, output_type=tf.int32)
-        high = tf.gather(ends, first, batch_dims=1)
-        low = tf.gather(ends, tf.maximum(first - 1, 0), batch_dims=1)
+        ends = tf.transpose(tf.concat([low[None], tried, high[None]], 0))
+        low, high = (tf.gather(ends, first + i, batch_dims=1) for i in range(2))
     return tf.stop_gradient(high)
 
 
