@@ -4,6 +4,8 @@
 
 from __future__ import annotations
 
+import logging
+
 import keras
 import models
 import numpy as np
@@ -135,3 +137,55 @@ def test_the_network_of_a_trained_model_needs_no_calibration():
         bitfold.Network.from_keras(emulated, models.images())
     with pytest.raises(ValueError, match="got activation_bits=16"):
         bitfold.Network.from_keras(emulated, activation_bits=16)
+
+
+def test_operands_of_a_concatenation_keep_their_grids():
+    """The converter stores them in the grid of the result; they are put back and rescaled."""
+    inputs = keras.Input(models.SHAPE)
+    wide = keras.layers.Conv2D(3, 3, padding="same", name="wide")(inputs)
+    narrow = keras.layers.Conv2D(2, 3, padding="same", activation="relu", name="narrow")(inputs)
+    narrow = keras.layers.MaxPooling2D(3, 1, "same", name="largest")(narrow)
+    x = keras.layers.Concatenate(name="both")([wide, narrow])
+    model = keras.Model(inputs, keras.layers.Conv2D(2, 1, name="last")(x))
+    images = models.images()
+    emulated = training.emulate(model, None, images)
+    network = bitfold.Network.from_keras(emulated)
+    assert np.array_equal(network(images), emulated(images))
+    operators = {layer.name: layer for layer in network.layers}
+    scales = [operators[name].output_scale for name in ("narrow", "largest", "both")]
+    assert scales[0] == scales[1] != scales[2]
+    assert "QUANTIZE" in [layer.operator for layer in network.layers]
+
+
+def test_what_the_converter_stores_against_training(caplog):
+    """A layer without a form in integers, between layers that have one, is named in a warning."""
+    layers = keras.layers
+    names = [layers.Conv2D(2, 1), layers.Conv2DTranspose(2, 2, name="spread"), layers.Conv2D(2, 1)]
+    model = keras.Sequential([keras.Input(models.SHAPE), *names])
+    emulated = training.emulate(model, None, models.images())
+    logger = logging.getLogger("bitfold.converter")
+    logger.addHandler(caplog.handler)
+    try:
+        bitfold.Network.from_keras(emulated)
+    finally:
+        logger.removeHandler(caplog.handler)
+    assert "layer 'spread' was trained in floats and is stored in integers" in caplog.text
+
+
+@pytest.mark.parametrize("width", [None, 24])
+def test_sums_that_floats_do_not_hold(width):
+    """Beyond 2^24 the public ops add up: stock ones would round."""
+    count = 700
+    dense = keras.layers.Dense(2, name="dense")
+    model = keras.Sequential([keras.Input((count,)), dense])
+    rng = np.random.default_rng(3)
+    dense.kernel.assign(rng.choice([0.97, 0.99, 1.0], (count, 2)))
+    data = rng.uniform(0.8, 1, (20, count)).astype(np.float32)
+    arithmetic = bitfold.Arithmetic(accumulator_size=width)
+    emulated = training.emulate(model, arithmetic, data)
+    network = bitfold.Network.from_keras(emulated)
+    exact = network.with_arithmetic(bitfold.Arithmetic()).accumulators(data)[0]
+    assert exact.max() > 2**24
+    assert np.array_equal(network(data), emulated(data))
+    sums = _seen(emulated, data)["dense"]["sums"]
+    assert np.array_equal(network.accumulators(data)[0], sums)
