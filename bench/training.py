@@ -15,7 +15,7 @@ import network_models
 from timing import interleaved
 
 # By network: how many images a step has, and how often the calls take turns.
-NETWORKS = {"fashion": (128, 8), "mobilenet_v2": (4, 2)}
+NETWORKS = {"fashion": (128, 8), "mobilenet_v2": (16, 4)}
 FLOAT = "float"
 # Accumulators by what they are called: bits, and whether they are proven. At 16 bits a wrap on the
 # way cannot matter, so that sums may be formed in any order; at 12 every step of a sum counts.
