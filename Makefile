@@ -36,12 +36,13 @@ test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
 
-test-long: ## a thousand random networks against the interpreter, studies of 50; NETWORKS=COUNT, FIRST=SEED
+test-long: ## a thousand random networks against the interpreter, studies of 50, 4000 defects in device code; NETWORKS=COUNT, FIRST=SEED
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
 	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
 	@BITFOLD_STUDIED_NETWORKS=50 $(PYTHON) -m pytest -q tests/python/studies/test_study.py -k random
+	@BITFOLD_DEVICE_TEXT_LONG=1 BITFOLD_DEFECTS=4000 $(PYTHON) -m pytest -q -s tests/ptx/test_shipped_text.py
 
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser

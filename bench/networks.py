@@ -20,6 +20,7 @@ import pathlib
 from collections.abc import Callable, Iterable, Sequence
 from concurrent.futures import Executor, ProcessPoolExecutor
 
+import distributed_times
 import layer_times
 import network_profile
 import network_times
@@ -95,6 +96,7 @@ PARTS: dict[str, Callable[[Executor, Executor, float], list | dict]] = {
     "threads": thread_times.compare,
     "studies": measure_studies,
     "training": measure_training,
+    "distributed": distributed_times.measure,
 }
 
 
@@ -270,6 +272,37 @@ def print_training(rows: list[training.StepTimes]) -> None:
     )
 
 
+def print_distributed(rows: list[distributed_times.DistributedTimes]) -> None:
+    """Print studies by workers."""
+    table(
+        "Studies by workers of one thread each, at the default shard",
+        (
+            "study",
+            "engine",
+            "tasks",
+            "in a loop ms",
+            "one worker ms",
+            "two ms",
+            "speed-up",
+            "overhead of a task",
+            "empty tasks a second",
+        ),
+        [
+            (
+                row.work,
+                row.engine,
+                str(row.tasks),
+                *map(milliseconds, (row.loop_seconds, row.one_seconds, row.two_seconds)),
+                f"{row.speed_up:.2f}",
+                f"{row.overhead:.1%}",
+                f"{row.tasks_per_second:,.0f}",
+            )
+            for row in rows
+        ],
+        texts=2,
+    )
+
+
 def print_targets(rows: list[targets.Target]) -> None:
     """Print what should be beside what is."""
     table(
@@ -298,6 +331,7 @@ PRINTERS: dict[str, Callable[[list | dict], None]] = {
     "threads": print_threads,
     "studies": print_studies,
     "training": print_training,
+    "distributed": print_distributed,
 }
 
 

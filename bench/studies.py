@@ -12,7 +12,7 @@ from dataclasses import dataclass
 
 import bitfold
 import network_models
-from bitfold.studies.data import Data
+from bitfold.network.shards.data import Data
 from bitfold.studies.passes import Plan, Runner
 from bitfold.studies.settings import settings_of
 from timing import interleaved
@@ -53,7 +53,7 @@ def measure(name: str, budget: float) -> list[StudyTimes]:
     network = network_models.network(name)
     count = network.batch_size()
     images = network_models.images(name, count)
-    (shard,) = Data(images, None, count).shards()
+    (shard,) = Data(images, None, count, shard_size=count).shards()
     given = [bitfold.Arithmetic(accumulator_size=width) for width in WIDTHS]
     plan = Plan(network, settings_of(network, given), None, has_metric=False)
     alone = Plan(network, (), None, has_metric=False)

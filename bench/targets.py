@@ -9,6 +9,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from distributed_times import DistributedTimes
 from layer_times import NAMED, LayerTimes, name_of
 from network_times import FASTEST, FULL, NARROW, STOCK, NetworkTimes
 from studies import BITS, END_TO_END, StudyTimes
@@ -28,6 +29,9 @@ FASHION_SPEED = 1.0
 THREADS_SPEED = 1.7
 # Evaluations that a study may take: for the bits of all layers, and end to end in an arithmetic.
 STUDIES = {BITS: 3.0, END_TO_END: 1.2}
+# Two workers to one, and a task beside its work.
+WORKERS_SPEED = 1.7
+OVERHEAD = 0.05
 
 # Steps of the float model that a step of training may take, at proven widths and at others.
 PROVEN_STEPS, UNPROVEN_STEPS = 2.5, 10.0
@@ -110,6 +114,14 @@ def of_training(rows: Sequence[StepTimes]) -> Iterator[Target]:
         yield Target(f"{row.network}, a step of training, {row.kind}", 1 / row.ratio, 1 / steps)
 
 
+def of_distributed(rows: Sequence[DistributedTimes]) -> Iterator[Target]:
+    """Yield the targets of workers: their speed to one, and the work's share of a task."""
+    for row in rows:
+        what = f"{row.work}, {row.engine}"
+        yield Target(f"{what}: two workers to one", row.speed_up, WORKERS_SPEED)
+        yield Target(f"{what}: work to task", 1 / (1 + row.overhead), 1 / (1 + OVERHEAD))
+
+
 OF: dict[str, Callable[..., Iterator[Target]]] = {
     "networks": of_networks,
     "layers": of_layers,
@@ -118,4 +130,5 @@ OF: dict[str, Callable[..., Iterator[Target]]] = {
     "threads": of_threads,
     "studies": of_studies,
     "training": of_training,
+    "distributed": of_distributed,
 }

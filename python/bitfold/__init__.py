@@ -4,7 +4,7 @@
 
 ``Network`` is a trained network in the accelerator's arithmetic, ``Arithmetic`` what its layers
 compute in, and ``study`` finds out what that does to it. ``training`` trains a Keras model through
-that arithmetic.
+that arithmetic, and ``data`` names data in files.
 
 Importing the package loads the op library once. ``bitfold.ops`` holds the ops as people know them
 from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
@@ -30,8 +30,8 @@ from bitfold._frame.warning_lines import set_warnings, warning_counts
 
 __version__ = VERSION
 
-from bitfold import detection, fpx, ops, resize, tables, training
-from bitfold.network import Arithmetic, Network, UnsupportedModelError
+from bitfold import data, detection, fpx, ops, resize, tables, training
+from bitfold.network import Arithmetic, Network, UnsupportedModelError, WorkerError
 from bitfold.studies import Study, study
 
 __all__ = [
@@ -39,7 +39,9 @@ __all__ = [
     "Network",
     "Study",
     "UnsupportedModelError",
+    "WorkerError",
     "__version__",
+    "data",
     "detection",
     "flush_device_lines",
     "fpx",

@@ -166,7 +166,8 @@ TYPED_TEST(PreparedProducts, LeadingDimensionsOfEveryPlan) {
   Random random(0x1ead);
   size_t turn = 0;
   for (const MatmulRecipe& recipe : testing::MatmulRecipes<In>()) {
-    for (size_t i = turn % 2; i < std::size(fronts); i += 2) {
+    constexpr size_t kStep = 2 * testing::Step(2);
+    for (size_t i = turn % kStep; i < std::size(fronts); i += kStep) {
       auto c = testing::OfRecipe<In, Out>(recipe);
       c.fronts[0] = fronts[i].first;
       c.fronts[1] = fronts[i].second;
@@ -233,7 +234,7 @@ TYPED_TEST(PreparedProducts, WidthsAndShifts) {
   using Out = typename TypeParam::Out;
   using Limits = std::numeric_limits<In>;
   Random random(0xb1a6);
-  for (int32_t width = 0; width <= 32; ++width) {
+  for (int32_t width = 0; width <= 32; width += testing::Step(3)) {
     for (int32_t shift = 0; shift <= 31; shift += shift < 7 ? 1 : 4 * testing::Step(3)) {
       PreparedMatmulCase<In, Out> c;
       c.accumulator_size = width;

@@ -21,6 +21,7 @@
 #include "support/chain_recipes.h"
 #include "support/convolution.h"
 #include "support/ledger.h"
+#include "support/scale.h"
 #include "support/workers.h"
 
 namespace bitfold {
@@ -91,7 +92,7 @@ void CheckRecipes(uint64_t seed) {
     const testing::ForcedTarget forced(target);
     for (const ChainRecipe& recipe : testing::ChainRecipes<T>()) {
       for (Convolution c : Shapes()) {
-        if (random.Between(0, 1) == 0) continue;
+        if (random.Between(0, testing::kSanitized ? 4 : 1) != 0) continue;
         c.batch = random.Pick(std::vector<int32_t>{1, 2, 10});
         const auto data = testing::DrawRecipe<T>(&random, recipe, random.Flag(), &c);
         ASSERT_NO_FATAL_FAILURE(

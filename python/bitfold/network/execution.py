@@ -13,6 +13,10 @@ from bitfold._frame import warning_lines
 from bitfold.network.assemble import Assembly
 from bitfold.network.operators import Step, SummingStep
 
+# Where networks run: no layer has a kernel for another device, to which the runtime would move what
+# stands between them, weights and all, at every call.
+HOST = "CPU:0"
+
 # From a step with an accumulator and its inputs to its outputs.
 Summing = Callable[[SummingStep, Sequence[tf.Tensor | None]], list[tf.Tensor]]
 # From these and a state to the outputs and to what was seen.

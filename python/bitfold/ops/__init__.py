@@ -35,7 +35,12 @@ on their way, as whole numbers that never wrap, and what would leave an accumula
 Stored tensors. The ``stored_`` functions take and give the integers that a quantised network keeps,
 int8 and int16, as they are; results have the bits of the mobile runtime's reference kernels.
 
-Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
+Gradients. Float data has the gradient of the real function that an op approximates: wraps,
+roundings and half precision pass straight through, and products are divided by ``mult_shift``, by
+nothing where that is 0. Integers have none. Box decoders and suppression have none either, and say
+so when one is asked for.
+
+Layout. Tensors are NHWC. No XLA: leave ``jit_compile`` off.
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
 ``tf.function`` their shapes may be partly unknown, and strides and dilations must be positive (the
@@ -48,6 +53,7 @@ it, or an assertion in a function whose shapes were unknown when it was traced. 
 zeros, or end the process.
 """
 
+from bitfold.ops._activation import activation
 from bitfold.ops._additions import add, bias_add, decomposed_bias_add, weighted_add
 from bitfold.ops._bilinear import bilinear
 from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
@@ -63,7 +69,7 @@ from bitfold.ops._stored import (
     stored_pool,
     stored_quantise,
 )
-from bitfold.ops._units import activation, layer_norm, softmax
+from bitfold.ops._units import layer_norm, softmax
 
 __all__ = [
     "activation",

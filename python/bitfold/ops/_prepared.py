@@ -52,6 +52,8 @@ def prepared_conv2d(
     be known of the layer is decided at the first call, which packs the weights; later calls with
     the same `filter`, `bias` and `multipliers` and the same image size use it again.
 
+    There is no gradient: results are integers.
+
     Args:
         input: int8 or int16 [N, H, W, C].
         filter: int8 [h, w, C, outputs]; depthwise [h, w, 1, outputs], outputs at most C.
@@ -146,6 +148,8 @@ def prepared_matmul(
     the other more. A second operand that is one matrix of rank 2 meets the rows of all first
     matrices in one product: of weights whose sign is corrected there is one line, not one for each
     matrix.
+
+    There is no gradient: results are integers.
 
     Args:
         first: int8 or int16 [..., rows, inner], or [..., inner, rows] where it is transposed.

@@ -16,10 +16,10 @@ import tensorflow as tf
 
 from bitfold._frame.library import VERSION
 from bitfold.network import Network, evaluation
+from bitfold.network.shards.data import Data
+from bitfold.network.shards.metrics import Metric
 from bitfold.studies.attribution import attribute
-from bitfold.studies.data import Data
 from bitfold.studies.layers import bits_of_layer
-from bitfold.studies.metrics import Metric
 from bitfold.studies.passes import Plan
 from bitfold.studies.records import Counts, Findings, LayerCounts, Result
 from bitfold.studies.settings import Setting, full_width

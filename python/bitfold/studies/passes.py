@@ -19,8 +19,9 @@ from typing import Any
 import tensorflow as tf
 
 from bitfold.network import Network, evaluation
-from bitfold.studies.data import Shard
-from bitfold.studies.metrics import Metric
+from bitfold.network.shards.data import Shard
+from bitfold.network.shards.metrics import Metric
+from bitfold.network.shards.work import Run
 from bitfold.studies.settings import Setting, full_width
 from bitfold.studies.tallies import Tally
 from bitfold.studies.watching import FullWidthPass, SettingPass
@@ -45,18 +46,13 @@ class Plan:
     metric: Any
     has_metric: bool
 
+    def runner(self, key: int | None) -> Run:
+        """Return what computes shards in a setting, by its index; None for the full-width pass."""
+        return Runner(self, key).run
 
-@dataclasses.dataclass(frozen=True)
-class Task:
-    """A part of a study.
-
-    Attributes:
-        setting: its index; None for the full-width pass.
-        shard: of the data.
-    """
-
-    setting: int | None
-    shard: int
+    def called(self, key: int | None) -> str:
+        """Return the name of a setting."""
+        return "full width" if key is None else self.settings[key].name
 
 
 def check_biases(network: Network) -> None:
@@ -72,7 +68,7 @@ def check_biases(network: Network) -> None:
 
 
 class Runner:
-    """Computes the tasks of one setting."""
+    """Computes the shards of one setting."""
 
     def __init__(self, plan: Plan, setting: int | None) -> None:
         """Make the network and what looks on; graphs are made when the first batch comes."""

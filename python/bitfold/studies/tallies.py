@@ -11,7 +11,7 @@ from typing import Any
 
 import numpy as np
 
-from bitfold.studies.metrics import State
+from bitfold.network.shards.metrics import State
 from bitfold.studies.records import Counts
 
 # Of extremes [least final, greatest final, least partial, greatest partial] before any sum.

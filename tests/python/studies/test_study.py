@@ -21,7 +21,7 @@ from test_counts import expected_counts
 from witness import Witness
 
 import bitfold
-from bitfold.studies.data import Data
+from bitfold.network.shards.data import Data
 from bitfold.studies.passes import Plan, Runner
 from bitfold.studies.records import Findings
 from bitfold.studies.settings import settings_of
@@ -152,7 +152,7 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
     given = data
     if is_dataset:
         given = (tf.data.Dataset.from_tensor_slices(data).batch(5),)
-    keywords = dict(arithmetics=SETTINGS[:2], batch_size=5, resume=path)
+    keywords = dict(arithmetics=SETTINGS[:2], batch_size=5, shard_size=5, resume=path)
     finished = 0
     while True:
         with monkeypatch.context() as patch:
@@ -160,7 +160,6 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
             try:
                 found = bitfold.study(network, *given, **keywords)
             except CrashError:
-                json.loads(path.read_bytes())
                 continue
             finally:
                 finished += len(parts)
@@ -170,41 +169,16 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
     assert _plain(found) == _plain(bitfold.study(network, *data, arithmetics=SETTINGS[:2]))
 
 
-def test_a_crash_while_writing_leaves_the_parts_before(network, data, tmp_path, monkeypatch):
-    """The file is replaced as a whole."""
-    path = tmp_path / "parts"
-    keywords = dict(arithmetics=SETTINGS[:1], batch_size=10, resume=path)
-    written = []
-
-    def crash(source, target):
-        if len(written) == 4:
-            raise CrashError
-        written.append(target)
-        replace(source, target)
-
-    replace = os.replace
-    with monkeypatch.context() as patch:
-        patch.setattr("os.replace", crash)
-        with pytest.raises(CrashError):
-            bitfold.study(network, *data, **keywords)
-    parts = json.loads(path.read_bytes())["parts"]
-    assert parts[0]["shards"] == [0, 1, 2]
-    assert [file.name for file in tmp_path.iterdir()] == ["parts"]
-    finished = _interrupt(monkeypatch, 100)
-    bitfold.study(network, *data, **keywords)
-    assert len(finished) == 2 * 7 - 3
-
-
 def test_parts_of_another_study_are_refused(network, data, tmp_path):
-    """Of another network, arithmetic, metric, batch size or other data, with what differs."""
+    """Of another network, arithmetic, metric, shard size or other data, with what differs."""
     x, y = data
     path = tmp_path / "parts"
-    keywords = dict(arithmetics=[A(14)], batch_size=20, resume=path)
+    keywords = dict(arithmetics=[A(14)], shard_size=20, resume=path)
     bitfold.study(network, x, y, **keywords)
     before = path.read_bytes()
     others = {
         "the arithmetics": dict(keywords, arithmetics=[A(15)]),
-        "the batch size": dict(keywords, batch_size=21),
+        "the shard size": dict(keywords, shard_size=21),
         "the metric": dict(keywords, metric="sparse_categorical_accuracy"),
     }
     for text, changed in others.items():
@@ -221,16 +195,6 @@ def test_parts_of_another_study_are_refused(network, data, tmp_path):
     assert path.read_bytes() == before
 
 
-@pytest.mark.parametrize("content", [b"", b"{", b"[]", b"{}", b'{"format": 2}', b"\xff" * 9])
-def test_other_files_are_refused(network, data, tmp_path, content):
-    """And stay as they are."""
-    path = tmp_path / "parts"
-    path.write_bytes(content)
-    with pytest.raises(ValueError, match=r"Need a file of a study's finished parts, got .*parts"):
-        bitfold.study(network, *data, resume=path)
-    assert path.read_bytes() == content
-
-
 def test_a_path_that_cannot_be_written_is_refused_first(network, data, tmp_path, monkeypatch):
     """Before work begins."""
     finished = _interrupt(monkeypatch, 0)
@@ -242,7 +206,7 @@ def test_a_path_that_cannot_be_written_is_refused_first(network, data, tmp_path,
 
 def test_parts_add_up_in_any_order(network, data):
     """Tasks are computed anywhere: what they need and what they give can be pickled."""
-    images = Data(*data, 10)
+    images = Data(*data, 10, shard_size=10)
     plan = Plan(network, settings_of(network, SETTINGS), None, has_metric=True)
     plan = pickle.loads(pickle.dumps(plan))
     for setting in (None, 1):
