@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -25,6 +25,11 @@ demo-numeric: setup ## softmax, layer norm and activation units in a transformer
 
 demo-detect: setup ## faces in a photograph, a cascade of networks in integers: boxes and agreement
 	@$(PYTHON) examples/detect/run.py --output-dir build/demo-detect
+
+demo-training: ## the network of `make demo` trained on, until no input can wrap 16, 14 and 12 bits
+	@scripts/setup.sh demo
+	@scripts/install_package.sh
+	@$(PYTHON) examples/training/run.py --output-dir build/demo-training
 
 test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/setup.sh tests

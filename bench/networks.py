@@ -27,6 +27,7 @@ import network_times
 import studies
 import targets
 import thread_times
+import training
 from run import ROOT, machine
 from timing import use_threads
 
@@ -78,6 +79,14 @@ def measure_studies(one: Executor, _: Executor, budget: float) -> list:
     return found
 
 
+def measure_training(_: Executor, two: Executor, budget: float) -> list:
+    """Time steps of training."""
+    found = []
+    for name in training.NETWORKS:
+        found += two.submit(training.measure, name, budget).result()
+    return found
+
+
 PARTS: dict[str, Callable[[Executor, Executor, float], list | dict]] = {
     "networks": measure_networks,
     "profiles": measure_profiles,
@@ -86,6 +95,7 @@ PARTS: dict[str, Callable[[Executor, Executor, float], list | dict]] = {
     "fashion": measure_fashion,
     "threads": thread_times.compare,
     "studies": measure_studies,
+    "training": measure_training,
     "distributed": distributed_times.measure,
 }
 
@@ -242,6 +252,26 @@ def print_studies(rows: list[studies.StudyTimes]) -> None:
     )
 
 
+def print_training(rows: list[training.StepTimes]) -> None:
+    """Print steps of training through the arithmetic beside those of the float models."""
+    table(
+        "Steps of training through accumulators, two threads",
+        ("network", "accumulator", "images", "float ms", "emulated ms", "ratio"),
+        [
+            (
+                row.network,
+                row.kind,
+                str(row.images),
+                milliseconds(row.float_seconds),
+                milliseconds(row.seconds),
+                f"{row.ratio:.2f}",
+            )
+            for row in rows
+        ],
+        texts=2,
+    )
+
+
 def print_distributed(rows: list[distributed_times.DistributedTimes]) -> None:
     """Print studies by workers."""
     table(
@@ -300,6 +330,7 @@ PRINTERS: dict[str, Callable[[list | dict], None]] = {
     "fashion": print_fashion,
     "threads": print_threads,
     "studies": print_studies,
+    "training": print_training,
     "distributed": print_distributed,
 }
 

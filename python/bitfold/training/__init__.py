@@ -11,12 +11,15 @@ computes with the integers that training saw.
 
 from bitfold.training.emulating import emulate, emulated_layers
 from bitfold.training.hooks import FilterRule, LayerIntegers, RealLayer
+from bitfold.training.proven import ExcessPenalty, ProvenWidth
 from bitfold.training.summary import LayerSummary, print_summary, summarise
 
 __all__ = [
+    "ExcessPenalty",
     "FilterRule",
     "LayerIntegers",
     "LayerSummary",
+    "ProvenWidth",
     "RealLayer",
     "emulate",
     "emulated_layers",

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+import numbers
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from typing import Any
 
@@ -20,6 +21,7 @@ from bitfold.training.flow import calibrating
 from bitfold.training.hooks import FilterRule, LayerIntegers
 from bitfold.training.patterns import groups_of
 from bitfold.training.products import PRODUCTS
+from bitfold.training.proven import ExcessPenalty, ProvenWidth
 from bitfold.training.ranges import RANGES
 from bitfold.training.rewriting import Rewriter
 from bitfold.training.separable import EmulatedSeparable
@@ -39,7 +41,8 @@ def emulate(
     ranges: str = "averaged",
     momentum: float = 0.99,
     filter_rule: FilterRule | Mapping[str, FilterRule] | None = None,
-    penalty: Penalty | Mapping[str, Penalty] | None = None,
+    proven_width: int | Mapping[str, int] | None = None,
+    penalty: float | Penalty | Mapping[str, float | Penalty] | None = None,
 ) -> keras.Model:
     """Make a model that computes in the accelerator's integers and trains as any Keras model.
 
@@ -66,8 +69,11 @@ def emulate(
         momentum: what a step of averaging keeps of a range.
         filter_rule: how real filters become integers, for all layers or by layer; by default the
             largest magnitude of each output stands for 127.
-        penalty: adds to the loss in training, for all layers or by layer: a function of
-            `bitfold.training.LayerIntegers` to a scalar.
+        proven_width: bits of an accumulator that no input can wrap, for all layers or by layer, at
+            any step of training: instead of a filter rule, `bitfold.training.ProvenWidth`.
+        penalty: adds to the loss in training, for all layers or by layer: what each bit costs by
+            which an output's sums can leave the accumulator, as `bitfold.training.ExcessPenalty`;
+            or a function of `bitfold.training.LayerIntegers` to a scalar.
 
     Returns:
         A functional Keras model. Its inputs and outputs are those of `model`, real numbers.
@@ -75,7 +81,8 @@ def emulate(
     Raises:
         TypeError: for anything but an `Arithmetic`.
         ValueError: for a model that is not built, calibration data that does not fit it, a key that
-            means no layer, and an arithmetic that does not train.
+            means no layer, an arithmetic that does not train, and a proven width beyond a layer's
+            accumulator.
 
     Example:
         >>> import bitfold, keras, numpy as np
@@ -94,6 +101,10 @@ def emulate(
         raise ValueError(f"Need a gradient of {', '.join(GRADIENTS)}, got {gradient!r}")
     if ranges not in RANGES:
         raise ValueError(f"Need ranges of {', '.join(RANGES)}, got {ranges!r}")
+    if proven_width is not None:
+        if filter_rule is not None:
+            raise ValueError(f"Need a proven_width or a filter_rule, got both: {filter_rule!r}")
+        filter_rule = _mapped(ProvenWidth, proven_width)
     inputs = model_inputs(model)
     calls = Calls(model)
     groups = groups_of(calls)
@@ -101,10 +112,13 @@ def emulate(
     options = {
         "arithmetic": _by_layer(arithmetic, summing, Arithmetic, Arithmetic()),
         "filter_rule": _by_layer(filter_rule, summing, FilterRule, None),
-        "penalty": _by_layer(penalty, summing, Callable, None),
+        "penalty": _by_layer(_mapped(_penalty, penalty), summing, Callable, None),
     }
     for name, chosen in options["arithmetic"].items():
         _require_trainable(name, chosen)
+        rule = options["filter_rule"][name]
+        if isinstance(rule, ProvenWidth):
+            rule.require_provable(name, chosen)
     settings = {
         layer.name: {
             "gradient": gradient,
@@ -135,6 +149,18 @@ def emulated_layers(model: keras.Model) -> list[EmulatedLayer]:
         elif isinstance(layer, EmulatedSeparable):
             found += [layer.depthwise, layer.pointwise]
     return found
+
+
+def _mapped(function: Callable[[Any], Any], given: Any) -> Any:
+    """Return a function of what is given, or of each value of a dictionary."""
+    if isinstance(given, Mapping):
+        return {key: function(value) for key, value in given.items()}
+    return None if given is None else function(given)
+
+
+def _penalty(given: Any) -> Any:
+    """Return a penalty, of a number the one on bits."""
+    return ExcessPenalty(given) if isinstance(given, numbers.Real) else given
 
 
 def _require_trainable(name: str, arithmetic: Arithmetic) -> None:

@@ -24,8 +24,8 @@ class RealLayer:
         accumulator_size: bits of its accumulator, None where sums are exact.
         mult_shift: of its products.
         is_depthwise: whether each channel is summed for itself.
-        filter: float32 [taps, outputs].
-        bias: float32 [outputs].
+        filter: float64 [taps, outputs].
+        bias: float64 [outputs].
         data_scale: float32, of the layer's data.
         data_low: float32, the least stored integer of the data less its zero point, at most 0.
         data_high: float32, the greatest, at least 0.
@@ -88,7 +88,7 @@ class FilterRule:
 
     def largest(self, layer: RealLayer) -> tf.Tensor:
         """Return what 127 stands for: float32 [outputs], at least each largest magnitude."""
-        return tf.reduce_max(tf.abs(layer.filter), axis=0)
+        return tf.cast(tf.reduce_max(tf.abs(layer.filter), axis=0), tf.float32)
 
     def get_config(self) -> dict[str, Any]:
         """Return what `from_config` needs."""

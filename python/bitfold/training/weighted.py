@@ -145,14 +145,14 @@ class EmulatedLayer(Ranged):
         low, high = quantising.bounds(grid)
         layer = RealLayer(
             *self._facts,
-            filter=tf.reshape(tf.cast(filter, tf.float32), [-1, outputs]),
-            bias=tf.cast(bias, tf.float32),
+            filter=tf.reshape(filter, [-1, outputs]),
+            bias=bias,
             data_scale=grid[0],
             data_low=low,
             data_high=high,
         )
         # A scale must be one, and no bias wider than its type.
-        least = tf.abs(layer.bias) / grid[0] * quantising.LARGEST_WEIGHT * 2.0**-30
+        least = tf.cast(tf.abs(bias), tf.float32) / grid[0] * quantising.LARGEST_WEIGHT * 2.0**-30
         largest = tf.maximum(self.filter_rule.largest(layer), tf.maximum(least, 2.0**-100))
         largest = tf.stop_gradient(largest)
         scales = quantising.filter_scales(largest)
