@@ -337,7 +337,7 @@ def test_executors_are_refused(network, data):
         network.evaluate(*data, executor=ended)
 
 
-def test_data_are_refused(network, data, monkeypatch):
+def test_data_are_refused(network, data, monkeypatch, tmp_path):
     """That no worker could read, and those that are too large to be sent."""
     x, y = data
     dataset = tf.data.Dataset.from_tensor_slices(data).batch(6)
@@ -349,6 +349,10 @@ def test_data_are_refused(network, data, monkeypatch):
         network.evaluate(x, executor=executor)
     with pytest.raises(TypeError, match="Need a metric that can be sent to workers"):
         network.evaluate(x, y, metric=lambda labels, outputs: outputs, executor=executor)
+    np.savez(tmp_path / "images.npz", x=x, y=y)
+    mapped = bitfold.data.npz(tmp_path / "images.npz", x="x", y="y").map(lambda x, y: (x, y))
+    with pytest.raises(ValueError, match="with functions of a module and no lambdas"):
+        network.evaluate(mapped, executor=Processes(1))
     monkeypatch.setattr(executing, "_MOST_SENT", 1 << 15)
     with pytest.raises(ValueError, match=r"Need data by reference for workers, .*, got 0 MB"):
         network.evaluate(x, y, executor=executor)

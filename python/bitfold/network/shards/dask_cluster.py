@@ -43,6 +43,11 @@ def is_executor(executor: Executor) -> bool:
     return module is not None and isinstance(executor, module.ClientExecutor)
 
 
+def threads(executor: Executor) -> int:
+    """Return how many threads the workers of a cluster have by now."""
+    return sum(executor._client.nthreads().values())
+
+
 def shared(executor: Executor, value: Any) -> Any:
     """Return what stands for a value as an argument: each worker gets it once, when it needs it.
 

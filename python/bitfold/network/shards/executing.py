@@ -10,15 +10,17 @@ work to each worker once, and to try a shard again.
 from __future__ import annotations
 
 import concurrent.futures
+import pickle
 import queue
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from concurrent.futures import Executor
 from typing import Any
 
 from bitfold.network.errors import WorkerError
-from bitfold.network.shards import workers
+from bitfold.network.shards import dask_cluster, workers
 from bitfold.network.shards.data import ShardReference
 from bitfold.network.shards.delivery import Delivery, delivered
+from bitfold.network.shards.processes import Processes
 from bitfold.network.shards.work import Failure, Run, Task, Work
 
 # With so many failures of a shard the work ends.
@@ -28,6 +30,8 @@ _MOST_SENT = 256 << 20
 # Tasks that are handed over before they are computed: for each worker where their number is known.
 _AHEAD = 2
 _AHEAD_OF_ALL = 1000
+# Processes are told of shards in the standard way, which knows functions by their names alone.
+_POOLS = (concurrent.futures.ProcessPoolExecutor, Processes)
 
 
 def check(executor: Any, references: Sequence[ShardReference]) -> None:
@@ -55,6 +59,18 @@ def check(executor: Any, references: Sequence[ShardReference]) -> None:
             f"Need data by reference for workers, as files that they read themselves, got "
             f"{held >> 20} MB in memory; at most {_MOST_SENT >> 20} MB are sent"
         )
+    if isinstance(executor, _POOLS) and references:
+        _check_pickle(references[0])
+
+
+def _check_pickle(reference: ShardReference) -> None:
+    try:
+        pickle.dumps(reference)
+    except Exception as error:  # whatever it is made of says so in its own way
+        raise ValueError(
+            "Need data that worker processes can be told of, with functions of a module and no "
+            f"lambdas, got {error}"
+        ) from error
 
 
 def computed(
@@ -112,8 +128,7 @@ class _Flow:
     def __init__(self, work: Work, executor: Executor, delivery: Delivery) -> None:
         """Take who computes, and how the work gets there."""
         self._work, self._executor, self._delivery = work, executor, delivery
-        count = getattr(executor, "_max_workers", None)
-        self._ahead = _AHEAD_OF_ALL if count is None else _AHEAD * count
+        self._ahead = _ahead(executor)
         # How often each has failed.
         self._underway: dict[concurrent.futures.Future, tuple[Task, int]] = {}
         self._done: queue.SimpleQueue[concurrent.futures.Future] = queue.SimpleQueue()
@@ -161,6 +176,15 @@ class _Flow:
             f"Need a shard that can be computed, got {_MOST_FAILURES} failures of {where}; the "
             f"last, {failure.worker}: {failure.text}"
         )
+
+
+def _ahead(executor: Executor) -> int:
+    """Return how many tasks are handed over at once: more may join a cluster than it has by now."""
+    count = getattr(executor, "_max_workers", None)
+    if count is not None:
+        return _AHEAD * count
+    threads = dask_cluster.threads(executor) if dask_cluster.is_executor(executor) else 0
+    return max(_AHEAD_OF_ALL, _AHEAD * threads)
 
 
 def _outcome(future: concurrent.futures.Future) -> Any:
