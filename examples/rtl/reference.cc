@@ -45,7 +45,7 @@ int reference_accumulate(int acc, int addend, int width) {
 }
 
 // One addition of a product into a half-precision accumulator, from register to register.
-unsigned short reference_accumulate_half(unsigned short acc, int product) {
+uint16_t reference_accumulate_half(uint16_t acc, int product) {
   const float addend = shifter_fp16_acc_verification(product);
   return RegisterOf(bitfold::AccumulateHalf(ValueOf(acc), addend));
 }

@@ -71,9 +71,11 @@ std::vector<int32_t> Steps(const std::vector<Operands>& operands, int32_t width)
   return results;
 }
 
-float FloatStep(float a, float b, int32_t width) {
+float FloatStep(int32_t a, int32_t b, int32_t width) {
   float sum = 0.0f;
-  PrintedBy([&] { sum = Datapath<float>(width, 0, false).Accumulate(a, b); });
+  PrintedBy([&] {
+    sum = Datapath<float>(width, 0, false).Accumulate(static_cast<float>(a), static_cast<float>(b));
+  });
   return sum;
 }
 
