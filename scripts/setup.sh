@@ -44,7 +44,7 @@ cmake_is_recent() { cmake --version | awk 'NR == 1 { split($3, v, "."); exit !(v
 
 find_missing() {
   missing=()
-  need python3-venv python3 -c 'import venv, ensurepip'
+  if [ "$goal" != rtl ]; then need python3-venv python3 -c 'import venv, ensurepip'; fi
   need g++ c++ --version
   need cmake cmake_is_recent
   # Compiles device code, and in the tests the vector code once more.
@@ -87,7 +87,7 @@ install_missing() {
       "in the environment does without.)"
 }
 
-python3 -c 'import sys; sys.exit(not (3, 11) <= sys.version_info[:2] <= (3, 13))' ||
+[ "$goal" = rtl ] || python3 -c 'import sys; sys.exit(not (3, 11) <= sys.version_info[:2] <= (3, 13))' ||
   fail "Need python3 of version 3.11 to 3.13, which TensorFlow 2.21 supports; got $(python3 --version)."
 
 find_missing

@@ -15,7 +15,7 @@ module mac_bench #(
   localparam int WEIGHT_WIDTH = 8;
   localparam int SHIFT_WIDTH = 4;
 
-  // ---- The reference: bitfold/single_step.h as it is, and reference.cc ---------------------------
+  // ---- The reference: bitfold/single_step.h as it is, and reference.cc --------------------------
 
   import "DPI-C" function int multiplier_verification(input int a, input int b);
   import "DPI-C" function int shifter_int_acc_verification(input int x, input int shift);
@@ -25,7 +25,7 @@ module mac_bench #(
     input int product
   );
 
-  // ---- The unit ----------------------------------------------------------------------------------
+  // ---- The unit ---------------------------------------------------------------------------------
 
   logic clk = 0;
   initial forever #1 clk = ~clk;
@@ -47,7 +47,7 @@ module mac_bench #(
       .*
   );
 
-  // ---- One step ----------------------------------------------------------------------------------
+  // ---- One step ---------------------------------------------------------------------------------
 
   int expected_acc;
   shortint unsigned expected_half;
@@ -114,7 +114,7 @@ module mac_bench #(
     end
   endtask
 
-  // ---- Boundaries --------------------------------------------------------------------------------
+  // ---- Boundaries -------------------------------------------------------------------------------
 
   // Ends of the ranges, signs, halves, and 12 significant bits with one more.
   localparam int DATA_COUNT = 18;
@@ -151,7 +151,7 @@ module mac_bench #(
     end
   endtask
 
-  // ---- Random steps ------------------------------------------------------------------------------
+  // ---- Random steps -----------------------------------------------------------------------------
 
   // The same on every simulator.
   longint unsigned state;
