@@ -1,5 +1,5 @@
-# The installed tree, which may be moved: headers, the C library, and how CMake and pkg-config find them.
-# The wheel has the same tree in its folder bitfold.
+# The installed tree, which may be moved: headers, the C library, and how CMake and pkg-config find
+# them. The wheel has the same tree in its folder bitfold.
 
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)

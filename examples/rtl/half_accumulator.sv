@@ -41,15 +41,15 @@ module half_accumulator #(
   // To 24 significant bits, halves to even.
   function automatic magnitude_t single(input magnitude_t x);
     int drop;
-    magnitude_t kept, rest, half;
+    magnitude_t kept, rest, tie;
     drop = bit_length(x) - 24;
     if (drop <= 0 || BUG == 3) begin  // keeps all bits of the sum
       single = x;
     end else begin
-      half = magnitude_t'(1) << (drop - 1);
+      tie = magnitude_t'(1) << (drop - 1);
       kept = x >> drop;
       rest = x - (kept << drop);
-      if (rest > half || (rest == half && kept[0])) kept = kept + 1;
+      if (rest > tie || (rest == tie && kept[0])) kept = kept + 1;
       single = kept << drop;
     end
   endfunction

@@ -19,7 +19,11 @@ module mac_bench #(
 
   import "DPI-C" function int multiplier_verification(input int a, input int b);
   import "DPI-C" function int shifter_int_acc_verification(input int x, input int shift);
-  import "DPI-C" function int reference_accumulate(input int acc, input int addend, input int width);
+  import "DPI-C" function int reference_accumulate(
+    input int acc,
+    input int addend,
+    input int width
+  );
   import "DPI-C" function shortint unsigned reference_accumulate_half(
     input shortint unsigned acc,
     input int product
@@ -66,8 +70,8 @@ module mac_bench #(
     else verdict = "DIFFERENT";
   endfunction
 
-  task automatic report(input int acc_before, input shortint unsigned half_before, input int product,
-                        input int scaled);
+  task automatic report(input int acc_before, input shortint unsigned half_before,
+                        input int product, input int scaled);
     $display("step %0d (%s): data %0d * weight %0d = %0d, shifted by %0d: %0d", step_count, phase,
              data, weight, product, shift, scaled);
     $display("  integer accumulator of %0d bits: %0d + %0d", ACC_WIDTH, acc_before, scaled);
@@ -119,7 +123,8 @@ module mac_bench #(
   // Ends of the ranges, signs, halves, and 12 significant bits with one more.
   localparam int DATA_COUNT = 18;
   localparam int DATA[DATA_COUNT] = '{
-      -32768, -32767, -2049, -2047, -257, -129, -3, -2, -1, 0, 1, 2, 3, 255, 2047, 2049, 32766, 32767
+      -32768, -32767, -2049, -2047, -257, -129, -3, -2, -1,
+      0, 1, 2, 3, 255, 2047, 2049, 32766, 32767
   };
   localparam int WEIGHT_COUNT = 11;
   localparam int WEIGHT[WEIGHT_COUNT] = '{-128, -127, -8, -2, -1, 0, 1, 3, 8, 64, 127};
