@@ -13,9 +13,16 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 out=${OUT:-$PWD/build/rtl}
 width=${ACC_WIDTH:-24} steps=${STEPS:-10000000} seed=${SEED:-1} bug=${BUG:-3}
-mkdir -p "$out"
 
 say() { printf '\033[1m[rtl]\033[0m %s\n' "$*"; }
+need() { # need NAME PATTERN WHAT VALUE
+  [[ $4 =~ ^$2$ ]] || { say "Need $1 to be $3, got '$4'." >&2 && exit 1; }
+}
+need ACC_WIDTH '[0-9]{1,2}' "a number of bits" "$width"
+need STEPS '[0-9]{1,9}' "a number of steps below 10^9" "$steps"
+need SEED '[0-9]{1,9}' "a number below 10^9" "$seed"
+need BUG '[0-4]' "0 to 4" "$bug"
+mkdir -p "$out"
 quietly() { "$@" >"$out/log" 2>&1 || { cat "$out/log" >&2 && exit 1; }; }
 
 # The C library and the headers, where pkg-config finds them.

@@ -42,7 +42,7 @@ def _run(folder: pathlib.Path, width: str = "24", **settings: str) -> str:
 
 # The narrowest that takes its addends, the accelerator's own, and that of int32.
 @pytest.mark.parametrize("width", ["23", "24", "32"])
-@pytest.mark.parametrize("seed", ["1", "4294967295"])
+@pytest.mark.parametrize("seed", ["1", "999999999"])
 def test_the_unit_is_equal(folder, width, seed):
     """Boundaries, then random steps of other seeds."""
     text = _run(folder, width, SEED=seed, BUG="0")
@@ -71,6 +71,16 @@ def test_a_planted_bug_is_found(folder, bug, where, other):
         assert shown[3] == verdict
         assert (shown[1] == shown[2]) == (verdict == "equal")
     assert text.rstrip().endswith("Found.")
+
+
+def test_an_unknown_bug_is_refused():
+    """Instead of a bench that finds nothing."""
+    environment = {"PATH": PATH, "BUG": "5"}
+    result = subprocess.run(
+        [ROOT / "examples" / "rtl" / "run.sh"], env=environment, capture_output=True, text=True
+    )
+    assert result.returncode == 1
+    assert "Need BUG to be 0 to 4, got '5'." in result.stderr
 
 
 def test_an_unknown_width_is_refused(tmp_path):
