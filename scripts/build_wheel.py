@@ -96,7 +96,8 @@ def build(sources: pathlib.Path, output: pathlib.Path) -> pathlib.Path:
         (built,) = pathlib.Path(folder).iterdir()
         wheel = pathlib.Path(shutil.move(built, output / built.name))
     newest = ", ".join(f"{kind} {version}" for kind, version in newest_symbols(found).items())
-    print(f"{wheel}\n{wheel.stat().st_size / 1e6:.1f} MB; newest symbols: {newest}")
+    print(f"{wheel.stat().st_size / 1e6:.1f} MB; newest symbols: {newest}. Install it with:")
+    print(f'pip install "{wheel}[cpu]"  # or [gpu]')
     return wheel
 
 

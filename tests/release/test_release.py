@@ -63,8 +63,8 @@ def test_wheel_has_what_it_must(contents):
         for package in ("bitfold", "bitfold_command")
         for path in (ROOT / "python" / package).rglob("*.py")
     ]
-    lists = (ROOT / "src" / "CMakeLists.txt").read_text()
-    headers = re.findall(r"include/(bitfold/\w+\.h)", lists)
+    exports = (ROOT / "cmake" / "exports.map").read_text()
+    headers = re.findall(r"# (bitfold/\w+\.h)", exports)
     assert len(headers) >= 5
     wanted = [
         *modules,
@@ -80,8 +80,8 @@ def test_wheel_has_what_it_must(contents):
 
 # What may lie beside the modules; a new kind of file gets its line here.
 _KINDS = (
-    r"bitfold/libbitfold\w*\.so(\.\d+)*",
-    r"bitfold/include/bitfold/\w+\.h",
+    r"bitfold/(lib/)?libbitfold\w*\.so(\.\d+)*",
+    r"bitfold/include/bitfold/([a-z]+/)*\w+\.h",
     r"bitfold/(lib|share)/.*\.(cmake|pc)",
     r"bitfold/py\.typed",
     r"(bitfold|bitfold_command)/([a-z_0-9]+/)*[a-z_0-9]+\.py",
