@@ -36,7 +36,7 @@ def elsewhere(wheel):
     """An environment in which the wheel is installed with the runtime that it asks for."""
     environment = Environment("elsewhere")
     constraints = ROOT / "requirements" / "constraints.txt"
-    environment.install(f"{wheel}[cpu]", "pytest", "-c", constraints)
+    environment.install(f"{wheel}[cpu,report]", "pytest", "-c", constraints)
     yield environment
     environment.remove()
 
