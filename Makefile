@@ -2,8 +2,10 @@
 
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
+# No demo needs device code; it stays in where a goal before brought its compiler.
+demo demo-digits demo-numeric demo-detect demo-training: export BITFOLD_GPU ?= $(if $(wildcard .cuda/.stamp),ON,OFF)
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training demo-rtl test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training demo-rtl test test-long test-browser check fuzz device-test bench bench-networks wheel release-check test-remedy format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -11,6 +13,7 @@ help: ## list the goals
 setup: ## virtual environment in .venv with the package built and installed
 	@scripts/setup.sh build
 	@scripts/install_package.sh
+	@$(if $(filter setup,$(MAKECMDGOALS)),scripts/next_steps.sh)
 
 demo: ## a network trained on Fashion-MNIST, studied and narrowed: tables and a report with pictures
 	@scripts/setup.sh demo
@@ -80,9 +83,16 @@ bench: ## ratios to stock ops, plain loops and the mobile runtime: tables, JSON 
 bench-networks: setup ## the part of it on whole networks, their layers and threads; PARTS="networks ..."
 	@$(PYTHON) bench/networks.py --output build/bench/networks.json $(if $(PARTS),--parts $(PARTS))
 
-wheel: setup ## a wheel for the TensorFlow of .venv in dist/
-	@PATH=$(CURDIR)/.venv/bin:$$PATH $(PYTHON) -m pip wheel -q --no-build-isolation --no-deps \
-	    --config-settings=build-dir=build/package -w dist . && ls dist
+wheel: setup ## a wheel in dist/ for the TensorFlow of .venv and all systems that it runs on
+	@$(PYTHON) scripts/build_wheel.py
+
+release-check: ## sdist and wheel, built and tried in a fresh environment without compiler or checkout
+	@scripts/setup.sh build
+	@$(PYTHON) -m pytest -q --durations=5 tests/release/test_release.py
+
+test-remedy: ## what the error beside another TensorFlow says to type; OTHER=VERSION
+	@scripts/setup.sh build
+	@BITFOLD_OTHER_TENSORFLOW=$(or $(OTHER),2.20.0) $(PYTHON) -m pytest -q --durations=5 tests/release/test_remedy.py
 
 format: ## clang-format and ruff, in place
 	@scripts/setup.sh tests

@@ -12,7 +12,7 @@ venv=$PWD/.venv
 stamp=build/package/.installed
 
 sources() {
-  find CMakeLists.txt pyproject.toml README.md LICENSE cmake include src python \
+  find CMakeLists.txt pyproject.toml README.md LICENSE cmake include src python scripts/runtime_extras.py \
     -type f ! -name '*.pyc' -print0
 }
 

@@ -16,7 +16,7 @@ import pytest
 import support
 
 import bitfold
-from bitfold._frame import build_info, library
+from bitfold._frame import build_info, library, self_check
 from bitfold._frame.library import check_file
 
 PACKAGE = pathlib.Path(bitfold.__file__).parent
@@ -76,6 +76,65 @@ def test_a_missing_library_is_refused(copy):
     last = _refusal(_ADD, python_path=copy.parent)
     assert f"{copy / 'libbitfold.so'} cannot be read (No such file or directory)" in last
     assert "pip install --force-reinstall" in last
+
+
+# ---- A patch release of the runtime ------------------------------------------------------------
+
+
+@pytest.fixture
+def of_a_patch_release(copy) -> pathlib.Path:
+    """A copy of the package that was built for another patch release than the one that runs."""
+    other = build_info.TENSORFLOW_VERSION.rpartition(".")[0] + ".99"
+    _replace(copy / "_frame" / "build_info.py", build_info.TENSORFLOW_VERSION, other)
+    return copy
+
+
+def _replace(file: pathlib.Path, old: str, new: str) -> None:
+    content = file.read_bytes()
+    assert old.encode() in content
+    file.write_bytes(content.replace(old.encode(), new.encode()))
+
+
+def test_the_self_check_passes():
+    """Here the versions agree, and nothing is wrong."""
+    assert self_check.failures(bitfold.raw_ops) == []
+
+
+def test_a_patch_release_is_accepted(of_a_patch_release):
+    """The library is loaded, and no line is printed about it."""
+    result = forks.run(_ADD, python_path=str(of_a_patch_release.parent))
+    assert support.passes(result).strip() == "3"
+    assert "OP_REQUIRES" not in result.stderr
+
+
+@pytest.mark.parametrize(
+    ("old", "new", "wrong"),
+    [
+        (
+            "[[-106, 7]]",
+            "[[-106, 8]]",
+            "an addition of integers gave [[-106, 7]] instead of [[-106",
+        ),
+        ("shape.as_list()", "shape.as_text()", "the shape of a result failed with AttributeError"),
+        ('"multipliers" in', '"something" in', "a refusal gave False instead of True"),
+    ],
+)
+def test_a_patch_release_in_which_ops_are_wrong(of_a_patch_release, old, new, wrong):
+    """What went wrong, both versions and the remedies."""
+    _replace(of_a_patch_release / "_frame" / "self_check.py", old, new)
+    last = _refusal(_ADD, python_path=of_a_patch_release.parent)
+    assert f"and does not work in TensorFlow {build_info.TENSORFLOW_VERSION}: {wrong}" in last
+    assert "pip install tensorflow-cpu==" in last
+
+
+def test_a_patch_release_without_a_symbol(of_a_patch_release):
+    """The loader's words, both versions and the remedies."""
+    symbol = "_ZN10tensorflow15OpKernelContext"
+    _replace(of_a_patch_release / "libbitfold.so", symbol, symbol.replace("Context", "Kontext"))
+    last = _refusal(_ADD, python_path=of_a_patch_release.parent)
+    assert f"and TensorFlow {build_info.TENSORFLOW_VERSION} cannot load it" in last
+    assert "undefined symbol: _ZN10tensorflow15OpKernelKontext" in last
+    assert "pip install tensorflow-cpu==" in last
 
 
 # ---- A second copy -----------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import ctypes
+import importlib.metadata
 import pathlib
 import re
 import subprocess
@@ -18,6 +19,10 @@ import support
 import bitfold
 from bitfold._frame import build_info
 from bitfold._frame.library import check_versions
+
+sys.path.insert(0, str(support.ROOT / "scripts"))
+
+import runtime_extras
 
 # ---- Files and versions ------------------------------------------------------------------------
 
@@ -80,33 +85,75 @@ def test_one_version():
     assert listing.strip() == version
 
 
-def test_pinned_runtime():
-    """The build requires, and both extras name, the one runtime version it was built for."""
+def test_runtime_of_the_metadata():
+    """The build requires one version of the runtime; both extras take its patch releases."""
     project = tomllib.loads((support.ROOT / "pyproject.toml").read_text())
-    extras = project["project"]["optional-dependencies"]
     pins = [p for p in project["build-system"]["requires"] if p.startswith("tensorflow")]
-    for pin in (*pins, *extras["cpu"], *extras["gpu"]):
-        assert pin.split("==")[1] == build_info.TENSORFLOW_VERSION
+    assert pins == [f"tensorflow-cpu=={build_info.TENSORFLOW_VERSION}"]
+    series = build_info.TENSORFLOW_VERSION.rpartition(".")[0]
+    extras = [r for r in importlib.metadata.requires("bitfold") if r.startswith("tensorflow")]
+    assert extras == [
+        f'tensorflow-cpu=={series}.*; extra == "cpu"',
+        f'tensorflow=={series}.*; extra == "gpu"',
+    ]
+
+
+@pytest.mark.parametrize(
+    ("version", "accepted"),
+    [("2.20.0", "==2.20.*"), ("2.21.3", "==2.21.*"), ("2.22.0rc1", "==2.22.0rc1")],
+)
+def test_extras_follow_the_build(monkeypatch, version, accepted):
+    """A library that was built against another version says so; a pre-release has no patches."""
+    monkeypatch.setattr(runtime_extras, "runtime_version", lambda: version)
+    extras = runtime_extras.dynamic_metadata({}, {})["optional-dependencies"]
+    assert extras == {"cpu": [f"tensorflow-cpu{accepted}"], "gpu": [f"tensorflow{accepted}"]}
+
+
+def test_extras_without_the_runtime(monkeypatch):
+    """A source distribution names what the build will bring."""
+
+    def version(wheel):
+        raise importlib.metadata.PackageNotFoundError(wheel)
+
+    monkeypatch.setattr(importlib.metadata, "version", version)
+    assert runtime_extras.runtime_version() == build_info.TENSORFLOW_VERSION
 
 
 # ---- The version check -------------------------------------------------------------------------
 
 
 def test_matching_versions_pass():
-    """Nothing is raised where both are the same."""
+    """Nothing is raised where both are the same, whatever they are."""
     assert check_versions("2.21.0", "2.21.0") is None
+    assert check_versions("2.22.0-dev20261122", "2.22.0-dev20261122") is None
 
 
-def test_other_versions_are_refused():
+def test_patch_releases_pass():
+    """Older ones and newer ones; the library is looked at when it is loaded."""
+    assert check_versions("2.21.13", "2.21.0") is None
+    assert check_versions("2.21.0", "2.21.1") is None
+
+
+@pytest.mark.parametrize(
+    "running", ["2.20.1", "2.22.0", "3.21.0", "2.2.0", "2.21.1rc0", "2.21.1-dev1", "2.21.0+gpu"]
+)
+def test_other_versions_are_refused(running):
     """The error names both versions and both remedies."""
     with pytest.raises(ImportError) as error:
-        check_versions("2.20.1", "2.21.0")
+        check_versions(running, "2.21.0")
     text = str(error.value)
     assert f"bitfold {bitfold.__version__} was built for TensorFlow 2.21.0" in text
-    assert "TensorFlow 2.20.1 is running" in text
+    assert f"TensorFlow {running} is running" in text
     assert "pip install tensorflow-cpu==2.21.0" in text
     assert "rebuild bitfold" in text
-    assert "pip install --no-build-isolation" in text
+    tools = "pip install scikit-build-core cmake ninja"
+    assert f"{tools} && pip install --no-build-isolation" in text
+
+
+def test_no_patch_release_of_a_pre_release():
+    """What was built for a release candidate is for it alone."""
+    with pytest.raises(ImportError, match=r"TensorFlow 2\.22\.0 is running"):
+        check_versions("2.22.0", "2.22.0rc1")
 
 
 def test_import_beside_another_version(tmp_path):

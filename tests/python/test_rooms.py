@@ -27,6 +27,7 @@ BELOW = {
     "vector": ("frame",),
     "frame": ("include",),
     "device": ("include",),
+    "platform": (),
     "include": (),
 }
 # Who may include the runtime's headers: the ops, and of the frame what ops alone use.

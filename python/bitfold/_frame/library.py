@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Loads the op library, once, into the TensorFlow it was built for, after looking at both."""
+"""Loads the op library, once, into a TensorFlow that it fits, after looking at both."""
 
 from __future__ import annotations
 
@@ -8,6 +8,10 @@ import contextlib
 import ctypes
 import os
 import pathlib
+import re
+from typing import Any
+
+from bitfold._frame import self_check
 
 _PACKAGE_DIR = pathlib.Path(__file__).resolve().parents[1]
 
@@ -114,10 +118,12 @@ def check_file(path: str, size: int = build_info.LIBRARY_SIZE) -> None:
 
 
 def check_versions(running: str, built_for: str = build_info.TENSORFLOW_VERSION) -> None:
-    """Raise ImportError unless the TensorFlow that runs is the one the library was built for.
+    """Raise ImportError unless the library may be loaded into the TensorFlow that runs.
 
-    The runtime keeps no binary interface between versions: a mismatch would fail with a missing
-    symbol, or not fail and corrupt memory.
+    The runtime keeps no binary interface between minor versions: a mismatch would fail with a
+    missing symbol, or not fail and corrupt memory. Its patch releases mend errors, as a rule
+    without a change of what is compiled in; into them the library is loaded, and then looked at
+    (`check_ops`). Nothing is known of pre-releases and of builds by others.
 
     Args:
         running: the version of the TensorFlow in this process.
@@ -128,13 +134,43 @@ def check_versions(running: str, built_for: str = build_info.TENSORFLOW_VERSION)
     """
     if running == built_for:
         return
-    raise ImportError(
-        f"bitfold {VERSION} was built for TensorFlow {built_for}, but TensorFlow "
-        f"{running} is running. Either install the one it was built for: "
+    if (series := _series(built_for)) is not None and series == _series(running):
+        return
+    raise ImportError(_mismatch(running, built_for, f"but TensorFlow {running} is running"))
+
+
+def _series(version: str) -> str | None:
+    """Return the minor version that a final release belongs to."""
+    match = re.fullmatch(r"(\d+\.\d+)\.\d+", version)
+    return match[1] if match else None
+
+
+def _mismatch(running: str, built_for: str, problem: str) -> str:
+    """Return what is wrong and what can be done, to be typed as it stands."""
+    return (
+        f"bitfold {VERSION} was built for TensorFlow {built_for}, {problem}. "
+        "Either install the one it was built for: "
         f"pip install tensorflow-cpu=={built_for} (or tensorflow=={built_for}); or rebuild "
-        "bitfold from its sources against yours: pip install --no-build-isolation "
+        f"bitfold from its sources against TensorFlow {running}, with a C++17 compiler: "
+        "pip install scikit-build-core cmake ninja && pip install --no-build-isolation "
         "--force-reinstall --no-deps <folder of bitfold's sources>."
     )
+
+
+def check_ops(ops: Any, running: str, built_for: str = build_info.TENSORFLOW_VERSION) -> None:
+    """Raise ImportError where the library, loaded into another patch release, computes wrongly.
+
+    Args:
+        ops: the module of its generated ops.
+        running: the version of the TensorFlow in this process.
+        built_for: the version the library was compiled against.
+
+    Raises:
+        ImportError: naming both versions, what went wrong and the remedy.
+    """
+    if running != built_for and (wrong := self_check.failures(ops)):
+        problem = f"and does not work in TensorFlow {running}: {'; '.join(wrong)}"
+        raise ImportError(_mismatch(running, built_for, problem))
 
 
 def check_only_copy(path: str) -> None:
@@ -204,11 +240,23 @@ def load():
         ) from error
     check_versions(tf.__version__)
     check_only_copy(library_path())
-    module = tf.load_op_library(library_path())
+    module = _load_ops(tf)
     if not hasattr(module, "h_add"):
         raise ImportError(
             f"bitfold {VERSION} finds no ops in {library_path()}: the process loaded this file "
             "before under another name, and the runtime lists a library's ops once. Give "
             "tf.load_op_library bitfold.library_path(), and no link to it."
         )
+    check_ops(module, tf.__version__)
     return module
+
+
+def _load_ops(tf: Any) -> Any:
+    """Return the module of the library's generated ops."""
+    try:
+        return tf.load_op_library(library_path())
+    except tf.errors.NotFoundError as error:
+        if (running := tf.__version__) == (built_for := build_info.TENSORFLOW_VERSION):
+            raise
+        problem = f"and TensorFlow {running} cannot load it ({error.message})"
+        raise ImportError(_mismatch(running, built_for, problem)) from error
