@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training test test-long test-browser docs test-docs check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -47,7 +47,17 @@ test-long: ## a thousand random networks against the interpreter, studies of 50,
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser
 	@scripts/install_package.sh
-	@$(PYTHON) -m pytest -q tests/browser
+	@$(PYTHON) -m pytest -q tests/browser/test_report.py
+
+docs: ## these pages as a site in build/docs, with notebooks that run; warnings are errors
+	@scripts/setup.sh docs
+	@scripts/install_package.sh
+	@$(PYTHON) -m sphinx -q -W --keep-going -b html -d build/docs/doctrees docs build/docs/html
+	@echo "build/docs/html/index.html"
+
+test-docs: docs ## the site in a real browser: links, widths, light and dark; pictures in build/browser
+	@scripts/setup.sh browser
+	@$(PYTHON) -m pytest -q tests/browser/test_site.py
 
 check: ## the quick tests, for daily work: C++, Python, format
 	@scripts/setup.sh tests
@@ -88,6 +98,7 @@ lint: ## clang-format, ruff, and clang-tidy over the tests, too; checking only
 	@$(PYTHON) scripts/lint.py --all
 
 constraints: setup ## renew requirements/constraints.txt from .venv
+	@scripts/setup.sh docs
 	@(echo "# The versions that the project is built and tested with. Renew: make constraints"; \
 	  $(PYTHON) -m pip freeze --exclude bitfold) > requirements/constraints.txt
 
