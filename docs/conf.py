@@ -38,8 +38,8 @@ extensions = [
     "rule_links",
 ]
 exclude_patterns = ["_extensions", "images"]
-# Formulas stand in running text: primes and minus signs stay what they are.
-smartquotes = False
+# Formulas stand in running text, so quotes and primes stay what they are: dashes alone.
+smartquotes_action = "D"
 
 # ---- Markdown and notebooks ----------------------------------------------------------------------
 
@@ -50,6 +50,7 @@ highlight_language = "none"
 nb_execution_mode = "force"
 nb_execution_raise_on_error = True
 nb_execution_timeout = 300
+nb_merge_streams = True
 # What the runtime logs as it starts; an error of a cell ends the build.
 nb_output_stderr = "remove"
 

@@ -148,29 +148,30 @@ def _show_formulas(
 
 
 class GeneratedOps(SphinxDirective):
-    """A table of the generated ops: signature, registered name, the function that calls it."""
+    """A list of the generated ops: registered name, signature, the function that calls it."""
 
     def run(self) -> list[nodes.Node]:
-        """Return the table."""
+        """Return the list."""
         source = str(self.env.srcdir)
         callers = {
             generated: name
             for name in bitfold.ops.__all__
             for generated in _generated(getattr(bitfold.ops, name))
         }
-        lines = [".. list-table::", "   :header-rows: 1", "   :widths: 20 20 60", ""]
-        lines += ["   * - Registered as", "     - Called by", "     - ``bitfold.raw_ops``"]
         plain = {name.replace("_", ""): name for name in dir(bitfold.raw_ops)}
+        lines = []
         for op in sorted(op for op in _sections(source) if op.lower() in plain):
             generated = plain[op.lower()]
             signature = inspect.signature(getattr(bitfold.raw_ops, generated))
             names = ", ".join(n for n in signature.parameters if n != "name")
             caller = callers.get(generated)
             lines += [
-                f"   * - :arithmetic:`{op} <{_sections(source)[op].title}>`",
-                f"     - {f':py:func:`{caller} <bitfold.ops.{caller}>`' if caller else ''}",
-                f"     - ``{generated}({names})``",
+                f":arithmetic:`{op} <{_sections(source)[op].title}>`",
+                f"   ``{generated}({names})``",
+                "",
             ]
+            if caller:
+                lines += [f"   Called by :py:func:`~bitfold.ops.{caller}`.", ""]
         return self.parse_text_to_nodes("\n".join(lines))
 
 
