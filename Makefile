@@ -52,7 +52,7 @@ test-browser: ## reports in a real browser: screens, light and dark, paper; pict
 docs: ## these pages as a site in build/docs, with notebooks that run; warnings are errors
 	@scripts/setup.sh docs
 	@scripts/install_package.sh
-	@$(PYTHON) -m sphinx -q -W --keep-going -b html -d build/docs/doctrees docs build/docs/html
+	@$(PYTHON) -m sphinx -q -E -W --keep-going -b html -d build/docs/doctrees docs build/docs/html
 	@echo "build/docs/html/index.html"
 
 test-docs: docs ## the site in a real browser: links, widths, light and dark; pictures in build/browser

@@ -24,7 +24,7 @@ WIDTHS = (1440, 1000, 360)
 # What stands out of the page to the right, and does not scroll by itself.
 _TOO_WIDE = """(() => {
   const ways = ["auto", "scroll", "hidden"];
-  const scrolls = e => e && e !== document.body &&
+  const scrolls = e => !e.matches(".content") &&
     (ways.includes(getComputedStyle(e).overflowX) || scrolls(e.parentElement));
   return [...document.querySelectorAll(".content *")]
     .filter(e => e.getBoundingClientRect().right > document.documentElement.clientWidth + 1)

@@ -20,9 +20,9 @@ the quotient in the last bit.
 
 Printed lines. A float sum outside [-8388607, 8388607) prints
 ``@@@ WARNING: acc <sum> is out of bounds <-8388607,8388607>`` to C's standard output (W1), each
-time an op runs. Inside ``tf.function`` the runtime's graph optimiser may run an op once where it was
-called twice with the same inputs, or once for all where they are constants; call eagerly to count
-lines.
+time an op runs. Inside ``tf.function`` the runtime's graph optimiser may run an op once where it
+was called twice with the same inputs, or once for all where they are constants; call eagerly to
+count lines.
 
 Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take the tables that
 ``bitfold.tables`` makes. ``bitfold.resize`` makes the inputs of ``bilinear``, ``bitfold.detection``
