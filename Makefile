@@ -5,7 +5,7 @@ export TF_CPP_MIN_LOG_LEVEL ?= 2
 # No demo needs device code; it stays in where a goal before brought its compiler.
 demo demo-digits demo-numeric demo-detect demo-training: export BITFOLD_GPU ?= $(if $(wildcard .cuda/.stamp),ON,OFF)
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training demo-rtl test test-long test-browser check fuzz device-test bench bench-networks wheel release-check test-remedy format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training demo-rtl test test-long test-browser docs test-docs check fuzz device-test bench bench-networks wheel release-check test-remedy format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -57,7 +57,17 @@ test-long: ## a thousand random networks, studies of 50, 4000 defects in device 
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser
 	@scripts/install_package.sh
-	@$(PYTHON) -m pytest -q tests/browser
+	@$(PYTHON) -m pytest -q tests/browser/test_report.py
+
+docs: ## these pages as a site in build/docs, with notebooks that run; warnings are errors
+	@scripts/setup.sh docs
+	@scripts/install_package.sh
+	@$(PYTHON) -m sphinx -q -E -W --keep-going -b html -d build/docs/doctrees docs build/docs/html
+	@echo "build/docs/html/index.html"
+
+test-docs: docs ## the site in a real browser: links, widths, light and dark; pictures in build/browser
+	@scripts/setup.sh browser
+	@$(PYTHON) -m pytest -q tests/browser/test_site.py
 
 check: ## the quick tests, for daily work: C++, Python, format
 	@scripts/setup.sh tests
@@ -105,6 +115,7 @@ lint: ## clang-format, ruff, and clang-tidy over the tests, too; checking only
 	@$(PYTHON) scripts/lint.py --all
 
 constraints: setup ## renew requirements/constraints.txt from .venv
+	@scripts/setup.sh docs
 	@(echo "# The versions that the project is built and tested with. Renew: make constraints"; \
 	  $(PYTHON) -m pip freeze --exclude bitfold) > requirements/constraints.txt
 

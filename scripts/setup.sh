@@ -12,6 +12,7 @@
 #   scripts/setup.sh bench    that, and what the C++ benchmarks need
 #   scripts/setup.sh rtl      a compiler, CMake and Verilator, and nothing of Python's
 #   scripts/setup.sh browser  that of build, and a browser to look at reports with
+#   scripts/setup.sh docs     that of build, and what the documentation site is made with
 #
 # BITFOLD_GPU=OFF in the environment leaves out what device code needs. Running it again changes
 # nothing and takes a moment.
@@ -61,6 +62,7 @@ find_missing() {
     need chromium has_browser
     need fonts-dejavu-core has_font
   fi
+  if [ "$goal" = docs ]; then need doxygen doxygen --version; fi
 }
 
 apt_install() { # apt_install PACKAGE...
@@ -109,16 +111,26 @@ fi
 
 # --- Python packages ------------------------------------------------------------------------------
 
-wanted=$(cat requirements/constraints.txt requirements/dev.txt | sha256sum | cut -d' ' -f1)
-if [ "$(cat $venv/.requirements 2>/dev/null)" != "$wanted" ]; then
-  say "Making the virtual environment $venv (TensorFlow and its company, some 300 MB; minutes)."
+# Progress bars on a terminal; in a log they would only fill lines.
+quiet=--quiet
+[ -t 1 ] && quiet=
+
+install_packages() { # install_packages FILE STAMP WORDS: what FILE lists, unless STAMP says so
+  local wanted
+  wanted=$(cat requirements/constraints.txt "$1" | sha256sum | cut -d' ' -f1)
+  if [ "$(cat "$2" 2>/dev/null)" = "$wanted" ]; then return; fi
+  say "$3"
   [ -x $venv/bin/python ] || python3 -m venv $venv
-  # Progress bars on a terminal; in a log they would only fill lines.
-  quiet=--quiet
-  [ -t 1 ] && quiet=
   $venv/bin/python -m pip install $quiet --disable-pip-version-check \
-    -r requirements/dev.txt -c requirements/constraints.txt
-  echo "$wanted" >$venv/.requirements
+    -r "$1" -c requirements/constraints.txt
+  echo "$wanted" >"$2"
+}
+
+install_packages requirements/dev.txt $venv/.requirements \
+  "Making the virtual environment $venv (TensorFlow and its company, some 300 MB; minutes)."
+if [ "$goal" = docs ]; then
+  install_packages requirements/docs.txt $venv/.requirements-docs \
+    "Installing what makes the documentation site (some 60 MB)."
 fi
 
 # --- the device toolchain -------------------------------------------------------------------------

@@ -1,7 +1,7 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// HLayernorm: the layer normalisation unit's definition in fixed point (rules L1 to L9 of
+// HLayernorm: the layer normalisation unit's definition in fixed point (rules L1 to L7 of
 // docs/arithmetic.md): the sums of a vector, its mean and variance terms, the inverse square root
 // by table, the scaling of each element and the activation stage.
 

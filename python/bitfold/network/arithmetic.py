@@ -69,7 +69,7 @@ class Arithmetic:
 
     @property
     def is_exact(self) -> bool:
-        """Whether sums are exact: no width, no shift, no half precision."""
+        """Whether sums are exact, without a width, a shift or half precision."""
         return self.accumulator_size is None and not self.mult_shift and not self.use_fp16_acc
 
     def __repr__(self) -> str:

@@ -21,7 +21,8 @@ _WIDTH = 120
 def print_summary(network: Network, file: TextIO | None = None) -> None:
     """Print inputs, layers and outputs."""
     file = sys.stdout if file is None else file
-    console = Console(file=file, highlight=False, soft_wrap=False)
+    # In a notebook, too, lines go to the file, not to the page.
+    console = Console(file=file, highlight=False, soft_wrap=False, force_jupyter=False)
     if not console.is_terminal:
         console.width = _WIDTH
     for title, ports in (("input", network.inputs), ("output", network.outputs)):

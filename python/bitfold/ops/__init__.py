@@ -8,19 +8,21 @@ Element types. int32 carries integer-quantised data; float32 carries the same in
 or anything else. Narrower types widen. Results have the type of the first operand.
 
 The accumulator. ``accumulator_size`` bits, w for short, hold [-2^(w-1), 2^(w-1) - 1]; a sum that
-leaves the range is wrapped once by 2^w. int32 data needs 0 <= w <= 32. With ``use_fp16_acc`` float
-data is accumulated in half precision instead; integer additions only quantise the initial value.
+leaves the range is wrapped once by 2^w (rules A1 to A4 of docs/arithmetic.md). int32 data needs
+0 <= w <= 32. With ``use_fp16_acc`` float data is accumulated in half precision instead (H1, H2);
+integer additions only quantise the initial value.
 
 The shift. ``mult_shift`` scales every product before it is added: int32 products are shifted right
-by it, halves to even; float products are divided by the value itself (by 4, not by 2^4), then
-rounded, halves to even. 0 leaves products alone. ``matmul``, ``bilinear`` and the box decoders
-multiply float products by the float32 reciprocal of the value instead, which can differ from the
-quotient in the last bit.
+by it, halves to even (S1); float products are divided by the value itself (by 4, not by 2^4), then
+rounded, halves to even (S2). 0 leaves products alone. ``matmul``, ``bilinear`` and the box decoders
+multiply float products by the float32 reciprocal of the value instead (S3), which can differ from
+the quotient in the last bit.
 
 Printed lines. A float sum outside [-8388607, 8388607) prints
-``@@@ WARNING: acc <sum> is out of bounds <-8388607,8388607>`` to C's standard output, each time an
-op runs. Inside ``tf.function`` the runtime's graph optimiser may run an op once where it was called
-twice with the same inputs, or once for all where they are constants; call eagerly to count lines.
+``@@@ WARNING: acc <sum> is out of bounds <-8388607,8388607>`` to C's standard output (W1), each
+time an op runs. Inside ``tf.function`` the runtime's graph optimiser may run an op once where it
+was called twice with the same inputs, or once for all where they are constants; call eagerly to
+count lines.
 
 Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take the tables that
 ``bitfold.tables`` makes. ``bitfold.resize`` makes the inputs of ``bilinear``, ``bitfold.detection``

@@ -160,7 +160,7 @@ def depthwise_conv2d(
 ) -> tf.Tensor:
     """Convolve each channel with its own filter through a limited accumulator.
 
-    The unit takes signed weights in w/2 bits, w = ``accumulator_size``: a weight above
+    The unit takes signed weights in w/2 bits (rule C1), w = ``accumulator_size``: a weight above
     2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line says so once per image.
 
     The gradient, by `input`, `filter` and `elementwise`, is that of a convolution of real numbers

@@ -30,9 +30,9 @@ def matmul(
 
     Each element starts at 0 and adds its products one by one, each scaled by ``mult_shift``.
 
-    The unit takes signed weights in w/2 bits, w = ``accumulator_size``: an element of `b` above
-    2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line on C's standard output says so once per
-    matrix.
+    The unit takes signed weights in w/2 bits, w = ``accumulator_size`` (rule C1): an element of `b`
+    above 2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line on C's standard output says so once
+    per matrix.
 
     The gradient, by `a` and `b`, is that of ``a @ b / mult_shift`` in real numbers, with the
     weights that the unit reads.

@@ -186,7 +186,7 @@ class Study:
 
     @property
     def layers(self) -> tuple[LayerBits, ...]:
-        """The layers with an accumulator: what their sums need, and what is proven."""
+        """The layers with an accumulator, with what their sums need and what is proven."""
         return self._findings.layers
 
     @property

@@ -68,7 +68,9 @@ def print_channels(name: str, channels: Sequence[ChannelBits], file: TextIO | No
 
 
 def _console(file: TextIO | None) -> Console:
-    console = Console(file=sys.stdout if file is None else file, highlight=False)
+    file = sys.stdout if file is None else file
+    # In a notebook, too, lines go to the file, not to the page.
+    console = Console(file=file, highlight=False, force_jupyter=False)
     if not console.is_terminal:
         console.width = _WIDTH
     return console
