@@ -64,7 +64,7 @@ class Work:
         return f"{self.network}, {self.images:,} images, {size}"
 
 
-WORKS = (Work("mobilenet_v2", 2048, 64), Work("fashion", 163_840, 8192, 20_480))
+WORKS = (Work("mobilenet_v2", 2048, 64), Work("fashion", 81_920, 8192, 20_480))
 ARITHMETIC = bitfold.Arithmetic(accumulator_size=18)
 # Full width, and the arithmetic.
 KEYS = (None, 0)
