@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training demo-rtl test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -31,18 +31,25 @@ demo-training: ## the network of `make demo` trained on, until no input can wrap
 	@scripts/install_package.sh
 	@$(PYTHON) examples/training/run.py --output-dir build/demo-training
 
+demo-rtl: ## a multiply-accumulate unit in SystemVerilog against the C library, and one with a planted bug
+	@BITFOLD_GPU=OFF scripts/setup.sh rtl
+	@examples/rtl/run.sh
+
 test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
 
-test-long: ## a thousand random networks against the interpreter, studies of 50, 4000 defects in device code; NETWORKS=COUNT, FIRST=SEED
+test-long: ## a thousand random networks, studies of 50, 4000 defects in device code, the C library installed, RTL; NETWORKS=COUNT, FIRST=SEED
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
 	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
 	@BITFOLD_STUDIED_NETWORKS=50 $(PYTHON) -m pytest -q tests/python/studies/test_study.py -k random
 	@BITFOLD_DEVICE_TEXT_LONG=1 BITFOLD_DEFECTS=4000 $(PYTHON) -m pytest -q -s tests/ptx/test_shipped_text.py
+	@BITFOLD_INSTALLED_LONG=1 $(PYTHON) -m pytest -q tests/python/test_installed_packages.py
+	@BITFOLD_GPU=OFF scripts/setup.sh rtl
+	@$(PYTHON) -m pytest -q tests/rtl
 
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser

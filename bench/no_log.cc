@@ -7,7 +7,7 @@
 
 namespace bitfold {
 
-void LogError(const std::string&) {}
+void LogError(std::string_view) {}
 
 bool InformationLogIsOn() { return false; }
 

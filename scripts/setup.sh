@@ -10,6 +10,7 @@
 #   scripts/setup.sh demo     that, and the demo's data set; the demo has another where this fails
 #   scripts/setup.sh tests    that, and what the C++ tests and the lint need
 #   scripts/setup.sh bench    that, and what the C++ benchmarks need
+#   scripts/setup.sh rtl      a compiler, CMake and Verilator, and nothing of Python's
 #   scripts/setup.sh browser  that of build, and a browser to look at reports with
 #
 # BITFOLD_GPU=OFF in the environment leaves out what device code needs. Running it again changes
@@ -43,7 +44,7 @@ cmake_is_recent() { cmake --version | awk 'NR == 1 { split($3, v, "."); exit !(v
 
 find_missing() {
   missing=()
-  need python3-venv python3 -c 'import venv, ensurepip'
+  if [ "$goal" != rtl ]; then need python3-venv python3 -c 'import venv, ensurepip'; fi
   need g++ c++ --version
   need cmake cmake_is_recent
   # Compiles device code, and in the tests the vector code once more.
@@ -54,6 +55,8 @@ find_missing() {
     need clang-tidy clang-tidy --version
   fi
   if [ "$goal" = bench ]; then need libbenchmark-dev has_header benchmark/benchmark.h; fi
+  if [ "$goal" = tests ] || [ "$goal" = rtl ]; then need pkg-config pkg-config --version; fi
+  if [ "$goal" = rtl ]; then need verilator verilator --version; fi
   if [ "$goal" = browser ]; then
     need chromium has_browser
     need fonts-dejavu-core has_font
@@ -84,7 +87,7 @@ install_missing() {
       "in the environment does without.)"
 }
 
-python3 -c 'import sys; sys.exit(not (3, 11) <= sys.version_info[:2] <= (3, 13))' ||
+[ "$goal" = rtl ] || python3 -c 'import sys; sys.exit(not (3, 11) <= sys.version_info[:2] <= (3, 13))' ||
   fail "Need python3 of version 3.11 to 3.13, which TensorFlow 2.21 supports; got $(python3 --version)."
 
 find_missing
@@ -94,6 +97,8 @@ if [ ${#missing[@]} -gt 0 ]; then
   [ ${#missing[@]} -eq 0 ] ||
     fail "Still missing after apt's run: ${missing[*]} (cmake must be 3.25 or newer)."
 fi
+
+if [ "$goal" = rtl ]; then exit 0; fi
 
 pictures=/usr/share/datasets/fashion-mnist
 if [ "$goal" = demo ] && [ ! -d $pictures ]; then

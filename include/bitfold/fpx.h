@@ -12,8 +12,11 @@
  * The format's own range is exp_len 3 or 4 and man_len 1 to 24. Other widths are not refused:
  * get_bias logs and gives 0, and shift counts are taken modulo 32 (products: modulo 64).
  *
- * C and C++. Link with libbitfold.so, whose path `bitfold.library_path()` prints, or load it. No
- * function locks; concurrent callers may lose increments of the counters.
+ * C and C++. Link with libbitfold_steps.so, which needs no runtime (bitfold::steps in CMake,
+ * bitfold-steps in pkg-config), or with libbitfold.so, whose path `bitfold.library_path()` prints.
+ * What is logged goes to standard error from the one, to the runtime's log from the other. No
+ * function locks; concurrent callers may lose increments of the counters. A pointer may be NULL
+ * where it says so.
  */
 
 #ifndef BITFOLD_FPX_H_
@@ -79,16 +82,17 @@ char* int2bin(char* buf, int value, size_t n);
  * there is no memory. */
 char* FPX_to_BitString(const FPX* x);
 
-/* New arrays of n values; empty for n <= 0. Where there is no memory for n they throw
+/* New arrays of n values; empty for n <= 0. Where there is no memory for n, libbitfold_steps.so
+ * returns NULL, from which no exception comes, and libbitfold.so throws
  * std::bad_array_new_length. Released by OverrideFloatArray_fromFPX or DeleteInputFPX. */
 FPX* CreateFPXArray_fromFloat32(const float* data, int n, unsigned char exp_len,
                                 unsigned char man_len);
 FPX* CreateFPXArray_initZero(int n, unsigned char exp_len, unsigned char man_len);
 
-/* Resizes every element; returns arr. */
+/* Resizes every element; returns arr, which may be NULL. */
 FPX* ReplaceFPXArray_fromFPXArray(FPX* arr, int n, unsigned char exp_len, unsigned char man_len);
 
-/* out[i] = value of arr[i], then releases arr. */
+/* out[i] = value of arr[i], then releases arr. Nothing where arr is NULL. */
 void OverrideFloatArray_fromFPX(FPX* arr, float* out, int n);
 
 /* Releases arr, which may be NULL. */

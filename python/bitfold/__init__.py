@@ -23,7 +23,13 @@ Example:
 """
 
 from bitfold._frame.device_lines import flush_device_lines
-from bitfold._frame.library import VERSION, include_dir, library_path
+from bitfold._frame.library import (
+    VERSION,
+    cmake_dir,
+    include_dir,
+    library_path,
+    pkg_config_dir,
+)
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.thread_setting import set_image_threads
 from bitfold._frame.warning_lines import set_warnings, warning_counts
@@ -41,6 +47,7 @@ __all__ = [
     "UnsupportedModelError",
     "WorkerError",
     "__version__",
+    "cmake_dir",
     "data",
     "detection",
     "flush_device_lines",
@@ -48,6 +55,7 @@ __all__ = [
     "include_dir",
     "library_path",
     "ops",
+    "pkg_config_dir",
     "raw_ops",
     "resize",
     "set_image_threads",

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <string>
+#include <string_view>
 
 #include "bitfold/fpx.h"
 #include "bitfold/int64_arithmetic.h"
@@ -67,20 +67,53 @@ void Saturate(FPX* x, int exp_len, int man_len) {
   x->mantissa = Mask(man_len);
 }
 
-// Logs a non-zero result whose leading one is missing.
-void CheckNormalised(const FPX& x, const char* operation) {
-  if (x.mantissa == 0 || HasLeadingOne(x)) return;
-  char* digits = FPX_to_BitString(&x);
-  bitfold::LogError(std::string("Possible bug in ") + operation + ": " +
-                    (digits != nullptr ? digits : ""));
-  std::free(digits);
+// "sign exponent mantissa" in binary digits: how many characters that are, and these, unterminated.
+size_t DigitCount(const FPX& x) { return size_t{3} + x.exp_len + x.man_len; }
+
+void WriteDigits(const FPX& x, char* out) {
+  int2bin(out, static_cast<int>(x.sign), 1);
+  out[1] = ' ';
+  int2bin(out + 2, x.exponent, x.exp_len);
+  out[2 + x.exp_len] = ' ';
+  int2bin(out + 3 + x.exp_len, static_cast<int>(x.mantissa), x.man_len);
 }
 
-FPX* NewArray(int n) {
+// Logs a non-zero result whose leading one is missing. Allocates nothing, so it cannot fail.
+void CheckNormalised(const FPX& x, std::string_view operation) {
+  if (x.mantissa == 0 || HasLeadingOne(x)) return;
+  constexpr size_t kWidest = 3 + 2 * UINT8_MAX;
+  char text[64 + kWidest];
+  size_t size = 0;
+  for (const std::string_view part :
+       {std::string_view("Possible bug in "), operation, std::string_view(": ")}) {
+    size += part.copy(text + size, part.size());
+  }
+  WriteDigits(x, text + size);
+  bitfold::LogError({text, size + DigitCount(x)});
+}
+
+// What callers get where there is no memory for an array. The C library is compiled without
+// exceptions, so that none can leave it; the op library's callers are C++.
+FPX* NoArray() {
+#ifdef __cpp_exceptions
+  throw std::bad_array_new_length();
+#else
+  return nullptr;
+#endif
+}
+
+// n values of v, or what NoArray gives.
+template <typename Value>
+FPX* NewArray(int n, unsigned char exp_len, unsigned char man_len, Value v) {
   const size_t count = n > 0 ? static_cast<size_t>(n) : 0;
   FPX* array = new (std::nothrow) FPX[count];
-  if (array == nullptr) throw std::bad_array_new_length();
+  if (array == nullptr) return NoArray();
   std::memset(array, 0, count * sizeof(FPX));  // no stale memory in the bits beside the sign
+  for (int i = 0; i < n; ++i) {
+    array[i].exp_len = exp_len;
+    array[i].man_len = man_len;
+    float32_toX(v(i), &array[i]);
+  }
   return array;
 }
 
@@ -139,15 +172,14 @@ void float32_toX(float v, FPX* x) {
 float floatX_to32(FPX x) {
   if (x.mantissa == 0 && x.exponent == 0) return 0.0f;
   const int exponent = static_cast<int>(x.exponent) - get_bias(x.exp_len);
-  const float scale = static_cast<float>(std::exp2(static_cast<double>(exponent)) *
-                                         std::pow(-1.0, static_cast<double>(x.sign)));
+  const float scale = static_cast<float>(std::ldexp(x.sign != 0 ? -1.0 : 1.0, exponent));
   if (x.man_len == 0) return 0.0f;
   // Bit by bit from the top; the sum is rounded to single precision after each.
   float fraction = 0.0f;
   for (int bit = x.man_len - 1; bit >= 0; --bit) {
     const double digit = static_cast<double>(ShiftRightUnsigned(x.mantissa, bit) & 1u);
-    fraction = static_cast<float>(digit * std::exp2(static_cast<double>(bit - x.man_len)) +
-                                  static_cast<double>(fraction));
+    fraction =
+        static_cast<float>(std::ldexp(digit, bit - x.man_len) + static_cast<double>(fraction));
   }
   return scale * fraction;
 }
@@ -259,46 +291,30 @@ char* int2bin(char* buf, int value, size_t n) {
 }
 
 char* FPX_to_BitString(const FPX* x) {
-  const size_t exponent_at = 2;
-  const size_t mantissa_at = exponent_at + x->exp_len + 1;
-  char* text = static_cast<char*>(std::malloc(mantissa_at + x->man_len + 1));
+  char* text = static_cast<char*>(std::malloc(DigitCount(*x) + 1));
   if (text == nullptr) return nullptr;
-  int2bin(text, static_cast<int>(x->sign), 1);
-  text[1] = ' ';
-  int2bin(text + exponent_at, x->exponent, x->exp_len);
-  text[mantissa_at - 1] = ' ';
-  int2bin(text + mantissa_at, static_cast<int>(x->mantissa), x->man_len);
-  text[mantissa_at + x->man_len] = '\0';
+  WriteDigits(*x, text);
+  text[DigitCount(*x)] = '\0';
   return text;
 }
 
 FPX* CreateFPXArray_fromFloat32(const float* data, int n, unsigned char exp_len,
                                 unsigned char man_len) {
-  FPX* array = NewArray(n);
-  for (int i = 0; i < n; ++i) {
-    array[i].exp_len = exp_len;
-    array[i].man_len = man_len;
-    float32_toX(data[i], &array[i]);
-  }
-  return array;
+  return NewArray(n, exp_len, man_len, [data](int i) { return data[i]; });
 }
 
 FPX* CreateFPXArray_initZero(int n, unsigned char exp_len, unsigned char man_len) {
-  FPX* array = NewArray(n);
-  for (int i = 0; i < n; ++i) {
-    array[i].exp_len = exp_len;
-    array[i].man_len = man_len;
-    float32_toX(0.0f, &array[i]);
-  }
-  return array;
+  return NewArray(n, exp_len, man_len, [](int) { return 0.0f; });
 }
 
 FPX* ReplaceFPXArray_fromFPXArray(FPX* arr, int n, unsigned char exp_len, unsigned char man_len) {
+  if (arr == nullptr) return arr;
   for (int i = 0; i < n; ++i) ResizeX(&arr[i], exp_len, man_len);
   return arr;
 }
 
 void OverrideFloatArray_fromFPX(FPX* arr, float* out, int n) {
+  if (arr == nullptr) return;
   for (int i = 0; i < n; ++i) out[i] = floatX_to32(arr[i]);
   DeleteInputFPX(arr);
 }

@@ -8,7 +8,7 @@
 
 namespace bitfold {
 
-void LogError(const std::string& text) { LOG(ERROR) << text; }
+void LogError(std::string_view text) { LOG(ERROR) << text; }
 
 bool InformationLogIsOn() { return absl::MinLogLevel() <= absl::LogSeverityAtLeast::kInfo; }
 

@@ -1,18 +1,19 @@
 // Copyright 2026 The Bitfold Authors.
 // SPDX-License-Identifier: Apache-2.0
 //
-// The runtime's log, behind a function: what logs can then be built and tested without the
-// runtime's headers.
+// The log behind a function: the runtime's in the op library (log.cc), standard error in the C
+// library (log_stderr.cc). What logs can be built and tested without the runtime's headers.
 
 #ifndef BITFOLD_SRC_FRAME_LOG_H_
 #define BITFOLD_SRC_FRAME_LOG_H_
 
 #include <string>
+#include <string_view>
 
 namespace bitfold {
 
 // Writes a message at error severity.
-void LogError(const std::string& text);
+void LogError(std::string_view text);
 
 // Whether messages at information severity are written. Ask before formatting one.
 bool InformationLogIsOn();

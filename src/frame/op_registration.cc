@@ -11,7 +11,7 @@
 
 #include "absl/status/status.h"
 #include "absl/strings/str_cat.h"
-#include "bitfold/single_step.h"
+#include "bitfold/image_threads.h"
 #include "frame/log.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_def.pb.h"
@@ -19,8 +19,8 @@
 namespace bitfold {
 namespace {
 
-// Exported by each copy and by nothing else.
-constexpr char kMarker[] = "accumulator_int_verification";
+// Exported by each copy and by nothing else: the C library has the single steps, too.
+constexpr char kMarker[] = "bitfold_set_image_threads";
 
 // The file that holds an address; empty where none does.
 std::string FileOf(const void* address) {
@@ -45,7 +45,7 @@ std::vector<std::string> LoadedFiles() {
 // The file of another copy of the library; empty where there is none. A file that is linked with a
 // copy finds that copy's marker.
 std::string OtherCopy() {
-  const auto* own = reinterpret_cast<const void*>(&accumulator_int_verification);
+  const auto* own = reinterpret_cast<const void*>(&bitfold_set_image_threads);
   for (const std::string& file : LoadedFiles()) {
     void* handle = dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
     if (handle == nullptr) continue;
@@ -59,7 +59,7 @@ std::string OtherCopy() {
 // Has the runtime's loader, which collects what is registered, report an error. Any other loader
 // would have the runtime end the process for it.
 void Refuse(const std::string& other) {
-  const auto* own = reinterpret_cast<const void*>(&accumulator_int_verification);
+  const auto* own = reinterpret_cast<const void*>(&bitfold_set_image_threads);
   const std::string text = absl::StrCat("cannot register the ops of ", FileOf(own),
                                         ": this process has loaded another copy of the library, ",
                                         other, ", whose ops go on working. Load one of them.");

@@ -372,20 +372,38 @@ def test_registration_order_is_the_files_order():
 # ---- Exports -----------------------------------------------------------------------------------
 
 
-def test_exports_are_the_installed_functions():
-    """cmake/exports.map names exactly what the installed headers declare."""
-    exports = re.sub(r"/\*.*?\*/|#.*", "", (ROOT / "cmake" / "exports.map").read_text())
-    names = re.findall(r"(?m)^\s*(\w+);", exports.split("local:")[0])
-    declared = []
-    for header in sorted((pathlib.Path(bitfold.include_dir()) / "bitfold").glob("*.h")):
-        content = re.sub(r"/\*.*?\*/|//.*", "", header.read_text(), flags=re.DOTALL)
-        declared += re.findall(r"\b(\w+)\s*\([^()]*\)\s*;", content)
-        declared += re.findall(r"\bextern \w+ (\w+);", content)
-    assert sorted(names) == sorted(declared), (
-        "cmake/exports.map and the installed headers must name the same functions; reinstall the "
+def _declared(header: pathlib.Path) -> list[str]:
+    """Return the functions and variables that a header declares to C; none of a header for C++."""
+    content = re.sub(r"/\*.*?\*/|//.*", "", header.read_text(), flags=re.DOTALL)
+    if not re.search(r'#ifdef __cplusplus\s+extern "C" {', content):
+        return []
+    functions = re.findall(r"\b(\w+)\s*\([^()]*\)\s*;", content)
+    return functions + re.findall(r"\bextern \w+ (\w+);", content)
+
+
+@pytest.mark.parametrize(
+    ("exports", "headers"),
+    [("exports.map", "*.h"), ("steps_exports.map", "fpx.h"), ("steps_exports.map", "s*_step.h")],
+)
+def test_exports_are_the_installed_functions(exports, headers):
+    """A library's map names what the installed headers declare to C, header by header."""
+    content = re.sub(r"/\*.*?\*/", "", (ROOT / "cmake" / exports).read_text()).split("local:")[0]
+    stated = re.split(r"(?m)^\s*# bitfold/(\w+\.h)$", content)[1:]
+    names = {
+        header: re.findall(r"(?m)^\s*(\w+);", lines)
+        for header, lines in zip(stated[::2], stated[1::2], strict=True)
+    }
+    folder = pathlib.Path(bitfold.include_dir()) / "bitfold"
+    declared = {path.name: found for path in folder.glob(headers) if (found := _declared(path))}
+    assert declared
+    assert {name: sorted(names.get(name, [])) for name in declared} == {
+        name: sorted(found) for name, found in declared.items()
+    }, (
+        f"cmake/{exports} and the installed headers must name the same functions; reinstall the "
         "package if the headers are newer"
     )
-    assert len(set(names)) == len(names)
+    if headers == "*.h":
+        assert set(names) == set(declared)
 
 
 def test_installed_headers_are_current():

@@ -22,8 +22,8 @@ except ImportError:
 
 VERSION = build_info.VERSION
 
-# Exported by the library and by nothing else.
-_MARKER = "accumulator_int_verification"
+# Exported by the library and by nothing else: the C library has the single steps, too.
+_MARKER = "bitfold_set_image_threads"
 
 # The widest instruction set that loops may use, where it is not the machine's.
 _TARGET = "BITFOLD_TARGET"
@@ -48,8 +48,8 @@ def library_path() -> str:
 def include_dir() -> str:
     """Return the folder to compile C and C++ callers with.
 
-    It holds ``bitfold/single_step.h``, ``bitfold/fpx.h``, ``bitfold/image_threads.h`` and
-    ``bitfold/warning_counts.h``.
+    It holds the headers of the exported functions, ``bitfold/single_step.h`` among them, and the
+    definitions of all rules as C++17. Build tools find it by `cmake_dir` or `pkg_config_dir`.
 
     Example:
         >>> import bitfold, os
@@ -57,6 +57,33 @@ def include_dir() -> str:
         True
     """
     return str(_PACKAGE_DIR / "include")
+
+
+def cmake_dir() -> str:
+    """Return the folder of the CMake package, for ``-Dbitfold_DIR=...``.
+
+    ``find_package(bitfold)`` gives the targets ``bitfold::steps``, the C library without the
+    runtime, and ``bitfold::arithmetic``, the definitions of all rules as C++17 headers.
+
+    Example:
+        >>> import bitfold, os
+        >>> os.path.exists(os.path.join(bitfold.cmake_dir(), "bitfoldConfig.cmake"))
+        True
+    """
+    return str(_PACKAGE_DIR / "lib" / "cmake" / "bitfold")
+
+
+def pkg_config_dir() -> str:
+    """Return the folder with ``bitfold-steps.pc`` and ``bitfold-arithmetic.pc``.
+
+    For ``PKG_CONFIG_PATH``. They stand for the same as the targets of `cmake_dir`.
+
+    Example:
+        >>> import bitfold, os
+        >>> os.path.exists(os.path.join(bitfold.pkg_config_dir(), "bitfold-steps.pc"))
+        True
+    """
+    return str(_PACKAGE_DIR / "lib" / "pkgconfig")
 
 
 def check_file(path: str, size: int = build_info.LIBRARY_SIZE) -> None:

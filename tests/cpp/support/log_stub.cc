@@ -33,7 +33,7 @@ InformationLog::~InformationLog() { information_is_on = before_; }
 }  // namespace testing
 
 // In place of the runtime's.
-void LogError(const std::string& text) { testing::LoggedLines() += text + "\n"; }
+void LogError(std::string_view text) { testing::LoggedLines().append(text) += '\n'; }
 
 bool InformationLogIsOn() { return testing::information_is_on; }
 
