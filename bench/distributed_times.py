@@ -3,18 +3,22 @@
 """Times studies by workers: two of them beside one, and a task beside its work.
 
 Workers are processes of one thread, spawned ones and Dask's. What is timed is a study at full width
-and in one arithmetic, of shards of the default size, when each worker has its graphs. Beside it one
-worker computes the same shards in a loop, from arrays that it has.
+and in one arithmetic, of images in files, when each worker has its graphs. Beside it one worker
+computes the same shards in a loop.
+
+Dask's workers have the allocator's own thresholds, as docs/distributed.md tells people to set them.
 """
 
 from __future__ import annotations
 
 import contextlib
 import functools
+import multiprocessing
+import os
 import pathlib
 import tempfile
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator, Sequence
 from concurrent.futures import Executor, wait
 from dataclasses import dataclass
 
@@ -23,8 +27,8 @@ import tensorflow as tf
 
 import bitfold
 import network_models
-from bitfold.network.shards import executing
-from bitfold.network.shards.data import Data
+from bitfold.network.shards import dask_cluster, executing
+from bitfold.network.shards.data import Data, ShardReference
 from bitfold.network.shards.processes import Processes
 from bitfold.network.shards.work import Task
 from bitfold.studies.passes import Plan
@@ -32,19 +36,44 @@ from bitfold.studies.settings import settings_of
 from timing import use_threads
 
 try:
+    import dask
     from distributed import LocalCluster
 except ImportError:
     LocalCluster = None
 
-# Networks, with how many images: of the small one in files, of the large one in memory.
-WORK = (("fashion", 8192), ("mobilenet_v2", 52))
+
+@dataclass(frozen=True)
+class Work:
+    """A study.
+
+    Attributes:
+        network: its name.
+        images: how many; a file has some of them, and is named as often as it takes.
+        file_images: how many of them a file has.
+        shard_size: how many are a shard; None for the default.
+    """
+
+    network: str
+    images: int
+    file_images: int
+    shard_size: int | None = None
+
+    def __str__(self) -> str:
+        """Return what it is, in words."""
+        size = f"shards of {self.shard_size:,}" if self.shard_size else "the default shard"
+        return f"{self.network}, {self.images:,} images, {size}"
+
+
+WORKS = (Work("mobilenet_v2", 2048, 64), Work("fashion", 81_920, 8192, 20_480))
 ARITHMETIC = bitfold.Arithmetic(accumulator_size=18)
 # Full width, and the arithmetic.
 KEYS = (None, 0)
-TURNS = 3
+TURNS = 2
 # Tasks that do nothing, to see how many an engine bears.
 EMPTY_TASKS = 2000
 PROCESSES, DASK = "spawned processes", "Dask"
+# Otherwise Dask has its workers give back memory to the system with each tensor that they free.
+ALLOCATOR = {"MALLOC_TRIM_THRESHOLD_": 1 << 30, "MALLOC_MMAP_THRESHOLD_": 32 << 20}
 
 
 @dataclass(frozen=True)
@@ -58,6 +87,8 @@ class DistributedTimes:
         loop_seconds: of one worker that computes all shards by itself.
         one_seconds: of one worker.
         two_seconds: of two.
+        loop_processor_seconds: of all processes, in the loop.
+        one_processor_seconds: of all processes, by one worker.
         tasks_per_second: how many tasks that do nothing the engine brings to two workers.
     """
 
@@ -67,6 +98,8 @@ class DistributedTimes:
     loop_seconds: float
     one_seconds: float
     two_seconds: float
+    loop_processor_seconds: float
+    one_processor_seconds: float
     tasks_per_second: float
 
     @property
@@ -79,18 +112,33 @@ class DistributedTimes:
         """What one worker takes more than its work, as a share of this."""
         return self.one_seconds / self.loop_seconds - 1
 
+    @property
+    def processor_seconds(self) -> float:
+        """What a task costs beside its work, in all processes together."""
+        return (self.one_processor_seconds - self.loop_processor_seconds) / self.tasks
+
 
 def measure(_: Executor, __: Executor, budget: float) -> list[DistributedTimes]:
     """Time the engines that are installed."""
     engines = {PROCESSES: _processes} | ({DASK: _dask} if LocalCluster else {})
     found = []
     with tempfile.TemporaryDirectory() as folder:
+        references = [_references(work, pathlib.Path(folder)) for work in WORKS]
         for engine, started in engines.items():
-            with started(1) as one, started(2) as two:
+            # One after the other: an idle cluster takes some of a core, too.
+            with started(1) as one:
+                by_one = [_by_one(*each, one) for each in zip(WORKS, references, strict=True)]
+            with started(2) as two:
+                by_two = [_by_two(*each, two) for each in zip(WORKS, references, strict=True)]
                 rate = _rate(two)
-                for name, images in WORK:
-                    times = _times(name, images, pathlib.Path(folder), one, two)
-                    found.append(DistributedTimes(*times[:1], engine, *times[1:], rate))
+            for work, shards, single, double in zip(WORKS, references, by_one, by_two, strict=True):
+                (loop, loop_processor), (alone, alone_processor) = single
+                found.append(
+                    DistributedTimes(
+                        str(work), engine, len(KEYS) * len(shards), loop, alone, double,
+                        loop_processor, alone_processor, rate,
+                    )
+                )  # fmt: skip
     return found
 
 
@@ -105,7 +153,8 @@ def _processes(count: int) -> Iterator[Executor]:
 @contextlib.contextmanager
 def _dask(count: int) -> Iterator[Executor]:
     with (
-        LocalCluster(count, threads_per_worker=1, dashboard_address=":0") as cluster,
+        dask.config.set({"distributed.nanny.pre-spawn-environ": ALLOCATOR}),
+        LocalCluster(count, threads_per_worker=1, dashboard_address=None) as cluster,
         cluster.get_client() as client,
     ):
         yield client.get_executor()
@@ -120,7 +169,10 @@ def _use_one_thread() -> None:
 def _rate(executor: Executor) -> float:
     """Return how many tasks a second are done that do nothing."""
     begin = time.perf_counter()
-    wait([executor.submit(_nothing, i) for i in range(EMPTY_TASKS)])
+    if dask_cluster.is_executor(executor):
+        wait(dask_cluster.submitted(executor, _nothing, [(i,) for i in range(EMPTY_TASKS)]))
+    else:
+        wait([executor.submit(_nothing, i) for i in range(EMPTY_TASKS)])
     return EMPTY_TASKS / (time.perf_counter() - begin)
 
 
@@ -128,70 +180,74 @@ def _nothing(_: int) -> None:
     pass
 
 
-def _times(
-    name: str, images: int, folder: pathlib.Path, one: Executor, two: Executor
-) -> tuple[str, int, float, float, float]:
-    """Return what a study is of, its tasks, and its seconds in a loop, by one and by two."""
-    x, y = _data(name, images)
-    where = "memory"
-    if name == "fashion":
-        where = "files"
-        np.save(folder / "x.npy", x)
-        np.save(folder / "y.npy", y)
-        x, y = bitfold.data.npy(folder / "x.npy", folder / "y.npy"), None
-    network = network_models.network(name)
-    references = Data(x, y, network.batch_size()).references()
-    # One plan for all turns: workers know it again, and keep its graphs.
-    plan = _plan(name)
-    tasks = [Task(key, reference) for key in KEYS for reference in references]
+def _references(work: Work, folder: pathlib.Path) -> list[ShardReference]:
+    """Write the images of a study; return its shards."""
+    network = network_models.network(work.network)
+    x, y = folder / f"{work.network}_x.npy", folder / f"{work.network}_y.npy"
+    np.save(x, network_models.images(work.network, work.file_images))
+    np.save(y, np.arange(work.images) % network.outputs[0].shape[-1])
+    for i in range(work.images // work.file_images):
+        x.with_name(f"{work.network}_x{i:03}.npy").symlink_to(x)
+    data = bitfold.data.npy(folder / f"{work.network}_x[0-9]*.npy", y)
+    return Data(data, None, network.batch_size(), shard_size=work.shard_size).references()
 
-    def study(executor: Executor) -> float:
-        begin = time.perf_counter()
-        for _ in executing.computed(plan, tasks, executor, lambda images: None):
-            pass
-        return time.perf_counter() - begin
 
-    calls = {
-        "loop": lambda: one.submit(_computed, name, images, time.perf_counter()).result(),
-        "one": lambda: study(one),
-        "two": lambda: study(two),
-    }
-    for call in calls.values():
+def _by_one(work: Work, references: Sequence[ShardReference], one: Executor) -> tuple:
+    """Return seconds and seconds of all processors, of the loop and of the study."""
+    calls = [
+        lambda: one.submit(_computed, work.network, references, time.perf_counter()).result(),
+        lambda: _study(work, references, one),
+    ]
+    for call in calls:
         call()
-    taken = {name: [] for name in calls}
-    for _ in range(TURNS):
-        for turn, call in calls.items():
-            taken[turn].append(call())
-    work = f"{name}, {images:,} images in {where}"
-    return work, len(tasks), *(min(times) for times in taken.values())
+    turns = [[_timed(call) for call in calls] for _ in range(TURNS)]
+    return tuple(tuple(map(min, zip(*times, strict=True))) for times in zip(*turns, strict=True))
 
 
-def _data(name: str, images: int) -> tuple[np.ndarray, np.ndarray]:
-    outputs = network_models.network(name).outputs[0].shape[-1]
-    return network_models.images(name, images), np.arange(images) % outputs
+def _by_two(work: Work, references: Sequence[ShardReference], two: Executor) -> float:
+    """Return the seconds of a study."""
+    _study(work, references, two)
+    return min(_timed(lambda: _study(work, references, two))[0] for _ in range(TURNS))
 
 
+def _timed(call: Callable[[], object]) -> tuple[float, float]:
+    """Return seconds, and those of all processors in this process and its children."""
+    begin, processors = time.perf_counter(), _processor_seconds()
+    call()
+    return time.perf_counter() - begin, _processor_seconds() - processors
+
+
+def _processor_seconds() -> float:
+    taken = time.process_time()
+    for child in multiprocessing.active_children():
+        fields = pathlib.Path(f"/proc/{child.pid}/stat").read_text().rpartition(")")[2].split()
+        taken += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    return taken
+
+
+def _study(work: Work, references: Sequence[ShardReference], executor: Executor) -> None:
+    tasks = [Task(key, reference) for key in KEYS for reference in references]
+    for _ in executing.computed(_plan(work.network), tasks, executor, lambda images: None):
+        pass
+
+
+@functools.cache
 def _plan(name: str) -> Plan:
+    """Return one plan for all turns: workers know it again, and keep its graphs."""
     network = network_models.network(name)
     return Plan(network, settings_of(network, [ARITHMETIC]), None, has_metric=True)
 
 
-def _computed(name: str, images: int, _: float) -> float:
-    """Return the seconds that this process takes for all tasks by itself.
+def _computed(name: str, references: Sequence[ShardReference], _: float) -> None:
+    """Compute all shards here.
 
     The last argument differs between calls, or Dask would take the result of the first.
     """
-    shards, runners = _kept(name, images)
-    begin = time.perf_counter()
-    for run in runners:
-        for shard in shards:
-            run(shard, lambda images: None)
-    return time.perf_counter() - begin
+    for run in _runners(name):
+        for reference in references:
+            run(reference.load(), lambda images: None)
 
 
 @functools.cache
-def _kept(name: str, images: int) -> tuple:
-    """Return the shards, read, and what computes them."""
-    data = Data(*_data(name, images), network_models.network(name).batch_size())
-    plan = _plan(name)
-    return list(data.shards()), [plan.runner(key) for key in KEYS]
+def _runners(name: str) -> list[Callable]:
+    return [_plan(name).runner(key) for key in KEYS]

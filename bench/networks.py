@@ -275,7 +275,7 @@ def print_training(rows: list[training.StepTimes]) -> None:
 def print_distributed(rows: list[distributed_times.DistributedTimes]) -> None:
     """Print studies by workers."""
     table(
-        "Studies by workers of one thread each, at the default shard",
+        "Studies by workers of one thread each",
         (
             "study",
             "engine",
@@ -285,6 +285,7 @@ def print_distributed(rows: list[distributed_times.DistributedTimes]) -> None:
             "two ms",
             "speed-up",
             "overhead of a task",
+            "processor ms of a task beside its work",
             "empty tasks a second",
         ),
         [
@@ -295,6 +296,7 @@ def print_distributed(rows: list[distributed_times.DistributedTimes]) -> None:
                 *map(milliseconds, (row.loop_seconds, row.one_seconds, row.two_seconds)),
                 f"{row.speed_up:.2f}",
                 f"{row.overhead:.1%}",
+                milliseconds(row.processor_seconds),
                 f"{row.tasks_per_second:,.0f}",
             )
             for row in rows

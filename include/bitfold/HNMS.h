@@ -47,6 +47,8 @@ struct SuppressionOptions {
   float iou_threshold;
   float max_output_size;
   bool debug_precise_numeric;
+  // The second variant of the unit: the last of equal scores wins, a negative one never does, and
+  // no row of zeros stands for an invalid best box.
   bool is_velquin;
 
   // The overlap threshold as an unsigned fixed-point fraction of 16 bits.

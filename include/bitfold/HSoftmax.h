@@ -74,8 +74,8 @@ inline uint16_t SoftmaxExponential(const uint16_t* exp_lut, float distance) {
              : uint16_t{0};
 }
 
-// Whether a sum does not fit the accumulator of 24 bits where it wraps, in one variant; the other
-// saturates.
+// Whether a sum does not fit the accumulator of 24 bits where it wraps, in the first variant of the
+// unit. is_velquin selects the second, which saturates.
 inline bool OverflowsSoftmax(float sum, bool is_velquin) {
   return !is_velquin && sum > kMaxSoftmaxSum;
 }

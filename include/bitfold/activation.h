@@ -31,7 +31,8 @@ struct Piece {
 // What the kernel's attributes select. `beta` and `is_signed_output` do not influence the result.
 struct ActivationMode {
   bool is_8bit_to_16bit_mode;
-  bool is_velquin;
+  bool is_velquin;  // the second variant of the unit: it shifts the signed product, not its
+                    // magnitude
   int32_t ebias;
   int32_t clip_bits;  // the limit of the clip itself, not a number of bits: 127, not 7
   int32_t beta;

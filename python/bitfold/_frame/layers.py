@@ -10,6 +10,10 @@ from collections.abc import Callable
 from typing import Any
 
 import keras
+import tensorflow as tf
+
+from bitfold._frame.array_text import is_packable, packed, unpacked
+from bitfold._frame.compiling import refuse_xla
 
 # What a layer calls, by the name that a saved model holds.
 _OPS: dict[str, Callable] = {}
@@ -25,6 +29,7 @@ def accepts_symbolic(op: Callable) -> Callable:
 
     @functools.wraps(op)
     def call(*args, **kwargs):
+        refuse_xla()
         if not any(isinstance(x, keras.KerasTensor) for x in (*args, *kwargs.values())):
             return op(*args, **kwargs)
         arguments = signature.bind(*args, **kwargs).arguments
@@ -59,18 +64,28 @@ class OpLayer(keras.layers.Layer):
         return _OPS[self.op](**tensors, **self.constants)
 
     def get_config(self):
-        """Return what `from_config` needs to build the layer again."""
+        """Return what `from_config` needs to build the layer again: arrays as packed bytes."""
         config = super().get_config()
         config.pop("trainable", None)
+        known = {name: _known(value) for name, value in self.constants.items()}
+        arrays = {name: value for name, value in known.items() if is_packable(value)}
+        others = {name: value for name, value in known.items() if name not in arrays}
         return {
             **config,
             "op": self.op,
-            "constants": keras.saving.serialize_keras_object(self.constants),
+            "constants": keras.saving.serialize_keras_object(others),
+            "arrays": {name: packed(value) for name, value in arrays.items()},
         }
 
     @classmethod
     def from_config(cls, config):
-        """Build the layer from `get_config`'s result."""
+        """Build the layer from `get_config`'s result, or from one of before arrays were packed."""
         config = dict(config)
         constants = keras.saving.deserialize_keras_object(config.pop("constants"))
-        return cls(constants=constants, **config)
+        arrays = {name: unpacked(text) for name, text in config.pop("arrays", {}).items()}
+        return cls(constants=constants | arrays, **config)
+
+
+def _known(value: Any) -> Any:
+    """Return the array of a tensor whose values are known, and anything else as it is."""
+    return value.numpy() if tf.is_tensor(value) and hasattr(value, "numpy") else value

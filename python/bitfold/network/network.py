@@ -18,6 +18,7 @@ import numpy as np
 import tensorflow as tf
 
 from bitfold._frame import warning_lines
+from bitfold._frame.compiling import refuse_xla
 from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
@@ -267,7 +268,9 @@ class Network:
         Raises:
             TypeError: for elements of another type.
             ValueError: for inputs of another shape or name.
+            tf.errors.UnimplementedError: in a function that XLA is to compile.
         """
+        refuse_xla()
         images = self._images(x)
         if not values.is_real(images, self._program.assembly.inputs):
             results = self._function("stored", self._stored)(*images)

@@ -43,7 +43,17 @@ roundings and half precision pass straight through, and products are divided by 
 nothing where that is 0. Integers have none. Box decoders and suppression have none either, and say
 so when one is asked for.
 
-Layout. Tensors are NHWC. No XLA: leave ``jit_compile`` off.
+Layout. Tensors are NHWC.
+
+XLA has no kernels of these ops: ``tf.function(jit_compile=True)`` ends in an
+``UnimplementedError`` that says so. Leave ``jit_compile`` out. A Keras model that calls the ops in
+its own ``call`` needs ``compile(jit_compile=False)``: by default Keras takes XLA where
+there is a GPU. One that is built of symbolic tensors goes without it by itself.
+
+Widths. ``accumulator_size`` is an attribute of a node, so each width is a node of its own and
+takes no tensor. A ``tf.function`` with the width as an argument is traced once for each value; one
+that computes all widths, ``[conv2d(x, f, accumulator_size=w) for w in widths]``, is traced once.
+``mult_shift`` is an input: as a tensor it takes any value without a new trace.
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
 ``tf.function`` their shapes may be partly unknown, and strides and dilations must be positive (the

@@ -59,7 +59,8 @@ def activation(
             127 for signed 8-bit results.
         is_8bit_to_16bit_mode: multiply the product by 256 before the shift.
         is_16bit_precision_mode: shift the signed product instead of its magnitude.
-        is_velquin: likewise, the behaviour of one variant of the unit.
+        is_velquin: selects the second variant of the unit, which shifts the signed product, too, so
+            that quotients are rounded down and not towards 0.
         name: the node's name.
 
     Returns:

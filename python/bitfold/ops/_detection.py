@@ -203,9 +203,9 @@ def non_max_suppression(
         max_output_size: the number of rows of each result, at least 1.
         classes: the number of classes, at least 1.
         debug_precise_numeric: shrink the second box by a pixel where the overlap is measured.
-        is_velquin: the behaviour of one variant of the unit: of equal scores the last wins instead
-            of the first, a negative score never does, and a best box with a maximum below its
-            minimum leaves no row of zeros.
+        is_velquin: selects the second variant of the unit: of equal scores the last wins instead of
+            the first, a negative score never does, and a best box with a maximum below its minimum
+            leaves no row of zeros.
         name: the node's name.
 
     Returns:

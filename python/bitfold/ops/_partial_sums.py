@@ -12,6 +12,7 @@ import numpy as np
 import tensorflow as tf
 
 from bitfold._frame.arguments import integer
+from bitfold._frame.compiling import refuse_xla
 from bitfold._frame.loaded import raw_ops
 from bitfold._frame.operands import Needs
 from bitfold._frame.tensors import as_tensor
@@ -209,6 +210,7 @@ def matmul_partial_sums(
 
 def _stored(x: Any, name: str) -> tf.Tensor:
     """Return a tensor of stored integers."""
+    refuse_xla()
     x = as_tensor(x)
     if x.dtype not in _STORED:
         raise TypeError(f"{name} must be int8 or int16, got {x.dtype.name}")

@@ -167,8 +167,9 @@ def softmax(
             vector. Rank 1 is a single vector.
         lut_table: uint32 with 512 elements, 256 rows of two words: bits 0 to 15 the exponential,
             16 to 39 the sum, 40 to 47 its reciprocal; sums fall.
-        is_velquin: the sum saturates; otherwise it wraps at 24 bits and prints "Warning, the
-            softmax sum has overflowed." to C's standard output.
+        is_velquin: selects the second variant of the unit, whose sum saturates; that of the first
+            wraps at 24 bits and prints "Warning, the softmax sum has overflowed." to C's standard
+            output.
         name: the node's name.
 
     Returns:

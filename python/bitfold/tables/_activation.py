@@ -134,7 +134,8 @@ def activation(
         input_range: the smallest and the largest input.
         output_range: the smallest and the largest result.
         slope_bits: the bits of a slope's mantissa, 2 to 32.
-        is_velquin: the variant of the unit.
+        is_velquin: selects the second variant of the unit, which shifts the signed product, so that
+            quotients are rounded down and not towards 0.
 
     Returns:
         An `ActivationTable` of one group. For several groups put the rows of their tables one after

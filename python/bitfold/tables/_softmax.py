@@ -24,7 +24,7 @@ class SoftmaxTable(Output):
 
     Attributes:
         lut_table: uint32 [512], the exponentials and the reciprocals.
-        is_velquin: the variant of the unit.
+        is_velquin: whether it is for the second variant of the unit, whose sum saturates.
         input_scale: the real value of one step of the input.
         output_scale: the real value of one step of the result.
         largest_exponential: the exponential of the largest element, E below.
@@ -103,7 +103,7 @@ def softmax(
     Args:
         input_scale: the real value of one step of the input, above 0.
         vector_size: the longest vector, where `is_velquin` is False.
-        is_velquin: the variant of the unit whose sum saturates.
+        is_velquin: selects the second variant of the unit, whose sum saturates instead of wrapping.
 
     Returns:
         A `SoftmaxTable`.

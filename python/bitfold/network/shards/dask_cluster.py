@@ -10,8 +10,8 @@ from __future__ import annotations
 import contextlib
 import sys
 import warnings
-from collections.abc import Iterator
-from concurrent.futures import Executor
+from collections.abc import Callable, Iterator, Sequence
+from concurrent.futures import Executor, Future
 from typing import Any
 
 # What Dask says of a task that brings a network or data along, which is what is meant.
@@ -46,6 +46,18 @@ def is_executor(executor: Executor) -> bool:
 def threads(executor: Executor) -> int:
     """Return how many threads the workers of a cluster have by now."""
     return sum(executor._client.nthreads().values())
+
+
+def submitted(
+    executor: Executor, function: Callable, calls: Sequence[tuple[Any, ...]]
+) -> list[Future]:
+    """Have a function called with each of several arguments, which are sent in one message.
+
+    Nothing is taken for known: a call that is tried again is computed again.
+    """
+    keywords = executor._kwargs | {"pure": False}
+    futures = executor._client.map(function, *zip(*calls, strict=True), **keywords)
+    return [executor._wrap_future(future) for future in futures]
 
 
 def shared(executor: Executor, value: Any) -> Any:

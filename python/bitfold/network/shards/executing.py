@@ -10,6 +10,7 @@ work to each worker once, and to try a shard again.
 from __future__ import annotations
 
 import concurrent.futures
+import itertools
 import pickle
 import queue
 from collections.abc import Callable, Iterable, Iterator, Sequence
@@ -128,7 +129,7 @@ class _Flow:
     def __init__(self, work: Work, executor: Executor, delivery: Delivery) -> None:
         """Take who computes, and how the work gets there."""
         self._work, self._executor, self._delivery = work, executor, delivery
-        self._ahead = _ahead(executor)
+        self._ahead, self._is_cluster = _ahead(executor), dask_cluster.is_executor(executor)
         # How often each has failed.
         self._underway: dict[concurrent.futures.Future, tuple[Task, int]] = {}
         self._done: queue.SimpleQueue[concurrent.futures.Future] = queue.SimpleQueue()
@@ -136,8 +137,7 @@ class _Flow:
     def results(self, tasks: Iterator[Task]) -> Iterator[tuple[Task, Any]]:
         """Yield tasks with what was found, as they come."""
         while True:
-            while len(self._underway) < self._ahead and (task := next(tasks, None)) is not None:
-                self._submit(task, 0)
+            self._refill(tasks)
             if not self._underway:
                 return
             future = self._done.get()
@@ -148,25 +148,39 @@ class _Flow:
             elif found.is_final or failures + 1 == _MOST_FAILURES:
                 raise self._error(task, found)
             else:
-                self._submit(task, failures + 1)
+                self._submit([task], failures + 1)
 
     def cancel(self) -> None:
         """Take back what no worker has begun; what they have begun nobody waits for."""
         for future in list(self._underway):
             future.cancel()
 
-    def _submit(self, task: Task, failures: int) -> None:
+    def _refill(self, tasks: Iterator[Task]) -> None:
+        """Hand over tasks: to a cluster many at once, which costs less than one by one."""
+        underway = len(self._underway)
+        if not self._is_cluster or underway <= self._ahead // 2:
+            self._submit(list(itertools.islice(tasks, self._ahead - underway)), 0)
+
+    def _submit(self, tasks: Sequence[Task], failures: int) -> None:
+        if not tasks:
+            return
         # What a worker had that is gone now comes with the task.
-        shard = task.shard if failures else self._delivery.shard(task.shard)
+        shards = [task.shard if failures else self._delivery.shard(task.shard) for task in tasks]
+        calls = [
+            (self._delivery.parcel, task.key, shard)
+            for task, shard in zip(tasks, shards, strict=True)
+        ]
+        submitted = dask_cluster.submitted if self._is_cluster else _submitted
         try:
-            future = self._executor.submit(workers.compute, self._delivery.parcel, task.key, shard)
+            futures = submitted(self._executor, workers.compute, calls)
+            for task, future in zip(tasks, futures, strict=True):
+                self._underway[future] = task, failures
+                future.add_done_callback(self._done.put)
         except Exception as error:  # of whatever kind: it is broken, shut down or disconnected
             raise WorkerError(
                 f"Need an executor that takes work, got {type(error).__name__}: {error}. A new one "
                 "goes on with the finished shards, where they are kept by resume"
             ) from error
-        self._underway[future] = task, failures
-        future.add_done_callback(self._done.put)
 
     def _error(self, task: Task, failure: Failure) -> WorkerError:
         where = f"shard {task.shard.index}, {self._work.called(task.key)}"
@@ -185,6 +199,13 @@ def _ahead(executor: Executor) -> int:
         return _AHEAD * count
     threads = dask_cluster.threads(executor) if dask_cluster.is_executor(executor) else 0
     return max(_AHEAD_OF_ALL, _AHEAD * threads)
+
+
+def _submitted(
+    executor: Executor, function: Callable, calls: Iterable[tuple[Any, ...]]
+) -> Iterator[concurrent.futures.Future]:
+    """Have a function called with each of several arguments."""
+    return (executor.submit(function, *call) for call in calls)
 
 
 def _outcome(future: concurrent.futures.Future) -> Any:
