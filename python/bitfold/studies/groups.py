@@ -12,7 +12,7 @@ import tensorflow as tf
 
 from bitfold.network import Arithmetic
 from bitfold.network.operators import SummingStep
-from bitfold.studies.finals import Inputs
+from bitfold.studies.finals import Inputs, check, differ, number_of_differences
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import exact
 from bitfold.studies.wraps import Method, Wraps, counts_of, harmless_from, wraps_of
@@ -65,11 +65,16 @@ class Group:
         seen = {}
         if self.ends:
             seen[f"ends/{self.shift}"] = tf.reduce_sum(outside, 1)
-        compared = {key: wraps.step for key, wraps in self.wraps.items() if wraps.needs_sums}
-        if compared:
-            exact_sums = self.reference.sums(inputs)
-            for key, step in compared.items():
-                seen[f"wrong/{key}"] = number_of_differences(step.sums(inputs), exact_sums)
+        exact_sums = None
+        for key, wraps in self.wraps.items():
+            if not wraps.needs_sums:
+                continue
+            if wraps.is_congruent:
+                seen[f"wrong/{key}"] = check(wraps, inputs).wrong
+                continue
+            if exact_sums is None:
+                exact_sums = self.reference.sums(inputs)
+            seen[f"wrong/{key}"] = number_of_differences(wraps.step.sums(inputs), exact_sums)
         return seen
 
     def wrong(self, sums: int, values: Mapping[str, np.ndarray]) -> dict[str, Counts]:
@@ -139,13 +144,3 @@ def at_full_width(step: SummingStep, shift: int) -> SummingStep:
     if step.arithmetic == exact(step.arithmetic, shift):
         return step
     return type(step)(step.node, exact(step.arithmetic, shift))
-
-
-def differ(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
-    """Return which sums are wrong; floats hold whole numbers."""
-    return tf.cast(sums, tf.int64) != tf.cast(exact, tf.int64)
-
-
-def number_of_differences(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
-    """Return how many sums are wrong."""
-    return tf.math.count_nonzero(differ(sums, exact))

@@ -18,14 +18,12 @@ import tensorflow as tf
 
 from bitfold.network import Network
 from bitfold.network.operators import SummingStep
-from bitfold.studies.finals import Inputs, watch
+from bitfold.studies.finals import Inputs, check, differ, watch
 from bitfold.studies.groups import (
     Group,
     at_full_width,
-    differ,
     groups_of,
     key_of,
-    number_of_differences,
 )
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import Setting
@@ -181,14 +179,10 @@ class SettingPass:
     def observe_finals(self, step: SummingStep, inputs: Inputs, _: Any) -> tuple[list, dict]:
         """Compute a layer, and how many of its sums are wrong."""
         wraps = self._wraps[step.node.operator.position]
-        if wraps.needs_sums:
-            sums = step.sums(inputs)
-            wrong = number_of_differences(sums, wraps.reference.sums(inputs))
-            return step.finish(sums), {"wrong": wrong}
-        if wraps.method is Method.COUNT:
-            found = watch(step, wraps.reference, inputs, [wraps.width])
-            return found.outputs, {"wrong": tf.reduce_sum(found.outside)}
-        return step.run(inputs), {}
+        if wraps.method is Method.NOTHING:
+            return step.run(inputs), {}
+        outputs, wrong = check(wraps, inputs)
+        return outputs, {"wrong": wrong}
 
     def tallied_finals(
         self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int

@@ -22,7 +22,7 @@ from bitfold.network.operators._prepared import (
     can_be_prepared,
 )
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
-from bitfold.network.operators._step import SummingStep, Watched
+from bitfold.network.operators._step import Checked, SummingStep, Watched
 from bitfold.ops._partial_sums import PartialSums
 
 
@@ -245,6 +245,14 @@ class WeightedStep(SummingStep):
         data = self.arrange(inputs[self.places[0]], self._zero_point)
         found = self._prepared.watched(data, accumulator_sizes)
         return Watched([self.arrange_sums(found.output)], found.extremes, found.outside)
+
+    def checked(self, inputs: Sequence[tf.Tensor | None]) -> Checked | None:
+        """Return the stored output, and how many sums are wrong."""
+        if self._prepared is None or self._is_bias_narrowed:
+            return None
+        data = self.arrange(inputs[self.places[0]], self._zero_point)
+        found = self._prepared.checked(data)
+        return Checked([self.arrange_sums(found.output)], found.wrong)
 
     @property
     def _is_bias_narrowed(self) -> bool:
