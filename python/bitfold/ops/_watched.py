@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""Layers of a quantised network in one op each that say of their sums what full width would give."""
+"""Layers of a quantised network in one op each that say what their sums are at full width."""
 
 from __future__ import annotations
 

@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""What a layer's final sums reach at full width, and which are wrong, at hardly more than its cost."""
+"""What a layer's final sums reach at full width, and how many are wrong, at hardly more cost."""
 
 from __future__ import annotations
 

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+import functools
 from collections.abc import Mapping, Sequence
 
 import numpy as np
@@ -65,16 +66,15 @@ class Group:
         seen = {}
         if self.ends:
             seen[f"ends/{self.shift}"] = tf.reduce_sum(outside, 1)
-        exact_sums = None
+        exact = functools.cache(lambda: self.reference.sums(inputs))
         for key, wraps in self.wraps.items():
             if not wraps.needs_sums:
                 continue
             if wraps.is_congruent:
                 seen[f"wrong/{key}"] = check(wraps, inputs).wrong
-                continue
-            if exact_sums is None:
-                exact_sums = self.reference.sums(inputs)
-            seen[f"wrong/{key}"] = number_of_differences(wraps.step.sums(inputs), exact_sums)
+            else:
+                wrong = number_of_differences(wraps.step.sums(inputs), exact())
+                seen[f"wrong/{key}"] = wrong
         return seen
 
     def wrong(self, sums: int, values: Mapping[str, np.ndarray]) -> dict[str, Counts]:
@@ -95,17 +95,18 @@ class Group:
         if not self.wraps:
             return {}
         seen = {f"counts/{self.shift}": counts, f"first/{self.shift}": first}
-        exact = None
-        if any(wraps.needs_sums for wraps in self.wraps.values()):
-            exact = self.reference.sums(inputs)
+        exact = functools.cache(lambda: self.reference.sums(inputs))
         for key, wraps in self.wraps.items():
-            if wraps.needs_sums:
-
-                def differs(step: SummingStep = wraps.step) -> tf.Tensor:
-                    return differ(step.sums(inputs), exact)
-
-                of_width = counts[self.widths.index(wraps.width)]
-                seen[f"compared/{key}"] = wraps.compared(inputs, of_width, differs)
+            if not wraps.needs_sums:
+                continue
+            of_width = counts[self.widths.index(wraps.width)]
+            if wraps.is_congruent:
+                compared = wraps.counted(of_width, check(wraps, inputs).wrong)
+            else:
+                compared = wraps.compared(
+                    inputs, of_width, functools.partial(_differ, wraps.step, inputs, exact())
+                )
+            seen[f"compared/{key}"] = compared
         return seen
 
     def counts(self, sums: int, values: Mapping[str, np.ndarray]) -> dict[str, Counts]:
@@ -144,3 +145,8 @@ def at_full_width(step: SummingStep, shift: int) -> SummingStep:
     if step.arithmetic == exact(step.arithmetic, shift):
         return step
     return type(step)(step.node, exact(step.arithmetic, shift))
+
+
+def _differ(step: SummingStep, inputs: Inputs, exact: tf.Tensor) -> tf.Tensor:
+    """Return which sums of a layer differ from exact ones."""
+    return differ(step.sums(inputs), exact)

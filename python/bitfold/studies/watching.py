@@ -200,17 +200,20 @@ class SettingPass:
     def observe(self, step: SummingStep, inputs: Inputs, _: Any) -> tuple[list, dict]:
         """Compute a layer, and what became of its sums."""
         wraps = self._wraps[step.node.operator.position]
-        sums = step.sums(inputs) if wraps.needs_sums else None
-        outputs = step.run(inputs) if sums is None else step.finish(sums)
-        seen = {}
-        if wraps.method is not Method.NOTHING:
-            counts, first = _outside(wraps.reference, inputs, [wraps.width], wraps.channels)
-            seen = {"counts": counts, "first": first}
-            if wraps.needs_sums:
-                seen["compared"] = wraps.compared(
-                    inputs, counts[0], lambda: differ(sums, wraps.reference.sums(inputs))
-                )
-        return outputs, seen
+        if wraps.method is Method.NOTHING:
+            return step.run(inputs), {}
+        counts, first = _outside(wraps.reference, inputs, [wraps.width], wraps.channels)
+        seen = {"counts": counts, "first": first}
+        if not wraps.needs_sums:
+            return step.run(inputs), seen
+        if wraps.is_congruent:
+            outputs, wrong = check(wraps, inputs)
+            return outputs, seen | {"compared": wraps.counted(counts[0], wrong)}
+        sums = step.sums(inputs)
+        compared = wraps.compared(
+            inputs, counts[0], lambda: differ(sums, wraps.reference.sums(inputs))
+        )
+        return step.finish(sums), seen | {"compared": compared}
 
     def tallied(
         self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int

@@ -103,6 +103,11 @@ class Wraps:
         )
         return tf.stack([tf.math.count_nonzero(is_wrong), right_again])
 
+    @staticmethod
+    def counted(counts: tf.Tensor, wrong: tf.Tensor) -> tf.Tensor:
+        """Return what `compared` does, of a number of wrong sums of which all were outside."""
+        return tf.stack([wrong, tf.reduce_sum(counts[:, _WAS]) - wrong])
+
 
 def counts_of(
     sums: int, counts: np.ndarray, first: np.ndarray, compared: np.ndarray | None

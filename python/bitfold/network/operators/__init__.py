@@ -49,11 +49,11 @@ from bitfold.network.operators.unit_resize import UnitResize
 from bitfold.network.operators.unit_softmax import UnitSoftmax
 
 __all__ = [
-    "Checked",
     "FLOATS",
     "STEPS",
     "UNITS",
     "Axis",
+    "Checked",
     "Products",
     "Step",
     "SummingStep",

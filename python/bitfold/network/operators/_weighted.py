@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import abc
+import functools
 from collections.abc import Iterator, Sequence
 
 import numpy as np
@@ -206,16 +207,21 @@ class WeightedStep(SummingStep):
         channels: Sequence[int] | None = None,
     ) -> PartialSums:
         """Return what the partial sums of full width reach."""
-        parts = self.parts(inputs)
-        if channels is not None:
-            parts = _partial_sums.chosen(parts, channels, self.parts_placement.depthwise)
-        return _partial_sums.partial_sums(
-            parts,
-            self.parts_placement,
-            self.arithmetic.mult_shift,
-            accumulator_sizes,
-            known_extremes,
-        )
+        parts, placement = self.parts(inputs), self.parts_placement
+
+        def sums(parts: Sequence[Part], known_extremes: tf.Tensor | None) -> PartialSums:
+            shift = self.arithmetic.mult_shift
+            return _partial_sums.partial_sums(
+                parts, placement, shift, accumulator_sizes, known_extremes
+            )
+
+        if channels is None:
+            return sums(parts, known_extremes)
+        if not placement.depthwise:
+            return sums(_partial_sums.chosen(parts, channels), known_extremes)
+        count = sum(part.weights.shape[3] for part in parts)
+        of_parts = functools.partial(sums, parts)
+        return _partial_sums.of_channels(of_parts, count, known_extremes, channels)
 
     def was_outside(self, inputs: Sequence[tf.Tensor | None], accumulator_size: int) -> tf.Tensor:
         """Return for each of the sums whether one of its partial sums was outside of a width."""
