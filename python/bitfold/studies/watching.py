@@ -18,6 +18,7 @@ import tensorflow as tf
 
 from bitfold.network import Network
 from bitfold.network.operators import SummingStep
+from bitfold.studies.bounds import WIDEST
 from bitfold.studies.finals import Inputs, check, differ, watch
 from bitfold.studies.groups import (
     Group,
@@ -47,6 +48,9 @@ class FullWidthPass:
     Attributes:
         network: at full width.
     """
+
+    # Whether what is seen of the final sums of batches is what is seen of all, when it is added.
+    adds_up = False
 
     def __init__(self, network: Network, settings: Sequence[Setting]) -> None:
         """Find what is asked of each layer.
@@ -169,8 +173,9 @@ class SettingPass:
             reference = at_full_width(step, step.arithmetic.mult_shift)
             self._wraps[position] = wraps_of(step, reference, harmless_from(reference))
 
-    # No batch depends on those before.
+    # No batch depends on those before, and all that is seen are counts.
     knows_nothing = False
+    adds_up = True
 
     def states(self) -> dict[str, np.ndarray]:
         """Return nothing."""
@@ -242,8 +247,8 @@ def _outside(
     """Return the counts and first steps of `bitfold.ops.partial_sums` for some channels."""
     if not channels:
         return tf.zeros([len(widths), 0, 3], tf.int64), tf.zeros([len(widths), 0], tf.int64)
-    # Nobody asks for extremes here: none is beyond those of the widest accumulator.
-    limit = 1 << (max(widths) - 1)
+    # Nobody asks for extremes here: no partial sum is to be beyond what is known.
+    limit = 1 << (WIDEST - 1)
     known = np.repeat(np.array([[-limit], [limit - 1]] * 2, np.int64), len(channels), 1)
     found = reference.partial_sums(inputs, widths, known, channels)
     return found.counts, found.first
