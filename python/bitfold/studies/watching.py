@@ -9,8 +9,9 @@ alone: of a sample of the images (`bitfold.studies.sampling`), or of all.
 
 from __future__ import annotations
 
+import dataclasses
 import math
-from collections.abc import Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from typing import Any
 
 import numpy as np
@@ -106,14 +107,9 @@ class FullWidthPass:
         """Return what was seen of the final sums of a batch of so many images."""
         found = {}
         for place, values in seen.items():
-            position = int(place)
-            sums = images * self._sums[position]
-            counts = {}
-            for group in self._groups[position]:
-                counts |= group.wrong(sums, values)
             # Final sums are partial ones, too.
             extremes = within_bits(np.concatenate([values["finals"]] * 2))
-            found[position] = LayerTally(sums, counts, extremes, _range_of(values))
+            found[int(place)] = self._tally(place, values, images, Group.wrong, extremes)
         return found
 
     def observe(self, step: SummingStep, inputs: Inputs, known: tf.Tensor) -> tuple[list, dict]:
@@ -135,15 +131,25 @@ class FullWidthPass:
         """Return what was seen of all sums of a batch of so many images."""
         found = {}
         for place, values in seen.items():
-            position = int(place)
             # Whatever was known: tallies must not depend on the order of batches.
-            sums, extremes = images * self._sums[position], within_bits(values["extremes"])
-            self._known[place] = extremes
-            counts = {}
-            for group in self._groups[position]:
-                counts |= group.counts(sums, values)
-            found[position] = LayerTally(sums, counts, extremes, _range_of(values), sums)
+            self._known[place] = extremes = within_bits(values["extremes"])
+            tally = self._tally(place, values, images, Group.counts, extremes)
+            found[int(place)] = dataclasses.replace(tally, looked=tally.sums)
         return found
+
+    def _tally(
+        self,
+        place: str,
+        values: Mapping[str, np.ndarray],
+        images: int,
+        counts_of_group: Callable[[Group, int, Mapping[str, np.ndarray]], dict[str, Counts]],
+        extremes: np.ndarray,
+    ) -> LayerTally:
+        """Return what was seen of a layer, partial sums of none looked at."""
+        sums, counts = images * self._sums[int(place)], {}
+        for group in self._groups[int(place)]:
+            counts |= counts_of_group(group, sums, values)
+        return LayerTally(sums, counts, extremes, _range_of(values))
 
     def learn(self, seen: Mapping[str, Mapping[str, np.ndarray]]) -> None:
         """Take what was seen of some images for known, and count nothing."""
