@@ -3,12 +3,13 @@
 """Prepared layers, from stored integers to stored integers.
 
 Those of bytes stand beside the stock ops of floats, those of sums of 64 bits beside the ops that
-they are one after the other, those that are watched beside the same layers that are not.
+they are one after the other, those that are looked at beside the same layers that are not.
 """
 
 from __future__ import annotations
 
 import functools
+from collections.abc import Callable
 from dataclasses import dataclass
 
 import tensorflow as tf
@@ -74,6 +75,7 @@ def cases() -> list[Case]:
         *(_case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()),
         *map(_wide_case, WIDE_LAYERS),
         *map(_watched_case, LAYERS),
+        *map(_checked_case, LAYERS),
     ]
     return layers + [case for product in PRODUCTS for case in _products(product)]
 
@@ -112,6 +114,17 @@ def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
 
 def _watched_case(layer: Layer) -> Case:
     """Return a layer whose final sums are looked at beside the same layer."""
+    watched = functools.partial(bitfold.ops.watched_conv2d, accumulator_sizes=[18])
+    return _looked_at(layer, "HWatchedConvolution", watched)
+
+
+def _checked_case(layer: Layer) -> Case:
+    """Return a layer whose wrong sums are counted beside the same layer."""
+    return _looked_at(layer, "HCheckedConvolution", bitfold.ops.checked_conv2d)
+
+
+def _looked_at(layer: Layer, op: str, call: Callable) -> Case:
+    """Return a call of a layer beside the same layer at 18 bits."""
     channels, outputs = (layer.channels if layer.outputs else 1), layer.outputs or layer.channels
     x = integers((1, layer.side, layer.side, layer.channels), -128, 127, tf.int8)
     w = integers((layer.taps, layer.taps, channels, outputs), -127, 127, tf.int8)
@@ -124,13 +137,12 @@ def _watched_case(layer: Layer) -> Case:
         accumulator_size=18,
         constant_weights=True,
     )
-    watched = functools.partial(bitfold.ops.watched_conv2d, accumulator_sizes=[18], **keywords)
     prepared = functools.partial(bitfold.ops.prepared_conv2d, **keywords)
     return Case(
-        f"HWatchedConvolution/{layer.name}",
+        f"{op}/{layer.name}",
         layer.name,
         layer.side**2 * layer.taps**2 * layer.channels * (layer.outputs or 1),
-        in_graph(watched, x, w, bias, multipliers),
+        in_graph(functools.partial(call, **keywords), x, w, bias, multipliers),
         in_graph(prepared, x, w, bias, multipliers),
         vector_target(),
     )

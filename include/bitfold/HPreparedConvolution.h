@@ -123,9 +123,9 @@ ConvolutionCall<T> ConvolutionOf(const PreparedLayer& layer, const int8_t* shift
           {layer.accumulator_size, shift, layer.use_fp16_acc}};
 }
 
-// One image, in T: int32_t or, in half precision, float.
-template <typename T, typename In, typename Out>
-void DefinePreparedImage(const PreparedLayer& layer, const In* image, Out* output) {
+// The sums of an image with their bias, in T: int32_t or, in half precision, float.
+template <typename T, typename In>
+std::vector<int32_t> DefinePreparedSums(const PreparedLayer& layer, const In* image) {
   const int8_t shift = layer.Shift();
   std::vector<T> padded(static_cast<size_t>(layer.PaddedElements()));
   std::vector<T> sums(static_cast<size_t>(layer.OutputElements()));
@@ -145,9 +145,14 @@ void DefinePreparedImage(const PreparedLayer& layer, const In* image, Out* outpu
                       AdditionShape{1, 1, 1, layer.out_channels}, call.datapath},
                      0, layer.OutputElements(), EveryPass{});
   }
-  const std::vector<int32_t> whole(sums.begin(), sums.end());
-  DefineRequantise<int32_t, Out>({whole.data(), output, layer.Positions(), layer.out_channels,
-                                  layer.multipliers, layer.per_channel, layer.requantise});
+  return {sums.begin(), sums.end()};
+}
+
+// The outputs of an image's sums, of int32_t or int64_t.
+template <typename Sum, typename Out>
+void RequantiseSums(const PreparedLayer& layer, const std::vector<Sum>& sums, Out* output) {
+  DefineRequantise<Sum, Out>({sums.data(), output, layer.Positions(), layer.out_channels,
+                              layer.multipliers, layer.per_channel, layer.requantise});
 }
 
 // A sum of 64 bits, of a padded image: products as the convolutions scale them.
@@ -187,8 +192,7 @@ void DefineWideImage(const PreparedLayer& layer, const In* image, Out* output) {
     const int64_t bias = layer.wide_bias == nullptr ? 0 : layer.wide_bias[channel];
     sums[static_cast<size_t>(i)] = WrapAdd64(sum, ShiftRoundHalfToEven64(bias, layer.mult_shift));
   }
-  DefineRequantise<int64_t, Out>({sums.data(), output, layer.Positions(), layer.out_channels,
-                                  layer.multipliers, layer.per_channel, layer.requantise});
+  RequantiseSums(layer, sums, output);
 }
 
 // The op; the definition.
@@ -201,9 +205,9 @@ void DefinePreparedConvolution(const PreparedLayer& layer, const In* input, int3
     if (layer.IsWide()) {
       DefineWideImage(layer, from, to);
     } else if (layer.use_fp16_acc) {
-      DefinePreparedImage<float>(layer, from, to);
+      RequantiseSums(layer, DefinePreparedSums<float>(layer, from), to);
     } else {
-      DefinePreparedImage<int32_t>(layer, from, to);
+      RequantiseSums(layer, DefinePreparedSums<int32_t>(layer, from), to);
     }
   }
 }

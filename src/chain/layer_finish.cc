@@ -13,6 +13,7 @@
 #include "bitfold/product_scaling.h"
 #include "chain/sum_output.h"
 #include "chain/sum_watch.h"
+#include "chain/wrong_sums.h"
 #include "vector/intrinsics.h"
 #include "vector/rescale_steps.h"
 #include "vector/target.h"
@@ -23,12 +24,17 @@ namespace {
 template <typename T>
 using FinishLoop = void (*)(const T*, int32_t, int32_t, const FinishTerms&, const StoredOutput&);
 
-// By [rescaling][whether there is a bias][type]; two roundings of what IsModest says, by [whether
-// there is a bias][whether the bounds are narrower than the type][type]; and with a bias of 64
-// bits, of narrow and of wide sums, by [whether rounded once][type].
-struct FinishLoops {
+// By [rescaling][whether there is a bias][type]; and two roundings of what IsModest says, by
+// [whether there is a bias][whether the bounds are narrower than the type][type].
+struct NarrowLoops {
   FinishLoop<int32_t> by[3][2][2];
   FinishLoop<int32_t> modest[2][2][2];
+};
+
+// By whether sums are checked; and with a bias of 64 bits, of narrow and of wide sums, by [whether
+// rounded once][type].
+struct FinishLoops {
+  NarrowLoops narrow[2];
   FinishLoop<int32_t> widened[2][2];
   FinishLoop<int64_t> wide[2][2];
   void (*add)(const int32_t*, int32_t, int32_t, const int32_t*, int32_t*);
@@ -77,7 +83,8 @@ LayerFinish::LayerFinish(const LayerFinishCall& call)
   terms_.shifts = shifts_.data();
   terms_.excesses = excesses_.data();
   terms_.reals = reals_.data();
-  loop_ = LoopOf(call);
+  loop_ = LoopOf(call, false);
+  if (call.wide_bias == nullptr) checked_loop_ = LoopOf(call, true);
   if (call.wide_bias != nullptr) {
     const bool is_once = call.mode.rescaling == Rescaling::kOneRounding;
     wide_loop_ = CurrentLoops().wide[is_once][static_cast<int>(call.type)];
@@ -118,23 +125,29 @@ bool LayerFinish::IsModest(const LayerFinishCall& call) const {
   });
 }
 
-LayerFinish::Loop<int32_t> LayerFinish::LoopOf(const LayerFinishCall& call) const {
+LayerFinish::Loop<int32_t> LayerFinish::LoopOf(const LayerFinishCall& call, bool checks) const {
   const auto type = static_cast<int>(call.type);
   if (call.wide_bias != nullptr) {
     return CurrentLoops().widened[call.mode.rescaling == Rescaling::kOneRounding][type];
   }
+  const NarrowLoops& loops = CurrentLoops().narrow[checks];
   if (IsModest(call)) {
     const bool is_byte = call.type == StoredType::kInt8;
     const bool clamps = call.mode.minimum > (is_byte ? INT8_MIN : INT16_MIN) ||
                         call.mode.maximum < (is_byte ? INT8_MAX : INT16_MAX);
-    return CurrentLoops().modest[call.bias != nullptr][clamps][type];
+    return loops.modest[call.bias != nullptr][clamps][type];
   }
-  return CurrentLoops().by[static_cast<int>(call.mode.rescaling)][call.bias != nullptr][type];
+  return loops.by[static_cast<int>(call.mode.rescaling)][call.bias != nullptr][type];
 }
 
 void LayerFinish::Run(const int32_t* sums, int32_t pixels, int32_t lanes,
                       const StoredOutput& output) const {
   loop_(sums, pixels, lanes, terms_, output);
+}
+
+void LayerFinish::RunChecked(const int32_t* sums, int32_t pixels, int32_t lanes,
+                             const StoredOutput& output) const {
+  checked_loop_(sums, pixels, lanes, terms_, output);
 }
 
 void LayerFinish::Run(const int64_t* sums, int32_t pixels, int32_t lanes,
@@ -152,7 +165,10 @@ void FinishTile(const int32_t* sums, int32_t pixels, int32_t lanes, const Stored
     output.watch->See(sums + int64_t{output.repeated} * lanes, pixels - output.repeated, lanes,
                       output);
   }
-  output.finish->Run(sums, pixels, lanes, output);
+  if (output.wrong == nullptr) return output.finish->Run(sums, pixels, lanes, output);
+  if (output.repeated >= pixels) return;
+  output.finish->RunChecked(sums + int64_t{output.repeated} * lanes, pixels - output.repeated,
+                            lanes, output.At(output.repeated, 0, output.channels));
 }
 
 }  // namespace bitfold

@@ -60,7 +60,12 @@ class LayerFinish {
   // FinishTile. Of a position whole panels of sums are read, for channels that do not exist, too.
   void Run(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) const;
 
-  // The same of sums of 64 bits. Requires a wide bias.
+  // The same, and adds those sums to `output.wrong` that differ from the given ones with the bias.
+  // Requires that 32 bits hold these, and no wide bias.
+  void RunChecked(const int32_t* sums, int32_t pixels, int32_t lanes,
+                  const StoredOutput& output) const;
+
+  // The same as Run of sums of 64 bits. Requires a wide bias.
   void Run(const int64_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) const;
 
  private:
@@ -69,7 +74,7 @@ class LayerFinish {
 
   void FillMultipliers(const LayerFinishCall& call, int32_t lanes);
   bool IsModest(const LayerFinishCall& call) const;
-  Loop<int32_t> LoopOf(const LayerFinishCall& call) const;
+  Loop<int32_t> LoopOf(const LayerFinishCall& call, bool checks) const;
 
   std::vector<int32_t> bias_;
   std::vector<int64_t> wide_bias_;
@@ -81,6 +86,7 @@ class LayerFinish {
   std::vector<double> reals_;
   FinishTerms terms_;
   Loop<int32_t> loop_ = nullptr;
+  Loop<int32_t> checked_loop_ = nullptr;
   Loop<int64_t> wide_loop_ = nullptr;
 };
 

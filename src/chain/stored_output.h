@@ -14,6 +14,7 @@ namespace bitfold {
 
 class LayerFinish;  // chain/layer_finish.h
 class SumWatch;     // chain/sum_watch.h
+class WrongSums;    // chain/wrong_sums.h
 
 // Outputs of a layer, from `position` on: positions lie `stride` channels apart.
 struct StoredOutput {
@@ -25,8 +26,9 @@ struct StoredOutput {
   int32_t channels;  // of the tile's lanes, those that exist
   // For each position from 0 on, modulo 2^32; or null.
   const int32_t* addends = nullptr;
-  SumWatch* watch = nullptr;  // what looks at the sums before they are finished, or null
-  int32_t repeated = 0;       // of the tile's positions the first so many were finished before
+  SumWatch* watch = nullptr;   // what looks at the sums before they are finished, or null
+  WrongSums* wrong = nullptr;  // what counts sums that are not those of full width, or null
+  int32_t repeated = 0;        // of the tile's positions the first so many were finished before
 
   // How many of the positions from `first` on were.
   int32_t RepeatedFrom(int32_t first) const { return std::max(0, repeated - first); }
@@ -34,8 +36,8 @@ struct StoredOutput {
   // The same for `lanes` channels from `first_channel` on, of the outputs from `next` on.
   StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes,
                   int32_t repeated_positions = 0) const {
-    return {finish,  out,   position + next,   stride, channel + first_channel, lanes,
-            addends, watch, repeated_positions};
+    return {finish, out,     position + next, stride, channel + first_channel,
+            lanes,  addends, watch,           wrong,  repeated_positions};
   }
 };
 

@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <vector>
 
 #include "bitfold/HWatchedConvolution.h"
@@ -115,27 +114,6 @@ class SumWatch {
   Kind<int32_t> narrow_;          // one of the two
   Kind<int64_t> wide_;
   std::mutex mutex_;
-};
-
-// The outputs of a part of a call: where they are watched the part has a watch of its own, which
-// joins that of the call at the end.
-class WatchedPart {
- public:
-  explicit WatchedPart(const StoredOutput& output) : output_(output), whole_(output.watch) {
-    if (whole_ != nullptr) output_.watch = &own_.emplace(whole_->limits());
-  }
-  ~WatchedPart() {
-    if (whole_ != nullptr) whole_->Join(*own_);
-  }
-  WatchedPart(const WatchedPart&) = delete;
-  WatchedPart& operator=(const WatchedPart&) = delete;
-
-  const StoredOutput& output() const { return output_; }
-
- private:
-  StoredOutput output_;
-  SumWatch* const whole_;
-  std::optional<SumWatch> own_;
 };
 
 }  // namespace bitfold

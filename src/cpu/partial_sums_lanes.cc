@@ -74,8 +74,7 @@ class Part {
   explicit Part(const Layer<In, Weight>& layer)
       : layer_(layer),
         record_(layer.begins),
-        rows_(layer.windows, -layer.call.input_zero_point, 0),
-        counts_(static_cast<size_t>(layer.layout.size_count)) {}
+        rows_(layer.windows, -layer.call.input_zero_point, 0) {}
 
   const SumRecord& record() const { return record_; }
 
@@ -148,16 +147,15 @@ class Part {
     const bool may_be_outside =
         layer_.loops.record(ranges, pixels, record_.limits(), &record_.panel(p));
     if (!may_be_outside) return;
-    SummedTile of_pixel = tile;
-    for (int32_t pixel = 0; pixel < pixels; ++pixel, of_pixel.x += tile.x_pixel) {
-      for (int32_t i = 0; i < record_.widths(); ++i) {
-        layer_.loops.count[layer_.call.is_depthwise](of_pixel, &record_.width(p, i),
-                                                     &counts_[static_cast<size_t>(i)]);
-      }
-      for (int32_t i = 0; i < record_.widths(); ++i) {
-        layer_.loops.add_output({ranges.sums[pixel], &counts_[static_cast<size_t>(i)],
+    for (int32_t i = 0; i < record_.widths(); ++i) {
+      WidthRecord* const width = &record_.width(p, i);
+      OutputCounts counts[kMostSummedPixels];
+      layer_.loops.count[size][layer_.call.is_depthwise][layer_.call.mult_shift != 0](tile, width,
+                                                                                      counts);
+      for (int32_t pixel = 0; pixel < pixels; ++pixel) {
+        layer_.loops.add_output({ranges.sums[pixel], &counts[pixel],
                                  static_cast<int32_t>(tile.Products()), record_.has_bias()},
-                                &record_.width(p, i));
+                                width);
       }
     }
   }
@@ -165,7 +163,6 @@ class Part {
   const Layer<In, Weight>& layer_;
   SumRecord record_;
   PackedRows<int16_t> rows_;
-  std::vector<OutputCounts> counts_;
 };
 
 }  // namespace

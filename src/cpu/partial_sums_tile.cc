@@ -13,19 +13,19 @@ namespace bitfold {
 namespace {
 
 #define BITFOLD_LOOPS "cpu/partial_sums_loops.inc"
-#define BITFOLD_RANGES_OF(pixels)                                  \
-  {                                                                \
-    {Ranges<pixels, false, false>, Ranges<pixels, false, true>}, { \
-      Ranges<pixels, true, false>, Ranges<pixels, true, true>      \
-    }                                                              \
+#define BITFOLD_SIZE(Loop, pixels)                             \
+  {                                                            \
+    {Loop<pixels, false, false>, Loop<pixels, false, true>}, { \
+      Loop<pixels, true, false>, Loop<pixels, true, true>      \
+    }                                                          \
   }
-#define BITFOLD_LOOP_TABLE                                                                    \
-  SummedLoops {                                                                               \
-    {BITFOLD_RANGES_OF(8), BITFOLD_RANGES_OF(4), BITFOLD_RANGES_OF(2), BITFOLD_RANGES_OF(1)}, \
-        {Count<false>, Count<true>}, Record, Bound, PackWords, AddOutput                      \
-  }
+#define BITFOLD_SIZES(Loop) \
+  { BITFOLD_SIZE(Loop, 8), BITFOLD_SIZE(Loop, 4), BITFOLD_SIZE(Loop, 2), BITFOLD_SIZE(Loop, 1) }
+#define BITFOLD_LOOP_TABLE \
+  SummedLoops { BITFOLD_SIZES(Ranges), BITFOLD_SIZES(Count), Record, Bound, PackWords, AddOutput }
 #include "vector/vector_loops.inc"
-#undef BITFOLD_RANGES_OF
+#undef BITFOLD_SIZES
+#undef BITFOLD_SIZE
 
 }  // namespace
 

@@ -62,9 +62,9 @@ struct EndedOutput {
 struct SummedLoops {
   using Ranges = void (*)(const SummedTile&, TileRanges*);
   Ranges ranges[4][2][2];  // by the number of pixels, whether depthwise, shift != 0
-  // Counts the partial sums of pixel 0 that are outside, and the first step with one; `counts` has
-  // been cleared.
-  void (*count[2])(const SummedTile&, WidthRecord*, OutputCounts*);  // by whether depthwise
+  // Counts the partial sums of each pixel that are outside, and finds the first step with one.
+  using Count = void (*)(const SummedTile&, WidthRecord*, OutputCounts*);
+  Count count[4][2][2];  // likewise
   // Takes the ranges of so many pixels into the record. Returns whether a partial sum is outside of
   // the limits, or an end outside of a width.
   bool (*record)(const TileRanges&, int pixels, const SumLimits&, PanelRecord*);

@@ -32,18 +32,6 @@ PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Wo
   layer_.wide_bias = nullptr;
 }
 
-template <typename In, typename Out>
-PreparedConvolution<In, Out>::Kept::Kept(const PreparedLayer& from)
-    : layer(from),
-      filter(from.filter, from.filter + from.FilterElements()),
-      bias(from.wide_bias,
-           from.wide_bias == nullptr ? nullptr : from.wide_bias + from.out_channels),
-      multipliers(from.multipliers, from.multipliers + (from.per_channel ? from.out_channels : 1)) {
-  layer.filter = filter.data();
-  layer.wide_bias = bias.empty() ? nullptr : bias.data();
-  layer.multipliers = multipliers.data();
-}
-
 // Of sums of 32 bits, but for a wide bias that may be added to them.
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::Prepare(Workers* workers) {
@@ -101,7 +89,7 @@ bool PreparedConvolution<In, Out>::Narrow(const ExactSums& exact, std::vector<in
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::PrepareWide(const ExactSums& exact) {
   wide_sums_ = WideSums::kDefinition;
-  kept_ = std::make_unique<const Kept>(layer_);
+  kept_.emplace(layer_);
   if (exact.groups.empty() || layer_.mult_shift != 0) return;
   layer_.accumulator_size = 32;
   const std::vector<int32_t> weights(layer_.filter, layer_.filter + layer_.FilterElements());
@@ -257,17 +245,17 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
 
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* output,
-                                       Workers* workers, SumWatch* watch) const {
+                                       Workers* workers, SumWatch* watch, WrongSums* wrong) const {
   if (kept_) {
     const int64_t cost = layer_.Positions() * layer_.FilterElements();
     return workers->Share(batch, cost, [&](int64_t first, int64_t end) {
-      DefinePreparedConvolution(kept_->layer, input + first * layer_.InputElements(),
+      DefinePreparedConvolution(kept_->layer(), input + first * layer_.InputElements(),
                                 static_cast<int32_t>(end - first),
                                 output + first * layer_.OutputElements());
     });
   }
-  const StoredOutput outputs = {finish_.get(),       output,  0,    layer_.out_channels, 0,
-                                layer_.out_channels, nullptr, watch};
+  const StoredOutput outputs = {
+      finish_.get(), output, 0, layer_.out_channels, 0, layer_.out_channels, nullptr, watch, wrong};
   if (wide_) return wide_->Run(input, batch, outputs, workers);
   if (dots_) return dots_->Run(input, batch, outputs, workers);
   if (halves_) return halves_->Run(input, batch, outputs, workers);

@@ -16,7 +16,9 @@
 #include "chain/layer_finish.h"
 #include "chain/plan.h"
 #include "chain/sum_watch.h"
+#include "chain/wrong_sums.h"
 #include "cpu/exact_sums.h"
+#include "cpu/kept_layer.h"
 #include "cpu/prepared_dots.h"
 #include "cpu/prepared_sums.h"
 #include "cpu/prepared_wide.h"
@@ -58,9 +60,10 @@ class PreparedConvolution {
 
   // The bits of DefinePreparedConvolution, and its lines: those of an image in their order. Several
   // threads may call it at the same time.
-  // Where tiles are whole a watch of `tiles()` sees their sums.
-  void Run(const In* input, int32_t batch, Out* output, Workers* workers,
-           SumWatch* watch = nullptr) const;
+  // Where tiles are whole a watch of `tiles()` sees their sums; where they are narrow, too, wrong
+  // sums are counted.
+  void Run(const In* input, int32_t batch, Out* output, Workers* workers, SumWatch* watch = nullptr,
+           WrongSums* wrong = nullptr) const;
 
   // Whether tiles have the sums of full width, but for the addends. Only where it was asked for.
   bool has_whole_tiles() const { return has_whole_tiles_; }
@@ -70,19 +73,9 @@ class PreparedConvolution {
   const std::vector<int64_t>& addends() const { return addends_; }
 
   // What the definition needs of the layer, where that computes it; else null.
-  const PreparedLayer* kept() const { return kept_ == nullptr ? nullptr : &kept_->layer; }
+  const PreparedLayer* kept() const { return kept_ ? &kept_->layer() : nullptr; }
 
  private:
-  // What the definition needs of a layer.
-  struct Kept {
-    PreparedLayer layer;
-    std::vector<int8_t> filter;
-    std::vector<int64_t> bias;
-    std::vector<double> multipliers;
-
-    explicit Kept(const PreparedLayer& from);
-  };
-
   void Prepare(Workers* workers);
   bool Narrow(const ExactSums& exact, std::vector<int32_t>* bias);
   void PrepareWide(const ExactSums& exact);
@@ -107,7 +100,7 @@ class PreparedConvolution {
   std::optional<PreparedSums<int32_t>> sums_;
   std::optional<PreparedSums<float>> halves_;
   std::optional<PreparedWide<In>> wide_;
-  std::unique_ptr<const Kept> kept_;
+  std::optional<const KeptLayer> kept_;
   std::unique_ptr<LayerFinish> finish_;
   bool has_whole_tiles_ = false;
   std::vector<int64_t> addends_;

@@ -9,7 +9,7 @@
 
 #include "chain/chain_image.h"
 #include "chain/sum_output.h"
-#include "chain/sum_watch.h"
+#include "chain/watched_part.h"
 #include "cpu/prepared_blocks.h"
 
 namespace bitfold {

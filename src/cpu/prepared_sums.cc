@@ -12,7 +12,7 @@
 #include "bitfold/weight_sign.h"
 #include "chain/corrected_weights.h"
 #include "chain/sum_output.h"
-#include "chain/sum_watch.h"
+#include "chain/watched_part.h"
 #include "cpu/additions.h"
 
 namespace bitfold {

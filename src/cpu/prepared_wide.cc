@@ -9,6 +9,7 @@
 #include "chain/chain_image.h"
 #include "chain/layer_finish.h"
 #include "chain/sum_watch.h"
+#include "chain/watched_part.h"
 #include "cpu/prepared_blocks.h"
 
 namespace bitfold {

@@ -21,30 +21,7 @@ using tensorflow::OpKernelContext;
 using tensorflow::Tensor;
 
 BITFOLD_WHEN_LOADED(RegisterOp) {
-  REGISTER_OP("HPreparedConvolution")
-      .Attr("T: {int8, int16}")
-      .Attr("T_out: {int8, int16}")
-      .Attr("T_bias: {int32, int64}")
-      .Input("input: T")
-      .Input("filter: int8")
-      .Input("bias: T_bias")
-      .Input("multipliers: double")
-      .Output("output: T_out")
-      .Attr("strides: list(int)")
-      .Attr("dilations: list(int)")
-      .Attr("padding: {'SAME', 'VALID'}")
-      .Attr("zeros: list(int)")
-      .Attr("is_depthwise: bool")
-      .Attr("input_zero_point: int")
-      .Attr("accumulator_size: int")
-      .Attr("mult_shift: int")
-      .Attr("use_fp16_acc: bool")
-      .Attr(kRoundingAttribute)
-      .Attr("zero_point: int")
-      .Attr("minimum: int")
-      .Attr("maximum: int")
-      .Attr("has_constant_weights: bool")
-      .SetShapeFn(InferPreparedConvolution);
+  BITFOLD_REGISTER_LAYER("HPreparedConvolution").SetShapeFn(InferPreparedConvolution);
 }
 
 template <typename In, typename Out>
@@ -72,17 +49,7 @@ class HPreparedConvolutionOp : public PreparedConvolutionOp<In, Out, PreparedCon
 };
 
 BITFOLD_WHEN_LOADED(RegisterKernels) {
-#define BITFOLD_REGISTER_TYPES(In, Out)                       \
-  REGISTER_KERNEL_BUILDER(Name("HPreparedConvolution")        \
-                              .Device(tensorflow::DEVICE_CPU) \
-                              .TypeConstraint<In>("T")        \
-                              .TypeConstraint<Out>("T_out"),  \
-                          HPreparedConvolutionOp<In, Out>)
-  BITFOLD_REGISTER_TYPES(int8_t, int8_t);
-  BITFOLD_REGISTER_TYPES(int8_t, int16_t);
-  BITFOLD_REGISTER_TYPES(int16_t, int8_t);
-  BITFOLD_REGISTER_TYPES(int16_t, int16_t);
-#undef BITFOLD_REGISTER_TYPES
+  BITFOLD_LAYER_KERNELS("HPreparedConvolution", HPreparedConvolutionOp);
 }
 
 }  // namespace bitfold

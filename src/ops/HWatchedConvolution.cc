@@ -5,7 +5,6 @@
 
 #include "bitfold/HWatchedConvolution.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -15,6 +14,7 @@
 #include "frame/op_registration.h"
 #include "frame/op_workers.h"
 #include "ops/prepared_convolution_op.h"
+#include "ops/whole_sums.h"
 #include "tensorflow/core/framework/common_shape_fns.h"
 #include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
@@ -44,31 +44,9 @@ absl::Status InferShapes(InferenceContext* c) {
 }  // namespace
 
 BITFOLD_WHEN_LOADED(RegisterOp) {
-  REGISTER_OP("HWatchedConvolution")
-      .Attr("T: {int8, int16}")
-      .Attr("T_out: {int8, int16}")
-      .Attr("T_bias: {int32, int64}")
-      .Input("input: T")
-      .Input("filter: int8")
-      .Input("bias: T_bias")
-      .Input("multipliers: double")
-      .Output("output: T_out")
+  BITFOLD_REGISTER_LAYER("HWatchedConvolution")
       .Output("extremes: int64")
       .Output("outside: int64")
-      .Attr("strides: list(int)")
-      .Attr("dilations: list(int)")
-      .Attr("padding: {'SAME', 'VALID'}")
-      .Attr("zeros: list(int)")
-      .Attr("is_depthwise: bool")
-      .Attr("input_zero_point: int")
-      .Attr("accumulator_size: int")
-      .Attr("mult_shift: int")
-      .Attr("use_fp16_acc: bool")
-      .Attr(kRoundingAttribute)
-      .Attr("zero_point: int")
-      .Attr("minimum: int")
-      .Attr("maximum: int")
-      .Attr("has_constant_weights: bool")
       .Attr("accumulator_sizes: list(int)")
       .SetShapeFn(InferShapes);
 }
@@ -108,24 +86,8 @@ class HWatchedConvolutionOp : public PreparedConvolutionOp<In, Out, WatchedConvo
     return std::make_unique<const WatchedConvolution<In, Out>>(layer, sizes, workers);
   }
 
-  // Sums of such addends stay within 64 bits.
   absl::Status CheckLayer(const PreparedLayer& layer) const override {
-    if (layer.mult_shift > kMostSummedShift) {
-      return absl::InvalidArgumentError(absl::StrFormat("Need a mult_shift in [0, %d], got %d",
-                                                        kMostSummedShift, layer.mult_shift));
-    }
-    if (layer.PaddedElements() >= kMostSummedElements) {
-      return absl::InvalidArgumentError(absl::StrFormat(
-          "Need images of fewer than 2^29 elements, padded, got %d", layer.PaddedElements()));
-    }
-    if (layer.wide_bias == nullptr) return absl::OkStatus();
-    const int64_t* const end = layer.wide_bias + layer.out_channels;
-    const int64_t* const found = std::find_if(layer.wide_bias, end, [](int64_t bias) {
-      return bias < -kLargestSummedBias || bias > kLargestSummedBias;
-    });
-    if (found == end) return absl::OkStatus();
-    return absl::InvalidArgumentError(
-        absl::StrFormat("Need a bias of at most 2^62 in magnitude, got %d", *found));
+    return CheckWholeSums(layer);
   }
 
   // With nothing seen.
@@ -145,17 +107,7 @@ class HWatchedConvolutionOp : public PreparedConvolutionOp<In, Out, WatchedConvo
 };
 
 BITFOLD_WHEN_LOADED(RegisterKernels) {
-#define BITFOLD_REGISTER_TYPES(In, Out)                       \
-  REGISTER_KERNEL_BUILDER(Name("HWatchedConvolution")         \
-                              .Device(tensorflow::DEVICE_CPU) \
-                              .TypeConstraint<In>("T")        \
-                              .TypeConstraint<Out>("T_out"),  \
-                          HWatchedConvolutionOp<In, Out>)
-  BITFOLD_REGISTER_TYPES(int8_t, int8_t);
-  BITFOLD_REGISTER_TYPES(int8_t, int16_t);
-  BITFOLD_REGISTER_TYPES(int16_t, int8_t);
-  BITFOLD_REGISTER_TYPES(int16_t, int16_t);
-#undef BITFOLD_REGISTER_TYPES
+  BITFOLD_LAYER_KERNELS("HWatchedConvolution", HWatchedConvolutionOp);
 }
 
 }  // namespace bitfold

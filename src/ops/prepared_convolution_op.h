@@ -22,11 +22,53 @@
 #include "ops/prepared_attributes.h"
 #include "ops/requantise_attributes.h"
 #include "ops/window_attributes.h"
+#include "tensorflow/core/framework/op.h"
 #include "tensorflow/core/framework/op_kernel.h"
 #include "tensorflow/core/framework/shape_inference.h"
 #include "tensorflow/core/framework/tensor_util.h"
 
 namespace bitfold {
+
+// Begins the registration of an op that is a prepared convolution: its inputs, attributes and first
+// output.
+#define BITFOLD_REGISTER_LAYER(name)      \
+  REGISTER_OP(name)                       \
+      .Attr("T: {int8, int16}")           \
+      .Attr("T_out: {int8, int16}")       \
+      .Attr("T_bias: {int32, int64}")     \
+      .Input("input: T")                  \
+      .Input("filter: int8")              \
+      .Input("bias: T_bias")              \
+      .Input("multipliers: double")       \
+      .Output("output: T_out")            \
+      .Attr("strides: list(int)")         \
+      .Attr("dilations: list(int)")       \
+      .Attr("padding: {'SAME', 'VALID'}") \
+      .Attr("zeros: list(int)")           \
+      .Attr("is_depthwise: bool")         \
+      .Attr("input_zero_point: int")      \
+      .Attr("accumulator_size: int")      \
+      .Attr("mult_shift: int")            \
+      .Attr("use_fp16_acc: bool")         \
+      .Attr(kRoundingAttribute)           \
+      .Attr("zero_point: int")            \
+      .Attr("minimum: int")               \
+      .Attr("maximum: int")               \
+      .Attr("has_constant_weights: bool")
+
+#define BITFOLD_LAYER_KERNEL(name, Kernel, In, Out)           \
+  REGISTER_KERNEL_BUILDER(Name(name)                          \
+                              .Device(tensorflow::DEVICE_CPU) \
+                              .TypeConstraint<In>("T")        \
+                              .TypeConstraint<Out>("T_out"),  \
+                          Kernel<In, Out>)
+
+// Registers such an op's kernels, one for each pair of types.
+#define BITFOLD_LAYER_KERNELS(name, Kernel)            \
+  BITFOLD_LAYER_KERNEL(name, Kernel, int8_t, int8_t);  \
+  BITFOLD_LAYER_KERNEL(name, Kernel, int8_t, int16_t); \
+  BITFOLD_LAYER_KERNEL(name, Kernel, int16_t, int8_t); \
+  BITFOLD_LAYER_KERNEL(name, Kernel, int16_t, int16_t)
 
 // The inputs that a layer is made of.
 struct PreparedWeights {

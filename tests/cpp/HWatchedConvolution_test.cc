@@ -18,6 +18,7 @@
 
 #include "chain/sum_output.h"
 #include "chain/sum_watch.h"
+#include "chain/watched_part.h"
 #include "support/ledger.h"
 #include "support/prepared_draw.h"
 #include "support/scale.h"

@@ -520,7 +520,7 @@ def test_docstrings_have_every_section(name):
     example = document.split("\nExample:\n")[1]
     assert ">>> " in example, f"the example of bitfold.ops.{name} must run as a doctest"
     arguments = document.split("\nArgs:\n")[1].split("\nReturns:\n")[0]
-    described = re.findall(r"(?m)^    (\w+): ", arguments)
+    described = re.findall(r"(?m)^    \**(\w+): ", arguments)
     assert described == list(inspect.signature(function).parameters), (
         f"describe each parameter of bitfold.ops.{name}, in order, under 'Args:'"
     )

@@ -17,6 +17,7 @@ FUNCTIONS = {
     "HBboxDecoder": "decode_boxes",
     "HSingleWeightPerProposalBboxDecoder": "decode_boxes_single_weight",
     "HNMS": "non_max_suppression",
+    "HCheckedConvolution": "checked_conv2d",
     "HPartialSums": "partial_sums",
     "HPreparedConvolution": "prepared_conv2d",
     "HPreparedMatmul": "prepared_matmul",

@@ -4,7 +4,8 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Mapping, Sequence
+import functools
+from collections.abc import Callable, Iterator, Mapping, Sequence
 from typing import Any
 
 import numpy as np
@@ -24,6 +25,51 @@ Summing = Callable[[SummingStep, Sequence[tf.Tensor | None]], list[tf.Tensor]]
 Observe = Callable[
     [SummingStep, Sequence[tf.Tensor | None], Any], tuple[list[tf.Tensor], Mapping[str, tf.Tensor]]
 ]
+
+
+class Seen(Mapping[str, Mapping[str, np.ndarray]]):
+    """What was seen of a batch, by the position of an operator and a name.
+
+    Those of one graph can be added up, number by number, before anyone takes them apart.
+    """
+
+    def __init__(
+        self,
+        places: Mapping[str, Sequence[tuple[str, str]]],
+        vectors: Mapping[str, np.ndarray],
+        others: Mapping[str, Mapping[str, np.ndarray]],
+    ) -> None:
+        """Take where each number of the vectors belongs, by type, these, and all else."""
+        self._places, self._vectors, self._others = places, vectors, others
+
+    def __add__(self, other: Seen) -> Seen:
+        """Return the sums of what was seen in both."""
+        vectors = {dtype: vector + other._vectors[dtype] for dtype, vector in self._vectors.items()}
+        others = {
+            position: {name: value + other._others[position][name] for name, value in of.items()}
+            for position, of in self._others.items()
+        }
+        return Seen(self._places, vectors, others)
+
+    @functools.cached_property
+    def _values(self) -> dict[str, dict[str, np.ndarray]]:
+        values = {position: dict(of) for position, of in self._others.items()}
+        for dtype, vector in self._vectors.items():
+            for (position, name), value in zip(self._places[dtype], vector, strict=True):
+                values[position][name] = value
+        return values
+
+    def __getitem__(self, position: str) -> Mapping[str, np.ndarray]:
+        """Return what was seen of an operator."""
+        return self._values[position]
+
+    def __iter__(self) -> Iterator[str]:
+        """Go through the positions."""
+        return iter(self._others)
+
+    def __len__(self) -> int:
+        """Return how many operators were looked at."""
+        return len(self._others)
 
 
 class Scalars:
@@ -52,16 +98,16 @@ class Scalars:
 
     def unpacked(
         self, vectors: Mapping[str, tf.Tensor], others: Mapping[str, Mapping[str, tf.Tensor]]
-    ) -> dict[str, dict[str, np.ndarray]]:
+    ) -> Seen:
         """Return what was seen, as numbers."""
-        seen = {
-            position: {name: value.numpy() for name, value in values.items()}
-            for position, values in others.items()
-        }
-        for dtype, vector in vectors.items():
-            for (position, name), value in zip(self._places[dtype], vector.numpy(), strict=True):
-                seen[position][name] = value
-        return seen
+        return Seen(
+            self._places,
+            {dtype: vector.numpy() for dtype, vector in vectors.items()},
+            {
+                position: {name: value.numpy() for name, value in values.items()}
+                for position, values in others.items()
+            },
+        )
 
 
 class Program:

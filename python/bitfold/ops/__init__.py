@@ -30,7 +30,7 @@ those of the box decoders and of ``non_max_suppression``.
 
 Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output;
 ``prepared_conv2d`` and ``prepared_matmul`` are whole layers, from stored integers to stored ones;
-``watched_conv2d`` also says what the final sums reach.
+``watched_conv2d`` also says what the final sums reach, ``checked_conv2d`` how many are wrong.
 
 Partial sums. ``partial_sums`` and ``matmul_partial_sums`` say which values the sums of a layer take
 on their way, as whole numbers that never wrap, and what would leave an accumulator.
@@ -73,7 +73,7 @@ from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
 from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
 from bitfold.ops._matmul import matmul
 from bitfold.ops._partial_sums import matmul_partial_sums, partial_sums
-from bitfold.ops._prepared import prepared_conv2d, prepared_matmul, watched_conv2d
+from bitfold.ops._prepared import prepared_conv2d, prepared_matmul
 from bitfold.ops._requantise import requantise
 from bitfold.ops._stored import (
     stored_elementwise,
@@ -83,12 +83,14 @@ from bitfold.ops._stored import (
     stored_quantise,
 )
 from bitfold.ops._units import layer_norm, softmax
+from bitfold.ops._watched import checked_conv2d, watched_conv2d
 
 __all__ = [
     "activation",
     "add",
     "bias_add",
     "bilinear",
+    "checked_conv2d",
     "conv2d",
     "decode_boxes",
     "decode_boxes_single_weight",

@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""What the final sums of a layer reach at full width, at hardly more than the layer's own cost."""
+"""What a layer's final sums reach at full width, and how many are wrong, at hardly more cost."""
 
 from __future__ import annotations
 
@@ -8,9 +8,9 @@ from collections.abc import Sequence
 
 import tensorflow as tf
 
-from bitfold.network.operators import SummingStep, Watched
+from bitfold.network.operators import Checked, SummingStep, Watched
 from bitfold.studies.bounds import WIDEST, bits_of
-from bitfold.studies.wraps import partial_ranges
+from bitfold.studies.wraps import Method, Wraps, partial_ranges
 
 Inputs = Sequence[tf.Tensor | None]
 # Of counts [widths, channels, 3] the sums that end outside.
@@ -58,3 +58,30 @@ def _reached(sums: tf.Tensor, widths: Sequence[int]) -> tuple[tf.Tensor, tf.Tens
     limits = tf.constant([1 << (width - 1) for width in widths], tf.int64)[:, None, None]
     is_outside = (sums < -limits) | (sums >= limits)
     return extremes, tf.math.count_nonzero(is_outside, axis=1)
+
+
+def check(wraps: Wraps, inputs: Inputs) -> Checked:
+    """Compute a layer, and count its wrong sums.
+
+    The layer's own op does both at once. Else sums are computed in both arithmetics where they have
+    to be compared.
+    """
+    found = wraps.step.checked(inputs) if wraps.is_congruent else None
+    if found is not None:
+        return found
+    if wraps.method is Method.COUNT:
+        outputs, _, outside = watch(wraps.step, wraps.reference, inputs, [wraps.width])
+        return Checked(outputs, tf.reduce_sum(outside))
+    sums = wraps.step.sums(inputs)
+    wrong = number_of_differences(sums, wraps.reference.sums(inputs))
+    return Checked(wraps.step.finish(sums), wrong)
+
+
+def differ(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
+    """Return which sums are wrong; floats hold whole numbers."""
+    return tf.cast(sums, tf.int64) != tf.cast(exact, tf.int64)
+
+
+def number_of_differences(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
+    """Return how many sums are wrong."""
+    return tf.math.count_nonzero(differ(sums, exact))

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+import functools
 from collections.abc import Mapping, Sequence
 
 import numpy as np
@@ -12,7 +13,7 @@ import tensorflow as tf
 
 from bitfold.network import Arithmetic
 from bitfold.network.operators import SummingStep
-from bitfold.studies.finals import Inputs
+from bitfold.studies.finals import Inputs, check, differ, number_of_differences
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import exact
 from bitfold.studies.wraps import Method, Wraps, counts_of, harmless_from, wraps_of
@@ -65,11 +66,15 @@ class Group:
         seen = {}
         if self.ends:
             seen[f"ends/{self.shift}"] = tf.reduce_sum(outside, 1)
-        compared = {key: wraps.step for key, wraps in self.wraps.items() if wraps.needs_sums}
-        if compared:
-            exact_sums = self.reference.sums(inputs)
-            for key, step in compared.items():
-                seen[f"wrong/{key}"] = number_of_differences(step.sums(inputs), exact_sums)
+        exact = functools.cache(lambda: self.reference.sums(inputs))
+        for key, wraps in self.wraps.items():
+            if not wraps.needs_sums:
+                continue
+            if wraps.is_congruent:
+                seen[f"wrong/{key}"] = check(wraps, inputs).wrong
+            else:
+                wrong = number_of_differences(wraps.step.sums(inputs), exact())
+                seen[f"wrong/{key}"] = wrong
         return seen
 
     def wrong(self, sums: int, values: Mapping[str, np.ndarray]) -> dict[str, Counts]:
@@ -90,17 +95,18 @@ class Group:
         if not self.wraps:
             return {}
         seen = {f"counts/{self.shift}": counts, f"first/{self.shift}": first}
-        exact = None
-        if any(wraps.needs_sums for wraps in self.wraps.values()):
-            exact = self.reference.sums(inputs)
+        exact = functools.cache(lambda: self.reference.sums(inputs))
         for key, wraps in self.wraps.items():
-            if wraps.needs_sums:
-
-                def differs(step: SummingStep = wraps.step) -> tf.Tensor:
-                    return differ(step.sums(inputs), exact)
-
-                of_width = counts[self.widths.index(wraps.width)]
-                seen[f"compared/{key}"] = wraps.compared(inputs, of_width, differs)
+            if not wraps.needs_sums:
+                continue
+            of_width = counts[self.widths.index(wraps.width)]
+            if wraps.is_congruent:
+                compared = wraps.counted(of_width, check(wraps, inputs).wrong)
+            else:
+                compared = wraps.compared(
+                    inputs, of_width, functools.partial(_differ, wraps.step, inputs, exact())
+                )
+            seen[f"compared/{key}"] = compared
         return seen
 
     def counts(self, sums: int, values: Mapping[str, np.ndarray]) -> dict[str, Counts]:
@@ -141,11 +147,6 @@ def at_full_width(step: SummingStep, shift: int) -> SummingStep:
     return type(step)(step.node, exact(step.arithmetic, shift))
 
 
-def differ(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
-    """Return which sums are wrong; floats hold whole numbers."""
-    return tf.cast(sums, tf.int64) != tf.cast(exact, tf.int64)
-
-
-def number_of_differences(sums: tf.Tensor, exact: tf.Tensor) -> tf.Tensor:
-    """Return how many sums are wrong."""
-    return tf.math.count_nonzero(differ(sums, exact))
+def _differ(step: SummingStep, inputs: Inputs, exact: tf.Tensor) -> tf.Tensor:
+    """Return which sums of a layer differ from exact ones."""
+    return differ(step.sums(inputs), exact)

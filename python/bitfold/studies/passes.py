@@ -72,6 +72,35 @@ def check_biases(network: Network) -> None:
                 )
 
 
+class Finals:
+    """Adds up what final sums tell of batches, as late as can be."""
+
+    def __init__(self, watching: FullWidthPass | SettingPass) -> None:
+        """Take who says what it tells."""
+        self._pass = watching
+        self._tally = Tally()
+        self._seen: Any = None
+        self._count = 0
+
+    def add(self, seen: Any, count: int) -> None:
+        """Take what was seen of so many images."""
+        self._seen = seen if self._seen is None else self._seen + seen
+        self._count += count
+        if not self._pass.adds_up:
+            self._take()
+
+    def tally(self) -> Tally:
+        """Return what it told of all batches."""
+        if self._seen is not None:
+            self._take()
+        return self._tally
+
+    def _take(self) -> None:
+        layers = self._pass.tallied_finals(self._seen, self._count)
+        self._tally += Tally(self._count, layers)
+        self._seen, self._count = None, 0
+
+
 class Runner:
     """Computes the shards of one setting."""
 
@@ -94,39 +123,35 @@ class Runner:
         Raises:
             ValueError: for labels that do not fit, and where a metric meets several outputs.
         """
-        begin = time.perf_counter()
+        begin, before = time.perf_counter(), self._pass.lines()
         metric = None if self._metric is None else self._metric.start()
-        tally, place, most, sample = Tally(), shard.first // self._rows, 1, []
+        finals, place, most, sample = Finals(self._pass), shard.first // self._rows, 1, []
+        tally = Tally()
         for images, labels in shard.batches:
             count = self._count(images)
             looked = self._sample.places(place, count)
-            outputs, found = self._batch(images, is_looked_at=looked.size == count)
+            if looked.size == count:
+                outputs, layers = self._look(images)
+                tally += Tally(count, layers, looked=count)
+            else:
+                outputs, seen = self._call(images, {})
+                finals.add(seen, count)
             if metric is not None:
                 if not tf.is_tensor(outputs):
                     raise ValueError("Need a network of one output for a metric; leave y out")
                 metric.update_state(labels, outputs)
-            tally += found
             if 0 < looked.size < count:
                 sample.append(self._some(images, looked))
             place, most = place + count, max(most, count)
             advance(count)
-        if sample:
-            tally += self._look_at_sample(sample, most)
-        states = {} if metric is None else {shard.index: self._metric.state(metric)}
-        return tally + Tally(0, {}, states, seconds=time.perf_counter() - begin)
-
-    def _batch(self, images: Any, *, is_looked_at: bool) -> tuple[Any, Tally]:
-        """Return the outputs of a batch, and what was counted, of partial sums, too, or not."""
-        count, before = self._count(images), self._pass.lines()
-        if is_looked_at:
-            outputs, layers = self._look(images)
-        else:
-            outputs, seen = self._call(images, {})
-            layers = self._pass.tallied_finals(seen, count)
+        tally += finals.tally()
         lines = Counter(self._pass.lines())
         lines.subtract(before)
         lines = {name: number for name, number in lines.items() if number}
-        return outputs, Tally(count, layers, {}, lines, looked=count if is_looked_at else 0)
+        if sample:
+            tally += self._look_at_sample(sample, most)
+        states = {} if metric is None else {shard.index: self._metric.state(metric)}
+        return tally + Tally(0, {}, states, lines, seconds=time.perf_counter() - begin)
 
     def _look_at_sample(self, parts: list[Any], most: int) -> Tally:
         """Return what partial sums tell of images that were counted; so many are looked at once.

@@ -9,8 +9,9 @@ alone: of a sample of the images (`bitfold.studies.sampling`), or of all.
 
 from __future__ import annotations
 
+import dataclasses
 import math
-from collections.abc import Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from typing import Any
 
 import numpy as np
@@ -18,14 +19,13 @@ import tensorflow as tf
 
 from bitfold.network import Network
 from bitfold.network.operators import SummingStep
-from bitfold.studies.finals import Inputs, watch
+from bitfold.studies.bounds import WIDEST
+from bitfold.studies.finals import Inputs, check, differ, watch
 from bitfold.studies.groups import (
     Group,
     at_full_width,
-    differ,
     groups_of,
     key_of,
-    number_of_differences,
 )
 from bitfold.studies.records import Counts
 from bitfold.studies.settings import Setting
@@ -49,6 +49,9 @@ class FullWidthPass:
     Attributes:
         network: at full width.
     """
+
+    # Whether what is seen of the final sums of batches is what is seen of all, when it is added.
+    adds_up = False
 
     def __init__(self, network: Network, settings: Sequence[Setting]) -> None:
         """Find what is asked of each layer.
@@ -104,14 +107,9 @@ class FullWidthPass:
         """Return what was seen of the final sums of a batch of so many images."""
         found = {}
         for place, values in seen.items():
-            position = int(place)
-            sums = images * self._sums[position]
-            counts = {}
-            for group in self._groups[position]:
-                counts |= group.wrong(sums, values)
             # Final sums are partial ones, too.
             extremes = within_bits(np.concatenate([values["finals"]] * 2))
-            found[position] = LayerTally(sums, counts, extremes, _range_of(values))
+            found[int(place)] = self._tally(place, values, images, Group.wrong, extremes)
         return found
 
     def observe(self, step: SummingStep, inputs: Inputs, known: tf.Tensor) -> tuple[list, dict]:
@@ -133,15 +131,25 @@ class FullWidthPass:
         """Return what was seen of all sums of a batch of so many images."""
         found = {}
         for place, values in seen.items():
-            position = int(place)
             # Whatever was known: tallies must not depend on the order of batches.
-            sums, extremes = images * self._sums[position], within_bits(values["extremes"])
-            self._known[place] = extremes
-            counts = {}
-            for group in self._groups[position]:
-                counts |= group.counts(sums, values)
-            found[position] = LayerTally(sums, counts, extremes, _range_of(values), sums)
+            self._known[place] = extremes = within_bits(values["extremes"])
+            tally = self._tally(place, values, images, Group.counts, extremes)
+            found[int(place)] = dataclasses.replace(tally, looked=tally.sums)
         return found
+
+    def _tally(
+        self,
+        place: str,
+        values: Mapping[str, np.ndarray],
+        images: int,
+        counts_of_group: Callable[[Group, int, Mapping[str, np.ndarray]], dict[str, Counts]],
+        extremes: np.ndarray,
+    ) -> LayerTally:
+        """Return what was seen of a layer, partial sums of none looked at."""
+        sums, counts = images * self._sums[int(place)], {}
+        for group in self._groups[int(place)]:
+            counts |= counts_of_group(group, sums, values)
+        return LayerTally(sums, counts, extremes, _range_of(values))
 
     def learn(self, seen: Mapping[str, Mapping[str, np.ndarray]]) -> None:
         """Take what was seen of some images for known, and count nothing."""
@@ -171,8 +179,9 @@ class SettingPass:
             reference = at_full_width(step, step.arithmetic.mult_shift)
             self._wraps[position] = wraps_of(step, reference, harmless_from(reference))
 
-    # No batch depends on those before.
+    # No batch depends on those before, and all that is seen are counts.
     knows_nothing = False
+    adds_up = True
 
     def states(self) -> dict[str, np.ndarray]:
         """Return nothing."""
@@ -181,14 +190,10 @@ class SettingPass:
     def observe_finals(self, step: SummingStep, inputs: Inputs, _: Any) -> tuple[list, dict]:
         """Compute a layer, and how many of its sums are wrong."""
         wraps = self._wraps[step.node.operator.position]
-        if wraps.needs_sums:
-            sums = step.sums(inputs)
-            wrong = number_of_differences(sums, wraps.reference.sums(inputs))
-            return step.finish(sums), {"wrong": wrong}
-        if wraps.method is Method.COUNT:
-            found = watch(step, wraps.reference, inputs, [wraps.width])
-            return found.outputs, {"wrong": tf.reduce_sum(found.outside)}
-        return step.run(inputs), {}
+        if wraps.method is Method.NOTHING:
+            return step.run(inputs), {}
+        outputs, wrong = check(wraps, inputs)
+        return outputs, {"wrong": wrong}
 
     def tallied_finals(
         self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int
@@ -206,17 +211,20 @@ class SettingPass:
     def observe(self, step: SummingStep, inputs: Inputs, _: Any) -> tuple[list, dict]:
         """Compute a layer, and what became of its sums."""
         wraps = self._wraps[step.node.operator.position]
-        sums = step.sums(inputs) if wraps.needs_sums else None
-        outputs = step.run(inputs) if sums is None else step.finish(sums)
-        seen = {}
-        if wraps.method is not Method.NOTHING:
-            counts, first = _outside(wraps.reference, inputs, [wraps.width], wraps.channels)
-            seen = {"counts": counts, "first": first}
-            if wraps.needs_sums:
-                seen["compared"] = wraps.compared(
-                    inputs, counts[0], lambda: differ(sums, wraps.reference.sums(inputs))
-                )
-        return outputs, seen
+        if wraps.method is Method.NOTHING:
+            return step.run(inputs), {}
+        counts, first = _outside(wraps.reference, inputs, [wraps.width], wraps.channels)
+        seen = {"counts": counts, "first": first}
+        if not wraps.needs_sums:
+            return step.run(inputs), seen
+        if wraps.is_congruent:
+            outputs, wrong = check(wraps, inputs)
+            return outputs, seen | {"compared": wraps.counted(counts[0], wrong)}
+        sums = step.sums(inputs)
+        compared = wraps.compared(
+            inputs, counts[0], lambda: differ(sums, wraps.reference.sums(inputs))
+        )
+        return step.finish(sums), seen | {"compared": compared}
 
     def tallied(
         self, seen: Mapping[str, Mapping[str, np.ndarray]], images: int
@@ -245,8 +253,8 @@ def _outside(
     """Return the counts and first steps of `bitfold.ops.partial_sums` for some channels."""
     if not channels:
         return tf.zeros([len(widths), 0, 3], tf.int64), tf.zeros([len(widths), 0], tf.int64)
-    # Nobody asks for extremes here: none is beyond those of the widest accumulator.
-    limit = 1 << (max(widths) - 1)
+    # Nobody asks for extremes here: no partial sum is to be beyond what is known.
+    limit = 1 << (WIDEST - 1)
     known = np.repeat(np.array([[-limit], [limit - 1]] * 2, np.int64), len(channels), 1)
     found = reference.partial_sums(inputs, widths, known, channels)
     return found.counts, found.first

@@ -59,6 +59,9 @@ class Wraps:
         method: how sums are judged.
         channels: of the output, those of which some input leads a partial sum of full width out of
             the accumulator.
+        is_congruent: whether the accumulator adds up products as 32 bits do, but for the bits that
+            it drops: no product is above 2^w, no weight has another sign, and 32 bits hold all that
+            sums can be. A bias may be wider.
     """
 
     step: SummingStep
@@ -66,6 +69,7 @@ class Wraps:
     width: int
     method: Method
     channels: tuple[int, ...]
+    is_congruent: bool = False
 
     @property
     def needs_sums(self) -> bool:
@@ -98,6 +102,11 @@ class Wraps:
             _nothing,
         )
         return tf.stack([tf.math.count_nonzero(is_wrong), right_again])
+
+    @staticmethod
+    def counted(counts: tf.Tensor, wrong: tf.Tensor) -> tf.Tensor:
+        """Return what `compared` does, of a number of wrong sums of which all were outside."""
+        return tf.stack([wrong, tf.reduce_sum(counts[:, _WAS]) - wrong])
 
 
 def counts_of(
@@ -149,7 +158,8 @@ def wraps_of(step: SummingStep, reference: SummingStep, harmless_from: int) -> W
     else:
         method = Method.COMPARISON
     channels = tuple(channel for channel, needed in enumerate(bits) if needed > width)
-    return Wraps(step, reference, width, method, channels)
+    is_congruent = method in (Method.COUNT, Method.COMPARISON) and _is_congruent(reference, width)
+    return Wraps(step, reference, width, method, channels, is_congruent)
 
 
 def harmless_from(reference: SummingStep) -> int:
@@ -178,6 +188,18 @@ def partial_ranges(reference: SummingStep) -> list[tuple[int, int]]:
         (min(low, low + bias), max(high, high + bias))
         for low, high, bias in zip(least, greatest, biases, strict=True)
     ]
+
+
+def _is_congruent(reference: SummingStep, width: int) -> bool:
+    """Return whether products add up modulo 2^w, and 32 bits hold every sum, by magnitudes."""
+    weights = np.maximum(np.abs(reference.products.least), np.abs(reference.products.greatest))
+    limits, zero_point = np.iinfo(reference.data.dtype), reference.data.zero_point
+    data = max(int(limits.max) - zero_point, zero_point - int(limits.min))
+    largest = weights.sum((0, 1, 2)) * data
+    if reference.bias_tensor is not None:
+        largest = largest + np.abs(reference.bias_tensor.data.reshape(-1).astype(np.int64))
+    is_held = int(largest.max(initial=0)) < 1 << (_WIDEST - 1)
+    return is_held and int(weights.max(initial=0)) * data <= 1 << width
 
 
 def corrected_weights(step: SummingStep) -> int:

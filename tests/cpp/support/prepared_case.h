@@ -140,12 +140,28 @@ struct PreparedCase {
   PreparedOutput<Out> Oracle() const {
     PreparedOutput<Out> out{ExactBuffer<Out>(count()), ""};
     for (int32_t image = 0; image < batch; ++image) {
-      const std::vector<int64_t> sums = Layer().IsWide() ? WideOracleSums(image)
-                                        : use_fp16_acc   ? OracleSums<float>(image, &out.lines)
-                                                         : OracleSums<int32_t>(image, &out.lines);
+      const std::vector<int64_t> sums =
+          Layer().IsWide() ? WideOracleSums(image) : NarrowOracleSums(image, &out.lines);
       OracleRequantise(sums, image, &out);
     }
     return out;
+  }
+
+  // How many sums differ from those of full width.
+  int64_t OracleWrong() const {
+    if (Layer().IsWide()) return 0;
+    PreparedCase whole = *this;
+    whole.use_fp16_acc = false;
+    whole.accumulator_size = kWideAccumulator;
+    whole.wide_bias.assign(bias.begin(), bias.end());
+    int64_t wrong = 0;
+    for (int32_t image = 0; image < batch; ++image) {
+      std::string lines;
+      const std::vector<int64_t> sums = NarrowOracleSums(image, &lines);
+      const std::vector<int64_t> exact = whole.WideOracleSums(image);
+      for (size_t i = 0; i < sums.size(); ++i) wrong += sums[i] != exact[i];
+    }
+    return wrong;
   }
 
  private:
@@ -210,6 +226,10 @@ struct PreparedCase {
                             lines);
     }
     return {sums.begin(), sums.end()};
+  }
+
+  std::vector<int64_t> NarrowOracleSums(int32_t image, std::string* lines) const {
+    return use_fp16_acc ? OracleSums<float>(image, lines) : OracleSums<int32_t>(image, lines);
   }
 
   std::vector<int64_t> WideOracleSums(int32_t image) const {

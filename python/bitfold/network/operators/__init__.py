@@ -9,7 +9,7 @@ import numpy as np
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.operators._products import Products, biases, scaled
-from bitfold.network.operators._step import Step, SummingStep, Watched
+from bitfold.network.operators._step import Checked, Step, SummingStep, Watched
 from bitfold.network.operators._windows import Axis, Windows
 from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
@@ -53,6 +53,7 @@ __all__ = [
     "STEPS",
     "UNITS",
     "Axis",
+    "Checked",
     "Products",
     "Step",
     "SummingStep",

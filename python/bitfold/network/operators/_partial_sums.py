@@ -40,22 +40,43 @@ class Part:
     bias: np.ndarray | None
 
 
-def chosen(parts: Sequence[Part], channels: Sequence[int], is_depthwise: bool) -> list[Part]:
-    """Return what gives the sums of some channels alone, in rising order."""
+def chosen(parts: Sequence[Part], channels: Sequence[int]) -> list[Part]:
+    """Return what gives the sums of some channels alone, in rising order; not depthwise."""
     found, first = [], 0
     for part in parts:
         count = part.weights.shape[3]
         own = [c - first for c in channels if first <= c < first + count]
         first += count
-        if not own:
-            continue
-        # Each input channel of a depthwise layer is one of the output.
-        data = tf.gather(part.data, own, axis=3) if is_depthwise else part.data
-        bias = None if part.bias is None else part.bias.reshape(-1)[own]
-        found.append(
-            dataclasses.replace(part, data=data, weights=part.weights[..., own], bias=bias)
-        )
+        if own:
+            bias = None if part.bias is None else part.bias.reshape(-1)[own]
+            found.append(dataclasses.replace(part, weights=part.weights[..., own], bias=bias))
     return found
+
+
+def of_channels(
+    sums: Callable[[tf.Tensor | None], PartialSums],
+    count: int,
+    known_extremes: tf.Tensor | None,
+    channels: Sequence[int],
+) -> PartialSums:
+    """Return what the partial sums of some channels reach where it costs less to sum all.
+
+    Images without the other channels, whose numbers lie one by one, take several times as long to
+    make as the sums of all.
+
+    Args:
+        sums: returns what all channels reach, of their known extremes.
+        count: of all channels.
+        known_extremes: int64 [4, channels] of those asked for, or None.
+        channels: in rising order.
+    """
+    if len(channels) == count:
+        return sums(known_extremes)
+    if known_extremes is not None:
+        # Of the others whatever is known will do.
+        columns = np.searchsorted(channels, range(count)).clip(max=len(channels) - 1)
+        known_extremes = tf.gather(known_extremes, columns, axis=1)
+    return PartialSums(*(tf.gather(table, channels, axis=1) for table in sums(known_extremes)))
 
 
 def partial_sums(

@@ -14,7 +14,7 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.operators._accumulator import narrowed
-from bitfold.ops._prepared import WatchedConvolution
+from bitfold.ops._watched import CheckedConvolution, WatchedConvolution
 
 _STORED = (np.int8, np.int16)
 _LARGEST_SHIFT = 31
@@ -112,6 +112,10 @@ class PreparedLayer:
         sizes = tuple(accumulator_sizes)
         return ops.watched_conv2d(data, *self._shared(), accumulator_sizes=sizes, **self._keywords)
 
+    def checked(self, data: tf.Tensor) -> CheckedConvolution:
+        """Return the stored output, and how many sums are wrong."""
+        return ops.checked_conv2d(data, *self._shared(), **self._keywords)
+
     def _shared(self) -> tuple[tf.Tensor | np.ndarray, ...]:
         """Return the constants: the same tensors for all functions, which know them by memory."""
         if not (tf.executing_eagerly() or tf.inside_function()):
@@ -152,6 +156,12 @@ class GroupedLayer:
         """Return the stored output, and what the final sums of full width reach."""
         found = [layer.watched(part, accumulator_sizes) for layer, part in self._parts(data)]
         return WatchedConvolution(*(tf.concat(same, -1) for same in zip(*found, strict=True)))
+
+    def checked(self, data: tf.Tensor) -> CheckedConvolution:
+        """Return the stored output, and how many sums are wrong."""
+        found = [layer.checked(part) for layer, part in self._parts(data)]
+        outputs, wrong = zip(*found, strict=True)
+        return CheckedConvolution(tf.concat(outputs, -1), tf.add_n(wrong))
 
     def _parts(self, data: tf.Tensor) -> Iterator[tuple[PreparedLayer, tf.Tensor]]:
         return zip(self._layers, tf.split(data, len(self._layers), axis=3), strict=True)

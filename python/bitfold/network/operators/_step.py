@@ -69,6 +69,18 @@ class Watched(NamedTuple):
     outside: tf.Tensor
 
 
+class Checked(NamedTuple):
+    """What a step with an accumulator stores, and how many of its sums are wrong.
+
+    Attributes:
+        outputs: stored.
+        wrong: int64, the number of sums that differ from those of full width.
+    """
+
+    outputs: list[tf.Tensor]
+    wrong: tf.Tensor
+
+
 class SummingStep(Step):
     """An operator with an accumulator: sums, then their requantisation.
 
@@ -125,6 +137,14 @@ class SummingStep(Step):
 
         Returns:
             What was found; None where that takes the sums themselves.
+        """
+        return None
+
+    def checked(self, inputs: Sequence[tf.Tensor | None]) -> Checked | None:
+        """Return the stored output, and how many sums are wrong; None where that takes the sums.
+
+        It takes many times as long as `run` where an addend may be above 2^w in magnitude, but for
+        the bias, or where 32 bits may not hold a sum of full width.
         """
         return None
 

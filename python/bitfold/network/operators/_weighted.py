@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import abc
+import functools
 from collections.abc import Iterator, Sequence
 
 import numpy as np
@@ -22,7 +23,7 @@ from bitfold.network.operators._prepared import (
     can_be_prepared,
 )
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
-from bitfold.network.operators._step import SummingStep, Watched
+from bitfold.network.operators._step import Checked, SummingStep, Watched
 from bitfold.ops._partial_sums import PartialSums
 
 
@@ -206,16 +207,21 @@ class WeightedStep(SummingStep):
         channels: Sequence[int] | None = None,
     ) -> PartialSums:
         """Return what the partial sums of full width reach."""
-        parts = self.parts(inputs)
-        if channels is not None:
-            parts = _partial_sums.chosen(parts, channels, self.parts_placement.depthwise)
-        return _partial_sums.partial_sums(
-            parts,
-            self.parts_placement,
-            self.arithmetic.mult_shift,
-            accumulator_sizes,
-            known_extremes,
-        )
+        parts, placement = self.parts(inputs), self.parts_placement
+
+        def sums(parts: Sequence[Part], known_extremes: tf.Tensor | None) -> PartialSums:
+            shift = self.arithmetic.mult_shift
+            return _partial_sums.partial_sums(
+                parts, placement, shift, accumulator_sizes, known_extremes
+            )
+
+        if channels is None:
+            return sums(parts, known_extremes)
+        if not placement.depthwise:
+            return sums(_partial_sums.chosen(parts, channels), known_extremes)
+        count = sum(part.weights.shape[3] for part in parts)
+        of_parts = functools.partial(sums, parts)
+        return _partial_sums.of_channels(of_parts, count, known_extremes, channels)
 
     def was_outside(self, inputs: Sequence[tf.Tensor | None], accumulator_size: int) -> tf.Tensor:
         """Return for each of the sums whether one of its partial sums was outside of a width."""
@@ -245,6 +251,14 @@ class WeightedStep(SummingStep):
         data = self.arrange(inputs[self.places[0]], self._zero_point)
         found = self._prepared.watched(data, accumulator_sizes)
         return Watched([self.arrange_sums(found.output)], found.extremes, found.outside)
+
+    def checked(self, inputs: Sequence[tf.Tensor | None]) -> Checked | None:
+        """Return the stored output, and how many sums are wrong."""
+        if self._prepared is None or self._is_bias_narrowed:
+            return None
+        data = self.arrange(inputs[self.places[0]], self._zero_point)
+        found = self._prepared.checked(data)
+        return Checked([self.arrange_sums(found.output)], found.wrong)
 
     @property
     def _is_bias_narrowed(self) -> bool:
