@@ -9,6 +9,7 @@
 #ifndef BITFOLD_TESTS_PROOFS_WORD_H_
 #define BITFOLD_TESTS_PROOFS_WORD_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <type_traits>
@@ -82,6 +83,11 @@ class Word {
   explicit operator bool() const { return Decide(Apply("distinct", 0, {term_, Constant(kBits, 0)})); }
   explicit operator double() const { return static_cast<double>(Value()); }
   explicit operator float() const { return static_cast<float>(Value()); }
+  // As an index, and as nothing else: a choice between a word and an integer has one type.
+  template <typename T, std::enable_if_t<std::is_same_v<T, std::ptrdiff_t>, int> = 0>
+  operator T() const {  // NOLINT: as implicit as the language's own
+    return Value();
+  }
   // A constant's value, where the language needs a number: an index, a loop's bound.
   int64_t Value() const {
     const int unused = 64 - kBits;
@@ -121,6 +127,9 @@ class Bool {
  private:
   TermPointer term_;
 };
+
+inline TermPointer TruthOf(const Bool& value) { return value.term(); }
+inline TermPointer TruthOf(bool value) { return Truth(value); }
 
 // ---- The usual arithmetic conversions ----------------------------------------------------------
 
