@@ -134,11 +134,18 @@ class _ShippedRules:
                 _number(given if isinstance(given, int) else self.value(given), parameter.is_signed)
                 for given, parameter in zip(arguments, rule.parameters, strict=True)
             ]
-            ((result, *_),) = self._rules.evaluate([(name, numbers)])
-            return z3.BitVecVal(result, rule.results[0].size())
+            (found,) = self._rules.evaluate([(name, numbers)])
+            return [
+                z3.BitVecVal(number, result.size())
+                for number, result in zip(found, rule.results, strict=True)
+            ]
 
-        call.is_defined = lambda *arguments: self.value(rule.is_defined(*arguments))
-        return call
+        def first(*arguments: z3.BitVecRef | int) -> z3.BitVecRef:
+            return call(*arguments)[0]
+
+        first.all = call
+        first.is_defined = lambda *arguments: self.value(rule.is_defined(*arguments))
+        return first
 
     def value(self, term: z3.ExprRef) -> z3.ExprRef:
         """Return what a term comes to."""

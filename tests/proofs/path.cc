@@ -62,6 +62,10 @@ uint64_t ConstantValue(const TermPointer& term) {
 bool Decide(const TermPointer& condition) {
   if (condition->is_constant) return condition->value != 0;
   if (current == nullptr) throw std::logic_error("a condition outside of a recorded rule");
+  // What was decided stays: terms that are equal are one.
+  for (size_t i = 0; i < current->next; ++i) {
+    if (current->choices[i].condition == condition) return current->choices[i].taken;
+  }
   if (current->next == current->choices.size()) current->choices.push_back({condition, true});
   return current->choices[current->next++].taken;
 }

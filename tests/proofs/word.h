@@ -153,6 +153,12 @@ using Common = typename CommonType<A, B>::type;
 template <typename W>
 void RequireNoOverflow(const std::string& operation, const W& a, const W& b, const TermPointer& result) {
   if (!W::kHasSign) return;
+  if (a.term()->is_constant && b.term()->is_constant) {
+    const __int128 x = a.Value();
+    const __int128 y = b.Value();
+    const __int128 exact = operation == "bvadd" ? x + y : operation == "bvsub" ? x - y : x * y;
+    return Require(Truth(exact == W(result).Value()));
+  }
   const int more = operation == "bvmul" ? W::kWidth : 1;
   const std::string extend = "(_ sign_extend " + std::to_string(more) + ")";
   const int sort = W::kWidth + more;
