@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect test test-long test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect test test-long prove test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -37,6 +37,12 @@ test-long: ## a thousand random networks against the interpreter, studies of 50;
 	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
 	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
 	@BITFOLD_STUDIED_NETWORKS=50 $(PYTHON) -m pytest -q tests/python/studies/test_study.py -k random
+
+prove: ## every integer rule proved for all inputs by a solver: the table of docs/proofs.md
+	@scripts/setup.sh tests
+	@cmake --preset tests -Wno-dev >/dev/null
+	@cmake --build --preset tests --target bitfold_rules
+	@$(PYTHON) tests/proofs/prove.py
 
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser

@@ -12,6 +12,7 @@ from typing import Any, Protocol
 
 import z3
 from formulas import Rules
+from generalise import Generalisation
 
 # Of one case of a claim.
 _MILLISECONDS = 120_000
@@ -96,14 +97,36 @@ class Finding:
 
 
 def decide(case: Case, rules: Rules) -> Finding:
-    """Prove or refute a case."""
+    """Prove a case with products generalised, or else decide it as it is."""
     statement = case.state(rules)
+    begin = time.thread_time()
+    if any(_is_proved_generally(statement, tight) for tight in (False, True)):
+        return Finding(Verdict.PROVED, time.thread_time() - begin, {})
+    return _decide(statement, begin)
+
+
+def refute(case: Case, rules: Rules) -> Finding:
+    """Decide a case as it is, so that a counterexample is one of numbers."""
+    return _decide(case.state(rules), time.thread_time())
+
+
+def _solver(*formulas: z3.BoolRef) -> z3.Solver:
     solver = z3.SolverFor("QF_BV")
     solver.set("timeout", _MILLISECONDS)
-    solver.add(statement.assumption, z3.Not(statement.conclusion))
-    begin = time.perf_counter()
+    solver.add(*formulas)
+    return solver
+
+
+def _is_proved_generally(statement: Statement, has_tight_bounds: bool) -> bool:
+    general = Generalisation(statement.assumption if has_tight_bounds else None)
+    refuting = general.of(z3.And(statement.assumption, z3.Not(statement.conclusion)))
+    return _solver(refuting, *general.facts).check() == z3.unsat
+
+
+def _decide(statement: Statement, begin: float) -> Finding:
+    solver = _solver(statement.assumption, z3.Not(statement.conclusion))
     verdict = _VERDICTS[str(solver.check())]
-    seconds = time.perf_counter() - begin
+    seconds = time.thread_time() - begin
     found = {}
     if verdict is Verdict.REFUTED:
         model = solver.model()

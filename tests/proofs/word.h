@@ -257,6 +257,18 @@ Bool operator>(const A& a, const B& b) { return Compare("bvsgt", "bvugt", a, b);
 template <typename A, typename B, IfOperands<A, B> = 0>
 Bool operator>=(const A& a, const B& b) { return Compare("bvsge", "bvuge", a, b); }
 
+// The number of zeros below the lowest 1. Requires x != 0.
+inline Int32 CountTrailingZeros(const UInt32& x) {
+  Require(Apply("distinct", 0, {x.term(), UInt32(0).term()}));
+  TermPointer count = Int32(31).term();
+  for (int i = 30; i >= 0; --i) {
+    const UInt32 bit = x & (uint32_t{1} << i);
+    const TermPointer is_set = Apply("distinct", 0, {bit.term(), UInt32(0).term()});
+    count = Apply("ite", 32, {is_set, Int32(i).term(), count});
+  }
+  return Int32(count);
+}
+
 }  // namespace bitfold::proofs
 
 #endif  // BITFOLD_TESTS_PROOFS_WORD_H_

@@ -69,8 +69,8 @@ def _short_multiplier(exponent: int, is_rounded=is_half_up) -> Case:
     """One rounding, halves up, of sums whose product fits: 48 bits; then the low 32 bits."""
 
     def state(rules):
-        short = exact(rules["ShortMantissa"](MANTISSA), 64)
-        product = X64 * short
+        short = rules["ShortMantissa"](MANTISSA)
+        product = X64 * exact(short, 64)
         result = rules["RescaleByShortMultiplier"](X64, MANTISSA, exponent)
         quotient = z3.BitVec("quotient", 130)
         return Statement(
