@@ -227,15 +227,21 @@ inline LayerNormScale GetLayerNormScale(int64_t rounded_sum, uint64_t variance, 
 }
 
 // One element: minus the mean, times the factor, shifted, clipped, through the activation stage.
-inline float NormalizeElement(float x, const LayerNormScale& scale, const LayerNormParams& params) {
-  const int64_t centred = int64_t{LayerNormElement(x, params.zero_point)} - scale.mean;
+inline uint16_t NormalizedInteger(int32_t element, const LayerNormScale& scale,
+                                  const LayerNormParams& params) {
+  const int64_t centred = int64_t{element} - scale.mean;
   const int64_t product = centred * scale.factor;
   const int64_t shifted = scale.shift >= 0 ? ShiftLeft64(product, scale.shift)
                                            : ShiftRight64(product, -int64_t{scale.shift});
   const int64_t activated = layernorm_activation_unit(
       signed_clip(shifted, kLayerNormNormalizedBits, true), params.mul_act_man, params.mul_act_exp,
       params.mul_act_bias, params.activation_output_mode, params.activation_ebias_mode);
-  return static_cast<float>(static_cast<uint16_t>(activated));
+  return static_cast<uint16_t>(activated);
+}
+
+inline float NormalizeElement(float x, const LayerNormScale& scale, const LayerNormParams& params) {
+  return static_cast<float>(
+      NormalizedInteger(LayerNormElement(x, params.zero_point), scale, params));
 }
 
 // One vector of n elements; the definition. The sums are formed for n = 0 too.

@@ -4,7 +4,10 @@
 // The rules as they ship, to compare the formulas with.
 
 #include <cstdint>
+#include <cmath>
+#include <cstring>
 #include <limits>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>

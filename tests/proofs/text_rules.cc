@@ -3,6 +3,7 @@
 //
 // The rules as formulas: the text of the headers, read with words that record.
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>

@@ -100,6 +100,7 @@ class Word {
   template <typename T> Word& operator*=(const T& x) { return *this = *this * x; }
   template <typename T> Word& operator/=(const T& x) { return *this = *this / x; }
   template <typename T> Word& operator&=(const T& x) { return *this = *this & x; }
+  template <typename T> Word& operator|=(const T& x) { return *this = *this | x; }
   Word& operator++() { return *this = *this + 1; }
   Word& operator--() { return *this = *this - 1; }
 
