@@ -107,8 +107,10 @@ class Generalisation:
         kind = term.decl().kind()
         if kind == z3.Z3_OP_BMUL and not any(map(_is_constant, term.children())):
             return self._product(term)
-        if kind in _QUOTIENTS and z3.is_bv_value(term.arg(1)) and term.arg(1).as_signed_long() > 0:
-            return self._quotient(term.arg(0), term.arg(1).as_long(), _QUOTIENTS[kind])
+        if kind in _QUOTIENTS:
+            divisor = z3.simplify(term.arg(1))
+            if z3.is_bv_value(divisor) and divisor.as_signed_long() > 0:
+                return self._quotient(term.arg(0), divisor.as_long(), _QUOTIENTS[kind])
         children = [self.of(child) for child in term.children()]
         if kind == z3.Z3_OP_AND:
             return z3.And(*children)

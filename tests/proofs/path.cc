@@ -4,6 +4,7 @@
 #include "proofs/path.h"
 
 #include <stdexcept>
+#include <unordered_set>
 #include <utility>
 
 namespace bitfold::proofs {
@@ -85,12 +86,15 @@ RecordedRule Record(const std::function<std::vector<TermPointer>()>& rule) {
   Path path;
   current = &path;
   RecordedRule recorded;
+  std::unordered_set<const Term*> known;  // equal terms are one
   for (;;) {
     path.next = 0;
     path.required.clear();
     std::vector<TermPointer> results = rule();
     paths.push_back({path.choices, std::move(results)});
-    recorded.required.insert(recorded.required.end(), path.required.begin(), path.required.end());
+    for (const TermPointer& required : path.required) {
+      if (known.insert(required.get()).second) recorded.required.push_back(required);
+    }
     if (paths.size() > kMostPaths) throw std::runtime_error("a rule of too many paths");
     while (!path.choices.empty() && !path.choices.back().taken) path.choices.pop_back();
     if (path.choices.empty()) break;

@@ -23,9 +23,10 @@ def _in_range(word: z3.BitVecRef, width: int) -> z3.BoolRef:
     return between(-(1 << (width - 1)), word, (1 << (width - 1)) - 1)
 
 
-def _limits(width: int) -> Case:
+def _limits(width: int, is_symmetric: bool = False) -> Case:
     """The constants of a width; in 64 bits, of which they keep 32."""
     least, greatest = (-(1 << width >> 1), (1 << width >> 1) - 1) if width else (0, 0)
+    greatest += is_symmetric
 
     def state(rules):
         limits = rules[f"AccumulatorLimits/{width}"]
@@ -36,7 +37,7 @@ def _limits(width: int) -> Case:
     return Case(f"w = {width}", state)
 
 
-def _wraps_once(width: int) -> Case:
+def _wraps_once(width: int, is_modular: bool = False) -> Case:
     """A3 as it is written: one wrap by the period, of the sum modulo 2^32."""
 
     def state(rules):
@@ -47,6 +48,8 @@ def _wraps_once(width: int) -> Case:
         wrapped = z3.If(
             total > greatest, total - period, z3.If(total < least, total + period, total)
         )
+        if is_modular:
+            wrapped = exact(low(total, width), _WIDE)
         return always(rules[f"Accumulate/{width}"](ACC, ADDEND) == low(wrapped, 32))
 
     return Case(f"w = {width}", state)
@@ -68,7 +71,7 @@ def _congruent(width: int, most: int) -> Case:
     return Case(f"w = {width}, |p| <= {most}", state)
 
 
-def _reduced_once(width: int) -> Case:
+def _reduced_once(width: int, periods: int = 1) -> Case:
     """What theorem 1 is used for: of a sum modulo 2^32 the low bits are the accumulator."""
 
     def state(rules):
@@ -76,21 +79,21 @@ def _reduced_once(width: int) -> Case:
         period = 1 << width
         reduced = z3.SignExt(32 - width, low(ACC + ADDEND, width))
         return Statement(
-            z3.And(_in_range(acc, width), between(-period, addend, period)),
+            z3.And(_in_range(acc, width), between(-periods * period, addend, periods * period)),
             rules[f"Accumulate/{width}"](ACC, ADDEND) == reduced,
         )
 
     return Case(f"w = {width}", state)
 
 
-def _one_pass(width: int) -> Case:
+def _one_pass(width: int, is_proven: bool = True) -> Case:
     """R3: one proven pass is A3."""
 
     def state(rules):
         acc, addend = exact(ACC, 64), exact(ADDEND, 64)
         made = rules[f"MakeProvenPasses/{width}"](acc, addend, 1)
         return Statement(
-            rules[f"IsProvenPass/{width}"](ACC, addend) == 1,
+            rules[f"IsProvenPass/{width}"](ACC, addend) == int(is_proven),
             made == rules[f"Accumulate/{width}"](ACC, ADDEND),
         )
 
@@ -146,7 +149,7 @@ def _sign(width: int, bits: int) -> Case:
     return Case(f"w = {width}", state)
 
 
-def _corrects(width: int) -> Case:
+def _corrects(width: int, is_limit: bool = False) -> Case:
     """C1: what is above the limit is reduced by the period, once."""
 
     def state(rules):
@@ -155,7 +158,7 @@ def _corrects(width: int) -> Case:
         corrected = rules[f"Correct/{width}"](WEIGHT)
         return always(
             z3.And(
-                (needs == 1) == (WEIGHT > limit),
+                (needs == 1) == (WEIGHT >= limit if is_limit else WEIGHT > limit),
                 corrected == low(exact(WEIGHT, _WIDE) - (2 * limit + 2), 32),
             )
         )
@@ -171,14 +174,14 @@ CLAIMS = (
         "the range is [-2^(w-1), 2^(w-1) - 1], its period 2^w; of no bits it is 0",
         "w = 0 to 32",
         [_limits(width) for width in range(33)],
-        [],
+        [_limits(width, is_symmetric=True) for width in (1, 16)],
     ),
     Claim(
         "A3",
         "one wrap by the period where the sum modulo 2^32 is outside",
         "w = 0 to 32; all acc, p",
         [_wraps_once(width) for width in range(33)],
-        [],
+        [_wraps_once(width, is_modular=True) for width in (8, 30)],
     ),
     Claim(
         "Theorem 1",
@@ -192,21 +195,30 @@ CLAIMS = (
         "a step is that modulo 2^32, of which w bits are kept with their sign",
         "w = 1 to 32; all acc, p",
         [_reduced_once(width) for width in WIDTHS],
-        [],
+        [_reduced_once(width, 2) for width in (8, 16)],
     ),
     Claim(
         "R3",
         "one proven pass is a step of the accumulator",
         "w = 0 to 32; all acc, p",
         [_one_pass(width) for width in range(33)],
-        [],
+        [_one_pass(width, is_proven=False) for width in (8, 16)],
     ),
     Claim(
         "R3",
         "many proven passes give the one value of the range that is congruent to all of them",
         "w = 0 to 32; all acc, two addends, 1 to 2^31 passes",
         [_many_passes(width, 2 << width) for width in range(33)],
-        [],
+        [
+            Case(
+                "one wrap is enough for two passes",
+                lambda rules: Statement(
+                    z3.And(_in_range(exact(ACC, _WIDE), 8), between(-256, ADDEND, 256)),
+                    rules["MakeProvenPasses/8"](exact(ACC, 64), exact(ADDEND, 64), 2)
+                    == rules["Accumulate/8"](ACC, 2 * ADDEND),
+                ),
+            )
+        ],
     ),
     Claim(
         "R3",
@@ -220,7 +232,7 @@ CLAIMS = (
         "weights above the limit are reduced by the period, once",
         "w = 0 to 32; all weights",
         [_corrects(width) for width in range(33)],
-        [],
+        [_corrects(8, is_limit=True)],
     ),
     Claim(
         "C1",

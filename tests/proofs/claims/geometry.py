@@ -12,9 +12,9 @@ from claims.numbers import always, between, exact
 INPUT, TAPS, STRIDE, DILATION = _AXIS = z3.BitVecs("input taps stride dilation", 32)
 OUTPUT, TAP = z3.BitVecs("output tap", 32)
 _LARGEST = 1 << 28  # of a size that prepared layers accept
-_STRIDES = (1, 2, 3, 4, 5, 7, 8, 16, _LARGEST)
+_STRIDES = (1, 2, 3, 4, 8, _LARGEST)
 _DILATIONS = (1, 2, 3, 4, 6, 8)
-_WIDE = 72
+_WIDE = 64
 
 
 def _wide(*words: z3.BitVecRef) -> list[z3.BitVecRef]:
@@ -197,8 +197,8 @@ CLAIMS = (
     Claim(
         "G2, G3",
         "all taps of VALID windows that fit lie in the input",
-        _FOR,
-        [_reaches(stride, dilation) for stride in _STRIDES for dilation in (1, 2, 3)],
+        "strides 1, 2, 4, 8; dilations 1, 2; all sizes to 2^28",
+        [_reaches(stride, dilation) for stride in (1, 2, 4, 8) for dilation in (1, 2)],
         [
             Case(
                 "SAME windows, too",

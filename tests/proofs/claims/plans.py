@@ -41,27 +41,27 @@ def _plan_of(rules, machine: str) -> list[z3.BitVecRef]:
     return rules[f"PlanInt32/{machine}"].all(*_ARGUMENTS)
 
 
-def _theorem_1(machine: str, factor: int = 1) -> Case:
+def _theorem_1(machine: str, halvings: int = 0) -> Case:
     """Sums are kept modulo 2^32 only where no addend is above 2M, or none can be."""
 
     def state(rules):
         path, _, bits, _ = _plan_of(rules, machine)
-        period = z3.BitVecVal(1, 64) << exact(W, 64)
-        small = z3.And(INPUT * WEIGHTS <= factor * period, ELEMENTWISE <= factor * period)
+        period = (z3.BitVecVal(1, 64) << exact(W, 64)) >> halvings
+        small = z3.And(INPUT * WEIGHTS <= period, ELEMENTWISE <= period)
         conclusion = z3.And(W >= 1, bits == W, z3.Or(W >= 31, small))
         return Statement(_are_facts(*_INT32), z3.Implies(path != STEPWISE, conclusion))
 
     return Case(machine, state)
 
 
-def _storage(machine: str) -> Case:
+def _storage(machine: str, most: int = 255) -> Case:
     """Numbers fit what they are stored as; stored bytes have no sign."""
 
     def state(rules):
         path, offset, _, _ = _plan_of(rules, machine)
         low, high, least, greatest = _BOUNDS[:4]
         offset = exact(offset, 64)
-        is_bytes = z3.And(0 <= low + offset, high + offset <= 255, least >= -128, greatest <= 127)
+        is_bytes = z3.And(0 <= low + offset, high + offset <= most, least >= -128, greatest <= 127)
         is_shorts = z3.And(low >= -(2**15), high < 2**15, least >= -(2**15), greatest < 2**15)
         of_bytes = z3.Or(path == BYTES, path == REMAINDERS)
         return Statement(
@@ -72,14 +72,14 @@ def _storage(machine: str) -> Case:
     return Case(machine, state)
 
 
-def _scaling(machine: str) -> Case:
+def _scaling(machine: str, most: int = 5) -> Case:
     """A shift is made where the path makes one, and by remainders where a table has it."""
 
     def state(rules):
         path, _, _, shift = _plan_of(rules, machine)
         conclusion = z3.And(
             z3.Implies(z3.Or(path == SHORTS, path == BYTES), S == 0),
-            z3.Implies(path == REMAINDERS, z3.And(shift == S, between(1, S, 5))),
+            z3.Implies(path == REMAINDERS, z3.And(shift == S, between(1, S, most))),
             # By rounding of floats: products and quotients that these hold.
             z3.Implies(
                 z3.Or(path == ROUNDED, path == REMAINDERS),
@@ -97,20 +97,20 @@ CLAIMS = (
         "whatever plan is chosen for integers, sums modulo 2^32 are right",
         "all facts of int32, all widths and shifts, four kinds of machines",
         [_theorem_1(machine) for machine in _MACHINES],
-        [],
+        [_theorem_1("shorts", halvings=1)],
     ),
     Claim(
         "Plans",
         "numbers fit the bytes or shorts that they are stored as",
         "all facts of int32",
         [_storage(machine) for machine in _MACHINES],
-        [],
+        [_storage("bytes", most=254)],
     ),
     Claim(
         "Plans",
         "shifts are made by the paths that make them",
         "all facts of int32",
         [_scaling(machine) for machine in _MACHINES],
-        [],
+        [_scaling("remainders", most=4)],
     ),
 )

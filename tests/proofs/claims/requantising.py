@@ -11,6 +11,7 @@ from claims.numbers import always, between, exact, is_half_away, is_half_up, low
 
 X, MANTISSA, EXPONENT = z3.BitVecs("x mantissa exponent", 32)
 X64 = z3.BitVec("x", 64)
+ZERO_POINT, LEAST, GREATEST = z3.BitVecs("zero_point minimum maximum", 32)
 SUM, COUNT = z3.BitVecs("sum count", 32)
 # A mantissa is 0 or lies here.
 _IS_MANTISSA = z3.Or(MANTISSA == 0, between(1 << 30, MANTISSA, (1 << 31) - 1))
@@ -52,6 +53,42 @@ def _two_roundings(exponent: int) -> Case:
         )
 
     return Case(f"e = {exponent}", state)
+
+
+def _step_two_roundings(exponent: int, is_away: bool = True) -> Case:
+    """The loops' form is the definition's bits."""
+
+    def state(rules):
+        defined = rules["RescaleInTwoRoundings"](X, MANTISSA, exponent)
+        if not is_away:
+            rounded = rules["DoubledProductHigh"](X, MANTISSA)
+            defined = (rounded + (1 << (-exponent - 1))) >> -exponent
+        return Statement(
+            _IS_MANTISSA, rules["TwoRoundingsStep"](X, MANTISSA, exponent) == defined
+        )
+
+    return Case(f"e = {exponent}", state)
+
+
+def _step_short_multiplier(exponent: int, offset: int = 0) -> Case:
+    def state(rules):
+        given = (X64, MANTISSA, exponent)
+        defined = rules["RescaleByShortMultiplier"](*given) + offset
+        return Statement(_IS_MANTISSA, rules["ShortMultiplierStep"](*given) == defined)
+
+    return Case(f"e = {exponent}", state)
+
+
+def _clamps(has_zero_point: bool = True) -> Case:
+    """Q5: the zero point is added modulo 2^32, the result clamped."""
+
+    def state(rules):
+        shifted = X + ZERO_POINT if has_zero_point else X
+        clamped = z3.If(shifted < LEAST, LEAST, z3.If(shifted > GREATEST, GREATEST, shifted))
+        step = rules["ShiftAndClampStep"](X, ZERO_POINT, LEAST, GREATEST)
+        return Statement(LEAST <= GREATEST, step == clamped)
+
+    return Case("", state)
 
 
 def _short_mantissa(most: int) -> Case:
@@ -132,7 +169,45 @@ CLAIMS = (
                 EXPONENT,
             ),
         ],
-        [],
+        [
+            _defined(
+                "RescaleInTwoRoundings",
+                z3.And(_IS_MANTISSA, between(-64, EXPONENT, 31)),
+                X,
+                MANTISSA,
+                EXPONENT,
+            )
+        ],
+    ),
+    Claim(
+        "Q2, vector form",
+        "the step without branches gives the same bits, and is defined",
+        "e = -31 to 31; all x, m",
+        [
+            *(_step_two_roundings(exponent) for exponent in range(-31, 32)),
+            _defined(
+                "TwoRoundingsStep",
+                z3.And(_IS_MANTISSA, between(-31, EXPONENT, 31)),
+                X,
+                MANTISSA,
+                EXPONENT,
+            ),
+        ],
+        [_step_two_roundings(-1, is_away=False)],
+    ),
+    Claim(
+        "Q3, vector form",
+        "the step of unsigned shifts gives the same bits",
+        "e = -31 to 7; all m, all sums of 64 bits",
+        [_step_short_multiplier(exponent) for exponent in range(-31, 8)],
+        [_step_short_multiplier(7, offset=1)],
+    ),
+    Claim(
+        "Q5",
+        "adds the zero point modulo 2^32, then clamps",
+        "all x, zero points and bounds in order",
+        [_clamps()],
+        [_clamps(has_zero_point=False)],
     ),
     Claim(
         "Q3",

@@ -43,6 +43,17 @@ def _is_defined(name: str) -> Case:
     return Case(f"{name} defined", state)
 
 
+def _loop_activates(name: str, least_clip: int = 0) -> Case:
+    """The loops' form, of the low 32 bits; clips below 0 take the definition."""
+
+    def state(rules):
+        given = (X, OFFSET, SLOPE, SLOPE_E, EBIAS, CLIP)
+        loop = rules[name.replace("activate", "FinishBlock")]
+        return Statement(CLIP >= least_clip, loop(*given) == low(rules[name](*given), 32))
+
+    return Case(name, state)
+
+
 def _rounds(bits: int, shift: int, is_rounded=is_half_to_even) -> Case:
     """L1: floored to a multiple of 2^s / 2^r, then halves to even by r bits."""
 
@@ -66,9 +77,10 @@ def _rounds_exactly(bits: int, shift: int) -> Case:
     return Case(f"r = s = {bits}" if bits == shift else f"r = {bits}, s = {shift}", state)
 
 
-def _clips(bits: int, is_signed: bool) -> Case:
+def _clips(bits: int, is_signed: bool, is_open: bool = False) -> Case:
     name = f"signed_clip/{'signed' if is_signed else 'unsigned'} {bits}"
     least, greatest = (-(1 << (bits - 1)), (1 << (bits - 1)) - 1) if is_signed else (0, (1 << bits) - 1)
+    greatest += is_open
 
     def state(rules):
         return always(
@@ -102,7 +114,22 @@ CLAIMS = (
         "is defined",
         "all x, slopes, exponents, offsets and clips",
         [_is_defined(name) for name in _FORMS],
-        [],
+        [
+            Case(
+                "the product is never negative",
+                lambda rules: Statement(
+                    z3.And(CLIP >= 0, OFFSET == 0),
+                    rules[_FORMS[0]](X, OFFSET, SLOPE, SLOPE_E, EBIAS, CLIP) >= 0,
+                ),
+            )
+        ],
+    ),
+    Claim(
+        "P2, P3, vector form",
+        "the loops give the definition's bits",
+        "all x, slopes, exponents and offsets; clip >= 0",
+        [_loop_activates(name) for name in _FORMS],
+        [_loop_activates(_FORMS[0], least_clip=-8)],
     ),
     Claim(
         "L1",
@@ -126,6 +153,6 @@ CLAIMS = (
             *(_clips(bits, False) for bits in (8, 15, 19)),
             *(_clips(bits, True) for bits in (16, 20, 31)),
         ],
-        [],
+        [_clips(15, False, is_open=True), _clips(16, True, is_open=True)],
     ),
 )
