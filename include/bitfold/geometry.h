@@ -51,8 +51,8 @@ BITFOLD_HOST_DEVICE constexpr int32_t EffectiveFilterSize(int32_t filter, int32_
 // division truncates; below 0 the caller refuses.
 BITFOLD_HOST_DEVICE constexpr int32_t getOutputSize(const ConvolutionAxis& axis) {
   const int32_t span = axis.padding == Padding::kValid
-                       ? WrapSubtract(axis.input, EffectiveFilterSize(axis.taps, axis.dilation))
-                       : WrapSubtract(axis.input, 1);
+                           ? WrapSubtract(axis.input, EffectiveFilterSize(axis.taps, axis.dilation))
+                           : WrapSubtract(axis.input, 1);
   return WrapAdd(WrapDivide(span, axis.stride), 1);
 }
 

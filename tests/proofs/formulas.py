@@ -62,7 +62,9 @@ class Rule:
 
     def _pairs(self, arguments: Sequence[z3.BitVecRef | int]) -> list[tuple]:
         if len(arguments) != len(self.parameters):
-            raise TypeError(f"Need {len(self.parameters)} arguments of {self.name}, got {arguments}")
+            raise TypeError(
+                f"Need {len(self.parameters)} arguments of {self.name}, got {arguments}"
+            )
         return [
             (variable, z3.BitVecVal(given, variable.size()) if isinstance(given, int) else given)
             for variable, given in zip(self.variables(), arguments, strict=True)
@@ -79,8 +81,7 @@ class Rules:
             [self._program, "formulas"], capture_output=True, text=True, check=True
         ).stdout
         self._parts = {
-            text.partition("\n")[0]: text.splitlines()[1:]
-            for text in printed.split("rule\t")[1:]
+            text.partition("\n")[0]: text.splitlines()[1:] for text in printed.split("rule\t")[1:]
         }
         self._known: dict[str, Rule] = {}
 

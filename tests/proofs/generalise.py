@@ -7,7 +7,8 @@ its bounds. So a product becomes a variable of its own, in as many bits as hold 
 holds for all of its values holds for the product. Equal factors give the same variable, whatever
 words they are multiplied in. A product of two intervals lies between the products of their ends;
 the intervals are those of the factors' words or, where that is not enough, the least ones of 2^k
-numbers that the solver proves of the factors.
+numbers that the solver proves of the factors. Of two products with a factor in common it is known
+that they are equal where the others are, and that they have their order where it is not negative.
 
 A quotient by a constant becomes the number of which the divisor's multiple leaves a remainder
 smaller than the divisor, with the dividend's sign: there is one.
@@ -20,7 +21,12 @@ import itertools
 
 import z3
 
-_QUOTIENTS = {z3.Z3_OP_BSDIV: True, z3.Z3_OP_BSDIV_I: True, z3.Z3_OP_BSREM: False, z3.Z3_OP_BSREM_I: False}
+_QUOTIENTS = {
+    z3.Z3_OP_BSDIV: True,
+    z3.Z3_OP_BSDIV_I: True,
+    z3.Z3_OP_BSREM: False,
+    z3.Z3_OP_BSREM_I: False,
+}
 
 
 _MILLISECONDS = 5_000  # of one bound of a factor
@@ -88,7 +94,7 @@ class Generalisation:
     def __init__(self, assumption: z3.BoolRef | None = None) -> None:
         """Take an assumption under which bounds of factors are proved, or none: then none are."""
         self._assumption = assumption
-        self._products: dict[tuple, z3.BitVecRef] = {}
+        self._products: dict[tuple, tuple[list[_Factor], z3.BitVecRef]] = {}
         self._quotients: dict[tuple, tuple[z3.BitVecRef, z3.BitVecRef]] = {}
         self._known: dict[int, z3.ExprRef] = {}
         self._kept: list[z3.ExprRef] = []  # ids are those of terms that live
@@ -137,9 +143,34 @@ class Generalisation:
             variable = z3.BitVec(f"product {len(self._products)}", sum(f.bits for f in factors))
             ends = [self._ends(factor) for factor in factors]
             corners = [a * b for a, b in itertools.product(*ends)]
-            self._products[key] = variable
             self.facts.append(z3.And(min(corners) <= variable, variable <= max(corners)))
-        return _resized(self._products[key], term.size())
+            earlier = list(self._products.values())
+            self._products[key] = factors, variable
+            for others, other in earlier:
+                self._relate(factors, variable, others, other)
+        return _resized(self._products[key][1], term.size())
+
+    def _relate(
+        self, first: list[_Factor], a: z3.BitVecRef, second: list[_Factor], b: z3.BitVecRef
+    ) -> None:
+        for i, j in itertools.product((0, 1), repeat=2):
+            if first[i].key != second[j].key:
+                continue
+            bits = max(a.size(), b.size())
+            x, y = (
+                self._number(factors[1 - at], bits) for factors, at in ((first, i), (second, j))
+            )
+            a, b = _resized(a, bits), _resized(b, bits)
+            self.facts.append(z3.Implies(x == y, a == b))
+            common = self._number(first[i], bits)
+            self.facts.append(z3.Implies(z3.And(common >= 0, x <= y), a <= b))
+            self.facts.append(z3.Implies(z3.And(common >= 0, y <= x), b <= a))
+
+    def _number(self, factor: _Factor, bits: int) -> z3.BitVecRef:
+        """Return a factor's number in a word that holds it."""
+        core = self.of(factor.core)
+        more = bits - core.size()
+        return z3.SignExt(more, core) if factor.is_signed else z3.ZeroExt(more, core)
 
     def _ends(self, factor: _Factor) -> tuple[int, int]:
         """Return bounds of a factor, all that its word holds or the least that are proved."""

@@ -32,7 +32,8 @@ TermPointer ConditionOf(const Choice& choice) {
 
 TermPointer All(const std::vector<Choice>& choices, size_t count) {
   TermPointer condition = Truth(true);
-  for (size_t i = 0; i < count; ++i) condition = Apply("and", 0, {condition, ConditionOf(choices[i])});
+  for (size_t i = 0; i < count; ++i)
+    condition = Apply("and", 0, {condition, ConditionOf(choices[i])});
   return condition;
 }
 
@@ -77,8 +78,7 @@ void Require(const TermPointer& condition) {
     return;
   }
   if (current == nullptr) throw std::logic_error("an obligation outside of a recorded rule");
-  current->required.push_back(
-      Apply("=>", 0, {All(current->choices, current->next), condition}));
+  current->required.push_back(Apply("=>", 0, {All(current->choices, current->next), condition}));
 }
 
 RecordedRule Record(const std::function<std::vector<TermPointer>()>& rule) {

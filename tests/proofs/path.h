@@ -27,8 +27,9 @@ uint64_t ConstantValue(const TermPointer& term);
 
 // A rule as a formula.
 struct RecordedRule {
-  std::vector<TermPointer> results;   // of each output
-  std::vector<TermPointer> required;  // obligations: each is an implication from the path's condition
+  std::vector<TermPointer> results;  // of each output
+  std::vector<TermPointer>
+      required;  // obligations: each is an implication from the path's condition
 };
 
 // Runs `rule`, which returns its outputs, along every path. Throws std::runtime_error beyond 4096.

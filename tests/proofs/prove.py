@@ -170,8 +170,9 @@ def print_table(report: Report) -> None:
     for row in report.rows:
         cases = row.proved + sum(f.startswith("case") for f in row.failures)
         controls = row.refuted + sum(f.startswith("control") for f in row.failures)
-        print(f"| {row.claim.rule} | {row.claim.text} | {row.claim.parameters} "
-              f"| {row.proved} of {cases} | {row.seconds:.1f} | {row.refuted} of {controls} |")  # fmt: skip
+        claim = row.claim
+        found = f"{row.proved} of {cases} | {row.seconds:.1f} | {row.refuted} of {controls}"
+        print(f"| {claim.rule} | {claim.text} | {claim.parameters} | {found} |")
     inputs = sum(c.inputs for c in report.comparisons)
     equal = sum(c.failure is None for c in report.comparisons)
     print(f"\n{equal} of {len(report.comparisons)} formulas gave the bits of their functions, "

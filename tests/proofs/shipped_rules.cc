@@ -3,8 +3,8 @@
 //
 // The rules as they ship, to compare the formulas with.
 
-#include <cstdint>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>

@@ -32,10 +32,6 @@ int64_t Signed(const Term& term) {
   return static_cast<int64_t>(term.value << unused) >> unused;
 }
 
-int ExtensionOf(const std::string& operation) {
-  return std::stoi(operation.substr(operation.rfind(' ') + 1));
-}
-
 // The value of an operation on constants where paths need one, else nothing.
 bool Fold(const std::string& op, int sort, const std::vector<TermPointer>& x, uint64_t* value) {
   for (const TermPointer& operand : x) {
@@ -47,36 +43,66 @@ bool Fold(const std::string& op, int sort, const std::vector<TermPointer>& x, ui
   const bool of_words = x[0]->sort != 0;
   const int64_t sa = of_words ? Signed(*x[0]) : 0;
   const int64_t sb = x.size() > 1 && of_words ? Signed(*x[1]) : 0;
-  if (op == "bvadd") *value = a + b;
-  else if (op == "bvsub") *value = a - b;
-  else if (op == "bvmul") *value = a * b;
-  else if (op == "bvand") *value = a & b;
-  else if (op == "bvor") *value = a | b;
-  else if (op == "bvxor") *value = a ^ b;
-  else if (op == "bvnot") *value = ~a;
-  else if (op == "bvshl") *value = b >= static_cast<uint64_t>(sort) ? 0 : a << b;
-  else if (op == "bvlshr") *value = b >= static_cast<uint64_t>(sort) ? 0 : a >> b;
-  else if (op == "bvashr") *value = static_cast<uint64_t>(sa >> (b > 63 ? 63 : b));
-  else if (op == "bvsdiv" && sb != 0 && sb != -1) *value = static_cast<uint64_t>(sa / sb);
-  else if (op == "bvsrem" && sb != 0 && sb != -1) *value = static_cast<uint64_t>(sa % sb);
-  else if (op == "bvudiv" && b != 0) *value = a / b;
-  else if (op == "bvurem" && b != 0) *value = a % b;
-  else if (op == "=") *value = a == b;
-  else if (op == "distinct") *value = a != b;
-  else if (op == "bvslt") *value = sa < sb;
-  else if (op == "bvsle") *value = sa <= sb;
-  else if (op == "bvsgt") *value = sa > sb;
-  else if (op == "bvsge") *value = sa >= sb;
-  else if (op == "bvult") *value = a < b;
-  else if (op == "bvule") *value = a <= b;
-  else if (op == "bvugt") *value = a > b;
-  else if (op == "bvuge") *value = a >= b;
-  else if (op == "not") *value = a == 0;
-  else if (op == "and") *value = a != 0 && b != 0;
-  else if (op.rfind("(_ extract", 0) == 0) *value = a;  // from bit 0 on
-  else if (op.rfind("(_ zero_extend", 0) == 0) *value = a;
-  else if (op.rfind("(_ sign_extend", 0) == 0) *value = static_cast<uint64_t>(sa);
-  else return false;
+  if (op == "bvadd")
+    *value = a + b;
+  else if (op == "bvsub")
+    *value = a - b;
+  else if (op == "bvmul")
+    *value = a * b;
+  else if (op == "bvand")
+    *value = a & b;
+  else if (op == "bvor")
+    *value = a | b;
+  else if (op == "bvxor")
+    *value = a ^ b;
+  else if (op == "bvnot")
+    *value = ~a;
+  else if (op == "bvshl")
+    *value = b >= static_cast<uint64_t>(sort) ? 0 : a << b;
+  else if (op == "bvlshr")
+    *value = b >= static_cast<uint64_t>(sort) ? 0 : a >> b;
+  else if (op == "bvashr")
+    *value = static_cast<uint64_t>(sa >> (b > 63 ? 63 : b));
+  else if (op == "bvsdiv" && sb != 0 && sb != -1)
+    *value = static_cast<uint64_t>(sa / sb);
+  else if (op == "bvsrem" && sb != 0 && sb != -1)
+    *value = static_cast<uint64_t>(sa % sb);
+  else if (op == "bvudiv" && b != 0)
+    *value = a / b;
+  else if (op == "bvurem" && b != 0)
+    *value = a % b;
+  else if (op == "=")
+    *value = a == b;
+  else if (op == "distinct")
+    *value = a != b;
+  else if (op == "bvslt")
+    *value = sa < sb;
+  else if (op == "bvsle")
+    *value = sa <= sb;
+  else if (op == "bvsgt")
+    *value = sa > sb;
+  else if (op == "bvsge")
+    *value = sa >= sb;
+  else if (op == "bvult")
+    *value = a < b;
+  else if (op == "bvule")
+    *value = a <= b;
+  else if (op == "bvugt")
+    *value = a > b;
+  else if (op == "bvuge")
+    *value = a >= b;
+  else if (op == "not")
+    *value = a == 0;
+  else if (op == "and")
+    *value = a != 0 && b != 0;
+  else if (op.rfind("(_ extract", 0) == 0)
+    *value = a;  // from bit 0 on
+  else if (op.rfind("(_ zero_extend", 0) == 0)
+    *value = a;
+  else if (op.rfind("(_ sign_extend", 0) == 0)
+    *value = static_cast<uint64_t>(sa);
+  else
+    return false;
   return true;
 }
 
@@ -98,14 +124,17 @@ TermPointer Constant(int bits, uint64_t value) {
 
 TermPointer Truth(bool value) { return Make({value ? "true" : "false", {}, 0, true, value}); }
 
-TermPointer Parameter(const std::string& name, int bits) { return Make({name, {}, bits, false, 0}); }
+TermPointer Parameter(const std::string& name, int bits) {
+  return Make({name, {}, bits, false, 0});
+}
 
 TermPointer Apply(const std::string& operation, int sort, std::vector<TermPointer> operands) {
   uint64_t value;
   if (Fold(operation, sort, operands, &value)) {
     return sort == 0 ? Truth(value != 0) : Constant(sort, value);
   }
-  if (operation == "and" && operands[0]->is_constant) return operands[0]->value ? operands[1] : operands[0];
+  if (operation == "and" && operands[0]->is_constant)
+    return operands[0]->value ? operands[1] : operands[0];
   return Make({operation, std::move(operands), sort, false, 0});
 }
 

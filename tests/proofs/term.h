@@ -17,8 +17,8 @@ namespace bitfold::proofs {
 struct Term;
 using TermPointer = std::shared_ptr<const Term>;
 
-// An operation of the solver's language with its operands; a constant or a parameter without. `sort`
-// is the number of bits, 0 for a truth value.
+// An operation of the solver's language with its operands; a constant or a parameter without.
+// `sort` is the number of bits, 0 for a truth value.
 struct Term {
   std::string operation;
   std::vector<TermPointer> operands;

@@ -52,10 +52,12 @@ struct TextForm {
 
 }  // namespace
 
+// In this order.
+// clang-format off
 #include "proofs/words_for_integers.inc"
-//
 #include "proofs/rules_of_headers.inc"
 #include "proofs/integers_again.inc"
+// clang-format on
 
 namespace bitfold::proofs {
 

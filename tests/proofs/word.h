@@ -3,8 +3,8 @@
 //
 // Integers that record what is done with them, for the headers of the rules in place of the
 // language's own: they convert, promote and compute as those do. What the language leaves undefined
-// (a signed overflow, a shift by too much, a division by zero) is recorded as an obligation: it must
-// be proven never to come.
+// (a signed overflow, a shift by too much, a division by zero) is recorded as an obligation: it
+// must be proven never to come.
 
 #ifndef BITFOLD_TESTS_PROOFS_WORD_H_
 #define BITFOLD_TESTS_PROOFS_WORD_H_
@@ -52,7 +52,8 @@ inline constexpr bool kIsWord<Word<kBits, kSigned>> = true;
 template <typename T>
 inline constexpr bool kIsOperand = kIsWord<T> || std::is_integral_v<T>;
 template <typename A, typename B>
-using IfOperands = std::enable_if_t<(kIsWord<A> || kIsWord<B>) && kIsOperand<A> && kIsOperand<B>, int>;
+using IfOperands =
+    std::enable_if_t<(kIsWord<A> || kIsWord<B>)&&kIsOperand<A> && kIsOperand<B>, int>;
 
 template <int kBits, bool kSigned>
 class Word {
@@ -80,7 +81,9 @@ class Word {
 
   const TermPointer& term() const { return term_; }
 
-  explicit operator bool() const { return Decide(Apply("distinct", 0, {term_, Constant(kBits, 0)})); }
+  explicit operator bool() const {
+    return Decide(Apply("distinct", 0, {term_, Constant(kBits, 0)}));
+  }
   explicit operator double() const { return static_cast<double>(Value()); }
   explicit operator float() const { return static_cast<float>(Value()); }
   // As an index, and as nothing else: a choice between a word and an integer has one type.
@@ -92,15 +95,34 @@ class Word {
   int64_t Value() const {
     const int unused = 64 - kBits;
     const auto shifted = static_cast<int64_t>(ConstantValue(term_) << unused);
-    return kSigned ? shifted >> unused : static_cast<int64_t>(static_cast<uint64_t>(shifted) >> unused);
+    return kSigned ? shifted >> unused
+                   : static_cast<int64_t>(static_cast<uint64_t>(shifted) >> unused);
   }
 
-  template <typename T> Word& operator+=(const T& x) { return *this = *this + x; }
-  template <typename T> Word& operator-=(const T& x) { return *this = *this - x; }
-  template <typename T> Word& operator*=(const T& x) { return *this = *this * x; }
-  template <typename T> Word& operator/=(const T& x) { return *this = *this / x; }
-  template <typename T> Word& operator&=(const T& x) { return *this = *this & x; }
-  template <typename T> Word& operator|=(const T& x) { return *this = *this | x; }
+  template <typename T>
+  Word& operator+=(const T& x) {
+    return *this = *this + x;
+  }
+  template <typename T>
+  Word& operator-=(const T& x) {
+    return *this = *this - x;
+  }
+  template <typename T>
+  Word& operator*=(const T& x) {
+    return *this = *this * x;
+  }
+  template <typename T>
+  Word& operator/=(const T& x) {
+    return *this = *this / x;
+  }
+  template <typename T>
+  Word& operator&=(const T& x) {
+    return *this = *this & x;
+  }
+  template <typename T>
+  Word& operator|=(const T& x) {
+    return *this = *this | x;
+  }
   Word& operator++() { return *this = *this + 1; }
   Word& operator--() { return *this = *this - 1; }
 
@@ -152,7 +174,8 @@ using Common = typename CommonType<A, B>::type;
 // Requires what is not undefined of an operation on operands converted to W: that the operation in
 // more bits gives the same.
 template <typename W>
-void RequireNoOverflow(const std::string& operation, const W& a, const W& b, const TermPointer& result) {
+void RequireNoOverflow(const std::string& operation, const W& a, const W& b,
+                       const TermPointer& result) {
   if (!W::kHasSign) return;
   if (a.term()->is_constant && b.term()->is_constant) {
     const __int128 x = a.Value();
@@ -163,8 +186,8 @@ void RequireNoOverflow(const std::string& operation, const W& a, const W& b, con
   const int more = operation == "bvmul" ? W::kWidth : 1;
   const std::string extend = "(_ sign_extend " + std::to_string(more) + ")";
   const int sort = W::kWidth + more;
-  const TermPointer wide = Apply(operation, sort, {Apply(extend, sort, {a.term()}),
-                                                   Apply(extend, sort, {b.term()})});
+  const TermPointer wide =
+      Apply(operation, sort, {Apply(extend, sort, {a.term()}), Apply(extend, sort, {b.term()})});
   Require(Apply("=", 0, {wide, Apply(extend, sort, {result})}));
 }
 
@@ -179,11 +202,17 @@ Common<A, B> Arithmetic(const std::string& operation, const A& a, const B& b) {
 }
 
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator+(const A& a, const B& b) { return Arithmetic("bvadd", a, b); }
+auto operator+(const A& a, const B& b) {
+  return Arithmetic("bvadd", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator-(const A& a, const B& b) { return Arithmetic("bvsub", a, b); }
+auto operator-(const A& a, const B& b) {
+  return Arithmetic("bvsub", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator*(const A& a, const B& b) { return Arithmetic("bvmul", a, b); }
+auto operator*(const A& a, const B& b) {
+  return Arithmetic("bvmul", a, b);
+}
 
 template <typename A, typename B>
 Common<A, B> Divide(const char* of_signed, const char* of_unsigned, const A& a, const B& b) {
@@ -193,15 +222,21 @@ Common<A, B> Divide(const char* of_signed, const char* of_unsigned, const A& a, 
   Require(Apply("distinct", 0, {y.term(), W(0).term()}));
   if (W::kHasSign) {
     const W least(uint64_t{1} << (W::kWidth - 1));
-    Require(Apply("not", 0, {Apply("and", 0, {Apply("=", 0, {x.term(), least.term()}),
-                                              Apply("=", 0, {y.term(), W(-1).term()})})}));
+    Require(Apply("not", 0,
+                  {Apply("and", 0,
+                         {Apply("=", 0, {x.term(), least.term()}),
+                          Apply("=", 0, {y.term(), W(-1).term()})})}));
   }
   return W(Apply(W::kHasSign ? of_signed : of_unsigned, W::kWidth, {x.term(), y.term()}));
 }
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator/(const A& a, const B& b) { return Divide("bvsdiv", "bvudiv", a, b); }
+auto operator/(const A& a, const B& b) {
+  return Divide("bvsdiv", "bvudiv", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator%(const A& a, const B& b) { return Divide("bvsrem", "bvurem", a, b); }
+auto operator%(const A& a, const B& b) {
+  return Divide("bvsrem", "bvurem", a, b);
+}
 
 template <typename A, typename B>
 Common<A, B> Bitwise(const char* operation, const A& a, const B& b) {
@@ -209,14 +244,22 @@ Common<A, B> Bitwise(const char* operation, const A& a, const B& b) {
   return W(Apply(operation, W::kWidth, {W(Recorded<A>(a)).term(), W(Recorded<B>(b)).term()}));
 }
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator&(const A& a, const B& b) { return Bitwise("bvand", a, b); }
+auto operator&(const A& a, const B& b) {
+  return Bitwise("bvand", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator|(const A& a, const B& b) { return Bitwise("bvor", a, b); }
+auto operator|(const A& a, const B& b) {
+  return Bitwise("bvor", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator^(const A& a, const B& b) { return Bitwise("bvxor", a, b); }
+auto operator^(const A& a, const B& b) {
+  return Bitwise("bvxor", a, b);
+}
 
 template <int kBits, bool kSigned>
-auto operator-(const Word<kBits, kSigned>& x) { return 0 - x; }
+auto operator-(const Word<kBits, kSigned>& x) {
+  return 0 - x;
+}
 template <int kBits, bool kSigned>
 auto operator~(const Word<kBits, kSigned>& x) {
   using W = Promoted<Word<kBits, kSigned>>;
@@ -233,7 +276,9 @@ Promoted<A> Shift(const char* operation, const A& a, const B& count) {
   return W(Apply(operation, W::kWidth, {W(Recorded<A>(a)).term(), W(given).term()}));
 }
 template <typename A, typename B, IfOperands<A, B> = 0>
-auto operator<<(const A& a, const B& count) { return Shift("bvshl", a, count); }
+auto operator<<(const A& a, const B& count) {
+  return Shift("bvshl", a, count);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
 auto operator>>(const A& a, const B& count) {
   return Shift(Promoted<A>::kHasSign ? "bvashr" : "bvlshr", a, count);
@@ -246,17 +291,29 @@ Bool Compare(const std::string& of_signed, const std::string& of_unsigned, const
                     {W(Recorded<A>(a)).term(), W(Recorded<B>(b)).term()}));
 }
 template <typename A, typename B, IfOperands<A, B> = 0>
-Bool operator==(const A& a, const B& b) { return Compare("=", "=", a, b); }
+Bool operator==(const A& a, const B& b) {
+  return Compare("=", "=", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-Bool operator!=(const A& a, const B& b) { return Compare("distinct", "distinct", a, b); }
+Bool operator!=(const A& a, const B& b) {
+  return Compare("distinct", "distinct", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-Bool operator<(const A& a, const B& b) { return Compare("bvslt", "bvult", a, b); }
+Bool operator<(const A& a, const B& b) {
+  return Compare("bvslt", "bvult", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-Bool operator<=(const A& a, const B& b) { return Compare("bvsle", "bvule", a, b); }
+Bool operator<=(const A& a, const B& b) {
+  return Compare("bvsle", "bvule", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-Bool operator>(const A& a, const B& b) { return Compare("bvsgt", "bvugt", a, b); }
+Bool operator>(const A& a, const B& b) {
+  return Compare("bvsgt", "bvugt", a, b);
+}
 template <typename A, typename B, IfOperands<A, B> = 0>
-Bool operator>=(const A& a, const B& b) { return Compare("bvsge", "bvuge", a, b); }
+Bool operator>=(const A& a, const B& b) {
+  return Compare("bvsge", "bvuge", a, b);
+}
 
 // The number of zeros below the lowest 1. Requires x != 0.
 inline Int32 CountTrailingZeros(const UInt32& x) {

@@ -23,9 +23,7 @@ def _wide(*words: z3.BitVecRef) -> list[z3.BitVecRef]:
 
 def _is_layer(dilation: int) -> z3.BoolRef:
     """Sizes of a layer: positive, and with the filter's extent of 30 bits."""
-    return z3.And(
-        between(1, INPUT, _LARGEST), between(1, TAPS, _LARGEST // dilation)
-    )
+    return z3.And(between(1, INPUT, _LARGEST), between(1, TAPS, _LARGEST // dilation))
 
 
 def _extent(dilation: int) -> z3.BitVecRef:
@@ -69,9 +67,7 @@ def _lies(padding: str, stride: int, dilation: int, is_centred: bool = False) ->
         outputs, first, half = _wide(*rules[f"Window/{padding}"].all(INPUT, TAPS, stride, dilation))
         (size,), extent = _wide(INPUT), _extent(dilation)
         if padding == "valid":
-            return Statement(
-                _is_layer(dilation), z3.And(first == 0, half == extent >> 1)
-            )
+            return Statement(_is_layer(dilation), z3.And(first == 0, half == extent >> 1))
         pad = (outputs - 1) * stride - size + extent
         # Both are 0 or above where they are halved.
         centred = (extent >> 1) - (pad >> 1)
@@ -128,7 +124,9 @@ def _centre(padding: str, dilation: int, is_last: bool = False) -> Case:
         rule = rules[f"CentreTaps/{padding}"]
         first, count, is_centre = rule.all(*given, TAP)
         at_first = rule.all(*given, first)[2]
-        before = z3.And(0 <= TAP, TAP < TAPS, z3.Or(first < 0, TAP > first if is_last else TAP < first))
+        before = z3.And(
+            0 <= TAP, TAP < TAPS, z3.Or(first < 0, TAP > first if is_last else TAP < first)
+        )
         return Statement(
             z3.And(0 <= TAPS, between(1, INPUT, _LARGEST)),
             z3.And(
@@ -211,7 +209,7 @@ CLAIMS = (
     ),
     Claim(
         "D5",
-        "a device's windows are the host's: VALID ones that fit, SAME ones at stride and dilation 1",
+        "a device's windows are the host's: VALID ones that fit, SAME ones at steps of 1",
         "all sizes to 2^28, even filters, too",
         [*_all(_agree, ("valid",)), _agree("same", 1, 1)],
         [_agree("same", 2, 1), _agree("same", 1, 2)],

@@ -48,7 +48,10 @@ def _in_range(bits: int, greatest: int) -> Case:
 
 def _defined(bits: int, assumption=_PLAIN) -> Case:
     def state(rules):
-        defined = [rules[f"{n}/{bits}"].is_defined(*_ELEMENT) for n in ("NormalizeElement", "ScaleElements")]
+        defined = [
+            rules[f"{n}/{bits}"].is_defined(*_ELEMENT)
+            for n in ("NormalizeElement", "ScaleElements")
+        ]
         return Statement(assumption, z3.And(*defined))
 
     return Case(f"{bits} bits", state)
@@ -71,9 +74,7 @@ def _variance(least: int) -> Case:
         assumption = z3.And(
             between(least, ROUNDED, (1 << 19) - 1), z3.ULT(SQUARES, 1 << 56), z3.ULE(SHIFT, 64)
         )
-        return Statement(
-            assumption, z3.And(rule.is_defined(*given), z3.ULT(rule(*given), 1 << 58))
-        )
+        return Statement(assumption, z3.And(rule.is_defined(*given), z3.ULT(rule(*given), 1 << 58)))
 
     return Case("", state)
 

@@ -10,7 +10,9 @@ from claim import Case, Claim, Statement
 from claims.numbers import between, exact
 
 W, S = z3.BitVecs("w s", 32)
-_BOUNDS = z3.BitVecs("input_min input_max weights_min weights_max elementwise_min elementwise_max", 64)
+_BOUNDS = z3.BitVecs(
+    "input_min input_max weights_min weights_max elementwise_min elementwise_max", 64
+)
 SUM, PRODUCTS = z3.BitVecs("weight_sum products", 64)
 _ARGUMENTS = (W, S, *_BOUNDS, SUM, PRODUCTS)
 _MACHINES = ("lanes", "shorts", "bytes", "remainders")

@@ -63,9 +63,7 @@ def _step_two_roundings(exponent: int, is_away: bool = True) -> Case:
         if not is_away:
             rounded = rules["DoubledProductHigh"](X, MANTISSA)
             defined = (rounded + (1 << (-exponent - 1))) >> -exponent
-        return Statement(
-            _IS_MANTISSA, rules["TwoRoundingsStep"](X, MANTISSA, exponent) == defined
-        )
+        return Statement(_IS_MANTISSA, rules["TwoRoundingsStep"](X, MANTISSA, exponent) == defined)
 
     return Case(f"e = {exponent}", state)
 
@@ -95,9 +93,7 @@ def _short_mantissa(most: int) -> Case:
     def state(rules):
         rounded = z3.UDiv(exact(MANTISSA, 33) + (1 << 15), z3.BitVecVal(1 << 16, 33))
         limited = z3.If(rounded > most, z3.BitVecVal(most, 33), rounded)
-        return Statement(
-            MANTISSA >= 0, rules["ShortMantissa"](MANTISSA) == low(limited, 32)
-        )
+        return Statement(MANTISSA >= 0, rules["ShortMantissa"](MANTISSA) == low(limited, 32))
 
     return Case(f"at most {most}", state)
 

@@ -17,7 +17,9 @@ REMAINDER_SHIFTS = range(1, 6)
 
 def _rounds(shift: int, is_rounded=is_half_to_even) -> Case:
     def state(rules):
-        return always(is_rounded(exact(X, 66), shift, exact(rules["ShiftRoundHalfToEven"](X, shift), 66)))
+        return always(
+            is_rounded(exact(X, 66), shift, exact(rules["ShiftRoundHalfToEven"](X, shift), 66))
+        )
 
     return Case(f"s = {shift}", state)
 
@@ -25,7 +27,9 @@ def _rounds(shift: int, is_rounded=is_half_to_even) -> Case:
 def _rounds64(shift: int, is_rounded=is_half_to_even) -> Case:
     def state(rules):
         return always(
-            is_rounded(exact(X64, 98), shift, exact(rules["ShiftRoundHalfToEven64"](X64, shift), 98))
+            is_rounded(
+                exact(X64, 98), shift, exact(rules["ShiftRoundHalfToEven64"](X64, shift), 98)
+            )
         )
 
     return Case(f"s = {shift}", state)
@@ -78,7 +82,13 @@ CLAIMS = (
         [_rounds(shift) for shift in range(1, 31)],
         [_rounds(shift, is_half_up) for shift in (1, 15, 30)],
     ),
-    Claim("S1", "at 31 a negative x never rounds up", "s = 31; all x", [Case("", _of_31)], [_rounds(31)]),
+    Claim(
+        "S1",
+        "at 31 a negative x never rounds up",
+        "s = 31; all x",
+        [Case("", _of_31)],
+        [_rounds(31)],
+    ),
     Claim(
         "S1",
         "counts are taken modulo 32",

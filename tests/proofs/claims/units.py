@@ -23,14 +23,14 @@ def _bankers_round(is_rounded=is_half_to_even) -> Case:
     return Case("6 bits", state)
 
 
-def _activates(name: str, most: int) -> Case:
+def _activates(name: str, most: int, assumption: z3.BoolRef = CLIP >= 0) -> Case:
     """The clip, the offset: within what they allow, for a clip that is not negative."""
 
     def state(rules):
         result = exact(rules[name](X, OFFSET, SLOPE, SLOPE_E, EBIAS, CLIP), 66)
         clip, offset = exact(CLIP, 66), exact(OFFSET, 66)
         return Statement(
-            CLIP >= 0, z3.And(offset - clip - most <= result, result <= offset + clip)
+            assumption, z3.And(offset - clip - most <= result, result <= offset + clip)
         )
 
     return Case(name, state)
@@ -79,7 +79,9 @@ def _rounds_exactly(bits: int, shift: int) -> Case:
 
 def _clips(bits: int, is_signed: bool, is_open: bool = False) -> Case:
     name = f"signed_clip/{'signed' if is_signed else 'unsigned'} {bits}"
-    least, greatest = (-(1 << (bits - 1)), (1 << (bits - 1)) - 1) if is_signed else (0, (1 << bits) - 1)
+    least, greatest = (
+        (-(1 << (bits - 1)), (1 << (bits - 1)) - 1) if is_signed else (0, (1 << bits) - 1)
+    )
     greatest += is_open
 
     def state(rules):
@@ -107,7 +109,7 @@ CLAIMS = (
         "the result lies in [offset - clip - 1, offset + clip]",
         "all x, slopes, exponents and offsets; clip >= 0",
         [_activates(name, 1) for name in _FORMS],
-        [_activates(_FORMS[0], 0)],
+        [_activates(_FORMS[0], 0, z3.And(CLIP == 127, SLOPE == 1, EBIAS == 0, SLOPE_E == 6))],
     ),
     Claim(
         "P2, P3",
