@@ -143,8 +143,8 @@ ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
     return SumsAreAtMost(facts, kExactFloat) ? ChainPlan{ChainPath::kModular, 0, bits} : stepwise;
   }
   const bool is_exact = IsPowerOfTwo(s);
-  const bool is_rounded =
-      is_exact ? product / Magnitude(s) < kRoundable : facts.divides && product < kRoundableQuotient;
+  const bool is_rounded = is_exact ? product / Magnitude(s) < kRoundable
+                                   : facts.divides && product < kRoundableQuotient;
   return is_rounded ? Scaled(facts, ShiftOf(s), bits) : stepwise;
 }
 

@@ -61,6 +61,7 @@ class Claim:
         parameters: what it is proved for.
         cases: all of them.
         controls: claims that are false, one made of the claim at least: each must be refuted.
+        in_tests: so many cases at most are worth their time in every test run.
     """
 
     rule: str
@@ -68,6 +69,7 @@ class Claim:
     parameters: str
     cases: Sequence[Case]
     controls: Sequence[Case]
+    in_tests: int = 3
 
 
 class Verdict(enum.Enum):

@@ -65,21 +65,23 @@ def claims_of(module: str) -> Sequence[Claim]:
     return importlib.import_module(f"claims.{module}").CLAIMS
 
 
-def sampled(cases: Sequence[Case], most: int | None) -> list[int]:
-    """Return the indices of at most so many cases, the first and the last among them."""
-    if most is None or len(cases) <= most:
+def sampled(cases: Sequence[Case], most: int) -> list[int]:
+    """Return the indices of at most so many cases, the first one and, of two, the last."""
+    if len(cases) <= most:
         return list(range(len(cases)))
+    if most == 1:
+        return [0]
     return sorted({round(i * (len(cases) - 1) / (most - 1)) for i in range(most)})
 
 
-def tasks_of(modules: Sequence[str], most: int | None) -> Iterator[Task]:
-    """Return all cases and controls, or at most so many cases and one control of each claim."""
+def tasks_of(modules: Sequence[str], is_sample: bool) -> Iterator[Task]:
+    """Return all cases and controls, or those that every test run takes."""
     for module in modules:
         for at, claim in enumerate(claims_of(module)):
-            for case in sampled(claim.cases, most):
-                yield Task(module, at, False, case)
-            for case in sampled(claim.controls, most and 2):
-                yield Task(module, at, True, case)
+            for is_control, cases in ((False, claim.cases), (True, claim.controls)):
+                most = claim.in_tests if is_sample else len(cases)
+                for case in sampled(cases, most):
+                    yield Task(module, at, is_control, case)
 
 
 _rules: Rules | None = None
@@ -137,12 +139,10 @@ class Report:
         return found + [failure for c in self.comparisons if (failure := c.failure)]
 
 
-def prove(
-    program: Path, modules: Sequence[str], jobs: int, most: int | None, inputs: int
-) -> Report:
+def prove(program: Path, modules: Sequence[str], jobs: int, inputs: int) -> Report:
     """Prove claims, and compare formulas with the shipped functions at so many inputs each."""
     rules = Rules(program)
-    tasks = list(tasks_of(modules, most))
+    tasks = list(tasks_of(modules, is_sample=False))
     rows = {(m, at): Row(claim) for m in modules for at, claim in enumerate(claims_of(m))}
     comparisons = []
     console = rich.console.Console(stderr=True)
@@ -189,10 +189,9 @@ def main() -> int:
     parser.add_argument("--program", type=Path, default=PROGRAM, help="that records the rules")
     parser.add_argument("--modules", nargs="+", default=MODULES, choices=MODULES)
     parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)))
-    parser.add_argument("--most", type=int, help="cases of each claim, a sample; default: all")
     parser.add_argument("--inputs", type=int, default=64, help="of each formula and its function")
     given = parser.parse_args()
-    report = prove(given.program, given.modules, given.jobs, given.most, given.inputs)
+    report = prove(given.program, given.modules, given.jobs, given.inputs)
     print_table(report)
     return 1 if report.failures else 0
 

@@ -109,7 +109,7 @@ def _softmax_rounds_once(rules) -> Statement:
     )
 
 
-_SHIFTS = (-63, -32, -16, -5, -1, 0, 1, 7, 20, 31, 63)
+_SHIFTS = (63, 8, 0, -1, -16)
 
 CLAIMS = (
     Claim(
@@ -131,8 +131,9 @@ CLAIMS = (
         "the loops give the definition's bits",
         f"shifts {', '.join(map(str, _SHIFTS))}; all elements, means, factors and stages "
         "that the loops take",
-        [_loop_scales(bits, shift) for bits in (8, 16) for shift in _SHIFTS],
+        [_loop_scales(bits, shift) for shift in _SHIFTS for bits in (16, 8)],
         [_loop_scales(8, 0, is_off=True)],
+        in_tests=1,
     ),
     Claim(
         "L6, L7",
