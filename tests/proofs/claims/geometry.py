@@ -191,6 +191,7 @@ CLAIMS = (
         _FOR,
         _all(_lies),
         [_lies("same", 3, 1, is_centred=True)],
+        in_tests=1,
     ),
     Claim(
         "G2, G3",
@@ -213,6 +214,7 @@ CLAIMS = (
         "all sizes to 2^28, even filters, too",
         [*_all(_agree, ("valid",)), _agree("same", 1, 1)],
         [_agree("same", 2, 1), _agree("same", 1, 2)],
+        in_tests=1,
     ),
     Claim(
         "Centres",
