@@ -43,7 +43,7 @@ def _plan_of(rules, machine: str) -> list[z3.BitVecRef]:
     return rules[f"PlanInt32/{machine}"].all(*_ARGUMENTS)
 
 
-def _theorem_1(machine: str, halvings: int = 0) -> Case:
+def _theorem_1(machine: str, halvings: int = 0, more: z3.BoolRef = W <= 32) -> Case:
     """Sums are kept modulo 2^32 only where no addend is above 2M, or none can be."""
 
     def state(rules):
@@ -51,7 +51,9 @@ def _theorem_1(machine: str, halvings: int = 0) -> Case:
         period = (z3.BitVecVal(1, 64) << exact(W, 64)) >> halvings
         small = z3.And(INPUT * WEIGHTS <= period, ELEMENTWISE <= period)
         conclusion = z3.And(W >= 1, bits == W, z3.Or(W >= 31, small))
-        return Statement(_are_facts(*_INT32), z3.Implies(path != STEPWISE, conclusion))
+        return Statement(
+            z3.And(_are_facts(*_INT32), more), z3.Implies(path != STEPWISE, conclusion)
+        )
 
     return Case(machine, state)
 
@@ -74,7 +76,7 @@ def _storage(machine: str, most: int = 255) -> Case:
     return Case(machine, state)
 
 
-def _scaling(machine: str, most: int = 5) -> Case:
+def _scaling(machine: str, most: int = 5, more: z3.BoolRef = W <= 32) -> Case:
     """A shift is made where the path makes one, and by remainders where a table has it."""
 
     def state(rules):
@@ -88,7 +90,7 @@ def _scaling(machine: str, most: int = 5) -> Case:
                 z3.And(INPUT * WEIGHTS <= 2**24, (INPUT * WEIGHTS) >> exact(S, 64) < 2**22),
             ),
         )
-        return Statement(_are_facts(*_INT32), conclusion)
+        return Statement(z3.And(_are_facts(*_INT32), more), conclusion)
 
     return Case(machine, state)
 
@@ -99,7 +101,7 @@ CLAIMS = (
         "whatever plan is chosen for integers, sums modulo 2^32 are right",
         "all facts of int32, all widths and shifts, four kinds of machines",
         [_theorem_1(machine) for machine in _MACHINES],
-        [_theorem_1("shorts", halvings=1)],
+        [_theorem_1("shorts", halvings=1, more=z3.And(W == 8, WEIGHTS == 1))],
     ),
     Claim(
         "Plans",
@@ -113,6 +115,6 @@ CLAIMS = (
         "shifts are made by the paths that make them",
         "all facts of int32",
         [_scaling(machine) for machine in _MACHINES],
-        [_scaling("remainders", most=4)],
+        [_scaling("remainders", most=4, more=z3.And(S == 5, WEIGHTS == 1))],
     ),
 )
