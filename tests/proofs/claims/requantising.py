@@ -250,6 +250,6 @@ CLAIMS = (
             *(_quotient_away(count) for count in _COUNTS),
             _defined("QuotientAway", COUNT >= 1, SUM, COUNT),
         ],
-        [_quotient_away(2, is_away=False)],
+        [_quotient_away(4, is_away=False)],
     ),
 )
