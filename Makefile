@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect test test-long prove test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training test test-long prove test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -26,17 +26,23 @@ demo-numeric: setup ## softmax, layer norm and activation units in a transformer
 demo-detect: setup ## faces in a photograph, a cascade of networks in integers: boxes and agreement
 	@$(PYTHON) examples/detect/run.py --output-dir build/demo-detect
 
+demo-training: ## the network of `make demo` trained on, until no input can wrap 16, 14 and 12 bits
+	@scripts/setup.sh demo
+	@scripts/install_package.sh
+	@$(PYTHON) examples/training/run.py --output-dir build/demo-training
+
 test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
 
-test-long: ## a thousand random networks against the interpreter, studies of 50; NETWORKS=COUNT, FIRST=SEED
+test-long: ## a thousand random networks against the interpreter, studies of 50, 4000 defects in device code; NETWORKS=COUNT, FIRST=SEED
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
 	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
 	@BITFOLD_STUDIED_NETWORKS=50 $(PYTHON) -m pytest -q tests/python/studies/test_study.py -k random
+	@BITFOLD_DEVICE_TEXT_LONG=1 BITFOLD_DEFECTS=4000 $(PYTHON) -m pytest -q -s tests/ptx/test_shipped_text.py
 
 prove: ## every integer rule proved for all inputs by a solver: the table of docs/proofs.md
 	@scripts/setup.sh tests

@@ -20,12 +20,14 @@ import pathlib
 from collections.abc import Callable, Iterable, Sequence
 from concurrent.futures import Executor, ProcessPoolExecutor
 
+import distributed_times
 import layer_times
 import network_profile
 import network_times
 import studies
 import targets
 import thread_times
+import training
 from run import ROOT, machine
 from timing import use_threads
 
@@ -77,6 +79,14 @@ def measure_studies(one: Executor, _: Executor, budget: float) -> list:
     return found
 
 
+def measure_training(_: Executor, two: Executor, budget: float) -> list:
+    """Time steps of training."""
+    found = []
+    for name in training.NETWORKS:
+        found += two.submit(training.measure, name, budget).result()
+    return found
+
+
 PARTS: dict[str, Callable[[Executor, Executor, float], list | dict]] = {
     "networks": measure_networks,
     "profiles": measure_profiles,
@@ -85,6 +95,8 @@ PARTS: dict[str, Callable[[Executor, Executor, float], list | dict]] = {
     "fashion": measure_fashion,
     "threads": thread_times.compare,
     "studies": measure_studies,
+    "training": measure_training,
+    "distributed": distributed_times.measure,
 }
 
 
@@ -240,6 +252,57 @@ def print_studies(rows: list[studies.StudyTimes]) -> None:
     )
 
 
+def print_training(rows: list[training.StepTimes]) -> None:
+    """Print steps of training through the arithmetic beside those of the float models."""
+    table(
+        "Steps of training through accumulators, two threads",
+        ("network", "accumulator", "images", "float ms", "emulated ms", "ratio"),
+        [
+            (
+                row.network,
+                row.kind,
+                str(row.images),
+                milliseconds(row.float_seconds),
+                milliseconds(row.seconds),
+                f"{row.ratio:.2f}",
+            )
+            for row in rows
+        ],
+        texts=2,
+    )
+
+
+def print_distributed(rows: list[distributed_times.DistributedTimes]) -> None:
+    """Print studies by workers."""
+    table(
+        "Studies by workers of one thread each, at the default shard",
+        (
+            "study",
+            "engine",
+            "tasks",
+            "in a loop ms",
+            "one worker ms",
+            "two ms",
+            "speed-up",
+            "overhead of a task",
+            "empty tasks a second",
+        ),
+        [
+            (
+                row.work,
+                row.engine,
+                str(row.tasks),
+                *map(milliseconds, (row.loop_seconds, row.one_seconds, row.two_seconds)),
+                f"{row.speed_up:.2f}",
+                f"{row.overhead:.1%}",
+                f"{row.tasks_per_second:,.0f}",
+            )
+            for row in rows
+        ],
+        texts=2,
+    )
+
+
 def print_targets(rows: list[targets.Target]) -> None:
     """Print what should be beside what is."""
     table(
@@ -267,6 +330,8 @@ PRINTERS: dict[str, Callable[[list | dict], None]] = {
     "fashion": print_fashion,
     "threads": print_threads,
     "studies": print_studies,
+    "training": print_training,
+    "distributed": print_distributed,
 }
 
 

@@ -3,7 +3,7 @@
 """Prepared layers, from stored integers to stored integers.
 
 Those of bytes stand beside the stock ops of floats, those of sums of 64 bits beside the ops that
-they are one after the other.
+they are one after the other, those that are watched beside the same layers that are not.
 """
 
 from __future__ import annotations
@@ -73,6 +73,7 @@ def cases() -> list[Case]:
     layers = [
         *(_case(layer, name, options) for layer in LAYERS for name, options in ARITHMETICS.items()),
         *map(_wide_case, WIDE_LAYERS),
+        *map(_watched_case, LAYERS),
     ]
     return layers + [case for product in PRODUCTS for case in _products(product)]
 
@@ -105,6 +106,32 @@ def _case(layer: Layer, name: str, options: dict[str, int | bool]) -> Case:
         layer.side**2 * layer.taps**2 * layer.channels * (layer.outputs or 1),
         in_graph(ours, x, w, bias, multipliers),
         in_graph(stock, *floats),
+        vector_target(),
+    )
+
+
+def _watched_case(layer: Layer) -> Case:
+    """Return a layer whose final sums are looked at beside the same layer."""
+    channels, outputs = (layer.channels if layer.outputs else 1), layer.outputs or layer.channels
+    x = integers((1, layer.side, layer.side, layer.channels), -128, 127, tf.int8)
+    w = integers((layer.taps, layer.taps, channels, outputs), -127, 127, tf.int8)
+    bias = integers((outputs,), -1000, 1000, tf.int32)
+    multipliers = tf.fill([outputs], tf.constant(1e-3, tf.float64))
+    keywords = dict(
+        padding="SAME",
+        depthwise=not layer.outputs,
+        input_zero_point=-1,
+        accumulator_size=18,
+        constant_weights=True,
+    )
+    watched = functools.partial(bitfold.ops.watched_conv2d, accumulator_sizes=[18], **keywords)
+    prepared = functools.partial(bitfold.ops.prepared_conv2d, **keywords)
+    return Case(
+        f"HWatchedConvolution/{layer.name}",
+        layer.name,
+        layer.side**2 * layer.taps**2 * layer.channels * (layer.outputs or 1),
+        in_graph(watched, x, w, bias, multipliers),
+        in_graph(prepared, x, w, bias, multipliers),
         vector_target(),
     )
 

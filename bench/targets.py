@@ -9,11 +9,13 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from distributed_times import DistributedTimes
 from layer_times import NAMED, LayerTimes, name_of
 from network_times import FASTEST, FULL, NARROW, STOCK, NetworkTimes
 from studies import BITS, END_TO_END, StudyTimes
 from thread_times import OURS, ThreadTimes
 from thread_times import STOCK as STOCK_FLOAT
+from training import ACCUMULATORS, StepTimes
 
 # By network: the speed to the stock float graph, and to the mobile runtime's fastest kernels.
 NETWORKS = {"mobilenet_v2": (3.0, 0.5), "residual18": (2.5, 0.6)}
@@ -27,6 +29,12 @@ FASHION_SPEED = 1.0
 THREADS_SPEED = 1.7
 # Evaluations that a study may take: for the bits of all layers, and end to end in an arithmetic.
 STUDIES = {BITS: 3.0, END_TO_END: 1.2}
+# Two workers to one, and a task beside its work.
+WORKERS_SPEED = 1.7
+OVERHEAD = 0.05
+
+# Steps of the float model that a step of training may take, at proven widths and at others.
+PROVEN_STEPS, UNPROVEN_STEPS = 2.5, 10.0
 
 
 @dataclass(frozen=True)
@@ -98,6 +106,22 @@ def of_studies(rows: Sequence[StudyTimes]) -> Iterator[Target]:
             yield Target(f"{row.network}, study, {row.work}", 1 / row.ratio, 1 / STUDIES[row.kind])
 
 
+def of_training(rows: Sequence[StepTimes]) -> Iterator[Target]:
+    """Yield the targets of training, as the speed of an emulated step to that in floats."""
+    for row in rows:
+        _, is_proven = ACCUMULATORS[row.kind]
+        steps = PROVEN_STEPS if is_proven else UNPROVEN_STEPS
+        yield Target(f"{row.network}, a step of training, {row.kind}", 1 / row.ratio, 1 / steps)
+
+
+def of_distributed(rows: Sequence[DistributedTimes]) -> Iterator[Target]:
+    """Yield the targets of workers: their speed to one, and the work's share of a task."""
+    for row in rows:
+        what = f"{row.work}, {row.engine}"
+        yield Target(f"{what}: two workers to one", row.speed_up, WORKERS_SPEED)
+        yield Target(f"{what}: work to task", 1 / (1 + row.overhead), 1 / (1 + OVERHEAD))
+
+
 OF: dict[str, Callable[..., Iterator[Target]]] = {
     "networks": of_networks,
     "layers": of_layers,
@@ -105,4 +129,6 @@ OF: dict[str, Callable[..., Iterator[Target]]] = {
     "fashion": of_fashion,
     "threads": of_threads,
     "studies": of_studies,
+    "training": of_training,
+    "distributed": of_distributed,
 }

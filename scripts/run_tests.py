@@ -85,6 +85,7 @@ def python_stages() -> list[Stage]:
             "Networks against the interpreter, and the ops",
             str(NETWORKS),
         ),
+        pytest_stage("device", "The device code that ships, run on the host", "tests/ptx"),
         pytest_stage("robustness", "Calls that are wrong on purpose", "tests/robustness"),
         pytest_stage("doctests", "Examples in docstrings", *doctests),
     ]

@@ -3,7 +3,8 @@
 """Bit-exact accelerator arithmetic as TensorFlow operations.
 
 ``Network`` is a trained network in the accelerator's arithmetic, ``Arithmetic`` what its layers
-compute in, and ``study`` finds out what that does to it.
+compute in, and ``study`` finds out what that does to it. ``training`` trains a Keras model through
+that arithmetic, and ``data`` names data in files.
 
 Importing the package loads the op library once. ``bitfold.ops`` holds the ops as people know them
 from ``tf`` and ``tf.nn``; ``bitfold.raw_ops`` the generated ones, whose inputs and attributes are
@@ -29,8 +30,8 @@ from bitfold._frame.warning_lines import set_warnings, warning_counts
 
 __version__ = VERSION
 
-from bitfold import detection, fpx, ops, resize, tables
-from bitfold.network import Arithmetic, Network, UnsupportedModelError
+from bitfold import data, detection, fpx, ops, resize, tables, training
+from bitfold.network import Arithmetic, Network, UnsupportedModelError, WorkerError
 from bitfold.studies import Study, study
 
 __all__ = [
@@ -38,7 +39,9 @@ __all__ = [
     "Network",
     "Study",
     "UnsupportedModelError",
+    "WorkerError",
     "__version__",
+    "data",
     "detection",
     "flush_device_lines",
     "fpx",
@@ -51,5 +54,6 @@ __all__ = [
     "set_warnings",
     "study",
     "tables",
+    "training",
     "warning_counts",
 ]

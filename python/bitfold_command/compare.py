@@ -17,7 +17,7 @@ from rich.table import Table
 
 import bitfold
 from bitfold.network import evaluation
-from bitfold_command import files
+from bitfold_command import data, files
 
 # Wide enough for names, where the output is no terminal.
 _WIDTH = 120
@@ -86,7 +86,7 @@ def _networks(options: argparse.Namespace) -> list[tuple[Any, ...]]:
     shapes = [[(port.shape, port.dtype) for port in network.outputs] for network in (a, b)]
     if shapes[0] != shapes[1]:
         raise ValueError(f"Need networks of equal outputs, got {shapes[0]} and {shapes[1]}")
-    x, _ = files.data(options, a)
+    x, _ = data.of(options, a)
     size = options.batch_size or min(network.batch_size(None) for network in (a, b))
     alike = [
         [(layer.operator, layer.output_shapes, layer.output_indices) for layer in network.layers]

@@ -4,14 +4,12 @@
 
 from __future__ import annotations
 
-import importlib
 import importlib.metadata
 import os
 import sys
-import tempfile
 from collections.abc import Sequence
-from typing import Any
 
+from bitfold_command import quiet
 from bitfold_command.parser import make_parser
 
 DONE, DIFFERENT, WRONG, INTERRUPTED = 0, 1, 2, 130
@@ -28,7 +26,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
         parser.print_help(sys.stderr)
         return WRONG
     try:
-        status = _task(options.task).run(options)
+        status = quiet.imported(f"bitfold_command.{options.task}").run(options)
         sys.stdout.flush()
         return status
     except KeyboardInterrupt:
@@ -41,25 +39,17 @@ def main(arguments: Sequence[str] | None = None) -> int:
     except (OSError, ValueError, TypeError, ImportError, MemoryError) as error:
         print(f"bitfold: {_sentence(error)}", file=sys.stderr)
         return WRONG
-
-
-def _task(name: str) -> Any:
-    """Return a task's module, without what the runtime says of itself while it is loaded."""
-    os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2")
-    sys.stderr.flush()
-    kept = os.dup(2)
-    with tempfile.TemporaryFile() as said:
-        os.dup2(said.fileno(), 2)
-        try:
-            return importlib.import_module(f"bitfold_command.{name}")
-        except BaseException:
-            said.seek(0)
-            os.write(kept, said.read())
+    except RuntimeError as error:
+        if not _is_of_workers(error):
             raise
-        finally:
-            sys.stderr.flush()
-            os.dup2(kept, 2)
-            os.close(kept)
+        print(f"bitfold: {error}", file=sys.stderr)
+        return WRONG
+
+
+def _is_of_workers(error: RuntimeError) -> bool:
+    from bitfold import WorkerError  # imported already, where workers have failed
+
+    return isinstance(error, WorkerError)
 
 
 def _sentence(error: Exception) -> str:

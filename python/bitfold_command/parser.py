@@ -20,7 +20,10 @@ _STUDY = """examples:
   bitfold study model.tflite --data images.npz --widths 14:24 --shifts 0:4 --report report.html
   bitfold study model.tflite --data images.npy --labels labels.npy --widths 16,18 --half-precision
   bitfold study model.tflite --data images.npz --widths 16 --mixture 'block1*=14/4,conv_out=20'
-  bitfold study model.tflite --data images.npz --widths 14:24 --resume study.parts --json"""
+  bitfold study model.tflite --data images.npz --widths 14:24 --resume study.parts --json
+  bitfold study model.tflite --data 'images/*.npz' --widths 14:24 --workers 8
+  bitfold study model.tflite --data pictures --scale 0.0078125 --offset -1 --widths 14:24
+  bitfold study model.tflite --data pictures --widths 14:24 --scheduler tls://head:8786"""
 _NARROWEST = """examples:
   bitfold narrowest model.tflite --data images.npz
   bitfold narrowest model.tflite --data images.npz --shifts 0:4 --save narrow.bitfold
@@ -90,6 +93,10 @@ def _positive(text: str) -> int:
     return int(text)
 
 
+def _sample(text: str) -> str | int:
+    return text if text in ("sample", "all") else _positive(text)
+
+
 def _share(text: str) -> float:
     try:
         value = float(text)
@@ -118,6 +125,7 @@ def make_parser() -> argparse.ArgumentParser:
     _add_data(study)
     _add_arithmetics(study)
     _add_reports(study)
+    _add_workers(study)
     study.add_argument(
         "--channels", metavar="LAYER", action="append", default=[],
         help="print the channels of a layer, too; may be repeated",
@@ -125,6 +133,11 @@ def make_parser() -> argparse.ArgumentParser:
     study.add_argument(
         "--float-model", metavar="FILE",
         help="the float model, .keras or .tflite: what adds which error, layer by layer",
+    )  # fmt: skip
+    study.add_argument(
+        "--partial-sums", type=_sample, default="sample", metavar="sample|all|COUNT",
+        help="the images whose partial sums are looked at: the first 16 and every 256th (sample), "
+        "all, or one in so many (default: %(default)s)",
     )  # fmt: skip
     study.add_argument(
         "--resume", type=output, metavar="FILE",
@@ -154,6 +167,7 @@ def make_parser() -> argparse.ArgumentParser:
         "--save", type=output, metavar="FILE", help="write the network in the arithmetic found"
     )
     _add_reports(narrowest)
+    _add_workers(narrowest)
 
     compare = _task(tasks, "compare", "two networks on data, or two saved studies", _COMPARE)
     compare.add_argument("a", metavar="A", help="a model, a saved network, or a study's .json")
@@ -181,17 +195,29 @@ def _add_model(parser: argparse.ArgumentParser) -> None:
 def _add_data(parser: argparse.ArgumentParser, required: bool = True) -> None:
     group = parser.add_argument_group("data")
     group.add_argument(
-        "--data", required=required, metavar="FILE",
-        help="images as the network takes them: .npz with images and labels, or .npy",
+        "--data", required=required, metavar="FILES", action="append",
+        help="images as the network takes them: .npz with images and labels, .npy, TFRecord files, "
+        "or a folder of pictures with a folder for each class; a path or a pattern in quotes, may "
+        "be repeated",
     )  # fmt: skip
-    group.add_argument("--labels", metavar="FILE", help="labels as .npy, where --data has none")
+    group.add_argument(
+        "--labels", metavar="FILES", action="append",
+        help="labels as .npy, where --data has none; may be repeated",
+    )  # fmt: skip
     group.add_argument(
         "--x", metavar="NAME", action="append",
-        help="the array of the .npz with the images (default: x, images, x_test, inputs, or the "
-        "only one); once for each input",
+        help="the array of the .npz, or the feature of records, with the images (default: x, "
+        "images, x_test, inputs, image, or the only one); once for each input",
     )  # fmt: skip
     group.add_argument(
-        "--y", metavar="NAME", help="the array with the labels (default: y, labels, y_test)"
+        "--y", metavar="NAME", help="that with the labels (default: y, labels, y_test, label)"
+    )
+    group.add_argument(
+        "--scale", type=float, default=1.0, metavar="NUMBER",
+        help="what pixels of 0 to 255 of encoded pictures are multiplied by (default: 1)",
+    )  # fmt: skip
+    group.add_argument(
+        "--offset", type=float, default=0.0, metavar="NUMBER", help="what is added to them then"
     )
     group.add_argument("--images", type=_positive, metavar="COUNT", help="only the first so many")
     group.add_argument("--batch-size", type=_positive, metavar="COUNT", help="images at once")
@@ -227,4 +253,17 @@ def _add_reports(parser: argparse.ArgumentParser) -> None:
     parser.add_argument(
         "--report", type=report, action="append", default=[], metavar="FILE",
         help="write a report for people (.html) or all numbers (.json); may be repeated",
+    )  # fmt: skip
+
+
+def _add_workers(parser: argparse.ArgumentParser) -> None:
+    group = parser.add_argument_group("workers, which change no result")
+    chosen = group.add_mutually_exclusive_group()
+    chosen.add_argument(
+        "--workers", type=_positive, metavar="COUNT",
+        help="so many processes of this machine, which share its cores (default: this process)",
+    )  # fmt: skip
+    chosen.add_argument(
+        "--scheduler", metavar="ADDRESS",
+        help="the workers of a Dask scheduler, as tcp://head:8786; needs bitfold[distributed]",
     )  # fmt: skip

@@ -11,7 +11,7 @@ from typing import Any
 
 import bitfold
 from bitfold.studies import document, terminal
-from bitfold_command import files
+from bitfold_command import data, files, workers
 
 # The largest shift of a sum in half precision.
 _MOST_HALF = 6
@@ -24,18 +24,22 @@ def run(options: argparse.Namespace) -> int:
     if unknown := [name for name in options.channels if name not in known]:
         raise ValueError(f"Need layers of {sorted(known)} for --channels, got {unknown}")
     chosen = arithmetics(options)
-    x, y = files.data(options, network)
-    study = bitfold.study(
-        network,
-        x,
-        y,
-        arithmetics=chosen,
-        metric=options.metric,
-        float_model=None if options.float_model is None else files.float_model(options.float_model),
-        batch_size=options.batch_size,
-        resume=options.resume,
-        title=files.title(options.model),
-    )
+    x, y = data.of(options, network)
+    float_model = None if options.float_model is None else files.float_model(options.float_model)
+    with workers.executor(options) as executor:
+        study = bitfold.study(
+            network,
+            x,
+            y,
+            arithmetics=chosen,
+            metric=options.metric,
+            float_model=float_model,
+            partial_sums=options.partial_sums,
+            batch_size=options.batch_size,
+            resume=options.resume,
+            executor=executor,
+            title=files.title(options.model),
+        )
     show(study, options)
     if not options.json:
         for name in options.channels:

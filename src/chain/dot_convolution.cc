@@ -259,7 +259,8 @@ void DotConvolution<In, Output>::RunPanels(const Strip& strip, int32_t panel, in
       const int32_t pixels = kernels.pixels[size];
       const int32_t column = std::min(next, strip.columns - pixels);
       const int64_t x = row * strip.row + column * strip.column;
-      const Output at = output.At(int64_t{row} * strip.columns + column, first_channel, channels);
+      const Output at =
+          output.At(int64_t{row} * strip.columns + column, first_channel, channels, next - column);
       tile.x = strip.numbers + x;
       if (remainders_) {
         with_remainders.tables = strip.tables + x * with_remainders.entries;

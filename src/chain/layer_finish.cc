@@ -12,6 +12,7 @@
 #include "bitfold/int64_arithmetic.h"
 #include "bitfold/product_scaling.h"
 #include "chain/sum_output.h"
+#include "chain/sum_watch.h"
 #include "vector/intrinsics.h"
 #include "vector/rescale_steps.h"
 #include "vector/target.h"
@@ -142,10 +143,16 @@ void LayerFinish::Run(const int64_t* sums, int32_t pixels, int32_t lanes,
 }
 
 void FinishTile(const int32_t* sums, int32_t pixels, int32_t lanes, const StoredOutput& output) {
-  if (output.addends == nullptr) return output.finish->Run(sums, pixels, lanes, output);
   int32_t moved[kMostTileSums];
-  CurrentLoops().add(sums, pixels, lanes, output.addends + output.position, moved);
-  output.finish->Run(moved, pixels, lanes, output);
+  if (output.addends != nullptr) {
+    CurrentLoops().add(sums, pixels, lanes, output.addends + output.position, moved);
+    sums = moved;
+  }
+  if (output.watch != nullptr && output.repeated < pixels) {
+    output.watch->See(sums + int64_t{output.repeated} * lanes, pixels - output.repeated, lanes,
+                      output);
+  }
+  output.finish->Run(sums, pixels, lanes, output);
 }
 
 }  // namespace bitfold

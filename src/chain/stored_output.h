@@ -7,11 +7,13 @@
 #ifndef BITFOLD_SRC_CHAIN_STORED_OUTPUT_H_
 #define BITFOLD_SRC_CHAIN_STORED_OUTPUT_H_
 
+#include <algorithm>
 #include <cstdint>
 
 namespace bitfold {
 
 class LayerFinish;  // chain/layer_finish.h
+class SumWatch;     // chain/sum_watch.h
 
 // Outputs of a layer, from `position` on: positions lie `stride` channels apart.
 struct StoredOutput {
@@ -23,10 +25,17 @@ struct StoredOutput {
   int32_t channels;  // of the tile's lanes, those that exist
   // For each position from 0 on, modulo 2^32; or null.
   const int32_t* addends = nullptr;
+  SumWatch* watch = nullptr;  // what looks at the sums before they are finished, or null
+  int32_t repeated = 0;       // of the tile's positions the first so many were finished before
+
+  // How many of the positions from `first` on were.
+  int32_t RepeatedFrom(int32_t first) const { return std::max(0, repeated - first); }
 
   // The same for `lanes` channels from `first_channel` on, of the outputs from `next` on.
-  StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes) const {
-    return {finish, out, position + next, stride, channel + first_channel, lanes, addends};
+  StoredOutput At(int64_t next, int32_t first_channel, int32_t lanes,
+                  int32_t repeated_positions = 0) const {
+    return {finish,  out,   position + next,   stride, channel + first_channel, lanes,
+            addends, watch, repeated_positions};
   }
 };
 

@@ -22,8 +22,12 @@ struct SumOutput {
   int32_t channels;  // of the tile's lanes, those that exist
   int32_t bits;      // 1 to 32
 
-  // The same for `lanes` channels from `channel` on, of the outputs from `position` on.
-  SumOutput At(int64_t position, int32_t channel, int32_t lanes) const {
+  // What is written again is the same.
+  static int32_t RepeatedFrom(int32_t) { return 0; }
+
+  // The same for `lanes` channels from `channel` on, of the outputs from `position` on, of which
+  // some may have been written before.
+  SumOutput At(int64_t position, int32_t channel, int32_t lanes, int32_t = 0) const {
     const int64_t o = position * stride + channel;
     return {elementwise == nullptr ? nullptr : elementwise + o, out + o, stride, lanes, bits};
   }

@@ -126,17 +126,17 @@ int64_t LargestOfType(int32_t zero_point) {
                   zero_point - int64_t{std::numeric_limits<T>::min()});
 }
 
-// Whether 16 bits hold the factors and 32 bits all sums. The numbers are looked at only where their
-// types do not say so; of bytes as data any is taken for possible, as with their offset it is.
+// Whether 16 bits hold the factors and all sums of products' magnitudes are below `most`. The
+// numbers are looked at only where their types do not say so; of bytes as data any is taken for
+// possible, as with their offset it is.
 template <typename In, typename Weight>
-bool IsNarrow(const PartialSumsCall<In, Weight>& call) {
+bool IsNarrow(const PartialSumsCall<In, Weight>& call, int64_t most) {
   constexpr int64_t kMostFactor = INT16_MAX;
-  constexpr int64_t kMostSum = int64_t{1} << 30;
   const bool is_bytes = std::is_same_v<In, int8_t>;
   int64_t data = is_bytes ? UINT8_MAX : LargestOfType<In>(call.input_zero_point);
   int64_t weights = LargestOfType<Weight>(call.filter_zero_point);
   const int64_t products = call.FilterElements() / call.out_channels;
-  if (data <= kMostFactor && weights <= kMostFactor && products < kMostSum / (data * weights)) {
+  if (data <= kMostFactor && weights <= kMostFactor && products < most / (data * weights)) {
     return true;
   }
   if (!is_bytes) {
@@ -144,7 +144,7 @@ bool IsNarrow(const PartialSumsCall<In, Weight>& call) {
   }
   weights = LargestMagnitude(call.filter, call.FilterElements(), call.filter_zero_point);
   if (data > kMostFactor || weights > kMostFactor) return false;
-  return data * LargestWeightSum(call) < kMostSum;
+  return data * LargestWeightSum(call) < most;
 }
 
 template <typename In, typename Weight>
@@ -162,9 +162,9 @@ void ComputeOfOneFilter(const PartialSumsCall<In, Weight>& call, const PartialSu
 
 template <typename In, typename Weight>
 PartialSumsForm FormOf(const PartialSumsCall<In, Weight>& call) {
-  if (!HasPlainWindows(call) || !IsNarrow(call)) return PartialSumsForm::kDefinition;
+  if (!HasPlainWindows(call) || !IsNarrow(call, kMostLaneSum)) return PartialSumsForm::kDefinition;
   if constexpr (std::is_same_v<In, int8_t> && std::is_same_v<Weight, int8_t>) {
-    if (HasSumDots(call)) return PartialSumsForm::kDots;
+    if (HasSumDots(call) && IsNarrow(call, kMostDotSum)) return PartialSumsForm::kDots;
   }
   return PartialSumsForm::kLanes;
 }

@@ -22,17 +22,26 @@ inline int32_t WordAt(const uint8_t* x) {
   return word;
 }
 
+// From a word's bytes to their magnitudes.
+constexpr int32_t MagnitudesAt(int32_t x_word) { return x_word - 4; }
+
 BITFOLD_BEGIN_AVX512_VNNI
 namespace avx512_vnni {
 
+// A tile in registers, step by step.
+#include "cpu/partial_sums_steps.inc"
+// From segment to segment, and what one may have inside.
 #include "cpu/partial_sums_advance.inc"
+#include "cpu/partial_sums_spans.inc"
+// What it has inside.
+#include "cpu/partial_sums_count.inc"
 #include "cpu/partial_sums_resolve.inc"
 
 #define BITFOLD_ADVANCE(pixels) \
-  { Advance<pixels, 1>, Advance<pixels, 2> }
+  { Advance<pixels, false>, Advance<pixels, true> }
 constexpr BorderKernels kKernels = {
-    {7, 4, 2, 1},
-    {BITFOLD_ADVANCE(7), BITFOLD_ADVANCE(4), BITFOLD_ADVANCE(2), BITFOLD_ADVANCE(1)},
+    {14, 7, 2, 1},
+    {BITFOLD_ADVANCE(14), BITFOLD_ADVANCE(7), BITFOLD_ADVANCE(2), BITFOLD_ADVANCE(1)},
     Resolve};
 #undef BITFOLD_ADVANCE
 

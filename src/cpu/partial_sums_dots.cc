@@ -11,6 +11,7 @@
 
 #include "chain/lane_windows.h"
 #include "cpu/partial_sums_borders.h"
+#include "cpu/partial_sums_dot_layer.h"
 #include "cpu/partial_sums_record.h"
 #include "cpu/partial_sums_tile.h"
 #include "cpu/partial_sums_windows.h"
@@ -19,15 +20,9 @@ namespace bitfold {
 namespace {
 
 constexpr int32_t kInWord = 4;
-constexpr int32_t kSegmentSteps = 16;  // at most, unless a word has more
 constexpr int32_t kMostTaps = kMostSegmentSteps / kInWord;
 
 constexpr int32_t kNoExcess[kSumLanes] = {};
-
-// Of each lane four channels' weights.
-struct alignas(64) WeightVector {
-  int32_t words[kSumLanes];
-};
 
 // The extremes that all threads have reached.
 class SharedExtremes {
@@ -50,151 +45,105 @@ class SharedExtremes {
   std::vector<int32_t> greatest_;
 };
 
-// What threads share.
-class Layer {
+// The rows of an image as tiles read them: as bytes, or, where these are not the magnitudes of the
+// numbers that they stand for, as words of bytes and of magnitudes in turn.
+class DotRows {
  public:
-  Layer(const BytesCall& of, const PartialSumsTables& tables)
-      : call(of),
-        layout{of.out_channels, of.bias, of.mult_shift, of.sizes, of.size_count},
-        windows(of, kInWord),
-        units(of.batch, windows.rows.outputs, windows.columns.outputs),
-        begins(layout, tables),
-        kernels(*CurrentBorderKernels()),
-        loops(CurrentSummedLoops()),
-        words((of.in_channels + kInWord - 1) / kInWord),
-        segment_words(std::clamp(kSegmentSteps / kInWord / windows.columns.taps, 1, words)),
-        row_segments((words + segment_words - 1) / segment_words) {
-    PackWeights();
-    Bound();
-    for (int32_t c = 0; c < windows.columns.outputs; ++c) {
-      const TapRange inside = TapsInside(windows.columns, c);
-      taps.push_back({inside.first, inside.count});
-    }
+  explicit DotRows(const SummedDotLayer& layer)
+      : layer_(layer), bytes_(layer.windows, 128, static_cast<uint8_t>(layer.Offset())) {
+    if (layer.HasOwnMagnitudes()) return;
+    pairs_.resize(static_cast<size_t>(int64_t{2} * (layer.windows.Numbers() + bytes_.kBeyond)));
+    images_.assign(static_cast<size_t>(layer.windows.rows.input), -1);
   }
 
-  int64_t RowVectors() const { return int64_t{words} * windows.columns.taps; }
-  int64_t PanelVectors() const { return windows.rows.taps * RowVectors(); }
-  int64_t PanelSegments() const { return int64_t{windows.rows.taps} * row_segments; }
-  int32_t Offset() const { return call.input_zero_point + 128; }
-
-  const BytesCall& call;
-  const RecordLayout layout;
-  const SumWindows windows;
-  const SumUnits units;
-  const SumRecord begins;
-  const BorderKernels& kernels;
-  const SummedLoops& loops;
-  const int32_t words;  // of a pixel
-  const int32_t segment_words;
-  const int32_t row_segments;
-  std::vector<WeightVector> weights;  // [panel][row][word][column]
-  std::vector<SegmentBounds> bounds;  // [panel][row][segment]
-  std::vector<PixelTaps> taps;        // of each column of outputs
+  // Row `row` of the padded image.
+  const uint8_t* Row(int32_t image, int32_t row) {
+    const uint8_t* const bytes = bytes_.Row(layer_.call.input, image, row);
+    if (layer_.HasOwnMagnitudes()) return bytes;
+    uint8_t* const pairs = pairs_.data() + int64_t{2} * row * bytes_.row_numbers();
+    int32_t& held = images_[static_cast<size_t>(row)];
+    if (held != image) Pair(bytes, pairs);
+    held = image;
+    return pairs;
+  }
 
  private:
-  void PackWeights() {
-    weights.resize(static_cast<size_t>(layout.panels() * PanelVectors()));
-    const int64_t outputs = call.out_channels;
-    const std::vector<int8_t> none(static_cast<size_t>(outputs));
-    for (int64_t kh = 0; kh < windows.rows.taps; ++kh) {
-      for (int64_t kw = 0; kw < windows.columns.taps; ++kw) {
-        const int8_t* tap =
-            call.filter + (kh * windows.columns.taps + kw) * call.in_channels * outputs;
-        for (int32_t word = 0; word < words; ++word) {
-          const int8_t* rows[kInWord];
-          for (int32_t c = 0; c < kInWord; ++c) {
-            const int32_t channel = word * kInWord + c;
-            rows[c] = channel < call.in_channels ? tap + channel * outputs : none.data();
-          }
-          const int64_t vector = kh * RowVectors() + int64_t{word} * windows.columns.taps + kw;
-          loops.pack_words(rows, call.out_channels, PanelVectors() * kSumLanes,
-                           weights[static_cast<size_t>(vector)].words);
-        }
+  void Pair(const uint8_t* bytes, uint8_t* pairs) const {
+    const auto zero = static_cast<uint8_t>(layer_.Offset());
+    for (int64_t i = bytes_.row_numbers() / kInWord; i > 0; --i) {
+      for (int32_t c = 0; c < kInWord; ++c) {
+        const uint8_t byte = bytes[c];
+        pairs[c] = byte;
+        pairs[kInWord + c] = static_cast<uint8_t>(byte < zero ? zero - byte : byte - zero);
       }
+      bytes += kInWord;
+      pairs += int64_t{2} * kInWord;
     }
   }
 
-  // Each channel's numbers, less the zero point, and 0.
-  std::vector<ChannelRange> Ranges() const {
-    const auto zero_point = static_cast<int8_t>(call.input_zero_point);
-    const auto channels = static_cast<size_t>(call.in_channels);
-    std::vector<int8_t> least(channels, zero_point);
-    std::vector<int8_t> greatest(channels, zero_point);
-    const int64_t pixels = call.batch * call.InputElements() / call.in_channels;
-    loops.channel_ranges(call.input, pixels, call.in_channels, least.data(), greatest.data());
-    std::vector<ChannelRange> ranges(static_cast<size_t>(words) * kInWord);
-    for (size_t c = 0; c < channels; ++c) {
-      ranges[c] = {least[c] - call.input_zero_point, greatest[c] - call.input_zero_point};
-    }
-    return ranges;
-  }
-
-  void Bound() {
-    bounds.resize(static_cast<size_t>(layout.panels() * PanelSegments()));
-    const std::vector<ChannelRange> ranges = Ranges();
-    for (int32_t p = 0; p < layout.panels(); ++p) {
-      const SegmentBounds* before = nullptr;
-      for (int64_t s = 0; s < PanelSegments(); ++s) {
-        const int64_t row = s / row_segments;
-        const auto word = static_cast<int32_t>(s % row_segments) * segment_words;
-        const int64_t vector =
-            p * PanelVectors() + row * RowVectors() + int64_t{word} * windows.columns.taps;
-        SegmentBounds& of = bounds[static_cast<size_t>(p * PanelSegments() + s)];
-        loops.bound(
-            {weights[static_cast<size_t>(vector)].words, ranges.data() + int64_t{word} * kInWord,
-             std::min(segment_words, words - word), windows.columns.taps, Offset()},
-            before, &of);
-        before = &of;
-      }
-    }
-  }
+  const SummedDotLayer& layer_;
+  PackedRows<uint8_t> bytes_;
+  std::vector<uint8_t> pairs_;
+  std::vector<int32_t> images_;  // whose row is held in pairs
 };
 
 // What a thread sees.
 class Part {
  public:
-  explicit Part(const Layer& layer)
+  explicit Part(const SummedDotLayer& layer)
       : layer_(layer),
         record_(layer.begins),
-        rows_(layer.windows, 128, static_cast<uint8_t>(layer.Offset())),
-        loudness_(layer.bounds.size(), kLoud),
-        counts_(static_cast<size_t>(layer.layout.size_count * kBorderPixels * kBorderPanels)) {}
+        rows_(layer),
+        loudness_(layer.bounds.size()),
+        counts_(static_cast<size_t>(layer.layout.size_count * kBorderPixels)) {
+    for (int32_t p = 0; p < layer.layout.panels(); ++p) {
+      const auto first = loudness_.begin() + p * layer.PanelSegments();
+      if (KnowsNothing(record_.panel(p))) std::fill_n(first, layer.PanelSegments(), kLoud);
+    }
+  }
 
   SumRecord& record() { return record_; }
 
   void Run(const SumUnit& unit) {
-    for (int32_t p = 0; p < layer_.layout.panels(); p += kBorderPanels) {
-      const int32_t panels = std::min(kBorderPanels, layer_.layout.panels() - p);
-      for (int32_t row = unit.first_row; row < unit.end_row; ++row) {
-        RunRow(unit, row, p, panels);
-      }
+    for (int32_t p = 0; p < layer_.layout.panels(); ++p) {
+      for (int32_t row = unit.first_row; row < unit.end_row; ++row) RunRow(unit, row, p);
     }
   }
 
  private:
+  static bool KnowsNothing(const PanelRecord& panel) {
+    for (int l = 0; l < kSumLanes; ++l) {
+      if (panel.least[l] > panel.greatest[l]) return true;
+    }
+    return false;
+  }
+
   // A tile of outputs.
   struct Place {
     int32_t column;
     int32_t pixels;
     int32_t panel;
-    int32_t panels;
     TapRange rows;
   };
 
-  void RunRow(const SumUnit& unit, int32_t row, int32_t panel, int32_t panels) {
-    const SumWindows& windows = layer_.windows;
-    const TapRange rows = TapsInside(windows.rows, row);
-    const int32_t y = windows.rows.Coordinate(row, rows.first);
+  // The first row that a row of outputs meets; the others follow it.
+  const uint8_t* RowsAt(int32_t image, int32_t row, int32_t taps) {
+    const WindowAxis& axis = layer_.windows.rows;
     const uint8_t* first = nullptr;
-    for (int32_t r = rows.count - 1; r >= 0; --r) {
-      first = rows_.Row(layer_.call.input, unit.image, y + r * windows.rows.dilation);
-    }
+    for (int32_t r = taps - 1; r >= 0; --r) first = rows_.Row(image, row + r * axis.dilation);
+    return first;
+  }
+
+  void RunRow(const SumUnit& unit, int32_t row, int32_t panel) {
+    const WindowAxis& axis = layer_.windows.rows;
+    const TapRange taps = TapsInside(axis, row);
+    const uint8_t* const rows = RowsAt(unit.image, axis.Coordinate(row, taps.first), taps.count);
     for (int32_t column = unit.first_column; column < unit.end_column;) {
       int size = 0;
       while (layer_.kernels.pixels[size] > unit.end_column - column) ++size;
       const int32_t pixels = layer_.kernels.pixels[size];
-      RunTile({column, pixels, panel, panels, rows}, first,
-              layer_.kernels.advance[size][panels - 1]);
+      RunTile({column, pixels, panel, taps}, rows,
+              layer_.kernels.advance[size][layer_.HasOwnMagnitudes()]);
       column += pixels;
     }
   }
@@ -202,22 +151,22 @@ class Part {
   BorderTile TileAt(const Place& place, const uint8_t* rows) {
     const SumWindows& windows = layer_.windows;
     BorderTile tile{};
-    tile.excess[0] = tile.excess[1] = kNoExcess;
+    tile.excess = kNoExcess;
     tile.segment_words = layer_.segment_words;
     tile.words = layer_.words;
-    if (place.rows.count == 0) return tile;  // no addends
-    tile.x = rows + windows.ColumnAt(place.column);
+    if (place.rows.count == 0) return tile;                   // no addends
+    const int64_t bytes = layer_.HasOwnMagnitudes() ? 1 : 2;  // of a number
+    tile.x = rows + bytes * windows.ColumnAt(place.column);
     const int64_t vector =
         place.panel * layer_.PanelVectors() + place.rows.first * layer_.RowVectors();
-    tile.w = layer_.weights[static_cast<size_t>(vector)].words;
+    tile.w = &layer_.weights[static_cast<size_t>(vector)];
     const int64_t segment =
         place.panel * layer_.PanelSegments() + int64_t{place.rows.first} * layer_.row_segments;
     tile.bounds = &layer_.bounds[static_cast<size_t>(segment)];
-    tile.x_pixel = windows.columns.stride * windows.pixel;
-    tile.x_row = windows.rows.dilation * windows.RowNumbers();
-    tile.x_tap = windows.columns.dilation * windows.pixel;
-    tile.w_panel = layer_.PanelVectors() * kSumLanes;
-    tile.bounds_panel = layer_.PanelSegments();
+    tile.x_pixel = bytes * windows.columns.stride * windows.pixel;
+    tile.x_row = bytes * windows.rows.dilation * windows.RowNumbers();
+    tile.x_tap = bytes * windows.columns.dilation * windows.pixel;
+    tile.x_word = static_cast<int32_t>(bytes * kInWord);
     tile.rows = place.rows.count;
     tile.taps = windows.columns.taps;
     tile.channels = layer_.call.in_channels;
@@ -225,44 +174,38 @@ class Part {
     tile.loudness = loudness_.data() + segment;
     tile.first_plain = FirstPlain(place);
     tile.narrowest = record_.limits();
-    for (int32_t n = 0; n < place.panels && place.rows.first != 0; ++n) {
-      tile.excess[n] = tile.bounds[n * tile.bounds_panel - 1].excess;
-    }
+    if (place.rows.first != 0) tile.excess = (tile.bounds - 1)->excess;
     return tile;
   }
 
   void RunTile(const Place& place, const uint8_t* rows, BorderKernels::Advance advance) {
     const BorderTile tile = TileAt(place, rows);
-    PanelRecord* const panels = &record_.panel(place.panel);
+    PanelRecord* const panel = &record_.panel(place.panel);
     is_counted_ = false;
     for (int32_t next = 0;;) {
-      const int32_t segment = advance(tile, panels, next, &sums_);
+      const int32_t segment = advance(tile, panel, next, &sums_);
       if (segment == tile.Segments()) break;
-      for (int32_t n = 0; n < place.panels; ++n) {
-        if ((sums_.changes >> n & 1) != 0) Change(place, tile, segment, n);
-      }
+      Change(place, tile, segment);
       next = segment + 1;
     }
-    if (sums_.changes != 0 || is_counted_) AddOutputs(place);
+    if (sums_.changes || is_counted_) AddOutputs(place);
   }
 
-  // A segment in which a panel's extremes or counts may change.
-  void Change(const Place& place, const BorderTile& tile, int32_t segment, int32_t n) {
+  // A segment in which extremes or counts may change.
+  void Change(const Place& place, const BorderTile& tile, int32_t segment) {
     const int32_t row = segment / layer_.row_segments;
     const int32_t word = segment % layer_.row_segments * layer_.segment_words;
     const int32_t words = std::min(layer_.segment_words, layer_.words - word);
     const int32_t first = word * kInWord;
-    const int64_t vector = (int64_t{row} * tile.words + word) * tile.taps;
-    const SegmentBounds* const bounds = &tile.bounds[n * tile.bounds_panel + segment];
-    const PixelTaps* const taps = &layer_.taps[static_cast<size_t>(place.column)];
-    const SegmentSpot spot = {tile.x + row * tile.x_row + first,
-                              tile.w + n * tile.w_panel + vector * kSumLanes,
+    const SegmentBounds* const bounds = &tile.bounds[segment];
+    const SegmentSpot spot = {tile.x + row * tile.x_row + int64_t{word} * tile.x_word,
+                              tile.w + (int64_t{row} * tile.words + word) * tile.taps,
                               bounds,
-                              segment == 0 ? tile.excess[n] : (bounds - 1)->excess,
-                              taps,
+                              segment == 0 ? tile.excess : (bounds - 1)->excess,
+                              &layer_.taps[static_cast<size_t>(place.column)],
                               tile.x_pixel,
                               tile.x_tap,
-                              n,
+                              tile.x_word,
                               place.pixels,
                               words,
                               tile.taps,
@@ -271,14 +214,13 @@ class Part {
                               layer_.Offset(),
                               segment >= tile.first_plain,
                               tile.loudness + segment};
-    const int32_t panel = place.panel + n;
     CountedWidths counted = {nullptr, record_.widths(), record_.limits(), nullptr, 0};
     if (counted.count != 0) {
-      counted.widths = &record_.width(panel, 0);
-      counted.counts = CountsOf(n, 0);
-      counted.pixel_counts = int64_t{kBorderPanels} * record_.widths();
+      counted.widths = &record_.width(place.panel, 0);
+      counted.counts = CountsOf(0);
+      counted.pixel_counts = record_.widths();
     }
-    layer_.kernels.resolve(spot, sums_, &record_.panel(panel), counted);
+    layer_.kernels.resolve(spot, sums_, &record_.panel(place.panel), counted);
   }
 
   // In the first segment taps may come before the first addend, and some pixels have none.
@@ -292,37 +234,35 @@ class Part {
     return first;
   }
 
-  // Of the tile, of each width; all 0 at first.
-  OutputCounts* CountsOf(int32_t n, int32_t p) {
+  // Of a pixel of the tile, of each width; all 0 at first.
+  OutputCounts* CountsOf(int32_t p) {
     if (!is_counted_) {
       std::fill(counts_.begin(), counts_.end(), OutputCounts{});
       is_counted_ = true;
     }
-    return counts_.data() + (int64_t{p} * kBorderPanels + n) * record_.widths();
+    return counts_.data() + int64_t{p} * record_.widths();
   }
 
   void AddOutputs(const Place& place) {
-    for (int32_t n = 0; n < place.panels; ++n) {
-      for (int32_t p = 0; p < place.pixels; ++p) {
-        const PixelTaps taps = layer_.taps[static_cast<size_t>(int64_t{place.column} + p)];
-        const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
-        const OutputCounts* const counts = is_counted_ ? CountsOf(n, p) : nullptr;
-        for (int32_t i = 0; i < record_.widths(); ++i) {
-          layer_.loops.add_output({sums_.end[p][n], counts == nullptr ? nullptr : counts + i,
-                                   static_cast<int32_t>(products), record_.has_bias()},
-                                  &record_.width(place.panel + n, i));
-        }
+    for (int32_t p = 0; p < place.pixels; ++p) {
+      const PixelTaps taps = layer_.taps[static_cast<size_t>(int64_t{place.column} + p)];
+      const int64_t products = int64_t{place.rows.count} * layer_.call.in_channels * taps.count;
+      const OutputCounts* const counts = is_counted_ ? CountsOf(p) : nullptr;
+      for (int32_t i = 0; i < record_.widths(); ++i) {
+        layer_.loops.add_output({sums_.end[p], counts == nullptr ? nullptr : counts + i,
+                                 static_cast<int32_t>(products), record_.has_bias()},
+                                &record_.width(place.panel, i));
       }
     }
   }
 
-  const Layer& layer_;
+  const SummedDotLayer& layer_;
   SumRecord record_;
-  PackedRows<uint8_t> rows_;
+  DotRows rows_;
   BorderSums sums_;
-  std::vector<uint8_t> loudness_;  // of the segments of every second panel
+  std::vector<uint8_t> loudness_;  // of the segments
   bool is_counted_ = false;
-  std::vector<OutputCounts> counts_;  // of the tile: [pixel][panel][width]
+  std::vector<OutputCounts> counts_;  // of the tile: [pixel][width]
 };
 
 }  // namespace
@@ -333,7 +273,7 @@ bool HasSumDots(const BytesCall& call) {
 }
 
 void SumByDots(const BytesCall& call, const PartialSumsTables& tables, Workers* workers) {
-  const Layer layer(call, tables);
+  const SummedDotLayer layer(call, tables);
   SharedExtremes extremes(layer.begins);
   const int64_t products = layer.units.Pixels() * call.FilterElements();
   constexpr int64_t kProductsInACycle = 32;

@@ -12,8 +12,10 @@
 
 namespace bitfold {
 
-// Adds the outputs to the tables. Requires one filter, and sums of products that stay below 2^30 in
-// magnitude.
+inline constexpr int64_t kMostLaneSum = int64_t{1} << 30;
+
+// Adds the outputs to the tables. Requires one filter, and sums of products that stay below
+// kMostLaneSum in magnitude.
 template <typename In, typename Weight>
 void SumInLanes(const PartialSumsCall<In, Weight>& call, const PartialSumsTables& tables,
                 Workers* workers);

@@ -22,7 +22,7 @@ namespace {
 #define BITFOLD_LOOP_TABLE                                                                    \
   SummedLoops {                                                                               \
     {BITFOLD_RANGES_OF(8), BITFOLD_RANGES_OF(4), BITFOLD_RANGES_OF(2), BITFOLD_RANGES_OF(1)}, \
-        {Count<false>, Count<true>}, Record, ChannelRanges, Bound, PackWords, AddOutput       \
+        {Count<false>, Count<true>}, Record, Bound, PackWords, AddOutput                      \
   }
 #include "vector/vector_loops.inc"
 #undef BITFOLD_RANGES_OF

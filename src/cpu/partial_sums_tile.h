@@ -43,19 +43,10 @@ struct alignas(64) TileRanges {
   int32_t greatest[kSumLanes];
 };
 
-// What a channel's numbers lie within; 0 is among them.
-struct ChannelRange {
-  int32_t least;
-  int32_t greatest;
-};
-
-// The weights of a segment and a panel, [word][tap][lane] of four channels each, and the numbers
-// that they meet, less the offset that the bytes have.
+// The weights of a segment and a panel, and the offset of the bytes that they meet.
 struct SegmentWeights {
-  const int32_t* words_of_weights;
-  const ChannelRange* ranges;
-  int32_t words;
-  int32_t taps;
+  WeightVector* vectors;
+  int32_t count;
   int32_t offset;
 };
 
@@ -78,10 +69,7 @@ struct SummedLoops {
   // the limits, or an end outside of a width.
   bool (*record)(const TileRanges&, int pixels, const SumLimits&, PanelRecord*);
 
-  // Widens the least and the greatest number of each channel.
-  void (*channel_ranges)(const int8_t* numbers, int64_t pixels, int32_t channels, int8_t* least,
-                         int8_t* greatest);
-  // `before` is the segment before, or null.
+  // Finds the magnitudes of the weights, and the bounds; `before` is the segment before, or null.
   void (*bound)(const SegmentWeights&, const SegmentBounds* before, SegmentBounds*);
   // Puts four rows of numbers together as words, by panels.
   void (*pack_words)(const int8_t* const* rows, int32_t columns, int64_t panel, int32_t* words);

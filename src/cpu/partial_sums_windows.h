@@ -99,13 +99,13 @@ struct SumWindows {
 };
 
 // The rows of an image as X, each packed when it is first met. A number is stored as the image's
-// plus `offset`; one of the zeros as `zero`.
+// plus `offset`; one of the zeros, and what pixels are filled up with, as `zero`.
 template <typename X>
 class PackedRows {
  public:
   PackedRows(const SumWindows& windows, int32_t offset, X zero)
       : windows_(windows),
-        offset_(offset),
+        offset_(static_cast<X>(offset)),
         zero_(zero),
         numbers_(static_cast<size_t>(windows.Numbers() + kBeyond), zero),
         images_(static_cast<size_t>(windows.rows.input), -1) {}
@@ -127,10 +127,10 @@ class PackedRows {
 
   int64_t row_numbers() const { return windows_.RowNumbers(); }
 
- private:
   // What is read beyond the last pixel and does not count.
   static constexpr int64_t kBeyond = 64;
 
+ private:
   template <typename In>
   void Pack(const In* image, X* packed) const {
     const int64_t first = std::max<int64_t>(0, windows_.image_first);
@@ -141,19 +141,31 @@ class PackedRows {
     X* const to = packed + first * windows_.pixel;
     const int64_t columns = end - first;
     if (windows_.pixel == windows_.channels) return Convert(from, columns * windows_.channels, to);
+    if (windows_.channels == 1) return ConvertPixels<1>(from, columns, to);
+    if (windows_.channels == 3) return ConvertPixels<3>(from, columns, to);
     for (int64_t column = 0; column < columns; ++column) {
       Convert(from + column * windows_.channels, windows_.channels, to + column * windows_.pixel);
     }
   }
 
+  // Images as they are mostly stored.
+  template <int kChannels, typename In>
+  void ConvertPixels(const In* from, int64_t columns, X* to) const {
+    const X offset = offset_;
+    const int64_t pixel = windows_.pixel;
+    for (int64_t column = 0; column < columns; ++column, from += kChannels, to += pixel) {
+      for (int c = 0; c < kChannels; ++c) to[c] = static_cast<X>(from[c] + offset);
+    }
+  }
+
   template <typename In>
   void Convert(const In* from, int64_t count, X* to) const {
-    const int32_t offset = offset_;
+    const X offset = offset_;
     for (int64_t i = 0; i < count; ++i) to[i] = static_cast<X>(from[i] + offset);
   }
 
   const SumWindows& windows_;
-  const int32_t offset_;
+  const X offset_;  // modulo its numbers
   const X zero_;
   std::vector<X> numbers_;
   std::vector<int32_t> images_;  // whose row is held

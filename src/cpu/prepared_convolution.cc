@@ -16,8 +16,9 @@
 namespace bitfold {
 
 template <typename In, typename Out>
-PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Workers* workers)
-    : layer_(layer) {
+PreparedConvolution<In, Out>::PreparedConvolution(const PreparedLayer& layer, Workers* workers,
+                                                  SumsOfTiles sums)
+    : wished_(sums), layer_(layer) {
   std::vector<int32_t> bias;
   if (layer.IsWide()) {
     const ExactSums exact = ExactSumsOf(layer, InputFacts().Magnitude());
@@ -60,6 +61,7 @@ void PreparedConvolution<In, Out>::Prepare(Workers* workers) {
     PrepareSums(&halves_, std::vector<float>(weights.begin(), weights.end()), corrects, workers);
   } else {
     plan_ = PlanInt32(FactsWith(weights), CurrentDotKernels<StoredOutput>().HasBytes());
+    if (wished_ == SumsOfTiles::kWhole) KeepWhole(weights, corrects);
     // Lines about corrected signs come from the sums' images.
     if (IsDots(plan_->path) && !corrects) dots_.emplace(layer_, *plan_);
     if (dots_ && !dots_->Fits()) dots_.reset();
@@ -113,7 +115,38 @@ void PreparedConvolution<In, Out>::PrepareWide(const ExactSums& exact) {
   kept_.reset();
   const std::vector<int64_t> none(static_cast<size_t>(layer_.out_channels));
   if (layer_.wide_bias == nullptr) layer_.wide_bias = none.data();
-  finish_ = std::make_unique<LayerFinish>(FinishCall());
+  const LayerFinishCall finish = FinishCall();
+  has_whole_tiles_ = wished_ == SumsOfTiles::kWhole;
+  KeepAddends(finish);
+  finish_ = std::make_unique<LayerFinish>(finish);
+}
+
+// Plans for sums that are whole where all of them fit 32 bits, as those of 64 bits do that are made
+// here, and by theorem 1 those of the accumulator are their low bits.
+template <typename In, typename Out>
+void PreparedConvolution<In, Out>::KeepWhole(const std::vector<int32_t>& weights, bool corrects) {
+  if (corrects || plan_->path == ChainPath::kStepwise) return;
+  if (wide_sums_ == WideSums::kNone && LargestSum(weights) > INT32_MAX) return;
+  ChainFacts facts = FactsWith(weights);
+  facts.accumulator_size = 32;
+  const int32_t bits = plan_->bits;
+  plan_ = PlanInt32(facts, CurrentDotKernels<StoredOutput>().HasBytes());
+  plan_->bits = bits;
+  has_whole_tiles_ = true;
+}
+
+// Of what finishes the layer.
+template <typename In, typename Out>
+void PreparedConvolution<In, Out>::KeepAddends(const LayerFinishCall& finish) {
+  if (!has_whole_tiles_) return;
+  addends_.resize(static_cast<size_t>(layer_.out_channels));
+  for (size_t c = 0; c < addends_.size(); ++c) {
+    if (finish.wide_bias != nullptr) {
+      addends_[c] = ShiftRoundHalfToEven64(finish.wide_bias[c], layer_.mult_shift);
+    } else if (finish.bias != nullptr) {
+      addends_[c] = finish.datapath.ScaleProduct(finish.bias[c]);
+    }
+  }
 }
 
 // What the type and the zero point bound.
@@ -186,6 +219,7 @@ void PreparedConvolution<In, Out>::PrepareDots(const std::vector<int32_t>& weigh
   finish.largest_sum = std::min(largest, finish.largest_sum);
   if (begins) finish.bias = nullptr;
   dots_->Prepare(weights, begins ? layer_.bias : nullptr);
+  KeepAddends(finish);
   finish_ = std::make_unique<LayerFinish>(finish);
 }
 
@@ -194,9 +228,16 @@ template <typename T>
 void PreparedConvolution<In, Out>::PrepareSums(std::optional<PreparedSums<T>>* sums,
                                                std::vector<T> weights, bool corrects,
                                                Workers* workers) {
+  if (has_whole_tiles_) {
+    LayerFinishCall finish = FinishCall();
+    finish.bits = layer_.accumulator_size;
+    KeepAddends(finish);
+    finish_ = std::make_unique<LayerFinish>(finish);
+    layer_.accumulator_size = 32;  // of what sums
+  }
   sums->emplace(layer_, std::move(weights), corrects, InputFacts(), workers);
   plan_ = (*sums)->plan();
-  finish_ = std::make_unique<LayerFinish>(FinishCall());
+  if (!has_whole_tiles_) finish_ = std::make_unique<LayerFinish>(FinishCall());
 }
 
 // Of sums that are reduced.
@@ -216,7 +257,7 @@ LayerFinishCall PreparedConvolution<In, Out>::FinishCall() const {
 
 template <typename In, typename Out>
 void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* output,
-                                       Workers* workers) const {
+                                       Workers* workers, SumWatch* watch) const {
   if (kept_) {
     const int64_t cost = layer_.Positions() * layer_.FilterElements();
     return workers->Share(batch, cost, [&](int64_t first, int64_t end) {
@@ -225,8 +266,8 @@ void PreparedConvolution<In, Out>::Run(const In* input, int32_t batch, Out* outp
                                 output + first * layer_.OutputElements());
     });
   }
-  const StoredOutput outputs = {finish_.get(),       output, 0,
-                                layer_.out_channels, 0,      layer_.out_channels};
+  const StoredOutput outputs = {finish_.get(),       output,  0,    layer_.out_channels, 0,
+                                layer_.out_channels, nullptr, watch};
   if (wide_) return wide_->Run(input, batch, outputs, workers);
   if (dots_) return dots_->Run(input, batch, outputs, workers);
   if (halves_) return halves_->Run(input, batch, outputs, workers);

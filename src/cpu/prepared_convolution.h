@@ -15,6 +15,7 @@
 #include "bitfold/HPreparedConvolution.h"
 #include "chain/layer_finish.h"
 #include "chain/plan.h"
+#include "chain/sum_watch.h"
 #include "cpu/exact_sums.h"
 #include "cpu/prepared_dots.h"
 #include "cpu/prepared_sums.h"
@@ -32,13 +33,18 @@ enum class WideSums {
   kDefinition,  // one step after the other
 };
 
+// Whether tiles of sums should be what they would be at full width, where a layer can have it so,
+// even if fewer bits were cheaper.
+enum class SumsOfTiles { kCheapest, kWhole };
+
 // In and Out are int8_t or int16_t.
 template <typename In, typename Out>
 class PreparedConvolution {
  public:
   // Takes what the layer points to. As many parts as `workers` have threads run at the same time.
   // Throws std::bad_alloc where there is no memory.
-  PreparedConvolution(const PreparedLayer& layer, Workers* workers);
+  PreparedConvolution(const PreparedLayer& layer, Workers* workers,
+                      SumsOfTiles sums = SumsOfTiles::kCheapest);
   PreparedConvolution(const PreparedConvolution&) = delete;
   PreparedConvolution& operator=(const PreparedConvolution&) = delete;
 
@@ -52,7 +58,19 @@ class PreparedConvolution {
 
   // The bits of DefinePreparedConvolution, and its lines: those of an image in their order. Several
   // threads may call it at the same time.
-  void Run(const In* input, int32_t batch, Out* output, Workers* workers) const;
+  // Where tiles are whole a watch of `tiles()` sees their sums.
+  void Run(const In* input, int32_t batch, Out* output, Workers* workers,
+           SumWatch* watch = nullptr) const;
+
+  // Whether tiles have the sums of full width, but for the addends. Only where it was asked for.
+  bool has_whole_tiles() const { return has_whole_tiles_; }
+  WatchedTiles tiles() const { return wide_ ? WatchedTiles::kWide : WatchedTiles::kNarrow; }
+
+  // For each channel what is added to whole tiles afterwards, of a bias of at most 2^62.
+  const std::vector<int64_t>& addends() const { return addends_; }
+
+  // What the definition needs of the layer, where that computes it; else null.
+  const PreparedLayer* kept() const { return kept_ == nullptr ? nullptr : &kept_->layer; }
 
  private:
   // What the definition needs of a layer.
@@ -78,7 +96,10 @@ class PreparedConvolution {
   void PrepareSums(std::optional<PreparedSums<T>>* sums, std::vector<T> weights, bool corrects,
                    Workers* workers);
   LayerFinishCall FinishCall() const;
+  void KeepWhole(const std::vector<int32_t>& weights, bool corrects);
+  void KeepAddends(const LayerFinishCall& finish);
 
+  const SumsOfTiles wished_;
   PreparedLayer layer_;  // once prepared its sizes alone
   WideSums wide_sums_ = WideSums::kNone;
   std::optional<ChainPlan> plan_;
@@ -88,6 +109,8 @@ class PreparedConvolution {
   std::optional<PreparedWide<In>> wide_;
   std::unique_ptr<const Kept> kept_;
   std::unique_ptr<LayerFinish> finish_;
+  bool has_whole_tiles_ = false;
+  std::vector<int64_t> addends_;
 };
 
 }  // namespace bitfold

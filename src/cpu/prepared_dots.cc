@@ -9,6 +9,7 @@
 
 #include "chain/chain_image.h"
 #include "chain/sum_output.h"
+#include "chain/sum_watch.h"
 #include "cpu/prepared_blocks.h"
 
 namespace bitfold {
@@ -91,6 +92,7 @@ void PreparedDots<In>::RunPixels(const In* input, int64_t pixels, const StoredOu
   const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
   const int64_t cost = CostOf(step * panels * kPanel);
   workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
+    const WatchedPart part(output);
     const std::unique_ptr<int32_t[]> words(new int32_t[dots_->PixelWords(step)]);
     for (int64_t unit = first; unit < end; ++unit) {
       const int64_t pixel = unit % blocks * step;
@@ -98,7 +100,7 @@ void PreparedDots<In>::RunPixels(const In* input, int64_t pixels, const StoredOu
       dots_->RunPixels(input + pixel * layer_.in_channels,
                        static_cast<int32_t>(std::min(step, pixels - pixel)),
                        {0, 0, panel, std::min(panel + panels, dots_->panels())},
-                       output.At(pixel, 0, layer_.out_channels), words.get());
+                       part.output().At(pixel, 0, layer_.out_channels), words.get());
     }
   });
 }
@@ -120,6 +122,7 @@ void PreparedDots<In>::RunWindows(const In* input, int32_t batch, const StoredOu
   const int32_t panels = PanelsOfBlock(dots_->panels(), blocks, threads);
   const int64_t cost = CostOf(int64_t{step} * columns * panels * kPanel);
   workers->Share(blocks * Parts(dots_->panels(), panels), cost, [&](int64_t first, int64_t end) {
+    const WatchedPart part(output);
     const std::unique_ptr<int32_t[]> words(new int32_t[dots_->StripWords(step)]);
     for (int64_t unit = first; unit < end; ++unit) {
       const int64_t image = unit % blocks / in_image;
@@ -128,7 +131,8 @@ void PreparedDots<In>::RunWindows(const In* input, int32_t batch, const StoredOu
       dots_->Run(
           input + image * layer_.InputElements(),
           {row, std::min(row + step, rows), panel, std::min(panel + panels, dots_->panels())},
-          output.At(image * layer_.Positions() + int64_t{row} * columns, 0, layer_.out_channels),
+          part.output().At(image * layer_.Positions() + int64_t{row} * columns, 0,
+                           layer_.out_channels),
           words.get());
     }
   });
@@ -148,13 +152,15 @@ void PreparedDots<In>::RunDepthwise(const In* input, int32_t batch, const Stored
   const int64_t in_image = Parts(rows, step);
   const int64_t cost = int64_t{step} * layer_.columns.outputs() * layer_.out_channels;
   workers->Share(batch * in_image, cost, [&](int64_t first, int64_t end) {
+    const WatchedPart part(output);
     const auto lines = Parts(depthwise_->MemoryBytes(), sizeof(CacheLine));
     const std::unique_ptr<CacheLine[]> memory(new CacheLine[static_cast<size_t>(lines)]);
     for (int64_t unit = first; unit < end; ++unit) {
       const int64_t image = unit / in_image;
       const auto row = static_cast<int32_t>(unit % in_image) * step;
       depthwise_->Run(input + image * layer_.InputElements(), {0, row, std::min(row + step, rows)},
-                      output.At(image * layer_.Positions(), 0, layer_.out_channels), memory.get());
+                      part.output().At(image * layer_.Positions(), 0, layer_.out_channels),
+                      memory.get());
     }
   });
 }

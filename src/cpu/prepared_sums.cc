@@ -12,6 +12,7 @@
 #include "bitfold/weight_sign.h"
 #include "chain/corrected_weights.h"
 #include "chain/sum_output.h"
+#include "chain/sum_watch.h"
 #include "cpu/additions.h"
 
 namespace bitfold {
@@ -124,20 +125,20 @@ template <typename T>
 template <typename In>
 void PreparedSums<T>::Run(const In* images, int32_t batch, const StoredOutput& output,
                           Workers* workers) const {
-  const auto run = [&](int64_t image, Workers* of_image) {
-    RunImage(images + image * layer_.InputElements(),
-             output.At(image * layer_.Positions(), 0, layer_.out_channels), of_image);
+  const auto run = [&](int64_t first, int64_t end, Workers* of_image) {
+    const WatchedPart part(output);
+    for (int64_t image = first; image < end; ++image) {
+      RunImage(images + image * layer_.InputElements(),
+               part.output().At(image * layer_.Positions(), 0, layer_.out_channels), of_image);
+    }
   };
-  if (batch < BlocksFor(workers)) {
-    for (int64_t image = 0; image < batch; ++image) run(image, workers);
-    return;
-  }
+  if (batch < BlocksFor(workers)) return run(0, batch, workers);
   const int64_t sums = engine_.plan() ? engine_.BlockCost() * engine_.blocks().count()
                                       : layer_.Positions() * layer_.FilterElements();
   workers->Share(batch, sums + layer_.OutputElements() * kCostOfRest,
                  [&](int64_t first, int64_t end) {
                    CallingThread calling_thread;
-                   for (int64_t image = first; image < end; ++image) run(image, &calling_thread);
+                   run(first, end, &calling_thread);
                  });
 }
 

@@ -8,6 +8,7 @@
 
 #include "chain/chain_image.h"
 #include "chain/layer_finish.h"
+#include "chain/sum_watch.h"
 #include "cpu/prepared_blocks.h"
 
 namespace bitfold {
@@ -111,6 +112,7 @@ void PreparedWide<In>::Run(const In* input, int32_t batch, const StoredOutput& o
   const int64_t cost = CyclesOf(step * LinePositions() * panels * kPanel,
                                 layer_.FilterElements() / layer_.out_channels);
   workers->Share(blocks * Parts(all_panels, panels), cost, [&](int64_t first, int64_t end) {
+    const WatchedPart part(output);
     Buffers buffers(WordsOf(step), step * LinePositions() * layer_.out_channels);
     for (int64_t unit = first; unit < end; ++unit) {
       const int64_t line = unit % blocks % in_image * step;
@@ -119,7 +121,7 @@ void PreparedWide<In>::Run(const In* input, int32_t batch, const StoredOutput& o
                {unit % blocks / in_image, static_cast<int32_t>(line),
                 static_cast<int32_t>(std::min(line + step, lines)), panel,
                 std::min(panel + panels, all_panels)},
-               output, &buffers);
+               part.output(), &buffers);
     }
   });
 }
@@ -157,8 +159,10 @@ void PreparedWide<In>::RunBlock(const In* input, const Block& block, const Store
   const int64_t position =
       block.image * layer_.Positions() + int64_t{block.first_line} * LinePositions();
   const StoredOutput part = output.At(position, channel, channels);
-  part.finish->Run(buffers->totals.data() + channel, static_cast<int32_t>(positions),
-                   layer_.out_channels, part);
+  const int64_t* const totals = buffers->totals.data() + channel;
+  const auto pixels = static_cast<int32_t>(positions);
+  if (part.watch != nullptr) part.watch->See(totals, pixels, layer_.out_channels, part);
+  part.finish->Run(totals, pixels, layer_.out_channels, part);
 }
 
 template class PreparedWide<int8_t>;

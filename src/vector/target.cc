@@ -3,21 +3,47 @@
 
 #include "vector/target.h"
 
+#include <cstdlib>
+
 #include "vector/target_code.h"
 
 namespace bitfold {
 namespace {
 
+struct NamedTarget {
+  Target target;
+  std::string_view name;
+};
+// From the widest on.
+constexpr NamedTarget kNamedTargets[kTargets] = {{Target::kAvx512Vnni, "avx512_vnni"},
+                                                 {Target::kAvx512, "avx512"},
+                                                 {Target::kAvx2, "avx2"},
+                                                 {Target::kPortable, "portable"}};
+
 std::optional<Target> forced;
 
-Target WidestTarget() {
-  for (const Target target : {Target::kAvx512Vnni, Target::kAvx512, Target::kAvx2}) {
-    if (IsSupported(target)) return target;
+std::string_view LimitInEnvironment() {
+  const char* name = std::getenv("BITFOLD_TARGET");
+  return name != nullptr ? name : "";
+}
+
+bool IsName(std::string_view text) {
+  for (const NamedTarget& named : kNamedTargets) {
+    if (named.name == text) return true;
   }
-  return Target::kPortable;
+  return false;
 }
 
 }  // namespace
+
+Target WidestTarget(std::string_view limit) {
+  bool is_within = !IsName(limit);
+  for (const NamedTarget& named : kNamedTargets) {
+    is_within = is_within || named.name == limit;
+    if (is_within && IsSupported(named.target)) return named.target;
+  }
+  return Target::kPortable;
+}
 
 bool IsSupported(Target target) {
 #if BITFOLD_HAS_TARGETS
@@ -37,7 +63,7 @@ bool IsSupported(Target target) {
 }
 
 Target CurrentTarget() {
-  static const Target widest = WidestTarget();
+  static const Target widest = WidestTarget(LimitInEnvironment());
   return forced.value_or(widest);
 }
 

@@ -9,6 +9,7 @@
 #define BITFOLD_SRC_VECTOR_TARGET_H_
 
 #include <optional>
+#include <string_view>
 
 namespace bitfold {
 
@@ -20,7 +21,12 @@ inline constexpr int kTargets = 4;
 // this machine its instructions.
 bool IsSupported(Target target);
 
-// The widest supported target, or the one that a test has forced.
+// The widest supported target that is no wider than the named one: "portable", "avx2", "avx512" or
+// "avx512_vnni". Any other text is no limit.
+Target WidestTarget(std::string_view limit);
+
+// The widest supported target within the limit that the environment variable BITFOLD_TARGET names
+// as the first loop is called, or the one that a test has forced.
 Target CurrentTarget();
 
 // For tests: forces a target, which must be supported; none lifts it. Not while ops run.

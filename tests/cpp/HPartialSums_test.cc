@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -230,9 +231,48 @@ TEST(PartialSums, EveryWidthOfALayer) {
   }
 }
 
-// Sums as large as they may be for 32 bits, and one step more.
+// Numbers of both signs; several pixels a row, and images of one pixel.
+TEST(PartialSums, NumbersOfBothSigns) {
+  Random random(0xb07);
+  for (const auto& [taps, channels] : std::vector<std::pair<int32_t, int32_t>>{{1, 70}, {3, 7}}) {
+    auto c = DrawLayer(&random, taps, channels);
+    c.input_zero_point = -90;
+    for (int32_t size = 10; size <= 16; size += 2) {
+      c.sizes = {size};
+      c.known.clear();
+      ASSERT_TRUE(CheckPartialSums(c)) << size << " bits, nothing known";
+      const auto found = c.Definition();
+      c.known.assign(found.data(), found.data() + kSumExtremes * c.out_channels);
+      ASSERT_TRUE(CheckPartialSums(c)) << size << " bits, all known";
+    }
+    if (taps != 1) continue;
+    c.batch *= c.rows.input * c.columns.input;
+    c.rows.input = c.columns.input = 1;
+    ASSERT_TRUE(CheckPartialSums(c)) << "images of one pixel";
+  }
+}
+
+// Two addends that rise as far as they fall reach their bound, of either sign, also by the weight
+// whose magnitude no byte with a sign holds.
+TEST(PartialSums, BoundsThatAreReached) {
+  for (const int weight : {-128, -127, 127}) {
+    auto c = Chain({127, 127}, {});
+    c.input_zero_point = -128;
+    c.filter = {static_cast<int8_t>(weight), static_cast<int8_t>(weight < 0 ? 127 : -127)};
+    const int64_t reached = 255 * weight;
+    const int64_t end = reached + int64_t{255} * c.filter[1];
+    for (const int64_t less : {0, 1, 200}) {
+      const int64_t known = weight < 0 ? reached + less : reached - less;
+      c.known = {end, end, std::min(known, int64_t{-1000}), std::max(known, int64_t{1000})};
+      const auto found = Found(c);
+      EXPECT_EQ(found[weight < 0 ? 2 : 3], reached) << less;
+    }
+  }
+}
+
+// Sums as large as they may be for dot products and for 32 bits, and one step more.
 TEST(PartialSums, TheLongestChains) {
-  for (const int32_t channels : {32895, 32896, 33152}) {
+  for (const int32_t channels : {16447, 16448, 16449, 32895, 32896, 33152}) {
     PartialSumsCase<int8_t, int8_t> c;
     c.in_channels = channels;
     c.out_channels = 2;

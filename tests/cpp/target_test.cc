@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -27,6 +28,16 @@ TEST(Target, PortableIsAlwaysThere) { EXPECT_TRUE(IsSupported(Target::kPortable)
 TEST(Target, TheWidestIsTheDefault) {
   const auto targets = testing::AllTargets();
   EXPECT_EQ(CurrentTarget(), targets.back().target);
+}
+
+TEST(Target, TheWidestWithinALimit) {
+  const Target widest = testing::AllTargets().back().target;
+  EXPECT_EQ(WidestTarget("portable"), Target::kPortable);
+  EXPECT_EQ(WidestTarget("avx2"), std::min(Target::kAvx2, widest));
+  EXPECT_EQ(WidestTarget("avx512"), std::min(Target::kAvx512, widest));
+  for (const char* limit : {"avx512_vnni", "", "AVX2", "avx"}) {
+    EXPECT_EQ(WidestTarget(limit), widest) << limit;
+  }
 }
 
 TEST(Target, ForcedUntilLifted) {

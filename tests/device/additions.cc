@@ -31,19 +31,26 @@ std::vector<int> Widths() {
   return widths;
 }
 
-// The first passes of an infinite repeat would be 2^31, which a comparison cannot wait for.
+// The passes of an infinite repeat are 2^31, which comparisons cannot wait for. Above 64 integers
+// end with the pass from which the rest is proven.
+template <typename T>
 std::vector<float> Repeats() {
-  return {0.0f,
-          -0.0f,
-          -1.0f,
-          -std::numeric_limits<float>::infinity(),
-          std::numeric_limits<float>::quiet_NaN(),
-          std::numeric_limits<float>::denorm_min(),
-          0.5f,
-          1.0f,
-          2.0f,
-          2.5f,
-          17.0f};
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  std::vector<float> repeats = {0.0f,
+                                -0.0f,
+                                -1.0f,
+                                -kInfinity,
+                                std::numeric_limits<float>::quiet_NaN(),
+                                std::numeric_limits<float>::denorm_min(),
+                                0.5f,
+                                1.0f,
+                                2.0f,
+                                2.5f,
+                                17.0f};
+  if constexpr (!std::is_same_v<T, float>) {
+    for (const float repeat : {64.0f, 64.5f, 65.0f, 66.0f, 1000.0f}) repeats.push_back(repeat);
+  }
+  return repeats;
 }
 
 template <typename T>
@@ -109,8 +116,8 @@ std::vector<Attributes> Sweeps() {
       sweeps.push_back({width, shift, false, 17.0f});
     }
   }
-  for (const float repeat : Repeats()) {
-    for (const int width : {8, 32}) {
+  for (const float repeat : Repeats<T>()) {
+    for (const int width : {8, 20, 32}) {
       for (const bool half : {false, true}) {
         sweeps.push_back({width, 0, half, repeat});
         sweeps.push_back({width, 2, half, repeat});
@@ -139,7 +146,7 @@ void CompareRandom(AdditionKernel kernel, bool is_quick, Report* report) {
   Random random(2);
   const std::vector<int> shifts = Shifts();
   const std::vector<int> widths = Widths<T>();
-  const std::vector<float> repeats = Repeats();
+  const std::vector<float> repeats = Repeats<T>();
   const int most = is_quick ? 5 : 14;
   for (int run = 0; run < (is_quick ? 30 : 200); ++run) {
     const Data data = random.Pick<Data>({Data::kSmall, Data::kBoundaries, Data::kBits});

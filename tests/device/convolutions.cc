@@ -72,8 +72,9 @@ std::vector<Family> Families() {
 }
 
 std::vector<Attributes> AllAttributes() {
-  return {{24, 0, false},  {8, 0, false}, {16, 4, false}, {32, 0, false}, {32, 31, false},
-          {24, -3, false}, {0, 1, false}, {1, 2, false},  {24, 0, true},  {24, 4, true}};
+  return {{24, 0, false},  {8, 0, false},   {16, 4, false}, {32, 0, false},
+          {32, 31, false}, {24, -3, false}, {0, 1, false},  {1, 2, false},
+          {24, 0, true},   {24, 4, true},   {24, 3, true},  {10, -5, true}};
 }
 
 template <typename T>

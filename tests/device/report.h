@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/bits.h"
@@ -32,6 +33,12 @@ class StdoutSilence {
 // A comparison is one launch's whole result. Standard output must not be redirected in a call.
 class Report {
  public:
+  // Of all groups.
+  Report() = default;
+  // Of those whose names begin with one of `groups`, up to the first failure, with which the
+  // process ends.
+  explicit Report(std::vector<std::string> groups) : groups_(std::move(groups)), stops_(true) {}
+
   // Runs `body`, which makes comparisons, and prints the group's line.
   void Group(const std::string& name, const std::function<void()>& body);
 
@@ -67,8 +74,12 @@ class Report {
   bool IsTold() const { return told_ >= kTold; }
   void Count(bool passed, size_t elements);
 
+  bool IsWanted(const std::string& name) const;
+
   static constexpr int kTold = 4;
 
+  std::vector<std::string> groups_;  // none: all
+  bool stops_ = false;
   int64_t passed_ = 0;
   int64_t failed_ = 0;
   // Of the group at hand.

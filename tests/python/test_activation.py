@@ -401,13 +401,14 @@ def test_wrapper():
 
 @pytest.mark.parametrize("argument", ["value", *units.ACTIVATION_TABLES, "size_splits"])
 def test_fractions_are_refused(argument):
-    """All inputs are whole numbers."""
+    """All inputs are whole numbers; a float32 tensor as value is cut to such (gradients)."""
     arguments = {"value": DATA, **TABLES, "size_splits": np.array([5])}
     arguments[argument] = arguments[argument] + 0.5
     with pytest.raises(TypeError, match=f"{argument} must be an integer"):
         ops.activation(**arguments)
-    arguments[argument] = tf.constant(arguments[argument], tf.float32)
-    with pytest.raises(TypeError, match=f"{argument} must be int64, got float32"):
+    dtype = tf.float64 if argument == "value" else tf.float32
+    arguments[argument] = tf.constant(arguments[argument], dtype)
+    with pytest.raises(TypeError, match=f"{argument} must be int64, got {dtype.name}"):
         ops.activation(**arguments)
 
 

@@ -110,6 +110,22 @@ def test_digits_study(tmp_path):
     assert "half precision, shift 6" in results
 
 
+def test_training(tmp_path):
+    """The digits at a width where they fail, an epoch: proven, and right at every wider one."""
+    program = EXAMPLES / "training" / "run.py"
+    text = _run(
+        program, tmp_path, "--images", "100", "--data-dir", str(tmp_path / "nowhere"),
+        "--weights-dir", str(tmp_path), "--float-epochs", "2", "--epochs", "1",
+        "--proven-widths", "13", "--widths", "12", "15",
+    )  # fmt: skip
+    results = _check_files(text, tmp_path, "training.png")
+    assert max(results["before"]["proven"].values()) > 13
+    (trained,) = results["trained"]
+    assert max(trained["after"]["proven"].values()) == 13
+    accuracy = trained["after"]["accuracy"]
+    assert len({value for width, value in accuracy.items() if int(width) >= 13}) == 1
+
+
 def test_numeric_units(tmp_path):
     """Every unit's error stays within the bound that its table states."""
     program = EXAMPLES / "numeric" / "run.py"

@@ -15,7 +15,7 @@ import pytest
 import support
 
 import bitfold
-from bitfold._frame import build_info
+from bitfold._frame import build_info, library
 from bitfold._frame.library import check_file
 
 PACKAGE = pathlib.Path(bitfold.__file__).parent
@@ -205,3 +205,12 @@ def test_sources_that_are_not_built():
     last = _refusal(_ADD, python_path=support.ROOT / "python")
     assert f"bitfold is not built in {support.ROOT / 'python' / 'bitfold'}" in last
     assert "make setup" in last
+
+
+def test_an_unknown_instruction_set(monkeypatch):
+    """Is refused before the library, which would take it for no limit."""
+    monkeypatch.setenv("BITFOLD_TARGET", "sse")
+    with pytest.raises(
+        ValueError, match=r"Need BITFOLD_TARGET to be one of .*avx512, .* got 'sse'"
+    ):
+        library.load()

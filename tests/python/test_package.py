@@ -42,7 +42,9 @@ def test_public_names():
         "Network",
         "Study",
         "UnsupportedModelError",
+        "WorkerError",
         "__version__",
+        "data",
         "detection",
         "flush_device_lines",
         "fpx",
@@ -55,6 +57,7 @@ def test_public_names():
         "set_warnings",
         "study",
         "tables",
+        "training",
         "warning_counts",
     ]
     raw_names = {"h_add", "h_bias_add", "h_depth_wise", "h_conv2d", "h_conv2d_dilation"}

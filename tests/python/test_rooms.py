@@ -149,10 +149,12 @@ PACKAGE = ROOT / "python" / "bitfold"
 FLOORS = (
     ("bitfold.__main__",),  # the command, which stands outside as bitfold_command
     ("bitfold",),  # the door: what `import bitfold` offers
-    ("bitfold.studies",),  # what an arithmetic does to a network
+    # What an arithmetic does to a network; learning it; data in files.
+    ("bitfold.data", "bitfold.studies", "bitfold.training"),
     ("bitfold.network",),  # trained networks
     ("bitfold.detection", "bitfold.fpx", "bitfold.resize", "bitfold.tables"),  # an op's company
     ("bitfold.ops",),  # single ops
+    ("bitfold.gradients",),  # of what real function an op's gradient is
     ("bitfold._frame",),  # loading, arguments, shapes, layers
 )
 _FLOOR = {room: floor for floor, rooms in enumerate(FLOORS) for room in rooms}

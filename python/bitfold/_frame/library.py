@@ -25,6 +25,10 @@ VERSION = build_info.VERSION
 # Exported by the library and by nothing else.
 _MARKER = "accumulator_int_verification"
 
+# The widest instruction set that loops may use, where it is not the machine's.
+_TARGET = "BITFOLD_TARGET"
+_TARGETS = ("portable", "avx2", "avx512", "avx512_vnni")
+
 
 def library_path() -> str:
     """Return the path of the shared library with the ops and the exported functions.
@@ -149,8 +153,18 @@ def _loaded_copies() -> list[str]:
     return sorted(copies)
 
 
+def _check_target() -> None:
+    """Raise ValueError unless the environment names an instruction set, or none.
+
+    The library takes a name that it does not know for no limit.
+    """
+    if (name := os.environ.get(_TARGET)) and name not in _TARGETS:
+        raise ValueError(f"Need {_TARGET} to be one of {', '.join(_TARGETS)}, got {name!r}")
+
+
 def load():
     """Load the library and return the module of its generated ops."""
+    _check_target()
     check_file(library_path())
     try:
         import tensorflow as tf

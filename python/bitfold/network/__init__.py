@@ -7,8 +7,8 @@ A model file is read into records (``graph``), its operators become nodes whose 
 """
 
 from bitfold.network.arithmetic import Arithmetic
-from bitfold.network.errors import UnsupportedModelError
+from bitfold.network.errors import UnsupportedModelError, WorkerError
 from bitfold.network.network import Network
 from bitfold.network.records import Layer, Port
 
-__all__ = ["Arithmetic", "Layer", "Network", "Port", "UnsupportedModelError"]
+__all__ = ["Arithmetic", "Layer", "Network", "Port", "UnsupportedModelError", "WorkerError"]

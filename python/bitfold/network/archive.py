@@ -48,8 +48,9 @@ def pack(
     }
     content = io.BytesIO()
     with zipfile.ZipFile(content, "w") as archive:
-        archive.writestr(_FACTS, json.dumps(facts, indent=1))
-        archive.writestr(_MODEL, model, zipfile.ZIP_DEFLATED)
+        # Without the time: the same network is the same bytes, by which workers know it again.
+        archive.writestr(zipfile.ZipInfo(_FACTS), json.dumps(facts, indent=1))
+        archive.writestr(zipfile.ZipInfo(_MODEL), model, zipfile.ZIP_DEFLATED)
     return content.getvalue()
 
 

@@ -11,6 +11,12 @@ from typing import Any
 import numpy as np
 import tensorflow as tf
 
+from bitfold.network import evaluation
+from bitfold.network.shards.source import Source
+
+# Images of files that are read at once.
+_BATCH = 32
+
 
 @dataclasses.dataclass(frozen=True)
 class ModelInput:
@@ -35,14 +41,14 @@ class Calibration:
     """
 
     def __init__(self, data: Any, inputs: Sequence[ModelInput]) -> None:
-        """Take data: an array, several of them by order or name, a dataset or an iterable."""
+        """Take data: an array, several by order or name, files, a dataset or an iterable."""
         self.error: Exception | None = None
         self._data = data
         self._inputs = tuple(inputs)
         if isinstance(data, tf.data.Dataset):
             if data.cardinality().numpy() == tf.data.INFINITE_CARDINALITY:
                 raise ValueError("Need calibration data with an end, got a dataset without one")
-        elif not (_is_array(data) or isinstance(data, Iterable)):
+        elif not (_is_array(data) or isinstance(data, Iterable | Source)):
             raise ValueError(
                 f"Need calibration data in arrays, a dataset or batches, got {_type(data)}"
             )
@@ -66,6 +72,8 @@ class Calibration:
     def _batches(self) -> Iterator[Sequence[Any]]:
         """Yield what stands for the inputs, for one batch after the other."""
         data = self._data
+        if isinstance(data, Source):
+            data = evaluation.batches(data, _BATCH)
         whole = _is_array(data) or isinstance(data, Mapping)
         several = len(self._inputs) > 1 and isinstance(data, list | tuple)
         if whole or (several and all(_is_array(array) for array in data)):

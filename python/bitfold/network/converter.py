@@ -14,13 +14,14 @@ from __future__ import annotations
 import logging
 import re
 from collections.abc import Callable, Iterator, Sequence
-from typing import Any
+from typing import Any, TypeVar
 
 import numpy as np
 import tensorflow as tf
 
 from bitfold.network import console
 from bitfold.network.calibration import Calibration, ModelInput
+from bitfold.network.trained import Trained, as_trained, exporting, known_names
 
 _LOGGER = logging.getLogger("bitfold.converter")
 # Without a handler, Python prints warnings itself.
@@ -34,6 +35,8 @@ _WARNING = re.compile(r"W\d{4} |WARNING:|\S+:\d+: \w*Warning: ")
 _ERROR = re.compile(r"[EF]\d{4} |ERROR:|CRITICAL:")
 # What of the captured text goes into an error.
 _MOST_CHARACTERS = 8000
+
+_Result = TypeVar("_Result")
 
 
 def convert_keras(model: Any, calibration: Any, *, activation_bits: int = 8) -> bytes:
@@ -69,7 +72,7 @@ def convert_keras(model: Any, calibration: Any, *, activation_bits: int = 8) -> 
     """
     if activation_bits not in (8, 16):
         raise ValueError(f"Need activation_bits of 8 or 16, got {activation_bits!r}")
-    inputs = _inputs(model)
+    inputs = model_inputs(model)
     data = Calibration(calibration, inputs)
     try:
         file = _logged(model, lambda: _convert(model, inputs, data, activation_bits))
@@ -95,16 +98,46 @@ def convert_keras_to_floats(model: Any) -> bytes:
         ValueError: the model has no known inputs.
         RuntimeError: the converter failed; its own words are part of the message.
     """
-    inputs = _inputs(model)
+    inputs = model_inputs(model)
     return _logged(model, lambda: _converter(model, inputs, _keys_of(inputs)).convert())
 
 
-def _logged(model: Any, convert: Callable[[], bytes]) -> bytes:
+def convert_trained(model: Any) -> tuple[bytes, list[Trained]]:
+    """Convert a Keras model that was trained in integers.
+
+    The scales are those of training, which layers put down as fake quantisation nodes. An operator
+    that was trained in floats stays in floats.
+
+    Args:
+        model: what `bitfold.training.emulate` made.
+
+    Returns:
+        The bytes of a model file whose inputs and outputs are integers of 8 bits, where they are
+        quantised; and what the layers were trained with. Where an integer of the file is another
+        than that of training, training's stands in its place.
+
+    Raises:
+        RuntimeError: the converter failed, or what it made is another network.
+    """
+    inputs = model_inputs(model)
+
+    def convert() -> tuple[bytes, list[Trained]]:
+        with exporting() as notes:
+            converter = _converter(model, inputs, _keys_of(inputs))
+        converter.optimizations = [tf.lite.Optimize.DEFAULT]
+        converter.inference_input_type = converter.inference_output_type = tf.int8
+        file = converter.convert()
+        return as_trained(file, notes, known_names(model, notes)), notes
+
+    return _logged(model, convert)
+
+
+def _logged(model: Any, convert: Callable[[], _Result]) -> _Result:
     """Convert a model; what is printed goes to the logger."""
     failure = None
     with console.captured(_TALKERS) as printed:
         try:
-            file = convert()
+            result = convert()
         except Exception as error:
             failure = error
     for line in printed.text.splitlines():
@@ -115,7 +148,7 @@ def _logged(model: Any, convert: Callable[[], bytes]) -> bytes:
         raise RuntimeError(
             f"the runtime's converter failed on {_described(model)}: {failure}\nIt printed:\n{said}"
         ) from failure
-    return file
+    return result
 
 
 def _level(line: str) -> int:
@@ -128,7 +161,7 @@ def _described(model: Any) -> str:
     return f"{type(model).__name__} {getattr(model, 'name', '')!r}"
 
 
-def _inputs(model: Any) -> list[ModelInput]:
+def model_inputs(model: Any) -> list[ModelInput]:
     """Return a model's inputs in its order."""
     inputs = getattr(model, "inputs", None)
     if not callable(model) or not inputs:

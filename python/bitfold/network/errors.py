@@ -1,6 +1,6 @@
 # Copyright 2026 The Bitfold Authors.
 # SPDX-License-Identifier: Apache-2.0
-"""What is raised where a model cannot be imported."""
+"""What is raised where a model cannot be imported, or work not be done."""
 
 from __future__ import annotations
 
@@ -20,3 +20,7 @@ class UnsupportedModelError(ValueError):
         count = f"{len(self.reasons)} reasons" if len(self.reasons) > 1 else "one reason"
         lines = "".join(f"\n  - {reason}" for reason in self.reasons)
         super().__init__(f"the model cannot be imported, for {count}:{lines}")
+
+
+class WorkerError(RuntimeError):
+    """Workers of an executor did not compute what they were asked to: which work, who, and why."""

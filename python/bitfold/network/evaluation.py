@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import contextlib
+import itertools
 import math
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from typing import Any
@@ -13,10 +14,14 @@ import keras
 import numpy as np
 import tensorflow as tf
 
+from bitfold.network.shards.source import Source
+
 # Work that ends sooner shows no progress.
 _PATIENCE = 1.0
 # Elements of the largest tensor that a batch may have by default: 32 MB in 32 bits.
 _ELEMENTS = 1 << 23
+# How much of data in files is read at once: enough that finding the place costs little.
+_READ_BYTES = 64 << 20
 
 
 def default_batch_size(largest: int) -> int:
@@ -27,9 +32,11 @@ def default_batch_size(largest: int) -> int:
 
 
 def count_images(x: Any) -> int | None:
-    """Return how many images arrays hold, None where that is not known beforehand."""
+    """Return how many images data hold, None where that is not known beforehand."""
     if isinstance(x, tf.data.Dataset):
         return None
+    if isinstance(x, Source):
+        return x.images
     if isinstance(x, Mapping):
         x = list(x.values())
     parts = x if isinstance(x, list | tuple) else [x]
@@ -40,9 +47,12 @@ def count_images(x: Any) -> int | None:
 
 
 def batches(x: Any, batch_size: int) -> Iterator[Any]:
-    """Yield slices of arrays, or a dataset's own batches."""
+    """Yield slices of arrays, images of files without labels, or a dataset's own batches."""
     if isinstance(x, tf.data.Dataset):
         yield from x
+        return
+    if isinstance(x, Source):
+        yield from (images for images, _ in read(x, batch_size))
         return
     for first in range(0, count_images(x), batch_size):
         part = slice(first, first + batch_size)
@@ -64,11 +74,27 @@ def pairs(x: Any, y: Any, batch_size: int) -> Iterator[tuple[Any, Any]]:
                 raise ValueError("Need a dataset of pairs (x, y), got one of single elements")
             yield element[0], element[1]
         return
+    if isinstance(x, Source):
+        if y is not None:
+            raise ValueError("Need y=None with data in files, which have their own labels")
+        if not x.has_labels:
+            raise ValueError(f"Need data with labels, got {x}")
+        yield from read(x, batch_size)
+        return
     if y is None:
         raise ValueError("Need labels y with arrays x")
     if count_images(x) != len(y):
         raise ValueError(f"Need a label for each image, got {len(y)} for {count_images(x)}")
     yield from zip(batches(x, batch_size), batches(np.asarray(y), batch_size), strict=True)
+
+
+def read(source: Source, batch_size: int) -> Iterator[tuple[Any, Any]]:
+    """Yield batches of images with their labels, None where there are none."""
+    size = max(1, _READ_BYTES // max(1, source.image_bytes * batch_size)) * batch_size
+    for first in range(0, source.images, size):
+        x, y = source.part(first, min(first + size, source.images)).read()
+        labels = itertools.repeat(None) if y is None else batches(y, batch_size)
+        yield from zip(batches(x, batch_size), labels, strict=False)
 
 
 class Accuracy:

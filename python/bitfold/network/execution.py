@@ -7,11 +7,16 @@ from __future__ import annotations
 from collections.abc import Callable, Mapping, Sequence
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold._frame import warning_lines
 from bitfold.network.assemble import Assembly
 from bitfold.network.operators import Step, SummingStep
+
+# Where networks run: no layer has a kernel for another device, to which the runtime would move what
+# stands between them, weights and all, at every call.
+HOST = "CPU:0"
 
 # From a step with an accumulator and its inputs to its outputs.
 Summing = Callable[[SummingStep, Sequence[tf.Tensor | None]], list[tf.Tensor]]
@@ -19,6 +24,44 @@ Summing = Callable[[SummingStep, Sequence[tf.Tensor | None]], list[tf.Tensor]]
 Observe = Callable[
     [SummingStep, Sequence[tf.Tensor | None], Any], tuple[list[tf.Tensor], Mapping[str, tf.Tensor]]
 ]
+
+
+class Scalars:
+    """Brings single numbers that were seen out of a graph, all of one type in one tensor.
+
+    A graph takes microseconds for each tensor that it returns.
+    """
+
+    def __init__(self) -> None:
+        """Know nothing of a graph yet."""
+        self._places: dict[str, list[tuple[str, str]]] = {}
+
+    def packed(self, seen: Mapping[str, Mapping[str, tf.Tensor]]) -> tuple[dict, dict]:
+        """Return vectors by type, and what else was seen; to be called once, for one graph."""
+        numbers: dict[str, list[tf.Tensor]] = {}
+        others: dict[str, dict[str, tf.Tensor]] = {}
+        for position, values in seen.items():
+            others[position] = {}
+            for name, value in values.items():
+                if value.shape.rank == 0:
+                    numbers.setdefault(value.dtype.name, []).append(value)
+                    self._places.setdefault(value.dtype.name, []).append((position, name))
+                else:
+                    others[position][name] = value
+        return {dtype: tf.stack(of_type) for dtype, of_type in numbers.items()}, others
+
+    def unpacked(
+        self, vectors: Mapping[str, tf.Tensor], others: Mapping[str, Mapping[str, tf.Tensor]]
+    ) -> dict[str, dict[str, np.ndarray]]:
+        """Return what was seen, as numbers."""
+        seen = {
+            position: {name: value.numpy() for name, value in values.items()}
+            for position, values in others.items()
+        }
+        for dtype, vector in vectors.items():
+            for (position, name), value in zip(self._places[dtype], vector.numpy(), strict=True):
+                seen[position][name] = value
+        return seen
 
 
 class Program:

@@ -11,6 +11,7 @@ folded into them, by that of the convolution; any other layer by the last path o
 from __future__ import annotations
 
 import fnmatch
+import re
 from collections.abc import Collection, Sequence
 
 from bitfold.network.graph import Node, Tensor
@@ -64,11 +65,22 @@ def _name(path: list[str], is_suffixed: bool, known: Collection[str]) -> str:
     layers = path[1:-1] or path[:1]
     if not is_suffixed:
         return "/".join(layers)
-    stripped = [part.removesuffix("_1") for part in layers]
+    stripped = [_without_suffix(part, known) for part in layers]
     for end in range(len(stripped), 0, -1):
         if stripped[end - 1] in known:
             return "/".join(stripped[:end])
     return "/".join(stripped)
+
+
+def _without_suffix(part: str, known: Collection[str]) -> str:
+    """Return a part of a path as the model calls it.
+
+    The suffix is _1, but where another layer has that name: with "dense" and "dense_1" in a model
+    the second becomes "dense_1_2".
+    """
+    plain = part.removesuffix("_1")
+    numberless = re.sub(r"_\d+$", "", part)
+    return numberless if plain not in known and numberless in known else plain
 
 
 def _made_different(names: Sequence[str], order: Sequence[int]) -> list[str]:

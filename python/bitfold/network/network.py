@@ -5,9 +5,12 @@
 from __future__ import annotations
 
 import base64
+import functools
+import logging
 import os
 from collections import Counter
 from collections.abc import Callable, Collection, Mapping, Sequence
+from concurrent.futures import Executor
 from typing import Any, TextIO
 
 import keras
@@ -18,15 +21,20 @@ from bitfold._frame import warning_lines
 from bitfold.network import archive, evaluation, naming, values
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
-from bitfold.network.converter import convert_keras
-from bitfold.network.execution import Observe, Program
+from bitfold.network.converter import convert_keras, convert_trained
+from bitfold.network.execution import HOST, Observe, Program, Scalars
 from bitfold.network.graph import Node
 from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
 from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_norm
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
+from bitfold.network.shards import evaluating
+from bitfold.network.shards.data import Data
 from bitfold.network.summary import print_summary
+from bitfold.network.trained import integers_for_floats, is_trained, known_names
+
+_LOGGER = logging.getLogger("bitfold.converter")
 
 
 @keras.saving.register_keras_serializable("bitfold")
@@ -100,25 +108,45 @@ class Network:
             return cls(file.read())
 
     @classmethod
-    def from_keras(cls, model: Any, calibration: Any, *, activation_bits: int = 8) -> Network:
+    def from_keras(
+        cls, model: Any, calibration: Any = None, *, activation_bits: int = 8
+    ) -> Network:
         """Quantise a Keras model by the runtime's converter, and import the result.
 
         Batch normalisation is folded, activations are fused, weights get 8 bits and a scale for
-        each output channel.
+        each output channel. A model that `bitfold.training.emulate` made brings its scales and
+        integers with it, and its arithmetic. Layers that it trained in floats stay in floats, or,
+        between layers whose scales are known, are stored in integers by the converter: the logger
+        "bitfold.converter" has a warning for each of these.
 
         Args:
             model: a functional or sequential model; it is not changed.
             calibration: examples of inputs, from which the ranges of all tensors are taken: an
-                array (a list or dictionary of them for several inputs), a `tf.data.Dataset` or an
-                iterable of batches. A few hundred that look like what will come.
+                array (a list or dictionary of them for several inputs), files as `bitfold.data`
+                names them, a `tf.data.Dataset` or an iterable of batches. A few hundred that look
+                like what will come. None for a model that was trained in integers.
             activation_bits: 8, or 16 for tensors of 16 bits and weights of 8.
 
         Raises:
             ValueError: for calibration data or a number of bits that cannot be used.
+            RuntimeError: where the converter fails.
             bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
         """
-        file = convert_keras(model, calibration, activation_bits=activation_bits)
-        return cls(file, known_names=[layer.name for layer in model.layers])
+        names = [layer.name for layer in model.layers]
+        if not is_trained(model):
+            file = convert_keras(model, calibration, activation_bits=activation_bits)
+            return cls(file, known_names=names)
+        if calibration is not None or activation_bits != 8:
+            raise ValueError(
+                "Need no calibration and activation_bits=8 for a model that was trained in "
+                f"integers of 8 bits, got activation_bits={activation_bits}"
+                + (" and calibration data" if calibration is not None else "")
+            )
+        file, trained = convert_trained(model)
+        network = cls(file, known_names=known_names(model, trained))
+        for name in integers_for_floats(model, network.layers):
+            _LOGGER.warning("layer %r was trained in floats and is stored in integers", name)
+        return network.with_arithmetic({record.name: record.arithmetic for record in trained})
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Network:
@@ -275,10 +303,11 @@ class Network:
         return self._arrays("accumulators", self._summed, x)
 
     def predict(self, x: Any, batch_size: int | None = None) -> Any:
-        """Compute arrays of any length or a dataset, batch by batch, with progress.
+        """Compute arrays of any length, files or a dataset, batch by batch, with progress.
 
         Args:
-            x: as for a call, or a `tf.data.Dataset` of batches of it; of pairs the first is taken.
+            x: as for a call; or files as `bitfold.data` names them, or a `tf.data.Dataset` of
+                batches, of which labels are left aside.
             batch_size: images at once; by default what keeps memory modest. A dataset has its own.
 
         Returns:
@@ -295,25 +324,40 @@ class Network:
         return evaluation.concatenated(parts) if parts else self._nothing(x)
 
     def evaluate(
-        self, x: Any, y: Any = None, *, metric: Any = None, batch_size: int | None = None
+        self,
+        x: Any,
+        y: Any = None,
+        *,
+        metric: Any = None,
+        batch_size: int | None = None,
+        executor: Executor | None = None,
     ) -> float:
         """Measure how well the network does.
 
         Args:
-            x: as for `predict`, or a `tf.data.Dataset` of pairs (x, y).
-            y: labels, an element for each image.
+            x: as for `predict`; a `tf.data.Dataset` of pairs (x, y).
+            y: labels, an element for each image; None with files and datasets, which have theirs.
             metric: None for the share of images whose largest output is the label's, labels being
                 integers or one-hot; or a Keras metric, its name, or a function of labels and
                 outputs.
             batch_size: as for `predict`.
+            executor: who computes, as for `bitfold.study`; by default this process. Workers add up
+                what a metric counts by parts of the data, so that numbers in floating point may be
+                rounded elsewhere than here, however many workers there are.
 
         Returns:
             The metric.
 
         Raises:
-            ValueError: for labels that do not fit.
+            TypeError: for an executor that is none, and a metric that cannot be sent to its
+                workers.
+            ValueError: for labels that do not fit, and data that cannot be sent to workers.
+            bitfold.WorkerError: for a part of the work that an executor cannot do.
         """
         size = self.batch_size(batch_size)
+        if executor is not None:
+            data = Data(x, y, size, rows=self.inputs[0].shape[0])
+            return evaluating.evaluate(self, self._anew, data, metric, executor)
         with evaluation.progress("evaluate", self._count(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
 
@@ -356,17 +400,19 @@ class Network:
         Returns:
             A function of a batch, as a call takes it, and of the states by the position of the
             operator, as text, of one shape at each call; an operator without one gets None. It
-            returns what a call does, of several outputs a list, and what was seen by the position.
+            returns what a call does, of several outputs a list, and what was seen by the position,
+            as arrays.
         """
-        graphs: dict[bool, Callable] = {}
+        graphs: dict[bool, tuple[Callable, Scalars]] = {}
 
         def call(x: Any, states: Mapping[str, Any]) -> tuple[Any, dict[str, Any]]:
             images = self._images(x)
             is_real = values.is_real(images, self._program.assembly.inputs)
             if is_real not in graphs:
                 graphs[is_real] = self._observing(observe, states, is_real)
-            results, seen = graphs[is_real](self._quantised(images), dict(states))
-            return (results[0] if len(results) == 1 else list(results)), seen
+            graph, scalars = graphs[is_real]
+            results, seen = graph(self._quantised(images), dict(states))
+            return (results[0] if len(results) == 1 else list(results)), scalars.unpacked(*seen)
 
         return call
 
@@ -394,20 +440,32 @@ class Network:
         tensors = self._program.assembly.inputs
         names = [port.name for port in self.inputs]
         given = values.as_list(x, names, [len(tensor.shape) for tensor in tensors])
-        images = list(map(values.as_input, given, names, tensors))
+        with tf.device(HOST):
+            images = list(map(values.as_input, given, names, tensors))
         values.need_equal_batches(images, tensors)
         return images
 
     def _quantised(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
-        return list(map(values.stored, images, self._program.assembly.inputs))
+        with tf.device(HOST):
+            return list(map(values.stored, images, self._program.assembly.inputs))
 
     def _function(self, key: str, function: Callable) -> Callable:
         """Return a graph of a function of the stored inputs."""
         if key not in self._functions:
             # Concrete: of a polymorphic one the runtime warns when many networks have traced it.
-            traced = tf.function(function, input_signature=self._signature).get_concrete_function()
+
+            def run(*images: tf.Tensor) -> Any:
+                with tf.device(HOST):
+                    return function(*images)
+
+            traced = tf.function(run, input_signature=self._signature).get_concrete_function()
             self._functions[key] = traced
         return self._functions[key]
+
+    @property
+    def _anew(self) -> Callable[[], Network]:
+        """What makes a network of this one's file, sums exact; the same for each arithmetic."""
+        return functools.partial(Network, self._model, known_names=self._known_names)
 
     @property
     def _signature(self) -> list[tf.TensorSpec]:
@@ -444,18 +502,22 @@ class Network:
         self._program.run(images, kept)
         return sums
 
-    def _observing(self, observe: Observe, states: Mapping[str, Any], is_real: bool) -> Callable:
-        """Return a graph of `observed`."""
+    def _observing(
+        self, observe: Observe, states: Mapping[str, Any], is_real: bool
+    ) -> tuple[Callable, Scalars]:
+        """Return a graph of `observed`, and how to read what it saw."""
+        scalars = Scalars()
 
         def run(images: Sequence[tf.Tensor], states: Mapping[str, Any]) -> tuple[list, dict]:
-            outputs, seen = self._program.observed(images, observe, states)
-            if is_real:
-                outputs = list(map(values.real, outputs, self._program.assembly.outputs))
-            return outputs, seen
+            with tf.device(HOST):
+                outputs, seen = self._program.observed(images, observe, states)
+                if is_real:
+                    outputs = list(map(values.real, outputs, self._program.assembly.outputs))
+                return outputs, scalars.packed(seen)
 
         kinds = tf.nest.map_structure(tf.type_spec_from_value, dict(states))
         traced = tf.function(run, input_signature=[self._signature, kinds], autograph=False)
-        return traced.get_concrete_function()
+        return traced.get_concrete_function(), scalars
 
     def _arrays(self, key: str, function: Callable, x: Any) -> dict[int, np.ndarray]:
         results = self._function(key, function)(*self._quantised(self._images(x)))

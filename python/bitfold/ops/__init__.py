@@ -27,7 +27,8 @@ Tables. ``layer_norm``, ``softmax`` and ``activation`` have fixed types and take
 those of the box decoders and of ``non_max_suppression``.
 
 Requantisation. ``requantise`` turns sums, int32 or int64, into the stored integers of an output;
-``prepared_conv2d`` and ``prepared_matmul`` are whole layers, from stored integers to stored ones.
+``prepared_conv2d`` and ``prepared_matmul`` are whole layers, from stored integers to stored ones;
+``watched_conv2d`` also says what the final sums reach.
 
 Partial sums. ``partial_sums`` and ``matmul_partial_sums`` say which values the sums of a layer take
 on their way, as whole numbers that never wrap, and what would leave an accumulator.
@@ -35,7 +36,12 @@ on their way, as whole numbers that never wrap, and what would leave an accumula
 Stored tensors. The ``stored_`` functions take and give the integers that a quantised network keeps,
 int8 and int16, as they are; results have the bits of the mobile runtime's reference kernels.
 
-Layout. Tensors are NHWC. Gradients are undefined. No XLA: leave ``jit_compile`` off.
+Gradients. Float data has the gradient of the real function that an op approximates: wraps,
+roundings and half precision pass straight through, and products are divided by ``mult_shift``, by
+nothing where that is 0. Integers have none. Box decoders and suppression have none either, and say
+so when one is asked for.
+
+Layout. Tensors are NHWC. No XLA: leave ``jit_compile`` off.
 
 Arguments may be numpy arrays, lists, tensors, variables or Keras' symbolic tensors; inside
 ``tf.function`` their shapes may be partly unknown, and strides and dilations must be positive (the
@@ -48,13 +54,14 @@ it, or an assertion in a function whose shapes were unknown when it was traced. 
 zeros, or end the process.
 """
 
+from bitfold.ops._activation import activation
 from bitfold.ops._additions import add, bias_add, decomposed_bias_add, weighted_add
 from bitfold.ops._bilinear import bilinear
 from bitfold.ops._convolutions import conv2d, depthwise_conv2d, dilated_conv2d
 from bitfold.ops._detection import decode_boxes, decode_boxes_single_weight, non_max_suppression
 from bitfold.ops._matmul import matmul
 from bitfold.ops._partial_sums import matmul_partial_sums, partial_sums
-from bitfold.ops._prepared import prepared_conv2d, prepared_matmul
+from bitfold.ops._prepared import prepared_conv2d, prepared_matmul, watched_conv2d
 from bitfold.ops._requantise import requantise
 from bitfold.ops._stored import (
     stored_elementwise,
@@ -63,7 +70,7 @@ from bitfold.ops._stored import (
     stored_pool,
     stored_quantise,
 )
-from bitfold.ops._units import activation, layer_norm, softmax
+from bitfold.ops._units import layer_norm, softmax
 
 __all__ = [
     "activation",
@@ -90,6 +97,7 @@ __all__ = [
     "stored_mean",
     "stored_pool",
     "stored_quantise",
+    "watched_conv2d",
     "weighted_add",
 ]
 

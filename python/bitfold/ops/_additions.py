@@ -34,6 +34,9 @@ def add(
     Each element becomes ``value`` with ``factor * elementwise``, scaled by ``mult_shift``, added
     ceil(``feed_repeat``) times, wrapping after each addition.
 
+    The gradient, by `value`, `elementwise` and `factor`, is that of ``value + n * factor *
+    elementwise / mult_shift`` in real numbers, n being the number of additions.
+
     Args:
         value: the accumulators, float32 or int32, of rank 4 or 2.
         elementwise: the operand, of the type and as many elements as `value`.
@@ -98,6 +101,9 @@ def bias_add(
     Each element becomes ``value`` with ``bias[channel] * factor``, scaled by ``mult_shift``, added
     ceil(``feed_repeat``) times, wrapping after each addition.
 
+    The gradient, by `value`, `bias` and `factor`, is that of ``value + n * bias * factor /
+    mult_shift`` in real numbers, n being the number of additions.
+
     Args:
         value: the accumulators, float32 or int32, [N, H, W, C] or [N, C].
         bias: one value per channel, [C], of the type of `value`.
@@ -160,6 +166,9 @@ def decomposed_bias_add(
     Each element becomes ``value`` with ``bias_a[channel] * factor_a`` and then
     ``bias_b[channel] * factor_b``, both scaled by ``mult_shift``, added ceil(``feed_repeat``)
     times, wrapping after each addition.
+
+    The gradient, by `value`, both parts and both factors, is that of ``value + n * (bias_a *
+    factor_a + bias_b * factor_b) / mult_shift`` in real numbers, n being the number of times.
 
     Args:
         value: the accumulators, float32 or int32, [N, H, W, C] or [N, C].
@@ -228,6 +237,9 @@ def weighted_add(
 
     Each element is ``weights[0, channel] * value + weights[1, channel] * elementwise``, each
     product scaled by ``mult_shift``, in one addition that wraps once.
+
+    The gradient, by all three operands, is that of the same sum in real numbers, products divided
+    by ``mult_shift``.
 
     Args:
         value: the first operand, float32 or int32, [N, H, W, C] or [N, C].

@@ -37,6 +37,9 @@ def bilinear(
     scaled by ``mult_shift``, wrapping after each addition. ``bitfold.resize`` gathers neighbours
     and weights from images.
 
+    The gradient, by neighbours, weights and `bias`, is that of the same sum in real numbers,
+    products divided by ``mult_shift`` unless `float_accumulator`.
+
     Args:
         upper_left: the neighbours, float32 or int32, [N, ...], N at least 1.
         upper_right: of the type and as many elements as `upper_left`, like the next two.

@@ -44,6 +44,9 @@ def conv2d(
     row by filter row, in each row input channel by input channel, in each channel column by
     column; taps outside the image are skipped.
 
+    The gradient, by `input`, `filters` and `elementwise`, is that of a convolution of real numbers
+    with the same windows, divided by ``mult_shift``.
+
     Args:
         input: images, float32 or int32, [N, H, W, C].
         filters: [height, width, C, outputs], of the type of `input`; a dimension of 1 may stand
@@ -105,6 +108,8 @@ def dilated_conv2d(
 ) -> tf.Tensor:
     """Convolve as `conv2d` does, under the accelerator's own name for dilated convolution.
 
+    The gradient is that of `conv2d`.
+
     Args:
         input: images, float32 or int32, [N, H, W, C].
         filters: [height, width, C, outputs], of the type of `input`.
@@ -157,6 +162,9 @@ def depthwise_conv2d(
 
     The unit takes signed weights in w/2 bits, w = ``accumulator_size``: a weight above
     2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line says so once per image.
+
+    The gradient, by `input`, `filter` and `elementwise`, is that of a convolution of real numbers
+    with the same windows, divided by ``mult_shift``, with the weights that the unit reads.
 
     Args:
         input: images, float32 or int32, [N, H, W, C].

@@ -42,6 +42,8 @@ def decode_boxes(
     ``mult_shift``, wrapping after each of the two additions. ``bitfold.detection.box_decoder``
     makes the inputs.
 
+    `decode_boxes` has no gradient: asking for one raises a ``LookupError``.
+
     Args:
         detection_centers: float32 or int32 [N, H, W, 2 * A], a (cy, cx) pair for each of A
             anchors.
@@ -121,6 +123,8 @@ def decode_boxes_single_weight(
     Each product is scaled by ``mult_shift``, each sum wraps once.
     ``bitfold.detection.single_weight_box_decoder`` makes the inputs.
 
+    `decode_boxes_single_weight` has no gradient: asking for one raises a ``LookupError``.
+
     Args:
         detection_centers: float32 or int32 [N, H, W, 2 * A], what gives the minimum corners, a
             pair for each of A anchors.
@@ -188,6 +192,8 @@ def non_max_suppression(
     truncated. Boxes with the same corners are always suppressed. Every step is logged at
     information level, which costs time unless TF_CPP_MIN_LOG_LEVEL filters it.
     ``bitfold.detection`` packs boxes and unpacks the result.
+
+    `non_max_suppression` has no gradient: asking for one raises a ``LookupError``.
 
     Args:
         value: float32 [B, classes * n, 5, 1], the n boxes of each class: y_min, x_min, y_max,

@@ -34,6 +34,9 @@ def matmul(
     2^(w/2 - 1) - 1 is reduced by 2^(w/2), and a red line on C's standard output says so once per
     matrix.
 
+    The gradient, by `a` and `b`, is that of ``a @ b / mult_shift`` in real numbers, with the
+    weights that the unit reads.
+
     Args:
         a: the data, float32 or int32, [rows, inner] or [batch, rows, inner].
         b: the weights, of the type of `a`: [inner, cols], for a batch [batch, inner, cols]; no
@@ -78,8 +81,9 @@ def matmul(
             name=name,
         )
     if not tf.executing_eagerly():
-        # With unknown ranks the runtime infers a matrix, whatever will come.
-        product = without_static_shape(product)
+        # With unknown ranks the runtime infers a matrix, whatever will come, and would hold a
+        # gradient of the product against that.
+        product = unrelated(without_static_shape(product))
         product.set_shape(product_shape(a.shape, b.shape))
     return product
 

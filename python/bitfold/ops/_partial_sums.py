@@ -64,6 +64,8 @@ def partial_sums(
     of the image and its `zeros` is no addend. A sum is outside of w bits if it is below -2^(w-1) or
     above 2^(w-1) - 1.
 
+    There is no gradient: results are integers.
+
     Args:
         input: int8 or int16 [N, H, W, C].
         filter: int8 or int16 [h, w, C, outputs]; depthwise [h, w, 1, outputs], outputs at most C.
@@ -145,6 +147,8 @@ def matmul_partial_sums(
 
     As `partial_sums` does, for the sums of `matmul` on the numbers less their zero points: of each
     element the products from the first column of `a` on. A column of the product is a channel.
+
+    There is no gradient: results are integers.
 
     Args:
         a: int8 or int16 [..., rows, inner].

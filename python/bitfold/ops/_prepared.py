@@ -5,7 +5,7 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
-from typing import Any
+from typing import Any, NamedTuple
 
 import numpy as np
 import tensorflow as tf
@@ -52,6 +52,8 @@ def prepared_conv2d(
     be known of the layer is decided at the first call, which packs the weights; later calls with
     the same `filter`, `bias` and `multipliers` and the same image size use it again.
 
+    There is no gradient: results are integers.
+
     Args:
         input: int8 or int16 [N, H, W, C].
         filter: int8 [h, w, C, outputs]; depthwise [h, w, 1, outputs], outputs at most C.
@@ -95,20 +97,10 @@ def prepared_conv2d(
         array([[54, 56],
                [60, 62]], dtype=int8)
     """
-    accumulator_size = integer(accumulator_size, "accumulator_size")
-    bias_type = tf.int64 if accumulator_size == _WIDE else tf.int32
     return raw_ops.h_prepared_convolution(
-        input=_stored(input, "input"),
-        filter=as_tensor(filter, tf.int8),
-        bias=as_tensor(_NO_BIAS[bias_type] if bias is None else bias, bias_type),
-        multipliers=as_tensor(multipliers, tf.float64),
-        strides=[integer(value, "strides") for value in strides],
-        dilations=[integer(value, "dilations") for value in dilations],
-        padding=padding,
-        zeros=[integer(value, "zeros") for value in zeros],
-        is_depthwise=bool(depthwise),
+        **_operands(input, filter, bias, multipliers, accumulator_size),
+        **_windows(strides, dilations, padding, zeros, depthwise),
         input_zero_point=integer(input_zero_point, "input_zero_point"),
-        accumulator_size=accumulator_size,
         mult_shift=integer(mult_shift, "mult_shift"),
         use_fp16_acc=bool(use_fp16_acc),
         rounding=rounding,
@@ -116,6 +108,110 @@ def prepared_conv2d(
         name=name,
         **_output(dtype, zero_point, minimum, maximum),
     )
+
+
+class WatchedConvolution(NamedTuple):
+    """A layer's output, and what its final sums reach at full width, of each channel together.
+
+    Attributes:
+        output: [N, H', W', C], as `prepared_conv2d` gives it.
+        extremes: int64 [2, C], the least and the greatest sum. Of no images int64's greatest and
+            least number: what other data are combined with by minimum and maximum.
+        outside: int64 [widths, C], how many sums are outside of each width. Other data add to them.
+    """
+
+    output: tf.Tensor
+    extremes: tf.Tensor
+    outside: tf.Tensor
+
+
+def watched_conv2d(
+    input: Any,
+    filter: Any,
+    bias: Any | None,
+    multipliers: Any,
+    *,
+    accumulator_sizes: Sequence[int] = (),
+    strides: Sequence[int] = (1, 1),
+    dilations: Sequence[int] = (1, 1),
+    padding: str = "VALID",
+    zeros: Sequence[int] = (0, 0, 0, 0),
+    depthwise: bool = False,
+    input_zero_point: int = 0,
+    accumulator_size: int = 32,
+    mult_shift: int = 0,
+    use_fp16_acc: bool = False,
+    rounding: str = "two_roundings",
+    zero_point: int = 0,
+    minimum: int | None = None,
+    maximum: int | None = None,
+    dtype: Any = tf.int8,
+    constant_weights: bool = False,
+    name: str | None = None,
+) -> WatchedConvolution:
+    """Compute a layer of a quantised network, and find what its final sums reach.
+
+    The output and the printed lines are those of `prepared_conv2d`. Beside them stands what
+    `partial_sums` finds of the final sums, whatever accumulator the layer has: as whole numbers
+    that never wrap, of the weights as they are stored, with the same shift. Where the accumulator
+    adds up exactly but for the bits that it drops at the end this costs a few percent, else as much
+    as the layer at full width.
+
+    Args:
+        input: as `prepared_conv2d` takes it.
+        filter: the same.
+        bias: the same; of int64 of at most 2^62 in magnitude.
+        multipliers: the same.
+        accumulator_sizes: the widths that final sums are compared with, from 1 to 32 bits.
+        strides: as `prepared_conv2d` takes them, and all that follow.
+        dilations: the same.
+        padding: the same.
+        zeros: the same; with them an image has fewer than 2^29 elements.
+        depthwise: the same.
+        input_zero_point: the same.
+        accumulator_size: the same.
+        mult_shift: the same; at most 30.
+        use_fp16_acc: the same.
+        rounding: the same.
+        zero_point: the same.
+        minimum: the same.
+        maximum: the same.
+        dtype: the same.
+        constant_weights: the same.
+        name: the node's name.
+
+    Returns:
+        The output, the extremes of final sums, and how many are outside of each width.
+
+    Raises:
+        TypeError: for tensors of other types.
+        ValueError, tf.errors.InvalidArgumentError: for shapes, sizes and multipliers that do not
+            fit.
+
+    Example:
+        >>> import bitfold, numpy as np
+        >>> data = np.int8([[100, 100], [100, -90]]).reshape(1, 2, 1, 2)
+        >>> found = bitfold.ops.watched_conv2d(
+        ...     data, np.ones([1, 1, 2, 1], np.int8), None, [1.0],
+        ...     accumulator_size=8, accumulator_sizes=[8, 9])
+        >>> found.output.numpy().ravel(), found.extremes.numpy().ravel()
+        (array([-56,  10], dtype=int8), array([ 10, 200]))
+        >>> found.outside.numpy().ravel()
+        array([1, 0])
+    """
+    found = raw_ops.h_watched_convolution(
+        **_operands(input, filter, bias, multipliers, accumulator_size),
+        **_windows(strides, dilations, padding, zeros, depthwise),
+        input_zero_point=integer(input_zero_point, "input_zero_point"),
+        mult_shift=integer(mult_shift, "mult_shift"),
+        use_fp16_acc=bool(use_fp16_acc),
+        rounding=rounding,
+        has_constant_weights=bool(constant_weights),
+        accumulator_sizes=[integer(value, "accumulator_sizes") for value in accumulator_sizes],
+        name=name,
+        **_output(dtype, zero_point, minimum, maximum),
+    )
+    return WatchedConvolution(*found)
 
 
 @accepts_symbolic
@@ -146,6 +242,8 @@ def prepared_matmul(
     the other more. A second operand that is one matrix of rank 2 meets the rows of all first
     matrices in one product: of weights whose sign is corrected there is one line, not one for each
     matrix.
+
+    There is no gradient: results are integers.
 
     Args:
         first: int8 or int16 [..., rows, inner], or [..., inner, rows] where it is transposed.
@@ -196,6 +294,38 @@ def prepared_matmul(
         rounding=rounding,
         name=name,
         **_output(dtype, zero_point, minimum, maximum),
+    )
+
+
+def _operands(
+    input: Any, filter: Any, bias: Any | None, multipliers: Any, accumulator_size: int
+) -> dict[str, Any]:
+    """Return a layer's inputs, and the accumulator, of which the type of the bias follows."""
+    accumulator_size = integer(accumulator_size, "accumulator_size")
+    bias_type = tf.int64 if accumulator_size == _WIDE else tf.int32
+    return dict(
+        input=_stored(input, "input"),
+        filter=as_tensor(filter, tf.int8),
+        bias=as_tensor(_NO_BIAS[bias_type] if bias is None else bias, bias_type),
+        multipliers=as_tensor(multipliers, tf.float64),
+        accumulator_size=accumulator_size,
+    )
+
+
+def _windows(
+    strides: Sequence[int],
+    dilations: Sequence[int],
+    padding: str,
+    zeros: Sequence[int],
+    depthwise: bool,
+) -> dict[str, Any]:
+    """Return the attributes that say where windows lie."""
+    return dict(
+        strides=[integer(value, "strides") for value in strides],
+        dilations=[integer(value, "dilations") for value in dilations],
+        padding=padding,
+        zeros=[integer(value, "zeros") for value in zeros],
+        is_depthwise=bool(depthwise),
     )
 
 

@@ -47,6 +47,8 @@ def requantise(
       precision, rounded to a whole number, halves away from zero. What no int32 holds becomes
       -2^31.
 
+    There is no gradient: results are integers.
+
     Args:
         sums: int32 or int64 of rank 1 or more, channels last. int64 has no form of two roundings.
             Narrower integers widen, lists become int32 where that holds them.

@@ -40,6 +40,8 @@ def stored_elementwise(
     in two roundings as in `requantise`. A product is multiplied by the product of the scales by the
     output's, formed in single precision.
 
+    There is no gradient: results are integers.
+
     Args:
         first: int8 or int16 of any shape.
         second: of the same type; each operand is repeated along the dimensions where it has one
@@ -114,6 +116,8 @@ def stored_pool(
     far beyond the image at its beginning as at its end, by one pixel more at the end where that
     does not come out even.
 
+    There is no gradient: results are integers.
+
     Args:
         data: int8 or int16 [N, H, W, C].
         pooling: ``"max"`` or ``"average"``.
@@ -179,6 +183,8 @@ def stored_mean(
     the number of elements, in two roundings as in `requantise`; the quotient's mantissa is not
     brought back to 31 bits. So does the mobile runtime's reference kernel.
 
+    There is no gradient: results are integers.
+
     Args:
         data: int8 or int16 [outer, elements, inner].
         data_scale: what a step of the data stands for, a float32 number above 0.
@@ -216,6 +222,8 @@ def stored_mean(
 @accepts_symbolic
 def stored_lookup(data: Any, table: Any, *, name: str | None = None) -> tf.Tensor:
     """Look every stored integer up in a table.
+
+    There is no gradient: results are integers.
 
     Args:
         data: int8, uint8 or int16 of any shape.
@@ -259,6 +267,8 @@ def stored_quantise(
     A number over the scale, in single precision, is rounded, halves away from zero; the zero point
     is added. What lies beyond the type, infinities too, is stored as its end, NaN as the zero
     point.
+
+    There is no gradient: results are integers.
 
     Args:
         values: float32 of any shape.

@@ -338,7 +338,7 @@ class _Run(_Measured):
         if self._metric is not None:
             self.keep(np.asarray(outputs))
         for name, layer in self._layers.items():
-            stored = seen[str(layer.position)]["output"].numpy()
+            stored = seen[str(layer.position)]["output"]
             stored, signal = stored.reshape(len(stored), -1), signals[name]
             rows = max(1, _BLOCK // max(1, stored.shape[1]))
             for first in range(0, len(stored), rows):

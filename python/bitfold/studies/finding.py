@@ -16,15 +16,16 @@ import tensorflow as tf
 
 from bitfold._frame.library import VERSION
 from bitfold.network import Network, evaluation
+from bitfold.network.shards.data import Data
+from bitfold.network.shards.metrics import Metric
 from bitfold.studies.attribution import attribute
-from bitfold.studies.data import Data
+from bitfold.studies.groups import key_of
 from bitfold.studies.layers import bits_of_layer
-from bitfold.studies.metrics import Metric
 from bitfold.studies.passes import Plan
 from bitfold.studies.records import Counts, Findings, LayerCounts, Result
 from bitfold.studies.settings import Setting, full_width
 from bitfold.studies.tallies import LayerTally, Tally
-from bitfold.studies.watching import END_TO_END, key_of, summing_steps
+from bitfold.studies.watching import END_TO_END, summing_steps
 from bitfold.studies.wraps import corrected_weights
 
 
@@ -74,6 +75,7 @@ def found(
             "python": platform.python_version(),
         },
         seconds=sum(tally.seconds for tally in tallies.values()),
+        looked_at=None if whole.looked == whole.images else whole.looked,
     )
 
 
@@ -126,8 +128,13 @@ def _layer_counts(
             layer.position,
             layer.name,
             layer.arithmetic,
-            alone.counts.get(key_of(layer.arithmetic), Counts(alone.sums)),
-            end_to_end.counts.get(END_TO_END, Counts(end_to_end.sums)),
+            alone.counts.get(key_of(layer.arithmetic), _nothing(alone)),
+            end_to_end.counts.get(END_TO_END, _nothing(end_to_end)),
             corrected_weights(step) if is_stored else 0,
             tally.lines.get(layer.name, 0),
         )
+
+
+def _nothing(tally: LayerTally) -> Counts:
+    """Return the counts of an arithmetic that no sum leaves."""
+    return Counts(tally.sums, looked_at=tally.looked_at)

@@ -87,6 +87,7 @@ def _of_all(
         harmless_from=bounds.harmless_from,
         data_range=data_range,
         remarks=tuple(_of_layer(step, channels)),
+        looked_at=tally.looked_at,
     )
 
 

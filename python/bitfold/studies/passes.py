@@ -13,16 +13,20 @@ from __future__ import annotations
 
 import dataclasses
 import time
+from collections import Counter
 from collections.abc import Callable, Mapping
 from typing import Any
 
+import numpy as np
 import tensorflow as tf
 
 from bitfold.network import Network, evaluation
-from bitfold.studies.data import Shard
-from bitfold.studies.metrics import Metric
+from bitfold.network.shards.data import Shard
+from bitfold.network.shards.metrics import Metric
+from bitfold.network.shards.work import Run
+from bitfold.studies.sampling import Sample
 from bitfold.studies.settings import Setting, full_width
-from bitfold.studies.tallies import Tally
+from bitfold.studies.tallies import LayerTally, Tally
 from bitfold.studies.watching import FullWidthPass, SettingPass
 
 # That `bitfold.ops.partial_sums` takes.
@@ -38,25 +42,22 @@ class Plan:
         settings: its arithmetics.
         metric: how results are measured; None without labels. What `Network.evaluate` takes.
         has_metric: whether there are labels.
+        sample: the images whose partial sums are looked at.
     """
 
     network: Network
     settings: tuple[Setting, ...]
     metric: Any
     has_metric: bool
+    sample: Sample = dataclasses.field(default_factory=Sample)
 
+    def runner(self, key: int | None) -> Run:
+        """Return what computes shards in a setting, by its index; None for the full-width pass."""
+        return Runner(self, key).run
 
-@dataclasses.dataclass(frozen=True)
-class Task:
-    """A part of a study.
-
-    Attributes:
-        setting: its index; None for the full-width pass.
-        shard: of the data.
-    """
-
-    setting: int | None
-    shard: int
+    def called(self, key: int | None) -> str:
+        """Return the name of a setting."""
+        return "full width" if key is None else self.settings[key].name
 
 
 def check_biases(network: Network) -> None:
@@ -72,7 +73,7 @@ def check_biases(network: Network) -> None:
 
 
 class Runner:
-    """Computes the tasks of one setting."""
+    """Computes the shards of one setting."""
 
     def __init__(self, plan: Plan, setting: int | None) -> None:
         """Make the network and what looks on; graphs are made when the first batch comes."""
@@ -82,7 +83,9 @@ class Runner:
         else:
             given = plan.network.with_arithmetic(plan.settings[setting].arithmetic)
             self._pass = SettingPass(given)
-        self._call = self._pass.network.observed(self._pass.observe)
+        self._call = self._pass.network.observed(self._pass.observe_finals)
+        self._call_to_look = self._pass.network.observed(self._pass.observe)
+        self._sample = plan.sample
         self._metric = Metric(plan.metric) if plan.has_metric else None
 
     def run(self, shard: Shard, advance: Callable[[int], None] = lambda _: None) -> Tally:
@@ -93,27 +96,63 @@ class Runner:
         """
         begin = time.perf_counter()
         metric = None if self._metric is None else self._metric.start()
-        lines_before = self._pass.lines()
-        tally = Tally()
+        tally, place, most, sample = Tally(), shard.first // self._rows, 1, []
         for images, labels in shard.batches:
-            if self._pass.knows_nothing and self._count(images) > 1:
-                # One image alone has most of the bits, and finds them at less cost than a batch.
-                first = next(evaluation.batches(images, self._rows))
-                self._pass.learn(self._call(first, self._pass.states())[1])
-            outputs, seen = self._call(images, self._pass.states())
+            count = self._count(images)
+            looked = self._sample.places(place, count)
+            outputs, found = self._batch(images, is_looked_at=looked.size == count)
             if metric is not None:
                 if not tf.is_tensor(outputs):
                     raise ValueError("Need a network of one output for a metric; leave y out")
                 metric.update_state(labels, outputs)
-            count = self._count(images)
-            tally += Tally(count, self._pass.tallied(seen, count))
+            tally += found
+            if 0 < looked.size < count:
+                sample.append(self._some(images, looked))
+            place, most = place + count, max(most, count)
             advance(count)
+        if sample:
+            tally += self._look_at_sample(sample, most)
         states = {} if metric is None else {shard.index: self._metric.state(metric)}
-        lines = {
-            name: count - lines_before.get(name, 0) for name, count in self._pass.lines().items()
-        }
-        lines = {name: count for name, count in lines.items() if count}
-        return tally + Tally(0, {}, states, lines, time.perf_counter() - begin)
+        return tally + Tally(0, {}, states, seconds=time.perf_counter() - begin)
+
+    def _batch(self, images: Any, *, is_looked_at: bool) -> tuple[Any, Tally]:
+        """Return the outputs of a batch, and what was counted, of partial sums, too, or not."""
+        count, before = self._count(images), self._pass.lines()
+        if is_looked_at:
+            outputs, layers = self._look(images)
+        else:
+            outputs, seen = self._call(images, {})
+            layers = self._pass.tallied_finals(seen, count)
+        lines = Counter(self._pass.lines())
+        lines.subtract(before)
+        lines = {name: number for name, number in lines.items() if number}
+        return outputs, Tally(count, layers, {}, lines, looked=count if is_looked_at else 0)
+
+    def _look_at_sample(self, parts: list[Any], most: int) -> Tally:
+        """Return what partial sums tell of images that were counted; so many are looked at once.
+
+        Their lines were counted, too.
+        """
+        tally = Tally()
+        sample = tf.nest.map_structure(lambda *values: np.concatenate(values), *parts)
+        for images in evaluation.batches(sample, most * self._rows):
+            layers = {place: layer.of_sample() for place, layer in self._look(images)[1].items()}
+            tally += Tally(0, layers, looked=self._count(images))
+        return tally
+
+    def _look(self, images: Any) -> tuple[Any, dict[int, LayerTally]]:
+        """Return the outputs of images, and what was seen of all their sums."""
+        if self._pass.knows_nothing and self._count(images) > 1:
+            # One image alone has most of the bits, and finds them at less cost than a batch.
+            first = next(evaluation.batches(images, self._rows))
+            self._pass.learn(self._call_to_look(first, self._pass.states())[1])
+        outputs, seen = self._call_to_look(images, self._pass.states())
+        return outputs, self._pass.tallied(seen, self._count(images))
+
+    def _some(self, images: Any, places: np.ndarray) -> Any:
+        """Return some images of a batch."""
+        rows = (places[:, None] * self._rows + np.arange(self._rows)).reshape(-1)
+        return tf.nest.map_structure(lambda value: np.asarray(value)[rows], images)
 
     @property
     def _rows(self) -> int:

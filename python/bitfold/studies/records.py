@@ -19,7 +19,7 @@ class ChannelBits:
     Attributes:
         channel: its index.
         needed: bits that hold every final sum that was seen.
-        on_the_way: bits that hold every partial sum, too.
+        on_the_way: bits that hold every partial sum that was looked at, too.
         proven: bits with which no input of the stored type can give a wrong sum.
         proven_for_range: the same for inputs within the layer's `LayerBits.data_range`.
         smallest_sum: of the final sums seen; 0 where none was.
@@ -58,6 +58,7 @@ class LayerBits:
             larger than the range: from there on `needed` alone counts.
         data_range: the smallest and largest stored input that was seen.
         remarks: what stands out, a sentence each without full stop.
+        looked_at: of how many of the sums partial sums were looked at; None: of all.
     """
 
     position: int
@@ -73,6 +74,12 @@ class LayerBits:
     harmless_from: int
     data_range: tuple[int, int]
     remarks: tuple[str, ...] = ()
+    looked_at: int | None = None
+
+    @property
+    def looked(self) -> int:
+        """Of how many sums partial sums were looked at, as a number."""
+        return self.sums if self.looked_at is None else self.looked_at
 
 
 @dataclasses.dataclass(frozen=True)
@@ -82,9 +89,12 @@ class Counts:
     Attributes:
         sums: how many there were.
         wrong: that differ from those of full width for the same inputs, shifted alike.
-        right_again: of which a partial sum left the accumulator and that came out right.
-        partial_sums_outside: partial sums of full width that the accumulator does not hold.
+        right_again: of those looked at, of which a partial sum left the accumulator and that came
+            out right.
+        partial_sums_outside: partial sums of full width that the accumulator does not hold, of the
+            sums looked at.
         first_step: after how many addends the first of them was seen; 0 where there was none.
+        looked_at: of how many of the sums partial sums were looked at; None: of all.
     """
 
     sums: int = 0
@@ -92,16 +102,28 @@ class Counts:
     right_again: int = 0
     partial_sums_outside: int = 0
     first_step: int = 0
+    looked_at: int | None = None
+
+    @property
+    def looked(self) -> int:
+        """Of how many sums partial sums were looked at, as a number."""
+        return self.sums if self.looked_at is None else self.looked_at
+
+    def of_sample(self) -> Counts:
+        """Return what these counts are to others that have the same sums among theirs."""
+        return dataclasses.replace(self, sums=0, wrong=0, looked_at=self.looked)
 
     def __add__(self, other: Counts) -> Counts:
         """Return the counts of both."""
         steps = [step for step in (self.first_step, other.first_step) if step]
+        sums, looked = self.sums + other.sums, self.looked + other.looked
         return Counts(
-            self.sums + other.sums,
+            sums,
             self.wrong + other.wrong,
             self.right_again + other.right_again,
             self.partial_sums_outside + other.partial_sums_outside,
             min(steps, default=0),
+            None if looked == sums else looked,
         )
 
     @property
@@ -111,8 +133,8 @@ class Counts:
 
     @property
     def right_again_share(self) -> float:
-        """The share of sums that left the range and came out right; 0 of none."""
-        return self.right_again / self.sums if self.sums else 0.0
+        """Of the sums looked at, the share that left the range and came right; 0 of none."""
+        return self.right_again / self.looked if self.looked else 0.0
 
 
 @dataclasses.dataclass(frozen=True)
@@ -248,6 +270,7 @@ class Findings:
         searches: what `Study.narrowest` found until now.
         versions: by the name of a package.
         seconds: what the measurements took.
+        looked_at: of how many images partial sums were looked at; None: of all.
     """
 
     title: str
@@ -262,3 +285,4 @@ class Findings:
     searches: tuple[Narrowest, ...] = ()
     versions: Mapping[str, str] = dataclasses.field(default_factory=dict)
     seconds: float = 0.0
+    looked_at: int | None = None

@@ -14,6 +14,7 @@ from bitfold.studies.records import (
     Attribution,
     Cause,
     ChannelBits,
+    Counts,
     Findings,
     LayerCounts,
     Narrowest,
@@ -88,6 +89,8 @@ def overview(findings: Findings) -> Table:
         ("multiply-adds for one image", words.large(work)),
     ]
     name = findings.metric_name or "metric"
+    if findings.looked_at is not None:
+        rows.append(("images whose partial sums were looked at", words.count(findings.looked_at)))
     if findings.metric is not None:
         rows.append((f"{name} at full width", words.metric(findings, findings.metric)))
     if findings.float_metric is not None:
@@ -133,7 +136,14 @@ def layers(findings: Findings) -> Table:
         )
         for layer in findings.layers
     )
-    return Table("Bits of each layer's sums at full width.", columns, rows)
+    caption = "Bits of each layer's sums at full width." + sums_looked_at(findings)
+    return Table(caption, columns, rows)
+
+
+def sums_looked_at(findings: Findings) -> str:
+    """Return of how many sums the bits on the way are, for the end of a caption."""
+    looked = sum(layer.looked for layer in findings.layers)
+    return words.of_sample("On the way", looked, sum(layer.sums for layer in findings.layers))
 
 
 def channels(findings: Findings) -> Table:
@@ -164,6 +174,7 @@ def channels(findings: Findings) -> Table:
     caption = "Channels that stand out."
     if len(rows) > _MOST_CHANNELS:
         caption = f"The first {_MOST_CHANNELS} of {len(rows):,} channels that stand out."
+    caption += sums_looked_at(findings)
     return Table(caption, columns, tuple(rows[:_MOST_CHANNELS]))
 
 
@@ -239,7 +250,10 @@ def results(findings: Findings) -> Table:
                 sum(layer.out_of_bounds for layer in result.layers),
             )
         )
-    return Table("Each arithmetic, end to end.", columns, tuple(rows))
+    every = sum((total(result) for result in findings.results), Counts())
+    caption = "Each arithmetic, end to end."
+    caption += words.of_sample("Right again", every.looked, every.sums)
+    return Table(caption, columns, tuple(rows))
 
 
 def wrong_by_width(series: Series, is_alone: bool) -> Table:
@@ -289,7 +303,11 @@ def counts(result: Result) -> Table:
         )
         for layer in result.layers
     )
-    return Table(f"Layers with {words.printable(result.name)}.", columns, rows)
+    counts = total(result)
+    caption = f"Layers with {words.printable(result.name)}." + words.of_sample(
+        "Right again, partial sums outside and the first", counts.looked, counts.sums
+    )
+    return Table(caption, columns, rows)
 
 
 # ---- Attribution and search ----------------------------------------------------------------------

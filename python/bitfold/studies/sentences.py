@@ -170,10 +170,12 @@ def bits(findings: Findings) -> list[str]:
 
 def _on_the_way(layers: Sequence[LayerBits]) -> list[str]:
     wider = [layer for layer in layers if layer.on_the_way > layer.needed]
+    looked, sums = sum(layer.looked for layer in layers), sum(layer.sums for layer in layers)
+    of = "" if looked == sums else f" of the {looked:,} of {sums:,} sums looked at"
     if not wider:
-        return ["No partial sum needs more bits than the final ones."]
+        return [f"No partial sum{of} needs more bits than the final ones."]
     count = words.some(len(wider), "layer")
-    text = f"In {count} partial sums need more bits than the final ones; "
+    text = f"In {count} partial sums{of} need more bits than the final ones; "
     harmful = [layer for layer in wider if layer.harmless_from > layer.needed]
     if not harmful:
         return [text + "as no addend there is larger than the range, they wrap and come right."]

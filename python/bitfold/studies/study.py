@@ -8,14 +8,16 @@ import dataclasses
 import io
 import os
 from collections.abc import Callable
+from concurrent.futures import Executor
 from typing import Any, TextIO
 
 import numpy as np
 
 from bitfold.network import Network, archive, evaluation
+from bitfold.network.shards.data import Data
+from bitfold.network.shards.source import Source
 from bitfold.studies import document, page, search, tables, terminal
 from bitfold.studies.bounds import Bounds, layer_bounds
-from bitfold.studies.data import Data
 from bitfold.studies.finding import attributed, found
 from bitfold.studies.measuring import measure
 from bitfold.studies.passes import Plan, check_biases
@@ -27,6 +29,7 @@ from bitfold.studies.records import (
     Narrowest,
     Result,
 )
+from bitfold.studies.sampling import sample_of
 from bitfold.studies.settings import full_width, settings_of
 from bitfold.studies.watching import summing_steps
 
@@ -39,21 +42,29 @@ def study(
     arithmetics: Any = None,
     metric: Any = None,
     float_model: Any = None,
+    partial_sums: str | int = "sample",
     batch_size: int | None = None,
+    shard_size: int | None = None,
     resume: str | os.PathLike[str] | None = None,
+    executor: Executor | None = None,
     title: str | None = None,
 ) -> Study:
     """Find out what accumulators do to a network, layer by layer.
 
     One pass at full width finds what the sums of every layer need, and what would become of them in
     each arithmetic if the layer alone computed in it. Then the network computes end to end in each.
-    All counts are exact; memory does not grow with the data.
+    All counts are exact; memory does not grow with the data. Wrong sums, and the bits that final
+    sums need, are those of all images. What happens on the way to a sum costs many times as much as
+    the sum, so partial sums are looked at of a sample of the images, as findings say beside each
+    such number.
 
     Args:
         network: the network. What is full width of it has exact sums, its units stay.
         x: the data, as `Network.evaluate` takes them: an array, for several inputs a list or a
-            dictionary, or a `tf.data.Dataset` of batches (of pairs with labels).
-        y: labels, an element for each image; None for a study without a metric.
+            dictionary, files as `bitfold.data` names them, or a `tf.data.Dataset` of batches (of
+            pairs with labels).
+        y: labels, an element for each image; None for a study without a metric, and for files and
+            datasets, which have their own.
         arithmetics: what to compute in: a list of `bitfold.Arithmetic` or, for mixtures, of
             dictionaries by layer as `Network.with_arithmetic` takes them; or a dictionary from
             names of your own to these. By default the network's own, where that is not exact.
@@ -62,9 +73,18 @@ def study(
             variables are sums over images, its name, or a function of labels and outputs.
         float_model: the Keras model that the network was made of. With it the study finds what
             quantisation, shift, accumulator and unit add to the error of each layer.
+        partial_sums: the images whose partial sums are looked at, for the bits on the way, the sums
+            that come right again, the partial sums outside and the first of them: "sample" for the
+            first 16 images and every 256th, a number for one image in so many, from the first one
+            on, or "all".
         batch_size: images at once; by default what keeps memory modest. A dataset has its own.
+        shard_size: how many images are a part of the work, of which each is finished or not; by
+            default what suits the data. It changes no count.
         resume: a file where finished parts are kept. A study that was interrupted goes on from
-            them; it must be the same in all but its title.
+            them; it must be the same in all but its title and executor.
+        executor: who computes: any `concurrent.futures.Executor` whose workers have this package,
+            as a `ProcessPoolExecutor` that spawns or `get_executor()` of a Dask client; by default
+            this process. Results are the same. What `float_model` asks for this process computes.
         title: what the report is called; by default by the number of the network's operators.
 
     Returns:
@@ -72,9 +92,11 @@ def study(
 
     Raises:
         OSError: for a `resume` that cannot be read or written, before work begins.
-        TypeError: for arithmetics that are none, and a title that is no text.
-        ValueError: for labels that do not fit, arithmetics that a layer has not, and a `resume` of
-            another study.
+        TypeError: for arithmetics that are none, a title that is no text, an executor that is none,
+            and a metric that cannot be sent to its workers.
+        ValueError: for labels that do not fit, arithmetics that a layer has not, `partial_sums` of
+            another kind, a `resume` of another study, and data that cannot be sent to workers.
+        bitfold.WorkerError: for a part of the work that an executor cannot do.
 
     Example:
         >>> import bitfold, keras, numpy as np
@@ -92,13 +114,14 @@ def study(
         raise TypeError(f"Need a title that is text or None, got {title!r}")
     check_biases(network)
     settings = settings_of(network, arithmetics)
-    data = Data(x, y, network.batch_size(batch_size))
-    plan = Plan(network, settings, metric, data.has_labels)
-    tallies, example = measure(plan, data, resume)
+    size = network.batch_size(batch_size)
+    data = Data(x, y, size, shard_size=shard_size, rows=network.inputs[0].shape[0])
+    plan = Plan(network, settings, metric, data.has_labels, sample_of(partial_sums))
+    tallies, example = measure(plan, data, resume=resume, executor=executor)
     findings = found(plan, tallies, example, title)
     if float_model is not None:
         findings = attributed(findings, plan, data, float_model)
-    return Study(findings, _Subject(network, x, y, metric, batch_size))
+    return Study(findings, _Subject(network, x, y, metric, batch_size, executor))
 
 
 @dataclasses.dataclass(frozen=True)
@@ -110,10 +133,17 @@ class _Subject:
     y: Any
     metric: Any
     batch_size: int | None
+    executor: Executor | None
 
     def evaluate(self, network: Network) -> float:
         """Return the metric of a network over all data."""
-        return network.evaluate(self.x, self.y, metric=self.metric, batch_size=self.batch_size)
+        return network.evaluate(
+            self.x,
+            self.y,
+            metric=self.metric,
+            batch_size=self.batch_size,
+            executor=self.executor,
+        )
 
     def evaluation_of(self, images: int) -> Callable[[Network], float]:
         """Return the same over the first images.
@@ -122,7 +152,10 @@ class _Subject:
             ValueError: for a number below 1, and of a dataset.
         """
         if images < 1 or evaluation.count_images(self.x) is None:
-            raise ValueError(f"Need images >= 1 of arrays for a sample, got {images}")
+            raise ValueError(f"Need images >= 1 of arrays or files for a sample, got {images}")
+        if isinstance(self.x, Source):
+            x, y = self.x.part(0, min(images, self.x.images)).read()
+            return dataclasses.replace(self, x=x, y=y).evaluate
         x = next(evaluation.batches(self.x, images))
         return dataclasses.replace(self, x=x, y=self.y[:images]).evaluate
 
@@ -181,7 +214,8 @@ class Study:
     ) -> Narrowest:
         """Search the narrowest accumulators with which the metric stays within a bound.
 
-        What is found joins the study's `findings`.
+        What is found joins the study's `findings`. The study's executor, which must still take
+        work, computes the metrics.
 
         Args:
             metric_loss: by how much the metric may be worse than at full width.

@@ -21,7 +21,8 @@ def to_dataframe(findings: Findings) -> Any:
     """Return a data frame of pandas: a row for each layer in each arithmetic.
 
     Full width comes first, as the arithmetic "full width". Shares can be had as
-    `wrong_alone / sums` and the like.
+    `wrong_alone / sums` and the like, those of sums that came right again as
+    `right_again_alone / looked_at`.
 
     Args:
         findings: what a study found.
@@ -45,7 +46,7 @@ def records(findings: Findings) -> list[dict[str, Any]]:
     """Return the rows of the data frame, each by the names of its columns."""
     found = []
     for layer in findings.layers:
-        full = Counts(layer.sums)
+        full = Counts(layer.sums, looked_at=layer.looked_at)
         exact = LayerCounts(layer.position, layer.name, Arithmetic(), full, full)
         found.append(_record(layer, exact, _FULL_WIDTH, findings.metric))
     known = {layer.name: layer for layer in findings.layers}
@@ -71,6 +72,7 @@ def _record(
         "use_fp16_acc": counts.arithmetic.use_fp16_acc,
         "requantisation": counts.arithmetic.requantisation,
         "sums": counts.end_to_end.sums,
+        "looked_at": counts.end_to_end.looked,
         "wrong_alone": counts.alone.wrong,
         "right_again_alone": counts.alone.right_again,
         "wrong_end_to_end": counts.end_to_end.wrong,

@@ -6,12 +6,12 @@ from __future__ import annotations
 
 import dataclasses
 from collections import Counter
-from collections.abc import Mapping
+from collections.abc import Mapping, Sequence
 from typing import Any
 
 import numpy as np
 
-from bitfold.studies.metrics import State
+from bitfold.network.shards.metrics import State
 from bitfold.studies.records import Counts
 
 # Of extremes [least final, greatest final, least partial, greatest partial] before any sum.
@@ -29,12 +29,24 @@ class LayerTally:
         extremes: int64 [4, channels], the least and greatest final and partial sums; None where
             nobody looked.
         data_range: the least and greatest stored input; None where nobody looked.
+        looked: of how many of the sums partial sums were looked at.
     """
 
     sums: int = 0
     counts: Mapping[str, Counts] = dataclasses.field(default_factory=dict)
     extremes: np.ndarray | None = None
     data_range: tuple[int, int] | None = None
+    looked: int = 0
+
+    @property
+    def looked_at(self) -> int | None:
+        """The same as records have it: None where it is all."""
+        return None if self.looked == self.sums else self.looked
+
+    def of_sample(self) -> LayerTally:
+        """Return what this is to a tally of more images, these among them."""
+        counts = {name: value.of_sample() for name, value in self.counts.items()}
+        return dataclasses.replace(self, sums=0, counts=counts)
 
     def __add__(self, other: LayerTally) -> LayerTally:
         """Return what was counted of both."""
@@ -46,6 +58,7 @@ class LayerTally:
             counts,
             _joined(self.extremes, other.extremes),
             _joined_ranges(self.data_range, other.data_range),
+            self.looked + other.looked,
         )
 
     def to_json(self) -> dict[str, Any]:
@@ -55,6 +68,7 @@ class LayerTally:
             "counts": {name: dataclasses.astuple(value) for name, value in self.counts.items()},
             "extremes": None if self.extremes is None else self.extremes.tolist(),
             "data_range": self.data_range,
+            "looked": self.looked,
         }
 
     @classmethod
@@ -63,9 +77,10 @@ class LayerTally:
         extremes, data_range = values["extremes"], values["data_range"]
         return cls(
             int(values["sums"]),
-            {name: Counts(*map(int, value)) for name, value in values["counts"].items()},
+            {name: _counts(value) for name, value in values["counts"].items()},
             None if extremes is None else np.array(extremes, np.int64).reshape(4, -1),
             None if data_range is None else (int(data_range[0]), int(data_range[1])),
+            int(values["looked"]),
         )
 
 
@@ -79,6 +94,7 @@ class Tally:
         states: of the metric, by shard.
         lines: that float sums outside of 24 bits would have printed, by the name of the layer.
         seconds: what it took.
+        looked: of how many of the images partial sums were looked at.
     """
 
     images: int = 0
@@ -86,6 +102,7 @@ class Tally:
     states: Mapping[int, State] = dataclasses.field(default_factory=dict)
     lines: Mapping[str, int] = dataclasses.field(default_factory=dict)
     seconds: float = 0.0
+    looked: int = 0
 
     def __add__(self, other: Tally) -> Tally:
         """Return what was counted in both, of different shards."""
@@ -98,6 +115,7 @@ class Tally:
             {**self.states, **other.states},
             dict(Counter(self.lines) + Counter(other.lines)),
             self.seconds + other.seconds,
+            self.looked + other.looked,
         )
 
     def to_json(self) -> dict[str, Any]:
@@ -112,6 +130,7 @@ class Tally:
             },
             "lines": dict(self.lines),
             "seconds": self.seconds,
+            "looked": self.looked,
         }  # fmt: skip
 
     @classmethod
@@ -129,7 +148,14 @@ class Tally:
             },
             {str(name): int(count) for name, count in values["lines"].items()},
             float(values["seconds"]),
+            int(values["looked"]),
         )
+
+
+def _counts(values: Sequence[int | None]) -> Counts:
+    """Return counts of the list of their fields."""
+    *counts, looked_at = values
+    return Counts(*map(int, counts), None if looked_at is None else int(looked_at))
 
 
 def no_extremes(channels: int) -> np.ndarray:

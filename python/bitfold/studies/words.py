@@ -99,6 +99,20 @@ def some(quantity: int, noun: str) -> str:
     return f"{quantity:,} {noun}" + ("" if quantity == 1 else "s")
 
 
+def of_sample(what: str, looked: int, sums: int) -> str:
+    """Return of how many sums a number is that is known of those alone that were looked at.
+
+    Nothing where all were. It follows a sentence.
+
+    Example:
+        >>> of_sample("On the way", 5000, 100000)
+        ' On the way: of 5,000 of the 100,000 sums, those looked at.'
+    """
+    return (
+        "" if looked == sums else f" {what}: of {looked:,} of the {sums:,} sums, those looked at."
+    )
+
+
 def listed(names: list[str]) -> str:
     """Return names as a sentence lists them."""
     if len(names) < 2:

@@ -50,6 +50,12 @@ def test_a_suffix_that_belongs_to_the_name_stays():
     assert naming.layer_names([node("m_1/conv_1_1/convolution")], ["conv_1"]) == ["conv_1"]
 
 
+def test_a_suffix_that_another_layer_has_as_its_name():
+    """The exporter's suffix is a number behind it where another layer has the name with _1."""
+    nodes = [node("m_1/dense_1/MatMul"), node("m_1/dense_1_2/MatMul")]
+    assert naming.layer_names(nodes, ["dense", "dense_1"]) == ["dense", "dense_1"]
+
+
 def test_a_lost_name_is_the_operators():
     """A lost name is the operators."""
     assert naming.layer_names([node("StatefulPartitionedCall_1:0", kind="SOFTMAX")]) == ["softmax"]

@@ -48,6 +48,42 @@ def bits(low: int, high: int) -> int:
     return next(w for w in range(1, 99) if -(2 ** (w - 1)) <= low and high < 2 ** (w - 1))
 
 
+def counts_of_sample(sums: np.ndarray, every: int, *arguments) -> Counts:
+    """Return `expected_counts` where partial sums of one image in so many are looked at."""
+    whole = expected_counts(sums, *arguments)
+    looked = expected_counts(sums[::every], *arguments)
+    return dataclasses.replace(
+        looked, sums=whole.sums, wrong=whole.wrong, looked_at=sums[::every].size
+    )
+
+
+def check_sample(case: packed.Case, arithmetics: list[A]) -> None:
+    """Study a layer whose partial sums are looked at of every other image; compare all counts."""
+    file, data = Witness(case.content), packed.stored_values(case, 3)
+    known = dict(zip(file.inputs, data, strict=True))
+    sums = plain_sums.plain_sums(file, 0, known, chains.ChainOps())
+    sums = sums.reshape(3, -1, sums.shape[-1])
+    named = {str(i): arithmetic for i, arithmetic in enumerate(arithmetics)}
+    study = bitfold.study(
+        bitfold.Network.from_tflite(case.content),
+        data if len(data) > 1 else data[0],
+        arithmetics=named,
+        partial_sums=2,
+    )
+    (layer,) = study.layers
+    looked = sums[::2]
+    final = [chains.partial_sums(chain, 0)[-1] for chain in sums.reshape(-1)]
+    every = [p for chain in looked.reshape(-1) for p in chains.partial_sums(chain, 0)]
+    assert (layer.sums, layer.looked_at) == (sums.size, looked.size)
+    assert layer.needed == bits(min(final), max(final))
+    assert layer.on_the_way == bits(min(final + every), max(final + every))
+    for arithmetic, result in zip(arithmetics, study.results, strict=True):
+        given = (arithmetic, layer.operator, data[0].dtype == np.int16)
+        expected = counts_of_sample(sums, 2, *given)
+        assert result.layers[0].alone == expected, (arithmetic, case.label)
+        assert result.layers[0].end_to_end == expected, (arithmetic, case.label)
+
+
 def check(case: packed.Case, arithmetics: list[A], images: int = 2, batch_size=None) -> int:
     """Study a layer, and compare every number; return how many sums came right again."""
     file, data = Witness(case.content), packed.stored_values(case, images)
@@ -133,6 +169,13 @@ def test_counts_of_layers(name, dtype):
     assert check(layer(name, dtype), ARITHMETICS[dtype]) > 0
 
 
+@pytest.mark.parametrize("dtype", ["int8", "int16"])
+@pytest.mark.parametrize("name", ["grouped", "depthwise", "dense", "transposed"])
+def test_counts_of_a_sample(name, dtype):
+    """Wrong sums and the bits of final sums are those of all images, the rest is the sample's."""
+    check_sample(layer(name, dtype), ARITHMETICS[dtype][::2])
+
+
 def _with(name: str, dtype: str = "int8", bias=None, weights=None, zero_point=None) -> packed.Case:
     """Return a layer with other numbers."""
     case = layer(name, dtype)
@@ -161,6 +204,14 @@ def test_biases_of_64_bits(bias):
     check(_with("dense", "int16", bias=bias), arithmetics)
     half = [A(use_fp16_acc=True), A(use_fp16_acc=True, mult_shift=6)]
     check(_with("dense", "int16", bias=bias), half)
+
+
+@pytest.mark.parametrize(
+    ("dtype", "bias"), [("int8", [2**31 - 1, -(2**31)]), ("int16", [2**36 + 3, -(2**33)])], ids=str
+)
+def test_wide_biases_of_a_sample(dtype, bias):
+    """Full width wraps, or the one op is given less of the bias than full width has."""
+    check_sample(_with("dense", dtype, bias=bias), [A(32), A(31), A(20), A(12), A(16, 3)])
 
 
 def test_a_bias_beyond_all_sums_is_refused():
@@ -224,3 +275,10 @@ def test_matrix_products(second, dtype):
     case = packed.operator("BATCH_MATMUL", [first, other], [output])
     widths = [A(32), A(18), A(16), A(14), A(11), A(17, 2), A(use_fp16_acc=True), A(32, 3)]
     check(case, [*widths, A(24), A()])
+    check_sample(case, widths)
+
+
+def test_a_unit_that_requantises():
+    """Sums and their requantisation are ops of their own."""
+    case = _with("dense")
+    check_sample(case, [A(16, requantisation="unit"), A(12, requantisation="unit")])

@@ -21,7 +21,7 @@ from test_counts import expected_counts
 from witness import Witness
 
 import bitfold
-from bitfold.studies.data import Data
+from bitfold.network.shards.data import Data
 from bitfold.studies.passes import Plan, Runner
 from bitfold.studies.records import Findings
 from bitfold.studies.settings import settings_of
@@ -89,6 +89,62 @@ def test_batches_and_threads_make_no_difference(network, data):
         bitfold.set_image_threads(before)
 
 
+def test_samples(network, data):
+    """What partial sums say is what they say of the sample's images alone, all else as of all."""
+    settings = dict(arithmetics=SETTINGS, batch_size=16)
+    whole = bitfold.study(network, *data, partial_sums="all", **settings)
+    chosen = bitfold.study(network, *(part[::9] for part in data), **settings)
+    found = bitfold.study(network, *data, partial_sums=9, **settings)
+    assert whole.findings.looked_at is None
+    assert (found.findings.images, found.findings.looked_at) == (70, 8)
+    for layer, of_all, of_sample in zip(found.layers, whole.layers, chosen.layers, strict=True):
+        assert (layer.needed, layer.sums) == (of_all.needed, of_all.sums)
+        assert layer.looked_at == of_sample.sums
+        assert layer.on_the_way == max(of_sample.on_the_way, layer.needed)
+    for result, of_all, of_sample in zip(found.results, whole.results, chosen.results, strict=True):
+        assert result.metric == of_all.metric
+        for layer, all_of_it, sample in zip(
+            result.layers, of_all.layers, of_sample.layers, strict=True
+        ):
+            for counts, known, looked in zip(
+                (layer.alone, layer.end_to_end),
+                (all_of_it.alone, all_of_it.end_to_end),
+                (sample.alone, sample.end_to_end),
+                strict=True,
+            ):
+                assert (counts.sums, counts.wrong) == (known.sums, known.wrong)
+                expected = dataclasses.replace(
+                    looked, sums=known.sums, wrong=known.wrong, looked_at=looked.sums
+                )
+                assert counts == expected
+
+
+def test_samples_whatever_the_batches(network, data):
+    """By their places in the data alone; "sample" are the first images and some of the others."""
+    for partial_sums, looked in ((9, 8), ("sample", 16), (1, None), ("all", None)):
+        expected = _plain(bitfold.study(network, *data, arithmetics=SETTINGS,
+                                        partial_sums=partial_sums))  # fmt: skip
+        assert expected.looked_at == looked
+        for batch_size in (1, 16) if looked else ():
+            found = bitfold.study(network, *data, arithmetics=SETTINGS, batch_size=batch_size,
+                                  partial_sums=partial_sums)  # fmt: skip
+            assert _plain(found) == expected
+    for wrong in ("some", 0, -3, 2.0, True, None):
+        with pytest.raises(ValueError, match='Need partial_sums of "sample", "all" or a whole'):
+            bitfold.study(network, *data, partial_sums=wrong)
+
+
+def test_lines_are_counted_once(network, data):
+    """Images of a sample are computed twice, and counted once."""
+    half = {"1": A(use_fp16_acc=True, mult_shift=0)}
+    found = [
+        bitfold.study(network, data[0], arithmetics=half, partial_sums=partial_sums)
+        for partial_sums in ("all", 3)
+    ]
+    one, other = ([layer.out_of_bounds for layer in study.results[0].layers] for study in found)
+    assert one == other
+
+
 def test_without_labels(network, data):
     """All but the metric."""
     expected = bitfold.study(network, *data, arithmetics=SETTINGS)
@@ -152,7 +208,7 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
     given = data
     if is_dataset:
         given = (tf.data.Dataset.from_tensor_slices(data).batch(5),)
-    keywords = dict(arithmetics=SETTINGS[:2], batch_size=5, resume=path)
+    keywords = dict(arithmetics=SETTINGS[:2], batch_size=5, shard_size=5, resume=path)
     finished = 0
     while True:
         with monkeypatch.context() as patch:
@@ -160,7 +216,6 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
             try:
                 found = bitfold.study(network, *given, **keywords)
             except CrashError:
-                json.loads(path.read_bytes())
                 continue
             finally:
                 finished += len(parts)
@@ -170,41 +225,16 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
     assert _plain(found) == _plain(bitfold.study(network, *data, arithmetics=SETTINGS[:2]))
 
 
-def test_a_crash_while_writing_leaves_the_parts_before(network, data, tmp_path, monkeypatch):
-    """The file is replaced as a whole."""
-    path = tmp_path / "parts"
-    keywords = dict(arithmetics=SETTINGS[:1], batch_size=10, resume=path)
-    written = []
-
-    def crash(source, target):
-        if len(written) == 4:
-            raise CrashError
-        written.append(target)
-        replace(source, target)
-
-    replace = os.replace
-    with monkeypatch.context() as patch:
-        patch.setattr("os.replace", crash)
-        with pytest.raises(CrashError):
-            bitfold.study(network, *data, **keywords)
-    parts = json.loads(path.read_bytes())["parts"]
-    assert parts[0]["shards"] == [0, 1, 2]
-    assert [file.name for file in tmp_path.iterdir()] == ["parts"]
-    finished = _interrupt(monkeypatch, 100)
-    bitfold.study(network, *data, **keywords)
-    assert len(finished) == 2 * 7 - 3
-
-
 def test_parts_of_another_study_are_refused(network, data, tmp_path):
-    """Of another network, arithmetic, metric, batch size or other data, with what differs."""
+    """Of another network, arithmetic, metric, shard size or other data, with what differs."""
     x, y = data
     path = tmp_path / "parts"
-    keywords = dict(arithmetics=[A(14)], batch_size=20, resume=path)
+    keywords = dict(arithmetics=[A(14)], shard_size=20, resume=path)
     bitfold.study(network, x, y, **keywords)
     before = path.read_bytes()
     others = {
         "the arithmetics": dict(keywords, arithmetics=[A(15)]),
-        "the batch size": dict(keywords, batch_size=21),
+        "the shard size": dict(keywords, shard_size=21),
         "the metric": dict(keywords, metric="sparse_categorical_accuracy"),
     }
     for text, changed in others.items():
@@ -221,16 +251,6 @@ def test_parts_of_another_study_are_refused(network, data, tmp_path):
     assert path.read_bytes() == before
 
 
-@pytest.mark.parametrize("content", [b"", b"{", b"[]", b"{}", b'{"format": 2}', b"\xff" * 9])
-def test_other_files_are_refused(network, data, tmp_path, content):
-    """And stay as they are."""
-    path = tmp_path / "parts"
-    path.write_bytes(content)
-    with pytest.raises(ValueError, match=r"Need a file of a study's finished parts, got .*parts"):
-        bitfold.study(network, *data, resume=path)
-    assert path.read_bytes() == content
-
-
 def test_a_path_that_cannot_be_written_is_refused_first(network, data, tmp_path, monkeypatch):
     """Before work begins."""
     finished = _interrupt(monkeypatch, 0)
@@ -242,7 +262,7 @@ def test_a_path_that_cannot_be_written_is_refused_first(network, data, tmp_path,
 
 def test_parts_add_up_in_any_order(network, data):
     """Tasks are computed anywhere: what they need and what they give can be pickled."""
-    images = Data(*data, 10)
+    images = Data(*data, 10, shard_size=10)
     plan = Plan(network, settings_of(network, SETTINGS), None, has_metric=True)
     plan = pickle.loads(pickle.dumps(plan))
     for setting in (None, 1):

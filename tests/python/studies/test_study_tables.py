@@ -14,7 +14,7 @@ import made_findings
 import pytest
 
 from bitfold.network import Arithmetic
-from bitfold.studies import cause_rows, rows, series, tables, words
+from bitfold.studies import cause_rows, rows, sentences, series, tables, words
 from bitfold.studies.records import Counts, LayerCounts, Result
 
 # ---- Rows ----------------------------------------------------------------------------------------
@@ -48,6 +48,32 @@ def test_results_add_up():
     )
     (row,) = rows.results(findings).texts()
     assert row == ["nine", "90.23%", "-1.00", "12%", "5.0%", "1", "5", "1"]
+
+
+def test_what_is_known_of_a_sample_says_so():
+    """Captions name the sums that were looked at, whose shares are of them alone."""
+    arithmetic = Arithmetic(accumulator_size=9)
+    end_to_end = Counts(1000, 500, 10, 70, 3, looked_at=100)
+    layers = (LayerCounts(0, "a", arithmetic, Counts(1000, looked_at=100), end_to_end, 2, 1),)
+    whole = made_findings.small()
+    findings = dataclasses.replace(
+        whole,
+        looked_at=3,
+        layers=tuple(dataclasses.replace(layer, sums=1000, looked_at=10) for layer in whole.layers),
+        results=(Result("nine", arithmetic, 0.9023, layers),),
+    )
+    sums = 1000 * len(whole.layers)
+    of_bits = f"On the way: of {sums // 100} of the {sums:,} sums, those looked at."
+    assert rows.layers(findings).caption.endswith(of_bits)
+    assert rows.channels(findings).caption.endswith(of_bits)
+    table = rows.results(findings)
+    assert table.caption.endswith("Right again: of 100 of the 1,000 sums, those looked at.")
+    assert table.texts()[0][3:5] == ["50%", "10%"]
+    assert "of 100 of the 1,000 sums" in rows.counts(findings.results[0]).caption
+    assert ["images whose partial sums were looked at", "3"] in rows.overview(findings).texts()
+    assert f"of the {sums // 100} of {sums:,} sums looked at" in " ".join(sentences.bits(findings))
+    for table in (rows.layers(whole), rows.channels(whole), rows.results(whole)):
+        assert "looked at" not in table.caption
 
 
 def test_no_metric_no_column():

@@ -9,7 +9,8 @@ import numpy as np
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.graph import Node
 from bitfold.network.operators._products import Products, biases, scaled
-from bitfold.network.operators._step import Step, SummingStep
+from bitfold.network.operators._step import Step, SummingStep, Watched
+from bitfold.network.operators._windows import Axis, Windows
 from bitfold.network.operators.average_pool import AveragePool
 from bitfold.network.operators.concatenation import Concatenation
 from bitfold.network.operators.convolution import Convolution
@@ -51,9 +52,12 @@ __all__ = [
     "FLOATS",
     "STEPS",
     "UNITS",
+    "Axis",
     "Products",
     "Step",
     "SummingStep",
+    "Watched",
+    "Windows",
     "biases",
     "scaled",
     "step_of",

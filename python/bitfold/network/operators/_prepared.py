@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+from collections.abc import Iterator, Sequence
 from typing import Any
 
 import numpy as np
@@ -13,6 +14,7 @@ import tensorflow as tf
 from bitfold import ops
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.operators._accumulator import narrowed
+from bitfold.ops._prepared import WatchedConvolution
 
 _STORED = (np.int8, np.int16)
 _LARGEST_SHIFT = 31
@@ -105,6 +107,11 @@ class PreparedLayer:
         """Return the stored output of stored data [N, H, W, inputs]."""
         return ops.prepared_conv2d(data, *self._shared(), **self._keywords)
 
+    def watched(self, data: tf.Tensor, accumulator_sizes: Sequence[int]) -> WatchedConvolution:
+        """Return the stored output, and what the final sums of full width reach."""
+        sizes = tuple(accumulator_sizes)
+        return ops.watched_conv2d(data, *self._shared(), accumulator_sizes=sizes, **self._keywords)
+
     def _shared(self) -> tuple[tf.Tensor | np.ndarray, ...]:
         """Return the constants: the same tensors for all functions, which know them by memory."""
         if not (tf.executing_eagerly() or tf.inside_function()):
@@ -139,5 +146,12 @@ class GroupedLayer:
 
     def __call__(self, data: tf.Tensor) -> tf.Tensor:
         """Return the stored output of stored data [N, H, W, inputs]."""
-        parts = zip(self._layers, tf.split(data, len(self._layers), axis=3), strict=True)
-        return tf.concat([layer(part) for layer, part in parts], axis=3)
+        return tf.concat([layer(part) for layer, part in self._parts(data)], axis=3)
+
+    def watched(self, data: tf.Tensor, accumulator_sizes: Sequence[int]) -> WatchedConvolution:
+        """Return the stored output, and what the final sums of full width reach."""
+        found = [layer.watched(part, accumulator_sizes) for layer, part in self._parts(data)]
+        return WatchedConvolution(*(tf.concat(same, -1) for same in zip(*found, strict=True)))
+
+    def _parts(self, data: tf.Tensor) -> Iterator[tuple[PreparedLayer, tf.Tensor]]:
+        return zip(self._layers, tf.split(data, len(self._layers), axis=3), strict=True)

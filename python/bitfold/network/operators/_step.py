@@ -11,7 +11,7 @@ from __future__ import annotations
 
 import abc
 from collections.abc import Iterator, Sequence
-from typing import TYPE_CHECKING
+from typing import TYPE_CHECKING, NamedTuple
 
 import tensorflow as tf
 
@@ -53,6 +53,20 @@ class Step(abc.ABC):
     @abc.abstractmethod
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
         """Compute the outputs, in their stored types, from the inputs in theirs."""
+
+
+class Watched(NamedTuple):
+    """What a step with an accumulator stores, and what its final sums reach at full width.
+
+    Attributes:
+        outputs: stored.
+        extremes: int64 [2, channels], the least and the greatest sum.
+        outside: int64 [widths, channels], sums outside of each width.
+    """
+
+    outputs: list[tf.Tensor]
+    extremes: tf.Tensor
+    outside: tf.Tensor
 
 
 class SummingStep(Step):
@@ -99,6 +113,20 @@ class SummingStep(Step):
             channels: of the output, in rising order, of which alone sums are looked at; None for
                 all.
         """
+
+    def watched(
+        self, inputs: Sequence[tf.Tensor | None], accumulator_sizes: Sequence[int]
+    ) -> Watched | None:
+        """Return the stored output, and what the final sums of full width reach.
+
+        Args:
+            inputs: of the step.
+            accumulator_sizes: the widths that they are compared with, 1 to 32.
+
+        Returns:
+            What was found; None where that takes the sums themselves.
+        """
+        return None
 
     @abc.abstractmethod
     def was_outside(self, inputs: Sequence[tf.Tensor | None], accumulator_size: int) -> tf.Tensor:

@@ -22,7 +22,7 @@ from bitfold.network.operators._prepared import (
     can_be_prepared,
 )
 from bitfold.network.operators._requantisation import FUSED, Requantiser, multipliers, stored_range
-from bitfold.network.operators._step import SummingStep
+from bitfold.network.operators._step import SummingStep, Watched
 from bitfold.ops._partial_sums import PartialSums
 
 
@@ -235,6 +235,23 @@ class WeightedStep(SummingStep):
             return super().run(inputs)
         data = self.arrange(inputs[self.places[0]], self._zero_point)
         return [self.arrange_sums(self._prepared(data))]
+
+    def watched(
+        self, inputs: Sequence[tf.Tensor | None], accumulator_sizes: Sequence[int]
+    ) -> Watched | None:
+        """Return the stored output, and what the final sums of full width reach."""
+        if self._prepared is None or self._is_bias_narrowed:
+            return None
+        data = self.arrange(inputs[self.places[0]], self._zero_point)
+        found = self._prepared.watched(data, accumulator_sizes)
+        return Watched([self.arrange_sums(found.output)], found.extremes, found.outside)
+
+    @property
+    def _is_bias_narrowed(self) -> bool:
+        """Whether the one op is given less than the bias of full width."""
+        if self.bias is None or self.adds_in_64_bits:
+            return False
+        return bool((self.bias != self.bias.astype(np.int32)).any())
 
     @classmethod
     def layer_problems(cls, node: Node, rank: int, data_rank: int | None) -> Iterator[str]:

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import json
+import math
 from collections.abc import Mapping
 from typing import Any
 
@@ -12,6 +13,8 @@ import keras
 import numpy as np
 
 from bitfold.network import evaluation
+from bitfold.network.records import Port
+from bitfold.network.shards.data import Shard
 
 State = list[np.ndarray]
 
@@ -61,12 +64,14 @@ class Metric:
         return [variable.numpy() for variable in metric.variables]
 
     def result(self, states: Mapping[int, State], example: tuple[Any, Any]) -> float:
-        """Return the metric of all shards.
+        """Return the metric of all shards; not a number of none.
 
         Args:
             states: by shard.
             example: a label and an output, which let a metric make its variables.
         """
+        if not states:
+            return math.nan
         metric = self._new()
         ordered = [states[shard] for shard in sorted(states)]
         if metric_is_accuracy(metric):
@@ -83,6 +88,12 @@ class Metric:
             # A copy: states of several shards live at once.
             given = given.__class__.from_config(given.get_config())
         return evaluation.metric_of(given)
+
+
+def example_of(output: Port, shard: Shard) -> tuple[Any, Any]:
+    """Return a label and an output of a network's kind."""
+    _, labels = next(iter(shard.batches))
+    return np.asarray(labels)[:1], np.zeros((1, *output.shape[1:]), np.float32)
 
 
 def metric_is_accuracy(metric: Any) -> bool:
