@@ -29,7 +29,6 @@ MODULES = (
     "accumulators",
     "scaling",
     "geometry",
-    "geometry",
     "requantising",
     "units",
     "layernorm",
