@@ -37,6 +37,7 @@ WatchedConvolution<In, Out>::WatchedConvolution(const PreparedLayer& layer,
   } else if (layer_.kept() == nullptr) {
     PrepareBeside(layer, workers);
   }
+  defined_ = beside_ ? beside_->kept() : layer_.kept();
 }
 
 template <typename In, typename Out>
@@ -90,7 +91,7 @@ template <typename In, typename Out>
 void WatchedConvolution<In, Out>::RunDefinition(const In* input, int32_t batch,
                                                 const WatchedTables& tables,
                                                 Workers* workers) const {
-  const PreparedLayer& kept = beside_ ? *beside_->kept() : *layer_.kept();
+  const PreparedLayer& kept = *defined_;
   const int64_t channels = kept.out_channels;
   std::mutex mutex;
   const int64_t cost = kept.Positions() * kept.FilterElements();

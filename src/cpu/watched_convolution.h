@@ -53,7 +53,8 @@ class WatchedConvolution {
   const WatchedSizes sizes_;
   const PreparedConvolution<In, Out> layer_;
   std::optional<PreparedConvolution<In, int8_t>> beside_;
-  std::optional<WatchLimits> limits_;  // but for the definition
+  std::optional<WatchLimits> limits_;       // but for the definition
+  const PreparedLayer* defined_ = nullptr;  // of which the definition computes the sums, or null
 };
 
 }  // namespace bitfold

@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Code in processes of its own that may end in any way and that start at once.
 
-They are forks of one server, which has imported TensorFlow and the package but computed nothing.
-A test of the start itself, or of the environment, needs `support.run_python` instead.
+They are forks of one server, which has imported TensorFlow, which takes seconds, but not the
+package, and computed nothing. A test of the start itself, or of the environment, needs
+`support.run_python` instead.
 """
 
 from __future__ import annotations
@@ -18,14 +19,16 @@ import tempfile
 import traceback
 
 _SERVER = multiprocessing.get_context("forkserver")
-_SERVER.set_forkserver_preload(["tensorflow", "bitfold"])
+_SERVER.set_forkserver_preload(["tensorflow"])
 _SECONDS = 240
 
 
-def run(code: str) -> subprocess.CompletedProcess[str]:
+def run(
+    code: str, *arguments: str, python_path: str | None = None
+) -> subprocess.CompletedProcess[str]:
     """Run `code` in a process of its own, away from the checkout, and return what it wrote."""
     with tempfile.TemporaryDirectory() as folder:
-        process = _SERVER.Process(target=_execute, args=(code, folder))
+        process = _SERVER.Process(target=_execute, args=(code, arguments, python_path, folder))
         process.start()
         process.join(_SECONDS)
         if process.exitcode is None:
@@ -40,9 +43,12 @@ def _stream(folder: str, name: str) -> pathlib.Path:
     return pathlib.Path(folder, name)
 
 
-def _execute(code: str, folder: str) -> None:
+def _execute(code: str, arguments: tuple[str, ...], python_path: str | None, folder: str) -> None:
     """Run `code` as an interpreter's command would be, its output in files of `folder`."""
     os.chdir(folder)
+    sys.argv = ["-c", *arguments]
+    if python_path is not None:
+        sys.path.insert(0, python_path)
     for number, name in ((1, "out"), (2, "err")):
         with _stream(folder, name).open("wb") as file:
             os.dup2(file.fileno(), number)

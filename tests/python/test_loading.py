@@ -11,6 +11,7 @@ import os
 import pathlib
 import shutil
 
+import forks
 import pytest
 import support
 
@@ -34,7 +35,7 @@ def copy(tmp_path) -> pathlib.Path:
 def _refusal(code: str, *arguments: str, python_path: pathlib.Path | None = None) -> str:
     """Return the last line of a process that must have ended with an ImportError of ours."""
     path = str(python_path) if python_path else None
-    result = support.run_python(code, *arguments, python_path=path)
+    result = forks.run(code, *arguments, python_path=path)
     assert result.returncode == 1, f"status {result.returncode}\n{result.stdout}\n{result.stderr}"
     last = result.stderr.rstrip().splitlines()[-1]
     assert last.startswith("ImportError: bitfold "), result.stderr
@@ -80,8 +81,7 @@ def test_a_missing_library_is_refused(copy):
 # ---- A second copy -----------------------------------------------------------------------------
 
 _LOAD_THEN_IMPORT = """
-import os, sys
-os.environ["TF_CPP_MIN_LOG_LEVEL"] = "3"
+import sys
 import tensorflow as tf
 tf.load_op_library(sys.argv[1])
 """
@@ -112,7 +112,7 @@ def test_a_second_package_is_refused(copy):
 def test_the_package_s_own_library_may_be_loaded_before():
     """That is no second copy."""
     code = _LOAD_THEN_IMPORT + _ADD
-    output = support.passes(support.run_python(code, bitfold.library_path()))
+    output = support.passes(forks.run(code, bitfold.library_path()))
     assert output.strip() == "3"
 
 
@@ -128,8 +128,7 @@ def test_a_link_to_the_library_that_was_loaded_before_is_refused(tmp_path):
 # ---- A second copy after the first -------------------------------------------------------------
 
 _IMPORT_THEN = """
-import ctypes, os, sys
-os.environ["TF_CPP_MIN_LOG_LEVEL"] = "2"  # errors are logged
+import ctypes, sys
 import bitfold, tensorflow as tf
 from tensorflow.python.framework import kernels
 
@@ -170,7 +169,7 @@ assert not hasattr(tf.load_op_library(sys.argv[1]), "h_add")
         + _THEN_ALL_IS_AS_BEFORE
     )
     library = str(copy / "libbitfold.so")
-    lines = support.passes(support.run_python(code, library)).splitlines()
+    lines = support.passes(forks.run(code, library)).splitlines()
     assert f"bitfold cannot register the ops of {library}: " in lines[0]
     assert f"has loaded another copy of the library, {bitfold.library_path()}," in lines[0]
     assert lines[-1] == "works"
@@ -189,7 +188,7 @@ assert second.accumulator_int_verification(100, 50, 8) == -106
         + _THEN_ALL_IS_AS_BEFORE
     )
     library = str(copy / "libbitfold.so")
-    result = support.run_python(code, library)
+    result = forks.run(code, library)
     assert support.passes(result).splitlines()[-1] == "works"
     (logged,) = [line for line in result.stderr.splitlines() if "another copy" in line]
     assert logged.startswith("E0000") or " E " in logged

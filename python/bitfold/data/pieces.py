@@ -46,7 +46,7 @@ class Layout:
     """What images and labels look like.
 
     Attributes:
-        x: a specification, or several as a list or a dictionary as images have them.
+        x: an `ArraySpec`, or several as a list or a dictionary as images have them.
         y: of labels; None without.
     """
 

@@ -20,6 +20,7 @@ FUNCTIONS = {
     "HPartialSums": "partial_sums",
     "HPreparedConvolution": "prepared_conv2d",
     "HPreparedMatmul": "prepared_matmul",
+    "HWatchedConvolution": "watched_conv2d",
     "HRequantise": "requantise",
     "HStoredElementwise": "stored_elementwise",
     "HStoredLookup": "stored_lookup",

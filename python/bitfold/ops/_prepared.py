@@ -157,6 +157,8 @@ def watched_conv2d(
     adds up exactly but for the bits that it drops at the end this costs a few percent, else as much
     as the layer at full width.
 
+    There is no gradient: results are integers.
+
     Args:
         input: as `prepared_conv2d` takes it.
         filter: the same.

@@ -166,7 +166,11 @@ def layer(name: str, dtype: str = "int8", **keywords) -> packed.Case:
 @pytest.mark.parametrize("name", LAYERS)
 def test_counts_of_layers(name, dtype):
     """In every arithmetic, both alone and end to end, which of one layer are the same."""
-    assert check(layer(name, dtype), ARITHMETICS[dtype]) > 0
+    arithmetics = ARITHMETICS[dtype]
+    if name in ("dilated", "strided", "transposed"):
+        # Their sums are formed as those of the others; a graph of each arithmetic takes long.
+        arithmetics = arithmetics[1::3]
+    assert check(layer(name, dtype), arithmetics) > 0
 
 
 @pytest.mark.parametrize("dtype", ["int8", "int16"])

@@ -293,10 +293,13 @@ def test_an_interrupt(network, data, expected, threads, tmp_path, monkeypatch):
     path = tmp_path / "parts"
     keywords = dict(arithmetics=SETTINGS[:1], shard_size=SHARD, resume=path)
     process, parts = os.getpid(), 2 * IMAGES // SHARD
+    # A process that was started in the background ignores interrupts.
+    handler = signal.signal(signal.SIGINT, signal.default_int_handler)
     with monkeypatch.context() as patch:
         before = _after(patch, 8, lambda: os.kill(process, signal.SIGINT))
         with pytest.raises(KeyboardInterrupt):
             bitfold.study(network, *data, **keywords, executor=threads)
+    signal.signal(signal.SIGINT, handler)
     after = _after(monkeypatch, 0, lambda: None)
     found = bitfold.study(network, *data, **keywords, executor=threads)
     assert found.layers == expected.layers
