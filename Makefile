@@ -3,7 +3,7 @@
 PYTHON := .venv/bin/python
 export TF_CPP_MIN_LOG_LEVEL ?= 2
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training test test-long prove test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training test test-long prove prove-floats test-browser check fuzz device-test bench bench-networks wheel format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -49,6 +49,12 @@ prove: ## every integer rule proved for all inputs by a solver: the table of doc
 	@cmake --preset tests -Wno-dev >/dev/null
 	@cmake --build --preset tests --target bitfold_rules
 	@$(PYTHON) tests/proofs/prove.py
+
+prove-floats: ## rules of floats tried at every input: three quarters of an hour on two cores; RULES="H1 S2", LONG=1 for the hours
+	@scripts/setup.sh tests
+	@cmake --preset tests -Wno-dev >/dev/null
+	@cmake --build --preset tests --target bitfold_enumerate
+	@build/tests/tests/proofs/enumerate/bitfold_enumerate $(foreach rule,$(RULES),--rule $(rule)) $(if $(LONG),--long)
 
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser

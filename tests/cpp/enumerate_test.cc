@@ -27,7 +27,7 @@ TEST_P(EnumerationSample, Agrees) {
   const Enumeration enumeration = AllEnumerations()[GetParam()];
   Options options;
   options.processes = 0;
-  options.sample = uint64_t{8191} * testing::Step(4);
+  options.sample = (enumeration.is_long ? 524287 : 8191) * uint64_t{testing::Step(4)};
   options.takes_boundaries = !testing::kSanitized && !enumeration.is_long;
   const Result result = GoThrough(enumeration, options);
   for (const FormResult& form : result.forms) EXPECT_EQ(form.differences, 0u) << form.first;

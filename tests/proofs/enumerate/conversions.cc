@@ -161,7 +161,7 @@ Enumeration Lines() {
           "device", [](const Setting&, float x, float) { return x == x; }, device),
       Where(
           "loops", [](const Setting&, float x, float) { return x != -8388607.0f; }, loops)};
-  table.controls = {Each("a device's of NaN", device), Each("the loops' of -8388607", loops)};
+  table.controls = {Each("NaN as on a device", device), Each("-8388607 as in loops", loops)};
   return table;
 }
 

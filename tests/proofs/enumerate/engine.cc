@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -48,6 +49,17 @@ void Work(const Enumeration& enumeration, const Blocks& blocks, Shared* shared, 
     }
     shared->done += end - first;
   }
+}
+
+// In a process of its own, of which nothing else may run.
+[[noreturn]] void WorkAndEnd(const Enumeration& enumeration, const Blocks& blocks, Shared* shared,
+                             Tallies* tallies) {
+  try {
+    Work(enumeration, blocks, shared, tallies);
+  } catch (...) {
+    _exit(EXIT_FAILURE);
+  }
+  _exit(EXIT_SUCCESS);
 }
 
 // Memory that forks share, zero at first.
@@ -130,13 +142,10 @@ Tallies TalliesOf(const Enumeration& enumeration, const Blocks& blocks, const Op
   std::vector<pid_t> children;
   for (int p = 0; p < parts; ++p) {
     const pid_t child = fork();
-    if (child == 0) {
-      Work(enumeration, blocks, shared, tallies + p);
-      _exit(0);
-    }
-    if (child < 0) throw std::runtime_error("no process to share the work");
-    children.push_back(child);
+    if (child == 0) WorkAndEnd(enumeration, blocks, shared, tallies + p);
+    if (child > 0) children.push_back(child);
   }
+  if (children.empty()) throw std::runtime_error("no process could be started");
   Await(children, *shared, blocks.count(), options);
   return Joined(tallies, parts);
 }
@@ -184,8 +193,11 @@ Result GoThrough(const Enumeration& enumeration, const Options& options) {
   const auto comparer = std::make_unique<Comparer>(enumeration, blocks);
   for (size_t f = 0; f < enumeration.forms.size(); ++f) {
     const Tally& tally = tallies[f];
+    const Form& form = enumeration.forms[f];
+    if (!form.select && tally.inputs != result.inputs)
+      throw std::runtime_error("inputs are missing");
     const bool is_found = tally.differences != 0;
-    result.forms.push_back({enumeration.forms[f].name, tally.inputs, tally.differences,
+    result.forms.push_back({form.name, tally.inputs, tally.differences,
                             is_found ? comparer->Describe(tally.first) : ""});
   }
   const Blocks searched(enumeration, kControlSample);

@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -14,7 +15,6 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "proofs/enumerate/engine.h"
@@ -96,15 +96,20 @@ bool IsOfRule(const std::string& rule, const std::string& name) {
 }
 
 std::vector<Enumeration> Chosen(const Arguments& arguments) {
+  const std::vector<Enumeration> all = bitfold::enumeration::AllEnumerations();
   std::vector<Enumeration> chosen;
-  for (Enumeration& enumeration : bitfold::enumeration::AllEnumerations()) {
-    bool is_named = arguments.rules.empty();
-    for (const std::string& name : arguments.rules) is_named |= IsOfRule(enumeration.rule, name);
-    const bool is_wanted = arguments.is_long || arguments.lists || !enumeration.is_long;
-    if (is_named && is_wanted) chosen.push_back(std::move(enumeration));
+  for (const Enumeration& enumeration : all) {
+    const auto is_named = [&](const auto& name) { return IsOfRule(enumeration.rule, name); };
+    const auto& rules = arguments.rules;
+    if (!rules.empty() && std::none_of(rules.begin(), rules.end(), is_named)) continue;
+    if (enumeration.is_long && !arguments.is_long && !arguments.lists) continue;
+    chosen.push_back(enumeration);
   }
-  if (chosen.empty())
-    throw std::invalid_argument("Need a rule that --list names, got none of them");
+  for (const std::string& name : arguments.rules) {
+    const auto is_of = [&](const Enumeration& e) { return IsOfRule(e.rule, name); };
+    if (std::any_of(all.begin(), all.end(), is_of)) continue;
+    throw std::invalid_argument("Need a rule that --list names, got '" + name + "'");
+  }
   return chosen;
 }
 

@@ -42,7 +42,7 @@ std::string Grouped(uint64_t number) {
 }
 
 std::string TableHead() {
-  return "| Rule | Claim | Forms | Inputs | Differences | Seconds | of processors | Controls found "
+  return "| Rule | Claim | Forms | Inputs | Differences | Seconds | of one core | Controls found "
          "|\n"
          "|---|---|---|---|---|---|---|---|\n";
 }

@@ -136,7 +136,7 @@ Enumeration ByPowers() {
 
 Enumeration ByOthers() {
   Enumeration table = {"S2",
-                       "two products with reciprocals round |p| < 2^19 as the quotient",
+                       "two products with reciprocals are rounded as the quotient",
                        WholeNumbers((1 << 19) - 1),
                        {},
                        {},

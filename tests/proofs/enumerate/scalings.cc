@@ -146,7 +146,7 @@ Enumeration Products(Inputs inputs, const std::vector<int32_t>& divisors) {
 }  // namespace
 
 std::vector<Enumeration> Scalings() {
-  const std::vector<int32_t> few = {3, -100};
+  const std::vector<int32_t> few = {3, -128};
   const std::vector<int32_t> all = DivisorsFrom(INT8_MIN);
   std::vector<int32_t> magnitudes = DivisorsFrom(0);
   magnitudes.push_back(INT8_MIN);
