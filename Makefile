@@ -5,7 +5,7 @@ export TF_CPP_MIN_LOG_LEVEL ?= 2
 # No demo needs device code; it stays in where a goal before brought its compiler.
 demo demo-digits demo-numeric demo-detect demo-training: export BITFOLD_GPU ?= $(if $(wildcard .cuda/.stamp),ON,OFF)
 
-.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training demo-rtl test test-long test-browser docs test-docs check fuzz device-test bench bench-networks wheel release-check test-remedy format lint clean constraints
+.PHONY: help setup demo demo-digits demo-numeric demo-detect demo-training demo-rtl test test-long prove prove-floats test-browser docs test-docs check fuzz device-test bench bench-networks wheel release-check test-remedy format lint clean constraints
 
 help: ## list the goals
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*##/\t/' | expand -t 14
@@ -53,6 +53,18 @@ test-long: ## a thousand random networks, studies of 50, 4000 defects in device 
 	@BITFOLD_INSTALLED_LONG=1 $(PYTHON) -m pytest -q tests/python/test_installed_packages.py
 	@BITFOLD_GPU=OFF scripts/setup.sh rtl
 	@$(PYTHON) -m pytest -q tests/rtl
+
+prove: ## every integer rule proved for all inputs by a solver: the table of docs/proofs.md
+	@scripts/setup.sh tests
+	@cmake --preset tests -Wno-dev >/dev/null
+	@cmake --build --preset tests --target bitfold_rules
+	@$(PYTHON) tests/proofs/prove.py
+
+prove-floats: ## rules of floats tried at every input: three quarters of an hour on two cores; RULES="H1 S2", LONG=1 for the hours
+	@scripts/setup.sh tests
+	@cmake --preset tests -Wno-dev >/dev/null
+	@cmake --build --preset tests --target bitfold_enumerate
+	@build/tests/tests/proofs/enumerate/bitfold_enumerate $(foreach rule,$(RULES),--rule $(rule)) $(if $(LONG),--long)
 
 test-browser: ## reports in a real browser: screens, light and dark, paper; pictures in build/browser
 	@scripts/setup.sh browser

@@ -86,7 +86,7 @@ inline int64_t right_shift_bankers_rounding(int64_t value, uint8_t shift_amount,
 inline int64_t signed_clip(int64_t value, uint8_t output_bits, bool is_signed) {
   BITFOLD_LAYERNORM_ASSERT(output_bits <= 64, "output_bits <= 64",
                            "int64_t signed_clip(int64_t, uint8_t, bool)");
-  const int32_t span = ShiftLeft(1, is_signed ? output_bits - 1 : output_bits);
+  const int32_t span = ShiftLeft(1, is_signed ? output_bits - 1 : int32_t{output_bits});
   const int64_t high = int64_t{WrapSubtract(span, 1)};
   const int64_t low = is_signed ? int64_t{WrapSubtract(0, span)} : 0;
   if (value > high) return high;
@@ -133,7 +133,7 @@ inline uint64_t get_sum_squares_of_x_minus_zp_times_n(const float* x, uint16_t n
 inline uint8_t get_leading_one_index(uint64_t value, uint8_t input_bit_length) {
   BITFOLD_LAYERNORM_ASSERT(input_bit_length <= 64, "input_bit_length <= 64",
                            "uint8_t get_leading_one_index(uint64_t, uint8_t)");
-  for (int index = input_bit_length - 1; index > 0; --index) {
+  for (int32_t index = input_bit_length - 1; index > 0; --index) {
     if ((ShiftRightUnsigned64(value, index) & 1u) != 0) return static_cast<uint8_t>(index);
   }
   return 0;
@@ -143,7 +143,7 @@ inline uint8_t get_leading_one_index(uint64_t value, uint8_t input_bit_length) {
 inline uint64_t get_leading_one_indexed_word(uint64_t value, uint8_t leading_one_index,
                                              uint8_t word_bits) {
   const uint64_t mask = ShiftLeftUnsigned64(1, word_bits) - 1;
-  const int length = leading_one_index + 1;
+  const int32_t length = leading_one_index + 1;
   return (word_bits >= length ? ShiftLeftUnsigned64(value, word_bits - length)
                               : ShiftRightUnsigned64(value, length - word_bits)) &
          mask;
@@ -227,15 +227,21 @@ inline LayerNormScale GetLayerNormScale(int64_t rounded_sum, uint64_t variance, 
 }
 
 // One element: minus the mean, times the factor, shifted, clipped, through the activation stage.
-inline float NormalizeElement(float x, const LayerNormScale& scale, const LayerNormParams& params) {
-  const int64_t centred = int64_t{LayerNormElement(x, params.zero_point)} - scale.mean;
+inline uint16_t NormalizedInteger(int32_t element, const LayerNormScale& scale,
+                                  const LayerNormParams& params) {
+  const int64_t centred = int64_t{element} - scale.mean;
   const int64_t product = centred * scale.factor;
   const int64_t shifted = scale.shift >= 0 ? ShiftLeft64(product, scale.shift)
                                            : ShiftRight64(product, -int64_t{scale.shift});
   const int64_t activated = layernorm_activation_unit(
       signed_clip(shifted, kLayerNormNormalizedBits, true), params.mul_act_man, params.mul_act_exp,
       params.mul_act_bias, params.activation_output_mode, params.activation_ebias_mode);
-  return static_cast<float>(static_cast<uint16_t>(activated));
+  return static_cast<uint16_t>(activated);
+}
+
+inline float NormalizeElement(float x, const LayerNormScale& scale, const LayerNormParams& params) {
+  return static_cast<float>(
+      NormalizedInteger(LayerNormElement(x, params.zero_point), scale, params));
 }
 
 // One vector of n elements; the definition. The sums are formed for n = 0 too.

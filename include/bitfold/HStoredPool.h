@@ -157,7 +157,7 @@ bool HasNarrowSums(const StoredScale& input, const StoredScale& result, int64_t 
   const int64_t magnitude =
       (input.zero_point < 0 ? -int64_t{input.zero_point} : int64_t{input.zero_point}) -
       std::numeric_limits<T>::min();
-  return count * magnitude <= INT32_MAX >> std::max(exponent, 0);
+  return count * magnitude <= INT32_MAX >> std::max<int32_t>(exponent, 0);
 }
 
 // The op HStoredMean; the definition (rule K5). Requires HasNarrowSums. T is int8_t or int16_t.

@@ -21,8 +21,8 @@ inline constexpr int32_t kMaxDeviceChannels = 65535 * 16;
 
 // One axis of the window as the device places it: tap 0 of output 0 lies pad_before outside the
 // input, whatever the stride, where the CPU's window is placed by its centre (WindowAxis). Both
-// agree for odd filters at stride 1. `positions` ignores that SAME keeps the size also where
-// taps lie apart: with a dilation above 1 it is less than `outputs`.
+// agree for VALID windows that fit, and for SAME at stride and dilation 1. `positions` ignores that
+// SAME keeps the size also where taps lie apart: with a dilation above 1 it is less than `outputs`.
 struct DeviceWindowAxis {
   int32_t input;
   int32_t taps;

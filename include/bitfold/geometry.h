@@ -43,16 +43,16 @@ struct ConvolutionAxis {
 };
 
 // The extent of a filter whose taps lie `dilation` apart.
-BITFOLD_HOST_DEVICE constexpr int EffectiveFilterSize(int filter, int dilation) {
+BITFOLD_HOST_DEVICE constexpr int32_t EffectiveFilterSize(int32_t filter, int32_t dilation) {
   return WrapAdd(WrapMultiply(WrapSubtract(filter, 1), WrapSubtract(dilation, 1)), filter);
 }
 
 // The number of outputs. VALID with a window larger than the input can still give 1, because the
 // division truncates; below 0 the caller refuses.
-BITFOLD_HOST_DEVICE constexpr int getOutputSize(const ConvolutionAxis& axis) {
-  const int span = axis.padding == Padding::kValid
-                       ? WrapSubtract(axis.input, EffectiveFilterSize(axis.taps, axis.dilation))
-                       : WrapSubtract(axis.input, 1);
+BITFOLD_HOST_DEVICE constexpr int32_t getOutputSize(const ConvolutionAxis& axis) {
+  const int32_t span = axis.padding == Padding::kValid
+                           ? WrapSubtract(axis.input, EffectiveFilterSize(axis.taps, axis.dilation))
+                           : WrapSubtract(axis.input, 1);
   return WrapAdd(WrapDivide(span, axis.stride), 1);
 }
 
@@ -62,12 +62,12 @@ BITFOLD_HOST_DEVICE constexpr int getOutputSize(const ConvolutionAxis& axis) {
 // The second rule for SAME is the accelerator's and wins even where the third would give a
 // positive start: an input of 9 with a filter of 5 at stride 3 pads 2 in all, and starts at 0, not
 // at 1.
-BITFOLD_HOST_DEVICE constexpr int getInputStartIndex(const ConvolutionAxis& axis) {
-  const int effective = EffectiveFilterSize(axis.taps, axis.dilation);
-  const int half = effective / 2;
+BITFOLD_HOST_DEVICE constexpr int32_t getInputStartIndex(const ConvolutionAxis& axis) {
+  const int32_t effective = EffectiveFilterSize(axis.taps, axis.dilation);
+  const int32_t half = effective / 2;
   if (axis.padding == Padding::kValid) return half;
-  const int reach = WrapMultiply(WrapSubtract(getOutputSize(axis), 1), axis.stride);
-  const int pad_total = WrapAdd(WrapSubtract(reach, axis.input), effective);
+  const int32_t reach = WrapMultiply(WrapSubtract(getOutputSize(axis), 1), axis.stride);
+  const int32_t pad_total = WrapAdd(WrapSubtract(reach, axis.input), effective);
   if (pad_total % 2 == 0 && effective % 2 != 0) return 0;
   if (pad_total < 0) return 0;
   return WrapSubtract(half, pad_total / 2);
@@ -127,7 +127,7 @@ struct CentreTaps {
     }
     const auto dilation = static_cast<uint32_t>(axis.dilation);
     const auto half = static_cast<uint32_t>(axis.half);
-    const int zeros = __builtin_ctz(dilation);
+    const int32_t zeros = __builtin_ctz(dilation);
     if ((half & ((uint32_t{1} << zeros) - 1)) != 0) return;
     const uint32_t odd = dilation >> zeros;
     uint32_t inverse = odd;  // right in 3 bits, and in twice as many with each step

@@ -4,10 +4,9 @@
 #include "chain/plan.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <optional>
 
-#include "chain/remainder_tables.h"
+#include "bitfold/int32_arithmetic.h"
 
 namespace bitfold {
 namespace {
@@ -28,6 +27,9 @@ constexpr int64_t kLargestWholeHalf = 32763;
 // that is no power of two is rounded right (RoundedSums).
 constexpr int64_t kRoundable = int64_t{1} << 22;
 constexpr int64_t kRoundableQuotient = int64_t{1} << 19;
+
+// |divisor|, of -2^31 itself.
+int32_t Magnitude(int32_t divisor) { return divisor < 0 ? WrapSubtract(0, divisor) : divisor; }
 
 // The largest |w * x|. Facts of int32 keep it below 2^63.
 int64_t LargestProduct(const ChainFacts& facts) {
@@ -100,7 +102,7 @@ int32_t ShiftOf(int32_t divisor) {
 }  // namespace
 
 bool IsPowerOfTwo(int32_t divisor) {
-  const int32_t magnitude = std::abs(divisor);
+  const int32_t magnitude = Magnitude(divisor);
   return magnitude != 0 && (magnitude & (magnitude - 1)) == 0;
 }
 
@@ -130,7 +132,7 @@ ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
   if (product > kExactFloat) return kStepwise;
   ChainPlan stepwise = kStepwise;
   if (facts.use_fp16_acc) stepwise.half = HalfAddendsOf(product);
-  const int32_t bits = facts.use_fp16_acc ? 32 : std::min(w, 32);
+  const int32_t bits = facts.use_fp16_acc ? 32 : std::min<int32_t>(w, 32);
   if (!(facts.use_fp16_acc ? SumsAreAtMost(facts, kUnchangedHalf) : IsProven(facts, bits))) {
     return stepwise;
   }
@@ -141,8 +143,8 @@ ChainPlan PlanFloat(const ChainFacts& facts, bool has_bytes) {
     return SumsAreAtMost(facts, kExactFloat) ? ChainPlan{ChainPath::kModular, 0, bits} : stepwise;
   }
   const bool is_exact = IsPowerOfTwo(s);
-  const bool is_rounded =
-      is_exact ? product / std::abs(s) < kRoundable : facts.divides && product < kRoundableQuotient;
+  const bool is_rounded = is_exact ? product / Magnitude(s) < kRoundable
+                                   : facts.divides && product < kRoundableQuotient;
   return is_rounded ? Scaled(facts, ShiftOf(s), bits) : stepwise;
 }
 

@@ -24,6 +24,9 @@ enum class ChainPath {
   kDotRemainders,
 };
 
+// The largest shift of kDotRemainders.
+inline constexpr int32_t kMostRemainderShift = 5;
+
 constexpr bool IsDots(ChainPath path) {
   return path == ChainPath::kDotShorts || path == ChainPath::kDotBytes ||
          path == ChainPath::kDotRemainders;

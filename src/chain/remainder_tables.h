@@ -10,10 +10,9 @@
 #include <cstdint>
 
 #include "bitfold/int32_arithmetic.h"
+#include "chain/plan.h"
 
 namespace bitfold {
-
-inline constexpr int32_t kMostRemainderShift = 5;
 
 // Of a shift s from 1 to kMostRemainderShift. The remainder of x * w is one of the 2^(s - 1)
 // entries of x's table, with or without its sign, or 0; which of them, a weight tells. Entries are

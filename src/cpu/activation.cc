@@ -9,49 +9,14 @@
 #include <limits>
 #include <optional>
 
+#include "cpu/activation_tables.h"
 #include "vector/target.h"
 
 namespace bitfold {
 namespace {
 
-constexpr int kPieceBlock = 256;  // elements at a time: their pieces stay in the nearest cache
-constexpr int kMaxPoints = 32;
-constexpr int kMaxLanes = 128;
 constexpr int64_t kWideGroup = 128;  // channels whose own runs are as quick as lanes
 constexpr int64_t kFewElements = 3;  // of a group are not worth a table
-
-// A group's row of each table, in the forms that the loops take.
-struct PieceTable {
-  int points;
-  int32_t first_piece;        // breakpoints that every int32 reaches
-  int32_t below[kMaxPoints];  // the others less 1; INT32_MAX where there is none
-  int32_t slope[kMaxPoints + 1];
-  int32_t shift[kMaxPoints + 1];  // 0 to 63
-  int32_t offset[kMaxPoints + 1];
-};
-
-// The tables of groups side by side, a column for each element of a block.
-struct LaneTables {
-  int rows;  // of breakpoints: 2, 8, 16 or 32; those that a group does not have are never reached
-  int32_t below[kMaxPoints][kMaxLanes];
-  int32_t slope[kMaxPoints + 1][kMaxLanes];
-  int32_t shift[kMaxPoints + 1][kMaxLanes];
-  int32_t offset[kMaxPoints + 1][kMaxLanes];
-};
-
-// Where elements lie: `runs` runs of `count` elements, `stride` apart.
-struct Runs {
-  int64_t runs;
-  int64_t count;
-  int64_t stride;
-};
-
-// What the groups share.
-struct ActivationClip {
-  int product_shift;
-  int64_t low;
-  int64_t high;
-};
 
 struct ActivationLoops {
   void (*magnitude)(const int64_t*, int, const PieceTable&, const ActivationClip&, int32_t*);

@@ -6,25 +6,12 @@
 #include <cmath>
 #include <vector>
 
+#include "cpu/layernorm_scaling.h"
 #include "frame/replay.h"
 #include "vector/target.h"
 
 namespace bitfold {
 namespace {
-
-// What ScaleElements needs of LayerNormScale and LayerNormParams, in the forms that its loop takes.
-struct ElementScaling {
-  int64_t mean;
-  int64_t factor;
-  int32_t shift;  // 0 to 63
-  int32_t multiplier;
-  int32_t activation_shift;  // 0 to 63
-  int64_t bias;
-  int32_t out_shift;
-  int32_t out_mask;
-  int32_t out_half;
-  int32_t out_max;
-};
 
 struct LayerNormLoops {
   bool (*gather)(const float*, int, int32_t, int32_t*, int64_t*, uint64_t*);
@@ -36,23 +23,6 @@ struct LayerNormLoops {
 #define BITFOLD_LOOP_TABLE \
   LayerNormLoops { Gather, ScaleLeft, ScaleRight }
 #include "vector/vector_loops.inc"
-
-ElementScaling MakeScaling(const LayerNormScale& scale, const LayerNormParams& params) {
-  const LayerNormOutput output =
-      params.activation_output_mode ? kLayerNormOutput16 : kLayerNormOutput8;
-  ElementScaling s;
-  s.mean = scale.mean;
-  s.factor = scale.factor;
-  s.shift = (scale.shift >= 0 ? scale.shift : -scale.shift) & 63;
-  s.multiplier = params.mul_act_man;
-  s.activation_shift = LayerNormActivationShift(params.mul_act_exp, params.activation_ebias_mode);
-  s.bias = params.mul_act_bias;
-  s.out_shift = output.shift;
-  s.out_half = 1 << (s.out_shift - 1);
-  s.out_mask = (1 << s.out_shift) - 1;
-  s.out_max = (1 << output.bits) - 1;
-  return s;
-}
 
 // Whether no shift of the parameters ends the process, and the activation stage's is one that the
 // loops make: of those above 63 only 64 counts as another one.

@@ -25,6 +25,8 @@ inline int32_t TwoRoundingsStep(int32_t sum, int32_t mantissa, int32_t exponent)
   return (high >> right) + ((high & mask) > threshold ? 1 : 0);
 }
 
+inline constexpr uint64_t kSignOf64Bits = uint64_t{1} << 63;
+
 // Rule Q3, of a multiplier's mantissa in 15 bits and exponent. With 2^63 added signed words are in
 // the order of unsigned ones. That is in the addend; shifted, it is the excess, which is taken off
 // again.
@@ -34,12 +36,9 @@ struct ShortMultiplierTerms {
   uint32_t excess;
 
   explicit ShortMultiplierTerms(int32_t exponent)
-      : addend((uint64_t{1} << (14 - exponent)) + kSign),
+      : addend((uint64_t{1} << (14 - exponent)) + kSignOf64Bits),
         shift(15 - exponent),
-        excess(static_cast<uint32_t>(kSign >> (15 - exponent))) {}
-
- private:
-  static constexpr uint64_t kSign = uint64_t{1} << 63;
+        excess(static_cast<uint32_t>(kSignOf64Bits >> (15 - exponent))) {}
 };
 
 template <typename T>
@@ -51,7 +50,7 @@ int32_t ShortMultiplierStep(T sum, int32_t mantissa, uint64_t addend, int32_t sh
   return static_cast<int32_t>(static_cast<uint32_t>(shifted) - excess);
 }
 
-inline double Widened(int32_t x) { return x; }
+inline double Widened(int32_t x) { return static_cast<double>(x); }
 
 // The nearest double: both halves are exact, and their sum is rounded once. The lower one is made
 // by its bits, as what lies above 2^52.
@@ -61,7 +60,7 @@ inline double Widened(int64_t x) {
   const uint64_t low_bits = (word & 0xffffffff) | 0x4330000000000000;
   double low;
   std::memcpy(&low, &low_bits, sizeof(low));
-  return high * 4294967296.0 + (low - 4503599627370496.0);
+  return static_cast<double>(high) * 4294967296.0 + (low - 4503599627370496.0);
 }
 
 // Rule Q4. The number below a half, added to the magnitude, rounds halves away from zero when the
