@@ -31,7 +31,10 @@ MODULES = (
     "geometry",
     "requantising",
     "units",
+    "statistics",
     "layernorm",
+    "softmax",
+    "bounds",
     "products",
     "plans",
 )

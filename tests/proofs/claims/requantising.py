@@ -89,6 +89,28 @@ def _clamps(has_zero_point: bool = True) -> Case:
     return Case("", state)
 
 
+def _division_form(exponent: int, most: int = 1 << 30) -> Case:
+    """The loop that only divides, of sums within 2^30."""
+
+    def state(rules):
+        given = (SUM, MANTISSA, exponent, ZERO_POINT, LEAST, GREATEST)
+        assumption = z3.And(
+            _IS_MANTISSA,
+            between(-most, SUM, most - 1),
+            between(-(1 << 15), ZERO_POINT, (1 << 15) - 1),
+            between(-(1 << 15), LEAST, (1 << 15) - 1),
+            between(-(1 << 15), GREATEST, (1 << 15) - 1),
+            LEAST <= GREATEST,
+        )
+        by_step = rules["RescaleInTwoRoundings"](SUM, MANTISSA, exponent)
+        stored = rules["ShiftAndClampStep"](by_step, ZERO_POINT, LEAST, GREATEST)
+        rule = rules["DivideAndStore"]
+        same = z3.And(rule(*given) == stored, rules["RescaleAndStore"](*given) == stored)
+        return Statement(assumption, z3.And(same, rule.is_defined(*given)))
+
+    return Case(f"e = {exponent}", state)
+
+
 def _short_mantissa(most: int) -> Case:
     def state(rules):
         rounded = z3.UDiv(exact(MANTISSA, 33) + (1 << 15), z3.BitVecVal(1 << 16, 33))
@@ -98,7 +120,7 @@ def _short_mantissa(most: int) -> Case:
     return Case(f"at most {most}", state)
 
 
-def _short_multiplier(exponent: int, is_rounded=is_half_up) -> Case:
+def _short_multiplier(exponent: int, is_rounded=is_half_up, mantissas=_IS_MANTISSA) -> Case:
     """One rounding, halves up, of sums whose product fits: 48 bits; then the low 32 bits."""
 
     def state(rules):
@@ -108,7 +130,7 @@ def _short_multiplier(exponent: int, is_rounded=is_half_up) -> Case:
         quotient = z3.BitVec("quotient", 130)
         return Statement(
             z3.And(
-                _IS_MANTISSA,
+                mantissas,
                 between(-(1 << 47), X64, (1 << 47) - 1),
                 is_rounded(exact(product, 130), 15 - exponent, quotient),
                 between(-(1 << 63), quotient, (1 << 63) - 1),
@@ -131,7 +153,7 @@ def _quotient_away(count: int, is_away: bool = True) -> Case:
     return Case(f"{count} elements", state)
 
 
-_COUNTS = (1, 2, 3, 4, 9, 16, 49, 64)
+_COUNTS = (1, 2, 3, 4, 8, 9, 16, 64)
 
 CLAIMS = (
     Claim(
@@ -192,6 +214,13 @@ CLAIMS = (
         [_step_two_roundings(-1, is_away=False)],
     ),
     Claim(
+        "Q2, Q5, vector forms",
+        "the step, and the division with its half before the shift, store the definition's element",
+        "e = -30 to -1; all m, sums within 2^30, zero points and bounds of 16 bits",
+        [_division_form(exponent) for exponent in range(-30, 0)],
+        [_division_form(-30, most=1 << 31)],
+    ),
+    Claim(
         "Q3, vector form",
         "the step of unsigned shifts gives the same bits",
         "e = -31 to 7; all m, all sums of 64 bits",
@@ -217,7 +246,7 @@ CLAIMS = (
         "is the product over 2^(15 - e), halves up, in 32 bits",
         "e = -31 to 7; all m, sums of 48 bits",
         [_short_multiplier(exponent) for exponent in range(-31, 8)],
-        [_short_multiplier(exponent, is_half_away) for exponent in (-31, 7)],
+        [_short_multiplier(e, is_half_away, MANTISSA == 1 << 30) for e in (-31, 0)],
     ),
     Claim(
         "Q3",
