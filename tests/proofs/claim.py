@@ -65,7 +65,7 @@ class Claim:
         parameters: what it is proved for.
         cases: all of them.
         controls: claims that are false, one made of the claim at least: each must be refuted.
-        in_tests: so many cases at most are worth their time in every test run.
+        in_tests: so many cases, and controls, at most are worth their time in every test run.
     """
 
     rule: str

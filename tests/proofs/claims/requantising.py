@@ -219,6 +219,7 @@ CLAIMS = (
         "e = -30 to -1; all m, sums within 2^30, zero points and bounds of 16 bits",
         [_division_form(exponent) for exponent in range(-30, 0)],
         [_division_form(-30, most=1 << 31)],
+        in_tests=1,
     ),
     Claim(
         "Q3, vector form",

@@ -127,7 +127,7 @@ CLAIMS = (
     ),
     Claim(
         "S1",
-        "makes no product larger in magnitude than max(|x|, 1), and is defined",
+        "makes no product larger in magnitude, but for 0 and 1 at most 1, and is defined",
         "all s, all x",
         [Case("bound", _bounded), Case("defined", _defined)],
         [

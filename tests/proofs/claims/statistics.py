@@ -163,7 +163,7 @@ CLAIMS = (
     Claim(
         "L2",
         "the loop's sums, in any order and with the factor after the sum, are the definition's",
-        "all floats that are whole, |x| < 2^30; all zero points and factors",
+        "all whole floats below 2^30 in magnitude; all zero points and factors",
         [
             _gathers(),
             Case("sum modulo 2^32", _any_order),
