@@ -73,7 +73,7 @@ class Claim:
     parameters: str
     cases: Sequence[Case]
     controls: Sequence[Case]
-    in_tests: int = 3
+    in_tests: int = 1
 
 
 class Verdict(enum.Enum):

@@ -101,40 +101,6 @@ def _scaling(machine: str, most: int = 5, more: z3.BoolRef = W <= 32) -> Case:
     return Case(machine, state)
 
 
-def _narrow_remainders(room: int = 0) -> Case:
-    """2^s times a sum tells as many bits of it as are kept, or 32 bits hold all of it."""
-
-    def state(rules):
-        path, _, bits, shift, _ = _plan_of(rules, "remainders")
-        most = INPUT * WEIGHTS + (z3.BitVecVal(1, 64) << exact(S - 1, 64))
-        fits = z3.Or(bits + shift <= 32 - room, PRODUCTS * most <= 2**31 - 1)
-        return Statement(_are_facts(*_INT32), z3.Implies(path == REMAINDERS, fits))
-
-    return Case("remainders", state)
-
-
-def _silent_sums(machine: str, room: int = 1, more: z3.BoolRef = W <= 2**31 - 1) -> Case:
-    """The hypotheses of theorem 2, or those of theorem 3."""
-
-    def state(rules):
-        path, _, bits, _, _ = _plan_of(rules, machine, "PlanFloat")
-        limit = z3.BitVecVal(1, 64) << (exact(bits, 64) - 1)
-        of_two = [
-            W <= 23,
-            INPUT * WEIGHTS <= 2 * limit,
-            ELEMENTWISE <= 2 * limit,
-            limit + INPUT * WEIGHTS <= 2**23 - room,
-            limit + ELEMENTWISE <= 2**23 - room,
-        ]
-        total = exact(ELEMENTWISE, 128) + exact(INPUT, 128) * exact(SUM, 128)
-        of_three = [total <= exact(limit - 1, 128), total <= 2**23 - 1 - room]
-        width = z3.If(W < 32, W, z3.BitVecVal(32, 32))
-        conclusion = z3.And(W >= 1, bits == width, z3.Or(z3.And(*of_two), z3.And(*of_three)))
-        return Statement(z3.And(_ARE_WHOLE_FLOATS, more), z3.Implies(path != STEPWISE, conclusion))
-
-    return Case(machine, state)
-
-
 def _exact_half(machine: str, most: int = 4096, more: z3.BoolRef = W <= 2**31 - 1) -> Case:
     """In half precision sums change nowhere, or addends are what the steps take them for."""
 
@@ -213,22 +179,6 @@ CLAIMS = (
         "all facts of int32",
         [_scaling(machine) for machine in _MACHINES],
         [_scaling("remainders", most=4, more=z3.And(S == 5, WEIGHTS == 1))],
-    ),
-    Claim(
-        "Remainders",
-        "2^s times a sum tells as many bits of it as are kept",
-        "all facts of int32",
-        [_narrow_remainders()],
-        [_narrow_remainders(room=1)],
-        in_tests=0,
-    ),
-    Claim(
-        "Theorems 2, 3",
-        "whatever plan is chosen for floats, one of them makes its sums exact and silent",
-        _FLOATS,
-        [_silent_sums(machine) for machine in (*_MACHINES, "reciprocals")],
-        [_silent_sums("lanes", room=2, more=z3.And(W == 8, WEIGHTS == 1, S == 0))],
-        in_tests=0,
     ),
     Claim(
         "H2",
