@@ -178,18 +178,32 @@ struct LayerNormScale {
   int8_t shift;    // left by it, right where negative
 };
 
-// The inverse square root of a variance term below 2^58 and not 0: its leading 16 bits index the
-// table, whose entry is lowered by its slope.
+// What indexes the table of inverse square roots: the 16 bits from the leading one down, halved
+// where its index is even, since the square root halves exponents.
+inline int32_t InverseSquareRootWord(uint64_t variance, uint8_t leading) {
+  const auto word =
+      static_cast<int32_t>(get_leading_one_indexed_word(variance, leading, kLayerNormWordBits));
+  return leading % 2 == 0 ? word >> 1 : word;
+}
+
+// 16 bits: the table's entry, lowered by its slope as often as the word's low byte says.
+inline int64_t InverseSquareRootFactor(int32_t entry, int32_t word) {
+  const int32_t slope = (entry >> 16) & 255;
+  return WrapSubtract(entry, slope * (word & 255)) & 65535;
+}
+
+// As an 8-bit value.
+inline int8_t InverseSquareRootShift(uint8_t exponent_sub_value, uint8_t leading) {
+  return static_cast<int8_t>(exponent_sub_value - (leading + 2) / 2);
+}
+
+// The inverse square root of a variance term below 2^58 and not 0.
 inline void SetInverseSquareRoot(uint64_t variance, const float* lut, uint8_t exponent_sub_value,
                                  LayerNormScale* scale) {
   const uint8_t leading = get_leading_one_index(variance, kLayerNormVarianceBits);
-  const uint64_t word = get_leading_one_indexed_word(variance, leading, kLayerNormWordBits);
-  scale->shift = static_cast<int8_t>(exponent_sub_value - (leading + 2) / 2);
-  // An even exponent halves the word: the square root halves exponents.
-  const int32_t index = static_cast<int32_t>(leading % 2 == 0 ? word >> 1 : word);
-  const int32_t entry = TruncateToInt32(lut[(index >> 8) & 255]);
-  const int32_t slope = (entry >> 16) & 255;
-  scale->factor = WrapSubtract(entry, slope * (index & 255)) & 65535;
+  const int32_t word = InverseSquareRootWord(variance, leading);
+  scale->factor = InverseSquareRootFactor(TruncateToInt32(lut[(word >> 8) & 255]), word);
+  scale->shift = InverseSquareRootShift(exponent_sub_value, leading);
 }
 
 // The rounded sum of a vector: 20 bits, signed. In RMS mode the sum counts as 0.
@@ -197,6 +211,14 @@ inline int64_t RoundedSum(int32_t sum, const LayerNormParams& params) {
   const int64_t shifted = right_shift_bankers_rounding(
       params.rms_mode_enable ? 0 : sum, params.sum_of_x_shift, kLayerNormSumRoundBits);
   return signed_clip(static_cast<int32_t>(static_cast<uint32_t>(shifted)), kLayerNormSumBits, true);
+}
+
+// The mean term of a rounded sum: 16 bits, signed.
+inline int64_t LayerNormMean(int64_t rounded_sum, const LayerNormParams& params) {
+  return signed_clip(
+      right_shift_bankers_rounding(params.sum_of_x_mult * rounded_sum, params.sum_of_x_mult_n_shift,
+                                   kLayerNormSumRoundBits),
+      kLayerNormMeanBits, true);
 }
 
 // The 58 bits of a vector's variance term, from its rounded sum and its checked sum of squares. The
@@ -215,10 +237,7 @@ inline uint64_t LayerNormVariance(int64_t rounded_sum, uint64_t sum_of_squares,
 inline LayerNormScale GetLayerNormScale(int64_t rounded_sum, uint64_t variance, const float* lut,
                                         const LayerNormParams& params) {
   LayerNormScale scale;
-  scale.mean = signed_clip(
-      right_shift_bankers_rounding(params.sum_of_x_mult * rounded_sum, params.sum_of_x_mult_n_shift,
-                                   kLayerNormSumRoundBits),
-      kLayerNormMeanBits, true);
+  scale.mean = LayerNormMean(rounded_sum, params);
   BITFOLD_LAYERNORM_ASSERT(
       variance != 0, "variance > 0",
       "void normalize_vector(const float*, float*, int32_t, const float*, const LayerNormParams&)");

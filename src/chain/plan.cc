@@ -94,9 +94,7 @@ ChainPlan Scaled(const ChainFacts& facts, int32_t shift, int32_t bits) {
 // The shift that divides by a number, 0 where none does.
 int32_t ShiftOf(int32_t divisor) {
   if (divisor < 1 || !IsPowerOfTwo(divisor)) return 0;
-  int32_t shift = 0;
-  while (divisor >> shift > 1) ++shift;
-  return shift;
+  return __builtin_ctz(static_cast<uint32_t>(divisor));
 }
 
 }  // namespace

@@ -32,8 +32,7 @@ inline ElementScaling MakeScaling(const LayerNormScale& scale, const LayerNormPa
   ElementScaling s;
   s.mean = scale.mean;
   s.factor = scale.factor;
-  const int32_t shift = scale.shift;
-  s.shift = (shift >= 0 ? shift : -shift) & 63;
+  s.shift = (scale.shift < 0 ? -scale.shift : int32_t{scale.shift}) & 63;
   s.multiplier = params.mul_act_man;
   s.activation_shift = LayerNormActivationShift(params.mul_act_exp, params.activation_ebias_mode);
   s.bias = params.mul_act_bias;

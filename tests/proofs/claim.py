@@ -14,8 +14,9 @@ import z3
 from formulas import Rules
 from generalise import Generalisation
 
-# Of one case of a claim.
-_MILLISECONDS = 120_000
+# What a solver may do of one case: its own count of steps, the same on any machine. So many take a
+# few seconds and a few minutes.
+_FEW_STEPS, _MANY_STEPS = 20_000_000, 400_000_000
 
 
 class Callables(Protocol):
@@ -45,10 +46,13 @@ class Case:
     Attributes:
         name: what is fixed, such as a width; empty where nothing is.
         state: makes the statement of rules, which it calls by name.
+        is_linear: the words may be taken for integers modulo powers of two: a statement of sums
+            and of products and quotients by constants.
     """
 
     name: str
     state: Callable[[Callables], Statement]
+    is_linear: bool = False
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
@@ -61,7 +65,7 @@ class Claim:
         parameters: what it is proved for.
         cases: all of them.
         controls: claims that are false, one made of the claim at least: each must be refuted.
-        in_tests: so many cases at most are worth their time in every test run.
+        in_tests: so many cases, and controls, at most are worth their time in every test run.
     """
 
     rule: str
@@ -69,7 +73,7 @@ class Claim:
     parameters: str
     cases: Sequence[Case]
     controls: Sequence[Case]
-    in_tests: int = 3
+    in_tests: int = 1
 
 
 class Verdict(enum.Enum):
@@ -99,34 +103,56 @@ class Finding:
 
 
 def decide(case: Case, rules: Rules) -> Finding:
-    """Prove a case with products generalised, or else decide it as it is."""
+    """Prove a case with integers for words or with products generalised, or decide it as it is."""
     statement = case.state(rules)
     begin = time.thread_time()
-    if any(_is_proved_generally(statement, tight) for tight in (False, True)):
+    if case.is_linear and _is_proved(_of_integers(_FEW_STEPS), [_refuting(statement)]):
         return Finding(Verdict.PROVED, time.thread_time() - begin, {})
-    return _decide(statement, begin)
+    for steps in (_FEW_STEPS, _MANY_STEPS):
+        if any(_is_proved_generally(statement, tight, steps) for tight in (False, True)):
+            return Finding(Verdict.PROVED, time.thread_time() - begin, {})
+        finding = _decide(statement, begin, steps)
+        if finding.verdict is not Verdict.OPEN:
+            break
+    return finding
 
 
 def refute(case: Case, rules: Rules) -> Finding:
     """Decide a case as it is, so that a counterexample is one of numbers."""
-    return _decide(case.state(rules), time.thread_time())
+    return _decide(case.state(rules), time.thread_time(), _MANY_STEPS)
 
 
-def _solver(*formulas: z3.BoolRef) -> z3.Solver:
+def _of_bits(steps: int) -> z3.Solver:
     solver = z3.SolverFor("QF_BV")
-    solver.set("timeout", _MILLISECONDS)
-    solver.add(*formulas)
+    solver.set("rlimit", steps)
     return solver
 
 
-def _is_proved_generally(statement: Statement, has_tight_bounds: bool) -> bool:
+def _of_integers(steps: int) -> z3.Solver:
+    solver = z3.SimpleSolver()
+    solver.set("bv.solver", 2)
+    solver.set("rlimit", steps)
+    return solver
+
+
+def _refuting(statement: Statement) -> z3.BoolRef:
+    return z3.And(statement.assumption, z3.Not(statement.conclusion))
+
+
+def _is_proved_generally(statement: Statement, has_tight_bounds: bool, steps: int) -> bool:
     general = Generalisation(statement.assumption if has_tight_bounds else None)
-    refuting = general.of(z3.And(statement.assumption, z3.Not(statement.conclusion)))
-    return _solver(refuting, *general.facts).check() == z3.unsat
+    refuting = general.of(_refuting(statement))
+    return _is_proved(_of_bits(steps), [refuting, *general.facts])
 
 
-def _decide(statement: Statement, begin: float) -> Finding:
-    solver = _solver(statement.assumption, z3.Not(statement.conclusion))
+def _is_proved(solver: z3.Solver, formulas: list[z3.BoolRef]) -> bool:
+    solver.add(*formulas)
+    return solver.check() == z3.unsat
+
+
+def _decide(statement: Statement, begin: float, steps: int) -> Finding:
+    solver = _of_bits(steps)
+    solver.add(_refuting(statement))
     verdict = _VERDICTS[str(solver.check())]
     seconds = time.thread_time() - begin
     found = {}

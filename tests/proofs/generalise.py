@@ -11,7 +11,8 @@ numbers that the solver proves of the factors. Of two products with a factor in 
 that they are equal where the others are, and that they have their order where it is not negative.
 
 A quotient by a constant becomes the number of which the divisor's multiple leaves a remainder
-smaller than the divisor, with the dividend's sign: there is one.
+smaller than the divisor, with the dividend's sign: there is one. Of a quotient by a variable the
+same is known where neither number is negative; its product with the divisor is one of those above.
 """
 
 from __future__ import annotations
@@ -29,7 +30,7 @@ _QUOTIENTS = {
 }
 
 
-_MILLISECONDS = 5_000  # of one bound of a factor
+_STEPS = 10_000_000  # of the solver, for one bound of a factor
 
 
 @dataclasses.dataclass(frozen=True)
@@ -117,6 +118,8 @@ class Generalisation:
             divisor = z3.simplify(term.arg(1))
             if z3.is_bv_value(divisor) and divisor.as_signed_long() > 0:
                 return self._quotient(term.arg(0), divisor.as_long(), _QUOTIENTS[kind])
+            if not z3.is_bv_value(divisor) and _QUOTIENTS[kind]:
+                return self._quotient_of_two(term)
         children = [self.of(child) for child in term.children()]
         if kind == z3.Z3_OP_AND:
             return z3.And(*children)
@@ -191,7 +194,7 @@ class Generalisation:
         apart = Generalisation()
         refuting = apart.of(z3.And(self._assumption, z3.Not(bound)))
         solver = z3.SolverFor("QF_BV")
-        solver.set("timeout", _MILLISECONDS)
+        solver.set("rlimit", _STEPS)
         solver.add(refuting, *apart.facts)
         return solver.check() == z3.unsat
 
@@ -209,3 +212,14 @@ class Generalisation:
             self.facts.append(z3.If(general >= 0, upward, downward))
             self._quotients[key] = quotient, _resized(rest, bits)
         return self._quotients[key][0 if is_wanted else 1]
+
+    def _quotient_of_two(self, term: z3.BitVecRef) -> z3.BitVecRef:
+        """Return a number whose product with the divisor is known to lie below the dividend."""
+        dividend, divisor = term.children()
+        bits = term.size()
+        quotient = z3.BitVec(f"quotient of two {term.get_id()}", bits)
+        product = self.of(z3.SignExt(bits, quotient) * z3.SignExt(bits, divisor))
+        x, d = (z3.SignExt(bits, self.of(word)) for word in (dividend, divisor))
+        within = z3.And(product <= x, x < product + d, quotient >= 0)
+        self.facts.append(z3.Implies(z3.And(x >= 0, d > 0), within))
+        return quotient

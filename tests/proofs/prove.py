@@ -31,7 +31,10 @@ MODULES = (
     "geometry",
     "requantising",
     "units",
+    "statistics",
     "layernorm",
+    "softmax",
+    "bounds",
     "products",
     "plans",
 )
@@ -182,6 +185,12 @@ def print_table(report: Report) -> None:
         print(f"FAILED {failure}")
 
 
+def listed(claim: Claim) -> str:
+    """Return a claim's row in the table of docs/proofs.md."""
+    counts = f"{len(claim.cases)} | {len(claim.controls)}"
+    return f"| {claim.rule} | {claim.text} | {claim.parameters} | {counts} |"
+
+
 def main() -> int:
     """Run from the command line."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
@@ -189,7 +198,11 @@ def main() -> int:
     parser.add_argument("--modules", nargs="+", default=MODULES, choices=MODULES)
     parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)))
     parser.add_argument("--inputs", type=int, default=64, help="of each formula and its function")
+    parser.add_argument("--list", action="store_true", help="the claims alone, and prove nothing")
     given = parser.parse_args()
+    if given.list:
+        print("\n".join(listed(c) for module in given.modules for c in claims_of(module)))
+        return 0
     report = prove(given.program, given.modules, given.jobs, given.inputs)
     print_table(report)
     return 1 if report.failures else 0

@@ -93,6 +93,8 @@ bool Fold(const std::string& op, int sort, const std::vector<TermPointer>& x, ui
     *value = a >= b;
   else if (op == "not")
     *value = a == 0;
+  else if (op == "or")
+    *value = a != 0 || b != 0;
   else if (op == "and")
     *value = a != 0 && b != 0;
   else if (op.rfind("(_ extract", 0) == 0)
@@ -135,6 +137,7 @@ TermPointer Apply(const std::string& operation, int sort, std::vector<TermPointe
   }
   if (operation == "and" && operands[0]->is_constant)
     return operands[0]->value ? operands[1] : operands[0];
+  if (operation == "ite" && operands[0]->is_constant) return operands[operands[0]->value ? 1 : 2];
   return Make({operation, std::move(operands), sort, false, 0});
 }
 

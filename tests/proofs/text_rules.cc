@@ -10,7 +10,7 @@
 
 #include "proofs/path.h"
 #include "proofs/rule.h"
-#include "proofs/word.h"
+#include "proofs/word_operators.h"
 
 namespace {
 

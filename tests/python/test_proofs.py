@@ -73,6 +73,14 @@ def test_each_claim_has_a_control():
     assert [claim.text for claim in claims if not claim.controls] == []
 
 
+def test_the_docs_list_every_claim():
+    """docs/proofs.md has the table that prove.py --list prints."""
+    docs = (support.ROOT / "docs" / "proofs.md").read_text(encoding="utf-8").splitlines()
+    claims = [claim for module in prove.MODULES for claim in prove.claims_of(module)]
+    rows = [line for line in docs if line.startswith("| ") and line.count("|") == 6]
+    assert rows[1:] == [prove.listed(claim) for claim in claims]
+
+
 def test_formulas_give_the_bits_of_the_functions(rules):
     """The words that record compute as integers do."""
     found = [bridge.compare(name, rules, _INPUTS) for name in rules.names]

@@ -185,7 +185,7 @@ CLAIMS = (
     ),
     Claim(
         "Theorem 1",
-        "from the range and |p| <= 2M, into the range and congruent modulo 2M",
+        "from the range and p of at most 2M in magnitude, into the range and congruent modulo 2M",
         "w = 0 to 32; all acc, p",
         [_congruent(0, 1), *(_congruent(width, _LARGEST[width]) for width in WIDTHS)],
         [_congruent(width, 3 << (width - 1)) for width in (1, 8, 16, 30)],

@@ -89,6 +89,26 @@ def _clamps(has_zero_point: bool = True) -> Case:
     return Case("", state)
 
 
+def _division_form(exponent: int, most: int = 1 << 30) -> Case:
+    """The loop that only divides, of sums within 2^30, before it adds and clamps as Q5's step."""
+
+    def state(rules):
+        given = (SUM, MANTISSA, exponent, 0, -(1 << 31), (1 << 31) - 1)
+        assumption = z3.And(_IS_MANTISSA, between(-most, SUM, most - 1))
+        rescaled = rules["RescaleInTwoRoundings"](SUM, MANTISSA, exponent)
+        return Statement(assumption, rules["DivideAndStore"](*given) == rescaled)
+
+    return Case(f"e = {exponent}", state)
+
+
+def _stores(rules) -> Statement:
+    """The loop of any exponent is the two steps in turn."""
+    bounds = (ZERO_POINT, LEAST, GREATEST)
+    rescaled = rules["TwoRoundingsStep"](SUM, MANTISSA, EXPONENT)
+    stored = rules["RescaleAndStore"](SUM, MANTISSA, EXPONENT, *bounds)
+    return always(stored == rules["ShiftAndClampStep"](rescaled, *bounds))
+
+
 def _short_mantissa(most: int) -> Case:
     def state(rules):
         rounded = z3.UDiv(exact(MANTISSA, 33) + (1 << 15), z3.BitVecVal(1 << 16, 33))
@@ -98,7 +118,7 @@ def _short_mantissa(most: int) -> Case:
     return Case(f"at most {most}", state)
 
 
-def _short_multiplier(exponent: int, is_rounded=is_half_up) -> Case:
+def _short_multiplier(exponent: int, is_rounded=is_half_up, mantissas=_IS_MANTISSA) -> Case:
     """One rounding, halves up, of sums whose product fits: 48 bits; then the low 32 bits."""
 
     def state(rules):
@@ -108,7 +128,7 @@ def _short_multiplier(exponent: int, is_rounded=is_half_up) -> Case:
         quotient = z3.BitVec("quotient", 130)
         return Statement(
             z3.And(
-                _IS_MANTISSA,
+                mantissas,
                 between(-(1 << 47), X64, (1 << 47) - 1),
                 is_rounded(exact(product, 130), 15 - exponent, quotient),
                 between(-(1 << 63), quotient, (1 << 63) - 1),
@@ -131,7 +151,7 @@ def _quotient_away(count: int, is_away: bool = True) -> Case:
     return Case(f"{count} elements", state)
 
 
-_COUNTS = (1, 2, 3, 4, 9, 16, 49, 64)
+_COUNTS = (1, 2, 3, 4, 8, 9, 16, 64)
 
 CLAIMS = (
     Claim(
@@ -192,6 +212,13 @@ CLAIMS = (
         [_step_two_roundings(-1, is_away=False)],
     ),
     Claim(
+        "Q2, vector form",
+        "the division with its half added before the shift gives the same bits",
+        "e = -30 to -1; all m, sums within 2^30; without zero point and bounds",
+        [_division_form(exponent) for exponent in range(-30, 0)],
+        [_division_form(-30, most=1 << 31)],
+    ),
+    Claim(
         "Q3, vector form",
         "the step of unsigned shifts gives the same bits",
         "e = -31 to 7; all m, all sums of 64 bits",
@@ -202,7 +229,7 @@ CLAIMS = (
         "Q5",
         "adds the zero point modulo 2^32, then clamps",
         "all x, zero points and bounds in order",
-        [_clamps()],
+        [_clamps(), Case("RescaleAndStore", _stores)],
         [_clamps(has_zero_point=False)],
     ),
     Claim(
@@ -217,7 +244,7 @@ CLAIMS = (
         "is the product over 2^(15 - e), halves up, in 32 bits",
         "e = -31 to 7; all m, sums of 48 bits",
         [_short_multiplier(exponent) for exponent in range(-31, 8)],
-        [_short_multiplier(exponent, is_half_away) for exponent in (-31, 7)],
+        [_short_multiplier(e, is_half_away, MANTISSA == 1 << 30) for e in (-31, 0)],
     ),
     Claim(
         "Q3",

@@ -11,8 +11,7 @@ from claims.numbers import always, between, exact, is_half_to_even, is_half_up, 
 
 X, COUNT = z3.BitVecs("x shift", 32)
 X64 = z3.BitVec("x", 64)
-# Shifts for which the sum of rounded quotients is formed of exact sums and remainders.
-REMAINDER_SHIFTS = range(1, 6)
+REMAINDER_SHIFTS = range(1, 31)
 
 
 def _rounds(shift: int, is_rounded=is_half_to_even) -> Case:
@@ -60,7 +59,7 @@ def _defined(rules) -> Statement:
 
 
 def _remainder(rules, x: z3.BitVecRef, shift: int) -> z3.BitVecRef:
-    return exact(x, 40) - (exact(rules["ShiftRoundHalfToEven"](x, shift), 40) << shift)
+    return exact(x, 66) - (exact(rules["ShiftRoundHalfToEven"](x, shift), 66) << shift)
 
 
 def _remainder_of_low_bits(shift: int, bits: int) -> Case:
@@ -72,6 +71,31 @@ def _remainder_of_low_bits(shift: int, bits: int) -> Case:
         return always(z3.And(rest == of_low, between(-(1 << (shift - 1)), rest, 1 << (shift - 1))))
 
     return Case(f"s = {shift}, {bits} bits", state)
+
+
+def _remainders_are_odd(shift: int) -> Case:
+    """Halves to even are symmetric: so are the remainders, of products that have a negative."""
+
+    def state(rules):
+        rest = _remainder(rules, X, shift)
+        return Statement(X != -(1 << 31), _remainder(rules, -X, shift) == -rest)
+
+    return Case(f"s = {shift}, negative", state)
+
+
+def _sums_of_quotients(shift: int, has_remainder: bool = True) -> Case:
+    """One product more: 2^s times the sum of quotients is the exact sum less the remainders."""
+    total, rests = z3.BitVecs("total rests", 66)
+
+    def state(rules):
+        quotient = exact(rules["ShiftRoundHalfToEven"](X, shift), 66)
+        rest = _remainder(rules, X, shift)
+        quotients = z3.BitVec("quotients", 66)
+        before = quotients << shift == total - rests
+        more = total + exact(X, 66) - rests - (rest if has_remainder else 0)
+        return Statement(before, (quotients + quotient) << shift == more)
+
+    return Case(f"s = {shift}, sums", state)
 
 
 CLAIMS = (
@@ -103,7 +127,7 @@ CLAIMS = (
     ),
     Claim(
         "S1",
-        "makes no product larger in magnitude than max(|x|, 1), and is defined",
+        "makes no product larger in magnitude, but for 0 and 1 at most 1, and is defined",
         "all s, all x",
         [Case("bound", _bounded), Case("defined", _defined)],
         [
@@ -136,8 +160,18 @@ CLAIMS = (
     Claim(
         "Remainders",
         "x = 2^s S1(x) + a remainder of at most a half, which the low s + 1 bits tell",
-        "s = 1 to 5; all x",
+        "s = 1 to 30; all x",
         [_remainder_of_low_bits(shift, shift + 1) for shift in REMAINDER_SHIFTS],
-        [_remainder_of_low_bits(shift, shift) for shift in REMAINDER_SHIFTS],
+        [_remainder_of_low_bits(shift, shift) for shift in (1, 5, 30)],
+    ),
+    Claim(
+        "Remainders",
+        "2^s times a sum of quotients is the exact sum less the remainders, which are odd in x",
+        "s = 1 to 30; all x, all sums before",
+        [
+            *(_sums_of_quotients(shift) for shift in REMAINDER_SHIFTS),
+            *(_remainders_are_odd(shift) for shift in REMAINDER_SHIFTS),
+        ],
+        [_sums_of_quotients(5, has_remainder=False)],
     ),
 )

@@ -69,6 +69,27 @@ def _floors(rules) -> Statement:
     return always(z3.And(rest >= 0, rest < 3))
 
 
+def _unsigned(bits: int, is_left: bool, modulus: int) -> Case:
+    """Shifts of words without a sign."""
+    x = z3.BitVec("x", bits)
+    name = f"Shift{'Left' if is_left else 'Right'}Unsigned{'64' if bits == 64 else ''}"
+
+    def state(rules):
+        taken = z3.ZeroExt(2 * bits - 32, COUNT % modulus)
+        whole = z3.ZeroExt(bits, x)
+        shifted = whole << taken if is_left else z3.LShR(whole, taken)
+        rule = rules[name]
+        return always(z3.And(rule(x, COUNT) == low(shifted, bits), rule.is_defined(x, COUNT)))
+
+    return Case(name, state)
+
+
+def _magnitude(rules) -> Statement:
+    """Of -2^63 it is -2^63."""
+    magnitude = z3.If(X64 < 0, -exact(X64, 65), exact(X64, 65))
+    return always(rules["WrapAbsolute64"](X64) == low(magnitude, 64))
+
+
 _SUMS = (
     ("WrapAdd", lambda a, b: a + b),
     ("WrapSubtract", lambda a, b: a - b),
@@ -107,6 +128,22 @@ CLAIMS = (
             _shift_right(64, 64),
         ],
         [_shift_right(64, 32)],
+    ),
+    Claim(
+        "I2, I5",
+        "shifts without a sign take their counts modulo the word's width; magnitudes wrap",
+        "all x, all counts",
+        [
+            *(_unsigned(bits, is_left, bits) for bits in (32, 64) for is_left in (False, True)),
+            Case("WrapAbsolute64", _magnitude),
+        ],
+        [
+            _unsigned(32, False, 64),
+            Case(
+                "magnitudes are never negative",
+                lambda rules: always(rules["WrapAbsolute64"](X64) >= 0),
+            ),
+        ],
     ),
     Claim(
         "I7",
