@@ -6,19 +6,15 @@
 
 #include <type_traits>
 
+#include "bitfold/device_bytes.h"
 #include "bitfold/device_chain.h"
 #include "bitfold/device_convolution.h"
 #include "bitfold/device_datapath.h"
 #include "device/device.h"
 #include "device/launchers.h"
+#include "device/tiles.h"
 
 namespace bitfold {
-
-namespace {
-
-constexpr int kTile = 16;
-
-}  // namespace
 
 // rows[oc][kh][ic][kw] = filter[kh][kw][ic][oc]: a row has its taps in the accelerator's order.
 template <typename T>
@@ -65,66 +61,6 @@ namespace {
 template <bool kHalf, typename Division>
 using FloatChain = std::conditional_t<kHalf, QuietHalfChain<Division>, QuietFloatChain<Division>>;
 
-// What a thread reads of a tile at once.
-template <typename T>
-struct alignas(16) Four {
-  T of[4];
-};
-
-// A tile of each factor. Columns lie such that the threads which read at once, one column each, do
-// not wait for each other.
-template <typename T>
-struct Tiles {
-  Four<T> a_row[kTile][kTile / 4];
-  Four<T> b_col[kTile][kTile / 4 + 1];
-};
-
-// The factors of a product. Outside of them there are zeros.
-template <typename T>
-struct Factors {
-  const T* a;
-  uint32_t a_cols;
-  uint32_t a_rows;
-  const T* b;
-  uint32_t b_cols;
-  uint32_t b_rows;
-};
-
-// What one thread brings into the tiles, one pair after the other.
-template <typename T>
-class TileReader {
- public:
-  __device__ TileReader(const Factors<T>& factors, uint32_t row, uint32_t col)
-      : factors_(factors),
-        has_row_(row < factors.a_rows),
-        has_col_(col < factors.b_cols),
-        a_col_(threadIdx.x),
-        b_row_(threadIdx.y),
-        a_at_(row * factors.a_cols + threadIdx.x),
-        b_at_(threadIdx.y * factors.b_cols + col) {}
-
-  __device__ void Read() {
-    a = has_row_ && a_col_ < factors_.a_cols ? factors_.a[a_at_] : T{0};
-    b = has_col_ && b_row_ < factors_.b_rows ? factors_.b[b_at_] : T{0};
-    a_col_ += uint32_t{kTile};
-    a_at_ += uint32_t{kTile};
-    b_row_ += uint32_t{kTile};
-    b_at_ += uint32_t{kTile} * factors_.b_cols;
-  }
-
-  T a{0};
-  T b{0};
-
- private:
-  const Factors<T>& factors_;
-  bool has_row_;
-  bool has_col_;
-  uint32_t a_col_;
-  uint32_t b_row_;
-  uint32_t a_at_;
-  uint32_t b_at_;
-};
-
 // Adds the products of one tile to *acc, unless they are not quiet in the sense of the chain.
 template <typename T, typename Chain>
 __device__ __forceinline__ bool AddQuietTile(const Chain& chain, const Four<T>* a_row,
@@ -158,32 +94,77 @@ __device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Fo
   return acc;
 }
 
+// The chain of the thread's output while all factors are bytes: how many of its steps were made, a
+// multiple of 64, and their sum. All threads of the block bring the tiles and stop together. The
+// next tile may be written when all have come to a barrier.
+template <typename T>
+struct ByteSteps {
+  uint32_t steps;
+  T acc;
+};
+
+template <typename T>
+__device__ __forceinline__ ByteSteps<T> MultiplyByteTiles(const ByteChain<T>& chain,
+                                                          const Factors<T>& factors, uint32_t row,
+                                                          uint32_t col, Tiles<uint32_t>* both) {
+  const uint32_t tiles = factors.a_cols / ByteSums::kSteps;
+  ByteTileReader<T> reader(factors, row, col);
+  if (!__syncthreads_and(reader.IsFirstByte())) return {0, T{0}};
+  reader.Read();
+  TilePlaces<uint32_t> words(both);
+  int32_t sum = 0;
+  uint32_t t = 0;
+  for (; t < tiles; ++t) {
+    ByteCheck check;
+    words.Write(PackBytes(reader.a, &check), PackBytes(reader.b, &check));
+    if (!__syncthreads_and(check.holds() && chain.MayAddMore(sum))) break;
+    if (t + 1 < tiles) reader.Step();
+    reader.Read();
+    BITFOLD_UNROLL_ALL
+    for (int j = 0; j < kTile / 4; ++j) {
+      const Four<uint32_t> a = words.a_row()[j];
+      const Four<uint32_t> b = words.b_col()[j];
+      BITFOLD_UNROLL_ALL
+      for (int i = 0; i < 4; ++i) sum = AddByteProducts(a.of[i], b.of[i], sum);
+    }
+    words.Turn();
+  }
+  return {t * ByteSums::kSteps, chain.Leave(sum)};
+}
+
 // The chain of the thread's output, if it has one; all threads of the block bring the tiles. While
 // some still read one pair of tiles, others write the next. Each tile is tried by the chains in
 // their order; one that failed likely fails again and is tried no more.
 template <typename First, typename Second, typename T>
 __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
                                            const Factors<T>& factors, uint32_t row, uint32_t col,
-                                           Tiles<T>* both) {
+                                           SharedTiles<T>* shared) {
   const First first(datapath);
   const Second second(datapath);
-  const uint32_t tx = threadIdx.x;
-  const uint32_t ty = threadIdx.y;
   const bool is_output = row < factors.a_rows && col < factors.b_cols;
   const int last = (static_cast<int>(factors.a_cols) - 1) / kTile;
-  TileReader<T> reader(factors, row, col);
+  ByteSteps<T> begin = {0, T{0}};
+  if constexpr (First::kMayBeBytes) {
+    const ByteChain<T> bytes(datapath);
+    if (bytes.IsProven() && factors.a_cols >= ByteSums::kSteps) {
+      begin = MultiplyByteTiles(bytes, factors, row, col, &shared->words);
+      if (begin.steps == factors.a_cols) return begin.acc;
+      __syncthreads();
+    }
+  }
+  TileReader<T> reader(factors, row, col, begin.steps);
   reader.Read();
-  T acc = T{0};
+  T acc = begin.acc;
+  TilePlaces<T> tiles(&shared->numbers);
   int failed = 0;
-  for (int t = 0; t <= last; ++t) {
-    Tiles<T>& tiles = both[t & 1];
-    tiles.a_row[ty][tx / 4].of[tx % 4] = reader.a;
-    tiles.b_col[tx][ty / 4].of[ty % 4] = reader.b;
+  for (int t = static_cast<int>(begin.steps) / kTile; t <= last; ++t) {
+    tiles.Write(reader.a, reader.b);
     __syncthreads();
     reader.Read();
+    const Four<T>* const a_row = tiles.a_row();
+    const Four<T>* const b_col = tiles.b_col();
+    tiles.Turn();
     if (!is_output) continue;
-    const Four<T>* const a_row = tiles.a_row[ty];
-    const Four<T>* const b_col = tiles.b_col[tx];
     if (failed == 0) {
       if (AddQuietTile(first, a_row, b_col, &acc)) continue;
       failed = std::is_same_v<First, Second> ? 2 : 1;
@@ -204,7 +185,7 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
 template <bool kHalf>
 __device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& datapath,
                                                 const Factors<float>& factors, uint32_t row,
-                                                uint32_t col, Tiles<float>* tiles) {
+                                                uint32_t col, SharedTiles<float>* tiles) {
   const int32_t mult_shift = datapath.mult_shift();
   if (mult_shift == 0) {
     const DeviceDatapath<float> unscaled(datapath.min(), datapath.max(), 0, kHalf);
@@ -222,14 +203,14 @@ __device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& dat
 
 __device__ __forceinline__ float Multiply(const DeviceDatapath<float>& datapath,
                                           const Factors<float>& factors, uint32_t row, uint32_t col,
-                                          Tiles<float>* tiles) {
+                                          SharedTiles<float>* tiles) {
   if (datapath.use_fp16_acc()) return MultiplyFloats<true>(datapath, factors, row, col, tiles);
   return MultiplyFloats<false>(datapath, factors, row, col, tiles);
 }
 
 __device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datapath,
                                             const Factors<int32_t>& factors, uint32_t row,
-                                            uint32_t col, Tiles<int32_t>* tiles) {
+                                            uint32_t col, SharedTiles<int32_t>* tiles) {
   const AccumulatorLimits<int32_t>& limits = datapath.limits();
   if (datapath.mult_shift() == 0) {
     const DeviceDatapath<int32_t> unscaled(limits.min, limits.max, 0, false);
@@ -248,13 +229,13 @@ template <typename T>
 __global__ void matrix_mul_opt_kernel(const T* A, int a_cols, int a_rows, const T* B, int b_cols,
                                       int b_rows, T* C, const int8_t* mult_shift, bool use_fp16_acc,
                                       T acc_min, T acc_max, const T* elementwise) {
-  __shared__ Tiles<T> tiles[2];
+  __shared__ SharedTiles<T> tiles;
   const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
   const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
   const Factors<T> factors = {A, static_cast<uint32_t>(a_cols), static_cast<uint32_t>(a_rows),
                               B, static_cast<uint32_t>(b_cols), static_cast<uint32_t>(b_rows)};
   const DeviceDatapath<T> datapath(acc_min, acc_max, mult_shift[0], use_fp16_acc);
-  T acc = Multiply(datapath, factors, row, col, tiles);
+  T acc = Multiply(datapath, factors, row, col, &tiles);
   if (row >= factors.a_rows || col >= factors.b_cols) return;
   const uint32_t o = col * factors.a_rows + row;
   if (elementwise != nullptr) acc = datapath.Accumulate(acc, elementwise[o]);

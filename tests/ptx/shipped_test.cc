@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
   const auto compare = [&report](bool is_quick) {
     program::CompareAdditions(is_quick, &report);
     program::CompareConvolutions(is_quick, &report);
+    program::CompareByteProducts(is_quick, &report);
     program::ComparePrintedLines(&report);
   };
   compare(mode.empty());

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -144,6 +145,12 @@ class BlockOfThreads {
     SetThreadIndex();
   }
 
+  bool WaitForAll(bool holds) {
+    all_hold_ &= holds;
+    Wait();
+    return all_held_;
+  }
+
  private:
   BlockOfThreads() = default;
 
@@ -175,6 +182,7 @@ class BlockOfThreads {
       RequireAllAtBarrier();
       ready_.assign(waiting_.rbegin(), waiting_.rend());
       waiting_.clear();
+      all_held_ = std::exchange(all_hold_, true);
     }
     Fibre* const fibre = ready_.back();
     ready_.pop_back();
@@ -221,6 +229,8 @@ class BlockOfThreads {
   std::vector<Fibre*> idle_;
   std::vector<Fibre*> waiting_;  // in the order in which they came to the barrier
   std::vector<Fibre*> ready_;    // to go on from it, the first one last
+  bool all_hold_ = true;         // with what those that wait came
+  bool all_held_ = true;         // at the barrier before
 };
 
 DeviceEmulation* current = nullptr;
@@ -278,6 +288,10 @@ void DeviceEmulation::Launch(const EmulatedLaunch& launch, const std::function<v
 using bitfold::testing::DeviceEmulation;
 
 void __syncthreads() { bitfold::testing::BlockOfThreads::Get().Wait(); }
+
+int __syncthreads_and(int predicate) {
+  return bitfold::testing::BlockOfThreads::Get().WaitForAll(predicate != 0) ? 1 : 0;
+}
 
 cudaError_t cudaPeekAtLastError() { return DeviceEmulation::Current().last_error(); }
 

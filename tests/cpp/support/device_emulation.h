@@ -43,6 +43,8 @@ inline dim3 gridDim;
 
 // Returns when all threads of the block have come here. One that ends without ends the process.
 void __syncthreads();  // NOLINT(bugprone-reserved-identifier)
+// So does this: whether all came with another number than 0.
+int __syncthreads_and(int predicate);  // NOLINT(bugprone-reserved-identifier)
 
 using cudaStream_t = struct EmulatedStream*;
 enum cudaError_t : int { cudaSuccess = 0, cudaErrorInvalidConfiguration = 9 };
