@@ -63,15 +63,15 @@ using FloatChain = std::conditional_t<kHalf, QuietHalfChain<Division>, QuietFloa
 
 // Adds the products of one tile to *acc, unless they are not quiet in the sense of the chain.
 template <typename T, typename Chain>
-__device__ __forceinline__ bool AddQuietTile(const Chain& chain, const Four<T>* a_row,
-                                             const Four<T>* b_col, T* acc) {
+__device__ __forceinline__ bool AddQuietTile(const Chain& chain, const FourWords* a_row,
+                                             const FourWords* b_col, T* acc) {
   typename Chain::State state = chain.Enter(*acc);
   BITFOLD_UNROLL_ALL
   for (int j = 0; j < kTile / 4; ++j) {
-    const Four<T> a = a_row[j];
-    const Four<T> b = b_col[j];
+    const FourWords a = a_row[j];
+    const FourWords b = b_col[j];
     BITFOLD_UNROLL_ALL
-    for (int i = 0; i < 4; ++i) chain.Add(a.of[i], b.of[i], &state);
+    for (int i = 0; i < 4; ++i) chain.Add(NumberOf<T>(a, i), NumberOf<T>(b, i), &state);
   }
   if (!chain.IsQuiet(state)) return false;
   *acc = chain.Leave(state);
@@ -80,38 +80,39 @@ __device__ __forceinline__ bool AddQuietTile(const Chain& chain, const Four<T>* 
 
 // As defined, step by step.
 template <typename T>
-__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Four<T>* a_row,
-                                     const Four<T>* b_col, T acc) {
+__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const FourWords* a_row,
+                                     const FourWords* b_col, T acc) {
   BITFOLD_KEEP_ROLLED
   for (int j = 0; j < kTile / 4; ++j) {
-    const Four<T> a = a_row[j];
-    const Four<T> b = b_col[j];
+    const FourWords a = a_row[j];
+    const FourWords b = b_col[j];
     BITFOLD_UNROLL_ALL
     for (int i = 0; i < 4; ++i) {
-      acc = datapath.Accumulate(acc, datapath.Product(a.of[i], b.of[i]));
+      acc = datapath.Accumulate(acc, datapath.Product(NumberOf<T>(a, i), NumberOf<T>(b, i)));
     }
   }
   return acc;
 }
 
-// The chain of the thread's output while all factors are bytes: how many of its steps were made, a
-// multiple of 64, and their sum. All threads of the block bring the tiles and stop together. The
-// next tile may be written when all have come to a barrier.
+// How many steps of a chain were made, and what the accumulator is then.
 template <typename T>
-struct ByteSteps {
+struct Begun {
   uint32_t steps;
   T acc;
 };
 
+// The chain of the thread's output while all factors are bytes, in tiles of 64 steps. The threads
+// of the block bring them, see whether they are bytes, and stop together; a look at the first
+// numbers spares most of what others are the tile. After the last tile threads may still read it.
 template <typename T>
-__device__ __forceinline__ ByteSteps<T> MultiplyByteTiles(const ByteChain<T>& chain,
-                                                          const Factors<T>& factors, uint32_t row,
-                                                          uint32_t col, Tiles<uint32_t>* both) {
+__device__ __forceinline__ Begun<T> MultiplyByteTiles(const ByteChain<T>& chain,
+                                                      const Factors<T>& factors, uint32_t row,
+                                                      uint32_t col, Tiles* shared) {
   const uint32_t tiles = factors.a_cols / ByteSums::kSteps;
   ByteTileReader<T> reader(factors, row, col);
   if (!__syncthreads_and(reader.IsFirstByte())) return {0, T{0}};
   reader.Read();
-  TilePlaces<uint32_t> words(both);
+  TilePlaces words(shared);
   int32_t sum = 0;
   uint32_t t = 0;
   for (; t < tiles; ++t) {
@@ -122,8 +123,8 @@ __device__ __forceinline__ ByteSteps<T> MultiplyByteTiles(const ByteChain<T>& ch
     reader.Read();
     BITFOLD_UNROLL_ALL
     for (int j = 0; j < kTile / 4; ++j) {
-      const Four<uint32_t> a = words.a_row()[j];
-      const Four<uint32_t> b = words.b_col()[j];
+      const FourWords a = words.a_row()[j];
+      const FourWords b = words.b_col()[j];
       BITFOLD_UNROLL_ALL
       for (int i = 0; i < 4; ++i) sum = AddByteProducts(a.of[i], b.of[i], sum);
     }
@@ -138,16 +139,16 @@ __device__ __forceinline__ ByteSteps<T> MultiplyByteTiles(const ByteChain<T>& ch
 template <typename First, typename Second, typename T>
 __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
                                            const Factors<T>& factors, uint32_t row, uint32_t col,
-                                           SharedTiles<T>* shared) {
+                                           Tiles* shared) {
   const First first(datapath);
   const Second second(datapath);
   const bool is_output = row < factors.a_rows && col < factors.b_cols;
   const int last = (static_cast<int>(factors.a_cols) - 1) / kTile;
-  ByteSteps<T> begin = {0, T{0}};
+  Begun<T> begin = {0, T{0}};
   if constexpr (First::kMayBeBytes) {
     const ByteChain<T> bytes(datapath);
     if (bytes.IsProven() && factors.a_cols >= ByteSums::kSteps) {
-      begin = MultiplyByteTiles(bytes, factors, row, col, &shared->words);
+      begin = MultiplyByteTiles(bytes, factors, row, col, shared);
       if (begin.steps == factors.a_cols) return begin.acc;
       __syncthreads();
     }
@@ -155,14 +156,14 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
   TileReader<T> reader(factors, row, col, begin.steps);
   reader.Read();
   T acc = begin.acc;
-  TilePlaces<T> tiles(&shared->numbers);
+  TilePlaces tiles(shared);
   int failed = 0;
   for (int t = static_cast<int>(begin.steps) / kTile; t <= last; ++t) {
-    tiles.Write(reader.a, reader.b);
+    tiles.Write(WordOf(reader.a), WordOf(reader.b));
     __syncthreads();
     reader.Read();
-    const Four<T>* const a_row = tiles.a_row();
-    const Four<T>* const b_col = tiles.b_col();
+    const FourWords* const a_row = tiles.a_row();
+    const FourWords* const b_col = tiles.b_col();
     tiles.Turn();
     if (!is_output) continue;
     if (failed == 0) {
@@ -185,7 +186,7 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
 template <bool kHalf>
 __device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& datapath,
                                                 const Factors<float>& factors, uint32_t row,
-                                                uint32_t col, SharedTiles<float>* tiles) {
+                                                uint32_t col, Tiles* tiles) {
   const int32_t mult_shift = datapath.mult_shift();
   if (mult_shift == 0) {
     const DeviceDatapath<float> unscaled(datapath.min(), datapath.max(), 0, kHalf);
@@ -203,14 +204,14 @@ __device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& dat
 
 __device__ __forceinline__ float Multiply(const DeviceDatapath<float>& datapath,
                                           const Factors<float>& factors, uint32_t row, uint32_t col,
-                                          SharedTiles<float>* tiles) {
+                                          Tiles* tiles) {
   if (datapath.use_fp16_acc()) return MultiplyFloats<true>(datapath, factors, row, col, tiles);
   return MultiplyFloats<false>(datapath, factors, row, col, tiles);
 }
 
 __device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datapath,
                                             const Factors<int32_t>& factors, uint32_t row,
-                                            uint32_t col, SharedTiles<int32_t>* tiles) {
+                                            uint32_t col, Tiles* tiles) {
   const AccumulatorLimits<int32_t>& limits = datapath.limits();
   if (datapath.mult_shift() == 0) {
     const DeviceDatapath<int32_t> unscaled(limits.min, limits.max, 0, false);
@@ -229,7 +230,7 @@ template <typename T>
 __global__ void matrix_mul_opt_kernel(const T* A, int a_cols, int a_rows, const T* B, int b_cols,
                                       int b_rows, T* C, const int8_t* mult_shift, bool use_fp16_acc,
                                       T acc_min, T acc_max, const T* elementwise) {
-  __shared__ SharedTiles<T> tiles;
+  __shared__ Tiles tiles;
   const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
   const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
   const Factors<T> factors = {A, static_cast<uint32_t>(a_cols), static_cast<uint32_t>(a_rows),

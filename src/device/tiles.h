@@ -7,62 +7,67 @@
 #ifndef BITFOLD_SRC_DEVICE_TILES_H_
 #define BITFOLD_SRC_DEVICE_TILES_H_
 
-#include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "bitfold/device_bytes.h"
+#include "bitfold/float_bits.h"
 #include "device/device.h"
 
 namespace bitfold {
 
 inline constexpr int kTile = 16;
 
+// Numbers lie in tiles as words, which have their bits.
+__device__ __forceinline__ uint32_t WordOf(int32_t x) { return static_cast<uint32_t>(x); }
+__device__ __forceinline__ uint32_t WordOf(float x) { return static_cast<uint32_t>(BitsOf(x)); }
+
 // What a thread reads of a tile at once.
-template <typename T>
-struct alignas(16) Four {
-  T of[4];
+struct alignas(16) FourWords {
+  uint32_t of[4];
 };
+
+template <typename T>
+__device__ __forceinline__ T NumberOf(const FourWords& words, int i) {
+  const auto bits = static_cast<int32_t>(words.of[i]);
+  if constexpr (std::is_same_v<T, float>) {
+    return FloatOf(bits);
+  } else {
+    return bits;
+  }
+}
 
 // Two tiles of each factor, of which one is written while the other is read, side by side. Columns
 // lie such that the threads which read at once, one column each, do not wait for each other.
-template <typename T>
 struct Tiles {
-  Four<T> a_row[kTile][kTile / 2];
-  Four<T> b_col[kTile][kTile / 2 + 1];
-};
-
-// Of numbers first or throughout of words.
-template <typename T>
-union SharedTiles {
-  Tiles<T> numbers;
-  Tiles<uint32_t> words;
+  FourWords a_row[kTile][kTile / 2];
+  FourWords b_col[kTile][kTile / 2 + 1];
 };
 
 // Where one thread writes into the tiles and what it reads of them.
-template <typename T>
 class TilePlaces {
  public:
-  __device__ explicit TilePlaces(Tiles<T>* tiles)
+  __device__ explicit TilePlaces(Tiles* tiles)
       : a_to_(tiles->a_row[threadIdx.y][threadIdx.x / 4].of + threadIdx.x % 4),
         b_to_(tiles->b_col[threadIdx.x][threadIdx.y / 4].of + threadIdx.y % 4),
         a_row_(tiles->a_row[threadIdx.y]),
         b_col_(tiles->b_col[threadIdx.x]) {}
 
-  __device__ void Write(T a, T b) {
+  __device__ void Write(uint32_t a, uint32_t b) {
     a_to_[4 * other_] = a;
     b_to_[4 * other_] = b;
   }
-  __device__ const Four<T>* a_row() const { return a_row_ + other_; }
-  __device__ const Four<T>* b_col() const { return b_col_ + other_; }
+  __device__ const FourWords* a_row() const { return a_row_ + other_; }
+  __device__ const FourWords* b_col() const { return b_col_ + other_; }
   // To the other pair.
   __device__ void Turn() { other_ = kTile / 4 - other_; }
 
  private:
-  T* a_to_;
-  T* b_to_;
-  const Four<T>* a_row_;
-  const Four<T>* b_col_;
-  int other_ = 0;  // or how many Fours a tile is wide
+  uint32_t* a_to_;
+  uint32_t* b_to_;
+  const FourWords* a_row_;
+  const FourWords* b_col_;
+  int other_ = 0;  // or how many FourWords a tile is wide
 };
 
 // The factors of a product. Outside of them there are zeros.
@@ -131,7 +136,7 @@ class ByteTileReader {
     return check.holds();
   }
 
-  // The next tile; or, where there is none, the last one again.
+  // The tile at hand.
   __device__ void Read() {
     const T* const a_from = factors_.a + a_at_;
     BITFOLD_UNROLL_ALL
@@ -140,6 +145,7 @@ class ByteTileReader {
       b[i] = factors_.b[b_at_ + i * kTile * factors_.b_cols];
     }
   }
+  // To the next one.
   __device__ void Step() {
     a_at_ += uint32_t{4 * kTile};
     b_at_ += uint32_t{4 * kTile} * factors_.b_cols;

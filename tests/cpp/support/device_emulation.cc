@@ -146,6 +146,7 @@ class BlockOfThreads {
   }
 
   bool WaitForAll(bool holds) {
+    is_vote_ = true;
     all_hold_ &= holds;
     Wait();
     return all_held_;
@@ -182,7 +183,7 @@ class BlockOfThreads {
       RequireAllAtBarrier();
       ready_.assign(waiting_.rbegin(), waiting_.rend());
       waiting_.clear();
-      all_held_ = std::exchange(all_hold_, true);
+      EndVote();
     }
     Fibre* const fibre = ready_.back();
     ready_.pop_back();
@@ -210,6 +211,13 @@ class BlockOfThreads {
     threadIdx = dim3(i % size_.x, i / size_.x % size_.y, i / size_.x / size_.y);
   }
 
+  void EndVote() {
+    all_held_ = std::exchange(all_hold_, true);
+    if (!std::exchange(is_vote_, false)) return;
+    DeviceEmulation::Votes& votes = DeviceEmulation::Current().votes;
+    ++(all_held_ ? votes.held : votes.failed);
+  }
+
   void RequireAllAtBarrier() const {
     if (waiting_.size() == threads_) return;
     std::fprintf(stderr, "emulated device: %zu of %u threads of a block are at a barrier\n",
@@ -229,8 +237,10 @@ class BlockOfThreads {
   std::vector<Fibre*> idle_;
   std::vector<Fibre*> waiting_;  // in the order in which they came to the barrier
   std::vector<Fibre*> ready_;    // to go on from it, the first one last
-  bool all_hold_ = true;         // with what those that wait came
-  bool all_held_ = true;         // at the barrier before
+  // What those that wait came with, and what it was at the barrier before.
+  bool is_vote_ = false;
+  bool all_hold_ = true;
+  bool all_held_ = true;
 };
 
 DeviceEmulation* current = nullptr;

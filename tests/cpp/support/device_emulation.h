@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -95,6 +96,14 @@ class DeviceEmulation {
   DeviceEmulation& operator=(const DeviceEmulation&) = delete;
 
   const std::vector<EmulatedLaunch>& launches() const { return launches_; }
+
+  // Of the barriers at which blocks asked whether all threads come with a number other than 0: how
+  // many said that they do, and that they do not.
+  struct Votes {
+    int64_t held = 0;
+    int64_t failed = 0;
+  };
+  Votes votes;
 
   // Of the calling thread. Each device that was waited for is noted.
   int device = 0;
