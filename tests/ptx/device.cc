@@ -50,7 +50,7 @@ void EndWith(const char* what, uint64_t address) {
 }
 
 uint32_t Vprintf(uint64_t format, uint64_t arguments) {
-  const std::string text(reinterpret_cast<const char*>(format));
+  const std::string text(static_cast<const char*>(Global(format, 1)));
   uint32_t conversions = 0;
   for (size_t i = 0; i < text.size();) {
     const size_t sign = text.find('%', i);
