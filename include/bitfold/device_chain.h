@@ -7,7 +7,7 @@
 // bits of that definition.
 //
 // Each class has
-//   kMayBeBytes  whether it neither scales nor rounds to half precision
+//   kMayBeBytes  whether it neither scales nor rounds, as device_bytes.h requires
 //   State     an accumulator and what tells whether the steps since Enter were quiet
 //   Enter     the state of an accumulator
 //   Add       a step: adds the scaled product of a and b

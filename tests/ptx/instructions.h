@@ -147,8 +147,8 @@ Bits<T> Shr(Bits<T> a, uint32_t count) {
 // ---- Bytes
 // ---------------------------------------------------------------------------------------
 
-// The bytes of a and b, which are numbers 0 to 7, chosen by the lowest four digits of `which`. A digit
-// from 8 on takes the sign of the byte, eight times.
+// The bytes of a and b, which are numbers 0 to 7, chosen by the lowest four digits of `which`. A
+// digit from 8 on takes the sign of the byte, eight times.
 template <typename T>
 Bits<T> Prmt(Bits<T> a, Bits<T> b, uint32_t which) {
   static_assert(T::kWidth == 32);

@@ -62,7 +62,8 @@ Value<T> Load(const void* from) {
 
 inline void* Global(uint64_t address, uint64_t size) {
   if (address % size != 0) EndWith("an access that is not aligned", address);
-  return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr): registers hold numbers
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): registers hold numbers.
+  return reinterpret_cast<void*>(address);
 }
 
 template <typename T>

@@ -62,8 +62,9 @@ class _KernelWriter:
     def _statement(self, place: int, instruction: Instruction) -> str:
         form = instruction.form
         if form == "{":
-            # A block is a call's; its variables stand for the parameters.
-            return "{ uint64_t param0 = 0, param1 = 0; uint32_t retval0 = 0;"
+            # Of a call's block the variables stand for the parameters.
+            unused = "[[maybe_unused]]"
+            return f"{{ {unused} uint64_t param0 = 0, param1 = 0; {unused} uint32_t retval0 = 0;"
         if form == "}":
             return form
         if form.endswith(":"):
