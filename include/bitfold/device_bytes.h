@@ -47,6 +47,13 @@ BITFOLD_HOST_DEVICE inline uint32_t ToByte(float x, ByteCheck* check) {
   return bits;
 }
 
+template <typename T>
+BITFOLD_HOST_DEVICE bool IsByte(T x) {
+  ByteCheck check;
+  ToByte(x, &check);
+  return check.holds();
+}
+
 // Four numbers as a word.
 template <typename T>
 BITFOLD_HOST_DEVICE uint32_t PackBytes(const T (&x)[4], ByteCheck* check) {
@@ -82,6 +89,8 @@ class ByteSums {
  public:
   // After as many products of a chain it may be asked whether more can be added.
   static constexpr uint32_t kSteps = 64;
+  // Chains of fewer are as fast in other ways.
+  static constexpr uint32_t kFewestSteps = 2 * kSteps;
 
  protected:
   static constexpr uint32_t kMostProduct = uint32_t{1} << 14;
@@ -124,7 +133,7 @@ template <>
 class ByteChain<float> : public ByteSums {
  public:
   BITFOLD_HOST_DEVICE explicit ByteChain(const DeviceDatapath<float>& datapath)
-      : is_proven_(datapath.max() >= static_cast<float>(kMostProduct / 2 - 1)) {
+      : is_proven_(datapath.max() >= kMaxOf14Bits) {
     constexpr float kMaxOf24Bits = 8388607.0f;
     if (datapath.max() >= kMaxOf24Bits) {
       reach_ = 8388606 - kSteps * kMostProduct;
@@ -143,6 +152,8 @@ class ByteChain<float> : public ByteSums {
   BITFOLD_HOST_DEVICE float Leave(int32_t sum) const { return static_cast<float>(Reduced(sum)); }
 
  private:
+  static constexpr float kMaxOf14Bits = 8191.0f;
+
   bool is_proven_;
   uint32_t reach_ = 0;
   uint32_t most_ = UINT32_MAX;

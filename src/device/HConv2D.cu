@@ -110,7 +110,6 @@ __device__ __forceinline__ Begun<T> MultiplyByteTiles(const ByteChain<T>& chain,
                                                       uint32_t col, Tiles* shared) {
   const uint32_t tiles = factors.a_cols / ByteSums::kSteps;
   ByteTileReader<T> reader(factors, row, col);
-  if (!__syncthreads_and(reader.IsFirstByte())) return {0, T{0}};
   reader.Read();
   TilePlaces words(shared);
   int32_t sum = 0;
@@ -144,17 +143,20 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
   const Second second(datapath);
   const bool is_output = row < factors.a_rows && col < factors.b_cols;
   const int last = (static_cast<int>(factors.a_cols) - 1) / kTile;
+  TileReader<T> reader(factors, row, col, 0);
+  reader.Read();
   Begun<T> begin = {0, T{0}};
   if constexpr (First::kMayBeBytes) {
     const ByteChain<T> bytes(datapath);
-    if (bytes.IsProven() && factors.a_cols >= ByteSums::kSteps) {
+    if (bytes.IsProven() && factors.a_cols >= ByteSums::kFewestSteps &&
+        __syncthreads_and(IsByte(reader.a) && IsByte(reader.b))) {
       begin = MultiplyByteTiles(bytes, factors, row, col, shared);
       if (begin.steps == factors.a_cols) return begin.acc;
       __syncthreads();
+      reader = TileReader<T>(factors, row, col, begin.steps);
+      reader.Read();
     }
   }
-  TileReader<T> reader(factors, row, col, begin.steps);
-  reader.Read();
   T acc = begin.acc;
   TilePlaces tiles(shared);
   int failed = 0;
@@ -222,6 +224,29 @@ __device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datap
                                                                             col, tiles);
 }
 
+// What the kernel is given.
+template <typename T>
+struct ProductCall {
+  Factors<T> factors;
+  T* output;
+  DeviceDatapath<T> datapath;
+  const T* elementwise;
+};
+
+template <typename T>
+__device__ __forceinline__ void ComputeOutput(const ProductCall<T>& call, Tiles* tiles) {
+  const Factors<T>& factors = call.factors;
+  const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
+  const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
+  T acc = Multiply(call.datapath, factors, row, col, tiles);
+  if (row >= factors.a_rows || col >= factors.b_cols) return;
+  const uint32_t o = col * factors.a_rows + row;
+  if (call.elementwise != nullptr) acc = call.datapath.Accumulate(acc, call.elementwise[o]);
+  call.output[o] = acc;
+}
+
+__device__ __forceinline__ uint32_t Unsigned(int x) { return static_cast<uint32_t>(x); }
+
 }  // namespace
 
 // C[col][row] = the chain over A[row][k] * B[k][col], then elementwise[col][row] unless that is
@@ -231,16 +256,27 @@ __global__ void matrix_mul_opt_kernel(const T* A, int a_cols, int a_rows, const 
                                       int b_rows, T* C, const int8_t* mult_shift, bool use_fp16_acc,
                                       T acc_min, T acc_max, const T* elementwise) {
   __shared__ Tiles tiles;
-  const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
-  const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
-  const Factors<T> factors = {A, static_cast<uint32_t>(a_cols), static_cast<uint32_t>(a_rows),
-                              B, static_cast<uint32_t>(b_cols), static_cast<uint32_t>(b_rows)};
-  const DeviceDatapath<T> datapath(acc_min, acc_max, mult_shift[0], use_fp16_acc);
-  T acc = Multiply(datapath, factors, row, col, &tiles);
-  if (row >= factors.a_rows || col >= factors.b_cols) return;
-  const uint32_t o = col * factors.a_rows + row;
-  if (elementwise != nullptr) acc = datapath.Accumulate(acc, elementwise[o]);
-  C[o] = acc;
+  ComputeOutput<T>({{A, Unsigned(a_cols), Unsigned(a_rows), B, Unsigned(b_cols), Unsigned(b_rows)},
+                    C,
+                    {acc_min, acc_max, mult_shift[0], use_fp16_acc},
+                    elementwise},
+                   &tiles);
+}
+
+// With few enough registers that a multiprocessor has room for six blocks, whose threads
+// cover each other's reads. Floats would have to keep some of theirs in memory.
+template <>
+__global__ void __launch_bounds__(kTile* kTile, 6)
+    matrix_mul_opt_kernel(const int32_t* A, int a_cols, int a_rows, const int32_t* B, int b_cols,
+                          int b_rows, int32_t* C, const int8_t* mult_shift, bool use_fp16_acc,
+                          int32_t acc_min, int32_t acc_max, const int32_t* elementwise) {
+  __shared__ Tiles tiles;
+  ComputeOutput<int32_t>(
+      {{A, Unsigned(a_cols), Unsigned(a_rows), B, Unsigned(b_cols), Unsigned(b_rows)},
+       C,
+       {acc_min, acc_max, mult_shift[0], use_fp16_acc},
+       elementwise},
+      &tiles);
 }
 
 template <typename T>

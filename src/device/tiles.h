@@ -7,10 +7,10 @@
 #ifndef BITFOLD_SRC_DEVICE_TILES_H_
 #define BITFOLD_SRC_DEVICE_TILES_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
-#include "bitfold/device_bytes.h"
 #include "bitfold/float_bits.h"
 #include "device/device.h"
 
@@ -67,7 +67,7 @@ class TilePlaces {
   uint32_t* b_to_;
   const FourWords* a_row_;
   const FourWords* b_col_;
-  int other_ = 0;  // or how many FourWords a tile is wide
+  ptrdiff_t other_ = 0;  // or how many FourWords a tile is wide
 };
 
 // The factors of a product. Outside of them there are zeros.
@@ -87,7 +87,7 @@ class TileReader {
  public:
   // The first tile begins with `step`.
   __device__ TileReader(const Factors<T>& factors, uint32_t row, uint32_t col, uint32_t step)
-      : factors_(factors),
+      : factors_(&factors),
         a_end_(row < factors.a_rows ? factors.a_cols : 0),
         b_end_(col < factors.b_cols ? factors.b_rows : 0),
         a_col_(step + threadIdx.x),
@@ -96,19 +96,19 @@ class TileReader {
         b_at_(b_row_ * factors.b_cols + col) {}
 
   __device__ void Read() {
-    a = a_col_ < a_end_ ? factors_.a[a_at_] : T{0};
-    b = b_row_ < b_end_ ? factors_.b[b_at_] : T{0};
+    a = a_col_ < a_end_ ? factors_->a[a_at_] : T{0};
+    b = b_row_ < b_end_ ? factors_->b[b_at_] : T{0};
     a_col_ += uint32_t{kTile};
     a_at_ += uint32_t{kTile};
     b_row_ += uint32_t{kTile};
-    b_at_ += uint32_t{kTile} * factors_.b_cols;
+    b_at_ += uint32_t{kTile} * factors_->b_cols;
   }
 
   T a{0};
   T b{0};
 
  private:
-  const Factors<T>& factors_;
+  const Factors<T>* factors_;
   uint32_t a_end_;  // 0 for a row that there is not
   uint32_t b_end_;
   uint32_t a_col_;
@@ -124,31 +124,24 @@ template <typename T>
 class ByteTileReader {
  public:
   __device__ ByteTileReader(const Factors<T>& factors, uint32_t row, uint32_t col)
-      : factors_(factors),
+      : factors_(&factors),
         a_at_(AtMost(row, factors.a_rows - 1) * factors.a_cols + threadIdx.x),
         b_at_(threadIdx.y * factors.b_cols + AtMost(col, factors.b_cols - 1)) {}
 
-  // Whether the first two numbers that it will read are bytes.
-  __device__ bool IsFirstByte() const {
-    ByteCheck check;
-    ToByte(factors_.a[a_at_], &check);
-    ToByte(factors_.b[b_at_], &check);
-    return check.holds();
-  }
-
   // The tile at hand.
   __device__ void Read() {
-    const T* const a_from = factors_.a + a_at_;
+    const T* const a_from = factors_->a + a_at_;
+    const uint32_t step = uint32_t{kTile} * factors_->b_cols;
     BITFOLD_UNROLL_ALL
     for (uint32_t i = 0; i < 4; ++i) {
-      a[i] = a_from[i * kTile];
-      b[i] = factors_.b[b_at_ + i * kTile * factors_.b_cols];
+      a[i] = a_from[size_t{i} * kTile];
+      b[i] = factors_->b[b_at_ + i * step];
     }
   }
   // To the next one.
   __device__ void Step() {
     a_at_ += uint32_t{4 * kTile};
-    b_at_ += uint32_t{4 * kTile} * factors_.b_cols;
+    b_at_ += uint32_t{4 * kTile} * factors_->b_cols;
   }
 
   T a[4];
@@ -157,7 +150,7 @@ class ByteTileReader {
  private:
   __device__ static uint32_t AtMost(uint32_t x, uint32_t most) { return x < most ? x : most; }
 
-  const Factors<T>& factors_;
+  const Factors<T>* factors_;
   uint32_t a_at_;
   uint32_t b_at_;
 };

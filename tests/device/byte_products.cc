@@ -135,7 +135,7 @@ void CompareLargeSums(bool is_quick, Report* report) {
          is_quick ? std::vector<int>{448, 576} : std::vector<int>{448, 449, 511, 512, 513, 832}) {
       for (const int turn : {0, 448, 512, steps}) {
         ConvolutionInputs<T> inputs{Steps(steps, 2, 2), {}, {}, {}};
-        inputs.input.assign(static_cast<size_t>(2 * steps), T{-128});
+        inputs.input.assign(2 * static_cast<size_t>(steps), T{-128});
         for (int i = 0; i < 2 * steps; ++i) {
           inputs.filter.push_back(i / 2 < turn ? (i % 2 == 0 ? T{-128} : T{127}) : T{1});
         }
@@ -150,9 +150,9 @@ void CompareLargeSums(bool is_quick, Report* report) {
 template <typename T>
 void CompareImages(bool is_quick, Report* report) {
   Random random(12);
-  const std::vector<ConvolutionShape> shapes = {{3, 4, 5, 8, 3, 3, 5, 1, 1, 1, 1, kSame},
+  const std::vector<ConvolutionShape> shapes = {{3, 4, 5, 16, 3, 3, 5, 1, 1, 1, 1, kSame},
                                                 {2, 5, 6, 24, 2, 3, 17, 2, 1, 1, 1, kSame},
-                                                {2, 7, 6, 8, 3, 3, 3, 1, 1, 2, 2, kSame},
+                                                {2, 7, 6, 16, 3, 3, 3, 1, 1, 2, 2, kSame},
                                                 {2, 8, 9, 16, 3, 3, 33, 1, 1, 1, 1, kValid}};
   for (const ConvolutionShape& shape : shapes) {
     for (const int width : {14, 16, 24, 32}) {

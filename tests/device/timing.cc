@@ -126,8 +126,8 @@ void MeasureConvolution() {
 
 // So many output channels that the product takes nearly all of the time.
 constexpr ConvolutionShape kProductShape = {1, 56, 56, 64, 3, 3, 256, 1, 1, 1, 1, Padding::kSame};
-// Chains of 64 steps, the shortest of which four products may be summed at once.
-constexpr ConvolutionShape kShortShape = {1, 56, 56, 64, 1, 1, 256, 1, 1, 1, 1, Padding::kSame};
+// Chains of 128 steps, the shortest of which four products may be summed at once.
+constexpr ConvolutionShape kShortShape = {1, 56, 56, 128, 1, 1, 256, 1, 1, 1, 1, Padding::kSame};
 
 // Largest magnitudes of inputs, which are bytes or, most of them, not.
 constexpr int kBytes = 20;

@@ -20,7 +20,10 @@ _ENTRY = re.compile(r"\.visible \.entry (?P<name>\w+)\((?P<parameters>[^)]*)\)")
 _PARAMETER = re.compile(r"\.param \.\w+ (\w+)")
 _REGISTERS = re.compile(r"\.reg \.(\w+) (%\w+)(?:<(\d+)>)?")
 _CALL = re.compile(r"call\.uni \(retval0\), vprintf, \( param0, param1 \)")
-_DIRECTIVE = re.compile(r"\.(version|target|address_size) [\w.]+")
+# Among them how many registers a kernel should leave to others.
+_DIRECTIVE = re.compile(
+    r"\.(version|target|address_size|minnctapersm) [\w.]+|\.maxntid \d+, \d+, \d+"
+)
 _IGNORED = re.compile(
     r'\.pragma "nounroll"|'
     r"\.extern \.func \(\.param \.b32 func_retval0\) vprintf "

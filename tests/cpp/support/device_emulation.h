@@ -23,6 +23,7 @@
 #define __device__
 #define __host__
 #define __forceinline__ inline
+#define __launch_bounds__(threads, blocks)
 // One storage for all blocks, since they run in turn: a block finds what the one before left.
 #define __shared__ static
 // NOLINTEND(bugprone-reserved-identifier)
