@@ -114,14 +114,19 @@ void CompareIntruders(bool is_quick, Report* report) {
   Random random(11);
   constexpr int kSteps = 208;
   for (const T intruder : Intruders<T>()) {
-    for (const int step : {0, 15, 16, 63, 64, 127, 128, 191, 192, 207}) {
+    for (const int step : {0, 15, 16, 40, 63, 64, 100, 127, 128, 191, 192, 207}) {
       if (is_quick && random.Between(0, 3) != 0) continue;
       auto inputs = DrawByteConvolution<T>(&random, Steps(kSteps, 18, 3), false);
       std::vector<T>& values = random.Flag() ? inputs.input : inputs.filter;
       // A row of the filter, [steps][channels], or of the image, [positions][steps].
       const bool is_input = &values == &inputs.input;
       const int other = random.Between(0, is_input ? 17 : 2);
-      values[static_cast<size_t>(is_input ? other * kSteps + step : step * 3 + other)] = intruder;
+      const auto place = [&](int s) -> T& {
+        return values[static_cast<size_t>(is_input ? other * kSteps + s : s * 3 + other)];
+      };
+      place(step) = intruder;
+      // Two that are equal, which one thread brings.
+      if (random.Flag() && step + 16 < kSteps) place(step + 16) = intruder;
       CompareBoth(inputs, {random.Pick<int>({14, 22, 23, 24, 32}), 0, false}, report);
     }
   }
