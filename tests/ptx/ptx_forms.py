@@ -53,8 +53,8 @@ STORES = _forms("st.global", "f32 u32") | _forms("st.local", "f64 v2.u32")
 STORES |= _forms("st.shared", "f32 u32")
 VECTOR_LOADS = _forms("ld.shared.v4", "f32 u32")
 OTHERS = {
-    "bar.sync", "bar.red.and.pred", "bar.red.or.pred", "bra", "bra.uni", "ret", "call.uni vprintf", "st.param.b64",
-    "cvta.global.u64", "cvta.to.global.u64", "cvta.local.u64",
+    "bar.sync", "bar.red.and.pred", "bar.red.or.pred", "bra", "bra.uni", "ret",
+    "call.uni vprintf", "st.param.b64", "cvta.global.u64", "cvta.to.global.u64", "cvta.local.u64",
 }  # fmt: skip
 KNOWN = VALUES | LOADS | STORES | VECTOR_LOADS | OTHERS
 
