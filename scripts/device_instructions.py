@@ -29,6 +29,7 @@ from typing import NamedTuple
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 LIBRARY = ROOT / "build" / "package" / "src" / "libbitfold.so"
 KERNEL = "matrix_mul_opt_kernel"
+DOT_PRODUCT = "IDP.4A.S8.S8"
 TYPES = {"f": "float", "i": "int32"}
 
 INSTRUCTION = re.compile(r"^\s+/\*([0-9a-f]+)\*/\s+(.*?)\s*;", re.MULTILINE)
@@ -101,6 +102,8 @@ def arithmetic(operations: collections.Counter[str], text: str, kind: str, produ
     """Say what a loop computes, by instructions that only such a loop has."""
     if products == 1:
         return "step by step"
+    if DOT_PRODUCT in operations:
+        return "bytes"
     if kind == "i":
         shifts = sum(n for name, n in operations.items() if name.startswith("SHF.R"))
         return "shift" if shifts >= products else "no scaling"
@@ -129,8 +132,10 @@ def loops(code: list[Instruction], kind: str) -> list[Loop]:
         if not way:
             continue
         operations = collections.Counter(code[place].operation for place in way)
-        # A product takes a word of each factor.
+        # A product takes a word of each factor; of bytes, a word has four.
         products = sum(code[place].words for place in way) // 2
+        if DOT_PRODUCT in operations:
+            products *= 4
         text = "\n".join(code[place].text for place in way)
         name = arithmetic(operations, text, kind, products)
         found[frozenset(way)] = Loop(name, len(way), products)

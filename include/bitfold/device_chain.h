@@ -7,6 +7,7 @@
 // bits of that definition.
 //
 // Each class has
+//   kMayBeBytes  whether it neither scales nor rounds, as device_bytes.h requires
 //   State     an accumulator and what tells whether the steps since Enter were quiet
 //   Enter     the state of an accumulator
 //   Add       a step: adds the scaled product of a and b
@@ -82,6 +83,7 @@ BITFOLD_HOST_DEVICE inline float RoundToWhole(float x) { return (x + 12582912.0f
 template <typename Division>
 class QuietFloatChain {
  public:
+  static constexpr bool kMayBeBytes = !Division::kDivides;
   struct State {
     float acc;
     float largest_addend = 0.0f;
@@ -125,6 +127,7 @@ class QuietFloatChain {
 template <typename Division>
 class QuietHalfChain {
  public:
+  static constexpr bool kMayBeBytes = false;
   struct State {
     float acc;
     float largest = 0.0f;
@@ -170,6 +173,7 @@ class QuietHalfChain {
 template <bool kShifts>
 class IntegerChain {
  public:
+  static constexpr bool kMayBeBytes = !kShifts;
   struct State {
     int32_t acc;
     uint32_t largest;

@@ -6,19 +6,15 @@
 
 #include <type_traits>
 
+#include "bitfold/device_bytes.h"
 #include "bitfold/device_chain.h"
 #include "bitfold/device_convolution.h"
 #include "bitfold/device_datapath.h"
 #include "device/device.h"
 #include "device/launchers.h"
+#include "device/tiles.h"
 
 namespace bitfold {
-
-namespace {
-
-constexpr int kTile = 16;
-
-}  // namespace
 
 // rows[oc][kh][ic][kw] = filter[kh][kw][ic][oc]: a row has its taps in the accelerator's order.
 template <typename T>
@@ -65,77 +61,17 @@ namespace {
 template <bool kHalf, typename Division>
 using FloatChain = std::conditional_t<kHalf, QuietHalfChain<Division>, QuietFloatChain<Division>>;
 
-// What a thread reads of a tile at once.
-template <typename T>
-struct alignas(16) Four {
-  T of[4];
-};
-
-// A tile of each factor. Columns lie such that the threads which read at once, one column each, do
-// not wait for each other.
-template <typename T>
-struct Tiles {
-  Four<T> a_row[kTile][kTile / 4];
-  Four<T> b_col[kTile][kTile / 4 + 1];
-};
-
-// The factors of a product. Outside of them there are zeros.
-template <typename T>
-struct Factors {
-  const T* a;
-  uint32_t a_cols;
-  uint32_t a_rows;
-  const T* b;
-  uint32_t b_cols;
-  uint32_t b_rows;
-};
-
-// What one thread brings into the tiles, one pair after the other.
-template <typename T>
-class TileReader {
- public:
-  __device__ TileReader(const Factors<T>& factors, uint32_t row, uint32_t col)
-      : factors_(factors),
-        has_row_(row < factors.a_rows),
-        has_col_(col < factors.b_cols),
-        a_col_(threadIdx.x),
-        b_row_(threadIdx.y),
-        a_at_(row * factors.a_cols + threadIdx.x),
-        b_at_(threadIdx.y * factors.b_cols + col) {}
-
-  __device__ void Read() {
-    a = has_row_ && a_col_ < factors_.a_cols ? factors_.a[a_at_] : T{0};
-    b = has_col_ && b_row_ < factors_.b_rows ? factors_.b[b_at_] : T{0};
-    a_col_ += uint32_t{kTile};
-    a_at_ += uint32_t{kTile};
-    b_row_ += uint32_t{kTile};
-    b_at_ += uint32_t{kTile} * factors_.b_cols;
-  }
-
-  T a{0};
-  T b{0};
-
- private:
-  const Factors<T>& factors_;
-  bool has_row_;
-  bool has_col_;
-  uint32_t a_col_;
-  uint32_t b_row_;
-  uint32_t a_at_;
-  uint32_t b_at_;
-};
-
 // Adds the products of one tile to *acc, unless they are not quiet in the sense of the chain.
 template <typename T, typename Chain>
-__device__ __forceinline__ bool AddQuietTile(const Chain& chain, const Four<T>* a_row,
-                                             const Four<T>* b_col, T* acc) {
+__device__ __forceinline__ bool AddQuietTile(const Chain& chain, const FourWords* a_row,
+                                             const FourWords* b_col, T* acc) {
   typename Chain::State state = chain.Enter(*acc);
   BITFOLD_UNROLL_ALL
   for (int j = 0; j < kTile / 4; ++j) {
-    const Four<T> a = a_row[j];
-    const Four<T> b = b_col[j];
+    const FourWords a = a_row[j];
+    const FourWords b = b_col[j];
     BITFOLD_UNROLL_ALL
-    for (int i = 0; i < 4; ++i) chain.Add(a.of[i], b.of[i], &state);
+    for (int i = 0; i < 4; ++i) chain.Add(NumberOf<T>(a, i), NumberOf<T>(b, i), &state);
   }
   if (!chain.IsQuiet(state)) return false;
   *acc = chain.Leave(state);
@@ -144,18 +80,56 @@ __device__ __forceinline__ bool AddQuietTile(const Chain& chain, const Four<T>* 
 
 // As defined, step by step.
 template <typename T>
-__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Four<T>* a_row,
-                                     const Four<T>* b_col, T acc) {
+__device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const FourWords* a_row,
+                                     const FourWords* b_col, T acc) {
   BITFOLD_KEEP_ROLLED
   for (int j = 0; j < kTile / 4; ++j) {
-    const Four<T> a = a_row[j];
-    const Four<T> b = b_col[j];
+    const FourWords a = a_row[j];
+    const FourWords b = b_col[j];
     BITFOLD_UNROLL_ALL
     for (int i = 0; i < 4; ++i) {
-      acc = datapath.Accumulate(acc, datapath.Product(a.of[i], b.of[i]));
+      acc = datapath.Accumulate(acc, datapath.Product(NumberOf<T>(a, i), NumberOf<T>(b, i)));
     }
   }
   return acc;
+}
+
+// How many steps of a chain were made, and what the accumulator is then.
+template <typename T>
+struct Begun {
+  uint32_t steps;
+  T acc;
+};
+
+// The chain of the thread's output while all factors are bytes, in tiles of 64 steps. The threads
+// of the block bring them, see whether they are bytes, and stop together; a look at the first
+// numbers spares most of what others are the tile. After the last tile threads may still read it.
+template <typename T>
+__device__ __forceinline__ Begun<T> MultiplyByteTiles(const ByteChain<T>& chain,
+                                                      const Factors<T>& factors, uint32_t row,
+                                                      uint32_t col, Tiles* shared) {
+  const uint32_t tiles = factors.a_cols / ByteSums::kSteps;
+  ByteTileReader<T> reader(factors, row, col);
+  reader.Read();
+  TilePlaces words(shared);
+  int32_t sum = 0;
+  uint32_t t = 0;
+  for (; t < tiles; ++t) {
+    ByteCheck check;
+    words.Write(PackBytes(reader.a, &check), PackBytes(reader.b, &check));
+    if (!__syncthreads_and(check.holds() && chain.MayAddMore(sum))) break;
+    if (t + 1 < tiles) reader.Step();
+    reader.Read();
+    BITFOLD_UNROLL_ALL
+    for (int j = 0; j < kTile / 4; ++j) {
+      const FourWords a = words.a_row()[j];
+      const FourWords b = words.b_col()[j];
+      BITFOLD_UNROLL_ALL
+      for (int i = 0; i < 4; ++i) sum = AddByteProducts(a.of[i], b.of[i], sum);
+    }
+    words.Turn();
+  }
+  return {t * ByteSums::kSteps, chain.Leave(sum)};
 }
 
 // The chain of the thread's output, if it has one; all threads of the block bring the tiles. While
@@ -164,26 +138,36 @@ __device__ __forceinline__ T AddTile(const DeviceDatapath<T>& datapath, const Fo
 template <typename First, typename Second, typename T>
 __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
                                            const Factors<T>& factors, uint32_t row, uint32_t col,
-                                           Tiles<T>* both) {
+                                           Tiles* shared) {
   const First first(datapath);
   const Second second(datapath);
-  const uint32_t tx = threadIdx.x;
-  const uint32_t ty = threadIdx.y;
   const bool is_output = row < factors.a_rows && col < factors.b_cols;
   const int last = (static_cast<int>(factors.a_cols) - 1) / kTile;
-  TileReader<T> reader(factors, row, col);
+  TileReader<T> reader(factors, row, col, 0);
   reader.Read();
-  T acc = T{0};
+  Begun<T> begin = {0, T{0}};
+  if constexpr (First::kMayBeBytes) {
+    const ByteChain<T> bytes(datapath);
+    if (bytes.IsProven() && factors.a_cols >= ByteSums::kFewestSteps &&
+        __syncthreads_and(IsByte(reader.a) && IsByte(reader.b))) {
+      begin = MultiplyByteTiles(bytes, factors, row, col, shared);
+      if (begin.steps == factors.a_cols) return begin.acc;
+      __syncthreads();
+      reader = TileReader<T>(factors, row, col, begin.steps);
+      reader.Read();
+    }
+  }
+  T acc = begin.acc;
+  TilePlaces tiles(shared);
   int failed = 0;
-  for (int t = 0; t <= last; ++t) {
-    Tiles<T>& tiles = both[t & 1];
-    tiles.a_row[ty][tx / 4].of[tx % 4] = reader.a;
-    tiles.b_col[tx][ty / 4].of[ty % 4] = reader.b;
+  for (int t = static_cast<int>(begin.steps) / kTile; t <= last; ++t) {
+    tiles.Write(WordOf(reader.a), WordOf(reader.b));
     __syncthreads();
     reader.Read();
+    const FourWords* const a_row = tiles.a_row();
+    const FourWords* const b_col = tiles.b_col();
+    tiles.Turn();
     if (!is_output) continue;
-    const Four<T>* const a_row = tiles.a_row[ty];
-    const Four<T>* const b_col = tiles.b_col[tx];
     if (failed == 0) {
       if (AddQuietTile(first, a_row, b_col, &acc)) continue;
       failed = std::is_same_v<First, Second> ? 2 : 1;
@@ -204,7 +188,7 @@ __device__ __forceinline__ T MultiplyTiles(const DeviceDatapath<T>& datapath,
 template <bool kHalf>
 __device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& datapath,
                                                 const Factors<float>& factors, uint32_t row,
-                                                uint32_t col, Tiles<float>* tiles) {
+                                                uint32_t col, Tiles* tiles) {
   const int32_t mult_shift = datapath.mult_shift();
   if (mult_shift == 0) {
     const DeviceDatapath<float> unscaled(datapath.min(), datapath.max(), 0, kHalf);
@@ -222,14 +206,14 @@ __device__ __forceinline__ float MultiplyFloats(const DeviceDatapath<float>& dat
 
 __device__ __forceinline__ float Multiply(const DeviceDatapath<float>& datapath,
                                           const Factors<float>& factors, uint32_t row, uint32_t col,
-                                          Tiles<float>* tiles) {
+                                          Tiles* tiles) {
   if (datapath.use_fp16_acc()) return MultiplyFloats<true>(datapath, factors, row, col, tiles);
   return MultiplyFloats<false>(datapath, factors, row, col, tiles);
 }
 
 __device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datapath,
                                             const Factors<int32_t>& factors, uint32_t row,
-                                            uint32_t col, Tiles<int32_t>* tiles) {
+                                            uint32_t col, Tiles* tiles) {
   const AccumulatorLimits<int32_t>& limits = datapath.limits();
   if (datapath.mult_shift() == 0) {
     const DeviceDatapath<int32_t> unscaled(limits.min, limits.max, 0, false);
@@ -240,6 +224,29 @@ __device__ __forceinline__ int32_t Multiply(const DeviceDatapath<int32_t>& datap
                                                                             col, tiles);
 }
 
+// What the kernel is given.
+template <typename T>
+struct ProductCall {
+  Factors<T> factors;
+  T* output;
+  DeviceDatapath<T> datapath;
+  const T* elementwise;
+};
+
+template <typename T>
+__device__ __forceinline__ void ComputeOutput(const ProductCall<T>& call, Tiles* tiles) {
+  const Factors<T>& factors = call.factors;
+  const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
+  const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
+  T acc = Multiply(call.datapath, factors, row, col, tiles);
+  if (row >= factors.a_rows || col >= factors.b_cols) return;
+  const uint32_t o = col * factors.a_rows + row;
+  if (call.elementwise != nullptr) acc = call.datapath.Accumulate(acc, call.elementwise[o]);
+  call.output[o] = acc;
+}
+
+__device__ __forceinline__ uint32_t Unsigned(int x) { return static_cast<uint32_t>(x); }
+
 }  // namespace
 
 // C[col][row] = the chain over A[row][k] * B[k][col], then elementwise[col][row] unless that is
@@ -248,17 +255,28 @@ template <typename T>
 __global__ void matrix_mul_opt_kernel(const T* A, int a_cols, int a_rows, const T* B, int b_cols,
                                       int b_rows, T* C, const int8_t* mult_shift, bool use_fp16_acc,
                                       T acc_min, T acc_max, const T* elementwise) {
-  __shared__ Tiles<T> tiles[2];
-  const uint32_t row = blockIdx.y * blockDim.y + threadIdx.y;
-  const uint32_t col = blockIdx.x * blockDim.x + threadIdx.x;
-  const Factors<T> factors = {A, static_cast<uint32_t>(a_cols), static_cast<uint32_t>(a_rows),
-                              B, static_cast<uint32_t>(b_cols), static_cast<uint32_t>(b_rows)};
-  const DeviceDatapath<T> datapath(acc_min, acc_max, mult_shift[0], use_fp16_acc);
-  T acc = Multiply(datapath, factors, row, col, tiles);
-  if (row >= factors.a_rows || col >= factors.b_cols) return;
-  const uint32_t o = col * factors.a_rows + row;
-  if (elementwise != nullptr) acc = datapath.Accumulate(acc, elementwise[o]);
-  C[o] = acc;
+  __shared__ Tiles tiles;
+  ComputeOutput<T>({{A, Unsigned(a_cols), Unsigned(a_rows), B, Unsigned(b_cols), Unsigned(b_rows)},
+                    C,
+                    {acc_min, acc_max, mult_shift[0], use_fp16_acc},
+                    elementwise},
+                   &tiles);
+}
+
+// With few enough registers that a multiprocessor has room for six blocks, whose threads
+// cover each other's reads. Floats would have to keep some of theirs in memory.
+template <>
+__global__ void __launch_bounds__(kTile* kTile, 6)
+    matrix_mul_opt_kernel(const int32_t* A, int a_cols, int a_rows, const int32_t* B, int b_cols,
+                          int b_rows, int32_t* C, const int8_t* mult_shift, bool use_fp16_acc,
+                          int32_t acc_min, int32_t acc_max, const int32_t* elementwise) {
+  __shared__ Tiles tiles;
+  ComputeOutput<int32_t>(
+      {{A, Unsigned(a_cols), Unsigned(a_rows), B, Unsigned(b_cols), Unsigned(b_rows)},
+       C,
+       {acc_min, acc_max, mult_shift[0], use_fp16_acc},
+       elementwise},
+      &tiles);
 }
 
 template <typename T>

@@ -45,6 +45,7 @@ int main(int argc, char** argv) {
   program::Report report;
   program::CompareAdditions(is_quick, &report);
   program::CompareConvolutions(is_quick, &report);
+  program::CompareByteProducts(is_quick, &report);
   program::ComparePrintedLines(&report);
   program::CheckFailedLaunch(argv[0], &report);
   if (!is_quick) program::MeasureTimes();

@@ -15,6 +15,7 @@ namespace bitfold::device_test {
 
 void CompareAdditions(bool is_quick, Report* report);
 void CompareConvolutions(bool is_quick, Report* report);
+void CompareByteProducts(bool is_quick, Report* report);
 void ComparePrintedLines(Report* report);
 
 // `program` is this one's path: a launch that fails ends the process, so it takes another.

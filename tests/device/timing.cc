@@ -41,12 +41,12 @@ double MedianMilliseconds(const std::function<void()>& work) {
   return samples[kSamples / 2];
 }
 
-// Whole numbers whose sums print nothing.
+// Whole numbers whose sums print nothing. Those up to 127 are bytes.
 template <typename T>
-std::vector<T> QuietValues(size_t count) {
+std::vector<T> QuietValues(size_t count, int largest = 20) {
   Random random(8);
   std::vector<T> values(count);
-  for (T& value : values) value = static_cast<T>(random.Between(-20, 20));
+  for (T& value : values) value = static_cast<T>(random.Between(-largest, largest));
   return values;
 }
 
@@ -126,6 +126,12 @@ void MeasureConvolution() {
 
 // So many output channels that the product takes nearly all of the time.
 constexpr ConvolutionShape kProductShape = {1, 56, 56, 64, 3, 3, 256, 1, 1, 1, 1, Padding::kSame};
+// Chains of 128 steps, the shortest of which four products may be summed at once.
+constexpr ConvolutionShape kShortShape = {1, 56, 56, 128, 1, 1, 256, 1, 1, 1, 1, Padding::kSame};
+
+// Largest magnitudes of inputs, which are bytes or, most of them, not.
+constexpr int kBytes = 20;
+constexpr int kBeyondBytes = 1000;
 
 struct ProductCase {
   const char* name;
@@ -133,24 +139,27 @@ struct ProductCase {
 };
 
 // Sums of some thousands: those of 12 bits wrap.
-constexpr ProductCase kProductCases[] = {{"no scaling", {24, 0, false}},
-                                         {"mult_shift 4", {24, 4, false}},
-                                         {"mult_shift 5", {24, 5, false}},
-                                         {"12 bits", {12, 0, false}},
-                                         {"half precision", {24, 0, true}},
-                                         {"half precision, mult_shift 4", {24, 4, true}},
-                                         {"half precision, mult_shift 5", {24, 5, true}}};
+const std::vector<ProductCase> kProductCases = {{"no scaling", {24, 0, false}},
+                                                {"mult_shift 4", {24, 4, false}},
+                                                {"mult_shift 5", {24, 5, false}},
+                                                {"12 bits", {12, 0, false}},
+                                                {"half precision", {24, 0, true}},
+                                                {"half precision, mult_shift 4", {24, 4, true}},
+                                                {"half precision, mult_shift 5", {24, 5, true}}};
+const std::vector<ProductCase> kByteCases = {{"bytes", {24, 0, false}},
+                                             {"bytes, 16 bits", {16, 0, false}}};
 
+// Of inputs up to a magnitude and small weights.
 template <typename T>
-void MeasureProducts() {
-  ConvolutionInputs<T> inputs{kProductShape, {}, {}, {}};
-  const ConvolutionShape& s = inputs.shape;
+void MeasureProducts(const ConvolutionShape& s, int largest,
+                     const std::vector<ProductCase>& cases) {
+  ConvolutionInputs<T> inputs{s, {}, {}, {}};
   const size_t window = static_cast<size_t>(s.fh) * s.fw * s.in_c;
-  inputs.input = QuietValues<T>(static_cast<size_t>(s.in_h) * s.in_w * s.in_c);
+  inputs.input = QuietValues<T>(static_cast<size_t>(s.in_h) * s.in_w * s.in_c, largest);
   inputs.filter = QuietValues<T>(window * s.out_c);
   const double products = static_cast<double>(inputs.outputs()) * static_cast<double>(window);
   ConvolutionOnDevice<T> device(inputs);
-  for (const ProductCase& c : kProductCases) {
+  for (const ProductCase& c : cases) {
     // Integers have no half precision.
     if (std::is_same_v<T, int32_t> && c.attributes.use_fp16_acc) continue;
     device.Prepare(c.attributes);
@@ -181,12 +190,15 @@ void MeasureTimes() {
   MeasureConvolution<float>();
   MeasureConvolution<int32_t>();
 
-  const ConvolutionShape& p = kProductShape;
-  std::printf("\n%dx%dx%dx%d to %d, %dx%d; billions of multiply-adds a second\n", p.batch, p.in_h,
-              p.in_w, p.in_c, p.out_c, p.fh, p.fw);
-  std::printf("%-30s %-6s %10s %10s\n", "arithmetic", "type", "ms", "device");
-  MeasureProducts<float>();
-  MeasureProducts<int32_t>();
+  for (const ConvolutionShape& p : {kProductShape, kShortShape}) {
+    std::printf("\n%dx%dx%dx%d to %d, %dx%d; billions of multiply-adds a second\n", p.batch, p.in_h,
+                p.in_w, p.in_c, p.out_c, p.fh, p.fw);
+    std::printf("%-30s %-6s %10s %10s\n", "arithmetic", "type", "ms", "device");
+    MeasureProducts<float>(p, kBeyondBytes, kProductCases);
+    MeasureProducts<float>(p, kBytes, kByteCases);
+    MeasureProducts<int32_t>(p, kBeyondBytes, kProductCases);
+    MeasureProducts<int32_t>(p, kBytes, kByteCases);
+  }
   std::printf("\n");
 }
 

@@ -19,6 +19,7 @@ namespace {
 
 bool is_reversed = false;
 int64_t launches = 0;
+Votes votes;
 
 dim3 Dim3(Size3 size) { return {size.x, size.y, size.z}; }
 
@@ -50,7 +51,7 @@ void EndWith(const char* what, uint64_t address) {
 }
 
 uint32_t Vprintf(uint64_t format, uint64_t arguments) {
-  const std::string text(reinterpret_cast<const char*>(format));
+  const std::string text(static_cast<const char*>(Global(format, 1)));
   uint32_t conversions = 0;
   for (size_t i = 0; i < text.size();) {
     const size_t sign = text.find('%', i);
@@ -100,10 +101,14 @@ int Launch(const Module& module, const Kernel& kernel, Size3 grid, Size3 block,
   testing::DeviceEmulation emulation(options);
   emulation.Launch({kernel.symbol, Dim3(grid), Dim3(block), stream},
                    [&] { kernel.run(arguments, shared); });
+  votes.held += emulation.votes.held;
+  votes.failed += emulation.votes.failed;
   return emulation.last_error();
 }
 
 int64_t LaunchCount() { return launches; }
+
+Votes VoteCounts() { return votes; }
 
 void ReverseOrder() { is_reversed = true; }
 

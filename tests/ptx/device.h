@@ -54,6 +54,14 @@ int Launch(const Module& module, const Kernel& kernel, Size3 grid, Size3 block,
 // Launches so far.
 int64_t LaunchCount();
 
+// Of the barriers at which blocks asked whether something holds for all threads: how many said that
+// it does, and that it does not.
+struct Votes {
+  int64_t held = 0;
+  int64_t failed = 0;
+};
+Votes VoteCounts();
+
 // From now on blocks and threads run from the last to the first, and grids of one dimension have
 // one block, whose threads step to what the others had. No result may depend on it.
 void ReverseOrder();

@@ -144,6 +144,39 @@ Bits<T> Shr(Bits<T> a, uint32_t count) {
   return static_cast<Bits<T>>((a >> count) | Shl<T>(filled, kWidth - count));
 }
 
+// ---- Bytes
+// ---------------------------------------------------------------------------------------
+
+// The bytes of a and b, which are numbers 0 to 7, chosen by the lowest four digits of `which`. A
+// digit from 8 on takes the sign of the byte, eight times.
+template <typename T>
+Bits<T> Prmt(Bits<T> a, Bits<T> b, uint32_t which) {
+  static_assert(T::kWidth == 32);
+  const uint64_t both = uint64_t{b} << 32 | a;
+  uint32_t chosen = 0;
+  for (unsigned i = 0; i < 4; ++i) {
+    const uint32_t digit = which >> 4 * i & 15;
+    uint32_t byte = static_cast<uint32_t>(both >> 8 * (digit & 7)) & 0xff;
+    if (digit >= 8) byte = byte >= 0x80 ? 0xff : 0;
+    chosen |= byte << 8 * i;
+  }
+  return chosen;
+}
+
+// Byte i of a word, as the type of the whole word has it: with a sign or without.
+template <typename T>
+int32_t ByteOf(Bits<T> word, unsigned i) {
+  const auto byte = static_cast<uint8_t>(word >> 8 * i);
+  return std::is_signed_v<Value<T>> ? static_cast<int8_t>(byte) : byte;
+}
+
+// c and four products of bytes, modulo 2^32.
+template <typename A, typename B>
+uint32_t Dp4a(Bits<A> a, Bits<B> b, uint32_t c) {
+  for (unsigned i = 0; i < 4; ++i) c += static_cast<uint32_t>(ByteOf<A>(a, i) * ByteOf<B>(b, i));
+  return c;
+}
+
 // ---- Selection and comparison
 // --------------------------------------------------------------------
 

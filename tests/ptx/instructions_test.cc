@@ -136,12 +136,25 @@ void CheckIntegers() {
   Expect(Into<uint32_t>(CvtRn<F32, U32>(0xffffffff)), 0x4f800000, "4294967295 to a float");
 }
 
+void CheckBytes() {
+  Expect(Prmt<B32>(0x33221100, 0x77665544, 0x5410), 0x55441100, "prmt 0x5410");
+  Expect(Prmt<B32>(0x33221100, 0x77665544, 0x0726), 0x00772266, "prmt 0x0726");
+  Expect(Prmt<B32>(0x80ff7f00, 0, 0xba98), 0xffff0000, "prmt of signs");
+  Expect(Prmt<B32>(0x33221100, 0x77665544, 0xffff3210), 0x33221100, "prmt, other digits");
+  Expect(Dp4a<S32, S32>(0x80808080, 0x80808080, 5), 65541, "dp4a.s32.s32");
+  Expect(Dp4a<S32, S32>(0x04ff0201, 0xff030201, 0), 0xfffffffe, "1 + 4 - 3 - 4");
+  Expect(Dp4a<S32, U32>(0xff000000, 0xff000000, 0), 0xffffff01, "-1 times 255");
+  Expect(Dp4a<U32, S32>(0xff000000, 0xff000000, 0), 0xffffff01, "255 times -1");
+  Expect(Dp4a<S32, S32>(1, 1, 0x7fffffff), 0x80000000, "a sum that wraps");
+}
+
 }  // namespace
 
 int main() {
   CompareDirections();
   CheckLiterals();
   CheckIntegers();
+  CheckBytes();
   std::printf("%d failures\n", failures);
   return failures == 0 ? 0 : 1;
 }

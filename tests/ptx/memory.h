@@ -62,6 +62,7 @@ Value<T> Load(const void* from) {
 
 inline void* Global(uint64_t address, uint64_t size) {
   if (address % size != 0) EndWith("an access that is not aligned", address);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): registers hold numbers.
   return reinterpret_cast<void*>(address);
 }
 

@@ -73,6 +73,7 @@ std::vector<std::string> Fields(const std::string& line) {
     if (is_reversed) ptx::ReverseOrder();
     device_test::CompareAdditions(true, &report);
     device_test::CompareConvolutions(true, &report);
+    device_test::CompareByteProducts(true, &report);
     device_test::ComparePrintedLines(&report);
   }
   std::_Exit(0);

@@ -62,8 +62,9 @@ class _KernelWriter:
     def _statement(self, place: int, instruction: Instruction) -> str:
         form = instruction.form
         if form == "{":
-            # A block is a call's; its variables stand for the parameters.
-            return "{ uint64_t param0 = 0, param1 = 0; uint32_t retval0 = 0;"
+            # Of a call's block the variables stand for the parameters.
+            unused = "[[maybe_unused]]"
+            return f"{{ {unused} uint64_t param0 = 0, param1 = 0; {unused} uint32_t retval0 = 0;"
         if form == "}":
             return form
         if form.endswith(":"):
@@ -77,9 +78,16 @@ class _KernelWriter:
             return self._value(instruction, defects)
         statement = self._effect(instruction)
         for number, altered in defects:
-            other = self._effect(altered) if altered else ";"
+            other = self._altered(altered)
             statement = f"if (IsPlanted({number})) {{ {other} }} else {{ {statement} }}"
         return statement
+
+    def _altered(self, instruction: Instruction | None) -> str:
+        if instruction is None:
+            return ";"
+        if instruction.form in ptx_forms.VALUES:
+            return self._value(instruction, ())
+        return self._effect(instruction)
 
     def _guarded(
         self, instruction: Instruction, defects: Sequence[tuple[int, Instruction | None]]
@@ -129,6 +137,12 @@ class _KernelWriter:
             return "return;"
         if form == "bar.sync" and given == ("0",):
             return "__syncthreads();"
+        if form in ("bar.red.and.pred", "bar.red.or.pred") and given[1] == "0":
+            target = self.operands.target(instruction, given[0], "pred")
+            value = self.operands.source(instruction, given[2], "pred")
+            # Some do if not all do not.
+            negated = "!" if ".or." in form else ""
+            return f"{target} = {negated}__syncthreads_and({negated}{value});"
         if form == "call.uni vprintf":
             return "retval0 = Vprintf(param0, param1);"
         if form == "st.param.b64" and given[0] in ("[param0+0]", "[param1+0]"):

@@ -145,6 +145,11 @@ def _of_kernel(kernel: Kernel) -> Iterator[Defect]:
             found += [("predicate", other) for other in _predicates(instruction)]
         if form == "bar.sync":
             found.append(("barrier", None))
+        if form == "bar.red.and.pred":
+            target, _, own = instruction.operands
+            alone = dataclasses.replace(instruction, form="mov.pred", operands=(target, own))
+            found.append(("barrier", alone))
+            found.append(("operator", dataclasses.replace(instruction, form="bar.red.or.pred")))
         if form in _READING:
             found += [("constant", other) for other in _constants(instruction)]
             found += [("register", other) for other in _registers(instruction, recent, kernel)]

@@ -45,14 +45,16 @@ VALUES = (
     | _forms("cvt.rn", "f32.s16 f32.s32 f32.u32 f32.s64")
     | _forms("cvt.rz", "f32.s16 f32.s32 f32.u32")
     | _forms("cvt.rni cvt.rzi cvt.rmi", "f32.f32 s32.f32")
+    | _forms("dp4a", "s32.s32 s32.u32 u32.s32")
+    | {"prmt.b32"}
 )
 LOADS = _forms("ld.global", "f32 u32 s8 u8") | _forms("ld.param", "u64 u32 b32 f32 u8")
 STORES = _forms("st.global", "f32 u32") | _forms("st.local", "f64 v2.u32")
 STORES |= _forms("st.shared", "f32 u32")
 VECTOR_LOADS = _forms("ld.shared.v4", "f32 u32")
 OTHERS = {
-    "bar.sync", "bra", "bra.uni", "ret", "call.uni vprintf", "st.param.b64",
-    "cvta.global.u64", "cvta.to.global.u64", "cvta.local.u64",
+    "bar.sync", "bar.red.and.pred", "bar.red.or.pred", "bra", "bra.uni", "ret",
+    "call.uni vprintf", "st.param.b64", "cvta.global.u64", "cvta.to.global.u64", "cvta.local.u64",
 }  # fmt: skip
 KNOWN = VALUES | LOADS | STORES | VECTOR_LOADS | OTHERS
 
@@ -85,7 +87,9 @@ def sources(form: str) -> list[str]:
         return [type_, "u32"]
     if name == "selp":
         return [type_, type_, "pred"]
-    return [type_] * (3 if name in ("mad", "fma") else 2)
+    if name == "dp4a":
+        return [*parts[1:], "s32"]
+    return [type_] * (3 if name in ("mad", "fma", "prmt") else 2)
 
 
 def result(form: str) -> str:
@@ -95,13 +99,15 @@ def result(form: str) -> str:
         return "pred"
     if parts[0] == "cvt":
         return parts[-2]
+    if parts[0] == "dp4a":
+        return "s32"
     return f"{parts[-1][0]}64" if form.startswith("mul.wide") else parts[-1]
 
 
 def function(form: str) -> str:
     """Return the C++ function of a form of VALUES."""
     parts = form.split(".")
-    types = 2 if parts[0] == "cvt" else 1
+    types = 2 if parts[0] in ("cvt", "dp4a") else 1
     name = "".join(part.capitalize() for part in parts[:-types])
     return f"{name}<{', '.join(part.capitalize() for part in parts[-types:])}>"
 

@@ -20,7 +20,10 @@ _ENTRY = re.compile(r"\.visible \.entry (?P<name>\w+)\((?P<parameters>[^)]*)\)")
 _PARAMETER = re.compile(r"\.param \.\w+ (\w+)")
 _REGISTERS = re.compile(r"\.reg \.(\w+) (%\w+)(?:<(\d+)>)?")
 _CALL = re.compile(r"call\.uni \(retval0\), vprintf, \( param0, param1 \)")
-_DIRECTIVE = re.compile(r"\.(version|target|address_size) [\w.]+")
+# Among them how many registers a kernel should leave to others.
+_DIRECTIVE = re.compile(
+    r"\.(version|target|address_size|minnctapersm) [\w.]+|\.maxntid \d+, \d+, \d+"
+)
 _IGNORED = re.compile(
     r'\.pragma "nounroll"|'
     r"\.extern \.func \(\.param \.b32 func_retval0\) vprintf "
@@ -128,21 +131,15 @@ def _instruction(statement: str, line: int) -> Instruction:
     return Instruction(match[2], _operands(match[3] or ""), match[1] or "", line)
 
 
-def _declare_registers(kernel: Kernel, match: re.Match[str], line: int) -> None:
-    kind, name, count = match.groups()
-    if kind not in KINDS:
-        raise UnknownTextError(f"line {line}: registers of a kind that is not known: .{kind}")
-    names = [f"{name}{i}" for i in range(int(count))] if count else [name]
-    kernel.registers.update(dict.fromkeys(names, KINDS[kind]))
-
-
 class _Reader:
     """Gathers a module from its statements."""
 
     def __init__(self, text: str) -> None:
         self.module = Module(text)
         self.kernel: Kernel | None = None
-        self.depth = 0
+        # Of each brace that is open: the names that it gives to registers of its own.
+        self.scopes: list[dict[str, str]] = []
+        self.own_registers = 0
 
     def take(self, line: int, statement: str) -> None:
         """Take one statement."""
@@ -156,7 +153,7 @@ class _Reader:
         elif self.kernel is None:
             raise UnknownTextError(f"line {line}: not known outside of a kernel: {statement}")
         elif match := _REGISTERS.fullmatch(statement):
-            _declare_registers(self.kernel, match, line)
+            self._take_registers(match, line)
         elif re.fullmatch(r"\.param \.b(32|64) (param[01]|retval0)", statement):
             return  # a call's, which the translation has its own for
         elif statement in "{}":
@@ -164,7 +161,25 @@ class _Reader:
         elif statement.endswith(":"):
             self.kernel.body.append(Instruction(statement, line=line))
         else:
-            self.kernel.body.append(_instruction(statement, line))
+            self.kernel.body.append(_instruction(self._renamed(statement), line))
+
+    def _take_registers(self, match: re.Match[str], line: int) -> None:
+        """Take a declaration. Registers of an inner brace hide those of their name."""
+        assert self.kernel is not None
+        kind, name, count = match.groups()
+        if kind not in KINDS:
+            raise UnknownTextError(f"line {line}: registers of a kind that is not known: .{kind}")
+        names = [f"{name}{i}" for i in range(int(count))] if count else [name]
+        for name in names:
+            own = name
+            if len(self.scopes) > 1:
+                self.own_registers += 1
+                own = self.scopes[-1][name] = f"{name}_{self.own_registers}"
+            self.kernel.registers[own] = KINDS[kind]
+
+    def _renamed(self, statement: str) -> str:
+        names = {name: own for scope in self.scopes for name, own in scope.items()}
+        return re.sub(r"%\w+", lambda match: names.get(match[0], match[0]), statement)
 
     def _take_variable(self, match: re.Match[str], line: int) -> None:
         values = tuple(int(v) for v in (match["values"] or "").split(",") if v)
@@ -179,10 +194,13 @@ class _Reader:
 
     def _take_brace(self, brace: str, line: int) -> None:
         assert self.kernel is not None
-        self.depth += 1 if brace == "{" else -1
-        if self.depth == 0 and brace == "}":
+        if brace == "{":
+            self.scopes.append({})
+        else:
+            self.scopes.pop()
+        if not self.scopes:
             self.kernel = None
-        elif self.depth > 1 or brace == "}":
+        elif len(self.scopes) > 1 or brace == "}":
             self.kernel.body.append(Instruction(brace, line=line))
 
 

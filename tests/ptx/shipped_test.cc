@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
   const auto compare = [&report](bool is_quick) {
     program::CompareAdditions(is_quick, &report);
     program::CompareConvolutions(is_quick, &report);
+    program::CompareByteProducts(is_quick, &report);
     program::ComparePrintedLines(&report);
   };
   compare(mode.empty());
@@ -37,6 +38,9 @@ int main(int argc, char** argv) {
   std::printf("\nFrom the last thread to the first, in one block:\n");
   bitfold::ptx::ReverseOrder();
   compare(true);
-  std::printf("\n%" PRId64 " launches\n", bitfold::ptx::LaunchCount());
+  const auto [held, failed] = bitfold::ptx::VoteCounts();
+  std::printf("\n%" PRId64 " launches; tiles of bytes: %" PRId64 ", others met: %" PRId64 "\n",
+              bitfold::ptx::LaunchCount(), held, failed);
+  report.Check(held > 1000 && failed > 100, "products sum bytes, and end where others come");
   return report.Finish();
 }

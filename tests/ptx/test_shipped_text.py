@@ -65,6 +65,9 @@ def test_planted_defects_are_reached(planted):
 
 # In hundred. What is not found has no effect on any result: see docs/testing.md.
 FOUND = {"barrier": 100, "constant": 80, "operator": 65, "predicate": 90, "register": 85}
+# Of those that gave something else. How many do not is for the sample to say: a larger one has more
+# of the product's instructions, many of which are exact.
+FOUND_OF_OTHERS = {"barrier": 100, "constant": 85, "operator": 75, "predicate": 90, "register": 85}
 
 
 @pytest.mark.parametrize("kind", FOUND)
@@ -72,7 +75,10 @@ def test_planted_defects_are_found(planted, kind):
     """Those that give something else, but for the few without effect; of roundings see below."""
     of_kind = [p for p in planted if p.kind == kind]
     found = sum(p.is_found for p in of_kind)
-    assert 100 * found >= FOUND[kind] * len(of_kind), planting.report(of_kind)
+    others = sum(p.differed > 0 for p in of_kind)
+    assert 100 * found >= FOUND_OF_OTHERS[kind] * others, planting.report(of_kind)
+    if len(of_kind) < 100:
+        assert 100 * found >= FOUND[kind] * len(of_kind), planting.report(of_kind)
 
 
 def test_planted_roundings_are_found(planted):

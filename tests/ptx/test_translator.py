@@ -55,6 +55,9 @@ def translated(*body: str) -> str:
         ("mul.wide.s32 %rd1, %r1, 4;", "rd1 = Into<uint64_t>(MulWide<S32>(r1, 4u));"),
         ("xor.pred %p1, %p2, -1;", "Xor<Pred>(p2, true)"),
         ("bar.sync 0;", "__syncthreads();"),
+        ("bar.red.and.pred %p1, 0, %p2;", "p1 = __syncthreads_and(p2);"),
+        ("prmt.b32 %r1, %r2, %r3, 21520;", "Prmt<B32>(r2, r3, 21520u)"),
+        ("dp4a.s32.s32 %r1, %r2, %r3, %r4;", "Dp4a<S32, S32>(r2, r3, r4)"),
         ("$L__1:\n@!%p1 bra $L__1;", "if (!p1) goto L__1;"),
         ("st.shared.f32 [%rd1+1024], %f1;", "StWindow<F32>(shared, rd1 + 1024u, f1);"),
         (
@@ -75,6 +78,7 @@ def test_a_statement_for_an_instruction(line, cpp):
         ("bfe.u32 %r1, %r2, 3, 4;", "bfe.u32 %r1, %r2, 3, 4"),
         ("atom.global.add.u32 %r1, [%rd1], 1;", "atom.global.add.u32 %r1, [%rd1], 1"),
         ("bar.sync 1;", "bar.sync 1"),
+        ("bar.red.and.pred %p1, 1, %p2;", "bar.red.and.pred %p1, 1, %p2"),
         ("@%p1 add.s32 %r1, %r2, %r3;", "@%p1 add.s32 %r1, %r2, %r3"),
         ("setp.lt.s32 %p1|%p2, %r1, %r2;", "no register for .pred: %p1|%p2"),
         ("add.s32 %r1, %r2, %rd3;", "%rd3 does not hold .s32"),
@@ -93,6 +97,22 @@ def test_what_is_not_known_is_refused(line, refused):
     with pytest.raises(ptx_text.UnknownTextError, match=re.escape(refused)) as caught:
         translated(line)
     assert "line 14" in str(caught.value)
+
+
+def test_registers_of_a_brace_are_its_own():
+    """They hide those of the same name, up to its end."""
+    text = translated(
+        "setp.eq.s32 %p1, %r1, 0;",
+        "{",
+        ".reg .pred %p1;",
+        "setp.ne.u32 %p1, %r2, 0;",
+        "selp.u32 %r3, 1, 0, %p1;",
+        "}",
+        "selp.u32 %r4, 1, 0, %p1;",
+    )
+    assert "p1_1 = Into<bool>(SetpNe<U32>(r2, 0u));" in text
+    assert "Selp<U32>(1u, 0u, p1_1)" in text
+    assert "r4 = Into<uint32_t>(Selp<U32>(1u, 0u, p1));" in text
 
 
 def test_a_statement_without_an_end_is_refused():

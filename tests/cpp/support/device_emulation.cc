@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -144,6 +145,13 @@ class BlockOfThreads {
     SetThreadIndex();
   }
 
+  bool WaitForAll(bool holds) {
+    is_vote_ = true;
+    all_hold_ &= holds;
+    Wait();
+    return all_held_;
+  }
+
  private:
   BlockOfThreads() = default;
 
@@ -175,6 +183,7 @@ class BlockOfThreads {
       RequireAllAtBarrier();
       ready_.assign(waiting_.rbegin(), waiting_.rend());
       waiting_.clear();
+      EndVote();
     }
     Fibre* const fibre = ready_.back();
     ready_.pop_back();
@@ -202,6 +211,13 @@ class BlockOfThreads {
     threadIdx = dim3(i % size_.x, i / size_.x % size_.y, i / size_.x / size_.y);
   }
 
+  void EndVote() {
+    all_held_ = std::exchange(all_hold_, true);
+    if (!std::exchange(is_vote_, false)) return;
+    DeviceEmulation::Votes& votes = DeviceEmulation::Current().votes;
+    ++(all_held_ ? votes.held : votes.failed);
+  }
+
   void RequireAllAtBarrier() const {
     if (waiting_.size() == threads_) return;
     std::fprintf(stderr, "emulated device: %zu of %u threads of a block are at a barrier\n",
@@ -221,6 +237,10 @@ class BlockOfThreads {
   std::vector<Fibre*> idle_;
   std::vector<Fibre*> waiting_;  // in the order in which they came to the barrier
   std::vector<Fibre*> ready_;    // to go on from it, the first one last
+  // What those that wait came with, and what it was at the barrier before.
+  bool is_vote_ = false;
+  bool all_hold_ = true;
+  bool all_held_ = true;
 };
 
 DeviceEmulation* current = nullptr;
@@ -278,6 +298,10 @@ void DeviceEmulation::Launch(const EmulatedLaunch& launch, const std::function<v
 using bitfold::testing::DeviceEmulation;
 
 void __syncthreads() { bitfold::testing::BlockOfThreads::Get().Wait(); }
+
+int __syncthreads_and(int predicate) {
+  return bitfold::testing::BlockOfThreads::Get().WaitForAll(predicate != 0) ? 1 : 0;
+}
 
 cudaError_t cudaPeekAtLastError() { return DeviceEmulation::Current().last_error(); }
 

@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -22,6 +23,7 @@
 #define __device__
 #define __host__
 #define __forceinline__ inline
+#define __launch_bounds__(threads, blocks)
 // One storage for all blocks, since they run in turn: a block finds what the one before left.
 #define __shared__ static
 // NOLINTEND(bugprone-reserved-identifier)
@@ -43,6 +45,8 @@ inline dim3 gridDim;
 
 // Returns when all threads of the block have come here. One that ends without ends the process.
 void __syncthreads();  // NOLINT(bugprone-reserved-identifier)
+// So does this: whether all came with another number than 0.
+int __syncthreads_and(int predicate);  // NOLINT(bugprone-reserved-identifier)
 
 using cudaStream_t = struct EmulatedStream*;
 enum cudaError_t : int { cudaSuccess = 0, cudaErrorInvalidConfiguration = 9 };
@@ -93,6 +97,14 @@ class DeviceEmulation {
   DeviceEmulation& operator=(const DeviceEmulation&) = delete;
 
   const std::vector<EmulatedLaunch>& launches() const { return launches_; }
+
+  // Of the barriers at which blocks asked whether all threads come with a number other than 0: how
+  // many said that they do, and that they do not.
+  struct Votes {
+    int64_t held = 0;
+    int64_t failed = 0;
+  };
+  Votes votes;
 
   // Of the calling thread. Each device that was waited for is noted.
   int device = 0;
