@@ -74,6 +74,7 @@ CLAIMS = (
         "all that the loops take, all shifts",
         [_defined(8), _defined(16)],
         [_defined(8, z3.BoolVal(True))],
+        in_tests=0,
     ),
     Claim(
         "L7",
