@@ -98,11 +98,18 @@ class Rules:
 
     def evaluate(self, calls: Iterable[tuple[str, Sequence[int]]]) -> list[list[int]]:
         """Return what the shipped functions give."""
-        lines = "".join(f"{name}\t{' '.join(map(str, given))}\n" for name, given in calls)
+        lines = "".join(
+            f"{name}\t{' '.join(str(_signed(x)) for x in given)}\n" for name, given in calls
+        )
         printed = subprocess.run(
             [self._program, "evaluate"], input=lines, capture_output=True, text=True, check=True
         ).stdout
         return [[int(word) for word in line.split()] for line in printed.splitlines()]
+
+
+def _signed(number: int) -> int:
+    """Return a number as the program reads it: a word of 64 bits with a sign."""
+    return number - (1 << 64) if number >= 1 << 63 else number
 
 
 def _rule(name: str, lines: list[str]) -> Rule:
