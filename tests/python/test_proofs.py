@@ -75,7 +75,8 @@ def test_each_claim_has_a_control():
 
 def test_the_docs_list_every_claim():
     """docs/proofs.md has the table that prove.py --list prints."""
-    docs = (support.ROOT / "docs" / "proofs.md").read_text(encoding="utf-8").splitlines()
+    text = (support.ROOT / "docs" / "proofs.md").read_text(encoding="utf-8")
+    docs = text[: text.index("\n## Floats, ")].splitlines()
     claims = [claim for module in prove.MODULES for claim in prove.claims_of(module)]
     rows = [line for line in docs if line.startswith("| ") and line.count("|") == 6]
     assert rows[1:] == [prove.listed(claim) for claim in claims]
