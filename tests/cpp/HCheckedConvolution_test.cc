@@ -139,6 +139,22 @@ TEST(CheckedConvolution, HalfPrecisionIsHeldAgainstWholeNumbers) {
   EXPECT_EQ(Wrong(c), 2);
 }
 
+// Nothing wraps there, whatever the bias.
+TEST(CheckedConvolution, SumsOf64BitsAreRight) {
+  PreparedCase<int16_t, int16_t> c;
+  c.accumulator_size = kWideAccumulator;
+  c.in_channels = 2000;
+  c.input.assign(2000, INT16_MIN);
+  c.filter.assign(2000, -128);
+  c.multipliers = {0x1p-22};
+  c.mode = {Rescaling::kOneRounding, 0, 0, INT16_MIN, INT16_MAX};
+  for (const int64_t bias : {int64_t{0}, int64_t{1} << 36, -(int64_t{1} << 36)}) {
+    c.wide_bias = {bias};
+    EXPECT_TRUE(Check(Checked(c))) << bias;
+    EXPECT_EQ(Checked(c).Definition().wrong, 0) << bias;
+  }
+}
+
 // Every width around those that sums need, in each form of the finish, with tiles that repeat
 // positions at their rows' ends.
 TEST(CheckedConvolution, EveryWidthAndRescaling) {
