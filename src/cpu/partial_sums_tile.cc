@@ -13,19 +13,8 @@ namespace bitfold {
 namespace {
 
 #define BITFOLD_LOOPS "cpu/partial_sums_loops.inc"
-#define BITFOLD_SIZE(Loop, pixels)                             \
-  {                                                            \
-    {Loop<pixels, false, false>, Loop<pixels, false, true>}, { \
-      Loop<pixels, true, false>, Loop<pixels, true, true>      \
-    }                                                          \
-  }
-#define BITFOLD_SIZES(Loop) \
-  { BITFOLD_SIZE(Loop, 8), BITFOLD_SIZE(Loop, 4), BITFOLD_SIZE(Loop, 2), BITFOLD_SIZE(Loop, 1) }
-#define BITFOLD_LOOP_TABLE \
-  SummedLoops { BITFOLD_SIZES(Ranges), BITFOLD_SIZES(Count), Record, Bound, PackWords, AddOutput }
+#define BITFOLD_LOOP_TABLE SummedLoops(kSummedLoops)
 #include "vector/vector_loops.inc"
-#undef BITFOLD_SIZES
-#undef BITFOLD_SIZE
 
 }  // namespace
 
