@@ -10,8 +10,7 @@
 
 #ifdef BITFOLD_HAS_FORWARDS
 
-// ---- C, 2.34: what libpthread and libdl had before it, under these versions, is in libc now
-// ------
+// ---- C, 2.34: what libpthread and libdl had before, under these versions, is in libc now --------
 
 BITFOLD_FORWARD("dladdr", "GLIBC_2.2.5");
 BITFOLD_FORWARD("dlclose", "GLIBC_2.2.5");
@@ -20,12 +19,11 @@ BITFOLD_FORWARD("dlsym", "GLIBC_2.2.5");
 BITFOLD_FORWARD("pthread_create", "GLIBC_2.2.5");
 BITFOLD_FORWARD("pthread_join", "GLIBC_2.2.5");
 
-// ---- C, 2.29: these no longer report errors by way of a function of the program -----------------
+// ---- C, 2.29: it no longer reports errors by way of a function of the program -------------------
 
-// Both forms call the same code. Here all arguments are whole numbers, and results powers of two or
-// their signs, which are exact in every version of that code.
+// Both forms call the same code. Here all arguments are whole numbers, for which powers of two are
+// exact in every version of that code.
 BITFOLD_FORWARD("exp2", "GLIBC_2.2.5");
-BITFOLD_FORWARD("pow", "GLIBC_2.2.5");
 
 // ---- C++ of g++ 11 and 12 -----------------------------------------------------------------------
 

@@ -17,13 +17,13 @@ import plain_sums
 import pytest
 import tensorflow as tf
 from comparing import stored_values
+from small_study import images, plain
 from test_counts import expected_counts
 from witness import Witness
 
 import bitfold
 from bitfold.network.shards.data import Data
 from bitfold.studies.passes import Plan, Runner
-from bitfold.studies.records import Findings
 from bitfold.studies.settings import settings_of
 from bitfold.studies.tallies import Tally
 
@@ -32,34 +32,9 @@ SETTINGS = [A(16), A(13), A(14, 2), {"DEPTHWISE_CONV_2D": A(18), "c1": A(12)}]
 
 
 @pytest.fixture(scope="module")
-def network() -> bitfold.Network:
-    """A network with layers of several kinds."""
-    keras.utils.set_random_seed(5)
-    layers = keras.layers
-    model = keras.Sequential([
-        keras.Input((9, 9, 2)),
-        layers.Conv2D(6, 3, padding="same", activation="relu", name="c1"),
-        layers.DepthwiseConv2D(3, strides=2, name="dw"),
-        layers.Conv2D(5, 1, activation="relu", name="c2"),
-        layers.Flatten(),
-        layers.Dense(4, name="scores"),
-    ])  # fmt: skip
-    return bitfold.Network.from_keras(model, calibration=_images(40, 1))
-
-
-@pytest.fixture(scope="module")
 def data() -> tuple[np.ndarray, np.ndarray]:
     """Images and labels."""
-    return _images(70, 2), np.random.default_rng(3).integers(0, 4, 70)
-
-
-def _images(count: int, seed: int) -> np.ndarray:
-    return np.random.default_rng(seed).normal(size=(count, 9, 9, 2)).astype(np.float32)
-
-
-def _plain(study: bitfold.Study) -> Findings:
-    """Return what was found but for the time it took."""
-    return dataclasses.replace(study.findings, seconds=0.0)
+    return images(70, 2), np.random.default_rng(3).integers(0, 4, 70)
 
 
 def test_metrics_are_those_of_evaluations(network, data):
@@ -76,15 +51,15 @@ def test_metrics_are_those_of_evaluations(network, data):
 
 def test_batches_and_threads_make_no_difference(network, data):
     """Nor do datasets in place of arrays, nor stored integers in place of reals."""
-    expected = _plain(bitfold.study(network, *data, arithmetics=SETTINGS))
+    expected = plain(bitfold.study(network, *data, arithmetics=SETTINGS))
     for batch_size in (1, 7, 70, 1000):
         found = bitfold.study(network, *data, arithmetics=SETTINGS, batch_size=batch_size)
-        assert _plain(found) == expected
+        assert plain(found) == expected
     dataset = tf.data.Dataset.from_tensor_slices(data).batch(6)
-    assert _plain(bitfold.study(network, dataset, arithmetics=SETTINGS)) == expected
+    assert plain(bitfold.study(network, dataset, arithmetics=SETTINGS)) == expected
     before = bitfold.set_image_threads(True)
     try:
-        assert _plain(bitfold.study(network, *data, arithmetics=SETTINGS)) == expected
+        assert plain(bitfold.study(network, *data, arithmetics=SETTINGS)) == expected
     finally:
         bitfold.set_image_threads(before)
 
@@ -122,13 +97,13 @@ def test_samples(network, data):
 def test_samples_whatever_the_batches(network, data):
     """By their places in the data alone; "sample" are the first images and some of the others."""
     for partial_sums, looked in ((9, 8), ("sample", 16), (1, None), ("all", None)):
-        expected = _plain(bitfold.study(network, *data, arithmetics=SETTINGS,
+        expected = plain(bitfold.study(network, *data, arithmetics=SETTINGS,
                                         partial_sums=partial_sums))  # fmt: skip
         assert expected.looked_at == looked
         for batch_size in (1, 16) if looked else ():
             found = bitfold.study(network, *data, arithmetics=SETTINGS, batch_size=batch_size,
                                   partial_sums=partial_sums)  # fmt: skip
-            assert _plain(found) == expected
+            assert plain(found) == expected
     for wrong in ("some", 0, -3, 2.0, True, None):
         with pytest.raises(ValueError, match='Need partial_sums of "sample", "all" or a whole'):
             bitfold.study(network, *data, partial_sums=wrong)
@@ -222,7 +197,7 @@ def test_an_interrupted_study_goes_on(network, data, tmp_path, monkeypatch, is_d
             break
     shards = 2 if is_dataset else 14
     assert finished == 3 * shards
-    assert _plain(found) == _plain(bitfold.study(network, *data, arithmetics=SETTINGS[:2]))
+    assert plain(found) == plain(bitfold.study(network, *data, arithmetics=SETTINGS[:2]))
 
 
 def test_parts_of_another_study_are_refused(network, data, tmp_path):
@@ -346,9 +321,9 @@ def test_warning_lines_end_to_end(network, data):
         assert layer.out_of_bounds == counted.get(layer.name, {}).get("out_of_bounds", 0)
 
 
-def test_no_images(network):
+def test_noimages(network):
     """Nothing was seen, and what is proven is still there."""
-    found = bitfold.study(network, _images(0, 1), np.zeros(0, int), arithmetics=[A(12)])
+    found = bitfold.study(network, images(0, 1), np.zeros(0, int), arithmetics=[A(12)])
     assert found.findings.images == 0
     for layer in found.layers:
         assert (layer.sums, layer.needed, layer.on_the_way) == (0, 1, 1)
