@@ -154,9 +154,10 @@ def _processes(count: int) -> Iterator[Executor]:
 def _dask(count: int) -> Iterator[Executor]:
     with (
         dask.config.set({"distributed.nanny.pre-spawn-environ": ALLOCATOR}),
-        LocalCluster(count, threads_per_worker=1, dashboard_address=None) as cluster,
+        LocalCluster(n_workers=count, threads_per_worker=1, dashboard_address=None) as cluster,
         cluster.get_client() as client,
     ):
+        client.run(_use_one_thread)  # the loop is no task of a study, which would see to it
         yield client.get_executor()
 
 

@@ -8,6 +8,7 @@ import concurrent.futures
 import json
 import os
 import signal
+import time
 from collections.abc import Iterator
 
 import distributed
@@ -56,6 +57,22 @@ def test_shards_make_no_difference(network, data, expected, threads):
             executor=threads,
         )  # fmt: skip
         assert plain(found) == expected
+
+
+@pytest.mark.slow
+def test_a_cluster_has_the_network_before_its_tasks(network, data, cluster):
+    """All workers, or the few tasks of a small study would go to the one that had it first."""
+    cluster.wait_for_workers(2, timeout=300)
+    begin = time.time()
+    narrow = network.with_arithmetic(A(13))
+    assert narrow.evaluate(*data, executor=cluster.get_executor()) == narrow.evaluate(*data)
+    copied = [
+        event
+        for worker in _workers(cluster)
+        for when, event in cluster.get_events(worker)
+        if when >= begin and event.get("action") == "replicate-add"
+    ]
+    assert len(copied) == 1  # from the one to the other
 
 
 @pytest.mark.slow

@@ -60,15 +60,26 @@ def submitted(
     return [executor._wrap_future(future) for future in futures]
 
 
-def shared(executor: Executor, value: Any) -> Any:
-    """Return what stands for a value as an argument: each worker gets it once, when it needs it.
+def shared(executor: Executor, value: Any, *, everywhere: bool = False) -> Any:
+    """Return what stands for a value as an argument: each worker gets it once.
 
     It lives with those who have it as their result, and is made anew where all of them are gone.
     Scattered data would be lost with them, and tasks would wait for them without end.
+
+    Args:
+        executor: of a cluster.
+        value: what tasks take.
+        everywhere: whether all workers that are there get it now, and not when they need it. Few
+            tasks go to those who have what they need, and the others stand idle until they steal
+            some, which takes seconds where a worker is busy.
     """
     with warnings.catch_warnings():
         warnings.filterwarnings("ignore", _LARGE)
-        return executor._client.submit(_same, value, pure=False)
+        future = executor._client.submit(_same, value, pure=False)
+    if everywhere:
+        with contextlib.suppress(ValueError):  # a worker is gone by then: the rest as they need it
+            executor._client.replicate([future])
+    return future
 
 
 def threads_of_worker() -> int | None:

@@ -34,7 +34,7 @@ class Delivery:
         self._executor, self._folder = executor, folder
         self._shards: dict[int, Any] = {}
         if dask_cluster.is_executor(executor):
-            self.parcel = dask_cluster.shared(executor, parcel)
+            self.parcel = dask_cluster.shared(executor, parcel, everywhere=True)
         else:
             path = folder / "work"
             path.write_bytes(parcel.content)
