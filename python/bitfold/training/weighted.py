@@ -136,7 +136,16 @@ class EmulatedLayer(Ranged):
     def _folded(self) -> tuple[tf.Tensor, tf.Tensor]:
         """Return filter and bias with the normalisation in them, float64."""
         kernel = self._product.filter(tf.convert_to_tensor(self._product.kernel))
-        return folding.folded(kernel, self._bias, self.normalisation)
+        filter, bias = folding.folded(kernel, self._bias, self.normalisation)
+        text = (
+            f"Need weights of layer {self.name!r} that are finite, got others: where gradients "
+            "left the floats, take a lower learning rate, clipnorm, a proven_width or "
+            "gradient='zero_where_wrapped'"
+        )
+        with tf.control_dependencies(
+            [tf.debugging.assert_all_finite(x, text) for x in (filter, bias)]
+        ):
+            return tf.identity(filter), tf.identity(bias)
 
     def _integers(self, grid: tf.Tensor) -> _Integers:
         """Return what the layer computes with for data of a grid."""

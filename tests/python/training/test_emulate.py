@@ -200,3 +200,18 @@ def test_refused(keywords, error, words):
     keywords = {"calibration": models.images(count=2), **keywords}
     with pytest.raises(error, match=words):
         training.emulate(models.residual(), **keywords)
+
+
+@pytest.mark.parametrize("value", [np.nan, np.inf])
+def test_weights_that_are_not_finite(value):
+    """Are named with their layer and what helps, in training and before it."""
+    model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+    images = np.ones((8, 4), np.float32)
+    words = "Need weights of layer 'dense' that are finite.* take a lower learning rate"
+    emulated = _compiled(training.emulate(model, calibration=images))
+    emulated.fit(images, LABELS[:8] % 2, verbose=0)
+    model.get_layer("dense").kernel[0, 0].assign(value)
+    with pytest.raises(tf.errors.InvalidArgumentError, match=words):
+        emulated.fit(images, LABELS[:8] % 2, verbose=0)
+    with pytest.raises(tf.errors.InvalidArgumentError, match=words):
+        training.emulate(model, calibration=images)
