@@ -28,7 +28,7 @@ now=$(
 if [ "$(cat $stamp 2>/dev/null)" = "$now" ] && [ -e "$venv/.requirements" ]; then
   exit 0
 fi
-printf '\033[1m[build]\033[0m Building the op library and installing the package (a minute).\n'
+printf '\033[1m[build]\033[0m Building the op library and installing the package (minutes the first time).\n'
 PATH=$venv/bin:$PATH "$venv/bin/python" -m pip install --quiet --disable-pip-version-check \
   --no-build-isolation --no-deps --force-reinstall \
   --config-settings=build-dir=build/package --config-settings=cmake.define.BITFOLD_WARNINGS_AS_ERRORS=ON \

@@ -38,7 +38,7 @@ def sources(sdist) -> pathlib.Path:
     folder = sdist.parent / "unpacked"
     shutil.rmtree(folder, ignore_errors=True)
     with tarfile.open(sdist) as archive:
-        archive.extractall(folder, filter="data")
+        archive.extractall(folder)
     (top,) = folder.iterdir()
     return top
 
