@@ -34,9 +34,12 @@ def run(
         if process.exitcode is None:
             process.kill()
             process.join()
-            raise subprocess.TimeoutExpired(code, _SECONDS)
-        written = [_stream(folder, name).read_text(errors="replace") for name in ("out", "err")]
-        return subprocess.CompletedProcess(code, process.exitcode, *written)
+            raise subprocess.TimeoutExpired(code, _SECONDS, *_written(folder))
+        return subprocess.CompletedProcess(code, process.exitcode, *_written(folder))
+
+
+def _written(folder: str) -> list[str]:
+    return [_stream(folder, name).read_text(errors="replace") for name in ("out", "err")]
 
 
 def _stream(folder: str, name: str) -> pathlib.Path:
@@ -55,6 +58,8 @@ def _execute(code: str, arguments: tuple[str, ...], python_path: str | None, fol
     status = 0
     try:
         exec(compile(code, "<code>", "exec"), {"__name__": "__main__"})
+    except SystemExit as end:
+        status = end.code if isinstance(end.code, int) else int(end.code is not None)
     except BaseException:
         traceback.print_exc()
         status = 1
