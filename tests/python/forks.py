@@ -3,8 +3,8 @@
 """Code in processes of its own that may end in any way and that start at once.
 
 They are forks of one server, which has imported TensorFlow, which takes seconds, but not the
-package, and computed nothing. A test of the start itself, or of the environment, needs
-`support.run_python` instead.
+package, and computed nothing. What the package reads from the environment the code can set before
+it imports it; a test of the start itself, or of what the runtime reads, needs `support.run_python`.
 """
 
 from __future__ import annotations

@@ -57,15 +57,17 @@ def test_metrics_are_those_of_evaluations(network, data):
 
 def test_batches_and_threads_make_no_difference(network, data, studied):
     """Nor do datasets in place of arrays, nor stored integers in place of reals."""
-    expected = plain(studied)  # in a batch that is not full
+    settings = SETTINGS[2:]
+    whole = plain(studied)  # in a batch that is not full
+    expected = dataclasses.replace(whole, results=whole.results[2:])
     for batch_size in (1, 7, 70):
-        found = bitfold.study(network, *data, arithmetics=SETTINGS, batch_size=batch_size)
+        found = bitfold.study(network, *data, arithmetics=settings, batch_size=batch_size)
         assert plain(found) == expected
     dataset = tf.data.Dataset.from_tensor_slices(data).batch(6)
-    assert plain(bitfold.study(network, dataset, arithmetics=SETTINGS)) == expected
+    assert plain(bitfold.study(network, dataset, arithmetics=settings)) == expected
     before = bitfold.set_image_threads(True)
     try:
-        assert plain(bitfold.study(network, *data, arithmetics=SETTINGS)) == expected
+        assert plain(bitfold.study(network, *data, arithmetics=settings)) == expected
     finally:
         bitfold.set_image_threads(before)
 
