@@ -43,12 +43,14 @@ test: ## every test: C++, sanitizers, fuzz, Python, doctests, lint
 	@scripts/install_package.sh
 	@$(PYTHON) scripts/run_tests.py
 
-test-long: ## a thousand random networks, studies of 50, 4000 defects in device code, the C library installed, RTL; NETWORKS=COUNT, FIRST=SEED
+test-long: ## a thousand random networks, studies of 50, 6000 random calls, 4000 defects in device code, the C library installed, RTL; NETWORKS=COUNT, FIRST=SEED
 	@scripts/setup.sh tests
 	@scripts/install_package.sh
 	@BITFOLD_NETWORKS=$(or $(NETWORKS),1000) BITFOLD_FIRST_NETWORK=$(or $(FIRST),0) \
 	    $(PYTHON) -m pytest -q tests/python/network/test_generated.py
 	@BITFOLD_STUDIED_NETWORKS=50 $(PYTHON) -m pytest -q tests/python/studies/test_study.py -k random
+	@BITFOLD_COUNTS_LONG=1 $(PYTHON) -m pytest -q tests/python/studies/test_counts.py
+	@BITFOLD_RANDOM_CALLS=6000 $(PYTHON) -m pytest -q tests/robustness/test_random_calls.py
 	@BITFOLD_DEVICE_TEXT_LONG=1 BITFOLD_DEFECTS=4000 $(PYTHON) -m pytest -q -s tests/ptx/test_shipped_text.py
 	@BITFOLD_INSTALLED_LONG=1 $(PYTHON) -m pytest -q tests/python/test_installed_packages.py
 	@BITFOLD_GPU=OFF scripts/setup.sh rtl

@@ -18,8 +18,8 @@ import command
 SHIFTS = range(13)
 """Shifts under test with an accumulator that is too narrow and with one of 32 bits."""
 
-HALF_SHIFTS = range(7)
-"""The same with the half-precision accumulator, which takes no larger ones."""
+LARGEST_HALF_SHIFT = 6
+"""The half-precision accumulator takes no larger ones."""
 
 BITS_SHORT = 4
 """The too narrow accumulator lacks so many bits of what the network needs."""
@@ -46,8 +46,10 @@ def run(options: argparse.Namespace) -> None:
     network = bitfold.Network.from_keras(float_model, digits.train_images)
     needed = max(layer.needed for layer in bitfold.study(network, images).layers)
     cases = [Arithmetic(width) for width in options.widths]
-    cases += [Arithmetic(width, shift) for width in (needed - BITS_SHORT, 32) for shift in SHIFTS]
-    cases += [Arithmetic(mult_shift=shift, use_fp16_acc=True) for shift in HALF_SHIFTS]
+    shifts = options.shifts
+    cases += [Arithmetic(width, shift) for width in (needed - BITS_SHORT, 32) for shift in shifts]
+    half_shifts = [shift for shift in shifts if shift <= LARGEST_HALF_SHIFT]
+    cases += [Arithmetic(mult_shift=shift, use_fp16_acc=True) for shift in half_shifts]
     study = bitfold.study(
         network, images, labels,
         arithmetics=list(dict.fromkeys(cases)), float_model=float_model,
@@ -70,4 +72,8 @@ def run(options: argparse.Namespace) -> None:
 if __name__ == "__main__":
     parser = command.make_parser(__doc__, "build/demo-digits", 50, "report.html")
     command.add_widths(parser, 8, 24)
+    parser.add_argument(
+        "--shifts", type=int, nargs="+", default=SHIFTS, metavar="BITS",
+        help=f"shifts under test (default: 0 to {SHIFTS[-1]})",
+    )  # fmt: skip
     sys.exit(command.start(run, parser.parse_args()))

@@ -17,7 +17,7 @@ import subprocess
 import sys
 from typing import NamedTuple
 
-SECONDS = 5  # of a processor; the comparisons of a kernel take up to one
+SECONDS = 3  # of a processor; the comparisons of a kernel take up to one
 
 # Groups of comparisons by the kernel, up to its type.
 _TYPES = {"f": "float", "i": "int32"}

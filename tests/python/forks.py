@@ -3,8 +3,8 @@
 """Code in processes of its own that may end in any way and that start at once.
 
 They are forks of one server, which has imported TensorFlow, which takes seconds, but not the
-package, and computed nothing. A test of the start itself, or of the environment, needs
-`support.run_python` instead.
+package, and computed nothing. What the package reads from the environment the code can set before
+it imports it; a test of the start itself, or of what the runtime reads, needs `support.run_python`.
 """
 
 from __future__ import annotations
@@ -34,9 +34,12 @@ def run(
         if process.exitcode is None:
             process.kill()
             process.join()
-            raise subprocess.TimeoutExpired(code, _SECONDS)
-        written = [_stream(folder, name).read_text(errors="replace") for name in ("out", "err")]
-        return subprocess.CompletedProcess(code, process.exitcode, *written)
+            raise subprocess.TimeoutExpired(code, _SECONDS, *_written(folder))
+        return subprocess.CompletedProcess(code, process.exitcode, *_written(folder))
+
+
+def _written(folder: str) -> list[str]:
+    return [_stream(folder, name).read_text(errors="replace") for name in ("out", "err")]
 
 
 def _stream(folder: str, name: str) -> pathlib.Path:
@@ -55,6 +58,8 @@ def _execute(code: str, arguments: tuple[str, ...], python_path: str | None, fol
     status = 0
     try:
         exec(compile(code, "<code>", "exec"), {"__name__": "__main__"})
+    except SystemExit as end:
+        status = end.code if isinstance(end.code, int) else int(end.code is not None)
     except BaseException:
         traceback.print_exc()
         status = 1

@@ -8,10 +8,9 @@ in Python. How long that takes is measured, never tested.
 
 from __future__ import annotations
 
-import subprocess
-import sys
 import threading
 
+import forks
 import keras
 import numpy as np
 import pytest
@@ -97,9 +96,7 @@ print("same")
 def test_under_device_scopes():
     """Results lie on the device of the scope, whichever ran the op before."""
     folder = __file__.rpartition("/")[0]
-    found = subprocess.run(
-        [sys.executable, "-c", _DEVICES, folder], capture_output=True, text=True, check=False
-    )
+    found = forks.run(_DEVICES, folder)
     assert (found.returncode, found.stdout) == (0, "same\n"), found.stderr
 
 

@@ -48,7 +48,7 @@ def _refusal(code: str, *arguments: str, python_path: pathlib.Path | None = None
 
 def test_a_copy_works_by_itself(copy):
     """What the cases below damage runs as long as nothing is damaged."""
-    output = support.passes(support.run_python(_ADD, python_path=str(copy.parent)))
+    output = support.passes(forks.run(_ADD, python_path=str(copy.parent)))
     assert output.strip() == "3"
 
 

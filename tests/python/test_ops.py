@@ -8,6 +8,7 @@ import inspect
 import pickle
 import re
 
+import forks
 import keras
 import numpy as np
 import pytest
@@ -448,7 +449,7 @@ def test_saved_models_in_a_fresh_process(tmp_path):
     data["predicted"] = layers.predict(data["pixels"], verbose=0)
     layers.save(tmp_path / "layers.keras")
     np.savez(tmp_path / "data.npz", **data)
-    output = support.passes(support.run_python(_LOAD, str(tmp_path), *NAMES))
+    output = support.passes(forks.run(_LOAD, str(tmp_path), *NAMES))
     assert "same" in output.splitlines()  # C prints its own lines when the process ends
 
 

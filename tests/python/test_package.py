@@ -12,6 +12,7 @@ import subprocess
 import sys
 import tomllib
 
+import forks
 import numpy as np
 import pytest
 import support
@@ -203,7 +204,7 @@ print(bitfold.ops.add([[1]], [[2]]).numpy().item())
 
 def test_import_loads_once():
     """One load however often the package is imported; a reload is harmless."""
-    assert support.passes(support.run_python(_IMPORT_TWICE)).strip() == "3"
+    assert support.passes(forks.run(_IMPORT_TWICE)).strip() == "3"
 
 
 def test_import_is_quiet():

@@ -21,7 +21,7 @@ import prove  # noqa: E402
 from claim import Verdict, decide, is_confirmed, refute  # noqa: E402
 from formulas import Rules  # noqa: E402
 
-_INPUTS = 6  # of each formula; make prove takes more, and all cases of each claim
+_INPUTS = 3  # of each formula; make prove takes more, and all cases of each claim
 
 
 def _newest_source() -> float:

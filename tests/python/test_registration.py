@@ -10,6 +10,7 @@ import re
 import shutil
 import subprocess
 
+import forks
 import numpy as np
 import pytest
 import registration
@@ -87,7 +88,7 @@ print(json.dumps(report))
 @pytest.fixture(scope="module")
 def loaded() -> dict:
     """What a process finds that loads the library by its path alone."""
-    output = support.passes(support.run_python(_LOAD, bitfold.library_path()))
+    output = support.passes(forks.run(_LOAD, bitfold.library_path()))
     return json.loads(output.splitlines()[-1])
 
 

@@ -7,6 +7,7 @@ from __future__ import annotations
 import pathlib
 import re
 
+import forks
 import numpy as np
 import pytest
 import shared_calls
@@ -22,7 +23,7 @@ def results(tmp_path_factory):
     found = {}
     for threads in (1, 4):
         file = tmp_path_factory.mktemp("outputs") / "outputs.npz"
-        text = support.passes(support.run_python(_RUN, folder, str(threads), str(file)))
+        text = support.passes(forks.run(_RUN, folder, str(threads), str(file)))
         lines = dict(re.findall(r"^# (.*)\n((?:[^#].*\n)*)", text, re.MULTILINE))
         with np.load(file) as outputs:
             found[threads] = {name: (outputs[name], lines[name]) for name in outputs}

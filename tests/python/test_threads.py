@@ -16,6 +16,7 @@ import pathlib
 import platform
 import struct
 
+import forks
 import numpy as np
 import pytest
 import raw
@@ -358,7 +359,8 @@ def test_large_products(batch, dtype, reference, printed, assert_bits, assert_li
 
 # Lines of the library end before a line of Python begins.
 _CHILD = """
-import ctypes, hashlib, sys
+import ctypes, hashlib, os, sys
+os.environ["BITFOLD_IMAGE_THREADS"] = sys.argv[2]
 import tensorflow as tf
 tf.config.threading.set_intra_op_parallelism_threads(int(sys.argv[1]))
 import bitfold, test_threads
@@ -371,11 +373,10 @@ print(bitfold.set_image_threads(False))
 
 
 @pytest.mark.parametrize(("threads", "variable"), [(1, ""), (5, ""), (5, "1")])
-def test_any_number_of_threads(threads, variable, large_expected, monkeypatch):
+def test_any_number_of_threads(threads, variable, large_expected):
     """The runtime's setting of threads changes no bit; the environment chooses image threads."""
-    monkeypatch.setenv("BITFOLD_IMAGE_THREADS", variable)
     folder = str(pathlib.Path(__file__).parent)
-    printed = support.passes(support.run_python(_CHILD, str(threads), python_path=folder))
+    printed = support.passes(forks.run(_CHILD, str(threads), variable, python_path=folder))
     lines = [line for line in printed.split("\n") if line and "@@@" not in line]
     hashes = [hashlib.sha256(large_expected(n)[0].tobytes()).hexdigest() for n in LARGE_CALLS]
     assert lines == [*hashes, str(variable == "1")]
@@ -389,10 +390,9 @@ def test_setting_of_image_threads():
     assert bitfold.set_image_threads(False) is True
 
 
-def test_wrong_environment(monkeypatch):
+def test_wrong_environment():
     """A value that says neither is refused when the package is imported."""
-    monkeypatch.setenv("BITFOLD_IMAGE_THREADS", "yes")
-    result = support.run_python("import bitfold")
+    result = forks.run("import os; os.environ['BITFOLD_IMAGE_THREADS'] = 'yes'; import bitfold")
     assert "Need BITFOLD_IMAGE_THREADS to be 0 or 1, got 'yes'" in result.stderr
 
 

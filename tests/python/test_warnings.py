@@ -12,6 +12,7 @@ import threading
 from collections.abc import Callable, Iterator
 from typing import NamedTuple
 
+import forks
 import keras
 import numpy as np
 import pytest
@@ -409,7 +410,7 @@ def test_a_saved_model_prints_in_another_process(tmp_path):
     assert shown.out == ""
     bitfold.warning_counts(reset=True)
     tf.saved_model.save(module, str(tmp_path / "model"))
-    output = support.passes(support.run_python(_LOAD, str(tmp_path / "model")))
+    output = support.passes(forks.run(_LOAD, str(tmp_path / "model")))
     assert lines_of(output)["out_of_bounds"] == 4
 
 
@@ -460,7 +461,7 @@ assert os.waitpid(child, 0)[1] == 0
 
 def test_a_fork_counts_for_itself():
     """Parent and child have a setting and counts each."""
-    support.passes(support.run_python(_FORKS))
+    support.passes(forks.run(_FORKS))
 
 
 def test_the_library_alone_prints():
@@ -470,5 +471,5 @@ def test_the_library_alone_prints():
         "ops = tf.load_op_library(sys.argv[1])\n"
         "ops.h_add([[8388607.0]], [[1.0]], [1.0], [1.0], [0], accumulator_size=40)\n"
     )
-    output = support.passes(support.run_python(code, bitfold.library_path()))
+    output = support.passes(forks.run(code, bitfold.library_path()))
     assert lines_of(output)["out_of_bounds"] == 1

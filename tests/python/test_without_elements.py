@@ -16,6 +16,7 @@ from collections.abc import Callable
 from typing import Any
 
 import checks
+import forks
 import numpy as np
 import pytest
 import support
@@ -248,9 +249,9 @@ def outcomes() -> dict[tuple[str, str], list]:
     code += "import test_without_elements\ntest_without_elements.run_all()"
     folder = str(support.ROOT / "tests" / "python")
     try:
-        output = support.run_python(code, folder).stdout
+        output = forks.run(code, folder).stdout
     except subprocess.TimeoutExpired as late:
-        output = (late.stdout or b"").decode()
+        output = late.stdout
     found: dict[tuple[str, str], list] = {}
     for line in output.splitlines():
         if line.startswith("["):

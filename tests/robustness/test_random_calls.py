@@ -4,14 +4,17 @@
 
 from __future__ import annotations
 
+import os
+
 import caller
 import calls
 import children
 import pytest
 
-# More of them: make fuzz.
-SANITIZED = 6000  # calls
-FILLED = 3000  # each twice
+# The long form is make test-long's, more of them make fuzz.
+CALLS = int(os.environ.get("BITFOLD_RANDOM_CALLS", "3000"))
+SANITIZED = CALLS
+FILLED = CALLS // 2  # each twice
 
 
 def jobs(count: int) -> list[dict]:

@@ -98,23 +98,26 @@ def test_huge_but_empty(op, check):
     check(many)
 
 
-@pytest.mark.parametrize(
-    ("boxes", "classes", "rows"),
-    [
-        ((MANY, 0, 5, 1), 1.0, 1.0),
-        ((1, 0, 5, 1), 2.0**30, 1.0),
-        ((1, 0, 5, 1), 1.0, 2.0**30),
-        ((1, 20, 5, 1), 2.0**30, 1.0),
-        ((2**30, 0, 5, 1), 2.0**30, 1.0),
-    ],
+# Boxes, classes, rows of the result.
+SUPPRESSED = (
+    ((MANY, 0, 5, 1), 1.0, 1.0),
+    ((1, 0, 5, 1), 2.0**30, 1.0),
+    ((1, 0, 5, 1), 1.0, 2.0**30),
+    ((1, 20, 5, 1), 2.0**30, 1.0),
+    ((2**30, 0, 5, 1), 2.0**30, 1.0),
 )
+
+
 @pytest.mark.parametrize("is_velquin", [False, True])
-def test_suppression_of_nothing(is_velquin, boxes, classes, rows, check):
+def test_suppression_of_nothing(is_velquin, check):
     """No boxes, or as many classes as there are numbers."""
-    attributes = {"classes": classes, "max_output_size": rows, "is_velquin": is_velquin}
-    attributes |= {"iou_threshold": 0.5, "debug_precise_numeric": False}
-    inputs = (calls.Input("float32", boxes), calls.Input("float32", (1,)))
-    check([calls.Call("HNMS", inputs, attributes)])
+    many = []
+    for boxes, classes, rows in SUPPRESSED:
+        attributes = {"classes": classes, "max_output_size": rows, "is_velquin": is_velquin}
+        attributes |= {"iou_threshold": 0.5, "debug_precise_numeric": False}
+        inputs = (calls.Input("float32", boxes), calls.Input("float32", (1,)))
+        many.append(calls.Call("HNMS", inputs, attributes))
+    check(many)
 
 
 def convolution(
@@ -141,31 +144,33 @@ def convolution(
     return calls.Call(op, inputs, {**defaults, **attributes})
 
 
-@pytest.mark.parametrize("op", ["HConv2d", "HConv2dDilation", "HDepthWise"])
-@pytest.mark.parametrize(
-    ("image", "window"),
-    [
-        ((MANY, 0, 3, 4), (1, 1, 4, 4)),
-        ((MANY, 3, 0, 4), (3, 3, 4, 4)),
-        ((MANY, 3, 3, 0), (3, 3, 0, 4)),
-        ((MANY, 0, 0, 0), (3, 3, 0, 0)),
-        ((1_000_000, 0, 1, 4), (1, 1, 4, 0)),
-        ((1000, 3, 3, 1), (3, 3, 1, 0)),
-        ((1, 3, 3, 0), (MANY, 1, 0, 4)),
-        ((1, 3, 3, 1), (MANY, 0, 1, 1)),
-        ((1, 3, 3, 1), (0, MANY, 1, 1)),
-        ((1, 3, 3, 1), (MANY, MANY, 1, 0)),
-        ((1, 3, 3, 0), (3, 3, 0, MANY)),
-        ((0, MANY, MANY, 1), (3, 3, 1, 1)),
-        ((1, MANY, 0, 1), (1, 1, 1, 1)),
-        ((1, MANY, 0, 1), (MANY, 0, 1, 1)),
-        ((1, 0, MANY, 1), (0, MANY, 1, 1)),
-    ],
+IMAGES_AND_WINDOWS = (
+    ((MANY, 0, 3, 4), (1, 1, 4, 4)),
+    ((MANY, 3, 0, 4), (3, 3, 4, 4)),
+    ((MANY, 3, 3, 0), (3, 3, 0, 4)),
+    ((MANY, 0, 0, 0), (3, 3, 0, 0)),
+    ((1_000_000, 0, 1, 4), (1, 1, 4, 0)),
+    ((1000, 3, 3, 1), (3, 3, 1, 0)),
+    ((1, 3, 3, 0), (MANY, 1, 0, 4)),
+    ((1, 3, 3, 1), (MANY, 0, 1, 1)),
+    ((1, 3, 3, 1), (0, MANY, 1, 1)),
+    ((1, 3, 3, 1), (MANY, MANY, 1, 0)),
+    ((1, 3, 3, 0), (3, 3, 0, MANY)),
+    ((0, MANY, MANY, 1), (3, 3, 1, 1)),
+    ((1, MANY, 0, 1), (1, 1, 1, 1)),
+    ((1, MANY, 0, 1), (MANY, 0, 1, 1)),
+    ((1, 0, MANY, 1), (0, MANY, 1, 1)),
 )
-def test_empty_images_and_windows(image, window, op, check):
+
+
+@pytest.mark.parametrize("op", ["HConv2d", "HConv2dDilation", "HDepthWise"])
+def test_empty_images_and_windows(op, check):
     """No element on one side or on both."""
-    calls_ = [convolution(op, image, window, padding=padding) for padding in ("SAME", "VALID")]
-    check(calls_ + [call.with_input(1, shape=(2, *window)) for call in calls_])
+    many = []
+    for (image, window), padding in itertools.product(IMAGES_AND_WINDOWS, ("SAME", "VALID")):
+        call = convolution(op, image, window, padding=padding)
+        many += [call, call.with_input(1, shape=(2, *window))]
+    check(many)
 
 
 EDGES = (calls.INT32_MIN, -(2**30), -30000, -2, -1, 0, 1, 30000, 2**30, calls.INT32_MAX)

@@ -461,8 +461,8 @@ class Network:
                 with tf.device(HOST):
                     return function(*images)
 
-            traced = tf.function(run, input_signature=self._signature).get_concrete_function()
-            self._functions[key] = traced
+            traced = tf.function(run, input_signature=self._signature, autograph=False)
+            self._functions[key] = traced.get_concrete_function()
         return self._functions[key]
 
     @property

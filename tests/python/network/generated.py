@@ -51,15 +51,23 @@ class Generated:
     content: bytes
 
 
+_KEPT = 8  # the first, which several tests take
+_made: dict[int, Generated] = {}
+
+
 def network(seed: int) -> Generated:
     """Return the network of a seed: the same on every machine.
 
     A draw that the interpreter itself refuses (a dead layer can leave a scale of 1e-8), or whose
     kernels do what C++ leaves undefined, is replaced by the seed's next.
     """
+    if seed in _made:
+        return _made[seed]
     for draw in range(_DRAWS):
         made = _network(seed, draw)
         if _is_witnessed(made.content):
+            if seed < _KEPT:
+                _made[seed] = made
             return made
     raise AssertionError(f"seed {seed}: the interpreter refuses {_DRAWS} draws")
 

@@ -7,10 +7,10 @@ from __future__ import annotations
 import io
 import logging
 import os
-import subprocess
 import sys
 import threading
 
+import forks
 import keras
 import numpy as np
 import pytest
@@ -279,13 +279,7 @@ os.system("echo out too; echo err too >&2")
 @pytest.mark.parametrize("form", ["open", "closed"])
 def test_nothing_is_printed(form):
     """A process of its own sees only its own lines, after a conversion as before."""
-    run = subprocess.run(
-        [sys.executable, "-c", SILENT, form],
-        env={**os.environ, "TF_CPP_MIN_LOG_LEVEL": "3"},
-        capture_output=True,
-        text=True,
-        check=False,
-    )
+    run = forks.run(SILENT, form)
     assert run.returncode == 0, run.stderr
     if form == "open":
         assert run.stdout.split("\n") == ["out", "out too", ""]

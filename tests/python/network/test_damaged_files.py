@@ -7,14 +7,13 @@ The long form: `tests/python/network/damage.py 0 1000000` with the tests' folder
 
 from __future__ import annotations
 
-import os
 import pathlib
-import subprocess
-import sys
 import tracemalloc
 
 import flatbuffers
+import forks
 import pytest
+import support
 from packing import small_graph
 from tensorflow.lite.python import schema_py_generated as schema
 
@@ -27,17 +26,11 @@ CASES = 3000
 
 def test_damaged_files():
     """Flipped bits, hostile numbers, splices and all truncations, under a bound of memory."""
-    run = subprocess.run(
-        [sys.executable, str(HERE / "damage.py"), "0", str(CASES)],
-        env={**os.environ, "TF_CPP_MIN_LOG_LEVEL": "3", "OMP_NUM_THREADS": "1"},
-        capture_output=True,
-        text=True,
-        check=False,
-    )
-    assert run.returncode == 0, run.stdout + run.stderr[-3000:]
+    code = "import damage; damage.main()"
+    printed = support.passes(forks.run(code, "0", str(CASES), python_path=str(HERE)))
     # Both ends are reached: damage that is seen, and damage that is none.
-    assert "'refused'" in run.stdout
-    assert "'read'" in run.stdout
+    assert "'refused'" in printed
+    assert "'read'" in printed
 
 
 def _shared(count: int, *, tensors: bool) -> bytes:

@@ -9,12 +9,12 @@ import copy
 import io
 import os
 import pickle
-import subprocess
-import sys
 
+import forks
 import keras
 import numpy as np
 import pytest
+import support
 import tensorflow as tf
 from keras import layers
 
@@ -195,7 +195,7 @@ def test_in_a_saved_model_of_another_process(network, stored, tmp_path):
         "loaded = tf.saved_model.load(sys.argv[1] + '/saved')\n"
         "np.save(sys.argv[1] + '/result.npy', loaded.call(np.load(sys.argv[1] + '/stored.npy')))\n"
     )
-    subprocess.run([sys.executable, "-c", program, str(tmp_path)], check=True)
+    support.passes(forks.run(program, str(tmp_path)))
     np.testing.assert_array_equal(np.load(tmp_path / "result.npy"), network(stored))
 
 

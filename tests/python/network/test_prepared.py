@@ -4,6 +4,9 @@
 
 from __future__ import annotations
 
+import functools
+from typing import NamedTuple
+
 import generated
 import numpy as np
 import packed
@@ -43,17 +46,43 @@ def _summing(network: bitfold.Network) -> list[SummingStep]:
     return [step for step in steps if hasattr(step, "_prepared")]
 
 
-def _compare(step: SummingStep, inputs, what: str) -> None:
-    """Eagerly and in a function, twice: the layer is made once."""
-    (expected,) = SummingStep.run(step, inputs)
-    call = tf.function(lambda *tensors: step.run(tensors), autograph=False)
-    tensors = [x for x in inputs if x is not None]
-    runs = [step.run, step.run]
-    if len(tensors) == len(inputs):
-        runs += [lambda inputs: call(*inputs)] * 2
-    for run in runs:
-        (actual,) = run(inputs)
-        assert_bits(actual, expected.numpy(), arithmetic=step.arithmetic, what=what)
+class Layer(NamedTuple):
+    """A layer, its inputs, and what to call it."""
+
+    step: SummingStep
+    inputs: list[tf.Tensor | None]
+    what: str
+
+
+def _compare(layers: list[Layer]) -> None:
+    """Eagerly and in a function, twice: a layer is made once."""
+    expected = [SummingStep.run(layer.step, layer.inputs)[0].numpy() for layer in layers]
+    for _ in range(2):
+        for layer, wanted in zip(layers, expected, strict=True):
+            _assert_same(layer.step.run(layer.inputs), wanted, layer)
+
+    # One graph for all: most of what a graph costs is the same for each.
+    whole = [i for i, layer in enumerate(layers) if all(x is not None for x in layer.inputs)]
+
+    def run(rows):
+        return [layers[i].step.run(row) for i, row in zip(whole, rows, strict=True)]
+
+    call = tf.function(run, autograph=False)
+    for _ in range(2 if whole else 0):
+        for i, actual in zip(whole, call([layers[i].inputs for i in whole]), strict=True):
+            _assert_same(actual, expected[i], layers[i])
+
+
+def _assert_same(outputs: list[tf.Tensor], expected: np.ndarray, layer: Layer) -> None:
+    (actual,) = outputs
+    assert_bits(actual, expected, arithmetic=layer.step.arithmetic, what=layer.what)
+
+
+@functools.cache
+def _cases(kind: str, dtype: str) -> list[tuple[packed.Case, bitfold.Network]]:
+    """Return files of an operator and their networks, sums exact."""
+    cases = sum_cases.CASES[kind](dtype, np.random.default_rng(9))
+    return [(case, bitfold.Network.from_tflite(case.content)) for case in cases]
 
 
 @pytest.mark.parametrize("name", ARITHMETICS)
@@ -61,11 +90,10 @@ def _compare(step: SummingStep, inputs, what: str) -> None:
 @pytest.mark.parametrize("kind", KINDS)
 def test_one_op_is_the_public_ops(kind, dtype, name):
     """Each operator that adds up products, in each arithmetic."""
-    prepared = 0
-    for case in sum_cases.CASES[kind](dtype, np.random.default_rng(9)):
-        network = bitfold.Network.from_tflite(case.content)
+    prepared, layers = 0, []
+    for case, exact in _cases(kind, dtype):
         try:
-            network = network.with_arithmetic(ARITHMETICS[name])
+            network = exact.with_arithmetic(ARITHMETICS[name])
         except ValueError:
             continue  # a shift beyond the multipliers' exponents
         (step,) = _summing(network)
@@ -77,7 +105,8 @@ def test_one_op_is_the_public_ops(kind, dtype, name):
             for t in read
         ]
         prepared += step._prepared is not None
-        _compare(step, row, f"{name}, {case.label}")
+        layers.append(Layer(step, row, f"{name}, {case.label}"))
+    _compare(layers)
     is_wide = kind == "BATCH_MATMUL" and dtype == "int16"
     if not is_wide or ARITHMETICS[name].accumulator_size is not None:
         assert prepared or ARITHMETICS[name].mult_shift > 7
@@ -98,6 +127,7 @@ def test_layers_of_networks(seed):
             continue
         network = exact.with_arithmetic(ARITHMETICS[name])
         known = dict(zip(file.inputs, images, strict=True)) | network.trace(given)
+        layers = []
         for step in _summing(network):
             if step._prepared is None:
                 continue
@@ -108,7 +138,8 @@ def test_layers_of_networks(seed):
                 None if t is None else tf.constant(t.data if t.is_constant else known[t.index])
                 for t in read
             ]
-            _compare(step, row, f"seed {seed}, {name}, {step.node}")
+            layers.append(Layer(step, row, f"seed {seed}, {name}, {step.node}"))
+        _compare(layers)
 
 
 def _dense(inputs: int, outputs: int, rows: int = 1) -> packed.Case:
@@ -133,7 +164,7 @@ def test_sums_beyond_32_bits(shape):
     for name in ("exact", "exact, shifted", "dot products of 32 bits", "rounded"):
         (step,) = _summing(network.with_arithmetic(ARITHMETICS[name]))
         constants = [tf.constant(t.data) for t in step.node.inputs[1:]]
-        _compare(step, [*inputs, *constants], f"{name}, {shape}")
+        _compare([Layer(step, [*inputs, *constants], f"{name}, {shape}")])
 
 
 def _first(kind: str, dtype: str) -> packed.Case:
