@@ -52,8 +52,9 @@ def setting(what: str | Callable) -> Iterator[None]:
 
 @pytest.fixture(autouse=True)
 def _starts_with_printing():
-    """The default, which no test leaves changed."""
+    """The default, which no test leaves changed; what tests of other files counted is gone."""
     assert bitfold.set_warnings("print") == "print"
+    bitfold.warning_counts(reset=True)
 
 
 # ---- Every op that prints ------------------------------------------------------------------------
