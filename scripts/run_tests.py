@@ -113,13 +113,14 @@ QUICK = (
 )
 
 
-def build_oracle() -> None:
-    """Build the oracle's library first: Python tests and C++ tests use the same one."""
+def build_shared() -> None:
+    """Build first what Python tests and C++ tests both use: the oracle's library, the rules."""
     environment = os.environ | {"CMAKE_GENERATOR": "Ninja"}
     environment["PATH"] = f"{ROOT / '.venv' / 'bin'}{os.pathsep}{environment['PATH']}"
+    targets = ("--target", "bitfold_reference", "bitfold_rules")
     for command in (
         ["cmake", "--preset", "tests", "-Wno-dev"],
-        ["cmake", "--build", "--preset", "tests", "-j", JOBS, "--target", "bitfold_reference"],
+        ["cmake", "--build", "--preset", "tests", "-j", JOBS, *targets],
     ):
         # A failure is reported by the stages that need it.
         if subprocess.run(command, cwd=ROOT, env=environment, capture_output=True).returncode:
@@ -157,7 +158,7 @@ def main() -> int:
 
     side_by_side = not options.in_turn and memory_in_gib() >= GIB_SIDE_BY_SIDE
     if side_by_side and len({stage.lane for stage in wanted}) > 1:
-        build_oracle()
+        build_shared()
     return tally(run_all(wanted, side_by_side))
 
 

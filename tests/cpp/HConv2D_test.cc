@@ -199,11 +199,13 @@ template <typename T>
 void CrossGeometries(bool is_depthwise) {
   testing::Random random(is_depthwise ? 0xd3 : 0xc0);
   const std::vector<std::pair<int32_t, int32_t>> images = {{1, 1}, {2, 5}, {4, 4}, {7, 3}, {6, 9}};
+  int turn = 0;
   for (const auto& image : images) {
     for (const Window& w : Windows()) {
       for (const bool same : {false, true}) {
         // Depthwise filters with fewer channels than the input read the first ones.
         for (const int32_t out_channels : {1, 2, 3}) {
+          if (++turn % testing::Step(7) != 0) continue;
           Convolution c = Plain(image.first, image.second, is_depthwise ? 3 : 2, w.filter_height,
                                 w.filter_width, out_channels);
           c.batch = 2;
@@ -263,11 +265,13 @@ std::vector<Convolution> FewGeometries() {
 template <typename T>
 void CrossArithmetic(bool use_fp16_acc) {
   testing::Random random(0xa717);
+  int turn = 0;
   for (Convolution c : FewGeometries()) {
     for (const int width : WidthsOf(T{})) {
       for (const int shift : {0, 1, 4, 31, -3, 127, -128}) {
         for (const bool elementwise : {false, true}) {
           for (const Data data : {Data::kSmall, Data::kCorners, Data::kFull}) {
+            if (++turn % testing::Step(5) != 0) continue;
             c.accumulator_size = width;
             c.mult_shift = shift;
             c.use_fp16_acc = use_fp16_acc;

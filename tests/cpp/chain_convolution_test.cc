@@ -71,7 +71,7 @@ void CrossOutChannels(uint64_t seed) {
   int turn = 0;
   for (const ChainRecipe& recipe : ChainRecipes<T>()) {
     for (const int out_channels : kOutChannels) {
-      if (++turn % testing::Step(3) != 0) continue;
+      if (++turn % testing::Step(7) != 0) continue;
       ASSERT_NO_FATAL_FAILURE(CheckShape<T>(&random, recipe, random.Between(1, 14),
                                             random.Pick(kInChannels), out_channels))
           << recipe.name;
@@ -260,7 +260,7 @@ TEST(ChainConvolution, LeftToTheDefinition) {
 template <typename T>
 void CheckThreads(const ChainRecipe& recipe, Random* random) {
   for (const int32_t batch : {2, 20, 21, 41}) {
-    if (testing::kSanitized && random->Between(0, 2) != 0) continue;
+    if (testing::kSanitized && random->Between(0, 4) != 0) continue;
     Convolution c = Plain(3, 5, 3, 2, 3, 17);
     c.batch = batch;
     c.same = true;

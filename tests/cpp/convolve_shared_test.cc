@@ -92,7 +92,7 @@ void CheckRecipes(uint64_t seed) {
     const testing::ForcedTarget forced(target);
     for (const ChainRecipe& recipe : testing::ChainRecipes<T>()) {
       for (Convolution c : Shapes()) {
-        if (random.Between(0, testing::kSanitized ? 4 : 1) != 0) continue;
+        if (random.Between(0, testing::kSanitized ? 7 : 1) != 0) continue;
         c.batch = random.Pick(std::vector<int32_t>{1, 2, 10});
         const auto data = testing::DrawRecipe<T>(&random, recipe, random.Flag(), &c);
         ASSERT_NO_FATAL_FAILURE(
@@ -141,7 +141,7 @@ std::vector<std::string> LinesOf(const std::string& text) {
 // Images whose sums, and so whose lines, are all different; then the depthwise ones, whose red line
 // comes last.
 TEST(ConvolveShared, EachImageKeepsTheOrderOfItsLines) {
-  for (const int32_t batch : {2, 3, 30}) {
+  for (const int32_t batch : {2, 3, testing::kSanitized ? 8 : 30}) {
     Convolution c = Plain(6, 5, 3, 3, 3, 33);
     c.batch = batch;
     c.accumulator_size = 40;

@@ -45,16 +45,19 @@ void* AllocateOrFail(size_t size, size_t alignment) {
   return memory;
 }
 
+// Not inlined: beside an operator new that is not, the compiler would warn of a pair that differs.
+[[gnu::noinline]] void Free(void* memory) noexcept { std::free(memory); }
+
 }  // namespace
 
 void* operator new(size_t size) { return AllocateOrFail(size, alignof(std::max_align_t)); }
 void* operator new(size_t size, std::align_val_t alignment) {
   return AllocateOrFail(size, static_cast<size_t>(alignment));
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t, std::align_val_t) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept { Free(memory); }
+void operator delete(void* memory, size_t) noexcept { Free(memory); }
+void operator delete(void* memory, std::align_val_t) noexcept { Free(memory); }
+void operator delete(void* memory, size_t, std::align_val_t) noexcept { Free(memory); }
 
 namespace bitfold {
 namespace {

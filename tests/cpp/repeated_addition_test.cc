@@ -419,14 +419,15 @@ template <typename... Addends>
 
 // Corners with corners, few passes and more than are made at once.
 TEST(ProvenPasses, FloatCornersAgainstEveryPass) {
+  int turn = 0;
   for (const bool use_fp16_acc : {false, true}) {
     for (const int width : {8, 24}) {
       if (use_fp16_acc && width != 24) continue;
       const Datapath<float> datapath(width, 0, use_fp16_acc);
       for (const float acc : testing::Corners<float>()) {
         for (const float addend : testing::Corners<float>()) {
+          if (++turn % testing::Step(7) != 0) continue;
           for (const int64_t passes : {3, 255, 256, 300}) {
-            if (passes == 255 && testing::Step(2) > 1) continue;
             ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, passes, addend));
           }
           ASSERT_TRUE(FloatProvenSameAsEvery(datapath, acc, 300, addend, 2.0f));

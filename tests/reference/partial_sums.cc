@@ -93,10 +93,6 @@ class Lists {
   const int64_t* const bias_;
 };
 
-bool Holds(int32_t size, Wide sum) {
-  return -PowerOfTwo(size - 1) <= sum && sum < PowerOfTwo(size - 1);
-}
-
 void Widen(Wide sum, int64_t* least, int64_t* greatest) {
   *least = static_cast<int64_t>(std::min<Wide>(*least, sum));
   *greatest = static_cast<int64_t>(std::max<Wide>(*greatest, sum));
@@ -111,7 +107,8 @@ void AddSums(const std::vector<Wide>& sums, const std::vector<int32_t>& sizes,
   Widen(sums.empty() ? last : *std::max_element(sums.begin(), sums.end()), &channel->least_partial,
         &channel->greatest_partial);
   for (size_t i = 0; i < sizes.size(); ++i) {
-    const auto is_outside = [&](Wide sum) { return !Holds(sizes[i], sum); };
+    const Wide end = PowerOfTwo(sizes[i] - 1);
+    const auto is_outside = [end](Wide sum) { return sum < -end || end <= sum; };
     channel->ends_outside[i] += is_outside(last) ? 1 : 0;
     channel->partials_outside[i] += std::count_if(sums.begin(), sums.end(), is_outside);
     const auto first = std::find_if(sums.begin(), sums.end(), is_outside);
