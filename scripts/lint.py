@@ -4,8 +4,9 @@
 
     .venv/bin/python scripts/lint.py [--all | --no-tidy] [--junit FILE]
 
-clang-tidy reads what the preset `tests` compiles, as it compiles it: the sources in src, and with
---all those in tests, too, which takes minutes.
+clang-tidy reads what the preset `tests` compiles, as it compiles it: the sources in src; its
+analyzer, which follows paths, goes less far. With --all also those in tests, and as far as it
+goes, which takes many minutes.
 """
 
 from __future__ import annotations
@@ -21,6 +22,8 @@ from concurrent.futures import ThreadPoolExecutor
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "tests"
+# Of functions that are called the analyzer follows small ones alone: a fifth of its time.
+SHALLOW = [f"--extra-arg={a}" for a in ("-Xclang", "-analyzer-config", "-Xclang", "mode=shallow")]
 FORMATTED = ("*.h", "*.cc", "*.cu", "*.c", "*.inc")
 
 
@@ -39,7 +42,7 @@ def formatted_files() -> list[str]:
     return [name for name in names.split("\0") if name and (ROOT / name).exists()]
 
 
-def checks(folders: tuple[str, ...]) -> dict[str, list[str]]:
+def checks(folders: tuple[str, ...], *, deep: bool) -> dict[str, list[str]]:
     """Return the command of each check by its name."""
     ruff = [sys.executable, "-m", "ruff"]
     found = {
@@ -49,6 +52,7 @@ def checks(folders: tuple[str, ...]) -> dict[str, list[str]]:
     }
     if folders:
         tidy = ["clang-tidy", "-p", str(BUILD), "--quiet", "--warnings-as-errors=*"]
+        tidy += [] if deep else SHALLOW
         found |= {f"clang-tidy {s}": [*tidy, s] for s in compiled_sources(folders)}
     return found
 
@@ -66,13 +70,13 @@ def main() -> int:
     """Run the checks on all cores; return the exit status."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     which = parser.add_mutually_exclusive_group()
-    which.add_argument("--all", action="store_true", help="clang-tidy over tests, too")
+    which.add_argument("--all", action="store_true", help="clang-tidy over tests, too, and deeper")
     which.add_argument("--no-tidy", action="store_true", help="no clang-tidy")
     parser.add_argument("--junit", type=pathlib.Path, help="where to write the results")
     options = parser.parse_args()
 
     folders = () if options.no_tidy else ("src", "tests") if options.all else ("src",)
-    commands = checks(folders)
+    commands = checks(folders, deep=options.all)
     suite = ElementTree.Element("testsuite", name="lint")
     failed = 0
     with ThreadPoolExecutor(os.cpu_count()) as pool:
