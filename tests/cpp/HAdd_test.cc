@@ -18,7 +18,6 @@
 namespace bitfold {
 namespace {
 
-using testing::Addition;
 using testing::HAddTraits;
 using testing::Same;
 

@@ -529,7 +529,7 @@ TEST(HFloat, BinaryDigits) {
 
 std::string BitString(const FPX& x) {
   char* text = FPX_to_BitString(&x);
-  const std::string copy = text;
+  std::string copy = text;
   std::free(text);
   return copy;
 }

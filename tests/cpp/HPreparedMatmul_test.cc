@@ -26,10 +26,7 @@ namespace {
 using testing::CheckMatmul;
 using testing::FillMatmul;
 using testing::MatmulRecipe;
-using testing::Numbers;
-using testing::Path;
 using testing::PreparedMatmulCase;
-using testing::Ran;
 using testing::Random;
 
 // ---- Worked examples ---------------------------------------------------------------------------
@@ -271,7 +268,7 @@ TYPED_TEST(PreparedProducts, SumsAtTheEndsOf32Bits) {
         c.zero_points[0] = c.zero_points[1] = zero_point;
         c.first.assign(static_cast<size_t>(inner), Limits::min());
         c.second.assign(static_cast<size_t>(inner), second);
-        c.mode = {Rescaling::kTwoRoundings, 0, 0, Out(-100), Out(100)};
+        c.mode = {Rescaling::kTwoRoundings, 0, 0, -100, 100};
         c.multipliers = {0x1.8p-25};
         ASSERT_TRUE(CheckMatmul(c));
       }

@@ -167,7 +167,8 @@ TEST(ChainConvolution, RealisticWideFloatLayers) {
     for (int64_t i = 0; i < testing::FilterCount(c); ++i) {
       int sum = 0;
       for (int k = 0; k < 4; ++k) sum += random.Between(-127, 127);
-      data.filter.push_back(static_cast<float>(sum / 4));
+      const int quarter = sum / 4;
+      data.filter.push_back(static_cast<float>(quarter));
     }
     ASSERT_TRUE(CheckChains(c, data, 0, [](Target target) {
       return std::optional<ChainPath>(target == Target::kAvx512Vnni ? ChainPath::kDotBytes

@@ -149,7 +149,8 @@ TEST(ConvolveShared, EachImageKeepsTheOrderOfItsLines) {
     data.filter.assign(static_cast<size_t>(testing::FilterCount(c)), 1.5f);
     const int64_t in_image = testing::InputCount(c) / batch;
     for (int64_t i = 0; i < testing::InputCount(c); ++i) {
-      data.input.push_back(1500000.0f + static_cast<float>(i % in_image * 100 + i / in_image));
+      const int64_t step = i % in_image * 100 + i / in_image;
+      data.input.push_back(1500000.0f + static_cast<float>(step));
     }
     std::vector<std::vector<std::string>> expected;
     std::vector<float> output(static_cast<size_t>(testing::OutputCount(c)));

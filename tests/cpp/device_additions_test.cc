@@ -31,7 +31,6 @@ using testing::AdditionCase;
 using testing::Data;
 using testing::Describe;
 using testing::DeviceEmulation;
-using testing::ExactBuffer;
 using testing::Output;
 using testing::Path;
 using testing::Ran;

@@ -22,7 +22,6 @@ namespace {
 using reference::Convolution;
 using testing::Random;
 
-constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
 constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
 
 // ---- Without products --------------------------------------------------------------------------

@@ -19,8 +19,9 @@
 
 namespace bitfold::testing {
 
+// The implicit copy of an array has names of its own, which clang-tidy takes for names here.
 template <typename T>
-struct BilinearCase {
+struct BilinearCase {  // NOLINT(bugprone-reserved-identifier)
   using Element = T;
   static constexpr const char* kName = "HBilinear";
 

@@ -54,7 +54,7 @@ struct RequantiseCase {
     char multiplier[40];
     std::snprintf(multiplier, sizeof(multiplier), "%a", MultiplierOf(i));
     const ChannelMultiplier shifted = ShiftedMultiplier(MultiplierOf(i), mode.shift);
-    return std::string(NameOf(mode.rescaling)) + Describe(", sum", sums[static_cast<size_t>(i)]) +
+    return std::string{NameOf(mode.rescaling)} + Describe(", sum", sums[static_cast<size_t>(i)]) +
            "multiplier=" + multiplier +
            Describe(" mantissa", shifted.fixed.mantissa, "exponent", shifted.fixed.exponent,
                     "shift", mode.shift, "zero point", mode.zero_point, "minimum", mode.minimum,
