@@ -63,7 +63,7 @@ void Fuzz(FuzzInput* input) {
   Both a = ReadValue(input, exp_len, man_len);
   Both b = ReadValue(input, exp_len, man_len);
   Both out = ReadValue(input, exp_len, input->Flag() ? man_len : input->Byte());
-  const std::string inputs = Text(a.actual) + ", " + Text(b.actual) + ", " + Text(out.actual);
+  std::string inputs = Text(a.actual) + ", " + Text(b.actual) + ", " + Text(out.actual);
 
   add_sub_floatX(a.actual, b.actual, &out.actual);
   reference::FpxAdd(a.expected, b.expected, &out.expected, &record);
