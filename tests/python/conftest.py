@@ -6,6 +6,7 @@ All are of session scope, so that property tests may use them.
 """
 
 import os
+import random
 
 # Before TensorFlow is imported: no chatter below error severity, but the errors, which are tested.
 if os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2") not in ("0", "1", "2"):
@@ -27,6 +28,12 @@ hypothesis.settings.register_profile(
     database=None,
 )
 hypothesis.settings.load_profile("bitfold")
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_runtest_setup(item: pytest.Item) -> None:
+    """Seed what Keras draws the seeds of new weights from: a test has the same ones each time."""
+    random.seed(item.nodeid)
 
 
 @pytest.fixture(scope="session")

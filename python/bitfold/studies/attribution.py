@@ -90,6 +90,7 @@ def attribute(
 
     Example:
         >>> import bitfold, keras, numpy as np
+        >>> keras.utils.set_random_seed(1)
         >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
         >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
         >>> network = bitfold.Network.from_keras(model, calibration=x)
