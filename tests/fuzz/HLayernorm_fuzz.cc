@@ -41,24 +41,27 @@ LayerNormCase ReadLayerNorm(FuzzInput* input) {
   return c;
 }
 
+void Compare(FuzzInput* input) {
+  const LayerNormCase c = ReadLayerNorm(input);
+  const int offset = input->Between(0, 3);
+  BackwardParts parts(input->Between(1, 4));
+  const auto describe = [&c](int64_t i) { return c.Inputs(i); };
+  ExactBuffer<float> oracle(c.count());
+  if (OracleLayerNorm(c, &oracle) != reference::LayernormStatus::kOk) return;
+  const auto definition = RunLayerNormBy(c, run_layernorm, offset);
+  RequireSame(oracle.data(), definition.data(), c.count(), "definition", describe);
+  for (const auto& [target, name] : SupportedTargets()) {
+    const ForcedTarget forced(target);
+    const auto loops = RunLayerNormBy(c, SharedBy<ComputeLayernorm>(&parts), offset);
+    RequireSame(definition.data(), loops.data(), c.count(), name, describe);
+  }
+}
+
 }  // namespace
 }  // namespace bitfold::testing
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace bitfold::testing;
-  FuzzInput input(data, size);
-  const LayerNormCase c = ReadLayerNorm(&input);
-  const int offset = input.Between(0, 3);
-  BackwardParts parts(input.Between(1, 4));
-  const auto describe = [&c](int64_t i) { return c.Inputs(i); };
-  ExactBuffer<float> oracle(c.count());
-  if (OracleLayerNorm(c, &oracle) != reference::LayernormStatus::kOk) return 0;
-  const auto definition = RunLayerNormBy(c, bitfold::run_layernorm, offset);
-  RequireSame(oracle.data(), definition.data(), c.count(), "definition", describe);
-  for (const auto& [target, name] : SupportedTargets()) {
-    const ForcedTarget forced(target);
-    const auto loops = RunLayerNormBy(c, SharedBy<bitfold::ComputeLayernorm>(&parts), offset);
-    RequireSame(definition.data(), loops.data(), c.count(), name, describe);
-  }
+  bitfold::testing::FuzzInput input(data, size);
+  bitfold::testing::Compare(&input);
   return 0;
 }

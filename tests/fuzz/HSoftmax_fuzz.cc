@@ -38,25 +38,28 @@ SoftmaxCase ReadSoftmax(FuzzInput* input) {
   return c;
 }
 
-}  // namespace
-}  // namespace bitfold::testing
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace bitfold::testing;
-  FuzzInput input(data, size);
-  const SoftmaxCase c = ReadSoftmax(&input);
-  const int offset = input.Between(0, 3);
-  BackwardParts parts(input.Between(1, 4));
+void Compare(FuzzInput* input) {
+  const SoftmaxCase c = ReadSoftmax(input);
+  const int offset = input->Between(0, 3);
+  BackwardParts parts(input->Between(1, 4));
   const auto describe = [&c](int64_t i) { return c.Inputs(i); };
   const auto oracle = OracleSoftmax(c);
-  const auto definition = RunSoftmaxBy(c, bitfold::run_softmax, offset);
+  const auto definition = RunSoftmaxBy(c, run_softmax, offset);
   RequireSame(oracle.values.data(), definition.values.data(), c.count(), "definition", describe);
   RequireSameText(oracle.lines, definition.lines, "definition", describe(0));
   for (const auto& [target, name] : SupportedTargets()) {
     const ForcedTarget forced(target);
-    const auto loops = RunSoftmaxBy(c, SharedBy<bitfold::ComputeSoftmax>(&parts), offset);
+    const auto loops = RunSoftmaxBy(c, SharedBy<ComputeSoftmax>(&parts), offset);
     RequireSame(definition.values.data(), loops.values.data(), c.count(), name, describe);
     RequireSameText(definition.lines, loops.lines, name, describe(0));
   }
+}
+
+}  // namespace
+}  // namespace bitfold::testing
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  bitfold::testing::FuzzInput input(data, size);
+  bitfold::testing::Compare(&input);
   return 0;
 }

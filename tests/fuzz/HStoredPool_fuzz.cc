@@ -76,8 +76,9 @@ void CompareMean(FuzzInput* input) {
 }  // namespace bitfold::testing
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace bitfold::testing;
-  FuzzInput input(data, size);
+  using bitfold::testing::CompareMean;
+  using bitfold::testing::ComparePool;
+  bitfold::testing::FuzzInput input(data, size);
   switch (input.Between(0, 3)) {
     case 0:
       ComparePool<int8_t>(&input);

@@ -43,8 +43,8 @@ void Compare(FuzzInput* input) {
 }  // namespace bitfold::testing
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace bitfold::testing;
-  FuzzInput input(data, size);
+  using bitfold::testing::Compare;
+  bitfold::testing::FuzzInput input(data, size);
   switch (input.Between(0, 2)) {
     case 0:
       Compare<int8_t>(&input);

@@ -56,26 +56,29 @@ ActivationCase ReadActivation(FuzzInput* input) {
   return c;
 }
 
+void Compare(FuzzInput* input) {
+  const ActivationCase c = ReadActivation(input);
+  const int offset = input->Between(0, 3);
+  BackwardParts parts(input->Between(1, 4));
+  const auto describe = [&c](int64_t i) { return c.Inputs(i); };
+  reference::ActivationStatus status;
+  const auto oracle = OracleActivation(c, &status);
+  if (status != reference::ActivationStatus::kOk) return;
+  const auto zeroed = RunActivationBy(c, DefineActivation, offset, 0);
+  RequireSame(oracle.data(), zeroed.data(), c.count(), "definition", describe);
+  const auto definition = RunActivationBy(c, DefineActivation, offset);
+  for (const auto& [target, name] : SupportedTargets()) {
+    const ForcedTarget forced(target);
+    const auto loops = RunActivationBy(c, SharedBy<ComputeActivation>(&parts), offset);
+    RequireSame(definition.data(), loops.data(), c.count(), name, describe);
+  }
+}
+
 }  // namespace
 }  // namespace bitfold::testing
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace bitfold::testing;
-  FuzzInput input(data, size);
-  const ActivationCase c = ReadActivation(&input);
-  const int offset = input.Between(0, 3);
-  BackwardParts parts(input.Between(1, 4));
-  const auto describe = [&c](int64_t i) { return c.Inputs(i); };
-  reference::ActivationStatus status;
-  const auto oracle = OracleActivation(c, &status);
-  if (status != reference::ActivationStatus::kOk) return 0;
-  const auto zeroed = RunActivationBy(c, bitfold::DefineActivation, offset, 0);
-  RequireSame(oracle.data(), zeroed.data(), c.count(), "definition", describe);
-  const auto definition = RunActivationBy(c, bitfold::DefineActivation, offset);
-  for (const auto& [target, name] : SupportedTargets()) {
-    const ForcedTarget forced(target);
-    const auto loops = RunActivationBy(c, SharedBy<bitfold::ComputeActivation>(&parts), offset);
-    RequireSame(definition.data(), loops.data(), c.count(), name, describe);
-  }
+  bitfold::testing::FuzzInput input(data, size);
+  bitfold::testing::Compare(&input);
   return 0;
 }
