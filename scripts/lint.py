@@ -27,6 +27,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "tests"
 # Of functions that are called the analyzer follows small ones alone: a fifth of its time.
 SHALLOW = [f"--extra-arg={a}" for a in ("-Xclang", "-analyzer-config", "-Xclang", "mode=shallow")]
+# Reads the installed headers with words of its own for their integers: other findings, none true.
+UNREAD = {"tests/proofs/text_rules.cc"}
 FORMATTED = ("*.h", "*.cc", "*.cu", "*.c", "*.inc")
 
 
@@ -35,7 +37,7 @@ def compiled_sources(folder: str) -> list[str]:
     commands = json.loads((BUILD / "compile_commands.json").read_text())
     sources = {pathlib.Path(command["file"]).resolve() for command in commands}
     inside = [source for source in sources if source.is_relative_to(ROOT / folder)]
-    return sorted(source.relative_to(ROOT).as_posix() for source in inside)
+    return sorted({source.relative_to(ROOT).as_posix() for source in inside} - UNREAD)
 
 
 def formatted_files() -> list[str]:

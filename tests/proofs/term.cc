@@ -4,6 +4,7 @@
 #include "proofs/term.h"
 
 #include <map>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <unordered_map>
@@ -33,79 +34,47 @@ int64_t Signed(const Term& term) {
 }
 
 // The value of an operation on constants where paths need one, else nothing.
-bool Fold(const std::string& op, int sort, const std::vector<TermPointer>& x, uint64_t* value) {
+std::optional<uint64_t> Fold(const std::string& op, int sort, const std::vector<TermPointer>& x) {
   for (const TermPointer& operand : x) {
-    if (!operand->is_constant || operand->sort > 64) return false;
+    if (!operand->is_constant || operand->sort > 64) return std::nullopt;
   }
-  if (sort > 64) return false;
+  if (sort > 64) return std::nullopt;
   const uint64_t a = x[0]->value;
   const uint64_t b = x.size() > 1 ? x[1]->value : 0;
   const bool of_words = x[0]->sort != 0;
   const int64_t sa = of_words ? Signed(*x[0]) : 0;
   const int64_t sb = x.size() > 1 && of_words ? Signed(*x[1]) : 0;
-  if (op == "bvadd")
-    *value = a + b;
-  else if (op == "bvsub")
-    *value = a - b;
-  else if (op == "bvmul")
-    *value = a * b;
-  else if (op == "bvand")
-    *value = a & b;
-  else if (op == "bvor")
-    *value = a | b;
-  else if (op == "bvxor")
-    *value = a ^ b;
-  else if (op == "bvnot")
-    *value = ~a;
-  else if (op == "bvshl")
-    *value = b >= static_cast<uint64_t>(sort) ? 0 : a << b;
-  else if (op == "bvlshr")
-    *value = b >= static_cast<uint64_t>(sort) ? 0 : a >> b;
-  else if (op == "bvashr")
-    *value = static_cast<uint64_t>(sa >> (b > 63 ? 63 : b));
-  else if (op == "bvsdiv" && sb != 0 && sb != -1)
-    *value = static_cast<uint64_t>(sa / sb);
-  else if (op == "bvsrem" && sb != 0 && sb != -1)
-    *value = static_cast<uint64_t>(sa % sb);
-  else if (op == "bvudiv" && b != 0)
-    *value = a / b;
-  else if (op == "bvurem" && b != 0)
-    *value = a % b;
-  else if (op == "=")
-    *value = a == b;
-  else if (op == "distinct")
-    *value = a != b;
-  else if (op == "bvslt")
-    *value = sa < sb;
-  else if (op == "bvsle")
-    *value = sa <= sb;
-  else if (op == "bvsgt")
-    *value = sa > sb;
-  else if (op == "bvsge")
-    *value = sa >= sb;
-  else if (op == "bvult")
-    *value = a < b;
-  else if (op == "bvule")
-    *value = a <= b;
-  else if (op == "bvugt")
-    *value = a > b;
-  else if (op == "bvuge")
-    *value = a >= b;
-  else if (op == "not")
-    *value = a == 0;
-  else if (op == "or")
-    *value = a != 0 || b != 0;
-  else if (op == "and")
-    *value = a != 0 && b != 0;
-  else if (op.rfind("(_ extract", 0) == 0)
-    *value = a;  // from bit 0 on
-  else if (op.rfind("(_ zero_extend", 0) == 0)
-    *value = a;
-  else if (op.rfind("(_ sign_extend", 0) == 0)
-    *value = static_cast<uint64_t>(sa);
-  else
-    return false;
-  return true;
+  if (op == "bvadd") return a + b;
+  if (op == "bvsub") return a - b;
+  if (op == "bvmul") return a * b;
+  if (op == "bvand") return a & b;
+  if (op == "bvor") return a | b;
+  if (op == "bvxor") return a ^ b;
+  if (op == "bvnot") return ~a;
+  if (op == "bvshl") return b >= static_cast<uint64_t>(sort) ? 0 : a << b;
+  if (op == "bvlshr") return b >= static_cast<uint64_t>(sort) ? 0 : a >> b;
+  if (op == "bvashr") return static_cast<uint64_t>(sa >> (b > 63 ? 63 : b));
+  if (op == "bvsdiv" && sb != 0 && sb != -1) return static_cast<uint64_t>(sa / sb);
+  if (op == "bvsrem" && sb != 0 && sb != -1) return static_cast<uint64_t>(sa % sb);
+  if (op == "bvudiv" && b != 0) return a / b;
+  if (op == "bvurem" && b != 0) return a % b;
+  if (op == "=") return a == b;
+  if (op == "distinct") return a != b;
+  if (op == "bvslt") return sa < sb;
+  if (op == "bvsle") return sa <= sb;
+  if (op == "bvsgt") return sa > sb;
+  if (op == "bvsge") return sa >= sb;
+  if (op == "bvult") return a < b;
+  if (op == "bvule") return a <= b;
+  if (op == "bvugt") return a > b;
+  if (op == "bvuge") return a >= b;
+  if (op == "not") return a == 0;
+  if (op == "or") return a != 0 || b != 0;
+  if (op == "and") return a != 0 && b != 0;
+  if (op.rfind("(_ extract", 0) == 0) return a;  // from bit 0 on
+  if (op.rfind("(_ zero_extend", 0) == 0) return a;
+  if (op.rfind("(_ sign_extend", 0) == 0) return static_cast<uint64_t>(sa);
+  return std::nullopt;
 }
 
 // How often each term stands in another, for those that are worth a name.
@@ -131,12 +100,10 @@ TermPointer Parameter(const std::string& name, int bits) {
 }
 
 TermPointer Apply(const std::string& operation, int sort, std::vector<TermPointer> operands) {
-  uint64_t value;
-  if (Fold(operation, sort, operands, &value)) {
-    return sort == 0 ? Truth(value != 0) : Constant(sort, value);
+  if (const auto value = Fold(operation, sort, operands)) {
+    return sort == 0 ? Truth(*value != 0) : Constant(sort, *value);
   }
-  if (operation == "and" && operands[0]->is_constant)
-    return operands[0]->value ? operands[1] : operands[0];
+  if (operation == "and" && operands[0]->is_constant) return operands[operands[0]->value ? 1 : 0];
   if (operation == "ite" && operands[0]->is_constant) return operands[operands[0]->value ? 1 : 2];
   return Make({operation, std::move(operands), sort, false, 0});
 }

@@ -340,7 +340,7 @@ bool ListAddends(const Place<T>& at, std::vector<Addend<T>>* addends) {
     }
     const bool is_centre = Wrap32(static_cast<Wide>(kh) * c.dilation_h) == centre;
     if (is_centre && at.elementwise != nullptr) {
-      addends->push_back({true, at.elementwise[at.output_index], T(0)});
+      addends->push_back({true, at.elementwise[at.output_index], T{0}});
     }
   }
   return corrected;
@@ -349,7 +349,7 @@ bool ListAddends(const Place<T>& at, std::vector<Addend<T>>* addends) {
 // Adds the list up, from zero.
 template <typename T>
 T Fold(const Convolution& c, const std::vector<Addend<T>>& addends, std::string* lines) {
-  T acc = T(0);
+  T acc = T{0};
   for (const Addend<T>& addend : addends) {
     const T step = addend.is_elementwise ? addend.first
                                          : ScaledProduct(addend.second, addend.first, c.mult_shift);

@@ -145,7 +145,7 @@ void CheckHalf() {
 template <typename T>
 T AddOne(T value, T elementwise, T factor, float repeat, int shift, int width, bool half,
          std::string* lines) {
-  T out = T(99);
+  T out = T{99};
   reference::Add<T>(&value, &elementwise, factor, repeat, shift, width, half, 1, &out, lines);
   return out;
 }
@@ -249,7 +249,7 @@ Convolution Column(int32_t rows, int width, int shift) {
 template <typename T>
 T ConvolveOne(const Convolution& c, const std::vector<T>& input, const std::vector<T>& filter,
               const T* elementwise, std::string* lines) {
-  T out = T(99);
+  T out = T{99};
   reference::Convolve<T>(c, input.data(), filter.data(), elementwise, &out, lines);
   return out;
 }
