@@ -150,6 +150,16 @@ def metric_of(metric: Any) -> Any:
     return metric
 
 
+def predict(call: Callable[[Any], Any], x: Any, batch_size: int, advance: Callable) -> Any:
+    """Return the outputs of data of any length as numpy arrays, computed batch by batch."""
+    parts = []
+    for part in batches(x, batch_size):
+        images = part[0] if isinstance(x, tf.data.Dataset) and type(part) is tuple else part
+        parts.append(tf.nest.map_structure(np.asarray, call(images)))
+        advance(len(tf.nest.flatten(parts[-1])[0]))
+    return _concatenated(parts) if parts else tf.nest.map_structure(np.asarray, call(x))
+
+
 def evaluate(
     call: Callable[[Any], Any], examples: Iterable[tuple[Any, Any]], metric: Any, advance: Callable
 ) -> float:
@@ -194,7 +204,7 @@ def progress(what: str, total: int | None) -> Iterator[Callable[[int], None]]:
         yield advance
 
 
-def concatenated(parts: Sequence[Any]) -> Any:
+def _concatenated(parts: Sequence[Any]) -> Any:
     """Join the outputs of batches: tensors, lists or dictionaries of them, to numpy arrays."""
     if isinstance(parts[0], Mapping):
         return {name: np.concatenate([part[name] for part in parts]) for name in parts[0]}

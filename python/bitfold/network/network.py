@@ -8,26 +8,24 @@ import base64
 import functools
 import logging
 import os
-from collections import Counter
-from collections.abc import Callable, Collection, Mapping, Sequence
+from collections.abc import Callable, Collection, Mapping
 from concurrent.futures import Executor
 from typing import Any, TextIO
 
 import keras
 import numpy as np
-import tensorflow as tf
 
-from bitfold._frame import warning_lines
 from bitfold._frame.compiling import refuse_xla
-from bitfold.network import archive, evaluation, naming, values
+from bitfold.network import archive, evaluation, naming, selection
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
 from bitfold.network.converter import convert_keras, convert_trained
-from bitfold.network.execution import HOST, Observe, Program, Scalars
+from bitfold.network.execution import Observe, Program
 from bitfold.network.graph import Node
+from bitfold.network.inference import Inference
 from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
-from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_norm
+from bitfold.network.operators import Step, step_of, unit_layer_norm
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 from bitfold.network.shards import evaluating
@@ -198,34 +196,18 @@ class Network:
             ValueError: for a key that means no layer, and for an arithmetic that a layer has not,
                 naming the layer.
         """
-        chosen = self._chosen(arithmetic)
+        layers = self.layers
+        names, operators = [layer.name for layer in layers], [layer.operator for layer in layers]
+        chosen = selection.by_layer(arithmetic, Arithmetic, "an Arithmetic", names, operators)
         result = object.__new__(Network)
         result._model, result._known_names = self._model, self._known_names
+        arithmetics = {
+            layer.position: layer.arithmetic if found is None else found
+            for layer, found in zip(layers, chosen, strict=True)
+        }
         steps = {step.node.operator.position: step for step in self._steps}
-        result._build(self._program.assembly, steps, chosen)
+        result._build(self._program.assembly, steps, arithmetics)
         return result
-
-    def _chosen(self, arithmetic: Arithmetic | Mapping[str, Arithmetic]) -> dict[int, Arithmetic]:
-        """Return the arithmetic of each operator by its position."""
-        current = {layer.position: layer.arithmetic for layer in self.layers}
-        if isinstance(arithmetic, Arithmetic):
-            return dict.fromkeys(current, arithmetic)
-        if not isinstance(arithmetic, Mapping):
-            raise TypeError(f"Need an Arithmetic or a dictionary of them, got {arithmetic!r}")
-        names = [layer.name for layer in self.layers]
-        kinds = [layer.operator for layer in self.layers]
-        found = []
-        for key, value in arithmetic.items():
-            if not isinstance(value, Arithmetic):
-                raise TypeError(f"Need an Arithmetic for {key!r}, got {value!r}")
-            exactness, layers = naming.matching(key, names, kinds)
-            if not layers:
-                raise ValueError(f"Need a layer, pattern or operator of {names}, got {key!r}")
-            found.append((exactness, layers, value))
-        for _, layers, value in sorted(found, key=lambda item: item[0]):
-            for i in layers:
-                current[self.layers[i].position] = value
-        return current
 
     def _build(
         self, assembly: Assembly, steps: Mapping[int, Step], arithmetics: Mapping[int, Arithmetic]
@@ -242,15 +224,14 @@ class Network:
             made.append(step)
         graph = assembly.graph
         self._steps = tuple(made)
-        run = unit_layer_norm.fused(made, find_patterns(assembly.nodes, graph.outputs))
         self.layers = tuple(map(Layer.of, names, made))
-        called = {layer.position: layer.name for layer in self.layers}
-        positions = [step.node.operator.position for step in run]
-        scopes = [_scope(position, called[position]) for position in positions]
-        self._program = Program(assembly, run, scopes)
         self.inputs = tuple(map(Port.of, graph.input_names, assembly.inputs))
         self.outputs = tuple(map(Port.of, graph.output_names, assembly.outputs))
-        self._functions: dict[Any, Callable] = {}
+        run = unit_layer_norm.fused(made, find_patterns(assembly.nodes, graph.outputs))
+        called = {layer.position: layer.name for layer in self.layers}
+        run_names = [called[step.node.operator.position] for step in run]
+        self._program = Program(assembly, run, run_names)
+        self._inference = Inference(self._program, graph.input_names)
 
     # ---- Computing -------------------------------------------------------------------------------
 
@@ -271,11 +252,7 @@ class Network:
             tf.errors.UnimplementedError: in a function that XLA is to compile.
         """
         refuse_xla()
-        images = self._images(x)
-        if not values.is_real(images, self._program.assembly.inputs):
-            results = self._function("stored", self._stored)(*images)
-        else:
-            results = self._function("real", self._real)(*self._quantised(images))
+        results = self._inference.outputs(x)
         if len(results) == 1:
             return results[0]
         names = [port.name for port in self.outputs]
@@ -291,7 +268,7 @@ class Network:
             By the index in the file, in the stored type, every quantised tensor that an operator
             writes and whose first dimension is the batch.
         """
-        return self._arrays("trace", self._traced, x)
+        return self._inference.trace(x)
 
     def accumulators(self, x: Any) -> dict[int, np.ndarray]:
         """Compute a batch and return the sums of every operator with an accumulator.
@@ -303,7 +280,7 @@ class Network:
             By the operator's position in the file, the sums with their bias before requantisation:
             int32; int64 where exact sums need it; float32 in half precision.
         """
-        return self._arrays("accumulators", self._summed, x)
+        return self._inference.accumulators(x)
 
     def predict(self, x: Any, batch_size: int | None = None) -> Any:
         """Compute arrays of any length, files or a dataset, batch by batch, with progress.
@@ -317,14 +294,8 @@ class Network:
             What a call gives, as numpy arrays.
         """
         size = self.batch_size(batch_size)
-        parts = []
-        with evaluation.progress("predict", self._count(x)) as advance:
-            for part in evaluation.batches(x, size):
-                images = part[0] if isinstance(x, tf.data.Dataset) and type(part) is tuple else part
-                parts.append(tf.nest.map_structure(np.asarray, self(images)))
-                first = tf.nest.flatten(parts[-1])[0]
-                advance(len(first))
-        return evaluation.concatenated(parts) if parts else self._nothing(x)
+        with evaluation.progress("predict", evaluation.count_images(x)) as advance:
+            return evaluation.predict(self, x, size, advance)
 
     def evaluate(
         self,
@@ -361,7 +332,7 @@ class Network:
         if executor is not None:
             data = Data(x, y, size, rows=self.inputs[0].shape[0])
             return evaluating.evaluate(self, self._anew, data, metric, executor)
-        with evaluation.progress("evaluate", self._count(x)) as advance:
+        with evaluation.progress("evaluate", evaluation.count_images(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
 
     def warnings(self) -> dict[str, dict[str, int]]:
@@ -376,12 +347,7 @@ class Network:
             ``"corrected_weights"`` and ``"softmax_overflows"``, of all calls until now; a layer
             without lines is left out.
         """
-        found: dict[str, Counter[str]] = {}
-        called = {_scope(layer.position, layer.name): layer.name for layer in self.layers}
-        for (_, node), counts in warning_lines.counts_below(self._program.scope).items():
-            name = called.get(node.split("/", 1)[0], node)
-            found.setdefault(name, Counter()).update(counts)
-        return {name: dict(counts) for name, counts in found.items()}
+        return self._program.warnings()
 
     @property
     def model_file(self) -> bytes:
@@ -406,18 +372,20 @@ class Network:
             returns what a call does, of several outputs a list, and what was seen by the position,
             as arrays.
         """
-        graphs: dict[bool, tuple[Callable, Scalars]] = {}
+        return self._inference.observed(observe)
 
-        def call(x: Any, states: Mapping[str, Any]) -> tuple[Any, dict[str, Any]]:
-            images = self._images(x)
-            is_real = values.is_real(images, self._program.assembly.inputs)
-            if is_real not in graphs:
-                graphs[is_real] = self._observing(observe, states, is_real)
-            graph, scalars = graphs[is_real]
-            results, seen = graph(self._quantised(images), dict(states))
-            return (results[0] if len(results) == 1 else list(results)), scalars.unpacked(*seen)
+    def batch_size(self, batch_size: int | None = None) -> int:
+        """Return how many images to compute at once: as given, or what keeps memory modest.
 
-        return call
+        Raises:
+            ValueError: for a number below 1.
+        """
+        if batch_size is None:
+            shapes = [shape for layer in self.layers for shape in layer.output_shapes]
+            return evaluation.default_batch_size(max((int(np.prod(s)) for s in shapes), default=1))
+        if batch_size < 1:
+            raise ValueError(f"Need batch_size >= 1, got {batch_size}")
+        return batch_size
 
     def as_layer(self, name: str | None = None) -> NetworkLayer:
         """Return a Keras layer that computes this network; it has no weights to train."""
@@ -436,116 +404,10 @@ class Network:
         products = sum(layer.multiply_adds for layer in self.layers)
         return f"<bitfold.Network of {len(self.layers)} operators, {products:,} multiply-adds>"
 
-    # ---- How -------------------------------------------------------------------------------------
-
-    def _images(self, x: Any) -> list[tf.Tensor]:
-        """Return the inputs as tensors, of floats or of their stored types."""
-        tensors = self._program.assembly.inputs
-        names = [port.name for port in self.inputs]
-        given = values.as_list(x, names, [len(tensor.shape) for tensor in tensors])
-        with tf.device(HOST):
-            images = list(map(values.as_input, given, names, tensors))
-        values.need_equal_batches(images, tensors)
-        return images
-
-    def _quantised(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
-        with tf.device(HOST):
-            return list(map(values.stored, images, self._program.assembly.inputs))
-
-    def _function(self, key: str, function: Callable) -> Callable:
-        """Return a graph of a function of the stored inputs."""
-        if key not in self._functions:
-            # Concrete: of a polymorphic one the runtime warns when many networks have traced it.
-
-            def run(*images: tf.Tensor) -> Any:
-                with tf.device(HOST):
-                    return function(*images)
-
-            traced = tf.function(run, input_signature=self._signature, autograph=False)
-            self._functions[key] = traced.get_concrete_function()
-        return self._functions[key]
-
     @property
     def _anew(self) -> Callable[[], Network]:
         """What makes a network of this one's file, sums exact; the same for each arithmetic."""
         return functools.partial(Network, self._model, known_names=self._known_names)
-
-    @property
-    def _signature(self) -> list[tf.TensorSpec]:
-        """Of a graph of the stored inputs."""
-        return [
-            tf.TensorSpec([None, *tensor.shape[1:]], tensor.dtype)
-            for tensor in self._program.assembly.inputs
-        ]
-
-    def _stored(self, *images: tf.Tensor) -> list[tf.Tensor]:
-        tensors = self._program.run(images)
-        return [tensors[index] for index in self._program.assembly.graph.outputs]
-
-    def _real(self, *images: tf.Tensor) -> list[tf.Tensor]:
-        return list(map(values.real, self._stored(*images), self._program.assembly.outputs))
-
-    def _traced(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
-        tensors = self._program.run(images)
-        written = (tensor for step in self._program.steps for tensor in step.node.outputs)
-        file = self._program.assembly.graph.tensors
-        return {
-            str(tensor.index): tensors[tensor.index]
-            for tensor in written
-            if tensor.is_quantised and _has_batch(file[tensor.index])
-        }
-
-    def _summed(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
-        sums: dict[str, tf.Tensor] = {}
-
-        def kept(step: SummingStep, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
-            found = sums[str(step.node.operator.position)] = step.sums(inputs)
-            return step.finish(found)
-
-        self._program.run(images, kept)
-        return sums
-
-    def _observing(
-        self, observe: Observe, states: Mapping[str, Any], is_real: bool
-    ) -> tuple[Callable, Scalars]:
-        """Return a graph of `observed`, and how to read what it saw."""
-        scalars = Scalars()
-
-        def run(images: Sequence[tf.Tensor], states: Mapping[str, Any]) -> tuple[list, dict]:
-            with tf.device(HOST):
-                outputs, seen = self._program.observed(images, observe, states)
-                if is_real:
-                    outputs = list(map(values.real, outputs, self._program.assembly.outputs))
-                return outputs, scalars.packed(seen)
-
-        kinds = tf.nest.map_structure(tf.type_spec_from_value, dict(states))
-        traced = tf.function(run, input_signature=[self._signature, kinds], autograph=False)
-        return traced.get_concrete_function(), scalars
-
-    def _arrays(self, key: str, function: Callable, x: Any) -> dict[int, np.ndarray]:
-        results = self._function(key, function)(*self._quantised(self._images(x)))
-        found = {int(place): value.numpy() for place, value in results.items()}
-        return dict(sorted(found.items()))
-
-    def batch_size(self, batch_size: int | None = None) -> int:
-        """Return how many images to compute at once: as given, or what keeps memory modest.
-
-        Raises:
-            ValueError: for a number below 1.
-        """
-        if batch_size is None:
-            shapes = [shape for layer in self.layers for shape in layer.output_shapes]
-            return evaluation.default_batch_size(max((int(np.prod(s)) for s in shapes), default=1))
-        if batch_size < 1:
-            raise ValueError(f"Need batch_size >= 1, got {batch_size}")
-        return batch_size
-
-    def _count(self, x: Any) -> int | None:
-        return evaluation.count_images(x)
-
-    def _nothing(self, x: Any) -> Any:
-        """Return the outputs of no images."""
-        return tf.nest.map_structure(np.asarray, self(x))
 
 
 def _unpacked(content: bytes) -> Network:
@@ -563,14 +425,3 @@ def _step(node: Node, arithmetic: Arithmetic, name: str) -> Step:
     except ValueError as error:
         place = f"operator {node.operator.position} {node.kind}"
         raise ValueError(f"layer {name!r} ({place}) in {arithmetic}: {error}") from None
-
-
-def _scope(position: int, name: str) -> str:
-    """Return a name for a layer's nodes in a graph, made of the letters that these allow."""
-    letters = "".join(letter if letter.isalnum() and letter.isascii() else "_" for letter in name)
-    return f"layer{position}_{letters}"
-
-
-def _has_batch(tensor) -> bool:
-    """Return whether the first dimension in the file is that of the images."""
-    return bool(tensor.shape) and (tensor.shape[0] == 1 or 0 in tensor.unknown)

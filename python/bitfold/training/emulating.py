@@ -12,7 +12,7 @@ from typing import Any
 import keras
 import tensorflow as tf
 
-from bitfold.network import naming
+from bitfold.network import selection
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.calibration import Calibration
 from bitfold.network.converter import model_inputs
@@ -110,9 +110,9 @@ def emulate(
     groups = groups_of(calls)
     summing = [group.layer for group in groups if group.kind == "weighted"]
     options = {
-        "arithmetic": _by_layer(arithmetic, summing, Arithmetic, Arithmetic()),
-        "filter_rule": _by_layer(filter_rule, summing, FilterRule, None),
-        "penalty": _by_layer(_mapped(_penalty, penalty), summing, Callable, None),
+        "arithmetic": _by_layer(arithmetic, summing, Arithmetic, "an Arithmetic", Arithmetic()),
+        "filter_rule": _by_layer(filter_rule, summing, FilterRule, "a FilterRule"),
+        "penalty": _by_layer(_mapped(_penalty, penalty), summing, Callable, "a function"),
     }
     for name, chosen in options["arithmetic"].items():
         _require_trainable(name, chosen)
@@ -173,29 +173,16 @@ def _require_trainable(name: str, arithmetic: Arithmetic) -> None:
 
 
 def _by_layer(
-    given: Any, layers: Sequence[keras.layers.Layer], kind: Any, default: Any
+    given: Any, layers: Sequence[keras.layers.Layer], kind: Any, what: str, default: Any = None
 ) -> dict[str, Any]:
-    """Return a setting for each layer by its name, of one for all or a mapping."""
+    """Return a setting for each layer by its name."""
     names = [layer.name for layer in layers]
     if given is None:
         return dict.fromkeys(names, default)
-    if isinstance(given, kind):
-        return dict.fromkeys(names, given)
-    what = kind.__name__
-    if not isinstance(given, Mapping):
-        raise TypeError(f"Need {what} or a dictionary of them, got {given!r}")
-    kinds = [PRODUCTS[type(layer)].kind if type(layer) in PRODUCTS else "" for layer in layers]
-    result, found = dict.fromkeys(names, default), []
-    for key, value in given.items():
-        if not isinstance(value, kind):
-            raise TypeError(f"Need {what} for {key!r}, got {value!r}")
-        exactness, indices = naming.matching(key, names, kinds)
-        if not indices:
-            raise ValueError(f"Need a layer, pattern or operator of {names}, got {key!r}")
-        found.append((exactness, indices, value))
-    for _, indices, value in sorted(found, key=lambda item: item[0]):
-        result.update({names[i]: value for i in indices})
-    return result
+    operators = [PRODUCTS[type(layer)].kind if type(layer) in PRODUCTS else "" for layer in layers]
+    found = selection.by_layer(given, kind, what, names, operators)
+    settings = [default if setting is None else setting for setting in found]
+    return dict(zip(names, settings, strict=True))
 
 
 def _calibrate(model: keras.Model, data: Calibration) -> None:
