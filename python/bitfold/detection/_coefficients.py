@@ -39,7 +39,8 @@ def fitted(
         dtype: see there.
 
     Returns:
-        The coefficients in the order of `products`, and the fields that both decoders' records share.
+        The coefficients in the order of `products`, and the fields that both decoders'
+        records share.
 
     Raises:
         ValueError: for settings out of range, and coefficients or sums that do not fit.
