@@ -15,8 +15,8 @@ from rich.console import Console
 from rich.markup import escape
 
 from bitfold.studies import cause_rows, rows, sentences, words
+from bitfold.studies.columns import Table
 from bitfold.studies.records import ChannelBits, Findings
-from bitfold.studies.rows import Table
 from bitfold.studies.series import all_series
 
 # Where the output is not a terminal, lines are as long as what they hold.
