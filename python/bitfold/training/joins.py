@@ -25,8 +25,6 @@ class EmulatedAddition(Ranged):
     Both operands are brought to twice the larger scale with 20 spare bits, added and requantised.
     """
 
-    operands = 2
-
     def __init__(self, *, subtracts: bool = False, **kwargs: Any) -> None:
         """Take whether the second operand is subtracted."""
         super().__init__(**kwargs)

@@ -25,9 +25,6 @@ class Emulated(keras.layers.Layer, trained.TrainedLayer):
     model's outputs. While a model is calibrated or exported, real numbers stand for the integers.
     """
 
-    # How many operands a call has.
-    operands = 1
-
     def __init__(self, *, gives_real: bool = False, **kwargs: Any) -> None:
         """Take whether real numbers come out, and the keywords of every Keras layer."""
         kwargs.setdefault("dtype", "float32")
