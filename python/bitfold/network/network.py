@@ -95,11 +95,22 @@ class Network:
         Args:
             source: its path, or its bytes.
 
+        Returns:
+            The network, all sums exact.
+
         Raises:
             OSError: for a path that cannot be read.
             ValueError: for a file that is damaged.
             bitfold.UnsupportedModelError: for a sound file with what Bitfold does not compute,
                 listing every operator concerned.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> bitfold.Network.from_tflite(network.model_file)
+            <bitfold.Network of 1 operators, 8 multiply-adds>
         """
         if isinstance(source, bytes | bytearray | memoryview):
             return cls(bytes(source))
@@ -126,10 +137,21 @@ class Network:
                 like what will come. None for a model that was trained in integers.
             activation_bits: 8, or 16 for tensors of 16 bits and weights of 8.
 
+        Returns:
+            The network, all sums exact, or in the arithmetic that it was trained in.
+
         Raises:
             ValueError: for calibration data or a number of bits that cannot be used.
             RuntimeError: where the converter fails.
             bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> [(layer.name, layer.operator, layer.filter.dtype.name) for layer in network.layers]
+            [('dense', 'FULLY_CONNECTED', 'int8')]
         """
         names = [layer.name for layer in model.layers]
         if not is_trained(model):
@@ -151,15 +173,52 @@ class Network:
     def load(cls, path: str | os.PathLike[str]) -> Network:
         """Read what `save` wrote.
 
+        Args:
+            path: of the file.
+
+        Returns:
+            The network, in the arithmetic that it was saved in.
+
         Raises:
             OSError: for a path that cannot be read.
             ValueError: for a file that is damaged or of another kind.
+
+        Example:
+            >>> import tempfile
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> narrow = network.with_arithmetic(bitfold.Arithmetic(accumulator_size=16))
+            >>> with tempfile.TemporaryDirectory() as folder:
+            ...     narrow.save(f"{folder}/narrow.bitfold")
+            ...     bitfold.Network.load(f"{folder}/narrow.bitfold").layers[0].arithmetic
+            Arithmetic(accumulator_size=16)
         """
         with open(path, "rb") as file:
             return cls(**archive.unpack(file.read(), os.fspath(path)))
 
     def save(self, path: str | os.PathLike[str]) -> None:
-        """Write the model file and the arithmetic of every layer into one file."""
+        """Write the model file and the arithmetic of every layer into one file.
+
+        Args:
+            path: of the file; one that is there is replaced as a whole.
+
+        Raises:
+            OSError: for a path that cannot be written.
+
+        Example:
+            >>> import tempfile
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> with tempfile.TemporaryDirectory() as folder:
+            ...     network.save(f"{folder}/dense.bitfold")
+            ...     again = bitfold.Network.load(f"{folder}/dense.bitfold")
+            >>> bool((again(x).numpy() == network(x).numpy()).all())
+            True
+        """
         archive.write(path, self._packed())
 
     def _packed(self) -> bytes:
@@ -170,12 +229,33 @@ class Network:
         )
 
     def get_config(self) -> dict[str, str]:
-        """Return what `from_config` needs, as Keras keeps it: what `save` writes, as text."""
+        """Return what `from_config` needs, as Keras keeps it: what `save` writes, as text.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> list(network.get_config())
+            ['file']
+        """
         return {"file": base64.b64encode(self._packed()).decode()}
 
     @classmethod
     def from_config(cls, config: Mapping[str, str]) -> Network:
-        """Make the network from `get_config`'s result."""
+        """Make the network from `get_config`'s result.
+
+        Args:
+            config: that result.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> bitfold.Network.from_config(network.get_config())
+            <bitfold.Network of 1 operators, 8 multiply-adds>
+        """
         return _unpacked(base64.b64decode(config["file"]))
 
     def __reduce__(self) -> tuple[Callable, tuple[bytes]]:
@@ -191,10 +271,22 @@ class Network:
                 layer a name goes before a pattern, a pattern before an operator, and of equals the
                 last holds. Layers that no key means stay as they are.
 
+        Returns:
+            A network of the same layers; those whose arithmetic stays are shared.
+
         Raises:
             TypeError: for anything but an `Arithmetic`.
             ValueError: for a key that means no layer, and for an arithmetic that a layer has not,
                 naming the layer.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> narrow = network.with_arithmetic({"den*": bitfold.Arithmetic(accumulator_size=12)})
+            >>> narrow.layers[0].arithmetic, network.layers[0].arithmetic
+            (Arithmetic(accumulator_size=12), Arithmetic())
         """
         layers = self.layers
         names, operators = [layer.name for layer in layers], [layer.operator for layer in layers]
@@ -267,6 +359,18 @@ class Network:
         Returns:
             By the index in the file, in the stored type, every quantised tensor that an operator
             writes and whose first dimension is the batch.
+
+        Raises:
+            TypeError: as for a call.
+            ValueError: as for a call.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> [(stored.shape, stored.dtype.name) for stored in network.trace(x).values()]
+            [((20, 2), 'int8')]
         """
         return self._inference.trace(x)
 
@@ -279,6 +383,18 @@ class Network:
         Returns:
             By the operator's position in the file, the sums with their bias before requantisation:
             int32; int64 where exact sums need it; float32 in half precision.
+
+        Raises:
+            TypeError: as for a call.
+            ValueError: as for a call.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> [(sums.shape, sums.dtype.name) for sums in network.accumulators(x).values()]
+            [((20, 2), 'int32')]
         """
         return self._inference.accumulators(x)
 
@@ -292,6 +408,19 @@ class Network:
 
         Returns:
             What a call gives, as numpy arrays.
+
+        Raises:
+            TypeError: as for a call.
+            ValueError: as for a call.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> outputs = network.predict(x, batch_size=8)
+            >>> outputs.shape, outputs.dtype.name
+            ((20, 2), 'float32')
         """
         size = self.batch_size(batch_size)
         with evaluation.progress("predict", evaluation.count_images(x)) as advance:
@@ -327,6 +456,17 @@ class Network:
                 workers.
             ValueError: for labels that do not fit, and data that cannot be sent to workers.
             bitfold.WorkerError: for a part of the work that an executor cannot do.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> labels = network.predict(x).argmax(axis=1)
+            >>> network.evaluate(x, labels), network.evaluate(x, 1 - labels)
+            (1.0, 0.0)
+            >>> network.evaluate(x, np.zeros([20, 2]), metric="mean_absolute_error") > 0
+            True
         """
         size = self.batch_size(batch_size)
         if executor is not None:
@@ -346,6 +486,17 @@ class Network:
             By the name of a layer the number of lines of each kind, ``"out_of_bounds"``,
             ``"corrected_weights"`` and ``"softmax_overflows"``, of all calls until now; a layer
             without lines is left out.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> layer = keras.layers.DepthwiseConv2D(1, depthwise_initializer="ones", name="scale")
+            >>> model = keras.Sequential([keras.Input((2, 2, 3)), layer])
+            >>> x = np.linspace(-1, 1, 60, dtype=np.float32).reshape(5, 2, 2, 3)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> narrow = network.with_arithmetic(bitfold.Arithmetic(accumulator_size=8))
+            >>> outputs = narrow(x)  # weights of 127 need more than 4 bits: a line for each image
+            >>> narrow.warnings()["scale"]["corrected_weights"]
+            5
         """
         return self._program.warnings()
 
@@ -371,14 +522,40 @@ class Network:
             operator, as text, of one shape at each call; an operator without one gets None. It
             returns what a call does, of several outputs a list, and what was seen by the position,
             as arrays.
+
+        Example:
+            >>> import bitfold, keras, numpy as np, tensorflow as tf
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> def observe(step, inputs, state):
+            ...     sums = step.sums(inputs)
+            ...     return step.finish(sums), {"largest": tf.reduce_max(tf.abs(sums))}
+            >>> outputs, seen = network.observed(observe)(x, {})
+            >>> int(seen["0"]["largest"]) == int(np.abs(network.accumulators(x)[0]).max())
+            True
         """
         return self._inference.observed(observe)
 
     def batch_size(self, batch_size: int | None = None) -> int:
         """Return how many images to compute at once: as given, or what keeps memory modest.
 
+        Args:
+            batch_size: as `predict` and its like take it, at least 1; or None.
+
+        Returns:
+            `batch_size`; of None as many as keep the largest tensor to some 32 MB, at most 256.
+
         Raises:
             ValueError: for a number below 1.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> network.batch_size(), network.batch_size(8)
+            (256, 8)
         """
         if batch_size is None:
             shapes = [shape for layer in self.layers for shape in layer.output_shapes]
@@ -388,7 +565,21 @@ class Network:
         return batch_size
 
     def as_layer(self, name: str | None = None) -> NetworkLayer:
-        """Return a Keras layer that computes this network; it has no weights to train."""
+        """Return a Keras layer that computes this network; it has no weights to train.
+
+        Args:
+            name: of the layer; by default Keras makes one.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> inputs = keras.Input((4,))
+            >>> model = keras.Model(inputs, keras.layers.Softmax()(network.as_layer()(inputs)))
+            >>> model.predict(x, verbose=0).shape
+            (20, 2)
+        """
         return NetworkLayer(self, name=name)
 
     def summary(self, file: TextIO | None = None) -> None:
@@ -396,6 +587,19 @@ class Network:
 
         Args:
             file: where to; standard output by default.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,), name="data")])
+            >>> model.add(keras.layers.Dense(2, kernel_initializer="ones", name="dense"))
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> network.summary()  # doctest: +NORMALIZE_WHITESPACE
+            input 'data': int8 1x4, scale 0.00784314, zero point -1
+            output 'dense': int8 1x2, scale 0.0301812, zero point -1
+            position  layer  operator         output  multiply-adds  arithmetic
+                   0  dense  FULLY_CONNECTED  1x2                 8  exact
+            1 operators, 8 multiply-adds for one image
         """
         print_summary(self, file)
 
