@@ -4,7 +4,6 @@
 
 from __future__ import annotations
 
-import dataclasses
 import numbers
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from typing import Any
@@ -164,11 +163,10 @@ def _penalty(given: Any) -> Any:
 
 
 def _require_trainable(name: str, arithmetic: Arithmetic) -> None:
-    units = [field for field, value in dataclasses.asdict(arithmetic).items() if value == "unit"]
-    if units:
+    if arithmetic.units:
         raise ValueError(
-            f'Need {units[0]}="model" to train layer {name!r}, got {arithmetic!r}: the tables of '
-            "units are made for scales that do not change"
+            f'Need {arithmetic.units[0]}="model" to train layer {name!r}, got {arithmetic!r}: the '
+            "tables of units are made for scales that do not change"
         )
 
 
