@@ -32,6 +32,10 @@ class Emulated(keras.layers.Layer, trained.TrainedLayer):
         self.supports_jit = False  # the ops have no XLA kernels
         self.gives_real = gives_real
 
+    def build(self, *shapes: Any, **named: Any) -> None:
+        """Build nothing; a layer that has what must be built overrides it."""
+        self.built = True
+
     def result(self, centred: tf.Tensor, grid: tf.Tensor) -> Any:
         """Return what a call gives."""
         if not self.gives_real:
