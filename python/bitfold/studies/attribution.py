@@ -27,7 +27,7 @@ import numpy as np
 from bitfold.network import Arithmetic, Layer, Network, Port, evaluation, values
 from bitfold.network.kernels import FloatModel
 from bitfold.network.operators import SummingStep
-from bitfold.studies.partners import float_file, partners_of
+from bitfold.studies.partners import Partners, float_file, partners_of
 from bitfold.studies.records import Attribution, Cause
 
 QUANTISATION = "quantisation"
@@ -102,13 +102,7 @@ def attribute(
         >>> first.signal_to_error["dense"] > 30 > last.signal_to_error["dense"]
         True
     """
-    floats = FloatModel(float_file(float_model))
-    partners = partners_of(network, floats.graph)
-    if not partners.tensors:
-        raise ValueError(
-            "Need a float model with layers of the network, found none of "
-            f"{', '.join(partners.missing)}"
-        )
+    floats, partners = _opened(network, float_file(float_model))
     if new_metric is not None and len(network.outputs) != 1:
         raise ValueError(f"Need a network of one output for a metric, got {len(network.outputs)}")
     plans = {name: causes_of(network, asked) for name, asked in arithmetics.items()}
@@ -253,6 +247,28 @@ def _has_whole_sums(state: Sequence[Arithmetic]) -> bool:
     return not any(arithmetic.use_fp16_acc for arithmetic in state)
 
 
+def checked(network: Network, float_model: Any) -> bytes:
+    """Return a model in floats as a model file that `attribute` takes, before work begins.
+
+    Raises:
+        OSError, TypeError, ValueError: as `attribute`, but for what needs images.
+    """
+    file = float_file(float_model)
+    _opened(network, file)
+    return file
+
+
+def _opened(network: Network, file: bytes) -> tuple[FloatModel, Partners]:
+    floats = FloatModel(file)
+    partners = partners_of(network, floats.graph)
+    if not partners.tensors:
+        raise ValueError(
+            "Need a float model with layers of the network, found none of "
+            f"{', '.join(partners.missing)}"
+        )
+    return floats, partners
+
+
 class _Measured:
     """A metric over batches that come in parts; without one nothing is kept."""
 
@@ -274,7 +290,7 @@ class _Measured:
     def finish_batch(self, labels: Any) -> None:
         """Measure a batch of which all parts are kept."""
         if self._metric is not None:
-            self._metric.update_state(labels, np.concatenate(self._outputs))
+            evaluation.update(self._metric, labels, np.concatenate(self._outputs))
             self._outputs.clear()
 
 
