@@ -210,8 +210,8 @@ def _add_data(parser: argparse.ArgumentParser, required: bool = True) -> None:
     group.add_argument(
         "--data", required=required, metavar="FILES", action="append",
         help="images as the network takes them: .npz with images and labels, .npy, TFRecord files, "
-        "or a folder of pictures with a folder for each class; a path or a pattern in quotes, may "
-        "be repeated",
+        "or a folder of pictures, with a folder for each class if they have labels; a path or a "
+        "pattern in quotes, may be repeated",
     )  # fmt: skip
     group.add_argument(
         "--labels", metavar="FILES", action="append",

@@ -23,7 +23,7 @@ import numpy as np
 from bitfold.network import Arithmetic, Network, Port, evaluation, values
 from bitfold.network.kernels import FloatModel
 from bitfold.studies.causes import ACCUMULATOR, causes_of
-from bitfold.studies.partners import float_file, partners_of
+from bitfold.studies.partners import Partners, float_file, partners_of
 from bitfold.studies.records import Attribution
 from bitfold.studies.signals import FloatRun, NetworkRun, slices
 
@@ -90,13 +90,7 @@ def attribute(
         >>> first.signal_to_error["dense"] > 30 > last.signal_to_error["dense"]
         True
     """
-    floats = FloatModel(float_file(float_model))
-    partners = partners_of(network, floats.graph)
-    if not partners.tensors:
-        raise ValueError(
-            "Need a float model with layers of the network, found none of "
-            f"{', '.join(partners.missing)}"
-        )
+    floats, partners = _opened(network, float_file(float_model))
     if new_metric is not None and len(network.outputs) != 1:
         raise ValueError(f"Need a network of one output for a metric, got {len(network.outputs)}")
     plans = {name: causes_of(network, asked) for name, asked in arithmetics.items()}
@@ -180,3 +174,25 @@ def _in_state(network: Network, state: Sequence[Arithmetic]) -> Network:
 def _has_whole_sums(state: Sequence[Arithmetic]) -> bool:
     """Return whether equal sums are requantised alike: those in half precision are floats."""
     return not any(arithmetic.use_fp16_acc for arithmetic in state)
+
+
+def checked(network: Network, float_model: Any) -> bytes:
+    """Return a model in floats as a model file that `attribute` takes, before work begins.
+
+    Raises:
+        OSError, TypeError, ValueError: as `attribute`, but for what needs images.
+    """
+    file = float_file(float_model)
+    _opened(network, file)
+    return file
+
+
+def _opened(network: Network, file: bytes) -> tuple[FloatModel, Partners]:
+    floats = FloatModel(file)
+    partners = partners_of(network, floats.graph)
+    if not partners.tensors:
+        raise ValueError(
+            "Need a float model with layers of the network, found none of "
+            f"{', '.join(partners.missing)}"
+        )
+    return floats, partners

@@ -15,7 +15,7 @@ from typing import Any
 
 import numpy as np
 
-from bitfold.network import Layer, Network
+from bitfold.network import Layer, Network, evaluation
 from bitfold.network.kernels import FloatModel
 from bitfold.network.operators import SummingStep
 from bitfold.studies.records import Cause
@@ -73,7 +73,7 @@ class _Measured:
     def finish_batch(self, labels: Any) -> None:
         """Measure a batch of which all parts are kept."""
         if self._metric is not None:
-            self._metric.update_state(labels, np.concatenate(self._outputs))
+            evaluation.update(self._metric, labels, np.concatenate(self._outputs))
             self._outputs.clear()
 
 

@@ -13,6 +13,7 @@ from typing import Any, TextIO
 from bitfold.network import Network, archive
 from bitfold.network.shards.data import Data
 from bitfold.studies import document, page, search, tables, terminal
+from bitfold.studies.attribution import checked
 from bitfold.studies.finding import attributed, found
 from bitfold.studies.measuring import measure
 from bitfold.studies.passes import Plan, check_biases
@@ -87,8 +88,8 @@ def study(
 
     Raises:
         OSError: for a `resume` that cannot be read or written, before work begins.
-        TypeError: for arithmetics that are none, a title that is no text, an executor that is none,
-            and a metric that cannot be sent to its workers.
+        TypeError: for a network or arithmetics that are none, a title that is no text, an executor
+            that is none, and a metric that cannot be sent to its workers.
         ValueError: for labels that do not fit, arithmetics that a layer has not, `partial_sums` of
             another kind, a `resume` of another study, and data that cannot be sent to workers.
         bitfold.WorkerError: for a part of the work that an executor cannot do.
@@ -105,10 +106,17 @@ def study(
         >>> study.results[0].name, study.results[0].layers[0].alone.sums
         ('12 bits', 150)
     """
+    if not isinstance(network, Network):
+        raise TypeError(
+            f"Need a bitfold.Network, got {type(network).__name__}; Network.from_keras makes one "
+            "of a Keras model and calibration data, Network.from_tflite of a file"
+        )
     if title is not None and not isinstance(title, str):
         raise TypeError(f"Need a title that is text or None, got {title!r}")
     check_biases(network)
     settings = settings_of(network, arithmetics)
+    if float_model is not None:
+        float_model = checked(network, float_model)
     size = network.batch_size(batch_size)
     data = Data(x, y, size, shard_size=shard_size, rows=network.inputs[0].shape[0])
     plan = Plan(network, settings, metric, data.has_labels, sample_of(partial_sums))
