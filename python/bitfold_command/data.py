@@ -60,10 +60,16 @@ def _found(
     files = paths.found(options.data)
     with open(files[0], "rb") as file:
         start = file.read(8)
-    if start.startswith(_ARRAY):
+    is_array, is_archive = start.startswith(_ARRAY), start.startswith(_ARCHIVE)
+    if (is_array or is_archive) and (options.scale != 1.0 or options.offset):
+        raise ValueError(
+            f"Need encoded pictures for --scale and --offset, got arrays in {options.data[0]}; "
+            "these are taken as they are"
+        )
+    if is_array:
         return _arrays(options), None
     labels = None if options.labels is None else bitfold.data.npy(options.labels)
-    if start.startswith(_ARCHIVE):
+    if is_archive:
         return _archives(options, files, network), labels
     if records.is_records(files[0]):
         return records.data(options, files, network), labels
@@ -80,9 +86,12 @@ def _pictures(options: argparse.Namespace, network: bitfold.Network) -> bitfold.
             "and more"
         )
     image = records.image_for(network, options)
+    with os.scandir(options.data[0]) as entries:
+        has_classes = any(entry.is_dir() and not entry.name.startswith(".") for entry in entries)
     return bitfold.data.image_folder(
         options.data[0],
         image.size,
+        labels=has_classes,
         channels=image.channels,
         scale=image.scale,
         offset=image.offset,

@@ -32,6 +32,11 @@ def main(arguments: Sequence[str] | None = None) -> int:
     except KeyboardInterrupt:
         print("bitfold: interrupted", file=sys.stderr)
         return INTERRUPTED
+    except SystemExit as error:
+        # How rich ends where nobody reads any more; standard output is nowhere then.
+        if not isinstance(error.__context__, BrokenPipeError):
+            raise
+        return DONE
     except BrokenPipeError:
         # Who reads the results has enough; nothing is left to be flushed at the end.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

@@ -117,9 +117,19 @@ def make_parser() -> argparse.ArgumentParser:
     parser.add_argument("--version", action="store_true", help="print the version")
     tasks = parser.add_subparsers(dest="task", metavar="TASK")
 
+    _add_info(tasks)
+    _add_study(tasks)
+    _add_narrowest(tasks)
+    _add_compare(tasks)
+    return parser
+
+
+def _add_info(tasks: argparse._SubParsersAction) -> None:
     info = _task(tasks, "info", "the layers of a network", _INFO)
     _add_model(info)
 
+
+def _add_study(tasks: argparse._SubParsersAction) -> None:
     study = _task(tasks, "study", "what accumulators do to a network, layer by layer", _STUDY)
     _add_model(study)
     _add_data(study)
@@ -144,6 +154,8 @@ def make_parser() -> argparse.ArgumentParser:
         help="keep finished parts there, and go on from them",
     )  # fmt: skip
 
+
+def _add_narrowest(tasks: argparse._SubParsersAction) -> None:
     narrowest = _task(
         tasks, "narrowest", "the narrowest accumulators that keep the metric", _NARROWEST
     )
@@ -169,12 +181,13 @@ def make_parser() -> argparse.ArgumentParser:
     _add_reports(narrowest)
     _add_workers(narrowest)
 
+
+def _add_compare(tasks: argparse._SubParsersAction) -> None:
     compare = _task(tasks, "compare", "two networks on data, or two saved studies", _COMPARE)
     compare.add_argument("a", metavar="A", help="a model, a saved network, or a study's .json")
     compare.add_argument("b", metavar="B", help="another of the same kind")
     compare.add_argument("--json", action="store_true", help="print JSON instead of tables")
     _add_data(compare, required=False)
-    return parser
 
 
 def _task(tasks: argparse._SubParsersAction, name: str, what: str, examples: str):
@@ -197,8 +210,8 @@ def _add_data(parser: argparse.ArgumentParser, required: bool = True) -> None:
     group.add_argument(
         "--data", required=required, metavar="FILES", action="append",
         help="images as the network takes them: .npz with images and labels, .npy, TFRecord files, "
-        "or a folder of pictures with a folder for each class; a path or a pattern in quotes, may "
-        "be repeated",
+        "or a folder of pictures, with a folder for each class if they have labels; a path or a "
+        "pattern in quotes, may be repeated",
     )  # fmt: skip
     group.add_argument(
         "--labels", metavar="FILES", action="append",

@@ -48,13 +48,15 @@ def run(options: argparse.Namespace) -> int:
 
 
 def show(study: bitfold.Study, options: argparse.Namespace) -> None:
-    """Write the reports, and print tables or JSON."""
-    for path in options.report:
-        study.save(path)
-    if options.json:
-        print(document.to_json(study.findings))
-    else:
-        study.print()
+    """Write the reports, and print tables or JSON, also where a report cannot be written."""
+    try:
+        for path in options.report:
+            study.save(path)
+    finally:
+        if options.json:
+            print(document.to_json(study.findings))
+        else:
+            study.print()
 
 
 def arithmetics(options: argparse.Namespace) -> list[Any]:

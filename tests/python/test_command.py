@@ -4,7 +4,9 @@
 
 from __future__ import annotations
 
+import errno
 import json
+import os
 import subprocess
 import sys
 
@@ -210,7 +212,10 @@ def test_compare_studies(run):
         ("study network.bitfold --data data.npz --channels no", "Need layers of ['conv', 'dense']"),
         ("study network.bitfold --data data.npz --mixture no=9", "got 'no'"),
         ("study network.bitfold --data data.npz --widths 33", "Need 0 <= accumulator_size <= 32"),
-        ("study network.bitfold --data data.npz --metric no", "no"),
+        ("study network.bitfold --data data.npz --metric no", "Keras metric, as"),
+        ("study network.bitfold --data data.npz --metric mse", "labels [60] and outputs [60, 3]"),
+        ("study network.bitfold --data data.npz --scale 2", "Need encoded pictures for --scale"),
+        ("narrowest network.bitfold --data data.npz --widths 3:6", "Need widths of"),
         ("study network.bitfold --data data.npz --resume data.npz", "data.npz"),
         ("compare network.bitfold a.json", "Need two networks or two studies"),
         ("compare network.bitfold network.bitfold", "Need --data to compare networks on"),
@@ -224,6 +229,37 @@ def test_refusals(run, arguments, text):
     assert err.startswith("bitfold: ")
     assert text in err
     assert err.count("\n") == 1
+
+
+def test_a_report_that_cannot_be_written_loses_nothing(run, folder, monkeypatch):
+    """What was found is printed; the error names the file that was asked for."""
+    monkeypatch.setattr(os, "replace", _fail)
+    status, out, err = _study(run, "--report", "full.html")
+    assert status == 2
+    assert "60 images went through" in out
+    assert err == "bitfold: full.html: No space left on device\n"
+    assert not [name for name in os.listdir(folder) if name.startswith(".bitfold-")]
+
+
+def _study(run, *options):
+    return run("study", "network.bitfold", "--data", "data.npz", *options)
+
+
+def _fail(*_):
+    raise OSError(errno.ENOSPC, "full", "a temporary file")
+
+
+def test_a_reader_that_has_enough(run, monkeypatch):
+    """Nobody reads the tables to their end: that is no failure."""
+
+    def print_findings(*_):
+        try:
+            raise BrokenPipeError
+        except BrokenPipeError as error:
+            raise SystemExit(1) from error
+
+    monkeypatch.setattr(bitfold_command.study.bitfold.Study, "print", print_findings)
+    assert _study(run) == (0, "", "")
 
 
 @pytest.mark.parametrize(

@@ -526,6 +526,23 @@ def test_docstrings_have_every_section(name):
     )
 
 
+# Its example would need pandas, which no test does.
+_WITHOUT_EXAMPLE = {bitfold.Study.to_dataframe}
+
+
+@pytest.mark.parametrize("of", [bitfold.Network, bitfold.Study])
+def test_methods_show_themselves_at_work(of):
+    """What people call all day has an example at each method."""
+    methods = {name: getattr(of, name) for name in vars(of) if not name.startswith("_")}
+    silent = [
+        name
+        for name, method in methods.items()
+        if inspect.isroutine(method) and method not in _WITHOUT_EXAMPLE
+        and ">>> " not in inspect.getdoc(method)
+    ]  # fmt: skip
+    assert not silent, f"give {of.__name__}'s {', '.join(silent)} an example that runs as a doctest"
+
+
 def test_public_functions_are_all_listed():
     """What is public in bitfold.ops is what `__all__` says."""
     public = {

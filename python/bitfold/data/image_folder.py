@@ -76,6 +76,11 @@ def image_folder(
                 _Piece(folder, tuple(_pictures(folder)), number, image)
                 for number, folder in enumerate(_classes(root, class_names))
             ]
+            if not any(piece.images for piece in pieces) and any(_pictures(root)):
+                raise ValueError(
+                    "it has pictures, but no folder for each class; labels=False takes them "
+                    "without labels"
+                )
     return files_of(pieces, Layout(image.spec, ArraySpec("int32", ()) if labels else None), root)
 
 

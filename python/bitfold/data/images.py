@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+from collections.abc import Iterable
 
 import keras
 import numpy as np
@@ -54,7 +55,7 @@ class EncodedImage:
         Raises:
             ValueError: for sizes, channels or an interpolation that do not exist.
         """
-        size = tuple(self.size)
+        size = tuple(self.size) if isinstance(self.size, Iterable) else (self.size,)
         if len(size) != 2 or not all(isinstance(n, int) and n > 0 for n in size):
             raise ValueError(f"Need size=(height, width), both above 0, got {self.size!r}")
         if self.channels not in (1, 3, 4):

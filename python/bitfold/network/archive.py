@@ -69,7 +69,20 @@ def unpack(content: bytes, name: str = "bytes") -> dict[str, Any]:
 
 
 def write(path: str | os.PathLike[str], content: bytes) -> None:
-    """Write a file that is there as a whole, or as it was before."""
+    """Write a file that is there as a whole, or as it was before.
+
+    Raises:
+        OSError: naming the path, whatever could not be done on the way.
+    """
+    try:
+        _write(path, content)
+    except OSError as error:
+        if error.errno is None:
+            raise
+        raise OSError(error.errno, os.strerror(error.errno), os.fspath(path)) from None
+
+
+def _write(path: str | os.PathLike[str], content: bytes) -> None:
     folder = os.path.dirname(os.path.abspath(path))
     handle, temporary = tempfile.mkstemp(dir=folder, prefix=".bitfold-")
     try:

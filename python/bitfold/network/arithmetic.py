@@ -72,6 +72,17 @@ class Arithmetic:
         """Whether sums are exact, without a width, a shift or half precision."""
         return self.accumulator_size is None and not self.mult_shift and not self.use_fp16_acc
 
+    @property
+    def units(self) -> tuple[str, ...]:
+        """The fields that ask for the accelerator's unit.
+
+        Example:
+            >>> import bitfold
+            >>> bitfold.Arithmetic(16, softmax="unit", resize="unit").units
+            ('softmax', 'resize')
+        """
+        return tuple(unit for unit in _UNITS if getattr(self, unit) == "unit")
+
     def __repr__(self) -> str:
         """Return the call that makes it, only with what differs from the defaults."""
         changed = [

@@ -7,6 +7,7 @@ from __future__ import annotations
 import contextlib
 import itertools
 import math
+import re
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from typing import Any
 
@@ -22,6 +23,8 @@ _PATIENCE = 1.0
 _ELEMENTS = 1 << 23
 # How much of data in files is read at once: enough that finding the place costs little.
 _READ_BYTES = 64 << 20
+# What `Model.compile` takes for the share of right answers, whatever the labels' kind.
+_OWN_NAMES = ("accuracy", "acc")
 
 
 def default_batch_size(largest: int) -> int:
@@ -98,7 +101,10 @@ def read(source: Source, batch_size: int) -> Iterator[tuple[Any, Any]]:
 
 
 class Accuracy:
-    """Counts where the largest output is the label's; of equal ones the first."""
+    """Counts where the largest output is the label's; of equal ones the first.
+
+    Labels that no output stands for are refused: they are counted from 1, or of another network.
+    """
 
     def __init__(self) -> None:
         """Start at none of none."""
@@ -116,7 +122,9 @@ class Accuracy:
                 f"Need labels as integers [{len(outputs)}] or one-hot {list(outputs.shape)}, got "
                 f"shape {list(labels.shape)}"
             )
-        self._right += int((outputs.argmax(axis=1) == labels.reshape(-1)).sum())
+        labels = labels.reshape(-1)
+        _need_classes(labels, outputs.shape[1])
+        self._right += int((outputs.argmax(axis=1) == labels).sum())
         self._total += len(outputs)
 
     @property
@@ -133,12 +141,33 @@ class Accuracy:
         return self._right / self._total if self._total else math.nan
 
 
+def _need_classes(labels: np.ndarray, classes: int) -> None:
+    """Raise unless labels are numbers of outputs; those below 0 stand for none, as in Keras."""
+    if labels.dtype.kind not in "biuf":
+        raise TypeError(f"Need labels as integers or one-hot, got {labels.dtype}")
+    if labels.size and not labels.max() < classes:
+        raise ValueError(
+            f"Need labels below {classes}, the network's number of outputs, got {labels.max()}"
+        )
+
+
 def metric_of(metric: Any) -> Any:
-    """Return what has update_state and result: Keras' metric of a name or as given, or Accuracy."""
-    if metric is None:
+    """Return what has update_state and result: Keras' metric of a name or as given, or Accuracy.
+
+    Raises:
+        TypeError: for what is none.
+        ValueError: for a name that Keras has not.
+    """
+    if metric is None or (isinstance(metric, str) and metric in _OWN_NAMES):
         return Accuracy()
     if isinstance(metric, str | Mapping):
-        metric = keras.metrics.get(metric)
+        try:
+            metric = keras.metrics.get(metric)
+        except ValueError:
+            raise ValueError(
+                "Need the name of a Keras metric, as 'sparse_top_k_categorical_accuracy', or "
+                f"'accuracy' for the share of right answers, got {metric!r}"
+            ) from None
     if isinstance(metric, type):
         metric = metric()
     if not hasattr(metric, "update_state") and callable(metric):
@@ -150,6 +179,16 @@ def metric_of(metric: Any) -> Any:
     return metric
 
 
+def predict(call: Callable[[Any], Any], x: Any, batch_size: int, advance: Callable) -> Any:
+    """Return the outputs of data of any length as numpy arrays, computed batch by batch."""
+    parts = []
+    for part in batches(x, batch_size):
+        images = part[0] if isinstance(x, tf.data.Dataset) and type(part) is tuple else part
+        parts.append(tf.nest.map_structure(np.asarray, call(images)))
+        advance(len(tf.nest.flatten(parts[-1])[0]))
+    return _concatenated(parts) if parts else tf.nest.map_structure(np.asarray, call(x))
+
+
 def evaluate(
     call: Callable[[Any], Any], examples: Iterable[tuple[Any, Any]], metric: Any, advance: Callable
 ) -> float:
@@ -159,9 +198,26 @@ def evaluate(
         outputs = call(images)
         if not tf.is_tensor(outputs):
             raise ValueError("Need a network of one output; compute others from predict")
-        metric.update_state(labels, outputs)
+        update(metric, labels, outputs)
         advance(len(outputs))
     return float(metric.result())
+
+
+def update(metric: Any, labels: Any, outputs: Any) -> None:
+    """Have a metric take a batch.
+
+    Raises:
+        ValueError: where it does not take labels and outputs of these shapes.
+    """
+    try:
+        metric.update_state(labels, outputs)
+    except tf.errors.InvalidArgumentError as error:
+        name = getattr(metric, "name", type(metric).__name__)
+        reason = re.sub(r"^{{.*?}} | \[Op:.*", "", error.message, flags=re.DOTALL)
+        raise ValueError(
+            f"Need a metric of labels {list(np.shape(labels))} and outputs "
+            f"{list(np.shape(outputs))}, got {name!r}: {reason}"
+        ) from None
 
 
 @contextlib.contextmanager
@@ -194,7 +250,7 @@ def progress(what: str, total: int | None) -> Iterator[Callable[[int], None]]:
         yield advance
 
 
-def concatenated(parts: Sequence[Any]) -> Any:
+def _concatenated(parts: Sequence[Any]) -> Any:
     """Join the outputs of batches: tensors, lists or dictionaries of them, to numpy arrays."""
     if isinstance(parts[0], Mapping):
         return {name: np.concatenate([part[name] for part in parts]) for name in parts[0]}

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import functools
+from collections import Counter
 from collections.abc import Callable, Iterator, Mapping, Sequence
 from typing import Any
 
@@ -116,15 +117,19 @@ class Program:
     Attributes:
         assembly: what the steps were made of.
         steps: in their order.
-        scope: what the names of all nodes begin with: there the lines that ops would print count.
     """
 
-    def __init__(self, assembly: Assembly, steps: Sequence[Step], scopes: Sequence[str]) -> None:
-        """Take the steps; `scopes` are what the ops of each are called by in a graph."""
+    def __init__(self, assembly: Assembly, steps: Sequence[Step], names: Sequence[str]) -> None:
+        """Take the steps, and what the layer of each is called."""
         self.assembly = assembly
         self.steps = tuple(steps)
-        self.scope = warning_lines.counting_scope("network")
-        self._scopes = tuple(scopes)
+        # What the names of all nodes begin with: there the lines that ops would print count.
+        self._scope = warning_lines.counting_scope("network")
+        # What those of a step go on with, and the layer's name.
+        self._layers = {
+            _scope(step.node.operator.position, name): name
+            for step, name in zip(steps, names, strict=True)
+        }
 
     def run(
         self, images: Sequence[tf.Tensor], summing: Summing | None = None
@@ -140,8 +145,8 @@ class Program:
             The tensors by index.
         """
         tensors = dict(zip(self.assembly.graph.inputs, images, strict=True))
-        for step, scope in zip(self.steps, self._scopes, strict=True):
-            with tf.name_scope(f"{self.scope}/{scope}/"):
+        for step, scope in zip(self.steps, self._layers, strict=True):
+            with tf.name_scope(f"{self._scope}/{scope}/"):
                 inputs = [self._value(tensor, tensors) for tensor in step.node.inputs]
                 if summing is not None and isinstance(step, SummingStep):
                     outputs = summing(step, inputs)
@@ -175,6 +180,14 @@ class Program:
         tensors = self.run(images, watched)
         return [tensors[index] for index in self.assembly.graph.outputs], seen
 
+    def warnings(self) -> dict[str, dict[str, int]]:
+        """Return by layer how many lines of each kind its ops would have printed."""
+        found: dict[str, Counter[str]] = {}
+        for (_, node), counts in warning_lines.counts_below(self._scope).items():
+            name = self._layers.get(node.split("/", 1)[0], node)
+            found.setdefault(name, Counter()).update(counts)
+        return {name: dict(counts) for name, counts in found.items()}
+
     @staticmethod
     def _value(tensor, tensors: Mapping[int, tf.Tensor]) -> tf.Tensor | None:
         if tensor is None:
@@ -186,6 +199,12 @@ class Program:
         if step.stacks:
             return step.run(inputs)
         return one_by_one(step.run, step.node, inputs)
+
+
+def _scope(position: int, name: str) -> str:
+    """Return a name for a layer's nodes in a graph, made of the letters that these allow."""
+    letters = "".join(letter if letter.isalnum() and letter.isascii() else "_" for letter in name)
+    return f"layer{position}_{letters}"
 
 
 def one_by_one(

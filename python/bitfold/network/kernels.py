@@ -197,8 +197,8 @@ class FloatModel:
         """Load a model file.
 
         Raises:
-            ValueError: the file is damaged, its inputs and outputs are not float32 or not of one
-                image, or the runtime refuses it.
+            ValueError: the file is damaged or quantised, its inputs and outputs are not float32 or
+                not of one image, or the runtime refuses it.
         """
         self.graph = model_file.read(file)
         for index in (*self.graph.inputs, *self.graph.outputs):
@@ -207,6 +207,13 @@ class FloatModel:
                 raise ValueError(f"Need a model in float32, got {tensor}")
             if tensor.shape[:1] != (1,):
                 raise ValueError(f"Need a model that takes one image, got {tensor}")
+        for operator in self.graph.operators:
+            for index in operator.outputs:
+                if self.graph.tensors[index].is_quantised:
+                    raise ValueError(
+                        "Need a model in float32, got a quantised one: operator "
+                        f"{operator.position} {operator.kind} writes {self.graph.tensors[index]}"
+                    )
         self._file = bytes(file)
         with _refusals("model in floats"):
             self._interpreter = _interpreter(

@@ -10,7 +10,6 @@ folded into them, by that of the convolution; any other layer by the last path o
 
 from __future__ import annotations
 
-import fnmatch
 import re
 from collections.abc import Collection, Sequence
 
@@ -95,17 +94,3 @@ def _made_different(names: Sequence[str], order: Sequence[int]) -> list[str]:
             result[i] = numbered if numbered not in names else result[i]
         taken.add(result[i])
     return result
-
-
-def matching(key: str, names: Sequence[str], kinds: Sequence[str]) -> tuple[int, list[int]]:
-    """Find the layers that a name, an operator or a pattern means.
-
-    Returns:
-        How exact the match is (2 for a name, 1 for a pattern, 0 for an operator), and the indices
-        of the layers, none where nothing matches.
-    """
-    if key in names:
-        return 2, [names.index(key)]
-    if key in kinds:
-        return 0, [i for i, kind in enumerate(kinds) if kind == key]
-    return 1, [i for i, name in enumerate(names) if fnmatch.fnmatchcase(name, key)]

@@ -8,26 +8,24 @@ import base64
 import functools
 import logging
 import os
-from collections import Counter
-from collections.abc import Callable, Collection, Mapping, Sequence
+from collections.abc import Callable, Collection, Mapping
 from concurrent.futures import Executor
 from typing import Any, TextIO
 
 import keras
 import numpy as np
-import tensorflow as tf
 
-from bitfold._frame import warning_lines
 from bitfold._frame.compiling import refuse_xla
-from bitfold.network import archive, evaluation, naming, values
+from bitfold.network import archive, evaluation, naming, selection
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.assemble import Assembly, assemble
 from bitfold.network.converter import convert_keras, convert_trained
-from bitfold.network.execution import HOST, Observe, Program, Scalars
+from bitfold.network.execution import Observe, Program
 from bitfold.network.graph import Node
+from bitfold.network.inference import Inference
 from bitfold.network.keras_layer import NetworkLayer
 from bitfold.network.model_file import read
-from bitfold.network.operators import Step, SummingStep, step_of, unit_layer_norm
+from bitfold.network.operators import Step, step_of, unit_layer_norm
 from bitfold.network.operators._layer_norm_pattern import find_patterns
 from bitfold.network.records import Layer, Port
 from bitfold.network.shards import evaluating
@@ -97,11 +95,22 @@ class Network:
         Args:
             source: its path, or its bytes.
 
+        Returns:
+            The network, all sums exact.
+
         Raises:
             OSError: for a path that cannot be read.
             ValueError: for a file that is damaged.
             bitfold.UnsupportedModelError: for a sound file with what Bitfold does not compute,
                 listing every operator concerned.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> bitfold.Network.from_tflite(network.model_file)
+            <bitfold.Network of 1 operators, 8 multiply-adds>
         """
         if isinstance(source, bytes | bytearray | memoryview):
             return cls(bytes(source))
@@ -128,10 +137,21 @@ class Network:
                 like what will come. None for a model that was trained in integers.
             activation_bits: 8, or 16 for tensors of 16 bits and weights of 8.
 
+        Returns:
+            The network, all sums exact, or in the arithmetic that it was trained in.
+
         Raises:
             ValueError: for calibration data or a number of bits that cannot be used.
             RuntimeError: where the converter fails.
             bitfold.UnsupportedModelError: for layers that Bitfold does not compute.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> [(layer.name, layer.operator, layer.filter.dtype.name) for layer in network.layers]
+            [('dense', 'FULLY_CONNECTED', 'int8')]
         """
         names = [layer.name for layer in model.layers]
         if not is_trained(model):
@@ -153,15 +173,52 @@ class Network:
     def load(cls, path: str | os.PathLike[str]) -> Network:
         """Read what `save` wrote.
 
+        Args:
+            path: of the file.
+
+        Returns:
+            The network, in the arithmetic that it was saved in.
+
         Raises:
             OSError: for a path that cannot be read.
             ValueError: for a file that is damaged or of another kind.
+
+        Example:
+            >>> import tempfile
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> narrow = network.with_arithmetic(bitfold.Arithmetic(accumulator_size=16))
+            >>> with tempfile.TemporaryDirectory() as folder:
+            ...     narrow.save(f"{folder}/narrow.bitfold")
+            ...     bitfold.Network.load(f"{folder}/narrow.bitfold").layers[0].arithmetic
+            Arithmetic(accumulator_size=16)
         """
         with open(path, "rb") as file:
             return cls(**archive.unpack(file.read(), os.fspath(path)))
 
     def save(self, path: str | os.PathLike[str]) -> None:
-        """Write the model file and the arithmetic of every layer into one file."""
+        """Write the model file and the arithmetic of every layer into one file.
+
+        Args:
+            path: of the file; one that is there is replaced as a whole.
+
+        Raises:
+            OSError: for a path that cannot be written.
+
+        Example:
+            >>> import tempfile
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> with tempfile.TemporaryDirectory() as folder:
+            ...     network.save(f"{folder}/dense.bitfold")
+            ...     again = bitfold.Network.load(f"{folder}/dense.bitfold")
+            >>> bool((again(x).numpy() == network(x).numpy()).all())
+            True
+        """
         archive.write(path, self._packed())
 
     def _packed(self) -> bytes:
@@ -172,12 +229,33 @@ class Network:
         )
 
     def get_config(self) -> dict[str, str]:
-        """Return what `from_config` needs, as Keras keeps it: what `save` writes, as text."""
+        """Return what `from_config` needs, as Keras keeps it: what `save` writes, as text.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> list(network.get_config())
+            ['file']
+        """
         return {"file": base64.b64encode(self._packed()).decode()}
 
     @classmethod
     def from_config(cls, config: Mapping[str, str]) -> Network:
-        """Make the network from `get_config`'s result."""
+        """Make the network from `get_config`'s result.
+
+        Args:
+            config: that result.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> bitfold.Network.from_config(network.get_config())
+            <bitfold.Network of 1 operators, 8 multiply-adds>
+        """
         return _unpacked(base64.b64decode(config["file"]))
 
     def __reduce__(self) -> tuple[Callable, tuple[bytes]]:
@@ -193,39 +271,35 @@ class Network:
                 layer a name goes before a pattern, a pattern before an operator, and of equals the
                 last holds. Layers that no key means stay as they are.
 
+        Returns:
+            A network of the same layers; those whose arithmetic stays are shared.
+
         Raises:
             TypeError: for anything but an `Arithmetic`.
             ValueError: for a key that means no layer, and for an arithmetic that a layer has not,
                 naming the layer.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> narrow = network.with_arithmetic({"den*": bitfold.Arithmetic(accumulator_size=12)})
+            >>> narrow.layers[0].arithmetic, network.layers[0].arithmetic
+            (Arithmetic(accumulator_size=12), Arithmetic())
         """
-        chosen = self._chosen(arithmetic)
+        layers = self.layers
+        names, operators = [layer.name for layer in layers], [layer.operator for layer in layers]
+        chosen = selection.by_layer(arithmetic, Arithmetic, "an Arithmetic", names, operators)
         result = object.__new__(Network)
         result._model, result._known_names = self._model, self._known_names
+        arithmetics = {
+            layer.position: layer.arithmetic if found is None else found
+            for layer, found in zip(layers, chosen, strict=True)
+        }
         steps = {step.node.operator.position: step for step in self._steps}
-        result._build(self._program.assembly, steps, chosen)
+        result._build(self._program.assembly, steps, arithmetics)
         return result
-
-    def _chosen(self, arithmetic: Arithmetic | Mapping[str, Arithmetic]) -> dict[int, Arithmetic]:
-        """Return the arithmetic of each operator by its position."""
-        current = {layer.position: layer.arithmetic for layer in self.layers}
-        if isinstance(arithmetic, Arithmetic):
-            return dict.fromkeys(current, arithmetic)
-        if not isinstance(arithmetic, Mapping):
-            raise TypeError(f"Need an Arithmetic or a dictionary of them, got {arithmetic!r}")
-        names = [layer.name for layer in self.layers]
-        kinds = [layer.operator for layer in self.layers]
-        found = []
-        for key, value in arithmetic.items():
-            if not isinstance(value, Arithmetic):
-                raise TypeError(f"Need an Arithmetic for {key!r}, got {value!r}")
-            exactness, layers = naming.matching(key, names, kinds)
-            if not layers:
-                raise ValueError(f"Need a layer, pattern or operator of {names}, got {key!r}")
-            found.append((exactness, layers, value))
-        for _, layers, value in sorted(found, key=lambda item: item[0]):
-            for i in layers:
-                current[self.layers[i].position] = value
-        return current
 
     def _build(
         self, assembly: Assembly, steps: Mapping[int, Step], arithmetics: Mapping[int, Arithmetic]
@@ -242,15 +316,14 @@ class Network:
             made.append(step)
         graph = assembly.graph
         self._steps = tuple(made)
-        run = unit_layer_norm.fused(made, find_patterns(assembly.nodes, graph.outputs))
         self.layers = tuple(map(Layer.of, names, made))
-        called = {layer.position: layer.name for layer in self.layers}
-        positions = [step.node.operator.position for step in run]
-        scopes = [_scope(position, called[position]) for position in positions]
-        self._program = Program(assembly, run, scopes)
         self.inputs = tuple(map(Port.of, graph.input_names, assembly.inputs))
         self.outputs = tuple(map(Port.of, graph.output_names, assembly.outputs))
-        self._functions: dict[Any, Callable] = {}
+        run = unit_layer_norm.fused(made, find_patterns(assembly.nodes, graph.outputs))
+        called = {layer.position: layer.name for layer in self.layers}
+        run_names = [called[step.node.operator.position] for step in run]
+        self._program = Program(assembly, run, run_names)
+        self._inference = Inference(self._program, graph.input_names)
 
     # ---- Computing -------------------------------------------------------------------------------
 
@@ -271,11 +344,7 @@ class Network:
             tf.errors.UnimplementedError: in a function that XLA is to compile.
         """
         refuse_xla()
-        images = self._images(x)
-        if not values.is_real(images, self._program.assembly.inputs):
-            results = self._function("stored", self._stored)(*images)
-        else:
-            results = self._function("real", self._real)(*self._quantised(images))
+        results = self._inference.outputs(x)
         if len(results) == 1:
             return results[0]
         names = [port.name for port in self.outputs]
@@ -290,8 +359,20 @@ class Network:
         Returns:
             By the index in the file, in the stored type, every quantised tensor that an operator
             writes and whose first dimension is the batch.
+
+        Raises:
+            TypeError: as for a call.
+            ValueError: as for a call.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> [(stored.shape, stored.dtype.name) for stored in network.trace(x).values()]
+            [((20, 2), 'int8')]
         """
-        return self._arrays("trace", self._traced, x)
+        return self._inference.trace(x)
 
     def accumulators(self, x: Any) -> dict[int, np.ndarray]:
         """Compute a batch and return the sums of every operator with an accumulator.
@@ -302,8 +383,20 @@ class Network:
         Returns:
             By the operator's position in the file, the sums with their bias before requantisation:
             int32; int64 where exact sums need it; float32 in half precision.
+
+        Raises:
+            TypeError: as for a call.
+            ValueError: as for a call.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> [(sums.shape, sums.dtype.name) for sums in network.accumulators(x).values()]
+            [((20, 2), 'int32')]
         """
-        return self._arrays("accumulators", self._summed, x)
+        return self._inference.accumulators(x)
 
     def predict(self, x: Any, batch_size: int | None = None) -> Any:
         """Compute arrays of any length, files or a dataset, batch by batch, with progress.
@@ -315,16 +408,23 @@ class Network:
 
         Returns:
             What a call gives, as numpy arrays.
+
+        Raises:
+            TypeError: as for a call.
+            ValueError: as for a call.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> outputs = network.predict(x, batch_size=8)
+            >>> outputs.shape, outputs.dtype.name
+            ((20, 2), 'float32')
         """
         size = self.batch_size(batch_size)
-        parts = []
-        with evaluation.progress("predict", self._count(x)) as advance:
-            for part in evaluation.batches(x, size):
-                images = part[0] if isinstance(x, tf.data.Dataset) and type(part) is tuple else part
-                parts.append(tf.nest.map_structure(np.asarray, self(images)))
-                first = tf.nest.flatten(parts[-1])[0]
-                advance(len(first))
-        return evaluation.concatenated(parts) if parts else self._nothing(x)
+        with evaluation.progress("predict", evaluation.count_images(x)) as advance:
+            return evaluation.predict(self, x, size, advance)
 
     def evaluate(
         self,
@@ -356,12 +456,23 @@ class Network:
                 workers.
             ValueError: for labels that do not fit, and data that cannot be sent to workers.
             bitfold.WorkerError: for a part of the work that an executor cannot do.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> labels = network.predict(x).argmax(axis=1)
+            >>> network.evaluate(x, labels), network.evaluate(x, 1 - labels)
+            (1.0, 0.0)
+            >>> network.evaluate(x, np.zeros([20, 2]), metric="mean_absolute_error") > 0
+            True
         """
         size = self.batch_size(batch_size)
         if executor is not None:
             data = Data(x, y, size, rows=self.inputs[0].shape[0])
             return evaluating.evaluate(self, self._anew, data, metric, executor)
-        with evaluation.progress("evaluate", self._count(x)) as advance:
+        with evaluation.progress("evaluate", evaluation.count_images(x)) as advance:
             return evaluation.evaluate(self, evaluation.pairs(x, y, size), metric, advance)
 
     def warnings(self) -> dict[str, dict[str, int]]:
@@ -375,13 +486,19 @@ class Network:
             By the name of a layer the number of lines of each kind, ``"out_of_bounds"``,
             ``"corrected_weights"`` and ``"softmax_overflows"``, of all calls until now; a layer
             without lines is left out.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> layer = keras.layers.DepthwiseConv2D(1, depthwise_initializer="ones", name="scale")
+            >>> model = keras.Sequential([keras.Input((2, 2, 3)), layer])
+            >>> x = np.linspace(-1, 1, 60, dtype=np.float32).reshape(5, 2, 2, 3)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> narrow = network.with_arithmetic(bitfold.Arithmetic(accumulator_size=8))
+            >>> outputs = narrow(x)  # weights of 127 need more than 4 bits: a line for each image
+            >>> narrow.warnings()["scale"]["corrected_weights"]
+            5
         """
-        found: dict[str, Counter[str]] = {}
-        called = {_scope(layer.position, layer.name): layer.name for layer in self.layers}
-        for (_, node), counts in warning_lines.counts_below(self._program.scope).items():
-            name = called.get(node.split("/", 1)[0], node)
-            found.setdefault(name, Counter()).update(counts)
-        return {name: dict(counts) for name, counts in found.items()}
+        return self._program.warnings()
 
     @property
     def model_file(self) -> bytes:
@@ -405,133 +522,40 @@ class Network:
             operator, as text, of one shape at each call; an operator without one gets None. It
             returns what a call does, of several outputs a list, and what was seen by the position,
             as arrays.
+
+        Example:
+            >>> import bitfold, keras, numpy as np, tensorflow as tf
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> def observe(step, inputs, state):
+            ...     sums = step.sums(inputs)
+            ...     return step.finish(sums), {"largest": tf.reduce_max(tf.abs(sums))}
+            >>> outputs, seen = network.observed(observe)(x, {})
+            >>> int(seen["0"]["largest"]) == int(np.abs(network.accumulators(x)[0]).max())
+            True
         """
-        graphs: dict[bool, tuple[Callable, Scalars]] = {}
-
-        def call(x: Any, states: Mapping[str, Any]) -> tuple[Any, dict[str, Any]]:
-            images = self._images(x)
-            is_real = values.is_real(images, self._program.assembly.inputs)
-            if is_real not in graphs:
-                graphs[is_real] = self._observing(observe, states, is_real)
-            graph, scalars = graphs[is_real]
-            results, seen = graph(self._quantised(images), dict(states))
-            return (results[0] if len(results) == 1 else list(results)), scalars.unpacked(*seen)
-
-        return call
-
-    def as_layer(self, name: str | None = None) -> NetworkLayer:
-        """Return a Keras layer that computes this network; it has no weights to train."""
-        return NetworkLayer(self, name=name)
-
-    def summary(self, file: TextIO | None = None) -> None:
-        """Print the layers: operator, shape, multiply-adds, arithmetic.
-
-        Args:
-            file: where to; standard output by default.
-        """
-        print_summary(self, file)
-
-    def __repr__(self) -> str:
-        """Return the number of layers and multiply-adds."""
-        products = sum(layer.multiply_adds for layer in self.layers)
-        return f"<bitfold.Network of {len(self.layers)} operators, {products:,} multiply-adds>"
-
-    # ---- How -------------------------------------------------------------------------------------
-
-    def _images(self, x: Any) -> list[tf.Tensor]:
-        """Return the inputs as tensors, of floats or of their stored types."""
-        tensors = self._program.assembly.inputs
-        names = [port.name for port in self.inputs]
-        given = values.as_list(x, names, [len(tensor.shape) for tensor in tensors])
-        with tf.device(HOST):
-            images = list(map(values.as_input, given, names, tensors))
-        values.need_equal_batches(images, tensors)
-        return images
-
-    def _quantised(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
-        with tf.device(HOST):
-            return list(map(values.stored, images, self._program.assembly.inputs))
-
-    def _function(self, key: str, function: Callable) -> Callable:
-        """Return a graph of a function of the stored inputs."""
-        if key not in self._functions:
-            # Concrete: of a polymorphic one the runtime warns when many networks have traced it.
-
-            def run(*images: tf.Tensor) -> Any:
-                with tf.device(HOST):
-                    return function(*images)
-
-            traced = tf.function(run, input_signature=self._signature, autograph=False)
-            self._functions[key] = traced.get_concrete_function()
-        return self._functions[key]
-
-    @property
-    def _anew(self) -> Callable[[], Network]:
-        """What makes a network of this one's file, sums exact; the same for each arithmetic."""
-        return functools.partial(Network, self._model, known_names=self._known_names)
-
-    @property
-    def _signature(self) -> list[tf.TensorSpec]:
-        """Of a graph of the stored inputs."""
-        return [
-            tf.TensorSpec([None, *tensor.shape[1:]], tensor.dtype)
-            for tensor in self._program.assembly.inputs
-        ]
-
-    def _stored(self, *images: tf.Tensor) -> list[tf.Tensor]:
-        tensors = self._program.run(images)
-        return [tensors[index] for index in self._program.assembly.graph.outputs]
-
-    def _real(self, *images: tf.Tensor) -> list[tf.Tensor]:
-        return list(map(values.real, self._stored(*images), self._program.assembly.outputs))
-
-    def _traced(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
-        tensors = self._program.run(images)
-        written = (tensor for step in self._program.steps for tensor in step.node.outputs)
-        file = self._program.assembly.graph.tensors
-        return {
-            str(tensor.index): tensors[tensor.index]
-            for tensor in written
-            if tensor.is_quantised and _has_batch(file[tensor.index])
-        }
-
-    def _summed(self, *images: tf.Tensor) -> dict[str, tf.Tensor]:
-        sums: dict[str, tf.Tensor] = {}
-
-        def kept(step: SummingStep, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
-            found = sums[str(step.node.operator.position)] = step.sums(inputs)
-            return step.finish(found)
-
-        self._program.run(images, kept)
-        return sums
-
-    def _observing(
-        self, observe: Observe, states: Mapping[str, Any], is_real: bool
-    ) -> tuple[Callable, Scalars]:
-        """Return a graph of `observed`, and how to read what it saw."""
-        scalars = Scalars()
-
-        def run(images: Sequence[tf.Tensor], states: Mapping[str, Any]) -> tuple[list, dict]:
-            with tf.device(HOST):
-                outputs, seen = self._program.observed(images, observe, states)
-                if is_real:
-                    outputs = list(map(values.real, outputs, self._program.assembly.outputs))
-                return outputs, scalars.packed(seen)
-
-        kinds = tf.nest.map_structure(tf.type_spec_from_value, dict(states))
-        traced = tf.function(run, input_signature=[self._signature, kinds], autograph=False)
-        return traced.get_concrete_function(), scalars
-
-    def _arrays(self, key: str, function: Callable, x: Any) -> dict[int, np.ndarray]:
-        results = self._function(key, function)(*self._quantised(self._images(x)))
-        found = {int(place): value.numpy() for place, value in results.items()}
-        return dict(sorted(found.items()))
+        return self._inference.observed(observe)
 
     def batch_size(self, batch_size: int | None = None) -> int:
         """Return how many images to compute at once: as given, or what keeps memory modest.
 
+        Args:
+            batch_size: as `predict` and its like take it, at least 1; or None.
+
+        Returns:
+            `batch_size`; of None as many as keep the largest tensor to some 32 MB, at most 256.
+
         Raises:
             ValueError: for a number below 1.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> network.batch_size(), network.batch_size(8)
+            (256, 8)
         """
         if batch_size is None:
             shapes = [shape for layer in self.layers for shape in layer.output_shapes]
@@ -540,12 +564,54 @@ class Network:
             raise ValueError(f"Need batch_size >= 1, got {batch_size}")
         return batch_size
 
-    def _count(self, x: Any) -> int | None:
-        return evaluation.count_images(x)
+    def as_layer(self, name: str | None = None) -> NetworkLayer:
+        """Return a Keras layer that computes this network; it has no weights to train.
 
-    def _nothing(self, x: Any) -> Any:
-        """Return the outputs of no images."""
-        return tf.nest.map_structure(np.asarray, self(x))
+        Args:
+            name: of the layer; by default Keras makes one.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,)), keras.layers.Dense(2, name="dense")])
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> inputs = keras.Input((4,))
+            >>> model = keras.Model(inputs, keras.layers.Softmax()(network.as_layer()(inputs)))
+            >>> model.predict(x, verbose=0).shape
+            (20, 2)
+        """
+        return NetworkLayer(self, name=name)
+
+    def summary(self, file: TextIO | None = None) -> None:
+        """Print the layers: operator, shape, multiply-adds, arithmetic.
+
+        Args:
+            file: where to; standard output by default.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((4,), name="data")])
+            >>> model.add(keras.layers.Dense(2, kernel_initializer="ones", name="dense"))
+            >>> x = np.linspace(-1, 1, 80, dtype=np.float32).reshape(20, 4)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> network.summary()  # doctest: +NORMALIZE_WHITESPACE
+            input 'data': int8 1x4, scale 0.00784314, zero point -1
+            output 'dense': int8 1x2, scale 0.0301812, zero point -1
+            position  layer  operator         output  multiply-adds  arithmetic
+                   0  dense  FULLY_CONNECTED  1x2                 8  exact
+            1 operators, 8 multiply-adds for one image
+        """
+        print_summary(self, file)
+
+    def __repr__(self) -> str:
+        """Return the number of layers and multiply-adds."""
+        products = sum(layer.multiply_adds for layer in self.layers)
+        return f"<bitfold.Network of {len(self.layers)} operators, {products:,} multiply-adds>"
+
+    @property
+    def _anew(self) -> Callable[[], Network]:
+        """What makes a network of this one's file, sums exact; the same for each arithmetic."""
+        return functools.partial(Network, self._model, known_names=self._known_names)
 
 
 def _unpacked(content: bytes) -> Network:
@@ -563,14 +629,3 @@ def _step(node: Node, arithmetic: Arithmetic, name: str) -> Step:
     except ValueError as error:
         place = f"operator {node.operator.position} {node.kind}"
         raise ValueError(f"layer {name!r} ({place}) in {arithmetic}: {error}") from None
-
-
-def _scope(position: int, name: str) -> str:
-    """Return a name for a layer's nodes in a graph, made of the letters that these allow."""
-    letters = "".join(letter if letter.isalnum() and letter.isascii() else "_" for letter in name)
-    return f"layer{position}_{letters}"
-
-
-def _has_batch(tensor) -> bool:
-    """Return whether the first dimension in the file is that of the images."""
-    return bool(tensor.shape) and (tensor.shape[0] == 1 or 0 in tensor.unknown)

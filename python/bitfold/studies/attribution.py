@@ -7,10 +7,6 @@ with all before it. After each, the output of every layer with an accumulator is
 of the float model, and the metric is taken, end to end. What a cause adds is the difference to the
 cause before it; so the differences add up to the whole, and the last cause ends at the arithmetic.
 
-Powers are summed in double precision, of each image by itself and then image after image, so that
-they do not depend on how images come in batches. For the same reason the float model computes one
-image after the other: its kernels add up a batch in another order than an image.
-
 A state is computed once, though several arithmetics pass through it. One whose sums are all known
 to be right is not computed at all: it writes what the state before it writes.
 """
@@ -19,28 +15,20 @@ from __future__ import annotations
 
 import dataclasses
 import math
-from collections.abc import Callable, Collection, Iterable, Iterator, Mapping, Sequence
+from collections.abc import Callable, Collection, Iterable, Mapping, Sequence
 from typing import Any
 
 import numpy as np
 
-from bitfold.network import Arithmetic, Layer, Network, Port, evaluation, values
+from bitfold.network import Arithmetic, Network, Port, evaluation, values
 from bitfold.network.kernels import FloatModel
-from bitfold.network.operators import SummingStep
-from bitfold.studies.partners import float_file, partners_of
-from bitfold.studies.records import Attribution, Cause
-
-QUANTISATION = "quantisation"
-SHIFT = "shift"
-ACCUMULATOR = "accumulator"
-UNITS = "unit requantisation"
+from bitfold.studies.causes import ACCUMULATOR, causes_of
+from bitfold.studies.partners import Partners, float_file, partners_of
+from bitfold.studies.records import Attribution
+from bitfold.studies.signals import FloatRun, NetworkRun, slices
 
 # Elements of the layers that are compared at once: 64 MB in double precision.
 _ELEMENTS = 1 << 23
-# Elements of which a power is formed at once, so that they stay in the cache.
-_BLOCK = 1 << 15
-
-_UNIT_FIELDS = ("requantisation", "softmax", "activations", "additions", "resize", "layer_norm")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -102,17 +90,11 @@ def attribute(
         >>> first.signal_to_error["dense"] > 30 > last.signal_to_error["dense"]
         True
     """
-    floats = FloatModel(float_file(float_model))
-    partners = partners_of(network, floats.graph)
-    if not partners.tensors:
-        raise ValueError(
-            "Need a float model with layers of the network, found none of "
-            f"{', '.join(partners.missing)}"
-        )
+    floats, partners = _opened(network, float_file(float_model))
     if new_metric is not None and len(network.outputs) != 1:
         raise ValueError(f"Need a network of one output for a metric, got {len(network.outputs)}")
     plans = {name: causes_of(network, asked) for name, asked in arithmetics.items()}
-    runs: dict[tuple[Arithmetic, ...], _Run] = {}
+    runs: dict[tuple[Arithmetic, ...], NetworkRun] = {}
     for name, plan in plans.items():
         before = None
         for cause, state in plan:
@@ -120,14 +102,14 @@ def attribute(
             if is_same and _has_whole_sums(state):
                 runs.setdefault(state, runs[before])
             elif state not in runs:
-                runs[state] = _Run(_in_state(network, state), partners.tensors, new_metric)
+                runs[state] = NetworkRun(_in_state(network, state), partners.tensors, new_metric)
             before = state
     computed = list({id(run): run for run in runs.values()}.values())
-    original = _Original(floats, partners.tensors, new_metric)
+    original = FloatRun(floats, partners.tensors, new_metric)
     at_once = max(1, _ELEMENTS // _elements(network, partners.tensors))
     for images, labels in examples:
         batch = _reals(network, floats, images)
-        parts = zip(evaluation.batches(images, at_once), _slices(batch, at_once), strict=True)
+        parts = zip(evaluation.batches(images, at_once), slices(batch, at_once), strict=True)
         for part, reals in parts:
             signals = original.compute(reals)
             for run in computed:
@@ -143,50 +125,6 @@ def attribute(
         original.metric,
         partners.missing,
     )
-
-
-def causes_of(
-    network: Network, asked: Arithmetic | Mapping[str, Arithmetic]
-) -> list[tuple[str, tuple[Arithmetic, ...]]]:
-    """Return the steps towards an arithmetic: each cause, and what every layer computes in then.
-
-    A cause that changes nothing is left out. Whatever units an arithmetic asks for come last,
-    together.
-    """
-    layers = network.with_arithmetic(asked).layers
-    ends = [layer.arithmetic for layer in layers]
-    steps = [(QUANTISATION, tuple(Arithmetic() for _ in ends))]
-    sums = [layer.arithmetic if layer.has_accumulator else Arithmetic() for layer in layers]
-    shifted = tuple(Arithmetic(mult_shift=end.mult_shift) for end in sums)
-    wrapped = tuple(
-        Arithmetic(
-            accumulator_size=end.accumulator_size,
-            mult_shift=end.mult_shift,
-            use_fp16_acc=end.use_fp16_acc,
-        )
-        for end in sums
-    )
-    last = tuple(ends) if any(map(_has_units, ends)) else wrapped
-    for name, state in ((SHIFT, shifted), (ACCUMULATOR, wrapped), (UNITS, last)):
-        if state != steps[-1][1]:
-            steps.append((name, state))
-    return steps
-
-
-def decibels(signal: float, error: float) -> float:
-    """Return the ratio of two powers in dB; infinite where there is no error.
-
-    Example:
-        >>> decibels(100.0, 1.0), decibels(0.0, 0.0), decibels(0.0, 1.0)
-        (20.0, inf, -inf)
-    """
-    if not error:
-        return math.inf
-    return 10 * math.log10(signal / error) if signal else -math.inf
-
-
-def _has_units(arithmetic: Arithmetic) -> bool:
-    return any(getattr(arithmetic, field) == "unit" for field in _UNIT_FIELDS)
 
 
 def _reals(network: Network, floats: FloatModel, images: Any) -> list[np.ndarray]:
@@ -228,21 +166,6 @@ def _elements(network: Network, names: Collection[str]) -> int:
     return sum(math.prod(layer.output_shapes[0]) for layer in layers)
 
 
-def _slices(batch: Sequence[np.ndarray], size: int) -> Iterator[list[np.ndarray]]:
-    for first in range(0, len(batch[0]), size):
-        yield [array[first : first + size] for array in batch]
-
-
-def _add_powers(total: float, signals: np.ndarray) -> float:
-    """Return a sum of squares with those of images [n, elements], one image after the other.
-
-    Of an image numpy adds them up in an order that the number of its elements alone decides.
-    """
-    for power in np.square(signals).sum(axis=1).tolist():
-        total += power
-    return total
-
-
 def _in_state(network: Network, state: Sequence[Arithmetic]) -> Network:
     names = [layer.name for layer in network.layers]
     return network.with_arithmetic(dict(zip(names, state, strict=True)))
@@ -253,104 +176,23 @@ def _has_whole_sums(state: Sequence[Arithmetic]) -> bool:
     return not any(arithmetic.use_fp16_acc for arithmetic in state)
 
 
-class _Measured:
-    """A metric over batches that come in parts; without one nothing is kept."""
+def checked(network: Network, float_model: Any) -> bytes:
+    """Return a model in floats as a model file that `attribute` takes, before work begins.
 
-    def __init__(self, new_metric: Callable[[], Any] | None) -> None:
-        """Start without images."""
-        self._metric = new_metric() if new_metric is not None else None
-        self._outputs: list[np.ndarray] = []
-
-    @property
-    def metric(self) -> float | None:
-        """The metric; None for none."""
-        return None if self._metric is None else float(self._metric.result())
-
-    def keep(self, outputs: np.ndarray) -> None:
-        """Take the outputs of a part of a batch."""
-        if self._metric is not None:
-            self._outputs.append(outputs)
-
-    def finish_batch(self, labels: Any) -> None:
-        """Measure a batch of which all parts are kept."""
-        if self._metric is not None:
-            self._metric.update_state(labels, np.concatenate(self._outputs))
-            self._outputs.clear()
-
-
-class _Original(_Measured):
-    """The float model on its way.
-
-    Attributes:
-        powers: by the name of a layer, the power of its outputs.
+    Raises:
+        OSError, TypeError, ValueError: as `attribute`, but for what needs images.
     """
-
-    def __init__(
-        self,
-        floats: FloatModel,
-        tensors: Mapping[str, int],
-        new_metric: Callable[[], Any] | None,
-    ) -> None:
-        """Start without images; `tensors` are those that are compared, by layer."""
-        super().__init__(new_metric)
-        self._floats = floats
-        self._tensors = tensors
-        self.powers = dict.fromkeys(tensors, 0.0)
-
-    def compute(self, batch: Sequence[np.ndarray]) -> dict[str, np.ndarray]:
-        """Compute a part of a batch; return the outputs of layers, [n, elements] in doubles."""
-        wanted = (*self._tensors.values(), self._floats.graph.outputs[0])
-        images = [self._floats(image, wanted) for image in _slices(batch, 1)]
-        *tensors, outputs = map(np.concatenate, zip(*images, strict=True))
-        signals = {}
-        for name, tensor in zip(self._tensors, tensors, strict=True):
-            signals[name] = tensor.reshape(len(tensor), -1).astype(np.float64)
-            self.powers[name] = _add_powers(self.powers[name], signals[name])
-        self.keep(outputs)
-        return signals
+    file = float_file(float_model)
+    _opened(network, file)
+    return file
 
 
-class _Run(_Measured):
-    """A network on its way, beside the float model."""
-
-    def __init__(
-        self,
-        network: Network,
-        names: Iterable[str],
-        new_metric: Callable[[], Any] | None,
-    ) -> None:
-        """Start without images; `names` are those of the layers that are compared."""
-        super().__init__(new_metric)
-        layers = {layer.name: layer for layer in network.layers}
-        self._layers: dict[str, Layer] = {name: layers[name] for name in names}
-        self._errors = dict.fromkeys(self._layers, 0.0)
-        self._call = network.observed(self._observe)
-        self._wanted = {layer.position for layer in self._layers.values()}
-
-    def _observe(self, step: SummingStep, inputs: Sequence, _: Any) -> tuple[list, dict]:
-        """Compute a layer, and let what it writes be seen."""
-        outputs = step.run(inputs)
-        is_wanted = step.node.operator.position in self._wanted
-        return outputs, {"output": outputs[0]} if is_wanted else {}
-
-    def compute(self, images: Any, signals: Mapping[str, np.ndarray]) -> None:
-        """Compute a part of a batch and add up its errors."""
-        outputs, seen = self._call(images, {})
-        if self._metric is not None:
-            self.keep(np.asarray(outputs))
-        for name, layer in self._layers.items():
-            stored = seen[str(layer.position)]["output"]
-            stored, signal = stored.reshape(len(stored), -1), signals[name]
-            rows = max(1, _BLOCK // max(1, stored.shape[1]))
-            for first in range(0, len(stored), rows):
-                block = slice(first, first + rows)
-                error = stored[block].astype(np.float64)
-                error -= layer.output_zero_point
-                error *= layer.output_scale
-                error -= signal[block]
-                self._errors[name] = _add_powers(self._errors[name], error)
-
-    def cause(self, name: str, powers: Mapping[str, float]) -> Cause:
-        """Return what was found."""
-        ratios = {layer: decibels(powers[layer], self._errors[layer]) for layer in self._layers}
-        return Cause(name, self.metric, ratios)
+def _opened(network: Network, file: bytes) -> tuple[FloatModel, Partners]:
+    floats = FloatModel(file)
+    partners = partners_of(network, floats.graph)
+    if not partners.tensors:
+        raise ValueError(
+            "Need a float model with layers of the network, found none of "
+            f"{', '.join(partners.missing)}"
+        )
+    return floats, partners

@@ -34,12 +34,15 @@ class Bounds:
             another sign.
         smallest_sums: the least sums that inputs can give, Python's integers, by channel.
         largest_sums: the greatest.
+        products_from: the least width w at which no product is above 2^w. Below it one wrap does
+            not bring a sum back, which so is no number of w bits.
     """
 
     bits: np.ndarray
     harmless_from: int
     smallest_sums: tuple[int, ...]
     largest_sums: tuple[int, ...]
+    products_from: int = 0
 
 
 def bits_of(smallest: int, largest: int) -> int:
@@ -98,7 +101,8 @@ def layer_bounds(step: SummingStep, low: int, high: int, shift: int = 0) -> Boun
     if not products.is_wide:
         # Full width is an accumulator itself: where its sums wrap, those of 32 bits are the same.
         bits = np.minimum(bits, WIDEST)
-    return Bounds(bits, max(harmless), smallest_sums, largest_sums)
+    widest = int(np.maximum(-least, greatest)[products.met].max(initial=0))
+    return Bounds(bits, max(harmless), smallest_sums, largest_sums, _exponent(widest))
 
 
 def _addends(products: Products, low: int, high: int, shift: int) -> tuple[np.ndarray, np.ndarray]:

@@ -5,9 +5,9 @@
 from __future__ import annotations
 
 from bitfold.studies import rows, words
-from bitfold.studies.attribution import ACCUMULATOR, QUANTISATION, SHIFT, UNITS
+from bitfold.studies.causes import ACCUMULATOR, QUANTISATION, SHIFT, UNITS
+from bitfold.studies.columns import Column, Table
 from bitfold.studies.records import Attribution, Findings
-from bitfold.studies.rows import Column, Table
 
 _ORDER = (QUANTISATION, SHIFT, ACCUMULATOR, UNITS)
 

@@ -49,6 +49,7 @@ def ladder(
     harmless: Mapping[int, int],
     images: int,
     start: int,
+    floors: Mapping[int, int],
 ) -> tuple[Rung, ...]:
     """Return the widths of a layer, from one downwards.
 
@@ -59,6 +60,7 @@ def ladder(
         harmless: by each shift to choose from, the width from which on no wrap on the way matters.
         images: that the layer's sums were counted over.
         start: the first rung is the least width that reaches this, or the greatest of all.
+        floors: by each shift, the width below which it has no further rung.
     """
     extremes = [max(abs(c.smallest_sum), abs(c.largest_sum)) for c in channels]
     extremes = extremes or [1 << (layer.needed - 1)]
@@ -69,10 +71,14 @@ def ladder(
     for width in sorted((w for w in widths if w <= first), reverse=True):
         harms = {}
         for shift, from_width in harmless.items():
+            if rungs and width < floors[shift]:
+                continue
             wrong = 1.0 if width < from_width else _wrong(layer, extremes, width + shift)
             # Each addend is off by up to half of 2^shift, evenly spread.
             rounding = addends * 4.0**shift / 12 / max(power, 1.0) if shift else 0.0
             harms[shift] = _WRONG * wrong + rounding
+        if not harms:
+            break
         order = tuple(sorted(harms, key=lambda shift: (harms[shift], shift)))
         saved = layer.multiply_adds * (rungs[-1].width - width) if rungs else 0
         rungs.append(Rung(width, order, tuple(harms[shift] for shift in order), saved))
@@ -98,6 +104,7 @@ def unshifted(rungs: Ladder) -> Ladder:
     return [
         dataclasses.replace(rung, shifts=(0,), harms=(rung.harms[rung.shifts.index(0)],))
         for rung in rungs
+        if 0 in rung.shifts
     ]
 
 

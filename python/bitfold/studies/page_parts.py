@@ -7,8 +7,8 @@ from __future__ import annotations
 import html as markup
 from collections.abc import Iterator, Sequence
 
+from bitfold.studies.columns import Table
 from bitfold.studies.drawing import DASHES, MARKS, KeyEntry, Picture
-from bitfold.studies.rows import Table
 from bitfold.studies.tables import html_table
 
 

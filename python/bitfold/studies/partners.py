@@ -45,8 +45,11 @@ def float_file(model: Any) -> bytes:
 
     Raises:
         OSError: for a path that cannot be read.
+        TypeError: for a `bitfold.Network`.
         ValueError: for a model that cannot be converted.
     """
+    if isinstance(model, Network):
+        raise TypeError("Need the model in floats as float_model, got a bitfold.Network")
     if isinstance(model, bytes | bytearray | memoryview):
         return bytes(model)
     if isinstance(model, str | os.PathLike):

@@ -72,6 +72,16 @@ def check_biases(network: Network) -> None:
                 )
 
 
+def _need_numbers(images: Any, first: int) -> None:
+    """Raise ValueError for NaN, which is stored as some number or other, and seen nowhere after."""
+    for value in map(np.asarray, tf.nest.flatten(images)):
+        if value.dtype.kind == "f" and np.isnan(value).any():
+            raise ValueError(
+                f"Need images of numbers, got {int(np.isnan(value).sum())} elements of NaN in the "
+                f"{len(value)} images from image {first} on"
+            )
+
+
 class Finals:
     """Adds up what final sums tell of batches, as late as can be."""
 
@@ -114,6 +124,7 @@ class Runner:
             self._pass = SettingPass(given)
         self._call = self._pass.network.observed(self._pass.observe_finals)
         self._call_to_look = self._pass.network.observed(self._pass.observe)
+        self._is_first = setting is None
         self._sample = plan.sample
         self._metric = Metric(plan.metric) if plan.has_metric else None
 
@@ -121,7 +132,8 @@ class Runner:
         """Return what is counted over a shard.
 
         Raises:
-            ValueError: for labels that do not fit, and where a metric meets several outputs.
+            ValueError: for images with elements that are not a number, for labels that do not fit,
+                and where a metric meets several outputs.
         """
         begin, before = time.perf_counter(), self._pass.lines()
         metric = None if self._metric is None else self._metric.start()
@@ -129,6 +141,8 @@ class Runner:
         tally = Tally()
         for images, labels in shard.batches:
             count = self._count(images)
+            if self._is_first:
+                _need_numbers(images, place)
             looked = self._sample.places(place, count)
             if looked.size == count:
                 outputs, layers = self._look(images)
@@ -139,7 +153,7 @@ class Runner:
             if metric is not None:
                 if not tf.is_tensor(outputs):
                     raise ValueError("Need a network of one output for a metric; leave y out")
-                metric.update_state(labels, outputs)
+                evaluation.update(metric, labels, outputs)
             if 0 < looked.size < count:
                 sample.append(self._some(images, looked))
             place, most = place + count, max(most, count)

@@ -15,6 +15,7 @@ import errno
 import fcntl
 import json
 import os
+import re
 import shutil
 import time
 import zlib
@@ -26,6 +27,7 @@ from bitfold.studies.tallies import Tally
 
 _FORMAT = 2
 # What a file of something else raises when it is read.
+_CHECKSUM = re.compile(rb"[0-9a-f]{8}")
 _DAMAGES = (ValueError, KeyError, TypeError, AttributeError, RecursionError)
 # Lines are added up when they are this many bytes and as many times what adding up would leave.
 _MANY = 1 << 20
@@ -222,7 +224,7 @@ def _content(line: bytes) -> Any:
         ValueError: for one that is not whole.
     """
     checksum, _, text = line.partition(b" ")
-    if int(checksum, 16) != zlib.crc32(text):
+    if not _CHECKSUM.fullmatch(checksum) or int(checksum, 16) != zlib.crc32(text):
         raise ValueError("a line is damaged")
     return json.loads(text)
 

@@ -83,8 +83,10 @@ def narrowest(
         What was found, measured end to end.
 
     Raises:
-        ValueError: for numbers that cannot be used, a metric at full width that is none, and where
-            the widths do not reach far enough for the bound.
+        TypeError: for widths or shifts that are no whole numbers in a list or a range.
+        ValueError: for numbers that cannot be used, widths in which one wrap does not bring every
+            product of a layer back (`Bounds.products_from`), a metric at full width that is none,
+            and where the widths do not reach far enough for the bound.
 
     Example:
         >>> import bitfold, keras, numpy as np
@@ -101,7 +103,7 @@ def narrowest(
         (1.0, True, True)
     """
     begin = time.monotonic()
-    widths, shifts = _numbers("widths", widths, WIDEST), _numbers("shifts", {0, *shifts}, 31)
+    widths, shifts = _numbers("widths", widths, WIDEST), _numbers("shifts", shifts, 31, (0,))
     if not (math.isfinite(metric_loss) and metric_loss >= 0):
         raise ValueError(f"Need metric_loss >= 0, got {metric_loss}")
     if not layers:
@@ -109,10 +111,11 @@ def narrowest(
     bounds = bounds or _bounds_by(layers)
     network = network.with_arithmetic({layer.name: Arithmetic() for layer in layers})
     possible = _possible_shifts(network, [layer.name for layer in layers], shifts, max(widths))
-    harmless = [
-        {shift: bounds(layer.name, shift).harmless_from for shift in possible[layer.name]}
-        for layer in layers
+    proven = [
+        {shift: bounds(layer.name, shift) for shift in possible[layer.name]} for layer in layers
     ]
+    for layer, by_shift in zip(layers, proven, strict=True):
+        _need_room_for_products(layer.name, by_shift, widths)
     trials = Trials(
         network,
         layers,
@@ -128,8 +131,16 @@ def narrowest(
     safe = [max(width, layer.proven) for width, layer in zip(seen, layers, strict=True)]
     for start in (seen, safe):
         ladders = [
-            ladder(layer, (channels or {}).get(layer.name, ()), widths, *rest)
-            for layer, *rest in zip(layers, harmless, [images] * len(layers), start, strict=True)
+            ladder(
+                layer,
+                (channels or {}).get(layer.name, ()),
+                widths,
+                {shift: bound.harmless_from for shift, bound in by_shift.items()},
+                images,
+                first,
+                {shift: bound.products_from for shift, bound in by_shift.items()},
+            )
+            for layer, by_shift, first in zip(layers, proven, start, strict=True)
         ]
         places = _along_the_order(trials, ladders)
         if places is not None:
@@ -257,12 +268,28 @@ def _state(ladders: Sequence[Ladder], places: Sequence[Place]) -> State:
 # ---- What it is given --------------------------------------------------------------------------
 
 
-def _numbers(what: str, given: Iterable[int], most: int) -> tuple[int, ...]:
+def _numbers(
+    what: str, given: Iterable[int], most: int, always: Iterable[int] = ()
+) -> tuple[int, ...]:
     """Return bits in ascending order, each once."""
-    numbers = tuple(sorted({operator.index(number) for number in given}))
+    if not isinstance(given, Iterable):
+        raise TypeError(f"Need {what} as numbers in a list or a range, got {given!r}")
+    numbers = tuple(sorted({operator.index(number) for number in (*always, *given)}))
     if not numbers or numbers[0] < 0 or numbers[-1] > most:
         raise ValueError(f"Need {what} of 0 to {most}, got {list(numbers)}")
     return numbers
+
+
+def _need_room_for_products(
+    name: str, by_shift: Mapping[int, Bounds], widths: Sequence[int]
+) -> None:
+    """Raise ValueError where sums would be no numbers of so few bits, however good the metric."""
+    least = min(bound.products_from for bound in by_shift.values())
+    if max(widths) < least:
+        raise ValueError(
+            f"Need widths of {least} and more, so that one wrap brings every product of layer "
+            f"{name!r} back, got {list(widths)}"
+        )
 
 
 def _bounds_by(layers: Sequence[LayerBits]) -> BoundsOf:

@@ -29,14 +29,16 @@ _NAMES = {
 }
 # A share of wrong sums that is worth being named.
 _NOTABLE = 0.01
+# A rise of the metric at narrow widths, as a share of that at full width, that is worth a warning.
+_NOTABLE_RISE = 0.2
 
 
 def overall(findings: Findings) -> list[str]:
     """Return the most important of all."""
     said = [reach(findings), *bits(findings)[:1]]
     first = next(iter(all_series(findings)), None)
-    if first:
-        said += [*accuracy(findings, first), *wrong(findings, first)]
+    if first and findings.layers:
+        said += [*accuracy(findings, first), *rising(findings, first), *wrong(findings, first)]
     for attribution in findings.attributions[:1]:
         said += causes(findings, attribution)
     for search in findings.searches[-1:]:
@@ -89,6 +91,24 @@ def accuracy(findings: Findings, series: Series) -> list[str]:
     if last_width != next_width:
         text += f", {last_width} bits {words.metric(findings, last_value)}"
     return [f"{text}."]
+
+
+def rising(findings: Findings, series: Series) -> list[str]:
+    """Return a warning where the metric rises again below the widths of all addends."""
+    least = min((layer.harmless_from for layer in findings.layers), default=0)
+    known = zip(series.widths, series.results, strict=True)
+    measured = [(width, result.metric) for width, result in known if words.is_known(result.metric)]
+    if not words.is_known(findings.metric) or not measured:
+        return []
+    lowest, worst = min(measured, key=lambda one: one[1])
+    narrower = [value for width, value in measured if width < min(lowest, least)]
+    if max(narrower, default=worst) - worst <= _NOTABLE_RISE * abs(findings.metric):
+        return []
+    return [
+        f"Below {least} bits one wrap does not bring every addend back, and sums stay outside of "
+        f"the accumulator's range. That the {findings.metric_name or 'metric'} rises again there "
+        "does not mean that so few bits are enough."
+    ]
 
 
 def shifts(findings: Findings, every: Sequence[Series]) -> list[str]:
@@ -147,7 +167,7 @@ def bits(findings: Findings) -> list[str]:
     """Return what the sums need, and what is proven."""
     layers = findings.layers
     if not layers:
-        return ["No layer has an accumulator."]
+        return ["No layer has an accumulator; those of a model in floats have none."]
     widest = max(layers, key=lambda layer: layer.needed)
     most = f"; {words.printable(widest.name)} needs the most" if len(layers) > 1 else ""
     everywhere = " in every layer" if len(layers) > 1 else ""

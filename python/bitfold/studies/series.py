@@ -94,7 +94,7 @@ def describe(arithmetic: Arithmetic) -> str:
         words.append("half precision")
     if arithmetic.mult_shift:
         words.append(f"shift {arithmetic.mult_shift}")
-    words += [text for unit, text in _UNITS.items() if getattr(arithmetic, unit) == "unit"]
+    words += [_UNITS[unit] for unit in arithmetic.units]
     return ", ".join(words) or "exact"
 
 

@@ -12,7 +12,6 @@ from bitfold.network import Arithmetic, Network
 
 # What `bitfold.ops.partial_sums` counts.
 _LARGEST_SHIFT = 30
-_UNITS = ("requantisation", "softmax", "activations", "additions", "resize", "layer_norm")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -51,8 +50,7 @@ def name_of(arithmetic: Arithmetic) -> str:
         parts = ["half precision"] + ([f"{width} bits"] if width is not None else [])
     if arithmetic.mult_shift:
         parts.append(f"shift {arithmetic.mult_shift}")
-    units = [unit for unit in _UNITS if getattr(arithmetic, unit) == "unit"]
-    parts += [f"unit {unit.replace('_', ' ')}" for unit in units]
+    parts += [f"unit {unit.replace('_', ' ')}" for unit in arithmetic.units]
     return ", ".join(parts)
 
 

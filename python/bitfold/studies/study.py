@@ -7,17 +7,13 @@ from __future__ import annotations
 import dataclasses
 import io
 import os
-from collections.abc import Callable
 from concurrent.futures import Executor
 from typing import Any, TextIO
 
-import numpy as np
-
-from bitfold.network import Network, archive, evaluation
+from bitfold.network import Network, archive
 from bitfold.network.shards.data import Data
-from bitfold.network.shards.source import Source
 from bitfold.studies import document, page, search, tables, terminal
-from bitfold.studies.bounds import Bounds, layer_bounds
+from bitfold.studies.attribution import checked
 from bitfold.studies.finding import attributed, found
 from bitfold.studies.measuring import measure
 from bitfold.studies.passes import Plan, check_biases
@@ -31,7 +27,7 @@ from bitfold.studies.records import (
 )
 from bitfold.studies.sampling import sample_of
 from bitfold.studies.settings import full_width, settings_of
-from bitfold.studies.watching import summing_steps
+from bitfold.studies.subject import Subject
 
 
 def study(
@@ -92,8 +88,8 @@ def study(
 
     Raises:
         OSError: for a `resume` that cannot be read or written, before work begins.
-        TypeError: for arithmetics that are none, a title that is no text, an executor that is none,
-            and a metric that cannot be sent to its workers.
+        TypeError: for a network or arithmetics that are none, a title that is no text, an executor
+            that is none, and a metric that cannot be sent to its workers.
         ValueError: for labels that do not fit, arithmetics that a layer has not, `partial_sums` of
             another kind, a `resume` of another study, and data that cannot be sent to workers.
         bitfold.WorkerError: for a part of the work that an executor cannot do.
@@ -110,10 +106,17 @@ def study(
         >>> study.results[0].name, study.results[0].layers[0].alone.sums
         ('12 bits', 150)
     """
+    if not isinstance(network, Network):
+        raise TypeError(
+            f"Need a bitfold.Network, got {type(network).__name__}; Network.from_keras makes one "
+            "of a Keras model and calibration data, Network.from_tflite of a file"
+        )
     if title is not None and not isinstance(title, str):
         raise TypeError(f"Need a title that is text or None, got {title!r}")
     check_biases(network)
     settings = settings_of(network, arithmetics)
+    if float_model is not None:
+        float_model = checked(network, float_model)
     size = network.batch_size(batch_size)
     data = Data(x, y, size, shard_size=shard_size, rows=network.inputs[0].shape[0])
     plan = Plan(network, settings, metric, data.has_labels, sample_of(partial_sums))
@@ -121,51 +124,7 @@ def study(
     findings = found(plan, tallies, example, title)
     if float_model is not None:
         findings = attributed(findings, plan, data, float_model)
-    return Study(findings, _Subject(network, x, y, metric, batch_size, executor))
-
-
-@dataclasses.dataclass(frozen=True)
-class _Subject:
-    """What a study was of; a search goes on with it."""
-
-    network: Network
-    x: Any
-    y: Any
-    metric: Any
-    batch_size: int | None
-    executor: Executor | None
-
-    def evaluate(self, network: Network) -> float:
-        """Return the metric of a network over all data."""
-        return network.evaluate(
-            self.x,
-            self.y,
-            metric=self.metric,
-            batch_size=self.batch_size,
-            executor=self.executor,
-        )
-
-    def evaluation_of(self, images: int) -> Callable[[Network], float]:
-        """Return the same over the first images.
-
-        Raises:
-            ValueError: for a number below 1, and of a dataset.
-        """
-        if images < 1 or evaluation.count_images(self.x) is None:
-            raise ValueError(f"Need images >= 1 of arrays or files for a sample, got {images}")
-        if isinstance(self.x, Source):
-            x, y = self.x.part(0, min(images, self.x.images)).read()
-            return dataclasses.replace(self, x=x, y=y).evaluate
-        x = next(evaluation.batches(self.x, images))
-        return dataclasses.replace(self, x=x, y=self.y[:images]).evaluate
-
-    def bounds(self, name: str, shift: int) -> Bounds:
-        """Return what is proven of a layer."""
-        steps = summing_steps(self.network)
-        layer = next(layer for layer in self.network.layers if layer.name == name)
-        step = steps[layer.position]
-        limits = np.iinfo(step.data.dtype)
-        return layer_bounds(step, int(limits.min), int(limits.max), shift)
+    return Study(findings, Subject(network, x, y, metric, batch_size, executor))
 
 
 class Study:
@@ -174,7 +133,7 @@ class Study:
     Made by `bitfold.study`, or of a file by `load`.
     """
 
-    def __init__(self, findings: Findings, subject: _Subject | None = None) -> None:
+    def __init__(self, findings: Findings, subject: Subject | None = None) -> None:
         """Take what was found, and what it was found of where that is at hand."""
         self._findings = findings
         self._subject = subject
@@ -202,8 +161,23 @@ class Study:
     def channels(self, name: str) -> tuple[ChannelBits, ...]:
         """Return the channels of a layer.
 
+        Args:
+            name: of a layer with an accumulator, as `layers` has it.
+
+        Returns:
+            In the order of the channels.
+
         Raises:
             ValueError: for a name of none.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((8,)), keras.layers.Dense(3, name="dense")])
+            >>> x = np.random.default_rng(1).normal(size=(50, 8)).astype(np.float32)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> study = bitfold.study(network, x, arithmetics=[bitfold.Arithmetic(12)])
+            >>> [channel.channel for channel in study.channels("dense")]
+            [0, 1, 2]
         """
         if name not in self._findings.channels:
             raise ValueError(f"Need a layer of {list(self._findings.channels)}, got {name!r}")
@@ -231,6 +205,17 @@ class Study:
         Raises:
             ValueError: without labels, for a study that was loaded from a file, for numbers that
                 cannot be used, and where no width is enough.
+
+        Example:
+            >>> import bitfold, keras, numpy as np
+            >>> keras.utils.set_random_seed(1)
+            >>> model = keras.Sequential([keras.Input((8,)), keras.layers.Dense(3, name="dense")])
+            >>> x = np.random.default_rng(1).normal(size=(50, 8)).astype(np.float32)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> study = bitfold.study(network, x, network.predict(x).argmax(axis=1))
+            >>> found = study.narrowest(metric_loss=0.0, widths=[8, 16, 24])
+            >>> [(choice.name, choice.width) for choice in found.choices]
+            [('dense', 16)]
         """
         if self._subject is None:
             raise ValueError(
@@ -259,9 +244,25 @@ class Study:
     def save(self, path: str | os.PathLike[str]) -> None:
         """Write a report for people (.html) or all numbers for machines (.json).
 
+        Args:
+            path: of the file; its ending says which. One that is there is replaced as a whole.
+
         Raises:
             OSError: for a path that cannot be written.
             ValueError: for another ending.
+
+        Example:
+            >>> import os, tempfile
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((8,)), keras.layers.Dense(3, name="dense")])
+            >>> x = np.random.default_rng(1).normal(size=(50, 8)).astype(np.float32)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> study = bitfold.study(network, x, arithmetics=[bitfold.Arithmetic(12)])
+            >>> with tempfile.TemporaryDirectory() as folder:
+            ...     study.save(f"{folder}/study.html")
+            ...     study.save(f"{folder}/study.json")
+            ...     sorted(os.listdir(folder))
+            ['study.html', 'study.json']
         """
         ending = os.path.splitext(path)[1].lower()
         if ending not in (".html", ".json"):
@@ -273,9 +274,28 @@ class Study:
     def load(cls, path: str | os.PathLike[str]) -> Study:
         """Read what `save` wrote as .json. All is there but the network, so nothing is searched.
 
+        Args:
+            path: of the file.
+
+        Returns:
+            The study, without the network and its data.
+
         Raises:
             OSError: for a path that cannot be read.
             ValueError: for a file that is damaged or of another kind.
+
+        Example:
+            >>> import tempfile
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((8,)), keras.layers.Dense(3, name="dense")])
+            >>> x = np.random.default_rng(1).normal(size=(50, 8)).astype(np.float32)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> study = bitfold.study(network, x, arithmetics=[bitfold.Arithmetic(12)])
+            >>> with tempfile.TemporaryDirectory() as folder:
+            ...     study.save(f"{folder}/study.json")
+            ...     again = bitfold.Study.load(f"{folder}/study.json")
+            >>> again.results == study.results
+            True
         """
         with open(path, "rb") as file:
             content = file.read()
@@ -289,6 +309,9 @@ class Study:
     def to_dataframe(self) -> Any:
         """Return a data frame of pandas, a row for each layer and arithmetic.
 
+        Returns:
+            A `pandas.DataFrame`; full width comes first, as the arithmetic "full width".
+
         Raises:
             ImportError: where pandas is not installed.
         """
@@ -299,6 +322,18 @@ class Study:
 
         Args:
             file: where to; standard output by default.
+
+        Example:
+            >>> import io
+            >>> import bitfold, keras, numpy as np
+            >>> model = keras.Sequential([keras.Input((8,)), keras.layers.Dense(3, name="dense")])
+            >>> x = np.random.default_rng(1).normal(size=(50, 8)).astype(np.float32)
+            >>> network = bitfold.Network.from_keras(model, calibration=x)
+            >>> study = bitfold.study(network, x, arithmetics=[bitfold.Arithmetic(12)])
+            >>> text = io.StringIO()
+            >>> study.print(text)
+            >>> "Bits of each layer" in text.getvalue()
+            True
         """
         terminal.print_findings(self._findings, file)
 

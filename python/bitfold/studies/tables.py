@@ -10,8 +10,8 @@ from typing import Any
 
 from bitfold.network import Arithmetic
 from bitfold.studies import cause_rows, rows
+from bitfold.studies.columns import Column, Table
 from bitfold.studies.records import Counts, Findings, LayerBits, LayerCounts
-from bitfold.studies.rows import Column, Table
 
 _FULL_WIDTH = "full width"
 _NOTHING = LayerCounts(0, "", Arithmetic(), Counts(), Counts())

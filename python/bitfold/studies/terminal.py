@@ -13,10 +13,11 @@ from typing import TextIO
 import rich.table
 from rich.console import Console
 from rich.markup import escape
+from rich.measure import Measurement
 
 from bitfold.studies import cause_rows, rows, sentences, words
+from bitfold.studies.columns import Table
 from bitfold.studies.records import ChannelBits, Findings
-from bitfold.studies.rows import Table
 from bitfold.studies.series import all_series
 
 # Where the output is not a terminal, lines are as long as what they hold.
@@ -39,15 +40,14 @@ def print_findings(findings: Findings, file: TextIO | None = None) -> None:
         >>> print_findings(Findings("network", 1, None, None, None, (), {}))
         network
         1 image went through 0 layers with an accumulator; without labels there is no metric.
-        No layer has an accumulator.
+        No layer has an accumulator; those of a model in floats have none.
     """
     console = _console(file)
     console.print(words.printable(findings.title), style="bold", markup=False)
     for sentence in sentences.overall(findings):
         console.print(sentence, markup=False, soft_wrap=True)
     for table in _tables(findings):
-        console.print(f"\n{table.caption}", markup=False, soft_wrap=True)
-        console.print(_drawn(table))
+        _print_table(console, table)
     for layer in findings.layers:
         for remark in layer.remarks:
             console.print(f"{words.printable(layer.name)}: {remark}", markup=False, soft_wrap=True)
@@ -62,9 +62,7 @@ def print_channels(name: str, channels: Sequence[ChannelBits], file: TextIO | No
         file: where to; `sys.stdout` by default.
     """
     console = _console(file)
-    table = rows.channels_of(words.printable(name), channels)
-    console.print(f"\n{table.caption}", markup=False, soft_wrap=True)
-    console.print(_drawn(table))
+    _print_table(console, rows.channels_of(words.printable(name), channels))
 
 
 def _console(file: TextIO | None) -> Console:
@@ -121,6 +119,25 @@ def _with_columns(table: Table, kept: list[int]) -> Table:
         columns=tuple(table.columns[index] for index in kept),
         rows=tuple(tuple(row[index] for index in kept) for row in table.rows),
     )
+
+
+def _print_table(console: Console, table: Table) -> None:
+    """Print a table; one that is too wide in pieces, each with the first column."""
+    console.print(f"\n{table.caption}", markup=False, soft_wrap=True)
+    kept = [0]
+    for index in range(1, len(table.columns)):
+        if len(kept) > 1 and not _fits(console, _with_columns(table, [*kept, index])):
+            console.print(_drawn(_with_columns(table, kept)))
+            console.print()
+            kept = [0]
+        kept.append(index)
+    console.print(_drawn(_with_columns(table, kept)))
+
+
+def _fits(console: Console, table: Table) -> bool:
+    """Return whether nothing in a table has to be folded."""
+    options = console.options.update(max_width=_WIDTH)
+    return Measurement.get(console, options, _drawn(table)).maximum <= console.width
 
 
 def _drawn(table: Table) -> rich.table.Table:

@@ -19,10 +19,6 @@ from bitfold.training.layers import Emulated, Ranged
 class Quantised(Ranged):
     """Stores real numbers."""
 
-    def build(self, values_shape: Any) -> None:
-        """Build nothing."""
-        self.built = True
-
     def call(self, values: tf.Tensor, training: bool = False) -> Any:
         """Quantise a batch."""
         if current() is not Flow.INTEGERS:
@@ -50,10 +46,6 @@ class Dequantised(Emulated):
     def __init__(self, **kwargs: Any) -> None:
         """Take the keywords of every Keras layer."""
         super().__init__(**{**kwargs, "gives_real": True})
-
-    def build(self, values_shape: Any, grid_shape: Any) -> None:
-        """Build nothing."""
-        self.built = True
 
     def call(self, values: tf.Tensor, grid: tf.Tensor) -> tf.Tensor:
         """Dequantise a batch."""

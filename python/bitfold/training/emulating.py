@@ -4,7 +4,6 @@
 
 from __future__ import annotations
 
-import dataclasses
 import numbers
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from typing import Any
@@ -12,7 +11,7 @@ from typing import Any
 import keras
 import tensorflow as tf
 
-from bitfold.network import naming
+from bitfold.network import selection
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.calibration import Calibration
 from bitfold.network.converter import model_inputs
@@ -110,9 +109,9 @@ def emulate(
     groups = groups_of(calls)
     summing = [group.layer for group in groups if group.kind == "weighted"]
     options = {
-        "arithmetic": _by_layer(arithmetic, summing, Arithmetic, Arithmetic()),
-        "filter_rule": _by_layer(filter_rule, summing, FilterRule, None),
-        "penalty": _by_layer(_mapped(_penalty, penalty), summing, Callable, None),
+        "arithmetic": _by_layer(arithmetic, summing, Arithmetic, "an Arithmetic", Arithmetic()),
+        "filter_rule": _by_layer(filter_rule, summing, FilterRule, "a FilterRule"),
+        "penalty": _by_layer(_mapped(_penalty, penalty), summing, Callable, "a function"),
     }
     for name, chosen in options["arithmetic"].items():
         _require_trainable(name, chosen)
@@ -164,38 +163,24 @@ def _penalty(given: Any) -> Any:
 
 
 def _require_trainable(name: str, arithmetic: Arithmetic) -> None:
-    units = [field for field, value in dataclasses.asdict(arithmetic).items() if value == "unit"]
-    if units:
+    if arithmetic.units:
         raise ValueError(
-            f'Need {units[0]}="model" to train layer {name!r}, got {arithmetic!r}: the tables of '
-            "units are made for scales that do not change"
+            f'Need {arithmetic.units[0]}="model" to train layer {name!r}, got {arithmetic!r}: the '
+            "tables of units are made for scales that do not change"
         )
 
 
 def _by_layer(
-    given: Any, layers: Sequence[keras.layers.Layer], kind: Any, default: Any
+    given: Any, layers: Sequence[keras.layers.Layer], kind: Any, what: str, default: Any = None
 ) -> dict[str, Any]:
-    """Return a setting for each layer by its name, of one for all or a mapping."""
+    """Return a setting for each layer by its name."""
     names = [layer.name for layer in layers]
     if given is None:
         return dict.fromkeys(names, default)
-    if isinstance(given, kind):
-        return dict.fromkeys(names, given)
-    what = kind.__name__
-    if not isinstance(given, Mapping):
-        raise TypeError(f"Need {what} or a dictionary of them, got {given!r}")
-    kinds = [PRODUCTS[type(layer)].kind if type(layer) in PRODUCTS else "" for layer in layers]
-    result, found = dict.fromkeys(names, default), []
-    for key, value in given.items():
-        if not isinstance(value, kind):
-            raise TypeError(f"Need {what} for {key!r}, got {value!r}")
-        exactness, indices = naming.matching(key, names, kinds)
-        if not indices:
-            raise ValueError(f"Need a layer, pattern or operator of {names}, got {key!r}")
-        found.append((exactness, indices, value))
-    for _, indices, value in sorted(found, key=lambda item: item[0]):
-        result.update({names[i]: value for i in indices})
-    return result
+    operators = [PRODUCTS[type(layer)].kind if type(layer) in PRODUCTS else "" for layer in layers]
+    found = selection.by_layer(given, kind, what, names, operators)
+    settings = [default if setting is None else setting for setting in found]
+    return dict(zip(names, settings, strict=True))
 
 
 def _calibrate(model: keras.Model, data: Calibration) -> None:

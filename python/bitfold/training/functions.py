@@ -113,10 +113,6 @@ class EmulatedFunction(Ranged):
         if given is not None:
             self.range.give(*given)
 
-    def build(self, values_shape: Any, grid_shape: Any) -> None:
-        """Build nothing."""
-        self.built = True
-
     def call(self, values: tf.Tensor, grid: tf.Tensor, training: bool = False) -> Any:
         """Compute a batch."""
         flow = current()

@@ -25,19 +25,11 @@ class EmulatedAddition(Ranged):
     Both operands are brought to twice the larger scale with 20 spare bits, added and requantised.
     """
 
-    operands = 2
-
     def __init__(self, *, subtracts: bool = False, **kwargs: Any) -> None:
         """Take whether the second operand is subtracted."""
         super().__init__(**kwargs)
         self.subtracts = subtracts
         self.kind = "SUB" if subtracts else "ADD"
-
-    def build(
-        self, values_shape: Any, grid_shape: Any, second_shape: Any, second_grid_shape: Any
-    ) -> None:
-        """Build nothing."""
-        self.built = True
 
     def call(
         self,
@@ -96,12 +88,6 @@ class EmulatedProduct(Ranged):
 
     kind = "MUL"
 
-    def build(
-        self, values_shape: Any, grid_shape: Any, second_shape: Any, second_grid_shape: Any
-    ) -> None:
-        """Build nothing."""
-        self.built = True
-
     def call(
         self,
         values: tf.Tensor,
@@ -149,10 +135,6 @@ class EmulatedConcatenation(Ranged):
         super().__init__(**kwargs)
         self.axis = axis
         self.kind = "CONCATENATION"
-
-    def build(self, *shapes: Any, **named: Any) -> None:
-        """Build nothing."""
-        self.built = True
 
     def call(self, *operands: tf.Tensor, training: bool = False) -> Any:
         """Compute a batch of centred integers and grids in turn."""

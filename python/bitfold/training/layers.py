@@ -25,15 +25,16 @@ class Emulated(keras.layers.Layer, trained.TrainedLayer):
     model's outputs. While a model is calibrated or exported, real numbers stand for the integers.
     """
 
-    # How many operands a call has.
-    operands = 1
-
     def __init__(self, *, gives_real: bool = False, **kwargs: Any) -> None:
         """Take whether real numbers come out, and the keywords of every Keras layer."""
         kwargs.setdefault("dtype", "float32")
         super().__init__(**kwargs)
         self.supports_jit = False  # the ops have no XLA kernels
         self.gives_real = gives_real
+
+    def build(self, *shapes: Any, **named: Any) -> None:
+        """Build nothing; a layer that has what must be built overrides it."""
+        self.built = True
 
     def result(self, centred: tf.Tensor, grid: tf.Tensor) -> Any:
         """Return what a call gives."""

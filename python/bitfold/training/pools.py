@@ -101,10 +101,6 @@ class EmulatedMean(Ranged):
         super().__init__(**kwargs)
         self.keeps_dimensions = keeps_dimensions
 
-    def build(self, values_shape: Any, grid_shape: Any) -> None:
-        """Build nothing."""
-        self.built = True
-
     def call(self, values: tf.Tensor, grid: tf.Tensor, training: bool = False) -> Any:
         """Compute a batch."""
         flow = current()

@@ -235,6 +235,12 @@ def test_classes(folder):
         image_folder(path, (3, 3), class_names=["no", "class0"])
     with pytest.raises(ValueError, match="of no use without labels"):
         image_folder(path, (3, 3), class_names=["no"], labels=False)
+    (folder / "flat").mkdir()
+    (folder / "flat" / "a.png").write_bytes(b"")
+    with pytest.raises(ValueError, match="it has pictures, but no folder for each class; labels="):
+        image_folder(folder / "flat", (3, 3))
+    with pytest.raises(ValueError, match=r"Need size=\(height, width\), both above 0, got"):
+        image_folder(path, 3)
     (folder / "empty").mkdir()
     for labels in (True, False):
         with pytest.raises(ValueError, match=r"Need images, found none in .*/empty"):

@@ -74,13 +74,3 @@ def test_the_layer_itself_keeps_the_name():
     """What a converter writes around a layer with weights is numbered, wherever it stands."""
     nodes = [node("m/c/Pad", kind="PAD"), node("m/c/convolution1", "m/c/convolution")]
     assert naming.layer_names(nodes) == ["c_2", "c"]
-
-
-def test_a_key_means_a_name_before_a_pattern_before_an_operator():
-    """A key means a name before a pattern before an operator."""
-    names, kinds = ["a1", "a2", "CONV_2D"], ["CONV_2D", "ADD", "CONV_2D"]
-    assert naming.matching("a1", names, kinds) == (2, [0])
-    assert naming.matching("a*", names, kinds) == (1, [0, 1])
-    assert naming.matching("ADD", names, kinds) == (0, [1])
-    assert naming.matching("CONV_2D", names, kinds) == (2, [2])
-    assert naming.matching("nothing", names, kinds)[1] == []

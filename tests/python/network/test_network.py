@@ -364,12 +364,27 @@ def test_evaluate(network):
         (None, "Need labels y"),
         (np.zeros(39, int), "Need a label for each image, got 39 for 40"),
         (np.zeros([40, 4]), r"Need labels as integers \[40\] or one-hot \[40, 5\]"),
+        (np.arange(40) % 5 + 1, "Need labels below 5, the network's number of outputs, got 5"),
     ],
 )
 def test_labels_that_do_not_fit_are_refused(network, labels, text):
     """Labels that do not fit are refused."""
     with pytest.raises(ValueError, match=text):
         network.evaluate(IMAGES, labels)
+
+
+def test_metrics_that_do_not_fit_are_refused(network):
+    """By their name, and in words of the caller's; `compile`'s names of accuracy are known."""
+    labels = network(IMAGES).numpy().argmax(axis=1)
+    assert network.evaluate(IMAGES, labels, metric="accuracy") == 1.0
+    assert network.evaluate(IMAGES, np.eye(5)[labels], metric="acc") == 1.0
+    with pytest.raises(ValueError, match=r"Need the name of a Keras metric, .*, got 'precise'"):
+        network.evaluate(IMAGES, labels, metric="precise")
+    shapes = r"labels \[40\] and outputs \[40, 5\], got 'mean_squared_error'"
+    with pytest.raises(ValueError, match=shapes):
+        network.evaluate(IMAGES, labels, metric="mean_squared_error")
+    with pytest.raises(TypeError, match="Need labels as integers or one-hot, got <U"):
+        network.evaluate(IMAGES, labels.astype(str))
 
 
 @pytest.mark.parametrize("size", [1, 3, 40, 1000, None])

@@ -13,63 +13,9 @@ import place_cases
 import pytest
 import sum_cases
 import value_cases
+from kinds import IMPORTED
 
 CASES = sum_cases.CASES | value_cases.CASES | place_cases.CASES
-
-# What networks import; SHAPE stands for the arithmetic on shapes around it.
-IMPORTED = {
-    "ADD",
-    "AVERAGE_POOL_2D",
-    "BATCH_MATMUL",
-    "BATCH_TO_SPACE_ND",
-    "CONCATENATION",
-    "CONV_2D",
-    "DEPTHWISE_CONV_2D",
-    "DEPTH_TO_SPACE",
-    "DEQUANTIZE",
-    "EXPAND_DIMS",
-    "FULLY_CONNECTED",
-    "GATHER",
-    "GELU",
-    "HARD_SWISH",
-    "LEAKY_RELU",
-    "LOGISTIC",
-    "MAXIMUM",
-    "MAX_POOL_2D",
-    "MEAN",
-    "MINIMUM",
-    "MIRROR_PAD",
-    "MUL",
-    "NEG",
-    "PACK",
-    "PAD",
-    "PADV2",
-    "PRELU",
-    "QUANTIZE",
-    "RELU",
-    "RELU6",
-    "RELU_N1_TO_1",
-    "RESHAPE",
-    "RESIZE_BILINEAR",
-    "RESIZE_NEAREST_NEIGHBOR",
-    "RSQRT",
-    "SHAPE",
-    "SLICE",
-    "SOFTMAX",
-    "SPACE_TO_BATCH_ND",
-    "SPACE_TO_DEPTH",
-    "SPLIT",
-    "SQUARED_DIFFERENCE",
-    "SQUEEZE",
-    "STRIDED_SLICE",
-    "SUB",
-    "SUM",
-    "TANH",
-    "TILE",
-    "TRANSPOSE",
-    "TRANSPOSE_CONV",
-    "UNPACK",
-}
 
 # The runtime has no kernel of these for 16 bits, so there is nothing to compare with.
 ONLY_INT8 = {

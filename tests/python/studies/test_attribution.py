@@ -15,8 +15,9 @@ import bitfold
 from bitfold.network import evaluation, model_file
 from bitfold.network.converter import convert_keras_to_floats
 from bitfold.network.kernels import FloatModel
-from bitfold.studies import attribution
-from bitfold.studies.attribution import attribute, causes_of
+from bitfold.studies import attribution, signals
+from bitfold.studies.attribution import attribute
+from bitfold.studies.causes import causes_of
 from bitfold.studies.partners import partners_of
 
 # The layers with an accumulator, and their places in the file of the model in floats.
@@ -161,7 +162,7 @@ def test_parts_of_batches_make_no_difference(network, model, images, labels, mon
     """Large layers are compared in parts of a batch, and in blocks."""
     whole = attribute(network, NARROW, model, _examples(images, labels, 24), evaluation.Accuracy)
     monkeypatch.setattr(attribution, "_ELEMENTS", 7 * (8 * 8 * 8 + 2 * 4 * 4 * 8))
-    monkeypatch.setattr(attribution, "_BLOCK", 3 * 8 * 8 * 8)
+    monkeypatch.setattr(signals, "_BLOCK", 3 * 8 * 8 * 8)
     parts = attribute(network, NARROW, model, _examples(images, labels, 24), evaluation.Accuracy)
     assert parts == whole
 

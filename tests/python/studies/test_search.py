@@ -333,7 +333,13 @@ def test_a_study_searches_by_its_own_metric():
     assert found.choices[0].width > 8
     found = study.narrowest(1000.0)
     assert found.reference < found.metric <= 1000.0
-    assert found.choices[0].width == 8
+    # Whatever the metric, no narrower: one wrap would not bring every product back.
+    assert found.choices[0].width == 15
+    assert study.narrowest(1000.0, shifts=[2]).choices[0].width == 13
+    with pytest.raises(ValueError, match=r"widths of 15 and more, .* 'dense' back, got \[3, 4\]"):
+        study.narrowest(1000.0, widths=(3, 4))
+    with pytest.raises(TypeError, match="widths as numbers in a list or a range, got 16"):
+        study.narrowest(widths=16)
     study = bitfold.study(network, x, y, metric=lambda y, p: keras.ops.mean(y - p, axis=-1))
     with pytest.raises(ValueError, match="Need larger_is_better"):
         study.narrowest()

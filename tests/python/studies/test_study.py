@@ -322,6 +322,22 @@ def test_labels_are_refused(network, data):
         bitfold.study(network, x[:1]).channels("none")
 
 
+def test_what_is_no_data_is_refused(network, data):
+    """Numbers that are none, labels of no output, models where a network should be and the other way."""
+    x, y = data
+    broken = x.copy()
+    broken[3] = np.nan
+    count = broken[3].size
+    with pytest.raises(ValueError, match=f"got {count} elements of NaN in the .* from image 0 on"):
+        bitfold.study(network, broken, y)
+    with pytest.raises(ValueError, match="Need labels below"):
+        bitfold.study(network, x, y + 1000)
+    with pytest.raises(TypeError, match=r"Need a bitfold\.Network, got str; Network\.from_keras"):
+        bitfold.study("model.tflite", x)
+    with pytest.raises(TypeError, match=r"in floats as float_model, got a bitfold\.Network"):
+        bitfold.study(network, x[:2], float_model=network)
+
+
 def test_warning_lines_end_to_end(network, data):
     """Of half precision as many as the network itself would print, and none twice."""
     arithmetic = A(use_fp16_acc=True)

@@ -76,6 +76,25 @@ def test_what_is_known_of_a_sample_says_so():
         assert "looked at" not in table.caption
 
 
+def test_a_metric_that_rises_below_all_addends_is_remarked():
+    """Where one wrap is not enough a metric says nothing of a register of so few bits."""
+    findings = made_findings.small()
+    first = next(iter(series.all_series(findings)))
+    least = min(layer.harmless_from for layer in findings.layers)
+    assert not sentences.rising(findings, first)
+
+    def of(width, metric):
+        arithmetic = Arithmetic(accumulator_size=width)
+        return Result(f"{width} bits", arithmetic, metric, first.results[0].layers)
+
+    fallen = [of(least - 1, 0.1), of(least, 0.1), of(least + 4, 0.9)]
+    for results, said in ((fallen, 0), ([of(least - 2, 0.8), *fallen], 1)):
+        made = dataclasses.replace(findings, results=tuple(results))
+        (text,) = sentences.rising(made, next(iter(series.all_series(made)))) or [""]
+        assert bool(text) == bool(said)
+        assert not said or f"Below {least} bits one wrap" in text
+
+
 def test_no_metric_no_column():
     """Without labels a table has no column for a metric."""
     findings = made_findings.small()

@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import io
+import re
 
 import made_findings
 import pytest
@@ -63,6 +64,21 @@ def test_a_terminal(monkeypatch):
     monkeypatch.setenv("FORCE_COLOR", "1")
     monkeypatch.setenv("COLUMNS", "80")
     assert "\x1b[" in _printed(made_findings.small())
+
+
+@pytest.mark.parametrize("width", [60, 80])
+def test_a_narrow_terminal(monkeypatch, width):
+    """Tables come in pieces; no number and no word is cut."""
+    monkeypatch.setenv("TERM", "xterm-256color")
+    monkeypatch.setenv("FORCE_COLOR", "1")
+    monkeypatch.setenv("COLUMNS", str(width))
+    text = re.sub(r"\x1b\[[0-9;]*m", "", _printed(made_findings.single()))
+    _, _, text = text.partition("Each arithmetic, end to end")
+    tables = text[: text.index("Share of wrong sums")].splitlines()[1:]
+    assert max(map(len, tables)) <= width
+    assert sum(line.startswith("arithmetic ") for line in tables) > 1
+    for word in ("corrected", "accuracy", f"{made_findings.WIDTHS[0]} bits"):
+        assert word in text
 
 
 def test_names_are_no_markup():

@@ -179,8 +179,8 @@ def test_original_keeps_its_calls():
         ({"gradient": "none"}, ValueError, "Need a gradient of straight"),
         ({"ranges": "seen"}, ValueError, "Need ranges of averaged"),
         ({"momentum": 2}, ValueError, "Need a momentum from 0 to 1"),
-        ({"arithmetic": 16}, TypeError, "Need Arithmetic or a dictionary of them, got 16"),
-        ({"arithmetic": {"first": 16}}, TypeError, "Need Arithmetic for 'first', got 16"),
+        ({"arithmetic": 16}, TypeError, "Need an Arithmetic or a dictionary of them, got 16"),
+        ({"arithmetic": {"first": 16}}, TypeError, "Need an Arithmetic for 'first', got 16"),
         (
             {"arithmetic": {"frist": bitfold.Arithmetic()}},
             ValueError,

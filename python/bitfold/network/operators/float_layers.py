@@ -48,6 +48,11 @@ class FloatStep(Step):
         for i, tensor in enumerate(node.inputs):
             if i in cls.integers:
                 yield from _checks.need_constant("the axes", tensor, ("int32",))
+            elif tensor is not None and tensor.is_constant and tensor.dtype == np.int8:
+                yield (
+                    f"need weights of float32 beside data in floats, got {tensor}: the file has a "
+                    "dynamic range; quantise the data, too, with representative images"
+                )
             elif tensor is not None:
                 yield from _checks.need_type("every input", tensor, _FLOAT)
         yield from _checks.need_type("the output", node.outputs[0], _FLOAT)

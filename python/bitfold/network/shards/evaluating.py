@@ -81,7 +81,7 @@ class Evaluation:
                 outputs = network(images)
                 if not tf.is_tensor(outputs):
                     raise ValueError("Need a network of one output for a metric")
-                counted.update_state(labels, outputs)
+                evaluation.update(counted, labels, outputs)
                 advance(len(outputs))
             return metric.state(counted)
 

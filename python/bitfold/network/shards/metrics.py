@@ -30,7 +30,7 @@ class Metric:
         """Take what `Network.evaluate` takes."""
         self._given = metric
         made = self._new()
-        self.name = "accuracy" if metric is None else made.name
+        self.name = "accuracy" if metric_is_accuracy(made) else made.name
 
     @property
     def description(self) -> str:
@@ -77,7 +77,7 @@ class Metric:
         if metric_is_accuracy(metric):
             metric.state = sum(state[0] for state in ordered)
             return metric.result()
-        metric.update_state(*example)
+        evaluation.update(metric, *example)
         for variable, *values in zip(metric.variables, *ordered, strict=True):
             variable.assign(np.sum(values, axis=0, dtype=values[0].dtype))
         return float(metric.result())

@@ -123,6 +123,9 @@ def test_refusals():
     assert_refused("need a filter for 3 channels", "CONV_2D", [x, _weights(2, 1, 1, 4)], out,
                    options)  # fmt: skip
     assert_refused("need every input of float32", "CONV_2D",
+                   [tensor([1, 4, 4, 3], "int8", 1.0), _weights(2, 1, 1, 3)], out,
+                   options)  # fmt: skip
+    assert_refused("need weights of float32 beside data in floats", "CONV_2D",
                    [x, tensor([2, 1, 1, 3], "int8", 1.0, data=np.ones([2, 1, 1, 3]))], out,
                    options)  # fmt: skip
     assert_refused("need axes of tensor 0", "SUM", [x, constant([4])], out)
