@@ -323,7 +323,7 @@ def test_labels_are_refused(network, data):
 
 
 def test_what_is_no_data_is_refused(network, data):
-    """Numbers that are none, labels of no output, models where a network should be and the other way."""
+    """Numbers that are none, labels of no output, models in place of networks."""
     x, y = data
     broken = x.copy()
     broken[3] = np.nan
