@@ -187,7 +187,9 @@ def _add_compare(tasks: argparse._SubParsersAction) -> None:
     compare.add_argument("a", metavar="A", help="a model, a saved network, or a study's .json")
     compare.add_argument("b", metavar="B", help="another of the same kind")
     compare.add_argument("--json", action="store_true", help="print JSON instead of tables")
-    _add_data(compare, required=False)
+    _add_images(compare, required=False)
+    # What the two differ in needs no labels; those of data that has some are not looked at.
+    compare.set_defaults(labels=None, y=None)
 
 
 def _task(tasks: argparse._SubParsersAction, name: str, what: str, examples: str):
@@ -205,7 +207,22 @@ def _add_model(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--json", action="store_true", help="print JSON instead of tables")
 
 
-def _add_data(parser: argparse.ArgumentParser, required: bool = True) -> None:
+def _add_data(parser: argparse.ArgumentParser) -> None:
+    group = _add_images(parser)
+    group.add_argument(
+        "--labels", metavar="FILES", action="append",
+        help="labels as .npy, where --data has none; may be repeated",
+    )  # fmt: skip
+    group.add_argument(
+        "--y", metavar="NAME",
+        help="the array or feature with the labels (default: y, labels, y_test, label)",
+    )  # fmt: skip
+    group.add_argument(
+        "--metric", metavar="NAME", help="a metric of Keras (default: the share of right answers)"
+    )
+
+
+def _add_images(parser: argparse.ArgumentParser, required: bool = True):
     group = parser.add_argument_group("data")
     group.add_argument(
         "--data", required=required, metavar="FILES", action="append",
@@ -214,17 +231,10 @@ def _add_data(parser: argparse.ArgumentParser, required: bool = True) -> None:
         "pattern in quotes, may be repeated",
     )  # fmt: skip
     group.add_argument(
-        "--labels", metavar="FILES", action="append",
-        help="labels as .npy, where --data has none; may be repeated",
-    )  # fmt: skip
-    group.add_argument(
         "--x", metavar="NAME", action="append",
         help="the array of the .npz, or the feature of records, with the images (default: x, "
         "images, x_test, inputs, image, or the only one); once for each input",
     )  # fmt: skip
-    group.add_argument(
-        "--y", metavar="NAME", help="that with the labels (default: y, labels, y_test, label)"
-    )
     group.add_argument(
         "--scale", type=float, default=1.0, metavar="NUMBER",
         help="what pixels of 0 to 255 of encoded pictures are multiplied by (default: 1)",
@@ -234,9 +244,7 @@ def _add_data(parser: argparse.ArgumentParser, required: bool = True) -> None:
     )
     group.add_argument("--images", type=_positive, metavar="COUNT", help="only the first so many")
     group.add_argument("--batch-size", type=_positive, metavar="COUNT", help="images at once")
-    group.add_argument(
-        "--metric", metavar="NAME", help="a metric of Keras (default: the share of right answers)"
-    )
+    return group
 
 
 def _add_arithmetics(parser: argparse.ArgumentParser) -> None:

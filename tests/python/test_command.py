@@ -266,6 +266,7 @@ def test_a_reader_that_has_enough(run, monkeypatch):
     ("arguments", "text"),
     [
         ("", "usage: bitfold"),
+        ("compare a.bitfold b.bitfold --data x.npy --metric mse", "arguments: --metric mse"),
         ("nonsense", "invalid choice: 'nonsense'"),
         ("study network.bitfold", "the following arguments are required: --data"),
         ("study a --data b --widths 24:14", "need 24 <= 14"),

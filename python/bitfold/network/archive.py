@@ -15,6 +15,7 @@ from collections.abc import Collection, Mapping
 from typing import Any
 
 from bitfold._frame.library import VERSION
+from bitfold.network import model_schema
 from bitfold.network.arithmetic import Arithmetic
 
 _FORMAT = 1
@@ -60,6 +61,11 @@ def unpack(content: bytes, name: str = "bytes") -> dict[str, Any]:
     Raises:
         ValueError: for an archive that is damaged or of another kind; `name` says which.
     """
+    if content[4:8] == model_schema.IDENTIFIER:
+        raise ValueError(
+            f"Need a file that Network.save wrote, got {name}, a model file; Network.from_tflite "
+            "imports it"
+        )
     try:
         with zipfile.ZipFile(io.BytesIO(content)) as archive:
             facts = json.loads(_member(archive, _FACTS))

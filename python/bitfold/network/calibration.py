@@ -5,6 +5,7 @@
 from __future__ import annotations
 
 import dataclasses
+import os
 from collections.abc import Iterable, Iterator, Mapping, Sequence
 from typing import Any
 
@@ -48,6 +49,11 @@ class Calibration:
         if isinstance(data, tf.data.Dataset):
             if data.cardinality().numpy() == tf.data.INFINITE_CARDINALITY:
                 raise ValueError("Need calibration data with an end, got a dataset without one")
+        elif isinstance(data, str | bytes | os.PathLike):
+            raise ValueError(
+                f"Need calibration data in arrays, a dataset or batches, got {data!r}; "
+                "bitfold.data reads files"
+            )
         elif not (_is_array(data) or isinstance(data, Iterable | Source)):
             raise ValueError(
                 f"Need calibration data in arrays, a dataset or batches, got {_type(data)}"

@@ -12,6 +12,7 @@ libraries set up the root logger without being asked.
 from __future__ import annotations
 
 import logging
+import os
 import re
 from collections.abc import Callable, Iterator, Sequence
 from typing import Any, TypeVar
@@ -158,6 +159,8 @@ def _level(line: str) -> int:
 
 
 def _described(model: Any) -> str:
+    if isinstance(model, str | os.PathLike):
+        return f"{os.fspath(model)!r}; keras.models.load_model reads a file"
     return f"{type(model).__name__} {getattr(model, 'name', '')!r}"
 
 

@@ -42,7 +42,7 @@ def read(source: bytes) -> Graph:
         if len(source) < 8 or source[4:8] != model_schema.IDENTIFIER:
             raise ValueError(
                 f"Need a file with the identifier {model_schema.IDENTIFIER!r} at byte 4, got "
-                f"{source[4:8]!r} in {len(source)} bytes"
+                f"{source[4:8]!r} in {len(source)} bytes{_way_in(source)}"
             )
         model = View.root(schema.Model, source)
         if model.number("Version") != model_schema.VERSION:
@@ -50,6 +50,18 @@ def read(source: bytes) -> Graph:
                 f"Need version {model_schema.VERSION} of the schema, got {model.number('Version')}"
             )
         return _graph(model, source)
+
+
+def _way_in(source: bytes) -> str:
+    """Return a way to read what is no model file, where there is one."""
+    if source.startswith(b"PK"):  # a zip archive
+        return (
+            "; Network.load reads what Network.save wrote, and Network.from_keras quantises the "
+            "model of a .keras file"
+        )
+    if source.startswith(b"\x89HDF"):
+        return "; Network.from_keras quantises the Keras model of an .h5 file"
+    return ""
 
 
 @contextlib.contextmanager

@@ -100,7 +100,8 @@ class Network:
 
         Raises:
             OSError: for a path that cannot be read.
-            ValueError: for a file that is damaged.
+            TypeError: for neither a path nor bytes.
+            ValueError: for a file that is damaged or of another kind.
             bitfold.UnsupportedModelError: for a sound file with what Bitfold does not compute,
                 listing every operator concerned.
 
@@ -114,6 +115,11 @@ class Network:
         """
         if isinstance(source, bytes | bytearray | memoryview):
             return cls(bytes(source))
+        if not isinstance(source, str | os.PathLike):
+            raise TypeError(
+                f"Need the path of a .tflite file, or its bytes, got {type(source).__name__}; "
+                "Network.from_keras quantises a Keras model"
+            )
         with open(source, "rb") as file:
             return cls(file.read())
 
@@ -153,10 +159,9 @@ class Network:
             >>> [(layer.name, layer.operator, layer.filter.dtype.name) for layer in network.layers]
             [('dense', 'FULLY_CONNECTED', 'int8')]
         """
-        names = [layer.name for layer in model.layers]
         if not is_trained(model):
             file = convert_keras(model, calibration, activation_bits=activation_bits)
-            return cls(file, known_names=names)
+            return cls(file, known_names=[layer.name for layer in model.layers])
         if calibration is not None or activation_bits != 8:
             raise ValueError(
                 "Need no calibration and activation_bits=8 for a model that was trained in "

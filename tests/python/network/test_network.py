@@ -340,6 +340,24 @@ def test_from_a_path_and_from_bytes(network, stored, tmp_path):
         Network.from_tflite(tmp_path / "nowhere.tflite")
 
 
+def test_the_other_way_in_is_named(network, tmp_path):
+    """A model, a file or data of one kind where another is taken."""
+    path = str(tmp_path / "file")
+    network.save(path)
+    with pytest.raises(ValueError, match=r"Network\.load reads what Network\.save wrote"):
+        Network.from_tflite(path)
+    (tmp_path / "file").write_bytes(network.model_file)
+    with pytest.raises(ValueError, match=r"a model file; Network\.from_tflite imports it"):
+        Network.load(path)
+    with pytest.raises(TypeError, match=r"got Sequential; Network\.from_keras quantises"):
+        Network.from_tflite(keras.Sequential())
+    with pytest.raises(ValueError, match=r"got 'm\.keras'; keras\.models\.load_model reads a file"):
+        Network.from_keras("m.keras", np.ones((4, 2)))
+    model = keras.Sequential([keras.Input((2,)), keras.layers.Dense(1)])
+    with pytest.raises(ValueError, match=r"got 'x\.npz'; bitfold\.data reads files"):
+        Network.from_keras(model, "x.npz")
+
+
 # ---- Evaluation ----------------------------------------------------------------------------------
 
 
