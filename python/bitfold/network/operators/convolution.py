@@ -34,7 +34,8 @@ class Convolution(WindowedStep):
             return
         outputs, height, width, inputs = node.inputs[1].shape
         channels = node.inputs[0].shape[3]
-        if min(node.inputs[1].shape) < 1 or channels % inputs or outputs % (channels // inputs):
+        groups = channels // inputs if inputs else 0
+        if min(node.inputs[1].shape) < 1 or not groups or channels % inputs or outputs % groups:
             yield f"need a filter for groups of the {channels} channels, got {node.inputs[1]}"
         yield from window_problems(node, height, width)
 

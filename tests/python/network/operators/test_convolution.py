@@ -91,6 +91,7 @@ def test_refusals():
     _refused("need a filter for groups of the 2 channels",
              filter=tensor([2, 2, 2, 3], "int8", 0.5, data=ones),
              bias=tensor([2], "int32", 0.25, data=np.ones(2)))  # fmt: skip
+    _refused("need a filter for groups of the 0 channels", x=tensor([1, 4, 4, 0], "int8", 0.5))
     _refused("need a bias of 3 elements", bias=tensor([2], "int32", 0.25, data=np.ones(2)))
     wide = tensor([1, 4, 4, 2], "int16", 0.5)
     _refused("need the bias of int64", x=wide)
