@@ -2,7 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Damaged model files take no memory and no time that their size does not justify.
 
-The long form: `tests/python/network/damage.py 0 1000000` with the tests' folders in PYTHONPATH.
+Those that are sound but say something else are refused, or compute what they say. The long forms:
+`tests/python/network/damage.py 0 1000000` and `changes.py 0 10000` there, with the tests' folders
+in PYTHONPATH.
 """
 
 from __future__ import annotations
@@ -22,6 +24,7 @@ from bitfold.network.model_packer import pack
 
 HERE = pathlib.Path(__file__).parent
 CASES = 3000
+CHANGED = 80
 
 
 def test_damaged_files():
@@ -31,6 +34,14 @@ def test_damaged_files():
     # Both ends are reached: damage that is seen, and damage that is none.
     assert "'refused'" in printed
     assert "'read'" in printed
+
+
+def test_changed_fields():
+    """Other shapes, scales, options, operands and constants: refused in words, or computed."""
+    code = "import changes; changes.main()"
+    printed = support.passes(forks.run(code, "0", str(CHANGED), python_path=str(HERE)))
+    for how_far in ("refused", "run", "equal"):
+        assert f"'{how_far}'" in printed
 
 
 def _shared(count: int, *, tensors: bool) -> bytes:
