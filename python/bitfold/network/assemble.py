@@ -17,11 +17,20 @@ import tensorflow as tf
 
 from bitfold.network.arithmetic import Arithmetic
 from bitfold.network.errors import UnsupportedModelError
-from bitfold.network.graph import Graph, Node, Operator, Tensor
+from bitfold.network.graph import MOST_ELEMENTS, Graph, Node, Operator, Tensor
 from bitfold.network.operators import folding, step_of
 
 _MODEST = 1 << 20
 _INPUTS = ("int8", "int16", "uint8", "int32", "float32")
+# What an operator's checks leave to numpy and to the stock ops, which say so in these.
+_MISFITS = (
+    ValueError,
+    TypeError,
+    IndexError,
+    ArithmeticError,
+    MemoryError,
+    tf.errors.OpError,
+)
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
@@ -90,8 +99,8 @@ class _Assembler:
             problems = self._unsupported(node)
             if not problems:
                 problems = self._fold(node) if folding.folds(node) else self._place(node)
-        except (ValueError, TypeError, IndexError, OverflowError, tf.errors.OpError) as error:
-            problems = [str(error).splitlines()[0]]
+        except _MISFITS as error:
+            problems = [_said(error)]
         for problem in problems:
             self._refuse(node, problem)
         if problems:
@@ -152,6 +161,8 @@ class _Assembler:
         for tensor, shape in zip(node.outputs, shapes, strict=True):
             if not shape.rank:
                 return [f"need a dimension for the images, got a scalar, {tensor}"]
+            if not shape[0]:
+                return [f"need rows for an image, got none, {shape} of {tensor}"]
             self.tensors[tensor.index] = dataclasses.replace(
                 tensor, shape=tuple(shape.as_list()), unknown=()
             )
@@ -162,11 +173,13 @@ class _Assembler:
     def _shape_problems(node: Node, shapes: Sequence[tf.TensorShape]) -> list[str]:
         if len(shapes) != len(node.outputs):
             return [f"need {len(shapes)} outputs, got {len(node.outputs)}"]
-        return [
-            f"need a known shape of {tensor}, got {shape}"
-            for tensor, shape in zip(node.outputs, shapes, strict=True)
-            if not shape.is_fully_defined()
-        ]
+        problems = []
+        for tensor, shape in zip(node.outputs, shapes, strict=True):
+            if not shape.is_fully_defined():
+                problems.append(f"need a known shape of {tensor}, got {shape}")
+            elif shape.num_elements() > MOST_ELEMENTS:
+                problems.append(f"need at most {MOST_ELEMENTS} elements of {tensor}, got {shape}")
+        return problems
 
     def _shapes(self, step, node: Node) -> list[tf.TensorShape]:
         """Return the shapes of a step's outputs for one image."""
@@ -183,9 +196,12 @@ class _Assembler:
 
     def check_ends(self) -> None:
         """Note which inputs and outputs cannot be those of a network."""
+        for what, ends in (("input", self.graph.inputs), ("output", self.graph.outputs)):
+            if not ends:
+                self.reasons.append(f"need an {what} of the network, got none")
         for index in self.graph.inputs:
             tensor = self.tensors[index]
-            if not tensor.shape:
+            if not tensor.shape or not tensor.shape[0]:
                 self.reasons.append(f"input {tensor}: need a first dimension for the images")
             if set(tensor.unknown) - {0}:
                 self.reasons.append(
@@ -203,3 +219,9 @@ class _Assembler:
             if tensor.is_quantised and tensor.quantisation.scales.size != 1:
                 scales = tensor.quantisation.scales.size
                 self.reasons.append(f"need one scale, got {scales}, for {tensor}")
+
+
+def _said(error: Exception) -> str:
+    """Return what an error says in its first line, without the node that it was asked about."""
+    lines = str(error).split(" for '{{node ")[0].splitlines()
+    return lines[0] if lines else type(error).__name__

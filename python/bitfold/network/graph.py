@@ -15,6 +15,9 @@ from typing import Any
 
 import numpy as np
 
+# The runtime's kernels count the elements of a tensor in 32 bits.
+MOST_ELEMENTS = 2**31 - 1
+
 
 @dataclasses.dataclass(frozen=True, eq=False)
 class Quantisation:

@@ -12,10 +12,9 @@ import numpy as np
 
 from bitfold.network import model_schema
 from bitfold.network.flat_file import View
-from bitfold.network.graph import Quantisation, Tensor
+from bitfold.network.graph import MOST_ELEMENTS, Quantisation, Tensor
 
-# The runtime's kernels count elements in 32 bits, and numpy has no more dimensions.
-_MOST_ELEMENTS = 2**31 - 1
+# numpy has no more.
 _MOST_DIMENSIONS = 32
 
 
@@ -83,8 +82,8 @@ def _shape(view: View) -> tuple[tuple[int, ...], tuple[int, ...]]:
         raise ValueError(f"Need a signature for {len(shape)} dimensions, got {len(signature)}")
     if any(size < 0 for size in shape) or any(size < -1 for size in signature):
         raise ValueError(f"Need dimensions of 0 or more, got {list(shape)} and {signature}")
-    if math.prod(max(size, 1) for size in shape) > _MOST_ELEMENTS:
-        raise ValueError(f"Need at most {_MOST_ELEMENTS} elements, got {list(shape)}")
+    if math.prod(max(size, 1) for size in shape) > MOST_ELEMENTS:
+        raise ValueError(f"Need at most {MOST_ELEMENTS} elements, got {list(shape)}")
     return shape, tuple(i for i, size in enumerate(signature) if size == -1)
 
 

@@ -85,12 +85,11 @@ def _without_suffix(part: str, known: Collection[str]) -> str:
 def _made_different(names: Sequence[str], order: Sequence[int]) -> list[str]:
     """Number the second and further ones of a name, in an order."""
     result = list(names)
-    taken = set()
+    given, taken, numbers = set(names), set(), dict.fromkeys(names, 1)
     for i in order:
-        number = 1
         while result[i] in taken:
-            number += 1
-            numbered = f"{names[i]}_{number}"
-            result[i] = numbered if numbered not in names else result[i]
+            numbers[names[i]] += 1
+            numbered = f"{names[i]}_{numbers[names[i]]}"
+            result[i] = numbered if numbered not in given else result[i]
         taken.add(result[i])
     return result

@@ -564,7 +564,9 @@ class Network:
         """
         if batch_size is None:
             shapes = [shape for layer in self.layers for shape in layer.output_shapes]
-            return evaluation.default_batch_size(max((int(np.prod(s)) for s in shapes), default=1))
+            size = evaluation.default_batch_size(max((int(np.prod(s)) for s in shapes), default=1))
+            rows = self.inputs[0].shape[0]
+            return max(size // rows, 1) * rows
         if batch_size < 1:
             raise ValueError(f"Need batch_size >= 1, got {batch_size}")
         return batch_size

@@ -116,7 +116,9 @@ def _addends(products: Products, low: int, high: int, shift: int) -> tuple[np.nd
 def _sums(products: Products, addends: np.ndarray) -> np.ndarray:
     """Return the sums of addends over the taps that lie in the image, [ways, outputs]."""
     by_tap = addends.sum(axis=2)
-    by_rows = np.tensordot(products.rows.astype(np.int64), by_tap, axes=1)
+    by_rows = by_tap
+    if products.rows is not None:
+        by_rows = np.tensordot(products.rows.astype(np.int64), by_tap, axes=1)
     columns = products.columns.astype(np.int64)
     return np.einsum("vw,rwo->rvo", columns, by_rows).reshape(-1, by_tap.shape[-1])
 

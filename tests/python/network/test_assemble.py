@@ -96,6 +96,7 @@ def test_arithmetic_on_shapes_is_folded():
     [
         ([tensor(0, (1, 4), scales=0.5, unknown=(0, 1))], r"leaves dimensions \[0, 1\] open"),
         ([tensor(0, (), scales=0.5)], "need a first dimension for the images"),
+        ([tensor(0, (0, 4), scales=0.5)], "need a first dimension for the images"),
         ([tensor(0, (1, 4), scales=quantisation(*[0.5] * 4, axis=1))], "need one scale, got 4"),
         ([tensor(0, (1, 4), "bool")], "need one of int8"),
     ],
@@ -106,6 +107,13 @@ def test_ends_that_cannot_be_are_refused(tensors, text):
         assemble(graph_of(tensors, []))
 
 
+def test_a_network_has_inputs_and_outputs():
+    """A file may say that there are none."""
+    for ends, text in (((), (0,)), "need an input of"), (((0,), ()), "need an output of"):
+        with pytest.raises(bitfold.UnsupportedModelError, match=f"{text} the network, got none"):
+            assemble(graph_of([tensor(0, (1, 4), scales=0.5)], [], *ends))
+
+
 def test_an_output_that_depends_on_nothing_is_refused():
     """A constant is no result."""
     tensors = [tensor(0, (1, 4), scales=0.5), tensor(1, (1, 4), scales=0.5, data=[[1, 2, 3, 4]])]
@@ -114,10 +122,27 @@ def test_an_output_that_depends_on_nothing_is_refused():
 
 
 def test_what_a_file_claims_takes_no_memory():
-    """Shapes are found without the elements: these would be a terabyte."""
-    tensors = [tensor(i, (1, 1 << 18, 1 << 18, 16), scales=0.5) for i in range(3)]
-    graph = graph_of(tensors, [Operator(0, "ADD", (0, 0), (1,), ADD)], outputs=(1,))
-    assert assemble(graph).tensors[1].shape == (1, 1 << 18, 1 << 18, 16)
+    """Shapes are found without the elements: these would be gigabytes, others more than counts."""
+    for sizes, text in (
+        ((1 << 10, 1 << 20), None),
+        ((1 << 18, 1 << 18), "need at most 2147483647"),
+    ):
+        graph = graph_of(
+            [tensor(i, (1, *sizes, 1), scales=0.5) for i in range(2)],
+            [Operator(0, "ADD", (0, 0), (1,), ADD)],
+        )
+        if text is None:
+            assert assemble(graph).tensors[1].shape == (1, *sizes, 1)
+            continue
+        with pytest.raises(bitfold.UnsupportedModelError, match=text):
+            assemble(graph)
+    padded = [
+        tensor(0, (1, 1 << 30), scales=0.5),
+        tensor(1, (2, 2), "int32", data=[[0, 0], [1, 1 << 29]]),
+        tensor(2, (1, 1), scales=0.5),
+    ]
+    mirrored = Operator(0, "MIRROR_PAD", (0, 1), (2,), {"mode": "SYMMETRIC"})
+    assert assemble(graph_of(padded, [mirrored])).tensors[2].shape == (1, 1 + 3 * (1 << 29))
 
 
 def test_images_of_several_rows_with_a_constant_run_one_by_one():
@@ -142,3 +167,5 @@ def test_images_of_several_rows_with_a_constant_run_one_by_one():
         np.testing.assert_array_equal(both[first : first + 3], alone)
     with pytest.raises(ValueError, match="a multiple of 3"):
         network(images[:4])
+    assert network.batch_size(None) % 3 == 0
+    np.testing.assert_array_equal(network.predict(images), both)

@@ -26,8 +26,9 @@ class Products:
             data, the least that its elements can be, less the zero point.
         greatest: the same with the greatest; the same array where weights are stored.
         rows: bool [ways, rows], the rows of a window that lie in the image, each way once that an
-            output has. Outputs have every way of rows with every way of columns.
-        columns: the same for columns.
+            output has; None where each row is a way of its own. Outputs have every way of rows with
+            every way of columns.
+        columns: bool [ways, columns], the same for columns.
         is_wide: whether exact sums are those of 64 bits.
         has_half_weights: whether the accelerator reads the weights as numbers of half the
             accumulator's width.
@@ -35,7 +36,7 @@ class Products:
 
     least: np.ndarray
     greatest: np.ndarray
-    rows: np.ndarray
+    rows: np.ndarray | None
     columns: np.ndarray
     is_wide: bool
     has_half_weights: bool = False
@@ -60,13 +61,19 @@ class Products:
     @property
     def met(self) -> np.ndarray:
         """Which taps any output meets, bool [rows, columns]."""
-        return self.rows.any(0)[:, None] & self.columns.any(0)
+        rows = np.ones(len(self.least), bool) if self.rows is None else self.rows.any(0)
+        return rows[:, None] & self.columns.any(0)
 
 
 def met_by_windows(axis: Axis) -> np.ndarray:
     """Return which taps of windows lie in the image, bool [ways, taps]."""
-    first = np.arange(axis.outputs)[:, None] * axis.stride - axis.padding[0]
-    return _ways(first + np.arange(axis.window) * axis.dilation, axis.size)
+    # The taps of a window that do are neighbours.
+    first = np.arange(axis.outputs) * axis.stride - axis.padding[0]
+    begins = np.maximum(-(first // axis.dilation), 0)
+    ends = np.minimum(-((first - axis.size) // axis.dilation), axis.window)
+    pairs = np.unique(np.stack([begins, np.maximum(begins, ends)], 1), axis=0)
+    taps = np.arange(axis.window)
+    return np.unique((pairs[:, :1] <= taps) & (taps < pairs[:, 1:]), axis=0)
 
 
 def met_by_spread(axis: Axis, size: int) -> np.ndarray:
@@ -77,14 +84,15 @@ def met_by_spread(axis: Axis, size: int) -> np.ndarray:
         size: of the data.
     """
     first = axis.window - 1 - axis.padding[0]
-    places = np.arange(axis.size)[:, None] + np.arange(axis.window) - first
-    pixels = np.where(places % axis.stride == 0, places // axis.stride, -1)
-    return _ways(pixels, size)
-
-
-def _ways(places: np.ndarray, size: int) -> np.ndarray:
-    """Return the different rows of places in [0, size) or not."""
-    return np.unique((places >= 0) & (places < size), axis=0)
+    # The last output whose window lies before the end of the spread data. Between both ends ways
+    # come again with every stride.
+    last = size * axis.stride + first - axis.window
+    ends = [np.arange(axis.window + axis.stride), np.arange(last, last + axis.window + 2)]
+    outputs = np.unique(np.concatenate(ends))
+    outputs = outputs[(outputs >= 0) & (outputs < axis.size)]
+    places = outputs[:, None] + np.arange(axis.window) - first
+    is_pixel = (places >= 0) & (places % axis.stride == 0) & (places < size * axis.stride)
+    return np.unique(is_pixel, axis=0)
 
 
 def scaled(products: np.ndarray, shift: int) -> np.ndarray:

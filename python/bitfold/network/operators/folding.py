@@ -8,6 +8,7 @@ A network computes an image by itself, so these sizes are known.
 
 from __future__ import annotations
 
+import math
 from collections.abc import Callable, Iterator
 
 import numpy as np
@@ -130,17 +131,26 @@ def problems(node: Node) -> Iterator[str]:
     """Yield why an operator that folds would take more than such arithmetic needs."""
     if node.kind == "SHAPE":
         return
-    for tensor in node.inputs:
-        if tensor.data.size > _MOST_OPERANDS:
-            yield f"need at most {_MOST_OPERANDS} elements, got {tensor}"
-    results = 0.0
-    if node.kind == "FILL" and len(node.inputs) == 2:
-        results = np.prod(node.inputs[0].data, dtype=np.float64)
-    if node.kind == "RANGE" and len(node.inputs) == 3:
-        start, limit, delta = (float(tensor.data.reshape(-1)[0]) for tensor in node.inputs)
-        results = (limit - start) / delta if delta else np.inf
+    # What has no elements can be long all the same, and with it the result of a reduction.
+    long = [t for t in node.inputs if math.prod(max(n, 1) for n in t.shape) > _MOST_OPERANDS]
+    yield from (f"need at most {_MOST_OPERANDS} elements, got {tensor}" for tensor in long)
+    results = 0 if long else _results(node)
     if results > _MOST_RESULTS:
         yield f"need at most {_MOST_RESULTS} elements as a result, got {results:.0f}"
+
+
+def _results(node: Node) -> float:
+    """Return how many elements the results have; 0 where the operands' sizes bound it."""
+    if node.kind == "FILL" and len(node.inputs) == 2:
+        return np.prod(node.inputs[0].data, dtype=np.float64)
+    if node.kind == "RANGE" and len(node.inputs) == 3:
+        start, limit, delta = (float(tensor.data.reshape(-1)[0]) for tensor in node.inputs)
+        return (limit - start) / delta if delta else np.inf
+    if node.kind in ("CONCATENATION", "PACK"):
+        return sum(tensor.data.size for tensor in node.inputs)
+    if node.kind in ("SELECT", "SELECT_V2"):
+        return math.prod(np.broadcast_shapes(*(tensor.shape for tensor in node.inputs)))
+    return 0
 
 
 def fold(node: Node) -> list[np.ndarray]:

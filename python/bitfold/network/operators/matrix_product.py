@@ -135,7 +135,7 @@ class MatrixProduct(SummingStep):
         return Products(
             least,
             greatest,
-            rows=np.eye(len(least), dtype=bool),
+            rows=None,
             columns=np.ones((1, 1), bool),
             is_wide=self._is_wide,
             has_half_weights=True,

@@ -79,14 +79,21 @@ class MirrorPad(Move):
 
     def move(self, images: Sequence[tf.Tensor]) -> list[tf.Tensor]:
         """Pad each image, one dimension after the other."""
-        mode = "reflect" if self._offset(self.node) else "symmetric"
-        result = images[0]
-        shape = self.node.inputs[0].shape
-        for axis, (size, padding) in enumerate(zip(shape, paddings_of(self.node), strict=True)):
-            if any(padding):
-                places = np.pad(np.arange(size, dtype=np.int32), padding, mode)
-                result = tf.gather(result, places, axis=axis + 1)
+        offset, result = self._offset(self.node), images[0]
+        pairs = zip(self.node.inputs[0].shape, paddings_of(self.node), strict=True)
+        for axis, (size, (before, after)) in enumerate(pairs, start=1):
+            if before or after:
+                front = _mirrored(result, axis, offset, before)
+                back = _mirrored(result, axis, size - offset - after, after)
+                result = tf.concat([front, result, back], axis)
         return [result]
+
+
+def _mirrored(images: tf.Tensor, axis: int, first: int, count: int) -> tf.Tensor:
+    """Return so many elements along an axis, the last one first."""
+    begin, size = [0] * images.shape.rank, [-1] * images.shape.rank
+    begin[axis], size[axis] = first, count
+    return tf.reverse(tf.slice(images, begin, size), [axis])
 
 
 def padding_problems(node: Node) -> Iterator[str]:

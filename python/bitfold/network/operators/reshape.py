@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import math
 from collections.abc import Iterator, Sequence
 
 import numpy as np
@@ -29,13 +30,13 @@ class Reshape(Step):
         yield from _checks.need_same_type(node, node.inputs[0], node.outputs[0])
         if node.input(1) is not None:
             yield from _checks.need_constant("the shape", node.input(1), ("int32", "int64"))
-        elements = int(np.prod(node.inputs[0].shape))
+        elements = math.prod(node.inputs[0].shape)
         try:
             shape = target(node)
         except ValueError as error:
             yield str(error)
             return
-        if int(np.prod(shape)) != elements:
+        if math.prod(shape) != elements:
             yield f"need a shape of {elements} elements, got {list(shape)}"
 
     def run(self, inputs: Sequence[tf.Tensor | None]) -> list[tf.Tensor]:
@@ -45,6 +46,8 @@ class Reshape(Step):
             # A number of the arithmetic on shapes; elsewhere the assembly refuses what has no
             # dimension for the images.
             return [tf.reshape(inputs[0], shape)]
+        if math.prod(shape[1:]):
+            return [tf.reshape(inputs[0], [-1, *shape[1:]])]
         images = tf.shape(inputs[0])[0] // self.node.inputs[0].shape[0]
         if inputs[0].shape[0] is not None:
             images = inputs[0].shape[0] // self.node.inputs[0].shape[0]
@@ -69,7 +72,7 @@ def target(node: Node) -> tuple[int, ...]:
     new = node.option("new_shape") if new is None else new
     if new is None:
         raise ValueError("need a shape, got none")
-    return _completed([int(size) for size in np.reshape(new, -1)], int(np.prod(shape)))
+    return _completed([int(size) for size in np.reshape(new, -1)], math.prod(shape))
 
 
 def _squeezed(shape: tuple[int, ...], axes: Sequence[int] | None) -> tuple[int, ...]:
@@ -90,7 +93,7 @@ def _expanded(shape: tuple[int, ...], axis: int) -> tuple[int, ...]:
 
 
 def _completed(shape: list[int], elements: int) -> tuple[int, ...]:
-    known = int(np.prod([size for size in shape if size != -1]))
+    known = math.prod(size for size in shape if size != -1)
     if min(shape, default=0) < -1 or shape.count(-1) > 1 or (-1 in shape and not known):
         raise ValueError(f"need a shape with at most one -1, got {shape}")
     return tuple(elements // known if size == -1 else size for size in shape)

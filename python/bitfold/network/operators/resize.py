@@ -21,6 +21,7 @@ from bitfold.network.operators import _checks
 from bitfold.network.operators._fixed_point import halved_away
 from bitfold.network.operators._moves import Move, need_elements, need_numbers, numbers
 from bitfold.network.operators._step import Step
+from bitfold.network.operators._windows import MODEST
 
 
 def size_problems(node: Node) -> Iterator[str]:
@@ -33,8 +34,9 @@ def size_problems(node: Node) -> Iterator[str]:
         *need_numbers("the size", size, 2, ("int32",)),
     ]
     yield from before
-    if not before and min(numbers(size)) < 1:
-        yield f"need a size above 0, got {numbers(size)}"
+    # Of each new row and column its place is kept.
+    if not before and not 1 <= min(numbers(size)) <= max(numbers(size)) <= MODEST:
+        yield f"need a size of 1 to {MODEST}, got {numbers(size)}"
     if node.option("align_corners") and node.option("half_pixel_centers"):
         yield "need align_corners or half_pixel_centers, got both"
 

@@ -51,6 +51,8 @@ def test_refusals():
     """Paddings below 0, beyond the mirror, of other ranks; a value in another scale."""
     x, out = tensor([1, 3], "int8", 0.5), [tensor([1, 5], "int8", 0.5)]
     assert_refused("need paddings of at least 0", "PAD", [x, constant([[0, 0], [3, -1]])], out)
+    assert_refused("need at most 2147483647 elements", "PAD",
+                   [x, constant([[0, 0], [2**31 - 1, 0]])], out)  # fmt: skip
     assert_refused("need 4 numbers for the paddings", "PAD", [x, constant([[1, 1]])], out)
     value = tensor([1], "int8", 0.25, data=[1])
     assert_refused("need one scale and zero point", "PADV2",

@@ -42,11 +42,13 @@ def test_nearest_of_floats():
 
 
 def test_refusals():
-    """Options that exclude one another, sizes of 0, places beyond the last pixel."""
+    """Options that exclude one another, sizes of 0 or without end, places beyond the last pixel."""
     x, out = tensor([1, 5, 5, 1], "int16", 0.5), [tensor([1, 1, 1, 1], "int16", 0.5)]
     both = {"align_corners": True, "half_pixel_centers": True}
     for kind in KINDS:
-        assert_refused("need a size above 0, got [0, 4]", kind, [x, constant([0, 4])], out)
+        for size in (0, (1 << 20) + 1):
+            assert_refused(f"need a size of 1 to 1048576, got [{size}, 4]", kind,
+                           [x, constant([size, 4])], out)  # fmt: skip
         assert_refused("need 2 numbers for the size", kind, [x, constant([4])], out)
     assert_refused("need align_corners or half_pixel_centers", KINDS[0], [x, constant([4, 4])], out,
                    both)  # fmt: skip
